@@ -13,29 +13,32 @@
  *   /prd/usr/fwupdate/controls/NAME.so   libraries of the product
  *   /usr/fwupdate/controls/NAME.so       libraries of the system image
  *
- * The file name is the whole declaration. NAME is the module's library name: the daemon hands it to setContext
- * and names the module by it. Two kinds of module are told apart by it:
+ * The file name is the whole declaration. NAME is the module's library name: the daemon hands it to
+ * setContext and names the module by it. Two kinds of module are told apart by it:
  *
  *   - NAME contains "EXT-" anywhere, in any mix of cases: an external module. Only setContext, the version
- *     functions, doUpdate(NAME, 0), getUpdateProgress and allUpdateDone are ever called; the library finds and
- *     checks its image itself, and takes no part in the unattended and the offered update.
- *   - any other NAME: a module with an identifier (getEMPID), whose images the daemon fetches, mounts and checks.
+ *     functions, doUpdate(NAME, 0), getUpdateProgress and allUpdateDone are ever called; the library finds
+ *     and checks its image itself, and takes no part in the unattended and the offered update.
+ *   - any other NAME: a module with an identifier (getEMPID), whose images the daemon fetches, mounts and
+ *     checks.
  *
  *
  * Results
  *
- * Every function returns int: 0 is success, any other value failure. A failure is logged by the daemon with the
- * value and, after doUpdate, with errno, so set errno to the cause. Nothing is retried. No exception may leave
- * a function (the daemon calls through C linkage), and no function may end the process, change its directory,
- * its signal handlers, its locale or its environment: the process is shared with every other module.
+ * Every function returns int: 0 is success, any other value failure. A failure is logged by the daemon with
+ * the value and, after doUpdate, with errno, so set errno to the cause. Nothing is retried. No exception may
+ * leave a function (the daemon calls through C linkage), and no function may end the process, change its
+ * directory, its signal handlers, its locale or its environment: the process is shared with every other
+ * module.
  *
  *
  * Threads
  *
- * A library must work when it is called on another thread than the one that loaded it. Loading, checks, updates
- * and notices each come from a different thread of the daemon, but one after the other for a given module, with
- * two exceptions: getUpdateProgress is called while doUpdate runs, and after a time-out (below) anything may be.
- * Make progress an atomic variable; guard the hardware with a mutex. Do not start threads that outlive a call.
+ * A library must work when it is called on another thread than the one that loaded it. Loading, checks,
+ * updates and notices each come from a different thread of the daemon, but one after the other for a given
+ * module, with two exceptions: getUpdateProgress is called while doUpdate runs, and after a time-out (below)
+ * anything may be. Make progress an atomic variable; guard the hardware with a mutex. Do not start threads
+ * that outlive a call.
  *
  *
  * Memory
@@ -47,14 +50,17 @@
  * Time, time-outs, power
  *
  *   - The daemon waits for doUpdate for the module's expected time plus two seconds. The expected time is
- *     "expected_time" of the image's information file (300 when it has none), in seconds; choose it with a margin.
- *   - A call that takes longer is reported as a time-out but not cancelled: it runs on, no longer covered by the
- *     update semaphore and the power lock, the updates of later modules wait behind it, and its result is lost.
- *   - An update that ends within a few milliseconds may be counted as timed out although it succeeded. Let every
- *     doUpdate take 100 ms or more.
- *   - The process may end, or the power be cut, between any two writes, also in the middle of doUpdate. The next
- *     start must cope: write in an order in which the old or the new firmware is complete at every moment, and
- *     let the next doUpdate start over or resume. Destructors and exit handlers do not run.
+ *     "expected_time" of the image's information file (300 when it has none), in seconds; choose it with a
+ *     margin.
+ *   - A call that takes longer is reported as a time-out but not cancelled: it runs on, no longer covered by
+ *     the update semaphore and the power lock, the updates of later modules wait behind it, and its result is
+ *     lost.
+ *   - doUpdate(NAME, 0) and doUpdate_decryption are called without a time-out; the rest holds for them too.
+ *   - An update that ends within a few milliseconds may be counted as timed out although it succeeded. Let
+ *     every doUpdate take 100 ms or more.
+ *   - The process may end, or the power be cut, between any two writes, also in the middle of doUpdate. The
+ *     next start must cope: write in an order in which the old or the new firmware is complete at every
+ *     moment, and let the next doUpdate start over or resume. Destructors and exit handlers do not run.
  *
  * The interface is frozen: names, types and numbers below do not change.
  */
@@ -64,7 +70,7 @@
 /* Size in bytes of every text buffer that the daemon passes to be filled, the terminator included. */
 #define TARNWICK_CONTROL_TEXT_SIZE 128
 
-/* Size in bytes of the version text that leads the content of an encrypted USB image; zero bytes fill it up. */
+/* Size in bytes of the version text at the head of an encrypted USB image's content, filled up with zeros. */
 #define TARNWICK_CONTROL_VERSION_HEADER_SIZE 64
 
 /* What checkVersion writes: 1 or more = install the offered version, 0 or less = not needed. */
@@ -73,8 +79,8 @@
 #define TARNWICK_CONTROL_VERDICT_OLDER (-1)
 
 /*
- * Values of `caller` that the daemon itself uses; a library seldom needs them. The whole range is 0 to 7:
- * 0 and 1 (with the context "USB") name an image on a USB stick, 1 to 3 a package, 4, 6 and 7 the system image,
+ * Values of `caller` that the daemon itself uses; a library seldom needs them. The whole range is 0 to 7: 0
+ * and 1 (with the context "USB") name an image on a USB stick, 1 to 3 a package, 4, 6 and 7 the system image,
  * 5 the sandbox area. Treat an unknown value like TARNWICK_CONTROL_CALLER_PACKAGE.
  */
 #define TARNWICK_CONTROL_CALLER_PACKAGE 2
@@ -94,25 +100,26 @@ extern "C" {
 
 /*
  * Required. Says who asks before the calls that follow: once after loading, then before every check, version
- * query and update. name is the library name; caller as above; context is a text that refines it, usually empty,
- * and may be null. A failure makes the update that would follow fail; elsewhere the result is not looked at.
- * It must be cheap and must not touch the hardware.
+ * query and update. name is the library name; caller as above; context is a text that refines it, usually
+ * empty, and may be null. A failure makes the update that would follow fail; elsewhere the result is not
+ * looked at. It must be cheap and must not touch the hardware.
  */
 TARNWICK_CONTROL_EXPORT int setContext(const char* name, int caller, char* context);
 
 /*
- * Required. Writes the module's identifier into out, a zeroed buffer of TARNWICK_CONTROL_TEXT_SIZE bytes. Called
- * once, when the module is loaded; not at all for an external module. The identifier consists of [0-9A-Za-z]
- * only and contains "emp" in lower case, as in "empTuner"; without its first "emp" it is the firmware name
- * ("Tuner"), after which images are named. The package is the file IDENTIFIER.img. A module whose identifier
- * breaks these rules is not updated. The result is not looked at: leave out empty to report a failure.
+ * Required. Writes the module's identifier into out, a zeroed buffer of TARNWICK_CONTROL_TEXT_SIZE bytes.
+ * Called once, when the module is loaded; not at all for an external module. The identifier consists of
+ * [0-9A-Za-z] only and contains "emp" in lower case, as in "empTuner"; without its first "emp" it is the
+ * firmware name ("Tuner"), after which images are named. The package is the file IDENTIFIER.img. A module
+ * whose identifier breaks these rules is not updated. The result is not looked at: leave out empty to report
+ * a failure.
  */
 TARNWICK_CONTROL_EXPORT int getEMPID(char* out);
 
 /*
- * Required. Writes the version that the hardware runs now into out, a buffer of TARNWICK_CONTROL_TEXT_SIZE bytes.
- * Read it from the hardware, not from a note of the last update: it is what tells whether an update worked.
- * Called on the thread that checks or asks, before and after updates.
+ * Required. Writes the version that the hardware runs now into out, a buffer of TARNWICK_CONTROL_TEXT_SIZE
+ * bytes. Read it from the hardware, not from a note of the last update: it is what tells whether an update
+ * worked. Called on the thread that checks or asks, before and after updates.
  */
 TARNWICK_CONTROL_EXPORT int getActiveVersion(char* out);
 
@@ -132,16 +139,17 @@ TARNWICK_CONTROL_EXPORT int checkVersion(const char* version, int* result);
 /*
  * Required. Installs the image and returns when the hardware holds it, verified. Two forms:
  *
- *   doUpdate(path, checksum)   path of the image file, mounted read-only, and "crc" of its information file. The
- *                              daemon has compared the file with that checksum; compare again what was read and
- *                              written. The checksum is a CRC with 32 bits, polynomial 0x01B23CA3, initial value
- *                              0, most significant bit first, nothing reflected, no final exclusive-or; it may be 0.
+ *   doUpdate(path, checksum)   path of the image file, mounted read-only, and "crc" of its information file.
+ *                              The daemon has compared the file with that checksum; compare again what was
+ *                              read and written. The checksum is a CRC with 32 bits, polynomial 0x01B23CA3,
+ *                              initial value 0, most significant bit first, nothing reflected, no final
+ *                              exclusive-or; it may be 0.
  *   doUpdate(NAME, 0)          NAME is the library name: find and check the image yourself. External modules
  *                              only ever see this form.
  *
- * Runs on a worker thread of its own; the updates of two modules do not overlap, but see "Time, time-outs, power"
- * for how long it may and must take and for what happens when it is interrupted. When it fails, the old firmware
- * must still work.
+ * Runs on a worker thread of its own; the updates of two modules do not overlap, but see "Time, time-outs,
+ * power" for how long it may and must take and for what happens when it is interrupted. When it fails, the
+ * old firmware must still work.
  */
 TARNWICK_CONTROL_EXPORT int doUpdate(const char* name, unsigned long value);
 
@@ -153,22 +161,23 @@ TARNWICK_CONTROL_EXPORT int doUpdate(const char* name, unsigned long value);
 TARNWICK_CONTROL_EXPORT int allUpdateDone(void);
 
 /*
- * Optional. Installs the content of an encrypted USB image: data points to length bytes after the version header,
- * decrypted in memory, its signature checked but nothing else. Check it like any input. length can be below 0
- * for a file that is too short; data is a valid pointer even then. Not called for an external module. Here the
- * daemon sets no time-out.
+ * Optional. Installs the content of an encrypted USB image: data points to length bytes after the version
+ * header, decrypted in memory, its signature checked but nothing else. Check it like any input. length can be
+ * below 0 for a file that is too short; data is a valid pointer even then. Not called for an external module.
+ * Here the daemon sets no time-out.
  */
 TARNWICK_CONTROL_EXPORT int doUpdate_decryption(const unsigned char* data, int length);
 
 /*
- * Optional. Writes the duration of an update in seconds into *out. Asked for encrypted USB images, which have no
- * information file; without it they are not offered. Not called for an external module.
+ * Optional. Writes the duration of an update in seconds into *out. Asked for encrypted USB images, which have
+ * no information file; without it they are not offered. Not called for an external module.
  */
 TARNWICK_CONTROL_EXPORT int getExpectedTime(int* out);
 
 /*
- * Optional. Writes the progress of the running update in percent, 0 to 100, never falling, into *out; 0 before
- * the first update. Called from another thread while doUpdate runs: return at once, never wait for the write.
+ * Optional. Writes the progress of the running update in percent, 0 to 100, never falling, into *out; 0
+ * before the first update. Called from another thread while doUpdate runs: return at once, never wait for the
+ * write.
  */
 TARNWICK_CONTROL_EXPORT int getUpdateProgress(unsigned int* out);
 

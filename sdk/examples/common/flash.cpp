@@ -1,0 +1,265 @@
+#include "flash.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <thread>
+#include <unistd.h>
+
+namespace
+{
+constexpr unsigned kSlots = 2;
+constexpr char kMagic[8] = {'F', 'L', 'A', 'S', 'H', 'H', 'D', '1'};
+
+// As it lies on the chip, in the byte order of the machine: a chip never changes machines.
+struct Header {
+    char magic[8];
+    std::uint32_t sequence;
+    std::uint32_t size; // of the firmware, in bytes
+    std::uint32_t crc;  // of the firmware
+    char version[SlottedFlash::kVersionSize];
+    std::uint32_t headerCrc; // of everything above
+};
+static_assert(sizeof(Header) == 88, "the layout on the chip has no gaps");
+
+class Descriptor
+{
+public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor()
+    {
+        const int kept = errno; // close() must not hide why the caller gives up
+        if (fd_ >= 0)
+            close(fd_);
+        errno = kept;
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    operator int() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+int fail(int error)
+{
+    errno = error;
+    return -1;
+}
+
+off_t headerOffset(unsigned slot)
+{
+    return static_cast<off_t>(slot * SlottedFlash::kBlockSize);
+}
+
+off_t slotOffset(unsigned slot)
+{
+    return static_cast<off_t>(kSlots * SlottedFlash::kBlockSize + slot * SlottedFlash::kSlotSize);
+}
+
+int writeAt(int chip, const void* data, std::size_t size, off_t offset)
+{
+    auto* bytes = static_cast<const unsigned char*>(data);
+    while (size > 0) {
+        const ssize_t written = pwrite(chip, bytes, size, offset);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return written == 0 ? fail(EIO) : -1;
+        bytes += written;
+        size -= static_cast<std::size_t>(written);
+        offset += written;
+    }
+    return 0;
+}
+
+int readAt(int chip, void* data, std::size_t size, off_t offset)
+{
+    auto* bytes = static_cast<unsigned char*>(data);
+    while (size > 0) {
+        const ssize_t got = pread(chip, bytes, size, offset);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return got == 0 ? fail(EIO) : -1;
+        bytes += got;
+        size -= static_cast<std::size_t>(got);
+        offset += got;
+    }
+    return 0;
+}
+
+std::uint32_t headerCrc(const Header& header)
+{
+    return systemCrc32(reinterpret_cast<const unsigned char*>(&header), offsetof(Header, headerCrc));
+}
+
+bool isValid(const Header& header)
+{
+    return std::memcmp(header.magic, kMagic, sizeof kMagic) == 0 && header.headerCrc == headerCrc(header) &&
+           header.size <= SlottedFlash::kSlotSize && header.version[sizeof header.version - 1] == '\0';
+}
+
+struct Active {
+    unsigned slot;
+    Header header;
+};
+
+// The newer of the valid headers. The difference is taken as signed, so that the sequence number may wrap.
+std::optional<Active> findActive(int chip)
+{
+    std::optional<Active> active;
+    for (unsigned slot = 0; slot < kSlots; ++slot) {
+        Header header{};
+        if (readAt(chip, &header, sizeof header, headerOffset(slot)) != 0)
+            return std::nullopt;
+        if (!isValid(header))
+            continue;
+        if (!active || static_cast<std::int32_t>(header.sequence - active->header.sequence) > 0)
+            active = Active{slot, header};
+    }
+    if (!active)
+        errno = ENODATA;
+    return active;
+}
+
+std::optional<std::vector<unsigned char>> readSlot(int chip, unsigned slot, std::size_t size,
+                                                   std::uint32_t crc)
+{
+    std::vector<unsigned char> firmware(size);
+    if (readAt(chip, firmware.data(), size, slotOffset(slot)) != 0)
+        return std::nullopt;
+    if (systemCrc32(firmware.data(), size) != crc) {
+        errno = EIO;
+        return std::nullopt;
+    }
+    return firmware;
+}
+
+Header makeHeader(std::uint32_t sequence, const std::string& version,
+                  const std::vector<unsigned char>& firmware)
+{
+    Header header{};
+    std::memcpy(header.magic, kMagic, sizeof kMagic);
+    header.sequence = sequence;
+    header.size = static_cast<std::uint32_t>(firmware.size());
+    header.crc = systemCrc32(firmware.data(), firmware.size());
+    version.copy(header.version, sizeof header.version - 1);
+    header.headerCrc = headerCrc(header);
+    return header;
+}
+
+int writeHeader(int chip, unsigned slot, const Header& header)
+{
+    if (writeAt(chip, &header, sizeof header, headerOffset(slot)) != 0)
+        return -1;
+    return fdatasync(chip);
+}
+} // namespace
+
+std::uint32_t systemCrc32(const unsigned char* data, std::size_t size, std::uint32_t previous)
+{
+    static const auto table = [] {
+        std::array<std::uint32_t, 256> remainders{};
+        for (std::uint32_t byte = 0; byte < remainders.size(); ++byte) {
+            std::uint32_t rest = byte << 24;
+            for (int bit = 0; bit < 8; ++bit)
+                rest = (rest & 0x80000000U) != 0 ? (rest << 1) ^ 0x01B23CA3U : rest << 1;
+            remainders[byte] = rest;
+        }
+        return remainders;
+    }();
+    for (std::size_t i = 0; i < size; ++i)
+        previous = (previous << 8) ^ table[(previous >> 24) ^ data[i]];
+    return previous;
+}
+
+SlottedFlash::SlottedFlash(std::string path, std::chrono::milliseconds blockTime)
+    : path_(std::move(path)), blockTime_(blockTime)
+{
+}
+
+std::optional<std::string> SlottedFlash::activeVersion() const
+{
+    const Descriptor chip(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+    if (chip < 0)
+        return std::nullopt;
+    const auto active = findActive(chip);
+    if (!active)
+        return std::nullopt;
+    return std::string(active->header.version);
+}
+
+std::optional<std::vector<unsigned char>> SlottedFlash::activeFirmware() const
+{
+    const Descriptor chip(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+    if (chip < 0)
+        return std::nullopt;
+    const auto active = findActive(chip);
+    if (!active)
+        return std::nullopt;
+    return readSlot(chip, active->slot, active->header.size, active->header.crc);
+}
+
+int SlottedFlash::program(const std::string& version, const std::vector<unsigned char>& firmware,
+                          const Progress& progress) const
+{
+    if (firmware.size() > kSlotSize)
+        return fail(EFBIG);
+    if (version.empty() || version.size() >= kVersionSize)
+        return fail(EINVAL);
+    const Descriptor chip(open(path_.c_str(), O_RDWR | O_CLOEXEC));
+    if (chip < 0)
+        return -1;
+    // The lock goes with the descriptor, so a killed process leaves none behind. Not waiting: a caller that
+    // was given up on may still be writing, and queueing behind it would only hide that.
+    if (flock(chip, LOCK_EX | LOCK_NB) != 0)
+        return fail(errno == EWOULDBLOCK ? EBUSY : errno);
+    return programLocked(chip, version, firmware, progress);
+}
+
+int SlottedFlash::programLocked(int chip, const std::string& version,
+                                const std::vector<unsigned char>& firmware, const Progress& progress) const
+{
+    const auto active = findActive(chip);
+    if (!active && errno != ENODATA)
+        return -1;
+    const unsigned slot = active ? 1 - active->slot : 0;
+    const std::uint32_t sequence = active ? active->header.sequence + 1 : 1;
+
+    // The slot's old header goes first, for good: were the active header ever lost, a half-written slot must
+    // not pass for firmware.
+    if (writeHeader(chip, slot, Header{}) != 0 || writeSlot(chip, slot, firmware, progress) != 0)
+        return -1;
+    const Header header = makeHeader(sequence, version, firmware);
+    if (!readSlot(chip, slot, firmware.size(), header.crc))
+        return -1;
+    return writeHeader(chip, slot, header);
+}
+
+int SlottedFlash::writeSlot(int chip, unsigned slot, const std::vector<unsigned char>& firmware,
+                            const Progress& progress) const
+{
+    const std::size_t total = (firmware.size() + kBlockSize - 1) / kBlockSize;
+    for (std::size_t block = 0; block < total; ++block) {
+        const std::size_t offset = block * kBlockSize;
+        const std::size_t size = std::min(kBlockSize, firmware.size() - offset);
+        if (writeAt(chip, firmware.data() + offset, size, slotOffset(slot) + static_cast<off_t>(offset)) != 0)
+            return -1;
+        std::this_thread::sleep_for(blockTime_);
+        if (progress)
+            progress(block + 1, total);
+    }
+    return fdatasync(chip); // before the header that vouches for these blocks
+}
+
+int SlottedFlash::create() const
+{
+    const Descriptor chip(open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    if (chip < 0)
+        return -1;
+    return ftruncate(chip, slotOffset(kSlots));
+}

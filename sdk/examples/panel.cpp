@@ -1,0 +1,61 @@
+// The display panel: its firmware is shipped in the system image, under /lib/firmware/ext/Panel.
+#include "common/firmware.h"
+
+#include <cerrno>
+#include <cstring>
+#include <tarnwick/control.h>
+
+namespace
+{
+constexpr char kName[] = "panel";          // of the library file, and of the hardware
+constexpr char kIdentifier[] = "empPanel"; // images are named Panel
+constexpr int kExpectedSeconds = 6;        // twice of what a full image takes
+
+Firmware firmware{kName, std::chrono::milliseconds(25)};
+} // namespace
+
+int setContext(const char*, int, char*)
+{
+    return 0; // the same work for every caller
+}
+
+int getEMPID(char* out)
+{
+    std::strcpy(out, kIdentifier);
+    return 0;
+}
+
+int getActiveVersion(char* out)
+{
+    return firmware.activeVersion(out);
+}
+
+int checkVersion(const char* version, int* result)
+{
+    return firmware.checkVersion(version, result);
+}
+
+int doUpdate(const char* name, unsigned long value)
+{
+    if (std::strcmp(name, kName) == 0) { // "find the image yourself": this module has no place to look
+        errno = ENOTSUP;
+        return -1;
+    }
+    return firmware.updateFromFile(name, value);
+}
+
+int doUpdate_decryption(const unsigned char* data, int length)
+{
+    return firmware.updateFromMemory(data, length);
+}
+
+int getExpectedTime(int* out)
+{
+    *out = kExpectedSeconds;
+    return 0;
+}
+
+int getUpdateProgress(unsigned int* out)
+{
+    return firmware.progress(out);
+}
