@@ -1,0 +1,139 @@
+#include "files.h"
+
+#include "command.h"
+#include "fw-update-symbol.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <gio/gio.h>
+#include <memory>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+template <typename T, void (*release)(T*)>
+struct Releaser {
+    void operator()(T* pointer) const { release(pointer); }
+};
+using Error = std::unique_ptr<GError, Releaser<GError, g_error_free>>;
+using Environment = std::unique_ptr<char*, Releaser<char*, g_strfreev>>;
+
+struct TextReleaser {
+    void operator()(char* text) const { g_free(text); }
+};
+using Text = std::unique_ptr<char, TextReleaser>;
+
+[[noreturn]] void failOn(const fs::path& path, const std::string& action)
+{
+    throw Failure("cannot " + action + " " + path.string() + ": " + std::strerror(errno));
+}
+
+std::vector<char*> pointersTo(const std::vector<std::string>& arguments)
+{
+    std::vector<char*> pointers;
+    for (const std::string& argument : arguments)
+        pointers.push_back(const_cast<char*>(argument.c_str())); // the call is of C, and leaves them alone
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// mksquashfs takes its times from this variable as well, and then refuses those of its command line.
+Environment reproducibleEnvironment()
+{
+    return Environment(g_environ_unsetenv(g_get_environ(), "SOURCE_DATE_EPOCH"));
+}
+} // namespace
+
+void requireReadable(const fs::path& path)
+{
+    std::error_code error;
+    const fs::file_status status = fs::status(path, error);
+    if (status.type() == fs::file_type::not_found)
+        throw Failure(path.string() + " does not exist: check the path");
+    if (error)
+        throw Failure("cannot look at " + path.string() + ": " + error.message());
+    if (!fs::is_regular_file(status))
+        throw Failure(path.string() + " is not a file: name the image or information file itself");
+    if (!std::ifstream(path))
+        failOn(path, "read");
+}
+
+unsigned int imageChecksum(const fs::path& path)
+{
+    requireReadable(path); // the daemon's own function answers 0 for a file that it cannot open
+    return FWUpdateSymbol("fwmod").getBinaryCRC32(path);
+}
+
+NewFile::NewFile(fs::path target)
+    : target_(std::move(target)), unfinished_(target_.string() + "." + std::to_string(getpid()) + ".new")
+{
+    if (fs::is_directory(target_))
+        throw Failure(target_.string() + " is a directory: name the file to write");
+}
+
+NewFile::~NewFile()
+{
+    std::error_code ignored; // after commit() there is none
+    fs::remove(unfinished_, ignored);
+}
+
+void NewFile::commit()
+{
+    std::error_code error;
+    fs::rename(unfinished_, target_, error);
+    if (error)
+        throw Failure("cannot write " + target_.string() + ": " + error.message());
+}
+
+ScratchDirectory::ScratchDirectory()
+{
+    GError* raw = nullptr;
+    const Text made(g_dir_make_tmp("fwmod-XXXXXX", &raw));
+    const Error error(raw);
+    if (!made)
+        throw Failure(std::string("cannot make a temporary directory: ") + error->message);
+    path_ = made.get();
+}
+
+ScratchDirectory::~ScratchDirectory()
+{
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+}
+
+void writeText(const fs::path& path, const std::string& text)
+{
+    NewFile file(path);
+    errno = 0;
+    std::ofstream out(file.path(), std::ios::binary);
+    out << text;
+    out.close();
+    if (!out)
+        failOn(path, "write");
+    file.commit();
+}
+
+void runProgram(const std::vector<std::string>& arguments, const std::string& package)
+{
+    GError* raw = nullptr;
+    char* rawErrors = nullptr;
+    int status = 0;
+    const auto flags = static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_STDOUT_TO_DEV_NULL);
+    const gboolean started =
+        g_spawn_sync(nullptr, pointersTo(arguments).data(), reproducibleEnvironment().get(), flags, nullptr,
+                     nullptr, nullptr, &rawErrors, &status, &raw);
+    const Text errors(rawErrors);
+    Error error(raw);
+    if (started == FALSE && g_error_matches(raw, G_SPAWN_ERROR, G_SPAWN_ERROR_NOENT) != FALSE)
+        throw Failure(arguments[0] + " was not found: install " + package);
+    if (started == FALSE)
+        throw Failure("cannot start " + arguments[0] + ": " + error->message);
+    GError* rawExit = nullptr;
+    if (g_spawn_check_wait_status(status, &rawExit) != FALSE)
+        return;
+    error.reset(rawExit);
+    throw Failure(arguments[0] + " failed (" + error->message + "):\n" + (errors ? errors.get() : ""));
+}

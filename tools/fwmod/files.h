@@ -1,0 +1,53 @@
+// Files and programs, with errors in words. Everything throws Failure.
+#ifndef FWMOD_FILES_H
+#define FWMOD_FILES_H
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+// Throws unless `path` is a regular file that can be read.
+void requireReadable(const std::filesystem::path& path);
+
+// The checksum that the daemon computes over the file.
+unsigned int imageChecksum(const std::filesystem::path& path);
+
+// A file that appears under its name only when it is complete: write to `path()`, then `commit()`. What was
+// not committed is removed.
+class NewFile
+{
+public:
+    explicit NewFile(std::filesystem::path target);
+    ~NewFile();
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    const std::filesystem::path& path() const { return unfinished_; }
+    void commit();
+
+private:
+    std::filesystem::path target_;
+    std::filesystem::path unfinished_;
+};
+
+// A private directory, removed with all it holds.
+class ScratchDirectory
+{
+public:
+    ScratchDirectory();
+    ~ScratchDirectory();
+    ScratchDirectory(const ScratchDirectory&) = delete;
+    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+void writeText(const std::filesystem::path& path, const std::string& text);
+
+// Runs a program found in PATH and waits for it. `package` is what to install when it is missing.
+void runProgram(const std::vector<std::string>& arguments, const std::string& package);
+
+#endif

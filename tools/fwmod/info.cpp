@@ -1,0 +1,71 @@
+// fwmod info: writes an information file, or checks one with the daemon's own code.
+#include "command.h"
+#include "files.h"
+#include "information.h"
+
+#include <cstdio>
+#include <memory>
+
+namespace
+{
+constexpr unsigned int kLongestTime = 24 * 60 * 60; // seconds; longer ones are slips of the keyboard
+
+struct Options {
+    std::string version;
+    std::string image;
+    unsigned int expectedTime = 300; // what the daemon takes when the file does not say
+    std::string uiUse = "none";
+    std::string output;
+    std::string check;
+};
+
+int check(const Options& options)
+{
+    const auto image =
+        options.image.empty() ? std::nullopt : std::optional<std::filesystem::path>(options.image);
+    const InformationReport report = checkInformation(options.check, image);
+    std::fputs(formatReport(options.check, report).c_str(), stdout);
+    return report.accepted ? 0 : 1;
+}
+
+int write(const Options& options)
+{
+    if (options.version.empty() || options.image.empty())
+        throw WrongUse("give --version and --image to write an information file, or --check to check one");
+    FWInformation values;
+    values.version = options.version;
+    values.crc = imageChecksum(options.image);
+    values.expected_time = options.expectedTime;
+    values.ui_use = options.uiUse;
+    const std::string text = formatInformation(values);
+    if (options.output.empty())
+        std::fputs(text.c_str(), stdout);
+    else
+        writeText(options.output, text);
+    return 0;
+}
+} // namespace
+
+Run defineInfo(CLI::App& app)
+{
+    auto options = std::make_shared<Options>();
+    CLI::Option* checked = app.add_option("--check", options->check, "Check this information file");
+    app.add_option("--image", options->image, "The image that the file describes");
+    CLI::Option* writing[] = {
+        app.add_option("--version", options->version,
+                       "Version of the image, as checkVersion is asked about it"),
+        app.add_option("--expected-time", options->expectedTime,
+                       "Seconds that the update may take, with a margin (default 300)")
+            ->check(CLI::Range(1U, kLongestTime)),
+        app.add_option("--ui-use", options->uiUse, "What the upgrade screen does with it (default none)")
+            ->check(CLI::IsMember({"select", "force", "none"})),
+        app.add_option("-o,--output", options->output, "File to write (default: standard output)"),
+    };
+    for (CLI::Option* option : writing)
+        option->excludes(checked);
+    app.footer("An image in the system image needs --ui-use select or force.\n"
+               "Examples:\n"
+               "  fwmod info --version 1.1 --image Tuner.bin --expected-time 8 --ui-use select -o info.json\n"
+               "  fwmod info --check info.json --image Tuner.bin");
+    return [options] { return options->check.empty() ? write(*options) : check(*options); };
+}

@@ -1,0 +1,61 @@
+// fwmod: what a maker of firmware modules needs on a PC. No privileges, no television.
+#include "command.h"
+
+#include <cstdio>
+#include <vector>
+
+namespace
+{
+constexpr Command kCommands[] = {
+    {"crc", "Checksum of an image, as the daemon computes it", defineCrc},
+    {"info", "Write or check an information file (info.json)", defineInfo},
+    {"package", "Make the package (ID.img) that the daemon mounts", definePackage},
+};
+
+struct Choice {
+    CLI::App* app;
+    Run run;
+};
+
+int runChosen(const std::vector<Choice>& choices)
+{
+    for (const Choice& choice : choices) {
+        if (choice.app->parsed())
+            return choice.run();
+    }
+    return 2; // CLI11 has insisted on a command
+}
+
+int report(const std::exception& error, int status)
+{
+    std::fprintf(stderr, "fwmod: %s\n", error.what());
+    return status;
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app("Makes and checks what a firmware module consists of.", "fwmod");
+    app.require_subcommand(1);
+    app.footer("Examples:\n"
+               "  fwmod crc Tuner.bin\n"
+               "  fwmod info --version 1.1 --image Tuner.bin --expected-time 8 -o info.json\n"
+               "  fwmod package --image Tuner.bin --info info.json --id empTuner -o empTuner.img\n"
+               "\"fwmod COMMAND --help\" says more. Exit status: 0 done, 1 failed or refused, 2 wrong use.");
+    std::vector<Choice> choices;
+    for (const Command& command : kCommands) {
+        CLI::App* sub = app.add_subcommand(command.name, command.summary);
+        choices.push_back({sub, command.define(*sub)});
+    }
+    try {
+        app.parse(argc, argv);
+        const int status = runChosen(choices);
+        return std::fflush(stdout) == 0 ? status : throw Failure("cannot write to standard output");
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2; // --help is no error
+    } catch (const WrongUse& error) {
+        return report(error, 2);
+    } catch (const std::exception& error) {
+        return report(error, 1);
+    }
+}

@@ -1,0 +1,106 @@
+// fwmod package: the file system image that the daemon mounts read-only to find a module's image. The same
+// input gives the same bytes, on every machine and at any time.
+#include "command.h"
+#include "files.h"
+#include "information.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+struct Options {
+    std::string image;
+    std::string information;
+    std::string identifier;
+    std::string output;
+};
+
+bool isAsciiAlphanumeric(char c)
+{
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+// The name of the firmware: the identifier without its first "emp".
+std::string firmwareName(const std::string& identifier)
+{
+    if (!std::all_of(identifier.begin(), identifier.end(), isAsciiAlphanumeric))
+        throw WrongUse("--id " + identifier + ": the daemon refuses anything but ASCII letters and digits");
+    if (identifier.size() >= 128)
+        throw WrongUse("--id: at most 127 characters, getEMPID has room for no more");
+    const std::size_t at = identifier.find("emp");
+    if (at == std::string::npos)
+        throw WrongUse("--id " + identifier + ": it must contain \"emp\" in lower case, as in empTuner");
+    const std::string name = std::string(identifier).erase(at, 3);
+    if (name.empty())
+        throw WrongUse("--id emp: nothing is left to name the firmware; use something like empTuner");
+    return name;
+}
+
+void copyInto(const fs::path& from, const fs::path& to)
+{
+    std::error_code error;
+    fs::copy_file(from, to, error);
+    if (!error)
+        fs::permissions(to, fs::perms(0644), error); // not those of the maker's file: reproducible
+    if (error)
+        throw Failure("cannot copy " + from.string() + ": " + error.message());
+}
+
+void refuseOverwriting(const Options& options, const fs::path& output)
+{
+    std::error_code ignored; // a file that is not there yet is none of them
+    for (const fs::path input : {options.image, options.information}) {
+        if (fs::equivalent(input, output, ignored))
+            throw WrongUse("-o " + output.string() + " would overwrite an input; choose another name");
+    }
+}
+
+// Times, owners and modes are fixed; one block size and compressor that every set's kernel reads.
+void makeFileSystem(const fs::path& tree, const fs::path& output)
+{
+    runProgram({"mksquashfs", tree, output, "-noappend", "-no-progress", "-quiet", "-no-xattrs", "-all-root",
+                "-root-mode", "0755", "-all-time", "0", "-mkfs-time", "0", "-comp", "gzip", "-b", "131072"},
+               "squashfs-tools");
+}
+
+int package(const Options& options)
+{
+    const std::string firmware = firmwareName(options.identifier);
+    const fs::path output = options.output.empty() ? options.identifier + ".img" : options.output;
+    const InformationReport report = checkInformation(options.information, fs::path(options.image));
+    if (!report.accepted)
+        throw Failure("the daemon would refuse the package:\n" + formatReport(options.information, report));
+    refuseOverwriting(options, output);
+
+    const ScratchDirectory tree;
+    copyInto(options.image, tree.path() / (firmware + ".bin"));
+    copyInto(options.information, tree.path() / "info.json");
+    NewFile result(output);
+    makeFileSystem(tree.path(), result.path());
+    result.commit();
+    std::printf("%s: %s.bin and info.json, version %s, crc %u\n", output.c_str(), firmware.c_str(),
+                report.values.version.c_str(), static_cast<unsigned int>(report.values.crc));
+    if (output.filename() != options.identifier + ".img")
+        std::fprintf(stderr, "fwmod: note: the daemon looks for the package under the name %s.img\n",
+                     options.identifier.c_str());
+    return 0;
+}
+} // namespace
+
+Run definePackage(CLI::App& app)
+{
+    auto options = std::make_shared<Options>();
+    app.add_option("--image", options->image, "The firmware image; called NAME.bin in the package")
+        ->required();
+    app.add_option("--info", options->information, "Its information file (fwmod info)")->required();
+    app.add_option("--id", options->identifier, "The module's identifier, as getEMPID writes it")->required();
+    app.add_option("-o,--output", options->output, "File to write (default ID.img)");
+    app.footer("NAME is the identifier without its first \"emp\".\n"
+               "Example:\n"
+               "  fwmod package --image Tuner.bin --info info.json --id empTuner -o empTuner.img");
+    return [options] { return package(*options); };
+}
