@@ -123,7 +123,7 @@ FWUpdateSymbol::~FWUpdateSymbol()
     }
 }
 
-int FWUpdateSymbol::loadSymbol(const std::string libraryName)
+int FWUpdateSymbol::loadSymbol(const std::string& libraryName)
 {
     if (libraryName.empty()) {
         return -1;

@@ -52,7 +52,7 @@ public:
 
     // Opens the library, binds its entry points and derives the module's names. 0 on success, -1 on
     // failure; a failed module keeps what was bound. To be called once.
-    int loadSymbol(const std::string libraryName);
+    int loadSymbol(const std::string& libraryName);
     // Asks the library for its package identifier. -1 when it is empty or holds more than ASCII letters
     // and digits; `out` holds what the library wrote in either case.
     int getEMPID(std::string& out);
