@@ -72,6 +72,10 @@ NewFile::NewFile(fs::path target)
 {
     if (fs::is_directory(target_))
         throw Failure(target_.string() + " is a directory: name the file to write");
+    const fs::path directory = target_.has_parent_path() ? target_.parent_path() : ".";
+    if (!fs::is_directory(directory))
+        throw Failure("cannot write " + target_.string() + ": make the directory " + directory.string() +
+                      " first");
 }
 
 NewFile::~NewFile()

@@ -46,6 +46,12 @@ int fail(int error)
     return -1;
 }
 
+std::nullopt_t notAnImage()
+{
+    errno = EBADMSG;
+    return std::nullopt;
+}
+
 // No exception may reach the daemon; those of this code mean that memory ran out.
 template <typename Operation>
 int guarded(Operation operation) noexcept
@@ -86,26 +92,24 @@ std::vector<unsigned char> formatImage(const Image& image)
 
 std::optional<Image> parseImage(const unsigned char* data, std::size_t size)
 {
-    errno = EBADMSG;
-    const unsigned char* lineEnd = std::find(data, data + std::min(size, kLineSize), '\n');
-    if (size == 0 || lineEnd == data + std::min(size, kLineSize))
-        return std::nullopt;
+    const unsigned char* lineLimit = data + std::min(size, kLineSize);
+    const unsigned char* lineEnd = std::find(data, lineLimit, '\n');
+    if (lineEnd == lineLimit)
+        return notAnImage();
     const std::string line(data, lineEnd);
     char hardware[32];
     char version[SlottedFlash::kVersionSize];
     std::size_t payloadSize = 0;
     unsigned int crc = 0;
     if (std::sscanf(line.c_str(), "%31s %63s %zu %8x", hardware, version, &payloadSize, &crc) != 4)
-        return std::nullopt;
+        return notAnImage();
 
     Image image{hardware, version, {lineEnd + 1, data + size}};
     // Written back, it must be the same bytes: one comparison for size, checksum and everything sscanf lets
     // pass.
     const std::vector<unsigned char> again = formatImage(image);
-    if (image.payload.empty() || again.size() != size || !std::equal(again.begin(), again.end(), data)) {
-        errno = EBADMSG;
-        return std::nullopt;
-    }
+    if (image.payload.empty() || again.size() != size || !std::equal(again.begin(), again.end(), data))
+        return notAnImage();
     return image;
 }
 

@@ -1,0 +1,286 @@
+// fwmod as a maker types it: the program itself, its output and its exit status.
+#include "temporary-directory.h"
+
+#include <gio/gio.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+struct Outcome {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+std::string take(char* text)
+{
+    std::string taken = text != nullptr ? text : "";
+    g_free(text);
+    return taken;
+}
+
+Outcome runProgram(std::vector<std::string> arguments, const std::string& directory)
+{
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments)
+        pointers.push_back(argument.data());
+    pointers.push_back(nullptr);
+    char* out = nullptr;
+    char* err = nullptr;
+    int status = -1;
+    g_spawn_sync(directory.c_str(), pointers.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out,
+                 &err, &status, nullptr);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, take(out), take(err)};
+}
+
+class Fwmod : public testing::Test
+{
+protected:
+    Outcome fwmod(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), FWMOD);
+        return runProgram(arguments, directory.path());
+    }
+    Outcome check(const std::string& json, std::vector<std::string> more = {})
+    {
+        writeBytes(directory / "info.json", json);
+        more.insert(more.begin(), {"info", "--check", "info.json"});
+        return fwmod(more);
+    }
+    void makeInformation()
+    {
+        writeBytes(directory / "Tuner.bin", std::string(100000, 'x'));
+        ASSERT_EQ(fwmod({"info", "--version", "1.1", "--image", "Tuner.bin", "-o", "info.json"}).status, 0);
+    }
+    std::vector<std::string> packageAs(const std::string& identifier)
+    {
+        return {"package", "--image", "Tuner.bin", "--info", "info.json", "--id", identifier};
+    }
+    // Names in the directory, sorted: nothing half-written may stay.
+    std::vector<std::string> names()
+    {
+        std::vector<std::string> found;
+        for (const auto& entry : fs::directory_iterator(directory.path()))
+            found.push_back(entry.path().filename());
+        std::sort(found.begin(), found.end());
+        return found;
+    }
+
+    TemporaryDirectory directory;
+};
+
+// ---- crc ----
+
+TEST_F(Fwmod, CrcPrintsTheDaemonsChecksum)
+{
+    writeBytes(directory / "one", "\x01");
+    writeBytes(directory / "none", "");
+    const Outcome outcome = fwmod({"crc", "one", "none"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out, "28458147 0x01b23ca3 one\n0 0x00000000 none\n");
+}
+
+TEST_F(Fwmod, CrcOfWhatIsNoFileFails)
+{
+    const Outcome missing = fwmod({"crc", "nowhere"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.err, "fwmod: nowhere does not exist: check the path\n");
+    EXPECT_EQ(fwmod({"crc", "."}).status, 1);
+}
+
+// ---- info ----
+
+TEST_F(Fwmod, WrittenInformationIsAcceptedByTheCheck)
+{
+    writeBytes(directory / "Tuner.bin", "\x01");
+    const std::vector<std::string> arguments{
+        "info", "--version", "1.1",    "--image", "Tuner.bin", "--expected-time",
+        "8",    "--ui-use",  "select", "-o",      "info.json"};
+    ASSERT_EQ(fwmod(arguments).status, 0);
+    EXPECT_EQ(readBytes(directory / "info.json"),
+              "{\n    \"crc\" : 28458147,\n    \"expected_time\" : 8,\n    \"ui_use\" : \"select\",\n"
+              "    \"version\" : \"1.1\"\n}\n");
+    const Outcome outcome = fwmod({"info", "--check", "info.json", "--image", "Tuner.bin"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr("The daemon accepts info.json."), Not(HasSubstr("warning"))));
+}
+
+struct InformationCase {
+    const char* json;
+    int status;
+    const char* line; // one line of the report
+};
+
+constexpr InformationCase kInformation[] = {
+    {R"({"version":"1.2"})", 0, "warning: expected_time -: absent: the daemon takes 300 seconds"},
+    {R"({"version":"1.2"})", 0, "the daemon logs: Warn: json does not have ui_use tag (info.json)"},
+    {R"({})", 0, R"(warning: version -: absent: the daemon takes "0000")"},
+    {R"({"version":1.10})", 0, R"(the daemon takes "1.1)"},
+    {R"({"version":[]})", 1, "refused: version []"},
+    {R"({"crc":-1})", 1, "refused: crc -1"},
+    {R"({"crc":"123"})", 1, R"(refused: crc "123")"},
+    {R"({"crc":4294967296})", 1, "refused: crc 4294967296"},
+    {R"({"crc":true})", 0, "warning: crc true: not a whole number: the daemon takes 1"},
+    {R"({"expected_time":"x"})", 1, R"(refused: expected_time "x")"},
+    {R"({"expected_time":0})", 0, "warning: expected_time 0: 0 seconds"},
+    {R"({"ui_use":"Force"})", 0, R"(warning: ui_use "Force": unknown)"},
+    {R"({"ui_use":5})", 0, "warning: ui_use 5: not a text"},
+    {R"({"ui_use":"force"})", 0, R"(ok: ui_use "force": the screen forces)"},
+    {R"({"Version":"1.2"})", 0, R"(warning: Version "1.2": the daemon does not read this key)"},
+    {R"([1])", 1, "refused: - [1]: no JSON object"},
+    {R"(null)", 0, "warning: version -: absent"},
+    {R"({"version":)", 1, "refused: - -: not JSON"},
+    {"", 1, "the daemon logs: Error: json loadInformation fail.(info.json)"},
+};
+
+TEST_F(Fwmod, CheckTellsWhatTheDaemonMakesOfEveryValue)
+{
+    for (const InformationCase& c : kInformation) {
+        const Outcome outcome = check(c.json);
+        EXPECT_EQ(outcome.status, c.status) << c.json << "\n" << outcome.out;
+        EXPECT_THAT(outcome.out, HasSubstr(c.line)) << c.json;
+        EXPECT_THAT(outcome.out, HasSubstr(c.status == 0 ? "The daemon accepts" : "The daemon refuses"));
+    }
+}
+
+TEST_F(Fwmod, CheckComparesTheChecksumOfTheImage)
+{
+    writeBytes(directory / "Tuner.bin", "\x01");
+    EXPECT_EQ(check(R"({"crc":28458147})", {"--image", "Tuner.bin"}).status, 0);
+    const Outcome outcome = check(R"({"crc":28458148})", {"--image", "Tuner.bin"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.out, HasSubstr("refused: image Tuner.bin: its checksum is 28458147"));
+}
+
+TEST_F(Fwmod, InfoRefusesWrongUseAndWritesNothing)
+{
+    writeBytes(directory / "Tuner.bin", "x");
+    const std::vector<std::vector<std::string>> wrong = {
+        {"info"},
+        {"info", "--version", "1", "-o", "info.json"},
+        {"info", "--version", "1", "--image", "Tuner.bin", "--ui-use", "Select", "-o", "info.json"},
+        {"info", "--version", "1", "--image", "Tuner.bin", "--expected-time", "0", "-o", "info.json"},
+        {"info", "--version", "1", "--image", "Tuner.bin", "--expected-time", "x", "-o", "info.json"},
+        {"info", "--check", "info.json", "--version", "1"},
+        {"info", "--what"},
+        {},
+        {"bake"},
+    };
+    for (const auto& arguments : wrong) {
+        const Outcome outcome = fwmod(arguments);
+        EXPECT_EQ(outcome.status, 2) << testing::PrintToString(arguments);
+        EXPECT_FALSE(outcome.err.empty());
+    }
+    EXPECT_EQ(names(), std::vector<std::string>{"Tuner.bin"});
+}
+
+// ---- package ----
+
+TEST_F(Fwmod, PackageHoldsWhatTheDaemonLooksFor)
+{
+    makeInformation();
+    ASSERT_EQ(fwmod(packageAs("empTuner")).status, 0);
+    ASSERT_EQ(runProgram({"unsquashfs", "-q", "-n", "-d", "tree", "empTuner.img"}, directory.path()).status,
+              0);
+    EXPECT_EQ(readBytes(directory / "tree" / "Tuner.bin"), readBytes(directory / "Tuner.bin"));
+    EXPECT_EQ(readBytes(directory / "tree" / "info.json"), readBytes(directory / "info.json"));
+    EXPECT_EQ(names(), (std::vector<std::string>{"Tuner.bin", "empTuner.img", "info.json", "tree"}));
+}
+
+TEST_F(Fwmod, FirmwareIsNamedWithoutTheFirstEmp)
+{
+    makeInformation();
+    ASSERT_EQ(fwmod(packageAs("xyempabemp")).status, 0);
+    const Outcome listing = runProgram({"unsquashfs", "-l", "xyempabemp.img"}, directory.path());
+    EXPECT_THAT(listing.out, HasSubstr("/xyabemp.bin\n"));
+}
+
+TEST_F(Fwmod, SameInputGivesTheSameBytesWhateverTimeModeOrEnvironment)
+{
+    makeInformation();
+    ASSERT_EQ(fwmod(packageAs("empTuner")).status, 0);
+    const std::string first = readBytes(directory / "empTuner.img");
+    fs::permissions(directory / "Tuner.bin", fs::perms(0400));
+    fs::last_write_time(directory / "Tuner.bin", fs::file_time_type::clock::now() - std::chrono::hours(5000));
+    std::vector<std::string> again = packageAs("empTuner");
+    again.insert(again.begin(), {"env", "SOURCE_DATE_EPOCH=12345", "TZ=Asia/Tokyo", FWMOD});
+    g_usleep(1100000); // mksquashfs counts in seconds
+    const Outcome outcome = runProgram(again, directory.path());
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_TRUE(readBytes(directory / "empTuner.img") == first);
+}
+
+TEST_F(Fwmod, PackageRefusesIdentifiersThatTheDaemonRefuses)
+{
+    makeInformation();
+    for (const char* identifier :
+         {"Tuner", "EMPTuner", "emp_tuner", "emp", "empT ner", "", "empT\xC3\xBCner"}) {
+        const Outcome outcome = fwmod(packageAs(identifier));
+        EXPECT_EQ(outcome.status, 2) << identifier;
+        EXPECT_THAT(outcome.err, HasSubstr("--id")) << identifier;
+    }
+    EXPECT_EQ(fwmod(packageAs("emp" + std::string(130, 'x'))).status, 2);
+    EXPECT_EQ(names(), (std::vector<std::string>{"Tuner.bin", "info.json"}));
+}
+
+TEST_F(Fwmod, PackageRefusesWhatTheDaemonWouldRefuse)
+{
+    makeInformation();
+    writeBytes(directory / "Tuner.bin", "changed since");
+    const Outcome outcome = fwmod(packageAs("empTuner"));
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("its checksum is"));
+    EXPECT_EQ(names(), (std::vector<std::string>{"Tuner.bin", "info.json"}));
+}
+
+TEST_F(Fwmod, PackageNeverOverwritesItsInput)
+{
+    makeInformation();
+    for (const char* input : {"Tuner.bin", "info.json"}) {
+        std::vector<std::string> arguments = packageAs("empTuner");
+        arguments.insert(arguments.end(), {"-o", input});
+        EXPECT_EQ(fwmod(arguments).status, 2);
+    }
+    EXPECT_EQ(readBytes(directory / "Tuner.bin").size(), 100000U);
+}
+
+TEST_F(Fwmod, MissingPackerIsNamed)
+{
+    makeInformation();
+    std::vector<std::string> arguments = packageAs("empTuner");
+    arguments.insert(arguments.begin(), {"env", "PATH=/nowhere", FWMOD});
+    const Outcome outcome = runProgram(arguments, directory.path());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "fwmod: mksquashfs was not found: install squashfs-tools\n");
+    EXPECT_EQ(names(), (std::vector<std::string>{"Tuner.bin", "info.json"}));
+}
+
+TEST_F(Fwmod, PackageIntoAMissingDirectoryFails)
+{
+    makeInformation();
+    std::vector<std::string> arguments = packageAs("empTuner");
+    arguments.insert(arguments.end(), {"-o", "nowhere/empTuner.img"});
+    const Outcome outcome = fwmod(arguments);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("nowhere"));
+}
+
+TEST_F(Fwmod, HelpOfEveryCommandHasAnExample)
+{
+    for (const char* command : {"crc", "info", "package"}) {
+        const Outcome outcome = fwmod({command, "--help"});
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_THAT(outcome.out, HasSubstr(std::string("  fwmod ") + command)) << command;
+        EXPECT_THAT(outcome.err, IsEmpty());
+    }
+}
+} // namespace
