@@ -3,6 +3,7 @@
 
 #include "temporary-directory.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -27,8 +28,8 @@ struct Write {
 using Epoch = std::vector<Write>; // writes between two flushes: the chip may take them in any order
 
 struct Observer {
-    int cutAtWrite = 0; // 0 = never
-    int keepThirds = 0; // of the write that is cut
+    int cutAtWrite = 0;   // 0 = never
+    size_t keepBytes = 0; // of the write that is cut
     int writes = 0;
     bool recording = false;
     bool spoil = false; // the chip does not keep what is written
@@ -36,6 +37,10 @@ struct Observer {
 } observer;
 
 constexpr int kPowerCut = 77;
+
+// Where a write is cut: within each field of a header, within a block, before it and after it.
+constexpr size_t kKeptBytes[] = {
+    0, 4, 8, 10, 12, 14, 16, 18, 20, 22, 60, 84, 86, 2000, SlottedFlash::kBlockSize};
 } // namespace
 
 extern "C" ssize_t __real_pwrite(int fd, const void* data, size_t size, off_t offset);
@@ -47,7 +52,7 @@ ssize_t __wrap_pwrite(int fd, const void* data, size_t size, off_t offset)
 {
     auto* bytes = static_cast<const unsigned char*>(data);
     if (++observer.writes == observer.cutAtWrite) {
-        const size_t kept = size * static_cast<size_t>(observer.keepThirds) / 3;
+        const size_t kept = std::min(size, observer.keepBytes);
         _exit(__real_pwrite(fd, data, kept, offset) == static_cast<ssize_t>(kept) ? kPowerCut : 1);
     }
     if (observer.recording)
@@ -110,13 +115,13 @@ protected:
 };
 
 // 0 when the update got through, kPowerCut when it was cut.
-int programInChild(const SlottedFlash& chip, const Bytes& firmware, int cutAtWrite, int keepThirds)
+int programInChild(const SlottedFlash& chip, const Bytes& firmware, int cutAtWrite, size_t keepBytes)
 {
     const pid_t child = fork();
     if (child == 0) {
         observer = Observer{};
         observer.cutAtWrite = cutAtWrite;
-        observer.keepThirds = keepThirds;
+        observer.keepBytes = keepBytes;
         _exit(chip.program("2.0", firmware, nullptr) == 0 ? 0 : 1);
     }
     int status = 0;
@@ -135,12 +140,12 @@ TEST_F(Flash, ProcessKilledAtAnyWriteLeavesOldOrNewAndTheNextUpdateSucceeds)
 {
     const std::string kept = directory / "kept";
     fs::copy_file(path, kept);
-    for (int thirds = 0; thirds <= 3; ++thirds) {
+    for (const size_t bytes : kKeptBytes) {
         for (int write = 1; write <= writesOfAnUpdate; ++write) {
-            const std::string when = "cut at write " + std::to_string(write) + " after " +
-                                     std::to_string(thirds) + " thirds of it";
+            const std::string when =
+                "cut at write " + std::to_string(write) + " after " + std::to_string(bytes) + " bytes of it";
             fs::copy_file(kept, path, fs::copy_options::overwrite_existing);
-            ASSERT_EQ(programInChild(chip, newFirmware, write, thirds), kPowerCut) << when;
+            ASSERT_EQ(programInChild(chip, newFirmware, write, bytes), kPowerCut) << when;
             expectOldOrNew(chip, when);
             ASSERT_EQ(programInChild(chip, newFirmware, 0, 0), 0) << when;
             EXPECT_EQ(chip.activeFirmware(), newFirmware) << when;
