@@ -1,0 +1,50 @@
+// One call over the set's system bus, as every call of the platform makes it.
+//
+// Thread-safe, and needs no running main loop: the caller waits for the reply, at most five seconds. A bus or
+// a service that is not there is an ordinary answer (a negative result), never a crash and never a hang.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <gio/gio.h>
+
+namespace platform
+{
+
+inline constexpr int kFailure = -1;
+
+struct Unref {
+    void operator()(GVariant* variant) const { g_variant_unref(variant); }
+    void operator()(gpointer object) const { g_object_unref(object); }
+    void operator()(GError* error) const { g_error_free(error); }
+};
+
+using Variant = std::unique_ptr<GVariant, Unref>;
+using Connection = std::unique_ptr<GDBusConnection, Unref>;
+
+// A service of the set: its name, object and interface on the bus.
+struct Service {
+    const char* name;
+    const char* path;
+    const char* interface;
+};
+
+inline constexpr Service kPlatform = {"org.pellor.platform", "/org/pellor/platform",
+                                      "org.pellor.platform.Services"};
+inline constexpr Service kMounts = {"org.pellor.psmount", "/org/pellor/psmount", "org.pellor.psmount.Mounts"};
+
+// The process's connection to the bus, shared with everybody else in the process; null when there is no bus.
+Connection connection();
+
+// Calls `method` and waits. The reply is a tuple of type `replyType`; null on any failure. Takes `parameters`
+// over when it is floating, as g_dbus_connection_call_sync does; null stands for none.
+Variant call(const Service& service, const char* method, GVariant* parameters, const char* replyType);
+
+// The same on the platform service, for the calls that answer with nothing but their result.
+int callForResult(const char* method, GVariant* parameters = nullptr);
+
+// Whether `text` can travel over the bus: not null, valid UTF-8.
+bool isText(const char* text);
+
+} // namespace platform

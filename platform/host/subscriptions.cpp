@@ -1,0 +1,179 @@
+#include "subscriptions.h"
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace platform
+{
+
+namespace
+{
+
+struct Subscription {
+    std::string signal;
+    std::string argument;
+    CallbackIdentity identity = nullptr;
+    guint expectedId = 0; // of a one-time answer
+    Deliver deliver;
+    std::atomic<bool> isCancelled{false};
+    guint busId = 0;
+};
+
+using Shared = std::shared_ptr<Subscription>;
+
+// Never destroyed: callbacks may arrive while the process exits.
+struct Registry {
+    std::mutex mutex;
+    std::vector<Shared> entries;
+};
+
+Registry& registry()
+{
+    static auto* const instance = new Registry;
+    return *instance;
+}
+
+bool isExpectedAnswer(const Subscription& entry, GVariant* parameters)
+{
+    if (entry.expectedId == 0)
+        return true;
+    const Variant id(g_variant_get_child_value(parameters, 0));
+    return g_variant_is_of_type(id.get(), G_VARIANT_TYPE_UINT32) != FALSE &&
+           g_variant_get_uint32(id.get()) == entry.expectedId;
+}
+
+void onSignal(GDBusConnection*, const char*, const char*, const char*, const char*, GVariant* parameters,
+              gpointer userData)
+{
+    const Shared entry = *static_cast<Shared*>(userData); // lives on when the callback unsubscribes itself
+    if (!isExpectedAnswer(*entry, parameters))
+        return;
+    const bool isOnce = entry->expectedId != 0;
+    if (isOnce ? entry->isCancelled.exchange(true) : entry->isCancelled.load())
+        return;
+    entry->deliver(parameters);
+    if (isOnce)
+        forget(entry->signal.c_str(), entry->expectedId);
+}
+
+void deleteShared(gpointer userData)
+{
+    delete static_cast<Shared*>(userData);
+}
+
+void attach(GDBusConnection* bus, const Shared& entry)
+{
+    entry->busId = g_dbus_connection_signal_subscribe(
+        bus, kPlatform.name, kPlatform.interface, entry->signal.c_str(), kPlatform.path,
+        entry->argument.empty() ? nullptr : entry->argument.c_str(), G_DBUS_SIGNAL_FLAGS_NONE, onSignal,
+        new Shared(entry), deleteShared);
+}
+
+// GLib delivers to the main context that the subscribing thread has for itself; callbacks belong to the
+// default one, hence a thread that has its own lets a plain thread subscribe.
+void attachForDefaultContext(GDBusConnection* bus, const Shared& entry)
+{
+    if (g_main_context_get_thread_default() == nullptr)
+        attach(bus, entry);
+    else
+        std::thread([&] { attach(bus, entry); }).join();
+}
+
+template <typename Predicate>
+std::vector<Shared> take(Predicate isWanted)
+{
+    Registry& all = registry();
+    const std::lock_guard<std::mutex> lock(all.mutex);
+    const auto firstTaken = std::stable_partition(all.entries.begin(), all.entries.end(),
+                                                  [&](const Shared& entry) { return !isWanted(*entry); });
+    std::vector<Shared> taken(firstTaken, all.entries.end());
+    all.entries.erase(firstTaken, all.entries.end());
+    return taken;
+}
+
+void detach(const std::vector<Shared>& entries)
+{
+    const Connection bus = connection();
+    for (const Shared& entry : entries) {
+        entry->isCancelled = true;
+        if (bus != nullptr)
+            g_dbus_connection_signal_unsubscribe(bus.get(), entry->busId);
+    }
+}
+
+void detachOne(const Shared& wanted)
+{
+    detach(take([&](const Subscription& entry) { return &entry == wanted.get(); }));
+}
+
+bool add(const Shared& entry)
+{
+    const Connection bus = connection();
+    if (bus == nullptr)
+        return false;
+    attachForDefaultContext(bus.get(), entry);
+    Registry& all = registry();
+    const std::lock_guard<std::mutex> lock(all.mutex);
+    all.entries.push_back(entry);
+    return true;
+}
+
+GVariant* methodArgument(const char* argument)
+{
+    return argument == nullptr ? nullptr : g_variant_new("(s)", argument);
+}
+
+} // namespace
+
+int subscribe(const EventKind& kind, const char* argument, CallbackIdentity identity, Deliver deliver)
+{
+    const auto entry = std::make_shared<Subscription>();
+    entry->signal = kind.signal;
+    entry->argument = argument == nullptr ? "" : argument;
+    entry->identity = identity;
+    entry->deliver = std::move(deliver);
+    if (!add(entry))
+        return kFailure;
+    // The service's answer also proves that the bus knows the subscription: from here on no event is lost.
+    const int result = callForResult(kind.subscribeMethod, methodArgument(argument));
+    if (result != 0)
+        detachOne(entry);
+    return result;
+}
+
+int unsubscribe(const EventKind& kind, const char* argument, CallbackIdentity identity)
+{
+    const std::string wantedArgument = argument == nullptr ? "" : argument;
+    const std::vector<Shared> ended = take([&](const Subscription& entry) {
+        return entry.identity == identity && entry.signal == kind.signal && entry.argument == wantedArgument;
+    });
+    detach(ended);
+    if (ended.empty())
+        return kFailure;
+    int result = 0;
+    for (size_t i = 0; i < ended.size(); ++i)
+        result = std::min(result, callForResult(kind.unsubscribeMethod, methodArgument(argument)));
+    return result;
+}
+
+bool expectOnce(const char* signal, guint id, Deliver deliver)
+{
+    const auto entry = std::make_shared<Subscription>();
+    entry->signal = signal;
+    entry->expectedId = id;
+    entry->deliver = std::move(deliver);
+    return add(entry);
+}
+
+void forget(const char* signal, guint id)
+{
+    detach(take([&](const Subscription& entry) { return entry.expectedId == id && entry.signal == signal; }));
+}
+
+} // namespace platform
