@@ -1,6 +1,7 @@
 // make-hardware HARDWARE IMAGE OUT: a chip as it leaves the factory, with the image's firmware on it. Written
 // by the same code that later updates it.
 #include "common/firmware.h"
+#include "output.h"
 
 #include <cstdio>
 #include <cstring>
@@ -21,6 +22,8 @@ int main(int argc, char** argv)
                              "  as in: make-hardware tuner Tuner.bin SET/root/var/lib/hardware/tuner\n");
         return 2;
     }
+    if (!mayWrite(argv[3]))
+        return 1;
     const auto bytes = readImageFile(argv[2]);
     if (!bytes)
         return complain(argv[2]);

@@ -4,6 +4,7 @@
 #include <gio/gio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <vector>
 
@@ -181,6 +182,20 @@ TEST_F(Fwmod, InfoRefusesWrongUseAndWritesNothing)
         EXPECT_FALSE(outcome.err.empty());
     }
     EXPECT_EQ(names(), std::vector<std::string>{"Tuner.bin"});
+}
+
+TEST_F(Fwmod, OutputReplacesNothingButAFile)
+{
+    writeBytes(directory / "Tuner.bin", "x");
+    fs::create_directory(directory / "directory");
+    ASSERT_EQ(mkfifo((directory / "pipe").c_str(), 0600), 0);
+    for (const char* output : {"directory", "pipe"}) {
+        const Outcome outcome = fwmod({"info", "--version", "1", "--image", "Tuner.bin", "-o", output});
+        EXPECT_EQ(outcome.status, 1) << output;
+        EXPECT_THAT(outcome.err, HasSubstr("exists and is not a file")) << output;
+    }
+    EXPECT_TRUE(fs::is_fifo(directory / "pipe"));
+    EXPECT_EQ(names(), (std::vector<std::string>{"Tuner.bin", "directory", "pipe"}));
 }
 
 // ---- package ----

@@ -70,8 +70,9 @@ unsigned int imageChecksum(const fs::path& path)
 NewFile::NewFile(fs::path target)
     : target_(std::move(target)), unfinished_(target_.string() + "." + std::to_string(getpid()) + ".new")
 {
-    if (fs::is_directory(target_))
-        throw Failure(target_.string() + " is a directory: name the file to write");
+    // Renaming onto a device or a pipe would put a file in its place.
+    if (fs::exists(target_) && !fs::is_regular_file(target_))
+        throw Failure(target_.string() + " exists and is not a file: name the file to write");
     const fs::path directory = target_.has_parent_path() ? target_.parent_path() : ".";
     if (!fs::is_directory(directory))
         throw Failure("cannot write " + target_.string() + ": make the directory " + directory.string() +
