@@ -1,0 +1,70 @@
+// The page that a set's processes share with `vset clock`: how the set's time follows the PC's.
+//
+//   set time = setBase + (PC's monotonic time - hostBase) * rate
+//
+// One writer at a time (it holds the file's lock), any number of readers; a sequence number, odd while
+// the writer is at work, tells readers to look again. Times are nanoseconds.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace vset
+{
+
+constexpr uint32_t kClockMagic = 0x76634c4b; // layout of this header; changes with it
+
+struct ClockPage {
+    std::atomic<uint32_t> magic;
+    std::atomic<uint32_t> sequence;
+    std::atomic<int64_t> hostBase;   // CLOCK_MONOTONIC of the PC at the last change
+    std::atomic<int64_t> setBase;    // the set's monotonic time at that moment
+    std::atomic<int64_t> wallOffset; // the set's wall time is its monotonic time plus this
+    std::atomic<double> rate;        // set seconds per second of the PC; above 0
+};
+
+static_assert(std::atomic<int64_t>::is_always_lock_free && std::atomic<double>::is_always_lock_free,
+              "the page is shared between processes");
+
+// A consistent copy of the page.
+struct ClockState {
+    int64_t hostBase = 0;
+    int64_t setBase = 0;
+    int64_t wallOffset = 0;
+    double rate = 1.0;
+
+    int64_t monotonicAt(int64_t hostNow) const
+    {
+        const int64_t elapsed = hostNow - hostBase;
+        // At the PC's own pace nothing is rounded.
+        return setBase + (rate == 1.0 ? elapsed : static_cast<int64_t>(static_cast<double>(elapsed) * rate));
+    }
+};
+
+inline ClockState readClock(const ClockPage& page)
+{
+    while (true) {
+        const uint32_t before = page.sequence.load(std::memory_order_acquire);
+        ClockState state;
+        state.hostBase = page.hostBase.load(std::memory_order_relaxed);
+        state.setBase = page.setBase.load(std::memory_order_relaxed);
+        state.wallOffset = page.wallOffset.load(std::memory_order_relaxed);
+        state.rate = page.rate.load(std::memory_order_relaxed);
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if ((before & 1) == 0 && page.sequence.load(std::memory_order_relaxed) == before)
+            return state;
+    }
+}
+
+inline void writeClock(ClockPage& page, const ClockState& state)
+{
+    page.sequence.fetch_add(1, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    page.hostBase.store(state.hostBase, std::memory_order_relaxed);
+    page.setBase.store(state.setBase, std::memory_order_relaxed);
+    page.wallOffset.store(state.wallOffset, std::memory_order_relaxed);
+    page.rate.store(state.rate, std::memory_order_relaxed);
+    page.sequence.fetch_add(1, std::memory_order_release);
+}
+
+} // namespace vset

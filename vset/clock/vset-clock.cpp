@@ -1,0 +1,2 @@
+extern "C" void vsetClockPlaceholder();
+void vsetClockPlaceholder() {}

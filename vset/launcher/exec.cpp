@@ -1,0 +1,83 @@
+#include "launcher/exec.h"
+
+#include "launcher/init.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace vset
+{
+
+namespace
+{
+
+UniqueFd openProcess(pid_t process)
+{
+    return UniqueFd(check(syscall(SYS_pidfd_open, process, 0), "the set has just ended"));
+}
+
+void enterNamespaces(const RunningSet& running)
+{
+    const UniqueFd init = openProcess(running.init);
+    // Root can enter another user's set; a user can enter only his own.
+    const int user = running.rootless ? CLONE_NEWUSER : 0;
+    if (setns(init.get(), user | CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS) != 0)
+        failWithErrno("cannot enter the set (it belongs to another user? then use sudo)");
+    if (!running.rootless)
+        return;
+    check(setresgid(0, 0, 0), "cannot become root of the set");
+    check(setresuid(0, 0, 0), "cannot become root of the set");
+}
+
+[[noreturn]] void runChild(const std::vector<std::string>& command, const fs::path& workingDirectory,
+                           bool clock)
+{
+    try {
+        check(prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0), "cannot tie the command to its caller");
+        if (chdir(workingDirectory.c_str()) != 0)
+            check(chdir("/"), "cannot enter /");
+        cleanEnvironment(executableDirectory(), clock);
+        prepareForProgram();
+        executeCommand(command);
+    } catch (const std::exception& error) {
+        note(error.what());
+        _exit(126);
+    }
+}
+
+pid_t commandProcess = 0;
+
+void handOn(int number)
+{
+    kill(commandProcess, number);
+}
+
+} // namespace
+
+int executeInSet(const fs::path& set, const std::vector<std::string>& command)
+{
+    const std::optional<RunningSet> running = SetDirectory::open(set).running();
+    if (!running)
+        throw Error("set " + set.string() + " is not running: start it with `vset run " + set.string() + "`");
+    std::error_code error;
+    const fs::path workingDirectory = fs::current_path(error);
+    enterNamespaces(*running);
+    commandProcess = fork(); // only a child is in the set's process namespace
+    check(commandProcess, "cannot start the command");
+    if (commandProcess == 0)
+        runChild(command, workingDirectory, running->clock);
+    for (const int number : {SIGINT, SIGQUIT})
+        std::signal(number, SIG_IGN); // from the terminal: the command's to answer
+    for (const int number : {SIGTERM, SIGHUP})
+        std::signal(number, handOn);
+    return shellStatus(waitFor(commandProcess));
+}
+
+} // namespace vset

@@ -1,0 +1,15 @@
+// `vset exec`: one more command in a running set.
+#pragma once
+
+#include "launcher/system.h"
+
+#include <string>
+#include <vector>
+
+namespace vset
+{
+
+// Returns the command's exit status. Throws Error when the set does not run.
+int executeInSet(const fs::path& set, const std::vector<std::string>& command);
+
+} // namespace vset

@@ -1,0 +1,440 @@
+#include "launcher/init.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <sstream>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <linux/capability.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace vset
+{
+
+namespace
+{
+
+constexpr int kReadyTimeoutMs = 20000; // a loaded machine with sanitizers takes seconds
+constexpr int kGraceMs = 5000;         // between asking a command to end and ending the set around it
+constexpr int kShutdownMs = 1000;      // for the television's services to end by themselves
+
+// Exit statuses by which platformd asks for what only PID 1 can do.
+constexpr int kExitPowerOff = 10;
+constexpr int kExitReboot = 11;
+
+constexpr const char* kBusConfigurationPath = "/etc/vset-bus.conf";
+constexpr const char* kBusConfiguration =
+    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path=/run/dbus/system_bus_socket</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <deny own="*"/>
+    <deny send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+    <allow send_destination="org.freedesktop.DBus"/>
+    <allow send_destination="org.pellor.platform"/>
+    <deny send_destination="org.pellor.psmount"/>
+  </policy>
+  <policy user="platform">
+    <allow own="org.pellor.platform"/>
+  </policy>
+  <policy user="fwupdate">
+    <allow send_destination="org.pellor.psmount" send_interface="org.pellor.psmount.Mounts"/>
+  </policy>
+  <policy user="root">
+    <allow own="*"/>
+    <allow send_type="method_call"/>
+    <allow send_destination="org.pellor.psmount"/>
+  </policy>
+  <include ignore_missing="yes">/usr/share/dbus-1/system.d/org.pellor.tv.tarnwick.conf</include>
+</busconfig>
+)";
+
+struct Identity {
+    uid_t user;
+    gid_t group;
+    bool noNewPrivileges;
+};
+constexpr Identity kRoot{0, 0, false};
+constexpr Identity kPlatform{kPlatformUser, kSystemGroup, true};
+constexpr Identity kUpdate{kUpdateUser, kSystemGroup, true};
+
+// ---- Processes ----
+
+sigset_t handledSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGQUIT})
+        sigaddset(&signals, number);
+    return signals;
+}
+
+void becomeUser(const Identity& identity, bool rootless)
+{
+    if (identity.noNewPrivileges)
+        check(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), "cannot give up privileges");
+    if (rootless || identity.user == 0)
+        return; // there is only one user without root
+    check(setgroups(0, nullptr), "cannot leave the groups");
+    check(setresgid(identity.group, identity.group, identity.group), "cannot change the group");
+    check(setresuid(identity.user, identity.user, identity.user), "cannot change the user");
+}
+
+// Standard streams of a service: nothing to read, everything it says into its own file.
+void redirectToLog(const std::string& name)
+{
+    const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const std::string path = "/var/log/" + name + ".out";
+    const int log = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0644);
+    check(log, "cannot open " + path);
+    dup2(null, STDIN_FILENO);
+    dup2(log, STDOUT_FILENO);
+    dup2(log, STDERR_FILENO);
+}
+
+void putEnvironment(const char* name, const std::string& value)
+{
+    check(setenv(name, value.c_str(), 1), "cannot change the environment");
+}
+
+// What a service said last; a temporary set is gone by the time that somebody looks.
+std::string lastLine(const fs::path& log)
+{
+    std::istringstream text(readFile(log));
+    std::string last = "it said nothing";
+    for (std::string line; std::getline(text, line);)
+        last = line;
+    return last;
+}
+
+// ---- The set's life ----
+
+class Init
+{
+public:
+    Init(const InitPlan& plan, int powerPipe) : plan_(plan), powerPipe_(powerPipe) {}
+    int run();
+
+private:
+    struct Service {
+        const char* name;
+        pid_t process = -1;
+    };
+
+    void start(Service& service, std::vector<std::string> arguments, const Identity& identity, bool onClock,
+               int inheritedFd);
+    void startUntilReady(Service& service, std::vector<std::string> arguments, const char* fdOption,
+                         const Identity& identity, bool onClock);
+    void startBus();
+    void startMountService();
+    void startPlatform();
+    void startMain();
+
+    // Each returns the exit status of PID 1 once the set is to end.
+    std::optional<int> handleSignal(const signalfd_siginfo& signal);
+    std::optional<int> reap();
+    std::optional<int> onMainEnd(int status);
+    std::optional<int> onServiceEnd(const Service& service, int status);
+    int powerDown(PowerRequest request);
+    int endTelevision(int status);
+
+    const InitPlan& plan_;
+    int powerPipe_;
+    UniqueFd signals_;
+    Service bus_{"dbus-daemon"};
+    Service mounts_{"psmountd"};
+    Service platform_{"platformd"};
+    Service main_{"tarnwick"};
+    std::optional<int> endSignal_; // the command was asked to end; the set ends soon in any case
+};
+
+void Init::start(Service& service, std::vector<std::string> arguments, const Identity& identity, bool onClock,
+                 int inheritedFd)
+{
+    service.process = fork();
+    check(service.process, std::string("cannot start ") + service.name);
+    if (service.process != 0)
+        return;
+    try {
+        setsid(); // Ctrl-C at the terminal is for the command, not for the services
+        redirectToLog(service.name);
+        if (inheritedFd >= 0)
+            fcntl(inheritedFd, F_SETFD, 0);
+        if (!onClock)
+            unsetenv("LD_PRELOAD");
+        prepareForProgram();
+        becomeUser(identity, plan_.root.rootless);
+        executeCommand(arguments);
+    } catch (const std::exception& error) {
+        note(error.what());
+        _exit(126);
+    }
+}
+
+void Init::startUntilReady(Service& service, std::vector<std::string> arguments, const char* fdOption,
+                           const Identity& identity, bool onClock)
+{
+    Pipe ready = makePipe();
+    arguments.push_back(fdOption + std::to_string(ready.writeEnd.get()));
+    start(service, std::move(arguments), identity, onClock, ready.writeEnd.get());
+    ready.writeEnd.reset();
+    pollfd waiting{ready.readEnd.get(), POLLIN, 0};
+    int events = 0;
+    do {
+        events = poll(&waiting, 1, kReadyTimeoutMs);
+    } while (events < 0 && errno == EINTR);
+    char byte = 0;
+    if (events > 0 && read(ready.readEnd.get(), &byte, 1) == 1)
+        return;
+    throw Error(std::string(service.name) + (events == 0 ? " does not get ready" : " ended at its start") +
+                ": " + lastLine(fs::path("/var/log") / (std::string(service.name) + ".out")));
+}
+
+void Init::startBus()
+{
+    if (mkdir("/run/dbus", 0755) != 0 && errno != EEXIST)
+        failWithErrno("cannot make /run/dbus");
+    writeFile(kBusConfigurationPath, kBusConfiguration);
+    startUntilReady(
+        bus_,
+        {"dbus-daemon", std::string("--config-file=") + kBusConfigurationPath, "--nofork", "--nopidfile"},
+        "--print-address=", kRoot, false);
+}
+
+void Init::startMountService()
+{
+    std::vector<std::string> arguments{plan_.tools / "psmountd"};
+    if (plan_.root.rootless)
+        arguments.emplace_back("--fuse");
+    else
+        arguments.push_back("--loop-base=" + std::to_string(plan_.root.loopBase));
+    startUntilReady(mounts_, std::move(arguments), "--ready-fd=", kRoot, false);
+}
+
+void Init::startPlatform()
+{
+    const fs::path program = plan_.tools / "platformd";
+    if (!fs::exists(program)) {
+        note(program.string() + " is not built: the set runs without platform services");
+        return;
+    }
+    std::vector<std::string> arguments{program};
+    if (!plan_.television())
+        arguments.emplace_back("--no-power-cycle");
+    startUntilReady(platform_, std::move(arguments), "--ready-fd=", kPlatform, true);
+}
+
+void Init::startMain()
+{
+    if (plan_.television()) {
+        start(main_, {"/usr/bin/tarnwick"}, kUpdate, true, -1);
+        return;
+    }
+    main_.name = plan_.command[0].c_str();
+    main_.process = fork();
+    check(main_.process, std::string("cannot start ") + main_.name);
+    if (main_.process != 0)
+        return;
+    try {
+        prepareForProgram();
+        if (chdir(plan_.workingDirectory.c_str()) != 0)
+            check(chdir("/"), "cannot enter /");
+        executeCommand(plan_.command);
+    } catch (const std::exception& error) {
+        note(error.what());
+        _exit(126);
+    }
+}
+
+int Init::run()
+{
+    const sigset_t handled = handledSignals();
+    check(sigprocmask(SIG_BLOCK, &handled, nullptr), "cannot block signals");
+    signals_ = UniqueFd(check(signalfd(-1, &handled, SFD_CLOEXEC), "cannot receive signals"));
+    composeRoot(plan_.root);
+    if (plan_.television() && access("/usr/bin/tarnwick", X_OK) != 0)
+        throw Error("the set has no daemon: put it there with `vset new " + plan_.root.set.path().string() +
+                    "`");
+    cleanEnvironment(plan_.tools, plan_.root.clock);
+    startBus();
+    startMountService();
+    startPlatform();
+    startMain();
+    while (true) {
+        pollfd waiting{signals_.get(), POLLIN, 0};
+        const int events = poll(&waiting, 1, endSignal_ ? kGraceMs : -1);
+        if (events == 0)
+            return 128 + *endSignal_; // the command took no notice
+        signalfd_siginfo signal{};
+        if (events < 0 || read(signals_.get(), &signal, sizeof signal) != sizeof signal)
+            continue;
+        if (const std::optional<int> status = handleSignal(signal))
+            return *status;
+    }
+}
+
+std::optional<int> Init::handleSignal(const signalfd_siginfo& signal)
+{
+    const int number = static_cast<int>(signal.ssi_signo);
+    if (number == SIGCHLD)
+        return reap();
+    if (plan_.television())
+        return endTelevision(128 + number);
+    // From the terminal the command has had it as well, and it is the command's to end or to go on.
+    if (signal.ssi_code != SI_KERNEL && !endSignal_) {
+        kill(main_.process, number);
+        endSignal_ = number;
+    }
+    return std::nullopt;
+}
+
+std::optional<int> Init::reap()
+{
+    int status = 0;
+    for (pid_t process = 0; (process = waitpid(-1, &status, WNOHANG)) > 0;) {
+        if (process == main_.process) {
+            if (const std::optional<int> end = onMainEnd(status))
+                return end;
+        }
+        for (const Service* service : {&bus_, &mounts_, &platform_}) {
+            if (process != service->process)
+                continue;
+            if (const std::optional<int> end = onServiceEnd(*service, status))
+                return end;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string endOf(const char* name, int status)
+{
+    if (WIFSIGNALED(status))
+        return std::string(name) + " was ended by signal " + std::to_string(WTERMSIG(status));
+    return std::string(name) + " ended with status " + std::to_string(WEXITSTATUS(status));
+}
+
+std::optional<int> Init::onMainEnd(int status)
+{
+    if (!plan_.television())
+        return shellStatus(status);
+    main_.process = -1;
+    note(endOf("tarnwick", status)); // the television stays on
+    return std::nullopt;
+}
+
+std::optional<int> Init::onServiceEnd(const Service& service, int status)
+{
+    const bool askedByPlatform = plan_.television() && &service == &platform_ && WIFEXITED(status);
+    if (askedByPlatform && WEXITSTATUS(status) == kExitPowerOff)
+        return powerDown(PowerRequest::kPowerOff);
+    if (askedByPlatform && WEXITSTATUS(status) == kExitReboot)
+        return powerDown(PowerRequest::kReboot);
+    note(endOf(service.name, status) + ", see " +
+         (plan_.root.set.root() / "var/log" / service.name).string() + ".out");
+    if (plan_.television())
+        return endTelevision(EXIT_FAILURE); // no use without it
+    return std::nullopt;                    // the command may be testing just that
+}
+
+int Init::powerDown(PowerRequest request)
+{
+    const char byte = static_cast<char>(request);
+    check(write(powerPipe_, &byte, 1), "cannot report the power request");
+    return endTelevision(EXIT_SUCCESS);
+}
+
+int Init::endTelevision(int status)
+{
+    kill(-1, SIGTERM);
+    for (int waited = 0; waited < kShutdownMs; waited += 10) {
+        while (waitpid(-1, nullptr, WNOHANG) > 0) {
+        }
+        if (waitpid(-1, nullptr, WNOHANG) < 0)
+            break; // no child is left
+        poll(nullptr, 0, 10);
+    }
+    return status;
+}
+
+} // namespace
+
+void prepareForProgram()
+{
+    // Services may leave by other ways than exec's closing; nothing of the launcher may reach a program.
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (const int capability : {CAP_SYS_MODULE, CAP_SYS_TIME, CAP_SYS_RAWIO, CAP_SYS_BOOT})
+        prctl(PR_CAPBSET_DROP, capability, 0, 0,
+              0); // refused in a user namespace on some kernels: not needed there
+}
+
+void cleanEnvironment(const fs::path& tools, bool clock)
+{
+    std::vector<std::string> doomed;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        if (std::strncmp(*entry, "DBUS_", 5) == 0)
+            doomed.emplace_back(*entry, std::strcspn(*entry, "="));
+    }
+    for (const char* directory : {"TMPDIR", "XDG_RUNTIME_DIR", "HOME"}) {
+        const char* value = std::getenv(directory);
+        if (value != nullptr && access(value, F_OK) != 0)
+            doomed.emplace_back(directory);
+    }
+    for (const std::string& name : doomed)
+        unsetenv(name.c_str());
+    if (std::getenv("HOME") == nullptr)
+        putEnvironment("HOME", "/");
+    if (std::getenv("PATH") == nullptr)
+        putEnvironment("PATH", "/usr/local/bin:/usr/sbin:/usr/bin");
+    if (!clock)
+        return;
+    putEnvironment("LD_PRELOAD", (tools / "libvset-clock.so").string());
+    // Programs with the address sanitizer want its run-time first; ours in front does it no harm.
+    const char* options = std::getenv("ASAN_OPTIONS");
+    putEnvironment("ASAN_OPTIONS",
+                   (options != nullptr ? std::string(options) + ":" : "") + "verify_asan_link_order=0");
+}
+
+void executeCommand(const std::vector<std::string>& command)
+{
+    std::vector<char*> arguments;
+    for (const std::string& argument : command)
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    arguments.push_back(nullptr);
+    execvp(arguments[0], arguments.data());
+    const int error = errno;
+    const bool missing = error == ENOENT;
+    note("cannot run " + command[0] + ": " + std::strerror(error) +
+         (missing ? " (in the set; a directory of the PC is made visible with -b)" : ""));
+    _exit(missing ? 127 : 126);
+}
+
+int runInit(const InitPlan& plan, int powerPipe)
+{
+    return Init(plan, powerPipe).run();
+}
+
+} // namespace vset

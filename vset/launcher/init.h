@@ -1,0 +1,39 @@
+// PID 1 of a set: builds the root, starts the services, reaps, and ends the set.
+#pragma once
+
+#include "launcher/root.h"
+
+#include <string>
+#include <vector>
+
+namespace vset
+{
+
+struct InitPlan {
+    RootPlan root;
+    std::vector<std::string> command; // empty: the television, with the update daemon
+    fs::path tools;                   // where platformd, psmountd and libvset-clock.so lie
+    fs::path workingDirectory;        // of the command, if the set has it
+
+    bool television() const { return command.empty(); }
+};
+
+// What PID 1 tells the leader beside its exit status.
+enum class PowerRequest : char { kNone = 0, kReboot = 'R', kPowerOff = 'P' };
+
+// Runs the set and returns PID 1's exit status. A power request is written to `powerPipe`, one byte.
+// When PID 1 ends, the kernel ends every process of the set and drops its mounts and loop devices.
+int runInit(const InitPlan& plan, int powerPipe);
+
+// For a process that is about to run a program of the set: signals as a new program expects them, and no
+// capability that reaches beyond the set (clock, modules, raw I/O, reboot).
+void prepareForProgram();
+
+// The caller's environment as it makes sense in a set: no bus of the PC, nothing that points outside.
+// With `clock`, programs started afterwards run on the set's clock.
+void cleanEnvironment(const fs::path& tools, bool clock);
+
+// Replaces the process; on failure says why on stderr and ends with 127 (not found) or 126, as a shell does.
+[[noreturn]] void executeCommand(const std::vector<std::string>& command);
+
+} // namespace vset

@@ -1,0 +1,228 @@
+#include "launcher/leader.h"
+
+#include "launcher/init.h"
+#include "launcher/loop-slot.h"
+#include "launcher/set-clock.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include <linux/sched.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace vset
+{
+
+namespace
+{
+
+struct End {
+    int status = 0; // of PID 1, as a shell reports it
+    PowerRequest request = PowerRequest::kNone;
+};
+
+// ---- Inside: the first steps of PID 1 ----
+
+// Returns once the leader has made this process root of its namespaces. If the leader dies, now or later,
+// this process is killed, and the whole set with it.
+void waitForLeader(int leaderPipe)
+{
+    check(prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0), "cannot tie the set to its leader");
+    char byte = 0;
+    if (read(leaderPipe, &byte, 1) != 1)
+        _exit(EXIT_FAILURE);
+    pollfd leader{leaderPipe, 0, 0};
+    if (poll(&leader, 1, 0) != 0) // it died before the tie was made
+        _exit(EXIT_FAILURE);
+}
+
+[[noreturn]] void becomeInit(const InitPlan& plan, int leaderPipe, int powerPipe)
+{
+    try {
+        waitForLeader(leaderPipe);
+        const std::string name = plan.root.set.path().filename().string().substr(0, 63);
+        check(sethostname(name.c_str(), name.size()), "cannot name the set");
+        _exit(runInit(plan, powerPipe));
+    } catch (const std::exception& error) {
+        note(error.what());
+        _exit(EXIT_FAILURE);
+    }
+}
+
+// ---- Outside ----
+
+pid_t cloneInit(bool rootless)
+{
+    clone_args arguments{};
+    arguments.flags = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS;
+    if (rootless)
+        arguments.flags |= CLONE_NEWUSER;
+    arguments.exit_signal = SIGCHLD;
+    const long process = syscall(SYS_clone3, &arguments, sizeof arguments);
+    if (process >= 0)
+        return static_cast<pid_t>(process);
+    if (rootless)
+        failWithErrno(
+            "this system does not let a plain user make a private root (user namespaces); "
+            "allow it (sysctl kernel.unprivileged_userns_clone=1, "
+            "kernel.apparmor_restrict_unprivileged_userns=0, user.max_user_namespaces) or use sudo");
+    failWithErrno("cannot make the set's namespaces (in a container? it needs CAP_SYS_ADMIN; -u may do)");
+}
+
+void mapCaller(pid_t init)
+{
+    const fs::path proc = "/proc/" + std::to_string(init);
+    writeFile(proc / "setgroups", "deny");
+    writeFile(proc / "uid_map", "0 " + std::to_string(geteuid()) + " 1");
+    writeFile(proc / "gid_map", "0 " + std::to_string(getegid()) + " 1");
+}
+
+class Leader
+{
+public:
+    Leader(const InitPlan& plan, const SetLock& lock) : plan_(plan), lock_(lock) {}
+
+    // One life of the set, from boot to end.
+    End boot();
+
+private:
+    int waitForEnd(pid_t init);
+
+    const InitPlan& plan_;
+    const SetLock& lock_;
+};
+
+End Leader::boot()
+{
+    plan_.root.set.wipeVolatile();
+    Pipe leader = makePipe();
+    Pipe power = makePipe();
+    const pid_t init = cloneInit(plan_.root.rootless);
+    if (init == 0) {
+        leader.writeEnd.reset();
+        power.readEnd.reset();
+        becomeInit(plan_, leader.readEnd.get(), power.writeEnd.get());
+    }
+    leader.readEnd.reset();
+    power.writeEnd.reset();
+    if (plan_.root.rootless)
+        mapCaller(init);
+    lock_.publish({init, plan_.root.rootless, plan_.root.clock});
+    check(write(leader.writeEnd.get(), "", 1), "cannot start the set");
+
+    End end;
+    end.status = waitForEnd(init);
+    char request = 0;
+    if (read(power.readEnd.get(), &request, 1) == 1)
+        end.request = static_cast<PowerRequest>(request);
+    lock_.publish({});
+    return end;
+}
+
+// Signals from the terminal reach the set's processes by themselves; others are handed on to PID 1.
+int Leader::waitForEnd(pid_t init)
+{
+    sigset_t handled;
+    sigemptyset(&handled);
+    for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGQUIT})
+        sigaddset(&handled, number);
+    sigset_t previous;
+    check(sigprocmask(SIG_BLOCK, &handled, &previous), "cannot block signals");
+    int status = 0;
+    pid_t ended = 0;
+    while ((ended = waitpid(init, &status, WNOHANG)) == 0) {
+        siginfo_t signal{};
+        if (sigwaitinfo(&handled, &signal) > 0 && signal.si_signo != SIGCHLD && signal.si_code != SI_KERNEL)
+            kill(init, signal.si_signo);
+    }
+    check(ended, "cannot wait for the set");
+    sigprocmask(SIG_SETMASK, &previous, nullptr);
+    return shellStatus(status);
+}
+
+int liveThroughReboots(const InitPlan& plan, const SetLock& lock)
+{
+    Leader leader(plan, lock);
+    while (true) {
+        const End end = leader.boot();
+        if (end.request != PowerRequest::kReboot)
+            return end.status;
+        note("the set reboots");
+    }
+}
+
+void checkRootless(const RunOptions& options, bool rootless)
+{
+    if (!rootless)
+        return;
+    if (!options.rootless)
+        note("not root: running without root, as -u does (images are mounted with squashfuse, one user for "
+             "all)");
+    const bool complete = access("/usr/bin/squashfuse", X_OK) == 0 && access("/dev/fuse", R_OK | W_OK) == 0;
+    if (!complete)
+        note("images cannot be mounted in this set: install squashfuse and fuse3, and make /dev/fuse "
+             "accessible "
+             "(chmod 0666 /dev/fuse), or run it as root");
+}
+
+// Removes a temporary set when the run is over, however it is left.
+class TemporarySet
+{
+public:
+    explicit TemporarySet(const SetDirectory* set) : set_(set) {}
+    TemporarySet(const TemporarySet&) = delete;
+    TemporarySet& operator=(const TemporarySet&) = delete;
+    ~TemporarySet()
+    {
+        if (set_ != nullptr)
+            set_->remove();
+    }
+
+private:
+    const SetDirectory* set_;
+};
+
+} // namespace
+
+int runSet(const RunOptions& options)
+{
+    if (!options.set && options.command.empty())
+        throw UsageError("a temporary set needs a command after --");
+    const bool rootless = options.rootless || geteuid() != 0;
+    const fs::path tools = executableDirectory();
+    const std::vector<fs::path> binds = bindList(options.binds, {VSET_SOURCE_DIR, VSET_BUILD_DIR, tools});
+    checkRootless(options, rootless);
+
+    const SetDirectory set = options.set ? SetDirectory::open(*options.set) : SetDirectory::makeTemporary();
+    const TemporarySet temporary(options.set ? nullptr : &set);
+    std::optional<SetLock> lock = set.lock();
+    set.complete();
+    // The television always has a clock that can be set; a command gets it when asked, because a preloaded
+    // library is not every program's (a sanitizer's, a static one's) liking.
+    const bool clock = options.command.empty() || options.clockRate.has_value();
+    if (clock)
+        resetClock(set, options.clockRate.value_or(1.0));
+
+    std::optional<LoopSlot> slot;
+    if (!rootless)
+        slot = LoopSlot::take();
+    std::error_code error;
+    InitPlan plan{{set, rootless, binds, options.loopNodes, slot ? slot->base() : 0, clock},
+                  options.command,
+                  tools,
+                  fs::current_path(error)};
+    const int status = liveThroughReboots(plan, *lock);
+    lock.reset(); // the cleaning child must not hold it
+    if (slot)
+        slot->cleanInBackground();
+    return status;
+}
+
+} // namespace vset

@@ -1,0 +1,26 @@
+// `vset run`: the process outside the set. It holds the set's lock and loop slot, waits for PID 1, starts the
+// set again after a reboot, and leaves nothing behind.
+#pragma once
+
+#include "launcher/system.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vset
+{
+
+struct RunOptions {
+    std::optional<fs::path> set; // none: a temporary one
+    bool rootless = false;
+    std::vector<fs::path> binds;
+    unsigned int loopNodes = 8;
+    std::optional<double> clockRate;
+    std::vector<std::string> command; // empty: the television
+};
+
+// Returns the exit status of `vset run`: the command's own, 0 after a power-off. Throws Error and UsageError.
+int runSet(const RunOptions& options);
+
+} // namespace vset

@@ -1,0 +1,229 @@
+#include "launcher/set-directory.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <vector>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace vset
+{
+
+namespace
+{
+
+struct Directory {
+    const char* path;
+    uid_t owner;
+    gid_t group;
+    mode_t mode;
+};
+
+constexpr Directory kDirectories[] = {
+    {".vset", 0, 0, 0755},
+    {"usr", 0, 0, 0755},
+    {"usr/fwupdate", 0, 0, 0755},
+    {"usr/fwupdate/controls", 0, 0, 0755},
+    {"usr/lib", 0, 0, 0755},
+    {"usr/lib/firmware", 0, 0, 0755},
+    {"usr/lib/firmware/ext", 0, 0, 0755},
+    {"root", 0, 0, 0755},
+    {"root/tmp", 0, 0, 01777},
+    // The platform service leaves the address of its console here.
+    {"root/run", 0, kSystemGroup, 0775},
+    {"root/root", 0, 0, 0700},
+    {"root/home", 0, 0, 0755},
+    {"root/prd", 0, 0, 0755},
+    {"root/prd/usr", 0, 0, 0755},
+    {"root/prd/usr/fwupdate", 0, 0, 0755},
+    {"root/prd/usr/fwupdate/controls", 0, 0, 0755},
+    {"root/opt", 0, 0, 0755},
+    {"root/opt/media", 0, 0, 0755},
+    {"root/opt/usr", 0, 0, 0755},
+    {"root/opt/usr/apps", 0, 0, 0755},
+    // The package service delivers here, the update daemon makes mount points here: both by group.
+    {"root/opt/usr/apps/appbinarymanager", kPlatformUser, kSystemGroup, 02775},
+    {"root/opt/usr/apps/appbinarymanager/emps", kPlatformUser, kSystemGroup, 02775},
+    {"root/opt/usr/share", 0, 0, 0755},
+    {"root/opt/usr/share/sbox", 0, 0, 0755},
+    {"root/srv", 0, 0, 0755},
+    {"root/srv/feed", 0, 0, 0755},
+    {"root/var", 0, 0, 0755},
+    {"root/var/tmp", 0, 0, 01777},
+    {"root/var/log", 0, 0, 0755},
+    {"root/var/lib", 0, 0, 0755},
+    {"root/var/lib/platform", kPlatformUser, kSystemGroup, 0755},
+    {"root/var/lib/fwupdate", kUpdateUser, kSystemGroup, 0755},
+    {"root/var/lib/hardware", kUpdateUser, kSystemGroup, 0755},
+};
+
+void makeDirectory(const fs::path& path, const Directory& directory)
+{
+    if (mkdir(path.c_str(), 0755) != 0) {
+        if (errno != EEXIST)
+            failWithErrno("cannot make " + path.string());
+        if (!fs::is_directory(fs::symlink_status(path)))
+            throw Error(path.string() + " is in the way: a set has a directory there");
+        return;
+    }
+    if (geteuid() == 0)
+        check(chown(path.c_str(), directory.owner, directory.group), "cannot give away " + path.string());
+    check(chmod(path.c_str(), directory.mode), "cannot set the mode of " + path.string());
+}
+
+std::string randomMachineId()
+{
+    unsigned char bytes[16];
+    check(getrandom(bytes, sizeof bytes, 0), "cannot get random bytes");
+    std::string text;
+    for (const unsigned char byte : bytes) {
+        constexpr char kDigits[] = "0123456789abcdef";
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 15];
+    }
+    return text + "\n";
+}
+
+int runProgram(std::vector<const char*> arguments)
+{
+    arguments.push_back(nullptr);
+    pid_t process = 0;
+    const int error = posix_spawnp(&process, arguments[0], nullptr, nullptr,
+                                   const_cast<char* const*>(arguments.data()), environ);
+    if (error != 0)
+        throw Error(std::string("cannot start ") + arguments[0] + ": " + std::strerror(error));
+    return shellStatus(waitFor(process));
+}
+
+} // namespace
+
+void SetLock::publish(const RunningSet& running) const
+{
+    const std::string text = std::to_string(running.init) + (running.rootless ? " rootless" : " root") +
+                             (running.clock ? " clock" : " no-clock") + "\n";
+    check(ftruncate(file_.get(), 0), "cannot write the set's lock file");
+    check(pwrite(file_.get(), text.data(), text.size(), 0), "cannot write the set's lock file");
+}
+
+SetDirectory SetDirectory::makeTemporary()
+{
+    const char* parent = std::getenv("TMPDIR");
+    std::string name = std::string(parent != nullptr && *parent == '/' ? parent : "/tmp") + "/vset-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr)
+        failWithErrno("cannot make a temporary set " + name);
+    check(chmod(name.c_str(), 0755), "cannot set the mode of " + name);
+    return make(name);
+}
+
+SetDirectory SetDirectory::open(const fs::path& path)
+{
+    std::error_code error;
+    const fs::path canonical = fs::canonical(path, error);
+    if (error || !fs::is_directory(canonical / "root") || !fs::is_directory(canonical / "usr"))
+        throw Error("there is no set at " + path.string() + ": make one with `vset new " + path.string() +
+                    "`");
+    return SetDirectory(canonical);
+}
+
+SetDirectory SetDirectory::make(const fs::path& path)
+{
+    std::error_code error;
+    if (fs::exists(path, error) && !fs::is_directory(path))
+        throw Error(path.string() + " is not a directory: choose another name for the set");
+    const bool foreign =
+        fs::is_directory(path, error) && !fs::is_empty(path, error) && !fs::is_directory(path / "root");
+    if (foreign)
+        throw Error(path.string() +
+                    " is a directory with something else in it: choose another name for the set");
+    fs::create_directories(path, error);
+    if (error)
+        throw Error("cannot make " + path.string() + ": " + error.message());
+    SetDirectory set(fs::canonical(path));
+    set.complete();
+    return set;
+}
+
+void SetDirectory::installDaemon() const
+{
+    const int status = runProgram({VSET_CMAKE_COMMAND, "--install", VSET_BUILD_DIR, "--prefix", usr().c_str(),
+                                   "--component", "daemon"});
+    if (status != 0)
+        throw Error(
+            "the daemon could not be put into the set: build it first with `cmake --build " VSET_BUILD_DIR
+            "`");
+}
+
+SetLock SetDirectory::lock() const
+{
+    const fs::path file = path_ / ".vset/lock";
+    UniqueFd lockFd(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!lockFd)
+        failWithErrno("cannot open " + file.string());
+    if (flock(lockFd.get(), LOCK_EX | LOCK_NB) == 0)
+        return SetLock(std::move(lockFd));
+    if (errno != EWOULDBLOCK)
+        failWithErrno("cannot lock " + file.string());
+    throw Error("set " + path_.string() + " is already running: use `vset exec`, or end it first");
+}
+
+std::optional<RunningSet> SetDirectory::running() const
+{
+    const fs::path file = path_ / ".vset/lock";
+    const UniqueFd lockFd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!lockFd || flock(lockFd.get(), LOCK_SH | LOCK_NB) == 0)
+        return std::nullopt;
+    std::istringstream text(readFile(file));
+    RunningSet running;
+    std::string mode;
+    std::string clock;
+    text >> running.init >> mode >> clock;
+    if (running.init <= 0)
+        return std::nullopt; // about to start
+    running.rootless = mode == "rootless";
+    running.clock = clock == "clock";
+    return running;
+}
+
+void SetDirectory::complete() const
+{
+    for (const Directory& directory : kDirectories)
+        makeDirectory(path_ / directory.path, directory);
+    const fs::path varRun = root() / "var/run";
+    if (!fs::exists(fs::symlink_status(varRun)))
+        fs::create_symlink("../run", varRun); // where older programs look for the system bus
+    const fs::path platformLog = root() / "var/log/platform.log";
+    if (!fs::exists(fs::symlink_status(platformLog))) {
+        writeFile(platformLog, "");
+        check(chmod(platformLog.c_str(), 0666),
+              "cannot set the mode of " + platformLog.string()); // all users log
+    }
+    if (!fs::exists(machineIdFile()))
+        writeFile(machineIdFile(), randomMachineId());
+}
+
+void SetDirectory::wipeVolatile() const
+{
+    for (const char* name : {"tmp", "run"}) {
+        for (const fs::directory_entry& entry : fs::directory_iterator(root() / name))
+            fs::remove_all(entry.path());
+    }
+}
+
+void SetDirectory::remove() const
+{
+    std::error_code error;
+    fs::remove_all(path_, error);
+    if (error)
+        note("cannot remove " + path_.string() + ": " + error.message());
+}
+
+} // namespace vset

@@ -1,0 +1,74 @@
+// The directory of a set on the PC: what lies where, who owns it, and whether the set is running.
+//
+//   SET/usr/    put over the PC's /usr while the set runs
+//   SET/root/   the set's root: tmp run prd opt var srv home root, plain directories to look into
+//   SET/.vset/  the launcher's own: lock (held while the set runs), clock, machine-id
+#pragma once
+
+#include "launcher/system.h"
+
+#include <optional>
+
+namespace vset
+{
+
+// Identifiers of the users in a set that is run by root. Without root everything belongs to the caller.
+constexpr uid_t kPlatformUser = 900;
+constexpr uid_t kUpdateUser = 901;
+constexpr gid_t kSystemGroup = 900;
+
+// What a running set tells other commands through its lock file.
+struct RunningSet {
+    pid_t init = 0;        // PID 1 of the set, as this command sees it
+    bool rootless = false; // the set has a user namespace of its own
+    bool clock = false;    // its processes run with the clock library
+};
+
+// Held by the leader and by PID 1: the set counts as running until both are gone.
+class SetLock
+{
+public:
+    explicit SetLock(UniqueFd file) : file_(std::move(file)) {}
+    void publish(const RunningSet& running) const;
+
+private:
+    UniqueFd file_;
+};
+
+class SetDirectory
+{
+public:
+    // A new directory with everything a set needs, to be removed by the caller.
+    static SetDirectory makeTemporary();
+    // An existing set; throws Error when there is none at `path`.
+    static SetDirectory open(const fs::path& path);
+    // Makes the skeleton at `path` (which may exist already as a set) and returns it.
+    static SetDirectory make(const fs::path& path);
+
+    const fs::path& path() const { return path_; }
+    fs::path root() const { return path_ / "root"; }
+    fs::path usr() const { return path_ / "usr"; }
+    fs::path clockFile() const { return path_ / ".vset/clock"; }
+    fs::path machineIdFile() const { return path_ / ".vset/machine-id"; }
+
+    // Installs the daemon and its platform library from the build tree into SET/usr.
+    void installDaemon() const;
+
+    // Throws Error when the set is running.
+    SetLock lock() const;
+    std::optional<RunningSet> running() const;
+
+    // Creates what is missing of the skeleton; what exists keeps its contents.
+    void complete() const;
+    // A fresh /tmp and /run, as at every boot. Only while the set does not run.
+    void wipeVolatile() const;
+    // Removes the whole directory.
+    void remove() const;
+
+private:
+    explicit SetDirectory(fs::path path) : path_(std::move(path)) {}
+
+    fs::path path_;
+};
+
+} // namespace vset

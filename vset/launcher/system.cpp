@@ -1,0 +1,95 @@
+#include "launcher/system.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace vset
+{
+
+void failWithErrno(const std::string& what)
+{
+    throw Error(what + ": " + std::strerror(errno));
+}
+
+UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept
+{
+    if (this == &other)
+        return *this;
+    reset();
+    fd_ = std::exchange(other.fd_, -1);
+    return *this;
+}
+
+void UniqueFd::reset()
+{
+    if (fd_ >= 0)
+        close(fd_);
+    fd_ = -1;
+}
+
+Pipe makePipe()
+{
+    int ends[2];
+    check(pipe2(ends, O_CLOEXEC), "cannot make a pipe");
+    return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+}
+
+std::string readFile(const fs::path& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+        failWithErrno("cannot read " + path.string());
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+void writeFile(const fs::path& path, const std::string& text, mode_t mode)
+{
+    const UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode));
+    if (!file)
+        failWithErrno("cannot write " + path.string());
+    size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t count = write(file.get(), text.data() + written, text.size() - written);
+        if (count < 0 && errno == EINTR)
+            continue;
+        check(count, "cannot write " + path.string());
+        written += static_cast<size_t>(count);
+    }
+}
+
+int shellStatus(int waitStatus)
+{
+    return WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
+}
+
+int waitFor(pid_t process)
+{
+    int status = 0;
+    while (waitpid(process, &status, 0) < 0) {
+        if (errno != EINTR)
+            failWithErrno("cannot wait for process " + std::to_string(process));
+    }
+    return status;
+}
+
+fs::path executableDirectory()
+{
+    return fs::read_symlink("/proc/self/exe").parent_path();
+}
+
+void note(const std::string& text)
+{
+    const std::string line = "vset: " + text + "\n";
+    fputs(line.c_str(), stderr); // stderr is unbuffered: one write, whole lines also from PID 1
+}
+
+} // namespace vset

@@ -1,0 +1,85 @@
+// Small helpers over system calls for the launcher: errors as exceptions, owned descriptors, files.
+//
+// The launcher is single-threaded; nothing here is meant for use from several threads.
+#pragma once
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include <sys/types.h>
+
+namespace vset
+{
+
+namespace fs = std::filesystem;
+
+// Something failed; the text is for the person at the terminal and says what to do next. Exit status 1.
+class Error : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The command was used in a wrong way. Exit status 2.
+class UsageError : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Throws Error with `what` and the text of the current errno.
+[[noreturn]] void failWithErrno(const std::string& what);
+
+// Returns `result`, or throws Error when it is negative (errno as the system call left it).
+inline long check(long result, const std::string& what)
+{
+    if (result < 0)
+        failWithErrno(what);
+    return result;
+}
+
+// Owns one file descriptor; -1 means none.
+class UniqueFd
+{
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(long fd) : fd_(static_cast<int>(fd)) {}
+    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept;
+    ~UniqueFd() { reset(); }
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    void reset();
+
+private:
+    int fd_ = -1;
+};
+
+// A pipe whose two ends are closed on exec.
+struct Pipe {
+    UniqueFd readEnd;
+    UniqueFd writeEnd;
+};
+Pipe makePipe();
+
+// Whole files of moderate size. writeFile replaces what is there, in place: for /proc and files that no
+// one else reads yet.
+std::string readFile(const fs::path& path);
+void writeFile(const fs::path& path, const std::string& text, mode_t mode = 0644);
+
+// Exit status as a shell reports it: the process's own, or 128 + signal.
+int shellStatus(int waitStatus);
+
+// waitpid() that is not disturbed by signals; returns the wait status.
+int waitFor(pid_t process);
+
+// The absolute path of the running executable's directory.
+fs::path executableDirectory();
+
+// One line on stderr, prefixed with the program's name.
+void note(const std::string& text);
+
+} // namespace vset
