@@ -1,0 +1,14 @@
+# cmake -DBUILD= -DSDK= -DWORK= -P install-test.cmake: installs what makers get, moves it (it is not bound to
+# the place it was installed to), and builds modules against it.
+function(run)
+    execute_process(COMMAND ${ARGV} COMMAND_ECHO STDOUT COMMAND_ERROR_IS_FATAL ANY)
+endfunction()
+
+file(REMOVE_RECURSE ${WORK})
+run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${WORK}/installed --component sdk)
+file(RENAME ${WORK}/installed ${WORK}/moved)
+set(ENV{PKG_CONFIG_PATH} ${WORK}/moved/share/pkgconfig)
+run(${CMAKE_COMMAND} -S ${SDK}/install-test -B ${WORK}/build -DCMAKE_PREFIX_PATH=${WORK}/moved
+    -DINSTALLED=${WORK}/moved -DSDK=${SDK})
+run(${CMAKE_COMMAND} --build ${WORK}/build)
+run(${WORK}/moved/bin/fwmod --help)
