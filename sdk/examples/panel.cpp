@@ -9,7 +9,7 @@ namespace
 {
 constexpr char kName[] = "panel";          // of the library file, and of the hardware
 constexpr char kIdentifier[] = "empPanel"; // images are named Panel
-constexpr int kExpectedSeconds = 6;        // twice of what a full image takes
+constexpr int kExpectedSeconds = 6;        // twice what an image of ours takes
 
 Firmware firmware{kName, std::chrono::milliseconds(25)};
 } // namespace

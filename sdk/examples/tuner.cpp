@@ -9,7 +9,7 @@ namespace
 {
 constexpr char kName[] = "tuner";          // of the library file, and of the hardware
 constexpr char kIdentifier[] = "empTuner"; // images are named Tuner
-constexpr int kExpectedSeconds = 8;        // twice of what a full image takes
+constexpr int kExpectedSeconds = 8;        // twice what an image of ours takes
 
 Firmware firmware{kName, std::chrono::milliseconds(25)};
 } // namespace
