@@ -83,8 +83,8 @@ public:
     // its value. Null on failure. The handle belongs to the process and is never closed by its users.
     sem_t* create_semaphore();
 
-    // Closes the process's handle. The name stays: another process may be holding it.
-    // 0 on success, -1 on failure.
+    // Opens the semaphore once more and closes that handle, so that an update still at work can post the one
+    // it has. The name stays: another process may be holding it. 0 on success, -1 on failure.
     int destroy_semaphore();
 };
 

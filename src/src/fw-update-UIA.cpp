@@ -89,8 +89,9 @@ gboolean FWUpdateUIA::FWSVC_state_handler(gpointer data)
     return agent->handleState(agent->FWSVC_get_state());
 }
 
-// A tick that falls before a started thread has moved the state repeats the action of 5, 7 and 11: the steps
-// behind them bear it. States that are not listed wait for a thread, for the UI or for the boot worker.
+// A tick that falls before a started thread has moved the state repeats the action of 5, 7 and 11; threads
+// start within a tick, so this is known and left so. States that are not listed wait for a thread or for the
+// UI.
 gboolean FWUpdateUIA::handleState(FWSVC now)
 {
     switch (now) {
@@ -214,14 +215,15 @@ void FWUpdateUIA::chk_pkgMgrReady()
 {
     constexpr const char* kReadyMarker = "/run/.pkgmgr_ready";
     FWSVC_set_state(FWSVC_WAIT_PKGMGR);
-    for (int sleeps = 0; sleeps < 60 && !file_exists(kReadyMarker); ++sleeps) {
+    for (int tests = 61; !file_exists(kReadyMarker) && --tests > 0;) {
         std::this_thread::sleep_for(std::chrono::seconds(1)); // resumed when a signal interrupts it
     }
-    isUILaunchAllowed = pwrctl_get_state() == 0 && file_exists(kReadyMarker) &&
-                        !Is_Factory_Prodution_Booting() && get_EP_WORKING_STATUS_PRALIS() == 0;
-    if (isUILaunchAllowed) {
+    const bool isAllowed = pwrctl_get_state() == 0 && file_exists(kReadyMarker) &&
+                           !Is_Factory_Prodution_Booting() && get_EP_WORKING_STATUS_PRALIS() == 0;
+    if (isAllowed) {
         set_EP_WORKING_STATUS_PRALIS(1);
     }
+    isUILaunchAllowed = isAllowed;
     FWSVC_set_state(FWSVC_PKGMGR_CHECKED);
 }
 
@@ -311,13 +313,14 @@ int FWUpdateUIA::set_EP_WORKING_STATUS_PRALIS(int value)
 
 void FWUpdateUIA::updateFWUpdateProgress(bool done)
 {
-    const auto current = static_cast<int>(FWUpdateSymbolManager::getInstance()->getCurrentUpdateProgress());
+    const unsigned int current = FWUpdateSymbolManager::getInstance()->getCurrentUpdateProgress();
     int stored = 0;
     if (pralis_get_int(kProgressKey, &stored) != 0) {
         stored = 0;
     }
-    const int progress = done ? 100 : current;
-    if (progress <= stored || progress > 100) {
+    const unsigned int wanted = done ? 100 : current;
+    const auto progress = static_cast<int>(wanted);
+    if (wanted > 100 || progress <= stored) {
         return;
     }
     pralis_set_int(kProgressKey, progress);

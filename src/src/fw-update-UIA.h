@@ -40,7 +40,7 @@ public:
     // The upgrade UI has written its status key. `user_data` is the agent, null the one instance.
     static void pralis_fwstatus_UI_cb(keynode* node, void* user_data);
 
-    // Bodies of the detached threads. Both block: up to 60 and up to 5 seconds.
+    // Bodies of the detached threads. Both block: up to 60 seconds, and up to 9.
     void chk_pkgMgrReady();
     void launch_Device_Upgrade_UI();
 

@@ -95,8 +95,8 @@ int FWUpdateSymbolManager::getSWVersionString()
     constexpr int kSoftwareVersionKey = 128;
     char* value = nullptr;
     const int result = sysprop_get_value_string(kSoftwareVersionKey, &value);
-    const std::unique_ptr<char, decltype(&free)> text{value, &free};
-    if (result != 0 || !text) {
+    const std::unique_ptr<char, decltype(&free)> text{result == 0 ? value : nullptr, &free};
+    if (!text) {
         FWLOGE("Unable to read SW version from sysprop");
         return -1;
     }
@@ -268,7 +268,7 @@ int FWUpdateSymbolManager::cntUpdateFirmware(int& uiCount, int& otherCount, bool
         }
         FWLOGE("%s Firmware Expected Time Check Done", module.libName.c_str());
     }
-    totalTimeMs = static_cast<int>(totalUpdateTimeMs);
+    totalTimeMs = static_cast<int>(getTotalUpdateTime());
     return 0;
 }
 
@@ -332,12 +332,19 @@ void FWUpdateSymbolManager::expectUpdate(const FWUpdateSymbol& module)
     totalUpdateTimeMs += module.getExpectedUpdateTime() * 1000;
 }
 
+uint32_t FWUpdateSymbolManager::getTotalUpdateTime()
+{
+    const std::lock_guard<std::mutex> lock(progressMutex);
+    return totalUpdateTimeMs;
+}
+
 // Five seconds of margin per module.
 void FWUpdateSymbolManager::lockPower(int kind, unsigned int count)
 {
+    const uint32_t total = getTotalUpdateTime();
     FWLOGE("about total update time is %d ms, Lock the power during about that time.",
-           static_cast<int>(totalUpdateTimeMs));
-    pwrctl_lock_state(kind, count * 5000 + totalUpdateTimeMs);
+           static_cast<int>(total));
+    pwrctl_lock_state(kind, count * 5000 + total);
     FWLOGE("pwrctl_lock_state done");
 }
 

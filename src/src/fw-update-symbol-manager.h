@@ -86,6 +86,7 @@ private:
     void resetTotalUpdateTime();
     void startRun();
     void expectUpdate(const FWUpdateSymbol& module);
+    uint32_t getTotalUpdateTime();
     void lockPower(int kind, unsigned int count);
     void runOne(FWUpdateSymbol& module, FWUpdateCallerTypes caller, bool keepName);
     void notifyAllUpdateDone();

@@ -149,13 +149,19 @@ int FWUpdateSymbol::loadSymbol(const std::string& libraryName)
     char emptyContext[] = "";
     setContext(FW_CALLER_EMP, emptyContext);
 
-    updateType = UPDATE_TYPE_EMP;
     if (isExternalName(libName)) {
         isEMP = false;
         symbolType = 1;
         FWLOGE("Not Update Symbol [%s]", libName.c_str());
+        updateType = UPDATE_TYPE_EMP;
         return 0;
     }
+    return deriveNames();
+}
+
+// Takes the names of a module with a package from its identifier.
+int FWUpdateSymbol::deriveNames()
+{
     std::string identifier;
     if (getEMPID(identifier) != 0) {
         return -1;
@@ -171,6 +177,7 @@ int FWUpdateSymbol::loadSymbol(const std::string& libraryName)
     empImagePath = kPackageDirectory + EMPName + ".img";
     isEMP = true;
     symbolType = 0;
+    updateType = UPDATE_TYPE_EMP;
     return 0;
 }
 
@@ -255,15 +262,9 @@ bool isOfferedByUI(const std::string& uiUse)
     return uiUse == "select" || uiUse == "force";
 }
 
-} // namespace
-
-bool FWUpdateSymbol::loadInformation(const std::string& path)
+// False at the first value of a wrong type. The message speaks of the checksum for every key.
+bool takeValues(const Json::Value& root, const std::string& path, FWInformation& information)
 {
-    Json::Value root;
-    if (!readJson(path, root)) {
-        FWLOGE("Error: json loadInformation fail.(%s)\n", path.c_str());
-        return false;
-    }
     try {
         information.version = root.get("version", "0000").asString();
         information.crc = root.get("crc", 0).asUInt();
@@ -282,6 +283,46 @@ bool FWUpdateSymbol::loadInformation(const std::string& path)
         information.ui_use = uiUse;
     }
     return true;
+}
+
+} // namespace
+
+bool FWUpdateSymbol::loadInformation(const std::string& path)
+{
+    Json::Value root;
+    if (!readJson(path, root)) {
+        FWLOGE("Error: json loadInformation fail.(%s)\n", path.c_str());
+        return false;
+    }
+    FWInformation fresh;
+    cloneFwInformation(fresh);
+    const bool isValid = takeValues(root, path, fresh);
+    restoreFwInformation(fresh); // also what was read before a wrong value
+    return isValid;
+}
+
+void FWUpdateSymbol::cloneFwInformation(FWInformation& out)
+{
+    const std::lock_guard<std::mutex> lock(informationMutex);
+    out = information;
+}
+
+void FWUpdateSymbol::restoreFwInformation(FWInformation& in)
+{
+    const std::lock_guard<std::mutex> lock(informationMutex);
+    information = in;
+}
+
+bool FWUpdateSymbol::isUISupportUpdate() const
+{
+    const std::lock_guard<std::mutex> lock(informationMutex);
+    return isOfferedByUI(information.ui_use);
+}
+
+bool FWUpdateSymbol::hasUISupportForce() const
+{
+    const std::lock_guard<std::mutex> lock(informationMutex);
+    return information.ui_use == "force";
 }
 
 // The directory of the image and of its information file, ending in "/". Every unknown type is a package.
@@ -356,11 +397,6 @@ bool FWUpdateSymbol::getIMGExists()
     return isEMP && file_exists(empImagePath);
 }
 
-bool FWUpdateSymbol::isUISupportUpdate() const
-{
-    return isOfferedByUI(information.ui_use);
-}
-
 // ---- Update run ----
 
 int FWUpdateSymbol::isNeedUpdate(FWUpdateCallerTypes caller, char* context)
@@ -389,17 +425,19 @@ int FWUpdateSymbol::isNeedUpdate(FWUpdateCallerTypes caller, char* context)
         FWLOGE("Error: json information load fail");
         return -1;
     }
-    if (type == UPDATE_TYPE_BUILTIN && information.ui_use == "none") {
+    FWInformation offered; // a late worker of this module may be reading the record, and rewrite it
+    cloneFwInformation(offered);
+    if (type == UPDATE_TYPE_BUILTIN && offered.ui_use == "none") {
         FWLOGE("Error: %s Firmware does not have proper UI information in %s", firmwareName.c_str(),
                informationPath.c_str());
         return -1;
     }
-    if (!imageMatchesCRC(imagePath)) {
+    if (offered.crc != getBinaryCRC32(imagePath)) {
         FWLOGE("Error: %s Firmware CRC32 different", firmwareName.c_str());
         return -1;
     }
     int verdict = 0;
-    if (checkVersion(information.version.c_str(), &verdict) != 0) {
+    if (checkVersion(offered.version.c_str(), &verdict) != 0) {
         FWLOGE("Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
         return -1;
     }
@@ -410,7 +448,7 @@ int FWUpdateSymbol::isNeedUpdate(FWUpdateCallerTypes caller, char* context)
     }
     updateType = type;
     needUpdate = (verdict == 1);
-    expectedUpdateTime = information.expected_time;
+    expectedUpdateTime = offered.expected_time;
     return verdict;
 }
 
@@ -433,6 +471,8 @@ int FWUpdateSymbol::updateFirmware(FWUpdateCallerTypes caller, char* context)
         FWLOGE("Error: json information load fail");
         return -1;
     }
+    FWInformation offered; // a late worker of this module may be reading the record, and rewrite it
+    cloneFwInformation(offered);
     const std::string imagePath = getBinaryPath(type);
     if (!file_exists(imagePath)) {
         FWLOGE("Error: Firmware binary file no exist (%s)", imagePath.c_str());
@@ -445,7 +485,7 @@ int FWUpdateSymbol::updateFirmware(FWUpdateCallerTypes caller, char* context)
         return -1;
     }
     int verdict = -1;
-    if (checkVersion(information.version.c_str(), &verdict) != 0) {
+    if (checkVersion(offered.version.c_str(), &verdict) != 0) {
         FWLOGE("Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
         return -1;
     }
@@ -456,11 +496,11 @@ int FWUpdateSymbol::updateFirmware(FWUpdateCallerTypes caller, char* context)
         }
         return 0;
     }
-    if (!imageMatchesCRC(imagePath)) {
+    if (offered.crc != getBinaryCRC32(imagePath)) {
         FWLOGE("Error: %s Firmware crc32 different", firmwareName.c_str());
         return -1;
     }
-    return writeImage(type, imagePath);
+    return writeImage(type, imagePath, offered.crc);
 }
 
 int FWUpdateSymbol::runProcess(FWUpdateCallerTypes caller, char* context)
@@ -480,11 +520,6 @@ int FWUpdateSymbol::runProcess(FWUpdateCallerTypes caller, char* context)
     return 0;
 }
 
-bool FWUpdateSymbol::imageMatchesCRC(const std::string& imagePath)
-{
-    return information.crc == getBinaryCRC32(imagePath);
-}
-
 void FWUpdateSymbol::logNotNeeded(UPDATE_TYPE type, const std::string& imagePath)
 {
     TextBuffer version = {};
@@ -494,10 +529,10 @@ void FWUpdateSymbol::logNotNeeded(UPDATE_TYPE type, const std::string& imagePath
 }
 
 // A failed write leaves the package mounted and in place, for the next try.
-int FWUpdateSymbol::writeImage(UPDATE_TYPE type, const std::string& imagePath)
+int FWUpdateSymbol::writeImage(UPDATE_TYPE type, const std::string& imagePath, uint64_t crc)
 {
     FWLOGE("========== [ %s update start ] ==========", firmwareName.c_str());
-    const int result = reportWrite(doUpdate(imagePath.c_str(), information.crc, 0));
+    const int result = reportWrite(doUpdate(imagePath.c_str(), crc, 0));
     if (result == 0 && type == UPDATE_TYPE_EMP) {
         remove(empImagePath.c_str());
         unmountEMPImage();

@@ -1,14 +1,16 @@
 // One firmware module of the set (a "symbol"): its control library, its information file, where its image
 // lies, its checks and its update, from a package, the system image or an encrypted image on a USB stick.
 //
-// A module has no lock. It is made and loaded on the thread that builds the registry; afterwards one update
-// worker at a time drives it. Control libraries are called from whichever thread that is.
+// A module is made and loaded on the thread that builds the registry; afterwards one update worker at a time
+// drives it, and only its information record, which others read meanwhile, is behind a lock. Control
+// libraries are called from whichever thread that is.
 #ifndef FW_UPDATE_SYMBOL_H
 #define FW_UPDATE_SYMBOL_H
 
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <mutex>
 #include <string>
 
 #include "fw-update-common.h"
@@ -90,10 +92,10 @@ public:
     unsigned int getBinaryCRC32(const std::string& path);
     static bool file_exists(const std::string& path);
     bool getIMGExists();
-    void cloneFwInformation(FWInformation& out) { out = information; }
-    void restoreFwInformation(FWInformation& in) { information = in; }
+    void cloneFwInformation(FWInformation& out);
+    void restoreFwInformation(FWInformation& in);
     bool isUISupportUpdate() const;
-    bool hasUISupportForce() const { return information.ui_use == "force"; }
+    bool hasUISupportForce() const;
 
     // ---- Update run ----
 
@@ -136,11 +138,13 @@ public:
     uint32_t symbolType = 0; // 0 a module with a package, 1 an external one
 
 private:
+    int deriveNames();
     std::string getSourceDirectory(UPDATE_TYPE type);
-    bool imageMatchesCRC(const std::string& imagePath);
     void logNotNeeded(UPDATE_TYPE type, const std::string& imagePath);
-    int writeImage(UPDATE_TYPE type, const std::string& imagePath);
+    int writeImage(UPDATE_TYPE type, const std::string& imagePath, uint64_t crc);
     int reportWrite(int result);
+
+    mutable std::mutex informationMutex; // a late worker may outlive the run that started it
 };
 
 // True when "EXT-" stands anywhere in the name, in any case: the module is an external one.
