@@ -1,2 +1,617 @@
-extern "C" void vsetClockPlaceholder();
-void vsetClockPlaceholder() {}
+// libvset-clock.so: programs that are started with it live on their set's clock.
+//
+// It stands in front of the C library's calls that read a clock or wait for a time. Clocks are computed from
+// the page that `vset clock` writes. A wait is cut into slices of the PC's time, and after each the clock is
+// read again, so that a jump or another rate takes effect at once for those who are waiting already.
+//
+// All threads call in here at any time, also before main and from other libraries' constructors: there is no
+// lock and no allocation, and what is set up lazily is set up atomically.
+
+#include "clock/clock-page.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstddef>
+#include <ctime>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <poll.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#define EXPORTED extern "C" __attribute__((visibility("default")))
+
+namespace
+{
+
+constexpr const char* kPagePath = "/run/vset-clock";
+constexpr int64_t kMillisecond = 1000000;
+constexpr int64_t kSecond = 1000000000;
+constexpr int64_t kSlice =
+    20 * kMillisecond; // of the PC's time, the longest wait without looking at the clock
+constexpr int64_t kForever = INT64_MAX;
+
+// ---- The C library's own functions ----
+
+// The conditions of the oldest C library live on under their names without a version; the others are meant.
+void* findReal(const char* name)
+{
+#ifdef __x86_64__
+    if (void* found = dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2"))
+        return found;
+#endif
+    return dlsym(RTLD_NEXT, name);
+}
+
+// Found at the first call. Two threads may both look it up; they find the same.
+template <typename Function>
+class Real
+{
+public:
+    explicit constexpr Real(const char* name) : name_(name) {}
+
+    template <typename... Arguments>
+    auto operator()(Arguments... arguments)
+    {
+        void* found = address_.load(std::memory_order_relaxed);
+        if (found == nullptr) {
+            found = findReal(name_);
+            address_.store(found, std::memory_order_relaxed);
+        }
+        return reinterpret_cast<Function*>(found)(arguments...);
+    }
+
+private:
+    const char* name_;
+    std::atomic<void*> address_{nullptr};
+};
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored                                                                               \
+    "-Wignored-attributes" // a function's type as it is declared, attributes and all
+#endif
+#define REAL(function) Real<decltype(::function)> real_##function(#function)
+REAL(clock_gettime);
+REAL(clock_nanosleep);
+REAL(ppoll);
+REAL(pselect);
+REAL(epoll_pwait);
+REAL(pthread_cond_clockwait);
+REAL(pthread_cond_signal);
+REAL(pthread_cond_broadcast);
+REAL(pthread_mutex_clocklock);
+REAL(pthread_rwlock_clockrdlock);
+REAL(pthread_rwlock_clockwrlock);
+REAL(sem_clockwait);
+REAL(syscall);
+
+// ---- Clocks ----
+
+int64_t fromTimespec(const timespec& time)
+{
+    if (time.tv_sec > kForever / kSecond - 1)
+        return kForever;
+    return time.tv_sec * kSecond + time.tv_nsec;
+}
+
+timespec toTimespec(int64_t time)
+{
+    timespec result{};
+    result.tv_sec = time / kSecond;
+    result.tv_nsec = time % kSecond;
+    if (result.tv_nsec < 0) {
+        result.tv_nsec += kSecond;
+        --result.tv_sec;
+    }
+    return result;
+}
+
+int64_t hostNow(clockid_t clock)
+{
+    timespec now{};
+    real_clock_gettime(clock, &now);
+    return fromTimespec(now);
+}
+
+const vset::ClockPage* mapPage()
+{
+    const int file = open(kPagePath, O_RDONLY | O_CLOEXEC);
+    struct stat status {
+    };
+    if (file < 0)
+        return nullptr;
+    void* memory = MAP_FAILED;
+    if (fstat(file, &status) == 0 && status.st_size >= static_cast<off_t>(sizeof(vset::ClockPage)))
+        memory = mmap(nullptr, sizeof(vset::ClockPage), PROT_READ, MAP_SHARED, file, 0);
+    close(file);
+    if (memory == MAP_FAILED)
+        return nullptr;
+    const auto* page = static_cast<const vset::ClockPage*>(memory);
+    return page->magic.load() == vset::kClockMagic ? page : nullptr;
+}
+
+std::atomic<const vset::ClockPage*> mappedPage{nullptr};
+std::atomic<bool> pageSought{false};
+
+// The set's clock, or null where there is none: then everything is the PC's. Mapped once and never unmapped;
+// when two threads come first at once, one mapping too many stays, which does no harm.
+const vset::ClockPage* clockPage()
+{
+    if (pageSought.load(std::memory_order_acquire))
+        return mappedPage.load(std::memory_order_relaxed);
+    const int previousErrno = errno;
+    mappedPage.store(mapPage(), std::memory_order_relaxed);
+    pageSought.store(true, std::memory_order_release);
+    errno = previousErrno;
+    return mappedPage.load(std::memory_order_relaxed);
+}
+
+enum class Kind { kOther, kMonotonic, kWall };
+
+Kind kindOf(clockid_t clock)
+{
+    switch (clock) {
+    case CLOCK_MONOTONIC:
+    case CLOCK_MONOTONIC_RAW:
+    case CLOCK_MONOTONIC_COARSE:
+    case CLOCK_BOOTTIME:
+    case CLOCK_BOOTTIME_ALARM:
+        return Kind::kMonotonic;
+    case CLOCK_REALTIME:
+    case CLOCK_REALTIME_COARSE:
+    case CLOCK_REALTIME_ALARM:
+    case CLOCK_TAI:
+        return Kind::kWall;
+    default:
+        return Kind::kOther; // a processor-time clock
+    }
+}
+
+int64_t setNow(const vset::ClockPage& page, Kind kind)
+{
+    const vset::ClockState state = vset::readClock(page);
+    const int64_t monotonic = state.monotonicAt(hostNow(CLOCK_MONOTONIC));
+    return kind == Kind::kWall ? monotonic + state.wallOffset : monotonic;
+}
+
+// ---- Waiting ----
+
+// A moment on the set's clock that somebody waits for.
+class Deadline
+{
+public:
+    Deadline(const vset::ClockPage& page, Kind kind, int64_t at) : page_(page), kind_(kind), at_(at) {}
+    static Deadline after(const vset::ClockPage& page, int64_t duration)
+    {
+        const int64_t now = setNow(page, Kind::kMonotonic);
+        return {page, Kind::kMonotonic, duration > kForever - now ? kForever : now + duration};
+    }
+
+    // Nanoseconds of the set's time; 0 when the moment has come.
+    int64_t remaining() const
+    {
+        const int64_t now = setNow(page_, kind_);
+        return at_ > now ? at_ - now : 0;
+    }
+
+    // How long to wait in the PC's time before looking at the clock again.
+    int64_t slice() const
+    {
+        const double real = static_cast<double>(remaining()) / vset::readClock(page_).rate;
+        return real >= static_cast<double>(kSlice) ? kSlice : static_cast<int64_t>(real);
+    }
+
+    // The end of the next slice on the PC's monotonic clock.
+    timespec sliceEnd() const { return toTimespec(hostNow(CLOCK_MONOTONIC) + slice()); }
+
+private:
+    const vset::ClockPage& page_;
+    Kind kind_;
+    int64_t at_;
+};
+
+bool isValid(const timespec& time)
+{
+    return time.tv_sec >= 0 && time.tv_nsec >= 0 && time.tv_nsec < kSecond;
+}
+
+// Repeats `wait`, which takes the end of a slice as a timespec and returns 0 or an error number, until it
+// has another result than ETIMEDOUT or the set's clock has reached the deadline.
+template <typename Wait>
+int waitInSlices(const Deadline& deadline, Wait wait)
+{
+    while (true) {
+        const bool last = deadline.remaining() == 0;
+        const timespec end = deadline.sliceEnd();
+        const int result = wait(end);
+        if (result != ETIMEDOUT || last)
+            return result;
+    }
+}
+
+// The same for calls that say 0 when nothing happened in the time given to them.
+template <typename Wait>
+int waitForEvents(const Deadline& deadline, Wait wait)
+{
+    while (true) {
+        const bool last = deadline.remaining() == 0;
+        const timespec slice = toTimespec(deadline.slice());
+        const int result = wait(slice);
+        if (result != 0 || last)
+            return result;
+    }
+}
+
+int sleepUntil(const Deadline& deadline)
+{
+    while (deadline.remaining() > 0) {
+        const timespec end = deadline.sliceEnd();
+        const int error = real_clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr);
+        if (error != 0)
+            return error; // a signal
+    }
+    return 0;
+}
+
+int sleepFor(const vset::ClockPage& page, int64_t duration, timespec* remain)
+{
+    const Deadline deadline = Deadline::after(page, duration);
+    const int error = sleepUntil(deadline);
+    if (error != 0 && remain != nullptr)
+        *remain = toTimespec(deadline.remaining());
+    return error;
+}
+
+int failWith(int error)
+{
+    errno = error;
+    return -1;
+}
+
+} // namespace
+
+// ---- Reading a clock ----
+
+EXPORTED int clock_gettime(clockid_t clock, timespec* time)
+{
+    const vset::ClockPage* page = clockPage();
+    const Kind kind = kindOf(clock);
+    if (page == nullptr || kind == Kind::kOther)
+        return real_clock_gettime(clock, time);
+    *time = toTimespec(setNow(*page, kind));
+    return 0;
+}
+
+EXPORTED int gettimeofday(timeval* time, void* /*zone*/)
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    *time = {now.tv_sec, now.tv_nsec / 1000};
+    return 0;
+}
+
+EXPORTED time_t time(time_t* result)
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (result != nullptr)
+        *result = now.tv_sec;
+    return now.tv_sec;
+}
+
+EXPORTED int timespec_get(timespec* time, int base)
+{
+    return base == TIME_UTC && clock_gettime(CLOCK_REALTIME, time) == 0 ? base : 0;
+}
+
+// ---- Sleeping ----
+
+EXPORTED int clock_nanosleep(clockid_t clock, int flags, const timespec* request, timespec* remain)
+{
+    const vset::ClockPage* page = clockPage();
+    const Kind kind = kindOf(clock);
+    if (page == nullptr || kind == Kind::kOther || !isValid(*request))
+        return real_clock_nanosleep(clock, flags, request, remain);
+    if ((flags & TIMER_ABSTIME) != 0)
+        return sleepUntil({*page, kind, fromTimespec(*request)});
+    return sleepFor(*page, fromTimespec(*request), remain);
+}
+
+EXPORTED int nanosleep(const timespec* request, timespec* remain)
+{
+    const int error = clock_nanosleep(CLOCK_MONOTONIC, 0, request, remain);
+    return error == 0 ? 0 : failWith(error);
+}
+
+EXPORTED int usleep(useconds_t duration)
+{
+    const timespec request = toTimespec(int64_t{duration} * 1000);
+    return nanosleep(&request, nullptr);
+}
+
+EXPORTED unsigned int sleep(unsigned int seconds)
+{
+    timespec remain{static_cast<time_t>(seconds), 0};
+    if (nanosleep(&remain, &remain) == 0)
+        return 0;
+    return static_cast<unsigned int>(remain.tv_sec + (remain.tv_nsec >= kSecond / 2 ? 1 : 0));
+}
+
+// ---- Waiting for descriptors ----
+
+EXPORTED int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout, const sigset_t* mask)
+{
+    const vset::ClockPage* page = clockPage();
+    if (page == nullptr || timeout == nullptr || !isValid(*timeout))
+        return real_ppoll(descriptors, count, timeout, mask);
+    return waitForEvents(Deadline::after(*page, fromTimespec(*timeout)),
+                         [&](const timespec& slice) { return real_ppoll(descriptors, count, &slice, mask); });
+}
+
+EXPORTED int poll(pollfd* descriptors, nfds_t count, int timeoutMs)
+{
+    const timespec timeout = toTimespec(timeoutMs * kMillisecond);
+    return ppoll(descriptors, count, timeoutMs < 0 ? nullptr : &timeout, nullptr);
+}
+
+// What _FORTIFY_SOURCE makes of the two.
+EXPORTED int __poll_chk(pollfd* descriptors, nfds_t count, int timeoutMs, size_t size)
+{
+    if (size / sizeof(pollfd) < count)
+        __builtin_trap();
+    return poll(descriptors, count, timeoutMs);
+}
+
+EXPORTED int __ppoll_chk(pollfd* descriptors, nfds_t count, const timespec* timeout, const sigset_t* mask,
+                         size_t size)
+{
+    if (size / sizeof(pollfd) < count)
+        __builtin_trap();
+    return ppoll(descriptors, count, timeout, mask);
+}
+
+EXPORTED int pselect(int count, fd_set* reading, fd_set* writing, fd_set* failing, const timespec* timeout,
+                     const sigset_t* mask)
+{
+    const vset::ClockPage* page = clockPage();
+    if (page == nullptr || timeout == nullptr || !isValid(*timeout))
+        return real_pselect(count, reading, writing, failing, timeout, mask);
+    // The sets come back empty from a slice in which nothing happened, so every slice starts with copies.
+    // They are arrays of `count` bits, which may be longer or shorter than an fd_set.
+    constexpr int kMostDescriptors = FD_SETSIZE;
+    if (count < 0 || count > kMostDescriptors)
+        return real_pselect(count, reading, writing, failing, timeout, mask);
+    fd_set* const sets[] = {reading, writing, failing};
+    const size_t bytes =
+        (static_cast<size_t>(count) + 8 * sizeof(long) - 1) / (8 * sizeof(long)) * sizeof(long);
+    fd_set wanted[3];
+    for (int index = 0; index < 3; ++index) {
+        if (sets[index] != nullptr)
+            __builtin_memcpy(&wanted[index], sets[index], bytes);
+    }
+    return waitForEvents(Deadline::after(*page, fromTimespec(*timeout)), [&](const timespec& slice) {
+        for (int index = 0; index < 3; ++index) {
+            if (sets[index] != nullptr)
+                __builtin_memcpy(sets[index], &wanted[index], bytes);
+        }
+        return real_pselect(count, reading, writing, failing, &slice, mask);
+    });
+}
+
+EXPORTED int select(int count, fd_set* reading, fd_set* writing, fd_set* failing, timeval* timeout)
+{
+    if (timeout == nullptr)
+        return pselect(count, reading, writing, failing, nullptr, nullptr);
+    if (timeout->tv_sec < 0 || timeout->tv_usec < 0)
+        return failWith(EINVAL);
+    const timespec duration{timeout->tv_sec + timeout->tv_usec / 1000000, timeout->tv_usec % 1000000 * 1000};
+    timespec start{};
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    const int result = pselect(count, reading, writing, failing, &duration, nullptr);
+    timespec end{};
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    const int64_t left = fromTimespec(duration) - (fromTimespec(end) - fromTimespec(start));
+    const timespec remaining = toTimespec(left > 0 ? left : 0);
+    *timeout = {remaining.tv_sec, remaining.tv_nsec / 1000}; // as Linux does
+    return result;
+}
+
+EXPORTED int epoll_pwait(int epoll, epoll_event* events, int size, int timeoutMs, const sigset_t* mask)
+{
+    const vset::ClockPage* page = clockPage();
+    if (page == nullptr || timeoutMs <= 0)
+        return real_epoll_pwait(epoll, events, size, timeoutMs, mask);
+    return waitForEvents(Deadline::after(*page, timeoutMs * kMillisecond), [&](const timespec& slice) {
+        // Rounded up, as the call has only milliseconds: otherwise the last one would be spent polling.
+        const int64_t milliseconds = (fromTimespec(slice) + kMillisecond - 1) / kMillisecond;
+        return real_epoll_pwait(epoll, events, size, static_cast<int>(milliseconds), mask);
+    });
+}
+
+EXPORTED int epoll_wait(int epoll, epoll_event* events, int size, int timeoutMs)
+{
+    return epoll_pwait(epoll, events, size, timeoutMs, nullptr);
+}
+
+// ---- Conditions ----
+
+namespace
+{
+
+// A signal that is sent between the end of a slice and the next one would be lost, and waking the caller
+// after every slice would show as wake-ups without a reason. So every signal is also counted, by the address
+// of its condition; a waiter that sees the count moved since it came returns as woken.
+constexpr size_t kCounters = 4096; // conditions that share one only risk a wake-up without a reason
+std::atomic<uint32_t> signalCounts[kCounters];
+
+std::atomic<uint32_t>& signalCount(const pthread_cond_t* condition)
+{
+    const auto address = reinterpret_cast<uintptr_t>(condition) / alignof(pthread_cond_t);
+    return signalCounts[(address ^ address / kCounters) % kCounters];
+}
+
+int waitOnCondition(pthread_cond_t* condition, pthread_mutex_t* mutex, const Deadline& deadline)
+{
+    const std::atomic<uint32_t>& count = signalCount(condition);
+    const uint32_t atStart = count.load();
+    return waitInSlices(deadline, [&](const timespec& end) {
+        const int result = real_pthread_cond_clockwait(condition, mutex, CLOCK_MONOTONIC, &end);
+        return result == ETIMEDOUT && count.load() != atStart ? 0 : result;
+    });
+}
+
+// The clock that a condition was initialised for is known to the C library alone. This bit has had its place
+// since conditions were rewritten (2.25).
+Kind clockOf(const pthread_cond_t* condition)
+{
+    constexpr unsigned int kMonotonicFlag = 2;
+    return (condition->__data.__wrefs & kMonotonicFlag) != 0 ? Kind::kMonotonic : Kind::kWall;
+}
+
+} // namespace
+
+EXPORTED int pthread_cond_signal(pthread_cond_t* condition)
+{
+    ++signalCount(condition);
+    return real_pthread_cond_signal(condition);
+}
+
+EXPORTED int pthread_cond_broadcast(pthread_cond_t* condition)
+{
+    ++signalCount(condition);
+    return real_pthread_cond_broadcast(condition);
+}
+
+EXPORTED int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                                    const timespec* time)
+{
+    const vset::ClockPage* page = clockPage();
+    if (page == nullptr || kindOf(clock) == Kind::kOther || !isValid(*time))
+        return real_pthread_cond_clockwait(condition, mutex, clock, time);
+    return waitOnCondition(condition, mutex, {*page, kindOf(clock), fromTimespec(*time)});
+}
+
+EXPORTED int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* time)
+{
+    const clockid_t clock = clockOf(condition) == Kind::kMonotonic ? CLOCK_MONOTONIC : CLOCK_REALTIME;
+    return pthread_cond_clockwait(condition, mutex, clock, time);
+}
+
+// ---- Locks and semaphores ----
+
+namespace
+{
+
+// All of the form "object, clock, time".
+template <typename Lock, typename Object>
+int lockInSlices(Lock& lock, Object* object, clockid_t clock, const timespec* time)
+{
+    const vset::ClockPage* page = clockPage();
+    if (page == nullptr || kindOf(clock) == Kind::kOther || !isValid(*time))
+        return lock(object, clock, time);
+    const Deadline deadline(*page, kindOf(clock), fromTimespec(*time));
+    return waitInSlices(deadline, [&](const timespec& end) { return lock(object, CLOCK_MONOTONIC, &end); });
+}
+
+} // namespace
+
+EXPORTED int pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, const timespec* time)
+{
+    return lockInSlices(real_pthread_mutex_clocklock, mutex, clock, time);
+}
+
+EXPORTED int pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* time)
+{
+    return pthread_mutex_clocklock(mutex, CLOCK_REALTIME, time);
+}
+
+EXPORTED int pthread_rwlock_clockrdlock(pthread_rwlock_t* lock, clockid_t clock, const timespec* time)
+{
+    return lockInSlices(real_pthread_rwlock_clockrdlock, lock, clock, time);
+}
+
+EXPORTED int pthread_rwlock_timedrdlock(pthread_rwlock_t* lock, const timespec* time)
+{
+    return pthread_rwlock_clockrdlock(lock, CLOCK_REALTIME, time);
+}
+
+EXPORTED int pthread_rwlock_clockwrlock(pthread_rwlock_t* lock, clockid_t clock, const timespec* time)
+{
+    return lockInSlices(real_pthread_rwlock_clockwrlock, lock, clock, time);
+}
+
+EXPORTED int pthread_rwlock_timedwrlock(pthread_rwlock_t* lock, const timespec* time)
+{
+    return pthread_rwlock_clockwrlock(lock, CLOCK_REALTIME, time);
+}
+
+EXPORTED int sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* time)
+{
+    const auto wait = [](sem_t* object, clockid_t onClock, const timespec* until) {
+        return real_sem_clockwait(object, onClock, until) == 0 ? 0 : errno;
+    };
+    const int error = lockInSlices(wait, semaphore, clock, time);
+    return error == 0 ? 0 : failWith(error);
+}
+
+EXPORTED int sem_timedwait(sem_t* semaphore, const timespec* time)
+{
+    return sem_clockwait(semaphore, CLOCK_REALTIME, time);
+}
+
+// ---- Futexes ----
+
+namespace
+{
+
+// GLib's conditions and the C++ library's futures wait on a futex directly, through syscall().
+long futexWait(const long* arguments, const Deadline& deadline)
+{
+    const long command = arguments[1] & FUTEX_CMD_MASK;
+    const int error = waitInSlices(deadline, [&](const timespec& end) {
+        const long match = command == FUTEX_WAIT ? static_cast<long>(FUTEX_BITSET_MATCH_ANY) : arguments[5];
+        const long operation = FUTEX_WAIT_BITSET | (arguments[1] & FUTEX_PRIVATE_FLAG); // absolute, monotonic
+        return real_syscall(SYS_futex, arguments[0], operation, arguments[2], &end, nullptr, match) < 0
+                   ? errno
+                   : 0;
+    });
+    return error == 0 ? 0 : failWith(error);
+}
+
+bool isTimedFutexWait(long number, const long* arguments)
+{
+    const long command = arguments[1] & FUTEX_CMD_MASK;
+    return number == SYS_futex && (command == FUTEX_WAIT || command == FUTEX_WAIT_BITSET) &&
+           arguments[3] != 0;
+}
+
+} // namespace
+
+EXPORTED long syscall(long number, ...)
+{
+    long arguments[6]; // what a system call does not take is read from registers or stack and ignored
+    va_list list;
+    va_start(list, number);
+    for (long& argument : arguments)
+        argument = va_arg(list, long);
+    va_end(list);
+    const vset::ClockPage* page = isTimedFutexWait(number, arguments) ? clockPage() : nullptr;
+    const auto* time = page != nullptr ? reinterpret_cast<const timespec*>(arguments[3]) : nullptr;
+    if (time == nullptr || !isValid(*time))
+        return real_syscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
+                            arguments[5]);
+    if ((arguments[1] & FUTEX_CMD_MASK) == FUTEX_WAIT)
+        return futexWait(arguments, Deadline::after(*page, fromTimespec(*time)));
+    const Kind kind = (arguments[1] & FUTEX_CLOCK_REALTIME) != 0 ? Kind::kWall : Kind::kMonotonic;
+    return futexWait(arguments, {*page, kind, fromTimespec(*time)});
+}

@@ -162,6 +162,7 @@ private:
 
     const InitPlan& plan_;
     int powerPipe_;
+    mode_t callersMask_ = 022;
     UniqueFd signals_;
     Service bus_{"dbus-daemon"};
     Service mounts_{"psmountd"};
@@ -259,6 +260,7 @@ void Init::startMain()
         return;
     try {
         prepareForProgram();
+        umask(callersMask_);
         if (chdir(plan_.workingDirectory.c_str()) != 0)
             check(chdir("/"), "cannot enter /");
         executeCommand(plan_.command);
@@ -273,6 +275,7 @@ int Init::run()
     const sigset_t handled = handledSignals();
     check(sigprocmask(SIG_BLOCK, &handled, nullptr), "cannot block signals");
     signals_ = UniqueFd(check(signalfd(-1, &handled, SFD_CLOEXEC), "cannot receive signals"));
+    callersMask_ = umask(022); // of the set's files; the command gets its own back
     composeRoot(plan_.root);
     if (plan_.television() && access("/usr/bin/tarnwick", X_OK) != 0)
         throw Error("the set has no daemon: put it there with `vset new " + plan_.root.set.path().string() +

@@ -162,6 +162,7 @@ void makeLoopNode(const RootPlan& plan, const fs::path& dev, unsigned int number
     }
     check(mknod(node.c_str(), S_IFBLK | 0660, makedev(LOOP_MAJOR, plan.loopBase + number)),
           "cannot make " + node.string() + " (a container may forbid it; -u does without loop devices)");
+    check(chmod(node.c_str(), 0660), "cannot set the mode of " + node.string());
 }
 
 void makeLoopControl(const RootPlan& plan, const fs::path& dev)
