@@ -63,8 +63,7 @@ void addRun(CLI::App& app)
         ->add_option("-b,--bind", options.binds,
                      "Make a directory of the PC visible at its own path (repeatable)")
         ->type_name("DIR")
-        ->expected(1)
-        ->take_all();
+        ->allow_extra_args(false);
     command->add_option("-n,--loop-nodes", options.loopNodes, "Loop device nodes present at start")
         ->check(CLI::Range(0U, kMostLoopNodes))
         ->capture_default_str();

@@ -1,0 +1,289 @@
+// Every call with which the daemon, GLib and the C++ library wait or read a clock, on the clock of a set.
+// Runs inside a set: WaitsAtARate with `--clock-rate 60`, WaitsAtAJump with a clock that jumps 600 s
+// forwards once the file /tmp/waiting is there.
+
+#include <glib.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <dlfcn.h>
+#include <poll.h>
+#include <semaphore.h>
+#include <sys/epoll.h>
+#include <sys/select.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace
+{
+
+using std::chrono::duration;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+using std::chrono::system_clock;
+
+// The PC's clock, past the library under test.
+double hostSeconds()
+{
+    static void* library = dlopen("libc.so.6", RTLD_NOW);
+    static auto* read = reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(library, "clock_gettime"));
+    timespec now{};
+    read(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+timespec inSeconds(clockid_t clock, int wait)
+{
+    timespec time{};
+    clock_gettime(clock, &time);
+    time.tv_sec += wait;
+    return time;
+}
+
+// ---- The waits: each takes seconds and comes back when they are over, by nothing but its time-out ----
+
+void waitOnPthreadCondition(clockid_t clock, int wait)
+{
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, clock);
+    pthread_cond_t condition;
+    pthread_cond_init(&condition, &attributes);
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_lock(&mutex);
+    const timespec end = inSeconds(clock, wait);
+    EXPECT_EQ(pthread_cond_timedwait(&condition, &mutex, &end), ETIMEDOUT);
+    pthread_mutex_unlock(&mutex);
+    pthread_cond_destroy(&condition);
+}
+
+void waitOnSemaphore(bool monotonic, int wait)
+{
+    sem_t semaphore;
+    sem_init(&semaphore, 0, 0);
+    const clockid_t clock = monotonic ? CLOCK_MONOTONIC : CLOCK_REALTIME;
+    const timespec end = inSeconds(clock, wait);
+    const int result = monotonic ? sem_clockwait(&semaphore, clock, &end) : sem_timedwait(&semaphore, &end);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    sem_destroy(&semaphore);
+}
+
+void waitInMainLoop(int wait)
+{
+    GMainContext* context = g_main_context_new();
+    GMainLoop* loop = g_main_loop_new(context, FALSE);
+    GSource* source = g_timeout_source_new(static_cast<guint>(wait) * 1000);
+    g_source_set_callback(
+        source,
+        [](gpointer data) -> gboolean {
+            g_main_loop_quit(static_cast<GMainLoop*>(data));
+            return G_SOURCE_REMOVE;
+        },
+        loop, nullptr);
+    g_source_attach(source, context);
+    g_main_loop_run(loop);
+    g_source_unref(source);
+    g_main_loop_unref(loop);
+    g_main_context_unref(context);
+}
+
+void waitOnGlibCondition(int wait)
+{
+    GMutex mutex;
+    GCond condition;
+    g_mutex_init(&mutex);
+    g_cond_init(&condition);
+    g_mutex_lock(&mutex);
+    EXPECT_FALSE(g_cond_wait_until(&condition, &mutex, g_get_monotonic_time() + wait * G_TIME_SPAN_SECOND));
+    g_mutex_unlock(&mutex);
+    g_cond_clear(&condition);
+    g_mutex_clear(&mutex);
+}
+
+template <typename Clock>
+void waitOnStdCondition(int wait)
+{
+    std::mutex mutex;
+    std::condition_variable condition;
+    std::unique_lock lock(mutex);
+    EXPECT_EQ(condition.wait_until(lock, Clock::now() + seconds(wait)), std::cv_status::timeout);
+}
+
+void waitForMutex(int wait)
+{
+    std::timed_mutex mutex;
+    mutex.lock();
+    std::thread([&] { EXPECT_FALSE(mutex.try_lock_for(seconds(wait))); }).join();
+    mutex.unlock();
+}
+
+void waitWithEpoll(int wait)
+{
+    const int epoll = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event event{};
+    EXPECT_EQ(epoll_wait(epoll, &event, 1, wait * 1000), 0);
+    close(epoll);
+}
+
+void waitWithSelect(int wait)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    fd_set reading;
+    FD_ZERO(&reading);
+    FD_SET(ends[0], &reading);
+    timeval timeout{wait, 0};
+    EXPECT_EQ(select(ends[0] + 1, &reading, nullptr, nullptr, &timeout), 0);
+    EXPECT_FALSE(FD_ISSET(ends[0], &reading));
+    EXPECT_LE(timeout.tv_sec, 0);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+void waitWithPpoll(int wait)
+{
+    const timespec timeout{wait, 0};
+    EXPECT_EQ(ppoll(nullptr, 0, &timeout, nullptr), 0);
+}
+
+void sleepUntilWallTime(int wait)
+{
+    const timespec end = inSeconds(CLOCK_REALTIME, wait);
+    EXPECT_EQ(clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &end, nullptr), 0);
+}
+
+struct Wait {
+    const char* name;
+    std::function<void(int)> run;
+};
+
+const std::vector<Wait>& waits()
+{
+    static const std::vector<Wait> table{
+        {"sleep", [](int wait) { EXPECT_EQ(sleep(static_cast<unsigned int>(wait)), 0U); }},
+        {"usleep", [](int wait) { EXPECT_EQ(usleep(static_cast<useconds_t>(wait) * 1000000), 0); }},
+        {"sleep_for", [](int wait) { std::this_thread::sleep_for(seconds(wait)); }},
+        {"clock_nanosleep", sleepUntilWallTime},
+        {"poll", [](int wait) { EXPECT_EQ(poll(nullptr, 0, wait * 1000), 0); }},
+        {"ppoll", waitWithPpoll},
+        {"select", waitWithSelect},
+        {"epoll_wait", waitWithEpoll},
+        {"condition, steady clock", waitOnStdCondition<steady_clock>},
+        {"condition, system clock", waitOnStdCondition<system_clock>},
+        {"pthread condition, wall time", [](int wait) { waitOnPthreadCondition(CLOCK_REALTIME, wait); }},
+        {"pthread condition, monotonic", [](int wait) { waitOnPthreadCondition(CLOCK_MONOTONIC, wait); }},
+        {"semaphore, wall time", [](int wait) { waitOnSemaphore(false, wait); }},
+        {"semaphore, monotonic", [](int wait) { waitOnSemaphore(true, wait); }},
+        {"timed mutex", waitForMutex},
+        {"future", [](int wait) { std::promise<int>().get_future().wait_for(seconds(wait)); }},
+        {"GLib condition", waitOnGlibCondition},
+        {"GLib main loop", waitInMainLoop},
+    };
+    return table;
+}
+
+// Runs all waits at once, `afterStart` when they have begun, and expects each to have lasted `wait` seconds
+// of the set's time and a small part of that on the PC.
+void expectAllToLast(int wait, const std::function<void()>& afterStart)
+{
+    const double hostStart = hostSeconds();
+    std::vector<std::thread> threads;
+    for (const Wait& one : waits()) {
+        threads.emplace_back([&one, wait] {
+            const auto start = steady_clock::now();
+            one.run(wait);
+            const double lasted = duration<double>(steady_clock::now() - start).count();
+            EXPECT_GE(lasted, wait - 0.01) << one.name << " came back early";
+        });
+    }
+    afterStart();
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_LT(hostSeconds() - hostStart, wait / 3.0) << "the waits took the PC's time";
+}
+
+TEST(Waits, AtARateTakeTheSetsTime)
+{
+    expectAllToLast(120, [] {});
+}
+
+TEST(Waits, AtAJumpComeBackAtOnce)
+{
+    expectAllToLast(600, [] {
+        usleep(500000);
+        std::ofstream("/tmp/waiting") << "yes";
+    });
+}
+
+TEST(Clocks, AgreeWithEachOther)
+{
+    const auto steadyStart = steady_clock::now();
+    const auto wallStart = system_clock::now();
+    const gint64 glibStart = g_get_monotonic_time();
+    const time_t timeStart = time(nullptr);
+    timeval dayStart{};
+    gettimeofday(&dayStart, nullptr);
+    usleep(60000000);
+    const double steady = duration<double>(steady_clock::now() - steadyStart).count();
+    timeval dayEnd{};
+    gettimeofday(&dayEnd, nullptr);
+    // At sixty times the pace a delay of one second between two of these lines shows as a minute.
+    constexpr double kTolerance = 120;
+    EXPECT_GE(steady, 60);
+    EXPECT_NEAR(duration<double>(system_clock::now() - wallStart).count(), steady, kTolerance);
+    EXPECT_NEAR(static_cast<double>(g_get_monotonic_time() - glibStart) / 1e6, steady, kTolerance);
+    EXPECT_NEAR(static_cast<double>(time(nullptr) - timeStart), steady, kTolerance);
+    EXPECT_NEAR(static_cast<double>(dayEnd.tv_sec - dayStart.tv_sec), steady, kTolerance);
+    EXPECT_GE(time(nullptr) - timeStart, 59);
+}
+
+// Waits are cut into slices of 20 ms; signals that fall between two slices must arrive all the same.
+TEST(Conditions, LoseNoSignalBetweenSlices)
+{
+    std::mutex mutex;
+    std::condition_variable condition;
+    int sent = 0;
+    int received = 0;
+    std::thread sender([&] {
+        for (int round = 1; round <= 300; ++round) {
+            poll(nullptr, 0, 600); // of the set's time: about one slice less or more of the PC's
+            std::unique_lock lock(mutex);
+            sent = round;
+            lock.unlock();
+            condition.notify_one();
+            lock.lock();
+            EXPECT_TRUE(condition.wait_for(lock, seconds(3600), [&] { return received == round; }));
+        }
+    });
+    for (int round = 1; round <= 300; ++round) {
+        std::unique_lock lock(mutex);
+        EXPECT_TRUE(condition.wait_for(lock, seconds(3600), [&] { return sent == round; }));
+        received = round;
+        lock.unlock();
+        condition.notify_one();
+    }
+    sender.join();
+}
+
+// A waiter without a condition of its own to test takes every return for a signal.
+TEST(Conditions, WakeNobodyWithoutAReason)
+{
+    std::mutex mutex;
+    std::condition_variable condition;
+    std::unique_lock lock(mutex);
+    for (int round = 0; round < 5; ++round)
+        EXPECT_EQ(condition.wait_for(lock, seconds(20)), std::cv_status::timeout);
+}
+
+} // namespace

@@ -1,0 +1,48 @@
+#!/bin/bash
+# A set that is killed leaves no process, no mount and no bound loop device.
+. "$(dirname "$0")/vset-common.bash" "$1"
+[ "$(id -u)" = 0 ] || skip "needs root"
+cd / || exit 1
+packages=/opt/usr/apps/appbinarymanager
+mkdir "$work/tree" && head -c 50000 /dev/urandom >"$work/tree/data"
+mksquashfs "$work/tree" "$work/one.img" -quiet -noappend >/dev/null || skip "needs squashfs-tools"
+
+mount_two='
+for name in one two; do
+    mkdir -p '$packages'/emps/$name
+    gdbus call --system -d org.pellor.psmount -o /org/pellor/psmount -m org.pellor.psmount.Mounts.Mount \
+        "'"'"'-o ro,loop,nodev,nosuid '$packages'/$name.img '$packages'/emps/$name'"'"'"
+done
+setsid sleep 1000 &
+test "$(grep -c ^/dev/loop /proc/mounts)" = 2 && touch /tmp/ready
+sleep 1000'
+
+no_loop_of() { ! grep -qs "^$1" /sys/block/loop*/loop/backing_file; }
+
+for victim in leader init; do
+    set_=$work/$victim
+    "$vset" new --bare "$set_" >/dev/null
+    cp "$work/one.img" "$set_/root$packages/one.img"
+    cp "$work/one.img" "$set_/root$packages/two.img"
+    "$vset" run "$set_" -- sh -c "$mount_two" >/dev/null 2>&1 &
+    leader=$!
+    started+=("$leader")
+    within 20 test -e "$set_/root/tmp/ready" || fail "$victim: the set does not mount two images"
+    init=$(init_of "$set_")
+    # From outside every process of the set is a descendant of PID 1 or has its process namespace.
+    namespace=$(readlink "/proc/$init/ns/pid")
+    inhabitants() { ls -l /proc/[0-9]*/ns/pid 2>/dev/null | grep -F "$namespace"; }
+    [ "$(inhabitants | wc -l)" -ge 5 ] || fail "$victim: too few processes to prove anything"
+    case $victim in
+    leader) kill -9 "$leader" ;;
+    init) kill -9 "$init" ;;
+    esac
+    wait "$leader" 2>/dev/null
+    nobody() { [ -z "$(inhabitants)" ]; }
+    within 10 nobody || fail "$victim: processes are left: $(inhabitants)"
+    within 10 no_loop_of "$packages/" || fail "$victim: a loop device is still bound"
+    grep -q "$set_" /proc/mounts && fail "$victim: a mount is left"
+    expect 0 "" "$vset" run "$set_" -- true
+    rm -rf "$set_" || fail "$victim: the directory cannot be removed"
+done
+conclude
