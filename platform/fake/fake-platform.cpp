@@ -113,6 +113,16 @@ std::ostream& operator<<(std::ostream& out, const LogLine& line)
     return out << name(line.sink) << ", priority " << line.priority << ": \"" << line.text << '"';
 }
 
+bool operator==(const PowerLock& left, const PowerLock& right)
+{
+    return left.kind == right.kind && left.durationMs == right.durationMs;
+}
+
+std::ostream& operator<<(std::ostream& out, const PowerLock& lock)
+{
+    return out << "kind " << lock.kind << " for " << lock.durationMs << " ms";
+}
+
 FakePlatform& fakePlatform()
 {
     static auto* const platform = new FakePlatform; // never destroyed: detached threads may outlive main

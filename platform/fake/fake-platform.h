@@ -60,6 +60,8 @@ struct PowerLock {
     int kind;
     unsigned int durationMs;
 };
+bool operator==(const PowerLock& left, const PowerLock& right);
+std::ostream& operator<<(std::ostream& out, const PowerLock& lock);
 
 // One launch request as it was sent.
 struct LaunchAttempt {
