@@ -23,6 +23,8 @@ struct Command {
 Run defineCrc(CLI::App& app);
 Run defineInfo(CLI::App& app);
 Run definePackage(CLI::App& app);
+Run defineUsb(CLI::App& app);
+Run defineInspect(CLI::App& app);
 
 // The arguments contradict each other or make no sense.
 struct WrongUse : std::runtime_error {

@@ -4,6 +4,8 @@
 #include "fw-update-symbol.h"
 
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <gio/gio.h>
@@ -45,6 +47,37 @@ Environment reproducibleEnvironment()
 {
     return Environment(g_environ_unsetenv(g_get_environ(), "SOURCE_DATE_EPOCH"));
 }
+
+// ---- Interruption ----
+
+constexpr int kInterruptions[] = {SIGINT, SIGTERM, SIGHUP};
+
+// The name of the file being written, for the handler: it may call little more than unlink.
+char unfinishedName[PATH_MAX];
+volatile sig_atomic_t isUnfinished = 0;
+
+void removeUnfinished(int signal)
+{
+    if (isUnfinished != 0)
+        unlink(unfinishedName);
+    raise(signal); // its default action is restored, and ends the program
+}
+
+void watchInterruptions(const fs::path& unfinished)
+{
+    if (unfinished.string().size() >= sizeof unfinishedName)
+        return; // the file system will refuse the name
+    std::strcpy(unfinishedName, unfinished.c_str());
+    isUnfinished = 1;
+    struct sigaction action = {};
+    action.sa_handler = removeUnfinished;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (const int signal : kInterruptions) {
+        struct sigaction before = {};
+        if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
+            sigaction(signal, &action, nullptr);
+    }
+}
 } // namespace
 
 void requireReadable(const fs::path& path)
@@ -77,10 +110,12 @@ NewFile::NewFile(fs::path target)
     if (!fs::is_directory(directory))
         throw Failure("cannot write " + target_.string() + ": make the directory " + directory.string() +
                       " first");
+    watchInterruptions(unfinished_);
 }
 
 NewFile::~NewFile()
 {
+    isUnfinished = 0;
     std::error_code ignored; // after commit() there is none
     fs::remove(unfinished_, ignored);
 }
@@ -91,6 +126,15 @@ void NewFile::commit()
     fs::rename(unfinished_, target_, error);
     if (error)
         throw Failure("cannot write " + target_.string() + ": " + error.message());
+}
+
+void refuseOverwriting(const fs::path& output, const std::vector<fs::path>& inputs)
+{
+    std::error_code ignored; // a file that is not there yet is none of them
+    for (const fs::path& input : inputs) {
+        if (fs::equivalent(input, output, ignored))
+            throw WrongUse("-o " + output.string() + " would overwrite an input; choose another name");
+    }
 }
 
 ScratchDirectory::ScratchDirectory()
@@ -121,15 +165,16 @@ void writeText(const fs::path& path, const std::string& text)
     file.commit();
 }
 
-void runProgram(const std::vector<std::string>& arguments, const std::string& package)
+std::string runProgram(const std::vector<std::string>& arguments, const std::string& package)
 {
     GError* raw = nullptr;
+    char* rawOutput = nullptr;
     char* rawErrors = nullptr;
     int status = 0;
-    const auto flags = static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_STDOUT_TO_DEV_NULL);
     const gboolean started =
-        g_spawn_sync(nullptr, pointersTo(arguments).data(), reproducibleEnvironment().get(), flags, nullptr,
-                     nullptr, nullptr, &rawErrors, &status, &raw);
+        g_spawn_sync(nullptr, pointersTo(arguments).data(), reproducibleEnvironment().get(),
+                     G_SPAWN_SEARCH_PATH, nullptr, nullptr, &rawOutput, &rawErrors, &status, &raw);
+    const Text output(rawOutput);
     const Text errors(rawErrors);
     Error error(raw);
     if (started == FALSE && g_error_matches(raw, G_SPAWN_ERROR, G_SPAWN_ERROR_NOENT) != FALSE)
@@ -138,7 +183,7 @@ void runProgram(const std::vector<std::string>& arguments, const std::string& pa
         throw Failure("cannot start " + arguments[0] + ": " + error->message);
     GError* rawExit = nullptr;
     if (g_spawn_check_wait_status(status, &rawExit) != FALSE)
-        return;
+        return output ? output.get() : "";
     error.reset(rawExit);
     throw Failure(arguments[0] + " failed (" + error->message + "):\n" + (errors ? errors.get() : ""));
 }

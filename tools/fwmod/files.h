@@ -13,7 +13,7 @@ void requireReadable(const std::filesystem::path& path);
 unsigned int imageChecksum(const std::filesystem::path& path);
 
 // A file that appears under its name only when it is complete: write to `path()`, then `commit()`. What was
-// not committed is removed.
+// not committed is removed, also when the program is interrupted. One at a time.
 class NewFile
 {
 public:
@@ -29,6 +29,9 @@ private:
     std::filesystem::path target_;
     std::filesystem::path unfinished_;
 };
+
+// Throws WrongUse when `output` is one of the inputs; empty names are none.
+void refuseOverwriting(const std::filesystem::path& output, const std::vector<std::filesystem::path>& inputs);
 
 // A private directory, removed with all it holds.
 class ScratchDirectory
@@ -47,7 +50,8 @@ private:
 
 void writeText(const std::filesystem::path& path, const std::string& text);
 
-// Runs a program found in PATH and waits for it. `package` is what to install when it is missing.
-void runProgram(const std::vector<std::string>& arguments, const std::string& package);
+// Runs a program found in PATH, waits for it and returns what it wrote to standard output. `package` is what
+// to install when it is missing.
+std::string runProgram(const std::vector<std::string>& arguments, const std::string& package);
 
 #endif

@@ -10,6 +10,8 @@ constexpr Command kCommands[] = {
     {"crc", "Checksum of an image, as the daemon computes it", defineCrc},
     {"info", "Write or check an information file (info.json)", defineInfo},
     {"package", "Make the package (ID.img) that the daemon mounts", definePackage},
+    {"usb", "Make the encrypted, signed image for a USB stick", defineUsb},
+    {"inspect", "Tell what a file is, and whether it would be accepted", defineInspect},
 };
 
 struct Choice {
@@ -41,6 +43,9 @@ int main(int argc, char** argv)
                "  fwmod crc Tuner.bin\n"
                "  fwmod info --version 1.1 --image Tuner.bin --expected-time 8 -o info.json\n"
                "  fwmod package --image Tuner.bin --info info.json --id empTuner -o empTuner.img\n"
+               "  fwmod usb --version-header 1.1 --payload Tuner.bin --key-file content.key \\\n"
+               "            --sign-key signing.pem -o stick/Tuner.bin\n"
+               "  fwmod inspect stick/Tuner.bin --public-key signing.pub.pem\n"
                "\"fwmod COMMAND --help\" says more. Exit status: 0 done, 1 failed or refused, 2 wrong use.");
     std::vector<Choice> choices;
     for (const Command& command : kCommands) {

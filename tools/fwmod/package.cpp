@@ -50,15 +50,6 @@ void copyInto(const fs::path& from, const fs::path& to)
         throw Failure("cannot copy " + from.string() + ": " + error.message());
 }
 
-void refuseOverwriting(const Options& options, const fs::path& output)
-{
-    std::error_code ignored; // a file that is not there yet is none of them
-    for (const fs::path input : {options.image, options.information}) {
-        if (fs::equivalent(input, output, ignored))
-            throw WrongUse("-o " + output.string() + " would overwrite an input; choose another name");
-    }
-}
-
 // Times, owners and modes are fixed; one block size and compressor that every set's kernel reads.
 void makeFileSystem(const fs::path& tree, const fs::path& output)
 {
@@ -74,7 +65,7 @@ int package(const Options& options)
     const InformationReport report = checkInformation(options.information, fs::path(options.image));
     if (!report.accepted)
         throw Failure("the daemon would refuse the package:\n" + formatReport(options.information, report));
-    refuseOverwriting(options, output);
+    refuseOverwriting(output, {options.image, options.information});
 
     const ScratchDirectory tree;
     copyInto(options.image, tree.path() / (firmware + ".bin"));

@@ -1,0 +1,27 @@
+// A control library, looked at without loading it: nothing of it runs.
+#ifndef FWMOD_CONTROL_LIBRARY_H
+#define FWMOD_CONTROL_LIBRARY_H
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+struct EntryPointState {
+    const char* name;
+    bool required;
+    bool exported;
+};
+
+struct ControlLibrary {
+    bool isSharedObject;     // can be loaded at all
+    bool isForThisMachine;   // same processor and word size as this program; a set may differ
+    std::string libraryName; // as setContext gets it: the file's name without ".so"
+    std::vector<EntryPointState> entryPoints;
+};
+
+bool isElf(const std::filesystem::path& file);
+
+// Throws Failure when the file is damaged.
+ControlLibrary readControlLibrary(const std::filesystem::path& file);
+
+#endif
