@@ -1,0 +1,396 @@
+// fwctl doctor [--fix] [--json]
+#include "command.h"
+#include "daemon-log.h"
+#include "examination.h"
+#include "isolated.h"
+#include "library-symbols.h"
+#include "mounts.h"
+#include "set-state.h"
+
+#include "fw-update-common.h"
+#include "fw-update-mount-manager.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <grp.h>
+#include <map>
+#include <memory>
+#include <pwd.h>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager";
+
+struct Finding {
+    std::string id;
+    std::string text;
+    std::string advice;
+    std::function<bool()> fix; // empty: nothing that is safe to do
+    bool isNote = false;       // worth knowing, nothing to mend
+    bool isFixed = false;
+};
+
+// What the checks look at, found out once. The modules come first: see set-state.h.
+struct Scene {
+    std::vector<Json::Value> modules;
+    std::vector<Json::Value> symbols; // of each module's library
+    DaemonState daemon;
+    std::vector<SemaphoreUser> semaphoreUsers;
+
+    // Without a bus nobody can tell whether the daemon runs; the semaphore is opened by every updater.
+    bool isIdle() const { return daemon.hasBus && daemon.pid == 0 && semaphoreUsers.empty(); }
+};
+
+using Findings = std::vector<Finding>;
+
+Json::Value inspectInChild(const ControlLibrary& library)
+{
+    return runIsolated([&](Telling& telling) {
+        const LibrarySymbols found =
+            telling.call("loading", [&] { return inspectLibrary(library.directory + library.name + ".so"); });
+        telling.put("error", found.loaderError);
+        for (const auto& [name, texts] :
+             {std::pair{"missing", &found.missing}, std::pair{"undefined", &found.undefined}}) {
+            Json::Value array(Json::arrayValue);
+            for (const std::string& text : *texts)
+                array.append(text);
+            telling.put(name, array);
+        }
+        _exit(0);
+    });
+}
+
+Scene look()
+{
+    Scene scene;
+    for (const ControlLibrary& library : findControlLibraries()) {
+        scene.modules.push_back(examine(library));
+        scene.symbols.push_back(inspectInChild(library));
+    }
+    scene.daemon = findDaemon();
+    scene.semaphoreUsers = updateSemaphoreUsers();
+    return scene;
+}
+
+// ---- Directories ----
+
+struct Directory {
+    const char* path;
+    mode_t mode;
+    bool isShared; // belongs to the platform's user and the group that the daemon is in
+};
+constexpr Directory kDirectories[] = {
+    {"/prd/usr/fwupdate/controls", 0755, false},
+    {"/usr/fwupdate/controls", 0755, false},
+    {kPackages, 02775, true},
+    {"/opt/usr/apps/appbinarymanager/emps", 02775, true},
+};
+
+bool makeParents(const std::string& path)
+{
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        if (mkdir(path.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST)
+            return false;
+    }
+    return true;
+}
+
+bool makeDirectory(const Directory& directory)
+{
+    if (!makeParents(directory.path) || mkdir(directory.path, directory.mode) != 0)
+        return false;
+    const passwd* const user = getpwnam("platform");
+    const group* const group = getgrnam("system");
+    const bool isRoot = geteuid() == 0;
+    if (directory.isShared && isRoot && user != nullptr && group != nullptr &&
+        chown(directory.path, user->pw_uid, group->gr_gid) != 0 && errno != EINVAL)
+        return false; // EINVAL: a user namespace of one user has no other owner to give it to
+    return chmod(directory.path, directory.mode) == 0; // whatever the umask
+}
+
+void checkDirectories(const Scene&, Findings& found)
+{
+    for (const Directory& directory : kDirectories) {
+        struct stat status = {};
+        if (stat(directory.path, &status) != 0)
+            found.push_back({"missing-directory", std::string(directory.path) + " is missing", "make it",
+                             [&directory] { return makeDirectory(directory); }});
+        else if (!S_ISDIR(status.st_mode))
+            found.push_back({"no-directory",
+                             std::string(directory.path) + " is no directory",
+                             "move it away and make the directory",
+                             {}});
+    }
+}
+
+// ---- Leftovers ----
+
+void checkMounts(const Scene& scene, Findings& found)
+{
+    if (!scene.isIdle())
+        return; // they are in use
+    for (const std::string& directory : packageMountPoints())
+        found.push_back({"stale-mount", directory + " is mounted, and nothing runs that would use it",
+                         "unmount it",
+                         [directory] { return FWMountManager::getInstance().UMount(directory) == 0; }});
+}
+
+bool postSemaphore()
+{
+    // Looked at again at the last moment: somebody may have begun an update since.
+    const SemaphoreState state = peekUpdateSemaphore();
+    if (!updateSemaphoreUsers().empty() || !state.isReadable || state.value != 0)
+        return false;
+    sem_t* const semaphore = FWUpdateCommon::getInstance()->create_semaphore();
+    return semaphore != nullptr && sem_post(semaphore) == 0;
+}
+
+void checkSemaphore(const Scene& scene, Findings& found)
+{
+    const SemaphoreState state = peekUpdateSemaphore();
+    if (state.exists && !state.isReadable) {
+        found.push_back({"semaphore-unreadable",
+                         "the update semaphore cannot be read by this user",
+                         "run fwctl as root or as the daemon's user",
+                         {}});
+        return;
+    }
+    if (state.exists && scene.daemon.pid != 0 && state.owner != scene.daemon.user && scene.daemon.user != 0)
+        found.push_back({"semaphore-owner",
+                         "the update semaphore belongs to another user than the daemon's",
+                         "restart the set: the daemon makes it anew",
+                         {}});
+    if (!state.exists || state.value != 0 || !scene.semaphoreUsers.empty())
+        return;
+    found.push_back({"stuck-semaphore",
+                     "the update semaphore is taken, but no process has it: every update waits for ever",
+                     "free it (an update was cut off: see \"fwctl list\" for the versions)", postSemaphore});
+}
+
+void checkUpdateList(const Scene& scene, Findings& found)
+{
+    struct stat status = {};
+    if (lstat(kUpdateListPath, &status) != 0)
+        return;
+    const auto removeList = [] { return unlink(kUpdateListPath) == 0; };
+    const bool isOrphan = scene.daemon.hasBus && scene.daemon.pid == 0;
+    if (S_ISLNK(status.st_mode))
+        found.push_back({"list-link",
+                         std::string(kUpdateListPath) + " is a symbolic link: the daemon refuses to check",
+                         "remove the link, and find out who made it",
+                         isOrphan ? std::function<bool()>(removeList) : nullptr});
+    else if (isOrphan)
+        found.push_back({"orphaned-list",
+                         std::string(kUpdateListPath) + " is there, but the daemon does not run", "remove it",
+                         removeList});
+}
+
+// ---- Modules ----
+
+std::string listed(const Json::Value& names)
+{
+    std::string text;
+    for (const Json::Value& name : names)
+        text += (text.empty() ? "" : ", ") + name.asString();
+    return text;
+}
+
+std::string loadReason(const Json::Value& module, const Json::Value& symbols)
+{
+    if (!symbols["missing"].empty())
+        return "it lacks " + listed(symbols["missing"]);
+    if (!symbols["undefined"].empty())
+        return "nothing provides " + listed(symbols["undefined"]);
+    if (!symbols["error"].asString().empty())
+        return symbols["error"].asString();
+    return module["load_messages"].empty() ? "its path cannot be resolved" : listed(module["load_messages"]);
+}
+
+void checkLibraries(const Scene& scene, Findings& found)
+{
+    for (std::size_t index = 0; index < scene.modules.size(); ++index) {
+        const Json::Value& module = scene.modules[index];
+        const std::string path = module["directory"].asString() + module["module"].asString() + ".so";
+        if (module.isMember("failure"))
+            found.push_back({"broken-library",
+                             path + ": " + module["failure"].asString(),
+                             "move it away and have it corrected: the daemon fails with it",
+                             {}});
+        else if (module["kind"] == "unusable")
+            found.push_back({"unusable-library",
+                             path + ": " + loadReason(module, scene.symbols[index]),
+                             "have the library corrected (\"fwmod check\" tries it on a PC)",
+                             {}});
+    }
+}
+
+void checkDuplicates(const Scene& scene, Findings& found)
+{
+    for (const char* const key : {"module", "identifier"}) {
+        std::map<std::string, int> counts;
+        for (const Json::Value& module : scene.modules)
+            counts[module.get(key, "").asString()] += 1;
+        for (const auto& [name, count] : counts) {
+            if (count > 1 && !name.empty())
+                found.push_back({"duplicate-" + std::string(key),
+                                 std::to_string(count) + " control libraries have the " + key + " " + name,
+                                 "keep one of them: each is checked, and updates the same hardware",
+                                 {}});
+        }
+    }
+}
+
+void checkInformation(const Scene& scene, Findings& found)
+{
+    for (const Json::Value& module : scene.modules) {
+        for (const Json::Value& source : module["sources"]) {
+            const Json::Value step = failedStep(source);
+            const std::string test = step["test"].asString();
+            const bool isFault =
+                test == "information" || test == "checksum" || test == "screen" ||
+                (test == "package" && step["detail"].asString().find(" is not there") == std::string::npos);
+            if (isFault)
+                found.push_back({"bad-image",
+                                 module["module"].asString() + ", " + source["source"].asString() + ": " +
+                                     step["detail"].asString(),
+                                 step["advice"].asString(),
+                                 {}});
+        }
+    }
+}
+
+void checkOrphanedImages(const Scene& scene, Findings& found)
+{
+    std::set<std::string> known;
+    for (const Json::Value& module : scene.modules)
+        known.insert(module.get("package", "").asString());
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(kPackages, error), end; !error && entry != end;
+         entry.increment(error)) {
+        if (entry->path().extension() == ".img" && known.count(entry->path()) == 0)
+            found.push_back({"image-without-module",
+                             entry->path().string() + " belongs to no module",
+                             "remove it, or install the module's control library",
+                             {}});
+    }
+}
+
+// ---- Surroundings ----
+
+void checkSurroundings(const Scene& scene, Findings& found)
+{
+    if (scene.modules.empty())
+        found.push_back({"no-module",
+                         "there is no control library: the daemon ends at once",
+                         "install the set's modules",
+                         {}});
+    if (!scene.daemon.hasBus)
+        found.push_back({"no-bus",
+                         "the system bus does not answer: whether the daemon runs is unknown",
+                         "start the set's platform",
+                         {}});
+    if (access("/usr/lib/libkZORUser.so", F_OK) != 0)
+        found.push_back({"no-signature-library",
+                         "there is no signature library: every USB image counts as signed",
+                         "install it, unless the set is meant to be open",
+                         {},
+                         true});
+    if (scene.daemon.hasBus && scene.daemon.pid == 0)
+        found.push_back({"no-daemon",
+                         "the daemon does not run: normal when it found nothing to do",
+                         "it starts with the set",
+                         {},
+                         true});
+}
+
+constexpr void (*kChecks[])(const Scene&, Findings&) = {
+    checkDirectories, checkSemaphore,   checkMounts,         checkUpdateList,   checkLibraries,
+    checkDuplicates,  checkInformation, checkOrphanedImages, checkSurroundings,
+};
+
+// ---- The command ----
+
+void print(const Finding& finding)
+{
+    const char* const mark = finding.isFixed ? "✓" : finding.isNote ? "-" : "✗";
+    std::printf("%s %s\n", mark, finding.text.c_str());
+    if (finding.isFixed)
+        std::printf("    mended\n");
+    else
+        std::printf("    -> %s%s\n", finding.advice.c_str(), finding.fix ? " (--fix does it)" : "");
+}
+
+Json::Value asJson(const Finding& finding)
+{
+    Json::Value told;
+    told["id"] = finding.id;
+    told["text"] = finding.text;
+    told["advice"] = finding.advice;
+    told["note"] = finding.isNote;
+    told["fixable"] = static_cast<bool>(finding.fix);
+    told["fixed"] = finding.isFixed;
+    return told;
+}
+
+void mend(Findings& found)
+{
+    forwardDaemonLog(false);
+    for (Finding& finding : found) {
+        errno = 0;
+        finding.isFixed = finding.fix && finding.fix();
+        if (finding.fix && !finding.isFixed)
+            std::fprintf(stderr, "fwctl: cannot mend \"%s\"%s%s: try as root\n", finding.text.c_str(),
+                         errno != 0 ? ": " : "", errno != 0 ? std::strerror(errno) : "");
+    }
+}
+
+int doctor(bool fix, bool json)
+{
+    Findings found;
+    const Scene scene = look();
+    for (const auto check : kChecks)
+        check(scene, found);
+    if (fix)
+        mend(found);
+    ExitStatus status = kDone;
+    Json::Value all(Json::arrayValue);
+    for (const Finding& finding : found) {
+        status = finding.isNote || finding.isFixed ? status : kFindings;
+        all.append(asJson(finding));
+        if (!json)
+            print(finding);
+    }
+    if (json)
+        std::printf("%s\n", toJson(all).c_str());
+    else if (status == kDone)
+        std::printf("%s modules, nothing to be mended\n", std::to_string(scene.modules.size()).c_str());
+    return status;
+}
+} // namespace
+
+Run defineDoctor(CLI::App& app)
+{
+    struct Options {
+        bool fix = false;
+        bool json = false;
+    };
+    auto options = std::make_shared<Options>();
+    app.add_flag("--fix", options->fix,
+                 "Mend what is safe: unmount what nobody uses, free a semaphore that nobody "
+                 "has,\nremove a list without a daemon, make missing directories");
+    app.add_flag("--json", options->json, "For a program: one JSON array");
+    app.footer(
+        "Without --fix it changes nothing. Exit status: 0 nothing found, or all of it mended; 5 something "
+        "is left.\n"
+        "Examples:\n"
+        "  fwctl doctor\n"
+        "  fwctl doctor --fix");
+    return [options] { return doctor(options->fix, options->json); };
+}

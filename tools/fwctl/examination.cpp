@@ -1,0 +1,166 @@
+#include "examination.h"
+
+#include "command.h"
+#include "daemon-log.h"
+#include "isolated.h"
+#include "replay.h"
+
+#include "fw-update-symbol.h"
+
+#include <algorithm>
+#include <boost/filesystem.hpp>
+
+const ImageSource kImageSources[4] = {
+    {"system", "system image", FW_CALLER_BUILTIN, UPDATE_TYPE_BUILTIN, true},
+    {"package", "package", FW_CALLER_EMP, UPDATE_TYPE_EMP, true},
+    {"usb", "USB stick", FW_CALLER_USB, UPDATE_TYPE_USB, false},
+    {"sandbox", "sandbox area", FW_CALLER_SBOX, UPDATE_TYPE_SBOX, false},
+};
+
+namespace
+{
+constexpr std::pair<const char*, bool> kControlDirectories[] = {{"/prd/usr/fwupdate/controls/", false},
+                                                                {"/usr/fwupdate/controls/", true}};
+
+Json::Value asArray(const std::vector<std::string>& texts)
+{
+    Json::Value array(Json::arrayValue);
+    for (const std::string& text : texts)
+        array.append(text);
+    return array;
+}
+
+const char* kindOf(const FWUpdateSymbol& module, bool isBound)
+{
+    if (!isBound)
+        return "unusable";
+    return module.isEMP ? "package" : "external";
+}
+
+Json::Value installedVersion(FWUpdateSymbol& module, Telling& telling)
+{
+    if (!module.functions.setContext || !module.functions.getActiveVersion)
+        return {};
+    FWUpdateSymbol::TextBuffer version = {};
+    const int result = telling.call("getActiveVersion", [&] { return module.getActiveVersion(version); });
+    return result == 0 ? Json::Value(version) : Json::Value();
+}
+
+void tellNames(const FWUpdateSymbol& module, Telling& telling)
+{
+    if (module.EMPName.empty())
+        return;
+    telling.put("identifier", module.EMPName);
+    telling.put("firmware_name", module.firmwareName);
+    telling.put("package", module.empImagePath);
+}
+
+// The sources that the daemon does not look at are told only when there is something.
+bool isWorthTelling(FWUpdateSymbol& module, const ImageSource& source)
+{
+    return source.checkedByDaemon || FWUpdateSymbol::file_exists(module.getBinaryPath(source.type));
+}
+
+void tellPending(const FWUpdateSymbol& module, Telling& telling)
+{
+    telling.put("pending", module.needUpdate);
+    if (!module.needUpdate)
+        return;
+    telling.put("pending_source", module.updateType == UPDATE_TYPE_BUILTIN ? "system" : "package");
+    telling.put("ui_use", module.information.ui_use);
+    telling.put("expected_time", module.expectedUpdateTime);
+}
+
+// In the daemon's order: the second check starts from what the first has left in the module.
+void tellSources(FWUpdateSymbol& module, Telling& telling)
+{
+    Json::Value sources(Json::arrayValue);
+    for (const ImageSource& source : kImageSources) {
+        if (!source.checkedByDaemon)
+            continue;
+        sources.append(replayCheck(module, source, telling));
+        telling.put("sources", sources);
+    }
+    tellPending(module, telling);
+    for (const ImageSource& source : kImageSources) {
+        if (source.checkedByDaemon || !isWorthTelling(module, source))
+            continue;
+        sources.append(replayCheck(module, source, telling));
+        telling.put("sources", sources);
+    }
+}
+
+void examineInChild(const ControlLibrary& library, Telling& telling)
+{
+    takeDaemonMessages();
+    FWUpdateSymbol module(library.name, library.usr);
+    const bool isBound = telling.call("loading", [&] { return module.loadSymbol(library.name); }) == 0;
+    telling.put("load_messages", asArray(takeDaemonMessages()));
+    telling.put("kind", kindOf(module, isBound));
+    tellNames(module, telling);
+    telling.put("installed", installedVersion(module, telling));
+    if (!module.firmwareName.empty() && module.functions.checkVersion)
+        tellSources(module, telling);
+    _exit(0); // the library is not asked to tear itself down
+}
+
+void scan(const char* directory, bool usr, std::vector<ControlLibrary>& found)
+{
+    boost::system::error_code error;
+    boost::filesystem::directory_iterator entry(directory, error);
+    for (; !error && entry != boost::filesystem::directory_iterator(); entry.increment(error)) {
+        if (entry->path().extension().string() == ".so")
+            found.push_back({entry->path().stem().string(), directory, usr});
+    }
+}
+} // namespace
+
+const ImageSource* findImageSource(const std::string& name)
+{
+    for (const ImageSource& source : kImageSources) {
+        if (name == source.name)
+            return &source;
+    }
+    return nullptr;
+}
+
+std::vector<ControlLibrary> findControlLibraries()
+{
+    std::vector<ControlLibrary> found;
+    for (const auto& [directory, usr] : kControlDirectories)
+        scan(directory, usr, found);
+    return found;
+}
+
+std::vector<ControlLibrary> requireControlLibraries(const std::string& name)
+{
+    std::vector<ControlLibrary> found = findControlLibraries();
+    const auto isOther = [&](const ControlLibrary& library) { return library.name != name; };
+    found.erase(std::remove_if(found.begin(), found.end(), isOther), found.end());
+    return !found.empty() ? found : throw NoSuchModule(name);
+}
+
+Json::Value examine(const ControlLibrary& library)
+{
+    Json::Value told = runIsolated([&](Telling& telling) { examineInChild(library, telling); });
+    told["module"] = library.name;
+    told["directory"] = library.directory;
+    for (const auto& [name, value] : {std::pair<const char*, Json::Value>{"kind", "unusable"},
+                                      {"pending", false},
+                                      {"installed", Json::Value()},
+                                      {"sources", Json::Value(Json::arrayValue)},
+                                      {"load_messages", Json::Value(Json::arrayValue)}}) {
+        if (!told.isMember(name))
+            told[name] = value;
+    }
+    return told;
+}
+
+Json::Value failedStep(const Json::Value& source)
+{
+    for (const Json::Value& step : source["steps"]) {
+        if (!step["passed"].asBool())
+            return step;
+    }
+    return {};
+}

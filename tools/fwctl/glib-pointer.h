@@ -1,0 +1,19 @@
+// Owners of what GLib hands out.
+#ifndef FWCTL_GLIB_POINTER_H
+#define FWCTL_GLIB_POINTER_H
+
+#include <gio/gio.h>
+
+#include <memory>
+
+struct GlibRelease {
+    void operator()(GVariant* variant) const { g_variant_unref(variant); }
+    void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
+    void operator()(gpointer object) const { g_object_unref(object); }
+};
+
+using GVariantPointer = std::unique_ptr<GVariant, GlibRelease>;
+template <typename Object>
+using GObjectPointer = std::unique_ptr<Object, GlibRelease>;
+
+#endif

@@ -1,0 +1,17 @@
+// Keeps the set from switching off during an update that does not see to that itself.
+#ifndef FWCTL_POWER_LOCK_H
+#define FWCTL_POWER_LOCK_H
+
+#include <cstdint>
+
+class PowerLock
+{
+public:
+    // For `count` updates that take `seconds` together; with the margin that the daemon adds.
+    PowerLock(unsigned int count, uint32_t seconds);
+    ~PowerLock();
+    PowerLock(const PowerLock&) = delete;
+    PowerLock& operator=(const PowerLock&) = delete;
+};
+
+#endif

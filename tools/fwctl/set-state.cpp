@@ -1,0 +1,188 @@
+#include "set-state.h"
+
+#include "glib-pointer.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gio/gio.h>
+#include <pwd.h>
+#include <semaphore.h>
+#include <sstream>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+// ---- The daemon ----
+
+namespace
+{
+constexpr const char* kDaemonName = "org.pellor.tv.tarnwick";
+constexpr const char* kDaemonUser = "fwupdate"; // when neither the bus nor the semaphore tells
+
+// A number that the bus knows of the owner of the daemon's name.
+std::optional<guint32> askBus(GDBusConnection* bus, const char* method)
+{
+    const GVariantPointer reply(
+        g_dbus_connection_call_sync(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                    "org.freedesktop.DBus", method, g_variant_new("(s)", kDaemonName),
+                                    G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr));
+    if (!reply)
+        return std::nullopt;
+    guint32 number = 0;
+    g_variant_get(reply.get(), "(u)", &number);
+    return number;
+}
+
+// Seconds since a process started; field 22 of its "stat", counted behind the name, which may hold anything.
+long ageOf(pid_t pid)
+{
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    std::istringstream fields(text.substr(std::min(text.size(), text.rfind(')') + 1)));
+    std::string skipped;
+    for (int field = 3; field < 22; ++field)
+        fields >> skipped;
+    long ticks = 0;
+    double uptime = 0;
+    fields >> ticks;
+    std::ifstream("/proc/uptime") >> uptime;
+    return std::max(0L, static_cast<long>(uptime) - ticks / sysconf(_SC_CLK_TCK));
+}
+} // namespace
+
+DaemonState findDaemon()
+{
+    DaemonState state;
+    const GObjectPointer<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    if (!bus)
+        return state;
+    g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
+    state.hasBus = true;
+    state.pid = static_cast<pid_t>(askBus(bus.get(), "GetConnectionUnixProcessID").value_or(0));
+    state.user = askBus(bus.get(), "GetConnectionUnixUser").value_or(0);
+    state.seconds = state.pid != 0 ? ageOf(state.pid) : 0;
+    return state;
+}
+
+std::optional<uid_t> daemonUser()
+{
+    const DaemonState daemon = findDaemon();
+    if (daemon.pid != 0)
+        return daemon.user;
+    const SemaphoreState semaphore = peekUpdateSemaphore();
+    if (semaphore.exists)
+        return semaphore.owner;
+    const passwd* const user = getpwnam(kDaemonUser);
+    return user != nullptr ? std::optional<uid_t>(user->pw_uid) : std::nullopt;
+}
+
+// ---- The update semaphore ----
+
+namespace
+{
+constexpr const char* kSemaphoreFile = "/dev/shm/sem.SEM_UPDATE_CONTROL"; // where the C library keeps it
+
+// An address range of another process.
+struct Range {
+    uint64_t begin = 0;
+    uint64_t end = 0;
+};
+
+uint64_t parseHex(const std::string& text)
+{
+    uint64_t value = 0;
+    std::from_chars(text.data(), text.data() + text.size(), value, 16);
+    return value;
+}
+
+std::optional<Range> semaphoreIn(const fs::path& process)
+{
+    std::ifstream maps(process / "maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find(kSemaphoreFile) == std::string::npos)
+            continue;
+        const std::size_t dash = line.find('-');
+        return Range{parseHex(line.substr(0, dash)),
+                     parseHex(line.substr(dash + 1, line.find(' ') - dash - 1))};
+    }
+    return std::nullopt;
+}
+
+// Whether a thread of the process sleeps in a system call on the semaphore's memory: in sem_wait, that is.
+bool isWaitingOn(const fs::path& process, const Range& range)
+{
+    std::error_code error;
+    for (fs::directory_iterator task(process / "task", error), end; !error && task != end;
+         task.increment(error)) {
+        std::ifstream file(task->path() / "syscall"); // "202 0x7f... ...", "running" or unreadable
+        std::string number;
+        std::string argument;
+        file >> number >> argument;
+        const uint64_t address = argument.rfind("0x", 0) == 0 ? parseHex(argument.substr(2)) : 0;
+        if (address >= range.begin && address < range.end)
+            return true;
+    }
+    return false;
+}
+
+std::string nameOf(const fs::path& process)
+{
+    std::ifstream file(process / "comm");
+    std::string name;
+    std::getline(file, name);
+    return name;
+}
+} // namespace
+
+SemaphoreState peekUpdateSemaphore()
+{
+    SemaphoreState state;
+    struct stat status = {};
+    if (stat(kSemaphoreFile, &status) != 0)
+        return state;
+    state.exists = true;
+    state.owner = status.st_uid;
+    const bool isWhole = status.st_size >= static_cast<off_t>(sizeof(sem_t)); // else: no semaphore at all
+    const int file = isWhole ? open(kSemaphoreFile, O_RDONLY | O_CLOEXEC) : -1;
+    if (file < 0)
+        return state;
+    void* const memory = mmap(nullptr, sizeof(sem_t), PROT_READ, MAP_SHARED, file, 0);
+    close(file);
+    if (memory == MAP_FAILED)
+        return state;
+    state.isReadable = sem_getvalue(static_cast<sem_t*>(memory), &state.value) == 0;
+    munmap(memory, sizeof(sem_t));
+    return state;
+}
+
+std::vector<SemaphoreUser> updateSemaphoreUsers()
+{
+    std::vector<SemaphoreUser> users;
+    std::error_code error;
+    for (fs::directory_iterator process("/proc", error), end; !error && process != end;
+         process.increment(error)) {
+        const pid_t pid = std::atoi(process->path().filename().c_str());
+        if (pid <= 0 || pid == getpid())
+            continue;
+        if (const auto range = semaphoreIn(process->path()))
+            users.push_back({pid, nameOf(process->path()), isWaitingOn(process->path(), *range)});
+    }
+    return users;
+}
+
+std::string likelyHolder(const std::vector<SemaphoreUser>& users)
+{
+    std::string text;
+    for (const SemaphoreUser& user : users) {
+        if (!user.isWaiting)
+            text += (text.empty() ? "" : " or ") + user.name + " (process " + std::to_string(user.pid) + ")";
+    }
+    return text;
+}

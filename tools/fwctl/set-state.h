@@ -1,0 +1,47 @@
+// What the rest of the set is doing: the daemon, its update semaphore, and what keeps it from updating.
+// Nothing here changes anything. The questions over the bus start threads of GLib's: ask them after the last
+// runIsolated().
+#ifndef FWCTL_SET_STATE_H
+#define FWCTL_SET_STATE_H
+
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+constexpr const char* kMirroringKey = "memory/menu/network/screenmirroring/smsrc_status";
+constexpr const char* kUpdateListPath = "/tmp/fwupdate-off-list.txt";
+constexpr const char* kFactoryMarker = "/tmp/FACTORY_PRODCUTION"; // the platform's spelling
+
+struct DaemonState {
+    bool hasBus = false; // the system bus answers
+    pid_t pid = 0;       // 0: the daemon does not run
+    uid_t user = 0;      // when it runs
+    long seconds = 0;    // since its start
+};
+DaemonState findDaemon();
+
+// The user that the daemon runs as, also when it does not run just now: by the bus, by the owner of the
+// update semaphore, by its usual name. Empty when the set does not tell.
+std::optional<uid_t> daemonUser();
+
+// A process that has the update semaphore open.
+struct SemaphoreUser {
+    pid_t pid;
+    std::string name;
+    bool isWaiting; // for its turn; of the others, one holds it
+};
+
+struct SemaphoreState {
+    bool exists = false;
+    bool isReadable = false;
+    int value = 0; // 0: an update has its turn
+    uid_t owner = 0;
+};
+SemaphoreState peekUpdateSemaphore();
+std::vector<SemaphoreUser> updateSemaphoreUsers(); // without this process
+
+// "tarnwick (412)": the processes that may hold the semaphore; empty when there is none.
+std::string likelyHolder(const std::vector<SemaphoreUser>& users);
+
+#endif

@@ -1,0 +1,59 @@
+// Follows updates from outside, by the daemon's own messages: which module is being written, how far it is,
+// and how it ended. The texts are an interface that other programs read, so they may be relied on.
+#ifndef FWCTL_UPDATE_MONITOR_H
+#define FWCTL_UPDATE_MONITOR_H
+
+#include <atomic>
+#include <functional>
+#include <list>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/types.h>
+
+class FWUpdateSymbol;
+
+struct UpdateOutcome {
+    FWUpdateSymbol* module = nullptr;
+    std::string result = "started"; // then "updated", "failed", "not-needed"
+    std::string reason;             // the daemon's last words on it
+    bool isLate = false;            // it took longer than its expected time
+    pid_t thread = 0;               // that updates it; outlives the wait for it when it is late
+};
+
+// Draws progress while it lives, on a thread of its own. One at a time.
+class UpdateMonitor
+{
+public:
+    // The modules must outlive the monitor.
+    explicit UpdateMonitor(std::list<FWUpdateSymbol>& modules);
+    ~UpdateMonitor();
+    UpdateMonitor(const UpdateMonitor&) = delete;
+    UpdateMonitor& operator=(const UpdateMonitor&) = delete;
+
+    // For an update that begins without a message: an external module's, on this thread.
+    void follow(FWUpdateSymbol& module);
+
+    // What has become of the updates, once those that were given up as late have ended too. A library that
+    // never returns is waited for without end: the hardware is being written.
+    std::vector<UpdateOutcome> finish();
+
+private:
+    void note(const std::string& message);
+    void begin(const std::string& firmwareName);
+    void append(FWUpdateSymbol& module);
+    bool isKnown(const std::string& firmwareName) const;
+    FWUpdateSymbol* current();
+    void draw();
+    bool waitForLateOnes();
+
+    std::list<FWUpdateSymbol>& modules_;
+    std::mutex mutex_;
+    std::vector<UpdateOutcome> outcomes_;
+    std::atomic<bool> isEnding_{false};
+    std::thread drawer_;
+};
+
+#endif

@@ -1,0 +1,227 @@
+// fwctl watch [--json]
+#include "command.h"
+#include "glib-pointer.h"
+#include "isolated.h"
+#include "set-state.h"
+
+#include "pralis.h"
+#include "pwrctl.h"
+
+#include <gio/gio.h>
+#include <glib-unix.h>
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <sstream>
+
+namespace
+{
+struct Key {
+    const char* title;
+    const char* path;
+};
+constexpr Key kKeys[] = {
+    {"status", "memory/ep_firmware_update_app/fw_update_status"},
+    {"progress", "memory/ep_firmware_update_app/fw_update_progress"},
+    {"working_status", "memory/enterprise/swupgrade/working_status"},
+    {"mirroring", kMirroringKey},
+};
+constexpr guint kPollSeconds = 1; // for what nobody tells on its own
+
+// Prints what differs from what it last printed; all of it runs on the main loop's thread.
+class Watch
+{
+public:
+    explicit Watch(bool json) : json_(json), loop_(g_main_loop_new(nullptr, FALSE)) {}
+
+    int run();
+    void show(const std::string& title, const Json::Value& value);
+    void poll();
+
+private:
+    void subscribe();
+    void connectToBus();
+    void watchLocks(GDBusConnection* bus);
+
+    bool json_;
+    std::unique_ptr<GMainLoop, GlibRelease> loop_;
+    GObjectPointer<GDBusConnection> bus_;
+    std::map<std::string, Json::Value> shown_;
+};
+
+std::string timeOfDay()
+{
+    GDateTime* const now = g_date_time_new_now_local();
+    char* const text = g_date_time_format(now, "%H:%M:%S");
+    const std::string copy = text;
+    g_free(text);
+    g_date_time_unref(now);
+    return copy;
+}
+
+// ---- What the platform's headers offer ----
+
+void onKeyChanged(keynode*, void* watch)
+{
+    static_cast<Watch*>(watch)->poll();
+}
+
+int onPowerState(pwrctl_state_info* info, void* watch)
+{
+    static_cast<Watch*>(watch)->show("power_state", info->cur_state);
+    return 0;
+}
+
+int onPowerOff(pwrctl_poweroff_info* info, void* watch)
+{
+    static_cast<Watch*>(watch)->show("power_off", info->reason);
+    return 0;
+}
+
+gboolean onTick(gpointer watch)
+{
+    static_cast<Watch*>(watch)->poll();
+    return G_SOURCE_CONTINUE;
+}
+
+gboolean onInterrupt(gpointer loop)
+{
+    g_main_loop_quit(static_cast<GMainLoop*>(loop));
+    return G_SOURCE_CONTINUE;
+}
+
+std::string turnText()
+{
+    const SemaphoreState state = peekUpdateSemaphore();
+    if (!state.isReadable)
+        return state.exists ? "unreadable" : "free";
+    if (state.value > 0)
+        return "free";
+    const std::string holder = likelyHolder(updateSemaphoreUsers());
+    return holder.empty() ? "stuck" : holder;
+}
+
+// ---- Power locks: a virtual set tells them, a television does not ----
+
+void onLocks(GObject* bus, GAsyncResult* result, gpointer watch)
+{
+    const GVariantPointer reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(bus), result, nullptr));
+    if (!reply)
+        return;
+    const char* text = nullptr;
+    g_variant_get(reply.get(), "(&s)", &text);
+    std::istringstream in(text);
+    Json::Value snapshot;
+    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &snapshot, nullptr) || !snapshot.isObject())
+        return;
+    const Json::Value power = snapshot["power"];
+    if (power.isObject() && power.isMember("locks"))
+        static_cast<Watch*>(watch)->show("power_locks", power["locks"]);
+}
+
+void requestLocks(GDBusConnection* bus, gpointer watch)
+{
+    g_dbus_connection_call(bus, "org.pellor.platform", "/org/pellor/platform", "org.pellor.platform.Control",
+                           "Snapshot", nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, -1,
+                           nullptr, onLocks, watch);
+}
+
+void onSetChanged(GDBusConnection* bus, const gchar*, const gchar*, const gchar*, const gchar*, GVariant*,
+                  gpointer watch)
+{
+    requestLocks(bus, watch);
+}
+
+void onDaemonAppeared(GDBusConnection*, const gchar*, const gchar*, gpointer watch)
+{
+    static_cast<Watch*>(watch)->show("daemon", "runs");
+}
+
+void onDaemonVanished(GDBusConnection*, const gchar*, gpointer watch)
+{
+    static_cast<Watch*>(watch)->show("daemon", "does not run");
+}
+
+// ---- The watch ----
+
+void Watch::show(const std::string& title, const Json::Value& value)
+{
+    const auto known = shown_.find(title);
+    if (known != shown_.end() && known->second == value)
+        return;
+    shown_[title] = value;
+    if (json_) {
+        Json::Value line;
+        line["time"] = timeOfDay();
+        line[title] = value;
+        std::printf("%s\n", toJson(line).c_str());
+    } else {
+        const std::string text = value.isString() ? value.asString() : toJson(value);
+        std::printf("%s  %-15s %s\n", timeOfDay().c_str(), title.c_str(), text.c_str());
+    }
+    if (std::fflush(stdout) != 0)
+        g_main_loop_quit(loop_.get()); // nobody reads on
+}
+
+void Watch::poll()
+{
+    for (const Key& key : kKeys) {
+        int value = 0;
+        show(key.title, pralis_get_int(key.path, &value) == 0 ? Json::Value(value) : Json::Value("-"));
+    }
+    show("update_turn", turnText());
+}
+
+void Watch::subscribe()
+{
+    for (const Key& key : kKeys)
+        pralis_notify_key_changed(key.path, onKeyChanged, this);
+    pwrctl_subscribe_state_changed_event(onPowerState, this);
+    pwrctl_subscribe_poweroff_event(onPowerOff, this);
+    const int state = pwrctl_get_state();
+    show("power_state", state >= 0 ? Json::Value(state) : Json::Value("-"));
+}
+
+void Watch::watchLocks(GDBusConnection* bus)
+{
+    g_dbus_connection_signal_subscribe(bus, "org.pellor.platform", "org.pellor.platform.Control", "Changed",
+                                       "/org/pellor/platform", nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+                                       onSetChanged, this, nullptr);
+    requestLocks(bus, this);
+}
+
+void Watch::connectToBus()
+{
+    bus_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    if (!bus_)
+        throw Failure("the system bus does not answer: is the set's platform running?");
+    g_dbus_connection_set_exit_on_close(bus_.get(), FALSE);
+    g_bus_watch_name_on_connection(bus_.get(), "org.pellor.tv.tarnwick", G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                   onDaemonAppeared, onDaemonVanished, this, nullptr);
+    watchLocks(bus_.get());
+}
+
+int Watch::run()
+{
+    connectToBus();
+    subscribe();
+    poll();
+    g_timeout_add_seconds(kPollSeconds, onTick, this);
+    g_unix_signal_add(SIGINT, onInterrupt, loop_.get());
+    g_unix_signal_add(SIGTERM, onInterrupt, loop_.get());
+    g_main_loop_run(loop_.get());
+    return kDone;
+}
+} // namespace
+
+Run defineWatch(CLI::App& app)
+{
+    auto json = std::make_shared<bool>(false);
+    app.add_flag("--json", *json, "For a program: one JSON object a line");
+    app.footer(
+        "Prints every value once, then each change with its time, until Ctrl-C. update_turn is the process\n"
+        "that is updating, or \"free\". Power locks are shown on a virtual set; a television does not tell.\n"
+        "Example:\n  fwctl watch");
+    return [json] { return Watch(*json).run(); };
+}
