@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <openssl/evp.h>
+#include <ostream>
 #include <string>
 #include <sys/prctl.h>
 #include <unistd.h>
