@@ -1,0 +1,328 @@
+#include "control-client.h"
+
+#include <cerrno>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace vset
+{
+
+namespace
+{
+
+constexpr const char* kPlatformName = "org.pellor.platform";
+constexpr const char* kPlatformPath = "/org/pellor/platform";
+constexpr const char* kControl = "org.pellor.platform.Control";
+constexpr const char* kMountName = "org.pellor.psmount";
+constexpr const char* kMountPath = "/org/pellor/psmount";
+constexpr const char* kMountControl = "org.pellor.psmount.Control";
+constexpr const char* kSocket = "/run/dbus/system_bus_socket";
+constexpr int kTimeoutMilliseconds = 10000;
+
+// Makes `context` the one that GIO answers this thread in.
+class ThreadContext
+{
+public:
+    explicit ThreadContext(GMainContext* context) : context_(context)
+    {
+        g_main_context_push_thread_default(context_);
+    }
+    ~ThreadContext() { g_main_context_pop_thread_default(context_); }
+    ThreadContext(const ThreadContext&) = delete;
+    ThreadContext& operator=(const ThreadContext&) = delete;
+
+private:
+    GMainContext* context_;
+};
+
+class Directory
+{
+public:
+    explicit Directory(const std::string& path) : file_(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC))
+    {
+    }
+    ~Directory()
+    {
+        if (file_ >= 0)
+            close(file_);
+    }
+    Directory(const Directory&) = delete;
+    Directory& operator=(const Directory&) = delete;
+    int get() const { return file_; }
+
+private:
+    int file_;
+};
+
+bool isMountCall(const std::string& call)
+{
+    return call == "PS_Mount" || call == "PS_Mknod" || call == "PS_Umount";
+}
+
+std::string textForPerson(const ErrorSlot& error, const std::string& whereabouts)
+{
+    const GError* const reason = error.get();
+    const bool isGone = g_error_matches(reason, G_IO_ERROR, G_IO_ERROR_CLOSED) != FALSE ||
+                        g_error_matches(reason, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) != FALSE ||
+                        g_error_matches(reason, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY) != FALSE ||
+                        g_error_matches(reason, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER) != FALSE;
+    return isGone ? "the platform of " + whereabouts + " is gone (" + error.text() + ")" : error.text();
+}
+
+} // namespace
+
+ControlClient ControlClient::ofSet(const std::string& set)
+{
+    // A socket's address is at most 107 bytes long, a set's directory is not: the way goes over a descriptor.
+    const Directory directory(set + "/root/run/dbus");
+    const std::string address =
+        "unix:path=/proc/self/fd/" + std::to_string(directory.get()) + "/system_bus_socket";
+    if (access((set + "/root").c_str(), F_OK) != 0)
+        throw ControlError("there is no set in " + set + ": make one with `vset new " + set + "`");
+    if (directory.get() < 0)
+        throw ControlError("set " + set + " is not running: start it with `vset run " + set + "`");
+    return ControlClient(address, "set " + set);
+}
+
+ControlClient ControlClient::inside()
+{
+    return ControlClient(std::string("unix:path=") + kSocket, "this set");
+}
+
+ControlClient::ControlClient(const std::string& address, const std::string& whereabouts)
+    : whereabouts_(whereabouts), context_(g_main_context_new())
+{
+    const ThreadContext ours(context_.get());
+    ErrorSlot error;
+    // The set may have users of its own (rootless): then the bus sees another user than we are here.
+    bus_.reset(g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION |
+                                          G_DBUS_CONNECTION_FLAGS_CROSS_NAMESPACE),
+        nullptr, nullptr, error.address()));
+    if (bus_ != nullptr)
+        return;
+    if (g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_PERMISSION_DENIED) != FALSE)
+        throw ControlError("no access to the bus of " + whereabouts + ": " + error.text());
+    if (whereabouts == "this set")
+        throw ControlError("there is no system bus of a set at " + std::string(kSocket) +
+                           ": start this program with `vset run SET -- ...` or `vset exec SET -- ...`");
+    throw ControlError(whereabouts + " is not running: start it with `vset run " +
+                       whereabouts.substr(whereabouts.find(' ') + 1) + "`");
+}
+
+ControlClient::ControlClient(ControlClient&& other) noexcept = default;
+
+ControlClient::~ControlClient()
+{
+    if (bus_ == nullptr)
+        return;
+    g_dbus_connection_close_sync(bus_.get(), nullptr, nullptr);
+}
+
+GlibPointer<GVariant> ControlClient::call(const char* method, GVariant* parameters,
+                                          const char* replyType) const
+{
+    ErrorSlot error;
+    GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
+        bus_.get(), kPlatformName, kPlatformPath, kControl, method, parameters, G_VARIANT_TYPE(replyType),
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, kTimeoutMilliseconds, nullptr, error.address()));
+    if (reply == nullptr)
+        throw ControlError(textForPerson(error, whereabouts_));
+    return reply;
+}
+
+Json::Value ControlClient::snapshot() const
+{
+    const GlibPointer<GVariant> reply = call("Snapshot", nullptr, "(s)");
+    const char* text = nullptr;
+    g_variant_get(reply.get(), "(&s)", &text);
+    Json::Value json;
+    std::string errors;
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    if (!reader->parse(text, text + std::char_traits<char>::length(text), &json, &errors))
+        throw ControlError("the platform of " + whereabouts_ + " tells nonsense: " + errors);
+    return json;
+}
+
+void ControlClient::setSetting(const std::string& key, int value) const
+{
+    call("SetSetting", g_variant_new("(si)", key.c_str(), value));
+}
+
+void ControlClient::removeSetting(const std::string& key) const
+{
+    call("RemoveSetting", g_variant_new("(s)", key.c_str()));
+}
+
+void ControlClient::setPowerState(int state) const
+{
+    call("SetPowerState", g_variant_new("(i)", state));
+}
+
+void ControlClient::powerOff(int reason) const
+{
+    call("PowerOff", g_variant_new("(i)", reason));
+}
+
+void ControlClient::reboot(unsigned int reason) const
+{
+    call("Reboot", g_variant_new("(u)", reason));
+}
+
+void ControlClient::setProperty(int key, const std::string& value) const
+{
+    call("SetProperty", g_variant_new("(is)", key, value.c_str()));
+}
+
+void ControlClient::setPackageDelay(unsigned int milliseconds) const
+{
+    call("SetPackageDelay", g_variant_new("(u)", milliseconds));
+}
+
+void ControlClient::setPackageManagerDelay(int milliseconds) const
+{
+    call("SetPackageManagerDelay", g_variant_new("(i)", milliseconds));
+}
+
+void ControlClient::replyLaunch(unsigned int launch, int result) const
+{
+    call("ReplyLaunch", g_variant_new("(ui)", launch, result));
+}
+
+// ---- Faults ----
+
+void ControlClient::setFault(const std::string& name, int result, int count,
+                             const std::string& argument) const
+{
+    if (!isMountCall(name)) {
+        call("SetFault", g_variant_new("(ssii)", name.c_str(), argument.c_str(), result, count));
+        return;
+    }
+    if (!argument.empty())
+        throw ControlError("a fault of " + name + " cannot be limited to an argument");
+    // Its callers look at an error number beside the result.
+    setMountFault(name, result, result == 0 ? 0 : EIO, count);
+}
+
+void ControlClient::setMountFault(const std::string& name, int returned, int result, int count) const
+{
+    const std::string method = name.substr(name.find('_') + 1); // PS_Mount is Mount there
+    ErrorSlot error;
+    const GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
+        bus_.get(), kMountName, kMountPath, kMountControl, "SetFault",
+        g_variant_new("(siii)", method.c_str(), returned, result, count), nullptr,
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, kTimeoutMilliseconds, nullptr, error.address()));
+    if (reply == nullptr)
+        throw ControlError("the mount service of " + whereabouts_ + ": " + error.text());
+}
+
+void ControlClient::setDelay(const std::string& name, unsigned int milliseconds, int count,
+                             const std::string& argument) const
+{
+    if (isMountCall(name))
+        throw ControlError("the mount service cannot be made late, only made to fail");
+    call("SetDelay", g_variant_new("(ssui)", name.c_str(), argument.c_str(), milliseconds, count));
+}
+
+void ControlClient::resetFaults(const std::string& name) const
+{
+    if (isMountCall(name)) {
+        setMountFault(name, 0, 0, 0);
+        return;
+    }
+    call("ResetFaults", g_variant_new("(s)", name.c_str()));
+}
+
+// ---- Waiting ----
+
+namespace
+{
+
+// Hears of the set's changes, and of the end of a time, in a context of its own.
+class ChangeWatch
+{
+public:
+    ChangeWatch(GDBusConnection* bus, GMainContext* context, std::chrono::milliseconds limit)
+        : bus_(bus), context_(context), timer_(g_timeout_source_new(static_cast<guint>(limit.count())))
+    {
+        subscription_ =
+            g_dbus_connection_signal_subscribe(bus_, kPlatformName, kControl, "Changed", kPlatformPath,
+                                               nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onChanged, this, nullptr);
+        closed_ = g_signal_connect(bus_, "closed", G_CALLBACK(onClosed), this);
+        g_source_set_callback(timer_, onTime, this, nullptr);
+        g_source_attach(timer_, context_);
+    }
+
+    ~ChangeWatch()
+    {
+        g_signal_handler_disconnect(bus_, closed_);
+        g_dbus_connection_signal_unsubscribe(bus_, subscription_);
+        g_source_destroy(timer_);
+        g_source_unref(timer_);
+        while (g_main_context_iteration(context_, FALSE) != FALSE) {
+            // what was on its way to this object is delivered to nobody now
+        }
+    }
+
+    ChangeWatch(const ChangeWatch&) = delete;
+    ChangeWatch& operator=(const ChangeWatch&) = delete;
+
+    // False when the time is over and nothing has changed any more.
+    bool waitForChange()
+    {
+        while (!isChanged_ && !isOver_)
+            g_main_context_iteration(context_, TRUE);
+        return std::exchange(isChanged_, false);
+    }
+
+private:
+    static void onChanged(GDBusConnection*, const char*, const char*, const char*, const char*, GVariant*,
+                          gpointer self)
+    {
+        static_cast<ChangeWatch*>(self)->isChanged_ = true;
+    }
+
+    // The next snapshot will say what has happened.
+    static void onClosed(GDBusConnection*, gboolean, GError*, gpointer self)
+    {
+        static_cast<ChangeWatch*>(self)->isChanged_ = true;
+    }
+
+    static gboolean onTime(gpointer self)
+    {
+        static_cast<ChangeWatch*>(self)->isOver_ = true;
+        return G_SOURCE_REMOVE;
+    }
+
+    GDBusConnection* bus_;
+    GMainContext* context_;
+    GSource* timer_;
+    guint subscription_ = 0;
+    gulong closed_ = 0;
+    bool isChanged_ = false;
+    bool isOver_ = false;
+};
+
+} // namespace
+
+Json::Value ControlClient::waitUntil(const std::function<bool(const Json::Value&)>& condition,
+                                     std::chrono::milliseconds limit) const
+{
+    const ThreadContext ours(context_.get());
+    ChangeWatch watch(bus_.get(), context_.get(), limit);
+    while (true) {
+        Json::Value now = snapshot(); // asked for after the subscription, so no change is missed
+        if (condition(now))
+            return now;
+        if (!watch.waitForChange())
+            throw ControlError("not reached within " + std::to_string(limit.count()) + " ms");
+    }
+}
+
+} // namespace vset

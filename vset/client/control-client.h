@@ -1,0 +1,74 @@
+// Sees and steers a set: from outside by its directory, or from a program inside.
+//
+// Every failure is a ControlError with a text for a person. A client belongs to one thread at a time; several
+// clients may be used at once. No main loop is needed.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include <json/json.h>
+
+#include "glib-pointers.h"
+
+namespace vset
+{
+
+class ControlError : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class ControlClient
+{
+public:
+    // Of the running set in the directory `set`, as `vset run` got it.
+    static ControlClient ofSet(const std::string& set);
+    // Of the set that this process runs in.
+    static ControlClient inside();
+
+    ~ControlClient();
+    ControlClient(ControlClient&& other) noexcept;
+    ControlClient& operator=(ControlClient&&) = delete;
+
+    // Everything that the platform knows; docs/vset-commands.md lists the sections.
+    Json::Value snapshot() const;
+
+    void setSetting(const std::string& key, int value) const;
+    void removeSetting(const std::string& key) const;
+    void setPowerState(int state) const;
+    void powerOff(int reason) const;
+    void reboot(unsigned int reason) const;
+    void setProperty(int key, const std::string& value) const;
+    void setPackageDelay(unsigned int milliseconds) const;
+    void setPackageManagerDelay(int milliseconds) const; // negative: never
+    void replyLaunch(unsigned int launch, int result) const;
+
+    // `call` as its header declares it; PS_Mount, PS_Mknod and PS_Umount too (root only, and no `argument`).
+    // `argument` empty: whatever the call is about. `count` below 0: until it is reset.
+    void setFault(const std::string& call, int result, int count = -1,
+                  const std::string& argument = "") const;
+    void setDelay(const std::string& call, unsigned int milliseconds, int count = -1,
+                  const std::string& argument = "") const;
+    void resetFaults(const std::string& call = "") const;
+
+    // Waits until `condition` is true of a snapshot, which it is asked at every change of the set, and gives
+    // that snapshot. Throws ControlError when it is not after `limit`, of this process's time.
+    Json::Value waitUntil(const std::function<bool(const Json::Value&)>& condition,
+                          std::chrono::milliseconds limit) const;
+
+private:
+    explicit ControlClient(const std::string& address, const std::string& whereabouts);
+
+    GlibPointer<GVariant> call(const char* method, GVariant* parameters, const char* replyType = "()") const;
+    void setMountFault(const std::string& call, int returned, int result, int count) const;
+
+    std::string whereabouts_; // of the set, for error texts
+    GlibPointer<GMainContext> context_;
+    GlibPointer<GDBusConnection> bus_;
+};
+
+} // namespace vset

@@ -1,0 +1,205 @@
+#include "control.h"
+
+#include <algorithm>
+#include <optional>
+
+#include "platform-interfaces.h"
+#include "services.h"
+
+namespace vset
+{
+
+namespace
+{
+
+constexpr const char* kInvalid = "org.pellor.platform.Error.Invalid";
+
+using Fault = std::optional<std::string>; // what is wrong with an order
+
+Fault checkCall(const std::string& call)
+{
+    const std::vector<std::string> names = Services::callNames();
+    if (std::find(names.begin(), names.end(), call) != names.end())
+        return std::nullopt;
+    std::string text = "there is no platform call \"" + call + "\"; there are:";
+    for (const std::string& name : names)
+        text += "\n  " + name;
+    return text;
+}
+
+// ---- Orders ----
+
+Fault setSetting(SetModel& set, const Client& client, GVariant* parameters)
+{
+    const char* key = nullptr;
+    int value = 0;
+    g_variant_get(parameters, "(&si)", &key, &value);
+    return set.settings.set(key, value, client.command);
+}
+
+Fault removeSetting(SetModel& set, const Client&, GVariant* parameters)
+{
+    const char* key = nullptr;
+    g_variant_get(parameters, "(&s)", &key);
+    return set.settings.remove(key);
+}
+
+Fault setPowerState(SetModel& set, const Client&, GVariant* parameters)
+{
+    int state = 0;
+    g_variant_get(parameters, "(i)", &state);
+    return set.power.setState(state);
+}
+
+Fault powerOff(SetModel& set, const Client& client, GVariant* parameters)
+{
+    int reason = 0;
+    g_variant_get(parameters, "(i)", &reason);
+    set.power.requestPowerOff(reason, client);
+    return std::nullopt;
+}
+
+Fault reboot(SetModel& set, const Client& client, GVariant* parameters)
+{
+    guint32 reason = 0;
+    g_variant_get(parameters, "(u)", &reason);
+    set.power.requestReboot(reason, client);
+    return std::nullopt;
+}
+
+Fault setProperty(SetModel& set, const Client&, GVariant* parameters)
+{
+    int key = 0;
+    const char* value = nullptr;
+    g_variant_get(parameters, "(i&s)", &key, &value);
+    return set.properties.set(key, value);
+}
+
+Fault setPackageDelay(SetModel& set, const Client&, GVariant* parameters)
+{
+    guint32 delay = 0;
+    g_variant_get(parameters, "(u)", &delay);
+    return set.packages.setDelay(delay);
+}
+
+Fault setPackageManagerDelay(SetModel& set, const Client&, GVariant* parameters)
+{
+    int delay = 0;
+    g_variant_get(parameters, "(i)", &delay);
+    return set.packages.setManagerDelay(delay);
+}
+
+Fault replyLaunch(SetModel& set, const Client&, GVariant* parameters)
+{
+    guint32 request = 0;
+    int result = 0;
+    g_variant_get(parameters, "(ui)", &request, &result);
+    return set.launches.reply(request, result);
+}
+
+Fault setFault(SetModel& set, const Client&, GVariant* parameters)
+{
+    const char* call = nullptr;
+    const char* argument = nullptr;
+    int result = 0;
+    int count = 0;
+    g_variant_get(parameters, "(&s&sii)", &call, &argument, &result, &count);
+    if (auto fault = checkCall(call))
+        return fault;
+    set.faults.setResult(call, argument, result, count);
+    return std::nullopt;
+}
+
+Fault setDelay(SetModel& set, const Client&, GVariant* parameters)
+{
+    const char* call = nullptr;
+    const char* argument = nullptr;
+    guint32 delay = 0;
+    int count = 0;
+    g_variant_get(parameters, "(&s&sui)", &call, &argument, &delay, &count);
+    if (auto fault = checkCall(call))
+        return fault;
+    set.faults.setDelay(call, argument, delay, count);
+    return std::nullopt;
+}
+
+Fault resetFaults(SetModel& set, const Client&, GVariant* parameters)
+{
+    const char* call = nullptr;
+    g_variant_get(parameters, "(&s)", &call);
+    if (call[0] != '\0') {
+        if (auto fault = checkCall(call))
+            return fault;
+    }
+    set.faults.reset(call);
+    return std::nullopt;
+}
+
+struct Order {
+    const char* name;
+    Fault (*carryOut)(SetModel& set, const Client& client, GVariant* parameters);
+};
+
+constexpr Order kOrders[] = {
+    {"SetSetting", setSetting},
+    {"RemoveSetting", removeSetting},
+    {"SetPowerState", setPowerState},
+    {"PowerOff", powerOff},
+    {"Reboot", reboot},
+    {"SetProperty", setProperty},
+    {"SetPackageDelay", setPackageDelay},
+    {"SetPackageManagerDelay", setPackageManagerDelay},
+    {"ReplyLaunch", replyLaunch},
+    {"SetFault", setFault},
+    {"SetDelay", setDelay},
+    {"ResetFaults", resetFaults},
+};
+
+void answerSnapshot(const SetModel& set, GDBusMethodInvocation* invocation)
+{
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    writer["emitUTF8"] = true;
+    const std::string json = Json::writeString(writer, set.snapshot());
+    g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", json.c_str()));
+}
+
+} // namespace
+
+Control::Control(GDBusConnection* bus, SetModel& set)
+    : set_(set),
+      object_(bus, const_cast<GDBusInterfaceInfo*>(&org_pellor_platform_control_interface),
+              [this](const std::string& method, const std::string& sender, GVariant* parameters,
+                     GDBusMethodInvocation* invocation) { handle(method, sender, parameters, invocation); })
+{
+    set_.changed.connect([this](const std::vector<std::string>& sections) {
+        GVariantBuilder names;
+        g_variant_builder_init(&names, G_VARIANT_TYPE("as"));
+        for (const std::string& section : sections)
+            g_variant_builder_add(&names, "s", section.c_str());
+        object_.emit("Changed", g_variant_new("(as)", &names));
+    });
+}
+
+void Control::handle(const std::string& method, const std::string& sender, GVariant* parameters,
+                     GDBusMethodInvocation* invocation)
+{
+    if (method == "Snapshot") {
+        answerSnapshot(set_, invocation);
+        return;
+    }
+    for (const Order& order : kOrders) {
+        if (method != order.name)
+            continue;
+        const Client client = set_.clients.find(sender);
+        if (const Fault fault = order.carryOut(set_, client, parameters))
+            g_dbus_method_invocation_return_dbus_error(invocation, kInvalid, fault->c_str());
+        else
+            g_dbus_method_invocation_return_value(invocation, nullptr);
+        return;
+    }
+    g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD,
+                                          "%s is not served", method.c_str());
+}
+
+} // namespace vset

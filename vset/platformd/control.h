@@ -1,0 +1,26 @@
+// The interface for persons and tests: shows the set, and makes things happen to it.
+#pragma once
+
+#include <string>
+
+#include "bus-objects.h"
+#include "set-model.h"
+
+namespace vset
+{
+
+class Control
+{
+public:
+    // `bus` and `set` must outlive it.
+    Control(GDBusConnection* bus, SetModel& set);
+
+private:
+    void handle(const std::string& method, const std::string& sender, GVariant* parameters,
+                GDBusMethodInvocation* invocation);
+
+    SetModel& set_;
+    BusObject object_;
+};
+
+} // namespace vset

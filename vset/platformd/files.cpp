@@ -1,0 +1,141 @@
+#include "files.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <system_error>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace vset
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr const char* kUnfinished = ".unfinished-";
+
+[[noreturn]] void fail(const std::string& what)
+{
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+class Descriptor
+{
+public:
+    Descriptor(int number, const std::string& path) : number_(number)
+    {
+        if (number_ < 0)
+            fail(path);
+    }
+    ~Descriptor() { close(number_); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return number_; }
+
+private:
+    int number_;
+};
+
+void writeAll(int file, const char* data, size_t size, const std::string& path)
+{
+    while (size > 0) {
+        const ssize_t written = write(file, data, size);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written < 0)
+            fail(path);
+        data += written;
+        size -= static_cast<size_t>(written);
+    }
+}
+
+void synchronizeDirectory(const fs::path& directory)
+{
+    const Descriptor descriptor(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), directory);
+    if (fsync(descriptor.get()) != 0)
+        fail(directory);
+}
+
+// Lets `fill` write a new file and puts it in place of `target`.
+void replaceFile(const fs::path& target, const std::function<void(int file, const std::string& name)>& fill)
+{
+    std::string name = target.parent_path() / (kUnfinished + target.filename().string() + "-XXXXXX");
+    const Descriptor file(mkostemp(name.data(), O_CLOEXEC), name);
+    try {
+        fill(file.get(), name);
+        if (fchmod(file.get(), 0644) != 0 || fsync(file.get()) != 0)
+            fail(name);
+        if (rename(name.c_str(), target.c_str()) != 0)
+            fail(target);
+    } catch (...) {
+        unlink(name.c_str());
+        throw;
+    }
+    synchronizeDirectory(target.parent_path());
+}
+
+} // namespace
+
+void copyIntoPlace(const std::string& source, const std::string& target)
+{
+    const Descriptor input(open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK), source);
+    struct stat status {
+    };
+    if (fstat(input.get(), &status) != 0)
+        fail(source);
+    if (!S_ISREG(status.st_mode))
+        throw std::system_error(EINVAL, std::generic_category(), source + " is not a file");
+    replaceFile(target, [&](int output, const std::string& name) {
+        std::vector<char> block(1 << 20);
+        ssize_t size = 0;
+        while ((size = read(input.get(), block.data(), block.size())) > 0)
+            writeAll(output, block.data(), static_cast<size_t>(size), name);
+        if (size < 0)
+            fail(source);
+    });
+}
+
+void saveJson(const std::string& path, const Json::Value& value)
+{
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "  ";
+    const std::string text = Json::writeString(writer, value) + "\n";
+    replaceFile(path,
+                [&](int file, const std::string& name) { writeAll(file, text.data(), text.size(), name); });
+}
+
+Json::Value loadJson(const std::string& path)
+{
+    std::ifstream file(path);
+    if (!file)
+        return Json::objectValue;
+    Json::Value value;
+    std::string errors;
+    if (Json::parseFromStream(Json::CharReaderBuilder(), file, &value, &errors) && value.isObject())
+        return value;
+    std::error_code ignored;
+    fs::rename(path, path + ".broken", ignored);
+    fprintf(stderr, "platformd: %s is not readable and starts empty; it was kept as %s.broken\n",
+            path.c_str(), path.c_str());
+    return Json::objectValue;
+}
+
+void removeUnfinished(const std::string& directory)
+{
+    std::error_code ignored;
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory, ignored)) {
+        if (entry.path().filename().string().rfind(kUnfinished, 0) == 0)
+            fs::remove(entry.path(), ignored);
+    }
+}
+
+} // namespace vset

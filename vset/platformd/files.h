@@ -1,0 +1,25 @@
+// Files that must be whole or not there at all, also when the power goes in the middle of a write.
+#pragma once
+
+#include <string>
+
+#include <json/json.h>
+
+namespace vset
+{
+
+// Puts a copy of `source` in place of `target`: written beside it, synchronised, renamed, and the directory
+// synchronised. Throws std::system_error; nothing is left behind then. Any thread.
+void copyIntoPlace(const std::string& source, const std::string& target);
+
+// The same for a JSON text.
+void saveJson(const std::string& path, const Json::Value& value);
+
+// The JSON object of a file; an empty object when there is none. One that cannot be read is told on stderr,
+// kept aside under the name with ".broken", and counts as empty: the set must come up.
+Json::Value loadJson(const std::string& path);
+
+// Removes what a killed process left beside `directory`'s files.
+void removeUnfinished(const std::string& directory);
+
+} // namespace vset

@@ -1,0 +1,41 @@
+#include "flags.h"
+
+#include "service-time.h"
+
+namespace vset
+{
+
+void Flags::raise(const std::string& flag, const Client& by)
+{
+    const int64_t now = wallMilliseconds();
+    raised_.emplace(flag, now);
+    history_.add({now, flag, true, by});
+    changed.tell();
+}
+
+void Flags::reset(const std::string& flag, const Client& by)
+{
+    raised_.erase(flag);
+    history_.add({wallMilliseconds(), flag, false, by});
+    changed.tell();
+}
+
+Json::Value Flags::snapshot() const
+{
+    Json::Value json;
+    json["raised"] = Json::objectValue;
+    json["history"] = Json::arrayValue;
+    for (const auto& [flag, time] : raised_)
+        json["raised"][flag] = Json::Int64(time);
+    for (const Step& step : history_) {
+        Json::Value entry;
+        entry["time_ms"] = Json::Int64(step.time);
+        entry["flag"] = step.flag;
+        entry["step"] = step.isRaise ? "raised" : "reset";
+        entry["client"] = toJson(step.by);
+        json["history"].append(entry);
+    }
+    return json;
+}
+
+} // namespace vset

@@ -1,0 +1,31 @@
+// The interface that the platform library calls: each method is one call of its headers.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "bus-objects.h"
+#include "set-model.h"
+
+namespace vset
+{
+
+class Services
+{
+public:
+    // `bus` and `set` must outlive it.
+    Services(GDBusConnection* bus, SetModel& set);
+
+    // The names of the calls as their headers declare them, in the interface's order.
+    static std::vector<std::string> callNames();
+
+private:
+    void handle(const std::string& method, const std::string& sender, GVariant* parameters,
+                GDBusMethodInvocation* invocation);
+    void connectSignals();
+
+    SetModel& set_;
+    BusObject object_;
+};
+
+} // namespace vset

@@ -1,0 +1,68 @@
+// All that the platform knows of its set, in parts that can be read, changed and listened to.
+//
+// The bus interfaces, and whoever else shows the set, stand on this. Main thread only.
+#pragma once
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gio/gio.h>
+#include <json/json.h>
+
+#include "clients.h"
+#include "event.h"
+#include "faults.h"
+#include "flags.h"
+#include "launches.h"
+#include "mounts.h"
+#include "packages.h"
+#include "power.h"
+#include "properties.h"
+#include "settings.h"
+#include "subscribers.h"
+#include "watchdog.h"
+
+namespace vset
+{
+
+class SetModel
+{
+public:
+    // `bus` must outlive it. Without `isPowerCycled` reboots and power-offs are only recorded.
+    SetModel(GDBusConnection* bus, bool isPowerCycled);
+    ~SetModel();
+    SetModel(const SetModel&) = delete;
+    SetModel& operator=(const SetModel&) = delete;
+
+    Clients clients;
+    Settings settings;
+    Properties properties;
+    Power power;
+    Flags flags;
+    Launches launches;
+    Packages packages;
+    Watchdog watchdog;
+    Mounts mounts;
+    Subscribers subscribers;
+    Faults faults;
+
+    // One object with a member for each section, and the set's time.
+    Json::Value snapshot() const;
+    Json::Value snapshotOf(const std::string& section) const;
+
+    // The sections that are new, once for all changes of one turn of the main loop.
+    Event<const std::vector<std::string>&> changed;
+
+private:
+    void connectSections();
+    void connectClients();
+    void mark(const char* section);
+    static gboolean onIdle(gpointer self);
+
+    Json::Value boot_; // {"count", "time_ms", "power_cycle"}
+    std::set<std::string> news_;
+    guint idle_ = 0;
+};
+
+} // namespace vset

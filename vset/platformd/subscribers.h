@@ -1,0 +1,38 @@
+// Who has asked to hear of which event.
+#pragma once
+
+#include <map>
+#include <string>
+#include <tuple>
+
+#include <json/json.h>
+
+#include "clients.h"
+#include "event.h"
+
+namespace vset
+{
+
+class Subscribers
+{
+public:
+    // `event` is "key", "state" or "poweroff"; `argument` the key, else empty. Counts repeated ones.
+    void add(const Client& client, const std::string& event, const std::string& argument);
+    // False when there is none.
+    bool remove(const std::string& client, const std::string& event, const std::string& argument);
+    void removeAllOf(const std::string& client);
+
+    Json::Value snapshot() const;
+
+    Event<> changed;
+
+private:
+    struct Entry {
+        Client client;
+        int count = 0;
+    };
+
+    std::map<std::tuple<std::string, std::string, std::string>, Entry> entries_; // client, event, argument
+};
+
+} // namespace vset
