@@ -30,7 +30,7 @@ void emptyDirectory(const fs::path& directory)
 bool standsInPrivateRoot()
 {
     for (const char* directory :
-         {set::kControls, set::kSystemControls, set::kMounts, set::kSandbox, set::kBuiltIn, set::kMedia}) {
+         {set::kControls, set::kSystemControls, set::kPackages, set::kSandbox, set::kBuiltIn, set::kMedia}) {
         if (!fs::is_directory(directory)) {
             return false;
         }
@@ -48,8 +48,8 @@ void SetTest::SetUp()
     for (const char* directory : {set::kSystemControls, set::kBuiltIn}) {
         ASSERT_TRUE(makeWritable(directory)) << directory << ": " << strerror(errno);
     }
-    for (const char* directory : {set::kControls, set::kSystemControls, set::kMounts, set::kPackages,
-                                  set::kSandbox, set::kBuiltIn, set::kMedia}) {
+    for (const char* directory :
+         {set::kControls, set::kSystemControls, set::kPackages, set::kSandbox, set::kBuiltIn, set::kMedia}) {
         emptyDirectory(directory);
     }
     fs::create_directory(set::kMounts); // lies in the directory of the packages
