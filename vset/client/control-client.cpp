@@ -21,6 +21,7 @@ constexpr const char* kMountName = "org.pellor.psmount";
 constexpr const char* kMountPath = "/org/pellor/psmount";
 constexpr const char* kMountControl = "org.pellor.psmount.Control";
 constexpr const char* kSocket = "/run/dbus/system_bus_socket";
+constexpr const char* kThisSet = "this set";
 constexpr int kTimeoutMilliseconds = 10000;
 
 // Makes `context` the one that GIO answers this thread in.
@@ -73,6 +74,20 @@ std::string textForPerson(const ErrorSlot& error, const std::string& whereabouts
     return isGone ? "the platform of " + whereabouts + " is gone (" + error.text() + ")" : error.text();
 }
 
+// A socket that is not there, or that nobody serves any more.
+std::string noBusText(const ErrorSlot& error, const std::string& whereabouts)
+{
+    const bool isDown = g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_NOT_FOUND) != FALSE ||
+                        g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CONNECTION_REFUSED) != FALSE;
+    if (!isDown)
+        return "cannot reach the bus of " + whereabouts + ": " + error.text();
+    if (whereabouts == kThisSet)
+        return "there is no system bus of a set at " + std::string(kSocket) +
+               ": start this program with `vset run SET -- ...` or `vset exec SET -- ...`";
+    return whereabouts + " is not running: start it with `vset run " +
+           whereabouts.substr(whereabouts.find(' ') + 1) + "`";
+}
+
 } // namespace
 
 ControlClient ControlClient::ofSet(const std::string& set)
@@ -90,7 +105,7 @@ ControlClient ControlClient::ofSet(const std::string& set)
 
 ControlClient ControlClient::inside()
 {
-    return ControlClient(std::string("unix:path=") + kSocket, "this set");
+    return ControlClient(std::string("unix:path=") + kSocket, kThisSet);
 }
 
 ControlClient::ControlClient(const std::string& address, const std::string& whereabouts)
@@ -98,22 +113,13 @@ ControlClient::ControlClient(const std::string& address, const std::string& wher
 {
     const ThreadContext ours(context_.get());
     ErrorSlot error;
-    // The set may have users of its own (rootless): then the bus sees another user than we are here.
     bus_.reset(g_dbus_connection_new_for_address_sync(
         address.c_str(),
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION |
-                                          G_DBUS_CONNECTION_FLAGS_CROSS_NAMESPACE),
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, nullptr, error.address()));
-    if (bus_ != nullptr)
-        return;
-    if (g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_PERMISSION_DENIED) != FALSE)
-        throw ControlError("no access to the bus of " + whereabouts + ": " + error.text());
-    if (whereabouts == "this set")
-        throw ControlError("there is no system bus of a set at " + std::string(kSocket) +
-                           ": start this program with `vset run SET -- ...` or `vset exec SET -- ...`");
-    throw ControlError(whereabouts + " is not running: start it with `vset run " +
-                       whereabouts.substr(whereabouts.find(' ') + 1) + "`");
+    if (bus_ == nullptr)
+        throw ControlError(noBusText(error, whereabouts));
 }
 
 ControlClient::ControlClient(ControlClient&& other) noexcept = default;
@@ -237,6 +243,15 @@ void ControlClient::resetFaults(const std::string& name) const
         return;
     }
     call("ResetFaults", g_variant_new("(s)", name.c_str()));
+    if (!name.empty())
+        return;
+    for (const char* mountCall : {"PS_Mount", "PS_Mknod", "PS_Umount"}) {
+        try {
+            setMountFault(mountCall, 0, 0, 0);
+        } catch (const ControlError&) {
+            return; // who may not speak to the mount service has not ordered a fault there either
+        }
+    }
 }
 
 // ---- Waiting ----

@@ -54,8 +54,8 @@ const Client& Clients::find(const std::string& name)
     Client client;
     client.name = name;
     client.process = askForProcess(name);
-    if (client.process != 0)
-        client.command = commandOf(client.process);
+    // The bus cannot number a process outside the set.
+    client.command = client.process == 0 ? "outside" : commandOf(client.process);
     return known_.emplace(name, client).first->second;
 }
 

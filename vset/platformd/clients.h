@@ -14,7 +14,7 @@ namespace vset
 
 struct Client {
     std::string name;    // unique name of its connection, such as ":1.7"
-    int process = 0;     // as the set numbers processes; 0: ended before it could be asked for
+    int process = 0;     // as the set numbers processes; 0: outside the set, or ended already
     std::string command; // the process's name
 };
 
