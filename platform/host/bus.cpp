@@ -1,5 +1,7 @@
 #include "bus.h"
 
+#include <mutex>
+
 #include "deadline.h"
 
 namespace platform
@@ -7,11 +9,21 @@ namespace platform
 
 Connection connection()
 {
-    Connection bus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
-    // GLib would end the process together with the bus; here the calls fail instead.
-    if (bus != nullptr)
-        g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
-    return bus;
+    // GLib shares one connection in the process as long as somebody holds it; it is held for good, because
+    // locks and subscriptions are the connection's and would end with it.
+    static std::mutex mutex;
+    static GDBusConnection* held = nullptr;
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (held != nullptr && g_dbus_connection_is_closed(held) != FALSE)
+        g_clear_object(&held);
+    if (held == nullptr) {
+        held = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+        if (held == nullptr)
+            return nullptr;
+        // GLib would end the process together with the bus; here the calls fail instead.
+        g_dbus_connection_set_exit_on_close(held, FALSE);
+    }
+    return Connection(G_DBUS_CONNECTION(g_object_ref(held)));
 }
 
 Variant call(const Service& service, const char* method, GVariant* parameters, const char* replyType)
