@@ -1,0 +1,175 @@
+// The two logs in one file: whole lines, from many writers, whatever happens to these.
+
+#include <cerrno>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <thread>
+
+#include <signal.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include "norlog.h"
+#include "platform-log.h"
+#include "platform-test.h"
+#include "trace_logger.h"
+
+using testing::Ge;
+using testing::IsEmpty;
+
+namespace
+{
+
+class PlatformLog : public PlatformTest
+{
+protected:
+    static std::vector<vset::LogRecord> records()
+    {
+        std::vector<vset::LogRecord> all;
+        vset::LogReader reader(vset::kLogFile);
+        while (auto record = reader.next())
+            all.push_back(*record);
+        return all;
+    }
+
+    static size_t lineCount()
+    {
+        std::ifstream file(vset::kLogFile);
+        std::string line;
+        size_t count = 0;
+        while (std::getline(file, line))
+            ++count;
+        return count;
+    }
+};
+
+} // namespace
+
+TEST_F(PlatformLog, ARecordOfThePlatformLogTellsWhoWroteIt)
+{
+    prctl(PR_SET_NAME, "writer");
+    EXPECT_EQ(__norlog_print(2, 5, "FWUPDATE", "%s: %s(%d) > %s %d", "file.cpp", "function", 12, "text", -7),
+              0);
+    ASSERT_EQ(records().size(), 1U);
+    const vset::LogRecord record = records()[0];
+    EXPECT_EQ(record.buffer, vset::LogBuffer::System);
+    EXPECT_EQ(record.priority, 5);
+    EXPECT_EQ(record.tag, "FWUPDATE");
+    EXPECT_EQ(record.process, getpid());
+    EXPECT_EQ(record.thread, gettid());
+    EXPECT_EQ(record.threadName, "writer");
+    EXPECT_EQ(record.file, "file.cpp");
+    EXPECT_EQ(record.function, "function");
+    EXPECT_EQ(record.line, 12);
+    EXPECT_EQ(record.message, "text -7");
+    EXPECT_EQ(record.text, "file.cpp: function(12) > text -7");
+}
+
+TEST_F(PlatformLog, ARecordOfTheRecorderTellsWhereItWasMade)
+{
+    TraceLogger::record(3, "dir/file.cpp", "function", 12, "%s", "text\n");
+    const vset::LogRecord record = records().at(0);
+    EXPECT_EQ(record.buffer, vset::LogBuffer::Trace);
+    EXPECT_EQ(record.priority, 3);
+    EXPECT_EQ(record.file, "dir/file.cpp");
+    EXPECT_EQ(record.function, "function");
+    EXPECT_EQ(record.line, 12);
+    EXPECT_EQ(record.message, "text\n");
+}
+
+TEST_F(PlatformLog, ErrnoIsPrintedAndKept)
+{
+    errno = ENOSPC;
+    __norlog_print(2, 6, "T", "%m");
+    EXPECT_EQ(errno, ENOSPC);
+    TraceLogger::record(6, "f", "f", 1, "%s %m", std::string(2000, 'x').c_str());
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(records().at(0).message, "No space left on device");
+    EXPECT_EQ(records().at(1).message, std::string(2000, 'x') + " No space left on device");
+}
+
+TEST_F(PlatformLog, AnyTextComesBackAsItWasAndOnOneLine)
+{
+    std::string text = "tab\tline\nreturn\rbackslash\\n quote\" ";
+    for (int byte = 1; byte < 256; ++byte)
+        text += static_cast<char>(byte);
+    __norlog_print(2, 6, "tag\twith\ttabs", "%s", text.c_str());
+    EXPECT_EQ(lineCount(), 1U);
+    EXPECT_EQ(records().at(0).message, text);
+    EXPECT_EQ(records().at(0).tag, "tag\twith\ttabs");
+}
+
+TEST_F(PlatformLog, AVeryLongRecordIsKeptWhole)
+{
+    const std::string text(1 << 20, 'l');
+    EXPECT_EQ(__norlog_print(2, 6, nullptr, "%s", text.c_str()), 0);
+    EXPECT_EQ(records().at(0).message, text);
+}
+
+TEST_F(PlatformLog, EveryRecordOfAKilledProgramIsThereAndWhole)
+{
+    Child child("log-for-ever");
+    int last = -1;
+    while (last < 200)
+        last = std::stoi(child.readLine());
+    child.kill(SIGKILL);
+    child.wait();
+    const auto all = records();
+    EXPECT_EQ(all.size(), lineCount());
+    std::map<std::string, int> seen;
+    for (const vset::LogRecord& record : all)
+        ++seen[record.message];
+    for (int number = 0; number <= last; ++number) {
+        ASSERT_EQ(seen["record " + std::to_string(number) + " of the platform log"], 1);
+        ASSERT_EQ(seen["record " + std::to_string(number) + " of the recorder"], 1);
+    }
+}
+
+TEST_F(PlatformLog, WritersOfSeveralProgramsNeverMix)
+{
+    constexpr size_t kProcesses = 4;
+    constexpr size_t kRecords = 2 * 300;
+    std::vector<std::unique_ptr<Child>> children;
+    for (size_t number = 0; number < kProcesses; ++number)
+        children.push_back(std::make_unique<Child>("log-much"));
+    for (const auto& child : children)
+        EXPECT_EQ(child->wait(), 0);
+    const auto all = records();
+    EXPECT_EQ(all.size(), kProcesses * kRecords);
+    EXPECT_EQ(lineCount(), kProcesses * kRecords);
+    std::map<int, int> nextOfThread;
+    for (const vset::LogRecord& record : all) {
+        const int number = nextOfThread[record.thread]++;
+        const std::string writer = record.message.substr(0, 1);
+        const std::string body(static_cast<size_t>(number % 7 * 1500), writer == "0" ? 'a' : 'b');
+        ASSERT_EQ(record.message, writer + " " + std::to_string(number) + " " + body + ".");
+    }
+}
+
+TEST_F(PlatformLog, ALogThatWasMovedAwayIsBegunAnewAndFollowed)
+{
+    std::vector<std::string> followed;
+    std::thread reader([&] {
+        vset::LogReader log(vset::kLogFile);
+        log.follow([&](const vset::LogRecord& record) {
+            followed.push_back(record.message);
+            return record.message != "after";
+        });
+    });
+    __norlog_print(2, 6, "T", "before");
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    ASSERT_EQ(rename(vset::kLogFile, "/var/log/platform.log.1"), 0);
+    __norlog_print(2, 6, "T", "after");
+    reader.join();
+    EXPECT_THAT(followed, testing::ElementsAre("before", "after"));
+}
+
+TEST_F(PlatformLog, WhatIsNoRecordIsSkipped)
+{
+    EXPECT_FALSE(vset::parseLogLine("").has_value());
+    EXPECT_FALSE(vset::parseLogLine("half a line").has_value());
+    EXPECT_FALSE(vset::parseLogLine("\t\t\t\t\t\t\t\t\t\t").has_value());
+    EXPECT_THAT(vset::parseLogLine("t\t2\t6\tT\t1\t1\tn\t\t\t\t").value().message, IsEmpty());
+    EXPECT_EQ(vset::parseLogLine("t\t2\t6\tT\t1\t1\tn\t\t\t\ttrailing\\").value().message, "trailing\\");
+}
