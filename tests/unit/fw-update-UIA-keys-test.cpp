@@ -103,6 +103,15 @@ TEST_F(FWUpdateUIAKeys, PublishAProgressThatOnlyGrows)
     }
 }
 
+TEST_F(FWUpdateUIAKeys, TakeAProgressBeyondTheSignedRangeForALargeOne)
+{
+    platform.setSetting(kProgressKey, -5);
+    manager.totalUpdateTimeMs = 1;
+    manager.doneUpdateTime = 1030792151U; // times 100 wraps to 4294967292, which is -4 when signed
+    agent.updateFWUpdateProgress(false);
+    EXPECT_THAT(platform.settingWrites(), IsEmpty());
+}
+
 TEST_F(FWUpdateUIAKeys, TakeAProgressThatCannotBeReadForZero)
 {
     platform.setSetting(kProgressKey, 60);
@@ -376,7 +385,7 @@ TEST_F(FWUpdateUIALaunch, LeavesAnAnswerThatComesBeforeItsEnd)
     for (const auto& [answer, after] : {std::pair(1, FWSVC_UI_ACCEPTED), {4, FWSVC_UI_CANCELLED}}) {
         platform.reset();
         std::thread launch([&] { agent.launch_Device_Upgrade_UI(); });
-        ASSERT_TRUE(eventually([&] { return platform.launches().size() == 1; }));
+        EXPECT_TRUE(eventually([&] { return platform.launches().size() == 1; }));
         EXPECT_EQ(state(), FWSVC_UI_LAUNCHING);
         platform.changeSetting(kStatusKey, answer);
         launch.join();

@@ -165,7 +165,7 @@ TEST_F(FWUpdateUIAStates, WaitForAPackageManagerThatIsLate)
 {
     fs::remove(kReadyMarker);
     std::thread check([&] { agent.chk_pkgMgrReady(); });
-    ASSERT_TRUE(reaches(FWSVC_WAIT_PKGMGR));
+    EXPECT_TRUE(reaches(FWSVC_WAIT_PKGMGR));
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     EXPECT_EQ(state(), FWSVC_WAIT_PKGMGR);
     EXPECT_THAT(platform.calls(), IsEmpty());
