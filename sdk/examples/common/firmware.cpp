@@ -63,6 +63,12 @@ try {
     return fail(EIO);
 }
 
+// The last percent is for the header, which makes the new firmware the active one.
+unsigned int percentOf(std::size_t done, std::size_t total)
+{
+    return static_cast<unsigned int>(done * 99 / total);
+}
+
 struct FileCloser {
     void operator()(std::FILE* file) const { std::fclose(file); }
 };
@@ -184,7 +190,13 @@ int Firmware::updateFromMemory(const unsigned char* data, int length) noexcept
 int Firmware::progress(unsigned int* out) const noexcept
 {
     *out = progress_;
-    return 0;
+    if (isOwn_)
+        return 0;
+    return guarded([&] {
+        if (const auto running = flash_.running())
+            *out = percentOf(running->done, running->total);
+        return 0;
+    });
 }
 
 int Firmware::update(const unsigned char* data, std::size_t size)
@@ -195,10 +207,8 @@ int Firmware::update(const unsigned char* data, std::size_t size)
     if (image->hardware != hardware_ || !parseVersion(image->version))
         return fail(EBADMSG);
     progress_ = 0;
-    // The last percent is for the header, which makes the new firmware the active one.
-    const auto report = [this](std::size_t done, std::size_t total) {
-        progress_ = static_cast<unsigned int>(done * 99 / total);
-    };
+    isOwn_ = true;
+    const auto report = [this](std::size_t done, std::size_t total) { progress_ = percentOf(done, total); };
     if (flash_.program(image->version, image->payload, report) != 0)
         return -1;
     std::this_thread::sleep_for(kRestartTime);

@@ -54,7 +54,8 @@ public:
     // The same for an image in memory; a negative length is no image.
     int updateFromMemory(const unsigned char* data, int length) noexcept;
 
-    // Percent of the running or last update: 0 before the first, 100 once the new firmware is active.
+    // Percent of the running or last update: 0 before the first, 100 once the new firmware is active. In a
+    // process that has not updated: of the update that another one is running, else 0.
     int progress(unsigned int* out) const noexcept;
 
 private:
@@ -63,6 +64,7 @@ private:
     std::string hardware_;
     SlottedFlash flash_;
     std::atomic<unsigned int> progress_{0};
+    std::atomic<bool> isOwn_{false}; // this process has begun an update
 };
 
 #endif

@@ -25,6 +25,18 @@ struct Header {
 };
 static_assert(sizeof(Header) == 88, "the layout on the chip has no gaps");
 
+constexpr char kRegisterMagic[8] = {'F', 'L', 'A', 'S', 'H', 'S', 'R', '1'};
+constexpr off_t kRegisterOffset = 2048;
+
+struct StatusRegister {
+    char magic[8];
+    std::uint32_t done; // blocks
+    std::uint32_t total;
+};
+static_assert(sizeof(Header) <= kRegisterOffset &&
+                  kRegisterOffset + sizeof(StatusRegister) <= SlottedFlash::kBlockSize,
+              "the register lies in the page of the first header, behind it");
+
 class Descriptor
 {
 public:
@@ -139,6 +151,11 @@ std::optional<std::vector<unsigned char>> readSlot(int chip, unsigned slot, std:
     return firmware;
 }
 
+std::size_t blocksOf(const std::vector<unsigned char>& firmware)
+{
+    return (firmware.size() + SlottedFlash::kBlockSize - 1) / SlottedFlash::kBlockSize;
+}
+
 Header makeHeader(std::uint32_t sequence, const std::string& version,
                   const std::vector<unsigned char>& firmware)
 {
@@ -150,6 +167,37 @@ Header makeHeader(std::uint32_t sequence, const std::string& version,
     version.copy(header.version, sizeof header.version - 1);
     header.headerCrc = headerCrc(header);
     return header;
+}
+
+// The lock on the register says that a programming runs. It belongs to the open file, so it is gone with its
+// owner, however that ends; and a reader can ask for it without holding it for a moment, which could refuse a
+// programming.
+struct flock registerLock(short type)
+{
+    struct flock lock {
+    };
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = kRegisterOffset;
+    lock.l_len = sizeof(StatusRegister);
+    return lock;
+}
+
+// Without success the programming goes on: it is only not seen.
+void writeRegister(int chip, std::size_t done, std::size_t total)
+{
+    StatusRegister status{};
+    std::memcpy(status.magic, kRegisterMagic, sizeof kRegisterMagic);
+    status.done = static_cast<std::uint32_t>(done);
+    status.total = static_cast<std::uint32_t>(total);
+    writeAt(chip, &status, sizeof status, kRegisterOffset);
+}
+
+void announce(int chip, std::size_t total)
+{
+    writeRegister(chip, 0, total);
+    struct flock lock = registerLock(F_WRLCK);
+    fcntl(chip, F_OFD_SETLK, &lock);
 }
 
 int writeHeader(int chip, unsigned slot, const Header& header)
@@ -229,6 +277,7 @@ int SlottedFlash::programLocked(int chip, const std::string& version,
         return -1;
     const unsigned slot = active ? 1 - active->slot : 0;
     const std::uint32_t sequence = active ? active->header.sequence + 1 : 1;
+    announce(chip, blocksOf(firmware));
 
     // The slot's old header goes first, for good: were the active header ever lost, a half-written slot must
     // not pass for firmware.
@@ -243,17 +292,32 @@ int SlottedFlash::programLocked(int chip, const std::string& version,
 int SlottedFlash::writeSlot(int chip, unsigned slot, const std::vector<unsigned char>& firmware,
                             const Progress& progress) const
 {
-    const std::size_t total = (firmware.size() + kBlockSize - 1) / kBlockSize;
+    const std::size_t total = blocksOf(firmware);
     for (std::size_t block = 0; block < total; ++block) {
         const std::size_t offset = block * kBlockSize;
         const std::size_t size = std::min(kBlockSize, firmware.size() - offset);
         if (writeAt(chip, firmware.data() + offset, size, slotOffset(slot) + static_cast<off_t>(offset)) != 0)
             return -1;
         std::this_thread::sleep_for(blockTime_);
+        writeRegister(chip, block + 1, total);
         if (progress)
             progress(block + 1, total);
     }
     return fdatasync(chip); // before the header that vouches for these blocks
+}
+
+std::optional<SlottedFlash::Running> SlottedFlash::running() const
+{
+    const Descriptor chip(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+    struct flock lock = registerLock(F_RDLCK);
+    if (chip < 0 || fcntl(chip, F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK)
+        return std::nullopt;
+    StatusRegister status{};
+    const bool isRead = readAt(chip, &status, sizeof status, kRegisterOffset) == 0 &&
+                        std::memcmp(status.magic, kRegisterMagic, sizeof kRegisterMagic) == 0;
+    if (!isRead || status.total == 0 || status.done > status.total)
+        return std::nullopt;
+    return Running{status.done, status.total};
 }
 
 int SlottedFlash::create() const

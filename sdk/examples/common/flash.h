@@ -3,6 +3,7 @@
 // The chip is a file (or a block device), laid out as such parts usually are:
 //
 //   0        header copy 0   describes slot 0
+//   2048     status register how far a programming that runs has come
 //   4096     header copy 1   describes slot 1
 //   8192     slot 0          kSlotSize bytes
 //   +2 MiB   slot 1
@@ -11,6 +12,9 @@
 // other slot and, as its very last write, that slot's header; so at every moment the old or the new firmware
 // is complete, wherever the power is cut. A header that was cut in the middle fails its checksum and does not
 // count.
+//
+// The status register is there to be looked at while a programming runs, by any process; nothing depends on
+// it, it is not flushed, and what a cut-off programming left in it counts no more than before it.
 #ifndef EXAMPLES_FLASH_H
 #define EXAMPLES_FLASH_H
 
@@ -53,6 +57,14 @@ public:
     // processes.
     int program(const std::string& version, const std::vector<unsigned char>& firmware,
                 const Progress& progress) const;
+
+    // How far the programming that runs now has come, in this process or another one. No value when none
+    // runs, whatever the last one left behind. Looks at the chip without touching it, and never waits.
+    struct Running {
+        std::uint32_t done; // blocks
+        std::uint32_t total;
+    };
+    std::optional<Running> running() const;
 
     // Makes the blank chip, as the factory delivers it. 0, or -1 with errno set, EEXIST included.
     int create() const;
