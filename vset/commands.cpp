@@ -116,6 +116,8 @@ std::string secondsText(const Json::Value& milliseconds)
 std::string clientText(const Json::Value& client)
 {
     const std::string command = client["command"].asString();
+    if (client["pid"].asInt() == 0)
+        return command;
     return (command.empty() ? client["name"].asString() : command) + "[" + client["pid"].asString() + "]";
 }
 
