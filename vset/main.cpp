@@ -1,12 +1,11 @@
 // vset: a virtual television on a PC, with a private root, system bus, loop devices and clock.
 
+#include "commands.h"
 #include "launcher/exec.h"
 #include "launcher/leader.h"
 #include "launcher/set-clock.h"
 #include "launcher/set-directory.h"
-#ifdef VSET_WITH_CONTROL_COMMANDS
-#include "commands.h"
-#endif
+#include "story/story-command.h"
 
 #include <CLI/CLI.hpp>
 
@@ -91,7 +90,7 @@ void addExec(CLI::App& app)
     static std::vector<std::string> words;
     command->add_option("SET", set, "Directory of the set")->required();
     command->add_option("CMD", words, "After --: the command")->required();
-    command->callback([] { exitStatus = vset::executeInSet(set, words); });
+    command->callback([] { vset::executeInSet(set, words); });
 }
 
 void addClock(CLI::App& app)
@@ -118,9 +117,8 @@ int main(int argc, char** argv)
     addRun(app);
     addExec(app);
     addClock(app);
-#ifdef VSET_WITH_CONTROL_COMMANDS
     addControlCommands(app);
-#endif
+    vset::addStoryCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

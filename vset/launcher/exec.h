@@ -9,7 +9,7 @@
 namespace vset
 {
 
-// Returns the command's exit status. Throws Error when the set does not run.
-int executeInSet(const fs::path& set, const std::vector<std::string>& command);
+// Ends this process with the command's exit status. Throws Error when the set does not run.
+[[noreturn]] void executeInSet(const fs::path& set, const std::vector<std::string>& command);
 
 } // namespace vset
