@@ -1,0 +1,474 @@
+// fwmod usb and fwmod inspect as a maker types them, checked with the openssl command.
+#include "programs.h"
+#include "temporary-directory.h"
+#include "usb-test-data.h"
+
+#include <algorithm>
+#include <csignal>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace
+{
+
+using Words = std::vector<std::string>;
+const std::string kIv = "000102030405060708090a0b0c0d0e0f";
+
+class FwmodUsb : public testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        keys = new TemporaryDirectory;
+        makeSigningKey(keys->path(), "maker");
+        makeSigningKey(keys->path(), "stranger");
+        makeSigningKey(keys->path(), "short", 2048);
+        mustRun(keys->path(), {"openssl", "genpkey", "-algorithm", "EC", "-pkeyopt",
+                               "ec_paramgen_curve:P-256", "-out", "curve.pem"});
+    }
+    static void TearDownTestSuite() { delete keys; }
+    void SetUp() override
+    {
+        writeBytes(directory / "content.key", key);
+        writeBytes(directory / "payload", "payload");
+    }
+
+    Outcome fwmod(Words arguments)
+    {
+        arguments.insert(arguments.begin(), FWMOD);
+        return runIn(directory.path(), arguments);
+    }
+    // A command line that works, with some of its options replaced or (by an empty text) left out.
+    static Words usb(const std::vector<std::pair<std::string, std::string>>& changes = {})
+    {
+        std::vector<std::pair<std::string, std::string>> options = {{"--version-header", "1.1"},
+                                                                    {"--payload", "payload"},
+                                                                    {"--key-file", "content.key"},
+                                                                    {"--sign-key", *keys / "maker.pem"},
+                                                                    {"--iv", kIv},
+                                                                    {"-o", "Tuner.bin"}};
+        for (const auto& [name, value] : changes) {
+            const auto same = [&n = name](const auto& option) { return option.first == n; };
+            options.erase(std::remove_if(options.begin(), options.end(), same), options.end());
+            if (!value.empty()) {
+                options.emplace_back(name, value);
+            }
+        }
+        Words words = {"usb"};
+        for (const auto& [name, value] : options) {
+            words.insert(words.end(), {name, value});
+        }
+        return words;
+    }
+    Outcome inspect(const std::string& file, const Words& more = {})
+    {
+        Words words = {"inspect", file};
+        words.insert(words.end(), more.begin(), more.end());
+        return fwmod(words);
+    }
+    Words allKeys() { return {"--key-file", "content.key", "--public-key", *keys / "maker.pub.pem"}; }
+
+    // Header and payload of an image, after its signature was found good; both by the openssl command.
+    std::string open(const std::string& name)
+    {
+        const std::string image = readBytes(directory / name);
+        const std::size_t covered = image.size() - 512;
+        writeBytes(directory / "covered", image.substr(0, covered));
+        writeBytes(directory / "signature", image.substr(covered));
+        writeBytes(directory / "secret", image.substr(kIvSize, image.size() - kIvSize - kTrailerSize));
+        mustRun(directory.path(), {"openssl", "dgst", "-sha256", "-verify", *keys / "maker.pub.pem",
+                                   "-signature", "signature", "covered"});
+        mustRun(directory.path(), {"openssl", "enc", "-d", "-aes-256-cbc", "-K", toHex(key), "-iv",
+                                   toHex(image.substr(0, kIvSize)), "-in", "secret", "-out", "plain"});
+        return readBytes(directory / "plain");
+    }
+    std::vector<std::string> names()
+    {
+        std::vector<std::string> found;
+        for (const auto& entry : fs::directory_iterator(directory.path())) {
+            found.push_back(entry.path().filename());
+        }
+        std::sort(found.begin(), found.end());
+        return found;
+    }
+    static std::string header(const std::string& text)
+    {
+        return text + std::string(kVersionHeaderSize - text.size(), '\0');
+    }
+
+    static TemporaryDirectory* keys;
+    TemporaryDirectory directory;
+    Random random{3};
+    const std::string key = random.bytes(32);
+    const std::vector<std::string> inputs = {"content.key", "payload"};
+};
+TemporaryDirectory* FwmodUsb::keys = nullptr;
+
+// ---- usb ----
+
+TEST_F(FwmodUsb, ImageIsWhatTheOpensslCommandTakesApart)
+{
+    for (const std::size_t size : {0, 1, 15, 16, 17, 65471, 65472, 65473, 65536, 131008, 400001}) {
+        const std::string payload = random.bytes(size);
+        writeBytes(directory / "payload", payload);
+        const Outcome outcome = fwmod(usb());
+        ASSERT_EQ(outcome.status, 0) << outcome.err;
+        ASSERT_EQ(open("Tuner.bin"), header("1.1") + payload) << size;
+    }
+}
+
+TEST_F(FwmodUsb, SameInputGivesTheSameBytes)
+{
+    ASSERT_EQ(fwmod(usb()).status, 0);
+    ASSERT_EQ(fwmod(usb({{"-o", "Again.bin"}})).status, 0);
+    EXPECT_EQ(readBytes(directory / "Tuner.bin"), readBytes(directory / "Again.bin"));
+}
+
+TEST_F(FwmodUsb, InitialisationVectorIsAnotherEveryTime)
+{
+    ASSERT_EQ(fwmod(usb({{"--iv", ""}})).status, 0);
+    ASSERT_EQ(fwmod(usb({{"--iv", ""}, {"-o", "Again.bin"}})).status, 0);
+    EXPECT_NE(readBytes(directory / "Tuner.bin").substr(0, kIvSize),
+              readBytes(directory / "Again.bin").substr(0, kIvSize));
+    EXPECT_EQ(open("Again.bin"), header("1.1") + "payload");
+}
+
+TEST_F(FwmodUsb, KeyMayBeWrittenAsDigits)
+{
+    ASSERT_EQ(fwmod(usb()).status, 0);
+    std::string upper = toHex(key);
+    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+    for (const std::string& text : {toHex(key), toHex(key) + "\n", toHex(key) + "\r\n", upper}) {
+        writeBytes(directory / "digits", text);
+        ASSERT_EQ(fwmod(usb({{"--key-file", "digits"}, {"-o", "Again.bin"}})).status, 0) << text;
+        EXPECT_EQ(readBytes(directory / "Tuner.bin"), readBytes(directory / "Again.bin"));
+    }
+}
+
+TEST_F(FwmodUsb, WrongKeyFileIsRefusedWithoutTellingIt)
+{
+    const std::string digits = toHex(key);
+    for (const std::string& text : {std::string(), key.substr(1), key + "x", digits.substr(1), digits + "0",
+                                    digits + "\n\n", digits.substr(1) + "g", " " + digits}) {
+        writeBytes(directory / "content.key", text);
+        const Outcome outcome = fwmod(usb());
+        EXPECT_EQ(outcome.status, 1) << text;
+        EXPECT_THAT(outcome.err,
+                    AllOf(HasSubstr("content.key is no content key"), Not(HasSubstr(digits.substr(1, 8)))));
+        EXPECT_EQ(names(), inputs);
+    }
+}
+
+TEST_F(FwmodUsb, HeaderFileIsTakenByteForByte)
+{
+    const std::string bytes = random.bytes(64);
+    writeBytes(directory / "header", bytes);
+    ASSERT_EQ(fwmod(usb({{"--version-header", ""}, {"--header-file", "header"}})).status, 0);
+    EXPECT_EQ(open("Tuner.bin"), bytes + "payload");
+}
+
+TEST_F(FwmodUsb, WrongUseWritesNothing)
+{
+    writeBytes(directory / "payload", "payload");
+    const std::vector<Words> wrong = {
+        usb({{"--version-header", ""}}),
+        usb({{"--header-file", "payload"}}), // beside --version-header
+        usb({{"--payload", ""}}),
+        usb({{"--key-file", ""}}),
+        usb({{"--sign-key", ""}}),
+        usb({{"-o", ""}}),
+        usb({{"--iv", "00"}}),
+        usb({{"--iv", kIv + "00"}}),
+        usb({{"--iv", "g" + kIv.substr(1)}}),
+        usb({{"--version-header", std::string(64, 'v')}}),
+        usb({{"-o", "payload"}}),
+        usb({{"-o", "content.key"}}),
+        usb({{"-o", *keys / "maker.pem"}}),
+        usb({{"--key", toHex(key)}}),
+    };
+    for (const Words& words : wrong) {
+        const Outcome outcome = fwmod(words);
+        EXPECT_EQ(outcome.status, 2) << testing::PrintToString(words);
+        EXPECT_FALSE(outcome.err.empty());
+        EXPECT_EQ(names(), inputs) << testing::PrintToString(words);
+    }
+    EXPECT_EQ(readBytes(directory / "content.key"), key);
+}
+
+TEST_F(FwmodUsb, WhatCannotBeDoneWritesNothing)
+{
+    writeBytes(directory / "text.pem", "no key");
+    const std::vector<std::pair<Words, const char*>> failing = {
+        {usb({{"--payload", "nowhere"}}), "nowhere does not exist"},
+        {usb({{"--payload", "."}}), "is not a file"},
+        {usb({{"--key-file", "nowhere"}}), "nowhere does not exist"},
+        {usb({{"--sign-key", "nowhere"}}), "nowhere does not exist"},
+        {usb({{"--sign-key", "text.pem"}}), "holds no private key"},
+        {usb({{"--sign-key", *keys / "maker.pub.pem"}}), "holds no private key"},
+        {usb({{"--sign-key", *keys / "short.pem"}}), "RSA with 4096 bits is needed"},
+        {usb({{"--sign-key", *keys / "curve.pem"}}), "RSA with 4096 bits is needed"},
+        {usb({{"-o", "nowhere/Tuner.bin"}}), "make the directory nowhere first"},
+        {usb({{"-o", "."}}), "exists and is not a file"},
+    };
+    for (const auto& [words, text] : failing) {
+        const Outcome outcome = fwmod(words);
+        EXPECT_EQ(outcome.status, 1) << text;
+        EXPECT_THAT(outcome.err, HasSubstr(text));
+        EXPECT_EQ(names(), (Words{"content.key", "payload", "text.pem"})) << text;
+    }
+}
+
+TEST_F(FwmodUsb, PayloadThatTheDaemonCannotCountIsRefused)
+{
+    // 16 + 2147483088 + 534 bytes would be the largest; with its padding and header the payload is 65 less.
+    constexpr off_t kLargest = 2147483088 - 65;
+    for (const off_t size : {kLargest + 1, off_t{2147483647}, off_t{4294967296}, off_t{1} << 40}) {
+        ASSERT_EQ(truncate((directory / "payload").c_str(), size), 0);
+        const Outcome outcome = fwmod(usb());
+        EXPECT_EQ(outcome.status, 1) << size;
+        EXPECT_THAT(outcome.err, HasSubstr("too large"));
+        EXPECT_EQ(names(), inputs);
+    }
+}
+
+TEST_F(FwmodUsb, PipeIsNeitherReadNorReplaced)
+{
+    ASSERT_EQ(mkfifo((directory / "pipe").c_str(), 0600), 0);
+    for (const char* option : {"--payload", "--key-file", "--sign-key", "-o"}) {
+        EXPECT_EQ(fwmod(usb({{option, "pipe"}})).status, 1) << option;
+    }
+    EXPECT_EQ(fwmod(usb({{"--version-header", ""}, {"--header-file", "pipe"}})).status, 1);
+    EXPECT_EQ(inspect("pipe").status, 1);
+    EXPECT_EQ(names(), (Words{"content.key", "payload", "pipe"}));
+}
+
+TEST_F(FwmodUsb, FullDiskLeavesTheFormerImage)
+{
+    ASSERT_EQ(fwmod(usb()).status, 0);
+    const std::string before = readBytes(directory / "Tuner.bin");
+    writeBytes(directory / "payload", std::string(300000, 'p'));
+    Words words = usb();
+    words.insert(words.begin(), {"sh", "-c", "ulimit -f 100; trap '' XFSZ; exec \"$@\"", "sh", FWMOD});
+    const Outcome outcome = runIn(directory.path(), words);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("cannot write"));
+    EXPECT_EQ(readBytes(directory / "Tuner.bin"), before);
+    EXPECT_EQ(names(), (Words{"Tuner.bin", "content.key", "payload"}));
+}
+
+TEST_F(FwmodUsb, InterruptionLeavesNothing)
+{
+    ASSERT_EQ(truncate((directory / "payload").c_str(), 2000000000), 0); // takes seconds
+    Words words = usb();
+    words.insert(words.begin(), {"timeout", "--preserve-status", "0.3", FWMOD});
+    EXPECT_EQ(runIn(directory.path(), words).status, 128 + SIGTERM);
+    EXPECT_EQ(names(), inputs);
+}
+
+// ---- inspect ----
+
+TEST_F(FwmodUsb, InspectTellsAllOfAGoodImage)
+{
+    ASSERT_EQ(fwmod(usb()).status, 0);
+    const Outcome outcome = inspect("Tuner.bin", allKeys());
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_THAT(outcome.err, IsEmpty());
+    EXPECT_THAT(outcome.out,
+                AllOf(HasSubstr("Tuner.bin: encrypted USB image\n"), HasSubstr("  size: 630 bytes\n"),
+                      HasSubstr("  iv: " + kIv + "\n"), HasSubstr("  ciphertext: 80 bytes\n"),
+                      HasSubstr("  signature: holds\n"), HasSubstr("  version header: 1.1\n"),
+                      HasSubstr("  payload: 7 bytes\n"), HasSubstr("it would be accepted"),
+                      Not(HasSubstr(toHex(key).substr(0, 8)))));
+}
+
+TEST_F(FwmodUsb, InspectTellsProgramsTheSame)
+{
+    ASSERT_EQ(fwmod(usb()).status, 0);
+    Words words = allKeys();
+    words.push_back("--json");
+    Json::Value root;
+    std::istringstream(inspect("Tuner.bin", words).out) >> root;
+    EXPECT_EQ(root["kind"], "encrypted USB image");
+    EXPECT_EQ(root["accepted"], true);
+    EXPECT_EQ(root["signature"], true);
+    EXPECT_EQ(root["iv"], kIv);
+    EXPECT_EQ(root["version_header"], "1.1");
+    EXPECT_EQ(root["payload"], 7);
+    EXPECT_TRUE(root["problems"].empty());
+}
+
+TEST_F(FwmodUsb, InspectWithoutKeysTellsWhatItCan)
+{
+    ASSERT_EQ(fwmod(usb()).status, 0);
+    const Outcome outcome = inspect("Tuner.bin");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr("signature: not checked"), HasSubstr("give --key-file")));
+}
+
+TEST_F(FwmodUsb, InspectTakesTheKeysOfASet)
+{
+    ASSERT_EQ(fwmod(usb()).status, 0);
+    fs::create_directory(directory / "keys");
+    fs::copy(*keys / "stranger.pub.pem", directory / "keys" / "1.pem");
+    EXPECT_EQ(inspect("Tuner.bin", {"--public-key", "keys"}).status, 1);
+    fs::copy(*keys / "maker.pub.pem", directory / "keys" / "2.pem");
+    EXPECT_EQ(inspect("Tuner.bin", {"--public-key", "keys"}).status, 0);
+}
+
+TEST_F(FwmodUsb, InspectFindsWhatIsWrong)
+{
+    writeBytes(directory / "payload", random.bytes(3000));
+    ASSERT_EQ(fwmod(usb()).status, 0);
+    const std::string image = readBytes(directory / "Tuner.bin");
+    std::string changed = image;
+    changed[1000] ^= 1;
+    writeBytes(directory / "changed", changed);
+    EXPECT_THAT(inspect("changed", allKeys()).out, HasSubstr("problem: signature: does not hold"));
+    EXPECT_EQ(inspect("changed", allKeys()).status, 1);
+
+    writeBytes(directory / "cut", image.substr(0, 1000) + image.substr(1001));
+    EXPECT_THAT(inspect("cut").out, HasSubstr("problem: between the initialisation vector and the trailer"));
+    EXPECT_EQ(inspect("cut").status, 1);
+
+    writeBytes(directory / "other.key", random.bytes(32));
+    EXPECT_THAT(inspect("Tuner.bin", {"--key-file", "other.key"}).out,
+                HasSubstr("problem: the content cannot"));
+    EXPECT_EQ(inspect("Tuner.bin", {"--key-file", "other.key"}).status, 1);
+
+    EXPECT_EQ(inspect("Tuner.bin", {"--public-key", *keys / "stranger.pub.pem"}).status, 1);
+    EXPECT_EQ(inspect("Tuner.bin", {"--public-key", "payload"}).status, 1);
+    EXPECT_EQ(inspect("Tuner.bin", {"--public-key", "nowhere"}).status, 1);
+    EXPECT_EQ(inspect("Tuner.bin", {"--key-file", "payload"}).status, 1);
+}
+
+TEST_F(FwmodUsb, InspectShowsNoControlCharactersOfAHeader)
+{
+    writeBytes(directory / "header", "\x1b[2J");
+    ASSERT_EQ(fwmod(usb({{"--version-header", ""}, {"--header-file", "header"}})).status, 0);
+    const Outcome outcome = inspect("Tuner.bin", allKeys());
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr("version header: 0x1b5b324a"), Not(HasSubstr("\x1b"))));
+}
+
+TEST_F(FwmodUsb, InspectBearsAnImageThatIsCutAnywhere)
+{
+    ASSERT_EQ(fwmod(usb()).status, 0);
+    const std::string image = readBytes(directory / "Tuner.bin");
+    for (std::size_t size = 0; size < image.size(); size += (size < 40 || size > 560) ? 1 : 40) {
+        writeBytes(directory / "cut", image.substr(0, size));
+        ASSERT_EQ(inspect("cut", allKeys()).status, 1) << size;
+        writeBytes(directory / "cut", image.substr(image.size() - size)); // with its trailer
+        ASSERT_EQ(inspect("cut", allKeys()).status, 1) << size;
+    }
+}
+
+TEST_F(FwmodUsb, InspectHasTheDaemonJudgeAnInformationFile)
+{
+    writeBytes(directory / "info.json", R"({"version":"1.2","crc":5,"expected_time":8,"ui_use":"none"})");
+    const Outcome good = inspect("info.json");
+    EXPECT_EQ(good.status, 0);
+    EXPECT_THAT(good.out, AllOf(HasSubstr("information file"), HasSubstr("version: 1.2")));
+    writeBytes(directory / "bad", R"( {"crc":-1})");
+    EXPECT_EQ(inspect("bad").status, 1);
+    EXPECT_THAT(inspect("bad").out, HasSubstr("problem: crc -1"));
+    writeBytes(directory / "worse.json", "{");
+    EXPECT_EQ(inspect("worse.json").status, 1);
+}
+
+TEST_F(FwmodUsb, InspectLooksIntoAPackage)
+{
+    ASSERT_EQ(fwmod({"info", "--version", "1.1", "--image", "payload", "-o", "info.json"}).status, 0);
+    ASSERT_EQ(fwmod({"package", "--image", "payload", "--info", "info.json", "--id", "empTuner"}).status, 0);
+    const Outcome good = inspect("empTuner.img");
+    EXPECT_EQ(good.status, 0) << good.out << good.err;
+    EXPECT_THAT(good.out, AllOf(HasSubstr("EMP package"), HasSubstr("files: /Tuner.bin, /info.json"),
+                                HasSubstr("version: 1.1")));
+
+    fs::copy(directory / "empTuner.img", directory / "empPanel.img");
+    EXPECT_THAT(inspect("empPanel.img").out, HasSubstr("problem: Panel.bin is not in the package"));
+    EXPECT_EQ(inspect("empPanel.img").status, 1);
+    fs::copy(directory / "empTuner.img", directory / "Tuner.img");
+    EXPECT_EQ(inspect("Tuner.img").status, 1);
+
+    std::string damaged = readBytes(directory / "empTuner.img");
+    writeBytes(directory / "empTuner.img", damaged.substr(0, 200));
+    EXPECT_EQ(inspect("empTuner.img").status, 1);
+    writeBytes(directory / "empTuner.img", "hsqs");
+    EXPECT_EQ(inspect("empTuner.img").status, 1);
+}
+
+TEST_F(FwmodUsb, InspectDoesNotFollowALinkOutOfAPackage)
+{
+    fs::create_directory(directory / "tree");
+    fs::create_symlink("/etc/passwd", directory / "tree" / "Tuner.bin");
+    writeBytes(directory / "tree" / "info.json", R"({"version":"1"})");
+    mustRun(directory.path(), {"mksquashfs", "tree", "empTuner.img", "-quiet", "-no-progress"});
+    const Outcome outcome = inspect("empTuner.img");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.out, HasSubstr("must be regular files"));
+}
+
+TEST_F(FwmodUsb, InspectNamesTheMissingEntryPointsOfALibrary)
+{
+    const Outcome good = inspect(COMPLETE_LIBRARY);
+    EXPECT_EQ(good.status, 0) << good.out;
+    EXPECT_THAT(good.out, AllOf(HasSubstr("control library"), HasSubstr("setContext, getEMPID")));
+    const Outcome lacking = inspect(LACKING_LIBRARY);
+    EXPECT_EQ(lacking.status, 1);
+    EXPECT_THAT(lacking.out, HasSubstr("problem: checkVersion is missing, and required"));
+    const Outcome optional = inspect(OPTIONAL_LIBRARY);
+    EXPECT_EQ(optional.status, 0);
+    EXPECT_THAT(optional.out, HasSubstr("note: getExpectedTime is missing, but optional"));
+    EXPECT_EQ(inspect(FWMOD).status, 1);
+}
+
+TEST_F(FwmodUsb, InspectBearsADamagedLibrary)
+{
+    const std::string library = readBytes(COMPLETE_LIBRARY);
+    for (int round = 0; round < 60; ++round) {
+        std::string damaged = library.substr(0, static_cast<std::size_t>(random.number(4, 20000)));
+        damaged.resize(library.size(), '\xff');
+        for (int change = 0; change < 20; ++change) {
+            damaged[static_cast<std::size_t>(random.number(4, 600))] = random.bytes(1)[0];
+        }
+        writeBytes(directory / "tuner.so", round % 2 == 0 ? damaged : damaged.substr(0, 5000));
+        EXPECT_GE(inspect("tuner.so").status, 0); // killed by nothing
+    }
+    writeBytes(directory / "tuner.so", "\x7f"
+                                       "ELF");
+    EXPECT_EQ(inspect("tuner.so").status, 1);
+}
+
+TEST_F(FwmodUsb, InspectSaysWhenItDoesNotKnow)
+{
+    for (const std::size_t size : {0, 1, 100, 566}) {
+        writeBytes(directory / "file", std::string(size, 'u'));
+        const Outcome outcome = inspect("file");
+        EXPECT_EQ(outcome.status, 1);
+        EXPECT_THAT(outcome.out, HasSubstr("file: unknown\n"));
+    }
+    EXPECT_THAT(inspect("file").out, HasSubstr("could be an encrypted image"));
+    EXPECT_EQ(inspect("nowhere").status, 1);
+    EXPECT_EQ(inspect(".").status, 1);
+    EXPECT_EQ(fwmod({"inspect"}).status, 2);
+    EXPECT_EQ(inspect("file", {"--what"}).status, 2);
+}
+
+TEST_F(FwmodUsb, HelpHasAnExample)
+{
+    for (const char* command : {"usb", "inspect"}) {
+        const Outcome outcome = fwmod({command, "--help"});
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_THAT(outcome.out, HasSubstr(std::string("  fwmod ") + command)) << command;
+    }
+}
+
+} // namespace
