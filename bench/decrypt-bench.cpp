@@ -177,7 +177,8 @@ public:
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
             if (run.aggregate_name == "median" && !run.error_occurred) {
-                medians[run.run_name.args][run.run_name.function_name] = run.GetAdjustedRealTime();
+                medians[run.run_name.args][run.run_name.function_name] = {run.GetAdjustedRealTime(),
+                                                                          run.GetAdjustedCPUTime()};
             }
         }
     }
@@ -188,14 +189,20 @@ public:
             for (const auto& [name, time] : times) {
                 if (bare != times.end() && name != "bareLoop") {
                     GetOutputStream()
-                        << pages << ": " << name << " / bareLoop = " << time / bare->second << "\n";
+                        << pages << ": " << name << " / bareLoop = " << time.elapsed / bare->second.elapsed
+                        << " of the time, " << time.processor / bare->second.processor
+                        << " of the processor time\n";
                 }
             }
         }
     }
 
 private:
-    std::map<std::string, std::map<std::string, double>> medians; // by argument, by function
+    struct Times {
+        double elapsed;
+        double processor; // of this process: not that of the openssl command
+    };
+    std::map<std::string, std::map<std::string, Times>> medians; // by argument, by function
 };
 
 } // namespace
