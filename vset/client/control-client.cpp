@@ -2,10 +2,14 @@
 
 #include <cerrno>
 #include <memory>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace vset
@@ -17,6 +21,7 @@ namespace
 constexpr const char* kPlatformName = "org.pellor.platform";
 constexpr const char* kPlatformPath = "/org/pellor/platform";
 constexpr const char* kControl = "org.pellor.platform.Control";
+constexpr const char* kConsole = "org.pellor.platform.Console";
 constexpr const char* kMountName = "org.pellor.psmount";
 constexpr const char* kMountPath = "/org/pellor/psmount";
 constexpr const char* kMountControl = "org.pellor.psmount.Control";
@@ -40,20 +45,19 @@ private:
     GMainContext* context_;
 };
 
-class Directory
+class Descriptor
 {
 public:
-    explicit Directory(const std::string& path) : file_(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC))
-    {
-    }
-    ~Directory()
+    explicit Descriptor(int file) : file_(file) {}
+    ~Descriptor()
     {
         if (file_ >= 0)
             close(file_);
     }
-    Directory(const Directory&) = delete;
-    Directory& operator=(const Directory&) = delete;
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
     int get() const { return file_; }
+    int release() { return std::exchange(file_, -1); }
 
 private:
     int file_;
@@ -74,13 +78,8 @@ std::string textForPerson(const ErrorSlot& error, const std::string& whereabouts
     return isGone ? "the platform of " + whereabouts + " is gone (" + error.text() + ")" : error.text();
 }
 
-// A socket that is not there, or that nobody serves any more.
-std::string noBusText(const ErrorSlot& error, const std::string& whereabouts)
+std::string notRunningText(const std::string& whereabouts)
 {
-    const bool isDown = g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_NOT_FOUND) != FALSE ||
-                        g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CONNECTION_REFUSED) != FALSE;
-    if (!isDown)
-        return "cannot reach the bus of " + whereabouts + ": " + error.text();
     if (whereabouts == kThisSet)
         return "there is no system bus of a set at " + std::string(kSocket) +
                ": start this program with `vset run SET -- ...` or `vset exec SET -- ...`";
@@ -88,38 +87,103 @@ std::string noBusText(const ErrorSlot& error, const std::string& whereabouts)
            whereabouts.substr(whereabouts.find(' ') + 1) + "`";
 }
 
+[[noreturn]] void failToReach(const std::string& whereabouts, const std::string& why)
+{
+    throw ControlError("cannot reach the bus of " + whereabouts + ": " + why);
+}
+
+// ---- The way to a bus ----
+
+int connectSocket(const std::string& path, const std::string& whereabouts)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        failToReach(whereabouts, "the socket's path is too long");
+    path.copy(address.sun_path, path.size());
+    Descriptor bus(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const timeval limit = {kTimeoutMilliseconds / 1000, 0}; // of the handshake; GIO does not block later
+    setsockopt(bus.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    if (connect(bus.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        return bus.release();
+    if (errno == ENOENT || errno == ECONNREFUSED)
+        throw ControlError(notRunningText(whereabouts));
+    failToReach(whereabouts, std::generic_category().message(errno));
+}
+
+void sendAll(int bus, std::string_view text, const std::string& whereabouts)
+{
+    if (send(bus, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size()))
+        failToReach(whereabouts, "it does not listen");
+}
+
+std::string receiveLine(int bus, const std::string& whereabouts)
+{
+    constexpr size_t kLongestLine = 1024;
+    std::string line;
+    char byte = 0;
+    while (line.size() < kLongestLine && recv(bus, &byte, 1, 0) == 1) {
+        if (byte == '\n')
+            return line;
+        line += byte;
+    }
+    failToReach(whereabouts, "it does not speak as a bus");
+}
+
+// Lets the bus see by itself which user we are, instead of naming one as GIO does: a set may have users of
+// its own (rootless), in which our number is another one.
+void authenticate(int bus, const std::string& whereabouts)
+{
+    using namespace std::string_view_literals;
+    sendAll(bus, "\0AUTH EXTERNAL\r\n"sv, whereabouts);
+    if (receiveLine(bus, whereabouts).rfind("DATA", 0) == 0)
+        sendAll(bus, "DATA\r\n"sv, whereabouts);
+    if (receiveLine(bus, whereabouts).rfind("OK", 0) != 0)
+        failToReach(whereabouts, "it does not know this user");
+    sendAll(bus, "BEGIN\r\n"sv, whereabouts);
+}
+
+struct Unref {
+    void operator()(gpointer object) const { g_object_unref(object); }
+};
+
 } // namespace
 
 ControlClient ControlClient::ofSet(const std::string& set)
 {
-    // A socket's address is at most 107 bytes long, a set's directory is not: the way goes over a descriptor.
-    const Directory directory(set + "/root/run/dbus");
-    const std::string address =
-        "unix:path=/proc/self/fd/" + std::to_string(directory.get()) + "/system_bus_socket";
     if (access((set + "/root").c_str(), F_OK) != 0)
         throw ControlError("there is no set in " + set + ": make one with `vset new " + set + "`");
+    // A socket's path has at most 107 bytes, a set's directory may have more: the way goes over a descriptor.
+    const Descriptor directory(open((set + "/root/run/dbus").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (directory.get() < 0)
-        throw ControlError("set " + set + " is not running: start it with `vset run " + set + "`");
-    return ControlClient(address, "set " + set);
+        throw ControlError(notRunningText("set " + set));
+    return ControlClient("/proc/self/fd/" + std::to_string(directory.get()) + "/system_bus_socket",
+                         "set " + set);
 }
 
 ControlClient ControlClient::inside()
 {
-    return ControlClient(std::string("unix:path=") + kSocket, kThisSet);
+    return ControlClient(kSocket, kThisSet);
 }
 
-ControlClient::ControlClient(const std::string& address, const std::string& whereabouts)
+ControlClient::ControlClient(const std::string& socketPath, const std::string& whereabouts)
     : whereabouts_(whereabouts), context_(g_main_context_new())
 {
     const ThreadContext ours(context_.get());
+    Descriptor bus(connectSocket(socketPath, whereabouts));
+    authenticate(bus.get(), whereabouts);
     ErrorSlot error;
-    bus_.reset(g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, error.address()));
+    const std::unique_ptr<GSocket, Unref> socket(g_socket_new_from_fd(bus.get(), error.address()));
+    if (socket == nullptr)
+        failToReach(whereabouts, error.text());
+    bus.release(); // the socket's from here on
+    const std::unique_ptr<GSocketConnection, Unref> stream(
+        g_socket_connection_factory_create_connection(socket.get()));
+    bus_.reset(g_dbus_connection_new_sync(G_IO_STREAM(stream.get()), nullptr,
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION, nullptr, nullptr,
+                                          error.address()));
     if (bus_ == nullptr)
-        throw ControlError(noBusText(error, whereabouts));
+        failToReach(whereabouts, error.text());
 }
 
 ControlClient::ControlClient(ControlClient&& other) noexcept = default;
@@ -134,9 +198,21 @@ ControlClient::~ControlClient()
 GlibPointer<GVariant> ControlClient::call(const char* method, GVariant* parameters,
                                           const char* replyType) const
 {
+    return callInterface(kControl, method, parameters, replyType);
+}
+
+GlibPointer<GVariant> ControlClient::callConsole(const char* method, GVariant* parameters,
+                                                 const char* replyType) const
+{
+    return callInterface(kConsole, method, parameters, replyType);
+}
+
+GlibPointer<GVariant> ControlClient::callInterface(const char* interface, const char* method,
+                                                   GVariant* parameters, const char* replyType) const
+{
     ErrorSlot error;
     GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
-        bus_.get(), kPlatformName, kPlatformPath, kControl, method, parameters, G_VARIANT_TYPE(replyType),
+        bus_.get(), kPlatformName, kPlatformPath, interface, method, parameters, G_VARIANT_TYPE(replyType),
         G_DBUS_CALL_FLAGS_NO_AUTO_START, kTimeoutMilliseconds, nullptr, error.address()));
     if (reply == nullptr)
         throw ControlError(textForPerson(error, whereabouts_));

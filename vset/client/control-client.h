@@ -55,15 +55,21 @@ public:
                   const std::string& argument = "") const;
     void resetFaults(const std::string& call = "") const;
 
+    // A method of the set's console, org.pellor.platform.Console. Takes `parameters` over.
+    GlibPointer<GVariant> callConsole(const char* method, GVariant* parameters = nullptr,
+                                      const char* replyType = "()") const;
+
     // Waits until `condition` is true of a snapshot, which it is asked at every change of the set, and gives
     // that snapshot. Throws ControlError when it is not after `limit`, of this process's time.
     Json::Value waitUntil(const std::function<bool(const Json::Value&)>& condition,
                           std::chrono::milliseconds limit) const;
 
 private:
-    explicit ControlClient(const std::string& address, const std::string& whereabouts);
+    ControlClient(const std::string& socketPath, const std::string& whereabouts);
 
     GlibPointer<GVariant> call(const char* method, GVariant* parameters, const char* replyType = "()") const;
+    GlibPointer<GVariant> callInterface(const char* interface, const char* method, GVariant* parameters,
+                                        const char* replyType) const;
     void setMountFault(const std::string& call, int returned, int result, int count) const;
 
     std::string whereabouts_; // of the set, for error texts
