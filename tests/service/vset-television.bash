@@ -89,10 +89,11 @@ for signal in TERM INT; do
     expect 1 "not running" "$vset" exec "$set_" -- true
 done
 
+count=$(wc -l <"$set_/root/var/lib/fwupdate/boots")
 # ---- With a command, power requests are only recorded ----
 expect 0 "" "$vset" run "$set_" -- true
 grep -q -- "--no-power-cycle" "$set_/root/var/log/platformd.out" || fail "platformd is not told"
-boots 5 || fail "a command starts the daemon"
+boots "$count" || fail "a command starts the daemon"
 
 # ---- A service that does not start ----
 printf '#!/bin/sh\necho it is broken\nexit 1\n' >"$work/tools/platformd"

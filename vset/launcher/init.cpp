@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -33,6 +34,7 @@ constexpr int kShutdownMs = 1000;      // for the television's services to end b
 constexpr int kExitPowerOff = 10;
 constexpr int kExitReboot = 11;
 
+constexpr const char* kConsoleUrlPath = "/run/console.url"; // written by platformd, one line
 constexpr const char* kBusConfigurationPath = "/etc/vset-bus.conf";
 constexpr const char* kBusConfiguration =
     R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
@@ -135,7 +137,7 @@ class Init
 {
 public:
     Init(const InitPlan& plan, int powerPipe) : plan_(plan), powerPipe_(powerPipe) {}
-    int run();
+    int run(const std::function<void()>& onUp);
 
 private:
     struct Service {
@@ -247,10 +249,20 @@ void Init::startPlatform()
     startUntilReady(platform_, std::move(arguments), "--ready-fd=", kPlatform, true);
 }
 
+// For the person at the terminal, and for programs that read it there.
+void announceConsole()
+{
+    if (access(kConsoleUrlPath, R_OK) != 0)
+        return;
+    std::printf("console: %s", readFile(kConsoleUrlPath).c_str());
+    std::fflush(stdout);
+}
+
 void Init::startMain()
 {
     if (plan_.television()) {
         start(main_, {"/usr/bin/tarnwick"}, kUpdate, true, -1);
+        announceConsole();
         return;
     }
     main_.name = plan_.command[0].c_str();
@@ -270,7 +282,7 @@ void Init::startMain()
     }
 }
 
-int Init::run()
+int Init::run(const std::function<void()>& onUp)
 {
     const sigset_t handled = handledSignals();
     check(sigprocmask(SIG_BLOCK, &handled, nullptr), "cannot block signals");
@@ -284,6 +296,7 @@ int Init::run()
     startBus();
     startMountService();
     startPlatform();
+    onUp();
     startMain();
     while (true) {
         pollfd waiting{signals_.get(), POLLIN, 0};
@@ -435,9 +448,9 @@ void executeCommand(const std::vector<std::string>& command)
     _exit(missing ? 127 : 126);
 }
 
-int runInit(const InitPlan& plan, int powerPipe)
+int runInit(const InitPlan& plan, int powerPipe, const std::function<void()>& onUp)
 {
-    return Init(plan, powerPipe).run();
+    return Init(plan, powerPipe).run(onUp);
 }
 
 } // namespace vset

@@ -3,6 +3,7 @@
 
 #include "launcher/root.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,9 +22,10 @@ struct InitPlan {
 // What PID 1 tells the leader beside its exit status.
 enum class PowerRequest : char { kNone = 0, kReboot = 'R', kPowerOff = 'P' };
 
-// Runs the set and returns PID 1's exit status. A power request is written to `powerPipe`, one byte.
+// Runs the set and returns PID 1's exit status. `onUp` is called once the root and the services are there.
+// A power request is written to `powerPipe`, one byte.
 // When PID 1 ends, the kernel ends every process of the set and drops its mounts and loop devices.
-int runInit(const InitPlan& plan, int powerPipe);
+int runInit(const InitPlan& plan, int powerPipe, const std::function<void()>& onUp);
 
 // For a process that is about to run a program of the set: signals as a new program expects them, and no
 // capability that reaches beyond the set (clock, modules, raw I/O, reboot).

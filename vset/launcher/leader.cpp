@@ -30,26 +30,29 @@ struct End {
 
 // ---- Inside: the first steps of PID 1 ----
 
-// Returns once the leader has made this process root of its namespaces. If the leader dies, now or later,
-// this process is killed, and the whole set with it.
-void waitForLeader(int leaderPipe)
+// Returns once the leader has made this process root of its namespaces, with this process's identifier as the
+// PC sees it. If the leader dies, now or later, this process is killed, and the whole set with it.
+pid_t waitForLeader(int leaderPipe)
 {
     check(prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0), "cannot tie the set to its leader");
-    char byte = 0;
-    if (read(leaderPipe, &byte, 1) != 1)
+    pid_t self = 0;
+    if (read(leaderPipe, &self, sizeof self) != sizeof self)
         _exit(EXIT_FAILURE);
     pollfd leader{leaderPipe, 0, 0};
     if (poll(&leader, 1, 0) != 0) // it died before the tie was made
         _exit(EXIT_FAILURE);
+    return self;
 }
 
-[[noreturn]] void becomeInit(const InitPlan& plan, int leaderPipe, int powerPipe)
+[[noreturn]] void becomeInit(const InitPlan& plan, const SetLock& lock, int leaderPipe, int powerPipe)
 {
     try {
-        waitForLeader(leaderPipe);
+        const pid_t self = waitForLeader(leaderPipe);
         const std::string name = plan.root.set.path().filename().string().substr(0, 63);
         check(sethostname(name.c_str(), name.size()), "cannot name the set");
-        _exit(runInit(plan, powerPipe));
+        // Not earlier: who entered a set without its root would be on the PC's.
+        const auto publish = [&] { lock.publish({self, plan.root.rootless, plan.root.clock}); };
+        _exit(runInit(plan, powerPipe, publish));
     } catch (const std::exception& error) {
         note(error.what());
         _exit(EXIT_FAILURE);
@@ -108,14 +111,13 @@ End Leader::boot()
     if (init == 0) {
         leader.writeEnd.reset();
         power.readEnd.reset();
-        becomeInit(plan_, leader.readEnd.get(), power.writeEnd.get());
+        becomeInit(plan_, lock_, leader.readEnd.get(), power.writeEnd.get());
     }
     leader.readEnd.reset();
     power.writeEnd.reset();
     if (plan_.root.rootless)
         mapCaller(init);
-    lock_.publish({init, plan_.root.rootless, plan_.root.clock});
-    check(write(leader.writeEnd.get(), "", 1), "cannot start the set");
+    check(write(leader.writeEnd.get(), &init, sizeof init), "cannot start the set");
 
     End end;
     end.status = waitForEnd(init);

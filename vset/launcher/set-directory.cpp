@@ -47,7 +47,7 @@ constexpr Directory kDirectories[] = {
     {"root/prd/usr/fwupdate", 0, 0, 0755},
     {"root/prd/usr/fwupdate/controls", 0, 0, 0755},
     {"root/opt", 0, 0, 0755},
-    {"root/opt/media", 0, 0, 0755},
+    {"root/opt/media", kPlatformUser, kSystemGroup, 0755}, // its USB slot
     {"root/opt/usr", 0, 0, 0755},
     {"root/opt/usr/apps", 0, 0, 0755},
     // The package service delivers here, the update daemon makes mount points here: both by group.
@@ -168,8 +168,11 @@ SetLock SetDirectory::lock() const
     UniqueFd lockFd(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     if (!lockFd)
         failWithErrno("cannot open " + file.string());
-    if (flock(lockFd.get(), LOCK_EX | LOCK_NB) == 0)
-        return SetLock(std::move(lockFd));
+    if (flock(lockFd.get(), LOCK_EX | LOCK_NB) == 0) {
+        SetLock lock(std::move(lockFd));
+        lock.publish({}); // a set that was killed left its process identifier
+        return lock;
+    }
     if (errno != EWOULDBLOCK)
         failWithErrno("cannot lock " + file.string());
     throw Error("set " + path_.string() + " is already running: use `vset exec`, or end it first");
