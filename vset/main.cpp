@@ -1,6 +1,7 @@
 // vset: a virtual television on a PC, with a private root, system bus, loop devices and clock.
 
 #include "commands.h"
+#include "console/console-commands.h"
 #include "launcher/exec.h"
 #include "launcher/leader.h"
 #include "launcher/set-clock.h"
@@ -118,6 +119,7 @@ int main(int argc, char** argv)
     addExec(app);
     addClock(app);
     addControlCommands(app);
+    addConsoleCommands(app);
     vset::addStoryCommand(app);
     try {
         app.parse(argc, argv);

@@ -13,6 +13,7 @@
 #include <glib-unix.h>
 #include <unistd.h>
 
+#include "console.h"
 #include "control.h"
 #include "glib-pointers.h"
 #include "services.h"
@@ -46,6 +47,7 @@ public:
         vset::SetModel set(bus_.get(), options_.isPowerCycled);
         const vset::Services services(bus_.get(), set);
         const vset::Control control(bus_.get(), set);
+        const vset::Console console(bus_.get(), set);
         set.power.ended.connect([this](vset::Ending ending) {
             end(ending == vset::Ending::Reboot ? kExitReboot : kExitPowerOff);
         });

@@ -1,0 +1,480 @@
+#include "console.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+#include <utility>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "console-interface.h"
+#include "files.h"
+#include "real-time.h"
+#include "service-time.h"
+
+namespace vset
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr const char* kInvalid = "org.pellor.platform.Error.Invalid";
+constexpr const char* kOptionsFile = "/var/lib/platform/console.json";
+constexpr const char* kUrlFile = "/run/console.url";
+constexpr const char* kFactoryMarker = "/tmp/FACTORY_PRODCUTION"; // the platform's spelling
+constexpr const char* kManagerMarker = "/run/.pkgmgr_ready";
+constexpr const char* kFeed = "/srv/feed";
+constexpr const char* kMirroringKey = "memory/menu/network/screenmirroring/smsrc_status";
+constexpr const char* kWriter = "console";
+
+// Milliseconds of the PC's time.
+constexpr int64_t kPushInterval = 60;
+constexpr int64_t kWatchInterval = 1000;
+constexpr int64_t kModuleInterval = 2000;
+constexpr int64_t kUpdateModuleInterval = 300; // while a module is being written
+
+constexpr int kUpdatingState = 12;
+constexpr unsigned int kPersonsReboot = 0;
+constexpr size_t kRecordsAtGreeting = 2500;
+
+// Sections of the platform's model, and our own.
+constexpr const char* kModelSections[] = {"power",    "locks",    "reboots",  "settings", "flags",
+                                          "launches", "packages", "watchdog", "mounts"};
+constexpr const char* kOwnSections[] = {"set",    "daemon",   "way", "modules",
+                                        "screen", "switches", "usb", "feed"};
+
+// `number` lets a page tell what it has already.
+Json::Value toJson(const LogRecord& record, uint64_t number)
+{
+    Json::Value json;
+    json["n"] = Json::UInt64(number);
+    json["t"] = Json::Int64(millisecondsOf(record.time));
+    json["b"] = record.buffer == LogBuffer::Trace ? "trace" : "system";
+    json["p"] = record.priority;
+    json["tag"] = record.tag;
+    json["pid"] = record.process;
+    json["tid"] = record.thread;
+    json["f"] = record.function;
+    json["l"] = record.line;
+    json["m"] = record.message;
+    return json;
+}
+
+std::optional<std::string> touch(const char* path)
+{
+    const int file = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (file < 0)
+        return std::string(path) + ": " + std::generic_category().message(errno);
+    close(file);
+    return std::nullopt;
+}
+
+std::optional<std::string> removeFile(const char* path)
+{
+    if (unlink(path) != 0 && errno != ENOENT)
+        return std::string(path) + ": " + std::generic_category().message(errno);
+    return std::nullopt;
+}
+
+Client person()
+{
+    Client client;
+    client.command = kWriter;
+    return client;
+}
+
+std::string toText(const Json::Value& value)
+{
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Json::writeString(writer, value);
+}
+
+} // namespace
+
+Console::Console(GDBusConnection* bus, SetModel& set)
+    : set_(set), object_(bus, const_cast<GDBusInterfaceInfo*>(&org_pellor_platform_console_interface),
+                         [this](const auto& method, const auto& sender, GVariant* parameters,
+                                auto* invocation) { handle(method, sender, parameters, invocation); }),
+      screen_([this](const std::string& application, const std::string& button) {
+          object_.emit("ScreenInput", g_variant_new("(s)", button.c_str()), application.c_str());
+      }),
+      web_((loadOptions(), port_),
+           {[this] { return greeting(); }, [this](const Json::Value& order) { return carryOut(order); },
+            [this](const std::string& name, const char* data, size_t size) {
+                return usb_.add(name, data, size);
+            }})
+{
+    port_ = web_.port();
+    saveOptions();
+    if (isFactory_)
+        touch(kFactoryMarker); // before the daemon starts, which looks only then
+    set_.changed.connect([this](const std::vector<std::string>& sections) {
+        for (const std::string& section : sections)
+            mark(section);
+    });
+    set_.launches.sent.connect([this](const Launch& request) { onLaunch(request); });
+    set_.clients.gone.connect([this](const std::string& name) { screen_.drop(name); });
+    screen_.changed.connect([this] { mark("screen"); });
+    modules_.changed.connect([this] { mark("modules"); });
+    daemon_.changed.connect([this] { mark("daemon"); });
+    daemon_.ended.connect([this](int process, int64_t time) {
+        if (way_.endRun(process, time))
+            mark("way");
+    });
+    log_.record.connect([this](const LogRecord& record) { takeLog(record); });
+    log_.start();
+    newRecords_ = Json::arrayValue; // what was there already is part of the greeting
+    publishUrl();
+    watch();
+    watchModules();
+}
+
+// ---- Options that outlive a boot ----
+
+void Console::loadOptions()
+{
+    const Json::Value kept = loadJson(kOptionsFile);
+    const UiBehaviour behaviour{kept["ui"].isString() ? kept["ui"].asString() : "interactive",
+                                kept["ui_after_ms"].isUInt() ? kept["ui_after_ms"].asUInt() : 0};
+    if (!faultOf(behaviour))
+        behaviour_ = behaviour;
+    isFactory_ = kept["factory"].isBool() && kept["factory"].asBool();
+    const unsigned int port = kept["port"].isUInt() ? kept["port"].asUInt() : 0;
+    port_ = port <= 65535 ? port : 0; // the same after a reboot, so that an open page finds the set again
+}
+
+Console::Fault Console::saveOptions() const
+{
+    Json::Value kept;
+    kept["ui"] = behaviour_.name;
+    kept["ui_after_ms"] = behaviour_.after;
+    kept["factory"] = isFactory_;
+    kept["port"] = port_;
+    try {
+        saveJson(kOptionsFile, kept);
+    } catch (const std::system_error& error) {
+        return std::string("the console's options cannot be kept: ") + error.what();
+    }
+    return std::nullopt;
+}
+
+// Whole or not there at all: whoever waits for the file may read it at once.
+void Console::publishUrl() const
+{
+    const std::string unfinished = std::string(kUrlFile) + ".new";
+    std::ofstream file(unfinished);
+    file << web_.url() << "\n";
+    file.close();
+    std::error_code error;
+    fs::rename(unfinished, kUrlFile, error);
+    if (!file || error)
+        fprintf(stderr, "platformd: cannot write %s\n", kUrlFile);
+}
+
+// ---- Sections ----
+
+Json::Value Console::setSection() const
+{
+    Json::Value json;
+    std::array<char, 65> name{};
+    gethostname(name.data(), name.size() - 1);
+    json["name"] = name.data();
+    json["time_ms"] = Json::Int64(wallMilliseconds());
+    json["rate"] = clockRate();
+    json["url"] = web_.url();
+    return json;
+}
+
+Json::Value Console::switchesSection() const
+{
+    Json::Value json;
+    json["mirroring"] = set_.settings.get(kMirroringKey).value_or(0) == 1;
+    json["factory"] = isFactory_;
+    json["factory_marker"] = access(kFactoryMarker, F_OK) == 0;
+    json["package_manager"] = access(kManagerMarker, F_OK) == 0;
+    json["ui"] = behaviour_.name;
+    json["ui_after_ms"] = behaviour_.after;
+    return json;
+}
+
+Json::Value Console::feedSection()
+{
+    Json::Value json = Json::arrayValue;
+    std::vector<fs::directory_entry> entries;
+    std::error_code error;
+    for (fs::directory_iterator entry(kFeed, error); !error && entry != fs::directory_iterator();
+         entry.increment(error))
+        entries.push_back(*entry);
+    std::sort(entries.begin(), entries.end());
+    for (const fs::directory_entry& entry : entries) {
+        Json::Value file;
+        file["name"] = entry.path().filename().string();
+        file["size"] = Json::UInt64(entry.file_size(error));
+        json.append(file);
+    }
+    return json;
+}
+
+Json::Value Console::sectionOf(const std::string& name) const
+{
+    if (name == "set")
+        return setSection();
+    if (name == "daemon")
+        return daemon_.snapshot();
+    if (name == "way")
+        return way_.toJson();
+    if (name == "modules")
+        return modules_.snapshot();
+    if (name == "screen")
+        return screen_.snapshot();
+    if (name == "switches")
+        return switchesSection();
+    if (name == "usb")
+        return usb_.snapshot();
+    if (name == "feed")
+        return feedSection();
+    return set_.snapshotOf(name);
+}
+
+Json::Value Console::sections() const
+{
+    Json::Value json;
+    for (const char* name : kModelSections)
+        json[name] = sectionOf(name);
+    for (const char* name : kOwnSections)
+        json[name] = sectionOf(name);
+    return json;
+}
+
+Json::Value Console::greeting() const
+{
+    Json::Value message;
+    message["type"] = "greeting";
+    message["sections"] = sections();
+    message["records"] = Json::arrayValue;
+    const auto& latest = log_.latest();
+    for (size_t at = latest.size() - std::min(latest.size(), kRecordsAtGreeting); at < latest.size(); ++at)
+        message["records"].append(toJson(latest[at], log_.count() - latest.size() + at + 1));
+    return message;
+}
+
+void Console::mark(const std::string& section)
+{
+    const auto isKnown = [&](const char* name) { return section == name; };
+    if (std::none_of(std::begin(kModelSections), std::end(kModelSections), isKnown) &&
+        std::none_of(std::begin(kOwnSections), std::end(kOwnSections), isKnown))
+        return;
+    news_.insert(section);
+    if (section == "settings")
+        news_.insert("switches");
+    if (!pushTimer_.isRunning())
+        pushTimer_.start(setMilliseconds(kPushInterval), [this] { push(); });
+}
+
+void Console::push()
+{
+    Json::Value message;
+    message["type"] = "news";
+    for (const std::string& section : std::exchange(news_, {}))
+        message["sections"][section] = sectionOf(section);
+    message["records"] = std::exchange(newRecords_, Json::arrayValue);
+    if (web_.hasPages())
+        web_.tell(message);
+}
+
+// What has no event of its own.
+void Console::watch()
+{
+    mark("set");
+    const auto compare = [this](Json::Value& last, const char* section) {
+        const Json::Value now = sectionOf(section);
+        if (now != last)
+            mark(section);
+        last = now;
+    };
+    compare(lastUsb_, "usb");
+    compare(lastFeed_, "feed");
+    compare(lastSwitches_, "switches");
+    watchTimer_.start(setMilliseconds(kWatchInterval), [this] { watch(); });
+}
+
+void Console::watchModules()
+{
+    const bool isUpdating = way_.state() == kUpdatingState || set_.power.isLocked();
+    if (web_.hasPages())
+        modules_.ask();
+    const int64_t interval = isUpdating ? kUpdateModuleInterval : kModuleInterval;
+    moduleTimer_.start(setMilliseconds(interval), [this] { watchModules(); });
+}
+
+void Console::takeLog(const LogRecord& record)
+{
+    const bool wasUpdating = way_.state() == kUpdatingState;
+    if (way_.take(record))
+        mark("way");
+    if (wasUpdating != (way_.state() == kUpdatingState) && moduleTimer_.isRunning())
+        watchModules();
+    newRecords_.append(toJson(record, log_.count()));
+    if (newRecords_.size() > LogTail::kKept)
+        newRecords_ = Json::arrayValue; // nobody has taken them
+    mark("set");
+}
+
+// ---- Orders ----
+
+struct Console::Order {
+    const char* name;
+    Fault (*carryOut)(Console& console, const Json::Value& order);
+};
+
+Console::Fault Console::carryOut(const Json::Value& order)
+{
+    static constexpr Order kOrders[] = {
+        {"power",
+         [](Console& console, const Json::Value& given) -> Fault {
+             if (!given["state"].isInt())
+                 return "a power state is a number";
+             return console.set_.power.setState(given["state"].asInt());
+         }},
+        {"poweroff",
+         [](Console& console, const Json::Value&) -> Fault {
+             console.set_.power.requestPowerOff(0, person());
+             return std::nullopt;
+         }},
+        {"reboot",
+         [](Console& console, const Json::Value&) -> Fault {
+             console.set_.power.requestReboot(kPersonsReboot, person());
+             return std::nullopt;
+         }},
+        {"mirroring",
+         [](Console& console, const Json::Value& given) -> Fault {
+             return console.set_.settings.set(kMirroringKey, given["on"] == true ? 1 : 0, kWriter);
+         }},
+        {"factory",
+         [](Console& console, const Json::Value& given) { return console.setFactory(given["on"] == true); }},
+        {"package-manager",
+         [](Console& console, const Json::Value& given) {
+             return console.setPackageManager(given["on"] == true);
+         }},
+        {"ui",
+         [](Console& console, const Json::Value& given) -> Fault {
+             if (!given["behaviour"].isString() || !given["after"].isUInt())
+                 return "the upgrade UI's behaviour is a name and a time";
+             return console.setUpgradeUI(given["behaviour"].asString(), given["after"].asUInt());
+         }},
+        {"click",
+         [](Console& console, const Json::Value& given) -> Fault {
+             return given["button"].isString() ? console.screen_.click(given["button"].asString())
+                                               : Fault("a button has a name");
+         }},
+        {"usb-begin", [](Console& console, const Json::Value&) { return console.usb_.begin(); }},
+        {"usb-insert", [](Console& console, const Json::Value&) { return console.usb_.insert(); }},
+        {"usb-remove", [](Console& console, const Json::Value&) { return console.usb_.remove(); }},
+    };
+    const std::string name = order["do"].isString() ? order["do"].asString() : "";
+    for (const Order& known : kOrders) {
+        if (name != known.name)
+            continue;
+        const Fault fault = known.carryOut(*this, order);
+        for (const char* section : {"usb", "switches", "power"})
+            mark(section);
+        return fault;
+    }
+    return "there is no order \"" + name + "\"";
+}
+
+Console::Fault Console::setFactory(bool isOn)
+{
+    const Fault fault = isOn ? touch(kFactoryMarker) : removeFile(kFactoryMarker);
+    if (fault)
+        return fault;
+    isFactory_ = isOn;
+    mark("switches");
+    return saveOptions();
+}
+
+Console::Fault Console::setPackageManager(bool isReady)
+{
+    Fault fault = set_.packages.setManagerDelay(isReady ? 0 : -1);
+    if (!fault)
+        fault = isReady ? touch(kManagerMarker) : removeFile(kManagerMarker);
+    mark("switches");
+    return fault;
+}
+
+Console::Fault Console::setUpgradeUI(const std::string& name, unsigned int after)
+{
+    const UiBehaviour behaviour{name, after};
+    if (const Fault fault = faultOf(behaviour))
+        return fault;
+    behaviour_ = behaviour;
+    mark("switches");
+    return saveOptions();
+}
+
+void Console::onLaunch(const Launch& request)
+{
+    if (request.application != kUpgradeUI)
+        return;
+    const bool isStarted = screen_.launch(request, behaviour_);
+    set_.launches.reply(request.id, isStarted ? 0 : -1);
+}
+
+// ---- Bus ----
+
+void Console::handleModules(GDBusMethodInvocation* invocation)
+{
+    modules_.ask([this, invocation] {
+        g_dbus_method_invocation_return_value(invocation,
+                                              g_variant_new("(s)", toText(modules_.snapshot()).c_str()));
+    });
+}
+
+void Console::handle(const std::string& method, const std::string& sender, GVariant* parameters,
+                     GDBusMethodInvocation* invocation)
+{
+    const char* text = "";
+    guint32 number = 0;
+    gboolean isOn = FALSE;
+    Fault fault;
+    if (method == "GetModules")
+        return handleModules(invocation);
+    if (method == "GetUrl" || method == "Snapshot") {
+        const std::string value = method == "GetUrl" ? web_.url() : toText(sections());
+        return g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", value.c_str()));
+    }
+    if (method == "SetFactory" || method == "SetMirroring" || method == "SetPackageManager") {
+        g_variant_get(parameters, "(b)", &isOn);
+        Json::Value order;
+        order["do"] = method == "SetFactory"     ? "factory"
+                      : method == "SetMirroring" ? "mirroring"
+                                                 : "package-manager";
+        order["on"] = isOn != FALSE;
+        fault = carryOut(order);
+    } else if (method == "RemoveUsb") {
+        fault = usb_.remove();
+    } else if (method == "SetUpgradeUI") {
+        g_variant_get(parameters, "(&su)", &text, &number);
+        fault = setUpgradeUI(text, number);
+    } else if (method == "Click") {
+        g_variant_get(parameters, "(&s)", &text);
+        fault = screen_.click(text);
+    } else if (method == "UpdateScreen") {
+        g_variant_get(parameters, "(&s)", &text);
+        fault = screen_.update(sender, set_.clients.find(sender).process, text);
+    }
+    if (fault)
+        g_dbus_method_invocation_return_dbus_error(invocation, kInvalid, fault->c_str());
+    else
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+}
+
+} // namespace vset

@@ -1,0 +1,89 @@
+// The console of the set: a page in the browser, and the same for commands on the bus.
+//
+// It shows the platform's model and what it finds out itself of the daemon, and carries out what a person
+// does at the television.
+#pragma once
+
+#include <optional>
+#include <set>
+#include <string>
+
+#include <gio/gio.h>
+#include <json/json.h>
+
+#include "bus-objects.h"
+#include "daemon-watch.h"
+#include "log-tail.h"
+#include "module-list.h"
+#include "screen.h"
+#include "set-model.h"
+#include "state-way.h"
+#include "usb-slot.h"
+#include "web-server.h"
+
+namespace vset
+{
+
+class Console
+{
+public:
+    // `bus` and `set` must outlive it. The page's address is in /run/console.url from then on. Throws
+    // std::runtime_error.
+    Console(GDBusConnection* bus, SetModel& set);
+
+private:
+    // What is wrong with an order, or nothing.
+    using Fault = std::optional<std::string>;
+    struct Order;
+
+    // ---- Sections of what is shown ----
+    Json::Value sections() const;
+    Json::Value sectionOf(const std::string& name) const;
+    Json::Value setSection() const;
+    Json::Value switchesSection() const;
+    static Json::Value feedSection();
+    Json::Value greeting() const;
+    void mark(const std::string& section);
+    void push();
+    void watch();
+    void watchModules();
+
+    // ---- Orders ----
+    Fault carryOut(const Json::Value& order);
+    Fault setFactory(bool isOn);
+    Fault setPackageManager(bool isReady);
+    Fault setUpgradeUI(const std::string& name, unsigned int after);
+    void handle(const std::string& method, const std::string& sender, GVariant* parameters,
+                GDBusMethodInvocation* invocation);
+    void handleModules(GDBusMethodInvocation* invocation);
+    void onLaunch(const Launch& request);
+    void takeLog(const LogRecord& record);
+
+    void loadOptions();
+    Fault saveOptions() const;
+    void publishUrl() const;
+
+    SetModel& set_;
+    BusObject object_;
+    UiBehaviour behaviour_;
+    bool isFactory_ = false;
+    unsigned int port_ = 0;
+    Screen screen_;
+    UsbSlot usb_;
+    ModuleList modules_;
+    DaemonWatch daemon_;
+    StateWay way_;
+    LogTail log_;
+    WebServer web_;
+
+    std::set<std::string> news_;
+    Json::Value newRecords_ = Json::arrayValue;
+    Json::Value lastUsb_;
+    Json::Value lastFeed_;
+    Json::Value lastSwitches_;
+    Timer pushTimer_;
+    Timer watchTimer_;
+    Timer moduleTimer_;
+};
+
+} // namespace vset

@@ -1,0 +1,42 @@
+// The set's log, followed on the main loop.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+
+#include "event.h"
+#include "platform-log.h"
+#include "service-time.h"
+
+namespace vset
+{
+
+class LogTail
+{
+public:
+    static constexpr size_t kKept = 4000; // records
+
+    LogTail() = default;
+
+    // Reads what is there, and goes on from then; connect before.
+    void start();
+
+    const std::deque<LogRecord>& latest() const { return records_; }
+
+    // How many records there were; the last of them is the last of latest().
+    uint64_t count() const { return count_; }
+
+    Event<const LogRecord&> record;
+
+private:
+    void look();
+
+    std::unique_ptr<LogReader> reader_;
+    std::deque<LogRecord> records_;
+    uint64_t count_ = 0;
+    unsigned long long inode_ = 0;
+    Timer timer_;
+};
+
+} // namespace vset

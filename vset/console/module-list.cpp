@@ -1,0 +1,220 @@
+#include "module-list.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <system_error>
+#include <utility>
+
+#include <strings.h>
+#include <sys/stat.h>
+
+#include "program.h"
+
+namespace vset
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr int64_t kProbeLimit = 3000; // milliseconds of the PC's time
+constexpr const char* kControlDirectories[] = {"/prd/usr/fwupdate/controls", "/usr/fwupdate/controls"};
+constexpr const char* kPackageDirectory = "/opt/usr/apps/appbinarymanager";
+constexpr const char* kFeed = "/srv/feed";
+constexpr const char* kSystemImages = "/lib/firmware/ext";
+constexpr const char* kList = "/tmp/fwupdate-off-list.txt";
+
+bool isExternal(const std::string& name)
+{
+    for (size_t at = 0; at < name.size(); ++at) {
+        if (strncasecmp(name.c_str() + at, "EXT-", 4) == 0)
+            return true;
+    }
+    return false;
+}
+
+std::vector<std::string> findLibraries()
+{
+    std::vector<std::string> libraries;
+    for (const char* directory : kControlDirectories) {
+        std::error_code error;
+        for (fs::directory_iterator entry(directory, error); !error && entry != fs::directory_iterator();
+             entry.increment(error)) {
+            if (entry->path().extension() == ".so")
+                libraries.push_back(entry->path());
+        }
+    }
+    std::sort(libraries.begin(), libraries.end());
+    return libraries;
+}
+
+Json::Value parseObject(const std::string& text)
+{
+    Json::Value value;
+    std::string errors;
+    std::istringstream stream(text);
+    const bool isParsed = Json::parseFromStream(Json::CharReaderBuilder(), stream, &value, &errors);
+    return isParsed && value.isObject() ? value : Json::Value(Json::objectValue);
+}
+
+// Null when there is no such file.
+Json::Value readInformation(const fs::path& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+        return Json::nullValue;
+    std::ostringstream text;
+    text << file.rdbuf();
+    return parseObject(text.str());
+}
+
+// The name that images are called by: the identifier without its first "emp".
+std::string firmwareNameOf(const std::string& identifier)
+{
+    const size_t at = identifier.find("emp");
+    return at == std::string::npos ? "" : identifier.substr(0, at) + identifier.substr(at + 3);
+}
+
+std::set<std::string> namesInList()
+{
+    std::set<std::string> names;
+    std::ifstream file(kList);
+    for (std::string line; std::getline(file, line);)
+        names.insert(line.substr(0, line.find(' ')));
+    return names;
+}
+
+Json::Value toOffer(const char* source, const Json::Value& information)
+{
+    Json::Value offer;
+    offer["source"] = source;
+    offer["version"] = information["version"].isString() ? information["version"] : Json::Value();
+    offer["ui_use"] = information["ui_use"].isString() ? information["ui_use"] : Json::Value("none");
+    offer["expected_time"] = information["expected_time"];
+    return offer;
+}
+
+std::string keyOf(const std::string& path)
+{
+    struct stat status {
+    };
+    if (stat(path.c_str(), &status) != 0)
+        return "";
+    return std::to_string(status.st_ino) + "/" + std::to_string(status.st_size) + "/" +
+           std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
+}
+
+} // namespace
+
+void ModuleList::ask(std::function<void()> done)
+{
+    if (done)
+        waiting_.push_back(std::move(done));
+    if (unanswered_ > 0)
+        return;
+    const std::vector<std::string> libraries = findLibraries();
+    for (auto module = modules_.begin(); module != modules_.end();) {
+        const bool isThere = std::binary_search(libraries.begin(), libraries.end(), module->first);
+        module = isThere ? std::next(module) : modules_.erase(module);
+    }
+    unanswered_ = libraries.size();
+    for (const std::string& library : libraries) {
+        runProgram({besideThisProgram("module-probe"), library}, kProbeLimit,
+                   [this, library](const std::optional<std::string>& output) {
+                       take(library, parseObject(output.value_or("")));
+                   });
+    }
+    if (libraries.empty())
+        finishRound();
+}
+
+void ModuleList::take(const std::string& library, const Json::Value& answer)
+{
+    Json::Value module;
+    const fs::path path(library);
+    module["name"] = path.stem().string();
+    module["directory"] = path.parent_path().string();
+    module["external"] = isExternal(path.stem().string());
+    module["identifier"] = answer["identifier"];
+    module["installed"] = answer["version"];
+    module["progress"] = answer["progress"];
+    if (answer.empty())
+        module["error"] = "its control library crashes, hangs or cannot be loaded";
+    else if (answer["version"].isNull())
+        module["error"] = "its control library tells no version";
+    modules_[library] = module;
+    if (--unanswered_ == 0)
+        finishRound();
+}
+
+void ModuleList::finishRound()
+{
+    const std::set<std::string> listed = namesInList();
+    Json::Value list = Json::arrayValue;
+    for (auto& [library, module] : modules_) {
+        module["offers"] = Json::arrayValue;
+        addOffers(module);
+        module["pending"] = listed.count(module["name"].asString()) > 0;
+        list.append(module);
+    }
+    const bool isNew = list != shown_;
+    shown_ = list;
+    if (isNew)
+        changed.tell();
+    for (const auto& done : std::exchange(waiting_, {}))
+        done();
+}
+
+void ModuleList::addOffers(Json::Value& module)
+{
+    const std::string identifier = module["identifier"].isString() ? module["identifier"].asString() : "";
+    const std::string firmware = firmwareNameOf(identifier);
+    if (firmware.empty() || firmware.find('/') != std::string::npos)
+        return;
+    const Json::Value builtIn = readInformation(fs::path(kSystemImages) / firmware / "info.json");
+    if (!builtIn.isNull())
+        module["offers"].append(toOffer("system image", builtIn));
+    for (const auto& [source, directory] :
+         {std::pair("package", kPackageDirectory), std::pair("feed", kFeed)}) {
+        const Json::Value information =
+            informationOfPackage((fs::path(directory) / (identifier + ".img")).string());
+        if (!information.isNull())
+            module["offers"].append(toOffer(source, information));
+    }
+}
+
+// Known from the second round on: unpacking takes a program of its own. Null when there is no package.
+Json::Value ModuleList::informationOfPackage(const std::string& path)
+{
+    const std::string key = keyOf(path);
+    if (key.empty()) {
+        packages_.erase(path);
+        return Json::nullValue;
+    }
+    Package& package = packages_[path];
+    if (package.key == key)
+        return package.information;
+    package = {key, Json::objectValue};
+    runProgram({"unsquashfs", "-cat", path, "info.json"}, kProbeLimit,
+               [this, path, key](const std::optional<std::string>& output) {
+                   const auto known = packages_.find(path);
+                   if (known == packages_.end() || known->second.key != key)
+                       return;
+                   known->second.information = parseObject(output.value_or(""));
+                   if (unanswered_ == 0)
+                       finishRound();
+               });
+    return package.information;
+}
+
+Json::Value ModuleList::snapshot() const
+{
+    return shown_;
+}
+
+} // namespace vset

@@ -1,0 +1,123 @@
+// module-probe LIBRARY: asks a control library about its hardware, in a process of its own.
+//
+// Nothing is changed: only the questions of the plug-in interface are put. A library that hangs or crashes
+// does so here; whoever starts this sets the time limit. Prints one JSON object:
+//
+//   {"name", "entry_points": {NAME: true|false, ...}, "identifier", "version", "progress"}
+//
+// identifier, version and progress are null where the library does not answer; "error" tells why it cannot be
+// loaded. Exit status: 0 asked, 1 not loadable, 2 wrong use.
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <dlfcn.h>
+#include <glib.h>
+#include <json/json.h>
+#include <strings.h>
+#include <tarnwick/control.h>
+
+namespace
+{
+
+constexpr int kExitUsage = 2;
+
+constexpr const char* kEntryPoints[] = {"setContext",          "getEMPID",        "getActiveVersion",
+                                        "checkVersion",        "doUpdate",        "allUpdateDone",
+                                        "doUpdate_decryption", "getExpectedTime", "getUpdateProgress"};
+
+class Library
+{
+public:
+    explicit Library(const std::string& path) : handle_(dlopen(path.c_str(), RTLD_NOW)) {}
+
+    bool isLoaded() const { return handle_ != nullptr; }
+    bool has(const char* name) const { return dlsym(handle_, name) != nullptr; }
+
+    template <typename Function>
+    Function* find(const char* name) const
+    {
+        return reinterpret_cast<Function*>(dlsym(handle_, name));
+    }
+
+    // What a function writes that fills a text buffer; null when there is none or it fails.
+    Json::Value text(const char* name) const
+    {
+        auto* const function = find<int(char*)>(name);
+        char buffer[TARNWICK_CONTROL_TEXT_SIZE + 1] = "";
+        if (function == nullptr || function(buffer) != 0)
+            return Json::nullValue;
+        buffer[TARNWICK_CONTROL_TEXT_SIZE] = '\0';
+        char* const valid = g_utf8_make_valid(buffer, -1);
+        const Json::Value value(valid);
+        g_free(valid);
+        return value;
+    }
+
+    Json::Value progress() const
+    {
+        auto* const function = find<tarnwick_getUpdateProgress_fn>("getUpdateProgress");
+        unsigned int percent = 0;
+        if (function == nullptr || function(&percent) != 0)
+            return Json::nullValue;
+        return percent;
+    }
+
+private:
+    void* handle_; // never closed: a library may not survive that, and this process ends at once
+};
+
+bool isExternal(const std::string& name)
+{
+    for (size_t at = 0; at < name.size(); ++at) {
+        if (strncasecmp(name.c_str() + at, "EXT-", 4) == 0)
+            return true;
+    }
+    return false;
+}
+
+void ask(const Library& library, const std::string& name, Json::Value& answer)
+{
+    for (const char* entryPoint : kEntryPoints)
+        answer["entry_points"][entryPoint] = library.has(entryPoint);
+    if (auto* const setContext = library.find<tarnwick_setContext_fn>("setContext")) {
+        std::string context; // empty, and writable as the interface has it
+        setContext(name.c_str(), TARNWICK_CONTROL_CALLER_PACKAGE, context.data());
+    }
+    if (!isExternal(name))
+        answer["identifier"] = library.text("getEMPID");
+    answer["version"] = library.text("getActiveVersion");
+    answer["progress"] = library.progress();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app("Asks a control library about its hardware, and changes nothing", "module-probe");
+    std::string path;
+    app.add_option("LIBRARY", path, "The control library")->required()->check(CLI::ExistingFile);
+    app.footer("Example:\n  module-probe /prd/usr/fwupdate/controls/tuner.so");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? EXIT_SUCCESS : kExitUsage;
+    }
+    Json::Value answer;
+    answer["name"] = std::filesystem::path(path).stem().string();
+    for (const char* fact : {"identifier", "version", "progress"})
+        answer[fact] = Json::nullValue;
+    const Library library(std::filesystem::absolute(path));
+    if (library.isLoaded())
+        ask(library, answer["name"].asString(), answer);
+    else
+        answer["error"] = dlerror();
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    std::printf("%s\n", Json::writeString(writer, answer).c_str());
+    std::fflush(stdout);
+    std::_Exit(library.isLoaded() ? EXIT_SUCCESS : EXIT_FAILURE); // no destructor of the library runs
+}

@@ -1,0 +1,211 @@
+// upgrade-ui: the upgrade UI of a virtual set, com.olvessa.tv.firmware.update.
+//
+// It speaks to the daemon as the real one does, through two settings keys only, and to a person through the
+// screen of the set. What it shows goes to the log as well, so that a story can be read afterwards.
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <gio/gio.h>
+#include <json/json.h>
+
+#include "norlog.h"
+#include "offer.h"
+#include "pralis.h"
+
+namespace
+{
+
+constexpr const char* kStatusKey = "memory/ep_firmware_update_app/fw_update_status";
+constexpr const char* kProgressKey = "memory/ep_firmware_update_app/fw_update_progress";
+constexpr const char* kPlatform = "org.pellor.platform";
+constexpr const char* kPlatformPath = "/org/pellor/platform";
+constexpr const char* kConsole = "org.pellor.platform.Console";
+constexpr int kSystemLog = 2;
+constexpr int kInfo = 4;
+constexpr int kError = 6;
+constexpr guint kRestartClick = 1000; // milliseconds after the end, for one that does everything by itself
+
+struct Options {
+    std::vector<std::string> extras;
+    std::string behaviour = "interactive";
+    unsigned int after = 0;
+};
+
+std::map<std::string, std::string> extrasOf(const Options& options)
+{
+    std::map<std::string, std::string> extras;
+    for (const std::string& extra : options.extras) {
+        const size_t equals = extra.find('=');
+        if (equals == std::string::npos || equals == 0)
+            throw CLI::ValidationError("--extra", "\"" + extra + "\" is not KEY=VALUE");
+        extras[extra.substr(0, equals)] = extra.substr(equals + 1);
+    }
+    return extras;
+}
+
+void say(int priority, const std::string& text)
+{
+    __norlog_print(kSystemLog, priority, "UPGRADE_UI", "%s", text.c_str());
+    printf("upgrade-ui: %s\n", text.c_str());
+    fflush(stdout);
+}
+
+class Application
+{
+public:
+    explicit Application(const Options& options)
+        : options_(options), offer_(extrasOf(options)), loop_(g_main_loop_new(nullptr, FALSE))
+    {
+    }
+    ~Application()
+    {
+        g_main_loop_unref(loop_);
+        g_clear_object(&bus_);
+    }
+    Application(const Application&) = delete;
+    Application& operator=(const Application&) = delete;
+
+    void run()
+    {
+        connect();
+        const bool isHeard = pralis_notify_key_changed(kStatusKey, onStatus, this) == 0 &&
+                             pralis_notify_key_changed(kProgressKey, onProgress, this) == 0;
+        if (!isHeard)
+            throw std::runtime_error("the settings store does not answer: is this a running set?");
+        show();
+        // "ignore" looks like "interactive" and is left alone; the others click by themselves.
+        if (options_.behaviour != "interactive" && options_.behaviour != "ignore")
+            g_timeout_add(options_.after, onOwnClick, this);
+        g_main_loop_run(loop_);
+    }
+
+private:
+    void connect()
+    {
+        GError* error = nullptr;
+        bus_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+        if (bus_ == nullptr) {
+            const std::string text = error->message;
+            g_error_free(error);
+            throw std::runtime_error("there is no system bus: " + text);
+        }
+        g_dbus_connection_signal_subscribe(bus_, kPlatform, kConsole, "ScreenInput", kPlatformPath, nullptr,
+                                           G_DBUS_SIGNAL_FLAGS_NONE, onInput, this, nullptr);
+    }
+
+    void show()
+    {
+        say(kInfo, offer_.line());
+        draw();
+        if (offer_.view() == upgradeUI::View::Closed)
+            g_main_loop_quit(loop_);
+        const bool isAutomatic = options_.behaviour == "accept" || options_.behaviour == "close" ||
+                                 options_.behaviour == "decline";
+        if (offer_.view() == upgradeUI::View::Finished && isAutomatic)
+            g_timeout_add(kRestartClick, onRestart, this);
+    }
+
+    void draw()
+    {
+        Json::StreamWriterBuilder writer;
+        writer["indentation"] = "";
+        const std::string json = Json::writeString(writer, offer_.screen());
+        // Without a screen the UI still does its part.
+        g_dbus_connection_call(bus_, kPlatform, kPlatformPath, kConsole, "UpdateScreen",
+                               g_variant_new("(s)", json.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
+                               nullptr, nullptr, nullptr);
+        g_dbus_connection_flush_sync(bus_, nullptr, nullptr);
+    }
+
+    void click(const std::string& button)
+    {
+        const int value = offer_.click(button);
+        if (value == 0) {
+            say(kInfo, "\"" + button + "\" is not possible now" +
+                           (offer_.isForced() ? ": this update is required" : ""));
+            return;
+        }
+        say(kInfo, button + " was clicked, status " + std::to_string(value));
+        if (pralis_set_int(kStatusKey, value) != 0)
+            say(kError, "the status cannot be written");
+        show();
+    }
+
+    static gboolean onOwnClick(gpointer self)
+    {
+        auto* const application = static_cast<Application*>(self);
+        application->click(application->options_.behaviour);
+        return G_SOURCE_REMOVE;
+    }
+
+    static gboolean onRestart(gpointer self)
+    {
+        static_cast<Application*>(self)->click("close");
+        return G_SOURCE_REMOVE;
+    }
+
+    static void onInput(GDBusConnection*, const char*, const char*, const char*, const char*,
+                        GVariant* parameters, gpointer self)
+    {
+        const char* button = nullptr;
+        g_variant_get(parameters, "(&s)", &button);
+        auto* const application = static_cast<Application*>(self);
+        if (application->options_.behaviour == "ignore")
+            say(kInfo, std::string(button) + " was clicked and is ignored");
+        else
+            application->click(button);
+    }
+
+    static void onStatus(keynode* node, void* self)
+    {
+        auto* const application = static_cast<Application*>(self);
+        if (application->offer_.takeStatus(pralis_keynode_get_int(node)))
+            application->show();
+    }
+
+    static void onProgress(keynode* node, void* self)
+    {
+        auto* const application = static_cast<Application*>(self);
+        if (application->offer_.takeProgress(pralis_keynode_get_int(node)))
+            application->draw();
+    }
+
+    Options options_;
+    upgradeUI::Offer offer_;
+    GMainLoop* loop_;
+    GDBusConnection* bus_ = nullptr;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    constexpr int kExitUsage = 2;
+    CLI::App app("The upgrade UI of a virtual set", "upgrade-ui");
+    Options options;
+    app.add_option("--extra", options.extras, "KEY=VALUE of the launch request (repeatable)")
+        ->type_name("KEY=VALUE")
+        ->allow_extra_args(false);
+    app.add_option("--behaviour", options.behaviour, "What it does by itself")
+        ->check(CLI::IsMember({"interactive", "accept", "decline", "close", "ignore"}))
+        ->capture_default_str();
+    app.add_option("--after", options.after, "Milliseconds until it does that")->capture_default_str();
+    app.footer("The set starts it when the daemon asks for it. By hand, in a running set:\n"
+               "  upgrade-ui --extra uitype=select --extra timeinfo=6");
+    try {
+        app.parse(argc, argv);
+        Application(options).run();
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? EXIT_SUCCESS : kExitUsage;
+    } catch (const std::exception& error) {
+        fprintf(stderr, "upgrade-ui: %s\n", error.what());
+        return EXIT_FAILURE;
+    }
+    return EXIT_SUCCESS;
+}
