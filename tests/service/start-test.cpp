@@ -35,7 +35,8 @@ protected:
     std::vector<std::string> requestedPackages()
     {
         std::vector<std::string> names;
-        for (const Json::Value& request : tv.platform().snapshot()["packages"]["requests"])
+        const Json::Value set = tv.platform().snapshot();
+        for (const Json::Value& request : set["packages"]["requests"])
             names.push_back(request["package"].asString());
         return names;
     }

@@ -337,6 +337,7 @@ void Television::start(const std::vector<std::string>& arguments)
 {
     std::vector<std::string> command = {kVset, "run", set_};
     command.insert(command.end(), arguments.begin(), arguments.end());
+    writeWhole(set_ / "vset.out", ""); // what an earlier time on has said is no sign of this one
     power_ = std::make_unique<Process>(command, set_ / "vset.out");
 }
 

@@ -71,10 +71,7 @@ public:
 
     // ---- Contents: any time ----
 
-    // Whether the file was written to since installExample made it.
-    bool isChanged(const std::string& path) const;
-    // Where a path of the set lies on this machine. Directories that only exist while it is on are not
-    // covered.
+    // Where a path of the set lies on this machine; not what only exists while it is on (/dev, /proc, /etc).
     fs::path outside(const std::string& path) const;
     // Replaces the file, making missing directories.
     void write(const std::string& path, const std::string& content);
@@ -84,17 +81,17 @@ public:
 
     // An example module with its hardware, which has firmware 1.0 on it: "tuner", "panel" or "EXT-soundbar".
     void installExample(const std::string& library);
-    // Bytes of the firmware (not of the image file) that an example's hardware runs; fails when it is
-    // damaged.
+    // What an example's hardware runs, without the image file's first line; throws when it is damaged.
     std::vector<unsigned char> activeFirmware(const std::string& chip) const;
     std::string activeVersion(const std::string& chip) const;
+    // Whether the file of an example's hardware was written to since installExample made it.
+    bool isChanged(const std::string& path) const;
     // What an example's hardware has when that version is on it.
     static std::vector<unsigned char> exampleFirmware(const std::string& firmwareName,
                                                       const std::string& version);
     static fs::path examplePackage(const std::string& identifier, const std::string& version);
 
-    // A module whose library follows a script (see control-libraries/scripted.cpp). `variant` names the
-    // library file.
+    // A module whose library follows a script, see control-libraries/scripted.cpp; `variant` is its file.
     void installScripted(const std::string& name, const Json::Value& script = Json::objectValue,
                          Controls where = Controls::kProduct, const std::string& variant = "scripted");
     // What the scripted libraries were asked, in order: "NAME function(arguments)".
