@@ -41,10 +41,10 @@ struct Scene {
     std::vector<Json::Value> modules;
     std::vector<Json::Value> symbols; // of each module's library
     DaemonState daemon;
-    std::vector<SemaphoreUser> semaphoreUsers;
+    SemaphoreUsers semaphoreUsers;
 
     // Without a bus nobody can tell whether the daemon runs; the semaphore is opened by every updater.
-    bool isIdle() const { return daemon.hasBus && daemon.pid == 0 && semaphoreUsers.empty(); }
+    bool isIdle() const { return daemon.hasBus && daemon.pid == 0 && semaphoreUsers.isNobody(); }
 };
 
 using Findings = std::vector<Finding>;
@@ -74,7 +74,7 @@ Scene look()
         scene.symbols.push_back(inspectInChild(library));
     }
     scene.daemon = findDaemon();
-    scene.semaphoreUsers = updateSemaphoreUsers();
+    scene.semaphoreUsers = findSemaphoreUsers();
     return scene;
 }
 
@@ -146,7 +146,7 @@ bool postSemaphore()
 {
     // Looked at again at the last moment: somebody may have begun an update since.
     const SemaphoreState state = peekUpdateSemaphore();
-    if (!updateSemaphoreUsers().empty() || !state.isReadable || state.value != 0)
+    if (!findSemaphoreUsers().isNobody() || !state.isReadable || state.value != 0)
         return false;
     sem_t* const semaphore = FWUpdateCommon::getInstance()->create_semaphore();
     return semaphore != nullptr && sem_post(semaphore) == 0;
@@ -167,7 +167,7 @@ void checkSemaphore(const Scene& scene, Findings& found)
                          "the update semaphore belongs to another user than the daemon's",
                          "restart the set: the daemon makes it anew",
                          {}});
-    if (!state.exists || state.value != 0 || !scene.semaphoreUsers.empty())
+    if (!state.exists || state.value != 0 || !scene.semaphoreUsers.isNobody())
         return;
     found.push_back({"stuck-semaphore",
                      "the update semaphore is taken, but no process has it: every update waits for ever",
@@ -210,7 +210,8 @@ std::string loadReason(const Json::Value& module, const Json::Value& symbols)
         return "nothing provides " + listed(symbols["undefined"]);
     if (!symbols["error"].asString().empty())
         return symbols["error"].asString();
-    return module["load_messages"].empty() ? "its path cannot be resolved" : listed(module["load_messages"]);
+    const Json::Value& messages = module["load_messages"]; // the last one tells what stopped the loading
+    return messages.empty() ? "its path cannot be resolved" : messages[messages.size() - 1].asString();
 }
 
 void checkLibraries(const Scene& scene, Findings& found)
@@ -226,7 +227,7 @@ void checkLibraries(const Scene& scene, Findings& found)
         else if (module["kind"] == "unusable")
             found.push_back({"unusable-library",
                              path + ": " + loadReason(module, scene.symbols[index]),
-                             "have the library corrected (\"fwmod check\" tries it on a PC)",
+                             "have the library corrected by its maker",
                              {}});
     }
 }
@@ -250,7 +251,7 @@ void checkDuplicates(const Scene& scene, Findings& found)
 void checkInformation(const Scene& scene, Findings& found)
 {
     for (const Json::Value& module : scene.modules) {
-        for (const Json::Value& source : module["sources"]) {
+        for (const Json::Value& source : module["kind"] == "package" ? module["sources"] : Json::Value()) {
             const Json::Value step = failedStep(source);
             const std::string test = step["test"].asString();
             const bool isFault =

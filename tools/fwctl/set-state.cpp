@@ -3,8 +3,10 @@
 #include "glib-pointer.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -15,6 +17,7 @@
 #include <sstream>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -102,11 +105,26 @@ uint64_t parseHex(const std::string& text)
     return value;
 }
 
-std::optional<Range> semaphoreIn(const fs::path& process)
+// The file as a line of "maps" names it: "00:1a 123 ". By number, because the C library makes a semaphore
+// under another name, which its maker's mapping keeps.
+std::string semaphoreInMaps()
+{
+    struct stat status = {};
+    if (stat(kSemaphoreFile, &status) != 0)
+        return "";
+    char text[64];
+    std::snprintf(text, sizeof text, " %02x:%02x %lu ", major(status.st_dev), minor(status.st_dev),
+                  static_cast<unsigned long>(status.st_ino));
+    return text;
+}
+
+// Where the process has the semaphore. `readable` tells whether it let itself be looked at.
+std::optional<Range> semaphoreIn(const fs::path& process, const std::string& semaphore, bool& readable)
 {
     std::ifstream maps(process / "maps");
+    readable = maps.is_open() || errno == ENOENT || errno == ESRCH; // one that has ended has nothing
     for (std::string line; std::getline(maps, line);) {
-        if (line.find(kSemaphoreFile) == std::string::npos)
+        if (line.find(semaphore) == std::string::npos)
             continue;
         const std::size_t dash = line.find('-');
         return Range{parseHex(line.substr(0, dash)),
@@ -162,25 +180,31 @@ SemaphoreState peekUpdateSemaphore()
     return state;
 }
 
-std::vector<SemaphoreUser> updateSemaphoreUsers()
+SemaphoreUsers findSemaphoreUsers()
 {
-    std::vector<SemaphoreUser> users;
+    SemaphoreUsers users;
+    const std::string semaphore = semaphoreInMaps();
+    if (semaphore.empty())
+        return users;
     std::error_code error;
     for (fs::directory_iterator process("/proc", error), end; !error && process != end;
          process.increment(error)) {
         const pid_t pid = std::atoi(process->path().filename().c_str());
         if (pid <= 0 || pid == getpid())
             continue;
-        if (const auto range = semaphoreIn(process->path()))
-            users.push_back({pid, nameOf(process->path()), isWaitingOn(process->path(), *range)});
+        bool readable = true;
+        if (const auto range = semaphoreIn(process->path(), semaphore, readable))
+            users.known.push_back({pid, nameOf(process->path()), isWaitingOn(process->path(), *range)});
+        users.areAllKnown = users.areAllKnown && readable;
     }
+    users.areAllKnown = users.areAllKnown && !error;
     return users;
 }
 
-std::string likelyHolder(const std::vector<SemaphoreUser>& users)
+std::string likelyHolder(const SemaphoreUsers& users)
 {
     std::string text;
-    for (const SemaphoreUser& user : users) {
+    for (const SemaphoreUser& user : users.known) {
         if (!user.isWaiting)
             text += (text.empty() ? "" : " or ") + user.name + " (process " + std::to_string(user.pid) + ")";
     }

@@ -39,9 +39,16 @@ struct SemaphoreState {
     uid_t owner = 0;
 };
 SemaphoreState peekUpdateSemaphore();
-std::vector<SemaphoreUser> updateSemaphoreUsers(); // without this process
+
+struct SemaphoreUsers {
+    std::vector<SemaphoreUser> known; // without this process
+    bool areAllKnown = true;          // false when a process would not let itself be looked at
+
+    bool isNobody() const { return known.empty() && areAllKnown; }
+};
+SemaphoreUsers findSemaphoreUsers();
 
 // "tarnwick (412)": the processes that may hold the semaphore; empty when there is none.
-std::string likelyHolder(const std::vector<SemaphoreUser>& users);
+std::string likelyHolder(const SemaphoreUsers& users);
 
 #endif

@@ -37,10 +37,10 @@ void setInterruptHandler(void (*handler)(int))
 }
 
 // A process may give its turn back and end between two looks: only what lasts is stuck.
-void throwWhenStuck(const std::string& holder, int& looksWithoutHolder)
+void throwWhenStuck(const SemaphoreUsers& users, int& looksWithoutUser)
 {
-    looksWithoutHolder = holder.empty() && updateSemaphoreUsers().empty() ? looksWithoutHolder + 1 : 0;
-    if (looksWithoutHolder > 5)
+    looksWithoutUser = users.isNobody() ? looksWithoutUser + 1 : 0;
+    if (looksWithoutUser > 5)
         throw Failure(
             "the update semaphore is taken, but no process has it: \"fwctl doctor --fix\" frees it");
 }
@@ -49,15 +49,17 @@ void throwWhenStuck(const std::string& holder, int& looksWithoutHolder)
 void waitForUpdateTurn()
 {
     std::string told;
-    int looksWithoutHolder = 0;
+    int looksWithoutUser = 0;
     while (true) {
         const SemaphoreState state = peekUpdateSemaphore();
         if (state.exists && !state.isReadable)
             throw Failure("the update semaphore cannot be opened: this needs root or the daemon's user");
         if (!state.exists || state.value > 0)
             return;
-        const std::string holder = likelyHolder(updateSemaphoreUsers());
-        throwWhenStuck(holder, looksWithoutHolder);
+        const SemaphoreUsers users = findSemaphoreUsers();
+        throwWhenStuck(users, looksWithoutUser);
+        const std::string known = likelyHolder(users);
+        const std::string holder = known.empty() && !users.isNobody() ? "another process" : known;
         if (!holder.empty() && holder != told)
             std::fprintf(stderr, "fwctl: waiting for %s, which is updating (Ctrl-C to give up)\n",
                          holder.c_str());

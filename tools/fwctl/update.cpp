@@ -55,6 +55,20 @@ int updateExternal(FWUpdateSymbolManager& manager, FWUpdateSymbol& module, const
     return reportOutcomes(outcomes, options.json);
 }
 
+// A check that did not lead to an update, by the daemon's last words on it.
+struct Unstarted {
+    const char* words;
+    const char* result;
+    const char* text;
+    ExitStatus status;
+};
+constexpr Unstarted kUnstarted[] = {
+    {" not need update, version is ", "not-needed", "no update needed", kNothingToDo},
+    {"Error: file no exist (", "no-image", "there is no package", kNothingToDo},
+    {"Error: Firmware binary file no exist (", "no-image", "there is no image", kNothingToDo},
+    {"", "failed", "cannot be updated", kFailed},
+};
+
 int reportUnstarted(const Options& options)
 {
     std::string reason;
@@ -62,21 +76,22 @@ int reportUnstarted(const Options& options)
         if (message.rfind("Error", 0) == 0)
             reason = message;
     }
-    const bool isUpToDate = reason.find(" not need update, version is ") != std::string::npos;
-    const std::string text = isUpToDate ? "no update needed" : "cannot be updated";
-    Json::Value told;
-    told["module"] = options.module;
-    told["result"] = isUpToDate ? "not-needed" : "failed";
-    told["reason"] = reason;
-    Json::Value all(Json::arrayValue);
-    all.append(told);
-    if (options.json)
+    const Unstarted* kind = kUnstarted;
+    while (reason.find(kind->words) == std::string::npos)
+        ++kind; // the last one fits everything
+    if (options.json) {
+        Json::Value all(Json::arrayValue);
+        Json::Value& told = all.append(Json::objectValue);
+        told["module"] = options.module;
+        told["result"] = kind->result;
+        told["reason"] = reason;
         std::printf("%s\n", toJson(all).c_str());
-    else
-        std::printf("%s: %s: %s\n", options.module.c_str(), text.c_str(), reason.c_str());
-    if (!isUpToDate && !options.json)
+        return kind->status;
+    }
+    std::printf("%s: %s: %s\n", options.module.c_str(), kind->text, reason.c_str());
+    if (kind->status == kFailed)
         std::fprintf(stderr, "fwctl: \"fwctl why %s\" says what to do\n", options.module.c_str());
-    return isUpToDate ? kNothingToDo : kFailed;
+    return kind->status;
 }
 
 FWUpdateSymbol* findModule(FWUpdateSymbolManager& manager, const std::string& name)

@@ -37,15 +37,22 @@ std::string requireDirectory(std::string directory)
     return directory.back() == '/' ? directory : directory + "/";
 }
 
-// The message that tells why a module's image is not taken: the last error after its path was first named.
-std::string reasonFor(const std::string& path, const std::vector<std::string>& messages)
+// Why a module's image is not taken: the last error after its path or its name stood in a message. Only a
+// file without a whole IV is refused namelessly.
+std::string reasonFor(const std::string& path, const std::string& firmwareName,
+                      const std::vector<std::string>& messages)
 {
+    constexpr off_t kIvSize = 16;
+    struct stat status = {};
+    if (stat(path.c_str(), &status) == 0 && status.st_size < kIvSize)
+        return path + " is too short for an encrypted image";
     std::string reason;
     bool isOurs = false;
     for (const std::string& message : messages) {
-        const bool namesAnImage = message.find(".bin") != std::string::npos;
-        isOurs = namesAnImage ? message.find(path) != std::string::npos : isOurs;
-        if (isOurs && message.rfind("Error", 0) == 0)
+        if (message.find(".bin") != std::string::npos)
+            isOurs = message.find(path) != std::string::npos;
+        const bool isNamed = message.rfind("Error: " + firmwareName + " ", 0) == 0;
+        if (isNamed || (isOurs && message.rfind("Error", 0) == 0))
             reason = message;
     }
     return reason;
@@ -67,7 +74,8 @@ Json::Value describe(FWUpdateSymbol& module, const std::string& directory,
     told["newer"] = tells(messages, "Need Update [" + module.getFirmwareName() + "] [");
     told["pending"] = module.getNeedUpdate();
     told["expected_time"] = module.getExpectedUpdateTime();
-    told["reason"] = module.isEMP ? reasonFor(path, messages) : "takes no encrypted images";
+    told["reason"] =
+        module.isEMP ? reasonFor(path, module.getFirmwareName(), messages) : "takes no encrypted images";
     return told;
 }
 

@@ -98,11 +98,26 @@ std::string turnText()
         return state.exists ? "unreadable" : "free";
     if (state.value > 0)
         return "free";
-    const std::string holder = likelyHolder(updateSemaphoreUsers());
-    return holder.empty() ? "stuck" : holder;
+    const SemaphoreUsers users = findSemaphoreUsers();
+    const std::string holder = likelyHolder(users);
+    if (!holder.empty())
+        return holder;
+    return users.isNobody() ? "stuck" : "another process";
 }
 
 // ---- Power locks: a virtual set tells them, a television does not ----
+
+// "kind 2, 45000 ms, tarnwick (412)"; what is left of each lock would change all the time.
+std::string lockText(const Json::Value& locks)
+{
+    std::string text;
+    for (const Json::Value& lock : locks["held"]) {
+        text += (text.empty() ? "kind " : "; kind ") + lock["kind"].asString() + ", " +
+                lock["duration_ms"].asString() + " ms, " + lock["owner"]["command"].asString() + " (" +
+                lock["owner"]["pid"].asString() + ")";
+    }
+    return text.empty() ? "none" : text;
+}
 
 void onLocks(GObject* bus, GAsyncResult* result, gpointer watch)
 {
@@ -112,12 +127,10 @@ void onLocks(GObject* bus, GAsyncResult* result, gpointer watch)
     const char* text = nullptr;
     g_variant_get(reply.get(), "(&s)", &text);
     std::istringstream in(text);
-    Json::Value snapshot;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &snapshot, nullptr) || !snapshot.isObject())
+    Json::Value set;
+    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &set, nullptr) || !set["locks"].isObject())
         return;
-    const Json::Value power = snapshot["power"];
-    if (power.isObject() && power.isMember("locks"))
-        static_cast<Watch*>(watch)->show("power_locks", power["locks"]);
+    static_cast<Watch*>(watch)->show("power_locks", lockText(set["locks"]));
 }
 
 void requestLocks(GDBusConnection* bus, gpointer watch)

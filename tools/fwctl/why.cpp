@@ -58,7 +58,7 @@ std::vector<std::string> findObstacles(const Json::Value& module)
                         " is a symbolic link: the daemon refuses to check; see \"fwctl doctor\"");
     const SemaphoreState semaphore = peekUpdateSemaphore();
     const bool isTaken = semaphore.isReadable && semaphore.value == 0;
-    if (isTaken && updateSemaphoreUsers().empty())
+    if (isTaken && findSemaphoreUsers().isNobody())
         found.push_back("the update semaphore is stuck: no update can begin; see \"fwctl doctor --fix\"");
     return found;
 }

@@ -1,0 +1,493 @@
+// fwctl as a technician types it, on a virtual set.
+#include "virtual-set.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <openssl/evp.h>
+
+#include <regex>
+#include <sstream>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+using testing::AllOf;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr const char* kPackage = "/opt/usr/apps/appbinarymanager/empTuner.img";
+
+Json::Value parse(const std::string& text)
+{
+    std::istringstream in(text);
+    Json::Value value;
+    std::string errors;
+    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &value, &errors)) << errors << text;
+    return value;
+}
+
+Json::Value findModule(const Json::Value& modules, const std::string& name)
+{
+    for (const Json::Value& module : modules) {
+        if (module["module"] == name)
+            return module;
+    }
+    ADD_FAILURE() << "no module " << name;
+    return {};
+}
+
+class Fwctl : public testing::Test
+{
+protected:
+    Json::Value list() { return parse(set.run("fwctl list --json").out); }
+
+    VirtualSet set;
+};
+
+// ---- list ----
+
+TEST_F(Fwctl, ListShowsInstalledAndOfferedVersions)
+{
+    const Json::Value modules = list();
+    ASSERT_EQ(modules.size(), 3U);
+    const Json::Value tuner = findModule(modules, "tuner");
+    EXPECT_EQ(tuner["kind"], "package");
+    EXPECT_EQ(tuner["installed"], "1.0");
+    EXPECT_EQ(tuner["pending"], true);
+    EXPECT_EQ(tuner["pending_source"], "package");
+    EXPECT_EQ(tuner["sources"][1]["offered"], "1.1");
+    const Json::Value panel = findModule(modules, "panel");
+    EXPECT_EQ(panel["pending_source"], "system");
+    EXPECT_EQ(panel["ui_use"], "select");
+    EXPECT_EQ(findModule(modules, "EXT-soundbar")["kind"], "external");
+}
+
+TEST_F(Fwctl, ListSaysWhereAndHowAsATable)
+{
+    const Outcome outcome = set.run("fwctl list");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_THAT(outcome.out,
+                ContainsRegex("tuner +package +1.0 +1.1 +- +at standby +/opt/usr/apps/.*empTuner.img"));
+    EXPECT_THAT(outcome.out,
+                ContainsRegex("panel +package +1.0 +- +1.1 +on the screen +/lib/firmware/ext/Panel"));
+}
+
+// ---- No side effects ----
+
+// The lines of a system-call trace that change something.
+std::vector<std::string> changesIn(const std::string& trace)
+{
+    const std::regex change(
+        "\\b(mount|umount2|unlink|unlinkat|mkdir|mkdirat|rmdir|rename|renameat|renameat2|link|"
+        "linkat|symlink|symlinkat|truncate|ftruncate|creat|mknod|mknodat|chmod|fchmod|"
+        "fchmodat|chown|fchown|fchownat|utimensat|setxattr)\\(|"
+        "open(at)?\\(.*(O_WRONLY|O_RDWR|O_CREAT)");
+    std::vector<std::string> found;
+    std::istringstream in(trace);
+    for (std::string line; std::getline(in, line);) {
+        if (std::regex_search(line, change))
+            found.push_back(line);
+    }
+    return found;
+}
+
+TEST_F(Fwctl, ListAndWhyChangeNothingWhileAnUpdateRuns)
+{
+    const Outcome outcome =
+        set.run("fwctl update tuner & "
+                "sleep 1; "
+                "strace -f -qq -e trace=file,desc,%process -o /var/list fwctl list && "
+                "strace -f -qq -e trace=file,desc,%process -o /var/why fwctl why panel && "
+                "wait $!");
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    for (const char* trace : {"/var/list", "/var/why"}) {
+        const std::string calls = readFile(set.file(trace));
+        EXPECT_THAT(calls, HasSubstr("panel.so")) << "the trace must show what was done";
+        EXPECT_THAT(changesIn(calls), IsEmpty());
+    }
+    EXPECT_THAT(outcome.out, HasSubstr("tuner: updated, 1.1 is installed"));
+}
+
+TEST_F(Fwctl, ListAndWhyReadAPackageWithoutMountingOrLogging)
+{
+    const Outcome outcome =
+        set.run("fwctl list; fwctl why tuner; cat /var/log/platform.log; grep /dev/loop /proc/mounts");
+    EXPECT_THAT(outcome.out, HasSubstr("the library calls 1.1 newer"));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("FWUPDATE")));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("/dev/loop")));
+}
+
+// ---- why ----
+
+TEST_F(Fwctl, WhySaysHowAPendingModuleWillBeUpdated)
+{
+    const Outcome outcome = set.run("fwctl why tuner");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_THAT(outcome.out, HasSubstr("what will happen: unattended"));
+    EXPECT_THAT(outcome.out, HasSubstr("but: the daemon does not run"));
+}
+
+TEST_F(Fwctl, WhyNamesTheTestThatStoppedTheUpdate)
+{
+    const std::string information = "/usr/lib/firmware/ext/Panel/info.json";
+    const std::pair<const char*, const char*> kCases[] = {
+        {"no JSON", "✗ information: Error: json loadInformation fail"},
+        {R"({"version":"1.1","crc":"x"})", "✗ information: Error: json crc read fail"},
+        {R"({"version":"1.1","crc":1})", "✗ screen: ui_use is \"none\""},
+        {R"({"version":"1.1","crc":1,"ui_use":"force"})", "✗ checksum: the image has "},
+    };
+    for (const auto& [content, expected] : kCases) {
+        set.write(information, content);
+        const Outcome outcome = set.run("fwctl why panel");
+        EXPECT_EQ(outcome.status, 3);
+        EXPECT_THAT(outcome.out, HasSubstr(expected));
+    }
+}
+
+TEST_F(Fwctl, WhyTellsADamagedPackage)
+{
+    set.write(kPackage, std::string(5000, 'x'));
+    const Outcome outcome = set.run("fwctl why tuner");
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_THAT(outcome.out, HasSubstr("is no squashfs image"));
+}
+
+TEST_F(Fwctl, WhySurvivesAPackageCutOffAnywhere)
+{
+    const std::string whole = readFile(set.file(kPackage));
+    std::string script;
+    // The last bytes only fill the image up to a whole block: it can be read without them.
+    for (std::size_t size = 0; size + 4096 < whole.size(); size += whole.size() / 7) {
+        const std::string name = "/var/cut" + std::to_string(size);
+        set.write(name, whole.substr(0, size));
+        script += "cp " + name + " " + kPackage + "; fwctl why tuner >/dev/null; echo status $?; ";
+    }
+    const std::string out = set.run(script).out;
+    EXPECT_THAT(out, HasSubstr("status 3"));
+    EXPECT_THAT(out, Not(HasSubstr("status 1")));
+    EXPECT_THAT(out, Not(HasSubstr("status 0")));
+}
+
+// ---- check and update ----
+
+TEST_F(Fwctl, CheckActsAsTheDaemonDoes)
+{
+    const Outcome outcome = set.run("fwctl check; status=$?; grep empTuner /proc/mounts; exit $status");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_THAT(outcome.out, HasSubstr("tuner: pending"));
+    EXPECT_THAT(outcome.out, HasSubstr("/emps/empTuner squashfs ro")) << "a check leaves the package mounted";
+}
+
+TEST_F(Fwctl, UpdateWritesTheHardwareAndShowsProgress)
+{
+    const Outcome outcome = set.run("fwctl update tuner");
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(outcome.out, "tuner: updated, 1.1 is installed\n");
+    EXPECT_THAT(outcome.err, ContainsRegex("tuner \\[#+\\.+\\] [1-9]0 %"));
+    EXPECT_EQ(findModule(list(), "tuner")["installed"], "1.1");
+    EXPECT_FALSE(fs::exists(set.file(kPackage))) << "an installed package is removed";
+}
+
+TEST_F(Fwctl, UpdateWithoutAnImageHasNothingToDo)
+{
+    fs::remove(set.file(kPackage));
+    const Outcome outcome = set.run("fwctl update tuner");
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_THAT(outcome.out, HasSubstr("there is no package"));
+}
+
+TEST_F(Fwctl, UpdateAllTakesEveryPendingPackage)
+{
+    const Outcome outcome = set.run("fwctl update --all --json");
+    EXPECT_EQ(outcome.status, 1) << "the panel's image is in the system image, which this run does not take";
+    const Json::Value modules = parse(outcome.out);
+    EXPECT_EQ(findModule(modules, "tuner")["result"], "updated");
+    EXPECT_EQ(findModule(modules, "panel")["result"], "failed");
+}
+
+TEST_F(Fwctl, ExternalModuleIsUpdatedByItsLibrary)
+{
+    const Outcome outcome = set.run("fwctl update EXT-soundbar");
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(outcome.out, "EXT-soundbar: updated, 1.1 is installed\n");
+}
+
+TEST_F(Fwctl, SecondUpdateNamesTheProcessThatItWaitsFor)
+{
+    const Outcome outcome = set.run("fwctl update tuner & sleep 1; fwctl update panel; wait $!");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_THAT(outcome.err, ContainsRegex("waiting for fwctl \\(process [0-9]+\\), which is updating"));
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr("tuner: updated"), HasSubstr("panel: updated")));
+}
+
+TEST_F(Fwctl, InterruptDoesNotCutAnUpdateOff)
+{
+    const Outcome outcome =
+        set.run("env --default-signal=INT fwctl update tuner & sleep 1; kill -INT $!; wait $!");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_THAT(outcome.err, HasSubstr("it must not be interrupted"));
+    EXPECT_THAT(outcome.out, HasSubstr("tuner: updated"));
+}
+
+TEST_F(Fwctl, UpdateLeavesNothingThatTheDaemonCouldNotUse)
+{
+    const Outcome outcome = set.run("fwctl update tuner; stat -c %U /dev/shm/sem.SEM_UPDATE_CONTROL");
+    EXPECT_THAT(outcome.out, HasSubstr("\nfwupdate\n"));
+}
+
+TEST_F(Fwctl, AnotherUserIsToldWhatItTakes)
+{
+    const Outcome outcome = set.run(
+        "touch /dev/shm/sem.SEM_UPDATE_CONTROL; setpriv --reuid platform --clear-groups fwctl update tuner");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("needs root or the daemon's user"));
+}
+
+// ---- doctor ----
+
+TEST_F(Fwctl, DoctorMendsWhatAKilledUpdateLeavesBehind)
+{
+    const Outcome outcome = set.run("fwctl update tuner & sleep 1; kill -9 $!; wait $! ; "
+                                    "fwctl doctor; echo found $?; "
+                                    "fwctl update tuner; echo refused $?; "
+                                    "fwctl doctor --fix; echo mended $?; "
+                                    "grep emps /proc/mounts; "
+                                    "fwctl update tuner; echo updated $?");
+    EXPECT_THAT(outcome.out, HasSubstr("empTuner is mounted, and nothing runs that would use it"));
+    EXPECT_THAT(outcome.out, HasSubstr("no process has it: every update waits for ever"));
+    EXPECT_THAT(outcome.out, HasSubstr("found 5"));
+    EXPECT_THAT(outcome.out, HasSubstr("refused 1"));
+    EXPECT_THAT(outcome.out, HasSubstr("mended 0"));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("squashfs ro")));
+    EXPECT_THAT(outcome.out, HasSubstr("updated 0"));
+    EXPECT_THAT(outcome.err, HasSubstr("fwctl doctor --fix"));
+}
+
+TEST_F(Fwctl, DoctorLeavesARunningUpdateAlone)
+{
+    const Outcome outcome =
+        set.run("fwctl update tuner & sleep 1; fwctl doctor --fix; echo mended $?; wait $!");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_THAT(outcome.out, HasSubstr("mended 0"));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("✓")));
+    EXPECT_THAT(outcome.out, HasSubstr("tuner: updated"));
+}
+
+TEST_F(Fwctl, DoctorRemovesAListWithoutADaemon)
+{
+    const Outcome outcome = set.run("touch /tmp/fwupdate-off-list.txt; fwctl doctor; echo found $?; "
+                                    "fwctl doctor --fix; ls /tmp/fwupdate-off-list.txt");
+    EXPECT_THAT(outcome.out, HasSubstr("found 5"));
+    EXPECT_THAT(outcome.err, HasSubstr("cannot access '/tmp/fwupdate-off-list.txt'"));
+}
+
+TEST_F(Fwctl, DoctorMakesMissingDirectories)
+{
+    const Outcome outcome =
+        set.run("rmdir /opt/usr/apps/appbinarymanager/emps; fwctl doctor; echo found $?; "
+                "fwctl doctor --fix; stat -c '%U %G %a' /opt/usr/apps/appbinarymanager/emps");
+    EXPECT_THAT(outcome.out, HasSubstr("found 5"));
+    EXPECT_THAT(outcome.out, HasSubstr("\nplatform system 2775\n"));
+}
+
+TEST_F(Fwctl, DoctorSaysWhyLibrariesCannotBeUsed)
+{
+    for (const char* module : {"incomplete", "unbound", "misnamed"})
+        set.addModule(module);
+    fs::copy(set.file("/usr/fwupdate/controls/panel.so"), set.file("/prd/usr/fwupdate/controls/panel.so"));
+    set.write("/prd/usr/fwupdate/controls/text.so", "not a library");
+    set.write("/opt/usr/apps/appbinarymanager/empNobody.img", "whose?");
+    const Outcome outcome = set.run("fwctl doctor");
+    EXPECT_EQ(outcome.status, 5);
+    EXPECT_THAT(outcome.out, HasSubstr("incomplete.so: it lacks doUpdate\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("unbound.so: nothing provides notProvidedByAnybody\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("misnamed.so: Error: EMPID is Wrong (Misnamed)\n"));
+    EXPECT_THAT(outcome.out, ContainsRegex("text.so: .*file too short|text.so: .*invalid ELF header"));
+    EXPECT_THAT(outcome.out, HasSubstr("2 control libraries have the module panel\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("empNobody.img belongs to no module\n"));
+}
+
+TEST_F(Fwctl, CrashingAndHangingLibrariesAreNamedAndTheOthersShown)
+{
+    set.addModule("crashing");
+    set.addModule("hanging");
+    const Outcome outcome =
+        set.run("fwctl list; echo listed $?; fwctl why crashing; echo why $?; fwctl doctor");
+    EXPECT_EQ(outcome.status, 5);
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr("listed 0"), HasSubstr("why 1"), HasSubstr("at standby")));
+    EXPECT_THAT(outcome.err,
+                HasSubstr("crashing: the control library crashes in getActiveVersion (Aborted)"));
+    EXPECT_THAT(outcome.err, HasSubstr("hanging: the control library hangs in getActiveVersion"));
+    EXPECT_THAT(outcome.out, HasSubstr("crashing.so: the control library crashes in getActiveVersion"));
+}
+
+// ---- Encrypted images ----
+
+const std::string kKeyHex = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f";
+
+std::string keyBytes()
+{
+    std::string bytes;
+    for (std::size_t at = 0; at < kKeyHex.size(); at += 2)
+        bytes += static_cast<char>(std::stoi(kKeyHex.substr(at, 2), nullptr, 16));
+    return bytes;
+}
+
+// IV, ciphertext of version header and image, and a trailer that no library judges here.
+std::string encrypt(const std::string& version, const std::string& image)
+{
+    std::string plain = version;
+    plain.resize(64);
+    plain += image;
+    const std::string iv(16, 'i');
+    const std::string key = keyBytes();
+    std::string cipher(plain.size() + 16, '\0');
+    int size = 0;
+    int last = 0;
+    EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
+    const auto bytes = [](const std::string& text) {
+        return reinterpret_cast<const unsigned char*>(text.data());
+    };
+    auto* const out = reinterpret_cast<unsigned char*>(cipher.data());
+    EVP_EncryptInit_ex(context, EVP_aes_256_cbc(), nullptr, bytes(key), bytes(iv));
+    EVP_EncryptUpdate(context, out, &size, bytes(plain), static_cast<int>(plain.size()));
+    EVP_EncryptFinal_ex(context, out + size, &last);
+    EVP_CIPHER_CTX_free(context);
+    cipher.resize(static_cast<std::size_t>(size + last));
+    return iv + cipher + std::string(534, 't');
+}
+
+class FwctlUsb : public Fwctl
+{
+protected:
+    void SetUp() override
+    {
+        const std::string image = readFile(fs::path(EXAMPLES) / "images/1.1/Tuner/Tuner.bin");
+        set.write("/opt/media/USBDriveA/Tuner.bin", encrypt("1.1", image));
+        set.write("/root/key", kKeyHex + "\n", 0600);
+    }
+};
+
+TEST_F(FwctlUsb, CheckFindsTheNewerImageAndItsTime)
+{
+    const Outcome outcome = set.run("fwctl usb check /opt/media/USBDriveA --key-file /root/key");
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr("tuner: newer, about 8 s\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("panel: Error: /opt/media/USBDriveA/Panel.bin open fail\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("EXT-soundbar: takes no encrypted images\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("expected time of all together: 8 s\n"));
+    EXPECT_THAT(outcome.err, HasSubstr("no signature library: every image counts as signed"));
+}
+
+TEST_F(FwctlUsb, InstallWritesTheHardwareAndFreesTheSemaphore)
+{
+    set.write("/root/raw", keyBytes(), 0600);
+    const Outcome outcome =
+        set.run("fwctl usb install /opt/media/USBDriveA/ --key-file /root/raw; echo first $?; "
+                "fwctl usb install /opt/media/USBDriveA/ --key-file /root/raw; echo again $?; "
+                "fwctl update panel; echo panel $?");
+    EXPECT_THAT(outcome.out, HasSubstr("tuner: updated, 1.1 is installed\nfirst 0\n")) << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr("again 3\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("panel 0\n"));
+    EXPECT_THAT(outcome.err, HasSubstr("1 to install, about 8 s: leave the stick in"));
+}
+
+TEST_F(FwctlUsb, WrongKeyInstallsNothing)
+{
+    set.write("/root/key", std::string(64, 'f'), 0600);
+    const Outcome outcome = set.run("fwctl usb install /opt/media/USBDriveA --key-file /root/key");
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_THAT(outcome.out, HasSubstr("tuner: Error: Tuner Firmware CheckVersion Fail"));
+    EXPECT_EQ(findModule(list(), "tuner")["installed"], "1.0");
+}
+
+TEST_F(FwctlUsb, KeyIsNowhereToBeSeen)
+{
+    const Outcome outcome = set.run(
+        "(fwctl usb install /opt/media/USBDriveA --key-file /root/key --verbose; cat /var/log/*) & "
+        "while kill -0 $! 2>/dev/null; do cat /proc/[0-9]*/cmdline /proc/[0-9]*/environ | tr '\\0' ' '; "
+        "sleep 0.3; done; wait $!");
+    EXPECT_THAT(outcome.out, HasSubstr("--key-file /root/key"));
+    for (const std::string& text : {outcome.out, outcome.err}) {
+        EXPECT_EQ(text.find(kKeyHex), std::string::npos);
+        EXPECT_EQ(text.find(kKeyHex.substr(0, 20)), std::string::npos);
+        EXPECT_EQ(text.find(keyBytes().substr(1)), std::string::npos);
+    }
+}
+
+TEST_F(FwctlUsb, KeyFilesThatAreNoneAreRefused)
+{
+    set.write("/root/open", kKeyHex, 0644);
+    set.write("/root/short", kKeyHex.substr(2), 0600);
+    set.write("/root/long", kKeyHex + "00", 0600);
+    set.write("/root/letters", std::string(64, 'g'), 0600);
+    set.write("/root/empty", "", 0600);
+    const std::pair<const char*, const char*> kCases[] = {
+        {"open", "others may read the key file"},
+        {"short", "holds no key"},
+        {"long", "holds no key"},
+        {"letters", "holds no key"},
+        {"empty", "holds no key"},
+        {"missing", "No such file"},
+        {"", "is not a file"},
+    };
+    for (const auto& [name, expected] : kCases) {
+        const Outcome outcome =
+            set.run("fwctl usb check /opt/media/USBDriveA --key-file /root/" + std::string(name));
+        EXPECT_EQ(outcome.status, 1) << name;
+        EXPECT_THAT(outcome.err, HasSubstr(expected)) << name;
+        EXPECT_THAT(outcome.err, Not(HasSubstr(kKeyHex.substr(2, 20)))) << name;
+    }
+}
+
+// ---- watch ----
+
+TEST_F(Fwctl, WatchShowsTheUpdateAsItRuns)
+{
+    const Outcome outcome =
+        set.run("timeout -s INT 8 fwctl watch > /var/watched & sleep 1; fwctl update tuner; "
+                "wait $!; echo status $?; cat /var/watched");
+    EXPECT_THAT(outcome.out, HasSubstr("status 124")) << "timeout's own; the watch ends by itself on SIGINT";
+    EXPECT_THAT(outcome.out, ContainsRegex("[0-9:]+  update_turn +free"));
+    EXPECT_THAT(outcome.out, ContainsRegex("[0-9:]+  update_turn +fwctl \\(process [0-9]+\\)"));
+    EXPECT_THAT(outcome.out, ContainsRegex("daemon +does not run"));
+    EXPECT_THAT(outcome.out, ContainsRegex("power_locks +kind 0, 13000 ms, .*fwctl"));
+}
+
+// ---- Wrong use ----
+
+TEST_F(Fwctl, WrongUseEndsWithStatusTwo)
+{
+    for (const char* arguments :
+         {"", "frob", "why", "update", "update tuner --all", "update tuner --source moon", "list extra",
+          "usb", "usb check", "usb check /tmp",
+          "usb check /tmp --key "
+          "000102",
+          "doctor --mend"}) {
+        const Outcome outcome = set.run("fwctl " + std::string(arguments));
+        EXPECT_EQ(outcome.status, 2) << arguments;
+        EXPECT_THAT(outcome.err, Not(IsEmpty())) << arguments;
+    }
+}
+
+TEST_F(Fwctl, UnknownModuleEndsWithStatusFour)
+{
+    for (const char* arguments : {"why nobody", "update nobody"})
+        EXPECT_EQ(set.run("fwctl " + std::string(arguments)).status, 4) << arguments;
+}
+
+TEST_F(Fwctl, HelpOfEveryCommandHasAnExample)
+{
+    for (const char* command :
+         {"list", "why", "check", "update", "usb", "usb check", "usb install", "watch", "doctor"}) {
+        const Outcome outcome = set.run("fwctl " + std::string(command) + " --help");
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_THAT(outcome.out, HasSubstr("  fwctl " + std::string(command))) << command;
+    }
+}
+} // namespace

@@ -1,0 +1,37 @@
+// A virtual set with the example modules on it, made anew for each test and removed with it.
+#ifndef FWCTL_TESTS_VIRTUAL_SET_H
+#define FWCTL_TESTS_VIRTUAL_SET_H
+
+#include <filesystem>
+#include <string>
+
+struct Outcome {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+class VirtualSet
+{
+public:
+    VirtualSet();
+    ~VirtualSet();
+    VirtualSet(const VirtualSet&) = delete;
+    VirtualSet& operator=(const VirtualSet&) = delete;
+
+    // Switches the set on for a shell script, in which fwctl is found; the daemon does not run.
+    Outcome run(const std::string& script);
+
+    // A file of the set, by its path there, before the set is switched on.
+    std::filesystem::path file(const std::string& path) const;
+    void write(const std::string& path, const std::string& content, int mode = 0644);
+    // Puts one of the faulty modules into the product's control directory.
+    void addModule(const std::string& name);
+
+private:
+    std::filesystem::path path_;
+};
+
+std::string readFile(const std::filesystem::path& path);
+
+#endif
