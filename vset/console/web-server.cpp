@@ -6,8 +6,11 @@
 #include <stdexcept>
 #include <utility>
 
-#include "console-page.h"
 #include "glib-pointers.h"
+
+extern "C" { // generated for C
+#include "console-page.h"
+}
 
 namespace vset
 {
