@@ -162,6 +162,8 @@ void ModuleList::finishRound()
         module["pending"] = listed.count(module["name"].asString()) > 0;
         list.append(module);
     }
+    if (unanswered_ > 0)
+        return; // packages that were not known have to be looked into first
     const bool isNew = list != shown_;
     shown_ = list;
     if (isNew)
@@ -188,7 +190,8 @@ void ModuleList::addOffers(Json::Value& module)
     }
 }
 
-// Known from the second round on: unpacking takes a program of its own. Null when there is no package.
+// Null when there is no package. One that is new is looked into by a program of its own, and empty until
+// then.
 Json::Value ModuleList::informationOfPackage(const std::string& path)
 {
     const std::string key = keyOf(path);
@@ -200,13 +203,13 @@ Json::Value ModuleList::informationOfPackage(const std::string& path)
     if (package.key == key)
         return package.information;
     package = {key, Json::objectValue};
+    ++unanswered_;
     runProgram({"unsquashfs", "-cat", path, "info.json"}, kProbeLimit,
                [this, path, key](const std::optional<std::string>& output) {
                    const auto known = packages_.find(path);
-                   if (known == packages_.end() || known->second.key != key)
-                       return;
-                   known->second.information = parseObject(output.value_or(""));
-                   if (unanswered_ == 0)
+                   if (known != packages_.end() && known->second.key == key)
+                       known->second.information = parseObject(output.value_or(""));
+                   if (--unanswered_ == 0)
                        finishRound();
                });
     return package.information;

@@ -65,6 +65,7 @@ void answer(SoupServerMessage* message, guint status, const std::string& text)
 WebServer::WebServer(unsigned int port, Handlers handlers)
     : handlers_(std::move(handlers)), server_(soup_server_new("server-header", "vset", nullptr))
 {
+    console_page_register_resource();
     listen(port);
     host_ = "127.0.0.1:" + std::to_string(port_);
     std::string origin = "http://" + host_;
