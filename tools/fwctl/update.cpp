@@ -106,6 +106,7 @@ FWUpdateSymbol* findModule(FWUpdateSymbolManager& manager, const std::string& na
 int updateOne(const Options& options)
 {
     const Choice choice = chooseSource(options);
+    waitForUpdateTurn(); // while this may be root yet, who alone sees which process has it
     FWUpdateSymbolManager& manager = openRegistry(options.verbose);
     FWUpdateSymbol& module = *findModule(manager, options.module);
     if (module.handle == nullptr || !module.functions.doUpdate)
@@ -138,6 +139,7 @@ void checkAll(FWUpdateSymbolManager& manager)
 
 int updateAll(const Options& options)
 {
+    waitForUpdateTurn(); // while this may be root yet, who alone sees which process has it
     FWUpdateSymbolManager& manager = openRegistry(options.verbose);
     waitForUpdateTurn();
     checkAll(manager);

@@ -131,6 +131,7 @@ int install(const Options& options)
 {
     const std::string directory = requireDirectory(options.directory);
     const Key key(options.keyFile);
+    waitForUpdateTurn(); // while this may be root yet, who alone sees which process has it
     FWUpdateSymbolManager& manager = openRegistry(options.verbose);
     const Probe found = probe(manager, key, directory);
     if (found.count == 0) {
