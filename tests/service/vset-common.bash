@@ -4,6 +4,8 @@ tools=$1
 vset=$tools/vset
 work=$(mktemp -d /tmp/vset-test-XXXXXX)
 chmod 755 "$work"
+mkdir -m 1777 "$work/temporary"
+export TMPDIR=$work/temporary # other tests have temporary sets as well
 failures=0
 started=()
 

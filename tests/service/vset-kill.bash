@@ -7,8 +7,9 @@ packages=/opt/usr/apps/appbinarymanager
 mkdir "$work/tree" && head -c 50000 /dev/urandom >"$work/tree/data"
 mksquashfs "$work/tree" "$work/one.img" -quiet -noappend >/dev/null || skip "needs squashfs-tools"
 
+tag=$(basename "$work") # tells this test's loop devices from others'
 mount_two='
-for name in one two; do
+for name in '$tag'-one '$tag'-two; do
     mkdir -p '$packages'/emps/$name
     gdbus call --system -d org.pellor.psmount -o /org/pellor/psmount -m org.pellor.psmount.Mounts.Mount \
         "'"'"'-o ro,loop,nodev,nosuid '$packages'/$name.img '$packages'/emps/$name'"'"'"
@@ -17,17 +18,18 @@ setsid sleep 1000 &
 test "$(grep -c ^/dev/loop /proc/mounts)" = 2 && touch /tmp/ready
 sleep 1000'
 
-no_loop_of() { ! grep -qs "^$1" /sys/block/loop*/loop/backing_file; }
+no_loop() { ! grep -qs "$tag" /sys/block/loop*/loop/backing_file; }
 
 for victim in leader init; do
     set_=$work/$victim
     "$vset" new --bare "$set_" >/dev/null
-    cp "$work/one.img" "$set_/root$packages/one.img"
-    cp "$work/one.img" "$set_/root$packages/two.img"
+    cp "$work/one.img" "$set_/root$packages/$tag-one.img"
+    cp "$work/one.img" "$set_/root$packages/$tag-two.img"
     "$vset" run "$set_" -- sh -c "$mount_two" >/dev/null 2>&1 &
     leader=$!
     started+=("$leader")
     within 20 test -e "$set_/root/tmp/ready" || fail "$victim: the set does not mount two images"
+    no_loop && fail "$victim: the loop devices are not seen from here"
     init=$(init_of "$set_")
     # From outside every process of the set is a descendant of PID 1 or has its process namespace.
     namespace=$(readlink "/proc/$init/ns/pid")
@@ -40,7 +42,7 @@ for victim in leader init; do
     wait "$leader" 2>/dev/null
     nobody() { [ -z "$(inhabitants)" ]; }
     within 10 nobody || fail "$victim: processes are left: $(inhabitants)"
-    within 10 no_loop_of "$packages/" || fail "$victim: a loop device is still bound"
+    within 10 no_loop || fail "$victim: a loop device is still bound"
     grep -q "$set_" /proc/mounts && fail "$victim: a mount is left"
     expect 0 "" "$vset" run "$set_" -- true
     rm -rf "$set_" || fail "$victim: the directory cannot be removed"
