@@ -51,8 +51,10 @@ VirtualSet::VirtualSet()
     char name[] = "/tmp/fwctl-test-XXXXXX";
     path_ = mkdtemp(name) != nullptr ? name : throw std::runtime_error("mkdtemp failed");
     const Outcome made = runProgram({VSET, "new", path_});
-    if (made.status != 0)
+    if (made.status != 0) {
+        fs::remove_all(path_); // no destructor runs for what was not made
         throw std::runtime_error("vset new: " + made.err);
+    }
     copyInto(kExamples / "tuner.so", file("/prd/usr/fwupdate/controls"));
     copyInto(kExamples / "EXT-soundbar.so", file("/prd/usr/fwupdate/controls"));
     copyInto(kExamples / "panel.so", file("/usr/fwupdate/controls"));
