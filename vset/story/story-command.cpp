@@ -65,14 +65,18 @@ void addStoryCommand(CLI::App& app)
     static std::string set;
     static bool follow = false;
     static bool untilEnd = false;
+    static bool onlyNew = false;
     command->add_option("SET", set, "Directory of the set")->required();
     command->add_flag("-f,--follow", follow, "Go on telling while it happens");
     command->add_flag("--until-end", untilEnd, "Go on, and stop when the daemon ends");
+    command->add_flag("--new", onlyNew, "Leave out what has happened so far");
     command->footer("Seconds are the set's own, counted from the start of the daemon.\n"
                     "For the messages themselves see `vset log`.");
     command->callback([] {
         LogReader reader(SetDirectory::open(set).root() / "var/log/platform.log");
         StoryTeller teller(untilEnd);
+        while (onlyNew && reader.next()) {
+        }
         if (follow || untilEnd) {
             reader.follow([&](const LogRecord& record) { return teller.take(record); });
             return;
