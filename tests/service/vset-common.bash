@@ -1,5 +1,9 @@
 # Common part of the launcher's tests. Arguments: the directory where vset and its services lie.
 set -u
+[ -x "$1/vset" ] || {
+    echo "$1/vset is not there: build the target vset" >&2
+    exit 1
+}
 tools=$1
 vset=$tools/vset
 work=$(mktemp -d /tmp/vset-test-XXXXXX)
@@ -49,8 +53,13 @@ within() {
     done
 }
 
-# The process identifier of a running set's PID 1, from outside.
-init_of() { cut -d' ' -f1 "$1/.vset/lock"; }
+# The process identifier of a running set's PID 1, from outside. Ends the test where there is none, before
+# anybody looks into or kills another process.
+init_of() {
+    local init
+    init=$(cut -d' ' -f1 "$1/.vset/lock" 2>/dev/null)
+    [ "${init:-0}" -gt 1 ] && echo "$init"
+}
 is_up() { "$vset" exec "$1" -- true 2>/dev/null; }
 is_gone() { ! kill -0 "$1" 2>/dev/null; }
 

@@ -30,7 +30,7 @@ for victim in leader init; do
     started+=("$leader")
     within 20 test -e "$set_/root/tmp/ready" || fail "$victim: the set does not mount two images"
     no_loop && fail "$victim: the loop devices are not seen from here"
-    init=$(init_of "$set_")
+    init=$(init_of "$set_") || { fail "the set has no PID 1"; conclude; }
     # From outside every process of the set is a descendant of PID 1 or has its process namespace.
     namespace=$(readlink "/proc/$init/ns/pid")
     inhabitants() { ls -l /proc/[0-9]*/ns/pid 2>/dev/null | grep -F "$namespace"; }

@@ -29,7 +29,7 @@ expect 0 "+30." "${as_user[@]}" "$vset" clock "$set_" --jump 30
 expect 1 "already running" "${as_user[@]}" "$vset" run "$set_" -u -- true
 expect 0 "(0, 0)" "${as_user[@]}" "$vset" exec "$set_" -- gdbus call --system -d org.pellor.psmount \
     -o /org/pellor/psmount -m org.pellor.psmount.Mounts.Mknod "'-m 0660 -Z * /dev/loop8  b 7 8'"
-init=$(init_of "$set_")
+init=$(init_of "$set_") || { fail "the set has no PID 1"; conclude; }
 namespace=$(readlink "/proc/$init/ns/pid")
 inhabitants() { ls -l /proc/[0-9]*/ns/pid 2>/dev/null | grep -F "$namespace"; }
 [ "$(inhabitants | wc -l)" -ge 4 ] || fail "too few processes to prove anything"

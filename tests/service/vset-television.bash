@@ -51,7 +51,7 @@ done
 within 10 grep -q "tarnwick ended with status 0" "$work/said" || fail "the end of the daemon is not told"
 is_up "$set_" || fail "the television goes off when the daemon ends"
 "$vset" exec "$set_" -- touch /var/lib/stays /run/goes /tmp/goes
-first=$(init_of "$set_")
+first=$(init_of "$set_") || { fail "the set has no PID 1"; conclude; }
 
 # ---- Reboot ----
 touch "$set_/root/var/lib/platform/before"

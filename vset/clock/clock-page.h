@@ -46,11 +46,11 @@ inline ClockState readClock(const ClockPage& page)
     while (true) {
         const uint32_t before = page.sequence.load(std::memory_order_acquire);
         ClockState state;
-        state.hostBase = page.hostBase.load(std::memory_order_relaxed);
-        state.setBase = page.setBase.load(std::memory_order_relaxed);
-        state.wallOffset = page.wallOffset.load(std::memory_order_relaxed);
-        state.rate = page.rate.load(std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_acquire);
+        // Who sees one of the writer's values also sees, afterwards, that its sequence was odd.
+        state.hostBase = page.hostBase.load(std::memory_order_acquire);
+        state.setBase = page.setBase.load(std::memory_order_acquire);
+        state.wallOffset = page.wallOffset.load(std::memory_order_acquire);
+        state.rate = page.rate.load(std::memory_order_acquire);
         if ((before & 1) == 0 && page.sequence.load(std::memory_order_relaxed) == before)
             return state;
     }
@@ -59,11 +59,10 @@ inline ClockState readClock(const ClockPage& page)
 inline void writeClock(ClockPage& page, const ClockState& state)
 {
     page.sequence.fetch_add(1, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-    page.hostBase.store(state.hostBase, std::memory_order_relaxed);
-    page.setBase.store(state.setBase, std::memory_order_relaxed);
-    page.wallOffset.store(state.wallOffset, std::memory_order_relaxed);
-    page.rate.store(state.rate, std::memory_order_relaxed);
+    page.hostBase.store(state.hostBase, std::memory_order_release);
+    page.setBase.store(state.setBase, std::memory_order_release);
+    page.wallOffset.store(state.wallOffset, std::memory_order_release);
+    page.rate.store(state.rate, std::memory_order_release);
     page.sequence.fetch_add(1, std::memory_order_release);
 }
 
