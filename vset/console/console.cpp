@@ -284,7 +284,7 @@ void Console::push()
     Json::Value message;
     message["type"] = "news";
     for (const std::string& section : std::exchange(news_, {}))
-        message["sections"][section] = sectionOf(section);
+        told_[section] = message["sections"][section] = sectionOf(section);
     message["records"] = std::exchange(newRecords_, Json::arrayValue);
     if (web_.hasPages())
         web_.tell(message);
@@ -294,15 +294,14 @@ void Console::push()
 void Console::watch()
 {
     mark("set");
-    const auto compare = [this](Json::Value& last, const char* section) {
-        const Json::Value now = sectionOf(section);
-        if (now != last)
+    // One that lives for milliseconds, because nothing is pending, is never seen running.
+    const std::optional<int> process = way_.running();
+    if (process && !fs::exists("/proc/" + std::to_string(*process)) && way_.endRun(*process, 0))
+        mark("way");
+    for (const char* section : {"usb", "feed", "switches"}) {
+        if (sectionOf(section) != told_[section])
             mark(section);
-        last = now;
-    };
-    compare(lastUsb_, "usb");
-    compare(lastFeed_, "feed");
-    compare(lastSwitches_, "switches");
+    }
     watchTimer_.start(setMilliseconds(kWatchInterval), [this] { watch(); });
 }
 

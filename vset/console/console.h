@@ -78,9 +78,7 @@ private:
 
     std::set<std::string> news_;
     Json::Value newRecords_ = Json::arrayValue;
-    Json::Value lastUsb_;
-    Json::Value lastFeed_;
-    Json::Value lastSwitches_;
+    Json::Value told_; // sections as they were last told
     Timer pushTimer_;
     Timer watchTimer_;
     Timer moduleTimer_;

@@ -67,13 +67,16 @@ bool StateWay::take(const LogRecord& record)
         return false;
     if (record.function == "service_initialize" && record.message == "service initialize") {
         const int64_t time = millisecondsOf(record.time);
-        runs_.push_back({record.process, time, std::nullopt, {{0, time, false, record.message}}});
+        if (running())
+            endLatest(0); // with its set, or killed
+        runs_.push_back({record.process, time, std::nullopt, {{0, time, false, record.message}}, time});
         if (runs_.size() > kKeptRuns)
             runs_.pop_front();
         return true;
     }
     if (runs_.empty() || runs_.back().process != record.process)
         return false;
+    runs_.back().lastHeard = millisecondsOf(record.time);
     if (record.function == "FWSVC_state_handler") {
         const std::optional<int> number = numberOf(record.message);
         return number && addStep(*number, millisecondsOf(record.time), true, "");
@@ -101,12 +104,25 @@ bool StateWay::addStep(int state, int64_t time, bool isLogged, const std::string
 
 bool StateWay::endRun(int process, int64_t time)
 {
-    if (runs_.empty() || runs_.back().process != process || runs_.back().end)
+    if (running() != process)
         return false;
-    runs_.back().end = time;
-    if (runs_.back().steps.back().state == kFinalizing)
-        addStep(kFinalized, time, false, "the process has ended");
+    endLatest(time);
     return true;
+}
+
+void StateWay::endLatest(int64_t time)
+{
+    WayRun& run = runs_.back();
+    run.end = time != 0 ? time : run.lastHeard;
+    if (run.steps.back().state == kFinalizing)
+        addStep(kFinalized, *run.end, false, "the process has ended");
+}
+
+std::optional<int> StateWay::running() const
+{
+    if (runs_.empty() || runs_.back().end)
+        return std::nullopt;
+    return runs_.back().process;
 }
 
 std::optional<int> StateWay::state() const

@@ -31,6 +31,7 @@ struct WayRun {
     int64_t start = 0;
     std::optional<int64_t> end;
     std::vector<WayStep> steps;
+    int64_t lastHeard = 0; // its latest record
 };
 
 class StateWay
@@ -41,8 +42,12 @@ public:
     // Takes the next record of the log. True when the way has changed.
     bool take(const LogRecord& record);
 
-    // The daemon's process is gone: a finalising daemon has reached its last state. True when that is new.
+    // The daemon's process is gone: a finalising daemon has reached its last state. True when that is new. It
+    // ended at `time`, or 0: nobody saw it, after its last record then.
     bool endRun(int process, int64_t time);
+
+    // The process of the latest run, unless it has ended.
+    std::optional<int> running() const;
 
     // The state of the latest run; nothing before the first.
     std::optional<int> state() const;
@@ -50,6 +55,7 @@ public:
     Json::Value toJson() const;
 
 private:
+    void endLatest(int64_t time);
     bool addStep(int state, int64_t time, bool isLogged, const std::string& reason);
 
     std::deque<WayRun> runs_;

@@ -6,7 +6,7 @@ export const kStates = [
   {name: "starting", at: [0, 0], text: "The daemon initialises: modules, semaphore, watchdog."},
   {name: "initialised", at: [1, 0], text: "The boot worker starts."},
   {name: "fetching packages", at: [2, 0], text: "Every module's package is requested, once per boot."},
-  {name: "packages requested", at: [3, 0], text: "The boot flag is raised next."},
+  {name: "packages requested", label: "packages asked", at: [3, 0], text: "The boot flag is raised next."},
   {name: "checking modules", at: [4, 0], text: "Each module is checked against both image sources; the list is written."},
   {name: "modules checked", at: [5, 0], text: "The next second decides: offer, wait for standby, or end."},
   {name: "waiting for packages", at: [5, 1], label: "package mgr wait", text: "Up to 60 s for the package manager."},
@@ -76,8 +76,8 @@ function drawing() {
   const [groupX, groupY] = corner(10);
   const side = corner(16)[0] + kBox[0] / 2;
   const decline = `M${groupX - 12},${groupY + kBox[1] / 2} L${side},${groupY + kBox[1] / 2} L${side},${corner(16)[1]}`;
-  const lanes = [["BOOT", 0, 0], ["OFFER  ·  answers count in 7 to 10", 1, 1], ["UPDATE", 2, 1], ["END", 3, 0]];
-  const notes = [[4, "nothing to do: 20"], [5, "no UI module: 20 or stay"], [7, "no: 20 or stay"], [9, "not shown: 16"]];
+  const lanes = [["BOOT", 0, 0], ["OFFER  ·  answers count in 7 to 10", 1, 1], ["UPDATE", 2, 2], ["END", 3, 0]];
+  const notes = [[4, "nothing to do: 20"], [7, "no: 20 or stay"], [9, "not shown: 16"]];
   const made = svg("svg", {class: "machine", viewBox: `0 0 ${width} ${height}`, role: "img", "aria-labelledby": "state-name"},
     svg("rect", {class: "group", x: groupX - 12, y: groupY - 10, width: 3 * kColumn + kBox[0] + 24, height: kBox[1] + 36, rx: 16}),
     ...lanes.map(([text, row, column]) => svg("text", {class: "zone", x: kLeft + column * kColumn, y: kTop + row * kRow - 17}, text)),
@@ -87,6 +87,7 @@ function drawing() {
     ...kEdges.map(edge),
     ...kStates.map((_, state) => box(state)),
     ...notes.map(([state, text]) => svg("text", {class: "edge-text", x: centre(state)[0], y: corner(state)[1] + kBox[1] + 16, "text-anchor": "middle"}, text)),
+    svg("text", {class: "edge-text", x: centre(5)[0] + 8, y: corner(5)[1] + kBox[1] + 20}, "none to offer: 20, or stay"),
     svg("text", {class: "edge-text", x: corner(21)[0] + kBox[0] + 10, y: centre(21)[1] + 4}, "20 and 21: from any state"));
   return made;
 }

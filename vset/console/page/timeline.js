@@ -17,7 +17,7 @@ const kRoles = [
 export class Timeline {
   constructor(model) {
     this.model = model;
-    this.span = 120;
+    this.span = 30;
     this.roles = new Map(); // "pid/tid" -> name
     for (const button of $("spans").querySelectorAll("button")) {
       button.onclick = () => this.choose(button);

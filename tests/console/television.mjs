@@ -1,0 +1,131 @@
+// A virtual television for a test, and a browser that looks at its console.
+
+import {execFileSync, spawn} from "node:child_process";
+import {cpSync, mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync, existsSync} from "node:fs";
+import {tmpdir} from "node:os";
+import {join} from "node:path";
+import {chromium} from "playwright-core";
+
+const {VSET, EXAMPLES, FWMOD, WORK} = process.env;
+const kUpdateUser = 901;
+const kSystemGroup = 900;
+export const kPatience = 60000; // ms; the machine may be loaded
+
+export async function waitFor(what, condition, limit = kPatience) {
+  const end = Date.now() + limit;
+  let failure;
+  while (Date.now() < end) {
+    try {
+      const value = await condition();
+      if (value) return value;
+    } catch (error) {
+      failure = error;
+    }
+    await new Promise((resolve) => setTimeout(resolve, 100));
+  }
+  throw new Error(`${what}: not within ${limit} ms${failure ? ` (${failure.message})` : ""}`);
+}
+
+export class Television {
+  constructor() {
+    this.scratch = mkdtempSync(join(tmpdir(), "console-"));
+    this.set = join(this.scratch, "living-room");
+    this.vset("new", this.set);
+  }
+
+  // The command's output; throws with its standard error when it fails.
+  vset(...words) {
+    return execFileSync(VSET, words, {encoding: "utf8", stdio: ["ignore", "pipe", "pipe"]});
+  }
+
+  path(...parts) {
+    return join(this.set, ...parts);
+  }
+
+  // Hardware with version 1.0 and its control library.
+  addModule(name, directory) {
+    mkdirSync(this.path(directory), {recursive: true});
+    cpSync(join(EXAMPLES, `${name}.so`), this.path(directory, `${name}.so`));
+    const chip = this.path("root/var/lib/hardware", name.replace("EXT-", ""));
+    cpSync(join(EXAMPLES, "images/1.0/hardware", name.replace("EXT-", "")), chip);
+    if (process.geteuid() === 0) execFileSync("chown", [`${kUpdateUser}:${kSystemGroup}`, chip]);
+  }
+
+  // The panel, with an image in the system image: large enough that a person can watch it being written.
+  addPanel(uiUse, bytes = 1 << 20) {
+    this.addModule("panel", "usr/fwupdate/controls");
+    const directory = this.path("usr/lib/firmware/ext/Panel");
+    mkdirSync(directory, {recursive: true});
+    const image = join(directory, "Panel.bin");
+    rmSync(image, {force: true});
+    execFileSync(join(EXAMPLES, "make-image"), ["panel", "1.1", String(bytes), image]);
+    rmSync(join(directory, "info.json"), {force: true});
+    execFileSync(FWMOD, ["info", "--version", "1.1", "--image", image, "--expected-time", "14", "--ui-use", uiUse,
+      "-o", join(directory, "info.json")]);
+  }
+
+  addTuner() {
+    this.addModule("tuner", "root/prd/usr/fwupdate/controls");
+    // In the feed, and fetched in an earlier boot already: a package that comes now is seen at the next start.
+    for (const place of ["root/srv/feed", "root/opt/usr/apps/appbinarymanager"]) {
+      cpSync(join(EXAMPLES, "images/1.1/empTuner.img"), this.path(place, "empTuner.img"));
+    }
+  }
+
+  async switchOn() {
+    this.output = "";
+    this.process = spawn(VSET, ["run", this.set], {stdio: ["ignore", "pipe", "pipe"]});
+    for (const stream of [this.process.stdout, this.process.stderr]) {
+      stream.on("data", (data) => { this.output += data; });
+    }
+    this.ended = new Promise((resolve) => this.process.on("exit", resolve));
+    this.url = await waitFor("the console's address", () => {
+      if (this.process.exitCode !== null) throw new Error(`the set ended: ${this.output}`);
+      return this.output.match(/^console: (http:\S+)$/m)?.[1];
+    });
+    return this.url;
+  }
+
+  async remove() {
+    this.process?.kill("SIGTERM");
+    await this.ended;
+    rmSync(this.scratch, {recursive: true, force: true});
+  }
+
+  installed(name) {
+    const modules = JSON.parse(this.vset("modules", this.set, "--json"));
+    return modules.find((module) => module.name === name)?.installed;
+  }
+
+  log() {
+    return existsSync(this.path("root/var/log/platform.log")) ? readFileSync(this.path("root/var/log/platform.log"), "utf8") : "";
+  }
+}
+
+export async function startBrowser() {
+  const profile = mkdtempSync(join(tmpdir(), "console-browser-"));
+  const context = await chromium.launchPersistentContext(profile, {
+    executablePath: "/usr/bin/chromium",
+    headless: true,
+    viewport: {width: 1280, height: 900},
+    args: ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+      "--disable-background-networking", "--disable-component-update", "--disable-sync"],
+  });
+  context.setDefaultTimeout(kPatience);
+  return {
+    context,
+    async close() {
+      await context.close();
+      rmSync(profile, {recursive: true, force: true});
+    },
+  };
+}
+
+// A picture for people; the test does not look at it.
+export async function picture(page, name, options = {}) {
+  await page.screenshot({path: join(WORK, "screenshots", `${name}.png`), ...options});
+}
+
+export function keep(name, text) {
+  writeFileSync(join(WORK, "screenshots", name), text);
+}
