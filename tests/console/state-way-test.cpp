@@ -72,6 +72,15 @@ TEST(StateWay, TheLastStateIsReachedOnlyByAFinalisingDaemonThatIsGone)
     EXPECT_FALSE(killed.endRun(9, 3000)) << "it ended once";
 }
 
+TEST(StateWay, AnEndThatIsSeenBeforeTheLastRecordIsAnEndAllTheSame)
+{
+    StateWay way;
+    way.take(record("service_initialize", "service initialize", 0));
+    EXPECT_TRUE(way.endRun(9, 2000));
+    EXPECT_TRUE(way.take(record("service_finalize", "service finalize", 1)));
+    EXPECT_EQ(way.state(), 21);
+}
+
 TEST(StateWay, RecordsOfOthersAndOfTheOtherLogMoveNothing)
 {
     StateWay way;

@@ -12,6 +12,7 @@ namespace
 
 constexpr int kFinalizing = 20;
 constexpr int kFinalized = 21;
+constexpr const char* kGone = "the process has ended";
 
 // A message that shows a state, in the states in which it means that.
 struct Sign {
@@ -95,6 +96,8 @@ bool StateWay::addStep(int state, int64_t time, bool isLogged, const std::string
     std::vector<WayStep>& steps = runs_.back().steps;
     if (steps.back().state != state) {
         steps.push_back({state, time, isLogged, reason});
+        if (state == kFinalizing && runs_.back().end) // its end was seen before its last record
+            steps.push_back({kFinalized, *runs_.back().end, false, kGone});
         return true;
     }
     const bool isConfirmed = isLogged && !steps.back().isLogged;
@@ -115,7 +118,7 @@ void StateWay::endLatest(int64_t time)
     WayRun& run = runs_.back();
     run.end = time != 0 ? time : run.lastHeard;
     if (run.steps.back().state == kFinalizing)
-        addStep(kFinalized, *run.end, false, "the process has ended");
+        addStep(kFinalized, *run.end, false, kGone);
 }
 
 std::optional<int> StateWay::running() const
