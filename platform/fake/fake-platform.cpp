@@ -27,7 +27,7 @@ namespace
 // Every record ends with this errno: a caller that relies on a log call to keep `errno` is found out.
 constexpr int kErrnoAfterLog = EBADMSG;
 
-std::string formatted(const char* format, va_list arguments)
+__attribute__((format(printf, 1, 0))) std::string formatted(const char* format, va_list arguments)
 {
     va_list again;
     va_copy(again, arguments);
