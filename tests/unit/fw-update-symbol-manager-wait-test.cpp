@@ -1,0 +1,75 @@
+// The wait for an update has no predicate: what becomes of a signal that comes too early, and of a wake-up
+// that nobody has signalled. Neither can be brought about from outside, so this program has the C library's
+// wait to itself.
+#include <dlfcn.h>
+#include <functional>
+#include <pthread.h>
+#include <stdexcept>
+#include <utility>
+
+#include "manager-test.h"
+
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define IS_WATCHED_BY_THREAD_SANITIZER
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define IS_WATCHED_BY_THREAD_SANITIZER
+#endif
+
+#ifndef IS_WATCHED_BY_THREAD_SANITIZER // it has to see every wait itself
+
+namespace
+{
+
+// What the next wait of this thread does first; true: and that is all, it is over.
+thread_local std::function<bool()> beforeWait;
+
+} // namespace
+
+extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                                      const timespec* deadline)
+{
+    using Wait = int (*)(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*);
+    static const auto wait = reinterpret_cast<Wait>(dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
+    const std::function<bool()> first = std::exchange(beforeWait, nullptr);
+    return first && first() ? 0 : wait(condition, mutex, clock, deadline);
+}
+
+namespace
+{
+
+using FWUpdateSymbolManagerWait = ManagerTest;
+
+TEST_F(FWUpdateSymbolManagerWait, ForAnUpdateThatHasEndedAlreadyTimesOut)
+{
+    TestModule tuner = addPending("tuner", "empTuner", 0);
+    beforeWait = [&] {
+        awaitEndOfUpdate(tuner);
+        std::this_thread::sleep_for(std::chrono::milliseconds(500)); // and has signalled
+        return false;
+    };
+    EXPECT_THROW(manager.update_timeout_wrapper(tuner.module, 0, FW_CALLER_EMP, noContext),
+                 std::runtime_error);
+    EXPECT_TRUE(isLogged("========== [ Tuner update succeeded ] =========="));
+    EXPECT_TRUE(isLogged("Tuner update timeout"));
+}
+
+TEST_F(FWUpdateSymbolManagerWait, ThatEndsWithoutASignalCountsAsACompletion)
+{
+    TestModule tuner = addPending("tuner", "empTuner", 60);
+    tuner.library.answers.results["doUpdate"] = 7;
+    Gate gate;
+    holdUpdates(tuner.library, gate);
+    beforeWait = [&] { return eventually([&] { return gate.isReached(); }); };
+    EXPECT_EQ(manager.update_timeout_wrapper(tuner.module, 60, FW_CALLER_EMP, noContext), 0);
+    EXPECT_FALSE(isLogged("Tuner update timeout"));
+    EXPECT_EQ(semaphoreValue(), 1); // while the library still writes
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return isLogged("Error: Tuner Firmware doUpdate Fail 7 (0:Success)"); }));
+}
+
+} // namespace
+
+#endif
