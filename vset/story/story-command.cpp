@@ -41,10 +41,8 @@ public:
         const std::optional<double> now = secondsOf(record.time);
         if (sentence.empty() || !now)
             return true;
-        if (record.process != process_) { // every start of the daemon counts from 0
-            process_ = record.process;
+        if (record.message == "service initialize") // every start of the daemon counts from 0
             start_ = *now;
-        }
         std::printf("%8.1f s  %s\n", *now - start_, sentence.c_str());
         std::fflush(stdout);
         return !(untilEnd_ && record.message == "service finalize");
@@ -53,7 +51,6 @@ public:
 private:
     Narrator narrator_;
     bool untilEnd_;
-    int process_ = 0;
     double start_ = 0;
 };
 
