@@ -4,7 +4,8 @@
 
 #include <string>
 
-namespace appbinaryManager {
+namespace appbinaryManager
+{
 
 using DownloadCallback = void (*)(const std::string& package_id, int status, void* user_data);
 

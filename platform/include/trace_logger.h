@@ -2,17 +2,19 @@
 #ifndef TRACE_LOGGER_H
 #define TRACE_LOGGER_H
 
-class TraceLogger {
+class TraceLogger
+{
 public:
     // Priorities and formats as in the platform log (norlog.h).
-    static void record(int priority, const char* file, const char* function, int line, const char* format, ...)
+    static void record(int priority, const char* file, const char* function, int line, const char* format,
+                       ...)
 #if defined(__GNUC__)
         __attribute__((format(printf, 5, 6)))
 #endif
         ;
 };
 
-#define TRACE_RECORD(priority, format, ...) \
+#define TRACE_RECORD(priority, format, ...)                                                                  \
     TraceLogger::record(priority, __FILE__, __func__, __LINE__, format, ##__VA_ARGS__)
 
 #endif
