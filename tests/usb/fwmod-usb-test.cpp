@@ -29,11 +29,7 @@ protected:
     static void SetUpTestSuite()
     {
         keys = new TemporaryDirectory;
-        makeSigningKey(keys->path(), "maker");
-        makeSigningKey(keys->path(), "stranger");
-        makeSigningKey(keys->path(), "short", 2048);
-        mustRun(keys->path(), {"openssl", "genpkey", "-algorithm", "EC", "-pkeyopt",
-                               "ec_paramgen_curve:P-256", "-out", "curve.pem"});
+        copyTestKeys(keys->path(), {"maker", "stranger", "short", "curve"});
     }
     static void TearDownTestSuite() { delete keys; }
     void SetUp() override

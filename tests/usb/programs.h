@@ -1,8 +1,10 @@
-// Programs that a test runs, and the keys that it makes with them.
+// Programs that a test runs, and the keys that it has for them.
 #ifndef USB_TEST_PROGRAMS_H
 #define USB_TEST_PROGRAMS_H
 
+#include <filesystem>
 #include <gio/gio.h>
+#include <initializer_list>
 #include <stdexcept>
 #include <string>
 #include <sys/wait.h>
@@ -44,12 +46,14 @@ inline void mustRun(const std::string& directory, const std::vector<std::string>
     }
 }
 
-// NAME.pem and NAME.pub.pem, as a maker makes them.
-inline void makeSigningKey(const std::string& directory, const std::string& name, int bits = 4096)
+// Copies NAME.pem and NAME.pub.pem of the keys that are made for tests (see keys/README.md).
+inline void copyTestKeys(const std::string& directory, std::initializer_list<const char*> names)
 {
-    mustRun(directory, {"openssl", "genpkey", "-algorithm", "RSA", "-pkeyopt",
-                        "rsa_keygen_bits:" + std::to_string(bits), "-out", name + ".pem"});
-    mustRun(directory, {"openssl", "pkey", "-in", name + ".pem", "-pubout", "-out", name + ".pub.pem"});
+    for (const std::string name : names) {
+        for (const char* kind : {".pem", ".pub.pem"}) {
+            std::filesystem::copy(TEST_KEYS "/" + name + kind, directory + "/" + name + kind);
+        }
+    }
 }
 
 #endif

@@ -30,8 +30,7 @@ protected:
     static void SetUpTestSuite()
     {
         keys = new TemporaryDirectory;
-        makeSigningKey(keys->path(), "maker");
-        makeSigningKey(keys->path(), "stranger");
+        copyTestKeys(keys->path(), {"maker", "stranger"});
         writeBytes(*keys / "content.key", std::string(32, 'k'));
     }
     static void TearDownTestSuite() { delete keys; }
