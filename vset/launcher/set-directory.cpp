@@ -104,6 +104,13 @@ int runProgram(std::vector<const char*> arguments)
     return shellStatus(waitFor(process));
 }
 
+// A component of the build tree; whether it worked, after cmake has said why not.
+bool install(const char* component, const fs::path& prefix)
+{
+    return runProgram({VSET_CMAKE_COMMAND, "--install", VSET_BUILD_DIR, "--prefix", prefix.c_str(),
+                       "--component", component}) == 0;
+}
+
 } // namespace
 
 void SetLock::publish(const RunningSet& running) const
@@ -154,12 +161,14 @@ SetDirectory SetDirectory::make(const fs::path& path)
 
 void SetDirectory::installDaemon() const
 {
-    const int status = runProgram({VSET_CMAKE_COMMAND, "--install", VSET_BUILD_DIR, "--prefix", usr().c_str(),
-                                   "--component", "daemon"});
-    if (status != 0)
+    if (!install("daemon", usr()))
         throw Error(
             "the daemon could not be put into the set: build it first with `cmake --build " VSET_BUILD_DIR
             "`");
+    // A television does without; who builds only the daemon gets a set all the same.
+    if (access(VSET_FWCTL, X_OK) == 0 && !install("fwctl", usr()))
+        throw Error("fwctl could not be put into the set: build it anew with `cmake --build " VSET_BUILD_DIR
+                    " --target fwctl`");
 }
 
 SetLock SetDirectory::lock() const

@@ -51,7 +51,8 @@ public:
     fs::path clockFile() const { return path_ / ".vset/clock"; }
     fs::path machineIdFile() const { return path_ / ".vset/machine-id"; }
 
-    // Installs the daemon and its platform library from the build tree into SET/usr.
+    // Installs the daemon and its platform library from the build tree into SET/usr, and the command fwctl
+    // where it was built. Throws Error when the daemon was not.
     void installDaemon() const;
 
     // Throws Error when the set is running.
