@@ -8,10 +8,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gio/gio.h>
+#include <json/json.h>
 #include <pwd.h>
 #include <semaphore.h>
 #include <sstream>
@@ -43,6 +45,23 @@ std::optional<guint32> askBus(GDBusConnection* bus, const char* method)
     return number;
 }
 
+// All that the platform of a virtual set knows; a television has no such service.
+std::optional<Json::Value> askPlatform(GDBusConnection* bus)
+{
+    const GVariantPointer reply(g_dbus_connection_call_sync(
+        bus, "org.pellor.platform", "/org/pellor/platform", "org.pellor.platform.Control", "Snapshot",
+        nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, 5000, nullptr, nullptr));
+    if (!reply)
+        return std::nullopt;
+    const char* text = nullptr;
+    g_variant_get(reply.get(), "(&s)", &text);
+    std::istringstream in(text);
+    Json::Value set;
+    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &set, nullptr) || !set.isObject())
+        return std::nullopt;
+    return set;
+}
+
 // Seconds since a process started; field 22 of its "stat", counted behind the name, which may hold anything.
 long ageOf(pid_t pid)
 {
@@ -58,6 +77,22 @@ long ageOf(pid_t pid)
     std::ifstream("/proc/uptime") >> uptime;
     return std::max(0L, static_cast<long>(uptime) - ticks / sysconf(_SC_CLK_TCK));
 }
+
+// A virtual set has a time of its own, of which the kernel's figures know nothing; its platform tells when
+// the daemon registered with the watchdog, which is the first that it does. A television does not tell that.
+std::optional<long> ageOnTheSetsClock(GDBusConnection* bus, pid_t pid)
+{
+    const std::optional<Json::Value> set = askPlatform(bus);
+    if (!set)
+        return std::nullopt;
+    for (const Json::Value& registered : (*set)["watchdog"]["registered"]) {
+        if (registered["service"]["pid"].asInt64() != pid)
+            continue;
+        return std::max(0L,
+                        static_cast<long>(std::time(nullptr) - registered["registered_ms"].asInt64() / 1000));
+    }
+    return std::nullopt;
+}
 } // namespace
 
 DaemonState findDaemon()
@@ -70,7 +105,8 @@ DaemonState findDaemon()
     state.hasBus = true;
     state.pid = static_cast<pid_t>(askBus(bus.get(), "GetConnectionUnixProcessID").value_or(0));
     state.user = askBus(bus.get(), "GetConnectionUnixUser").value_or(0);
-    state.seconds = state.pid != 0 ? ageOf(state.pid) : 0;
+    if (state.pid != 0)
+        state.seconds = ageOnTheSetsClock(bus.get(), state.pid).value_or(ageOf(state.pid));
     return state;
 }
 

@@ -17,7 +17,7 @@ struct DaemonState {
     bool hasBus = false; // the system bus answers
     pid_t pid = 0;       // 0: the daemon does not run
     uid_t user = 0;      // when it runs
-    long seconds = 0;    // since its start
+    long seconds = 0;    // since its start, by the set's clock where the set tells
 };
 DaemonState findDaemon();
 

@@ -193,6 +193,23 @@ TEST_F(Fwctl, UpdateWritesTheHardwareAndShowsProgress)
     EXPECT_FALSE(fs::exists(set.file(kPackage))) << "an installed package is removed";
 }
 
+TEST_F(Fwctl, LateUpdateIsWaitedForAndHasAStatusOfItsOwn)
+{
+    const fs::path image = fs::path(EXAMPLES) / "images/1.1/Tuner";
+    Json::Value information = parse(readFile(image / "info.json"));
+    information["expected_time"] = 1; // the tuner takes some seconds
+    set.write("/var/package/info.json", information.toStyledString());
+    set.write("/var/package/Tuner.bin", readFile(image / "Tuner.bin"));
+    const Outcome outcome = set.run(std::string("mksquashfs /var/package ") + kPackage +
+                                    " -noappend -all-root -quiet -no-progress && fwctl update tuner --json");
+    EXPECT_EQ(outcome.status, 6) << outcome.err;
+    EXPECT_THAT(outcome.err, HasSubstr("takes longer than expected and is still being written"));
+    const Json::Value tuner = findModule(parse(outcome.out), "tuner");
+    EXPECT_EQ(tuner["result"], "updated");
+    EXPECT_EQ(tuner["late"], true);
+    EXPECT_EQ(findModule(list(), "tuner")["installed"], "1.1");
+}
+
 TEST_F(Fwctl, UpdateWithoutAnImageHasNothingToDo)
 {
     fs::remove(set.file(kPackage));
