@@ -331,6 +331,35 @@ void Television::feedFile(const std::string& identifier, const fs::path& package
     fs::copy_file(package, outside("/srv/feed/" + identifier + ".img"), fs::copy_options::overwrite_existing);
 }
 
+// ---- Encrypted images ----
+
+void Television::installSignatureLibrary()
+{
+    runOrThrow({"cmake", "--install", BUILD_DIRECTORY, "--prefix", set_ / "usr", "--component", "signature"});
+    const fs::path keys = outside("/var/lib/signature/keys");
+    fs::create_directories(keys);
+    fs::copy_file(fs::path(TEST_KEYS) / "maker.pub.pem", keys / "maker.pem");
+}
+
+void Television::insertStick(const std::string& firmwareName, const std::string& version,
+                             const std::string& signer)
+{
+    write(kContentKeyFile, std::string(64, 'c') + "\n");
+    fs::permissions(outside(kContentKeyFile), fs::perms(0600));
+    const fs::path stick = set_ / "stick"; // on this machine, as a person has it in the hand
+    fs::create_directories(stick);
+    const std::string file = firmwareName + ".bin";
+    runOrThrow({FWMOD_PROGRAM, "usb", "--version-header", version, "--payload",
+                kExampleImages / version / firmwareName / file, "--key-file", outside(kContentKeyFile),
+                "--sign-key", fs::path(TEST_KEYS) / (signer + ".pem"), "-o", stick / file});
+    runOrThrow({kVset, "usb", set_, "insert", stick});
+}
+
+void Television::removeStick()
+{
+    runOrThrow({kVset, "usb", set_, "remove"});
+}
+
 // ---- Power of the whole set ----
 
 void Television::start(const std::vector<std::string>& arguments)

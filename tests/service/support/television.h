@@ -28,6 +28,8 @@ namespace fs = std::filesystem;
 // Names that the daemon and the set share.
 constexpr const char* kListFile = "/tmp/fwupdate-off-list.txt";
 constexpr const char* kDownloadFlag = "/tmp/.fw_download_ready";
+constexpr const char* kContentKeyFile = "/root/usb.key";
+constexpr const char* kStick = "/opt/media/USBDriveA"; // what is in the slot
 constexpr const char* kResumeFlag = "/tmp/.ignore_resume";
 constexpr const char* kMirroringKey = "memory/menu/network/screenmirroring/smsrc_status";
 constexpr const char* kStatusKey = "memory/ep_firmware_update_app/fw_update_status";
@@ -115,6 +117,16 @@ public:
     void deliverFor(const std::string& name, const Information& information = {});
     // The image in packageFiles.
     static std::string imageOf(const std::string& name);
+
+    // ---- Encrypted images ----
+
+    // The set judges images from now on, and trusts the maker's test key. While the set is off.
+    void installSignatureLibrary();
+    // A stick in the slot with an image of an example's firmware, signed with a test key ("maker" or
+    // "stranger"); its content key is in kContentKeyFile.
+    void insertStick(const std::string& firmwareName, const std::string& version,
+                     const std::string& signer = "maker");
+    void removeStick();
 
     // ---- Power of the whole set ----
 
