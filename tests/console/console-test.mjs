@@ -126,6 +126,21 @@ test("the power button starts the update at standby, ten minutes after the start
   assert.deepEqual(complaints, []);
 });
 
+test("a stick put in on the page is installed beside the daemon", {timeout: 3 * kPatience}, async () => {
+  television.addTuner(); // for its package the daemon waits
+  const stick = television.makeStick();
+  await open();
+  await page.locator("#usb-files").setInputFiles(stick);
+  await waitFor("the stick", async () => (await page.locator("#usb-remove").isEnabled()));
+  const fwctl = (...words) => television.vset("exec", television.set, "--", "fwctl", ...words);
+  assert.match(fwctl("usb", "check", "/opt/media/USBDriveA", "--key-file", "/root/usb.key"), /tuner: newer, about 8 s/);
+  assert.match(fwctl("usb", "install", "/opt/media/USBDriveA", "--key-file", "/root/usb.key"),
+    /tuner: updated, 1.1 is installed/);
+  assert.match(fwctl("list"), /tuner +package +1\.1/);
+  assert.notEqual(await stateName(), "ended");
+  assert.deepEqual(complaints, []);
+});
+
 test("switches and slot do what they say, on the page and by command", {timeout: 3 * kPatience}, async () => {
   await open();
   const checked = (id) => page.locator(`#${id}`).getAttribute("aria-checked");

@@ -6,7 +6,7 @@ import {tmpdir} from "node:os";
 import {join} from "node:path";
 import {chromium} from "playwright-core";
 
-const {VSET, EXAMPLES, FWMOD, WORK} = process.env;
+const {VSET, EXAMPLES, FWMOD, WORK, TEST_KEYS} = process.env;
 const kUpdateUser = 901;
 const kSystemGroup = 900;
 export const kPatience = 60000; // ms; the machine may be loaded
@@ -49,6 +49,18 @@ export class Television {
     const chip = this.path("root/var/lib/hardware", name.replace("EXT-", ""));
     cpSync(join(EXAMPLES, "images/1.0/hardware", name.replace("EXT-", "")), chip);
     if (process.geteuid() === 0) execFileSync("chown", [`${kUpdateUser}:${kSystemGroup}`, chip]);
+  }
+
+  // A directory of this machine with an encrypted image of the tuner, for the USB slot; its content key is
+  // /root/usb.key of the set.
+  makeStick() {
+    const stick = join(this.scratch, "stick");
+    const key = this.path("root/root/usb.key");
+    mkdirSync(stick);
+    writeFileSync(key, "c".repeat(64), {mode: 0o600});
+    execFileSync(FWMOD, ["usb", "--version-header", "1.1", "--payload", join(EXAMPLES, "images/1.1/Tuner/Tuner.bin"),
+      "--key-file", key, "--sign-key", join(TEST_KEYS, "maker.pem"), "-o", join(stick, "Tuner.bin")]);
+    return stick;
   }
 
   // The panel, with an image in the system image: large enough that a person can watch it being written.
