@@ -11,3 +11,7 @@ foreach(topic IN ITEMS run kill mounts clock television rootless)
     # A script ends with 77 where the machine cannot run it, and says why.
     set_tests_properties(vset-${topic} PROPERTIES LABELS vset SKIP_RETURN_CODE 77 TIMEOUT 240)
 endforeach()
+
+add_executable(write-watch-test ${CMAKE_CURRENT_LIST_DIR}/write-watch-test.cpp)
+target_link_libraries(write-watch-test PRIVATE vset-write-watch GTest::gmock_main Threads::Threads tarnwick-warnings)
+gtest_discover_tests(write-watch-test TEST_PREFIX vset. DISCOVERY_MODE PRE_TEST)

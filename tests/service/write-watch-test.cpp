@@ -1,0 +1,142 @@
+// A process watched at its writes: which ones are seen, and what is on the disk when it is killed at one.
+#include "write-watch.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class WriteWatchTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        std::string name = "/var/tmp/write-watch-XXXXXX"; // files in /tmp are no hardware
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        directory_ = name;
+    }
+    void TearDown() override { fs::remove_all(directory_); }
+
+    std::string chip() const { return directory_ / "chip"; }
+    std::string chipContent() const
+    {
+        std::ifstream file(chip());
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    // Runs `work` in a watched process, which is killed at its write number `last`; 0: never. Gives the
+    // calls.
+    std::vector<std::string> watch(const std::function<void()>& work, unsigned int last = 0)
+    {
+        int sockets[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sockets), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            close(sockets[0]);
+            vset::submitToWatch(sockets[1]);
+            work();
+            _exit(7);
+        }
+        close(sockets[1]);
+        vset::WriteWatch watch(sockets[0]);
+        close(sockets[0]);
+        std::vector<std::string> calls;
+        pollfd waiting{watch.descriptor(), POLLIN, 0};
+        while (poll(&waiting, 1, 10000) == 1 && (waiting.revents & POLLIN) != 0) {
+            const auto write = watch.next();
+            if (!write)
+                continue;
+            EXPECT_EQ(write->path, chip());
+            calls.push_back(write->call);
+            if (calls.size() == last)
+                kill(child, SIGKILL);
+            else
+                watch.allow(*write);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(last == 0 ? WEXITSTATUS(status) : WTERMSIG(status), last == 0 ? 7 : SIGKILL);
+        return calls;
+    }
+
+    fs::path directory_;
+};
+
+TEST_F(WriteWatchTest, SeesEveryWayToWriteAFile)
+{
+    const auto calls = watch([this] {
+        const int file = open(chip().c_str(), O_RDWR | O_CREAT, 0600);
+        (void)!write(file, "a", 1);
+        (void)!pwrite(file, "b", 1, 1);
+        (void)!ftruncate(file, 10);
+        fdatasync(file);
+        FILE* const stream = fdopen(file, "w"); // inside the C library no symbol is called for this
+        std::fputs("c", stream);
+        std::fclose(stream);
+    });
+    EXPECT_THAT(calls, ElementsAre("write", "pwrite64", "ftruncate", "fdatasync", "write"));
+}
+
+TEST_F(WriteWatchTest, AKilledProcessHasWrittenWhatCameBefore)
+{
+    const auto work = [this] {
+        const int file = open(chip().c_str(), O_WRONLY | O_CREAT, 0600);
+        for (const char* block : {"one ", "two ", "three "})
+            (void)!write(file, block, strlen(block));
+    };
+    watch(work, 3);
+    EXPECT_EQ(chipContent(), "one two ");
+    fs::remove(chip());
+    watch(work, 1);
+    EXPECT_EQ(chipContent(), "");
+}
+
+TEST_F(WriteWatchTest, WritesOfThreadsAndChildrenAreSeenToo)
+{
+    const auto calls = watch([this] {
+        std::thread([this] { std::ofstream(chip()) << "by a thread"; }).join();
+        const pid_t child = fork();
+        if (child == 0) {
+            execlp("dd", "dd", "if=/dev/zero", ("of=" + chip()).c_str(), "bs=10", "count=3", "status=none",
+                   nullptr);
+            _exit(127);
+        }
+        waitpid(child, nullptr, 0);
+    });
+    EXPECT_THAT(calls, ElementsAre("write", "write", "write", "write"));
+}
+
+TEST_F(WriteWatchTest, PipesNotesAndStandardStreamsAreNoHardware)
+{
+    const auto calls = watch([] {
+        int ends[2];
+        (void)!pipe(ends);
+        (void)!write(ends[1], "x", 1);
+        std::ofstream("/dev/null") << "x";
+        FILE* const note = std::tmpfile();
+        std::fputs("x", note);
+        std::fclose(note);
+    });
+    EXPECT_THAT(calls, IsEmpty());
+}
+
+} // namespace

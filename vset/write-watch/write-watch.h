@@ -1,0 +1,60 @@
+// Stops a process before each of its writes to hardware, from outside and without its co-operation.
+//
+// The process to be watched puts a seccomp filter on itself, which stays over exec and covers its threads and
+// children. From then on a write waits in the kernel until the watcher has let it pass, so a watcher that
+// kills the process instead ends it between two writes, as a power cut would.
+//
+// "Hardware" is what outlives a power cut: device nodes and files, but for those where programs leave notes
+// (/tmp, /run, /proc, /dev/shm, /var/log). A flush counts as a write, because it orders those around it. Not
+// seen: stores into mapped memory, and renaming and removing, which lie between two writes of most programs.
+//
+// Linux 5.5 or later. A process can be watched once. Errors are std::system_error.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include <sys/types.h>
+
+namespace vset
+{
+
+struct HardwareWrite {
+    std::uint64_t id = 0; // the kernel's
+    pid_t thread = 0;     // that waits, as the watcher's process namespace numbers it
+    std::string call;     // "pwrite64"
+    std::string path;     // as the watched process sees it
+};
+
+// In the process that is to be watched, before it starts threads: puts the filter in place and hands the
+// listening end to the watcher over `socket`, a connected Unix socket. Gives up new privileges for good.
+void submitToWatch(int socket);
+
+// The watcher's end. One thread at a time.
+class WriteWatch
+{
+public:
+    // Takes the listening end from the other end of the socket; waits for it.
+    explicit WriteWatch(int socket);
+    ~WriteWatch();
+    WriteWatch(const WriteWatch&) = delete;
+    WriteWatch& operator=(const WriteWatch&) = delete;
+
+    // For poll(): readable when a call waits; hung up once the last watched process has ended.
+    int descriptor() const { return listener_; }
+
+    // Takes the call that waits. Nothing when it is none to hardware, which has been let pass, or when the
+    // process has ended meanwhile. Blocks when no call waits.
+    std::optional<HardwareWrite> next();
+
+    // Lets the call happen. Not to be called is to leave it waiting.
+    void allow(const HardwareWrite& write) { allow(write.id); }
+
+private:
+    void allow(std::uint64_t id);
+
+    int listener_;
+};
+
+} // namespace vset
