@@ -417,16 +417,10 @@ int FWUpdateSymbol::isNeedUpdate(FWUpdateCallerTypes caller, char* context)
         return -1;
     }
     const std::string informationPath = getInformationPath(type);
-    if (!file_exists(informationPath)) {
-        FWLOGE("Error: Firmware json file no exist (%s)", informationPath.c_str());
+    FWInformation offered;
+    if (!readInformation(informationPath, offered)) {
         return -1;
     }
-    if (!loadInformation(informationPath)) {
-        FWLOGE("Error: json information load fail");
-        return -1;
-    }
-    FWInformation offered; // a late worker of this module may be reading the record, and rewrite it
-    cloneFwInformation(offered);
     if (type == UPDATE_TYPE_BUILTIN && offered.ui_use == "none") {
         FWLOGE("Error: %s Firmware does not have proper UI information in %s", firmwareName.c_str(),
                informationPath.c_str());
@@ -463,16 +457,10 @@ int FWUpdateSymbol::updateFirmware(FWUpdateCallerTypes caller, char* context)
         return -1;
     }
     const std::string informationPath = getInformationPath(type);
-    if (!file_exists(informationPath)) {
-        FWLOGE("Error: Firmware json file no exist (%s)", informationPath.c_str());
+    FWInformation offered;
+    if (!readInformation(informationPath, offered)) {
         return -1;
     }
-    if (!loadInformation(informationPath)) {
-        FWLOGE("Error: json information load fail");
-        return -1;
-    }
-    FWInformation offered; // a late worker of this module may be reading the record, and rewrite it
-    cloneFwInformation(offered);
     const std::string imagePath = getBinaryPath(type);
     if (!file_exists(imagePath)) {
         FWLOGE("Error: Firmware binary file no exist (%s)", imagePath.c_str());
@@ -518,6 +506,21 @@ int FWUpdateSymbol::runProcess(FWUpdateCallerTypes caller, char* context)
         return -1;
     }
     return 0;
+}
+
+// Gives a copy: a late worker of this module may be reading the record, and rewrite it.
+bool FWUpdateSymbol::readInformation(const std::string& path, FWInformation& offered)
+{
+    if (!file_exists(path)) {
+        FWLOGE("Error: Firmware json file no exist (%s)", path.c_str());
+        return false;
+    }
+    if (!loadInformation(path)) {
+        FWLOGE("Error: json information load fail");
+        return false;
+    }
+    cloneFwInformation(offered);
+    return true;
 }
 
 void FWUpdateSymbol::logNotNeeded(UPDATE_TYPE type, const std::string& imagePath)

@@ -140,6 +140,7 @@ public:
 private:
     int deriveNames();
     std::string getSourceDirectory(UPDATE_TYPE type);
+    bool readInformation(const std::string& path, FWInformation& offered);
     void logNotNeeded(UPDATE_TYPE type, const std::string& imagePath);
     int writeImage(UPDATE_TYPE type, const std::string& imagePath, uint64_t crc);
     int reportWrite(int result);
