@@ -371,7 +371,9 @@ int doctor(bool fix, bool json)
     if (json)
         std::printf("%s\n", toJson(all).c_str());
     else if (status == kDone)
-        std::printf("%s modules, nothing to be mended\n", std::to_string(scene.modules.size()).c_str());
+        std::printf(scene.modules.size() == 1 ? "%zu module, nothing to be mended\n"
+                                              : "%zu modules, nothing to be mended\n",
+                    scene.modules.size());
     return status;
 }
 } // namespace
