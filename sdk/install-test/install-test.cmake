@@ -1,5 +1,5 @@
 # cmake -DBUILD= -DSDK= -DWORK= -P install-test.cmake: installs what makers get, moves it (it is not bound to
-# the place it was installed to), and builds modules against it.
+# the place it was installed to), builds modules against it, and runs sets with it.
 function(run)
     execute_process(COMMAND ${ARGV} COMMAND_ECHO STDOUT COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
@@ -12,3 +12,4 @@ run(${CMAKE_COMMAND} -S ${SDK}/install-test -B ${WORK}/build -DCMAKE_PREFIX_PATH
     -DINSTALLED=${WORK}/moved -DSDK=${SDK})
 run(${CMAKE_COMMAND} --build ${WORK}/build)
 run(${WORK}/moved/bin/fwmod --help)
+run(${SDK}/install-test/moved-kit ${WORK}/moved ${BUILD})

@@ -174,6 +174,22 @@ void checkRootless(const RunOptions& options, bool rootless)
              "(chmod 0666 /dev/fuse), or run it as root");
 }
 
+// What a set has to see of the PC at the same place. A kit stands alone, wherever it was built.
+std::vector<fs::path> ownDirectories(const fs::path& tools)
+{
+    if (!kitDirectory().empty())
+        return {tools};
+    return {VSET_SOURCE_DIR, VSET_BUILD_DIR, tools};
+}
+
+// The dynamic loader takes both characters for the end of a preloaded library's name.
+void checkToolsPath(const fs::path& tools)
+{
+    if (tools.string().find_first_of(" :") != std::string::npos)
+        throw Error("the set's clock cannot be used from " + tools.string() +
+                    ": move vset to a path without blanks and colons");
+}
+
 // Removes a temporary set when the run is over, however it is left.
 class TemporarySet
 {
@@ -199,7 +215,7 @@ int runSet(const RunOptions& options)
         throw UsageError("a temporary set needs a command after --");
     const bool rootless = options.rootless || geteuid() != 0;
     const fs::path tools = executableDirectory();
-    const std::vector<fs::path> binds = bindList(options.binds, {VSET_SOURCE_DIR, VSET_BUILD_DIR, tools});
+    const std::vector<fs::path> binds = bindList(options.binds, ownDirectories(tools));
     checkRootless(options, rootless);
 
     const SetDirectory set = options.set ? SetDirectory::open(*options.set) : SetDirectory::makeTemporary();
@@ -209,8 +225,10 @@ int runSet(const RunOptions& options)
     // The television always has a clock that can be set; a command gets it when asked, because a preloaded
     // library is not every program's (a sanitizer's, a static one's) liking.
     const bool clock = options.command.empty() || options.clockRate.has_value();
-    if (clock)
+    if (clock) {
+        checkToolsPath(tools);
         resetClock(set, options.clockRate.value_or(1.0));
+    }
 
     std::optional<LoopSlot> slot;
     if (!rootless)

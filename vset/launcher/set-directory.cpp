@@ -40,7 +40,8 @@ constexpr Directory kDirectories[] = {
     {"root/tmp", 0, 0, 01777},
     // The platform service leaves the address of its console here.
     {"root/run", 0, kSystemGroup, 0775},
-    {"root/root", 0, 0, 0700},
+    // Open to be passed through: a directory of the PC under /root may be visible in it.
+    {"root/root", 0, 0, 0711},
     {"root/home", 0, 0, 0755},
     {"root/prd", 0, 0, 0755},
     {"root/prd/usr", 0, 0, 0755},
@@ -111,6 +112,20 @@ bool install(const char* component, const fs::path& prefix)
                        "--component", component}) == 0;
 }
 
+// Puts the files of `tree` into `usr`. Each is a new file there: a set that runs keeps using the old ones.
+void copyTree(const fs::path& tree, const fs::path& usr)
+{
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(tree)) {
+        const fs::path target = usr / entry.path().lexically_relative(tree);
+        if (entry.is_directory()) {
+            fs::create_directories(target);
+            continue;
+        }
+        fs::remove(target);
+        fs::copy(entry.path(), target, fs::copy_options::copy_symlinks);
+    }
+}
+
 } // namespace
 
 void SetLock::publish(const RunningSet& running) const
@@ -161,6 +176,10 @@ SetDirectory SetDirectory::make(const fs::path& path)
 
 void SetDirectory::installDaemon() const
 {
+    if (const fs::path kit = kitDirectory(); !kit.empty()) {
+        copyTree(kit / "set/usr", usr());
+        return;
+    }
     if (!install("daemon", usr()))
         throw Error(
             "the daemon could not be put into the set: build it first with `cmake --build " VSET_BUILD_DIR

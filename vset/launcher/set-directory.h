@@ -51,8 +51,8 @@ public:
     fs::path clockFile() const { return path_ / ".vset/clock"; }
     fs::path machineIdFile() const { return path_ / ".vset/machine-id"; }
 
-    // Installs the daemon and its platform library from the build tree into SET/usr, and the command fwctl
-    // where it was built. Throws Error when the daemon was not.
+    // Puts the daemon, its platform library and the command fwctl into SET/usr: from the kit, or from the
+    // build tree, where fwctl is left out if it was not built. Throws Error when the daemon was not.
     void installDaemon() const;
 
     // Throws Error when the set is running.

@@ -86,6 +86,12 @@ fs::path executableDirectory()
     return fs::read_symlink("/proc/self/exe").parent_path();
 }
 
+fs::path kitDirectory()
+{
+    const fs::path directory = executableDirectory();
+    return fs::is_directory(directory / "set/usr") ? directory : fs::path();
+}
+
 void note(const std::string& text)
 {
     const std::string line = "vset: " + text + "\n";

@@ -79,6 +79,10 @@ int waitFor(pid_t process);
 // The absolute path of the running executable's directory.
 fs::path executableDirectory();
 
+// The installed kit that this executable belongs to, which holds all that a set is made of; empty in a build
+// tree.
+fs::path kitDirectory();
+
 // One line on stderr, prefixed with the program's name.
 void note(const std::string& text);
 
