@@ -18,7 +18,8 @@ namespace
 
 constexpr int kExitUsage = 2;
 constexpr double kLongestJump = 10.0 * 365 * 86400; // seconds
-constexpr unsigned int kMostLoopNodes = 250;        // the device numbers of a set are 0 to 249
+constexpr unsigned int kMostWrites = 1'000'000'000;
+constexpr unsigned int kMostLoopNodes = 250; // the device numbers of a set are 0 to 249
 
 constexpr const char* kExamples = R"(Examples:
   vset new /tmp/tv                         make a set, with the daemon that was built
@@ -28,7 +29,7 @@ constexpr const char* kExamples = R"(Examples:
   vset run /tmp/tv -- bash                 a shell in the set, without the daemon
   vset run --temporary -- ./unit-test      a command with a root of its own, gone afterwards
 
-Exit status: 0 done (or the command's own), 1 failure, 2 wrong use.)";
+Exit status: 0 done (or the command's own), 1 failure, 2 wrong use, 3 the power was cut.)";
 
 // Each subcommand leaves its exit status here.
 int exitStatus = EXIT_SUCCESS;
@@ -69,6 +70,11 @@ void addRun(CLI::App& app)
         ->capture_default_str();
     command->add_option("--clock-rate", options.clockRate, "Set seconds per second of the PC")
         ->check(CLI::Range(vset::kLowestRate, vset::kHighestRate));
+    command
+        ->add_option("--cut-power-at-write", options.cutAtWrite,
+                     "Cut the power when the daemon (or CMD) is about to write to hardware for the N-th time")
+        ->type_name("N")
+        ->check(CLI::Range(1U, kMostWrites));
     command->add_option("CMD", options.command, "After --: a command; the set lives as long as it does");
     command->footer(
         "Without CMD the set is a television: the daemon runs, and reboots and power-offs are carried out.\n"

@@ -1,6 +1,10 @@
 #include "launcher/init.h"
 
+#include "write-watch/write-watch.h"
+
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +18,7 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -33,6 +38,8 @@ constexpr int kShutdownMs = 1000;      // for the television's services to end b
 // Exit statuses by which platformd asks for what only PID 1 can do.
 constexpr int kExitPowerOff = 10;
 constexpr int kExitReboot = 11;
+
+constexpr int kExitPowerCut = 3; // of PID 1, and so of `vset run`
 
 constexpr const char* kConsoleUrlPath = "/run/console.url"; // written by platformd, one line
 constexpr const char* kBusConfigurationPath = "/etc/vset-bus.conf";
@@ -131,6 +138,19 @@ std::string lastLine(const fs::path& log)
     return last;
 }
 
+// A process that is to be watched hands its write filter over here; none when it is not.
+struct WatchSocket {
+    UniqueFd process;
+    UniqueFd watcher;
+};
+
+WatchSocket makeWatchSocket()
+{
+    int ends[2];
+    check(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), "cannot make a socket");
+    return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+}
+
 // ---- The set's life ----
 
 class Init
@@ -146,19 +166,23 @@ private:
     };
 
     void start(Service& service, std::vector<std::string> arguments, const Identity& identity, bool onClock,
-               int inheritedFd);
+               int inheritedFd, const WatchSocket& watch = {});
     void startUntilReady(Service& service, std::vector<std::string> arguments, const char* fdOption,
                          const Identity& identity, bool onClock);
     void startBus();
     void startMountService();
     void startPlatform();
+    void startCommand(const WatchSocket& watch);
     void startMain();
 
+    int live();
     // Each returns the exit status of PID 1 once the set is to end.
     std::optional<int> handleSignal(const signalfd_siginfo& signal);
     std::optional<int> reap();
     std::optional<int> onMainEnd(int status);
     std::optional<int> onServiceEnd(const Service& service, int status);
+    void onWrite(short events);
+    [[noreturn]] void cutPower(const HardwareWrite& write);
     int powerDown(PowerRequest request);
     int endTelevision(int status);
 
@@ -171,10 +195,13 @@ private:
     Service platform_{"platformd"};
     Service main_{"tarnwick"};
     std::optional<int> endSignal_; // the command was asked to end; the set ends soon in any case
+    std::chrono::steady_clock::time_point endTime_; // then
+    std::optional<WriteWatch> watch_;
+    unsigned int writes_ = 0;
 };
 
 void Init::start(Service& service, std::vector<std::string> arguments, const Identity& identity, bool onClock,
-                 int inheritedFd)
+                 int inheritedFd, const WatchSocket& watch)
 {
     service.process = fork();
     check(service.process, std::string("cannot start ") + service.name);
@@ -189,6 +216,8 @@ void Init::start(Service& service, std::vector<std::string> arguments, const Ide
             unsetenv("LD_PRELOAD");
         prepareForProgram();
         becomeUser(identity, plan_.root.rootless);
+        if (watch.process)
+            submitToWatch(watch.process.get());
         executeCommand(arguments);
     } catch (const std::exception& error) {
         note(error.what());
@@ -258,13 +287,8 @@ void announceConsole()
     std::fflush(stdout);
 }
 
-void Init::startMain()
+void Init::startCommand(const WatchSocket& watch)
 {
-    if (plan_.television()) {
-        start(main_, {"/usr/bin/tarnwick"}, kUpdate, true, -1);
-        announceConsole();
-        return;
-    }
     main_.name = plan_.command[0].c_str();
     main_.process = fork();
     check(main_.process, std::string("cannot start ") + main_.name);
@@ -275,10 +299,32 @@ void Init::startMain()
         umask(callersMask_);
         if (chdir(plan_.workingDirectory.c_str()) != 0)
             check(chdir("/"), "cannot enter /");
+        if (watch.process)
+            submitToWatch(watch.process.get());
         executeCommand(plan_.command);
     } catch (const std::exception& error) {
         note(error.what());
         _exit(126);
+    }
+}
+
+void Init::startMain()
+{
+    WatchSocket watch = plan_.cutAtWrite ? makeWatchSocket() : WatchSocket();
+    if (plan_.television()) {
+        start(main_, {"/usr/bin/tarnwick"}, kUpdate, true, -1, watch);
+        announceConsole();
+    } else {
+        startCommand(watch);
+    }
+    watch.process.reset(); // so that its end is seen
+    if (!watch.watcher)
+        return;
+    try {
+        watch_.emplace(watch.watcher.get());
+    } catch (const std::exception& error) { // a command has told the reason itself
+        throw Error(error.what() +
+                    (plan_.television() ? ": " + lastLine("/var/log/tarnwick.out") : std::string()));
     }
 }
 
@@ -298,17 +344,50 @@ int Init::run(const std::function<void()>& onUp)
     startPlatform();
     onUp();
     startMain();
+    return live();
+}
+
+int Init::live()
+{
+    using std::chrono::milliseconds;
     while (true) {
-        pollfd waiting{signals_.get(), POLLIN, 0};
-        const int events = poll(&waiting, 1, endSignal_ ? kGraceMs : -1);
-        if (events == 0)
+        pollfd waiting[] = {{signals_.get(), POLLIN, 0}, {watch_ ? watch_->descriptor() : -1, POLLIN, 0}};
+        const auto left = std::chrono::ceil<milliseconds>(endTime_ - std::chrono::steady_clock::now());
+        const int limit = endSignal_ ? static_cast<int>(std::max(left, milliseconds(0)).count()) : -1;
+        if (poll(waiting, std::size(waiting), limit) == 0)
             return 128 + *endSignal_; // the command took no notice
+        if (waiting[1].revents != 0)
+            onWrite(waiting[1].revents);
         signalfd_siginfo signal{};
-        if (events < 0 || read(signals_.get(), &signal, sizeof signal) != sizeof signal)
+        if (waiting[0].revents == 0 || read(signals_.get(), &signal, sizeof signal) != sizeof signal)
             continue;
         if (const std::optional<int> status = handleSignal(signal))
             return *status;
     }
+}
+
+void Init::onWrite(short events)
+{
+    if ((events & POLLIN) == 0) {
+        watch_.reset(); // nobody is left who could write
+        return;
+    }
+    const std::optional<HardwareWrite> write = watch_->next();
+    if (!write)
+        return;
+    if (++writes_ == plan_.cutAtWrite)
+        cutPower(*write);
+    watch_->allow(*write);
+}
+
+// Nobody gets to do anything any more: not even to see the write that waits fail, as it would when the watch
+// ends with this process.
+void Init::cutPower(const HardwareWrite& write)
+{
+    kill(-1, SIGKILL);
+    note("the power was cut at write " + std::to_string(writes_) + " (" + write.call + " to " + write.path +
+         ")");
+    _exit(kExitPowerCut);
 }
 
 std::optional<int> Init::handleSignal(const signalfd_siginfo& signal)
@@ -322,6 +401,7 @@ std::optional<int> Init::handleSignal(const signalfd_siginfo& signal)
     if (signal.ssi_code != SI_KERNEL && !endSignal_) {
         kill(main_.process, number);
         endSignal_ = number;
+        endTime_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(kGraceMs);
     }
     return std::nullopt;
 }
@@ -353,6 +433,9 @@ std::string endOf(const char* name, int status)
 
 std::optional<int> Init::onMainEnd(int status)
 {
+    if (plan_.cutAtWrite)
+        note(std::string(plan_.television() ? "the daemon" : main_.name) + " made " +
+             std::to_string(writes_) + " writes to hardware");
     if (!plan_.television())
         return shellStatus(status);
     main_.process = -1;

@@ -4,6 +4,7 @@
 #include "launcher/root.h"
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,8 +14,11 @@ namespace vset
 struct InitPlan {
     RootPlan root;
     std::vector<std::string> command; // empty: the television, with the update daemon
-    fs::path tools;                   // where platformd, psmountd and libvset-clock.so lie
-    fs::path workingDirectory;        // of the command, if the set has it
+    // The power is cut when the daemon, or the command, is about to make this write to hardware, counted from
+    // 1 at every boot.
+    std::optional<unsigned int> cutAtWrite;
+    fs::path tools;            // where platformd, psmountd and libvset-clock.so lie
+    fs::path workingDirectory; // of the command, if the set has it
 
     bool television() const { return command.empty(); }
 };

@@ -236,6 +236,7 @@ int runSet(const RunOptions& options)
     std::error_code error;
     InitPlan plan{{set, rootless, binds, options.loopNodes, slot ? slot->base() : 0, clock},
                   options.command,
+                  options.cutAtWrite,
                   tools,
                   fs::current_path(error)};
     const int status = liveThroughReboots(plan, *lock);

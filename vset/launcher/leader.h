@@ -17,10 +17,12 @@ struct RunOptions {
     std::vector<fs::path> binds;
     unsigned int loopNodes = 8;
     std::optional<double> clockRate;
-    std::vector<std::string> command; // empty: the television
+    std::optional<unsigned int> cutAtWrite; // see InitPlan
+    std::vector<std::string> command;       // empty: the television
 };
 
-// Returns the exit status of `vset run`: the command's own, 0 after a power-off. Throws Error and UsageError.
+// Returns the exit status of `vset run`: the command's own, 0 after a power-off, 3 after a power cut. Throws
+// Error and UsageError.
 int runSet(const RunOptions& options);
 
 } // namespace vset
