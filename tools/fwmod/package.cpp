@@ -2,9 +2,9 @@
 // input gives the same bytes, on every machine and at any time.
 #include "command.h"
 #include "files.h"
+#include "identifier.h"
 #include "information.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <memory>
 
@@ -18,27 +18,6 @@ struct Options {
     std::string identifier;
     std::string output;
 };
-
-bool isAsciiAlphanumeric(char c)
-{
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
-// The name of the firmware: the identifier without its first "emp".
-std::string firmwareName(const std::string& identifier)
-{
-    if (!std::all_of(identifier.begin(), identifier.end(), isAsciiAlphanumeric))
-        throw WrongUse("--id " + identifier + ": the daemon refuses anything but ASCII letters and digits");
-    if (identifier.size() >= 128)
-        throw WrongUse("--id: at most 127 characters, getEMPID has room for no more");
-    const std::size_t at = identifier.find("emp");
-    if (at == std::string::npos)
-        throw WrongUse("--id " + identifier + ": it must contain \"emp\" in lower case, as in empTuner");
-    const std::string name = std::string(identifier).erase(at, 3);
-    if (name.empty())
-        throw WrongUse("--id emp: nothing is left to name the firmware; use something like empTuner");
-    return name;
-}
 
 void copyInto(const fs::path& from, const fs::path& to)
 {
@@ -60,7 +39,7 @@ void makeFileSystem(const fs::path& tree, const fs::path& output)
 
 int package(const Options& options)
 {
-    const std::string firmware = firmwareName(options.identifier);
+    const std::string firmware = firmwareName(options.identifier, "--id");
     const fs::path output = options.output.empty() ? options.identifier + ".img" : options.output;
     const InformationReport report = checkInformation(options.information, fs::path(options.image));
     if (!report.accepted)
