@@ -79,6 +79,119 @@ protected:
     TemporaryDirectory directory;
 };
 
+// ---- new ----
+
+std::vector<fs::path> filesIn(const fs::path& directory)
+{
+    std::vector<fs::path> found;
+    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+        if (entry.is_regular_file())
+            found.push_back(entry.path());
+    }
+    return found;
+}
+
+TEST_F(Fwmod, NewLeavesNoPlaceholder)
+{
+    ASSERT_EQ(fwmod({"new", "tuner"}).status, 0);
+    EXPECT_TRUE(fs::exists(directory / "tuner/tuner.cpp"));
+    EXPECT_FALSE(fs::exists(directory / "tuner/tuner.c"));
+    for (const fs::path& file : filesIn(directory / "tuner")) {
+        EXPECT_THAT(file.filename(), Not(HasSubstr("NAME")));
+        EXPECT_THAT(readBytes(file), Not(testing::ContainsRegex("@[A-Z]+@"))) << file;
+    }
+}
+
+TEST_F(Fwmod, NewAsksItsMakerToUnderstandSixtyLinesAtMost)
+{
+    for (const auto& [language, file] : {std::pair("c", "tuner.c"), std::pair("c++", "tuner.cpp")}) {
+        ASSERT_EQ(fwmod({"new", "tuner", "--lang", language, "-o", language}).status, 0);
+        const std::string text = readBytes(directory / language / file);
+        EXPECT_GT(text.size(), 1000U);
+        EXPECT_LE(std::count(text.begin(), text.end(), '\n'), 60) << file;
+    }
+}
+
+struct NameCase {
+    const char* name;
+    const char* kind;
+    const char* made;  // the directory, and the library without ".so"
+    const char* words; // in CMakeLists.txt
+};
+
+constexpr NameCase kNames[] = {
+    {"tuner", "--emp", "tuner", "set(IDENTIFIER \"empTuner\")"},
+    {"my-tuner_2b", "--builtin", "my-tuner_2b", "set(IDENTIFIER \"empMyTuner2b\")"},
+    {"emp", "--emp", "emp", "set(FIRMWARE Emp)"},
+    {"soundbar", "--external", "EXT-soundbar", "set(FIRMWARE Soundbar)"},
+    {"my-ext-bar", "--external", "my-ext-bar", "set(IDENTIFIER \"\")"},
+};
+
+TEST_F(Fwmod, NewNamesTheModuleByTheDaemonsRules)
+{
+    for (const NameCase& c : kNames) {
+        const Outcome outcome = fwmod({"new", c.name, c.kind});
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        EXPECT_TRUE(fs::exists(directory / c.made / (std::string(c.made) + ".cpp"))) << c.made;
+        EXPECT_THAT(readBytes(directory / c.made / "CMakeLists.txt"), HasSubstr(c.words));
+    }
+}
+
+TEST_F(Fwmod, NewRefusesNamesThatCannotBe)
+{
+    for (const char* name :
+         {"", "-tuner", "_tuner", "a b", "../tuner", "t\xC3\xBCner", "tuner.so", "EXT-bar"}) {
+        const Outcome outcome = fwmod({"new", "--emp", "--", name});
+        EXPECT_EQ(outcome.status, 2) << name;
+        EXPECT_THAT(outcome.err, HasSubstr("name")) << name;
+    }
+    EXPECT_EQ(fwmod({"new", "EXT-", "--external"}).status, 2);
+    EXPECT_EQ(fwmod({"new", std::string(125, 'x')}).status, 2);
+    EXPECT_EQ(fwmod({"new", "tuner", "--emp", "--builtin"}).status, 2);
+    EXPECT_EQ(fwmod({"new", "tuner", "--lang", "rust"}).status, 2);
+    EXPECT_THAT(names(), IsEmpty());
+}
+
+TEST_F(Fwmod, NewMakesTheDirectoryThatItIsTold)
+{
+    fs::create_directory(directory / "empty");
+    for (const char* path : {"empty", "deep/down/tuner", "trailing/"}) {
+        EXPECT_EQ(fwmod({"new", "tuner", "-o", path}).status, 0);
+        EXPECT_TRUE(fs::exists(directory / path / "tuner.cpp")) << path;
+    }
+}
+
+TEST_F(Fwmod, NewOverwritesNothing)
+{
+    ASSERT_EQ(fwmod({"new", "tuner"}).status, 0);
+    writeBytes(directory / "tuner/tuner.cpp", "my work");
+    const Outcome again = fwmod({"new", "tuner"});
+    EXPECT_EQ(again.status, 1);
+    EXPECT_THAT(again.err, HasSubstr("choose another with -o"));
+    EXPECT_EQ(readBytes(directory / "tuner/tuner.cpp"), "my work");
+    EXPECT_EQ(fwmod({"new", "tuner", "-o", "tuner/tuner.cpp"}).status, 1);
+}
+
+TEST_F(Fwmod, NewLeavesNothingHalfMade)
+{
+    // No file may be larger than a block of 1024 bytes; some of the template are.
+    const Outcome outcome =
+        runProgram({"bash", "-c", "trap '' XFSZ; ulimit -f 1; exec \"$0\" new tuner -o deep/tuner", FWMOD},
+                   directory.path());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("cannot write"));
+    EXPECT_THAT(names(), IsEmpty());
+    EXPECT_EQ(fwmod({"new", "tuner", "-o", "/proc/modules/tuner"}).status, 1);
+}
+
+TEST_F(Fwmod, NewSaysWhatToDoWithoutItsTemplate)
+{
+    fs::copy_file(FWMOD, directory / "fwmod");
+    const Outcome outcome = runProgram({directory / "fwmod", "new", "tuner"}, directory.path());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("scripts/install-sdk"));
+}
+
 // ---- crc ----
 
 TEST_F(Fwmod, CrcPrintsTheDaemonsChecksum)
@@ -291,7 +404,7 @@ TEST_F(Fwmod, PackageIntoAMissingDirectoryFails)
 
 TEST_F(Fwmod, HelpOfEveryCommandHasAnExample)
 {
-    for (const char* command : {"crc", "info", "package"}) {
+    for (const char* command : {"new", "crc", "info", "package"}) {
         const Outcome outcome = fwmod({command, "--help"});
         EXPECT_EQ(outcome.status, 0);
         EXPECT_THAT(outcome.out, HasSubstr(std::string("  fwmod ") + command)) << command;

@@ -20,6 +20,7 @@ struct Command {
     Run (*define)(CLI::App& app);
 };
 
+Run defineNew(CLI::App& app);
 Run defineCrc(CLI::App& app);
 Run defineInfo(CLI::App& app);
 Run definePackage(CLI::App& app);

@@ -7,6 +7,7 @@
 namespace
 {
 constexpr Command kCommands[] = {
+    {"new", "Make a complete module to start from", defineNew},
     {"crc", "Checksum of an image, as the daemon computes it", defineCrc},
     {"info", "Write or check an information file (info.json)", defineInfo},
     {"package", "Make the package (ID.img) that the daemon mounts", definePackage},
@@ -40,6 +41,7 @@ int main(int argc, char** argv)
     CLI::App app("Makes and checks what a firmware module consists of.", "fwmod");
     app.require_subcommand(1);
     app.footer("Examples:\n"
+               "  fwmod new tuner\n"
                "  fwmod crc Tuner.bin\n"
                "  fwmod info --version 1.1 --image Tuner.bin --expected-time 8 -o info.json\n"
                "  fwmod package --image Tuner.bin --info info.json --id empTuner -o empTuner.img\n"
