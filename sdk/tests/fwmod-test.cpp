@@ -404,7 +404,7 @@ TEST_F(Fwmod, PackageIntoAMissingDirectoryFails)
 
 TEST_F(Fwmod, HelpOfEveryCommandHasAnExample)
 {
-    for (const char* command : {"new", "crc", "info", "package"}) {
+    for (const char* command : {"new", "crc", "info", "package", "usb", "inspect", "diff"}) {
         const Outcome outcome = fwmod({command, "--help"});
         EXPECT_EQ(outcome.status, 0);
         EXPECT_THAT(outcome.out, HasSubstr(std::string("  fwmod ") + command)) << command;

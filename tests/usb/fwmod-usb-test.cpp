@@ -1,4 +1,4 @@
-// fwmod usb and fwmod inspect as a maker types them, checked with the openssl command.
+// fwmod usb, inspect and diff as a maker types them, checked with the openssl command.
 #include "programs.h"
 #include "temporary-directory.h"
 #include "usb-test-data.h"
@@ -458,13 +458,141 @@ TEST_F(FwmodUsb, InspectSaysWhenItDoesNotKnow)
     EXPECT_EQ(inspect("file", {"--what"}).status, 2);
 }
 
-TEST_F(FwmodUsb, HelpHasAnExample)
+// ---- diff ----
+
+class FwmodDiff : public FwmodUsb
 {
-    for (const char* command : {"usb", "inspect"}) {
-        const Outcome outcome = fwmod({command, "--help"});
-        EXPECT_EQ(outcome.status, 0);
-        EXPECT_THAT(outcome.out, HasSubstr(std::string("  fwmod ") + command)) << command;
+protected:
+    Outcome diff(const std::string& a, const std::string& b, const Words& more = {})
+    {
+        Words words = {"diff", a, b};
+        words.insert(words.end(), more.begin(), more.end());
+        return fwmod(words);
     }
+    void makePackage(const std::string& version, const std::string& payload, const Words& more = {})
+    {
+        const fs::path tree = directory / version / "tree";
+        fs::create_directories(tree);
+        writeBytes(tree / "Tuner.bin", payload);
+        const std::string info = tree / "info.json";
+        ASSERT_EQ(fwmod({"info", "--version", version, "--image", tree / "Tuner.bin", "-o", info}).status, 0);
+        for (const std::string& name : more)
+            writeBytes(tree / name, "more");
+        mustRun(directory.path(),
+                {"mksquashfs", tree, directory / version / "empTuner.img", "-quiet", "-no-progress"});
+    }
+};
+
+TEST_F(FwmodDiff, TheSameBytesAreNoDifference)
+{
+    fs::copy(directory / "payload", directory / "copy");
+    EXPECT_EQ(diff("payload", "copy").status, 0);
+    EXPECT_EQ(diff("payload", "copy").out, "payload and copy: the same bytes\n");
 }
 
+TEST_F(FwmodDiff, BytesOfAFileOfNoKnownKindAreCountedFromOne)
+{
+    const std::string bytes = random.bytes(200000);
+    for (const std::size_t at : {std::size_t{0}, std::size_t{65535}, std::size_t{65536}, bytes.size() - 1}) {
+        std::string changed = bytes;
+        changed[at] ^= 1;
+        writeBytes(directory / "a", bytes);
+        writeBytes(directory / "b", changed);
+        EXPECT_THAT(diff("a", "b").out,
+                    HasSubstr("content: differs from byte " + std::to_string(at + 1) + " on\n"));
+    }
+    writeBytes(directory / "b", bytes.substr(0, 65536));
+    const Outcome cut = diff("a", "b");
+    EXPECT_EQ(cut.status, 1);
+    EXPECT_THAT(cut.out, AllOf(HasSubstr("size: 200000 bytes -> 65536 bytes"),
+                               HasSubstr("content: differs from byte 65537 on")));
+}
+
+TEST_F(FwmodDiff, InformationFilesAreComparedAsTheDaemonReadsThem)
+{
+    writeBytes(directory / "a.json", R"({"version":"1.0","crc":5,"expected_time":8,"ui_use":"none"})");
+    writeBytes(directory / "b.json", R"({"version":"1.1","crc":5,"expected_time":9,"ui_use":"None"})");
+    const Outcome outcome = diff("a.json", "b.json");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out, "a.json -> b.json: information file\n"
+                           "  version: 1.0 -> 1.1\n"
+                           "  expected time: 8 s -> 9 s\n");
+    writeBytes(directory / "b.json", R"({"version":"1.0","crc":5,"expected_time":8, "ui_use":"none"})");
+    EXPECT_THAT(diff("a.json", "b.json").out, HasSubstr("content: differs from byte 44 on"));
+    writeBytes(directory / "b.json", R"({"crc":-1})");
+    EXPECT_THAT(diff("a.json", "b.json").out,
+                AllOf(HasSubstr("version: 1.0 -> unknown"), HasSubstr("problem: crc -1")));
+}
+
+TEST_F(FwmodDiff, PackagesAreComparedFileByFile)
+{
+    makePackage("1.0", std::string(5000, 'x'));
+    makePackage("1.1", std::string(4000, 'x') + std::string(1000, 'y'), {"README"});
+    const Outcome outcome = diff("1.0/empTuner.img", "1.1/empTuner.img");
+    EXPECT_EQ(outcome.status, 1) << outcome.err;
+    EXPECT_THAT(outcome.out,
+                AllOf(HasSubstr("EMP package\n"), HasSubstr("  version: 1.0 -> 1.1\n"),
+                      HasSubstr("  files: /README: not there -> there\n"),
+                      HasSubstr("  /Tuner.bin: differs from byte 4001 on\n"), Not(HasSubstr("problem"))));
+}
+
+TEST_F(FwmodDiff, LibrariesAreComparedByWhatTheyExport)
+{
+    const Outcome outcome = diff(COMPLETE_LIBRARY, LACKING_LIBRARY);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr("  library name: complete -> missing-checkVersion\n"),
+                                   HasSubstr("  build id: "),
+                                   HasSubstr("  entry points: checkVersion: there -> not there\n"),
+                                   Not(HasSubstr("setContext:"))));
+}
+
+TEST_F(FwmodDiff, EncryptedImagesTellMoreWithTheKey)
+{
+    ASSERT_EQ(fwmod(usb({{"-o", "a"}})).status, 0);
+    writeBytes(directory / "payload", "PAYLOAD");
+    const std::string otherIv(32, 'a');
+    ASSERT_EQ(fwmod(usb({{"-o", "b"}, {"--version-header", "1.2"}, {"--iv", otherIv}})).status, 0);
+    const Outcome without = diff("a", "b");
+    EXPECT_EQ(without.status, 1);
+    EXPECT_EQ(without.out, "a -> b: encrypted USB image\n  iv: " + kIv + " -> " + otherIv + "\n");
+    EXPECT_THAT(diff("a", "b", {"--key-file", "content.key"}).out,
+                AllOf(HasSubstr("  version header: 1.1 -> 1.2\n"), HasSubstr("  payload crc: "),
+                      Not(HasSubstr("  payload:"))));
+}
+
+TEST_F(FwmodDiff, PayloadChecksumIsThatOfItsFile)
+{
+    writeBytes(directory / "payload", random.bytes(150000));
+    ASSERT_EQ(fwmod(usb()).status, 0);
+    const std::string line = fwmod({"crc", "payload"}).out;
+    EXPECT_THAT(inspect("Tuner.bin", allKeys()).out,
+                HasSubstr("  payload crc: " + line.substr(0, line.find(' ')) + "\n"));
+}
+
+TEST_F(FwmodDiff, ProgramsGetTheSame)
+{
+    writeBytes(directory / "a.json", R"({"version":"1.0","crc":5,"expected_time":8,"ui_use":"none"})");
+    writeBytes(directory / "b.json", R"({"version":"1.0","crc":6,"expected_time":8,"ui_use":"none"})");
+    Json::Value root;
+    std::istringstream(diff("a.json", "b.json", {"--json"}).out) >> root;
+    EXPECT_EQ(root["same"], false);
+    ASSERT_EQ(root["differences"].size(), 1U);
+    EXPECT_EQ(root["differences"][0]["what"], "crc");
+    EXPECT_EQ(root["differences"][0]["a"], 5);
+    EXPECT_EQ(root["differences"][0]["b"], 6);
+}
+
+TEST_F(FwmodDiff, TwoKindsDifferAndTroubleIsNeither)
+{
+    const Outcome kinds = diff("payload", COMPLETE_LIBRARY);
+    EXPECT_EQ(kinds.status, 1);
+    EXPECT_THAT(kinds.out, HasSubstr("kind: unknown -> control library"));
+    EXPECT_EQ(diff("payload", "nowhere").status, 2);
+    EXPECT_THAT(diff("payload", "nowhere").err, HasSubstr("nowhere does not exist"));
+    EXPECT_EQ(diff("payload", ".").status, 2);
+    EXPECT_EQ(fwmod({"diff", "payload"}).status, 2);
+    writeBytes(directory / "a.img", "hsqs");
+    writeBytes(directory / "b.img", "hsqs!");
+    EXPECT_EQ(diff("a.img", "b.img").status, 2);
+}
 } // namespace

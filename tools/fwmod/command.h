@@ -26,6 +26,7 @@ Run defineInfo(CLI::App& app);
 Run definePackage(CLI::App& app);
 Run defineUsb(CLI::App& app);
 Run defineInspect(CLI::App& app);
+Run defineDiff(CLI::App& app);
 
 // The arguments contradict each other or make no sense.
 struct WrongUse : std::runtime_error {

@@ -25,6 +25,8 @@ constexpr EntryPoint kEntryPoints[] = {
     {"doUpdate_decryption", false}, {"getExpectedTime", false}, {"getUpdateProgress", false},
 };
 
+constexpr std::string_view kGnuName{ELF_NOTE_GNU, sizeof ELF_NOTE_GNU}; // its terminator counts
+
 struct ElfRelease {
     void operator()(Elf* elf) const { elf_end(elf); }
 };
@@ -78,6 +80,33 @@ std::set<std::string> exportsOf(Elf* elf)
     return names;
 }
 
+// Empty when the section holds none.
+std::string buildIdIn(Elf_Data* data)
+{
+    GElf_Nhdr note;
+    std::size_t name = 0;
+    std::size_t description = 0;
+    for (std::size_t at = 0; (at = gelf_getnote(data, at, &note, &name, &description)) > 0;) {
+        const auto* const bytes = static_cast<const char*>(data->d_buf);
+        if (note.n_type == NT_GNU_BUILD_ID && std::string_view(bytes + name, note.n_namesz) == kGnuName)
+            return {bytes + description, note.n_descsz};
+    }
+    return "";
+}
+
+std::string buildIdOf(Elf* elf)
+{
+    for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf, section)) != nullptr;) {
+        GElf_Shdr header;
+        Elf_Data* const data = elf_getdata(section, nullptr);
+        if (data == nullptr || gelf_getshdr(section, &header) == nullptr || header.sh_type != SHT_NOTE)
+            continue;
+        if (std::string found = buildIdIn(data); !found.empty())
+            return found;
+    }
+    return "";
+}
+
 // The program's own header says what this machine is.
 bool isForThisMachine(const GElf_Ehdr& library)
 {
@@ -104,7 +133,8 @@ ControlLibrary readControlLibrary(const std::filesystem::path& file)
     if (!elf || elf_kind(elf.get()) != ELF_K_ELF || gelf_getehdr(elf.get(), &header) == nullptr)
         throw Failure(file.string() + " is a damaged library: " + elf_errmsg(-1));
     const std::set<std::string> names = exportsOf(elf.get());
-    ControlLibrary library{header.e_type == ET_DYN, isForThisMachine(header), file.stem(), {}};
+    ControlLibrary library{
+        header.e_type == ET_DYN, isForThisMachine(header), file.stem(), buildIdOf(elf.get()), {}};
     for (const EntryPoint& entry : kEntryPoints)
         library.entryPoints.push_back({entry.name, entry.required, names.count(entry.name) != 0});
     return library;

@@ -16,6 +16,7 @@ struct ControlLibrary {
     bool isSharedObject;     // can be loaded at all
     bool isForThisMachine;   // same processor and word size as this program; a set may differ
     std::string libraryName; // as setContext gets it: the file's name without ".so"
+    std::string buildId;     // bytes; empty when the linker was told to leave it out
     std::vector<EntryPointState> entryPoints;
 };
 

@@ -13,6 +13,7 @@ constexpr Command kCommands[] = {
     {"package", "Make the package (ID.img) that the daemon mounts", definePackage},
     {"usb", "Make the encrypted, signed image for a USB stick", defineUsb},
     {"inspect", "Tell what a file is, and whether it would be accepted", defineInspect},
+    {"diff", "Tell what differs between two files of a kind", defineDiff},
 };
 
 struct Choice {

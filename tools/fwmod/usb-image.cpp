@@ -3,13 +3,14 @@
 #include "command.h"
 
 #include <algorithm>
+#include <boost/crc.hpp>
 #include <vector>
 
 namespace
 {
 constexpr std::size_t kChunkSize = 65536;
 
-// Keeps the first bytes and counts all.
+// Keeps the first bytes, counts all, and computes the checksum of the others.
 class HeaderKeeper
 {
 public:
@@ -19,11 +20,14 @@ public:
         const auto size = static_cast<std::int64_t>(content_.header.size());
         const std::int64_t wanted = std::clamp<std::int64_t>(size - content_.plainSize, 0, count);
         std::copy_n(data, wanted, content_.header.begin() + std::min(content_.plainSize, size));
+        checksum_.process_bytes(data + wanted, static_cast<std::size_t>(count - wanted));
+        content_.payloadChecksum = checksum_.checksum();
         content_.plainSize += count;
     }
 
 private:
     usb::Content& content_;
+    boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> checksum_;
 };
 } // namespace
 

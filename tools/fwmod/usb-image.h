@@ -37,6 +37,7 @@ struct Content {
     bool isSound;           // the padding at the end is right: false with a wrong key, or a damaged file
     VersionHeader header;   // meaningless when it is not
     std::int64_t plainSize; // header and payload
+    unsigned int payloadChecksum; // the daemon's checksum, as fwmod crc prints it for the payload's file
 };
 
 // Decrypts `size` bytes that follow in the file and keeps the header only. Throws Failure when they cannot be
