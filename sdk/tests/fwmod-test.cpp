@@ -411,4 +411,17 @@ TEST_F(Fwmod, HelpOfEveryCommandHasAnExample)
         EXPECT_THAT(outcome.err, IsEmpty());
     }
 }
+
+TEST_F(Fwmod, ShellCompletesWhatFwmodItselfTells)
+{
+    const auto complete = [&](const std::string& words, const std::string& index) {
+        const std::string script = "PATH=${1%/*}:$PATH; . \"$2\"; COMP_WORDS=(" + words +
+                                   "); COMP_CWORD=" + index + "; _fwmod; echo \"${COMPREPLY[*]}\"";
+        return runProgram({"bash", "-c", script, "bash", FWMOD, COMPLETION}, directory.path()).out;
+    };
+    EXPECT_EQ(complete("fwmod di", "1"), "diff\n");
+    EXPECT_EQ(complete("fwmod new --e", "2"), "--emp --external\n");
+    writeBytes(directory / "Tuner.bin", "");
+    EXPECT_EQ(complete("fwmod crc Tu", "2"), "Tuner.bin\n");
+}
 } // namespace
