@@ -1,0 +1,40 @@
+#include "story-teller.h"
+
+#include <cstdio>
+#include <ctime>
+
+namespace vset
+{
+
+std::optional<double> secondsOf(const LogRecord& record)
+{
+    std::tm parts{};
+    double fraction = 0;
+    const char* rest = strptime(record.time.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+    if (rest == nullptr)
+        return std::nullopt;
+    std::sscanf(rest, "%lf", &fraction);
+    return static_cast<double>(timegm(&parts)) + fraction;
+}
+
+bool isOfDaemon(const LogRecord& record)
+{
+    return record.buffer == LogBuffer::System && record.tag == "FWUPDATE";
+}
+
+std::optional<std::string> StoryTeller::tell(const LogRecord& record)
+{
+    if (!isOfDaemon(record))
+        return std::nullopt;
+    const std::string sentence = narrator_.tell(record.message);
+    const std::optional<double> now = secondsOf(record);
+    if (sentence.empty() || !now)
+        return std::nullopt;
+    if (record.message == "service initialize") // every start of the daemon counts from 0
+        start_ = *now;
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%8.1f s  ", *now - start_);
+    return seconds + sentence;
+}
+
+} // namespace vset
