@@ -182,6 +182,7 @@ private:
     std::optional<int> onMainEnd(int status);
     std::optional<int> onServiceEnd(const Service& service, int status);
     void onWrite(short events);
+    void tellWrites() const;
     [[noreturn]] void cutPower(const HardwareWrite& write);
     int powerDown(PowerRequest request);
     int endTelevision(int status);
@@ -431,11 +432,16 @@ std::string endOf(const char* name, int status)
     return std::string(name) + " ended with status " + std::to_string(WEXITSTATUS(status));
 }
 
-std::optional<int> Init::onMainEnd(int status)
+void Init::tellWrites() const
 {
     if (plan_.cutAtWrite)
         note(std::string(plan_.television() ? "the daemon" : main_.name) + " made " +
              std::to_string(writes_) + " writes to hardware");
+}
+
+std::optional<int> Init::onMainEnd(int status)
+{
+    tellWrites();
     if (!plan_.television())
         return shellStatus(status);
     main_.process = -1;
@@ -466,6 +472,8 @@ int Init::powerDown(PowerRequest request)
 
 int Init::endTelevision(int status)
 {
+    if (main_.process > 0)
+        tellWrites();
     kill(-1, SIGTERM);
     for (int waited = 0; waited < kShutdownMs; waited += 10) {
         while (waitpid(-1, nullptr, WNOHANG) > 0) {
