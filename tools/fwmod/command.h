@@ -27,6 +27,7 @@ Run definePackage(CLI::App& app);
 Run defineUsb(CLI::App& app);
 Run defineInspect(CLI::App& app);
 Run defineDiff(CLI::App& app);
+Run defineTry(CLI::App& app);
 
 // The arguments contradict each other or make no sense.
 struct WrongUse : std::runtime_error {

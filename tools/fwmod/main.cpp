@@ -14,6 +14,7 @@ constexpr Command kCommands[] = {
     {"usb", "Make the encrypted, signed image for a USB stick", defineUsb},
     {"inspect", "Tell what a file is, and whether it would be accepted", defineInspect},
     {"diff", "Tell what differs between two files of a kind", defineDiff},
+    {"try", "Update the module on a virtual set, and tell what happens", defineTry},
 };
 
 struct Choice {
@@ -49,6 +50,7 @@ int main(int argc, char** argv)
                "  fwmod usb --version-header 1.1 --payload Tuner.bin --key-file content.key \\\n"
                "            --sign-key signing.pem -o stick/Tuner.bin\n"
                "  fwmod inspect stick/Tuner.bin --public-key signing.pub.pem\n"
+               "  fwmod try tuner.so --package empTuner.img\n"
                "\"fwmod COMMAND --help\" says more. Exit status: 0 done, 1 failed or refused, 2 wrong use.");
     std::vector<Choice> choices;
     for (const Command& command : kCommands) {

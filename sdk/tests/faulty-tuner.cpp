@@ -1,0 +1,43 @@
+// A control library that takes every image for a newer one and gets the update wrong, as it was compiled to.
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <tarnwick/control.h>
+#include <unistd.h>
+
+int setContext(const char*, int, char*)
+{
+    return 0;
+}
+
+int getEMPID(char* out)
+{
+    std::strcpy(out, "empTuner");
+    return 0;
+}
+
+int getActiveVersion(char* out)
+{
+    std::strcpy(out, "1.0");
+    return 0;
+}
+
+int checkVersion(const char*, int* result)
+{
+    *result = TARNWICK_CONTROL_VERDICT_NEWER;
+    return 0;
+}
+
+int doUpdate(const char*, unsigned long)
+{
+    usleep(200000); // the daemon may take a shorter update for a time-out
+#if defined(FAILING)
+    errno = EIO;
+    return -1;
+#elif defined(SLOW)
+    sleep(60);
+#elif defined(CRASHING)
+    std::abort();
+#endif
+    return 0; // IDLE: nothing was done
+}
