@@ -107,8 +107,11 @@ InterruptionWatch::InterruptionWatch()
     interruption = 0;
     struct sigaction action = {};
     action.sa_handler = [](int signal) { interruption = signal; };
-    for (std::size_t index = 0; index < kInterruptions.size(); ++index)
-        sigaction(kInterruptions[index], &action, &usual[index]);
+    for (std::size_t index = 0; index < kInterruptions.size(); ++index) {
+        sigaction(kInterruptions[index], nullptr, &usual[index]);
+        if (usual[index].sa_handler != SIG_IGN) // by nohup, or a shell for its background
+            sigaction(kInterruptions[index], &action, nullptr);
+    }
 }
 
 InterruptionWatch::~InterruptionWatch()
@@ -313,8 +316,9 @@ bool TrialSet::isOn()
 
 void TrialSet::failOnEnd()
 {
-    if (const auto cut = findLine(launcherLines_, "vset: the power was cut "))
-        throw PowerWasCut{*cut};
+    const std::string cut = "the power was cut ";
+    if (const auto where = findLine(launcherLines_, "vset: " + cut))
+        throw PowerWasCut(cut + *where);
     throw Failure("the set has ended:\n" + lastWords());
 }
 

@@ -18,6 +18,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -25,8 +26,9 @@ struct Interrupted {
     int signal;
 };
 
-struct PowerWasCut {
-    std::string where; // "at write 90 (pwrite64 to /var/lib/hardware/tuner)"
+// what(): "the power was cut at write 90 (pwrite64 to /var/lib/hardware/tuner)".
+struct PowerWasCut : std::runtime_error {
+    using std::runtime_error::runtime_error;
 };
 
 // While it lives, the signals are only noted, for the waits to see.

@@ -199,7 +199,8 @@ private:
     void showProgress();
     std::string view();
     void proveNothingIsLeft();
-    void surviveCut(const PowerWasCut& cut);
+    void tellCut(const PowerWasCut& cut);
+    void surviveCut();
     [[noreturn]] void failUncut();
     void bootAfterwards();
     void updateDirectly(std::optional<unsigned int> powerCut);
@@ -235,7 +236,7 @@ bool Trial::run()
     if (!result_.problem.empty())
         std::fprintf(stderr, "fwmod: %s\n", result_.problem.c_str());
     if (options_.isJson)
-        std::printf("%s\n", toJson().toStyledString().c_str());
+        std::fputs(toJson().toStyledString().c_str(), stdout);
     return result_.isGood();
 }
 
@@ -279,10 +280,11 @@ void Trial::tryModule()
         if (!isFoundPending())
             failNotPending();
         update();
-        if (options_.powerCut)
+        if (options_.powerCut && result_.write->verdict == "success")
             failUncut();
     } catch (const PowerWasCut& cut) {
-        surviveCut(cut);
+        tellCut(cut);
+        surviveCut();
     }
     if (!result_.write || result_.write->verdict == "success")
         bootAfterwards();
@@ -494,11 +496,15 @@ void Trial::proveNothingIsLeft()
 
 // ---- Power cut ----
 
-void Trial::surviveCut(const PowerWasCut& cut)
+void Trial::tellCut(const PowerWasCut& cut)
 {
-    result_.cut = cut.where;
+    result_.cut = cut.what();
     result_.proofs.clear();
-    say("              The power is cut " + cut.where + ".");
+    say("              " + result_.cut);
+}
+
+void Trial::surviveCut()
+{
     chapter("The power is back");
     set_->switchOn();
     set_->setClockRate(kQuickRate);
@@ -510,7 +516,7 @@ void Trial::surviveCut(const PowerWasCut& cut)
         update();
         return;
     }
-    if (version.isNull() || version == result_.before)
+    if (version.isNull() || result_.before.isNull() || version == result_.before)
         failNotPending();
     say("              Nothing was missing any more: the new firmware is in place.");
     prove("after the power cut the new firmware was complete", true);
@@ -564,12 +570,10 @@ void Trial::tryExternalModule()
     say("The daemon leaves external modules out: \"fwctl update " + name_ + "\" has the library do it.");
     try {
         updateDirectly(options_.powerCut);
-        if (options_.powerCut)
+        if (options_.powerCut && result_.write->verdict == "success")
             failUncut();
     } catch (const PowerWasCut& cut) {
-        result_.cut = cut.where;
-        result_.proofs.clear();
-        say("              The power is cut " + cut.where + ".");
+        tellCut(cut);
         chapter("The power is back, and the technician tries again");
         updateDirectly(std::nullopt);
     }
@@ -603,7 +607,7 @@ void Trial::report() const
                  textOf(result_.before).c_str(), textOf(result_.offered).c_str(),
                  textOf(result_.after).c_str());
     if (!result_.cut.empty())
-        std::fprintf(story_, "  the power was cut %s\n", result_.cut.c_str());
+        std::fprintf(story_, "  %s\n", result_.cut.c_str());
     if (result_.write) {
         const std::string expected =
             result_.expectedSeconds > 0 ? " of the expected " + std::to_string(result_.expectedSeconds) + " s"
