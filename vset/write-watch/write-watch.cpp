@@ -1,16 +1,20 @@
 #include "write-watch.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <system_error>
+#include <vector>
 
 #include <seccomp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace vset
@@ -21,16 +25,23 @@ namespace
 
 namespace fs = std::filesystem;
 
+enum class Size { None, Argument, Vector }; // how a call tells how many bytes it writes
+
 struct Call {
     const char* name;
     unsigned int descriptorArgument; // which argument names the file
-    bool devicesOnly;                // on a plain file it changes nothing that lasts
+    Size size;
+    unsigned int sizeArgument; // the number of bytes; of a vector, its address, and behind it its length
+    bool devicesOnly = false;  // on a plain file it changes nothing that lasts
 };
 constexpr Call kCalls[] = {
-    {"write", 0, false},     {"pwrite64", 0, false},  {"writev", 0, false}, {"pwritev", 0, false},
-    {"pwritev2", 0, false},  {"sendfile", 0, false},  {"splice", 2, false}, {"copy_file_range", 2, false},
-    {"ftruncate", 0, false}, {"fallocate", 0, false}, {"fsync", 0, false},  {"fdatasync", 0, false},
-    {"ioctl", 0, true},
+    {"write", 0, Size::Argument, 2},   {"pwrite64", 0, Size::Argument, 2},
+    {"writev", 0, Size::Vector, 1},    {"pwritev", 0, Size::Vector, 1},
+    {"pwritev2", 0, Size::Vector, 1},  {"sendfile", 0, Size::Argument, 3},
+    {"splice", 2, Size::Argument, 4},  {"copy_file_range", 2, Size::Argument, 4},
+    {"ftruncate", 0, Size::None, 0},   {"fallocate", 0, Size::None, 0},
+    {"fsync", 0, Size::None, 0},       {"fdatasync", 0, Size::None, 0},
+    {"ioctl", 0, Size::None, 0, true},
 };
 
 // Where programs leave notes, streams and locks: nothing there is hardware.
@@ -73,6 +84,36 @@ bool isHardware(const Call& call, const fs::path& link, const std::string& path)
     if (!call.devicesOnly)
         return true;
     return stat(link.c_str(), &file) == 0 && (S_ISCHR(file.st_mode) || S_ISBLK(file.st_mode));
+}
+
+// Of a vector in the memory of the process that waits. What cannot be read counts as nothing: the call will
+// fail by itself.
+std::uint64_t bytesOfVector(pid_t process, std::uint64_t address, std::uint64_t length)
+{
+    std::vector<iovec> parts(std::min<std::uint64_t>(length, IOV_MAX));
+    const iovec here{parts.data(), parts.size() * sizeof(iovec)};
+    const iovec there{reinterpret_cast<void*>(address), here.iov_len}; // of that process
+    if (process_vm_readv(process, &here, 1, &there, 1, 0) != static_cast<ssize_t>(here.iov_len))
+        return 0;
+    std::uint64_t sum = 0;
+    for (const iovec& part : parts)
+        sum += part.iov_len;
+    return sum;
+}
+
+std::uint64_t bytesOf(const Call& call, const seccomp_notif& notice)
+{
+    const auto& arguments = notice.data.args;
+    switch (call.size) {
+    case Size::Argument:
+        return arguments[call.sizeArgument];
+    case Size::Vector:
+        return bytesOfVector(static_cast<pid_t>(notice.pid), arguments[call.sizeArgument],
+                             arguments[call.sizeArgument + 1]);
+    case Size::None:
+        break;
+    }
+    return 0;
 }
 
 // ---- The listening end on its way to the watcher ----
@@ -162,7 +203,8 @@ std::optional<HardwareWrite> WriteWatch::next()
         std::error_code gone;
         const std::string path = fs::read_symlink(link, gone);
         if (!gone && isHardware(*call, link, path))
-            return HardwareWrite{notice.id, static_cast<pid_t>(notice.pid), call->name, path};
+            return HardwareWrite{notice.id, static_cast<pid_t>(notice.pid), call->name, path,
+                                 bytesOf(*call, notice)};
     }
     allow(notice.id);
     return std::nullopt;

@@ -21,10 +21,11 @@ namespace vset
 {
 
 struct HardwareWrite {
-    std::uint64_t id = 0; // the kernel's
-    pid_t thread = 0;     // that waits, as the watcher's process namespace numbers it
-    std::string call;     // "pwrite64"
-    std::string path;     // as the watched process sees it
+    std::uint64_t id = 0;    // the kernel's
+    pid_t thread = 0;        // that waits, as the watcher's process namespace numbers it
+    std::string call;        // "pwrite64"
+    std::string path;        // as the watched process sees it
+    std::uint64_t bytes = 0; // asked for; 0 for a call that writes none, such as a flush
 };
 
 // In the process that is to be watched, before it starts threads: puts the filter in place and hands the
