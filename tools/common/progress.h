@@ -1,6 +1,6 @@
 // One line of progress on standard error: drawn over on a terminal, written anew every tenth otherwise.
-#ifndef FWCTL_PROGRESS_H
-#define FWCTL_PROGRESS_H
+#ifndef TOOLS_PROGRESS_H
+#define TOOLS_PROGRESS_H
 
 #include <string>
 
@@ -10,6 +10,7 @@ public:
     ProgressLine();
     void show(const std::string& name, unsigned int percent);
     void finish(); // leaves the line, if one is drawn
+    void clear();  // takes it away
 
 private:
     bool isTerminal_;

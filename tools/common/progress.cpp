@@ -18,7 +18,7 @@ void ProgressLine::show(const std::string& name, unsigned int percent)
     const std::string line = name + " [" + bar + "] " + std::to_string(step) + " %";
     if (line == last_)
         return;
-    std::fprintf(stderr, isTerminal_ ? "\r%s  " : "%s\n", line.c_str());
+    std::fprintf(stderr, isTerminal_ ? "\r%s\033[K" : "%s\n", line.c_str());
     last_ = line;
 }
 
@@ -26,5 +26,12 @@ void ProgressLine::finish()
 {
     if (isTerminal_ && !last_.empty())
         std::fprintf(stderr, "\n");
+    last_.clear();
+}
+
+void ProgressLine::clear()
+{
+    if (isTerminal_ && !last_.empty())
+        std::fprintf(stderr, "\r\033[K");
     last_.clear();
 }
