@@ -1,6 +1,7 @@
 #include "trial-set.h"
 
 #include "command.h"
+#include "programs.h"
 
 #include <algorithm>
 #include <array>
@@ -34,19 +35,6 @@ std::string take(char* text)
     std::string taken = text != nullptr ? text : "";
     g_free(text);
     return taken;
-}
-
-// In the kit it is beside this program, in a build tree two rooms away.
-fs::path findVset()
-{
-    const fs::path own = fs::read_symlink("/proc/self/exe").parent_path();
-    for (const fs::path& candidate : {own / "vset", own / "../../vset/bin/vset"}) {
-        if (access(candidate.c_str(), X_OK) == 0)
-            return fs::canonical(candidate);
-    }
-    throw Failure(
-        "the virtual set, vset, is not in " + own.string() +
-        ": install the kit anew (scripts/install-sdk), or in a build tree build the target sdk-kit");
 }
 
 std::vector<char*> pointersTo(std::vector<std::string>& words)
@@ -129,7 +117,7 @@ void InterruptionWatch::check()
 // ---- The set's directory ----
 
 TrialSet::TrialSet(bool isRootless, std::FILE* story)
-    : vset_(findVset()), isRootless_(isRootless || geteuid() != 0), story_(story)
+    : vset_(vsetProgram()), isRootless_(isRootless || geteuid() != 0), story_(story)
 {
     GError* error = nullptr;
     path_ = take(g_dir_make_tmp("fwmod-try-XXXXXX", &error));
