@@ -8,7 +8,7 @@
 # component sdk.
 set(kit ${CMAKE_INSTALL_LIBEXECDIR}/tarnwick)
 set(kit_set ${kit}/set/usr)
-set(kit_programs vset platformd psmountd upgrade-ui module-probe)
+set(kit_programs vset platformd psmountd upgrade-ui module-probe control-examiner)
 
 # The set's users must be able to enter it, whatever the umask of the person who installs.
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS

@@ -1,4 +1,5 @@
 // fwmod as a maker types it: the program itself, its output and its exit status.
+#include "run-program.h"
 #include "temporary-directory.h"
 
 #include <gio/gio.h>
@@ -15,33 +16,6 @@ namespace
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-struct Outcome {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-std::string take(char* text)
-{
-    std::string taken = text != nullptr ? text : "";
-    g_free(text);
-    return taken;
-}
-
-Outcome runProgram(std::vector<std::string> arguments, const std::string& directory)
-{
-    std::vector<char*> pointers;
-    for (std::string& argument : arguments)
-        pointers.push_back(argument.data());
-    pointers.push_back(nullptr);
-    char* out = nullptr;
-    char* err = nullptr;
-    int status = -1;
-    g_spawn_sync(directory.c_str(), pointers.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out,
-                 &err, &status, nullptr);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, take(out), take(err)};
-}
 
 class Fwmod : public testing::Test
 {

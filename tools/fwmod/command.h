@@ -28,6 +28,7 @@ Run defineUsb(CLI::App& app);
 Run defineInspect(CLI::App& app);
 Run defineDiff(CLI::App& app);
 Run defineTry(CLI::App& app);
+Run defineCheck(CLI::App& app);
 
 // The arguments contradict each other or make no sense.
 struct WrongUse : std::runtime_error {

@@ -107,6 +107,31 @@ std::string buildIdOf(Elf* elf)
     return "";
 }
 
+// The C++ name of a function outside of any namespace or class begins like this, whatever its parameters.
+std::string mangledNameOf(const std::string& function, const std::set<std::string>& names)
+{
+    const std::string beginning = "_Z" + std::to_string(function.size()) + function;
+    const auto found = names.lower_bound(beginning);
+    return found != names.end() && found->compare(0, beginning.size(), beginning) == 0 ? *found : "";
+}
+
+// The dynamic loader maps what the program headers name, and crashes where the file ends too soon.
+bool isWhole(Elf* elf, std::uintmax_t fileSize)
+{
+    std::size_t count = 0;
+    if (elf_getphdrnum(elf, &count) != 0)
+        return false;
+    for (std::size_t index = 0; index < count; ++index) {
+        GElf_Phdr header;
+        if (gelf_getphdr(elf, static_cast<int>(index), &header) == nullptr)
+            return false;
+        if (header.p_type == PT_LOAD &&
+            (header.p_offset > fileSize || header.p_filesz > fileSize - header.p_offset))
+            return false;
+    }
+    return count > 0;
+}
+
 // The program's own header says what this machine is.
 bool isForThisMachine(const GElf_Ehdr& library)
 {
@@ -133,9 +158,11 @@ ControlLibrary readControlLibrary(const std::filesystem::path& file)
     if (!elf || elf_kind(elf.get()) != ELF_K_ELF || gelf_getehdr(elf.get(), &header) == nullptr)
         throw Failure(file.string() + " is a damaged library: " + elf_errmsg(-1));
     const std::set<std::string> names = exportsOf(elf.get());
-    ControlLibrary library{
-        header.e_type == ET_DYN, isForThisMachine(header), file.stem(), buildIdOf(elf.get()), {}};
+    ControlLibrary library{header.e_type == ET_DYN,  isWhole(elf.get(), std::filesystem::file_size(file)),
+                           isForThisMachine(header), file.stem(),
+                           buildIdOf(elf.get()),     {}};
     for (const EntryPoint& entry : kEntryPoints)
-        library.entryPoints.push_back({entry.name, entry.required, names.count(entry.name) != 0});
+        library.entryPoints.push_back(
+            {entry.name, entry.required, names.count(entry.name) != 0, mangledNameOf(entry.name, names)});
     return library;
 }

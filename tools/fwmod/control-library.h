@@ -10,10 +10,12 @@ struct EntryPointState {
     const char* name;
     bool required;
     bool exported;
+    std::string mangled; // the C++ name of a function that is called so, when that is exported; else empty
 };
 
 struct ControlLibrary {
     bool isSharedObject;     // can be loaded at all
+    bool isWhole;            // every part that would be loaded is in the file
     bool isForThisMachine;   // same processor and word size as this program; a set may differ
     std::string libraryName; // as setContext gets it: the file's name without ".so"
     std::string buildId;     // bytes; empty when the linker was told to leave it out

@@ -57,9 +57,9 @@ const std::vector<FindingKind>& findingKinds()
 
         // ---- Questions and buffers ----
         {201, kError, "a question is answered with a failure",
-         "setContext, getEMPID, getActiveVersion, checkVersion, getExpectedTime or getUpdateProgress "
-         "returned "
-         "another value than 0 although the hardware is there. The daemon takes the module as not updatable.",
+         "setContext, getEMPID, getActiveVersion, checkVersion or getExpectedTime returned another value "
+         "than "
+         "0 although the hardware is there. The daemon takes the module as not updatable.",
          "Return 0 when the answer was written. If the hardware was not found, see that --hardware has it."},
         {202, kError, "the identifier breaks the rules",
          "The identifier names the package and the image. It must consist of [0-9A-Za-z] and contain \"emp\" "
@@ -161,12 +161,10 @@ const std::vector<FindingKind>& findingKinds()
          "doUpdate returned a failure for the given image with its right checksum.",
          "Look at the result and errno in the report. The checksum is the system's own CRC: \"fwmod crc\" "
          "prints it."},
-        {402, kError, "success is reported although nothing was written",
-         "doUpdate returned 0 before any write to hardware was seen. Either the work goes on in the "
-         "background, "
-         "or nothing was done.",
-         "Return when the hardware holds the image, verified. If the hardware is written through mapped "
-         "memory, this finding and those about power cuts do not apply."},
+        {402, kError, "success is reported although the image is not written",
+         "doUpdate returned 0, and either no write to hardware had been seen or the writing went on. The "
+         "daemon reports success, gives up the power lock and may reboot the set.",
+         "Return when the hardware holds the image, verified; leave no work to the background."},
         {403, kError, "the update ends too fast",
          "An update that ends within a few milliseconds may be counted as timed out although it succeeded.",
          "Let every doUpdate take 100 ms or more, a refused image included."},
@@ -203,7 +201,7 @@ const std::vector<FindingKind>& findingKinds()
          "technician has.",
          "Set errno before returning a failure."},
         {413, kError, "the old firmware is gone after a refused image",
-         "The update failed, and the hardware no longer reports the version that it had.",
+         "The update was refused, and the hardware no longer reports the version that it had.",
          "Check the image before the first write, and write where the running firmware does not lie."},
         {414, kError, "impossible data in memory is accepted or not survived",
          "doUpdate_decryption returned 0 for data without content (a negative or zero length) or for noise.",
@@ -218,7 +216,7 @@ const std::vector<FindingKind>& findingKinds()
         // ---- Power cuts ----
         {501, kError, "after a power cut the hardware does not answer",
          "The power was cut at one write of the update. After it the library does not load, crashes, hangs, "
-         "or gives no version.",
+         "or gives no version, or one that is neither the old nor the new one.",
          "Write the new firmware beside the old one and switch over with one last write; take what a cut-off "
          "write left as not there."},
         {502, kError, "after a power cut the update does not work any more",

@@ -15,6 +15,7 @@ constexpr Command kCommands[] = {
     {"inspect", "Tell what a file is, and whether it would be accepted", defineInspect},
     {"diff", "Tell what differs between two files of a kind", defineDiff},
     {"try", "Update the module on a virtual set, and tell what happens", defineTry},
+    {"check", "Try a control library, and tell what is wrong with it", defineCheck},
 };
 
 struct Choice {
@@ -51,6 +52,7 @@ int main(int argc, char** argv)
                "            --sign-key signing.pem -o stick/Tuner.bin\n"
                "  fwmod inspect stick/Tuner.bin --public-key signing.pub.pem\n"
                "  fwmod try tuner.so --package empTuner.img\n"
+               "  fwmod check tuner.so --package empTuner.img --hardware hardware\n"
                "\"fwmod COMMAND --help\" says more. Exit status: 0 done, 1 failed or refused, 2 wrong use.");
     std::vector<Choice> choices;
     for (const Command& command : kCommands) {

@@ -1,0 +1,168 @@
+// "fwmod check" as a maker types it. What it finds is tested with the libraries of sdk/corpus; here are its
+// options, its output, and the examples, which must be sound.
+#include "run-program.h"
+#include "temporary-directory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+const fs::path kExamples = EXAMPLES;
+const std::string kHardware = kExamples / "images/1.0/hardware";
+
+std::vector<std::string> namesIn(const fs::path& directory)
+{
+    std::vector<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory))
+        names.push_back(entry.path().filename());
+    return names;
+}
+
+class Check : public testing::Test
+{
+protected:
+    Outcome check(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), {"env", "TMPDIR=" + directory.path().string(), FWMOD, "check"});
+        return runProgram(arguments, directory.path());
+    }
+    Json::Value checkJson(std::vector<std::string> arguments, int status)
+    {
+        arguments.emplace_back("--json");
+        const Outcome outcome = check(arguments);
+        EXPECT_EQ(outcome.status, status) << outcome.err << outcome.out;
+        Json::Value root;
+        std::istringstream(outcome.out) >> root;
+        return root;
+    }
+    void expectSound(const std::vector<std::string>& arguments)
+    {
+        const Json::Value report = checkJson(arguments, 0);
+        EXPECT_EQ(report["verdict"], "sound") << report;
+        EXPECT_EQ(report["findings"].size(), 0U);
+        const Json::Value& measured = report["measured"];
+        EXPECT_EQ(measured["version_before"], "1.0");
+        EXPECT_EQ(measured["version_after"], "1.1");
+        EXPECT_GT(measured["duration"].asDouble(), 0.5);
+        EXPECT_GT(measured["writes"].asUInt(), 32U);
+        EXPECT_GT(measured["power_cuts"].asUInt(), 32U);
+        EXPECT_THAT(namesIn(directory.path()), IsEmpty()) << "the set was not removed";
+    }
+
+    TemporaryDirectory directory;
+};
+
+TEST_F(Check, DocumentIsTheListOfFindings)
+{
+    const Outcome outcome = check({"--list-findings"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_TRUE(outcome.out == readBytes(FINDINGS_DOCUMENT))
+        << "write it anew: fwmod check --list-findings > docs/findings.md";
+}
+
+TEST_F(Check, WrongUseIsToldFromFailure)
+{
+    const std::string tuner = kExamples / "tuner.so";
+    const std::string soundbar = kExamples / "EXT-soundbar.so";
+    const std::string package = kExamples / "images/1.1/empTuner.img";
+    const std::string firmware = kExamples / "images/1.1/Tuner";
+    writeBytes(directory / "Tuner.img", readBytes(package));
+    const std::pair<std::vector<std::string>, int> cases[] = {
+        {{}, 2},
+        {{tuner, "--what"}, 2},
+        {{tuner, "--package", package, "--firmware", firmware}, 2},
+        {{soundbar, "--package", package}, 2},
+        {{tuner, "--package", "Tuner.img"}, 2}, // a name that the daemon would not look for
+        {{"nowhere.so"}, 1},
+        {{tuner, "--package", "nowhere.img"}, 1},
+        {{tuner, "--package", tuner}, 2},
+        {{tuner, "--hardware", "nowhere"}, 1},
+        {{tuner, "--firmware", kExamples / "images"}, 1},
+    };
+    for (const auto& [arguments, status] : cases) {
+        const Outcome outcome = check(arguments);
+        EXPECT_EQ(outcome.status, status) << testing::PrintToString(arguments);
+        EXPECT_FALSE(outcome.err.empty());
+        EXPECT_THAT(outcome.out, IsEmpty());
+    }
+    EXPECT_EQ(namesIn(directory.path()), std::vector<std::string>{"Tuner.img"});
+}
+
+TEST_F(Check, FindingIsToldWithCauseAndCure)
+{
+    writeBytes(directory / "tuner.so", "no library");
+    const Outcome outcome = check({"tuner.so"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.out, HasSubstr("F101 error: not a shared library for this machine\n"
+                                       "    seen   it is no ELF file\n"
+                                       "    cause  The file is no ELF shared object"));
+    EXPECT_THAT(outcome.out, HasSubstr("    cure   Link with -shared"));
+    EXPECT_THAT(outcome.out, HasSubstr("tuner.so: 1 error, 0 warnings.\n"));
+    EXPECT_THAT(outcome.out, testing::Not(HasSubstr("\033"))) << "no terminal, no colours";
+    const Json::Value report = checkJson({"tuner.so"}, 1);
+    EXPECT_EQ(report["library"], "tuner.so");
+    EXPECT_EQ(report["verdict"], "faulty");
+    ASSERT_EQ(report["findings"].size(), 1U);
+    for (const char* member : {"title", "cause", "cure"})
+        EXPECT_FALSE(report["findings"][0][member].asString().empty()) << member;
+    EXPECT_EQ(report["findings"][0]["id"], "F101");
+    EXPECT_EQ(report["findings"][0]["severity"], "error");
+    EXPECT_EQ(report["findings"][0]["detail"], "it is no ELF file");
+}
+
+TEST_F(Check, WhatWasNotCheckedIsSaid)
+{
+    const Outcome outcome = check({kExamples / "tuner.so", "--hardware", kHardware});
+    EXPECT_EQ(outcome.status, 0) << outcome.out;
+    EXPECT_THAT(outcome.out,
+                HasSubstr("Note: No image was given, so doUpdate was not called: give --package IMG"));
+}
+
+TEST_F(Check, HardwareThatIsUpToDateIsNotUpdated)
+{
+    const Json::Value report =
+        checkJson({kExamples / "tuner.so", "--package", kExamples / "images/1.1/empTuner.img", "--hardware",
+                   kExamples / "images/1.1/hardware"},
+                  1);
+    ASSERT_EQ(report["findings"].size(), 1U) << report;
+    EXPECT_EQ(report["findings"][0]["id"], "F211");
+    EXPECT_THAT(report["notes"][0].asString(), HasSubstr("The hardware has the offered version already"));
+    EXPECT_FALSE(report["measured"].isMember("writes"));
+}
+
+TEST_F(Check, InterruptionRemovesTheSet)
+{
+    const Outcome outcome = runProgram(
+        {"timeout", "--signal=INT", "1", "env", "TMPDIR=" + directory.path().string(), FWMOD, "check",
+         kExamples / "tuner.so", "--package", kExamples / "images/1.1/empTuner.img", "--hardware", kHardware},
+        directory.path());
+    EXPECT_EQ(outcome.status, 124) << outcome.out; // it was still at work
+    EXPECT_THAT(outcome.err, HasSubstr("fwmod: interrupted\n"));
+    EXPECT_THAT(namesIn(directory.path()), IsEmpty());
+}
+
+TEST_F(Check, ExampleWithAPackageIsSound)
+{
+    expectSound({kExamples / "tuner.so", "--package", kExamples / "images/1.1/empTuner.img", "--hardware",
+                 kHardware});
+}
+
+TEST_F(Check, ExampleInTheSystemImageIsSound)
+{
+    expectSound(
+        {kExamples / "panel.so", "--firmware", kExamples / "images/1.1/Panel", "--hardware", kHardware});
+}
+
+TEST_F(Check, ExternalExampleIsSound)
+{
+    expectSound({kExamples / "EXT-soundbar.so", "--firmware", kExamples / "images/1.1/Soundbar", "--hardware",
+                 kHardware});
+}
+} // namespace

@@ -1,0 +1,458 @@
+#include "examination.h"
+
+#include "command.h"
+#include "control-library.h"
+#include "files.h"
+#include "fw-update-symbol.h"
+#include "identifier.h"
+#include "information.h"
+#include "inspection.h"
+#include "programs.h"
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <gio/gio.h>
+#include <memory>
+#include <optional>
+#include <set>
+#include <sys/prctl.h>
+#include <tarnwick/control.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+constexpr uid_t kUpdateUser = 901; // of a set that root runs
+constexpr gid_t kSystemGroup = 900;
+constexpr double kHaste = 100;            // the set's clock, where no duration is measured
+constexpr unsigned int kUnknownTime = 60; // seconds, for a module without an information file
+
+// ---- What can be told without loading the library ----
+
+std::string whyNotLoadable(const fs::path& file)
+{
+    if (!isElf(file))
+        return "it is no ELF file";
+    try {
+        const ControlLibrary library = readControlLibrary(file);
+        if (!library.isSharedObject)
+            return "it is an ELF file of another kind";
+        if (!library.isForThisMachine)
+            return "it is for another processor";
+        return library.isWhole ? "" : "the file ends too soon";
+    } catch (const Failure& error) {
+        return error.what();
+    }
+}
+
+// As the daemon would call it, also when the file is named otherwise.
+std::string libraryName(const fs::path& file)
+{
+    const std::string name = file.filename();
+    return file.extension() == ".so" ? std::string(file.stem()) : name.substr(0, name.find('.', 1));
+}
+
+// ---- Interruption ----
+
+volatile sig_atomic_t interruption = 0;
+volatile sig_atomic_t launcher = 0; // `vset run`
+
+void noteInterruption(int signal)
+{
+    interruption = signal;
+    if (launcher > 0)
+        kill(launcher, SIGTERM); // it takes its set along
+}
+
+// While it lives, an interruption ends the set, and the waits with it, so that everything is put away.
+class InterruptionWatch
+{
+public:
+    InterruptionWatch()
+    {
+        struct sigaction action = {};
+        action.sa_handler = noteInterruption;
+        action.sa_flags = SA_RESTART;
+        for (std::size_t index = 0; index < kSignals.size(); ++index)
+            sigaction(kSignals[index], &action, &usual_[index]);
+    }
+    ~InterruptionWatch()
+    {
+        for (std::size_t index = 0; index < kSignals.size(); ++index)
+            sigaction(kSignals[index], &usual_[index], nullptr);
+    }
+    InterruptionWatch(const InterruptionWatch&) = delete;
+    InterruptionWatch& operator=(const InterruptionWatch&) = delete;
+
+private:
+    static constexpr std::array<int, 3> kSignals = {SIGINT, SIGTERM, SIGHUP};
+    std::array<struct sigaction, 3> usual_{};
+};
+
+// ---- The set ----
+
+template <typename T>
+struct Unreference {
+    void operator()(T* object) const { g_object_unref(object); }
+};
+template <typename T>
+using Object = std::unique_ptr<T, Unreference<T>>;
+
+void copyInto(const fs::path& from, const fs::path& to)
+{
+    std::error_code error;
+    fs::create_directories(to.parent_path(), error);
+    fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::overwrite_existing, error);
+    if (error)
+        throw Failure("cannot copy " + from.string() + " into the set: " + error.message());
+}
+
+void giveToDaemon(const fs::path& directory)
+{
+    if (geteuid() != 0)
+        return; // a set without root has one user
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
+        if (lchown(entry.path().c_str(), kUpdateUser, kSystemGroup) != 0)
+            throw Failure("cannot give " + entry.path().string() + " to the daemon's user");
+    }
+}
+
+using ShowProgress = std::function<void(const std::string&, unsigned int)>;
+
+class Examination
+{
+public:
+    Examination(const ExaminationRequest& request, ShowProgress showProgress)
+        : request_(request), showProgress_(std::move(showProgress)),
+          examiner_(programBesideVset("control-examiner"))
+    {
+    }
+    ExaminationResult conduct();
+
+private:
+    bool judgeFile();
+    void makeSet();
+    void addPackage();
+    void addFirmware();
+    void useInformation(const fs::path& information, const fs::path& image);
+    void examine();
+    void confirmCuts(const Json::Value& cuts);
+    Json::Value run(const char* mode, std::optional<double> clockRate);
+    void take(const Json::Value& report);
+    std::vector<unsigned int> chooseCuts(unsigned int writes);
+    fs::path inSet(const std::string& path) const { return set_ / "root" / path.substr(1); }
+
+    const ExaminationRequest& request_;
+    ShowProgress showProgress_;
+    fs::path examiner_;
+    ScratchDirectory scratch_;
+    fs::path set_ = scratch_.path() / "set";
+    Json::Value job_;
+    ExaminationResult result_;
+};
+
+// False when there is nothing to load.
+bool Examination::judgeFile()
+{
+    const std::string name = request_.library.filename();
+    if (request_.library.extension() != ".so")
+        result_.findings[102].push_back(name + "; the module would be called " +
+                                        libraryName(request_.library));
+    const std::string problem = whyNotLoadable(request_.library);
+    if (!problem.empty())
+        result_.findings[101].push_back(problem);
+    return problem.empty();
+}
+
+void Examination::makeSet()
+{
+    runProgram({vsetProgram(), "new", "--bare", set_}, "the kit");
+    const std::string name = libraryName(request_.library);
+    const std::string library = "/prd/usr/fwupdate/controls/" + name + ".so";
+    copyInto(request_.library, inSet(library));
+    fs::permissions(inSet(library), fs::perms(0755));
+    if (!request_.hardware.empty()) {
+        copyInto(request_.hardware, inSet("/var/lib/hardware"));
+        giveToDaemon(inSet("/var/lib/hardware"));
+    }
+    job_["name"] = name;
+    job_["library"] = library;
+    job_["external"] = isExternalName(name);
+    job_["expectedTime"] = kUnknownTime;
+    job_["caller"] = TARNWICK_CONTROL_CALLER_PACKAGE;
+    job_["mangled"] = Json::objectValue;
+    for (const EntryPointState& entry : readControlLibrary(request_.library).entryPoints) {
+        if (!entry.exported && !entry.mangled.empty())
+            job_["mangled"][entry.name] = entry.mangled;
+    }
+    if (!request_.package.empty())
+        addPackage();
+    if (!request_.firmware.empty())
+        addFirmware();
+}
+
+void Examination::useInformation(const fs::path& information, const fs::path& image)
+{
+    const InformationReport report = checkInformation(information, image);
+    if (!report.accepted)
+        throw Failure("the daemon would refuse the image:\n" + formatReport(information, report));
+    result_.expectedTime = report.values.expected_time;
+    job_["version"] = report.values.version;
+    job_["checksum"] = Json::UInt64(report.values.crc);
+    job_["expectedTime"] = report.values.expected_time;
+}
+
+void Examination::addPackage()
+{
+    if (job_["external"].asBool())
+        throw WrongUse("--package: an external module finds its image itself; give --firmware DIR");
+    const std::string identifier = request_.package.stem();
+    const std::string firmware = firmwareName(identifier, "--package: the name");
+    const std::string directory = "/opt/usr/apps/appbinarymanager/emps/" + identifier;
+    unpackPackage(request_.package, inSet(directory));
+    const std::string image = directory + "/" + firmware + ".bin";
+    useInformation(inSet(directory + "/info.json"), inSet(image));
+    job_["image"] = image;
+    job_["imageDirectory"] = directory;
+}
+
+void Examination::addFirmware()
+{
+    const std::string name = fs::canonical(request_.firmware).filename();
+    const std::string directory = "/usr/lib/firmware/ext/" + name;
+    const fs::path image = request_.firmware / (name + ".bin");
+    const fs::path information = request_.firmware / "info.json";
+    copyInto(request_.firmware, set_ / directory.substr(1));
+    job_["imageDirectory"] = directory;
+    if (job_["external"].asBool()) {
+        job_["image"] = job_["name"];
+        if (fs::exists(information) && fs::exists(image))
+            useInformation(information, image);
+        job_["checksum"] = 0;
+        return;
+    }
+    useInformation(information, image);
+    job_["image"] = "/lib/firmware/ext/" + name + "/" + name + ".bin";
+    job_["caller"] = TARNWICK_CONTROL_CALLER_SYSTEM_IMAGE;
+}
+
+// ---- The examiner ----
+
+[[noreturn]] void failWith(const fs::path& errors)
+{
+    std::ifstream in(errors);
+    const std::string text{std::istreambuf_iterator<char>(in), {}};
+    throw Failure("the library could not be examined:\n" + text);
+}
+
+void dieWithParent(void*)
+{
+    prctl(PR_SET_PDEATHSIG, SIGTERM, 0, 0, 0);
+}
+
+Json::Value Examination::run(const char* mode, std::optional<double> clockRate)
+{
+    std::ofstream(inSet("/srv/job.json")) << job_; // NewFile would take the interruptions for itself
+    std::vector<std::string> words = {vsetProgram(), "run", set_};
+    if (clockRate)
+        words.push_back("--clock-rate=" + std::to_string(*clockRate));
+    words.insert(words.end(), {"--", examiner_, "/srv/job.json", mode});
+    std::vector<const char*> arguments;
+    for (const std::string& word : words)
+        arguments.push_back(word.c_str());
+    arguments.push_back(nullptr);
+
+    const fs::path errors = scratch_.path() / "errors";
+    const Object<GSubprocessLauncher> starter(g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE));
+    g_subprocess_launcher_set_stderr_file_path(starter.get(), errors.c_str());
+    g_subprocess_launcher_set_child_setup(starter.get(), dieWithParent, nullptr, nullptr);
+    const Object<GSubprocess> process(g_subprocess_launcher_spawnv(starter.get(), arguments.data(), nullptr));
+    if (!process)
+        throw Failure("cannot start " + words[0]);
+    launcher = std::atoi(g_subprocess_get_identifier(process.get()));
+
+    const Object<GDataInputStream> lines(
+        g_data_input_stream_new(g_subprocess_get_stdout_pipe(process.get())));
+    Json::Value report;
+    while (char* const line = g_data_input_stream_read_line(lines.get(), nullptr, nullptr, nullptr)) {
+        const std::unique_ptr<char, void (*)(void*)> owned(line, g_free);
+        Json::Value value;
+        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+        if (!reader->parse(line, line + std::strlen(line), &value, nullptr) || !value.isObject())
+            continue;
+        if (value.isMember("progress"))
+            showProgress_(value["progress"]["text"].asString(), value["progress"]["percent"].asUInt());
+        else
+            report = value;
+    }
+    g_subprocess_wait(process.get(), nullptr, nullptr);
+    launcher = 0;
+    if (interruption != 0)
+        throw Failure("interrupted");
+    if (g_subprocess_get_successful(process.get()) == FALSE || !report.isMember("findings"))
+        failWith(errors);
+    return report;
+}
+
+void Examination::take(const Json::Value& report)
+{
+    for (const Json::Value& finding : report["findings"]) {
+        std::vector<std::string>& details = result_.findings[finding["number"].asUInt()];
+        for (const Json::Value& detail : finding["details"]) {
+            if (std::find(details.begin(), details.end(), detail.asString()) == details.end())
+                details.push_back(detail.asString());
+        }
+    }
+    for (const Json::Value& note : report["notes"])
+        result_.notes.push_back(note.asString());
+    for (const std::string& key : report["measured"].getMemberNames())
+        result_.measured[key] = report["measured"][key];
+    result_.calls += report["calls"].asUInt();
+    job_["suspects"] = report["suspects"];
+}
+
+// ---- Power cuts ----
+
+// All, or those at both ends, where the bookkeeping is, and as many between them, evenly spread.
+std::vector<unsigned int> Examination::chooseCuts(unsigned int writes)
+{
+    constexpr unsigned int kMost = 100;
+    constexpr unsigned int kAtEachEnd = 25;
+    std::set<unsigned int> cuts;
+    const bool isAll = request_.everyWrite || writes <= kMost;
+    for (unsigned int write = 1; write <= writes; ++write) {
+        if (isAll || write <= kAtEachEnd || write > writes - kAtEachEnd)
+            cuts.insert(write);
+    }
+    const unsigned int inner = kMost - 2 * kAtEachEnd;
+    for (unsigned int index = 0; !isAll && index < inner; ++index)
+        cuts.insert(kAtEachEnd + 1 + index * (writes - 2 * kAtEachEnd) / inner);
+    if (!isAll)
+        result_.notes.push_back("The power was cut at " + std::to_string(cuts.size()) + " of " +
+                                std::to_string(writes) + " writes; --every-write cuts it at each.");
+    return {cuts.begin(), cuts.end()};
+}
+
+Json::Value toJson(const std::vector<unsigned int>& numbers)
+{
+    Json::Value list = Json::arrayValue;
+    for (const unsigned int number : numbers)
+        list.append(number);
+    return list;
+}
+
+// "at writes 1, 2 and 17 of 133".
+std::string nameWrites(const std::vector<unsigned int>& writes, unsigned int total)
+{
+    constexpr std::size_t kMostNamed = 8;
+    const std::size_t named = std::min(writes.size(), kMostNamed);
+    std::string text = writes.size() == 1 ? "at write " : "at writes ";
+    for (std::size_t index = 0; index < named; ++index) {
+        const bool isLast = index + 1 == writes.size();
+        text += (index == 0 ? "" : isLast ? " and " : ", ") + std::to_string(writes[index]);
+    }
+    if (named < writes.size())
+        text += " and " + std::to_string(writes.size() - named) + " more";
+    return text + " of " + std::to_string(total);
+}
+
+struct CutFailures {
+    std::vector<unsigned int> writes;
+    std::string detail; // at the first of them
+};
+
+std::map<unsigned int, CutFailures> failuresIn(const Json::Value& cuts)
+{
+    std::map<unsigned int, Json::Value> ordered; // they come as they end
+    for (const Json::Value& cut : cuts)
+        ordered[cut["write"].asUInt()] = cut["findings"];
+    std::map<unsigned int, CutFailures> failures;
+    for (const auto& [write, findings] : ordered) {
+        for (const Json::Value& finding : findings) {
+            CutFailures& failure = failures[finding["number"].asUInt()];
+            if (failure.writes.empty())
+                failure.detail = finding["detail"].asString();
+            failure.writes.push_back(write);
+        }
+    }
+    return failures;
+}
+
+// A library that gives up after a time may have done so because the set's clock was fast: what failed in
+// haste is tried again at the real pace, and counts if it fails there, too.
+void Examination::confirmCuts(const Json::Value& cuts)
+{
+    std::map<unsigned int, CutFailures> failures = failuresIn(cuts);
+    if (failures.empty())
+        return;
+    std::set<unsigned int> again;
+    for (const auto& [number, failure] : failures) {
+        again.insert(failure.writes.front());
+        again.insert(failure.writes[failure.writes.size() / 2]);
+    }
+    job_["cuts"] = toJson({again.begin(), again.end()});
+    job_["cutsOnly"] = true;
+    const Json::Value report = run("haste", std::nullopt);
+    result_.calls += report["calls"].asUInt();
+    const auto confirmed = failuresIn(report["measured"]["cuts"]);
+    const unsigned int writes = result_.measured["writes"].asUInt();
+    for (const auto& [number, failure] : confirmed) {
+        const auto hasty = failures.find(number);
+        const CutFailures& all = hasty == failures.end() ? failure : hasty->second;
+        result_.findings[number].push_back(nameWrites(all.writes, writes) + ": " + failure.detail);
+    }
+}
+
+void Examination::examine()
+{
+    showProgress_("questions and an update", 0);
+    take(run("pace", std::nullopt));
+    if (!result_.measured["loaded"].asBool()) {
+        result_.notes.emplace_back("The library could not be loaded, so nothing else was checked.");
+        return;
+    }
+    const bool isUpdated = result_.measured["updated"].asBool();
+    if (!job_.isMember("image"))
+        result_.notes.emplace_back(
+            job_["external"].asBool()
+                ? "No image was given, so doUpdate was not called: give --firmware DIR."
+                : "No image was given, so doUpdate was not called: give --package IMG, or "
+                  "--firmware DIR for one in the system image.");
+    if (!isUpdated)
+        job_.removeMember("image");
+    if (result_.measured["updatable"].asBool())
+        job_["cuts"] = toJson(chooseCuts(result_.measured["writes"].asUInt()));
+    job_["bytes"] = result_.measured["bytes"];
+    job_["versionBefore"] = result_.measured["versionBefore"];
+    job_["versionAfter"] = result_.measured["versionAfter"];
+    showProgress_("refused images", 0);
+    const Json::Value report = run("haste", kHaste);
+    take(report);
+    const Json::Value& cuts = report["measured"]["cuts"];
+    result_.cuts = cuts.size();
+    for (const Json::Value& cut : cuts)
+        result_.calls += cut["calls"].asUInt();
+    confirmCuts(cuts);
+}
+
+ExaminationResult Examination::conduct()
+{
+    if (!judgeFile()) {
+        result_.notes.emplace_back("The library could not be loaded, so nothing else was checked.");
+        return result_;
+    }
+    const InterruptionWatch watch;
+    makeSet();
+    examine();
+    return result_;
+}
+} // namespace
+
+ExaminationResult examineLibrary(const ExaminationRequest& request, const ShowProgress& showProgress)
+{
+    return Examination(request, showProgress).conduct();
+}

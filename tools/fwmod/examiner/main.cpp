@@ -1,0 +1,87 @@
+// control-examiner JOB pace|haste: examines a control library in a virtual set, for "fwmod check", which
+// makes the set and the job. Writes JSON to standard output, one object a line: {"progress": ...}, and at the
+// end the report.
+//
+// pace: what depends on real time, questions and one update. haste: what does not, on a faster clock: images
+// that must be refused, and power cuts.
+#include "job.h"
+#include "power-cuts.h"
+#include "questions.h"
+#include "report.h"
+#include "updates.h"
+
+#include <cstdio>
+#include <cstring>
+#include <exception>
+
+namespace
+{
+Json::Value suspectsOf(const Supervisor& supervisor)
+{
+    Json::Value list = Json::arrayValue;
+    for (const std::string& call : supervisor.suspects())
+        list.append(call);
+    return list;
+}
+
+void examineAtPace(Supervisor& supervisor, Report& report)
+{
+    const Job& job = supervisor.job();
+    const Answers answers = askQuestions(supervisor, report);
+    report.measure("loaded", answers.isLoaded);
+    report.measure("versionBefore", answers.version);
+    if (!answers.isLoaded || !job.hasImage)
+        return;
+    if (!answers.isNewer && job.version && answers.version == *job.version) {
+        report.note("The hardware has the offered version already: doUpdate was not called. Give hardware "
+                    "with an older one (--hardware).");
+        return;
+    }
+    const GoodUpdate update = updateOnce(supervisor, report);
+    report.measure("updatable", update.isUsable);
+    report.measure("updated", update.isAnswered);
+    report.measure("bytes", Json::UInt64(update.writes.bytes));
+}
+
+void examineInHaste(Supervisor& supervisor, Report& report)
+{
+    const Job& job = supervisor.job();
+    if (!job.cutsOnly) {
+        refuseData(supervisor, report);
+        if (job.hasImage) {
+            refuseImages(supervisor, report);
+            updateAgain(supervisor, report);
+        }
+    }
+    if (!job.cuts.empty())
+        cutPower(supervisor, report);
+}
+
+int examine(const char* jobFile, bool inHaste)
+{
+    const Job job = readJob(jobFile);
+    makeMachineRoom(job.imageDirectory);
+    Supervisor supervisor(job);
+    Report report;
+    (inHaste ? examineInHaste : examineAtPace)(supervisor, report);
+    Json::Value result = report.toJson();
+    result["calls"] = supervisor.calls();
+    result["suspects"] = suspectsOf(supervisor);
+    printLine(result);
+    return 0;
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 3 || (std::strcmp(argv[2], "pace") != 0 && std::strcmp(argv[2], "haste") != 0)) {
+        std::fprintf(stderr, "usage: control-examiner JOB pace|haste (\"fwmod check\" starts it in a set)\n");
+        return 2;
+    }
+    try {
+        return examine(argv[1], std::strcmp(argv[2], "haste") == 0);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "control-examiner: %s\n", error.what());
+        return 1;
+    }
+}

@@ -1,0 +1,17 @@
+// Loading the library, and asking it everything that the daemon asks before an update.
+#ifndef EXAMINER_QUESTIONS_H
+#define EXAMINER_QUESTIONS_H
+
+#include "report.h"
+#include "supervisor.h"
+
+struct Answers {
+    bool isLoaded = false;
+    std::string version; // "" when not told
+    bool isNewer = true; // false when the offered version was found not to be
+};
+
+// Goes on after a call that has ended the process, without that call.
+Answers askQuestions(Supervisor& supervisor, Report& report);
+
+#endif
