@@ -240,8 +240,8 @@ void FWUpdateUIA::launch_Device_Upgrade_UI()
         FWLOGE("Failed to set app id for launching popup app");
     } else {
         register_fwstatus_UI_pralis_cb();
-        isUILaunched = sendLaunchRequest(request);
-        if (isUILaunched) {
+        if (sendLaunchRequest(request)) {
+            isUILaunched = true; // and stays so when a launch beside this one fails
             std::this_thread::sleep_for(std::chrono::seconds(5)); // the UI needs time to start
         }
     }

@@ -393,6 +393,21 @@ TEST_F(FWUpdateUIALaunch, LeavesAnAnswerThatComesBeforeItsEnd)
     }
 }
 
+// A tick may come before the launch has moved the state, and starts a second one.
+TEST_F(FWUpdateUIALaunch, StaysTakenWhenOneBesideItFails)
+{
+    platform.answerInTurn("applaunch_send_launch_request", {-1, 0, -1, -1, -1, -1, -1, -1, -1, -1});
+    std::thread refused([&] { agent.launch_Device_Upgrade_UI(); });
+    EXPECT_TRUE(eventually([&] { return platform.launches().size() == 1; }));
+    std::thread taken([&] { agent.launch_Device_Upgrade_UI(); });
+    refused.join();
+    taken.join();
+    EXPECT_EQ(platform.launches().size(), 10U);
+    EXPECT_EQ(state(), FWSVC_UI_LAUNCH_DONE);
+    tick();
+    EXPECT_EQ(state(), FWSVC_UI_SHOWN);
+}
+
 TEST_F(FWUpdateUIALaunch, ForgetsAnEarlierLaunch)
 {
     agent.launch_Device_Upgrade_UI();
