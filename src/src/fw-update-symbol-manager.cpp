@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <cxxabi.h>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -177,6 +178,8 @@ int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsign
     std::thread([job, &module, caller] {
         try {
             job->result = module.updateFirmware(caller, job->context ? job->context->data() : nullptr);
+        } catch (const abi::__forced_unwind&) {
+            throw; // the library has ended this thread: no exception, and a time-out
         } catch (...) {
             job->result = -1; // nobody is left on this thread who could take it
         }

@@ -200,6 +200,18 @@ TEST_F(FWUpdateSymbolManagerTimeout, TakesAnExceptionInTheUpdateForAFailure)
     EXPECT_EQ(semaphoreValue(), 1);
 }
 
+TEST_F(FWUpdateSymbolManagerTimeout, OutlivesALibraryThatEndsItsThread)
+{
+    TestModule tuner = addPending("tuner", "empTuner", 0);
+    tuner.library.answers.onCall = [](const std::string& function) {
+        if (function == "doUpdate") {
+            pthread_exit(nullptr);
+        }
+    };
+    EXPECT_EQ(timeoutOf(tuner, 0), kTimeout);
+    EXPECT_EQ(semaphoreValue(), 1);
+}
+
 TEST_F(FWUpdateSymbolManagerTimeout, GivesUpTwoSecondsAfterTheExpectedTime)
 {
     TestModule tuner = addPending("tuner", "empTuner", 1);
