@@ -53,7 +53,10 @@ static void testVersions(void)
 {
     EXPECT(runs("0.0"));
     EXPECT(verdictOn("0.0") == TARNWICK_CONTROL_VERDICT_SAME);
-    EXPECT(verdictOn("1.0") == TARNWICK_CONTROL_VERDICT_NEWER);
+    EXPECT(verdictOn("0.0.1") == TARNWICK_CONTROL_VERDICT_NEWER);
+    EXPECT(verdictOn("new") == 99);
+    int verdict = 0;
+    EXPECT(imageCompareVersions("1.9", "1.10", &verdict) == 0 && verdict == TARNWICK_CONTROL_VERDICT_OLDER);
 }
 
 static void testUpdate(const char* image, const char* version)
@@ -83,17 +86,15 @@ static void testAfterPowerCut(const char* image, const char* version)
 
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        fprintf(stderr, "usage: %s IMAGE_1.0 IMAGE_1.1\n", argv[0]);
+    if (argc != 5) {
+        fprintf(stderr, "usage: %s VERSION IMAGE NEWER_VERSION NEWER_IMAGE\n", argv[0]);
         return 2;
     }
     remove(HARDWARE_FILE);
     testVersions();
-    testUpdate(argv[1], "1.0");
-    testRefusals(argv[2], "1.0");
-    testAfterPowerCut(argv[2], "1.1");
-    EXPECT(verdictOn("1.0") == TARNWICK_CONTROL_VERDICT_OLDER);
-    EXPECT(verdictOn("1.10") == TARNWICK_CONTROL_VERDICT_NEWER);
-    EXPECT(verdictOn("one") == 99);
+    testUpdate(argv[2], argv[1]);
+    testRefusals(argv[4], argv[1]);
+    testAfterPowerCut(argv[4], argv[3]);
+    EXPECT(verdictOn(argv[1]) == TARNWICK_CONTROL_VERDICT_OLDER);
     return failures == 0 ? 0 : 1;
 }
