@@ -51,6 +51,7 @@ int main(int argc, char** argv)
                "  fwmod usb --version-header 1.1 --payload Tuner.bin --key-file content.key \\\n"
                "            --sign-key signing.pem -o stick/Tuner.bin\n"
                "  fwmod inspect stick/Tuner.bin --public-key signing.pub.pem\n"
+               "  fwmod diff old/empTuner.img new/empTuner.img\n"
                "  fwmod try tuner.so --package empTuner.img\n"
                "  fwmod check tuner.so --package empTuner.img --hardware hardware\n"
                "\"fwmod COMMAND --help\" says more. Exit status: 0 done, 1 failed or refused, 2 wrong use.");
