@@ -424,11 +424,12 @@ void Examination::examine()
                   "--firmware DIR for one in the system image.");
     if (!isUpdated)
         job_.removeMember("image");
+    if (isUpdated && !result_.measured["versionTold"].asBool())
+        result_.notes.emplace_back("No power was cut, because the version is not told reliably.");
     if (result_.measured["updatable"].asBool())
         job_["cuts"] = toJson(chooseCuts(result_.measured["writes"].asUInt()));
-    job_["bytes"] = result_.measured["bytes"];
-    job_["versionBefore"] = result_.measured["versionBefore"];
-    job_["versionAfter"] = result_.measured["versionAfter"];
+    for (const char* key : {"versionBefore", "versionAfter", "versionTold", "offerNewer", "bytes"})
+        job_[key] = result_.measured[key];
     showProgress_("refused images", 0);
     const Json::Value report = run("haste", kHaste);
     take(report);

@@ -155,6 +155,13 @@ const std::vector<FindingKind>& findingKinds()
          "Wait for every child process before the call returns that started it."},
         {312, kError, "the file mode mask is changed", "It belongs to the whole process.",
          "Set the mode of a file with fchmod after making it."},
+        {313, kError, "descriptors that are not the library's own are closed",
+         "The daemon loses its log or its bus, and the next file that is opened takes their number and gets "
+         "what was meant for them. Usual causes are a descriptor that is closed twice, and a loop that "
+         "closes "
+         "everything.",
+         "Close what the library itself opened, once; in a child process use closefrom between fork and "
+         "exec."},
 
         // ---- The update ----
         {401, kError, "a sound image is refused",
@@ -167,7 +174,7 @@ const std::vector<FindingKind>& findingKinds()
          "Return when the hardware holds the image, verified; leave no work to the background."},
         {403, kError, "the update ends too fast",
          "An update that ends within a few milliseconds may be counted as timed out although it succeeded.",
-         "Let every doUpdate take 100 ms or more, a refused image included."},
+         "Let every doUpdate that succeeds take 100 ms or more."},
         {404, kWarning, "no progress is told",
          "getUpdateProgress is missing, fails, or gives the same value during the whole update. The viewer "
          "looks at a "

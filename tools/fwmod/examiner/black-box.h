@@ -29,8 +29,10 @@ struct BlackBox {
     std::atomic<bool> finished;      // the worker came to its end
     std::atomic<bool> guardHit;      // the crash was in a guard page
     std::atomic<bool> terminated;    // by std::terminate
+    std::atomic<bool> threadEnded;   // by the library, although it was not its own
     int status;                      // of the worker, as waitpid tells it; written by the keeper
     char lastWords[400];             // what the crash handler saw
+    char closedBy[160];              // the call that has closed what is not its own
 };
 
 // Zeroed, and shared with every process forked from here on. Never released: a program makes few.

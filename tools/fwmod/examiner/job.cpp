@@ -35,6 +35,8 @@ Job readJob(const std::string& file)
     job.bytes = root["bytes"].asUInt64();
     job.versionBefore = root["versionBefore"].asString();
     job.versionAfter = root["versionAfter"].asString();
+    job.isVersionTold = root["versionTold"].asBool();
+    job.isOfferNewer = root["offerNewer"].asBool();
     for (const Json::Value& suspect : root["suspects"])
         job.suspects.insert(suspect.asString());
     job.cutsOnly = root["cutsOnly"].asBool();

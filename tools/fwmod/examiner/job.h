@@ -28,6 +28,8 @@ struct Job {
     std::uint64_t bytes;       // that the update wrote
     std::string versionBefore; // and the version that it replaced
     std::string versionAfter;  // and brought
+    bool isVersionTold;        // when nothing is wrong, and the same each time
+    bool isOfferNewer;         // by the library's own judgement
     bool cutsOnly;             // leave out everything else
 
     std::set<std::string> suspects; // calls that have ended a session before, and are not made again

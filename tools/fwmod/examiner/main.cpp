@@ -30,6 +30,8 @@ void examineAtPace(Supervisor& supervisor, Report& report)
     const Answers answers = askQuestions(supervisor, report);
     report.measure("loaded", answers.isLoaded);
     report.measure("versionBefore", answers.version);
+    report.measure("versionTold", !answers.version.empty() && !report.has(210));
+    report.measure("offerNewer", answers.isNewer);
     if (!answers.isLoaded || !job.hasImage)
         return;
     if (!answers.isNewer && job.version && answers.version == *job.version) {
@@ -37,7 +39,7 @@ void examineAtPace(Supervisor& supervisor, Report& report)
                     "with an older one (--hardware).");
         return;
     }
-    const GoodUpdate update = updateOnce(supervisor, report);
+    const GoodUpdate update = updateOnce(supervisor, answers, report);
     report.measure("updatable", update.isUsable);
     report.measure("updated", update.isAnswered);
     report.measure("bytes", Json::UInt64(update.writes.bytes));

@@ -38,7 +38,6 @@ void updateAgainAfterCut(Worker& worker)
     worker.load();
     worker.setContext(worker.job().caller, "");
     worker.update({worker.job().image, worker.job().checksum, false, "after the power cut"});
-    tellVersion(worker, "after the second update");
 }
 
 // ---- Judgement ----
@@ -58,7 +57,7 @@ std::string whyNoAnswer(const Session& session, const Job& job)
     return "";
 }
 
-std::string whyNoUpdate(const Session& session, const Job& job)
+std::string whyNoUpdate(const Session& session)
 {
     if (session.death)
         return session.death->detail;
@@ -67,8 +66,6 @@ std::string whyNoUpdate(const Session& session, const Job& job)
     if (session.told["result"].asInt() != 0)
         return "doUpdate returned " + session.told["result"].asString() + ", errno: " +
                (session.told["error"].asInt() == 0 ? "0" : strerrordesc_np(session.told["error"].asInt()));
-    if (session.told["version"].asString() != job.versionAfter)
-        return "afterwards getActiveVersion told " + quote(session.told["version"].asString());
     return "";
 }
 
@@ -96,15 +93,22 @@ std::vector<Finding> cutAt(Supervisor& supervisor, unsigned int write)
         findings.push_back({503, "getActiveVersion told " + quote(job.versionAfter) + ", and " +
                                      std::to_string(percent) + " % of the bytes had been written"});
     }
-    const bool isPending = !look.told.isMember("verdict") || look.told["verdict"].asInt() > 0 ||
+    const bool isPending = !job.isOfferNewer || !look.told.isMember("verdict") ||
+                           look.told["verdict"].asInt() > 0 ||
                            look.told["version"].asString() == job.versionAfter;
     if (!isPending) {
         findings.push_back({502, "checkVersion does not take the offered version as newer any more"});
         return findings;
     }
-    const std::string noUpdate = whyNoUpdate(supervisor.run(machine, updateAgainAfterCut), job);
-    if (!noUpdate.empty())
+    const std::string noUpdate = whyNoUpdate(supervisor.run(machine, updateAgainAfterCut));
+    if (!noUpdate.empty()) {
         findings.push_back({502, noUpdate});
+        return findings;
+    }
+    const Session end = supervisor.run(machine, startAgain);
+    if (end.told["version"].asString() != job.versionAfter)
+        findings.push_back(
+            {502, "after the next update getActiveVersion told " + quote(end.told["version"].asString())});
     return findings;
 }
 

@@ -105,6 +105,9 @@ void askAboutNonsense(Worker& worker)
                          "checkVersion(" + quote(nonsense) + ") wrote " + std::to_string(verdict->verdict));
     }
     worker.checkVersion(std::string(5000, '9')); // may be a version; to be survived
+    const std::string nonsense = "no version";
+    worker.repeat("checkVersion(" + quote(nonsense) + ")", kTimes,
+                  [&] { return worker.checkVersion(nonsense).has_value(); });
 }
 
 void askOptional(Worker& worker)
@@ -199,7 +202,7 @@ Answers askQuestions(Supervisor& supervisor, Report& report)
         if (!session.death)
             break;
         report.add(*session.death);
-        supervisor.avoid(session.lastCall);
+        supervisor.avoid(session);
         if (!session.told.isMember("loaded") || session.lastCall.empty())
             break; // nothing that could be left out
     }

@@ -7,8 +7,8 @@
 
 struct Answers {
     bool isLoaded = false;
-    std::string version; // "" when not told
-    bool isNewer = true; // false when the offered version was found not to be
+    std::string version;  // "" when not told
+    bool isNewer = false; // the offered version, in the library's words
 };
 
 // Goes on after a call that has ended the process, without that call.

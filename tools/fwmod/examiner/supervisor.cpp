@@ -276,6 +276,15 @@ void explainDeath(Session& session, const BlackBox& box, const std::string& said
 {
     const std::string call = session.lastCall.empty() ? "the library, outside of a call" : session.lastCall;
     const std::string quoted = said.empty() ? "" : "; its last words: " + said;
+    if (box.closedBy[0] != '\0') {
+        session.lastCall = box.closedBy;
+        session.death = Finding{313, session.lastCall};
+        return;
+    }
+    if (box.threadEnded) {
+        session.death = Finding{304, call + " ended the thread that called it (pthread_exit)"};
+        return;
+    }
     if (!WIFSIGNALED(box.status)) {
         session.death =
             Finding{304, call + " ended the process with status " + std::to_string(WEXITSTATUS(box.status))};
@@ -294,6 +303,11 @@ void explainDeath(Session& session, const BlackBox& box, const std::string& said
 }
 } // namespace
 
+void Supervisor::avoid(const Session& session)
+{
+    suspects_.insert(session.wasHang ? entryPointOf(session.lastCall) : session.lastCall);
+}
+
 Session Supervisor::run(Machine& machine, const Script& script, const Watch& watch)
 {
     Run run(job_, suspects_, watch);
@@ -304,6 +318,7 @@ Session Supervisor::run(Machine& machine, const Script& script, const Watch& wat
         return session;
     if (run.overrun()) {
         session.lastCall = *run.overrun();
+        session.wasHang = true;
         session.death = Finding{301, session.lastCall + " had not returned when its time was over"};
     } else {
         session.lastCall =

@@ -34,6 +34,7 @@ struct Session {
     std::string lastCall;          // the one that was under way then
     bool wasGuardHit = false;
     bool wasCrash = false;
+    bool wasHang = false;
     Writes writes;
     double watchDelay = 0; // seconds that the watch may have cost the library, on a loaded machine
 };
@@ -52,8 +53,9 @@ public:
 
     const Job& job() const { return job_; }
 
-    // A call that has ended a session is not made again from now on: the others are to be seen, too.
-    void avoid(const std::string& call) { suspects_.insert(call); }
+    // The call that has ended a session is not made again from now on: the others are to be seen, too. One
+    // that hung takes all its kind along, because each would cost the time limit.
+    void avoid(const Session& session);
     const std::set<std::string>& suspects() const { return suspects_; }
 
     unsigned int calls() const { return calls_; }

@@ -73,18 +73,22 @@ void judgeDuration(const Session& session, const Job& job, Report& report)
                              " s are expected; proposed: " + std::to_string(proposal) + " s"});
 }
 
-// In words what is wrong with the version that a session has told after an update; "" when it is right.
-std::string wrongVersion(const Json::Value& told, const Job& job)
+// What is wrong with the version that a session has told after an update. A library may spell it in another
+// way than the information file, if it takes the two as the same.
+std::optional<Finding> wrongVersion(const Json::Value& told, const std::string& before, const Job& job)
 {
     if (!job.version || !told.isMember("version"))
-        return "";
+        return std::nullopt;
     const std::string version = told["version"].asString();
     const bool isSame = told.isMember("verdict") && told["verdict"].asInt() == 0;
     const bool isNewerStill = told.isMember("verdict") && told["verdict"].asInt() > 0;
-    if (isNewerStill || (version != *job.version && !isSame))
-        return "getActiveVersion told " + quote(version) + ", and " + quote(*job.version) + " was written" +
-               (isNewerStill ? "; checkVersion says that it is newer still" : "");
-    return "";
+    const std::string newer = isNewerStill ? "; checkVersion says that it is newer still" : "";
+    if (version == *job.version && isNewerStill)
+        return Finding{207, "getActiveVersion told " + quote(version) + newer};
+    if (version != *job.version && (!isSame || version == before))
+        return Finding{409, "getActiveVersion told " + quote(version) + ", and " + quote(*job.version) +
+                                " was written" + newer};
+    return std::nullopt;
 }
 
 Session lookAgain(Supervisor& supervisor, Machine& machine)
@@ -147,7 +151,7 @@ void tellVersion(Worker& worker, const std::string& where)
         worker.tell("verdict", verdict->verdict);
 }
 
-GoodUpdate updateOnce(Supervisor& supervisor, Report& report)
+GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& report)
 {
     const Job& job = supervisor.job();
     Machine machine;
@@ -159,7 +163,7 @@ GoodUpdate updateOnce(Supervisor& supervisor, Report& report)
     report.add(session.findings);
     if (session.death) {
         report.add(*session.death);
-        supervisor.avoid(session.lastCall);
+        supervisor.avoid(session);
     }
     if (!session.told.isMember("result"))
         return update;
@@ -174,19 +178,22 @@ GoodUpdate updateOnce(Supervisor& supervisor, Report& report)
         return update; // the rest would only follow from it
     judgeProgress(session, report);
     judgeDuration(session, job, report);
-    const std::string wrong = wrongVersion(session.told, job);
-    if (!wrong.empty())
-        report.add({409, wrong});
+    const bool isVersionTold = !answers.version.empty() && !report.has(210);
+    const std::optional<Finding> wrong =
+        isVersionTold ? wrongVersion(session.told, update.before, job) : std::nullopt;
+    if (wrong)
+        report.add(*wrong);
     const Session again = lookAgain(supervisor, machine);
     if (again.death)
         report.add(*again.death);
     report.add(again.findings);
-    const std::string wrongAgain = wrongVersion(again.told, job);
-    if (wrong.empty() && !wrongAgain.empty())
-        report.add({409, "after a new start, " + wrongAgain});
+    const std::optional<Finding> wrongAgain =
+        isVersionTold ? wrongVersion(again.told, update.before, job) : std::nullopt;
+    if (!wrong && wrongAgain)
+        report.add({wrongAgain->number, "after a new start, " + wrongAgain->detail});
     update.after = again.told["version"].asString();
     report.measure("versionAfter", update.after);
-    update.isUsable = isWritten && !session.death && !again.death;
+    update.isUsable = isWritten && isVersionTold && !session.death && !again.death;
     return update;
 }
 
@@ -255,7 +262,7 @@ void judgeOldFirmware(Supervisor& supervisor, Machine& machine, const Session& s
                       const std::string& what, Report& report)
 {
     const std::string before = session.told["before"].asString();
-    if (before.empty() || session.death)
+    if (before.empty() || !supervisor.job().isVersionTold || session.death)
         return;
     const Session again = lookAgain(supervisor, machine);
     for (const Session* look : {&session, &again}) {
@@ -295,7 +302,7 @@ void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
     }
     if (session.death) {
         report.add(*session.death);
-        supervisor.avoid(session.lastCall);
+        supervisor.avoid(session);
         return;
     }
     if (!session.told.isMember("result"))
@@ -362,8 +369,8 @@ std::vector<Data> impossibleData(const Job& job)
 // Whatever a crash is due to, with impossible data it is that; but reading behind given data is worse.
 Finding explainDeath(const Session& session, const Data& data)
 {
-    const bool isUnsurvived =
-        session.wasCrash && data.isImpossible && !(session.wasGuardHit && data.length > 0);
+    const bool isUnsurvived = session.wasCrash && entryPointOf(session.lastCall) == "doUpdate_decryption" &&
+                              data.isImpossible && !(session.wasGuardHit && data.length > 0);
     return isUnsurvived ? Finding{414, session.death->detail} : *session.death;
 }
 

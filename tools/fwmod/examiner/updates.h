@@ -16,7 +16,7 @@ struct GoodUpdate {
     std::string after;
 };
 
-GoodUpdate updateOnce(Supervisor& supervisor, Report& report);
+GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& report);
 
 // Several updates in one process: does each lose something?
 void updateAgain(Supervisor& supervisor, Report& report);

@@ -8,10 +8,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <cxxabi.h>
 #include <dlfcn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 using namespace std::chrono_literals;
@@ -20,7 +23,8 @@ namespace
 {
 constexpr std::chrono::milliseconds kQuestionLimit = 5s; // they are instant; the rest is for a loaded machine
 constexpr std::chrono::nanoseconds kPollInterval = 10ms;
-constexpr double kSlowNotice = 1.0; // seconds
+constexpr std::chrono::milliseconds kRepeatLimit = 2s; // a slow call is not repeated as often
+constexpr double kSlowNotice = 1.0;                    // seconds
 
 std::string callName(const std::string& name, const std::string& where)
 {
@@ -108,6 +112,11 @@ std::string quote(const std::string& text)
            (text.size() > kLongest ? "...\" (" + std::to_string(text.size()) + " characters)" : "\"");
 }
 
+std::string entryPointOf(const std::string& call)
+{
+    return call.substr(0, call.find_first_of(" ("));
+}
+
 // ---- To the supervisor ----
 
 namespace
@@ -139,10 +148,54 @@ void Worker::tell(const std::string& key, const Json::Value& value) const
 
 // ---- One call ----
 
+bool Worker::isSuspect(const std::string& call) const
+{
+    return suspects_.count(call) != 0 || suspects_.count(entryPointOf(call)) != 0;
+}
+
+namespace
+{
+// What a descriptor leads to; 0 when it is closed.
+ino_t leadsTo(int descriptor)
+{
+    struct stat file = {};
+    return fstat(descriptor, &file) == 0 ? file.st_ino : 0;
+}
+
+// pthread_exit unwinds the stack and must not be kept from it; here the process is the library's alone.
+int callOnThread(const std::function<int()>& function, BlackBox& box)
+{
+    try {
+        return function();
+    } catch (const abi::__forced_unwind&) {
+        box.threadEnded = true;
+        _exit(0);
+    }
+}
+} // namespace
+
+Worker::Worker(const Job& job, const std::set<std::string>& suspects, int channel, BlackBox& box)
+    : job_(job), suspects_(suspects), channel_(channel), box_(box)
+{
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, channel})
+        ownDescriptors_.emplace_back(descriptor, leadsTo(descriptor));
+}
+
+// Without them nothing can be reported, and the next file that is opened takes their number.
+void Worker::requireOwnDescriptors(const std::string& name)
+{
+    for (const auto& [descriptor, target] : ownDescriptors_) {
+        if (leadsTo(descriptor) == target)
+            continue;
+        std::snprintf(box_.closedBy, sizeof box_.closedBy, "%s", name.c_str());
+        _exit(0);
+    }
+}
+
 std::optional<Returned> Worker::call(const std::string& name, std::chrono::milliseconds limit,
                                      const std::function<int()>& function)
 {
-    if (suspects_.count(name) != 0)
+    if (isSuspect(name))
         return std::nullopt;
     const ProcessState before = ProcessState::now();
     std::optional<Returned> returned;
@@ -150,7 +203,7 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
         const Stopwatch stopwatch;
         const CallMark mark(name.c_str(), limit);
         errno = 0;
-        const int result = function();
+        const int result = callOnThread(function, box_);
         const int error = errno;
         returned = Returned{result, error, stopwatch.read()};
     } catch (const std::exception& error) {
@@ -158,6 +211,7 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
     } catch (...) {
         found(303, name + " threw something that is no std::exception");
     }
+    requireOwnDescriptors(name);
     const ProcessState after = before.settled();
     for (const Finding& change : before.changesIn(after))
         found(change.number, name + ": " + change.detail);
@@ -167,16 +221,18 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
 bool Worker::repeat(const std::string& name, int times, const std::function<bool()>& ask)
 {
     constexpr std::size_t kTolerated = 2; // what is kept open for good is opened once, or twice
+    const std::int64_t end = realNow() + std::chrono::nanoseconds(kRepeatLimit).count();
     if (!ask())
         return false;
     const std::size_t first = openDescriptors();
-    for (int time = 1; time < times; ++time) {
+    int time = 1;
+    for (; time < times && realNow() < end; ++time) {
         if (!ask())
             return false;
     }
     const std::size_t last = openDescriptors();
     if (last > first + kTolerated)
-        found(310, name + ": " + std::to_string(last - first) + " more after " + std::to_string(times - 1) +
+        found(310, name + ": " + std::to_string(last - first) + " more after " + std::to_string(time - 1) +
                        " calls");
     return true;
 }
@@ -318,7 +374,11 @@ bool Worker::setContext(int caller, const char* context, const std::string& wher
     });
     if (!returned)
         return false;
-    if (returned->result != 0 && caller == job_.caller)
+    constexpr int kDaemonsOwn[] = {TARNWICK_CONTROL_CALLER_PACKAGE, TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE,
+                                   TARNWICK_CONTROL_CALLER_SYSTEM_IMAGE};
+    const bool isDaemons =
+        std::find(std::begin(kDaemonsOwn), std::end(kDaemonsOwn), caller) != std::end(kDaemonsOwn);
+    if (returned->result != 0 && isDaemons)
         complainOfFailure(*this, name, *returned);
     return returned->result == 0;
 }
@@ -497,7 +557,7 @@ std::optional<Returned> Worker::update(const Update& update)
     };
 
     std::thread poller;
-    if (update.pollProgress && suspects_.count("getUpdateProgress during doUpdate") == 0) {
+    if (update.pollProgress && !isSuspect("getUpdateProgress during doUpdate")) {
         poller = std::thread(poll);
         while (!isPolling)
             realSleep(1ms);

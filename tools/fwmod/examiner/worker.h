@@ -13,7 +13,10 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <sys/types.h>
 #include <tarnwick/control.h>
+#include <utility>
+#include <vector>
 
 struct Returned {
     int result;
@@ -24,10 +27,7 @@ struct Returned {
 class Worker
 {
 public:
-    Worker(const Job& job, const std::set<std::string>& suspects, int channel, BlackBox& box)
-        : job_(job), suspects_(suspects), channel_(channel), box_(box)
-    {
-    }
+    Worker(const Job& job, const std::set<std::string>& suspects, int channel, BlackBox& box);
 
     const Job& job() const { return job_; }
 
@@ -76,9 +76,10 @@ public:
     bool repeat(const std::string& call, int times, const std::function<bool()>& ask);
 
 private:
+    bool isSuspect(const std::string& call) const;
     std::optional<Returned> call(const std::string& name, std::chrono::milliseconds limit,
                                  const std::function<int()>& function);
-    void* bind(const char* entryPoint, bool isRequired);
+    void requireOwnDescriptors(const std::string& name);
     void explainLoadError(const std::string& error) const;
 
     const Job& job_;
@@ -86,6 +87,7 @@ private:
     int channel_;
     BlackBox& box_;
     std::set<std::string> flawed_;
+    std::vector<std::pair<int, ino_t>> ownDescriptors_; // with what they lead to
 
     tarnwick_setContext_fn* setContext_ = nullptr;
     tarnwick_getEMPID_fn* getEMPID_ = nullptr;
@@ -97,6 +99,9 @@ private:
     tarnwick_getExpectedTime_fn* getExpectedTime_ = nullptr;
     tarnwick_getUpdateProgress_fn* getUpdateProgress_ = nullptr;
 };
+
+// "getActiveVersion" of "getActiveVersion on another thread".
+std::string entryPointOf(const std::string& call);
 
 // A text for reports: quoted, cut, and without what a terminal would take for something else.
 std::string quote(const std::string& text);
