@@ -1,0 +1,12 @@
+// checkVersion aborts when a text is no version, as an assertion does.
+// finds: F304
+#define OWN_checkVersion
+#include "base.h"
+
+int checkVersion(const char* version, int* result)
+{
+    unsigned int number = 0;
+    if (parseVersion(version, &number) != 0)
+        abort();
+    return compareVersion(version, result);
+}

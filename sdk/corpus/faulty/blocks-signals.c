@@ -1,0 +1,15 @@
+// checkVersion blocks a signal and does not let it through again.
+// finds: F306
+#define OWN_checkVersion
+#include "base.h"
+
+#include <signal.h>
+
+int checkVersion(const char* version, int* result)
+{
+    sigset_t end;
+    sigemptyset(&end);
+    sigaddset(&end, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &end, NULL);
+    return compareVersion(version, result);
+}

@@ -1,0 +1,17 @@
+// doUpdate starts a program and does not wait for it.
+// finds: F311
+#define OWN_verifySlot
+#include "base.h"
+
+#include <spawn.h>
+
+static inline int verifySlot(int chip, int slot)
+{
+    (void)chip, (void)slot;
+    pid_t child = 0;
+    char program[] = "sleep";
+    char seconds[] = "1000";
+    char* const arguments[] = {program, seconds, NULL};
+    char* const environment[] = {NULL};
+    return posix_spawnp(&child, program, NULL, NULL, arguments, environment) == 0 ? 0 : -1;
+}

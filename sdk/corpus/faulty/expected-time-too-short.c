@@ -1,0 +1,4 @@
+// The update takes three seconds; the information file tells one.
+// finds: F408
+#define BLOCK_MS 200
+#include "base.h"

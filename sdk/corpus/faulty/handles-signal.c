@@ -1,0 +1,15 @@
+// Loading puts a handler on SIGTERM.
+// finds: F306
+#include "base.h"
+
+#include <signal.h>
+
+static void onEnd(int number)
+{
+    (void)number;
+}
+
+__attribute__((constructor)) static void start(void)
+{
+    signal(SIGTERM, onEnd);
+}

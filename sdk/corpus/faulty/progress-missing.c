@@ -1,0 +1,4 @@
+// There is no getUpdateProgress.
+// finds: F404
+#define OWN_getUpdateProgress
+#include "base.h"

@@ -1,0 +1,3 @@
+// Nothing is wrong: the base as it is, in C.
+// finds: nothing
+#include "base.h"
