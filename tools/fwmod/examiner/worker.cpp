@@ -62,9 +62,8 @@ struct ProgressWatch {
     unsigned int last = 0;
     unsigned int highest = 0;
     bool hasRisen = false;
-    std::string fall;       // the first one, in words
-    double slowest = 0;     // seconds
-    bool outlasted = false; // the slowest one returned only when the update was over
+    std::string fall;   // the first one, in words
+    double slowest = 0; // seconds
 
     void add(unsigned int value);
     Json::Value toJson() const;
@@ -93,7 +92,6 @@ Json::Value ProgressWatch::toJson() const
     json["highest"] = highest;
     json["fall"] = fall;
     json["slowest"] = slowest;
-    json["outlasted"] = outlasted;
     return json;
 }
 } // namespace
@@ -533,10 +531,7 @@ std::optional<Returned> Worker::update(const Update& update)
                 return;
             }
             const double taken = whole.read().count() - begin;
-            if (taken > progress.slowest) {
-                progress.slowest = taken;
-                progress.outlasted = box_.phase != BlackBox::kRunning;
-            }
+            progress.slowest = std::max(progress.slowest, taken);
             if (result != 0)
                 ++progress.failures;
             else if (box_.phase == BlackBox::kRunning && !out.isAll(GuardedBuffer::kPoison))
