@@ -144,7 +144,7 @@ TEST_F(Check, InterruptionRemovesTheSet)
          kExamples / "tuner.so", "--package", kExamples / "images/1.1/empTuner.img", "--hardware", kHardware},
         directory.path());
     EXPECT_EQ(outcome.status, 124) << outcome.out; // it was still at work
-    EXPECT_THAT(outcome.err, HasSubstr("fwmod: interrupted\n"));
+    EXPECT_THAT(outcome.err, HasSubstr("fwmod: interrupted, and the set has ended\n"));
     EXPECT_THAT(namesIn(directory.path()), IsEmpty());
 }
 

@@ -7,18 +7,14 @@
 #include "identifier.h"
 #include "information.h"
 #include "inspection.h"
+#include "interruption.h"
 #include "programs.h"
 
 #include <algorithm>
-#include <array>
-#include <csignal>
-#include <cstring>
 #include <fstream>
-#include <gio/gio.h>
 #include <memory>
 #include <optional>
 #include <set>
-#include <sys/prctl.h>
 #include <tarnwick/control.h>
 #include <unistd.h>
 
@@ -56,51 +52,7 @@ std::string libraryName(const fs::path& file)
     return file.extension() == ".so" ? std::string(file.stem()) : name.substr(0, name.find('.', 1));
 }
 
-// ---- Interruption ----
-
-volatile sig_atomic_t interruption = 0;
-volatile sig_atomic_t launcher = 0; // `vset run`
-
-void noteInterruption(int signal)
-{
-    interruption = signal;
-    if (launcher > 0)
-        kill(launcher, SIGTERM); // it takes its set along
-}
-
-// While it lives, an interruption ends the set, and the waits with it, so that everything is put away.
-class InterruptionWatch
-{
-public:
-    InterruptionWatch()
-    {
-        struct sigaction action = {};
-        action.sa_handler = noteInterruption;
-        action.sa_flags = SA_RESTART;
-        for (std::size_t index = 0; index < kSignals.size(); ++index)
-            sigaction(kSignals[index], &action, &usual_[index]);
-    }
-    ~InterruptionWatch()
-    {
-        for (std::size_t index = 0; index < kSignals.size(); ++index)
-            sigaction(kSignals[index], &usual_[index], nullptr);
-    }
-    InterruptionWatch(const InterruptionWatch&) = delete;
-    InterruptionWatch& operator=(const InterruptionWatch&) = delete;
-
-private:
-    static constexpr std::array<int, 3> kSignals = {SIGINT, SIGTERM, SIGHUP};
-    std::array<struct sigaction, 3> usual_{};
-};
-
 // ---- The set ----
-
-template <typename T>
-struct Unreference {
-    void operator()(T* object) const { g_object_unref(object); }
-};
-template <typename T>
-using Object = std::unique_ptr<T, Unreference<T>>;
 
 void copyInto(const fs::path& from, const fs::path& to)
 {
@@ -146,6 +98,7 @@ private:
     std::vector<unsigned int> chooseCuts(unsigned int writes);
     fs::path inSet(const std::string& path) const { return set_ / "root" / path.substr(1); }
 
+    const InterruptionWatch watch_; // also while the set is removed
     const ExaminationRequest& request_;
     ShowProgress showProgress_;
     fs::path examiner_;
@@ -249,11 +202,6 @@ void Examination::addFirmware()
     throw Failure("the library could not be examined:\n" + text);
 }
 
-void dieWithParent(void*)
-{
-    prctl(PR_SET_PDEATHSIG, SIGTERM, 0, 0, 0);
-}
-
 Json::Value Examination::run(const char* mode, std::optional<double> clockRate)
 {
     std::ofstream(inSet("/srv/job.json")) << job_; // NewFile would take the interruptions for itself
@@ -261,39 +209,21 @@ Json::Value Examination::run(const char* mode, std::optional<double> clockRate)
     if (clockRate)
         words.push_back("--clock-rate=" + std::to_string(*clockRate));
     words.insert(words.end(), {"--", examiner_, "/srv/job.json", mode});
-    std::vector<const char*> arguments;
-    for (const std::string& word : words)
-        arguments.push_back(word.c_str());
-    arguments.push_back(nullptr);
 
     const fs::path errors = scratch_.path() / "errors";
-    const Object<GSubprocessLauncher> starter(g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE));
-    g_subprocess_launcher_set_stderr_file_path(starter.get(), errors.c_str());
-    g_subprocess_launcher_set_child_setup(starter.get(), dieWithParent, nullptr, nullptr);
-    const Object<GSubprocess> process(g_subprocess_launcher_spawnv(starter.get(), arguments.data(), nullptr));
-    if (!process)
-        throw Failure("cannot start " + words[0]);
-    launcher = std::atoi(g_subprocess_get_identifier(process.get()));
-
-    const Object<GDataInputStream> lines(
-        g_data_input_stream_new(g_subprocess_get_stdout_pipe(process.get())));
+    RunningProgram program(words, errors);
     Json::Value report;
-    while (char* const line = g_data_input_stream_read_line(lines.get(), nullptr, nullptr, nullptr)) {
-        const std::unique_ptr<char, void (*)(void*)> owned(line, g_free);
+    while (const std::optional<std::string> line = program.readLine()) {
         Json::Value value;
         const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-        if (!reader->parse(line, line + std::strlen(line), &value, nullptr) || !value.isObject())
+        if (!reader->parse(line->data(), line->data() + line->size(), &value, nullptr) || !value.isObject())
             continue;
         if (value.isMember("progress"))
             showProgress_(value["progress"]["text"].asString(), value["progress"]["percent"].asUInt());
         else
             report = value;
     }
-    g_subprocess_wait(process.get(), nullptr, nullptr);
-    launcher = 0;
-    if (interruption != 0)
-        throw Failure("interrupted");
-    if (g_subprocess_get_successful(process.get()) == FALSE || !report.isMember("findings"))
+    if (!program.hasSucceeded() || !report.isMember("findings"))
         failWith(errors);
     return report;
 }
@@ -446,7 +376,6 @@ ExaminationResult Examination::conduct()
         result_.notes.emplace_back("The library could not be loaded, so nothing else was checked.");
         return result_;
     }
-    const InterruptionWatch watch;
     makeSet();
     examine();
     return result_;

@@ -1,6 +1,8 @@
 // fwmod: what a maker of firmware modules needs on a PC. No privileges, no television.
 #include "command.h"
+#include "interruption.h"
 
+#include <csignal>
 #include <cstdio>
 #include <vector>
 
@@ -66,6 +68,11 @@ int main(int argc, char** argv)
         return std::fflush(stdout) == 0 ? status : throw Failure("cannot write to standard output");
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : 2; // --help is no error
+    } catch (const Interrupted& interruption) {
+        std::fprintf(stderr, "fwmod: interrupted, and the set has ended\n");
+        std::fflush(stdout);
+        raise(interruption.signal); // as it usually does: it ends the program
+        return 1;
     } catch (const WrongUse& error) {
         return report(error, 2);
     } catch (const std::exception& error) {

@@ -8,6 +8,7 @@
 #define FWMOD_TRIAL_SET_H
 
 #include "control-client.h"
+#include "interruption.h"
 #include "story-teller.h"
 
 #include <json/json.h>
@@ -22,25 +23,9 @@
 #include <string>
 #include <vector>
 
-struct Interrupted {
-    int signal;
-};
-
 // what(): "the power was cut at write 90 (pwrite64 to /var/lib/hardware/tuner)".
 struct PowerWasCut : std::runtime_error {
     using std::runtime_error::runtime_error;
-};
-
-// While it lives, the signals are only noted, for the waits to see.
-class InterruptionWatch
-{
-public:
-    InterruptionWatch();
-    ~InterruptionWatch();
-    InterruptionWatch(const InterruptionWatch&) = delete;
-    InterruptionWatch& operator=(const InterruptionWatch&) = delete;
-
-    static void check(); // throws Interrupted
 };
 
 class TrialSet

@@ -654,14 +654,7 @@ int tryModule(const Options& options)
     checkUse(options);
     checkLibrary(options);
     checkRootless(options);
-    try {
-        return Trial(options).run() ? 0 : 1;
-    } catch (const Interrupted& interruption) {
-        std::fprintf(stderr, "fwmod: interrupted, and the set has ended\n");
-        std::fflush(stdout);
-        raise(interruption.signal); // as it usually does: it ends the program
-        return 1;
-    }
+    return Trial(options).run() ? 0 : 1;
 }
 } // namespace
 

@@ -1,0 +1,35 @@
+#include "interruption.h"
+
+#include <array>
+#include <csignal>
+
+namespace
+{
+volatile sig_atomic_t interruption = 0;
+constexpr std::array<int, 3> kInterruptions = {SIGINT, SIGTERM, SIGHUP};
+std::array<struct sigaction, kInterruptions.size()> usual;
+} // namespace
+
+InterruptionWatch::InterruptionWatch()
+{
+    interruption = 0;
+    struct sigaction action = {};
+    action.sa_handler = [](int signal) { interruption = signal; };
+    for (std::size_t index = 0; index < kInterruptions.size(); ++index) {
+        sigaction(kInterruptions[index], nullptr, &usual[index]);
+        if (usual[index].sa_handler != SIG_IGN) // by nohup, or a shell for its background
+            sigaction(kInterruptions[index], &action, nullptr);
+    }
+}
+
+InterruptionWatch::~InterruptionWatch()
+{
+    for (std::size_t index = 0; index < kInterruptions.size(); ++index)
+        sigaction(kInterruptions[index], &usual[index], nullptr);
+}
+
+void InterruptionWatch::check()
+{
+    if (interruption != 0)
+        throw Interrupted{interruption};
+}

@@ -1,0 +1,22 @@
+// SIGINT, SIGTERM and SIGHUP for commands that have something to put away: every wait looks, and ends with an
+// exception, which main turns into the usual end of a program by a signal.
+#ifndef FWMOD_INTERRUPTION_H
+#define FWMOD_INTERRUPTION_H
+
+struct Interrupted {
+    int signal;
+};
+
+// While it lives, the signals are only noted, for the waits to see. One at a time.
+class InterruptionWatch
+{
+public:
+    InterruptionWatch();
+    ~InterruptionWatch();
+    InterruptionWatch(const InterruptionWatch&) = delete;
+    InterruptionWatch& operator=(const InterruptionWatch&) = delete;
+
+    static void check(); // throws Interrupted
+};
+
+#endif
