@@ -41,7 +41,7 @@ protected:
     Outcome fwmod(Words arguments)
     {
         arguments.insert(arguments.begin(), FWMOD);
-        return runIn(directory.path(), arguments);
+        return runProgram(arguments, directory.path());
     }
     // A command line that works, with some of its options replaced or (by an empty text) left out.
     static Words usb(const std::vector<std::pair<std::string, std::string>>& changes = {})
@@ -254,7 +254,7 @@ TEST_F(FwmodUsb, FullDiskLeavesTheFormerImage)
     writeBytes(directory / "payload", std::string(300000, 'p'));
     Words words = usb();
     words.insert(words.begin(), {"sh", "-c", "ulimit -f 100; trap '' XFSZ; exec \"$@\"", "sh", FWMOD});
-    const Outcome outcome = runIn(directory.path(), words);
+    const Outcome outcome = runProgram(words, directory.path());
     EXPECT_EQ(outcome.status, 1);
     EXPECT_THAT(outcome.err, HasSubstr("cannot write"));
     EXPECT_EQ(readBytes(directory / "Tuner.bin"), before);
@@ -266,7 +266,7 @@ TEST_F(FwmodUsb, InterruptionLeavesNothing)
     ASSERT_EQ(truncate((directory / "payload").c_str(), 2000000000), 0); // takes seconds
     Words words = usb();
     words.insert(words.begin(), {"timeout", "--preserve-status", "0.3", FWMOD});
-    EXPECT_EQ(runIn(directory.path(), words).status, 128 + SIGTERM);
+    EXPECT_EQ(runProgram(words, directory.path()).status, 128 + SIGTERM);
     EXPECT_EQ(names(), inputs);
 }
 

@@ -7,7 +7,7 @@
 
 namespace
 {
-constexpr Command kCommands[] = {
+const std::vector<Command> kCommands = {
     {"list", "Modules, their versions and what is pending (changes nothing)", defineList},
     {"why", "Why a module is, or is not, updated (changes nothing)", defineWhy},
     {"check", "Have every module checked, as the daemon does at its start", defineCheck},
@@ -27,58 +27,15 @@ constexpr const char* kFooter =
     "\"fwctl COMMAND --help\" says more.\n"
     "Exit status: 0 done (why: pending), 1 failed, 2 wrong use, 3 nothing to do (why: not pending),\n"
     "4 no such module, 5 doctor left something to be mended, 6 an update took longer than expected.";
-
-struct Choice {
-    CLI::App* app;
-    Run run;
-};
-
-int runChosen(const std::vector<Choice>& choices)
-{
-    for (const Choice& choice : choices) {
-        if (choice.app->parsed())
-            return choice.run();
-    }
-    return kWrongUse; // CLI11 has insisted on a command
-}
-
-int report(const std::exception& error, ExitStatus status)
-{
-    std::fprintf(stderr, "fwctl: %s\n", error.what());
-    return status;
-}
-
-int runCommandLine(int argc, char** argv)
-{
-    CLI::App app("Shows, checks and updates the firmware of this set's modules.", "fwctl");
-    app.require_subcommand(1);
-    app.footer(kFooter);
-    std::vector<Choice> choices;
-    for (const Command& command : kCommands) {
-        CLI::App* sub = app.add_subcommand(command.name, command.summary);
-        choices.push_back({sub, command.define(*sub)});
-    }
-    try {
-        app.parse(argc, argv);
-        const int status = runChosen(choices);
-        return std::fflush(stdout) == 0 ? status : throw Failure("cannot write to standard output");
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kDone : kWrongUse; // --help is no error
-    } catch (const WrongUse& error) {
-        return report(error, kWrongUse);
-    } catch (const NoSuchModule& error) {
-        return report(error, kNoSuchModule);
-    } catch (const std::exception& error) {
-        return report(error, kFailed);
-    }
-}
 } // namespace
 
 // A control library may have left a thread at work: nothing is torn down beside it.
 int main(int argc, char** argv)
 {
     std::signal(SIGPIPE, SIG_IGN); // a reader that goes away is a failed write, not a half-done update
-    const int status = runCommandLine(argc, argv);
+    CLI::App app("Shows, checks and updates the firmware of this set's modules.", "fwctl");
+    app.footer(kFooter);
+    const int status = runCommandLine(app, kCommands, argc, argv);
     std::fflush(stdout);
     std::quick_exit(status);
 }

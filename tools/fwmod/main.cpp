@@ -8,7 +8,7 @@
 
 namespace
 {
-constexpr Command kCommands[] = {
+const std::vector<Command> kCommands = {
     {"new", "Make a complete module to start from", defineNew},
     {"crc", "Checksum of an image, as the daemon computes it", defineCrc},
     {"info", "Write or check an information file (info.json)", defineInfo},
@@ -19,32 +19,11 @@ constexpr Command kCommands[] = {
     {"try", "Update the module on a virtual set, and tell what happens", defineTry},
     {"check", "Try a control library, and tell what is wrong with it", defineCheck},
 };
-
-struct Choice {
-    CLI::App* app;
-    Run run;
-};
-
-int runChosen(const std::vector<Choice>& choices)
-{
-    for (const Choice& choice : choices) {
-        if (choice.app->parsed())
-            return choice.run();
-    }
-    return 2; // CLI11 has insisted on a command
-}
-
-int report(const std::exception& error, int status)
-{
-    std::fprintf(stderr, "fwmod: %s\n", error.what());
-    return status;
-}
 } // namespace
 
 int main(int argc, char** argv)
 {
     CLI::App app("Makes and checks what a firmware module consists of.", "fwmod");
-    app.require_subcommand(1);
     app.footer("Examples:\n"
                "  fwmod new tuner\n"
                "  fwmod crc Tuner.bin\n"
@@ -57,25 +36,12 @@ int main(int argc, char** argv)
                "  fwmod try tuner.so --package empTuner.img\n"
                "  fwmod check tuner.so --package empTuner.img --hardware hardware\n"
                "\"fwmod COMMAND --help\" says more. Exit status: 0 done, 1 failed or refused, 2 wrong use.");
-    std::vector<Choice> choices;
-    for (const Command& command : kCommands) {
-        CLI::App* sub = app.add_subcommand(command.name, command.summary);
-        choices.push_back({sub, command.define(*sub)});
-    }
     try {
-        app.parse(argc, argv);
-        const int status = runChosen(choices);
-        return std::fflush(stdout) == 0 ? status : throw Failure("cannot write to standard output");
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : 2; // --help is no error
+        return runCommandLine(app, kCommands, argc, argv);
     } catch (const Interrupted& interruption) {
         std::fprintf(stderr, "fwmod: interrupted, and the set has ended\n");
         std::fflush(stdout);
         raise(interruption.signal); // as it usually does: it ends the program
         return 1;
-    } catch (const WrongUse& error) {
-        return report(error, 2);
-    } catch (const std::exception& error) {
-        return report(error, 1);
     }
 }

@@ -1,7 +1,5 @@
 #include "virtual-set.h"
 
-#include <gio/gio.h>
-
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -17,27 +15,6 @@ namespace
 constexpr uid_t kUpdateUser = 901;
 constexpr gid_t kSystemGroup = 900;
 const fs::path kExamples = EXAMPLES;
-
-std::string take(char* text)
-{
-    const std::string taken = text != nullptr ? text : "";
-    g_free(text);
-    return taken;
-}
-
-Outcome runProgram(std::vector<std::string> arguments)
-{
-    std::vector<char*> pointers;
-    for (std::string& argument : arguments)
-        pointers.push_back(argument.data());
-    pointers.push_back(nullptr);
-    char* out = nullptr;
-    char* err = nullptr;
-    int status = -1;
-    g_spawn_sync(nullptr, pointers.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out, &err,
-                 &status, nullptr);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, take(out), take(err)};
-}
 
 void copyInto(const fs::path& from, const fs::path& directory)
 {

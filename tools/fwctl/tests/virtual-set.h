@@ -2,14 +2,10 @@
 #ifndef FWCTL_TESTS_VIRTUAL_SET_H
 #define FWCTL_TESTS_VIRTUAL_SET_H
 
+#include "run-program.h"
+
 #include <filesystem>
 #include <string>
-
-struct Outcome {
-    int status;
-    std::string out;
-    std::string err;
-};
 
 class VirtualSet
 {

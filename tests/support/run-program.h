@@ -1,0 +1,45 @@
+// Runs a program as a person would: found in PATH, in a directory, its output and exit status kept.
+#ifndef TEST_RUN_PROGRAM_H
+#define TEST_RUN_PROGRAM_H
+
+#include <gio/gio.h>
+
+#include <string>
+#include <sys/wait.h>
+#include <vector>
+
+struct Outcome {
+    int status; // as a shell tells it: 128 + signal when one ended it; -1 when it could not be started
+    std::string out;
+    std::string err;
+};
+
+inline int shellStatus(int waitStatus)
+{
+    return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
+}
+
+inline std::string takeText(char* text)
+{
+    std::string taken = text != nullptr ? text : "";
+    g_free(text);
+    return taken;
+}
+
+// In this process's own directory when none is given.
+inline Outcome runProgram(std::vector<std::string> arguments, const std::string& directory = "")
+{
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments)
+        pointers.push_back(argument.data());
+    pointers.push_back(nullptr);
+    char* out = nullptr;
+    char* err = nullptr;
+    int status = 0;
+    const gboolean isStarted =
+        g_spawn_sync(directory.empty() ? nullptr : directory.c_str(), pointers.data(), nullptr,
+                     G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out, &err, &status, nullptr);
+    return {isStarted != FALSE ? shellStatus(status) : -1, takeText(out), takeText(err)};
+}
+
+#endif
