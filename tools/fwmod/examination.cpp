@@ -2,6 +2,7 @@
 
 #include "command.h"
 #include "control-library.h"
+#include "cut-survey.h"
 #include "files.h"
 #include "fw-update-symbol.h"
 #include "identifier.h"
@@ -14,7 +15,6 @@
 #include <fstream>
 #include <memory>
 #include <optional>
-#include <set>
 #include <tarnwick/control.h>
 #include <unistd.h>
 
@@ -92,10 +92,12 @@ private:
     void addFirmware();
     void useInformation(const fs::path& information, const fs::path& image);
     void examine();
-    void confirmCuts(const Json::Value& cuts);
+    bool bringsNews(const Json::Value& report) const;
+    Json::Value confirmTrials();
+    Json::Value takeCuts(const Json::Value& report);
+    void finishCuts(CutSurvey& survey, const Json::Value& hasty);
     Json::Value run(const char* mode, std::optional<double> clockRate);
     void take(const Json::Value& report);
-    std::vector<unsigned int> chooseCuts(unsigned int writes);
     fs::path inSet(const std::string& path) const { return set_ / "root" / path.substr(1); }
 
     const InterruptionWatch watch_; // also while the set is removed
@@ -247,100 +249,57 @@ void Examination::take(const Json::Value& report)
 
 // ---- Power cuts ----
 
-// All, or those at both ends, where the bookkeeping is, and as many between them, evenly spread.
-std::vector<unsigned int> Examination::chooseCuts(unsigned int writes)
-{
-    constexpr unsigned int kMost = 100;
-    constexpr unsigned int kAtEachEnd = 25;
-    std::set<unsigned int> cuts;
-    const bool isAll = request_.everyWrite || writes <= kMost;
-    for (unsigned int write = 1; write <= writes; ++write) {
-        if (isAll || write <= kAtEachEnd || write > writes - kAtEachEnd)
-            cuts.insert(write);
-    }
-    const unsigned int inner = kMost - 2 * kAtEachEnd;
-    for (unsigned int index = 0; !isAll && index < inner; ++index)
-        cuts.insert(kAtEachEnd + 1 + index * (writes - 2 * kAtEachEnd) / inner);
-    if (!isAll)
-        result_.notes.push_back("The power was cut at " + std::to_string(cuts.size()) + " of " +
-                                std::to_string(writes) + " writes; --every-write cuts it at each.");
-    return {cuts.begin(), cuts.end()};
-}
-
-Json::Value toJson(const std::vector<unsigned int>& numbers)
+Json::Value toJson(const CutSurvey::Writes& writes)
 {
     Json::Value list = Json::arrayValue;
-    for (const unsigned int number : numbers)
-        list.append(number);
+    for (const unsigned int write : writes)
+        list.append(write);
     return list;
 }
 
-// "at writes 1, 2 and 17 of 133".
-std::string nameWrites(const std::vector<unsigned int>& writes, unsigned int total)
+Json::Value Examination::takeCuts(const Json::Value& report)
 {
-    constexpr std::size_t kMostNamed = 8;
-    const std::size_t named = std::min(writes.size(), kMostNamed);
-    std::string text = writes.size() == 1 ? "at write " : "at writes ";
-    for (std::size_t index = 0; index < named; ++index) {
-        const bool isLast = index + 1 == writes.size();
-        text += (index == 0 ? "" : isLast ? " and " : ", ") + std::to_string(writes[index]);
-    }
-    if (named < writes.size())
-        text += " and " + std::to_string(writes.size() - named) + " more";
-    return text + " of " + std::to_string(total);
-}
-
-struct CutFailures {
-    std::vector<unsigned int> writes;
-    std::string detail; // at the first of them
-};
-
-std::map<unsigned int, CutFailures> failuresIn(const Json::Value& cuts)
-{
-    std::map<unsigned int, Json::Value> ordered; // they come as they end
+    const Json::Value& cuts = report["measured"]["cuts"];
     for (const Json::Value& cut : cuts)
-        ordered[cut["write"].asUInt()] = cut["findings"];
-    std::map<unsigned int, CutFailures> failures;
-    for (const auto& [write, findings] : ordered) {
-        for (const Json::Value& finding : findings) {
-            CutFailures& failure = failures[finding["number"].asUInt()];
-            if (failure.writes.empty())
-                failure.detail = finding["detail"].asString();
-            failure.writes.push_back(write);
-        }
-    }
-    return failures;
+        result_.calls += cut["calls"].asUInt();
+    return cuts;
 }
 
-// A library that gives up after a time may have done so because the set's clock was fast: what failed in
-// haste is tried again at the real pace, and counts if it fails there, too.
-void Examination::confirmCuts(const Json::Value& cuts)
+// A library may have failed because the set's clock was fast: only what is found at the real pace, too,
+// counts.
+bool Examination::bringsNews(const Json::Value& report) const
 {
-    std::map<unsigned int, CutFailures> failures = failuresIn(cuts);
-    if (failures.empty())
-        return;
-    std::set<unsigned int> again;
-    for (const auto& [number, failure] : failures) {
-        again.insert(failure.writes.front());
-        again.insert(failure.writes[failure.writes.size() / 2]);
-    }
-    job_["cuts"] = toJson({again.begin(), again.end()});
+    const Json::Value& findings = report["findings"];
+    return std::any_of(findings.begin(), findings.end(), [this](const Json::Value& finding) {
+        return result_.findings.count(finding["number"].asUInt()) == 0;
+    });
+}
+
+Json::Value Examination::confirmTrials()
+{
+    job_.removeMember("cuts");
+    return run("trials", std::nullopt);
+}
+
+void Examination::finishCuts(CutSurvey& survey, const Json::Value& hasty)
+{
+    survey.addHasty(hasty);
     job_["cutsOnly"] = true;
-    const Json::Value report = run("haste", std::nullopt);
-    result_.calls += report["calls"].asUInt();
-    const auto confirmed = failuresIn(report["measured"]["cuts"]);
-    const unsigned int writes = result_.measured["writes"].asUInt();
-    for (const auto& [number, failure] : confirmed) {
-        const auto hasty = failures.find(number);
-        const CutFailures& all = hasty == failures.end() ? failure : hasty->second;
-        result_.findings[number].push_back(nameWrites(all.writes, writes) + ": " + failure.detail);
+    for (auto open = survey.openAtPace(); !open.empty(); open = survey.openAtPace()) {
+        job_["cuts"] = toJson(open);
+        survey.addAtPace(takeCuts(run("trials", std::nullopt)));
     }
+    for (const auto& [number, detail] : survey.findings())
+        result_.findings[number].push_back(detail);
+    if (!survey.note().empty())
+        result_.notes.push_back(survey.note());
+    result_.cuts = survey.cuts();
 }
 
 void Examination::examine()
 {
     showProgress_("questions and an update", 0);
-    take(run("pace", std::nullopt));
+    take(run("measure", std::nullopt));
     if (!result_.measured["loaded"].asBool()) {
         result_.notes.emplace_back("The library could not be loaded, so nothing else was checked.");
         return;
@@ -356,18 +315,19 @@ void Examination::examine()
         job_.removeMember("image");
     if (isUpdated && !result_.measured["versionTold"].asBool())
         result_.notes.emplace_back("No power was cut, because the version is not told reliably.");
-    if (result_.measured["updatable"].asBool())
-        job_["cuts"] = toJson(chooseCuts(result_.measured["writes"].asUInt()));
+    std::optional<CutSurvey> survey;
+    if (result_.measured["updatable"].asBool()) {
+        survey.emplace(result_.measured["writes"].asUInt(), request_.everyWrite);
+        job_["cuts"] = toJson(survey->chosen());
+    }
     for (const char* key : {"versionBefore", "versionAfter", "versionTold", "offerNewer", "bytes"})
         job_[key] = result_.measured[key];
     showProgress_("refused images", 0);
-    const Json::Value report = run("haste", kHaste);
-    take(report);
-    const Json::Value& cuts = report["measured"]["cuts"];
-    result_.cuts = cuts.size();
-    for (const Json::Value& cut : cuts)
-        result_.calls += cut["calls"].asUInt();
-    confirmCuts(cuts);
+    const Json::Value hasty = run("trials", kHaste);
+    const Json::Value cuts = takeCuts(hasty);
+    take(bringsNews(hasty) ? confirmTrials() : hasty);
+    if (survey)
+        finishCuts(*survey, cuts);
 }
 
 ExaminationResult Examination::conduct()

@@ -48,7 +48,7 @@ void leave(std::uintptr_t data)
 }
 } // namespace
 
-GuardedBuffer::GuardedBuffer(const char* name, std::size_t size) : name_(name), size_(size)
+GuardedBuffer::GuardedBuffer(const char* name, std::size_t size) : size_(size)
 {
     const std::size_t page = pageSize();
     const std::size_t inner = std::max((size + page - 1) / page, std::size_t{1}) * page;

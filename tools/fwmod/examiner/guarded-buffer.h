@@ -37,7 +37,6 @@ public:
     static bool describeHit(const void* address, char* words, std::size_t size);
 
 private:
-    const char* name_;
     std::size_t size_;
     std::size_t mapped_; // guard pages included
     unsigned char* memory_;

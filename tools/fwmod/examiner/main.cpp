@@ -1,9 +1,9 @@
-// control-examiner JOB pace|haste: examines a control library in a virtual set, for "fwmod check", which
+// control-examiner JOB measure|trials: examines a control library in a virtual set, for "fwmod check", which
 // makes the set and the job. Writes JSON to standard output, one object a line: {"progress": ...}, and at the
 // end the report.
 //
-// pace: what depends on real time, questions and one update. haste: what does not, on a faster clock: images
-// that must be refused, and power cuts.
+// measure: what depends on real time, questions and one update. trials: images that must be refused, and
+// power cuts, which do not; the set's clock may be faster.
 #include "job.h"
 #include "power-cuts.h"
 #include "questions.h"
@@ -24,7 +24,7 @@ Json::Value suspectsOf(const Supervisor& supervisor)
     return list;
 }
 
-void examineAtPace(Supervisor& supervisor, Report& report)
+void measure(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
     const Answers answers = askQuestions(supervisor, report);
@@ -45,7 +45,7 @@ void examineAtPace(Supervisor& supervisor, Report& report)
     report.measure("bytes", Json::UInt64(update.writes.bytes));
 }
 
-void examineInHaste(Supervisor& supervisor, Report& report)
+void tryHard(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
     if (!job.cutsOnly) {
@@ -59,13 +59,13 @@ void examineInHaste(Supervisor& supervisor, Report& report)
         cutPower(supervisor, report);
 }
 
-int examine(const char* jobFile, bool inHaste)
+int examine(const char* jobFile, bool isTrial)
 {
     const Job job = readJob(jobFile);
     makeMachineRoom(job.imageDirectory);
     Supervisor supervisor(job);
     Report report;
-    (inHaste ? examineInHaste : examineAtPace)(supervisor, report);
+    (isTrial ? tryHard : measure)(supervisor, report);
     Json::Value result = report.toJson();
     result["calls"] = supervisor.calls();
     result["suspects"] = suspectsOf(supervisor);
@@ -76,12 +76,13 @@ int examine(const char* jobFile, bool inHaste)
 
 int main(int argc, char** argv)
 {
-    if (argc != 3 || (std::strcmp(argv[2], "pace") != 0 && std::strcmp(argv[2], "haste") != 0)) {
-        std::fprintf(stderr, "usage: control-examiner JOB pace|haste (\"fwmod check\" starts it in a set)\n");
+    if (argc != 3 || (std::strcmp(argv[2], "measure") != 0 && std::strcmp(argv[2], "trials") != 0)) {
+        std::fprintf(stderr,
+                     "usage: control-examiner JOB measure|trials (\"fwmod check\" starts it in a set)\n");
         return 2;
     }
     try {
-        return examine(argv[1], std::strcmp(argv[2], "haste") == 0);
+        return examine(argv[1], std::strcmp(argv[2], "trials") == 0);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "control-examiner: %s\n", error.what());
         return 1;

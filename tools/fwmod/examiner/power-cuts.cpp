@@ -76,17 +76,18 @@ bool isToldTooEarly(const Session& cut, const Session& look, const Job& job)
            static_cast<double>(cut.writes.bytes) < kNearlyAll * static_cast<double>(job.bytes);
 }
 
-std::vector<Finding> cutAt(Supervisor& supervisor, unsigned int write)
+// Nothing when the update ended before the cut.
+std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int write)
 {
     const Job& job = supervisor.job();
     Machine machine;
     const Session cut = supervisor.run(machine, updateUntilCut, {true, write});
     if (!cut.isCut)
-        return {}; // it needed fewer writes this time
+        return std::nullopt;
     const Session look = supervisor.run(machine, startAgain);
     const std::string noAnswer = whyNoAnswer(look, job);
     if (!noAnswer.empty())
-        return {{501, noAnswer}};
+        return std::vector<Finding>{{501, noAnswer}};
     std::vector<Finding> findings;
     if (isToldTooEarly(cut, look, job)) {
         const auto percent = job.bytes == 0 ? 0 : cut.writes.bytes * 100 / job.bytes;
@@ -114,12 +115,13 @@ std::vector<Finding> cutAt(Supervisor& supervisor, unsigned int write)
 
 // ---- Several at once ----
 
-Json::Value toJson(unsigned int write, const std::vector<Finding>& findings)
+Json::Value toJson(unsigned int write, const std::optional<std::vector<Finding>>& findings)
 {
     Json::Value entry;
     entry["write"] = write;
+    entry["cut"] = findings.has_value();
     entry["findings"] = Json::arrayValue;
-    for (const Finding& finding : findings) {
+    for (const Finding& finding : findings.value_or(std::vector<Finding>())) {
         Json::Value one;
         one["number"] = finding.number;
         one["detail"] = finding.detail;

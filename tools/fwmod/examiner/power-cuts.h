@@ -6,7 +6,7 @@
 #include "report.h"
 #include "supervisor.h"
 
-// Tells "cuts", a list of {"write", "findings": [{"number", "detail"}]}, as a measurement.
+// Tells "cuts", a list of {"write", "cut", "findings": [{"number", "detail"}]}, as a measurement.
 void cutPower(const Supervisor& supervisor, Report& report);
 
 #endif

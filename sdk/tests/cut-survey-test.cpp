@@ -1,0 +1,107 @@
+// Which power cuts "fwmod check" makes, and which of their failures count.
+#include "cut-survey.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace
+{
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+using Writes = CutSurvey::Writes;
+
+// What the examiner tells of cuts at these writes, with the finding at some of them.
+Json::Value trials(const Writes& writes, const Writes& failed = {}, unsigned int number = 502)
+{
+    Json::Value list = Json::arrayValue;
+    for (const unsigned int write : writes) {
+        Json::Value trial;
+        trial["write"] = write;
+        trial["cut"] = true;
+        trial["findings"] = Json::arrayValue;
+        if (failed.count(write) != 0) {
+            trial["findings"][0]["number"] = number;
+            trial["findings"][0]["detail"] = "at " + std::to_string(write);
+        }
+        list.append(trial);
+    }
+    return list;
+}
+
+Json::Value endedBefore(const Writes& writes)
+{
+    Json::Value list = trials(writes);
+    for (Json::Value& trial : list)
+        trial["cut"] = false;
+    return list;
+}
+
+TEST(CutSurvey, TakesEveryWriteOfASmallUpdate)
+{
+    EXPECT_THAT(CutSurvey(3, false).chosen(), ElementsAre(1, 2, 3));
+    EXPECT_EQ(CutSurvey(100, false).chosen().size(), 100U);
+    EXPECT_EQ(CutSurvey(5000, true).chosen().size(), 5000U);
+}
+
+TEST(CutSurvey, TakesAHundredOfALargeOneWithBothEnds)
+{
+    for (const unsigned int total : {101U, 262U, 5000U}) {
+        const Writes chosen = CutSurvey(total, false).chosen();
+        EXPECT_LE(chosen.size(), 100U) << total;
+        EXPECT_GE(chosen.size(), 90U) << total;
+        EXPECT_EQ(*chosen.begin(), 1U);
+        EXPECT_EQ(*chosen.rbegin(), total);
+        EXPECT_EQ(chosen.count(25) + chosen.count(total - 24), 2U);
+    }
+}
+
+TEST(CutSurvey, IsOverWhenNothingFailed)
+{
+    CutSurvey survey(3, false);
+    survey.addHasty(trials({1, 2, 3}));
+    EXPECT_THAT(survey.openAtPace(), IsEmpty());
+    EXPECT_THAT(survey.findings(), IsEmpty());
+    EXPECT_EQ(survey.cuts(), 3U);
+    EXPECT_EQ(survey.note(), "");
+}
+
+TEST(CutSurvey, FailureThatIsConfirmedNamesAllItsWrites)
+{
+    CutSurvey survey(5, false);
+    survey.addHasty(trials({1, 2, 3, 4, 5}, {2, 3, 5}));
+    EXPECT_THAT(survey.openAtPace(), ElementsAre(2, 3));
+    survey.addAtPace(trials({2, 3}, {2, 3}));
+    EXPECT_THAT(survey.openAtPace(), IsEmpty());
+    EXPECT_THAT(survey.findings(), ElementsAre(Pair(502, "at writes 2, 3 and 5 of 5: at 2")));
+}
+
+TEST(CutSurvey, FailureOfHasteDoesNotCountAndHidesNoOther)
+{
+    CutSurvey survey(5, false);
+    survey.addHasty(trials({1, 2, 3, 4, 5}, {1, 2, 3, 5}));
+    EXPECT_THAT(survey.openAtPace(), ElementsAre(1, 3));
+    survey.addAtPace(trials({1, 3}));
+    EXPECT_THAT(survey.openAtPace(), ElementsAre(2, 5)); // one of them may be true
+    survey.addAtPace(trials({2, 5}, {5}, 501));
+    EXPECT_THAT(survey.openAtPace(), IsEmpty());
+    EXPECT_THAT(survey.findings(), ElementsAre(Pair(501, "at write 5 of 5: at 5")));
+}
+
+TEST(CutSurvey, CutThatWasNotReachedIsMadeAtTheRealPace)
+{
+    CutSurvey survey(3, false);
+    Json::Value hasty = trials({1});
+    for (const Json::Value& trial : endedBefore({2, 3}))
+        hasty.append(trial);
+    survey.addHasty(hasty);
+    EXPECT_THAT(survey.openAtPace(), ElementsAre(2, 3));
+    Json::Value atPace = trials({2}, {2});
+    atPace.append(endedBefore({3})[0]);
+    survey.addAtPace(atPace);
+    EXPECT_THAT(survey.openAtPace(), IsEmpty());
+    EXPECT_THAT(survey.findings(), ElementsAre(Pair(502, "at write 2 of 3: at 2")));
+    EXPECT_EQ(survey.cuts(), 2U);
+    EXPECT_EQ(survey.note(), "The power was cut at 2 of 3 writes; --every-write cuts it at each.");
+}
+} // namespace
