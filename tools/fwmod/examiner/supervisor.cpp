@@ -278,7 +278,7 @@ void explainDeath(Session& session, const BlackBox& box, const std::string& said
     const std::string quoted = said.empty() ? "" : "; its last words: " + said;
     if (box.closedBy[0] != '\0') {
         session.lastCall = box.closedBy;
-        session.death = Finding{313, session.lastCall};
+        session.death = Finding{313, session.lastCall + " closed one that was open before it"};
         return;
     }
     if (box.threadEnded) {
