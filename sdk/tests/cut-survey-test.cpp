@@ -40,16 +40,16 @@ Json::Value endedBefore(const Writes& writes)
 TEST(CutSurvey, TakesEveryWriteOfASmallUpdate)
 {
     EXPECT_THAT(CutSurvey(3, false).chosen(), ElementsAre(1, 2, 3));
-    EXPECT_EQ(CutSurvey(100, false).chosen().size(), 100U);
+    EXPECT_EQ(CutSurvey(300, false).chosen().size(), 300U);
     EXPECT_EQ(CutSurvey(5000, true).chosen().size(), 5000U);
 }
 
-TEST(CutSurvey, TakesAHundredOfALargeOneWithBothEnds)
+TEST(CutSurvey, TakesThreeHundredOfALargeOneWithBothEnds)
 {
-    for (const unsigned int total : {101U, 262U, 5000U}) {
+    for (const unsigned int total : {301U, 662U, 5000U}) {
         const Writes chosen = CutSurvey(total, false).chosen();
-        EXPECT_LE(chosen.size(), 100U) << total;
-        EXPECT_GE(chosen.size(), 90U) << total;
+        EXPECT_LE(chosen.size(), 300U) << total;
+        EXPECT_GE(chosen.size(), 290U) << total;
         EXPECT_EQ(*chosen.begin(), 1U);
         EXPECT_EQ(*chosen.rbegin(), total);
         EXPECT_EQ(chosen.count(25) + chosen.count(total - 24), 2U);

@@ -79,7 +79,7 @@ Run defineCheck(CLI::App& app)
         "--hardware", request.hardware,
         "A directory with the hardware's files, seen as /var/lib/hardware; nothing in it is changed");
     app.add_flag("--every-write", request.everyWrite,
-                 "Cut the power at every write of an update; by default at 100 of them at most");
+                 "Cut the power at every write of an update; by default at 300 of them at most");
     app.add_flag("--json", options->json, "Print JSON");
     app.add_flag("--list-findings", options->listFindings, "Print what can be found, with cause and cure");
     app.footer(

@@ -5,7 +5,7 @@
 
 namespace
 {
-constexpr unsigned int kMostChosen = 100;
+constexpr unsigned int kMostChosen = 300; // of an ordinary image all, in half a minute
 constexpr unsigned int kAtEachEnd = 25; // where the bookkeeping is; the others are evenly spread between them
 constexpr std::size_t kMostMissed = 20; // to be made up for, because the real pace takes its time
 
