@@ -282,9 +282,7 @@ TEST_F(Try, WrongUseIsRefusedBeforeASetIsMade)
         {kExamples / "tuner.so"},
         {library, "--package", package},
         {library, "--accept"},
-        {"nothing.so", "--package", package},
         {kExamples / "tuner.so", "--package", package, "--power-cut", "0"},
-        {kExamples / "tuner.so", "--package", package, "--hardware", package},
     };
     for (const std::vector<std::string>& arguments : wrong) {
         const Outcome refused = runTry(arguments);

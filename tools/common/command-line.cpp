@@ -31,7 +31,9 @@ int runCommandLine(CLI::App& app, const std::vector<Command>& commands, int argc
 {
     try {
         const int status = runChosen(app, commands, argc, argv);
-        return std::fflush(stdout) == 0 ? status : throw Failure("cannot write to standard output");
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+            throw Failure("cannot write to standard output");
+        return status;
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kStatusWrongUse; // --help is no error
     } catch (const CommandError& error) {

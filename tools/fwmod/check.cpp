@@ -22,12 +22,6 @@ struct Options {
     bool listFindings = false;
 };
 
-void requireDirectory(const fs::path& path, const char* option)
-{
-    if (!path.empty() && !fs::is_directory(path))
-        throw Failure(std::string(option) + " " + path.string() + " is not a directory: check the path");
-}
-
 bool isColourWanted()
 {
     const char* const refused = std::getenv("NO_COLOR");

@@ -166,3 +166,19 @@ ControlLibrary readControlLibrary(const std::filesystem::path& file)
             {entry.name, entry.required, names.count(entry.name) != 0, mangledNameOf(entry.name, names)});
     return library;
 }
+
+std::string whyNotLoadable(const std::filesystem::path& file)
+{
+    if (!isElf(file))
+        return "it is no ELF file";
+    try {
+        const ControlLibrary library = readControlLibrary(file);
+        if (!library.isSharedObject)
+            return "it is an ELF file of another kind";
+        if (!library.isForThisMachine)
+            return "it is for another processor";
+        return library.isWhole ? "" : "the file ends too soon";
+    } catch (const Failure& error) {
+        return error.what();
+    }
+}

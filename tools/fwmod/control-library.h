@@ -27,4 +27,7 @@ bool isElf(const std::filesystem::path& file);
 // Throws Failure when the file is damaged.
 ControlLibrary readControlLibrary(const std::filesystem::path& file);
 
+// What the dynamic loader would stumble over, as far as can be told without it; "" when nothing.
+std::string whyNotLoadable(const std::filesystem::path& file);
+
 #endif

@@ -29,22 +29,6 @@ constexpr unsigned int kUnknownTime = 60; // seconds, for a module without an in
 
 // ---- What can be told without loading the library ----
 
-std::string whyNotLoadable(const fs::path& file)
-{
-    if (!isElf(file))
-        return "it is no ELF file";
-    try {
-        const ControlLibrary library = readControlLibrary(file);
-        if (!library.isSharedObject)
-            return "it is an ELF file of another kind";
-        if (!library.isForThisMachine)
-            return "it is for another processor";
-        return library.isWhole ? "" : "the file ends too soon";
-    } catch (const Failure& error) {
-        return error.what();
-    }
-}
-
 // As the daemon would call it, also when the file is named otherwise.
 std::string libraryName(const fs::path& file)
 {
@@ -90,7 +74,7 @@ private:
     void makeSet();
     void addPackage();
     void addFirmware();
-    void useInformation(const fs::path& information, const fs::path& image);
+    std::string useInformation(const fs::path& directory, const std::string& image, const fs::path& origin);
     void examine();
     bool bringsNews(const Json::Value& report) const;
     Json::Value confirmTrials();
@@ -98,6 +82,7 @@ private:
     void finishCuts(CutSurvey& survey, const Json::Value& hasty);
     Json::Value run(const char* mode, std::optional<double> clockRate);
     void take(const Json::Value& report);
+    void checkNames(const std::string& identifier) const;
     fs::path inSet(const std::string& path) const { return set_ / "root" / path.substr(1); }
 
     const InterruptionWatch watch_; // also while the set is removed
@@ -125,6 +110,7 @@ bool Examination::judgeFile()
 
 void Examination::makeSet()
 {
+    requireRoomForSet(scratch_.path());
     runProgram({vsetProgram(), "new", "--bare", set_}, "the kit");
     const std::string name = libraryName(request_.library);
     const std::string library = "/prd/usr/fwupdate/controls/" + name + ".so";
@@ -150,15 +136,22 @@ void Examination::makeSet()
         addFirmware();
 }
 
-void Examination::useInformation(const fs::path& information, const fs::path& image)
+// `origin` is the file or directory that the person has named.
+std::string Examination::useInformation(const fs::path& directory, const std::string& image,
+                                        const fs::path& origin)
 {
-    const InformationReport report = checkInformation(information, image);
+    for (const std::string& name : {std::string("info.json"), image}) {
+        if (!fs::is_regular_file(directory / name))
+            throw Failure(name + " is not in " + origin.string() + ", where the daemon looks for it");
+    }
+    const InformationReport report = checkInformation(directory / "info.json", directory / image);
     if (!report.accepted)
-        throw Failure("the daemon would refuse the image:\n" + formatReport(information, report));
+        throw Failure("the daemon would refuse the image:\n" + formatReport(origin / "info.json", report));
     result_.expectedTime = report.values.expected_time;
     job_["version"] = report.values.version;
     job_["checksum"] = Json::UInt64(report.values.crc);
     job_["expectedTime"] = report.values.expected_time;
+    return report.values.ui_use;
 }
 
 void Examination::addPackage()
@@ -169,9 +162,8 @@ void Examination::addPackage()
     const std::string firmware = firmwareName(identifier, "--package: the name");
     const std::string directory = "/opt/usr/apps/appbinarymanager/emps/" + identifier;
     unpackPackage(request_.package, inSet(directory));
-    const std::string image = directory + "/" + firmware + ".bin";
-    useInformation(inSet(directory + "/info.json"), inSet(image));
-    job_["image"] = image;
+    useInformation(inSet(directory), firmware + ".bin", request_.package);
+    job_["image"] = directory + "/" + firmware + ".bin";
     job_["imageDirectory"] = directory;
 }
 
@@ -179,20 +171,35 @@ void Examination::addFirmware()
 {
     const std::string name = fs::canonical(request_.firmware).filename();
     const std::string directory = "/usr/lib/firmware/ext/" + name;
-    const fs::path image = request_.firmware / (name + ".bin");
-    const fs::path information = request_.firmware / "info.json";
+    const std::string image = name + ".bin";
     copyInto(request_.firmware, set_ / directory.substr(1));
     job_["imageDirectory"] = directory;
     if (job_["external"].asBool()) {
         job_["image"] = job_["name"];
-        if (fs::exists(information) && fs::exists(image))
-            useInformation(information, image);
+        if (fs::exists(request_.firmware / "info.json") && fs::exists(request_.firmware / image))
+            useInformation(request_.firmware, image, request_.firmware);
         job_["checksum"] = 0;
         return;
     }
-    useInformation(information, image);
-    job_["image"] = "/lib/firmware/ext/" + name + "/" + name + ".bin";
+    if (useInformation(request_.firmware, image, request_.firmware) == "none")
+        throw Failure("the daemon refuses an image in the system image whose ui_use is \"none\": "
+                      "write \"select\" or \"force\" (fwmod info --ui-use)");
+    job_["image"] = "/lib/firmware/ext/" + name + "/" + image;
     job_["caller"] = TARNWICK_CONTROL_CALLER_SYSTEM_IMAGE;
+}
+
+// Of a set: the daemon derives both names from what the library says.
+void Examination::checkNames(const std::string& identifier) const
+{
+    if (identifier.empty() || job_["external"].asBool())
+        return;
+    const std::string firmware = firmwareName(identifier, "the identifier");
+    if (!request_.package.empty() && request_.package.filename() != identifier + ".img")
+        throw Failure("the library's identifier is " + identifier + ", so the daemon asks for " + identifier +
+                      ".img: make it with fwmod package --id " + identifier);
+    if (!request_.firmware.empty() && fs::canonical(request_.firmware).filename() != firmware)
+        throw Failure("the library's identifier is " + identifier + ", so the daemon looks for " + firmware +
+                      "/" + firmware + ".bin: rename " + request_.firmware.string() + " and its image");
 }
 
 // ---- The examiner ----
@@ -201,12 +208,19 @@ void Examination::addFirmware()
 {
     std::ifstream in(errors);
     const std::string text{std::istreambuf_iterator<char>(in), {}};
-    throw Failure("the library could not be examined:\n" + text);
+    throw Failure("the library could not be examined: " +
+                  (text.empty() ? "vset ended without a word; is there room in memory and in " +
+                                      errors.parent_path().string() + "?"
+                                : "\n" + text));
 }
 
 Json::Value Examination::run(const char* mode, std::optional<double> clockRate)
 {
-    std::ofstream(inSet("/srv/job.json")) << job_; // NewFile would take the interruptions for itself
+    std::ofstream job(inSet("/srv/job.json")); // NewFile would take the interruptions for itself
+    job << job_;
+    job.close();
+    if (!job)
+        throw Failure("cannot write " + inSet("/srv/job.json").string() + ": is the disk full?");
     std::vector<std::string> words = {vsetProgram(), "run", set_};
     if (clockRate)
         words.push_back("--clock-rate=" + std::to_string(*clockRate));
@@ -304,6 +318,7 @@ void Examination::examine()
         result_.notes.emplace_back("The library could not be loaded, so nothing else was checked.");
         return;
     }
+    checkNames(result_.measured["identifier"].asString());
     const bool isUpdated = result_.measured["updated"].asBool();
     if (!job_.isMember("image"))
         result_.notes.emplace_back(

@@ -89,9 +89,28 @@ void requireReadable(const fs::path& path)
     if (error)
         throw Failure("cannot look at " + path.string() + ": " + error.message());
     if (!fs::is_regular_file(status))
-        throw Failure(path.string() + " is not a file: name the image or information file itself");
+        throw Failure(path.string() + " is not a regular file: name the file itself");
     if (!std::ifstream(path))
         failOn(path, "read");
+}
+
+void requireDirectory(const fs::path& path, const char* option)
+{
+    if (!path.empty() && !fs::is_directory(path))
+        throw Failure(std::string(option) + " " + path.string() + " is not a directory: check the path");
+}
+
+void requireRoomForSet(const fs::path& directory)
+{
+    constexpr std::uintmax_t kMegabyte = 1024 * 1024;
+    constexpr std::uintmax_t kNeeded = 64 * kMegabyte;
+    std::error_code unknown;
+    const fs::space_info room = fs::space(directory, unknown);
+    if (!unknown && room.available < kNeeded)
+        throw Failure("a virtual set needs " + std::to_string(kNeeded / kMegabyte) + " MB in " +
+                      directory.parent_path().string() + ", where " +
+                      std::to_string(room.available / kMegabyte) +
+                      " MB are left: make room, or set TMPDIR to another directory");
 }
 
 unsigned int imageChecksum(const fs::path& path)

@@ -9,6 +9,12 @@
 // Throws unless `path` is a regular file that can be read.
 void requireReadable(const std::filesystem::path& path);
 
+// Throws unless `path` is a directory, or empty because the option was not given.
+void requireDirectory(const std::filesystem::path& path, const char* option);
+
+// Throws unless there is room for a virtual set in the directory for temporary files.
+void requireRoomForSet(const std::filesystem::path& directory);
+
 // The checksum that the daemon computes over the file.
 unsigned int imageChecksum(const std::filesystem::path& path);
 

@@ -4,6 +4,7 @@
 #include "information.h"
 
 #include <cstdio>
+#include <glib.h>
 #include <memory>
 
 namespace
@@ -32,6 +33,8 @@ int write(const Options& options)
 {
     if (options.version.empty() || options.image.empty())
         throw WrongUse("give --version and --image to write an information file, or --check to check one");
+    if (g_utf8_validate(options.version.c_str(), -1, nullptr) == FALSE)
+        throw WrongUse("--version is no UTF-8, which a JSON file consists of: keep to ASCII, as in 1.1");
     FWInformation values;
     values.version = options.version;
     values.crc = imageChecksum(options.image);

@@ -6,7 +6,7 @@
 namespace
 {
 volatile sig_atomic_t interruption = 0;
-constexpr std::array<int, 3> kInterruptions = {SIGINT, SIGTERM, SIGHUP};
+constexpr std::array<int, 4> kInterruptions = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 std::array<struct sigaction, kInterruptions.size()> usual;
 } // namespace
 

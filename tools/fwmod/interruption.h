@@ -1,5 +1,5 @@
-// SIGINT, SIGTERM and SIGHUP for commands that have something to put away: every wait looks, and ends with an
-// exception, which main turns into the usual end of a program by a signal.
+// SIGINT, SIGTERM, SIGHUP and SIGQUIT for commands that have something to put away: every wait looks, and
+// ends with an exception, which main turns into the usual end of a program by a signal.
 #ifndef FWMOD_INTERRUPTION_H
 #define FWMOD_INTERRUPTION_H
 

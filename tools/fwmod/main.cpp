@@ -4,6 +4,9 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <unistd.h>
 #include <vector>
 
 namespace
@@ -19,10 +22,22 @@ const std::vector<Command> kCommands = {
     {"try", "Update the module on a virtual set, and tell what happens", defineTry},
     {"check", "Try a control library, and tell what is wrong with it", defineCheck},
 };
+
+// One that was closed must not be the number of a file that we open and a child inherits. To read only, so
+// that a write is still an error.
+void occupyStandardStreams()
+{
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDONLY) != stream)
+            std::abort(); // no such number is free: then it was not closed
+    }
+}
 } // namespace
 
 int main(int argc, char** argv)
 {
+    std::signal(SIGPIPE, SIG_IGN); // a reader that goes away is a failed write: what was begun is put away
+    occupyStandardStreams();
     CLI::App app("Makes and checks what a firmware module consists of.", "fwmod");
     app.footer("Examples:\n"
                "  fwmod new tuner\n"

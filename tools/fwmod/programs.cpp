@@ -48,6 +48,7 @@ namespace
 [[noreturn]] void become(char* const* arguments, int output, int errors, pid_t parent)
 {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
+    std::signal(SIGPIPE, SIG_DFL); // ours is not its business
     dup2(output, STDOUT_FILENO);
     dup2(errors, STDERR_FILENO);
     if (getppid() == parent)

@@ -1,6 +1,7 @@
 #include "trial-set.h"
 
 #include "command.h"
+#include "files.h"
 #include "programs.h"
 
 #include <algorithm>
@@ -97,6 +98,7 @@ TrialSet::TrialSet(bool isRootless, std::FILE* story)
         throw Failure("cannot make a temporary directory: " + reason);
     }
     try {
+        requireRoomForSet(path_);
         const Output made = runProgram({vset_, "new", path_});
         if (made.status != 0)
             throw Failure("the set cannot be made: " + made.errors);
@@ -177,6 +179,7 @@ void TrialSet::start(std::vector<std::string> arguments, std::optional<unsigned 
     if (launcher_ == 0) {
         setpgid(0, 0); // Ctrl-C is ours to answer
         prctl(PR_SET_PDEATHSIG, SIGTERM);
+        std::signal(SIGPIPE, SIG_DFL); // ours is not its business
         dup2(output[1], STDOUT_FILENO);
         dup2(output[1], STDERR_FILENO);
         if (getppid() == self)
@@ -405,6 +408,8 @@ void TrialSet::waitFor(const std::string& what, std::chrono::seconds limit, cons
         if (runs && isSo())
             return;
         InterruptionWatch::check();
+        if (std::ferror(story_) != 0)
+            throw Failure("the story cannot be written: its reader has gone, or the disk is full");
         if (!runs)
             failOnEnd();
         if (std::chrono::steady_clock::now() > end)

@@ -1,6 +1,7 @@
 // fwmod try: the module alone on a virtual set, through the whole story of an update, and what is true then.
 #include "command.h"
 #include "control-library.h"
+#include "files.h"
 #include "trial-set.h"
 
 #include "fw-update-symbol.h"
@@ -126,11 +127,10 @@ void checkLibrary(const Options& options)
 {
     if (options.library.extension() != ".so")
         throw Failure("the daemon opens NAME.so only: rename " + options.library.string());
-    if (!isElf(options.library))
-        throw Failure(options.library.string() + " is not a library");
+    const std::string problem = whyNotLoadable(options.library);
+    if (!problem.empty())
+        throw Failure(options.library.string() + " cannot be loaded: " + problem);
     const ControlLibrary library = readControlLibrary(options.library);
-    if (!library.isForThisMachine)
-        throw Failure(options.library.string() + " is built for another processor: build it for this PC");
     for (const EntryPointState& entry : library.entryPoints) {
         if (entry.required && !entry.exported)
             throw Failure(options.library.string() + " does not export " + entry.name +
@@ -308,7 +308,7 @@ bool Trial::isFoundPending()
 // The module as "fwctl why" sees it, with the daemon's own code.
 Json::Value Trial::examine()
 {
-    const TrialSet::Output told = set_->run({"fwctl", "why", name_, "--json"});
+    const TrialSet::Output told = set_->run({"fwctl", "why", "--json", "--", name_});
     Json::Value modules;
     std::istringstream text(told.text);
     std::string errors;
@@ -318,10 +318,9 @@ Json::Value Trial::examine()
     if (module.isMember("failure"))
         throw Failure("the control library fails: " + module["failure"].asString());
     if (module["kind"] == "unusable") {
-        std::string reason = "the daemon cannot use the control library";
-        for (const Json::Value& message : module["load_messages"])
-            reason += "\n  " + message.asString();
-        throw Failure(reason);
+        const Json::Value& messages = module["load_messages"]; // the last one tells what stopped the loading
+        throw Failure("the daemon cannot use the control library" +
+                      (messages.empty() ? "" : ": " + messages[messages.size() - 1].asString()));
     }
     return module;
 }
@@ -360,7 +359,7 @@ void Trial::failNotPending()
     checkNames(module);
     const bool isBlank = module["installed"].isNull() && options_.hardware.empty();
     throw Failure("the daemon finds nothing to update. \"fwctl why\" in the set says:\n" +
-                  set_->run({"fwctl", "why", name_}).text +
+                  set_->run({"fwctl", "why", "--", name_}).text +
                   (isBlank ? "Without --hardware the set's /var/lib/hardware is empty." : ""));
 }
 
@@ -590,7 +589,7 @@ void Trial::tryExternalModule()
 void Trial::updateDirectly(std::optional<unsigned int> powerCut)
 {
     const auto start = steady_clock::now();
-    const int status = set_->runAlone({"fwctl", "update", name_}, powerCut);
+    const int status = set_->runAlone({"fwctl", "update", "--", name_}, powerCut);
     Write write;
     write.verdict = status == 0 ? "success" : "failure";
     write.duration = std::chrono::duration<double>(steady_clock::now() - start).count();
@@ -649,9 +648,19 @@ Json::Value Trial::toJson() const
     return json;
 }
 
+void checkFiles(const Options& options)
+{
+    requireReadable(options.library);
+    if (!options.package.empty())
+        requireReadable(options.package);
+    requireDirectory(options.firmware, "--firmware");
+    requireDirectory(options.hardware, "--hardware");
+}
+
 int tryModule(const Options& options)
 {
     checkUse(options);
+    checkFiles(options);
     checkLibrary(options);
     checkRootless(options);
     return Trial(options).run() ? 0 : 1;
@@ -661,16 +670,11 @@ int tryModule(const Options& options)
 Run defineTry(CLI::App& app)
 {
     auto options = std::make_shared<Options>();
-    app.add_option("LIB", options->library, "The control library, NAME.so")
-        ->required()
-        ->check(CLI::ExistingFile);
-    app.add_option("--package", options->package, "Its package, IDENTIFIER.img: the package service has it")
-        ->check(CLI::ExistingFile);
+    app.add_option("LIB", options->library, "The control library, NAME.so")->required();
+    app.add_option("--package", options->package, "Its package, IDENTIFIER.img: the package service has it");
     app.add_option("--firmware", options->firmware,
-                   "A directory of the system image: seen as /lib/firmware/ext/NAME, by its own name")
-        ->check(CLI::ExistingDirectory);
-    app.add_option("--hardware", options->hardware, "What lies in /var/lib/hardware at the start")
-        ->check(CLI::ExistingDirectory);
+                   "A directory of the system image: seen as /lib/firmware/ext/NAME, by its own name");
+    app.add_option("--hardware", options->hardware, "What lies in /var/lib/hardware at the start");
     app.add_flag("--accept", options->isAccepted,
                  "The viewer accepts the update on the screen (default: it is done at standby)");
     app.add_option("--power-cut", options->powerCut,

@@ -29,6 +29,7 @@ void measure(Supervisor& supervisor, Report& report)
     const Job& job = supervisor.job();
     const Answers answers = askQuestions(supervisor, report);
     report.measure("loaded", answers.isLoaded);
+    report.measure("identifier", answers.identifier);
     report.measure("versionBefore", answers.version);
     report.measure("versionTold", !answers.version.empty() && !report.has(210));
     report.measure("offerNewer", answers.isNewer);

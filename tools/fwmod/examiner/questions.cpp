@@ -47,7 +47,11 @@ void askIdentifier(Worker& worker, SameText& identifier)
             identifier.take(*text, "");
         return text.has_value();
     });
-    if (identifier.text() && !isIdentifier(*identifier.text()))
+    if (!identifier.text())
+        return;
+    if (isIdentifier(*identifier.text()))
+        worker.tell("identifier", *identifier.text());
+    else
         worker.found(202, "getEMPID told " + quote(*identifier.text()));
 }
 
@@ -197,6 +201,8 @@ Answers askQuestions(Supervisor& supervisor, Report& report)
         answers.isLoaded = answers.isLoaded || session.told["loaded"].asBool();
         if (session.told.isMember("version"))
             answers.version = session.told["version"].asString();
+        if (session.told.isMember("identifier"))
+            answers.identifier = session.told["identifier"].asString();
         if (session.told.isMember("newer"))
             answers.isNewer = session.told["newer"].asBool();
         if (!session.death)

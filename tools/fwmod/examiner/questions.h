@@ -7,8 +7,9 @@
 
 struct Answers {
     bool isLoaded = false;
-    std::string version;  // "" when not told
-    bool isNewer = false; // the offered version, in the library's words
+    std::string identifier; // "" when there is no sound one
+    std::string version;    // "" when not told
+    bool isNewer = false;   // the offered version, in the library's words
 };
 
 // Goes on after a call that has ended the process, without that call.
