@@ -165,4 +165,25 @@ TEST_F(Check, ExternalExampleIsSound)
     expectSound({kExamples / "EXT-soundbar.so", "--firmware", kExamples / "images/1.1/Soundbar", "--hardware",
                  kHardware});
 }
+
+// The daemon derives the names from the identifier, so these would never be looked at on a set.
+TEST_F(Check, AnImageUnderAnotherNameIsRefused)
+{
+    const fs::path images = kExamples / "images/1.1";
+    fs::copy(images / "Tuner", directory / "Other");
+    fs::rename(fs::path(directory / "Other") / "Tuner.bin", fs::path(directory / "Other") / "Other.bin");
+    const std::string information = directory / "Other/info.json";
+    const std::string image = directory / "Other/Other.bin";
+    const std::string package = directory / "empOther.img";
+    runProgram(
+        {FWMOD, "package", "--image", image, "--info", information, "--id", "empOther", "-o", package});
+    const std::string library = kExamples / "tuner.so";
+    const std::string hardware = kExamples / "images/1.0/hardware";
+    const Outcome misnamed = check({library, "--package", package, "--hardware", hardware});
+    EXPECT_EQ(misnamed.status, 1);
+    EXPECT_THAT(misnamed.err, HasSubstr("so the daemon asks for empTuner.img"));
+    const Outcome unoffered = check({library, "--firmware", directory / "Other"});
+    EXPECT_EQ(unoffered.status, 1);
+    EXPECT_THAT(unoffered.err, HasSubstr("ui_use"));
+}
 } // namespace

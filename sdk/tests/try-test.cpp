@@ -295,6 +295,16 @@ TEST_F(Try, WrongUseIsRefusedBeforeASetIsMade)
     EXPECT_THAT(noLibrary.err, HasSubstr("the daemon opens NAME.so only"));
 }
 
+TEST_F(Try, AReaderThatGoesAwayLeavesNoSet)
+{
+    std::vector<std::string> script = {"bash", "-c", "\"$@\" | head -1; exit ${PIPESTATUS[0]}", "bash"};
+    const std::vector<std::string> command = words(tuner());
+    script.insert(script.end(), command.begin(), command.end());
+    const Outcome tried = runProgram(script);
+    EXPECT_EQ(tried.status, 1);
+    EXPECT_THAT(tried.err, HasSubstr("its reader has gone"));
+}
+
 // ---- Interruption ----
 
 bool isUsed(const fs::path& directory)

@@ -96,6 +96,24 @@ TEST_F(WriteWatchTest, SeesEveryWayToWriteAFile)
     EXPECT_THAT(calls, ElementsAre("write", "pwrite64", "ftruncate", "fdatasync", "write"));
 }
 
+TEST_F(WriteWatchTest, SeesRenamingAndRemovingByAnyPath)
+{
+    const std::string next = directory_ / "next";
+    const auto calls = watch([&] {
+        const auto makeNext = [&] { close(open(next.c_str(), O_WRONLY | O_CREAT, 0600)); };
+        makeNext();
+        rename(next.c_str(), chip().c_str());
+        makeNext();
+        (void)!chdir(directory_.c_str());
+        rename("next", "./chip");
+        makeNext();
+        (void)!chdir("/");
+        renameat(AT_FDCWD, next.c_str(), open(directory_.c_str(), O_RDONLY | O_DIRECTORY), "chip");
+        unlink(chip().c_str());
+    });
+    EXPECT_THAT(calls, ElementsAre("rename", "rename", "renameat", "unlink"));
+}
+
 TEST_F(WriteWatchTest, AKilledProcessHasWrittenWhatCameBefore)
 {
     const auto work = [this] {

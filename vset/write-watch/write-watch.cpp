@@ -10,6 +10,8 @@
 #include <system_error>
 #include <vector>
 
+#include <fcntl.h>
+#include <iterator>
 #include <seccomp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -44,10 +46,36 @@ constexpr Call kCalls[] = {
     {"ioctl", 0, Size::None, 0, true},
 };
 
+// Calls that change a directory's entries, or a file without opening it.
+struct PathCall {
+    const char* name;
+    int directoryArgument; // what a relative path starts from; kWorkingDirectory when no argument says it
+    unsigned int pathArgument;
+};
+constexpr int kWorkingDirectory = -1;
+constexpr PathCall kPathCalls[] = {
+    {"rename", kWorkingDirectory, 1},
+    {"renameat", 2, 3},
+    {"renameat2", 2, 3},
+    {"unlink", kWorkingDirectory, 0},
+    {"unlinkat", 0, 1},
+    {"link", kWorkingDirectory, 1},
+    {"linkat", 2, 3},
+    {"symlink", kWorkingDirectory, 1},
+    {"symlinkat", 1, 2},
+    {"truncate", kWorkingDirectory, 0},
+};
+
 // Where programs leave notes, streams and locks: nothing there is hardware.
-constexpr const char* kPassing[] = {"/tmp/",       "/run/",       "/proc/",       "/var/log/", "/dev/shm/",
-                                    "/dev/mqueue", "/dev/pts/",   "/dev/tty",     "/dev/null", "/dev/zero",
-                                    "/dev/full",   "/dev/random", "/dev/urandom", "/dev/fuse", "/memfd:"};
+constexpr const char* kPassing[] = {
+    "/tmp/",        "/run/",
+    "/proc/",       "/var/log/",
+    "/dev/shm/",    "/dev/mqueue",
+    "/dev/pts/",    "/dev/tty",
+    "/dev/null",    "/dev/zero",
+    "/dev/full",    "/dev/random",
+    "/dev/urandom", "/dev/fuse",
+    "/memfd:",      "/opt/usr/apps/appbinarymanager/"}; // packages: the daemon removes them
 
 [[noreturn]] void fail(const char* what)
 {
@@ -62,28 +90,77 @@ void check(int result, const char* what)
     fail(what);
 }
 
-const Call* findCall(const seccomp_notif& notice)
+template <typename Table>
+auto findCall(const Table& calls, const seccomp_notif& notice)
 {
-    for (const Call& call : kCalls) {
-        if (seccomp_syscall_resolve_name(call.name) == notice.data.nr)
-            return &call;
-    }
-    return nullptr;
+    const auto* const found = std::find_if(std::begin(calls), std::end(calls), [&](const auto& call) {
+        return seccomp_syscall_resolve_name(call.name) == notice.data.nr;
+    });
+    return found == std::end(calls) ? nullptr : found;
 }
 
-bool isHardware(const Call& call, const fs::path& link, const std::string& path)
+template <typename Table>
+void addRules(scmp_filter_ctx filter, const Table& calls)
+{
+    for (const auto& call : calls)
+        check(seccomp_rule_add(filter, SCMP_ACT_NOTIFY, seccomp_syscall_resolve_name(call.name), 0),
+              "cannot make the write filter");
+}
+
+bool isHardware(const std::string& path)
 {
     if (path.empty() || path.front() != '/')
         return false; // a pipe, a socket, an event
-    for (const char* passing : kPassing) {
-        if (path.compare(0, std::strlen(passing), passing) == 0)
-            return false;
-    }
-    struct stat file {
-    };
-    if (!call.devicesOnly)
-        return true;
+    return std::none_of(std::begin(kPassing), std::end(kPassing), [&](const char* passing) {
+        return path.compare(0, std::strlen(passing), passing) == 0;
+    });
+}
+
+bool isDevice(const fs::path& link)
+{
+    struct stat file = {};
     return stat(link.c_str(), &file) == 0 && (S_ISCHR(file.st_mode) || S_ISBLK(file.st_mode));
+}
+
+fs::path descriptorLink(const seccomp_notif& notice, unsigned int argument)
+{
+    return "/proc/" + std::to_string(notice.pid) + "/fd/" +
+           std::to_string(static_cast<int>(notice.data.args[argument]));
+}
+
+// Text in the memory of the process that waits, read page by page; "" when it cannot be.
+std::string textAt(pid_t process, std::uint64_t address)
+{
+    constexpr std::uint64_t kPage = 4096; // or a part of the machine's
+    std::string text;
+    while (text.size() < PATH_MAX) {
+        std::array<char, kPage> piece{};
+        const iovec here{piece.data(), kPage - address % kPage};
+        const iovec there{reinterpret_cast<void*>(address), here.iov_len}; // of that process
+        if (process_vm_readv(process, &here, 1, &there, 1, 0) != static_cast<ssize_t>(here.iov_len))
+            return "";
+        const std::size_t length = strnlen(piece.data(), here.iov_len);
+        text.append(piece.data(), length);
+        if (length < here.iov_len)
+            return text;
+        address += here.iov_len;
+    }
+    return "";
+}
+
+std::string pathOf(const PathCall& call, const seccomp_notif& notice)
+{
+    const std::string text = textAt(static_cast<pid_t>(notice.pid), notice.data.args[call.pathArgument]);
+    if (text.empty() || text.front() == '/')
+        return text;
+    const bool isBelowDescriptor =
+        call.directoryArgument != kWorkingDirectory &&
+        static_cast<int>(notice.data.args[static_cast<unsigned int>(call.directoryArgument)]) != AT_FDCWD;
+    const fs::path start = isBelowDescriptor
+                               ? descriptorLink(notice, static_cast<unsigned int>(call.directoryArgument))
+                               : fs::path("/proc/" + std::to_string(notice.pid) + "/cwd");
+    std::error_code gone;
+    return (fs::read_symlink(start, gone) / text).lexically_normal();
 }
 
 // Of a vector in the memory of the process that waits. What cannot be read counts as nothing: the call will
@@ -114,6 +191,24 @@ std::uint64_t bytesOf(const Call& call, const seccomp_notif& notice)
         break;
     }
     return 0;
+}
+
+std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
+{
+    HardwareWrite write{notice.id, static_cast<pid_t>(notice.pid), "", "", 0};
+    if (const Call* const call = findCall(kCalls, notice)) {
+        const fs::path link = descriptorLink(notice, call->descriptorArgument);
+        std::error_code gone;
+        write.call = call->name;
+        write.path = fs::read_symlink(link, gone);
+        write.bytes = bytesOf(*call, notice);
+        if (call->devicesOnly && !isDevice(link))
+            return std::nullopt;
+    } else if (const PathCall* const pathCall = findCall(kPathCalls, notice)) {
+        write.call = pathCall->name;
+        write.path = pathOf(*pathCall, notice);
+    }
+    return isHardware(write.path) ? std::optional(write) : std::nullopt;
 }
 
 // ---- The listening end on its way to the watcher ----
@@ -170,9 +265,8 @@ void submitToWatch(int socket)
                                                                    &seccomp_release);
     if (!filter)
         fail("cannot make the write filter");
-    for (const Call& call : kCalls)
-        check(seccomp_rule_add(filter.get(), SCMP_ACT_NOTIFY, seccomp_syscall_resolve_name(call.name), 0),
-              "cannot make the write filter");
+    addRules(filter.get(), kCalls);
+    addRules(filter.get(), kPathCalls);
     check(seccomp_load(filter.get()),
           "this system does not let a process's writes be watched (seccomp user notification)");
     const int listener = seccomp_notify_fd(filter.get());
@@ -196,16 +290,8 @@ std::optional<HardwareWrite> WriteWatch::next()
             return std::nullopt; // it was killed while it waited
         fail("cannot watch the process");
     }
-    const Call* const call = findCall(notice);
-    if (call != nullptr) {
-        const fs::path link = "/proc/" + std::to_string(notice.pid) + "/fd/" +
-                              std::to_string(static_cast<int>(notice.data.args[call->descriptorArgument]));
-        std::error_code gone;
-        const std::string path = fs::read_symlink(link, gone);
-        if (!gone && isHardware(*call, link, path))
-            return HardwareWrite{notice.id, static_cast<pid_t>(notice.pid), call->name, path,
-                                 bytesOf(*call, notice)};
-    }
+    if (std::optional<HardwareWrite> write = hardwareWriteIn(notice))
+        return write;
     allow(notice.id);
     return std::nullopt;
 }

@@ -5,8 +5,8 @@
 // kills the process instead ends it between two writes, as a power cut would.
 //
 // "Hardware" is what outlives a power cut: device nodes and files, but for those where programs leave notes
-// (/tmp, /run, /proc, /dev/shm, /var/log). A flush counts as a write, because it orders those around it. Not
-// seen: stores into mapped memory, and renaming and removing, which lie between two writes of most programs.
+// (/tmp, /run, /proc, /dev/shm, /var/log, the packages). A flush counts as a write, because it orders those
+// around it, and so do renaming, linking and removing. Not seen: stores into mapped memory.
 //
 // Linux 5.5 or later. A process can be watched once. Errors are std::system_error.
 #pragma once

@@ -1,12 +1,16 @@
 #include "job.h"
 
+#include <algorithm>
 #include <fstream>
 #include <stdexcept>
 
 std::chrono::milliseconds Job::updateLimit() const
 {
     // The real duration is to be known, also of an update that takes twice as long as expected.
-    return std::chrono::seconds(2 * expectedTime + 10);
+    const std::chrono::milliseconds patience = std::chrono::seconds(2 * expectedTime + 10);
+    if (measured <= 0)
+        return patience;
+    return std::min(patience, std::chrono::milliseconds(static_cast<int>(4000 * measured) + 5000));
 }
 
 Job readJob(const std::string& file)
@@ -27,6 +31,7 @@ Job readJob(const std::string& file)
     if (root.isMember("version"))
         job.version = root["version"].asString();
     job.expectedTime = root["expectedTime"].asUInt();
+    job.measured = root["duration"].asDouble();
     job.caller = root["caller"].asInt();
     for (const std::string& name : root["mangled"].getMemberNames())
         job.mangled[name] = root["mangled"][name].asString();

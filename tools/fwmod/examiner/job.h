@@ -20,6 +20,7 @@ struct Job {
     unsigned long checksum;             // 0 for an external module
     std::optional<std::string> version; // offered
     unsigned int expectedTime;          // seconds
+    double measured;                    // seconds that the sound update took; 0 before it
     int caller;                         // of setContext
     std::map<std::string, std::string> mangled; // entry point and its C++ name, where only that is exported
 

@@ -218,20 +218,20 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
 
 bool Worker::repeat(const std::string& name, int times, const std::function<bool()>& ask)
 {
-    constexpr std::size_t kTolerated = 2; // what is kept open for good is opened once, or twice
     const std::int64_t end = realNow() + std::chrono::nanoseconds(kRepeatLimit).count();
-    if (!ask())
-        return false;
-    const std::size_t first = openDescriptors();
-    int time = 1;
-    for (; time < times && realNow() < end; ++time) {
+    const int settled = (times + 1) / 2; // what is kept open for good has been opened by then
+    std::size_t first = 0;
+    int time = 0;
+    for (; time < times && (time <= settled || realNow() < end); ++time) {
+        if (time == settled)
+            first = openDescriptors();
         if (!ask())
             return false;
     }
     const std::size_t last = openDescriptors();
-    if (last > first + kTolerated)
-        found(310, name + ": " + std::to_string(last - first) + " more after " + std::to_string(time - 1) +
-                       " calls");
+    if (time > settled && last > first)
+        found(310, name + ": " + std::to_string(last - first) + " more after " +
+                       std::to_string(time - settled) + " calls");
     return true;
 }
 
