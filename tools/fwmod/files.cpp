@@ -89,7 +89,7 @@ void requireReadable(const fs::path& path)
     if (error)
         throw Failure("cannot look at " + path.string() + ": " + error.message());
     if (!fs::is_regular_file(status))
-        throw Failure(path.string() + " is not a regular file: name the file itself");
+        throw Failure(path.string() + " is not a file: name the file itself");
     if (!std::ifstream(path))
         failOn(path, "read");
 }
