@@ -2,7 +2,7 @@
 //
 // A line is written with a single call on a file opened for appending: lines of several writers never mix,
 // and nothing is held back in the process, which may be killed or end without flushing at any moment. The
-// file is opened anew for every record, so it may be moved or removed while programs run.
+// file may be moved or removed while programs run (log-file.h).
 //
 // Fields, separated by tabs: time (UTC of the set), log id or "trace", priority, tag, process, thread, thread
 // name, file, function, line (the last three empty in the platform log), message. A tab, a line end or a
@@ -14,19 +14,17 @@
 #include <ctime>
 #include <string>
 
-#include <fcntl.h>
-#include <pthread.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <sys/prctl.h>
 
 #include "exported.h"
+#include "log-file.h"
 #include "norlog.h"
 #include "trace_logger.h"
 
 namespace
 {
 
-constexpr const char* kLogFile = "/var/log/platform.log";
+constexpr size_t kUsualLine = 512; // bytes, for which one allocation is made
 
 // Puts the caller's errno back: a record must change nothing for its writer.
 class ErrnoKeeper
@@ -44,31 +42,45 @@ struct Location {
     int line;
 };
 
+bool isPlain(char character)
+{
+    const auto byte = static_cast<unsigned char>(character);
+    return byte >= 0x20 && byte != 0x7f && byte != '\\';
+}
+
+void appendEscape(std::string& line, char character)
+{
+    constexpr const char* kDigits = "0123456789ABCDEF";
+    const auto byte = static_cast<unsigned char>(character);
+    switch (character) {
+    case '\n':
+        line += "\\n";
+        break;
+    case '\t':
+        line += "\\t";
+        break;
+    case '\r':
+        line += "\\r";
+        break;
+    case '\\':
+        line += "\\\\";
+        break;
+    default:
+        line += {'\\', 'x', kDigits[byte / 16], kDigits[byte % 16]};
+    }
+}
+
 void appendEscaped(std::string& line, const char* text)
 {
-    for (; *text != '\0'; ++text) {
-        const auto byte = static_cast<unsigned char>(*text);
-        char hex[8];
-        switch (*text) {
-        case '\n':
-            line += "\\n";
-            break;
-        case '\t':
-            line += "\\t";
-            break;
-        case '\r':
-            line += "\\r";
-            break;
-        case '\\':
-            line += "\\\\";
-            break;
-        default:
-            if (byte >= 0x20 && byte != 0x7f) {
-                line += *text;
-            } else {
-                snprintf(hex, sizeof hex, "\\x%02X", byte);
-                line += hex;
-            }
+    while (*text != '\0') {
+        const char* end = text;
+        while (isPlain(*end)) {
+            ++end;
+        }
+        line.append(text, end);
+        text = end;
+        if (*text != '\0') {
+            appendEscape(line, *text++);
         }
     }
 }
@@ -79,17 +91,33 @@ void appendField(std::string& line, const char* text)
     appendEscaped(line, text == nullptr ? "" : text);
 }
 
-std::string now()
+void appendField(std::string& line, long number)
 {
+    line += '\t';
+    line += std::to_string(number);
+}
+
+// The date of a second is written once for each thread, not for each record.
+void appendNow(std::string& line)
+{
+    struct Second {
+        time_t time = -1;
+        char text[32] = "";
+    };
+    thread_local Second known;
     timespec time{};
     clock_gettime(CLOCK_REALTIME, &time);
-    tm parts{};
-    gmtime_r(&time.tv_sec, &parts);
-    char date[32];
-    strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &parts);
-    char fraction[16];
-    snprintf(fraction, sizeof fraction, ".%06uZ", static_cast<unsigned int>(time.tv_nsec / 1000) % 1'000'000);
-    return std::string(date) + fraction;
+    if (time.tv_sec != known.time) {
+        tm parts{};
+        gmtime_r(&time.tv_sec, &parts);
+        strftime(known.text, sizeof known.text, "%Y-%m-%dT%H:%M:%S.", &parts);
+        known.time = time.tv_sec;
+    }
+    const std::string fraction = std::to_string(time.tv_nsec / 1000);
+    line += known.text;
+    line.append(6 - fraction.size(), '0');
+    line += fraction;
+    line += 'Z';
 }
 
 // The formatted message; errno must still be the caller's, for "%m". False for a format that cannot be
@@ -117,31 +145,28 @@ __attribute__((format(printf, 2, 0))) bool formatMessage(std::string& message, c
 std::string lineOf(const char* buffer, int priority, const char* tag, const Location* place,
                    const std::string& message)
 {
+    const platform::Writer writer = platform::writer();
     char threadName[32] = "";
-    pthread_getname_np(pthread_self(), threadName, sizeof threadName);
-    std::string line = now();
+    prctl(PR_GET_NAME, threadName); // asked anew: a thread may take another name
+    std::string line;
+    line.reserve(kUsualLine + message.size());
+    appendNow(line);
     appendField(line, buffer);
-    appendField(line, std::to_string(priority).c_str());
+    appendField(line, priority);
     appendField(line, tag);
-    appendField(line, std::to_string(getpid()).c_str());
-    appendField(line, std::to_string(gettid()).c_str());
+    appendField(line, writer.process);
+    appendField(line, writer.thread);
     appendField(line, threadName);
     appendField(line, place == nullptr ? "" : place->file);
     appendField(line, place == nullptr ? "" : place->function);
-    appendField(line, place == nullptr ? "" : std::to_string(place->line).c_str());
+    if (place == nullptr) {
+        line += '\t';
+    } else {
+        appendField(line, place->line);
+    }
     appendField(line, message.c_str());
     line += '\n';
     return line;
-}
-
-int append(const std::string& line)
-{
-    const int file = open(kLogFile, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666);
-    if (file < 0)
-        return -1;
-    const ssize_t written = write(file, line.data(), line.size());
-    close(file);
-    return written == static_cast<ssize_t>(line.size()) ? 0 : -1;
 }
 
 } // namespace
@@ -158,7 +183,7 @@ PLATFORM_EXPORT int __norlog_print(int log_id, int priority, const char* tag, co
     va_end(values);
     if (!isPrintable)
         return -1;
-    return append(lineOf(std::to_string(log_id).c_str(), priority, tag, nullptr, message));
+    return platform::appendToLog(lineOf(std::to_string(log_id).c_str(), priority, tag, nullptr, message));
 }
 
 PLATFORM_EXPORT void TraceLogger::record(int priority, const char* file, const char* function, int line,
@@ -174,5 +199,5 @@ PLATFORM_EXPORT void TraceLogger::record(int priority, const char* file, const c
     va_end(values);
     const Location place = {file, function, line};
     if (isPrintable)
-        append(lineOf("trace", priority, "", &place, message));
+        platform::appendToLog(lineOf("trace", priority, "", &place, message));
 }

@@ -1,13 +1,17 @@
 // The two logs in one file: whole lines, from many writers, whatever happens to these.
 
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <thread>
 
 #include <signal.h>
+#include <sys/inotify.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "norlog.h"
@@ -42,6 +46,31 @@ protected:
             ++count;
         return count;
     }
+};
+
+// How often the log has been opened since this was made.
+class OpenWatch
+{
+public:
+    OpenWatch() : events_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
+    {
+        inotify_add_watch(events_, vset::kLogFile, IN_OPEN);
+    }
+    ~OpenWatch() { close(events_); }
+    OpenWatch(const OpenWatch&) = delete;
+    OpenWatch& operator=(const OpenWatch&) = delete;
+
+    int count() const
+    {
+        int opened = 0;
+        alignas(inotify_event) char block[4096];
+        for (ssize_t size = 0; (size = read(events_, block, sizeof block)) > 0;)
+            opened += static_cast<int>(size / static_cast<ssize_t>(sizeof(inotify_event)));
+        return opened;
+    }
+
+private:
+    int events_;
 };
 
 } // namespace
@@ -163,6 +192,100 @@ TEST_F(PlatformLog, ALogThatWasMovedAwayIsBegunAnewAndFollowed)
     __norlog_print(2, 6, "T", "after");
     reader.join();
     EXPECT_THAT(followed, testing::ElementsAre("before", "after"));
+}
+
+TEST_F(PlatformLog, TheFileIsOpenedOnceForManyRecords)
+{
+    __norlog_print(2, 6, "T", "first");
+    const OpenWatch watch;
+    for (int number = 0; number < 100; ++number) {
+        __norlog_print(2, 6, "T", "%d", number);
+        TraceLogger::record(4, "f", "f", 1, "%d", number);
+    }
+    EXPECT_EQ(watch.count(), 0);
+    EXPECT_EQ(lineCount(), 201U);
+}
+
+TEST_F(PlatformLog, TheNextRecordAfterARemovalIsInTheNewFile)
+{
+    for (int round = 0; round < 100; ++round) {
+        ASSERT_EQ(__norlog_print(2, 6, "T", "before"), 0);
+        ASSERT_EQ(unlink(vset::kLogFile), 0);
+        ASSERT_EQ(__norlog_print(2, 6, "T", "after"), 0);
+        ASSERT_EQ(lineCount(), 1U);
+    }
+}
+
+TEST_F(PlatformLog, NoRecordOfSeveralWritersIsLostWhenTheLogIsMovedAgainAndAgain)
+{
+    constexpr int kWriters = 3;
+    constexpr int kRecords = 1000;
+    std::vector<std::thread> writers;
+    for (int writer = 0; writer < kWriters; ++writer) {
+        writers.emplace_back([writer] {
+            for (int number = 0; number < kRecords; ++number)
+                __norlog_print(2, 6, "T", "%d/%d", writer, number);
+        });
+    }
+    std::vector<std::string> moved;
+    for (int number = 0; number < 50; ++number) {
+        const std::string away = std::string(vset::kLogFile) + "." + std::to_string(number);
+        if (rename(vset::kLogFile, away.c_str()) == 0)
+            moved.push_back(away);
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+    for (std::thread& writer : writers)
+        writer.join();
+    __norlog_print(2, 6, "T", "last");
+    moved.emplace_back(vset::kLogFile);
+    std::map<std::string, int> seen;
+    for (const std::string& path : moved) {
+        vset::LogReader reader(path);
+        while (const auto record = reader.next())
+            ++seen[record->message];
+    }
+    EXPECT_EQ(seen.size(), size_t{kWriters} * kRecords + 1);
+    EXPECT_TRUE(std::all_of(seen.begin(), seen.end(), [](const auto& entry) { return entry.second == 1; }));
+}
+
+TEST_F(PlatformLog, AForkedProcessAndItsThreadsTellTheirOwnNumbers)
+{
+    __norlog_print(2, 6, "T", "parent");
+    const pid_t child = fork();
+    if (child == 0) {
+        __norlog_print(2, 6, "T", "child");
+        std::thread([] { __norlog_print(2, 6, "T", "thread %d", gettid()); }).join();
+        _exit(0);
+    }
+    ASSERT_GT(child, 0);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    std::thread([] { __norlog_print(2, 6, "T", "thread %d", gettid()); }).join();
+    const auto all = records();
+    ASSERT_EQ(all.size(), 4U);
+    EXPECT_EQ(all[0].process, getpid());
+    EXPECT_EQ(all[1].process, child);
+    EXPECT_EQ(all[1].thread, child);
+    EXPECT_EQ(all[2].process, child);
+    EXPECT_EQ(all[2].message, "thread " + std::to_string(all[2].thread));
+    EXPECT_EQ(all[3].process, getpid());
+    EXPECT_EQ(all[3].message, "thread " + std::to_string(all[3].thread));
+}
+
+TEST_F(PlatformLog, AProgramThatClosesEveryFileStillLogsAndIntoTheLogOnly)
+{
+    Child child("log-after-closing");
+    EXPECT_EQ(child.wait(), 0);
+    const auto all = records();
+    ASSERT_EQ(all.size(), 2U);
+    EXPECT_EQ(all[1].message, "after");
+    EXPECT_TRUE(std::filesystem::is_empty("/tmp/opened-after-closing"));
+}
+
+TEST_F(PlatformLog, TheLogIsNeverOneOfTheStandardStreams)
+{
+    Child child("log-without-streams");
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(records().size(), 1U);
 }
 
 TEST_F(PlatformLog, WhatIsNoRecordIsSkipped)

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <thread>
 
+#include <fcntl.h>
 #include <gio/gio.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -201,13 +202,37 @@ int logMuch()
     return EXIT_SUCCESS;
 }
 
+// As a program that makes itself a service does.
+int logAfterClosing()
+{
+    __norlog_print(2, 6, "T", "before");
+    for (int file = 3; file < 1024; ++file)
+        close(file);
+    const int mine = open("/tmp/opened-after-closing", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    const int result = __norlog_print(2, 6, "T", "after");
+    return mine >= 0 && result == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+int logWithoutStreams()
+{
+    for (int file = 0; file < 3; ++file)
+        close(file);
+    const int result = __norlog_print(2, 6, "T", "text");
+    return result == 0 && fcntl(STDOUT_FILENO, F_GETFD) < 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
 struct Part {
     const char* name;
     int (*play)();
 };
 constexpr Part kParts[] = {
-    {"hold-everything", holdEverything}, {"call-in-vain", callInVain}, {"call-again", callAgainAndAgain},
-    {"log-for-ever", logForEver},        {"log-much", logMuch},
+    {"hold-everything", holdEverything},
+    {"call-in-vain", callInVain},
+    {"call-again", callAgainAndAgain},
+    {"log-for-ever", logForEver},
+    {"log-much", logMuch},
+    {"log-after-closing", logAfterClosing},
+    {"log-without-streams", logWithoutStreams},
 };
 
 } // namespace
