@@ -178,7 +178,7 @@ public:
     void alwaysAnswerMount(MountOperation operation, MountAnswer answer);
     std::vector<std::string> mountedDirectories() const; // in order of mounting
 
-    // ---- For the calls in fake-platform.cpp ----
+    // ---- For the calls, one file for each service ----
 
     // Keeps the call and lets the test act on it. The scripted result, if there is one.
     std::optional<int> enter(const std::string& function, const std::string& arguments,
