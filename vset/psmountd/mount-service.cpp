@@ -8,11 +8,9 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <memory>
 #include <vector>
 
 #include <fcntl.h>
-#include <libmount.h>
 #include <linux/major.h>
 #include <linux/openat2.h>
 #include <spawn.h>
@@ -35,10 +33,6 @@ constexpr const char* kPackageMounts = "/opt/usr/apps/appbinarymanager/emps";
 constexpr Answer kNotUnderstood{-1, EINVAL};
 
 using vset::UniqueFd;
-
-struct ContextDeleter {
-    void operator()(libmnt_context* context) const { mnt_free_context(context); }
-};
 
 // ---- Paths ----
 
@@ -85,6 +79,20 @@ std::string pathOf(int directory)
 {
     std::error_code error;
     return vset::fs::read_symlink("/proc/self/fd/" + std::to_string(directory), error).string();
+}
+
+// ---- Mounting through a loop device ----
+
+// The file system on `device`, not mounted yet. By the kernel's own calls: a library that is told the target
+// by its name has to find the directory again, which may be another one by then.
+UniqueFd openSquashfs(const std::string& device)
+{
+    UniqueFd context(fsopen("squashfs", FSOPEN_CLOEXEC));
+    const bool isOpen = context &&
+                        fsconfig(context.get(), FSCONFIG_SET_STRING, "source", device.c_str(), 0) == 0 &&
+                        fsconfig(context.get(), FSCONFIG_SET_FLAG, "ro", nullptr, 0) == 0 &&
+                        fsconfig(context.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) == 0;
+    return isOpen ? std::move(context) : UniqueFd();
 }
 
 // ---- Mounting through FUSE ----
@@ -164,25 +172,17 @@ int MountService::mountLoop(int image, const std::string& name, int directory, b
     const std::optional<AttachedLoop> loop = attachLoop(image, name);
     if (!loop)
         return errno;
-    const std::unique_ptr<libmnt_context, ContextDeleter> context(mnt_new_context());
-    if (!context)
-        return ENOMEM;
+    const UniqueFd squashfs = openSquashfs(loop->node);
+    if (!squashfs)
+        return errno;
+    constexpr unsigned int kAlways = MOUNT_ATTR_RDONLY | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID;
+    const UniqueFd tree(
+        fsmount(squashfs.get(), FSMOUNT_CLOEXEC, kAlways | (noExec ? MOUNT_ATTR_NOEXEC : 0U)));
+    if (!tree)
+        return errno;
     // The open directory itself is mounted on, whatever its name stands for by now.
-    const std::string target = "/proc/self/fd/" + std::to_string(directory);
-    const char* options = noExec ? "ro,nodev,nosuid,noexec" : "ro,nodev,nosuid";
-    mnt_context_disable_canonicalize(context.get(), 1);
-    mnt_context_disable_helpers(context.get(), 1);
-    mnt_context_disable_mtab(context.get(), 1);
-    if (mnt_context_set_source(context.get(), loop->node.c_str()) != 0 ||
-        mnt_context_set_target(context.get(), target.c_str()) != 0 ||
-        mnt_context_set_fstype(context.get(), "squashfs") != 0 ||
-        mnt_context_set_options(context.get(), options) != 0)
-        return ENOMEM;
-    const int result = mnt_context_mount(context.get());
-    if (result == 0)
-        return 0;
-    const int error = mnt_context_get_syscall_errno(context.get());
-    return error != 0 ? error : (result < 0 ? -result : EIO);
+    constexpr unsigned int kByDescriptors = MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH;
+    return move_mount(tree.get(), "", directory, "", kByDescriptors) == 0 ? 0 : errno;
 }
 
 int MountService::mountFuse(int image, const std::string& directory)
