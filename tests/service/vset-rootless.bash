@@ -13,6 +13,17 @@ fi
 packages=/opt/usr/apps/appbinarymanager
 set_=$work/set
 
+# ---- The PC's own device nodes, kernel files and their modes are out of reach, also for root's own set ----
+modes() { stat -c '%n %a %u' /dev/full /dev/null /proc/diskstats; }
+before=$(modes)
+for user in "${as_user[*]}" ""; do
+    for file in /dev/full /proc/diskstats; do
+        expect 1 "Read-only file system" $user "$vset" run --temporary -u -- chmod 0640 "$file"
+    done
+    expect 0 "used" $user "$vset" run --temporary -u -- sh -c 'echo x >/dev/null && head -c 3 /dev/zero >/dev/null && echo used'
+done
+[ "$(modes)" = "$before" ] || fail "changed on the PC: $(modes)"
+
 # ---- A plain user ----
 expect 0 "not root: running without root" "${as_user[@]}" "$vset" run --temporary -- true
 expect 3 "" "${as_user[@]}" "$vset" run --temporary -u -- sh -c 'exit 3'

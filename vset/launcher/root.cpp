@@ -1,6 +1,7 @@
 #include "launcher/root.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
@@ -153,6 +154,13 @@ void composeEtc(const RootPlan& plan, const fs::path& etc)
 
 // ---- /dev ----
 
+void makeNode(const fs::path& node, mode_t mode, dev_t device)
+{
+    check(mknod(node.c_str(), mode, device),
+          "cannot make " + node.string() + " (a container may forbid it; -u does without devices)");
+    check(chmod(node.c_str(), mode & 07777), "cannot set the mode of " + node.string()); // past the mask
+}
+
 void makeLoopNode(const RootPlan& plan, const fs::path& dev, unsigned int number)
 {
     const fs::path node = dev / ("loop" + std::to_string(number));
@@ -160,9 +168,7 @@ void makeLoopNode(const RootPlan& plan, const fs::path& dev, unsigned int number
         touch(node);
         return;
     }
-    check(mknod(node.c_str(), S_IFBLK | 0660, makedev(LOOP_MAJOR, plan.loopBase + number)),
-          "cannot make " + node.string() + " (a container may forbid it; -u does without loop devices)");
-    check(chmod(node.c_str(), 0660), "cannot set the mode of " + node.string());
+    makeNode(node, S_IFBLK | 0660, makedev(LOOP_MAJOR, plan.loopBase + number));
 }
 
 void makeLoopControl(const RootPlan& plan, const fs::path& dev)
@@ -173,21 +179,33 @@ void makeLoopControl(const RootPlan& plan, const fs::path& dev)
     check(chmod((dev / ".vset").c_str(), 0700), "cannot hide the loop control node");
     constexpr unsigned int kMiscMajor = 10;
     constexpr unsigned int kLoopControlMinor = 237;
-    check(mknod((dev / ".vset/loop-control").c_str(), S_IFCHR | 0600, makedev(kMiscMajor, kLoopControlMinor)),
-          "cannot make the loop control node");
+    makeNode(dev / ".vset/loop-control", S_IFCHR | 0600, makedev(kMiscMajor, kLoopControlMinor));
+}
+
+// One of the PC's devices under a node of the set's own: whose mode the set changes is not the PC's. A plain
+// user cannot make one and gets to see the PC's, which cannot be changed by that way.
+void takeOverDevice(const RootPlan& plan, const fs::path& dev, const char* name)
+{
+    const fs::path host = fs::path("/dev") / name;
+    const fs::path node = dev / name;
+    struct stat status {
+    };
+    if (stat(host.c_str(), &status) != 0)
+        return; // no FUSE on this PC
+    if (plan.rootless) {
+        touch(node);
+        bindReadOnly(host, node); // no change of the node; what is written to the device gets there
+        return;
+    }
+    makeNode(node, status.st_mode, status.st_rdev);
 }
 
 void composeDev(const RootPlan& plan, const fs::path& dev)
 {
     fs::create_directory(dev);
     mountOn("dev", dev, "tmpfs", MS_NOSUID, "mode=0755");
-    for (const char* name : {"null", "zero", "full", "random", "urandom", "tty", "fuse"}) {
-        const fs::path host = fs::path("/dev") / name;
-        if (!fs::exists(host))
-            continue; // no FUSE on this PC
-        touch(dev / name);
-        mountOn(host.c_str(), dev / name, nullptr, MS_BIND, nullptr);
-    }
+    for (const char* name : {"null", "zero", "full", "random", "urandom", "tty", "fuse"})
+        takeOverDevice(plan, dev, name);
     for (const char* name : {"pts", "shm", "mqueue"})
         fs::create_directory(dev / name);
     mountOn("devpts", dev / "pts", "devpts", MS_NOSUID | MS_NOEXEC, "newinstance,ptmxmode=0666,mode=0620");
@@ -207,11 +225,22 @@ void composeDev(const RootPlan& plan, const fs::path& dev)
 
 // ---- /proc, /sys ----
 
+// All but the processes is one for the machine, modes included: a look at it, nothing more.
+void shieldKernel(const fs::path& proc)
+{
+    for (const fs::directory_entry& entry : fs::directory_iterator(proc)) {
+        const bool isProcess =
+            std::isdigit(static_cast<unsigned char>(entry.path().filename().c_str()[0])) != 0;
+        if (!isProcess && !entry.is_symlink())
+            bindReadOnly(entry.path(), entry.path());
+    }
+}
+
 void composeKernelFiles(const fs::path& root, const UniqueFd& sys)
 {
     fs::create_directory(root / "proc");
     mountOn("proc", root / "proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
-    bindReadOnly(root / "proc/sys", root / "proc/sys");
+    shieldKernel(root / "proc");
     fs::create_directory(root / "sys");
     makeReadOnly(sys.get());
     attachTree(sys, root / "sys");
