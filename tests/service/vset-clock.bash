@@ -30,6 +30,36 @@ case $("$vset" exec "$set_" -- date +%F) in "$yesterday" | "$(date -d '-1 day 1 
 expect 2 "--rate" "$vset" clock "$set_" --rate 0
 expect 2 "--jump" "$vset" clock "$set_" --jump soon
 is_up "$set_" || fail "a jump back has ended a wait"
+
+# ---- What is no time, and what would lead to another century, leaves the clock as it is ----
+ahead() { "$vset" clock "$set_" | sed 's/.*  \([-+0-9]*\)[.].*/\1/'; }
+before=$(ahead)
+for bad in nan -nan inf -inf 1e300 -1e300 315360001 -315360001; do
+    expect 2 "jump" "$vset" clock "$set_" --jump "$bad"
+done
+for bad in nan inf -1 0 1e300 1000.1; do
+    expect 2 "rate" "$vset" clock "$set_" --rate "$bad"
+done
+[ "$(ahead)" = "$before" ] || fail "a refused jump moves the clock: $before, then $(ahead)"
+expect 0 "rate 1 " "$vset" clock "$set_"
+ten_years=315360000
+for ((i = 0; i < 20; i++)); do "$vset" clock "$set_" --jump -$ten_years; done >"$work/jumps" 2>&1
+grep -q "from 1970 to 2099" "$work/jumps" || fail "no end to jumps back: $(tail -1 "$work/jumps")"
+case $("$vset" clock "$set_") in 19[78]?-*) ;; *) fail "back to $("$vset" clock "$set_")" ;; esac
 "$vset" clock "$set_" --jump 200000 >/dev/null
 wait "$leader" || fail "the command does not end at a jump"
+
+# ---- Forwards there is an end too, for the date and for the uptime ----
+"$vset" run "$set_" --clock-rate 1 -- sh -c 'while sleep 1000000000; do :; done' 2>/dev/null &
+started+=($!)
+within 20 is_up "$set_" || fail "the set does not come up"
+for ((i = 0; i < 20; i++)); do "$vset" clock "$set_" --jump $ten_years; done >"$work/jumps" 2>&1
+grep -q "from 1970 to 2099" "$work/jumps" || fail "no end to jumps forwards: $(tail -1 "$work/jumps")"
+case $("$vset" clock "$set_") in 209?-*) ;; *) fail "forwards to $("$vset" clock "$set_")" ;; esac
+for ((i = 0; i < 20; i++)); do
+    "$vset" clock "$set_" --jump -$ten_years && "$vset" clock "$set_" --jump $ten_years || break
+done >"$work/jumps" 2>&1
+grep -q "uptime" "$work/jumps" || fail "no end to the uptime: $(tail -1 "$work/jumps")"
+[ "$("$vset" exec "$set_" -- cut -d. -f1 /proc/uptime)" -gt 0 ] || fail "the set is out of order"
+is_up "$set_" || fail "the set is gone"
 conclude

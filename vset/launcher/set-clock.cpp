@@ -18,13 +18,14 @@ namespace vset
 namespace
 {
 
-constexpr double kNanosecondsPerSecond = 1e9;
+constexpr int64_t kNanoseconds = 1'000'000'000; // of a second
+constexpr double kNanosecondsPerSecond = kNanoseconds;
 
 int64_t hostTime(clockid_t clock)
 {
     timespec now{};
     clock_gettime(clock, &now);
-    return now.tv_sec * int64_t{1000000000} + now.tv_nsec;
+    return now.tv_sec * kNanoseconds + now.tv_nsec;
 }
 
 // The page of a set, mapped for writing and locked against other writers.
@@ -53,11 +54,16 @@ private:
     void* memory_ = nullptr;
 };
 
+int64_t wallOf(const ClockState& state)
+{
+    return state.monotonicAt(hostTime(CLOCK_MONOTONIC)) + state.wallOffset;
+}
+
 std::string describe(const ClockState& state)
 {
-    const int64_t wall = state.monotonicAt(hostTime(CLOCK_MONOTONIC)) + state.wallOffset;
+    const int64_t wall = wallOf(state);
     const double ahead = static_cast<double>(wall - hostTime(CLOCK_REALTIME)) / kNanosecondsPerSecond;
-    const std::time_t seconds = wall / 1000000000;
+    const std::time_t seconds = wall / kNanoseconds;
     std::tm parts{};
     localtime_r(&seconds, &parts);
     char date[32];
@@ -65,6 +71,33 @@ std::string describe(const ClockState& state)
     char text[128];
     std::snprintf(text, sizeof text, "%s  rate %g  %+.3f s to the PC", date, state.rate, ahead);
     return text;
+}
+
+// 2100-01-01. Dates beyond, and before 1970, are nowhere tested, neither in the daemon nor in what it stands
+// on.
+constexpr int64_t kEndOfWall = 4'102'444'800 * kNanoseconds;
+// Back and forth again and again, monotonic time would leave what 64 bits hold.
+constexpr int64_t kLongestUptime = 150 * int64_t{365 * 86400} * kNanoseconds;
+
+ClockState jumped(ClockState state, double seconds)
+{
+    if (!(std::abs(seconds) <= kLongestJump)) // nor what is no number
+        throw UsageError("a clock jumps by at most 315360000 seconds (ten years), forwards or backwards");
+    const auto jump = static_cast<int64_t>(std::llround(seconds * kNanosecondsPerSecond));
+    (jump > 0 ? state.setBase : state.wallOffset) += jump;
+    const int64_t wall = wallOf(state);
+    if (wall < 0 || wall >= kEndOfWall || state.setBase > kLongestUptime)
+        throw UsageError(
+            "a set's clock goes from 1970 to 2099, and its uptime to 150 years: it stays as it is");
+    return state;
+}
+
+// The only way to the page: what stands there is believed by every program of the set.
+void store(ClockPage& page, const ClockState& state)
+{
+    if (!(state.rate >= kLowestRate && state.rate <= kHighestRate))
+        throw UsageError("a clock's rate is a number from 0.01 to 1000");
+    writeClock(page, state);
 }
 
 } // namespace
@@ -75,7 +108,7 @@ void resetClock(const SetDirectory& set, double rate)
     const int64_t now = hostTime(CLOCK_MONOTONIC);
     clock.page().magic = kClockMagic;
     clock.page().sequence = 0; // a writer that was killed half-way left it odd
-    writeClock(clock.page(), {now, now, hostTime(CLOCK_REALTIME) - now, rate});
+    store(clock.page(), {now, now, hostTime(CLOCK_REALTIME) - now, rate});
 }
 
 std::string changeClock(const fs::path& path, const ClockChange& change)
@@ -95,10 +128,10 @@ std::string changeClock(const fs::path& path, const ClockChange& change)
     const int64_t now = hostTime(CLOCK_MONOTONIC);
     state.setBase = state.monotonicAt(now);
     state.hostBase = now;
-    const auto jump = static_cast<int64_t>(std::llround(change.jump.value_or(0.0) * kNanosecondsPerSecond));
-    (jump > 0 ? state.setBase : state.wallOffset) += jump;
     state.rate = change.rate.value_or(state.rate);
-    writeClock(clock.page(), state);
+    if (change.jump)
+        state = jumped(state, *change.jump);
+    store(clock.page(), state);
     return describe(state);
 }
 
