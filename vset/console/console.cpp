@@ -108,9 +108,7 @@ Console::Console(GDBusConnection* bus, SetModel& set)
       }),
       web_((loadOptions(), port_),
            {[this] { return greeting(); }, [this](const Json::Value& order) { return carryOut(order); },
-            [this](const std::string& name, const char* data, size_t size) {
-                return usb_.add(name, data, size);
-            }})
+            [this](const std::string& name) { return usb_.add(name); }})
 {
     port_ = web_.port();
     saveOptions();

@@ -1,8 +1,8 @@
 #include "usb-slot.h"
 
 #include <algorithm>
-#include <fstream>
 #include <system_error>
+#include <utility>
 
 namespace vset
 {
@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 constexpr const char* kDirectory = "/opt/media";
 constexpr const char* kStick = "/opt/media/USBDriveA";
 constexpr const char* kStaging = "/opt/media/.stick-unfinished";
-constexpr size_t kMostBytes = size_t{1} << 30;
+constexpr const char* kUpload = ".upload-"; // beside the stick, so that a file gets its name in one step
 constexpr int kDeepest = 8;
 constexpr int kMostShown = 100;
 
@@ -41,35 +41,40 @@ bool isSafe(const fs::path& path)
 
 } // namespace
 
+UsbSlot::UsbSlot()
+{
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(kDirectory, error)) {
+        std::error_code ignored;
+        if (entry.path().filename().string().rfind(kUpload, 0) == 0) {
+            fs::remove(entry.path(), ignored);
+        }
+    }
+}
+
 std::optional<std::string> UsbSlot::begin()
 {
     std::error_code error;
     fs::remove_all(kStaging, error);
-    if (!error)
+    if (!error) {
         fs::create_directory(kStaging, error);
+    }
     size_ = 0;
+    ++stick_;
     return told(error, std::string("a stick cannot be put together in ") + kDirectory);
 }
 
-std::optional<std::string> UsbSlot::add(const std::string& name, const char* data, size_t size)
+UsbSlot::NewFile UsbSlot::add(const std::string& name)
 {
-    const fs::path path(name);
-    if (!isSafe(path))
-        return "\"" + name + "\" is no name for a file on a stick";
-    if (size > kMostBytes - std::min(size_, kMostBytes))
-        return "a stick holds at most " + std::to_string(kMostBytes >> 20) + " MiB";
-    std::error_code error;
-    const fs::path target = fs::path(kStaging) / path;
-    fs::create_directories(target.parent_path(), error);
-    if (error)
-        return told(error, name);
-    std::ofstream file(target, std::ios::binary | std::ios::trunc);
-    file.write(data, static_cast<std::streamsize>(size));
-    file.close();
-    if (!file)
-        return name + " cannot be written";
-    size_ += size;
-    return std::nullopt;
+    if (!isSafe(fs::path(name))) {
+        return {nullptr, "\"" + name + "\" is no name for a file on a stick"};
+    }
+    const fs::path unfinished = fs::path(kDirectory) / (kUpload + std::to_string(++files_));
+    std::unique_ptr<StickFile> file(new StickFile(*this, name, unfinished));
+    if (!file->file_) {
+        return {nullptr, name + " cannot be written"};
+    }
+    return {std::move(file), ""};
 }
 
 std::optional<std::string> UsbSlot::insert()
@@ -90,6 +95,67 @@ std::optional<std::string> UsbSlot::remove()
         return "there is no stick in the slot";
     return told(error, "the stick cannot be removed");
 }
+
+// ---- A file that arrives ----
+
+StickFile::StickFile(UsbSlot& slot, std::string name, const fs::path& unfinished)
+    : slot_(slot), stick_(slot.stick_), name_(std::move(name)), unfinished_(unfinished),
+      file_(unfinished, std::ios::binary | std::ios::trunc)
+{
+}
+
+StickFile::~StickFile()
+{
+    if (isFinished_) {
+        return;
+    }
+    file_.close();
+    std::error_code ignored;
+    fs::remove(unfinished_, ignored);
+    if (stick_ == slot_.stick_) {
+        slot_.size_ -= size_;
+    }
+}
+
+std::optional<std::string> StickFile::write(const char* data, size_t size)
+{
+    if (stick_ != slot_.stick_) {
+        return "another stick was begun meanwhile";
+    }
+    if (size > UsbSlot::kMostOfFile - size_) {
+        return "a file of a stick holds at most " + std::to_string(UsbSlot::kMostOfFile >> 20) + " MiB";
+    }
+    if (size > UsbSlot::kMostOfStick - slot_.size_) {
+        return "a stick holds at most " + std::to_string(UsbSlot::kMostOfStick >> 20) + " MiB";
+    }
+    if (!file_.write(data, static_cast<std::streamsize>(size))) {
+        return name_ + " cannot be written: is the disk full?";
+    }
+    size_ += size;
+    slot_.size_ += size;
+    return std::nullopt;
+}
+
+std::optional<std::string> StickFile::finish()
+{
+    file_.close();
+    if (!file_) {
+        return name_ + " cannot be written: is the disk full?";
+    }
+    std::error_code error;
+    if (stick_ != slot_.stick_ || !fs::is_directory(kStaging, error)) {
+        return "no stick was begun for " + name_;
+    }
+    const fs::path target = fs::path(kStaging) / name_;
+    fs::create_directories(target.parent_path(), error);
+    if (!error) {
+        fs::rename(unfinished_, target, error);
+    }
+    isFinished_ = !error;
+    return told(error, name_);
+}
+
+// ---- What is shown ----
 
 Json::Value UsbSlot::snapshot() const
 {

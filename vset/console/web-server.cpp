@@ -1,7 +1,7 @@
 #include "web-server.h"
 
-#include <algorithm>
 #include <cstring>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -20,7 +20,8 @@ namespace
 
 constexpr const char* kSocket = "/socket";
 constexpr const char* kUploads = "/usb/";
-constexpr goffset kMostUpload = goffset{256} << 20; // bytes of one file
+constexpr const char* kUpload = "upload";             // what a request keeps its file under
+constexpr goffset kMostUpload = UsbSlot::kMostOfFile; // bytes
 
 struct FileType {
     const char* extension;
@@ -53,6 +54,24 @@ std::string toText(const Json::Value& value)
     return Json::writeString(writer, value);
 }
 
+// The file that the request brings; null once it is refused, and for all other requests.
+StickFile* uploadOf(SoupServerMessage* message)
+{
+    return static_cast<StickFile*>(g_object_get_data(G_OBJECT(message), kUpload));
+}
+
+void keepUpload(SoupServerMessage* message, std::unique_ptr<StickFile> file)
+{
+    g_object_set_data_full(G_OBJECT(message), kUpload, file.release(),
+                           [](gpointer kept) { delete static_cast<StickFile*>(kept); });
+}
+
+bool isUpload(SoupServerMessage* message)
+{
+    const std::string path = g_uri_get_path(soup_server_message_get_uri(message));
+    return std::strcmp(soup_server_message_get_method(message), "PUT") == 0 && path.rfind(kUploads, 0) == 0;
+}
+
 void answer(SoupServerMessage* message, guint status, const std::string& text)
 {
     soup_server_message_set_status(message, status, nullptr);
@@ -71,14 +90,15 @@ WebServer::WebServer(unsigned int port, Handlers handlers)
     std::string origin = "http://" + host_;
     g_signal_connect(server_, "request-started", G_CALLBACK(onRequestStarted), this);
     soup_server_add_handler(server_, nullptr, onRequest, this, nullptr);
+    // Over the loopback it costs more than it saves, and hides how much waits for a page.
+    soup_server_remove_websocket_extension(server_, SOUP_TYPE_WEBSOCKET_EXTENSION_DEFLATE);
     soup_server_add_websocket_handler(server_, kSocket, origin.c_str(), nullptr, onPage, this, nullptr);
 }
 
 WebServer::~WebServer()
 {
-    for (SoupWebsocketConnection* page : pages_) {
-        g_signal_handlers_disconnect_by_data(page, this);
-        g_object_unref(page);
+    for (const PageSocket& page : pages_) {
+        g_signal_handlers_disconnect_by_data(page.connection(), this);
     }
     soup_server_disconnect(server_);
     g_object_unref(server_);
@@ -118,23 +138,64 @@ bool WebServer::isFromOurPage(SoupServerMessage* message) const
 
 void WebServer::onRequestStarted(SoupServer*, SoupServerMessage* message, gpointer self)
 {
+    soup_message_body_set_accumulate(soup_server_message_get_request_body(message), FALSE);
     g_signal_connect(message, "got-headers", G_CALLBACK(onHeaders), self);
+    g_signal_connect(message, "got-chunk", G_CALLBACK(onChunk), self);
 }
 
-// A status that is set here ends the request, whatever it asks for.
-void WebServer::onHeaders(SoupServerMessage* message, gpointer self)
+std::optional<WebServer::Refusal> WebServer::refusalOf(SoupServerMessage* message) const
 {
-    const auto* const server = static_cast<WebServer*>(self);
     const goffset length =
         soup_message_headers_get_content_length(soup_server_message_get_request_headers(message));
     const bool isRead = std::strcmp(soup_server_message_get_method(message), "GET") == 0 ||
                         std::strcmp(soup_server_message_get_method(message), "HEAD") == 0;
-    if (!server->isForUs(message))
-        answer(message, SOUP_STATUS_FORBIDDEN, "This is " + server->url() + " and nothing else.\n");
-    else if (!isRead && !server->isFromOurPage(message))
-        answer(message, SOUP_STATUS_FORBIDDEN, "Only the console's own page may do that.\n");
-    else if (length > kMostUpload)
-        answer(message, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE, "The file is too large.\n");
+    if (!isForUs(message)) {
+        return Refusal{SOUP_STATUS_FORBIDDEN, "This is " + url() + " and nothing else."};
+    }
+    if (!isRead && !isFromOurPage(message)) {
+        return Refusal{SOUP_STATUS_FORBIDDEN, "Only the console's own page may do that."};
+    }
+    if (length > kMostUpload) {
+        return Refusal{SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE,
+                       "The file is too large: a stick takes files of " + std::to_string(kMostUpload >> 20) +
+                           " MiB."};
+    }
+    return isUpload(message) ? beginUpload(message) : std::nullopt;
+}
+
+std::optional<WebServer::Refusal> WebServer::beginUpload(SoupServerMessage* message) const
+{
+    // Decoded already.
+    const std::string path = g_uri_get_path(soup_server_message_get_uri(message));
+    UsbSlot::NewFile upload = handlers_.upload(path.substr(std::strlen(kUploads)));
+    if (upload.file == nullptr) {
+        return Refusal{SOUP_STATUS_BAD_REQUEST, upload.fault};
+    }
+    keepUpload(message, std::move(upload.file));
+    return std::nullopt;
+}
+
+// A status that is set here ends the request, whatever it asks for: at once when the client has asked for
+// leave to send its body, else after the body, which goes nowhere.
+void WebServer::onHeaders(SoupServerMessage* message, gpointer self)
+{
+    if (const auto refusal = static_cast<const WebServer*>(self)->refusalOf(message)) {
+        answer(message, refusal->status, refusal->text + "\n");
+    }
+}
+
+void WebServer::onChunk(SoupServerMessage* message, GBytes* chunk, gpointer)
+{
+    StickFile* const file = uploadOf(message);
+    if (file == nullptr) {
+        return;
+    }
+    gsize size = 0;
+    const auto* const data = static_cast<const char*>(g_bytes_get_data(chunk, &size));
+    if (const auto fault = file->write(data, size)) {
+        answer(message, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE, *fault + "\n");
+        keepUpload(message, nullptr);
+    }
 }
 
 // ---- Requests ----
@@ -144,14 +205,21 @@ void WebServer::onRequest(SoupServer*, SoupServerMessage* message, const char* p
 {
     const auto* const server = static_cast<WebServer*>(self);
     const std::string method = soup_server_message_get_method(message);
-    if (soup_server_message_get_status(message) != 0)
+    if (soup_server_message_get_status(message) != 0) {
         return;
-    if (method == "PUT" && std::string(path).rfind(kUploads, 0) == 0)
-        server->takeUpload(message, path);
-    else if (method == "GET" || method == "HEAD")
+    }
+    if (StickFile* const file = uploadOf(message)) {
+        const auto fault = file->finish();
+        if (fault) {
+            answer(message, SOUP_STATUS_BAD_REQUEST, *fault + "\n");
+        } else {
+            soup_server_message_set_status(message, SOUP_STATUS_NO_CONTENT, nullptr);
+        }
+    } else if (method == "GET" || method == "HEAD") {
         server->serveFile(message, path);
-    else
+    } else {
         answer(message, SOUP_STATUS_METHOD_NOT_ALLOWED, "There is nothing to do that to.\n");
+    }
 }
 
 void WebServer::serveFile(SoupServerMessage* message, const std::string& path) const
@@ -184,28 +252,16 @@ void WebServer::serveFile(SoupServerMessage* message, const std::string& path) c
     g_bytes_unref(file);
 }
 
-void WebServer::takeUpload(SoupServerMessage* message, const std::string& path) const
-{
-    const SoupMessageBody* const body = soup_server_message_get_request_body(message);
-    const std::string name = path.substr(std::strlen(kUploads)); // decoded already
-    const auto fault = handlers_.upload(name, body->data, static_cast<size_t>(body->length));
-    if (fault)
-        answer(message, SOUP_STATUS_BAD_REQUEST, *fault + "\n");
-    else
-        soup_server_message_set_status(message, SOUP_STATUS_NO_CONTENT, nullptr);
-}
-
 // ---- Pages ----
 
-void WebServer::onPage(SoupServer*, SoupServerMessage*, const char*, SoupWebsocketConnection* page,
+void WebServer::onPage(SoupServer*, SoupServerMessage* request, const char*, SoupWebsocketConnection* page,
                        gpointer self)
 {
     auto* const server = static_cast<WebServer*>(self);
-    g_object_ref(page);
-    server->pages_.push_back(page);
+    PageSocket& added = server->pages_.emplace_back(page, request);
     g_signal_connect(page, "message", G_CALLBACK(onMessage), self);
     g_signal_connect(page, "closed", G_CALLBACK(onClosed), self);
-    soup_websocket_connection_send_text(page, toText(server->handlers_.greeting()).c_str());
+    added.send(toText(server->handlers_.greeting()));
 }
 
 void WebServer::onMessage(SoupWebsocketConnection* page, gint type, GBytes* message, gpointer self)
@@ -226,26 +282,25 @@ void WebServer::onMessage(SoupWebsocketConnection* page, gint type, GBytes* mess
         const auto fault = static_cast<WebServer*>(self)->handlers_.order(order);
         reply["error"] = fault ? Json::Value(*fault) : Json::Value();
     }
-    if (soup_websocket_connection_get_state(page) == SOUP_WEBSOCKET_STATE_OPEN)
-        soup_websocket_connection_send_text(page, toText(reply).c_str());
+    // By its name: the order may have made the set tell its pages something, and one of them be given up.
+    for (PageSocket& known : static_cast<WebServer*>(self)->pages_) {
+        if (known.connection() == page) {
+            known.send(toText(reply));
+        }
+    }
 }
 
 void WebServer::onClosed(SoupWebsocketConnection* page, gpointer self)
 {
-    auto& pages = static_cast<WebServer*>(self)->pages_;
-    const auto found = std::find(pages.begin(), pages.end(), page);
-    if (found == pages.end())
-        return;
-    pages.erase(found);
-    g_object_unref(page);
+    static_cast<WebServer*>(self)->pages_.remove_if(
+        [page](const PageSocket& known) { return known.connection() == page; });
 }
 
 void WebServer::tell(const Json::Value& message)
 {
     const std::string text = toText(message);
-    for (SoupWebsocketConnection* page : std::vector<SoupWebsocketConnection*>(pages_)) {
-        if (soup_websocket_connection_get_state(page) == SOUP_WEBSOCKET_STATE_OPEN)
-            soup_websocket_connection_send_text(page, text.c_str());
+    for (PageSocket& page : pages_) {
+        page.send(text);
     }
 }
 
