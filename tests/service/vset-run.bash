@@ -5,10 +5,11 @@
 cd / || exit 1
 
 # ---- Wrong use is 2, failure is 1, both say what to do ----
-expect 2 "subcommand is required" "$vset"
+expect 2 "a command is missing" "$vset"
+expect 2 "there is no command \"rnu\"" "$vset" rnu
 expect 2 "SET is required" "$vset" run
 expect 2 "needs a command" "$vset" run --temporary
-expect 2 "not in range" "$vset" run --temporary -n 251 -- true
+expect 2 "is not a whole number from 0 to 250" "$vset" run --temporary -n 251 -- true
 expect 2 "--clock-rate" "$vset" run --temporary --clock-rate fast -- true
 expect 2 "is not a directory" "$vset" run --temporary -b /nonexistent -- true
 expect 2 "cannot be bound" "$vset" run --temporary -b /etc -- true

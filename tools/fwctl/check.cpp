@@ -102,15 +102,15 @@ int check(const Options& options)
 }
 } // namespace
 
-Run defineCheck(CLI::App& app)
+void defineCheck(common::CommandLine& command)
 {
     auto options = std::make_shared<Options>();
-    app.add_flag("--json", options->json, "For a program: one JSON array");
-    app.add_flag("-v,--verbose", options->verbose, "Show the daemon's messages on standard error");
-    app.footer(
+    command.flag("--json", options->json, "For a program: one JSON array");
+    command.flag("-v,--verbose", options->verbose, "Show the daemon's messages on standard error");
+    command.footer(
         "Runs the daemon's own check. It acts: packages are mounted, and stay mounted, as the daemon\n"
         "leaves them. \"fwctl list\" and \"fwctl why\" answer the same without touching anything.\n"
         "Needs root or the daemon's user. Exit status: 0 something is pending, 3 nothing is, 1 failure.\n"
         "Example:\n  fwctl check --verbose");
-    return [options] { return check(*options); };
+    command.onRun([options] { return check(*options); });
 }

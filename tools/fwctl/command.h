@@ -2,30 +2,31 @@
 #ifndef FWCTL_COMMAND_H
 #define FWCTL_COMMAND_H
 
-#include "command-line.h"
+#include "common/command-line.h"
 
 // Scripts rely on these numbers; fwctl.1 and --help list them.
 enum ExitStatus {
-    kDone = 0,                   // done; why: pending; doctor: nothing found, or all of it mended
-    kFailed = kStatusFailed,     // it could not be done
-    kWrongUse = kStatusWrongUse, // of the command line
-    kNothingToDo = 3,            // why: not pending; check, update, usb: nothing newer
-    kNoSuchModule = 4,           // no control library of that name
-    kFindings = 5,               // doctor: something is left to be mended
-    kTimedOut = 6,               // update: took longer than its expected time; it was waited for nevertheless
+    kDone = 0,                           // done; why: pending; doctor: nothing found, or all of it mended
+    kFailed = common::kStatusFailed,     // it could not be done
+    kWrongUse = common::kStatusWrongUse, // of the command line
+    kNothingToDo = 3,                    // why: not pending; check, update, usb: nothing newer
+    kNoSuchModule = 4,                   // no control library of that name
+    kFindings = 5,                       // doctor: something is left to be mended
+    kTimedOut = 6, // update: took longer than its expected time; it was waited for nevertheless
 };
 
-Run defineList(CLI::App& app);
-Run defineWhy(CLI::App& app);
-Run defineCheck(CLI::App& app);
-Run defineUpdate(CLI::App& app);
-Run defineUsb(CLI::App& app);
-Run defineWatch(CLI::App& app);
-Run defineDoctor(CLI::App& app);
+void defineList(common::CommandLine& command);
+void defineWhy(common::CommandLine& command);
+void defineCheck(common::CommandLine& command);
+void defineUpdate(common::CommandLine& command);
+void defineUsb(common::CommandLine& command);
+void defineWatch(common::CommandLine& command);
+void defineDoctor(common::CommandLine& command);
 
-struct NoSuchModule : CommandError {
+struct NoSuchModule : common::CommandError {
     explicit NoSuchModule(const std::string& name)
-        : CommandError(kNoSuchModule, "no module is called " + name + ": \"fwctl list\" shows the names")
+        : common::CommandError(kNoSuchModule,
+                               "no module is called " + name + ": \"fwctl list\" shows the names")
     {
     }
 };

@@ -378,22 +378,22 @@ int doctor(bool fix, bool json)
 }
 } // namespace
 
-Run defineDoctor(CLI::App& app)
+void defineDoctor(common::CommandLine& command)
 {
     struct Options {
         bool fix = false;
         bool json = false;
     };
     auto options = std::make_shared<Options>();
-    app.add_flag("--fix", options->fix,
+    command.flag("--fix", options->fix,
                  "Mend what is safe: unmount what nobody uses, free a semaphore that nobody "
                  "has,\nremove a list without a daemon, make missing directories");
-    app.add_flag("--json", options->json, "For a program: one JSON array");
-    app.footer(
+    command.flag("--json", options->json, "For a program: one JSON array");
+    command.footer(
         "Without --fix it changes nothing. Exit status: 0 nothing found, or all of it mended; 5 something "
         "is left.\n"
         "Examples:\n"
         "  fwctl doctor\n"
         "  fwctl doctor --fix");
-    return [options] { return doctor(options->fix, options->json); };
+    command.onRun([options] { return doctor(options->fix, options->json); });
 }

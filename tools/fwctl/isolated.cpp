@@ -35,7 +35,7 @@ std::unique_ptr<Telling::Shared, Unmap> makeShared()
     void* const memory =
         mmap(nullptr, sizeof(Telling::Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)
-        throw Failure(std::string("no memory for a child process: ") + std::strerror(errno));
+        throw common::Failure(std::string("no memory for a child process: ") + std::strerror(errno));
     return std::unique_ptr<Telling::Shared, Unmap>(new (memory) Telling::Shared);
 }
 
@@ -135,7 +135,7 @@ Json::Value runIsolated(const std::function<void(Telling&)>& work, std::chrono::
     const auto shared = makeShared();
     int ends[2];
     if (pipe(ends) != 0)
-        throw Failure(std::string("cannot make a pipe: ") + std::strerror(errno));
+        throw common::Failure(std::string("cannot make a pipe: ") + std::strerror(errno));
     const pid_t child = fork();
     if (child == 0) {
         close(ends[0]);
@@ -144,7 +144,7 @@ Json::Value runIsolated(const std::function<void(Telling&)>& work, std::chrono::
     close(ends[1]);
     if (child < 0) {
         close(ends[0]);
-        throw Failure(std::string("cannot start a child process: ") + std::strerror(errno));
+        throw common::Failure(std::string("cannot start a child process: ") + std::strerror(errno));
     }
     std::string lines;
     const bool overdue = collect(ends[0], *shared, limit, lines);

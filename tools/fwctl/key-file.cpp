@@ -35,10 +35,11 @@ void requirePrivate(const std::string& path, int file)
 {
     struct stat status = {};
     if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode))
-        throw Failure(path + " is not a file: name the key file itself");
+        throw common::Failure(path + " is not a file: name the key file itself");
     if ((status.st_mode & 077) != 0)
-        throw Failure("warning: others may read the key file " + path + ": it is refused until \"chmod 600 " +
-                      path + "\", and the key should be taken as known to others");
+        throw common::Failure("warning: others may read the key file " + path +
+                              ": it is refused until \"chmod 600 " + path +
+                              "\", and the key should be taken as known to others");
 }
 
 // Read without a library's buffer, which would keep a copy.
@@ -46,11 +47,11 @@ void readContents(const std::string& path, Contents& contents)
 {
     const OpenFile file{open(path.c_str(), O_RDONLY | O_CLOEXEC)};
     if (file.number < 0)
-        throw Failure("cannot read the key file " + path + ": " + std::strerror(errno));
+        throw common::Failure("cannot read the key file " + path + ": " + std::strerror(errno));
     requirePrivate(path, file.number);
     contents.size = read(file.number, contents.text, sizeof contents.text);
     if (contents.size < 0)
-        throw Failure("cannot read the key file " + path + ": " + std::strerror(errno));
+        throw common::Failure("cannot read the key file " + path + ": " + std::strerror(errno));
 }
 
 int digitOf(char c)
@@ -91,7 +92,8 @@ Key::Key(const std::string& path)
     if (contents.size == kHexSize && parseHex(contents.text, bytes_))
         return;
     OPENSSL_cleanse(bytes_, sizeof bytes_);
-    throw Failure("the key file " + path + " holds no key: it must be 32 bytes, or 64 hexadecimal digits");
+    throw common::Failure("the key file " + path +
+                          " holds no key: it must be 32 bytes, or 64 hexadecimal digits");
 }
 
 Key::~Key()

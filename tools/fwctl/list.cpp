@@ -108,14 +108,14 @@ int list(bool json)
 }
 } // namespace
 
-Run defineList(CLI::App& app)
+void defineList(common::CommandLine& command)
 {
     auto json = std::make_shared<bool>(false);
-    app.add_flag("--json", *json, "For a program: one JSON array");
-    app.footer("Changes nothing on the set: nothing is mounted, written or logged.\n"
-               "PACKAGE and SYSTEM are the versions offered by the package and by the system image.\n"
-               "Examples:\n"
-               "  fwctl list\n"
-               "  fwctl list --json | jq '.[] | select(.pending) | .module'");
-    return [json] { return list(*json); };
+    command.flag("--json", *json, "For a program: one JSON array");
+    command.footer("Changes nothing on the set: nothing is mounted, written or logged.\n"
+                   "PACKAGE and SYSTEM are the versions offered by the package and by the system image.\n"
+                   "Examples:\n"
+                   "  fwctl list\n"
+                   "  fwctl list --json | jq '.[] | select(.pending) | .module'");
+    command.onRun([json] { return list(*json); });
 }

@@ -3,11 +3,11 @@
 
 #include <csignal>
 #include <cstdio>
-#include <vector>
+#include <cstdlib>
 
 namespace
 {
-const std::vector<Command> kCommands = {
+constexpr common::Command kCommands[] = {
     {"list", "Modules, their versions and what is pending (changes nothing)", defineList},
     {"why", "Why a module is, or is not, updated (changes nothing)", defineWhy},
     {"check", "Have every module checked, as the daemon does at its start", defineCheck},
@@ -33,9 +33,12 @@ constexpr const char* kFooter =
 int main(int argc, char** argv)
 {
     std::signal(SIGPIPE, SIG_IGN); // a reader that goes away is a failed write, not a half-done update
-    CLI::App app("Shows, checks and updates the firmware of this set's modules.", "fwctl");
-    app.footer(kFooter);
-    const int status = runCommandLine(app, kCommands, argc, argv);
+    common::CommandLine program("fwctl", "Shows, checks and updates the firmware of this set's modules.");
+    program.footer(kFooter);
+    for (const common::Command& command : kCommands) {
+        command.define(program.command(command.name, command.summary));
+    }
+    const int status = program.main(argc, argv);
     std::fflush(stdout);
     std::quick_exit(status);
 }

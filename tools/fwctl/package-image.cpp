@@ -36,13 +36,13 @@ using Inode = std::unique_ptr<sqfs_inode_generic_t, FreeInode>;
 void check(int result, const std::string& what)
 {
     if (result != 0)
-        throw Failure(what + " (squashfs error " + std::to_string(result) + ")");
+        throw common::Failure(what + " (squashfs error " + std::to_string(result) + ")");
 }
 
 template <typename Object>
 Object* require(Object* object)
 {
-    return object != nullptr ? object : throw Failure("no memory to read the package");
+    return object != nullptr ? object : throw common::Failure("no memory to read the package");
 }
 
 class Descriptor
@@ -123,7 +123,7 @@ PackageImage::PackageImage(const std::string& path) : squashfs_(std::make_unique
     errno = 0;
     fs.file.reset(sqfs_open_file(path.c_str(), SQFS_FILE_OPEN_READ_ONLY));
     if (!fs.file)
-        throw Failure(std::string("cannot be opened: ") + std::strerror(errno));
+        throw common::Failure(std::string("cannot be opened: ") + std::strerror(errno));
     check(sqfs_super_read(&fs.super, fs.file.get()), "is no squashfs image, or a damaged one");
     sqfs_compressor_config_t config;
     const auto compression = static_cast<SQFS_COMPRESSOR>(fs.super.compression_id);

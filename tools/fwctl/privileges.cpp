@@ -44,7 +44,8 @@ void become(uid_t user)
     const gid_t group = entry != nullptr ? entry->pw_gid : getegid();
     const bool hasGroups = entry == nullptr || initgroups(entry->pw_name, group) == 0;
     if (!hasGroups || setresgid(group, group, group) != 0 || setresuid(user, user, user) != 0)
-        throw Failure("cannot go on as the daemon's user " + nameOf(user) + ": " + std::strerror(errno));
+        throw common::Failure("cannot go on as the daemon's user " + nameOf(user) + ": " +
+                              std::strerror(errno));
 }
 } // namespace
 
@@ -54,7 +55,8 @@ void becomeDaemonUser()
     if (!user || *user == geteuid())
         return;
     if (geteuid() != 0)
-        throw Failure("this needs root or the daemon's user " + nameOf(*user) + ": try again with sudo");
+        throw common::Failure("this needs root or the daemon's user " + nameOf(*user) +
+                              ": try again with sudo");
     if (isMapped(*user))
         become(*user);
 }

@@ -19,8 +19,8 @@ void requireLoadable(const ControlLibrary& library)
         _exit(0);
     });
     if (told.isMember("failure"))
-        throw Failure(library.directory + library.name + ".so: " + told["failure"].asString() +
-                      "; move it away: the daemon cannot start with it either");
+        throw common::Failure(library.directory + library.name + ".so: " + told["failure"].asString() +
+                              "; move it away: the daemon cannot start with it either");
 }
 
 std::string installedVersion(FWUpdateSymbol& module)
@@ -64,7 +64,7 @@ FWUpdateSymbolManager& openRegistry(bool verbose)
     forwardDaemonLog(verbose);
     FWUpdateSymbolManager& manager = *FWUpdateSymbolManager::getInstance();
     if (!manager.getIsReady(false))
-        throw Failure("this set has no module: \"fwctl doctor\" looks for the reason");
+        throw common::Failure("this set has no module: \"fwctl doctor\" looks for the reason");
     return manager;
 }
 

@@ -175,7 +175,7 @@ Finding Replay::hasPackage()
     try {
         files_.readFrom(std::make_unique<PackageImage>(module_.empImagePath));
         return {true, module_.empImagePath, ""};
-    } catch (const Failure& error) {
+    } catch (const common::Failure& error) {
         return readMountedPackage(error.what());
     }
 }

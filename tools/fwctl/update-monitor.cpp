@@ -1,7 +1,7 @@
 #include "update-monitor.h"
 
+#include "common/progress-line.h"
 #include "daemon-log.h"
-#include "progress.h"
 
 #include "fw-update-symbol.h"
 
@@ -106,7 +106,7 @@ FWUpdateSymbol* UpdateMonitor::current()
 
 void UpdateMonitor::draw()
 {
-    ProgressLine line;
+    common::ProgressLine line;
     for (; !isEnding_; std::this_thread::sleep_for(kPause)) {
         FWUpdateSymbol* const module = current();
         unsigned int percent = 0;

@@ -41,7 +41,7 @@ void throwWhenStuck(const SemaphoreUsers& users, int& looksWithoutUser)
 {
     looksWithoutUser = users.isNobody() ? looksWithoutUser + 1 : 0;
     if (looksWithoutUser > 5)
-        throw Failure(
+        throw common::Failure(
             "the update semaphore is taken, but no process has it: \"fwctl doctor --fix\" frees it");
 }
 } // namespace
@@ -53,7 +53,8 @@ void waitForUpdateTurn()
     while (true) {
         const SemaphoreState state = peekUpdateSemaphore();
         if (state.exists && !state.isReadable)
-            throw Failure("the update semaphore cannot be opened: this needs root or the daemon's user");
+            throw common::Failure(
+                "the update semaphore cannot be opened: this needs root or the daemon's user");
         if (!state.exists || state.value > 0)
             return;
         const SemaphoreUsers users = findSemaphoreUsers();
@@ -71,7 +72,7 @@ void waitForUpdateTurn()
 UpdateTurn::UpdateTurn() : semaphore_(FWUpdateCommon::getInstance()->create_semaphore())
 {
     if (semaphore_ == nullptr)
-        throw Failure("the update semaphore cannot be opened: this needs root or the daemon's user");
+        throw common::Failure("the update semaphore cannot be opened: this needs root or the daemon's user");
     while (sem_wait(semaphore_) != 0 && errno == EINTR) {
     }
 }

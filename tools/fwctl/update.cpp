@@ -110,8 +110,8 @@ int updateOne(const Options& options)
     FWUpdateSymbolManager& manager = openRegistry(options.verbose);
     FWUpdateSymbol& module = *findModule(manager, options.module);
     if (module.handle == nullptr || !module.functions.doUpdate)
-        throw Failure("the control library of " + options.module +
-                      " cannot be used: \"fwctl doctor\" says why");
+        throw common::Failure("the control library of " + options.module +
+                              " cannot be used: \"fwctl doctor\" says why");
     waitForUpdateTurn();
     if (module.getSymbolType() == 1)
         return updateExternal(manager, module, options);
@@ -156,23 +156,23 @@ int updateAll(const Options& options)
 int update(const Options& options)
 {
     if (options.all == !options.module.empty())
-        throw WrongUse("name one MODULE, or give --all (\"fwctl list\" shows the names)");
+        throw common::WrongUse("name one MODULE, or give --all (\"fwctl list\" shows the names)");
     return options.all ? updateAll(options) : updateOne(options);
 }
 } // namespace
 
-Run defineUpdate(CLI::App& app)
+void defineUpdate(common::CommandLine& command)
 {
     auto options = std::make_shared<Options>();
-    app.add_option("MODULE", options->module, "Name of the module, as \"fwctl list\" shows it");
-    CLI::Option* all =
-        app.add_flag("--all", options->all, "Every pending module, as the daemon does at standby");
-    app.add_option("--source", options->source, "Where the image comes from (default: what is pending)")
-        ->check(CLI::IsMember({"package", "system", "usb", "sandbox"}))
-        ->excludes(all);
-    app.add_flag("--json", options->json, "For a program: one JSON array");
-    app.add_flag("-v,--verbose", options->verbose, "Show the daemon's messages on standard error");
-    app.footer(
+    command.text("MODULE", options->module, "Name of the module, as \"fwctl list\" shows it");
+    common::Option all =
+        command.flag("--all", options->all, "Every pending module, as the daemon does at standby");
+    command.text("--source", options->source, "Where the image comes from (default: what is pending)")
+        .oneOf({"package", "system", "usb", "sandbox"})
+        .excludes(all);
+    command.flag("--json", options->json, "For a program: one JSON array");
+    command.flag("-v,--verbose", options->verbose, "Show the daemon's messages on standard error");
+    command.footer(
         "Waits while another program updates, and says which. Ctrl-C ends the waiting, but not an update\n"
         "that has begun. --all takes packages only, like the daemon's own run. Needs root or the daemon's\n"
         "user. Exit status: 0 updated, 3 nothing newer, 1 failed, 4 no such module, 6 updated late.\n"
@@ -180,5 +180,5 @@ Run defineUpdate(CLI::App& app)
         "  fwctl update tuner\n"
         "  fwctl update panel --source system\n"
         "  fwctl update --all");
-    return [options] { return update(*options); };
+    command.onRun([options] { return update(*options); });
 }

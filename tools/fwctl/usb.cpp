@@ -33,7 +33,7 @@ std::string requireDirectory(std::string directory)
 {
     struct stat status = {};
     if (stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
-        throw Failure(directory + " is not a directory: name the one that holds the NAME.bin files");
+        throw common::Failure(directory + " is not a directory: name the one that holds the NAME.bin files");
     return directory.back() == '/' ? directory : directory + "/";
 }
 
@@ -160,36 +160,34 @@ int install(const Options& options)
     return kFailed;
 }
 
-std::shared_ptr<Options> addOptions(CLI::App& app)
+std::shared_ptr<Options> addOptions(common::CommandLine& command)
 {
     auto options = std::make_shared<Options>();
-    app.add_option("DIR", options->directory, "Directory of the stick that holds the NAME.bin files")
-        ->required();
-    app.add_option("--key-file", options->keyFile,
-                   "File with the key: 32 bytes, or 64 hexadecimal digits; only its owner may read it")
-        ->required();
-    app.add_flag("--json", options->json, "For a program: JSON");
-    app.add_flag("-v,--verbose", options->verbose, "Show the daemon's messages on standard error");
+    command.text("DIR", options->directory, "Directory of the stick that holds the NAME.bin files")
+        .required();
+    command
+        .text("--key-file", options->keyFile,
+              "File with the key: 32 bytes, or 64 hexadecimal digits; only its owner may read it")
+        .required();
+    command.flag("--json", options->json, "For a program: JSON");
+    command.flag("-v,--verbose", options->verbose, "Show the daemon's messages on standard error");
     return options;
 }
 } // namespace
 
-Run defineUsb(CLI::App& app)
+void defineUsb(common::CommandLine& command)
 {
-    app.require_subcommand(1);
-    CLI::App* checking =
-        app.add_subcommand("check", "Which modules have a newer encrypted image, and how long "
-                                    "installing takes");
-    auto checkOptions = addOptions(*checking);
-    checking->footer("Example:\n  fwctl usb check /opt/media/USBDriveA --key-file /root/usb.key");
-    CLI::App* installing =
-        app.add_subcommand("install", "Install the newer ones; stops at the first that fails");
-    auto installOptions = addOptions(*installing);
-    installing->footer("Example:\n  fwctl usb install /opt/media/USBDriveA --key-file /root/usb.key");
-    app.footer(
+    common::CommandLine& checking =
+        command.command("check", "Which modules have a newer encrypted image, and how long installing takes");
+    checking.onRun([options = addOptions(checking)] { return check(*options); });
+    checking.footer("Example:\n  fwctl usb check /opt/media/USBDriveA --key-file /root/usb.key");
+    common::CommandLine& installing =
+        command.command("install", "Install the newer ones; stops at the first that fails");
+    installing.onRun([options = addOptions(installing)] { return install(*options); });
+    installing.footer("Example:\n  fwctl usb install /opt/media/USBDriveA --key-file /root/usb.key");
+    command.footer(
         "Needs root or the daemon's user. Exit status: 0 newer or installed, 3 nothing newer, 1 failed.\n"
         "Examples:\n"
         "  fwctl usb check /opt/media/USBDriveA --key-file /root/usb.key\n"
         "  fwctl usb install /opt/media/USBDriveA --key-file /root/usb.key");
-    return [=] { return checking->parsed() ? check(*checkOptions) : install(*installOptions); };
 }

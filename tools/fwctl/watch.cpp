@@ -208,7 +208,7 @@ void Watch::connectToBus()
 {
     bus_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
     if (!bus_)
-        throw Failure("the system bus does not answer: is the set's platform running?");
+        throw common::Failure("the system bus does not answer: is the set's platform running?");
     g_dbus_connection_set_exit_on_close(bus_.get(), FALSE);
     g_bus_watch_name_on_connection(bus_.get(), "org.pellor.tv.tarnwick", G_BUS_NAME_WATCHER_FLAGS_NONE,
                                    onDaemonAppeared, onDaemonVanished, this, nullptr);
@@ -228,13 +228,13 @@ int Watch::run()
 }
 } // namespace
 
-Run defineWatch(CLI::App& app)
+void defineWatch(common::CommandLine& command)
 {
     auto json = std::make_shared<bool>(false);
-    app.add_flag("--json", *json, "For a program: one JSON object a line");
-    app.footer(
+    command.flag("--json", *json, "For a program: one JSON object a line");
+    command.footer(
         "Prints every value once, then each change with its time, until Ctrl-C. update_turn is the process\n"
         "that is updating, or \"free\". Power locks are shown on a virtual set; a television does not tell.\n"
         "Example:\n  fwctl watch");
-    return [json] { return Watch(*json).run(); };
+    command.onRun([json] { return Watch(*json).run(); });
 }

@@ -167,15 +167,15 @@ struct Options {
 };
 } // namespace
 
-Run defineWhy(CLI::App& app)
+void defineWhy(common::CommandLine& command)
 {
     auto options = std::make_shared<Options>();
-    app.add_option("MODULE", options->module, "Name of the module, as \"fwctl list\" shows it")->required();
-    app.add_flag("--json", options->json, "For a program: one JSON array");
-    app.footer(
+    command.text("MODULE", options->module, "Name of the module, as \"fwctl list\" shows it").required();
+    command.flag("--json", options->json, "For a program: one JSON array");
+    command.footer(
         "Goes through the daemon's tests for each image source, and says which one stopped the update.\n"
         "Changes nothing on the set: nothing is mounted, written or logged.\n"
         "Exit status: 0 pending, 3 not pending, 1 the control library crashed or hung.\n"
         "Example:\n  fwctl why tuner");
-    return [options] { return why(options->module, options->json); };
+    command.onRun([options] { return why(options->module, options->json); });
 }

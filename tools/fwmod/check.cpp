@@ -2,10 +2,10 @@
 // wrong with it.
 #include "check-report.h"
 #include "command.h"
+#include "common/progress-line.h"
 #include "examination.h"
 #include "files.h"
 #include "findings.h"
-#include "progress.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -36,14 +36,14 @@ int check(const Options& options)
     }
     const ExaminationRequest& request = options.request;
     if (request.library.empty())
-        throw WrongUse("name the library to check, or --list-findings for what can be found");
+        throw common::WrongUse("name the library to check, or --list-findings for what can be found");
     requireReadable(request.library);
     if (!request.package.empty())
         requireReadable(request.package);
     requireDirectory(request.firmware, "--firmware");
     requireDirectory(request.hardware, "--hardware");
 
-    ProgressLine line;
+    common::ProgressLine line;
     const bool isWatched = isatty(STDERR_FILENO) != 0;
     const ExaminationResult result =
         examineLibrary(request, [&](const std::string& what, unsigned int percent) {
@@ -59,24 +59,25 @@ int check(const Options& options)
 }
 } // namespace
 
-Run defineCheck(CLI::App& app)
+void defineCheck(common::CommandLine& command)
 {
     auto options = std::make_shared<Options>();
     ExaminationRequest& request = options->request;
-    app.add_option("LIB", request.library, "The control library, NAME.so");
-    CLI::Option* const package = app.add_option("--package", request.package,
-                                                "Its package, IDENTIFIER.img: doUpdate is tried with it");
-    app.add_option("--firmware", request.firmware,
-                   "A directory of the system image, seen as /lib/firmware/ext/NAME by its own name")
-        ->excludes(package);
-    app.add_option(
+    command.path("LIB", request.library, "The control library, NAME.so");
+    common::Option const package =
+        command.path("--package", request.package, "Its package, IDENTIFIER.img: doUpdate is tried with it");
+    command
+        .path("--firmware", request.firmware,
+              "A directory of the system image, seen as /lib/firmware/ext/NAME by its own name")
+        .excludes(package);
+    command.path(
         "--hardware", request.hardware,
         "A directory with the hardware's files, seen as /var/lib/hardware; nothing in it is changed");
-    app.add_flag("--every-write", request.everyWrite,
+    command.flag("--every-write", request.everyWrite,
                  "Cut the power at every write of an update; by default at 300 of them at most");
-    app.add_flag("--json", options->json, "Print JSON");
-    app.add_flag("--list-findings", options->listFindings, "Print what can be found, with cause and cure");
-    app.footer(
+    command.flag("--json", options->json, "Print JSON");
+    command.flag("--list-findings", options->listFindings, "Print what can be found, with cause and cure");
+    command.footer(
         "The library is called as the daemon does, in a virtual set that is gone afterwards: questions,\n"
         "an update, updates that must be refused, and updates whose power is cut. No privileges are "
         "needed.\n"
@@ -86,5 +87,5 @@ Run defineCheck(CLI::App& app)
         "  fwmod check tuner.so --package empTuner.img --hardware hardware\n"
         "  fwmod check panel.so --firmware Panel --hardware hardware --json\n"
         "  fwmod check --list-findings");
-    return [options] { return check(*options); };
+    command.onRun([options] { return check(*options); });
 }

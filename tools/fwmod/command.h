@@ -2,16 +2,16 @@
 #ifndef FWMOD_COMMAND_H
 #define FWMOD_COMMAND_H
 
-#include "command-line.h"
+#include "common/command-line.h"
 
-Run defineNew(CLI::App& app);
-Run defineCrc(CLI::App& app);
-Run defineInfo(CLI::App& app);
-Run definePackage(CLI::App& app);
-Run defineUsb(CLI::App& app);
-Run defineInspect(CLI::App& app);
-Run defineDiff(CLI::App& app);
-Run defineTry(CLI::App& app);
-Run defineCheck(CLI::App& app);
+void defineNew(common::CommandLine& command);
+void defineCrc(common::CommandLine& command);
+void defineInfo(common::CommandLine& command);
+void definePackage(common::CommandLine& command);
+void defineUsb(common::CommandLine& command);
+void defineInspect(common::CommandLine& command);
+void defineDiff(common::CommandLine& command);
+void defineTry(common::CommandLine& command);
+void defineCheck(common::CommandLine& command);
 
 #endif

@@ -156,7 +156,7 @@ ControlLibrary readControlLibrary(const std::filesystem::path& file)
     const std::unique_ptr<Elf, ElfRelease> elf(elf_begin(descriptor.get(), ELF_C_READ, nullptr));
     GElf_Ehdr header;
     if (!elf || elf_kind(elf.get()) != ELF_K_ELF || gelf_getehdr(elf.get(), &header) == nullptr)
-        throw Failure(file.string() + " is a damaged library: " + elf_errmsg(-1));
+        throw common::Failure(file.string() + " is a damaged library: " + elf_errmsg(-1));
     const std::set<std::string> names = exportsOf(elf.get());
     ControlLibrary library{header.e_type == ET_DYN,  isWhole(elf.get(), std::filesystem::file_size(file)),
                            isForThisMachine(header), file.stem(),
@@ -178,7 +178,7 @@ std::string whyNotLoadable(const std::filesystem::path& file)
         if (!library.isForThisMachine)
             return "it is for another processor";
         return library.isWhole ? "" : "the file ends too soon";
-    } catch (const Failure& error) {
+    } catch (const common::Failure& error) {
         return error.what();
     }
 }

@@ -6,17 +6,17 @@
 #include <memory>
 #include <vector>
 
-Run defineCrc(CLI::App& app)
+void defineCrc(common::CommandLine& command)
 {
     auto files = std::make_shared<std::vector<std::string>>();
-    app.add_option("FILE", *files, "Image files")->required();
-    app.footer("Prints decimal (as \"crc\" of an information file has it), hexadecimal and the name.\n"
-               "Example:\n  fwmod crc Tuner.bin");
-    return [files] {
+    command.texts("FILE", *files, "Image files").required();
+    command.footer("Prints decimal (as \"crc\" of an information file has it), hexadecimal and the name.\n"
+                   "Example:\n  fwmod crc Tuner.bin");
+    command.onRun([files] {
         for (const std::string& file : *files) {
             const unsigned int checksum = imageChecksum(file);
             std::printf("%u 0x%08x %s\n", checksum, checksum, file.c_str());
         }
         return 0;
-    };
+    });
 }

@@ -223,25 +223,25 @@ try {
         printForPeople(options, a.kind == b.kind ? a.kind : "two kinds of file", differences);
     return differences.empty() ? 0 : 1;
 } catch (const std::exception& error) {
-    throw WrongUse(error.what()); // 1 says that they differ, as with diff(1)
+    throw common::WrongUse(error.what()); // 1 says that they differ, as with diff(1)
 }
 } // namespace
 
-Run defineDiff(CLI::App& app)
+void defineDiff(common::CommandLine& command)
 {
     auto options = std::make_shared<Options>();
-    app.add_option("A", options->a.file, "A file, usually the older one")->required();
-    app.add_option("B", options->b.file, "Another of the same kind")->required();
-    app.add_option("--key-file", options->a.keyFile,
-                   "Content key of two encrypted images: compares what is inside");
-    app.add_flag("--json", options->json, "Print JSON");
-    app.footer("Compares what \"fwmod inspect\" tells, and the content. Bytes are counted from 1.\n"
-               "Exit status: 0 the same bytes, 1 different, 2 wrong use, or a file that cannot be read.\n"
-               "Examples:\n"
-               "  fwmod diff images/1.0/empTuner.img images/1.1/empTuner.img\n"
-               "  fwmod diff --key-file content.key old/Tuner.bin new/Tuner.bin");
-    return [options] {
+    command.text("A", options->a.file, "A file, usually the older one").required();
+    command.text("B", options->b.file, "Another of the same kind").required();
+    command.text("--key-file", options->a.keyFile,
+                 "Content key of two encrypted images: compares what is inside");
+    command.flag("--json", options->json, "Print JSON");
+    command.footer("Compares what \"fwmod inspect\" tells, and the content. Bytes are counted from 1.\n"
+                   "Exit status: 0 the same bytes, 1 different, 2 wrong use, or a file that cannot be read.\n"
+                   "Examples:\n"
+                   "  fwmod diff images/1.0/empTuner.img images/1.1/empTuner.img\n"
+                   "  fwmod diff --key-file content.key old/Tuner.bin new/Tuner.bin");
+    command.onRun([options] {
         options->b.keyFile = options->a.keyFile;
         return diff(*options);
-    };
+    });
 }

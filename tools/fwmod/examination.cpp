@@ -44,7 +44,7 @@ void copyInto(const fs::path& from, const fs::path& to)
     fs::create_directories(to.parent_path(), error);
     fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::overwrite_existing, error);
     if (error)
-        throw Failure("cannot copy " + from.string() + " into the set: " + error.message());
+        throw common::Failure("cannot copy " + from.string() + " into the set: " + error.message());
 }
 
 void giveToDaemon(const fs::path& directory)
@@ -53,7 +53,7 @@ void giveToDaemon(const fs::path& directory)
         return; // a set without root has one user
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
         if (lchown(entry.path().c_str(), kUpdateUser, kSystemGroup) != 0)
-            throw Failure("cannot give " + entry.path().string() + " to the daemon's user");
+            throw common::Failure("cannot give " + entry.path().string() + " to the daemon's user");
     }
 }
 
@@ -143,11 +143,12 @@ std::string Examination::useInformation(const fs::path& directory, const std::st
 {
     for (const std::string& name : {std::string("info.json"), image}) {
         if (!fs::is_regular_file(directory / name))
-            throw Failure(name + " is not in " + origin.string() + ", where the daemon looks for it");
+            throw common::Failure(name + " is not in " + origin.string() + ", where the daemon looks for it");
     }
     const InformationReport report = checkInformation(directory / "info.json", directory / image);
     if (!report.accepted)
-        throw Failure("the daemon would refuse the image:\n" + formatReport(origin / "info.json", report));
+        throw common::Failure("the daemon would refuse the image:\n" +
+                              formatReport(origin / "info.json", report));
     result_.expectedTime = report.values.expected_time;
     job_["version"] = report.values.version;
     job_["checksum"] = Json::UInt64(report.values.crc);
@@ -158,7 +159,7 @@ std::string Examination::useInformation(const fs::path& directory, const std::st
 void Examination::addPackage()
 {
     if (job_["external"].asBool())
-        throw WrongUse("--package: an external module finds its image itself; give --firmware DIR");
+        throw common::WrongUse("--package: an external module finds its image itself; give --firmware DIR");
     const std::string identifier = request_.package.stem();
     const std::string firmware = firmwareName(identifier, "--package: the name");
     const std::string directory = "/opt/usr/apps/appbinarymanager/emps/" + identifier;
@@ -183,8 +184,8 @@ void Examination::addFirmware()
         return;
     }
     if (useInformation(request_.firmware, image, request_.firmware) == "none")
-        throw Failure("the daemon refuses an image in the system image whose ui_use is \"none\": "
-                      "write \"select\" or \"force\" (fwmod info --ui-use)");
+        throw common::Failure("the daemon refuses an image in the system image whose ui_use is \"none\": "
+                              "write \"select\" or \"force\" (fwmod info --ui-use)");
     job_["image"] = "/lib/firmware/ext/" + name + "/" + image;
     job_["caller"] = TARNWICK_CONTROL_CALLER_SYSTEM_IMAGE;
 }
@@ -196,11 +197,12 @@ void Examination::checkNames(const std::string& identifier) const
         return;
     const std::string firmware = firmwareName(identifier, "the identifier");
     if (!request_.package.empty() && request_.package.filename() != identifier + ".img")
-        throw Failure("the library's identifier is " + identifier + ", so the daemon asks for " + identifier +
-                      ".img: make it with fwmod package --id " + identifier);
+        throw common::Failure("the library's identifier is " + identifier + ", so the daemon asks for " +
+                              identifier + ".img: make it with fwmod package --id " + identifier);
     if (!request_.firmware.empty() && fs::canonical(request_.firmware).filename() != firmware)
-        throw Failure("the library's identifier is " + identifier + ", so the daemon looks for " + firmware +
-                      "/" + firmware + ".bin: rename " + request_.firmware.string() + " and its image");
+        throw common::Failure("the library's identifier is " + identifier + ", so the daemon looks for " +
+                              firmware + "/" + firmware + ".bin: rename " + request_.firmware.string() +
+                              " and its image");
 }
 
 // ---- The examiner ----
@@ -209,10 +211,10 @@ void Examination::checkNames(const std::string& identifier) const
 {
     std::ifstream in(errors);
     const std::string text{std::istreambuf_iterator<char>(in), {}};
-    throw Failure("the library could not be examined: " +
-                  (text.empty() ? "vset ended without a word; is there room in memory and in " +
-                                      errors.parent_path().string() + "?"
-                                : "\n" + text));
+    throw common::Failure("the library could not be examined: " +
+                          (text.empty() ? "vset ended without a word; is there room in memory and in " +
+                                              errors.parent_path().string() + "?"
+                                        : "\n" + text));
 }
 
 Json::Value Examination::run(const char* mode, std::optional<double> clockRate)
@@ -221,7 +223,7 @@ Json::Value Examination::run(const char* mode, std::optional<double> clockRate)
     job << job_;
     job.close();
     if (!job)
-        throw Failure("cannot write " + inSet("/srv/job.json").string() + ": is the disk full?");
+        throw common::Failure("cannot write " + inSet("/srv/job.json").string() + ": is the disk full?");
     std::vector<std::string> words = {vsetProgram(), "run", set_};
     if (clockRate)
         words.push_back("--clock-rate=" + std::to_string(*clockRate));

@@ -30,7 +30,7 @@ using Text = std::unique_ptr<char, TextReleaser>;
 
 [[noreturn]] void failOn(const fs::path& path, const std::string& action)
 {
-    throw Failure("cannot " + action + " " + path.string() + ": " + std::strerror(errno));
+    throw common::Failure("cannot " + action + " " + path.string() + ": " + std::strerror(errno));
 }
 
 std::vector<char*> pointersTo(const std::vector<std::string>& arguments)
@@ -85,11 +85,11 @@ void requireReadable(const fs::path& path)
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
     if (status.type() == fs::file_type::not_found)
-        throw Failure(path.string() + " does not exist: check the path");
+        throw common::Failure(path.string() + " does not exist: check the path");
     if (error)
-        throw Failure("cannot look at " + path.string() + ": " + error.message());
+        throw common::Failure("cannot look at " + path.string() + ": " + error.message());
     if (!fs::is_regular_file(status))
-        throw Failure(path.string() + " is not a file: name the file itself");
+        throw common::Failure(path.string() + " is not a file: name the file itself");
     if (!std::ifstream(path))
         failOn(path, "read");
 }
@@ -97,7 +97,8 @@ void requireReadable(const fs::path& path)
 void requireDirectory(const fs::path& path, const char* option)
 {
     if (!path.empty() && !fs::is_directory(path))
-        throw Failure(std::string(option) + " " + path.string() + " is not a directory: check the path");
+        throw common::Failure(std::string(option) + " " + path.string() +
+                              " is not a directory: check the path");
 }
 
 void requireRoomForSet(const fs::path& directory)
@@ -107,10 +108,10 @@ void requireRoomForSet(const fs::path& directory)
     std::error_code unknown;
     const fs::space_info room = fs::space(directory, unknown);
     if (!unknown && room.available < kNeeded)
-        throw Failure("a virtual set needs " + std::to_string(kNeeded / kMegabyte) + " MB in " +
-                      directory.parent_path().string() + ", where " +
-                      std::to_string(room.available / kMegabyte) +
-                      " MB are left: make room, or set TMPDIR to another directory");
+        throw common::Failure("a virtual set needs " + std::to_string(kNeeded / kMegabyte) + " MB in " +
+                              directory.parent_path().string() + ", where " +
+                              std::to_string(room.available / kMegabyte) +
+                              " MB are left: make room, or set TMPDIR to another directory");
 }
 
 unsigned int imageChecksum(const fs::path& path)
@@ -124,11 +125,11 @@ NewFile::NewFile(fs::path target)
 {
     // Renaming onto a device or a pipe would put a file in its place.
     if (fs::exists(target_) && !fs::is_regular_file(target_))
-        throw Failure(target_.string() + " exists and is not a file: name the file to write");
+        throw common::Failure(target_.string() + " exists and is not a file: name the file to write");
     const fs::path directory = target_.has_parent_path() ? target_.parent_path() : ".";
     if (!fs::is_directory(directory))
-        throw Failure("cannot write " + target_.string() + ": make the directory " + directory.string() +
-                      " first");
+        throw common::Failure("cannot write " + target_.string() + ": make the directory " +
+                              directory.string() + " first");
     watchInterruptions(unfinished_);
 }
 
@@ -144,7 +145,7 @@ void NewFile::commit()
     std::error_code error;
     fs::rename(unfinished_, target_, error);
     if (error)
-        throw Failure("cannot write " + target_.string() + ": " + error.message());
+        throw common::Failure("cannot write " + target_.string() + ": " + error.message());
 }
 
 void refuseOverwriting(const fs::path& output, const std::vector<fs::path>& inputs)
@@ -152,7 +153,8 @@ void refuseOverwriting(const fs::path& output, const std::vector<fs::path>& inpu
     std::error_code ignored; // a file that is not there yet is none of them
     for (const fs::path& input : inputs) {
         if (fs::equivalent(input, output, ignored))
-            throw WrongUse("-o " + output.string() + " would overwrite an input; choose another name");
+            throw common::WrongUse("-o " + output.string() +
+                                   " would overwrite an input; choose another name");
     }
 }
 
@@ -162,7 +164,7 @@ ScratchDirectory::ScratchDirectory()
     const Text made(g_dir_make_tmp("fwmod-XXXXXX", &raw));
     const Error error(raw);
     if (!made)
-        throw Failure(std::string("cannot make a temporary directory: ") + error->message);
+        throw common::Failure(std::string("cannot make a temporary directory: ") + error->message);
     path_ = made.get();
 }
 
@@ -197,12 +199,13 @@ std::string runProgram(const std::vector<std::string>& arguments, const std::str
     const Text errors(rawErrors);
     Error error(raw);
     if (started == FALSE && g_error_matches(raw, G_SPAWN_ERROR, G_SPAWN_ERROR_NOENT) != FALSE)
-        throw Failure(arguments[0] + " was not found: install " + package);
+        throw common::Failure(arguments[0] + " was not found: install " + package);
     if (started == FALSE)
-        throw Failure("cannot start " + arguments[0] + ": " + error->message);
+        throw common::Failure("cannot start " + arguments[0] + ": " + error->message);
     GError* rawExit = nullptr;
     if (g_spawn_check_wait_status(status, &rawExit) != FALSE)
         return output ? output.get() : "";
     error.reset(rawExit);
-    throw Failure(arguments[0] + " failed (" + error->message + "):\n" + (errors ? errors.get() : ""));
+    throw common::Failure(arguments[0] + " failed (" + error->message + "):\n" +
+                          (errors ? errors.get() : ""));
 }

@@ -13,15 +13,17 @@ bool isAsciiAlphanumeric(char c)
 std::string firmwareName(const std::string& identifier, const std::string& source)
 {
     if (!std::all_of(identifier.begin(), identifier.end(), isAsciiAlphanumeric))
-        throw WrongUse(source + " " + identifier +
-                       ": the daemon refuses anything but ASCII letters and digits");
+        throw common::WrongUse(source + " " + identifier +
+                               ": the daemon refuses anything but ASCII letters and digits");
     if (identifier.size() >= TARNWICK_CONTROL_TEXT_SIZE)
-        throw WrongUse(source + ": at most 127 characters, getEMPID has room for no more");
+        throw common::WrongUse(source + ": at most 127 characters, getEMPID has room for no more");
     const std::size_t at = identifier.find("emp");
     if (at == std::string::npos)
-        throw WrongUse(source + " " + identifier + ": it must contain \"emp\" in lower case, as in empTuner");
+        throw common::WrongUse(source + " " + identifier +
+                               ": it must contain \"emp\" in lower case, as in empTuner");
     const std::string name = std::string(identifier).erase(at, 3);
     if (name.empty())
-        throw WrongUse(source + " emp: nothing is left to name the firmware; use something like empTuner");
+        throw common::WrongUse(source +
+                               " emp: nothing is left to name the firmware; use something like empTuner");
     return name;
 }

@@ -32,9 +32,11 @@ int check(const Options& options)
 int write(const Options& options)
 {
     if (options.version.empty() || options.image.empty())
-        throw WrongUse("give --version and --image to write an information file, or --check to check one");
+        throw common::WrongUse(
+            "give --version and --image to write an information file, or --check to check one");
     if (g_utf8_validate(options.version.c_str(), -1, nullptr) == FALSE)
-        throw WrongUse("--version is no UTF-8, which a JSON file consists of: keep to ASCII, as in 1.1");
+        throw common::WrongUse(
+            "--version is no UTF-8, which a JSON file consists of: keep to ASCII, as in 1.1");
     FWInformation values;
     values.version = options.version;
     values.crc = imageChecksum(options.image);
@@ -49,26 +51,26 @@ int write(const Options& options)
 }
 } // namespace
 
-Run defineInfo(CLI::App& app)
+void defineInfo(common::CommandLine& command)
 {
     auto options = std::make_shared<Options>();
-    CLI::Option* checked = app.add_option("--check", options->check, "Check this information file");
-    app.add_option("--image", options->image, "The image that the file describes");
-    CLI::Option* writing[] = {
-        app.add_option("--version", options->version,
-                       "Version of the image, as checkVersion is asked about it"),
-        app.add_option("--expected-time", options->expectedTime,
-                       "Seconds that the update may take, with a margin (default 300)")
-            ->check(CLI::Range(1U, kLongestTime)),
-        app.add_option("--ui-use", options->uiUse, "What the upgrade screen does with it (default none)")
-            ->check(CLI::IsMember({"select", "force", "none"})),
-        app.add_option("-o,--output", options->output, "File to write (default: standard output)"),
+    common::Option checked = command.text("--check", options->check, "Check this information file");
+    command.text("--image", options->image, "The image that the file describes");
+    common::Option writing[] = {
+        command.text("--version", options->version,
+                     "Version of the image, as checkVersion is asked about it"),
+        command.number("--expected-time", options->expectedTime, common::Range<unsigned int>{1, kLongestTime},
+                       "Seconds that the update may take, with a margin"),
+        command.text("--ui-use", options->uiUse, "What the upgrade screen does with it")
+            .oneOf({"select", "force", "none"}),
+        command.text("-o,--output", options->output, "File to write (default: standard output)"),
     };
-    for (CLI::Option* option : writing)
-        option->excludes(checked);
-    app.footer("An image in the system image needs --ui-use select or force.\n"
-               "Examples:\n"
-               "  fwmod info --version 1.1 --image Tuner.bin --expected-time 8 --ui-use select -o info.json\n"
-               "  fwmod info --check info.json --image Tuner.bin");
-    return [options] { return options->check.empty() ? write(*options) : check(*options); };
+    for (common::Option& option : writing)
+        option.excludes(checked);
+    command.footer(
+        "An image in the system image needs --ui-use select or force.\n"
+        "Examples:\n"
+        "  fwmod info --version 1.1 --image Tuner.bin --expected-time 8 --ui-use select -o info.json\n"
+        "  fwmod info --check info.json --image Tuner.bin");
+    command.onRun([options] { return options->check.empty() ? write(*options) : check(*options); });
 }

@@ -48,28 +48,28 @@ void printForPrograms(const std::string& file, const Inspection& result)
 }
 } // namespace
 
-Run defineInspect(CLI::App& app)
+void defineInspect(common::CommandLine& command)
 {
     auto request = std::make_shared<InspectionRequest>();
     auto json = std::make_shared<bool>(false);
-    app.add_option("FILE", request->file, "The file to look at")->required();
-    app.add_option("--key-file", request->keyFile,
-                   "Content key of an encrypted image: shows its version header");
-    app.add_option("--public-key", request->publicKey,
-                   "Public key (PEM), or a directory of them: checks an encrypted image's signature");
-    app.add_flag("--json", *json, "Print JSON");
-    app.footer(
+    command.text("FILE", request->file, "The file to look at").required();
+    command.text("--key-file", request->keyFile,
+                 "Content key of an encrypted image: shows its version header");
+    command.text("--public-key", request->publicKey,
+                 "Public key (PEM), or a directory of them: checks an encrypted image's signature");
+    command.flag("--json", *json, "Print JSON");
+    command.footer(
         "Recognises encrypted USB images, packages, information files and control libraries; nothing of\n"
         "the file is run. Exit status: 0 it would be accepted as far as can be told, 1 not, 2 wrong use.\n"
         "Examples:\n"
         "  fwmod inspect stick/Tuner.bin --public-key signing.pub.pem --key-file content.key\n"
         "  fwmod inspect --json tuner.so");
-    return [request, json] {
+    command.onRun([request, json] {
         const Inspection result = inspectFile(*request);
         if (*json)
             printForPrograms(request->file, result);
         else
             printForPeople(request->file, result);
         return result.problems.empty() ? 0 : 1;
-    };
+    });
 }

@@ -80,15 +80,15 @@ bool isEncryptedImage(const fs::path& path)
 std::vector<signature::TrustedKey> readTrusted(const std::string& path)
 {
     if (!fs::exists(path))
-        throw Failure(path + " does not exist: give a public key or a directory of them");
+        throw common::Failure(path + " does not exist: give a public key or a directory of them");
     std::vector<signature::TrustedKey> keys;
     if (fs::is_directory(path))
         keys = signature::readKeyDirectory(path);
     else if (signature::Key key = signature::readPublicKey(path))
         keys.push_back({signature::keyIdOf(key.get()), std::move(key)});
     if (keys.empty())
-        throw Failure(path + " holds no public RSA key with 4096 bits in PEM form: write one with "
-                             "openssl pkey -in signing.pem -pubout -out signing.pub.pem");
+        throw common::Failure(path + " holds no public RSA key with 4096 bits in PEM form: write one with "
+                                     "openssl pkey -in signing.pem -pubout -out signing.pub.pem");
     return keys;
 }
 
@@ -170,7 +170,7 @@ void inspectImage(const InspectionRequest& request, Inspection& result)
     const File file(std::fopen(request.file.c_str(), "rbe"));
     usb::Iv iv;
     if (!file || std::fread(iv.data(), 1, iv.size(), file.get()) != iv.size())
-        throw Failure("cannot read " + request.file);
+        throw common::Failure("cannot read " + request.file);
     result.add("iv", hex(iv.data(), iv.size()));
     result.addBytes("ciphertext", parts.cipherSize);
     if (request.keyFile.empty())

@@ -7,11 +7,10 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
-#include <vector>
 
 namespace
 {
-const std::vector<Command> kCommands = {
+constexpr common::Command kCommands[] = {
     {"new", "Make a complete module to start from", defineNew},
     {"crc", "Checksum of an image, as the daemon computes it", defineCrc},
     {"info", "Write or check an information file (info.json)", defineInfo},
@@ -38,21 +37,25 @@ int main(int argc, char** argv)
 {
     std::signal(SIGPIPE, SIG_IGN); // a reader that goes away is a failed write: what was begun is put away
     occupyStandardStreams();
-    CLI::App app("Makes and checks what a firmware module consists of.", "fwmod");
-    app.footer("Examples:\n"
-               "  fwmod new tuner\n"
-               "  fwmod crc Tuner.bin\n"
-               "  fwmod info --version 1.1 --image Tuner.bin --expected-time 8 -o info.json\n"
-               "  fwmod package --image Tuner.bin --info info.json --id empTuner -o empTuner.img\n"
-               "  fwmod usb --version-header 1.1 --payload Tuner.bin --key-file content.key \\\n"
-               "            --sign-key signing.pem -o stick/Tuner.bin\n"
-               "  fwmod inspect stick/Tuner.bin --public-key signing.pub.pem\n"
-               "  fwmod diff old/empTuner.img new/empTuner.img\n"
-               "  fwmod try tuner.so --package empTuner.img\n"
-               "  fwmod check tuner.so --package empTuner.img --hardware hardware\n"
-               "\"fwmod COMMAND --help\" says more. Exit status: 0 done, 1 failed or refused, 2 wrong use.");
+    common::CommandLine program("fwmod", "Makes and checks what a firmware module consists of.");
+    program.footer(
+        "Examples:\n"
+        "  fwmod new tuner\n"
+        "  fwmod crc Tuner.bin\n"
+        "  fwmod info --version 1.1 --image Tuner.bin --expected-time 8 -o info.json\n"
+        "  fwmod package --image Tuner.bin --info info.json --id empTuner -o empTuner.img\n"
+        "  fwmod usb --version-header 1.1 --payload Tuner.bin --key-file content.key \\\n"
+        "            --sign-key signing.pem -o stick/Tuner.bin\n"
+        "  fwmod inspect stick/Tuner.bin --public-key signing.pub.pem\n"
+        "  fwmod diff old/empTuner.img new/empTuner.img\n"
+        "  fwmod try tuner.so --package empTuner.img\n"
+        "  fwmod check tuner.so --package empTuner.img --hardware hardware\n"
+        "\"fwmod COMMAND --help\" says more. Exit status: 0 done, 1 failed or refused, 2 wrong use.");
+    for (const common::Command& command : kCommands) {
+        command.define(program.command(command.name, command.summary));
+    }
     try {
-        return runCommandLine(app, kCommands, argc, argv);
+        return program.main(argc, argv);
     } catch (const Interrupted& interruption) {
         std::fprintf(stderr, "fwmod: interrupted, and the set has ended\n");
         std::fflush(stdout);

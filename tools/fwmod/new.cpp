@@ -71,12 +71,13 @@ std::string libraryName(const std::string& name, const Kind& kind)
 {
     const auto isAllowed = [](char c) { return isAsciiAlphanumeric(c) || c == '-' || c == '_'; };
     if (name.empty() || !std::all_of(name.begin(), name.end(), isAllowed) || !isAsciiAlphanumeric(name[0]))
-        throw WrongUse("'" + name +
-                       "' cannot be a module's name: use ASCII letters, digits, '-' and '_', and "
-                       "begin with a letter or a digit, as in tuner");
+        throw common::WrongUse("'" + name +
+                               "' cannot be a module's name: use ASCII letters, digits, '-' and '_', and "
+                               "begin with a letter or a digit, as in tuner");
     if (isExternalName(name) && !kind.isExternal)
-        throw WrongUse(name + ": \"EXT-\" in its name makes a module an external one: give --external, or "
-                              "take another name");
+        throw common::WrongUse(name +
+                               ": \"EXT-\" in its name makes a module an external one: give --external, or "
+                               "take another name");
     return kind.isExternal && !isExternalName(name) ? "EXT-" + name : name;
 }
 
@@ -126,8 +127,8 @@ fs::path templateDirectory()
     const fs::path program = fs::read_symlink("/proc/self/exe");
     const fs::path found = program.parent_path().parent_path() / "share/tarnwick/template";
     if (!fs::is_directory(found))
-        throw Failure("the template is not in " + found.string() +
-                      ": install the whole kit again (scripts/install-sdk)");
+        throw common::Failure("the template is not in " + found.string() +
+                              ": install the whole kit again (scripts/install-sdk)");
     return found;
 }
 
@@ -175,7 +176,8 @@ public:
     explicit NewDirectory(const fs::path& path) : path_(path)
     {
         if (fs::exists(path) && (!fs::is_directory(path) || !fs::is_empty(path)))
-            throw Failure(path.string() + " exists and is not an empty directory: choose another with -o");
+            throw common::Failure(path.string() +
+                                  " exists and is not an empty directory: choose another with -o");
         sigset_t all;
         sigfillset(&all);
         sigprocmask(SIG_BLOCK, &all, &signals_);
@@ -206,8 +208,8 @@ private:
         makeDirectory(path.parent_path());
         std::error_code error;
         if (!fs::create_directory(path, error) && error)
-            throw Failure("cannot make the directory " + path.string() + ": " + error.message() +
-                          "; choose another with -o");
+            throw common::Failure("cannot make the directory " + path.string() + ": " + error.message() +
+                                  "; choose another with -o");
         made_.push_back(path);
     }
 
@@ -236,24 +238,21 @@ int makeModule(const Options& options)
 }
 } // namespace
 
-Run defineNew(CLI::App& app)
+void defineNew(common::CommandLine& command)
 {
     auto options = std::make_shared<Options>();
-    app.add_option("NAME", options->name, "Name of the module, and of its library's file (NAME.so)")
-        ->required();
-    CLI::Option_group* const kinds = app.add_option_group("kind", "How its images reach the hardware");
+    command.text("NAME", options->name, "Name of the module, and of its library's file (NAME.so)").required();
+    common::CommandLine& kinds =
+        command.group(common::CommandLine::Choice::kAtMostOne, "kind", "How its images reach the hardware");
     for (std::size_t index = 0; index < std::size(kKinds); ++index)
-        kinds->add_flag("--" + std::string(kKinds[index].name), options->isAskedFor[index],
-                        kKinds[index].summary);
-    kinds->require_option(0, 1);
-    app.add_option("--lang", options->language, "Language of the library: c or c++ (default c++)")
-        ->check(CLI::IsMember({"c", "c++"}));
-    app.add_option("-o,--output", options->output, "Directory to make (default NAME)");
-    app.footer(
+        kinds.flag("--" + std::string(kKinds[index].name), options->isAskedFor[index], kKinds[index].summary);
+    command.text("--lang", options->language, "Language of the library: c or c++").oneOf({"c", "c++"});
+    command.text("-o,--output", options->output, "Directory to make (default NAME)");
+    command.footer(
         "Makes a library, sample images and tests that build at once; a file stands for the hardware.\n"
         "An external module's name has \"EXT-\" in it; it is put in front when it is missing.\n"
         "Examples:\n"
         "  fwmod new tuner\n"
         "  fwmod new panel --builtin --lang c -o modules/panel");
-    return [options] { return makeModule(*options); };
+    command.onRun([options] { return makeModule(*options); });
 }

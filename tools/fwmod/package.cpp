@@ -26,7 +26,7 @@ void copyInto(const fs::path& from, const fs::path& to)
     if (!error)
         fs::permissions(to, fs::perms(0644), error); // not those of the maker's file: reproducible
     if (error)
-        throw Failure("cannot copy " + from.string() + ": " + error.message());
+        throw common::Failure("cannot copy " + from.string() + ": " + error.message());
 }
 
 // Times, owners and modes are fixed; one block size and compressor that every set's kernel reads.
@@ -43,7 +43,8 @@ int package(const Options& options)
     const fs::path output = options.output.empty() ? options.identifier + ".img" : options.output;
     const InformationReport report = checkInformation(options.information, fs::path(options.image));
     if (!report.accepted)
-        throw Failure("the daemon would refuse the package:\n" + formatReport(options.information, report));
+        throw common::Failure("the daemon would refuse the package:\n" +
+                              formatReport(options.information, report));
     refuseOverwriting(output, {options.image, options.information});
 
     const ScratchDirectory tree;
@@ -61,16 +62,15 @@ int package(const Options& options)
 }
 } // namespace
 
-Run definePackage(CLI::App& app)
+void definePackage(common::CommandLine& command)
 {
     auto options = std::make_shared<Options>();
-    app.add_option("--image", options->image, "The firmware image; called NAME.bin in the package")
-        ->required();
-    app.add_option("--info", options->information, "Its information file (fwmod info)")->required();
-    app.add_option("--id", options->identifier, "The module's identifier, as getEMPID writes it")->required();
-    app.add_option("-o,--output", options->output, "File to write (default ID.img)");
-    app.footer("NAME is the identifier without its first \"emp\".\n"
-               "Example:\n"
-               "  fwmod package --image Tuner.bin --info info.json --id empTuner -o empTuner.img");
-    return [options] { return package(*options); };
+    command.text("--image", options->image, "The firmware image; called NAME.bin in the package").required();
+    command.text("--info", options->information, "Its information file (fwmod info)").required();
+    command.text("--id", options->identifier, "The module's identifier, as getEMPID writes it").required();
+    command.text("-o,--output", options->output, "File to write (default ID.img)");
+    command.footer("NAME is the identifier without its first \"emp\".\n"
+                   "Example:\n"
+                   "  fwmod package --image Tuner.bin --info info.json --id empTuner -o empTuner.img");
+    command.onRun([options] { return package(*options); });
 }

@@ -29,14 +29,14 @@ fs::path vsetProgram()
         if (access(candidate.c_str(), X_OK) == 0)
             return fs::canonical(candidate);
     }
-    throw Failure("the virtual set, vset, is not in " + own.string() + kRemedy);
+    throw common::Failure("the virtual set, vset, is not in " + own.string() + kRemedy);
 }
 
 fs::path programBesideVset(const std::string& name)
 {
     const fs::path directory = vsetProgram().parent_path();
     if (access((directory / name).c_str(), X_OK) != 0)
-        throw Failure(name + " is not in " + directory.string() + kRemedy);
+        throw common::Failure(name + " is not in " + directory.string() + kRemedy);
     return directory / name;
 }
 
@@ -66,7 +66,7 @@ RunningProgram::RunningProgram(const std::vector<std::string>& arguments, const 
     std::array<int, 2> ends{};
     const int errorFile = open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (errorFile < 0 || pipe2(ends.data(), O_CLOEXEC) != 0)
-        throw Failure("cannot start " + arguments[0] + ": " + std::strerror(errno));
+        throw common::Failure("cannot start " + arguments[0] + ": " + std::strerror(errno));
     const pid_t self = getpid();
     process_ = fork();
     if (process_ == 0)

@@ -19,7 +19,7 @@ public:
         requireReadable(path);
         const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "rbe"), std::fclose);
         if (!file)
-            throw Failure("cannot read the key file " + path.string() + ": check its permissions");
+            throw common::Failure("cannot read the key file " + path.string() + ": check its permissions");
         std::setvbuf(file.get(), nullptr, _IONBF, 0);
         size_ = std::fread(text_, 1, sizeof text_, file.get());
     }
@@ -77,9 +77,9 @@ SecretKey::SecretKey(const std::filesystem::path& file) : bytes_()
         parseHex(text.data(), kSize, bytes_.data()))
         return;
     OPENSSL_cleanse(bytes_.data(), bytes_.size()); // there is no destructor for half an object
-    throw Failure("the key file " + file.string() +
-                  " is no content key: it must hold 32 bytes, or 64 hexadecimal digits "
-                  "(openssl rand -out content.key 32)");
+    throw common::Failure("the key file " + file.string() +
+                          " is no content key: it must hold 32 bytes, or 64 hexadecimal digits "
+                          "(openssl rand -out content.key 32)");
 }
 
 SecretKey::~SecretKey()

@@ -28,7 +28,7 @@ constexpr std::chrono::seconds kPatience(30);
 
 [[noreturn]] void failOn(const std::string& what)
 {
-    throw Failure("cannot " + what + ": " + std::strerror(errno));
+    throw common::Failure("cannot " + what + ": " + std::strerror(errno));
 }
 
 std::string take(char* text)
@@ -57,7 +57,7 @@ TrialSet::Output runProgram(std::vector<std::string> words)
                      &err, &status, &error) == FALSE) {
         const std::string reason = error->message;
         g_error_free(error);
-        throw Failure("cannot start " + words[0] + ": " + reason);
+        throw common::Failure("cannot start " + words[0] + ": " + reason);
     }
     const TrialSet::Output output{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), take(out),
                                   take(err)};
@@ -95,13 +95,13 @@ TrialSet::TrialSet(bool isRootless, std::FILE* story)
     if (path_.empty()) {
         const std::string reason = error->message;
         g_error_free(error);
-        throw Failure("cannot make a temporary directory: " + reason);
+        throw common::Failure("cannot make a temporary directory: " + reason);
     }
     try {
         requireRoomForSet(path_);
         const Output made = runProgram({vset_, "new", path_});
         if (made.status != 0)
-            throw Failure("the set cannot be made: " + made.errors);
+            throw common::Failure("the set cannot be made: " + made.errors);
         if (geteuid() == 0 && isRootless_) // the set will have no user but its caller
             giveAway(path_, 0, 0);
         log_ = std::make_unique<vset::LogReader>(file(vset::kLogFile));
@@ -140,7 +140,7 @@ void TrialSet::add(const fs::path& from, const std::string& directory, const std
     if (!error)
         fs::copy(from, file(directory) / name, fs::copy_options::recursive, error);
     if (error)
-        throw Failure("cannot copy " + from.string() + " into the set: " + error.message());
+        throw common::Failure("cannot copy " + from.string() + " into the set: " + error.message());
 }
 
 void TrialSet::addHardware(const fs::path& from)
@@ -149,7 +149,7 @@ void TrialSet::addHardware(const fs::path& from)
     std::error_code error;
     fs::copy(from, hardware, fs::copy_options::recursive, error);
     if (error)
-        throw Failure("cannot copy " + from.string() + " into the set: " + error.message());
+        throw common::Failure("cannot copy " + from.string() + " into the set: " + error.message());
     if (geteuid() == 0 && !isRootless_)
         giveAway(hardware, kUpdateUser, kSystemGroup);
 }
@@ -280,21 +280,21 @@ void TrialSet::failOnEnd()
     const std::string cut = "the power was cut ";
     if (const auto where = findLine(launcherLines_, "vset: " + cut))
         throw PowerWasCut(cut + *where);
-    throw Failure("the set has ended:\n" + lastWords());
+    throw common::Failure("the set has ended:\n" + lastWords());
 }
 
 void TrialSet::setClockRate(double rate)
 {
     const Output changed = runProgram({vset_, "clock", path_, "--rate", std::to_string(rate)});
     if (changed.status != 0 && isOn())
-        throw Failure("the set's clock cannot be changed: " + changed.errors);
+        throw common::Failure("the set's clock cannot be changed: " + changed.errors);
 }
 
 void TrialSet::jumpClock(unsigned int seconds)
 {
     const Output changed = runProgram({vset_, "clock", path_, "--jump", std::to_string(seconds)});
     if (changed.status != 0 && isOn())
-        throw Failure("the set's clock cannot be changed: " + changed.errors);
+        throw common::Failure("the set's clock cannot be changed: " + changed.errors);
 }
 
 void TrialSet::act(const std::function<void(const vset::ControlClient&)>& action)
@@ -311,7 +311,7 @@ void TrialSet::act(const std::function<void(const vset::ControlClient&)>& action
                 failOnEnd();
             listen();
         }
-        throw Failure(error.what());
+        throw common::Failure(error.what());
     }
 }
 
@@ -331,7 +331,7 @@ Json::Value TrialSet::console(const char* method)
         g_variant_get(reply.get(), "(&s)", &text);
         const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
         if (!reader->parse(text, text + std::strlen(text), &json, nullptr))
-            throw Failure(std::string("the set's console tells nonsense: ") + text);
+            throw common::Failure(std::string("the set's console tells nonsense: ") + text);
     });
     return json;
 }
@@ -409,12 +409,12 @@ void TrialSet::waitFor(const std::string& what, std::chrono::seconds limit, cons
             return;
         InterruptionWatch::check();
         if (std::ferror(story_) != 0)
-            throw Failure("the story cannot be written: its reader has gone, or the disk is full");
+            throw common::Failure("the story cannot be written: its reader has gone, or the disk is full");
         if (!runs)
             failOnEnd();
         if (std::chrono::steady_clock::now() > end)
-            throw Failure("waited " + std::to_string(limit.count()) + " s in vain for " + what + "\n" +
-                          lastWords());
+            throw common::Failure("waited " + std::to_string(limit.count()) + " s in vain for " + what +
+                                  "\n" + lastWords());
     }
 }
 

@@ -126,28 +126,31 @@ bool isExternal(const Options& options)
 void checkLibrary(const Options& options)
 {
     if (options.library.extension() != ".so")
-        throw Failure("the daemon opens NAME.so only: rename " + options.library.string());
+        throw common::Failure("the daemon opens NAME.so only: rename " + options.library.string());
     const std::string problem = whyNotLoadable(options.library);
     if (!problem.empty())
-        throw Failure(options.library.string() + " cannot be loaded: " + problem);
+        throw common::Failure(options.library.string() + " cannot be loaded: " + problem);
     const ControlLibrary library = readControlLibrary(options.library);
     for (const EntryPointState& entry : library.entryPoints) {
         if (entry.required && !entry.exported)
-            throw Failure(options.library.string() + " does not export " + entry.name +
-                          ", which the daemon requires (\"fwmod inspect\" lists the entry points)");
+            throw common::Failure(options.library.string() + " does not export " + entry.name +
+                                  ", which the daemon requires (\"fwmod inspect\" lists the entry points)");
     }
 }
 
 void checkUse(const Options& options)
 {
     if (isExternal(options) && !options.package.empty())
-        throw WrongUse("an external module (EXT-) has no package: its library finds the image itself, for "
-                       "example with --firmware DIR in the system image");
+        throw common::WrongUse(
+            "an external module (EXT-) has no package: its library finds the image itself, for "
+            "example with --firmware DIR in the system image");
     if (isExternal(options) && options.isAccepted)
-        throw WrongUse("an external module (EXT-) is never offered on the screen: leave --accept away");
+        throw common::WrongUse(
+            "an external module (EXT-) is never offered on the screen: leave --accept away");
     if (!isExternal(options) && options.package.empty() && options.firmware.empty())
-        throw WrongUse("there is nothing to update from: give --package IMG, or --firmware DIR for an image "
-                       "in the system image");
+        throw common::WrongUse(
+            "there is nothing to update from: give --package IMG, or --firmware DIR for an image "
+            "in the system image");
 }
 
 void checkRootless(const Options& options)
@@ -156,10 +159,10 @@ void checkRootless(const Options& options)
     if (!isRootless || options.package.empty())
         return;
     if (access("/dev/fuse", R_OK | W_OK) != 0)
-        throw Failure("without root a package is mounted through /dev/fuse, which cannot be used: "
-                      "sudo chmod 0666 /dev/fuse, or run this as root");
+        throw common::Failure("without root a package is mounted through /dev/fuse, which cannot be used: "
+                              "sudo chmod 0666 /dev/fuse, or run this as root");
     if (access("/usr/bin/squashfuse", X_OK) != 0)
-        throw Failure(
+        throw common::Failure(
             "without root a package is mounted with squashfuse: install squashfuse and fuse3, or run "
             "this as root");
 }
@@ -301,7 +304,7 @@ bool Trial::isFoundPending()
     if (set_->said(kPending))
         return true;
     if (*set_->daemonEnd() != kGoodEnd)
-        throw Failure(*set_->daemonEnd() + " while it loaded or asked the control library");
+        throw common::Failure(*set_->daemonEnd() + " while it loaded or asked the control library");
     return false;
 }
 
@@ -313,14 +316,14 @@ Json::Value Trial::examine()
     std::istringstream text(told.text);
     std::string errors;
     if (!Json::parseFromStream(Json::CharReaderBuilder(), text, &modules, &errors) || modules.empty())
-        throw Failure("the module cannot be examined: " + told.errors);
+        throw common::Failure("the module cannot be examined: " + told.errors);
     const Json::Value& module = modules[0];
     if (module.isMember("failure"))
-        throw Failure("the control library fails: " + module["failure"].asString());
+        throw common::Failure("the control library fails: " + module["failure"].asString());
     if (module["kind"] == "unusable") {
         const Json::Value& messages = module["load_messages"]; // the last one tells what stopped the loading
-        throw Failure("the daemon cannot use the control library" +
-                      (messages.empty() ? "" : ": " + messages[messages.size() - 1].asString()));
+        throw common::Failure("the daemon cannot use the control library" +
+                              (messages.empty() ? "" : ": " + messages[messages.size() - 1].asString()));
     }
     return module;
 }
@@ -330,14 +333,14 @@ void Trial::checkNames(const Json::Value& module) const
 {
     const std::string package = module["identifier"].asString() + ".img";
     if (!options_.package.empty() && options_.package.filename() != package)
-        throw Failure("the daemon asks for " + package + ", after the library's identifier: rename " +
-                      options_.package.string());
+        throw common::Failure("the daemon asks for " + package + ", after the library's identifier: rename " +
+                              options_.package.string());
     const std::string firmware = module["firmware_name"].asString();
     const std::string directory =
         options_.firmware.empty() ? firmware : fs::canonical(options_.firmware).filename().string();
     if (directory != firmware)
-        throw Failure("the daemon looks for " + firmware + "/" + firmware +
-                      ".bin in the system image: rename the directory " + options_.firmware.string());
+        throw common::Failure("the daemon looks for " + firmware + "/" + firmware +
+                              ".bin in the system image: rename the directory " + options_.firmware.string());
 }
 
 // Whether the update comes about in the way that was asked for.
@@ -345,11 +348,11 @@ void Trial::checkWay(const Json::Value& module) const
 {
     const bool isOffered = module["ui_use"] != "none";
     if (options_.isAccepted && !isOffered)
-        throw Failure(
+        throw common::Failure(
             "the information file says ui_use \"none\", so the screen never offers the update: leave "
             "--accept away, or write \"select\" or \"force\" (fwmod info --ui-use)");
     if (!options_.isAccepted && module["pending_source"] == "system")
-        throw Failure(
+        throw common::Failure(
             "an image in the system image is only written when the viewer accepts it: add --accept");
 }
 
@@ -358,9 +361,9 @@ void Trial::failNotPending()
     const Json::Value module = examine();
     checkNames(module);
     const bool isBlank = module["installed"].isNull() && options_.hardware.empty();
-    throw Failure("the daemon finds nothing to update. \"fwctl why\" in the set says:\n" +
-                  set_->run({"fwctl", "why", "--", name_}).text +
-                  (isBlank ? "Without --hardware the set's /var/lib/hardware is empty." : ""));
+    throw common::Failure("the daemon finds nothing to update. \"fwctl why\" in the set says:\n" +
+                          set_->run({"fwctl", "why", "--", name_}).text +
+                          (isBlank ? "Without --hardware the set's /var/lib/hardware is empty." : ""));
 }
 
 void Trial::bootForTheFirstTime()
@@ -527,11 +530,12 @@ void Trial::failUncut()
     const unsigned int writes = set_->writes().value_or(0);
     const std::string asked = std::to_string(*options_.powerCut);
     if (writes == 0)
-        throw Failure("the update made no write to hardware that can be seen from outside, so the power was "
-                      "not cut (stores into mapped memory are not seen)");
-    throw Failure("the update made only " + std::to_string(writes) +
-                  " writes to hardware, so the power was " + "not cut at write " + asked +
-                  ": choose one from 1 to " + std::to_string(writes));
+        throw common::Failure(
+            "the update made no write to hardware that can be seen from outside, so the power was "
+            "not cut (stores into mapped memory are not seen)");
+    throw common::Failure("the update made only " + std::to_string(writes) +
+                          " writes to hardware, so the power was " + "not cut at write " + asked +
+                          ": choose one from 1 to " + std::to_string(writes));
 }
 
 // ---- Afterwards ----
@@ -667,24 +671,22 @@ int tryModule(const Options& options)
 }
 } // namespace
 
-Run defineTry(CLI::App& app)
+void defineTry(common::CommandLine& command)
 {
     auto options = std::make_shared<Options>();
-    app.add_option("LIB", options->library, "The control library, NAME.so")->required();
-    app.add_option("--package", options->package, "Its package, IDENTIFIER.img: the package service has it");
-    app.add_option("--firmware", options->firmware,
-                   "A directory of the system image: seen as /lib/firmware/ext/NAME, by its own name");
-    app.add_option("--hardware", options->hardware, "What lies in /var/lib/hardware at the start");
-    app.add_flag("--accept", options->isAccepted,
+    command.path("LIB", options->library, "The control library, NAME.so").required();
+    command.path("--package", options->package, "Its package, IDENTIFIER.img: the package service has it");
+    command.path("--firmware", options->firmware,
+                 "A directory of the system image: seen as /lib/firmware/ext/NAME, by its own name");
+    command.path("--hardware", options->hardware, "What lies in /var/lib/hardware at the start");
+    command.flag("--accept", options->isAccepted,
                  "The viewer accepts the update on the screen (default: it is done at standby)");
-    app.add_option("--power-cut", options->powerCut,
-                   "Cut the power at the N-th write to hardware, and boot again")
-        ->type_name("N")
-        ->check(CLI::Range(1U, kMostWrites));
-    app.add_flag("-u,--rootless", options->isRootless, "As a plain user does it, although this is root");
-    app.add_flag("--keep", options->isKept, "Leave the set's directory, for a look around");
-    app.add_flag("--json", options->isJson, "Print the result as JSON; the story goes to standard error");
-    app.footer(
+    command.number("--power-cut", options->powerCut, common::Range<unsigned int>{1, kMostWrites},
+                   "Cut the power at the N-th write to hardware, and boot again");
+    command.flag("-u,--rootless", options->isRootless, "As a plain user does it, although this is root");
+    command.flag("--keep", options->isKept, "Leave the set's directory, for a look around");
+    command.flag("--json", options->isJson, "Print the result as JSON; the story goes to standard error");
+    command.footer(
         "The module alone on a virtual television: boot, check, update, and a boot afterwards, told as it\n"
         "happens. No root is needed; packages want a usable /dev/fuse then.\n"
         "An external module (EXT-) takes no part in the daemon's updates: fwctl has it updated.\n"
@@ -693,5 +695,5 @@ Run defineTry(CLI::App& app)
         "  fwmod try tuner.so --package empTuner.img --hardware hardware\n"
         "  fwmod try panel.so --firmware Panel --hardware hardware --accept\n"
         "  fwmod try tuner.so --package empTuner.img --hardware hardware --power-cut 100");
-    return [options] { return tryModule(*options); };
+    command.onRun([options] { return tryModule(*options); });
 }

@@ -36,7 +36,7 @@ usb::Cipher usb::makeCipher(const SecretKey& key, const Iv& iv, bool encrypt)
     Cipher cipher(EVP_CIPHER_CTX_new());
     if (!cipher || EVP_CipherInit_ex(cipher.get(), EVP_aes_256_cbc(), nullptr, key.data(), iv.data(),
                                      encrypt ? 1 : 0) != 1)
-        throw Failure("the cipher of OpenSSL cannot be used: check the OpenSSL installation");
+        throw common::Failure("the cipher of OpenSSL cannot be used: check the OpenSSL installation");
     return cipher;
 }
 
@@ -51,10 +51,10 @@ usb::Content usb::decrypt(FILE* file, std::int64_t size, const SecretKey& key, c
     while (size > 0) {
         const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(size, kChunkSize));
         if (std::fread(in.data(), 1, wanted, file) != wanted)
-            throw Failure(
+            throw common::Failure(
                 "the file ended while it was read: is somebody writing it, or was the stick removed?");
         if (EVP_CipherUpdate(cipher.get(), out.data(), &produced, in.data(), static_cast<int>(wanted)) != 1)
-            throw Failure("the cipher of OpenSSL refused its input");
+            throw common::Failure("the cipher of OpenSSL refused its input");
         keeper.take(out.data(), produced);
         size -= static_cast<std::int64_t>(wanted);
     }

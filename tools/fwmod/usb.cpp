@@ -42,7 +42,7 @@ File openFile(const fs::path& path, const char* mode)
 {
     File file(std::fopen(path.c_str(), mode));
     if (!file)
-        throw Failure("cannot open " + path.string() + ": " + std::strerror(errno));
+        throw common::Failure("cannot open " + path.string() + ": " + std::strerror(errno));
     return file;
 }
 
@@ -51,9 +51,9 @@ File openFile(const fs::path& path, const char* mode)
 usb::VersionHeader fillHeader(const std::string& bytes, const std::string& source, std::size_t longest)
 {
     if (bytes.empty())
-        throw WrongUse(source + " is empty: give what the module's checkVersion reads, such as 1.1");
+        throw common::WrongUse(source + " is empty: give what the module's checkVersion reads, such as 1.1");
     if (bytes.size() > longest)
-        throw WrongUse(source + " is too long: at most " + std::to_string(longest) + " bytes");
+        throw common::WrongUse(source + " is too long: at most " + std::to_string(longest) + " bytes");
     usb::VersionHeader header = {};
     std::copy(bytes.begin(), bytes.end(), header.begin());
     return header;
@@ -76,9 +76,9 @@ usb::Iv chooseIv(const std::string& text)
     usb::Iv iv;
     if (text.empty()) {
         if (RAND_bytes(iv.data(), static_cast<int>(iv.size())) != 1)
-            throw Failure("OpenSSL has no random bytes: give --iv");
+            throw common::Failure("OpenSSL has no random bytes: give --iv");
     } else if (text.size() != 2 * iv.size() || !parseHex(text.data(), iv.size(), iv.data())) {
-        throw WrongUse("--iv: 32 hexadecimal digits are needed");
+        throw common::WrongUse("--iv: 32 hexadecimal digits are needed");
     }
     return iv;
 }
@@ -90,10 +90,11 @@ signature::Key readSigningKey(const fs::path& path)
     const File file = openFile(path, "rbe");
     signature::Key key(PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr));
     if (!key)
-        throw Failure(path.string() + " holds no private key in PEM form that can be read: make one with "
-                                      "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:4096");
+        throw common::Failure(path.string() +
+                              " holds no private key in PEM form that can be read: make one with "
+                              "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:4096");
     if (!signature::isSchemeKey(key.get()))
-        throw Failure(path.string() + " is another kind of key: RSA with 4096 bits is needed");
+        throw common::Failure(path.string() + " is another kind of key: RSA with 4096 bits is needed");
     return key;
 }
 
@@ -108,8 +109,8 @@ void refuseTooLarge(const fs::path& payload)
 {
     const auto size = static_cast<std::int64_t>(fs::file_size(payload));
     if (size > usb::kLargestImage || imageSize(size) > usb::kLargestImage)
-        throw Failure(payload.string() + " is too large: the image would have more than " +
-                      std::to_string(usb::kLargestImage) + " bytes, which the daemon cannot count");
+        throw common::Failure(payload.string() + " is too large: the image would have more than " +
+                              std::to_string(usb::kLargestImage) + " bytes, which the daemon cannot count");
 }
 
 // ---- What comes out ----
@@ -122,12 +123,12 @@ public:
         : path_(path), file_(openFile(path, "wbe")), digest_(EVP_MD_CTX_new())
     {
         if (!digest_ || EVP_DigestSignInit(digest_.get(), nullptr, EVP_sha256(), nullptr, key) != 1)
-            throw Failure("OpenSSL refuses the signing key");
+            throw common::Failure("OpenSSL refuses the signing key");
     }
     void writeSigned(const unsigned char* data, std::size_t size)
     {
         if (EVP_DigestSignUpdate(digest_.get(), data, size) != 1)
-            throw Failure("OpenSSL cannot compute the signature");
+            throw common::Failure("OpenSSL cannot compute the signature");
         write(data, size);
     }
     // The signature, then everything to the disk: a stick may be pulled out at once.
@@ -136,10 +137,10 @@ public:
         unsigned char bytes[signature::kSignatureSize];
         std::size_t length = sizeof bytes;
         if (EVP_DigestSignFinal(digest_.get(), bytes, &length) != 1 || length != sizeof bytes)
-            throw Failure("OpenSSL cannot compute the signature");
+            throw common::Failure("OpenSSL cannot compute the signature");
         write(bytes, sizeof bytes);
         if (std::fflush(file_.get()) != 0 || fsync(fileno(file_.get())) != 0)
-            throw Failure("cannot write " + path_.string() + ": " + std::strerror(errno));
+            throw common::Failure("cannot write " + path_.string() + ": " + std::strerror(errno));
         return ftello(file_.get());
     }
 
@@ -147,7 +148,7 @@ private:
     void write(const unsigned char* data, std::size_t size)
     {
         if (std::fwrite(data, 1, size, file_.get()) != size)
-            throw Failure("cannot write " + path_.string() + ": " + std::strerror(errno));
+            throw common::Failure("cannot write " + path_.string() + ": " + std::strerror(errno));
     }
 
     fs::path path_;
@@ -165,15 +166,15 @@ void encrypt(const usb::VersionHeader& header, const fs::path& payload, EVP_CIPH
     while (!plain.empty()) {
         if (EVP_CipherUpdate(cipher, secret.data(), &produced, plain.data(),
                              static_cast<int>(plain.size())) != 1)
-            throw Failure("the cipher of OpenSSL refused its input");
+            throw common::Failure("the cipher of OpenSSL refused its input");
         out.writeSigned(secret.data(), static_cast<std::size_t>(produced));
         plain.resize(kChunkSize);
         plain.resize(std::fread(plain.data(), 1, plain.size(), in.get()));
     }
     if (std::ferror(in.get()) != 0)
-        throw Failure("cannot read " + payload.string() + " to its end");
+        throw common::Failure("cannot read " + payload.string() + " to its end");
     if (EVP_CipherFinal_ex(cipher, secret.data(), &produced) != 1)
-        throw Failure("the cipher of OpenSSL cannot end");
+        throw common::Failure("the cipher of OpenSSL cannot end");
     out.writeSigned(secret.data(), static_cast<std::size_t>(produced));
 }
 
@@ -197,7 +198,7 @@ int makeImage(const Options& options)
     out.writeSigned(trailer.data(), trailer.size());
     const std::int64_t size = out.finish();
     if (size > usb::kLargestImage)
-        throw Failure(options.payload + " grew while it was read, beyond what the daemon can count");
+        throw common::Failure(options.payload + " grew while it was read, beyond what the daemon can count");
     result.commit();
     std::printf("%s: %" PRId64 " bytes, signed with key %s\n", options.output.c_str(), size,
                 signature::toText(keyId).c_str());
@@ -205,23 +206,25 @@ int makeImage(const Options& options)
 }
 } // namespace
 
-Run defineUsb(CLI::App& app)
+void defineUsb(common::CommandLine& command)
 {
     auto options = std::make_shared<Options>();
-    auto* header = app.add_option_group("header", "What checkVersion reads")->require_option(1);
-    header->add_option("--version-header", options->versionHeader, "As a text, at most 63 bytes");
-    header->add_option("--header-file", options->headerFile, "As a file, at most 64 bytes");
-    app.add_option("--payload", options->payload, "The firmware image, as doUpdate_decryption gets it")
-        ->required();
-    app.add_option("--key-file", options->keyFile, "Content key: a file of 32 bytes or 64 hexadecimal digits")
-        ->required();
-    app.add_option("--sign-key", options->signKey, "Private RSA key with 4096 bits (PEM)")->required();
-    app.add_option("--iv", options->iv, "Initialisation vector, 32 hexadecimal digits (default: random)");
-    app.add_option("-o,--output", options->output, "File to write; on the stick it is NAME.bin")->required();
-    app.footer("NAME is the firmware's name: the module's identifier without its first \"emp\". The version "
-               "header\nis filled up to 64 bytes with zeros. Do not use an initialisation vector twice.\n"
-               "Example:\n"
-               "  fwmod usb --version-header 1.1 --payload firmware --key-file content.key \\\n"
-               "            --sign-key signing.pem -o stick/Tuner.bin");
-    return [options] { return makeImage(*options); };
+    common::CommandLine& header =
+        command.group(common::CommandLine::Choice::kExactlyOne, "header", "What checkVersion reads");
+    header.text("--version-header", options->versionHeader, "As a text, at most 63 bytes");
+    header.text("--header-file", options->headerFile, "As a file, at most 64 bytes");
+    command.text("--payload", options->payload, "The firmware image, as doUpdate_decryption gets it")
+        .required();
+    command.text("--key-file", options->keyFile, "Content key: a file of 32 bytes or 64 hexadecimal digits")
+        .required();
+    command.text("--sign-key", options->signKey, "Private RSA key with 4096 bits (PEM)").required();
+    command.text("--iv", options->iv, "Initialisation vector, 32 hexadecimal digits (default: random)");
+    command.text("-o,--output", options->output, "File to write; on the stick it is NAME.bin").required();
+    command.footer(
+        "NAME is the firmware's name: the module's identifier without its first \"emp\". The version "
+        "header\nis filled up to 64 bytes with zeros. Do not use an initialisation vector twice.\n"
+        "Example:\n"
+        "  fwmod usb --version-header 1.1 --payload firmware --key-file content.key \\\n"
+        "            --sign-key signing.pem -o stick/Tuner.bin");
+    command.onRun([options] { return makeImage(*options); });
 }

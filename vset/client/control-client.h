@@ -11,7 +11,7 @@
 
 #include <json/json.h>
 
-#include "glib-pointers.h"
+#include "common/glib-pointers.h"
 
 namespace vset
 {

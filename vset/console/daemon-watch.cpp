@@ -6,7 +6,7 @@
 #include <iterator>
 #include <system_error>
 
-#include "glib-pointers.h"
+#include "common/glib-pointers.h"
 #include "real-time.h"
 
 namespace vset

@@ -13,17 +13,16 @@
 #include <filesystem>
 #include <string>
 
-#include <CLI/CLI.hpp>
 #include <dlfcn.h>
 #include <glib.h>
-#include <json/json.h>
 #include <strings.h>
 #include <tarnwick/control.h>
 
+#include "common/command-line.h"
+#include "common/json-text.h"
+
 namespace
 {
-
-constexpr int kExitUsage = 2;
 
 constexpr const char* kEntryPoints[] = {"setContext",          "getEMPID",        "getActiveVersion",
                                         "checkVersion",        "doUpdate",        "allUpdateDone",
@@ -93,31 +92,37 @@ void ask(const Library& library, const std::string& name, Json::Value& answer)
     answer["progress"] = library.progress();
 }
 
+int probe(const std::string& path)
+{
+    if (!std::filesystem::exists(path)) {
+        throw common::WrongUse("there is no file " + path);
+    }
+    Json::Value answer;
+    answer["name"] = std::filesystem::path(path).stem().string();
+    for (const char* fact : {"identifier", "version", "progress"}) {
+        answer[fact] = Json::nullValue;
+    }
+    const Library library(std::filesystem::absolute(path));
+    if (library.isLoaded()) {
+        ask(library, answer["name"].asString(), answer);
+    } else {
+        answer["error"] = dlerror();
+    }
+    std::printf("%s\n", common::compactJson(answer).c_str());
+    return library.isLoaded() ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
-    CLI::App app("Asks a control library about its hardware, and changes nothing", "module-probe");
+    common::CommandLine program("module-probe",
+                                "Asks a control library about its hardware, and changes nothing");
     std::string path;
-    app.add_option("LIBRARY", path, "The control library")->required()->check(CLI::ExistingFile);
-    app.footer("Example:\n  module-probe /prd/usr/fwupdate/controls/tuner.so");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? EXIT_SUCCESS : kExitUsage;
-    }
-    Json::Value answer;
-    answer["name"] = std::filesystem::path(path).stem().string();
-    for (const char* fact : {"identifier", "version", "progress"})
-        answer[fact] = Json::nullValue;
-    const Library library(std::filesystem::absolute(path));
-    if (library.isLoaded())
-        ask(library, answer["name"].asString(), answer);
-    else
-        answer["error"] = dlerror();
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    std::printf("%s\n", Json::writeString(writer, answer).c_str());
+    program.text("LIBRARY", path, "The control library").required();
+    program.footer("Example:\n  module-probe /prd/usr/fwupdate/controls/tuner.so");
+    program.onRun([&] { return probe(path); });
+    const int status = program.main(argc, argv);
     std::fflush(stdout);
-    std::_Exit(library.isLoaded() ? EXIT_SUCCESS : EXIT_FAILURE); // no destructor of the library runs
+    std::_Exit(status); // no destructor of the library runs
 }

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <vector>
 
-#include "glib-pointers.h"
+#include "common/glib-pointers.h"
 #include "program.h"
 
 namespace vset

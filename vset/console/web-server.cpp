@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "glib-pointers.h"
+#include "common/glib-pointers.h"
 
 extern "C" { // generated for C
 #include "console-page.h"

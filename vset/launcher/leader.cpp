@@ -212,7 +212,7 @@ private:
 int runSet(const RunOptions& options)
 {
     if (!options.set && options.command.empty())
-        throw UsageError("a temporary set needs a command after --");
+        throw common::WrongUse("a temporary set needs a command after --");
     const bool rootless = options.rootless || geteuid() != 0;
     const fs::path tools = executableDirectory();
     const std::vector<fs::path> binds = bindList(options.binds, ownDirectories(tools));

@@ -22,7 +22,7 @@ struct RunOptions {
 };
 
 // Returns the exit status of `vset run`: the command's own, 0 after a power-off, 3 after a power cut. Throws
-// Error and UsageError.
+// Error and common::WrongUse.
 int runSet(const RunOptions& options);
 
 } // namespace vset

@@ -264,12 +264,12 @@ void refuseReserved(const fs::path& directory)
 {
     for (const char* reserved : {"/etc", "/dev", "/proc", "/sys", "/bin", "/sbin", "/lib", "/lib64"}) {
         if (isInside(directory, reserved))
-            throw UsageError(directory.string() + " cannot be bound: the set has a " + reserved +
+            throw common::WrongUse(directory.string() + " cannot be bound: the set has a " + reserved +
                              " of its own");
     }
     for (const char* whole : {"/", "/tmp", "/run", "/var", "/opt", "/srv", "/home", "/prd"}) {
         if (directory == whole)
-            throw UsageError(directory.string() + " cannot be bound as a whole: name a directory in it");
+            throw common::WrongUse(directory.string() + " cannot be bound as a whole: name a directory in it");
     }
 }
 
@@ -280,7 +280,7 @@ std::vector<fs::path> bindList(const std::vector<fs::path>& wanted, const std::v
     std::vector<fs::path> all;
     for (const fs::path& path : wanted) {
         if (!fs::is_directory(path))
-            throw UsageError("-b " + path.string() + " is not a directory");
+            throw common::WrongUse("-b " + path.string() + " is not a directory");
         all.push_back(fs::canonical(path));
         refuseReserved(all.back());
     }

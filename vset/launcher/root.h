@@ -21,8 +21,8 @@ struct RootPlan {
 constexpr const char* kClockPagePath = "/run/vset-clock";
 constexpr const char* kLoopControlPath = "/dev/.vset/loop-control";
 
-// Canonical directories without those that lie in another one of the list. Throws UsageError for one that
-// cannot be bound (not a directory, or a place that the set has as its own).
+// Canonical directories without those that lie in another one of the list. Throws common::WrongUse for one
+// that cannot be bound (not a directory, or a place that the set has as its own).
 std::vector<fs::path> bindList(const std::vector<fs::path>& wanted, const std::vector<fs::path>& builtIn);
 
 // Builds the root and moves into it; to be called by PID 1 in its own namespaces. Throws Error.

@@ -3,6 +3,7 @@
 // The launcher is single-threaded; nothing here is meant for use from several threads.
 #pragma once
 
+#include "common/errors.h"
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -17,13 +18,6 @@ namespace fs = std::filesystem;
 
 // Something failed; the text is for the person at the terminal and says what to do next. Exit status 1.
 class Error : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
-};
-
-// The command was used in a wrong way. Exit status 2.
-class UsageError : public std::runtime_error
 {
 public:
     using std::runtime_error::runtime_error;

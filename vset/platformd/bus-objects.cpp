@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "glib-pointers.h"
+#include "common/glib-pointers.h"
 
 namespace vset
 {

@@ -2,7 +2,7 @@
 
 #include <fstream>
 
-#include "glib-pointers.h"
+#include "common/glib-pointers.h"
 
 namespace vset
 {

@@ -3,26 +3,25 @@
 // Exit status: 0 asked to end, 1 failure, 2 wrong use, 10 the set is to be powered off, 11 the set is to
 // reboot.
 
+#include "common/command-line.h"
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <memory>
 
-#include <CLI/CLI.hpp>
 #include <gio/gio.h>
 #include <glib-unix.h>
 #include <unistd.h>
 
+#include "common/glib-pointers.h"
 #include "console.h"
 #include "control.h"
-#include "glib-pointers.h"
 #include "services.h"
 #include "set-model.h"
 
 namespace
 {
 
-constexpr int kExitUsage = 2;
 constexpr int kExitPowerOff = 10;
 constexpr int kExitReboot = 11;
 
@@ -111,23 +110,16 @@ private:
 
 int main(int argc, char** argv)
 {
-    CLI::App app("Platform services of a virtual set, on its system bus", "platformd");
+    common::CommandLine program("platformd", "Platform services of a virtual set, on its system bus");
     Options options;
     bool isOnlyRecorded = false;
-    app.add_option("--ready-fd", options.readyFd, "Where to write one byte once the services can be used")
-        ->check(CLI::NonNegativeNumber);
-    app.add_flag("--no-power-cycle", isOnlyRecorded, "Record reboots and power-offs, do not carry them out");
-    app.footer("It is started by `vset run`. Exit status: 10 power the set off, 11 reboot it.");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? EXIT_SUCCESS : kExitUsage;
-    }
-    options.isPowerCycled = !isOnlyRecorded;
-    try {
+    program.number("--ready-fd", options.readyFd, common::Range<int>{0, 1 << 20},
+                   "Where to write one byte once the services can be used");
+    program.flag("--no-power-cycle", isOnlyRecorded, "Record reboots and power-offs, do not carry them out");
+    program.footer("It is started by `vset run`. Exit status: 10 power the set off, 11 reboot it.");
+    program.onRun([&] {
+        options.isPowerCycled = !isOnlyRecorded;
         return Service(options).run();
-    } catch (const std::exception& error) {
-        fprintf(stderr, "platformd: %s\n", error.what());
-        return EXIT_FAILURE;
-    }
+    });
+    return program.main(argc, argv);
 }

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "glib-pointers.h"
+#include "common/glib-pointers.h"
 #include "platform-interfaces.h"
 #include "service-time.h"
 

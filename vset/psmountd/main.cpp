@@ -1,9 +1,9 @@
 // psmountd: the set's only privileged service. It mounts package images for a daemon that has no
 // privileges, and lets tests make it fail.
 
+#include "common/command-line.h"
 #include "mount-service.h"
 
-#include <CLI/CLI.hpp>
 #include <gio/gio.h>
 
 #include <cstdio>
@@ -183,22 +183,22 @@ int serve(Server& server)
 
 int main(int argc, char** argv)
 {
-    CLI::App app("Mount service of a virtual set; started by the set itself", "psmountd");
+    common::CommandLine program("psmountd", "Mount service of a virtual set; started by the set itself");
     unsigned int loopBase = 0;
-    bool fuse = false;
+    bool isFuse = false;
     int readyFd = -1;
-    app.add_option("--loop-base", loopBase, "Kernel minor number of the set's /dev/loop0");
-    app.add_flag("--fuse", fuse, "Mount with squashfuse: no loop devices here");
-    app.add_option("--ready-fd", readyFd, "Gets one byte when the service is usable");
-    app.footer("Example:\n  psmountd --loop-base 1024");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? EXIT_SUCCESS : 2;
-    }
-    umask(0); // nodes get the mode that the caller asks for
-    const auto images = fuse ? MountService::Images::kFuse : MountService::Images::kLoopDevice;
-    Server server{MountService(images, loopBase), {}};
-    server.readyFd = readyFd;
-    return serve(server);
+    program.number("--loop-base", loopBase, common::Range<unsigned int>{0, 1U << 20},
+                   "Kernel minor number of the set's /dev/loop0");
+    program.flag("--fuse", isFuse, "Mount with squashfuse: no loop devices here");
+    program.number("--ready-fd", readyFd, common::Range<int>{-1, 1 << 20},
+                   "Gets one byte when the service is usable");
+    program.footer("Example:\n  psmountd --loop-base 1024");
+    program.onRun([&] {
+        umask(0); // nodes get the mode that the caller asks for
+        const auto images = isFuse ? MountService::Images::kFuse : MountService::Images::kLoopDevice;
+        Server server{MountService(images, loopBase), {}};
+        server.readyFd = readyFd;
+        return serve(server);
+    });
+    return program.main(argc, argv);
 }

@@ -3,6 +3,7 @@
 // It speaks to the daemon as the real one does, through two settings keys only, and to a person through the
 // screen of the set. What it shows goes to the log as well, so that a story can be read afterwards.
 
+#include "common/command-line.h"
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -10,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
 #include <gio/gio.h>
 #include <json/json.h>
 
@@ -43,7 +43,7 @@ std::map<std::string, std::string> extrasOf(const Options& options)
     for (const std::string& extra : options.extras) {
         const size_t equals = extra.find('=');
         if (equals == std::string::npos || equals == 0)
-            throw CLI::ValidationError("--extra", "\"" + extra + "\" is not KEY=VALUE");
+            throw common::WrongUse("--extra: \"" + extra + "\" is not KEY=VALUE");
         extras[extra.substr(0, equals)] = extra.substr(equals + 1);
     }
     return extras;
@@ -186,26 +186,16 @@ private:
 
 int main(int argc, char** argv)
 {
-    constexpr int kExitUsage = 2;
-    CLI::App app("The upgrade UI of a virtual set", "upgrade-ui");
+    common::CommandLine program("upgrade-ui", "The upgrade UI of a virtual set");
     Options options;
-    app.add_option("--extra", options.extras, "KEY=VALUE of the launch request (repeatable)")
-        ->type_name("KEY=VALUE")
-        ->allow_extra_args(false);
-    app.add_option("--behaviour", options.behaviour, "What it does by itself")
-        ->check(CLI::IsMember({"interactive", "accept", "decline", "close", "ignore"}))
-        ->capture_default_str();
-    app.add_option("--after", options.after, "Milliseconds until it does that")->capture_default_str();
-    app.footer("The set starts it when the daemon asks for it. By hand, in a running set:\n"
-               "  upgrade-ui --extra uitype=select --extra timeinfo=6");
-    try {
-        app.parse(argc, argv);
-        Application(options).run();
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? EXIT_SUCCESS : kExitUsage;
-    } catch (const std::exception& error) {
-        fprintf(stderr, "upgrade-ui: %s\n", error.what());
-        return EXIT_FAILURE;
-    }
-    return EXIT_SUCCESS;
+    program.texts("--extra", options.extras, "KEY=VALUE of the launch request (repeatable)")
+        .called("KEY=VALUE");
+    program.text("--behaviour", options.behaviour, "What it does by itself")
+        .oneOf({"interactive", "accept", "decline", "close", "ignore"});
+    program.number("--after", options.after, common::Range<unsigned int>{0, 3'600'000},
+                   "Milliseconds until it does that");
+    program.footer("The set starts it when the daemon asks for it. By hand, in a running set:\n"
+                   "  upgrade-ui --extra uitype=select --extra timeinfo=6");
+    program.onRun([&] { Application(options).run(); });
+    return program.main(argc, argv);
 }

@@ -1,8 +1,11 @@
 // One line of progress on standard error: drawn over on a terminal, written anew every tenth otherwise.
-#ifndef TOOLS_PROGRESS_H
-#define TOOLS_PROGRESS_H
+#ifndef COMMON_PROGRESS_LINE_H
+#define COMMON_PROGRESS_LINE_H
 
 #include <string>
+
+namespace common
+{
 
 class ProgressLine
 {
@@ -16,5 +19,7 @@ private:
     bool isTerminal_;
     std::string last_;
 };
+
+} // namespace common
 
 #endif

@@ -1,8 +1,11 @@
-#include "progress.h"
+#include "common/progress-line.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <unistd.h>
+
+namespace common
+{
 
 // Debian has no C++ library for this; it is a line of text.
 
@@ -35,3 +38,5 @@ void ProgressLine::clear()
         std::fprintf(stderr, "\r\033[K");
     last_.clear();
 }
+
+} // namespace common

@@ -1,0 +1,288 @@
+#include "common/command-line.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+
+#include <CLI/CLI.hpp>
+
+#include "common/visible-text.h"
+
+namespace common
+{
+
+// ---- Numbers ----
+
+namespace
+{
+
+template <typename Number>
+std::string shown(Number number)
+{
+    char text[32];
+    const std::to_chars_result end = std::to_chars(text, text + sizeof text, number);
+    return std::string(text, end.ptr);
+}
+
+template <>
+std::string shown(double number)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.15g", number);
+    return text;
+}
+
+// At most so much of what was typed is repeated in a message.
+std::string quoted(const std::string& text)
+{
+    constexpr size_t kLongest = 60;
+    return "\"" + visible(text.size() <= kLongest ? text : text.substr(0, kLongest) + "...") + "\"";
+}
+
+} // namespace
+
+template <typename Number>
+Number numberFrom(const std::string& text, Range<Number> range)
+{
+    Number number{};
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    const bool isNumber = error == std::errc() && rest == end && !text.empty();
+    // Written so that what is not a number at all ("nan") is outside of every range.
+    if (isNumber && number >= range.lowest && number <= range.highest) {
+        return number;
+    }
+    throw WrongUse(quoted(text) + " is not a " + (std::is_integral_v<Number> ? "whole " : "") +
+                   "number from " + shown(range.lowest) + " to " + shown(range.highest));
+}
+
+template int numberFrom(const std::string&, Range<int>);
+template unsigned int numberFrom(const std::string&, Range<unsigned int>);
+template double numberFrom(const std::string&, Range<double>);
+
+template <typename Value>
+std::string detail::Held<Value>::usual(const Value& value)
+{
+    return shown(value);
+}
+template struct detail::Held<int>;
+template struct detail::Held<unsigned int>;
+template struct detail::Held<double>;
+
+// ---- Options ----
+
+Option& Option::required()
+{
+    option_->required();
+    return *this;
+}
+
+Option& Option::excludes(Option other)
+{
+    option_->excludes(other.option_);
+    return *this;
+}
+
+Option& Option::oneOf(const std::vector<std::string>& words)
+{
+    std::string list;
+    for (const std::string& word : words) {
+        list += (list.empty() ? "" : ", ") + word;
+    }
+    const auto isOneOfThem = [words, list](const std::string& text) {
+        const bool isKnown = std::find(words.begin(), words.end(), text) != words.end();
+        return isKnown ? std::string() : quoted(text) + " is none of " + list;
+    };
+    option_->check(isOneOfThem, "{" + list + "}");
+    return *this;
+}
+
+Option& Option::called(const char* word)
+{
+    option_->type_name(word);
+    return *this;
+}
+
+Option& Option::usually(const std::string& text)
+{
+    option_->default_str(text);
+    return *this;
+}
+
+bool Option::isGiven() const
+{
+    return option_->count() > 0;
+}
+
+namespace
+{
+
+// A name without a dash is a place, and shows itself in --help.
+Option declared(CLI::Option* option, const char* word)
+{
+    option->type_name(option->get_positional() ? "" : word);
+    return Option(option);
+}
+
+} // namespace
+
+Option CommandLine::text(const std::string& names, std::string& value, const std::string& help)
+{
+    CLI::Option* const option = app_->add_option(names, value, help);
+    if (!value.empty()) {
+        option->default_str(value);
+    }
+    return declared(option, "TEXT");
+}
+
+Option CommandLine::texts(const std::string& names, std::vector<std::string>& values, const std::string& help)
+{
+    CLI::Option* const option = app_->add_option(names, values, help);
+    if (!option->get_positional()) {
+        option->allow_extra_args(false);
+    }
+    return declared(option, "TEXT");
+}
+
+Option CommandLine::path(const std::string& names, std::filesystem::path& value, const std::string& help)
+{
+    const auto take = [&value](const std::string& text) { value = text; };
+    return declared(app_->add_option_function<std::string>(names, take, help), "PATH");
+}
+
+Option CommandLine::flag(const std::string& names, bool& value, const std::string& help)
+{
+    return Option(app_->add_flag(names, value, help));
+}
+
+namespace
+{
+
+// "--name" of "-n,--name".
+std::string lastName(const std::string& names)
+{
+    return names.substr(names.find_last_of(',') + 1);
+}
+
+} // namespace
+
+Option CommandLine::addNumber(const std::string& names, const std::string& help, const std::string& usual,
+                              Store store)
+{
+    const auto take = [store = std::move(store), name = lastName(names)](const std::string& text) {
+        try {
+            store(text);
+        } catch (const WrongUse& error) {
+            throw CLI::ValidationError(name, error.what());
+        }
+    };
+    CLI::Option* const option = app_->add_option_function<std::string>(names, take, help);
+    option->default_str(usual);
+    return declared(option, "N");
+}
+
+CommandLine& CommandLine::group(Choice choice, const std::string& name, const std::string& summary)
+{
+    CLI::App* const app = app_->add_option_group(name, summary);
+    app->require_option(choice == Choice::kExactlyOne ? 1 : 0, 1);
+    groups_.emplace_back(new CommandLine(app, this));
+    return *groups_.back();
+}
+
+// ---- Commands ----
+
+CommandLine::CommandLine(const std::string& name, const std::string& summary)
+    : own_(std::make_unique<CLI::App>(summary, name)), app_(own_.get())
+{
+}
+
+CommandLine::CommandLine(CLI::App* app, const CommandLine* parent) : app_(app), parent_(parent) {}
+
+CommandLine::~CommandLine() = default;
+
+CommandLine& CommandLine::command(const std::string& name, const std::string& summary)
+{
+    commands_.emplace_back(new CommandLine(app_->add_subcommand(name, summary), this));
+    app_->require_subcommand(0, 1); // that one is named is seen to in parseAndRun, which says it better
+    return *commands_.back();
+}
+
+void CommandLine::footer(const std::string& text)
+{
+    app_->footer(text);
+}
+
+const CommandLine& CommandLine::chosen() const
+{
+    for (const auto& command : commands_) {
+        if (command->app_->parsed()) {
+            return command->chosen();
+        }
+    }
+    return *this;
+}
+
+std::string CommandLine::fullName() const
+{
+    return (parent_ != nullptr ? parent_->fullName() + " " : "") + app_->get_name();
+}
+
+int CommandLine::tellWrongUse(const std::string& problem) const
+{
+    std::fprintf(stderr, "%s: %s\n\"%s --help\" says more.\n", app_->get_name().c_str(), problem.c_str(),
+                 chosen().fullName().c_str());
+    return kStatusWrongUse;
+}
+
+namespace
+{
+
+std::string unexpected(const std::vector<std::string>& extras, bool hasCommands)
+{
+    const std::string word = extras.empty() ? "" : extras.front();
+    if (word.rfind('-', 0) == 0) {
+        return "there is no option " + quoted(word);
+    }
+    return hasCommands ? "there is no command " + quoted(word) : quoted(word) + " was not expected";
+}
+
+} // namespace
+
+int CommandLine::parseAndRun(int argc, char** argv)
+{
+    try {
+        app_->parse(argc, argv);
+    } catch (const CLI::ExtrasError&) {
+        return tellWrongUse(unexpected(app_->remaining(true), !chosen().commands_.empty()));
+    } catch (const CLI::Success& wish) {
+        return app_->exit(wish); // --help
+    } catch (const CLI::ParseError& error) {
+        return tellWrongUse(error.what());
+    }
+    const CommandLine& command = chosen();
+    if (!command.run_) {
+        return tellWrongUse("a command is missing");
+    }
+    return command.run_();
+}
+
+int CommandLine::main(int argc, char** argv)
+{
+    try {
+        const int status = parseAndRun(argc, argv);
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+            throw Failure("cannot write to standard output");
+        }
+        return status;
+    } catch (const WrongUse& error) {
+        return tellWrongUse(error.what());
+    } catch (const CommandError& error) {
+        std::fprintf(stderr, "%s: %s\n", app_->get_name().c_str(), error.what());
+        return error.status();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s: %s\n", app_->get_name().c_str(), error.what());
+        return kStatusFailed;
+    }
+}
+
+} // namespace common

@@ -1,0 +1,36 @@
+// JSON as a text: the one reader and the one writer of our programs.
+#ifndef COMMON_JSON_TEXT_H
+#define COMMON_JSON_TEXT_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <json/value.h>
+
+namespace common
+{
+
+// What a text may be. Deeper or longer ones are no attack on whoever reads them, but refused.
+struct JsonLimits {
+    size_t bytes = size_t{16} << 20;
+    int depth = 64; // arrays and objects in each other
+};
+
+// Nothing when it is no JSON or beyond the limits; then `why`, if given, has one line. Throws nothing but
+// std::bad_alloc, so that it can be called under a C callback. Take care there with the value, too: JsonCpp
+// throws when one of another type is asked for.
+std::optional<Json::Value> parseJson(std::string_view text, std::string* why = nullptr,
+                                     const JsonLimits& limits = {});
+
+// The same for what has to be an object.
+std::optional<Json::Value> parseJsonObject(std::string_view text, std::string* why = nullptr,
+                                           const JsonLimits& limits = {});
+
+// On one line, without a line end; indented by two blanks. UTF-8 as it is.
+std::string compactJson(const Json::Value& value);
+std::string indentedJson(const Json::Value& value);
+
+} // namespace common
+
+#endif

@@ -1,0 +1,56 @@
+#include "common/visible-text.h"
+
+#include <cstdio>
+
+#include <glib.h>
+
+namespace common
+{
+
+namespace
+{
+
+std::string escaped(std::string_view bytes)
+{
+    std::string shown;
+    for (const char c : bytes) {
+        char hex[8];
+        std::snprintf(hex, sizeof hex, "\\x%02X", static_cast<unsigned char>(c));
+        shown += c == '\n' ? "\\n" : c == '\t' ? "\\t" : c == '\r' ? "\\r" : hex;
+    }
+    return shown;
+}
+
+// What is drawn as itself; not what moves the cursor, turns the writing or cannot be seen.
+bool isShown(gunichar character)
+{
+    switch (g_unichar_type(character)) {
+    case G_UNICODE_CONTROL:
+    case G_UNICODE_FORMAT:
+    case G_UNICODE_SURROGATE:
+    case G_UNICODE_UNASSIGNED:
+    case G_UNICODE_LINE_SEPARATOR:
+    case G_UNICODE_PARAGRAPH_SEPARATOR:
+        return false;
+    default:
+        return true;
+    }
+}
+
+} // namespace
+
+std::string visible(std::string_view text)
+{
+    std::string shown;
+    while (!text.empty()) {
+        const gunichar character = g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
+        const bool isValid = character != static_cast<gunichar>(-1) && character != static_cast<gunichar>(-2);
+        const size_t length = isValid ? static_cast<size_t>(g_unichar_to_utf8(character, nullptr)) : 1;
+        const std::string_view bytes = text.substr(0, length);
+        shown += isValid && isShown(character) ? std::string(bytes) : escaped(bytes);
+        text.remove_prefix(length);
+    }
+    return shown;
+}
+
+} // namespace common

@@ -1,0 +1,18 @@
+// Texts that come from packages, control libraries and files, on a terminal: shown, never obeyed.
+#ifndef COMMON_VISIBLE_TEXT_H
+#define COMMON_VISIBLE_TEXT_H
+
+#include <string>
+#include <string_view>
+
+namespace common
+{
+
+// `text` in one line of valid UTF-8: control characters, line breaks, what steers a terminal or the direction
+// of writing, and bytes that are no UTF-8 stand as \n, \t, \r or \xNN, a byte at a time. A backslash stays as
+// it is.
+std::string visible(std::string_view text);
+
+} // namespace common
+
+#endif

@@ -1,0 +1,165 @@
+// The command line as a person types it: what is stored, what is refused, and in which words.
+#include "common/command-line.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using testing::HasSubstr;
+using testing::Not;
+
+// What a program with a bit of everything did with its arguments.
+struct Typed {
+    int status = -1;
+    std::string errors;
+    std::string output;
+    std::string word;
+    std::optional<double> factor;
+    unsigned int count = 8;
+    int offset = 0;
+    std::vector<std::string> rest;
+    bool isLoud = false;
+    std::string ran;
+};
+
+void declare(common::CommandLine& program, Typed& typed)
+{
+    common::CommandLine& play = program.command("play", "Plays");
+    play.text("WORD", typed.word, "A word").required();
+    play.number("--factor", typed.factor, common::Range<double>{-1000, 1000}, "A factor");
+    play.number("-n,--count", typed.count, common::Range<unsigned int>{1, 250}, "How many");
+    const common::Option offset = play.number("--offset", typed.offset, common::Range<int>{-10, 10}, "Where");
+    play.flag("--loud", typed.isLoud, "Loudly").excludes(offset);
+    play.texts("REST", typed.rest, "The rest");
+    play.onRun([&typed] { typed.ran = "play"; });
+    common::CommandLine& stop = program.command("stop", "Stops");
+    stop.onRun([&typed]() -> int {
+        typed.ran = "stop";
+        throw common::CommandError(7, "it cannot be stopped");
+    });
+    common::CommandLine& choose = program.command("choose", "Chooses");
+    choose.command("left", "Left").onRun([&typed] { typed.ran = "left"; });
+}
+
+Typed type(std::vector<std::string> words)
+{
+    Typed typed;
+    common::CommandLine program("player", "A player");
+    declare(program, typed);
+    words.insert(words.begin(), "player");
+    std::vector<char*> arguments;
+    for (std::string& word : words) {
+        arguments.push_back(word.data());
+    }
+    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
+    typed.status = program.main(static_cast<int>(arguments.size()), arguments.data());
+    typed.errors = testing::internal::GetCapturedStderr();
+    typed.output = testing::internal::GetCapturedStdout();
+    return typed;
+}
+
+TEST(CommandLine, StoresWhatIsTyped)
+{
+    const Typed typed =
+        type({"play", "hello", "--factor", "-2.5", "-n", "3", "--offset", "-7", "--", "-x", "y"});
+    EXPECT_EQ(typed.errors, "");
+    EXPECT_EQ(typed.status, 0);
+    EXPECT_EQ(typed.word, "hello");
+    EXPECT_EQ(typed.factor, -2.5);
+    EXPECT_EQ(typed.count, 3U);
+    EXPECT_EQ(typed.offset, -7);
+    EXPECT_EQ(typed.rest, (std::vector<std::string>{"-x", "y"}));
+    EXPECT_EQ(typed.ran, "play");
+}
+
+TEST(CommandLine, LeavesAloneWhatIsNotTyped)
+{
+    const Typed typed = type({"play", "hello"});
+    EXPECT_EQ(typed.factor, std::nullopt);
+    EXPECT_EQ(typed.count, 8U);
+}
+
+TEST(CommandLine, RefusesNumbersThatAreNone)
+{
+    for (const char* text :
+         {"nan", "inf", "-inf", "1e300", "1e", "", " 1", "1 ", "0x10", "1,5", "two", "--1"}) {
+        const Typed typed = type({"play", "hello", "--factor", text});
+        EXPECT_EQ(typed.status, 2) << text;
+        EXPECT_THAT(typed.errors, HasSubstr("player: --factor: \"" + std::string(text) +
+                                            "\" is not a number from -1000 to 1000\n"));
+        EXPECT_EQ(typed.ran, "") << text;
+    }
+}
+
+TEST(CommandLine, RefusesWholeNumbersOutsideOfTheirRange)
+{
+    for (const char* text :
+         {"0", "251", "-1", "4294967297", "99999999999999999999999", "1.5", "1e2", "0x10"}) {
+        const Typed typed = type({"play", "hello", "--count", text});
+        EXPECT_EQ(typed.status, 2) << text;
+        EXPECT_THAT(typed.errors, HasSubstr("--count: \"" + std::string(text) +
+                                            "\" is not a whole number from 1 to 250\n"));
+    }
+}
+
+TEST(CommandLine, CutsWhatIsRepeatedInAMessage)
+{
+    const Typed typed = type({"play", "hello", "--count", std::string(5000, '9')});
+    EXPECT_EQ(typed.status, 2);
+    EXPECT_LT(typed.errors.size(), 200U);
+}
+
+TEST(CommandLine, NamesTheCommandThatIsNot)
+{
+    const Typed typed = type({"paly", "hello"});
+    EXPECT_EQ(typed.status, 2);
+    EXPECT_EQ(typed.errors, "player: there is no command \"paly\"\n\"player --help\" says more.\n");
+}
+
+TEST(CommandLine, NamesTheCommandThatIsNotBelowAnother)
+{
+    EXPECT_EQ(type({"choose", "right"}).errors,
+              "player: there is no command \"right\"\n\"player choose --help\" says more.\n");
+    EXPECT_EQ(type({"choose"}).errors, "player: a command is missing\n\"player choose --help\" says more.\n");
+}
+
+TEST(CommandLine, NamesTheOptionThatIsNot)
+{
+    EXPECT_THAT(type({"play", "hello", "--quiet"}).errors, HasSubstr("--quiet"));
+    EXPECT_THAT(type({"stop", "--quiet"}).errors, HasSubstr("there is no option \"--quiet\""));
+    EXPECT_THAT(type({"stop", "now"}).errors, HasSubstr("\"now\" was not expected"));
+}
+
+TEST(CommandLine, ShowsWhatSteersATerminal)
+{
+    EXPECT_THAT(type({"\033[2Jx"}).errors, HasSubstr("\"\\x1B[2Jx\""));
+}
+
+TEST(CommandLine, TellsWhatIsMissingOrContradicts)
+{
+    EXPECT_EQ(type({"play"}).errors, "player: WORD is required\n\"player play --help\" says more.\n");
+    EXPECT_THAT(type({"play", "x", "--loud", "--offset", "1"}).errors, HasSubstr("excludes"));
+    EXPECT_EQ(type({}).errors, "player: a command is missing\n\"player --help\" says more.\n");
+}
+
+TEST(CommandLine, HelpIsNoError)
+{
+    const Typed typed = type({"play", "--help"});
+    EXPECT_EQ(typed.status, 0);
+    EXPECT_EQ(typed.errors, "");
+    EXPECT_THAT(typed.output, HasSubstr("--factor"));
+    EXPECT_EQ(typed.ran, "");
+}
+
+TEST(CommandLine, EndsWithTheStatusOfTheFailure)
+{
+    const Typed typed = type({"stop"});
+    EXPECT_EQ(typed.ran, "stop");
+    EXPECT_EQ(typed.status, 7);
+    EXPECT_EQ(typed.errors, "player: it cannot be stopped\n");
+}
+
+} // namespace

@@ -1,0 +1,70 @@
+// JSON as a text: what is read, what is refused without an exception, and how it is written.
+#include "common/json-text.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using common::parseJson;
+using testing::HasSubstr;
+using testing::Not;
+
+std::string nested(size_t depth)
+{
+    return std::string(depth, '[') + std::string(depth, ']');
+}
+
+TEST(JsonText, ReadsWhatItWrites)
+{
+    Json::Value value;
+    value["text"] = "Grüße\n\033";
+    value["list"].append(1.5);
+    EXPECT_EQ(parseJson(common::compactJson(value)), value);
+    EXPECT_EQ(parseJson(common::indentedJson(value)), value);
+    EXPECT_THAT(common::compactJson(value), Not(HasSubstr("\n")));
+    EXPECT_THAT(common::compactJson(value), HasSubstr("Grüße"));
+}
+
+TEST(JsonText, RefusesNestingBeyondTheLimitWithoutAnException)
+{
+    std::string why;
+    EXPECT_TRUE(parseJson(nested(60)));
+    for (const size_t depth : {65UL, 2000UL, 1000000UL}) {
+        EXPECT_FALSE(parseJson(nested(depth), &why)) << depth;
+        EXPECT_EQ(why, "nested deeper than 64");
+    }
+}
+
+TEST(JsonText, RefusesWhatIsTooLong)
+{
+    std::string why;
+    common::JsonLimits limits;
+    limits.bytes = 10;
+    EXPECT_TRUE(parseJson("[12345678]", nullptr, limits));
+    EXPECT_FALSE(parseJson("[123456789]", &why, limits));
+    EXPECT_EQ(why, "longer than 10 bytes");
+}
+
+TEST(JsonText, SaysInOneLineWhatIsWrong)
+{
+    for (const char* text : {"", "{", "{\"a\":}", "nonsense", "[1,2", "\"\\ud800\"", "\xff\xfe"}) {
+        std::string why;
+        EXPECT_FALSE(parseJson(text, &why)) << text;
+        EXPECT_NE(why, "") << text;
+        EXPECT_THAT(why, Not(HasSubstr("\n"))) << text;
+    }
+}
+
+TEST(JsonText, AnObjectIsAnObject)
+{
+    std::string why;
+    EXPECT_TRUE(common::parseJsonObject("{}", &why));
+    for (const char* text : {"[]", "null", "7", "\"x\""}) {
+        EXPECT_FALSE(common::parseJsonObject(text, &why)) << text;
+        EXPECT_EQ(why, "not a JSON object");
+    }
+}
+
+} // namespace

@@ -1,0 +1,42 @@
+// Foreign texts on a terminal.
+#include "common/visible-text.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using common::visible;
+
+TEST(VisibleText, LeavesOrdinaryTextAsItIs)
+{
+    EXPECT_EQ(visible("Tuner 1.10-rc2 \\ \"Grüße\" 電視"), "Tuner 1.10-rc2 \\ \"Grüße\" 電視");
+    EXPECT_EQ(visible(""), "");
+}
+
+TEST(VisibleText, ShowsLineBreaksAndControlCharacters)
+{
+    EXPECT_EQ(visible("a\nb\tc\rd"), "a\\nb\\tc\\rd");
+    EXPECT_EQ(visible("\033[31m\007\x7f"), "\\x1B[31m\\x07\\x7F");
+    EXPECT_EQ(visible(std::string_view("a\0b", 3)), "a\\x00b");
+}
+
+TEST(VisibleText, ShowsWhatSteersATerminalInUnicode)
+{
+    EXPECT_EQ(visible("\xC2\x9B"
+                      "2J"),
+              "\\xC2\\x9B2J"); // U+009B, a control sequence in one character
+    EXPECT_EQ(visible("\xE2\x80\xAE"
+                      "gnp"),
+              "\\xE2\\x80\\xAEgnp");                       // U+202E, turns the writing
+    EXPECT_EQ(visible("\xE2\x80\xA8"), "\\xE2\\x80\\xA8"); // U+2028, a line separator
+}
+
+TEST(VisibleText, ShowsBytesThatAreNoText)
+{
+    EXPECT_EQ(visible("a\xFF\xC3"), "a\\xFF\\xC3");
+    EXPECT_EQ(visible("\xED\xA0\x80"), "\\xED\\xA0\\x80"); // half of a surrogate pair
+    EXPECT_EQ(visible("\xC0\x80"), "\\xC0\\x80");          // an overlong zero
+}
+
+} // namespace

@@ -1,0 +1,121 @@
+// vset new, run, exec, clock: the set itself.
+#include <cstdio>
+#include <memory>
+
+#include "launcher/exec.h"
+#include "launcher/leader.h"
+#include "launcher/set-clock.h"
+#include "launcher/set-directory.h"
+#include "vset/commands/commands.h"
+
+namespace vset
+{
+
+common::Option takeSet(common::CommandLine& command, std::string& set)
+{
+    return command.text("SET", set, "Directory of the set").required();
+}
+
+void defineNew(common::CommandLine& command)
+{
+    struct Options {
+        std::string set;
+        bool isBare = false;
+    };
+    const auto options = std::make_shared<Options>();
+    takeSet(command, options->set);
+    command.flag("--bare", options->isBare, "Only the directories, without the daemon");
+    command.footer("Run again on an existing set it renews the daemon and keeps everything else.");
+    command.onRun([options] {
+        const SetDirectory directory = SetDirectory::make(options->set);
+        if (!options->isBare) {
+            directory.installDaemon();
+        }
+        std::printf("%s\n", directory.path().c_str());
+    });
+}
+
+// ---- Run ----
+
+namespace
+{
+
+struct RunArguments {
+    std::string set;
+    bool isTemporary = false;
+    std::vector<std::string> binds;
+    RunOptions run;
+};
+
+int run(RunArguments& arguments)
+{
+    RunOptions& options = arguments.run;
+    options.binds.assign(arguments.binds.begin(), arguments.binds.end());
+    if (arguments.isTemporary && !arguments.set.empty()) {
+        options.command.insert(options.command.begin(),
+                               arguments.set); // "--temporary -- CMD": there is no SET
+    } else if (!arguments.isTemporary && arguments.set.empty()) {
+        throw common::WrongUse("run: SET is required (or --temporary)");
+    } else if (!arguments.isTemporary) {
+        options.set = arguments.set;
+    }
+    return runSet(options);
+}
+
+} // namespace
+
+void defineRun(common::CommandLine& command)
+{
+    constexpr common::Range<unsigned int> kWrites{1, 1'000'000'000};
+    constexpr common::Range<unsigned int> kLoopNodes{0, 250}; // the device numbers of a set are 0 to 249
+    const auto arguments = std::make_shared<RunArguments>();
+    RunOptions& options = arguments->run;
+    command.text("SET", arguments->set, "Directory of the set");
+    command.flag("--temporary", arguments->isTemporary,
+                 "A new set that is removed afterwards, instead of SET");
+    command.flag("-u,--rootless", options.rootless, "Without root: user namespace, squashfuse, one user");
+    command
+        .texts("-b,--bind", arguments->binds,
+               "Make a directory of the PC visible at its own path (repeatable)")
+        .called("DIR");
+    command.number("-n,--loop-nodes", options.loopNodes, kLoopNodes, "Loop device nodes present at start");
+    command.number("--clock-rate", options.clockRate, common::Range<double>{kLowestRate, kHighestRate},
+                   "Set seconds per second of the PC");
+    command.number("--cut-power-at-write", options.cutAtWrite, kWrites,
+                   "Cut the power when the daemon (or CMD) is about to write to hardware for the N-th time");
+    command.texts("CMD", options.command, "After --: a command; the set lives as long as it does");
+    command.footer(
+        "Without CMD the set is a television: the daemon runs, and reboots and power-offs are carried out.\n"
+        "With CMD they are only recorded, and the daemon is the command's to start.");
+    command.onRun([arguments] { return run(*arguments); });
+}
+
+void defineExec(common::CommandLine& command)
+{
+    struct Options {
+        std::string set;
+        std::vector<std::string> words;
+    };
+    const auto options = std::make_shared<Options>();
+    takeSet(command, options->set);
+    command.texts("CMD", options->words, "After --: the command").required();
+    command.onRun([options] { executeInSet(options->set, options->words); });
+}
+
+void defineClock(common::CommandLine& command)
+{
+    constexpr double kLongestJump = 10.0 * 365 * 86400; // seconds
+    struct Options {
+        std::string set;
+        ClockChange change;
+    };
+    const auto options = std::make_shared<Options>();
+    takeSet(command, options->set);
+    command.number("--rate", options->change.rate, common::Range<double>{kLowestRate, kHighestRate},
+                   "Set seconds per second of the PC");
+    command.number("--jump", options->change.jump, common::Range<double>{-kLongestJump, kLongestJump},
+                   "Seconds forwards; negative: the wall clock only, backwards");
+    command.onRun([options] { std::printf("%s\n", changeClock(options->set, options->change).c_str()); });
+}
+
+} // namespace vset
