@@ -104,7 +104,6 @@ void defineExec(common::CommandLine& command)
 
 void defineClock(common::CommandLine& command)
 {
-    constexpr double kLongestJump = 10.0 * 365 * 86400; // seconds
     struct Options {
         std::string set;
         ClockChange change;

@@ -265,11 +265,12 @@ void refuseReserved(const fs::path& directory)
     for (const char* reserved : {"/etc", "/dev", "/proc", "/sys", "/bin", "/sbin", "/lib", "/lib64"}) {
         if (isInside(directory, reserved))
             throw common::WrongUse(directory.string() + " cannot be bound: the set has a " + reserved +
-                             " of its own");
+                                   " of its own");
     }
     for (const char* whole : {"/", "/tmp", "/run", "/var", "/opt", "/srv", "/home", "/prd"}) {
         if (directory == whole)
-            throw common::WrongUse(directory.string() + " cannot be bound as a whole: name a directory in it");
+            throw common::WrongUse(directory.string() +
+                                   " cannot be bound as a whole: name a directory in it");
     }
 }
 

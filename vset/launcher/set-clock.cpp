@@ -82,12 +82,13 @@ constexpr int64_t kLongestUptime = 150 * int64_t{365 * 86400} * kNanoseconds;
 ClockState jumped(ClockState state, double seconds)
 {
     if (!(std::abs(seconds) <= kLongestJump)) // nor what is no number
-        throw UsageError("a clock jumps by at most 315360000 seconds (ten years), forwards or backwards");
+        throw common::WrongUse(
+            "a clock jumps by at most 315360000 seconds (ten years), forwards or backwards");
     const auto jump = static_cast<int64_t>(std::llround(seconds * kNanosecondsPerSecond));
     (jump > 0 ? state.setBase : state.wallOffset) += jump;
     const int64_t wall = wallOf(state);
     if (wall < 0 || wall >= kEndOfWall || state.setBase > kLongestUptime)
-        throw UsageError(
+        throw common::WrongUse(
             "a set's clock goes from 1970 to 2099, and its uptime to 150 years: it stays as it is");
     return state;
 }
@@ -96,7 +97,7 @@ ClockState jumped(ClockState state, double seconds)
 void store(ClockPage& page, const ClockState& state)
 {
     if (!(state.rate >= kLowestRate && state.rate <= kHighestRate))
-        throw UsageError("a clock's rate is a number from 0.01 to 1000");
+        throw common::WrongUse("a clock's rate is a number from 0.01 to 1000");
     writeClock(page, state);
 }
 
