@@ -18,10 +18,12 @@ namespace
 struct Subscription {
     std::string signal;
     std::string argument;
+    const char* subscribeMethod = nullptr; // none for a one-time answer
     CallbackIdentity identity = nullptr;
     guint expectedId = 0; // of a one-time answer
     Deliver deliver;
     std::atomic<bool> isCancelled{false};
+    std::atomic<bool> isForgotten{false}; // by a service that has ended
     guint busId = 0;
 };
 
@@ -67,12 +69,67 @@ void deleteShared(gpointer userData)
     delete static_cast<Shared*>(userData);
 }
 
+GVariant* methodArgument(const char* argument)
+{
+    return argument == nullptr ? nullptr : g_variant_new("(s)", argument);
+}
+
+const char* argumentOf(const Subscription& entry)
+{
+    return entry.argument.empty() ? nullptr : entry.argument.c_str();
+}
+
+// A service that comes back knows nothing of its earlier life: it is told again who wants to hear of what.
+void subscribeAnew(GDBusConnection* bus)
+{
+    Registry& all = registry();
+    const std::lock_guard<std::mutex> lock(all.mutex);
+    for (const Shared& entry : all.entries) {
+        if (entry->subscribeMethod != nullptr && entry->isForgotten.exchange(false)) {
+            // Without waiting for the answer: this is the main loop.
+            g_dbus_connection_call(bus, kPlatform.name, kPlatform.path, kPlatform.interface,
+                                   entry->subscribeMethod, methodArgument(argumentOf(*entry)), nullptr,
+                                   G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr, nullptr);
+        }
+    }
+}
+
+void onOwnerChanged(GDBusConnection* bus, const char*, const char*, const char*, const char*,
+                    GVariant* parameters, gpointer)
+{
+    const char* before = nullptr;
+    const char* after = nullptr;
+    g_variant_get(parameters, "(&s&s&s)", nullptr, &before, &after);
+    if (before[0] != '\0') {
+        Registry& all = registry();
+        const std::lock_guard<std::mutex> lock(all.mutex);
+        for (const Shared& entry : all.entries) {
+            entry->isForgotten = true;
+        }
+    }
+    if (after[0] != '\0') {
+        subscribeAnew(bus);
+    }
+}
+
+// Once for each connection, together with its first subscription.
+void watchOwner(GDBusConnection* bus)
+{
+    constexpr const char* kWatched = "platform-owner-is-watched";
+    if (g_object_get_data(G_OBJECT(bus), kWatched) == nullptr) {
+        g_object_set_data(G_OBJECT(bus), kWatched, bus);
+        g_dbus_connection_signal_subscribe(bus, "org.freedesktop.DBus", "org.freedesktop.DBus",
+                                           "NameOwnerChanged", "/org/freedesktop/DBus", kPlatform.name,
+                                           G_DBUS_SIGNAL_FLAGS_NONE, onOwnerChanged, nullptr, nullptr);
+    }
+}
+
 void attach(GDBusConnection* bus, const Shared& entry)
 {
+    watchOwner(bus);
     entry->busId = g_dbus_connection_signal_subscribe(
-        bus, kPlatform.name, kPlatform.interface, entry->signal.c_str(), kPlatform.path,
-        entry->argument.empty() ? nullptr : entry->argument.c_str(), G_DBUS_SIGNAL_FLAGS_NONE, onSignal,
-        new Shared(entry), deleteShared);
+        bus, kPlatform.name, kPlatform.interface, entry->signal.c_str(), kPlatform.path, argumentOf(*entry),
+        G_DBUS_SIGNAL_FLAGS_NONE, onSignal, new Shared(entry), deleteShared);
 }
 
 // GLib delivers to the main context that the subscribing thread has for itself; callbacks belong to the
@@ -124,11 +181,6 @@ bool add(const Shared& entry)
     return true;
 }
 
-GVariant* methodArgument(const char* argument)
-{
-    return argument == nullptr ? nullptr : g_variant_new("(s)", argument);
-}
-
 } // namespace
 
 int subscribe(const EventKind& kind, const char* argument, CallbackIdentity identity, Deliver deliver)
@@ -136,6 +188,7 @@ int subscribe(const EventKind& kind, const char* argument, CallbackIdentity iden
     const auto entry = std::make_shared<Subscription>();
     entry->signal = kind.signal;
     entry->argument = argument == nullptr ? "" : argument;
+    entry->subscribeMethod = kind.subscribeMethod;
     entry->identity = identity;
     entry->deliver = std::move(deliver);
     if (!add(entry))

@@ -3,6 +3,9 @@
 // Callbacks run on the thread that runs the default main context, whichever thread subscribed. Unsubscribing
 // works from any thread, the callback itself included; a callback that has not begun when it returns does not
 // run any more, one that is running on the main thread at that moment ends in its own time.
+//
+// A service that crashes takes its list of who wants to hear of what with it. When its name is on the bus
+// again, the main loop subscribes anew to what is still wanted; answers that were under way are lost.
 #pragma once
 
 #include <functional>

@@ -2,12 +2,16 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <functional>
+#include <set>
 #include <sstream>
 #include <thread>
 
 #include <gio/gio.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "appbinary_manager.h"
@@ -15,7 +19,9 @@
 #include "flagpost.h"
 #include "hangwatch.h"
 #include "platform-test.h"
+#include "pralis.h"
 #include "ps_mount.h"
+#include "pwrctl.h"
 #include "sysprop.h"
 
 using testing::ElementsAre;
@@ -54,6 +60,33 @@ protected:
         g_object_unref(bus);
         return static_cast<pid_t>(process);
     }
+
+    // The platform crashes, and `meanwhile` happens before it is started again as a television would.
+    void crashPlatform(const std::function<void()>& meanwhile)
+    {
+        const pid_t before = platformProcess();
+        const std::string program = std::filesystem::read_symlink("/proc/" + std::to_string(before) + "/exe");
+        ASSERT_EQ(kill(before, SIGKILL), 0);
+        ASSERT_TRUE(pumpUntil([&] { return pwrctl_get_state() < 0; }));
+        meanwhile();
+        restarted_ = fork();
+        if (restarted_ == 0) {
+            execl(program.c_str(), "platformd", "--no-power-cycle", nullptr);
+            _exit(127);
+        }
+        ASSERT_TRUE(pumpUntil([] { return pwrctl_get_state() >= 0; }));
+    }
+
+    ~Services() override
+    {
+        if (restarted_ > 0) {
+            kill(restarted_, SIGKILL);
+            waitpid(restarted_, nullptr, 0);
+        }
+    }
+
+private:
+    pid_t restarted_ = -1;
 };
 
 struct Ends {
@@ -293,6 +326,48 @@ TEST_F(Services, TheEndOfTheBusEndsNoProcess)
     ASSERT_EQ(kill(static_cast<pid_t>(std::stoi(read("/tmp/bare-pid"))), SIGKILL), 0);
     for (int line = 0; line < 10; ++line)
         ASSERT_EQ(child.readLine(), "-1"); // an ended process would say nothing
+}
+
+TEST_F(Services, WhatIsSubscribedIsSubscribedAnewWhenAPlatformThatCrashedIsBack)
+{
+    std::vector<int> heard;
+    const auto onKey = [](keynode* node, void* data) {
+        static_cast<std::vector<int>*>(data)->push_back(pralis_keynode_get_int(node));
+    };
+    const auto onState = [](pwrctl_state_info*, void*) { return 0; };
+    ASSERT_EQ(pralis_notify_key_changed("memory/wanted", onKey, &heard), 0);
+    ASSERT_EQ(pralis_notify_key_changed("memory/given-up", onKey, &heard), 0);
+    ASSERT_EQ(pwrctl_subscribe_state_changed_event(onState, nullptr), 0);
+
+    crashPlatform([&] {
+        EXPECT_THAT(pralis_set_int("memory/wanted", 1), Lt(0));
+        EXPECT_THAT(pralis_notify_key_changed("memory/in-vain", onKey, &heard), Lt(0));
+        EXPECT_THAT(pwrctl_lock_state(2, 1000), Lt(0));
+        EXPECT_THAT(FlagpostIsDone("/tmp/.flag"), Lt(0));
+        EXPECT_FALSE(appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, "empA"));
+        EXPECT_THAT(pralis_ignore_key_changed("memory/given-up", onKey), Lt(0)); // and yet it is ended
+    });
+
+    const auto events = [this] {
+        std::multiset<std::string> names;
+        const Json::Value snapshot = set.snapshot();
+        for (const Json::Value& one : snapshot["subscribers"]) {
+            for (int count = one["count"].asInt(); count > 0; --count)
+                names.insert(one["event"].asString() + " " + one["argument"].asString());
+        }
+        return names;
+    };
+    ASSERT_TRUE(pumpUntil([&] { return events().size() >= 2; }));
+    pumpAll();
+    EXPECT_THAT(events(), ElementsAre("key memory/wanted", "state "));
+    EXPECT_EQ(pralis_set_int("memory/given-up", 5), 0);
+    EXPECT_EQ(pralis_set_int("memory/wanted", 7), 0);
+    ASSERT_TRUE(pumpUntil([&] { return !heard.empty(); }));
+    pumpAll();
+    EXPECT_THAT(heard, ElementsAre(7));
+    EXPECT_EQ(pralis_ignore_key_changed("memory/wanted", onKey), 0);
+    EXPECT_EQ(pwrctl_unsubscribe_state_changed_event(onState), 0);
+    EXPECT_THAT(events(), testing::IsEmpty());
 }
 
 TEST_F(Services, AServiceThatDoesNotAnswerIsGivenUpAfterFiveSeconds)
