@@ -1,11 +1,12 @@
 // Which power cuts "fwmod check" makes, and which of their failures count.
-#include "cut-survey.h"
+#include "tools/fwmod/check/cut-survey.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace
 {
+using fwmod::CutSurvey;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;

@@ -1,8 +1,8 @@
 // Versions, image files and the checksum of the examples.
 #include "firmware.h"
 
-#include "files.h"
 #include "temporary-directory.h"
+#include "tools/fwmod/files.h"
 
 #include <cerrno>
 #include <gtest/gtest.h>
@@ -65,7 +65,7 @@ TEST(SystemCrc32, IsTheDaemons)
         bytes += static_cast<char>(i * 31 + i / 256);
     writeBytes(directory / "image", bytes);
     auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
-    EXPECT_EQ(systemCrc32(data, bytes.size()), imageChecksum(directory / "image"));
+    EXPECT_EQ(systemCrc32(data, bytes.size()), fwmod::imageChecksum(directory / "image"));
     EXPECT_EQ(systemCrc32(data + 777, bytes.size() - 777, systemCrc32(data, 777)),
               systemCrc32(data, bytes.size()));
 }

@@ -1,7 +1,7 @@
-#include "files.h"
+#include "tools/fwmod/files.h"
 
-#include "command.h"
-#include "fw-update-symbol.h"
+#include "src/src/fw-update-symbol.h"
+#include "tools/fwmod/commands/command.h"
 
 #include <cerrno>
 #include <climits>
@@ -11,6 +11,9 @@
 #include <gio/gio.h>
 #include <memory>
 #include <unistd.h>
+
+namespace fwmod
+{
 
 namespace fs = std::filesystem;
 
@@ -209,3 +212,4 @@ std::string runProgram(const std::vector<std::string>& arguments, const std::str
     throw common::Failure(arguments[0] + " failed (" + error->message + "):\n" +
                           (errors ? errors.get() : ""));
 }
+} // namespace fwmod

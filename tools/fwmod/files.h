@@ -6,6 +6,9 @@
 #include <string>
 #include <vector>
 
+namespace fwmod
+{
+
 // Throws unless `path` is a regular file that can be read.
 void requireReadable(const std::filesystem::path& path);
 
@@ -59,5 +62,7 @@ void writeText(const std::filesystem::path& path, const std::string& text);
 // Runs a program found in PATH, waits for it and returns what it wrote to standard output. `package` is what
 // to install when it is missing.
 std::string runProgram(const std::vector<std::string>& arguments, const std::string& package);
+
+} // namespace fwmod
 
 #endif

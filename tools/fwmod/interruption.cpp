@@ -1,7 +1,10 @@
-#include "interruption.h"
+#include "tools/fwmod/interruption.h"
 
 #include <array>
 #include <csignal>
+
+namespace fwmod
+{
 
 namespace
 {
@@ -33,3 +36,4 @@ void InterruptionWatch::check()
     if (interruption != 0)
         throw Interrupted{interruption};
 }
+} // namespace fwmod

@@ -3,6 +3,9 @@
 #ifndef FWMOD_INTERRUPTION_H
 #define FWMOD_INTERRUPTION_H
 
+namespace fwmod
+{
+
 struct Interrupted {
     int signal;
 };
@@ -18,5 +21,7 @@ public:
 
     static void check(); // throws Interrupted
 };
+
+} // namespace fwmod
 
 #endif

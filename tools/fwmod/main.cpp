@@ -1,12 +1,15 @@
 // fwmod: what a maker of firmware modules needs on a PC. No privileges, no television.
-#include "command.h"
-#include "interruption.h"
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/interruption.h"
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
+
+namespace fwmod
+{
 
 namespace
 {
@@ -31,9 +34,8 @@ void occupyStandardStreams()
             std::abort(); // no such number is free: then it was not closed
     }
 }
-} // namespace
 
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
     std::signal(SIGPIPE, SIG_IGN); // a reader that goes away is a failed write: what was begun is put away
     occupyStandardStreams();
@@ -62,4 +64,12 @@ int main(int argc, char** argv)
         raise(interruption.signal); // as it usually does: it ends the program
         return 1;
     }
+}
+} // namespace
+
+} // namespace fwmod
+
+int main(int argc, char** argv)
+{
+    return fwmod::run(argc, argv);
 }

@@ -1,7 +1,7 @@
-#include "programs.h"
+#include "tools/fwmod/programs.h"
 
-#include "command.h"
-#include "interruption.h"
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/interruption.h"
 
 #include <algorithm>
 #include <array>
@@ -13,6 +13,9 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+namespace fwmod
+{
 
 namespace fs = std::filesystem;
 
@@ -115,3 +118,4 @@ bool RunningProgram::hasSucceeded()
     InterruptionWatch::check(); // Ctrl-C has ended it, too
     return status == 0;
 }
+} // namespace fwmod

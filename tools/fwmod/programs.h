@@ -8,6 +8,9 @@
 #include <sys/types.h>
 #include <vector>
 
+namespace fwmod
+{
+
 // vset: beside fwmod in the kit, in its own room of a build tree. Throws Failure, which says what to do.
 std::filesystem::path vsetProgram();
 
@@ -35,5 +38,7 @@ private:
     int output_ = -1;
     std::string unread_;
 };
+
+} // namespace fwmod
 
 #endif

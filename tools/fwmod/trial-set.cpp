@@ -1,8 +1,8 @@
-#include "trial-set.h"
+#include "tools/fwmod/trial-set.h"
 
-#include "command.h"
-#include "files.h"
-#include "programs.h"
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/programs.h"
 
 #include <algorithm>
 #include <array>
@@ -16,6 +16,9 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+namespace fwmod
+{
 
 namespace fs = std::filesystem;
 
@@ -431,3 +434,4 @@ std::string TrialSet::lastWords() const
         text += "  the daemon: " + records_[index].message + "\n";
     return text;
 }
+} // namespace fwmod

@@ -7,9 +7,9 @@
 #ifndef FWMOD_TRIAL_SET_H
 #define FWMOD_TRIAL_SET_H
 
-#include "control-client.h"
-#include "interruption.h"
-#include "story-teller.h"
+#include "tools/fwmod/interruption.h"
+#include "vset/client/control-client.h"
+#include "vset/story/story-teller.h"
 
 #include <json/json.h>
 
@@ -22,6 +22,9 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+namespace fwmod
+{
 
 // what(): "the power was cut at write 90 (pwrite64 to /var/lib/hardware/tuner)".
 struct PowerWasCut : std::runtime_error {
@@ -109,5 +112,7 @@ private:
     std::vector<std::string> launcherLines_;
     std::size_t firstLine_ = 0; // since forget()
 };
+
+} // namespace fwmod
 
 #endif

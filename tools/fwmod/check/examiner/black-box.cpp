@@ -1,0 +1,114 @@
+#include "tools/fwmod/check/examiner/black-box.h"
+
+#include "tools/fwmod/check/examiner/guarded-buffer.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <cxxabi.h>
+#include <exception>
+#include <new>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace examiner
+{
+
+namespace
+{
+constexpr std::size_t kStackSize = 64 * 1024;
+
+BlackBox* box = nullptr;
+thread_local int ownCall = 0;
+
+void* map(std::size_t size, int sharing)
+{
+    void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, sharing | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        throw std::bad_alloc();
+    return memory;
+}
+
+// The process is lost already; what counts is that the words get out.
+void noteCrash(int signal, siginfo_t* information, void*)
+{
+    const bool isFault = information->si_code > 0; // else sent by somebody
+    if (isFault && GuardedBuffer::describeHit(information->si_addr, box->lastWords, sizeof box->lastWords))
+        box->guardHit = true;
+    else if (isFault)
+        std::snprintf(box->lastWords, sizeof box->lastWords, "address %p was touched", information->si_addr);
+    std::signal(signal, SIG_DFL);
+    if (!isFault)
+        raise(signal); // a fault comes again by itself
+}
+
+[[noreturn]] void noteTerminate()
+{
+    box->terminated = true;
+    try {
+        if (const std::exception_ptr exception = std::current_exception())
+            std::rethrow_exception(exception);
+        std::snprintf(box->lastWords, sizeof box->lastWords, "std::terminate was called");
+    } catch (const std::exception& error) {
+        std::snprintf(box->lastWords, sizeof box->lastWords, "std::terminate after an exception: %s",
+                      error.what());
+    } catch (...) {
+        std::snprintf(box->lastWords, sizeof box->lastWords, "std::terminate after an exception");
+    }
+    std::abort();
+}
+} // namespace
+
+std::int64_t realNow()
+{
+    timespec now{};
+    syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now); // the C library's may be the set's clock
+    return now.tv_sec * std::int64_t{1000000000} + now.tv_nsec;
+}
+
+BlackBox& makeBlackBox()
+{
+    return *new (map(sizeof(BlackBox), MAP_SHARED)) BlackBox();
+}
+
+void openBlackBox(BlackBox& shared)
+{
+    box = &shared;
+    std::set_terminate(noteTerminate);
+    struct sigaction action = {};
+    action.sa_sigaction = noteCrash;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+    for (const int signal : {SIGSEGV, SIGBUS})
+        sigaction(signal, &action, nullptr);
+}
+
+CallingThread::CallingThread(int index) : stack_(map(kStackSize, MAP_PRIVATE))
+{
+    ownCall = index;
+    const stack_t stack = {stack_, 0, kStackSize};
+    sigaltstack(&stack, nullptr);
+}
+
+CallingThread::~CallingThread()
+{
+    const stack_t none = {nullptr, SS_DISABLE, 0};
+    sigaltstack(&none, nullptr);
+    munmap(stack_, kStackSize);
+}
+
+CallMark::CallMark(const char* name, std::chrono::milliseconds limit)
+{
+    BlackBox::Call& call = box->calls[ownCall];
+    std::snprintf(call.name, sizeof call.name, "%s", name);
+    call.deadline = realNow() + std::chrono::nanoseconds(limit).count();
+    ++box->count;
+}
+
+CallMark::~CallMark()
+{
+    box->calls[ownCall].deadline = 0;
+}
+} // namespace examiner

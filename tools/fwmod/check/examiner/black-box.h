@@ -1,0 +1,73 @@
+// What a worker leaves behind however it ends: a page of memory that it shares with its supervisor.
+//
+// A worker runs the library; it may crash, hang, or exit in the middle of a call. The page tells which call
+// that was, and what the crash handler saw. The supervisor makes it before the fork and reads it afterwards,
+// and at every tick to see whether a call has overrun its limit.
+#ifndef EXAMINER_BLACK_BOX_H
+#define EXAMINER_BLACK_BOX_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+
+namespace examiner
+{
+
+// The PC's own time in nanoseconds, also in a set whose clock is faster: limits are in it.
+std::int64_t realNow();
+
+struct BlackBox {
+    static constexpr int kThreads = 2; // that call the library at the same time: the update, the progress
+
+    struct Call {
+        std::atomic<std::int64_t> deadline; // in realNow(); 0 while none is under way
+        char name[160];
+    };
+    // How far a watched update is. Writes count while it runs, and are late while its remains settle.
+    enum Phase { kBefore, kRunning, kSettling, kOver };
+
+    Call calls[kThreads];
+    std::atomic<int> phase;
+    std::atomic<unsigned int> count; // of calls so far
+    std::atomic<bool> finished;      // the worker came to its end
+    std::atomic<bool> guardHit;      // the crash was in a guard page
+    std::atomic<bool> terminated;    // by std::terminate
+    std::atomic<bool> threadEnded;   // by the library, although it was not its own
+    int status;                      // of the worker, as waitpid tells it; written by the keeper
+    char lastWords[400];             // what the crash handler saw
+    char closedBy[160];              // the call that has closed what is not its own
+};
+
+// Zeroed, and shared with every process forked from here on. Never released: a program makes few.
+BlackBox& makeBlackBox();
+
+// In the worker: its crash and terminate handlers write into this one.
+void openBlackBox(BlackBox& box);
+
+// On every thread of a worker, before it calls the library: which call of the box is its own, and a stack for
+// the crash handler, which else could not run when the library has used up the thread's.
+class CallingThread
+{
+public:
+    explicit CallingThread(int index);
+    ~CallingThread();
+    CallingThread(const CallingThread&) = delete;
+    CallingThread& operator=(const CallingThread&) = delete;
+
+private:
+    void* stack_;
+};
+
+// A call that is under way on this thread.
+class CallMark
+{
+public:
+    CallMark(const char* name, std::chrono::milliseconds limit);
+    ~CallMark();
+    CallMark(const CallMark&) = delete;
+    CallMark& operator=(const CallMark&) = delete;
+};
+
+} // namespace examiner
+
+#endif

@@ -1,0 +1,136 @@
+#include "tools/fwmod/check/examiner/guarded-buffer.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace examiner
+{
+
+namespace
+{
+// The buffers in use, where the crash handler finds them without a lock.
+struct Entry {
+    const char* name;
+    std::uintptr_t begin; // of the front guard
+    std::uintptr_t data;
+    std::uintptr_t end; // of the buffer, where the rear guard begins
+};
+constexpr std::size_t kMostBuffers = 64;
+Entry entries[kMostBuffers];
+std::mutex entriesMutex;
+
+std::size_t pageSize()
+{
+    static const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    return size;
+}
+
+void enter(const Entry& entry)
+{
+    const std::lock_guard<std::mutex> lock(entriesMutex);
+    Entry* const free =
+        std::find_if(entries, entries + kMostBuffers, [](const Entry& e) { return e.name == nullptr; });
+    if (free == entries + kMostBuffers)
+        throw std::bad_alloc();
+    *free = entry;
+}
+
+void leave(std::uintptr_t data)
+{
+    const std::lock_guard<std::mutex> lock(entriesMutex);
+    Entry* const found =
+        std::find_if(entries, entries + kMostBuffers, [data](const Entry& e) { return e.data == data; });
+    if (found != entries + kMostBuffers)
+        *found = Entry{};
+}
+} // namespace
+
+GuardedBuffer::GuardedBuffer(const char* name, std::size_t size) : size_(size)
+{
+    const std::size_t page = pageSize();
+    const std::size_t inner = std::max((size + page - 1) / page, std::size_t{1}) * page;
+    mapped_ = inner + 2 * page;
+    void* const memory = mmap(nullptr, mapped_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        throw std::bad_alloc();
+    memory_ = static_cast<unsigned char*>(memory);
+    if (mprotect(memory_ + page, inner, PROT_READ | PROT_WRITE) != 0)
+        throw std::bad_alloc();
+    data_ = memory_ + page + inner - size;
+    std::memset(memory_ + page, kPoison, inner);
+    const auto begin = reinterpret_cast<std::uintptr_t>(memory_);
+    const auto data = reinterpret_cast<std::uintptr_t>(data_);
+    enter({name, begin, data, data + size});
+}
+
+GuardedBuffer::GuardedBuffer(const char* name, const std::string& text) : GuardedBuffer(name, text.size() + 1)
+{
+    std::memcpy(data_, text.c_str(), text.size() + 1);
+    makeReadOnly();
+}
+
+GuardedBuffer::~GuardedBuffer()
+{
+    leave(reinterpret_cast<std::uintptr_t>(data_));
+    munmap(memory_, mapped_);
+}
+
+void GuardedBuffer::fill(unsigned char byte)
+{
+    std::memset(data_, byte, size_);
+}
+
+void GuardedBuffer::makeReadOnly()
+{
+    const std::size_t page = pageSize();
+    mprotect(memory_ + page, mapped_ - 2 * page, PROT_READ);
+}
+
+bool GuardedBuffer::isAll(unsigned char byte) const
+{
+    return std::all_of(data_, data_ + size_, [byte](unsigned char c) { return c == byte; });
+}
+
+std::string GuardedBuffer::text() const
+{
+    return {data_, std::find(data_, data_ + size_, '\0')};
+}
+
+bool GuardedBuffer::isTerminated() const
+{
+    return std::find(data_, data_ + size_, '\0') != data_ + size_;
+}
+
+bool GuardedBuffer::isTouchedBefore() const
+{
+    return std::any_of(memory_ + pageSize(), data_, [](unsigned char c) { return c != kPoison; });
+}
+
+bool GuardedBuffer::describeHit(const void* address, char* words, std::size_t size)
+{
+    const auto hit = reinterpret_cast<std::uintptr_t>(address);
+    const std::size_t page = pageSize();
+    for (const Entry& entry : entries) {
+        if (entry.name == nullptr)
+            continue;
+        if (hit >= entry.end && hit < entry.end + page) {
+            std::snprintf(words, size, "byte %zu behind the %zu of %s was touched",
+                          static_cast<std::size_t>(hit - entry.end + 1),
+                          static_cast<std::size_t>(entry.end - entry.data), entry.name);
+            return true;
+        }
+        if (hit >= entry.begin && hit < entry.begin + page) {
+            std::snprintf(words, size, "byte %zu before %s was touched",
+                          static_cast<std::size_t>(entry.data - hit), entry.name);
+            return true;
+        }
+    }
+    return false;
+}
+} // namespace examiner

@@ -1,0 +1,211 @@
+#include "tools/fwmod/check/examiner/power-cuts.h"
+
+#include "tools/fwmod/check/examiner/updates.h"
+#include "tools/fwmod/check/examiner/worker.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace examiner
+{
+
+namespace
+{
+constexpr double kNearlyAll = 0.9; // of the bytes: then the new version may be told
+
+void updateUntilCut(Worker& worker)
+{
+    if (!worker.load())
+        return;
+    worker.setContext(worker.job().caller, "");
+    if (worker.job().version)
+        worker.checkVersion(*worker.job().version);
+    worker.update({worker.job().image, worker.job().checksum, false, ""});
+}
+
+void startAgain(Worker& worker)
+{
+    worker.tell("loaded", worker.load());
+    tellVersion(worker, "after the power cut");
+}
+
+void updateAgainAfterCut(Worker& worker)
+{
+    worker.load();
+    worker.setContext(worker.job().caller, "");
+    worker.update({worker.job().image, worker.job().checksum, false, "after the power cut"});
+}
+
+// ---- Judgement ----
+
+// What keeps the hardware from answering; "" when nothing does.
+std::string whyNoAnswer(const Session& session, const Job& job)
+{
+    if (session.death)
+        return session.death->detail;
+    if (!session.told["loaded"].asBool())
+        return "the library does not load";
+    if (!session.told.isMember("version"))
+        return session.findings.empty() ? "getActiveVersion told nothing" : session.findings.front().detail;
+    const std::string version = session.told["version"].asString();
+    if (version != job.versionBefore && version != job.versionAfter)
+        return "getActiveVersion told " + quote(version) + ", neither the old nor the new version";
+    return "";
+}
+
+std::string whyNoUpdate(const Session& session)
+{
+    if (session.death)
+        return session.death->detail;
+    if (!session.told.isMember("result"))
+        return session.findings.empty() ? "doUpdate did not answer" : session.findings.front().detail;
+    if (session.told["result"].asInt() != 0)
+        return "doUpdate returned " + session.told["result"].asString() + ", errno: " +
+               (session.told["error"].asInt() == 0 ? "0" : strerrordesc_np(session.told["error"].asInt()));
+    return "";
+}
+
+// The new version, although most of the firmware is not there.
+bool isToldTooEarly(const Session& cut, const Session& look, const Job& job)
+{
+    return job.versionBefore != job.versionAfter && look.told["version"].asString() == job.versionAfter &&
+           static_cast<double>(cut.writes.bytes) < kNearlyAll * static_cast<double>(job.bytes);
+}
+
+// Nothing when the update ended before the cut.
+std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int write)
+{
+    const Job& job = supervisor.job();
+    Machine machine;
+    const Session cut = supervisor.run(machine, updateUntilCut, {true, write});
+    if (!cut.isCut)
+        return std::nullopt;
+    const Session look = supervisor.run(machine, startAgain);
+    const std::string noAnswer = whyNoAnswer(look, job);
+    if (!noAnswer.empty())
+        return std::vector<Finding>{{501, noAnswer}};
+    std::vector<Finding> findings;
+    if (isToldTooEarly(cut, look, job)) {
+        const auto percent = job.bytes == 0 ? 0 : cut.writes.bytes * 100 / job.bytes;
+        findings.push_back({503, "getActiveVersion told " + quote(job.versionAfter) + ", and " +
+                                     std::to_string(percent) + " % of the bytes had been written"});
+    }
+    const bool isPending = !job.isOfferNewer || !look.told.isMember("verdict") ||
+                           look.told["verdict"].asInt() > 0 ||
+                           look.told["version"].asString() == job.versionAfter;
+    if (!isPending) {
+        findings.push_back({502, "checkVersion does not take the offered version as newer any more"});
+        return findings;
+    }
+    const std::string noUpdate = whyNoUpdate(supervisor.run(machine, updateAgainAfterCut));
+    if (!noUpdate.empty()) {
+        findings.push_back({502, noUpdate});
+        return findings;
+    }
+    const Session end = supervisor.run(machine, startAgain);
+    if (end.told["version"].asString() != job.versionAfter)
+        findings.push_back(
+            {502, "after the next update getActiveVersion told " + quote(end.told["version"].asString())});
+    return findings;
+}
+
+// ---- Several at once ----
+
+Json::Value toJson(unsigned int write, const std::optional<std::vector<Finding>>& findings)
+{
+    Json::Value entry;
+    entry["write"] = write;
+    entry["cut"] = findings.has_value();
+    entry["findings"] = Json::arrayValue;
+    for (const Finding& finding : findings.value_or(std::vector<Finding>())) {
+        Json::Value one;
+        one["number"] = finding.number;
+        one["detail"] = finding.detail;
+        entry["findings"].append(one);
+    }
+    return entry;
+}
+
+// Each lane is a process with every so-many-th cut; a line that it writes is shorter than a pipe's atomic
+// size.
+[[noreturn]] void runLane(const Supervisor& original, unsigned int lane, unsigned int lanes, int output)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
+    try {
+        Supervisor supervisor = original;
+        const std::vector<unsigned int>& cuts = supervisor.job().cuts;
+        Json::StreamWriterBuilder writer;
+        writer["indentation"] = "";
+        for (std::size_t index = lane; index < cuts.size(); index += lanes) {
+            const unsigned int callsBefore = supervisor.calls();
+            Json::Value entry = toJson(cuts[index], cutAt(supervisor, cuts[index]));
+            entry["calls"] = supervisor.calls() - callsBefore;
+            const std::string line = Json::writeString(writer, entry) + "\n";
+            if (write(output, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+                _exit(EXIT_FAILURE);
+        }
+        _exit(EXIT_SUCCESS);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "control-examiner: %s\n", error.what());
+        _exit(EXIT_FAILURE);
+    }
+}
+
+unsigned int laneCount(std::size_t cuts)
+{
+    constexpr unsigned int kMostLanes = 4;
+    const unsigned int processors = std::max(std::thread::hardware_concurrency(), 1U);
+    return static_cast<unsigned int>(std::min<std::size_t>({kMostLanes, processors, cuts}));
+}
+
+void tellProgress(std::size_t done, std::size_t total)
+{
+    Json::Value line;
+    line["progress"]["text"] = "power cuts";
+    line["progress"]["percent"] = Json::UInt64(done * 100 / total);
+    printLine(line);
+}
+} // namespace
+
+void cutPower(const Supervisor& supervisor, Report& report)
+{
+    const std::size_t total = supervisor.job().cuts.size();
+    const unsigned int lanes = laneCount(total);
+    int ends[2];
+    if (pipe(ends) != 0)
+        throw std::runtime_error("cannot make a pipe");
+    std::fflush(stdout);
+    std::vector<pid_t> processes;
+    for (unsigned int lane = 0; lane < lanes; ++lane) {
+        processes.push_back(fork());
+        if (processes.back() == 0)
+            runLane(supervisor, lane, lanes, ends[1]);
+    }
+    close(ends[1]);
+    Json::Value cuts = Json::arrayValue;
+    const std::unique_ptr<FILE, int (*)(FILE*)> input(fdopen(ends[0], "r"), fclose);
+    char* line = nullptr;
+    std::size_t size = 0;
+    while (getline(&line, &size, input.get()) > 0) {
+        Json::Value entry;
+        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+        if (reader->parse(line, line + std::strlen(line), &entry, nullptr))
+            cuts.append(entry);
+        tellProgress(cuts.size(), total);
+    }
+    free(line);
+    for (const pid_t process : processes) {
+        int status = 0;
+        if (waitpid(process, &status, 0) != process || status != 0)
+            throw std::runtime_error("the power cuts could not all be tried");
+    }
+    report.measure("cuts", cuts);
+}
+} // namespace examiner

@@ -1,0 +1,17 @@
+// The power is cut before chosen writes of an update, each time on fresh hardware; then a new start must find
+// hardware that answers, tells the truth, and can be updated.
+#ifndef EXAMINER_POWER_CUTS_H
+#define EXAMINER_POWER_CUTS_H
+
+#include "tools/fwmod/check/examiner/report.h"
+#include "tools/fwmod/check/examiner/supervisor.h"
+
+namespace examiner
+{
+
+// Tells "cuts", a list of {"write", "cut", "findings": [{"number", "detail"}]}, as a measurement.
+void cutPower(const Supervisor& supervisor, Report& report);
+
+} // namespace examiner
+
+#endif

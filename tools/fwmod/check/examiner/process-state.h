@@ -1,0 +1,63 @@
+// What belongs to the whole process and must be after a call as it was before: looked at on the thread that
+// calls.
+#ifndef EXAMINER_PROCESS_STATE_H
+#define EXAMINER_PROCESS_STATE_H
+
+#include "tools/fwmod/check/examiner/finding.h"
+
+#include <array>
+#include <chrono>
+#include <clocale>
+#include <csignal>
+#include <set>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace examiner
+{
+
+class ProcessState
+{
+public:
+    static ProcessState now();
+
+    // What `later` has otherwise, each as a finding's number and what was seen, without the call's name.
+    std::vector<Finding> changesIn(const ProcessState& later) const;
+
+    // The state after a call: what the call has started gets a moment to end. A thread that was joined or a
+    // child that was reaped may stay visible for that long.
+    ProcessState settled() const;
+
+private:
+    std::string directory_;
+    std::string locale_;
+    locale_t threadLocale_ = nullptr;
+    std::vector<std::string> environment_;
+    std::string mask_; // of file modes
+    std::array<void (*)(int), NSIG> handlers_{};
+    sigset_t blocked_{};
+    std::set<pid_t> threads_;
+    std::set<pid_t> processes_;
+};
+
+// The number of this process's open descriptors.
+std::size_t openDescriptors();
+
+// How long this thread has waited for a processor, so that a loaded machine's delay is not the library's.
+class ProcessorDelay
+{
+public:
+    ProcessorDelay();
+    ~ProcessorDelay();
+    ProcessorDelay(const ProcessorDelay&) = delete;
+    ProcessorDelay& operator=(const ProcessorDelay&) = delete;
+    std::chrono::nanoseconds soFar() const; // on the thread that made it; 0 where the kernel does not say
+
+private:
+    int file_;
+};
+
+} // namespace examiner
+
+#endif

@@ -1,0 +1,23 @@
+// Loading the library, and asking it everything that the daemon asks before an update.
+#ifndef EXAMINER_QUESTIONS_H
+#define EXAMINER_QUESTIONS_H
+
+#include "tools/fwmod/check/examiner/report.h"
+#include "tools/fwmod/check/examiner/supervisor.h"
+
+namespace examiner
+{
+
+struct Answers {
+    bool isLoaded = false;
+    std::string identifier; // "" when there is no sound one
+    std::string version;    // "" when not told
+    bool isNewer = false;   // the offered version, in the library's words
+};
+
+// Goes on after a call that has ended the process, without that call.
+Answers askQuestions(Supervisor& supervisor, Report& report);
+
+} // namespace examiner
+
+#endif

@@ -1,0 +1,333 @@
+#include "tools/fwmod/check/examiner/supervisor.h"
+
+#include "tools/fwmod/check/examiner/black-box.h"
+#include "tools/fwmod/check/examiner/process-state.h"
+#include "tools/fwmod/check/examiner/worker.h"
+#include "vset/write-watch/write-watch.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/timerfd.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace examiner
+{
+
+namespace
+{
+class Descriptor
+{
+public:
+    explicit Descriptor(int number = -1) : number_(number) {}
+    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+    Descriptor& operator=(Descriptor&& other) noexcept
+    {
+        std::swap(number_, other.number_);
+        return *this;
+    }
+    ~Descriptor()
+    {
+        if (number_ >= 0)
+            close(number_);
+    }
+    int get() const { return number_; }
+
+private:
+    int number_;
+};
+
+int check(int result, const char* what)
+{
+    if (result < 0)
+        throw std::system_error(errno, std::generic_category(), what);
+    return result;
+}
+
+// Its ticks are the PC's, whatever the set's clock does.
+Descriptor makeTicks()
+{
+    Descriptor ticks(check(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC), "cannot make a timer"));
+    const itimerspec every = {{0, 20'000'000}, {0, 20'000'000}};
+    check(timerfd_settime(ticks.get(), 0, &every, nullptr), "cannot start a timer");
+    return ticks;
+}
+
+// Out of the way of a library that opens or closes descriptors by their usual numbers.
+int moveAway(int descriptor)
+{
+    constexpr int kFirst = 200;
+    const int moved = check(fcntl(descriptor, F_DUPFD_CLOEXEC, kFirst), "cannot move a descriptor");
+    close(descriptor);
+    return moved;
+}
+
+void redirect(int output)
+{
+    const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    dup2(null, STDIN_FILENO);
+    dup2(output, STDOUT_FILENO);
+    dup2(output, STDERR_FILENO);
+    close(null);
+}
+
+// The end of what the library has said: the C library's and the sanitizers' reasons are there.
+std::string lastLine(int output)
+{
+    std::string text(4096, '\0');
+    const off_t size = lseek(output, 0, SEEK_END);
+    const off_t begin = std::max<off_t>(size - static_cast<off_t>(text.size()), 0);
+    const ssize_t length = pread(output, text.data(), text.size(), begin);
+    text.resize(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+    while (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    const std::size_t line = text.rfind('\n');
+    return line == std::string::npos ? text : text.substr(line + 1);
+}
+
+// abort() is also how the C library ends a process whose memory it finds damaged.
+bool isDamageReport(const std::string& said)
+{
+    constexpr const char* kBeginnings[] = {"free()",    "malloc",         "realloc()", "double free",
+                                           "corrupted", "munmap_chunk()", "*** "};
+    for (const char* beginning : kBeginnings) {
+        if (said.compare(0, std::strlen(beginning), beginning) == 0)
+            return true;
+    }
+    return said.find("terminate called") != std::string::npos;
+}
+
+// One session while it runs.
+class Run
+{
+public:
+    Run(const Job& job, const std::set<std::string>& suspects, const Watch& watch)
+        : watch_(watch), box_(makeBlackBox()), output_(check(memfd_create("said", MFD_CLOEXEC), "no memory")),
+          ticks_(makeTicks())
+    {
+        std::array<int, 2> ends{};
+        check(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), "cannot make a channel");
+        own_ = Descriptor(ends[0]);
+        workers_ = Descriptor(ends[1]);
+        job_ = &job;
+        suspects_ = &suspects;
+    }
+    ~Run() { munmap(&box_, sizeof box_); }
+    Run(const Run&) = delete;
+    Run& operator=(const Run&) = delete;
+
+    Session conduct(Machine& machine, const Script& script);
+
+    const BlackBox& box() const { return box_; }
+    double delay() const { return std::chrono::duration<double>(delay_.soFar()).count(); }
+    std::string said() const { return lastLine(output_.get()); }
+    const std::optional<std::string>& overrun() const { return overrun_; }
+
+private:
+    void work(const Script& script);
+    void step();
+    void receive();
+    void watchWrite();
+    void checkLimits();
+
+    Watch watch_;
+    ProcessorDelay delay_; // of the watching itself, during which a write waits
+    BlackBox& box_;
+    Descriptor output_;
+    Descriptor ticks_;
+    Descriptor own_;
+    Descriptor workers_;
+    const Job* job_;
+    const std::set<std::string>* suspects_;
+
+    Session session_;
+    pid_t keeper_ = -1;
+    bool isOpen_ = true; // the worker's end of the channel
+    std::unique_ptr<vset::WriteWatch> writes_;
+    bool isWatchOver_ = false;
+    std::optional<std::string> overrun_; // the call that did not return
+};
+
+// In the worker process.
+void Run::work(const Script& script)
+{
+    redirect(output_.get());
+    const int channel = moveAway(workers_.get());
+    for (const int inherited : {own_.get(), ticks_.get(), output_.get()})
+        close(inherited);
+    if (watch_.isOn)
+        vset::submitToWatch(channel);
+    openBlackBox(box_);
+    const CallingThread self(0);
+    Worker worker(*job_, *suspects_, channel, box_);
+    try {
+        script(worker);
+        box_.finished = true;
+    } catch (const std::exception& error) {
+        worker.tell("broken", error.what());
+    }
+    _exit(0); // as the daemon ends: no exit handlers, no destructors
+}
+
+Session Run::conduct(Machine& machine, const Script& script)
+{
+    keeper_ = machine.boot([&] { work(script); }, &box_.status);
+    workers_ = Descriptor();
+    if (watch_.isOn)
+        writes_ = std::make_unique<vset::WriteWatch>(own_.get());
+    while (isOpen_)
+        step();
+    int status = 0;
+    check(waitpid(keeper_, &status, 0), "cannot wait for an experiment");
+    if (WIFEXITED(status) && WEXITSTATUS(status) != 0)
+        throw std::runtime_error("an experiment could not be set up");
+    if (session_.told.isMember("broken"))
+        throw std::runtime_error(session_.told["broken"].asString());
+    session_.isFinished = box_.finished;
+    return session_;
+}
+
+void Run::step()
+{
+    const int watched = writes_ && !isWatchOver_ ? writes_->descriptor() : -1;
+    std::array<pollfd, 3> waiting = {
+        {{own_.get(), POLLIN, 0}, {ticks_.get(), POLLIN, 0}, {watched, POLLIN, 0}}};
+    if (poll(waiting.data(), waiting.size(), -1) < 0 && errno != EINTR)
+        check(-1, "cannot wait for the library");
+    if ((waiting[2].revents & POLLIN) != 0)
+        watchWrite();
+    else if (waiting[2].revents != 0)
+        isWatchOver_ = true;
+    if ((waiting[1].revents & POLLIN) != 0)
+        checkLimits();
+    if (waiting[0].revents != 0)
+        receive();
+}
+
+void Run::receive()
+{
+    std::string text(64 * 1024, '\0');
+    const ssize_t length = recv(own_.get(), text.data(), text.size(), 0);
+    if (length <= 0) {
+        isOpen_ = false;
+        return;
+    }
+    text.resize(static_cast<std::size_t>(length));
+    Json::Value message;
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    if (!reader->parse(text.data(), text.data() + text.size(), &message, nullptr))
+        return; // from the library, which is not to know this channel
+    if (message.isMember("finding"))
+        session_.findings.push_back({message["finding"].asUInt(), message["detail"].asString()});
+    else
+        session_.told[message["key"].asString()] = message["value"];
+}
+
+void Run::watchWrite()
+{
+    const std::optional<vset::HardwareWrite> write = writes_->next();
+    if (!write)
+        return;
+    const int phase = box_.phase;
+    if (phase == BlackBox::kRunning && session_.writes.during + 1 == watch_.cutAt) {
+        session_.isCut = true;
+        kill(keeper_, SIGKILL); // the write still waits, and ends with its process
+        return;
+    }
+    if (phase == BlackBox::kRunning) {
+        ++session_.writes.during;
+        session_.writes.bytes += write->bytes;
+    } else if (phase == BlackBox::kSettling) {
+        ++session_.writes.late;
+    }
+    writes_->allow(*write);
+}
+
+void Run::checkLimits()
+{
+    std::uint64_t ticks = 0;
+    [[maybe_unused]] const ssize_t length = read(ticks_.get(), &ticks, sizeof ticks);
+    const std::int64_t now = realNow();
+    for (const BlackBox::Call& call : box_.calls) {
+        const std::int64_t deadline = call.deadline;
+        if (deadline == 0 || now < deadline || overrun_)
+            continue;
+        overrun_ = call.name;
+        kill(keeper_, SIGKILL);
+    }
+}
+
+const char* signalName(int signal)
+{
+    const char* const name = sigabbrev_np(signal);
+    return name != nullptr ? name : "unknown";
+}
+
+void explainDeath(Session& session, const BlackBox& box, const std::string& said)
+{
+    const std::string call = session.lastCall.empty() ? "the library, outside of a call" : session.lastCall;
+    const std::string quoted = said.empty() ? "" : "; its last words: " + said;
+    if (box.closedBy[0] != '\0') {
+        session.lastCall = box.closedBy;
+        session.death = Finding{313, session.lastCall + " closed one that was open before it"};
+        return;
+    }
+    if (box.threadEnded) {
+        session.death = Finding{304, call + " ended the thread that called it (pthread_exit)"};
+        return;
+    }
+    if (!WIFSIGNALED(box.status)) {
+        session.death =
+            Finding{304, call + " ended the process with status " + std::to_string(WEXITSTATUS(box.status))};
+        return;
+    }
+    const int signal = WTERMSIG(box.status);
+    session.wasCrash = true;
+    session.wasGuardHit = box.guardHit;
+    const std::string words = box.lastWords[0] != '\0' ? std::string(": ") + box.lastWords : "";
+    if (box.guardHit)
+        session.death = Finding{204, call + words};
+    else if (signal == SIGABRT && !box.terminated && !isDamageReport(said))
+        session.death = Finding{304, call + " called abort" + quoted};
+    else
+        session.death = Finding{302, call + " was ended by SIG" + signalName(signal) + words + quoted};
+}
+} // namespace
+
+void Supervisor::avoid(const Session& session)
+{
+    suspects_.insert(session.wasHang ? entryPointOf(session.lastCall) : session.lastCall);
+}
+
+Session Supervisor::run(Machine& machine, const Script& script, const Watch& watch)
+{
+    Run run(job_, suspects_, watch);
+    Session session = run.conduct(machine, script);
+    calls_ += run.box().count;
+    session.watchDelay = run.delay();
+    if (session.isFinished || session.isCut)
+        return session;
+    if (run.overrun()) {
+        session.lastCall = *run.overrun();
+        session.wasHang = true;
+        session.death = Finding{301, session.lastCall + " had not returned when its time was over"};
+    } else {
+        session.lastCall =
+            run.box().calls[0].deadline != 0 ? run.box().calls[0].name : run.box().calls[1].name;
+        explainDeath(session, run.box(), run.said());
+    }
+    return session;
+}
+} // namespace examiner

@@ -1,0 +1,74 @@
+// Runs a script with the library in a worker process, and tells how it ended: by itself, by a crash, an exit,
+// a call that did not return, or by the power cut that was asked for.
+#ifndef EXAMINER_SUPERVISOR_H
+#define EXAMINER_SUPERVISOR_H
+
+#include "tools/fwmod/check/examiner/finding.h"
+#include "tools/fwmod/check/examiner/job.h"
+#include "tools/fwmod/check/examiner/machine.h"
+
+#include <cstdint>
+#include <functional>
+#include <json/json.h>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace examiner
+{
+
+class Worker;
+using Script = std::function<void(Worker&)>;
+
+// What the watch saw of an update.
+struct Writes {
+    unsigned int during = 0; // doUpdate
+    unsigned int late = 0;   // after it had returned
+    std::uint64_t bytes = 0; // during
+};
+
+struct Session {
+    bool isFinished = false;       // the script came to its end
+    bool isCut = false;            // the power was cut as asked for
+    Json::Value told;              // by the script: see sessions.cpp
+    std::vector<Finding> findings; // of the script
+    std::optional<Finding> death;  // how it ended otherwise
+    std::string lastCall;          // the one that was under way then
+    bool wasGuardHit = false;
+    bool wasCrash = false;
+    bool wasHang = false;
+    Writes writes;
+    double watchDelay = 0; // seconds that the watch may have cost the library, on a loaded machine
+};
+
+struct Watch {
+    bool isOn = false;
+    unsigned int cutAt = 0; // before this write of doUpdate, from 1
+};
+
+class Supervisor
+{
+public:
+    explicit Supervisor(const Job& job) : job_(job), suspects_(job.suspects) {}
+
+    Session run(Machine& machine, const Script& script, const Watch& watch = {});
+
+    const Job& job() const { return job_; }
+
+    // The call that has ended a session is not made again from now on: the others are to be seen, too. One
+    // that hung takes all its kind along, because each would cost the time limit.
+    void avoid(const Session& session);
+    const std::set<std::string>& suspects() const { return suspects_; }
+
+    unsigned int calls() const { return calls_; }
+
+private:
+    const Job& job_;
+    std::set<std::string> suspects_;
+    unsigned int calls_ = 0;
+};
+
+} // namespace examiner
+
+#endif

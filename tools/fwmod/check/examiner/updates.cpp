@@ -1,0 +1,431 @@
+#include "tools/fwmod/check/examiner/updates.h"
+
+#include "tools/fwmod/check/examiner/worker.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+
+namespace examiner
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+constexpr double kTooFast = 0.05;     // seconds; the rule is 0.1, the rest is for the clock
+constexpr double kSlowProgress = 1.0; // seconds
+constexpr double kBlocked = 0.1;      // of a progress call that waits for half of the update
+constexpr double kExpectedMargin = 2; // times the measured duration
+constexpr int kFewSamples = 5;
+
+std::string errorName(int error)
+{
+    return error == 0 ? "0" : std::string(strerrordesc_np(error));
+}
+
+std::string inSeconds(double seconds)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f s", seconds);
+    return text;
+}
+
+Worker::Update soundUpdate(const Worker& worker)
+{
+    return {worker.job().image, worker.job().checksum, false, ""};
+}
+
+// ---- Judgement of a sound update ----
+
+void judgeProgress(const Session& session, Report& report)
+{
+    const Json::Value& progress = session.told["progress"];
+    if (!progress.isObject())
+        return;
+    const double duration = session.told["duration"].asDouble();
+    const double slowest = progress["slowest"].asDouble();
+    const bool waited = slowest > kBlocked && slowest > duration / 2;
+    if (waited || slowest > kSlowProgress)
+        report.add({407, "a call took " + inSeconds(slowest) + " of the update's " + inSeconds(duration)});
+    const int samples = progress["samples"].asInt();
+    const int failures = progress["failures"].asInt();
+    if (failures > samples)
+        report.add({404, "getUpdateProgress failed at " + std::to_string(failures) + " of " +
+                             std::to_string(failures + samples) + " looks during the update"});
+    else if (samples >= kFewSamples && progress["values"].asInt() == 1)
+        report.add({404, "it told " + progress["last"].asString() + " at each of " + std::to_string(samples) +
+                             " looks during the update"});
+    if (!progress["fall"].asString().empty())
+        report.add({405, progress["fall"].asString()});
+    if (progress["highest"].asUInt() > 100)
+        report.add({406, "it told " + progress["highest"].asString() + " during the update"});
+}
+
+void judgeDuration(const Session& session, const Job& job, Report& report)
+{
+    const double duration = session.told["duration"].asDouble();
+    const auto proposal = std::max(static_cast<unsigned int>(std::ceil(duration * kExpectedMargin)), 1U);
+    report.measure("duration", duration);
+    report.measure("proposedExpectedTime", proposal);
+    if (duration < kTooFast)
+        report.add({403, "doUpdate returned 0 after " + inSeconds(duration)});
+    const double ownTime = std::max(duration - session.watchDelay, 0.0);
+    if (!job.isExternal && ownTime > job.expectedTime)
+        report.add({408, "it took " + inSeconds(duration) + ", and " + std::to_string(job.expectedTime) +
+                             " s are expected; proposed: " + std::to_string(proposal) + " s"});
+}
+
+// What is wrong with the version that a session has told after an update. A library may spell it in another
+// way than the information file, if it takes the two as the same.
+std::optional<Finding> wrongVersion(const Json::Value& told, const std::string& before, const Job& job)
+{
+    if (!job.version || !told.isMember("version"))
+        return std::nullopt;
+    const std::string version = told["version"].asString();
+    const bool isSame = told.isMember("verdict") && told["verdict"].asInt() == 0;
+    const bool isNewerStill = told.isMember("verdict") && told["verdict"].asInt() > 0;
+    const std::string newer = isNewerStill ? "; checkVersion says that it is newer still" : "";
+    if (version == *job.version && isNewerStill)
+        return Finding{207, "getActiveVersion told " + quote(version) + newer};
+    if (version != *job.version && (!isSame || version == before))
+        return Finding{409, "getActiveVersion told " + quote(version) + ", and " + quote(*job.version) +
+                                " was written" + newer};
+    return std::nullopt;
+}
+
+Session lookAgain(Supervisor& supervisor, Machine& machine)
+{
+    return supervisor.run(machine, [](Worker& worker) {
+        worker.tell("loaded", worker.load());
+        tellVersion(worker, "after the update and a new start");
+    });
+}
+
+// Whether the image was written when doUpdate returned, as far as it can be seen.
+bool judgeWrites(const Session& session, const Machine& machine, std::size_t stateBefore, Report& report)
+{
+    const Writes& writes = session.writes;
+    report.measure("writes", writes.during);
+    if (writes.late > 0) {
+        report.add({402, std::to_string(writes.during) + " writes before it returned, and more afterwards"});
+        return false;
+    }
+    if (writes.during > 0)
+        return true;
+    if (machine.stateOfHardware() != stateBefore) {
+        report.note("The hardware is written through mapped memory or by renaming alone: such writes cannot "
+                    "be watched, so no power was cut.");
+        return false;
+    }
+    report.add({402, "no write was seen, and nothing under /var/lib has changed"});
+    return false;
+}
+
+void updateAndLook(Worker& worker)
+{
+    if (!worker.load())
+        return;
+    worker.setContext(worker.job().caller, "");
+    if (const auto version = worker.activeVersion("before the update"))
+        worker.tell("before", *version);
+    if (worker.job().version)
+        worker.checkVersion(*worker.job().version, "before the update");
+    Worker::Update update = soundUpdate(worker);
+    update.pollProgress = worker.has("getUpdateProgress");
+    worker.update(update);
+    tellVersion(worker, "after the update");
+    if (worker.has("getUpdateProgress"))
+        worker.progress("after the update");
+    if (worker.has("allUpdateDone"))
+        worker.allUpdateDone("after the update");
+}
+} // namespace
+
+void tellVersion(Worker& worker, const std::string& where)
+{
+    worker.setContext(worker.job().caller, "", where);
+    if (const auto version = worker.activeVersion(where))
+        worker.tell("version", *version);
+    if (!worker.job().version)
+        return;
+    const auto verdict = worker.checkVersion(*worker.job().version, where);
+    if (verdict && verdict->result == 0)
+        worker.tell("verdict", verdict->verdict);
+}
+
+GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& report)
+{
+    const Job& job = supervisor.job();
+    Machine machine;
+    const std::size_t stateBefore = machine.stateOfHardware();
+    const Session session = supervisor.run(machine, updateAndLook, {true, 0});
+    GoodUpdate update;
+    update.writes = session.writes;
+    update.before = session.told["before"].asString();
+    report.add(session.findings);
+    if (session.death) {
+        report.add(*session.death);
+        supervisor.avoid(session);
+    }
+    if (!session.told.isMember("result"))
+        return update;
+    update.isAnswered = true;
+    if (session.told["result"].asInt() != 0) {
+        report.add({401, "doUpdate returned " + session.told["result"].asString() +
+                             ", errno: " + errorName(session.told["error"].asInt())});
+        return update;
+    }
+    const bool isWritten = judgeWrites(session, machine, stateBefore, report);
+    if (report.has(402))
+        return update; // the rest would only follow from it
+    judgeProgress(session, report);
+    judgeDuration(session, job, report);
+    const bool isVersionTold = !answers.version.empty() && !report.has(210);
+    const std::optional<Finding> wrong =
+        isVersionTold ? wrongVersion(session.told, update.before, job) : std::nullopt;
+    if (wrong)
+        report.add(*wrong);
+    const Session again = lookAgain(supervisor, machine);
+    if (again.death)
+        report.add(*again.death);
+    report.add(again.findings);
+    const std::optional<Finding> wrongAgain =
+        isVersionTold ? wrongVersion(again.told, update.before, job) : std::nullopt;
+    if (!wrong && wrongAgain)
+        report.add({wrongAgain->number, "after a new start, " + wrongAgain->detail});
+    update.after = again.told["version"].asString();
+    report.measure("versionAfter", update.after);
+    update.isUsable = isWritten && isVersionTold && !session.death && !again.death;
+    return update;
+}
+
+void updateAgain(Supervisor& supervisor, Report& report)
+{
+    constexpr int kTimes = 4;
+    Machine machine;
+    const Session session = supervisor.run(machine, [](Worker& worker) {
+        if (!worker.load())
+            return;
+        worker.setContext(worker.job().caller, "");
+        Worker::Update update = soundUpdate(worker);
+        update.pollProgress = worker.has("getUpdateProgress");
+        worker.repeat("doUpdate", kTimes, [&] { return worker.update(update).has_value(); });
+    });
+    report.add(session.findings);
+    if (session.death)
+        report.add(*session.death);
+}
+
+// ---- What must be refused ----
+
+namespace
+{
+struct Refusal {
+    std::string where; // in words, behind "doUpdate"
+    std::string image;
+    unsigned long checksum;
+    unsigned int finding; // when it is accepted; 0: it may be
+    fs::path otherImages; // seen instead of those that the set has
+};
+
+// The same files with one byte of each image inverted in its middle.
+void damageImages(const fs::path& from, const fs::path& to)
+{
+    copyTree(from, to);
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(to)) {
+        if (!entry.is_regular_file() || entry.path().extension() != ".bin" || entry.file_size() == 0)
+            continue;
+        std::fstream file(entry.path(), std::ios::binary | std::ios::in | std::ios::out);
+        const auto middle = static_cast<std::streamoff>(entry.file_size() / 2);
+        file.seekg(middle);
+        const char byte = static_cast<char>(file.get());
+        file.seekp(middle);
+        file.put(static_cast<char>(~byte));
+    }
+}
+
+std::vector<Refusal> refusals(const Job& job, const Machine& scratch)
+{
+    if (job.isExternal) {
+        const fs::path none = scratch.file("/none");
+        const fs::path damaged = scratch.file("/damaged");
+        fs::create_directory(none);
+        damageImages(job.imageDirectory, damaged);
+        return {{"without an image", job.image, 0, 411, none},
+                {"of a damaged image", job.image, 0, 410, damaged}};
+    }
+    const std::string absent = fs::path(job.image).parent_path() / "absent.bin";
+    // 0 is a checksum like any other; only one that is wrong is tried.
+    return {{"with the checksum 0", job.image, 0, job.checksum == 0 ? 0U : 410U, {}},
+            {"with a checksum that is one more", job.image, (job.checksum + 1) & 0xffffffff, 410, {}},
+            {"with a checksum whose highest bit differs", job.image, job.checksum ^ 0x80000000, 410, {}},
+            {"of a file that is not there", absent, job.checksum, 411, {}},
+            {"with the library's name and 0", job.name, 0, 0, {}}};
+}
+
+// The old firmware must still be told, in the same process and after a new start.
+void judgeOldFirmware(Supervisor& supervisor, Machine& machine, const Session& session,
+                      const std::string& what, Report& report)
+{
+    const std::string before = session.told["before"].asString();
+    if (before.empty() || !supervisor.job().isVersionTold || session.death)
+        return;
+    const Session again = lookAgain(supervisor, machine);
+    for (const Session* look : {&session, &again}) {
+        if (!look->told.isMember("version") || look->told["version"].asString() != before) {
+            report.add({413, "after " + what + ", the version is " +
+                                 (look->told.isMember("version") ? quote(look->told["version"].asString())
+                                                                 : "not told") +
+                                 " instead of " + quote(before)});
+            return;
+        }
+    }
+}
+
+void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
+{
+    constexpr int kTimes = 5;
+    Machine machine;
+    if (!refusal.otherImages.empty())
+        machine.replaceDirectory(supervisor.job().imageDirectory, refusal.otherImages);
+    const std::string what = "doUpdate " + refusal.where;
+    const Session session = supervisor.run(machine, [&](Worker& worker) {
+        if (!worker.load())
+            return;
+        worker.setContext(worker.job().caller, "");
+        if (const auto version = worker.activeVersion("before a refused update"))
+            worker.tell("before", *version);
+        const Worker::Update update = {refusal.image, refusal.checksum, false, refusal.where};
+        worker.repeat(what, kTimes, [&] {
+            const auto returned = worker.update(update);
+            return returned && returned->result != 0;
+        });
+        tellVersion(worker, "after a refused update");
+    });
+    for (const Finding& finding : session.findings) {
+        if (finding.number != 201) // of the version after it: see below
+            report.add(finding);
+    }
+    if (session.death) {
+        report.add(*session.death);
+        supervisor.avoid(session);
+        return;
+    }
+    if (!session.told.isMember("result"))
+        return;
+    if (session.told["result"].asInt() == 0) {
+        if (refusal.finding != 0)
+            report.add({refusal.finding, what + " returned 0"});
+        return;
+    }
+    if (session.told["error"].asInt() == 0)
+        report.add({412, what + " returned " + session.told["result"].asString() + " and left errno 0"});
+    judgeOldFirmware(supervisor, machine, session, what, report);
+}
+} // namespace
+
+void refuseImages(Supervisor& supervisor, Report& report)
+{
+    const Machine scratch;
+    for (const Refusal& refusal : refusals(supervisor.job(), scratch))
+        tryRefusal(supervisor, refusal, report);
+}
+
+// ---- Data in memory ----
+
+namespace
+{
+struct Data {
+    std::string what;
+    std::string bytes;
+    int length;
+    bool isImpossible; // else only to be survived
+};
+
+std::string noise(std::size_t size)
+{
+    std::string bytes(size, '\0');
+    std::uint32_t state = 2463534242; // xorshift: the same noise each time
+    for (char& byte : bytes) {
+        state ^= state << 13;
+        state ^= state >> 17;
+        state ^= state << 5;
+        byte = static_cast<char>(state);
+    }
+    return bytes;
+}
+
+std::vector<Data> impossibleData(const Job& job)
+{
+    std::vector<Data> all = {{"64 bytes too few", "", -64, true},
+                             {"one byte too few", "", -1, true},
+                             {"no data", "", 0, true},
+                             {"one byte", noise(1), 1, true},
+                             {"noise", noise(4096), 4096, true}};
+    if (!job.hasImage)
+        return all;
+    std::ifstream file(job.image, std::ios::binary);
+    std::string image{std::istreambuf_iterator<char>(file), {}};
+    image.resize(image.size() / 2); // a size inside it points behind its end
+    const int length = static_cast<int>(image.size());
+    all.push_back({"the image's first half", std::move(image), length, false});
+    return all;
+}
+
+// Whatever a crash is due to, with impossible data it is that; but reading behind given data is worse.
+Finding explainDeath(const Session& session, const Data& data)
+{
+    const bool isUnsurvived = session.wasCrash && entryPointOf(session.lastCall) == "doUpdate_decryption" &&
+                              data.isImpossible && !(session.wasGuardHit && data.length > 0);
+    return isUnsurvived ? Finding{414, session.death->detail} : *session.death;
+}
+
+void tryData(Supervisor& supervisor, const Data& data, Report& report)
+{
+    constexpr int kTimes = 4;
+    Machine machine;
+    const Session session = supervisor.run(machine, [&](Worker& worker) {
+        if (!worker.load() || !worker.has("doUpdate_decryption"))
+            return;
+        worker.setContext(TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE, "");
+        if (const auto version = worker.activeVersion("before a refused update"))
+            worker.tell("before", *version);
+        worker.repeat("doUpdate_decryption", data.isImpossible ? kTimes : 1, [&] {
+            const auto returned = worker.decrypt(data.bytes, data.length, data.what);
+            if (returned) {
+                worker.tell("result", returned->result);
+                worker.tell("error", returned->error);
+            }
+            return returned && returned->result != 0;
+        });
+        tellVersion(worker, "after a refused update");
+    });
+    const std::string what = "doUpdate_decryption(" + data.what + ")";
+    for (const Finding& finding : session.findings) {
+        if (finding.number != 201)
+            report.add(finding);
+    }
+    if (session.death)
+        report.add(explainDeath(session, data));
+    if (session.death || !session.told.isMember("result") || !data.isImpossible)
+        return;
+    if (session.told["result"].asInt() == 0) {
+        report.add({414, what + " returned 0"});
+        return;
+    }
+    if (session.told["error"].asInt() == 0)
+        report.add({412, what + " returned " + session.told["result"].asString() + " and left errno 0"});
+    judgeOldFirmware(supervisor, machine, session, what, report);
+}
+} // namespace
+
+void refuseData(Supervisor& supervisor, Report& report)
+{
+    if (supervisor.job().isExternal)
+        return;
+    for (const Data& data : impossibleData(supervisor.job()))
+        tryData(supervisor, data, report);
+}
+} // namespace examiner

@@ -1,0 +1,36 @@
+// Updates without a power cut: a sound image at the real pace, images that must be refused, and data in
+// memory that cannot be right.
+#ifndef EXAMINER_UPDATES_H
+#define EXAMINER_UPDATES_H
+
+#include "tools/fwmod/check/examiner/questions.h"
+#include "tools/fwmod/check/examiner/report.h"
+#include "tools/fwmod/check/examiner/supervisor.h"
+
+namespace examiner
+{
+
+// What the power cuts are compared with.
+struct GoodUpdate {
+    bool isAnswered = false; // doUpdate returned
+    bool isUsable = false;   // it worked, and its writes were seen
+    Writes writes;
+    std::string before; // versions
+    std::string after;
+};
+
+GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& report);
+
+// Several updates in one process: does each lose something?
+void updateAgain(Supervisor& supervisor, Report& report);
+
+void refuseImages(Supervisor& supervisor, Report& report);
+void refuseData(Supervisor& supervisor, Report& report);
+
+// What a session tells about the installed version: "version" and, when one is offered, "verdict". For
+// scripts.
+void tellVersion(Worker& worker, const std::string& where);
+
+} // namespace examiner
+
+#endif

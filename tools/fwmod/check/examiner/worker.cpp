@@ -1,0 +1,576 @@
+#include "tools/fwmod/check/examiner/worker.h"
+
+#include "tools/fwmod/check/examiner/guarded-buffer.h"
+#include "tools/fwmod/check/examiner/process-state.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <cxxabi.h>
+#include <dlfcn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace examiner
+{
+
+using namespace std::chrono_literals;
+
+namespace
+{
+constexpr std::chrono::milliseconds kQuestionLimit = 5s; // they are instant; the rest is for a loaded machine
+constexpr std::chrono::nanoseconds kPollInterval = 10ms;
+constexpr std::chrono::milliseconds kRepeatLimit = 2s; // a slow call is not repeated as often
+constexpr double kSlowNotice = 1.0;                    // seconds
+
+std::string callName(const std::string& name, const std::string& where)
+{
+    return where.empty() ? name : name + " " + where;
+}
+
+void realSleep(std::chrono::nanoseconds duration)
+{
+    const timespec time = {0, static_cast<long>(duration.count())};
+    syscall(SYS_nanosleep, &time, nullptr);
+}
+
+// Time that a call took, less what its thread waited for a processor.
+class Stopwatch
+{
+public:
+    Stopwatch() : delayBefore_(delay_.soFar()), begin_(realNow()) {}
+    std::chrono::duration<double> read() const
+    {
+        const std::chrono::nanoseconds wall(realNow() - begin_);
+        return std::max(wall - (delay_.soFar() - delayBefore_), std::chrono::nanoseconds(0));
+    }
+
+private:
+    ProcessorDelay delay_;
+    std::chrono::nanoseconds delayBefore_;
+    std::int64_t begin_;
+};
+
+// What the progress was while doUpdate ran, for the judgement of the whole update.
+struct ProgressWatch {
+    int samples = 0;
+    int failures = 0;
+    int values = 0; // different ones in a row
+    unsigned int last = 0;
+    unsigned int highest = 0;
+    bool hasRisen = false;
+    std::string fall;   // the first one, in words
+    double slowest = 0; // seconds
+
+    void add(unsigned int value);
+    Json::Value toJson() const;
+};
+
+void ProgressWatch::add(unsigned int value)
+{
+    const bool isFirst = samples++ == 0;
+    values += isFirst || value != last ? 1 : 0;
+    if (!isFirst && value > last)
+        hasRisen = true;
+    // Before the first rise it may be what an earlier update has left.
+    if (!isFirst && value < last && hasRisen && fall.empty())
+        fall = "from " + std::to_string(last) + " to " + std::to_string(value);
+    last = value;
+    highest = std::max(highest, value);
+}
+
+Json::Value ProgressWatch::toJson() const
+{
+    Json::Value json;
+    json["samples"] = samples;
+    json["failures"] = failures;
+    json["values"] = values;
+    json["last"] = last;
+    json["highest"] = highest;
+    json["fall"] = fall;
+    json["slowest"] = slowest;
+    return json;
+}
+} // namespace
+
+std::string quote(const std::string& text)
+{
+    constexpr std::size_t kLongest = 40;
+    std::string result = "\"";
+    for (const char c : text.substr(0, kLongest)) {
+        char escaped[8];
+        std::snprintf(escaped, sizeof escaped, c >= ' ' && c < 127 ? "%c" : "\\x%02x",
+                      static_cast<unsigned int>(static_cast<unsigned char>(c)));
+        result += escaped;
+    }
+    return result +
+           (text.size() > kLongest ? "...\" (" + std::to_string(text.size()) + " characters)" : "\"");
+}
+
+std::string entryPointOf(const std::string& call)
+{
+    return call.substr(0, call.find_first_of(" ("));
+}
+
+// ---- To the supervisor ----
+
+namespace
+{
+void sendMessage(int channel, const Json::Value& message)
+{
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    const std::string text = Json::writeString(writer, message);
+    send(channel, text.data(), text.size(), MSG_NOSIGNAL);
+}
+} // namespace
+
+void Worker::found(unsigned int number, const std::string& detail) const
+{
+    Json::Value message;
+    message["finding"] = number;
+    message["detail"] = detail;
+    sendMessage(channel_, message);
+}
+
+void Worker::tell(const std::string& key, const Json::Value& value) const
+{
+    Json::Value message;
+    message["key"] = key;
+    message["value"] = value;
+    sendMessage(channel_, message);
+}
+
+// ---- One call ----
+
+bool Worker::isSuspect(const std::string& call) const
+{
+    return suspects_.count(call) != 0 || suspects_.count(entryPointOf(call)) != 0;
+}
+
+namespace
+{
+// What a descriptor leads to; 0 when it is closed.
+ino_t leadsTo(int descriptor)
+{
+    struct stat file = {};
+    return fstat(descriptor, &file) == 0 ? file.st_ino : 0;
+}
+
+// pthread_exit unwinds the stack and must not be kept from it; here the process is the library's alone.
+int callOnThread(const std::function<int()>& function, BlackBox& box)
+{
+    try {
+        return function();
+    } catch (const abi::__forced_unwind&) {
+        box.threadEnded = true;
+        _exit(0);
+    }
+}
+} // namespace
+
+Worker::Worker(const Job& job, const std::set<std::string>& suspects, int channel, BlackBox& box)
+    : job_(job), suspects_(suspects), channel_(channel), box_(box)
+{
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, channel})
+        ownDescriptors_.emplace_back(descriptor, leadsTo(descriptor));
+}
+
+// Without them nothing can be reported, and the next file that is opened takes their number.
+void Worker::requireOwnDescriptors(const std::string& name)
+{
+    for (const auto& [descriptor, target] : ownDescriptors_) {
+        if (leadsTo(descriptor) == target)
+            continue;
+        std::snprintf(box_.closedBy, sizeof box_.closedBy, "%s", name.c_str());
+        _exit(0);
+    }
+}
+
+std::optional<Returned> Worker::call(const std::string& name, std::chrono::milliseconds limit,
+                                     const std::function<int()>& function)
+{
+    if (isSuspect(name))
+        return std::nullopt;
+    const ProcessState before = ProcessState::now();
+    std::optional<Returned> returned;
+    try {
+        const Stopwatch stopwatch;
+        const CallMark mark(name.c_str(), limit);
+        errno = 0;
+        const int result = callOnThread(function, box_);
+        const int error = errno;
+        returned = Returned{result, error, stopwatch.read()};
+    } catch (const std::exception& error) {
+        found(303, name + " threw: " + error.what());
+    } catch (...) {
+        found(303, name + " threw something that is no std::exception");
+    }
+    requireOwnDescriptors(name);
+    const ProcessState after = before.settled();
+    for (const Finding& change : before.changesIn(after))
+        found(change.number, name + ": " + change.detail);
+    return returned;
+}
+
+bool Worker::repeat(const std::string& name, int times, const std::function<bool()>& ask)
+{
+    const std::int64_t end = realNow() + std::chrono::nanoseconds(kRepeatLimit).count();
+    const int settled = (times + 1) / 2; // what is kept open for good has been opened by then
+    std::size_t first = 0;
+    int time = 0;
+    for (; time < times && (time <= settled || realNow() < end); ++time) {
+        if (time == settled)
+            first = openDescriptors();
+        if (!ask())
+            return false;
+    }
+    const std::size_t last = openDescriptors();
+    if (time > settled && last > first)
+        found(310, name + ": " + std::to_string(last - first) + " more after " +
+                       std::to_string(time - settled) + " calls");
+    return true;
+}
+
+// ---- Loading ----
+
+bool Worker::load()
+{
+    const std::string name = "loading";
+    void* handle = nullptr;
+    std::string error;
+    call(name, kQuestionLimit, [&] {
+        handle = dlopen(job_.library.c_str(), RTLD_NOW);
+        const char* const text = handle == nullptr ? dlerror() : nullptr;
+        error = text != nullptr ? text : "";
+        return 0;
+    });
+    if (handle == nullptr) {
+        if (!error.empty())
+            explainLoadError(error);
+        return false;
+    }
+    bool isComplete = true;
+    const auto take = [&](auto*& slot, const char* entryPoint, bool isRequired) {
+        dlerror();
+        void* const address = dlsym(handle, entryPoint);
+        const bool isThere = dlerror() == nullptr;
+        slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(address);
+        if (address != nullptr)
+            return;
+        isComplete = isComplete && !isRequired;
+        const auto mangled = job_.mangled.find(entryPoint);
+        if (isThere || mangled != job_.mangled.end())
+            flawed_.insert(entryPoint);
+        if (isThere)
+            found(105, entryPoint);
+        else if (mangled != job_.mangled.end())
+            found(104, std::string(entryPoint) + " is exported as " + mangled->second);
+        else if (isRequired)
+            found(103, entryPoint);
+    };
+    take(setContext_, "setContext", true);
+    take(getEMPID_, "getEMPID", true);
+    take(getActiveVersion_, "getActiveVersion", true);
+    take(checkVersion_, "checkVersion", true);
+    take(doUpdate_, "doUpdate", true);
+    take(allUpdateDone_, "allUpdateDone", false);
+    take(doUpdateDecryption_, "doUpdate_decryption", false);
+    take(getExpectedTime_, "getExpectedTime", false);
+    take(getUpdateProgress_, "getUpdateProgress", false);
+    return isComplete;
+}
+
+void Worker::explainLoadError(const std::string& error) const
+{
+    struct Kind {
+        const char* words; // of the dynamic loader
+        unsigned int finding;
+    };
+    constexpr Kind kKinds[] = {{"undefined symbol", 106},
+                               {"file too short", 101},
+                               {"invalid ELF", 101},
+                               {"wrong ELF class", 101},
+                               {"only ET_DYN", 101},
+                               {"cannot read file data", 101},
+                               {"position-independent executable", 101},
+                               {"ELF load command", 101},
+                               {"ELF file's phentsize", 101}};
+    for (const Kind& kind : kKinds) {
+        if (error.find(kind.words) != std::string::npos)
+            return found(kind.finding, error);
+    }
+    found(107, error);
+}
+
+bool Worker::has(const char* entryPoint) const
+{
+    const std::string name = entryPoint;
+    if (name == "doUpdate_decryption")
+        return doUpdateDecryption_ != nullptr && !job_.isExternal;
+    if (name == "getExpectedTime")
+        return getExpectedTime_ != nullptr && !job_.isExternal;
+    if (name == "getUpdateProgress")
+        return getUpdateProgress_ != nullptr;
+    return name == "allUpdateDone" && allUpdateDone_ != nullptr;
+}
+
+// ---- Questions ----
+
+namespace
+{
+// A text that was written into the buffer, or what is wrong with it.
+std::optional<std::string> takeText(const Worker& worker, const std::string& name, const GuardedBuffer& out)
+{
+    if (out.isTouchedBefore()) {
+        worker.found(204, name + ": bytes before its buffer were changed");
+        return std::nullopt;
+    }
+    if (!out.isTerminated()) {
+        worker.found(203, name + " left no zero byte in " + std::to_string(TARNWICK_CONTROL_TEXT_SIZE) +
+                              " bytes, which begin with " + quote(out.text()));
+        return std::nullopt;
+    }
+    return out.text();
+}
+
+void complainOfFailure(const Worker& worker, const std::string& name, const Returned& returned)
+{
+    std::string detail = name + " returned " + std::to_string(returned.result);
+    if (returned.error != 0)
+        detail += std::string(" (errno: ") + strerrordesc_np(returned.error) + ")";
+    worker.found(201, detail);
+}
+
+// A number that a question has written: nothing, and a finding, when it has not.
+template <typename T>
+std::optional<T> takeNumber(const Worker& worker, const std::string& name, GuardedBuffer& out)
+{
+    if (out.isTouchedBefore())
+        worker.found(204, name + ": bytes before its result were changed");
+    if (!out.isAll(GuardedBuffer::kPoison))
+        return *out.as<T>();
+    worker.found(205, name + " returned 0 and wrote no result");
+    return std::nullopt;
+}
+} // namespace
+
+bool Worker::setContext(int caller, const char* context, const std::string& where)
+{
+    std::string name = "setContext(" + std::to_string(caller);
+    name += context == nullptr ? ", null)" : ", " + quote(context) + ")";
+    name = callName(name, where);
+    GuardedBuffer library("the library's name", job_.name);
+    const std::string content = context != nullptr ? context : "";
+    GuardedBuffer text("the context", content.size() + 1); // may be written: the parameter is not const
+    std::copy_n(content.c_str(), content.size() + 1, text.as<char>());
+    const auto returned = call(name, kQuestionLimit, [&] {
+        return setContext_(library.as<char>(), caller, context != nullptr ? text.as<char>() : nullptr);
+    });
+    if (!returned)
+        return false;
+    constexpr int kDaemonsOwn[] = {TARNWICK_CONTROL_CALLER_PACKAGE, TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE,
+                                   TARNWICK_CONTROL_CALLER_SYSTEM_IMAGE};
+    const bool isDaemons =
+        std::find(std::begin(kDaemonsOwn), std::end(kDaemonsOwn), caller) != std::end(kDaemonsOwn);
+    if (returned->result != 0 && isDaemons)
+        complainOfFailure(*this, name, *returned);
+    return returned->result == 0;
+}
+
+std::optional<std::string> Worker::identifier(const std::string& where)
+{
+    const std::string name = callName("getEMPID", where);
+    GuardedBuffer out("the identifier's buffer", TARNWICK_CONTROL_TEXT_SIZE);
+    out.fill(0);
+    const auto returned = call(name, kQuestionLimit, [&] { return getEMPID_(out.as<char>()); });
+    if (!returned)
+        return std::nullopt;
+    if (returned->result != 0) {
+        complainOfFailure(*this, name, *returned);
+        return std::nullopt;
+    }
+    if (out.isAll(0)) {
+        found(205, name + " returned 0 and wrote no identifier");
+        return std::nullopt;
+    }
+    return takeText(*this, name, out);
+}
+
+std::optional<std::string> Worker::activeVersion(const std::string& where)
+{
+    const std::string name = callName("getActiveVersion", where);
+    GuardedBuffer out("the version's buffer", TARNWICK_CONTROL_TEXT_SIZE);
+    const auto returned = call(name, kQuestionLimit, [&] { return getActiveVersion_(out.as<char>()); });
+    if (!returned)
+        return std::nullopt;
+    if (returned->result != 0) {
+        complainOfFailure(*this, name, *returned);
+        return std::nullopt;
+    }
+    if (out.isAll(GuardedBuffer::kPoison)) {
+        found(205, name + " returned 0 and wrote no version");
+        return std::nullopt;
+    }
+    const std::optional<std::string> version = takeText(*this, name, out);
+    if (version && version->empty()) {
+        found(206, name + " returned 0 and an empty text");
+        return std::nullopt;
+    }
+    return version;
+}
+
+std::optional<Worker::Verdict> Worker::checkVersion(const std::string& version, const std::string& where)
+{
+    const std::string name = callName("checkVersion(" + quote(version) + ")", where);
+    GuardedBuffer offered("the offered version", version);
+    GuardedBuffer out("the verdict", sizeof(int));
+    const auto returned =
+        call(name, kQuestionLimit, [&] { return checkVersion_(offered.as<char>(), out.as<int>()); });
+    if (!returned)
+        return std::nullopt;
+    if (returned->result != 0)
+        return Verdict{returned->result, 0};
+    const std::optional<int> verdict = takeNumber<int>(*this, name, out);
+    if (!verdict)
+        return std::nullopt;
+    if (*verdict < TARNWICK_CONTROL_VERDICT_OLDER || *verdict > TARNWICK_CONTROL_VERDICT_NEWER)
+        found(208, name + " wrote " + std::to_string(*verdict));
+    return Verdict{0, *verdict};
+}
+
+std::optional<int> Worker::expectedTime()
+{
+    const std::string name = "getExpectedTime";
+    GuardedBuffer out("the expected time", sizeof(int));
+    const auto returned = call(name, kQuestionLimit, [&] { return getExpectedTime_(out.as<int>()); });
+    if (!returned)
+        return std::nullopt;
+    if (returned->result != 0) {
+        complainOfFailure(*this, name, *returned);
+        return std::nullopt;
+    }
+    return takeNumber<int>(*this, name, out);
+}
+
+std::optional<unsigned int> Worker::progress(const std::string& where)
+{
+    const std::string name = callName("getUpdateProgress", where);
+    GuardedBuffer out("the progress", sizeof(unsigned int));
+    const auto returned =
+        call(name, kQuestionLimit, [&] { return getUpdateProgress_(out.as<unsigned int>()); });
+    if (!returned)
+        return std::nullopt;
+    if (returned->result != 0) {
+        found(404, name + " returned " + std::to_string(returned->result) + " while no update ran");
+        return std::nullopt;
+    }
+    const std::optional<unsigned int> percent = takeNumber<unsigned int>(*this, name, out);
+    if (percent && *percent > 100)
+        found(406, name + " told " + std::to_string(*percent) + " while no update ran");
+    return percent;
+}
+
+void Worker::allUpdateDone(const std::string& where)
+{
+    const std::string name = callName("allUpdateDone", where);
+    const auto returned = call(name, kQuestionLimit, [&] { return allUpdateDone_(); });
+    if (!returned || returned->taken.count() <= kSlowNotice)
+        return;
+    char text[64];
+    std::snprintf(text, sizeof text, " took %.1f s", returned->taken.count());
+    found(416, name + text);
+}
+
+// ---- Updates ----
+
+std::optional<Returned> Worker::decrypt(const std::string& data, int length, const std::string& what)
+{
+    const std::string name = "doUpdate_decryption(" + what + ")";
+    GuardedBuffer content("the data", std::max<std::size_t>(data.size(), 1));
+    std::copy(data.begin(), data.end(), content.as<char>());
+    content.makeReadOnly();
+    std::optional<Returned> returned;
+    std::thread([&] {
+        const CallingThread self(0);
+        returned = call(name, job_.updateLimit(),
+                        [&] { return doUpdateDecryption_(content.as<unsigned char>(), length); });
+    }).join();
+    return returned;
+}
+
+std::optional<Returned> Worker::update(const Update& update)
+{
+    const std::string name = callName("doUpdate", update.where);
+    GuardedBuffer image("the image's name", update.image);
+    ProgressWatch progress;
+    std::optional<Returned> returned;
+    std::atomic<bool> isPolling{false};
+    std::atomic<bool> isOver{false};
+
+    const auto poll = [&] {
+        const CallingThread self(1);
+        const std::string pollName = "getUpdateProgress during doUpdate";
+        GuardedBuffer out("the progress", sizeof(unsigned int));
+        const Stopwatch whole;
+        for (; !isOver; realSleep(kPollInterval)) {
+            isPolling = true;
+            if (box_.phase != BlackBox::kRunning)
+                continue;
+            out.fill(GuardedBuffer::kPoison);
+            int result = 0;
+            const double begin = whole.read().count();
+            try {
+                const CallMark mark(pollName.c_str(), job_.updateLimit() + kQuestionLimit);
+                result = getUpdateProgress_(out.as<unsigned int>());
+            } catch (...) {
+                found(303, pollName + " threw");
+                return;
+            }
+            const double taken = whole.read().count() - begin;
+            progress.slowest = std::max(progress.slowest, taken);
+            if (result != 0)
+                ++progress.failures;
+            else if (box_.phase == BlackBox::kRunning && !out.isAll(GuardedBuffer::kPoison))
+                progress.add(*out.as<unsigned int>());
+        }
+    };
+    const auto write = [&] {
+        const CallingThread self(0);
+        returned = call(name, job_.updateLimit(), [&] {
+            box_.phase = BlackBox::kRunning;
+            const int result = doUpdate_(image.as<char>(), update.checksum);
+            const int error = errno;
+            box_.phase = BlackBox::kSettling;
+            errno = error;
+            return result;
+        });
+        box_.phase = BlackBox::kOver;
+    };
+
+    std::thread poller;
+    if (update.pollProgress && !isSuspect("getUpdateProgress during doUpdate")) {
+        poller = std::thread(poll);
+        while (!isPolling)
+            realSleep(1ms);
+    }
+    std::thread(write).join();
+    isOver = true;
+    if (poller.joinable())
+        poller.join();
+    if (!returned)
+        return std::nullopt;
+    tell("result", returned->result);
+    tell("error", returned->error);
+    tell("duration", returned->taken.count());
+    if (update.pollProgress)
+        tell("progress", progress.toJson());
+    return returned;
+}
+} // namespace examiner

@@ -1,0 +1,114 @@
+// The library in a worker process: loaded and called as the daemon does, each call between two looks at what
+// belongs to the whole process. What is found goes to the supervisor at once, because the next call may be
+// the last.
+#ifndef EXAMINER_WORKER_H
+#define EXAMINER_WORKER_H
+
+#include "tools/fwmod/check/examiner/black-box.h"
+#include "tools/fwmod/check/examiner/job.h"
+
+#include <chrono>
+#include <functional>
+#include <json/json.h>
+#include <optional>
+#include <set>
+#include <string>
+#include <sys/types.h>
+#include <tarnwick/control.h>
+#include <utility>
+#include <vector>
+
+namespace examiner
+{
+
+struct Returned {
+    int result;
+    int error;                           // errno
+    std::chrono::duration<double> taken; // without what the thread waited for a processor
+};
+
+class Worker
+{
+public:
+    Worker(const Job& job, const std::set<std::string>& suspects, int channel, BlackBox& box);
+
+    const Job& job() const { return job_; }
+
+    // To the supervisor.
+    void found(unsigned int number, const std::string& detail) const;
+    void tell(const std::string& key, const Json::Value& value) const;
+
+    // False when the daemon would not have the library.
+    bool load();
+    bool has(const char* entryPoint) const; // and the daemon would call it
+    bool isFlawed(const char* entryPoint) const
+    {
+        return flawed_.count(entryPoint) != 0;
+    } // reported by load()
+
+    // ---- The entry points, with everything that can be wrong with an answer ----
+    //
+    // `where` is put behind the call's name in reports. No value: not answered, which has been reported or is
+    // known from an earlier session.
+
+    bool setContext(int caller, const char* context, const std::string& where = "");
+    std::optional<std::string> identifier(const std::string& where = "");
+    std::optional<std::string> activeVersion(const std::string& where = "");
+    // What the offered version is, in words for reports, when the text itself is none.
+    struct Verdict {
+        int result;
+        int verdict; // meaningful when result is 0
+    };
+    std::optional<Verdict> checkVersion(const std::string& version, const std::string& where = "");
+    std::optional<int> expectedTime();
+    std::optional<unsigned int> progress(const std::string& where = "");
+    void allUpdateDone(const std::string& where = "");
+    std::optional<Returned> decrypt(const std::string& data, int length, const std::string& what);
+
+    // doUpdate on a thread of its own, after what the daemon does before it. Tells "result", "error",
+    // "duration" and "progress".
+    struct Update {
+        std::string image;
+        unsigned long checksum;
+        bool pollProgress;
+        std::string where;
+    };
+    std::optional<Returned> update(const Update& update);
+
+    // Asks several times and sees whether descriptors get lost. False when it was not answered.
+    bool repeat(const std::string& call, int times, const std::function<bool()>& ask);
+
+private:
+    bool isSuspect(const std::string& call) const;
+    std::optional<Returned> call(const std::string& name, std::chrono::milliseconds limit,
+                                 const std::function<int()>& function);
+    void requireOwnDescriptors(const std::string& name);
+    void explainLoadError(const std::string& error) const;
+
+    const Job& job_;
+    const std::set<std::string>& suspects_;
+    int channel_;
+    BlackBox& box_;
+    std::set<std::string> flawed_;
+    std::vector<std::pair<int, ino_t>> ownDescriptors_; // with what they lead to
+
+    tarnwick_setContext_fn* setContext_ = nullptr;
+    tarnwick_getEMPID_fn* getEMPID_ = nullptr;
+    tarnwick_getActiveVersion_fn* getActiveVersion_ = nullptr;
+    tarnwick_checkVersion_fn* checkVersion_ = nullptr;
+    tarnwick_doUpdate_fn* doUpdate_ = nullptr;
+    tarnwick_allUpdateDone_fn* allUpdateDone_ = nullptr;
+    tarnwick_doUpdate_decryption_fn* doUpdateDecryption_ = nullptr;
+    tarnwick_getExpectedTime_fn* getExpectedTime_ = nullptr;
+    tarnwick_getUpdateProgress_fn* getUpdateProgress_ = nullptr;
+};
+
+// "getActiveVersion" of "getActiveVersion on another thread".
+std::string entryPointOf(const std::string& call);
+
+// A text for reports: quoted, cut, and without what a terminal would take for something else.
+std::string quote(const std::string& text);
+
+} // namespace examiner
+
+#endif

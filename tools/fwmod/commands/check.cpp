@@ -1,0 +1,95 @@
+// fwmod check: loads a control library as the daemon would, in a virtual set of its own, and reports what is
+// wrong with it.
+#include "common/progress-line.h"
+#include "tools/fwmod/check/check-report.h"
+#include "tools/fwmod/check/examination.h"
+#include "tools/fwmod/check/findings.h"
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <unistd.h>
+
+namespace fwmod
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+struct Options {
+    ExaminationRequest request;
+    bool json = false;
+    bool listFindings = false;
+};
+
+bool isColourWanted()
+{
+    const char* const refused = std::getenv("NO_COLOR");
+    return isatty(STDOUT_FILENO) != 0 && (refused == nullptr || *refused == '\0');
+}
+
+int check(const Options& options)
+{
+    if (options.listFindings) {
+        std::fputs(findingsDocument().c_str(), stdout);
+        return 0;
+    }
+    const ExaminationRequest& request = options.request;
+    if (request.library.empty())
+        throw common::WrongUse("name the library to check, or --list-findings for what can be found");
+    requireReadable(request.library);
+    if (!request.package.empty())
+        requireReadable(request.package);
+    requireDirectory(request.firmware, "--firmware");
+    requireDirectory(request.hardware, "--hardware");
+
+    common::ProgressLine line;
+    const bool isWatched = isatty(STDERR_FILENO) != 0;
+    const ExaminationResult result =
+        examineLibrary(request, [&](const std::string& what, unsigned int percent) {
+            if (isWatched)
+                line.show(what, percent);
+        });
+    line.clear();
+    const std::string library = request.library.filename();
+    const std::string text = options.json ? formatForPrograms(library, result)
+                                          : formatForPeople(library, result, isColourWanted());
+    std::fputs(text.c_str(), stdout);
+    return hasErrors(result) ? 1 : 0;
+}
+} // namespace
+
+void defineCheck(common::CommandLine& command)
+{
+    auto options = std::make_shared<Options>();
+    ExaminationRequest& request = options->request;
+    command.path("LIB", request.library, "The control library, NAME.so");
+    common::Option const package =
+        command.path("--package", request.package, "Its package, IDENTIFIER.img: doUpdate is tried with it");
+    command
+        .path("--firmware", request.firmware,
+              "A directory of the system image, seen as /lib/firmware/ext/NAME by its own name")
+        .excludes(package);
+    command.path(
+        "--hardware", request.hardware,
+        "A directory with the hardware's files, seen as /var/lib/hardware; nothing in it is changed");
+    command.flag("--every-write", request.everyWrite,
+                 "Cut the power at every write of an update; by default at 300 of them at most");
+    command.flag("--json", options->json, "Print JSON");
+    command.flag("--list-findings", options->listFindings, "Print what can be found, with cause and cure");
+    command.footer(
+        "The library is called as the daemon does, in a virtual set that is gone afterwards: questions,\n"
+        "an update, updates that must be refused, and updates whose power is cut. No privileges are "
+        "needed.\n"
+        "Exit status: 0 no error was found (there may be warnings), 1 errors, or it could not be checked,\n"
+        "2 wrong use.\n"
+        "Examples:\n"
+        "  fwmod check tuner.so --package empTuner.img --hardware hardware\n"
+        "  fwmod check panel.so --firmware Panel --hardware hardware --json\n"
+        "  fwmod check --list-findings");
+    command.onRun([options] { return check(*options); });
+}
+} // namespace fwmod

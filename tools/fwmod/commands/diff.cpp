@@ -1,0 +1,251 @@
+// fwmod diff: what differs between two files of a kind, in the words of "fwmod inspect".
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/images/inspection.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+
+namespace fwmod
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+struct Options {
+    InspectionRequest a;
+    InspectionRequest b;
+    bool json = false;
+};
+
+struct Difference {
+    std::string what;
+    std::string text;    // for people
+    Json::Value details; // for programs: "a" and "b", or the byte from which on it is different
+};
+
+using Differences = std::vector<Difference>;
+
+// ---- Bytes ----
+
+// The first byte that differs, counted from 1 as cmp(1) does; none when the files are the same.
+std::optional<std::uint64_t> firstDifference(const fs::path& a, const fs::path& b)
+{
+    requireReadable(a);
+    requireReadable(b);
+    std::ifstream left(a, std::ios::binary);
+    std::ifstream right(b, std::ios::binary);
+    std::vector<char> leftBytes(65536);
+    std::vector<char> rightBytes(65536);
+    for (std::uint64_t before = 0;;) {
+        left.read(leftBytes.data(), static_cast<std::streamsize>(leftBytes.size()));
+        right.read(rightBytes.data(), static_cast<std::streamsize>(rightBytes.size()));
+        const auto [end, other] = std::mismatch(leftBytes.begin(), leftBytes.begin() + left.gcount(),
+                                                rightBytes.begin(), rightBytes.begin() + right.gcount());
+        const auto same = end - leftBytes.begin();
+        if (same != left.gcount() || same != right.gcount())
+            return before + static_cast<std::uint64_t>(same) + 1;
+        if (same == 0)
+            return std::nullopt;
+        before += static_cast<std::uint64_t>(same);
+    }
+}
+
+void compareBytes(const std::string& what, const fs::path& a, const fs::path& b, Differences& differences)
+{
+    const auto byte = firstDifference(a, b);
+    if (!byte)
+        return;
+    Json::Value details;
+    details["byte"] = Json::UInt64(*byte);
+    differences.push_back({what, "differs from byte " + std::to_string(*byte) + " on", details});
+}
+
+// ---- Facts ----
+
+void add(const std::string& what, const std::string& a, const std::string& b, const Json::Value& aValue,
+         const Json::Value& bValue, Differences& differences)
+{
+    Json::Value details;
+    details["a"] = aValue;
+    details["b"] = bValue;
+    differences.push_back({what, a + " -> " + b, details});
+}
+
+void addPresence(const std::string& what, bool inA, bool inB, Differences& differences)
+{
+    if (inA != inB)
+        add(what, inA ? "there" : "not there", inB ? "there" : "not there", inA, inB, differences);
+}
+
+// What a fact of several things lists; an object's members are things that may be there or not.
+std::set<std::string> thingsOf(const Json::Value& value)
+{
+    std::set<std::string> things;
+    if (value.isArray()) {
+        for (const Json::Value& thing : value)
+            things.insert(thing.asString());
+    } else if (value.isObject()) {
+        for (const std::string& name : value.getMemberNames()) {
+            if (value[name].asBool())
+                things.insert(name);
+        }
+    }
+    return things;
+}
+
+void compareSets(const std::string& what, const std::set<std::string>& a, const std::set<std::string>& b,
+                 Differences& differences)
+{
+    std::set<std::string> all = a;
+    all.insert(b.begin(), b.end());
+    for (const std::string& thing : all)
+        addPresence(what + " " + thing, a.count(thing) != 0, b.count(thing) != 0, differences);
+}
+
+void compareFact(const std::string& key, const Fact* a, const Fact* b, Differences& differences)
+{
+    static const Fact none{"", "unknown", Json::nullValue};
+    const Fact& left = a != nullptr ? *a : none;
+    const Fact& right = b != nullptr ? *b : none;
+    const auto isSeveral = [](const Fact& fact) { return fact.value.isArray() || fact.value.isObject(); };
+    if (isSeveral(left) && isSeveral(right))
+        compareSets(key + ":", thingsOf(left.value), thingsOf(right.value), differences);
+    else if (left.value != right.value)
+        add(key, left.text, right.text, left.value, right.value, differences);
+}
+
+const Fact* find(const Inspection& inspection, const std::string& key)
+{
+    for (const Fact& fact : inspection.facts) {
+        if (fact.key == key)
+            return &fact;
+    }
+    return nullptr;
+}
+
+void compareFacts(const Inspection& a, const Inspection& b, Differences& differences)
+{
+    for (const Fact& fact : a.facts)
+        compareFact(fact.key, &fact, find(b, fact.key), differences);
+    for (const Fact& fact : b.facts) {
+        if (find(a, fact.key) == nullptr)
+            compareFact(fact.key, nullptr, &fact, differences);
+    }
+    compareSets("problem:", {a.problems.begin(), a.problems.end()}, {b.problems.begin(), b.problems.end()},
+                differences);
+}
+
+// ---- Packages ----
+
+// By their paths in the package.
+std::map<std::string, fs::path> plainFilesIn(const fs::path& tree)
+{
+    std::map<std::string, fs::path> files;
+    for (const auto& entry : fs::recursive_directory_iterator(tree)) {
+        if (isPlainFile(entry.path()))
+            files["/" + entry.path().lexically_relative(tree).string()] = entry.path();
+    }
+    return files;
+}
+
+void compareFilesInside(const fs::path& a, const fs::path& b, Differences& differences)
+{
+    const ScratchDirectory scratch;
+    unpackPackage(a, scratch.path() / "a");
+    unpackPackage(b, scratch.path() / "b");
+    const auto right = plainFilesIn(scratch.path() / "b");
+    for (const auto& [name, file] : plainFilesIn(scratch.path() / "a")) {
+        const auto other = right.find(name);
+        if (other != right.end())
+            compareBytes(name, file, other->second, differences);
+    }
+}
+
+// ---- Both together ----
+
+Differences compare(const Options& options, const Inspection& a, const Inspection& b)
+{
+    Differences differences;
+    if (!firstDifference(options.a.file, options.b.file))
+        return differences;
+    if (a.kind != b.kind) {
+        add("kind", a.kind, b.kind, a.kind, b.kind, differences);
+        return differences;
+    }
+    compareFacts(a, b, differences);
+    if (a.kind == kPackageKind)
+        compareFilesInside(options.a.file, options.b.file, differences);
+    if (differences.empty() || a.kind == kUnknownKind)
+        compareBytes("content", options.a.file, options.b.file, differences);
+    return differences;
+}
+
+void printForPeople(const Options& options, const std::string& kind, const Differences& differences)
+{
+    if (differences.empty()) {
+        std::printf("%s and %s: the same bytes\n", options.a.file.c_str(), options.b.file.c_str());
+        return;
+    }
+    std::printf("%s -> %s: %s\n", options.a.file.c_str(), options.b.file.c_str(), kind.c_str());
+    for (const Difference& difference : differences)
+        std::printf("  %s: %s\n", difference.what.c_str(), difference.text.c_str());
+}
+
+void printForPrograms(const Options& options, const Differences& differences)
+{
+    Json::Value root;
+    root["a"] = options.a.file;
+    root["b"] = options.b.file;
+    root["same"] = differences.empty();
+    root["differences"] = Json::arrayValue;
+    for (const Difference& difference : differences) {
+        Json::Value entry = difference.details;
+        entry["what"] = difference.what;
+        root["differences"].append(entry);
+    }
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "    ";
+    std::puts(Json::writeString(writer, root).c_str());
+}
+
+int diff(const Options& options)
+try {
+    const Inspection a = inspectFile(options.a);
+    const Inspection b = inspectFile(options.b);
+    const Differences differences = compare(options, a, b);
+    if (options.json)
+        printForPrograms(options, differences);
+    else
+        printForPeople(options, a.kind == b.kind ? a.kind : "two kinds of file", differences);
+    return differences.empty() ? 0 : 1;
+} catch (const std::exception& error) {
+    throw common::WrongUse(error.what()); // 1 says that they differ, as with diff(1)
+}
+} // namespace
+
+void defineDiff(common::CommandLine& command)
+{
+    auto options = std::make_shared<Options>();
+    command.text("A", options->a.file, "A file, usually the older one").required();
+    command.text("B", options->b.file, "Another of the same kind").required();
+    command.text("--key-file", options->a.keyFile,
+                 "Content key of two encrypted images: compares what is inside");
+    command.flag("--json", options->json, "Print JSON");
+    command.footer("Compares what \"fwmod inspect\" tells, and the content. Bytes are counted from 1.\n"
+                   "Exit status: 0 the same bytes, 1 different, 2 wrong use, or a file that cannot be read.\n"
+                   "Examples:\n"
+                   "  fwmod diff images/1.0/empTuner.img images/1.1/empTuner.img\n"
+                   "  fwmod diff --key-file content.key old/Tuner.bin new/Tuner.bin");
+    command.onRun([options] {
+        options->b.keyFile = options->a.keyFile;
+        return diff(*options);
+    });
+}
+} // namespace fwmod

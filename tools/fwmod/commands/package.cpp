@@ -1,0 +1,80 @@
+// fwmod package: the file system image that the daemon mounts read-only to find a module's image. The same
+// input gives the same bytes, on every machine and at any time.
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/images/identifier.h"
+#include "tools/fwmod/images/information.h"
+
+#include <cstdio>
+#include <memory>
+
+namespace fwmod
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+struct Options {
+    std::string image;
+    std::string information;
+    std::string identifier;
+    std::string output;
+};
+
+void copyInto(const fs::path& from, const fs::path& to)
+{
+    std::error_code error;
+    fs::copy_file(from, to, error);
+    if (!error)
+        fs::permissions(to, fs::perms(0644), error); // not those of the maker's file: reproducible
+    if (error)
+        throw common::Failure("cannot copy " + from.string() + ": " + error.message());
+}
+
+// Times, owners and modes are fixed; one block size and compressor that every set's kernel reads.
+void makeFileSystem(const fs::path& tree, const fs::path& output)
+{
+    runProgram({"mksquashfs", tree, output, "-noappend", "-no-progress", "-quiet", "-no-xattrs", "-all-root",
+                "-root-mode", "0755", "-all-time", "0", "-mkfs-time", "0", "-comp", "gzip", "-b", "131072"},
+               "squashfs-tools");
+}
+
+int package(const Options& options)
+{
+    const std::string firmware = firmwareName(options.identifier, "--id");
+    const fs::path output = options.output.empty() ? options.identifier + ".img" : options.output;
+    const InformationReport report = checkInformation(options.information, fs::path(options.image));
+    if (!report.accepted)
+        throw common::Failure("the daemon would refuse the package:\n" +
+                              formatReport(options.information, report));
+    refuseOverwriting(output, {options.image, options.information});
+
+    const ScratchDirectory tree;
+    copyInto(options.image, tree.path() / (firmware + ".bin"));
+    copyInto(options.information, tree.path() / "info.json");
+    NewFile result(output);
+    makeFileSystem(tree.path(), result.path());
+    result.commit();
+    std::printf("%s: %s.bin and info.json, version %s, crc %u\n", output.c_str(), firmware.c_str(),
+                report.values.version.c_str(), static_cast<unsigned int>(report.values.crc));
+    if (output.filename() != options.identifier + ".img")
+        std::fprintf(stderr, "fwmod: note: the daemon looks for the package under the name %s.img\n",
+                     options.identifier.c_str());
+    return 0;
+}
+} // namespace
+
+void definePackage(common::CommandLine& command)
+{
+    auto options = std::make_shared<Options>();
+    command.text("--image", options->image, "The firmware image; called NAME.bin in the package").required();
+    command.text("--info", options->information, "Its information file (fwmod info)").required();
+    command.text("--id", options->identifier, "The module's identifier, as getEMPID writes it").required();
+    command.text("-o,--output", options->output, "File to write (default ID.img)");
+    command.footer("NAME is the identifier without its first \"emp\".\n"
+                   "Example:\n"
+                   "  fwmod package --image Tuner.bin --info info.json --id empTuner -o empTuner.img");
+    command.onRun([options] { return package(*options); });
+}
+} // namespace fwmod

@@ -1,0 +1,703 @@
+// fwmod try: the module alone on a virtual set, through the whole story of an update, and what is true then.
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/images/control-library.h"
+#include "tools/fwmod/trial-set.h"
+
+#include "src/src/fw-update-symbol.h"
+
+#include <csignal>
+#include <memory>
+#include <sstream>
+#include <unistd.h>
+
+namespace fwmod
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+constexpr unsigned int kMostWrites = 1'000'000'000;
+constexpr unsigned int kGraceSeconds = 600; // after the daemon's start, in which a standby only ends it
+constexpr int kStandby = 2;
+constexpr seconds kPatience(60);
+constexpr std::chrono::milliseconds kProgressPause(500);
+// Where nothing is measured. At this pace a bus call still has five seconds of this PC's.
+constexpr double kQuickRate = 5;
+
+constexpr const char* kProductControls = "/prd/usr/fwupdate/controls";
+constexpr const char* kSystemControls = "/usr/fwupdate/controls";
+constexpr const char* kSystemImages = "/usr/lib/firmware/ext";
+constexpr const char* kFeed = "/srv/feed";
+constexpr const char* kGoodEnd = "tarnwick ended with status 0"; // as vset says it
+constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
+
+struct Options {
+    fs::path library;
+    fs::path package;
+    fs::path firmware;
+    fs::path hardware;
+    bool isAccepted = false;
+    std::optional<unsigned int> powerCut;
+    bool isRootless = false;
+    bool isKept = false;
+    bool isJson = false;
+};
+
+struct Proof {
+    std::string text;
+    bool isTrue;
+};
+
+// The library's turn in an update.
+struct Write {
+    std::string verdict = "not started"; // or unfinished, success, failure, time-out
+    std::string reason;                  // the daemon's last complaint, or how it ended
+    double duration = 0;                 // seconds of the set
+};
+
+struct Result {
+    Json::Value before; // versions; null where they are not known
+    Json::Value after;
+    Json::Value offered;
+    unsigned int expectedSeconds = 0; // 0: nobody says
+    std::optional<Write> write;
+    std::string cut; // where the power was cut
+    std::vector<Proof> proofs;
+    std::string problem; // why the story ended early
+
+    bool isGood() const
+    {
+        bool isAllTrue = problem.empty() && !proofs.empty();
+        for (const Proof& proof : proofs)
+            isAllTrue = isAllTrue && proof.isTrue;
+        return isAllTrue;
+    }
+};
+
+Write readWrite(const std::vector<vset::LogRecord>& records)
+{
+    Write write;
+    double start = 0;
+    const auto end = [&](const char* verdict, const vset::LogRecord& record) {
+        write.verdict = verdict;
+        write.duration = vset::secondsOf(record).value_or(start) - start;
+    };
+    for (const vset::LogRecord& record : records) {
+        const auto has = [&](const char* text) { return record.message.find(text) != std::string::npos; };
+        if (record.message.compare(0, 5, "Error") == 0)
+            write.reason = record.message;
+        if (has(" update start ]")) {
+            write.verdict = "unfinished";
+            start = vset::secondsOf(record).value_or(0);
+        } else if (has(" update timeout"))
+            end("time-out", record);
+        else if (write.verdict == "time-out")
+            continue; // what comes after it is lost
+        else if (has(" Firmware doUpdate Fail "))
+            end("failure", record);
+        else if (has(" update succeeded ]"))
+            end("success", record);
+    }
+    return write;
+}
+
+std::string textOf(const Json::Value& value)
+{
+    return value.isString() ? value.asString() : "unknown";
+}
+
+std::string oneDecimal(double value)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f", value);
+    return text;
+}
+
+// ---- Before a set is made ----
+
+bool isExternal(const Options& options)
+{
+    return isExternalName(options.library.stem());
+}
+
+// What the daemon would stumble over at once.
+void checkLibrary(const Options& options)
+{
+    if (options.library.extension() != ".so")
+        throw common::Failure("the daemon opens NAME.so only: rename " + options.library.string());
+    const std::string problem = whyNotLoadable(options.library);
+    if (!problem.empty())
+        throw common::Failure(options.library.string() + " cannot be loaded: " + problem);
+    const ControlLibrary library = readControlLibrary(options.library);
+    for (const EntryPointState& entry : library.entryPoints) {
+        if (entry.required && !entry.exported)
+            throw common::Failure(options.library.string() + " does not export " + entry.name +
+                                  ", which the daemon requires (\"fwmod inspect\" lists the entry points)");
+    }
+}
+
+void checkUse(const Options& options)
+{
+    if (isExternal(options) && !options.package.empty())
+        throw common::WrongUse(
+            "an external module (EXT-) has no package: its library finds the image itself, for "
+            "example with --firmware DIR in the system image");
+    if (isExternal(options) && options.isAccepted)
+        throw common::WrongUse(
+            "an external module (EXT-) is never offered on the screen: leave --accept away");
+    if (!isExternal(options) && options.package.empty() && options.firmware.empty())
+        throw common::WrongUse(
+            "there is nothing to update from: give --package IMG, or --firmware DIR for an image "
+            "in the system image");
+}
+
+void checkRootless(const Options& options)
+{
+    const bool isRootless = options.isRootless || geteuid() != 0;
+    if (!isRootless || options.package.empty())
+        return;
+    if (access("/dev/fuse", R_OK | W_OK) != 0)
+        throw common::Failure("without root a package is mounted through /dev/fuse, which cannot be used: "
+                              "sudo chmod 0666 /dev/fuse, or run this as root");
+    if (access("/usr/bin/squashfuse", X_OK) != 0)
+        throw common::Failure(
+            "without root a package is mounted with squashfuse: install squashfuse and fuse3, or run "
+            "this as root");
+}
+
+// ---- The trial ----
+
+class Trial
+{
+public:
+    explicit Trial(const Options& options)
+        : options_(options), name_(options.library.stem()), story_(options.isJson ? stderr : stdout)
+    {
+    }
+    bool run(); // whether the module was updated, and everything is true
+
+private:
+    void fill();
+    void tryModule();
+    void tryExternalModule();
+
+    void say(const std::string& text);
+    void chapter(const std::string& title);
+    void prove(const std::string& text, bool isTrue) { result_.proofs.push_back({text, isTrue}); }
+
+    bool isFoundPending();
+    Json::Value examine();
+    void checkNames(const Json::Value& module) const;
+    void checkWay(const Json::Value& module) const;
+    [[noreturn]] void failNotPending();
+    void bootForTheFirstTime();
+    void awaitDelivery(const Json::Value& module);
+
+    void update();
+    void updateAtStandby(const Json::Value& module);
+    void updateOnScreen();
+    void awaitWrite(const std::string& what, const std::function<bool()>& isOver);
+    void showProgress();
+    std::string view();
+    void proveNothingIsLeft();
+    void tellCut(const PowerWasCut& cut);
+    void surviveCut();
+    [[noreturn]] void failUncut();
+    void bootAfterwards();
+    void updateDirectly(std::optional<unsigned int> powerCut);
+
+    void report() const;
+    Json::Value toJson() const;
+
+    const Options& options_;
+    const std::string name_; // of the library
+    std::FILE* const story_;
+    const InterruptionWatch watch_; // also while the set is removed
+    std::optional<TrialSet> set_;
+    Result result_;
+    bool hasRebooted_ = false; // by itself, after the update
+    unsigned int shownProgress_ = 0;
+    steady_clock::time_point nextProgress_;
+};
+
+bool Trial::run()
+{
+    try {
+        fill();
+        if (isExternal(options_))
+            tryExternalModule();
+        else
+            tryModule();
+    } catch (const std::exception& error) {
+        InterruptionWatch::check();
+        result_.problem = error.what();
+    }
+    if (result_.write || !result_.before.isNull() || !result_.proofs.empty())
+        report();
+    if (!result_.problem.empty())
+        std::fprintf(stderr, "fwmod: %s\n", result_.problem.c_str());
+    if (options_.isJson)
+        std::fputs(toJson().toStyledString().c_str(), stdout);
+    return result_.isGood();
+}
+
+void Trial::say(const std::string& text)
+{
+    std::fprintf(story_, "%s\n", text.c_str());
+    std::fflush(story_);
+}
+
+void Trial::chapter(const std::string& title)
+{
+    const bool isBold = isatty(fileno(story_)) != 0 && std::getenv("NO_COLOR") == nullptr;
+    say(isBold ? "\n\033[1m" + title + "\033[0m" : "\n" + title);
+}
+
+void Trial::fill()
+{
+    set_.emplace(options_.isRootless, story_);
+    if (options_.isKept)
+        set_->keep();
+    say("A virtual set for " + name_ + " alone, in " + set_->path().string() +
+        (options_.isKept ? "" : " until the end"));
+    const bool isBuiltIn = !isExternal(options_) && options_.package.empty();
+    set_->add(options_.library, isBuiltIn ? kSystemControls : kProductControls, name_ + ".so");
+    if (!options_.package.empty())
+        set_->add(options_.package, kFeed, options_.package.filename());
+    if (!options_.firmware.empty())
+        set_->add(options_.firmware, kSystemImages, fs::canonical(options_.firmware).filename());
+    if (!options_.hardware.empty())
+        set_->addHardware(options_.hardware);
+}
+
+void Trial::tryModule()
+{
+    if (!options_.package.empty())
+        bootForTheFirstTime();
+    try {
+        chapter(options_.package.empty() ? "The set is switched on" : "The set boots again");
+        set_->switchOn(options_.powerCut);
+        set_->setClockRate(kQuickRate);
+        if (!isFoundPending())
+            failNotPending();
+        update();
+        if (options_.powerCut && result_.write->verdict == "success")
+            failUncut();
+    } catch (const PowerWasCut& cut) {
+        tellCut(cut);
+        surviveCut();
+    }
+    if (!result_.write || result_.write->verdict == "success")
+        bootAfterwards();
+}
+
+// ---- What the daemon finds ----
+
+// At a boot: waits until the daemon has decided, and says whether it stays for an update.
+bool Trial::isFoundPending()
+{
+    constexpr const char* kPending = "need update item, wait ui or bg fw update\n";
+    set_->waitFor("the daemon to check the module", kPatience,
+                  [this] { return set_->said(kPending) || set_->daemonEnd(); });
+    if (set_->said(kPending))
+        return true;
+    if (*set_->daemonEnd() != kGoodEnd)
+        throw common::Failure(*set_->daemonEnd() + " while it loaded or asked the control library");
+    return false;
+}
+
+// The module as "fwctl why" sees it, with the daemon's own code.
+Json::Value Trial::examine()
+{
+    const TrialSet::Output told = set_->run({"fwctl", "why", "--json", "--", name_});
+    Json::Value modules;
+    std::istringstream text(told.text);
+    std::string errors;
+    if (!Json::parseFromStream(Json::CharReaderBuilder(), text, &modules, &errors) || modules.empty())
+        throw common::Failure("the module cannot be examined: " + told.errors);
+    const Json::Value& module = modules[0];
+    if (module.isMember("failure"))
+        throw common::Failure("the control library fails: " + module["failure"].asString());
+    if (module["kind"] == "unusable") {
+        const Json::Value& messages = module["load_messages"]; // the last one tells what stopped the loading
+        throw common::Failure("the daemon cannot use the control library" +
+                              (messages.empty() ? "" : ": " + messages[messages.size() - 1].asString()));
+    }
+    return module;
+}
+
+// Names that the daemon derives from the library's identifier.
+void Trial::checkNames(const Json::Value& module) const
+{
+    const std::string package = module["identifier"].asString() + ".img";
+    if (!options_.package.empty() && options_.package.filename() != package)
+        throw common::Failure("the daemon asks for " + package + ", after the library's identifier: rename " +
+                              options_.package.string());
+    const std::string firmware = module["firmware_name"].asString();
+    const std::string directory =
+        options_.firmware.empty() ? firmware : fs::canonical(options_.firmware).filename().string();
+    if (directory != firmware)
+        throw common::Failure("the daemon looks for " + firmware + "/" + firmware +
+                              ".bin in the system image: rename the directory " + options_.firmware.string());
+}
+
+// Whether the update comes about in the way that was asked for.
+void Trial::checkWay(const Json::Value& module) const
+{
+    const bool isOffered = module["ui_use"] != "none";
+    if (options_.isAccepted && !isOffered)
+        throw common::Failure(
+            "the information file says ui_use \"none\", so the screen never offers the update: leave "
+            "--accept away, or write \"select\" or \"force\" (fwmod info --ui-use)");
+    if (!options_.isAccepted && module["pending_source"] == "system")
+        throw common::Failure(
+            "an image in the system image is only written when the viewer accepts it: add --accept");
+}
+
+void Trial::failNotPending()
+{
+    const Json::Value module = examine();
+    checkNames(module);
+    const bool isBlank = module["installed"].isNull() && options_.hardware.empty();
+    throw common::Failure("the daemon finds nothing to update. \"fwctl why\" in the set says:\n" +
+                          set_->run({"fwctl", "why", "--", name_}).text +
+                          (isBlank ? "Without --hardware the set's /var/lib/hardware is empty." : ""));
+}
+
+void Trial::bootForTheFirstTime()
+{
+    chapter("The set is switched on for the first time");
+    set_->switchOn();
+    set_->setClockRate(kQuickRate);
+    isFoundPending(); // the image in the system image, or nothing: the package is not there yet
+    const Json::Value module = examine();
+    checkNames(module);
+    awaitDelivery(module);
+    set_->switchOff();
+}
+
+void Trial::awaitDelivery(const Json::Value& module)
+{
+    const std::string package = module["package"].asString();
+    set_->waitFor("the package service to deliver " + package, kPatience,
+                  [&] { return fs::exists(set_->file(package)); });
+    say("              The package service has put it in place: " + package);
+}
+
+// ---- The update ----
+
+void Trial::update()
+{
+    const Json::Value module = examine();
+    if (!module["pending"].asBool())
+        failNotPending();
+    checkNames(module);
+    checkWay(module);
+    if (result_.before.isNull())
+        result_.before = module["installed"];
+    for (const Json::Value& source : module["sources"]) {
+        if (source["source"] == module["pending_source"])
+            result_.offered = source["offered"];
+    }
+    result_.expectedSeconds = module["expected_time"].asUInt();
+    if (options_.isAccepted)
+        updateOnScreen();
+    else
+        updateAtStandby(module);
+}
+
+void Trial::updateAtStandby(const Json::Value& module)
+{
+    const bool isOffered = module["ui_use"] != "none";
+    if (isOffered)
+        say("              The viewer does not answer the offer.");
+    // By the numbers of its states: modules checked; offer shown, or not shown.
+    set_->waitFor("the daemon to wait for a standby", kPatience,
+                  [&] { return isOffered ? set_->said("10") || set_->said("16") : set_->said("5"); });
+    set_->setClockRate(1);
+    chapter("Ten minutes later (the set's clock jumps), the viewer presses the standby button");
+    set_->jumpClock(kGraceSeconds);
+    set_->act([](const vset::ControlClient& platform) { platform.setPowerState(kStandby); });
+    awaitWrite("the daemon to end after the update", [this] { return set_->daemonEnd().has_value(); });
+    const bool hasEndedWell = *set_->daemonEnd() == kGoodEnd;
+    prove("the daemon ended with status 0", hasEndedWell);
+    if (!hasEndedWell)
+        result_.write->reason = *set_->daemonEnd();
+    proveNothingIsLeft();
+    prove("no power lock is held", set_->snapshot()["locks"]["held"].empty());
+}
+
+void Trial::updateOnScreen()
+{
+    const auto click = [this](const char* button) {
+        set_->act([&](const vset::ControlClient& platform) {
+            platform.callConsole("Click", g_variant_new("(s)", button));
+        });
+    };
+    set_->waitFor("the offer on the screen", kPatience, [this] { return view() == "offer"; });
+    set_->setClockRate(1);
+    chapter("The viewer accepts the update on the screen");
+    click("accept");
+    awaitWrite("the upgrade UI to tell the end of the update", [this] { return view() == "finished"; });
+    proveNothingIsLeft();
+    if (result_.write->verdict != "success")
+        return; // the daemon asks for no reboot then
+    chapter("The viewer closes the message, and the set restarts");
+    set_->setClockRate(kQuickRate);
+    set_->forget();
+    click("close");
+    // It would wait for a power lock.
+    set_->waitFor("the set to reboot", kPatience, [this] { return set_->said("service initialize"); });
+    hasRebooted_ = true;
+}
+
+void Trial::awaitWrite(const std::string& what, const std::function<bool()>& isOver)
+{
+    nextProgress_ = steady_clock::now() + kProgressPause;
+    set_->waitFor(what, kPatience + seconds(result_.expectedSeconds), [&] {
+        if (isOver())
+            return true;
+        showProgress();
+        return false;
+    });
+    result_.write = readWrite(set_->records());
+    const Write& write = *result_.write;
+    prove("the daemon's verdict is success", write.verdict == "success");
+    if (write.verdict == "success")
+        prove("the write fits into the expected time", write.duration <= result_.expectedSeconds);
+}
+
+// What the library itself says in another process; for one that keeps its progress to itself, nothing.
+void Trial::showProgress()
+{
+    if (steady_clock::now() < nextProgress_ || readWrite(set_->records()).verdict != "unfinished")
+        return;
+    nextProgress_ = steady_clock::now() + kProgressPause;
+    for (const Json::Value& module : set_->console("GetModules")) {
+        const Json::Value& progress = module["progress"];
+        if (!progress.isUInt() || progress.asUInt() <= shownProgress_)
+            continue;
+        shownProgress_ = progress.asUInt();
+        say("              " + name_ + ": " + progress.asString() + " % written, says its control library");
+    }
+}
+
+std::string Trial::view()
+{
+    const Json::Value screen = set_->console("Snapshot")["screen"];
+    return screen["shown"].asBool() ? screen["view"].asString() : "";
+}
+
+void Trial::proveNothingIsLeft()
+{
+    prove("no package is left mounted", set_->snapshot()["mounts"].empty());
+    prove("the update list is gone", !fs::exists(set_->file(kUpdateList)));
+}
+
+// ---- Power cut ----
+
+void Trial::tellCut(const PowerWasCut& cut)
+{
+    result_.cut = cut.what();
+    result_.proofs.clear();
+    say("              " + result_.cut);
+}
+
+void Trial::surviveCut()
+{
+    chapter("The power is back");
+    set_->switchOn();
+    set_->setClockRate(kQuickRate);
+    const bool isPending = isFoundPending();
+    const Json::Value version = examine()["installed"];
+    say("              The hardware says version " + textOf(version) + ".");
+    if (isPending) {
+        prove("after the power cut the module was pending again", true);
+        update();
+        return;
+    }
+    if (version.isNull() || result_.before.isNull() || version == result_.before)
+        failNotPending();
+    say("              Nothing was missing any more: the new firmware is in place.");
+    prove("after the power cut the new firmware was complete", true);
+}
+
+void Trial::failUncut()
+{
+    set_->switchOff();
+    const unsigned int writes = set_->writes().value_or(0);
+    const std::string asked = std::to_string(*options_.powerCut);
+    if (writes == 0)
+        throw common::Failure(
+            "the update made no write to hardware that can be seen from outside, so the power was "
+            "not cut (stores into mapped memory are not seen)");
+    throw common::Failure("the update made only " + std::to_string(writes) +
+                          " writes to hardware, so the power was " + "not cut at write " + asked +
+                          ": choose one from 1 to " + std::to_string(writes));
+}
+
+// ---- Afterwards ----
+
+void Trial::bootAfterwards()
+{
+    if (!hasRebooted_) {
+        set_->switchOff();
+        chapter("The set is switched on again");
+        set_->switchOn();
+        set_->setClockRate(kQuickRate);
+    }
+    const bool isPending = isFoundPending();
+    Json::Value module = examine();
+    if (!options_.package.empty() && !isPending) { // the boot after this one would find it
+        awaitDelivery(module);
+        module = examine();
+    }
+    result_.after = module["installed"];
+    prove("the hardware has another version than before", result_.after != result_.before);
+    prove("nothing is pending any more", !isPending && !module["pending"].asBool());
+}
+
+// ---- External modules ----
+
+void Trial::tryExternalModule()
+{
+    chapter("The set is switched on");
+    set_->switchOn();
+    set_->setClockRate(kQuickRate);
+    isFoundPending();
+    result_.before = examine()["installed"];
+    set_->switchOff();
+    chapter("A technician updates the module");
+    say("The daemon leaves external modules out: \"fwctl update " + name_ + "\" has the library do it.");
+    try {
+        updateDirectly(options_.powerCut);
+        if (options_.powerCut && result_.write->verdict == "success")
+            failUncut();
+    } catch (const PowerWasCut& cut) {
+        tellCut(cut);
+        chapter("The power is back, and the technician tries again");
+        updateDirectly(std::nullopt);
+    }
+    if (result_.write->verdict != "success")
+        return;
+    chapter("The set is switched on again");
+    set_->switchOn();
+    set_->setClockRate(kQuickRate);
+    isFoundPending();
+    result_.after = examine()["installed"];
+    prove("the hardware has another version than before", result_.after != result_.before);
+}
+
+void Trial::updateDirectly(std::optional<unsigned int> powerCut)
+{
+    const auto start = steady_clock::now();
+    const int status = set_->runAlone({"fwctl", "update", "--", name_}, powerCut);
+    Write write;
+    write.verdict = status == 0 ? "success" : "failure";
+    write.duration = std::chrono::duration<double>(steady_clock::now() - start).count();
+    result_.write = write;
+    prove("fwctl says that it was updated", status == 0);
+}
+
+// ---- What is told at the end ----
+
+void Trial::report() const
+{
+    std::fprintf(story_, "\nResult\n");
+    std::fprintf(story_, "  %s: version %s before, %s offered, %s after\n", name_.c_str(),
+                 textOf(result_.before).c_str(), textOf(result_.offered).c_str(),
+                 textOf(result_.after).c_str());
+    if (!result_.cut.empty())
+        std::fprintf(story_, "  %s\n", result_.cut.c_str());
+    if (result_.write) {
+        const std::string expected =
+            result_.expectedSeconds > 0 ? " of the expected " + std::to_string(result_.expectedSeconds) + " s"
+                                        : "";
+        std::fprintf(story_, "  %s after %s s%s\n", result_.write->verdict.c_str(),
+                     oneDecimal(result_.write->duration).c_str(), expected.c_str());
+    }
+    for (const Proof& proof : result_.proofs)
+        std::fprintf(story_, "  %s  %s\n", proof.isTrue ? "yes" : "NO ", proof.text.c_str());
+    const bool isExplained = !result_.write || result_.write->verdict == "success";
+    if (!isExplained && !result_.write->reason.empty())
+        std::fprintf(story_, "  the last complaint: %s\n", result_.write->reason.c_str());
+    std::fprintf(story_, "%s\n", result_.isGood() ? "Updated, and all of it is true." : "Not good.");
+    std::fflush(story_);
+}
+
+Json::Value Trial::toJson() const
+{
+    Json::Value json;
+    json["module"] = name_;
+    json["updated"] = result_.isGood();
+    json["version_before"] = result_.before;
+    json["version_after"] = result_.after;
+    json["version_offered"] = result_.offered;
+    json["expected_seconds"] =
+        result_.expectedSeconds > 0 ? Json::Value(result_.expectedSeconds) : Json::Value();
+    json["verdict"] = result_.write ? result_.write->verdict : "not started";
+    json["seconds"] = result_.write ? Json::Value(result_.write->duration) : Json::Value();
+    json["power_cut"] = result_.cut.empty() ? Json::Value() : Json::Value(result_.cut);
+    json["facts"] = Json::arrayValue;
+    for (const Proof& proof : result_.proofs) {
+        Json::Value fact;
+        fact["text"] = proof.text;
+        fact["true"] = proof.isTrue;
+        json["facts"].append(fact);
+    }
+    json["problem"] = result_.problem.empty() ? Json::Value() : Json::Value(result_.problem);
+    json["set"] = options_.isKept && set_ ? Json::Value(set_->path().string()) : Json::Value();
+    return json;
+}
+
+void checkFiles(const Options& options)
+{
+    requireReadable(options.library);
+    if (!options.package.empty())
+        requireReadable(options.package);
+    requireDirectory(options.firmware, "--firmware");
+    requireDirectory(options.hardware, "--hardware");
+}
+
+int tryModule(const Options& options)
+{
+    checkUse(options);
+    checkFiles(options);
+    checkLibrary(options);
+    checkRootless(options);
+    return Trial(options).run() ? 0 : 1;
+}
+} // namespace
+
+void defineTry(common::CommandLine& command)
+{
+    auto options = std::make_shared<Options>();
+    command.path("LIB", options->library, "The control library, NAME.so").required();
+    command.path("--package", options->package, "Its package, IDENTIFIER.img: the package service has it");
+    command.path("--firmware", options->firmware,
+                 "A directory of the system image: seen as /lib/firmware/ext/NAME, by its own name");
+    command.path("--hardware", options->hardware, "What lies in /var/lib/hardware at the start");
+    command.flag("--accept", options->isAccepted,
+                 "The viewer accepts the update on the screen (default: it is done at standby)");
+    command.number("--power-cut", options->powerCut, common::Range<unsigned int>{1, kMostWrites},
+                   "Cut the power at the N-th write to hardware, and boot again");
+    command.flag("-u,--rootless", options->isRootless, "As a plain user does it, although this is root");
+    command.flag("--keep", options->isKept, "Leave the set's directory, for a look around");
+    command.flag("--json", options->isJson, "Print the result as JSON; the story goes to standard error");
+    command.footer(
+        "The module alone on a virtual television: boot, check, update, and a boot afterwards, told as it\n"
+        "happens. No root is needed; packages want a usable /dev/fuse then.\n"
+        "An external module (EXT-) takes no part in the daemon's updates: fwctl has it updated.\n"
+        "Exit status: 0 updated and everything is true, 1 not, 2 wrong use.\n"
+        "Examples:\n"
+        "  fwmod try tuner.so --package empTuner.img --hardware hardware\n"
+        "  fwmod try panel.so --firmware Panel --hardware hardware --accept\n"
+        "  fwmod try tuner.so --package empTuner.img --hardware hardware --power-cut 100");
+    command.onRun([options] { return tryModule(*options); });
+}
+} // namespace fwmod

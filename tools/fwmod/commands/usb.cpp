@@ -1,0 +1,234 @@
+// fwmod usb: the encrypted, signed image that a module is updated from on a USB stick. The same input, key
+// and initialisation vector give the same bytes.
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/images/usb-image.h"
+#include "vset/signature/image-signature.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <unistd.h>
+#include <vector>
+
+namespace fwmod
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+constexpr std::size_t kChunkSize = 65536;
+
+struct Options {
+    std::string versionHeader;
+    std::string headerFile;
+    std::string payload;
+    std::string keyFile;
+    std::string signKey;
+    std::string iv;
+    std::string output;
+};
+
+struct Closer {
+    void operator()(FILE* file) const { std::fclose(file); }
+    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+using File = std::unique_ptr<FILE, Closer>;
+
+File openFile(const fs::path& path, const char* mode)
+{
+    File file(std::fopen(path.c_str(), mode));
+    if (!file)
+        throw common::Failure("cannot open " + path.string() + ": " + std::strerror(errno));
+    return file;
+}
+
+// ---- What goes in ----
+
+usb::VersionHeader fillHeader(const std::string& bytes, const std::string& source, std::size_t longest)
+{
+    if (bytes.empty())
+        throw common::WrongUse(source + " is empty: give what the module's checkVersion reads, such as 1.1");
+    if (bytes.size() > longest)
+        throw common::WrongUse(source + " is too long: at most " + std::to_string(longest) + " bytes");
+    usb::VersionHeader header = {};
+    std::copy(bytes.begin(), bytes.end(), header.begin());
+    return header;
+}
+
+usb::VersionHeader readHeader(const Options& options)
+{
+    if (options.headerFile.empty()) // a text keeps its terminator
+        return fillHeader(options.versionHeader, "--version-header", usb::kVersionHeaderSize - 1);
+    requireReadable(options.headerFile);
+    std::ifstream file(options.headerFile, std::ios::binary);
+    std::string bytes(usb::kVersionHeaderSize + 1, '\0');
+    file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    bytes.resize(static_cast<std::size_t>(file.gcount()));
+    return fillHeader(bytes, "--header-file " + options.headerFile, usb::kVersionHeaderSize);
+}
+
+usb::Iv chooseIv(const std::string& text)
+{
+    usb::Iv iv;
+    if (text.empty()) {
+        if (RAND_bytes(iv.data(), static_cast<int>(iv.size())) != 1)
+            throw common::Failure("OpenSSL has no random bytes: give --iv");
+    } else if (text.size() != 2 * iv.size() || !parseHex(text.data(), iv.size(), iv.data())) {
+        throw common::WrongUse("--iv: 32 hexadecimal digits are needed");
+    }
+    return iv;
+}
+
+// Asks for the password of a protected key on the terminal.
+signature::Key readSigningKey(const fs::path& path)
+{
+    requireReadable(path);
+    const File file = openFile(path, "rbe");
+    signature::Key key(PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr));
+    if (!key)
+        throw common::Failure(path.string() +
+                              " holds no private key in PEM form that can be read: make one with "
+                              "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:4096");
+    if (!signature::isSchemeKey(key.get()))
+        throw common::Failure(path.string() + " is another kind of key: RSA with 4096 bits is needed");
+    return key;
+}
+
+std::int64_t imageSize(std::int64_t payloadSize)
+{
+    const std::int64_t plain = static_cast<std::int64_t>(usb::kVersionHeaderSize) + payloadSize;
+    const auto block = static_cast<std::int64_t>(usb::kBlockSize);
+    return static_cast<std::int64_t>(usb::kIvSize + signature::kTrailerSize) + (plain / block + 1) * block;
+}
+
+void refuseTooLarge(const fs::path& payload)
+{
+    const auto size = static_cast<std::int64_t>(fs::file_size(payload));
+    if (size > usb::kLargestImage || imageSize(size) > usb::kLargestImage)
+        throw common::Failure(payload.string() + " is too large: the image would have more than " +
+                              std::to_string(usb::kLargestImage) + " bytes, which the daemon cannot count");
+}
+
+// ---- What comes out ----
+
+// Writes the image's bytes in order; all but the signature itself are signed.
+class ImageWriter
+{
+public:
+    ImageWriter(const fs::path& path, EVP_PKEY* key)
+        : path_(path), file_(openFile(path, "wbe")), digest_(EVP_MD_CTX_new())
+    {
+        if (!digest_ || EVP_DigestSignInit(digest_.get(), nullptr, EVP_sha256(), nullptr, key) != 1)
+            throw common::Failure("OpenSSL refuses the signing key");
+    }
+    void writeSigned(const unsigned char* data, std::size_t size)
+    {
+        if (EVP_DigestSignUpdate(digest_.get(), data, size) != 1)
+            throw common::Failure("OpenSSL cannot compute the signature");
+        write(data, size);
+    }
+    // The signature, then everything to the disk: a stick may be pulled out at once.
+    std::int64_t finish()
+    {
+        unsigned char bytes[signature::kSignatureSize];
+        std::size_t length = sizeof bytes;
+        if (EVP_DigestSignFinal(digest_.get(), bytes, &length) != 1 || length != sizeof bytes)
+            throw common::Failure("OpenSSL cannot compute the signature");
+        write(bytes, sizeof bytes);
+        if (std::fflush(file_.get()) != 0 || fsync(fileno(file_.get())) != 0)
+            throw common::Failure("cannot write " + path_.string() + ": " + std::strerror(errno));
+        return ftello(file_.get());
+    }
+
+private:
+    void write(const unsigned char* data, std::size_t size)
+    {
+        if (std::fwrite(data, 1, size, file_.get()) != size)
+            throw common::Failure("cannot write " + path_.string() + ": " + std::strerror(errno));
+    }
+
+    fs::path path_;
+    File file_;
+    std::unique_ptr<EVP_MD_CTX, Closer> digest_;
+};
+
+void encrypt(const usb::VersionHeader& header, const fs::path& payload, EVP_CIPHER_CTX* cipher,
+             ImageWriter& out)
+{
+    const File in = openFile(payload, "rbe");
+    std::vector<unsigned char> plain(header.begin(), header.end());
+    std::vector<unsigned char> secret(kChunkSize + usb::kBlockSize);
+    int produced = 0;
+    while (!plain.empty()) {
+        if (EVP_CipherUpdate(cipher, secret.data(), &produced, plain.data(),
+                             static_cast<int>(plain.size())) != 1)
+            throw common::Failure("the cipher of OpenSSL refused its input");
+        out.writeSigned(secret.data(), static_cast<std::size_t>(produced));
+        plain.resize(kChunkSize);
+        plain.resize(std::fread(plain.data(), 1, plain.size(), in.get()));
+    }
+    if (std::ferror(in.get()) != 0)
+        throw common::Failure("cannot read " + payload.string() + " to its end");
+    if (EVP_CipherFinal_ex(cipher, secret.data(), &produced) != 1)
+        throw common::Failure("the cipher of OpenSSL cannot end");
+    out.writeSigned(secret.data(), static_cast<std::size_t>(produced));
+}
+
+int makeImage(const Options& options)
+{
+    const usb::VersionHeader header = readHeader(options);
+    const usb::Iv iv = chooseIv(options.iv);
+    refuseOverwriting(options.output,
+                      {options.payload, options.keyFile, options.signKey, options.headerFile});
+    requireReadable(options.payload);
+    refuseTooLarge(options.payload);
+    const signature::Key signKey = readSigningKey(options.signKey);
+    const SecretKey key(options.keyFile);
+
+    NewFile result(options.output);
+    ImageWriter out(result.path(), signKey.get());
+    out.writeSigned(iv.data(), iv.size());
+    encrypt(header, options.payload, usb::makeCipher(key, iv, true).get(), out);
+    const signature::KeyId keyId = signature::keyIdOf(signKey.get());
+    const signature::Header trailer = signature::makeHeader(keyId);
+    out.writeSigned(trailer.data(), trailer.size());
+    const std::int64_t size = out.finish();
+    if (size > usb::kLargestImage)
+        throw common::Failure(options.payload + " grew while it was read, beyond what the daemon can count");
+    result.commit();
+    std::printf("%s: %" PRId64 " bytes, signed with key %s\n", options.output.c_str(), size,
+                signature::toText(keyId).c_str());
+    return 0;
+}
+} // namespace
+
+void defineUsb(common::CommandLine& command)
+{
+    auto options = std::make_shared<Options>();
+    common::CommandLine& header =
+        command.group(common::CommandLine::Choice::kExactlyOne, "header", "What checkVersion reads");
+    header.text("--version-header", options->versionHeader, "As a text, at most 63 bytes");
+    header.text("--header-file", options->headerFile, "As a file, at most 64 bytes");
+    command.text("--payload", options->payload, "The firmware image, as doUpdate_decryption gets it")
+        .required();
+    command.text("--key-file", options->keyFile, "Content key: a file of 32 bytes or 64 hexadecimal digits")
+        .required();
+    command.text("--sign-key", options->signKey, "Private RSA key with 4096 bits (PEM)").required();
+    command.text("--iv", options->iv, "Initialisation vector, 32 hexadecimal digits (default: random)");
+    command.text("-o,--output", options->output, "File to write; on the stick it is NAME.bin").required();
+    command.footer(
+        "NAME is the firmware's name: the module's identifier without its first \"emp\". The version "
+        "header\nis filled up to 64 bytes with zeros. Do not use an initialisation vector twice.\n"
+        "Example:\n"
+        "  fwmod usb --version-header 1.1 --payload firmware --key-file content.key \\\n"
+        "            --sign-key signing.pem -o stick/Tuner.bin");
+    command.onRun([options] { return makeImage(*options); });
+}
+} // namespace fwmod

@@ -1,0 +1,188 @@
+#include "tools/fwmod/images/control-library.h"
+
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+
+#include <cstring>
+#include <elf.h>
+#include <fcntl.h>
+#include <fstream>
+#include <gelf.h>
+#include <libelf.h>
+#include <memory>
+#include <set>
+#include <unistd.h>
+
+namespace fwmod
+{
+
+namespace
+{
+struct EntryPoint {
+    const char* name;
+    bool required;
+};
+constexpr EntryPoint kEntryPoints[] = {
+    {"setContext", true},           {"getEMPID", true},         {"getActiveVersion", true},
+    {"checkVersion", true},         {"doUpdate", true},         {"allUpdateDone", false},
+    {"doUpdate_decryption", false}, {"getExpectedTime", false}, {"getUpdateProgress", false},
+};
+
+constexpr std::string_view kGnuName{ELF_NOTE_GNU, sizeof ELF_NOTE_GNU}; // its terminator counts
+
+struct ElfRelease {
+    void operator()(Elf* elf) const { elf_end(elf); }
+};
+
+class Descriptor
+{
+public:
+    explicit Descriptor(const std::filesystem::path& path) : number_(open(path.c_str(), O_RDONLY | O_CLOEXEC))
+    {
+    }
+    ~Descriptor() { close(number_); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return number_; }
+
+private:
+    int number_;
+};
+
+bool isExported(const GElf_Sym& symbol)
+{
+    const unsigned int binding = GELF_ST_BIND(symbol.st_info);
+    const unsigned int visibility = GELF_ST_VISIBILITY(symbol.st_other);
+    return symbol.st_shndx != SHN_UNDEF && (binding == STB_GLOBAL || binding == STB_WEAK) &&
+           (visibility == STV_DEFAULT || visibility == STV_PROTECTED);
+}
+
+void collectExports(Elf* elf, Elf_Scn* section, const GElf_Shdr& header, std::set<std::string>& names)
+{
+    Elf_Data* const data = elf_getdata(section, nullptr);
+    if (data == nullptr || header.sh_entsize == 0)
+        return;
+    const GElf_Xword count = data->d_size / header.sh_entsize;
+    for (GElf_Xword index = 0; index < count && index <= INT32_MAX; ++index) {
+        GElf_Sym symbol;
+        if (gelf_getsym(data, static_cast<int>(index), &symbol) == nullptr || !isExported(symbol))
+            continue;
+        if (const char* name = elf_strptr(elf, header.sh_link, symbol.st_name))
+            names.insert(name);
+    }
+}
+
+std::set<std::string> exportsOf(Elf* elf)
+{
+    std::set<std::string> names;
+    for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf, section)) != nullptr;) {
+        GElf_Shdr header;
+        if (gelf_getshdr(section, &header) != nullptr && header.sh_type == SHT_DYNSYM)
+            collectExports(elf, section, header, names);
+    }
+    return names;
+}
+
+// Empty when the section holds none.
+std::string buildIdIn(Elf_Data* data)
+{
+    GElf_Nhdr note;
+    std::size_t name = 0;
+    std::size_t description = 0;
+    for (std::size_t at = 0; (at = gelf_getnote(data, at, &note, &name, &description)) > 0;) {
+        const auto* const bytes = static_cast<const char*>(data->d_buf);
+        if (note.n_type == NT_GNU_BUILD_ID && std::string_view(bytes + name, note.n_namesz) == kGnuName)
+            return {bytes + description, note.n_descsz};
+    }
+    return "";
+}
+
+std::string buildIdOf(Elf* elf)
+{
+    for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf, section)) != nullptr;) {
+        GElf_Shdr header;
+        Elf_Data* const data = elf_getdata(section, nullptr);
+        if (data == nullptr || gelf_getshdr(section, &header) == nullptr || header.sh_type != SHT_NOTE)
+            continue;
+        if (std::string found = buildIdIn(data); !found.empty())
+            return found;
+    }
+    return "";
+}
+
+// The C++ name of a function outside of any namespace or class begins like this, whatever its parameters.
+std::string mangledNameOf(const std::string& function, const std::set<std::string>& names)
+{
+    const std::string beginning = "_Z" + std::to_string(function.size()) + function;
+    const auto found = names.lower_bound(beginning);
+    return found != names.end() && found->compare(0, beginning.size(), beginning) == 0 ? *found : "";
+}
+
+// The dynamic loader maps what the program headers name, and crashes where the file ends too soon.
+bool isWhole(Elf* elf, std::uintmax_t fileSize)
+{
+    std::size_t count = 0;
+    if (elf_getphdrnum(elf, &count) != 0)
+        return false;
+    for (std::size_t index = 0; index < count; ++index) {
+        GElf_Phdr header;
+        if (gelf_getphdr(elf, static_cast<int>(index), &header) == nullptr)
+            return false;
+        if (header.p_type == PT_LOAD &&
+            (header.p_offset > fileSize || header.p_filesz > fileSize - header.p_offset))
+            return false;
+    }
+    return count > 0;
+}
+
+// The program's own header says what this machine is.
+bool isForThisMachine(const GElf_Ehdr& library)
+{
+    Elf64_Ehdr own = {};
+    std::ifstream("/proc/self/exe", std::ios::binary).read(reinterpret_cast<char*>(&own), sizeof own);
+    return own.e_machine == library.e_machine && own.e_ident[EI_CLASS] == library.e_ident[EI_CLASS] &&
+           own.e_ident[EI_DATA] == library.e_ident[EI_DATA];
+}
+} // namespace
+
+bool isElf(const std::filesystem::path& file)
+{
+    char magic[SELFMAG] = {};
+    std::ifstream(file, std::ios::binary).read(magic, sizeof magic);
+    return std::memcmp(magic, ELFMAG, sizeof magic) == 0;
+}
+
+ControlLibrary readControlLibrary(const std::filesystem::path& file)
+{
+    elf_version(EV_CURRENT);
+    const Descriptor descriptor(file);
+    const std::unique_ptr<Elf, ElfRelease> elf(elf_begin(descriptor.get(), ELF_C_READ, nullptr));
+    GElf_Ehdr header;
+    if (!elf || elf_kind(elf.get()) != ELF_K_ELF || gelf_getehdr(elf.get(), &header) == nullptr)
+        throw common::Failure(file.string() + " is a damaged library: " + elf_errmsg(-1));
+    const std::set<std::string> names = exportsOf(elf.get());
+    ControlLibrary library{header.e_type == ET_DYN,  isWhole(elf.get(), std::filesystem::file_size(file)),
+                           isForThisMachine(header), file.stem(),
+                           buildIdOf(elf.get()),     {}};
+    for (const EntryPoint& entry : kEntryPoints)
+        library.entryPoints.push_back(
+            {entry.name, entry.required, names.count(entry.name) != 0, mangledNameOf(entry.name, names)});
+    return library;
+}
+
+std::string whyNotLoadable(const std::filesystem::path& file)
+{
+    if (!isElf(file))
+        return "it is no ELF file";
+    try {
+        const ControlLibrary library = readControlLibrary(file);
+        if (!library.isSharedObject)
+            return "it is an ELF file of another kind";
+        if (!library.isForThisMachine)
+            return "it is for another processor";
+        return library.isWhole ? "" : "the file ends too soon";
+    } catch (const common::Failure& error) {
+        return error.what();
+    }
+}
+} // namespace fwmod

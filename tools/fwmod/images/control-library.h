@@ -1,0 +1,38 @@
+// A control library, looked at without loading it: nothing of it runs.
+#ifndef FWMOD_CONTROL_LIBRARY_H
+#define FWMOD_CONTROL_LIBRARY_H
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace fwmod
+{
+
+struct EntryPointState {
+    const char* name;
+    bool required;
+    bool exported;
+    std::string mangled; // the C++ name of a function that is called so, when that is exported; else empty
+};
+
+struct ControlLibrary {
+    bool isSharedObject;     // can be loaded at all
+    bool isWhole;            // every part that would be loaded is in the file
+    bool isForThisMachine;   // same processor and word size as this program; a set may differ
+    std::string libraryName; // as setContext gets it: the file's name without ".so"
+    std::string buildId;     // bytes; empty when the linker was told to leave it out
+    std::vector<EntryPointState> entryPoints;
+};
+
+bool isElf(const std::filesystem::path& file);
+
+// Throws Failure when the file is damaged.
+ControlLibrary readControlLibrary(const std::filesystem::path& file);
+
+// What the dynamic loader would stumble over, as far as can be told without it; "" when nothing.
+std::string whyNotLoadable(const std::filesystem::path& file);
+
+} // namespace fwmod
+
+#endif

@@ -1,0 +1,220 @@
+#include "tools/fwmod/images/information.h"
+
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/images/quiet-platform.h"
+
+#include <fstream>
+#include <json/json.h>
+#include <sstream>
+
+namespace fwmod
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+using Kind = InformationFinding::Kind;
+
+std::string asJson(const Json::Value& value)
+{
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Json::writeString(writer, value);
+}
+
+// ---- What the daemon makes of each value ----
+
+struct Meaning {
+    Kind kind;
+    std::string text;
+};
+
+Meaning meaningOfVersion(const Json::Value* value)
+{
+    if (value == nullptr)
+        return {Kind::Warning, "absent: the daemon takes \"0000\"; give the image's version"};
+    const std::string taken = value->asString();
+    if (!value->isString())
+        return {Kind::Warning, "not a text: the daemon takes \"" + taken + "\"; put the version in quotes"};
+    if (taken.empty())
+        return {Kind::Warning, "empty: the module is asked about an empty version; give the image's version"};
+    return {Kind::Fine, "offered to the module's checkVersion"};
+}
+
+Meaning meaningOfNumber(const Json::Value& value, const std::string& use)
+{
+    const unsigned int taken = value.asUInt();
+    if (value.type() == Json::intValue || value.type() == Json::uintValue)
+        return {Kind::Fine, use};
+    return {Kind::Warning,
+            "not a whole number: the daemon takes " + std::to_string(taken) + "; write it as one"};
+}
+
+Meaning meaningOfCrc(const Json::Value* value)
+{
+    if (value == nullptr)
+        return {Kind::Warning,
+                "absent: the daemon takes 0, which no usual image has; add it (fwmod crc IMAGE)"};
+    return meaningOfNumber(*value, "compared with the image's checksum");
+}
+
+Meaning meaningOfExpectedTime(const Json::Value* value)
+{
+    if (value == nullptr)
+        return {Kind::Warning, "absent: the daemon takes 300 seconds; measure the update and add a margin"};
+    const Meaning meaning = meaningOfNumber(*value, "seconds; the update is given two more");
+    if (value->asUInt() == 0)
+        return {Kind::Warning, "0 seconds: the update is given only two; measure it and add a margin"};
+    return meaning;
+}
+
+Meaning meaningOfUiUse(const Json::Value* value)
+{
+    const std::string none =
+        "the daemon takes \"none\": not offered on the screen, and refused in the system image";
+    if (value == nullptr)
+        return {Kind::Warning, "absent: " + none};
+    if (!value->isString())
+        return {Kind::Warning, "not a text: " + none};
+    const std::string text = value->asString();
+    if (text == "select")
+        return {Kind::Fine, "the screen offers the update"};
+    if (text == "force")
+        return {Kind::Fine, "the screen forces the update"};
+    if (text == "none")
+        return {Kind::Fine, "not offered on the screen; refused in the system image"};
+    return {Kind::Warning, "unknown: " + none + "; write \"select\", \"force\" or \"none\", in lower case"};
+}
+
+struct Key {
+    const char* name;
+    Meaning (*meaning)(const Json::Value* value);
+};
+
+constexpr Key kKeys[] = {
+    {"version", meaningOfVersion},
+    {"crc", meaningOfCrc},
+    {"expected_time", meaningOfExpectedTime},
+    {"ui_use", meaningOfUiUse},
+};
+
+bool isKnown(const std::string& name)
+{
+    for (const Key& key : kKeys) {
+        if (name == key.name)
+            return true;
+    }
+    return false;
+}
+
+InformationFinding explain(const Key& key, const Json::Value& root)
+{
+    const Json::Value* value = root.isMember(key.name) ? &root[key.name] : nullptr;
+    const std::string written = value == nullptr ? "-" : asJson(*value);
+    try {
+        const Meaning meaning = key.meaning(value);
+        return {meaning.kind, key.name, written, meaning.text};
+    } catch (const Json::Exception& error) {
+        return {Kind::Refused, key.name, written,
+                std::string(error.what()) + ": the daemon refuses the file; correct the value"};
+    }
+}
+
+std::vector<InformationFinding> explainAll(const Json::Value& root)
+{
+    if (!root.isObject() && !root.isNull())
+        return {{Kind::Refused, "-", asJson(root), "no JSON object: write {\"version\": ...}"}};
+    std::vector<InformationFinding> findings;
+    for (const Key& key : kKeys)
+        findings.push_back(explain(key, root));
+    for (const std::string& name : root.getMemberNames()) {
+        if (!isKnown(name))
+            findings.push_back(
+                {Kind::Warning, name, asJson(root[name]), "the daemon does not read this key"});
+    }
+    return findings;
+}
+
+std::vector<InformationFinding> explainFile(const fs::path& file)
+{
+    std::ifstream in(file, std::ios::binary);
+    Json::Value root;
+    std::string errors;
+    try {
+        if (Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors))
+            return explainAll(root);
+    } catch (const Json::Exception& error) { // nested too deeply
+        errors = error.what();
+    }
+    return {{Kind::Refused, "-", "-", "not JSON: " + errors}};
+}
+
+// ---- The verdict ----
+
+void compareChecksum(InformationReport& report, const fs::path& image)
+{
+    const unsigned int checksum = imageChecksum(image);
+    const std::string name = image.filename().string();
+    if (report.values.crc == checksum) {
+        report.findings.push_back({Kind::Fine, "image", name, "its checksum is \"crc\""});
+        return;
+    }
+    report.accepted = false;
+    report.findings.push_back({Kind::Refused, "image", name,
+                               "its checksum is " + std::to_string(checksum) +
+                                   ", not \"crc\": write the file anew (fwmod info --version ...)"});
+}
+
+const char* nameOf(Kind kind)
+{
+    switch (kind) {
+    case Kind::Warning:
+        return "warning";
+    case Kind::Refused:
+        return "refused";
+    default:
+        return "ok";
+    }
+}
+} // namespace
+
+InformationReport checkInformation(const fs::path& file, const std::optional<fs::path>& image)
+{
+    requireReadable(file);
+    InformationReport report{};
+    FWUpdateSymbol module("fwmod");
+    takeDaemonLog();
+    report.accepted = module.loadInformation(file);
+    report.log = takeDaemonLog();
+    module.cloneFwInformation(report.values);
+    report.findings = explainFile(file);
+    if (report.accepted && image)
+        compareChecksum(report, *image);
+    return report;
+}
+
+std::string formatInformation(const FWInformation& values)
+{
+    Json::Value root;
+    root["version"] = values.version;
+    root["crc"] = static_cast<Json::UInt>(values.crc);
+    root["expected_time"] = static_cast<Json::UInt>(values.expected_time);
+    root["ui_use"] = values.ui_use;
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "    ";
+    return Json::writeString(writer, root) + "\n";
+}
+
+std::string formatReport(const fs::path& file, const InformationReport& report)
+{
+    std::ostringstream out;
+    for (const InformationFinding& finding : report.findings)
+        out << nameOf(finding.kind) << ": " << finding.key << " " << finding.value << ": " << finding.text
+            << "\n";
+    for (const std::string& line : report.log)
+        out << "the daemon logs: " << line << "\n";
+    out << "The daemon " << (report.accepted ? "accepts " : "refuses ") << file.string() << ".\n";
+    return out.str();
+}
+} // namespace fwmod

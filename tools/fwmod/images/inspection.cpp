@@ -1,0 +1,389 @@
+#include "tools/fwmod/images/inspection.h"
+
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/images/control-library.h"
+#include "tools/fwmod/images/information.h"
+#include "tools/fwmod/images/usb-image.h"
+#include "vset/signature/image-signature.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <unistd.h>
+
+namespace fwmod
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+struct FileCloser {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
+
+std::string hex(const unsigned char* bytes, std::size_t size)
+{
+    std::string text;
+    for (std::size_t i = 0; i < size; ++i) {
+        char digits[3];
+        std::snprintf(digits, sizeof digits, "%02x", bytes[i]);
+        text += digits;
+    }
+    return text;
+}
+
+// A text, or hexadecimal digits: a terminal must not get what a file holds otherwise.
+std::string headerText(const usb::VersionHeader& header)
+{
+    const auto end = std::find(header.begin(), header.end(), '\0');
+    const bool isText =
+        end != header.begin() &&
+        std::all_of(header.begin(), end, [](unsigned char c) { return c >= 32 && c < 127; }) &&
+        std::all_of(end, header.end(), [](unsigned char c) { return c == 0; });
+    return isText ? std::string(header.begin(), end) : "0x" + hex(header.data(), header.size());
+}
+
+// ---- Encrypted image ----
+
+struct ImageParts {
+    std::int64_t size;
+    std::int64_t cipherSize; // below 0 when there is no room for any
+    signature::Header trailer;
+    bool isReadable;
+};
+
+constexpr std::int64_t kTrailerSize = signature::kTrailerSize;
+constexpr std::int64_t kIvSize = usb::kIvSize;
+constexpr std::int64_t kBlockSize = usb::kBlockSize;
+
+ImageParts readParts(const fs::path& path)
+{
+    ImageParts parts = {};
+    parts.size = static_cast<std::int64_t>(fs::file_size(path));
+    parts.cipherSize = parts.size - kTrailerSize - kIvSize;
+    std::ifstream file(path, std::ios::binary);
+    file.seekg(std::max<std::int64_t>(parts.size - kTrailerSize, 0));
+    file.read(reinterpret_cast<char*>(parts.trailer.data()),
+              static_cast<std::streamsize>(parts.trailer.size()));
+    parts.isReadable = parts.size >= kTrailerSize && file.good();
+    return parts;
+}
+
+bool isEncryptedImage(const fs::path& path)
+{
+    const ImageParts parts = readParts(path);
+    return parts.isReadable && signature::hasMagic(parts.trailer);
+}
+
+std::vector<signature::TrustedKey> readTrusted(const std::string& path)
+{
+    if (!fs::exists(path))
+        throw common::Failure(path + " does not exist: give a public key or a directory of them");
+    std::vector<signature::TrustedKey> keys;
+    if (fs::is_directory(path))
+        keys = signature::readKeyDirectory(path);
+    else if (signature::Key key = signature::readPublicKey(path))
+        keys.push_back({signature::keyIdOf(key.get()), std::move(key)});
+    if (keys.empty())
+        throw common::Failure(path + " holds no public RSA key with 4096 bits in PEM form: write one with "
+                                     "openssl pkey -in signing.pem -pubout -out signing.pub.pem");
+    return keys;
+}
+
+const char* describe(signature::Verdict verdict)
+{
+    using signature::Verdict;
+    switch (verdict) {
+    case Verdict::Signed:
+        return "holds";
+    case Verdict::Unreadable:
+        return "the file cannot be read to its end";
+    case Verdict::NoFile:
+        return "not a regular file";
+    case Verdict::TooShort:
+        return "the file is shorter than a trailer";
+    case Verdict::NoTrailer:
+        return "there is no trailer of this kind";
+    case Verdict::UnknownScheme:
+        return "the trailer is of a layout or scheme that is not known here";
+    case Verdict::UnknownKey:
+        return "made with a key that is not among the given ones";
+    case Verdict::WrongSignature:
+        return "does not hold: the file was changed after it was signed";
+    }
+    return "";
+}
+
+void inspectSignature(const InspectionRequest& request, Inspection& result)
+{
+    if (request.publicKey.empty()) {
+        result.add("signature", "not checked", Json::nullValue);
+        result.notes.push_back("give --public-key to check the signature");
+        return;
+    }
+    const std::vector<signature::TrustedKey> trusted = readTrusted(request.publicKey);
+    const int descriptor = signature::openRegularFile(request.file.c_str());
+    const signature::Verdict verdict =
+        descriptor < 0 ? signature::Verdict::Unreadable : signature::verify(descriptor, trusted);
+    if (descriptor >= 0)
+        close(descriptor);
+    result.add("signature", describe(verdict), verdict == signature::Verdict::Signed);
+    if (verdict != signature::Verdict::Signed)
+        result.problems.push_back(std::string("signature: ") + describe(verdict));
+}
+
+void inspectContent(const InspectionRequest& request, const ImageParts& parts, FILE* file, const usb::Iv& iv,
+                    Inspection& result)
+{
+    const usb::Content content = usb::decrypt(file, parts.cipherSize, SecretKey(request.keyFile), iv);
+    if (!content.isSound) {
+        result.problems.push_back("the content cannot be decrypted: a wrong key, or a damaged file");
+        return;
+    }
+    const auto headerSize = static_cast<std::int64_t>(usb::kVersionHeaderSize);
+    if (content.plainSize < headerSize) {
+        result.problems.push_back("the content is shorter than its version header of 64 bytes");
+        return;
+    }
+    result.add("version header", headerText(content.header));
+    result.addBytes("payload", content.plainSize - headerSize);
+    result.add("payload crc", std::to_string(content.payloadChecksum), content.payloadChecksum);
+}
+
+void inspectImage(const InspectionRequest& request, Inspection& result)
+{
+    result.kind = "encrypted USB image";
+    const ImageParts parts = readParts(request.file);
+    result.addBytes("size", parts.size);
+    result.add("key id", signature::toText(signature::keyIdIn(parts.trailer)));
+    if (parts.size > usb::kLargestImage)
+        result.problems.push_back("more than " + std::to_string(usb::kLargestImage) +
+                                  " bytes, which the daemon cannot count");
+    inspectSignature(request, result);
+    if (parts.cipherSize < kBlockSize || parts.cipherSize % kBlockSize != 0) {
+        result.problems.push_back("between the initialisation vector and the trailer there must be whole "
+                                  "blocks of 16 bytes: the file was cut or extended");
+        return;
+    }
+    const File file(std::fopen(request.file.c_str(), "rbe"));
+    usb::Iv iv;
+    if (!file || std::fread(iv.data(), 1, iv.size(), file.get()) != iv.size())
+        throw common::Failure("cannot read " + request.file);
+    result.add("iv", hex(iv.data(), iv.size()));
+    result.addBytes("ciphertext", parts.cipherSize);
+    if (request.keyFile.empty())
+        result.notes.push_back("give --key-file to see the version header");
+    else
+        inspectContent(request, parts, file.get(), iv, result);
+}
+
+// ---- Information file ----
+
+bool isInformationFile(const fs::path& path)
+{
+    if (path.extension() == ".json")
+        return true;
+    std::ifstream file(path, std::ios::binary);
+    char first = '\0';
+    file >> first; // after white space
+    return first == '{';
+}
+
+void addInformation(const fs::path& path, const std::optional<fs::path>& image, Inspection& result)
+{
+    const InformationReport report = checkInformation(path, image);
+    if (report.accepted) {
+        result.add("version", report.values.version);
+        result.add("crc", std::to_string(report.values.crc), Json::UInt64(report.values.crc));
+        result.add("expected time", std::to_string(report.values.expected_time) + " s",
+                   report.values.expected_time);
+        result.add("ui use", report.values.ui_use);
+    }
+    bool isExplained = false;
+    for (const InformationFinding& finding : report.findings) {
+        const std::string line = finding.key + " " + finding.value + ": " + finding.text;
+        if (finding.kind == InformationFinding::Kind::Refused) {
+            result.problems.push_back(line);
+            isExplained = true;
+        } else if (finding.kind == InformationFinding::Kind::Warning) {
+            result.notes.push_back(line);
+        }
+    }
+    if (!report.accepted && !isExplained)
+        result.problems.push_back("the daemon cannot read the information file");
+}
+
+void inspectInformation(const InspectionRequest& request, Inspection& result)
+{
+    result.kind = "information file";
+    addInformation(request.file, std::nullopt, result);
+}
+
+// ---- Package ----
+
+constexpr char kSquashfsMagic[4] = {'h', 's', 'q', 's'};
+
+bool isPackage(const fs::path& path)
+{
+    char magic[sizeof kSquashfsMagic] = {};
+    std::ifstream(path, std::ios::binary).read(magic, sizeof magic);
+    return std::memcmp(magic, kSquashfsMagic, sizeof magic) == 0;
+}
+
+// "/Tuner.bin" and so on, without the root itself.
+std::vector<std::string> listPackage(const fs::path& path)
+{
+    std::istringstream lines(runProgram(
+        {"unsquashfs", "-q", "-no-progress", "-d", "", "-l", fs::absolute(path)}, "squashfs-tools"));
+    std::vector<std::string> names;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.size() > 1 && line.front() == '/')
+            names.push_back(line);
+    }
+    return names;
+}
+
+// Unpacks what the daemon would read and has the daemon's own code judge it.
+void checkPackageContent(const fs::path& package, const std::string& image, Inspection& result)
+{
+    const ScratchDirectory scratch;
+    const fs::path tree = scratch.path() / "tree";
+    unpackPackage(package, tree, {"info.json", image});
+    if (!isPlainFile(tree / "info.json") || !isPlainFile(tree / image))
+        result.problems.push_back("info.json and the image must be regular files");
+    else
+        addInformation(tree / "info.json", tree / image, result);
+}
+
+void inspectPackage(const InspectionRequest& request, Inspection& result)
+{
+    result.kind = kPackageKind;
+    result.addBytes("size", static_cast<std::int64_t>(fs::file_size(request.file)));
+    const std::vector<std::string> names = listPackage(request.file);
+    Json::Value list = Json::arrayValue;
+    std::string text;
+    for (const std::string& name : names) {
+        list.append(name);
+        text += (text.empty() ? "" : ", ") + name;
+    }
+    result.add("files", text, list);
+
+    const std::string identifier = fs::path(request.file).stem();
+    const std::size_t emp = identifier.find("emp");
+    if (emp == std::string::npos) {
+        result.problems.push_back(
+            "the daemon looks for packages under the name IDENTIFIER.img with \"emp\" in "
+            "the identifier: rename the file");
+        return;
+    }
+    const std::string image = std::string(identifier).erase(emp, 3) + ".bin";
+    bool isComplete = true;
+    for (const std::string& needed : {std::string("info.json"), image}) {
+        if (std::find(names.begin(), names.end(), "/" + needed) != names.end())
+            continue;
+        result.problems.push_back(needed + " is not in the package of " + identifier);
+        isComplete = false;
+    }
+    if (isComplete)
+        checkPackageContent(request.file, image, result);
+}
+
+// ---- Control library ----
+
+void inspectLibrary(const InspectionRequest& request, Inspection& result)
+{
+    result.kind = "control library";
+    const ControlLibrary library = readControlLibrary(request.file);
+    result.add("library name", library.libraryName);
+    result.addBytes("size", static_cast<std::int64_t>(fs::file_size(request.file)));
+    if (!library.buildId.empty())
+        result.add("build id", hex(reinterpret_cast<const unsigned char*>(library.buildId.data()),
+                                   library.buildId.size()));
+    Json::Value entries = Json::objectValue;
+    std::string present;
+    for (const EntryPointState& entry : library.entryPoints) {
+        entries[entry.name] = entry.exported;
+        if (entry.exported)
+            present += (present.empty() ? "" : ", ") + std::string(entry.name);
+        else if (entry.required)
+            result.problems.push_back(std::string(entry.name) + " is missing, and required");
+        else
+            result.notes.push_back(std::string(entry.name) + " is missing, but optional");
+    }
+    result.add("entry points", present.empty() ? "none" : present, entries);
+    if (!library.isSharedObject)
+        result.problems.push_back("not a shared library: link it with -shared");
+    if (fs::path(request.file).extension() != ".so")
+        result.problems.push_back("the daemon opens NAME.so only: rename the file");
+    if (!library.isForThisMachine)
+        result.notes.push_back("built for another processor than this machine's");
+}
+
+// ---- Whatever it is ----
+
+void inspectUnknown(const InspectionRequest& request, Inspection& result)
+{
+    result.kind = kUnknownKind;
+    const ImageParts parts = readParts(request.file);
+    result.addBytes("size", parts.size);
+    result.problems.push_back("neither an encrypted USB image, a package, an information file nor a library");
+    if (parts.cipherSize >= kBlockSize && parts.cipherSize % kBlockSize == 0)
+        result.notes.push_back("by its size it could be an encrypted image with a trailer of another kind");
+}
+
+struct Kind {
+    bool (*recognises)(const fs::path& path);
+    void (*inspect)(const InspectionRequest& request, Inspection& result);
+};
+
+// The trailer comes first: the encrypted bytes before it may look like anything.
+constexpr Kind kKinds[] = {
+    {isEncryptedImage, inspectImage},
+    {isPackage, inspectPackage},
+    {[](const fs::path& path) { return isElf(path); }, inspectLibrary},
+    {isInformationFile, inspectInformation},
+    {[](const fs::path&) { return true; }, inspectUnknown},
+};
+} // namespace
+
+void Inspection::add(const std::string& key, const std::string& text, const Json::Value& value)
+{
+    facts.push_back({key, text, value});
+}
+
+void Inspection::addBytes(const std::string& key, std::int64_t count)
+{
+    add(key, std::to_string(count) + " bytes", Json::Int64(count));
+}
+
+Inspection inspectFile(const InspectionRequest& request)
+{
+    requireReadable(request.file);
+    Inspection result;
+    for (const Kind& kind : kKinds) {
+        if (!kind.recognises(request.file))
+            continue;
+        kind.inspect(request, result);
+        break;
+    }
+    return result;
+}
+
+void unpackPackage(const fs::path& package, const fs::path& directory, const std::vector<std::string>& names)
+{
+    std::vector<std::string> command{"unsquashfs",    "-q", "-no-progress", "-no-xattrs",
+                                     "-no-wildcards", "-d", directory,      fs::absolute(package)};
+    command.insert(command.end(), names.begin(), names.end());
+    runProgram(command, "squashfs-tools");
+}
+
+bool isPlainFile(const fs::path& path)
+{
+    return fs::is_regular_file(fs::symlink_status(path));
+}
+} // namespace fwmod
