@@ -16,7 +16,7 @@ constexpr common::Command kCommands[] = {
     {"reboot", "Let a running set reboot", vset::defineReboot},
     {"show", "Show what a running set's platform knows", vset::defineShow},
     {"log", "Show the log of a set, running or not", vset::defineLog},
-    {"fault", "Make a call of the platform fail or be late", vset::defineFault},
+    {"fault", "Make a call of the platform fail or be late, or a service crash", vset::defineFault},
     {"property", "Read or write the system information of a running set", vset::defineProperty},
     {"packages", "Show or time the package service of a running set", vset::definePackages},
     {"reply", "Answer an application launch of a running set", vset::defineReply},

@@ -16,6 +16,8 @@ echo "platformd: $(id -un) $*"
 printf x >&"$ready"
 eval "exec $ready>&-"
 trap 'exit 0' TERM
+echo $$ >/var/lib/platform/process
+echo x >>/var/lib/platform/starts
 until [ -e /var/lib/platform/end ]; do sleep 0.05; done
 status=$(cat /var/lib/platform/end)
 rm /var/lib/platform/end
@@ -79,6 +81,52 @@ end_with 3
 wait "$leader"
 [ $? = 1 ] || fail "a broken platform service is no failure"
 grep -q "platformd ended with status 3" "$work/said" || fail "not told: $(cat "$work/said")"
+
+# ---- A service that crashes is started again, and the daemon is not; one that goes on crashing ends the set ----
+starts() { [ "$(wc -l 2>/dev/null <"$set_/root/var/lib/platform/starts")" = "$1" ]; } 2>/dev/null
+crash() { "$vset" exec "$set_" -- sh -c 'kill -9 $(cat /var/lib/platform/process)'; }
+rm "$set_/root/var/lib/platform/starts"
+boots_before=$(wc -l <"$set_/root/var/lib/fwupdate/boots")
+"$vset" run "$set_" >"$work/said" 2>&1 &
+leader=$!
+started+=("$leader")
+within 20 boots $((boots_before + 1)) || fail "the daemon does not start"
+for ((crash = 1; crash <= 2; crash++)); do
+    crash
+    within 20 starts $((crash + 1)) || fail "no start after crash $crash: $(cat "$work/said")"
+done
+grep -q "platformd was ended by signal 9 and is started again" "$work/said" || fail "not told: $(cat "$work/said")"
+"$vset" exec "$set_" -- sh -c 'kill -9 $(pidof psmountd)'
+psmountd_is_back() { "$vset" exec "$set_" -- gdbus introspect --system -d org.pellor.psmount -o / >/dev/null 2>&1; }
+within 20 psmountd_is_back || fail "the mount service is not started again: $(cat "$work/said")"
+boots $((boots_before + 1)) || fail "a crash of a service starts the daemon again"
+
+# ---- A crash that is ordered ----
+expect 0 "" "$vset" fault "$set_" service platformd crash --delay 86400000
+expect 1 "does not run at the moment" "$vset" fault "$set_" service platformd crash
+expect 0 "" "$vset" fault "$set_" service psmountd crash --delay 0
+within 20 psmountd_is_back || fail "psmountd does not come back after an order: $(cat "$work/said")"
+expect 1 "cannot do without" "$vset" fault "$set_" service tarnwick crash
+expect 1 "cannot do without" "$vset" fault "$set_" service dbus-daemon crash
+expect 2 "service NAME crash" "$vset" fault "$set_" service platformd
+expect 2 "service NAME crash" "$vset" fault "$set_" service platformd explode
+expect 2 "only --delay" "$vset" fault "$set_" service platformd crash --count 1
+expect 2 "stands alone" "$vset" fault "$set_" PS_Mount crash
+expect 2 "whole number" "$vset" fault "$set_" service psmountd crash --delay -1
+expect 1 "there is no set" "$vset" fault "$work/none" service psmountd crash
+kill -TERM "$leader"
+within 20 is_gone "$leader" || fail "a set without its platform does not end"
+expect 1 "not running" "$vset" fault "$set_" service psmountd crash
+"$vset" run "$set_" >"$work/said" 2>&1 &
+leader=$!
+started+=("$leader")
+within 20 boots $((boots_before + 2)) || fail "the daemon does not start"
+
+crash_until_gone() { is_gone "$leader" || { crash 2>/dev/null; false; }; }
+within 30 crash_until_gone || fail "a service that goes on crashing does not end the set: $(cat "$work/said")"
+wait "$leader"
+[ $? = 1 ] || fail "a service that goes on crashing is no failure"
+
 for signal in TERM INT; do
     "$vset" run "$set_" >"$work/said" 2>&1 &
     leader=$!

@@ -7,6 +7,7 @@
 
 #include "common/visible-text.h"
 #include "control-client.h"
+#include "launcher/crash-order.h"
 #include "vset/commands/commands.h"
 #include "vset/commands/show.h"
 
@@ -153,15 +154,45 @@ namespace
 struct FaultOptions {
     std::string set;
     std::string call;
+    std::string service; // after the word kService instead of a call
+    std::string what;
     std::string argument;
-    int result = -1;
+    std::optional<int> result;
     std::optional<int> count;
-    unsigned int delay = 0;
+    std::optional<unsigned int> delay;
     bool isReset = false;
 };
 
-void runFault(const FaultOptions& options, bool isDelay, bool isResult)
+constexpr const char* kService = "service";
+
+void crashService(const FaultOptions& options)
 {
+    if (options.what != "crash") {
+        throw common::WrongUse("fault: service NAME crash: that is all that a service can do");
+    }
+    if (options.result || options.count || !options.argument.empty() || options.isReset) {
+        throw common::WrongUse("fault: service: only --delay goes with it");
+    }
+    CrashOrder order;
+    order.service = options.service;
+    if (options.delay) {
+        order.downtime = std::chrono::milliseconds(*options.delay);
+    }
+    orderCrash(options.set, order);
+}
+
+void runFault(const FaultOptions& options)
+{
+    if (options.call == kService) {
+        crashService(options);
+        return;
+    }
+    if (!options.service.empty()) {
+        throw common::WrongUse("fault: " + common::visible(options.service) +
+                               ": a call stands alone; `service NAME crash` is for services");
+    }
+    const bool isDelay = options.delay.has_value();
+    const bool isResult = options.result.has_value();
     if (options.call.empty() && !options.isReset && (isDelay || isResult)) {
         throw common::WrongUse("fault: CALL: which call shall fail or be late?");
     }
@@ -176,10 +207,10 @@ void runFault(const FaultOptions& options, bool isDelay, bool isResult)
     }
     const int count = options.count.value_or(-1);
     if (isDelay) {
-        client.setDelay(options.call, options.delay, count, options.argument);
+        client.setDelay(options.call, *options.delay, count, options.argument);
     }
     if (isResult || !isDelay) {
-        client.setFault(options.call, options.result, count, options.argument);
+        client.setFault(options.call, options.result.value_or(-1), count, options.argument);
     }
 }
 
@@ -189,13 +220,17 @@ void defineFault(common::CommandLine& command)
 {
     const auto options = std::make_shared<FaultOptions>();
     takeSet(command, options->set);
-    command.text("CALL", options->call, "The call as its header names it; none: show what is ordered");
+    command.text("CALL", options->call,
+                 "The call as its header names it; none: show what is ordered. Or: service NAME crash");
+    command.text("NAME", options->service, "After \"service\": platformd or psmountd");
+    command.text("WHAT", options->what, "\"crash\": the service is killed, and started again after --delay");
     const common::Option result =
-        command.number("--result", options->result, kAny<int>, "What it gives instead of doing anything");
+        command.number("--result", options->result, kAny<int>, "What it gives instead of doing anything")
+            .usually("-1");
     const common::Option delay =
         command
             .number("--delay", options->delay, common::Range<unsigned int>{0, kLongestDelay},
-                    "Answer so many milliseconds late")
+                    "Answer so many milliseconds late; of a service: be away so long (1000)")
             .called("MS");
     const common::Option count =
         command.number("--count", options->count, common::Range<int>{1, kAny<int>.highest}, "How many times")
@@ -211,8 +246,9 @@ void defineFault(common::CommandLine& command)
                    "  vset fault /tmp/tv applaunch_send_launch_request --count 9\n"
                    "  vset fault /tmp/tv pralis_get_int --for memory/enterprise/swupgrade/working_status\n"
                    "  vset fault /tmp/tv PS_Mount --count 1\n"
+                   "  vset fault /tmp/tv service platformd crash --delay 5000\n"
                    "  vset fault /tmp/tv --reset");
-    command.onRun([options, result, delay] { runFault(*options, delay.isGiven(), result.isGiven()); });
+    command.onRun([options] { runFault(*options); });
 }
 
 // ---- System information, packages, launches ----

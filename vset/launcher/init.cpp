@@ -1,5 +1,6 @@
 #include "launcher/init.h"
 
+#include "launcher/crash-order.h"
 #include "write-watch/write-watch.h"
 
 #include <algorithm>
@@ -9,8 +10,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <optional>
 #include <sstream>
+#include <utility>
 
 #include <fcntl.h>
 #include <grp.h>
@@ -38,6 +41,11 @@ constexpr int kShutdownMs = 1000;      // for the television's services to end b
 // Exit statuses by which platformd asks for what only PID 1 can do.
 constexpr int kExitPowerOff = 10;
 constexpr int kExitReboot = 11;
+
+// A service that crashes is started again as on a television; one that goes on crashing is of no use.
+constexpr std::chrono::milliseconds kRestartDelay{100};
+constexpr std::chrono::seconds kCrashWindow{10};
+constexpr size_t kMostCrashes = 5; // in the window
 
 constexpr int kExitPowerCut = 3; // of PID 1, and so of `vset run`
 
@@ -153,6 +161,8 @@ WatchSocket makeWatchSocket()
 
 // ---- The set's life ----
 
+using Clock = std::chrono::steady_clock;
+
 class Init
 {
 public:
@@ -163,6 +173,10 @@ private:
     struct Service {
         const char* name;
         pid_t process = -1;
+        void (Init::*startAgain)() = nullptr; // none: the set is of no use without it
+        std::optional<std::chrono::milliseconds> downtime = std::nullopt; // its crash was ordered
+        std::optional<Clock::time_point> due = std::nullopt;              // when it is to be started again
+        std::deque<Clock::time_point> crashes = {};                       // not ordered, the latest ones
     };
 
     void start(Service& service, std::vector<std::string> arguments, const Identity& identity, bool onClock,
@@ -170,8 +184,12 @@ private:
     void startUntilReady(Service& service, std::vector<std::string> arguments, const char* fdOption,
                          const Identity& identity, bool onClock);
     void startBus();
+    std::vector<std::string> mountServiceCommand() const;
     void startMountService();
+    void restartMountService();
+    std::vector<std::string> platformCommand() const;
     void startPlatform();
+    void restartPlatform();
     void startCommand(const WatchSocket& watch);
     void startMain();
 
@@ -180,7 +198,11 @@ private:
     std::optional<int> handleSignal(const signalfd_siginfo& signal);
     std::optional<int> reap();
     std::optional<int> onMainEnd(int status);
-    std::optional<int> onServiceEnd(const Service& service, int status);
+    std::optional<int> onServiceEnd(Service& service, int status);
+    std::string letCrash(const CrashOrder& order);
+    std::optional<std::chrono::milliseconds> downtimeAfter(Service& service, int status) const;
+    void startDue();
+    int waitLimit() const;
     void onWrite(short events);
     void tellWrites() const;
     [[noreturn]] void cutPower(const HardwareWrite& write);
@@ -192,11 +214,12 @@ private:
     mode_t callersMask_ = 022;
     UniqueFd signals_;
     Service bus_{"dbus-daemon"};
-    Service mounts_{"psmountd"};
-    Service platform_{"platformd"};
+    Service mounts_{"psmountd", -1, &Init::restartMountService};
+    Service platform_{"platformd", -1, &Init::restartPlatform};
     Service main_{"tarnwick"};
     std::optional<int> endSignal_; // the command was asked to end; the set ends soon in any case
-    std::chrono::steady_clock::time_point endTime_; // then
+    Clock::time_point endTime_;    // then
+    std::optional<CrashOrders> orders_;
     std::optional<WriteWatch> watch_;
     unsigned int writes_ = 0;
 };
@@ -256,14 +279,29 @@ void Init::startBus()
         "--print-address=", kRoot, false);
 }
 
+std::vector<std::string> Init::mountServiceCommand() const
+{
+    return {plan_.tools / "psmountd",
+            plan_.root.rootless ? "--fuse" : "--loop-base=" + std::to_string(plan_.root.loopBase)};
+}
+
 void Init::startMountService()
 {
-    std::vector<std::string> arguments{plan_.tools / "psmountd"};
-    if (plan_.root.rootless)
-        arguments.emplace_back("--fuse");
-    else
-        arguments.push_back("--loop-base=" + std::to_string(plan_.root.loopBase));
-    startUntilReady(mounts_, std::move(arguments), "--ready-fd=", kRoot, false);
+    startUntilReady(mounts_, mountServiceCommand(), "--ready-fd=", kRoot, false);
+}
+
+// Nobody waits for a service that is started again: PID 1 has the other processes to look after.
+void Init::restartMountService()
+{
+    start(mounts_, mountServiceCommand(), kRoot, false, -1);
+}
+
+std::vector<std::string> Init::platformCommand() const
+{
+    std::vector<std::string> command{plan_.tools / "platformd"};
+    if (!plan_.television())
+        command.emplace_back("--no-power-cycle");
+    return command;
 }
 
 void Init::startPlatform()
@@ -273,10 +311,12 @@ void Init::startPlatform()
         note(program.string() + " is not built: the set runs without platform services");
         return;
     }
-    std::vector<std::string> arguments{program};
-    if (!plan_.television())
-        arguments.emplace_back("--no-power-cycle");
-    startUntilReady(platform_, std::move(arguments), "--ready-fd=", kPlatform, true);
+    startUntilReady(platform_, platformCommand(), "--ready-fd=", kPlatform, true);
+}
+
+void Init::restartPlatform()
+{
+    start(platform_, platformCommand(), kPlatform, true, -1);
 }
 
 // For the person at the terminal, and for programs that read it there.
@@ -343,27 +383,92 @@ int Init::run(const std::function<void()>& onUp)
     startBus();
     startMountService();
     startPlatform();
+    orders_.emplace();
     onUp();
     startMain();
     return live();
 }
 
+// Milliseconds until there is something to do without anything that happens; -1 for none.
+int Init::waitLimit() const
+{
+    std::optional<Clock::time_point> first;
+    if (endSignal_)
+        first = endTime_;
+    for (const Service* service : {&mounts_, &platform_}) {
+        if (service->due && (!first || *service->due < *first))
+            first = service->due;
+    }
+    if (!first)
+        return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*first - Clock::now()).count();
+    return static_cast<int>(std::max<decltype(left)>(left, 0));
+}
+
 int Init::live()
 {
-    using std::chrono::milliseconds;
     while (true) {
-        pollfd waiting[] = {{signals_.get(), POLLIN, 0}, {watch_ ? watch_->descriptor() : -1, POLLIN, 0}};
-        const auto left = std::chrono::ceil<milliseconds>(endTime_ - std::chrono::steady_clock::now());
-        const int limit = endSignal_ ? static_cast<int>(std::max(left, milliseconds(0)).count()) : -1;
-        if (poll(waiting, std::size(waiting), limit) == 0)
+        pollfd waiting[] = {{signals_.get(), POLLIN, 0},
+                            {watch_ ? watch_->descriptor() : -1, POLLIN, 0},
+                            {orders_->descriptor(), POLLIN, 0}};
+        poll(waiting, std::size(waiting), waitLimit());
+        if (endSignal_ && Clock::now() >= endTime_)
             return 128 + *endSignal_; // the command took no notice
+        startDue();
         if (waiting[1].revents != 0)
             onWrite(waiting[1].revents);
+        if (waiting[2].revents != 0)
+            orders_->take([this](const CrashOrder& order) { return letCrash(order); });
         signalfd_siginfo signal{};
         if (waiting[0].revents == 0 || read(signals_.get(), &signal, sizeof signal) != sizeof signal)
             continue;
         if (const std::optional<int> status = handleSignal(signal))
             return *status;
+    }
+}
+
+// ---- Crashes ----
+
+std::string Init::letCrash(const CrashOrder& order)
+{
+    for (Service* service : {&mounts_, &platform_}) {
+        if (order.service != service->name)
+            continue;
+        if (service->process < 0)
+            return std::string(service->name) + " does not run at the moment";
+        service->downtime = order.downtime;
+        kill(service->process, SIGKILL);
+        onServiceEnd(*service, waitFor(service->process)); // who has ordered it finds it gone
+        return "";
+    }
+    return "the set cannot do without \"" + order.service + "\": platformd and psmountd can crash";
+}
+
+// How long the set does without a service that has ended so; nothing when it is not started again: when it
+// says itself that it cannot go on, when it goes on crashing, and in a set of a command, which may be trying
+// just that.
+std::optional<std::chrono::milliseconds> Init::downtimeAfter(Service& service, int status) const
+{
+    if (service.startAgain == nullptr || !WIFSIGNALED(status))
+        return std::nullopt;
+    if (service.downtime)
+        return std::exchange(service.downtime, std::nullopt);
+    if (!plan_.television())
+        return std::nullopt;
+    const Clock::time_point now = Clock::now();
+    service.crashes.push_back(now);
+    while (now - service.crashes.front() > kCrashWindow)
+        service.crashes.pop_front();
+    return service.crashes.size() < kMostCrashes ? std::optional(kRestartDelay) : std::nullopt;
+}
+
+void Init::startDue()
+{
+    for (Service* service : {&mounts_, &platform_}) {
+        if (!service->due || *service->due > Clock::now())
+            continue;
+        service->due.reset();
+        (this->*service->startAgain)();
     }
 }
 
@@ -402,7 +507,7 @@ std::optional<int> Init::handleSignal(const signalfd_siginfo& signal)
     if (signal.ssi_code != SI_KERNEL && !endSignal_) {
         kill(main_.process, number);
         endSignal_ = number;
-        endTime_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(kGraceMs);
+        endTime_ = Clock::now() + std::chrono::milliseconds(kGraceMs);
     }
     return std::nullopt;
 }
@@ -415,7 +520,7 @@ std::optional<int> Init::reap()
             if (const std::optional<int> end = onMainEnd(status))
                 return end;
         }
-        for (const Service* service : {&bus_, &mounts_, &platform_}) {
+        for (Service* service : {&bus_, &mounts_, &platform_}) {
             if (process != service->process)
                 continue;
             if (const std::optional<int> end = onServiceEnd(*service, status))
@@ -449,13 +554,20 @@ std::optional<int> Init::onMainEnd(int status)
     return std::nullopt;
 }
 
-std::optional<int> Init::onServiceEnd(const Service& service, int status)
+std::optional<int> Init::onServiceEnd(Service& service, int status)
 {
+    service.process = -1;
     const bool askedByPlatform = plan_.television() && &service == &platform_ && WIFEXITED(status);
     if (askedByPlatform && WEXITSTATUS(status) == kExitPowerOff)
         return powerDown(PowerRequest::kPowerOff);
     if (askedByPlatform && WEXITSTATUS(status) == kExitReboot)
         return powerDown(PowerRequest::kReboot);
+    if (const auto downtime = downtimeAfter(service, status)) {
+        service.due = Clock::now() + *downtime;
+        note(endOf(service.name, status) + " and is started again in " + std::to_string(downtime->count()) +
+             " ms");
+        return std::nullopt;
+    }
     note(endOf(service.name, status) + ", see " +
          (plan_.root.set.root() / "var/log" / service.name).string() + ".out");
     if (plan_.television())

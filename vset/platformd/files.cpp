@@ -66,13 +66,15 @@ void synchronizeDirectory(const fs::path& directory)
 }
 
 // Lets `fill` write a new file and puts it in place of `target`.
-void replaceFile(const fs::path& target, const std::function<void(int file, const std::string& name)>& fill)
+void replaceFile(const fs::path& target, const std::function<void(int file, const std::string& name)>& fill,
+                 Keeping keeping = Keeping::kForGood)
 {
+    const bool isForGood = keeping == Keeping::kForGood;
     std::string name = target.parent_path() / (kUnfinished + target.filename().string() + "-XXXXXX");
     const Descriptor file(mkostemp(name.data(), O_CLOEXEC), name);
     try {
         fill(file.get(), name);
-        if (fchmod(file.get(), 0644) != 0 || fsync(file.get()) != 0)
+        if (fchmod(file.get(), 0644) != 0 || (isForGood && fsync(file.get()) != 0))
             fail(name);
         if (rename(name.c_str(), target.c_str()) != 0)
             fail(target);
@@ -80,7 +82,8 @@ void replaceFile(const fs::path& target, const std::function<void(int file, cons
         unlink(name.c_str());
         throw;
     }
-    synchronizeDirectory(target.parent_path());
+    if (isForGood)
+        synchronizeDirectory(target.parent_path());
 }
 
 } // namespace
@@ -104,13 +107,15 @@ void copyIntoPlace(const std::string& source, const std::string& target)
     });
 }
 
-void saveJson(const std::string& path, const Json::Value& value)
+void saveJson(const std::string& path, const Json::Value& value, Keeping keeping)
 {
     Json::StreamWriterBuilder writer;
     writer["indentation"] = "  ";
     const std::string text = Json::writeString(writer, value) + "\n";
-    replaceFile(path,
-                [&](int file, const std::string& name) { writeAll(file, text.data(), text.size(), name); });
+    const auto fill = [&](int file, const std::string& name) {
+        writeAll(file, text.data(), text.size(), name);
+    };
+    replaceFile(path, fill, keeping);
 }
 
 Json::Value loadJson(const std::string& path)

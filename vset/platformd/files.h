@@ -12,8 +12,10 @@ namespace vset
 // synchronised. Throws std::system_error; nothing is left behind then. Any thread.
 void copyIntoPlace(const std::string& source, const std::string& target);
 
-// The same for a JSON text.
-void saveJson(const std::string& path, const Json::Value& value);
+// The same for a JSON text. With kUntilPowerOff nothing is synchronised: whole for whoever looks, gone with
+// the power.
+enum class Keeping { kForGood, kUntilPowerOff };
+void saveJson(const std::string& path, const Json::Value& value, Keeping keeping = Keeping::kForGood);
 
 // The JSON object of a file; an empty object when there is none. One that cannot be read is told on stderr,
 // kept aside under the name with ".broken", and counts as empty: the set must come up.

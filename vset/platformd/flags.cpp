@@ -38,4 +38,14 @@ Json::Value Flags::snapshot() const
     return json;
 }
 
+void Flags::restore(const Json::Value& snapshot)
+{
+    if (!snapshot.isObject() || !snapshot["raised"].isObject())
+        return;
+    for (const std::string& flag : snapshot["raised"].getMemberNames()) {
+        if (snapshot["raised"][flag].isInt64())
+            raised_.emplace(flag, snapshot["raised"][flag].asInt64());
+    }
+}
+
 } // namespace vset

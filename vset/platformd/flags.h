@@ -23,6 +23,8 @@ public:
     void reset(const std::string& flag, const Client& by);
 
     Json::Value snapshot() const;
+    // Raises what is raised in a snapshot of this boot. Tells nobody.
+    void restore(const Json::Value& snapshot);
 
     Event<> changed;
 

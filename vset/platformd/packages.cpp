@@ -67,7 +67,10 @@ Packages::Packages(Places places) : places_(std::move(places)), boot_(monotonicM
         options_.delay = kept["delay_ms"].asUInt();
     if (kept["manager_delay_ms"].isInt())
         options_.managerDelay = kept["manager_delay_ms"].asInt();
-    scheduleMarker();
+    std::error_code ignored;
+    isReady_ = fs::exists(places_.readyMarker, ignored); // this service has crashed since the boot
+    if (!isReady_)
+        scheduleMarker();
 }
 
 // ---- Requests ----

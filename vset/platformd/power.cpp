@@ -82,6 +82,14 @@ Json::Value Power::snapshotOfState() const
     return json;
 }
 
+void Power::restoreState(const Json::Value& snapshot)
+{
+    if (!snapshot.isObject() || !snapshot["state"].isInt() || !snapshot["since_ms"].isInt64())
+        return;
+    state_ = snapshot["state"].asInt();
+    stateSince_ = snapshot["since_ms"].asInt64();
+}
+
 // ---- Locks ----
 
 Power::Locks::iterator Power::findLock(const std::string& ownerName, int kind)

@@ -47,6 +47,8 @@ public:
     void requestReboot(unsigned int reason, const Client& requester);
 
     Json::Value snapshotOfState() const;
+    // Takes the state from a snapshot of this boot. Tells nobody.
+    void restoreState(const Json::Value& snapshot);
     Json::Value snapshotOfLocks() const;
     Json::Value snapshotOfEndings() const;
 

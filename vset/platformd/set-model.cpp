@@ -1,6 +1,8 @@
 #include "set-model.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -18,6 +20,10 @@ constexpr const char* kPropertiesFile = "/var/lib/platform/properties.json";
 constexpr const char* kEndingsFile = "/var/lib/platform/power.json";
 constexpr const char* kPackagesFile = "/var/lib/platform/packages.json";
 constexpr const char* kBootFile = "/var/lib/platform/boots.json";
+// What holds until the set's next boot, for a service that is started again after a crash. A boot empties
+// /run.
+constexpr const char* kThisBootFile = "/run/platform-boot.json";
+constexpr const char* kKeptSections[] = {"power", "settings", "flags"};
 
 const Packages::Places kPackagePlaces = {"/srv/feed", "/opt/usr/apps/appbinarymanager", "/run/.pkgmgr_ready",
                                          kPackagesFile};
@@ -61,8 +67,9 @@ Json::Value countBoot(bool isPowerCycled)
 
 SetModel::SetModel(GDBusConnection* bus, bool isPowerCycled)
     : clients(bus), settings(kSettingsFile), properties(kPropertiesFile), power(kEndingsFile, isPowerCycled),
-      packages(kPackagePlaces), boot_(countBoot(isPowerCycled))
+      packages(kPackagePlaces)
 {
+    resumeBoot(isPowerCycled);
     connectSections();
     connectClients();
 }
@@ -85,6 +92,33 @@ void SetModel::connectSections()
     };
     for (const auto& [event, name] : sections)
         event->connect([this, section = name] { mark(section); });
+}
+
+void SetModel::resumeBoot(bool isPowerCycled)
+{
+    const Json::Value kept = loadJson(kThisBootFile);
+    settings.restore(kept["settings"]);
+    flags.restore(kept["flags"]);
+    power.restoreState(kept["power"]);
+    boot_ = kept["boot"].isObject() ? kept["boot"] : countBoot(isPowerCycled);
+    keepBoot({std::begin(kKeptSections), std::end(kKeptSections)});
+}
+
+void SetModel::keepBoot(const std::set<std::string>& news) const
+{
+    const bool isNews = std::any_of(std::begin(kKeptSections), std::end(kKeptSections),
+                                    [&](const char* section) { return news.count(section) > 0; });
+    if (!isNews)
+        return;
+    Json::Value json;
+    json["boot"] = boot_;
+    for (const char* section : kKeptSections)
+        json[section] = snapshotOf(section);
+    try {
+        saveJson(kThisBootFile, json, Keeping::kUntilPowerOff);
+    } catch (const std::system_error& error) {
+        fprintf(stderr, "platformd: the state of this boot cannot be kept: %s\n", error.what());
+    }
 }
 
 // What a program holds of the platform ends with it.
@@ -110,6 +144,7 @@ gboolean SetModel::onIdle(gpointer self)
     auto* const model = static_cast<SetModel*>(self);
     model->idle_ = 0;
     const std::set<std::string> news = std::exchange(model->news_, {});
+    model->keepBoot(news);
     model->changed.tell({news.begin(), news.end()});
     return G_SOURCE_REMOVE;
 }

@@ -57,6 +57,8 @@ public:
 private:
     void connectSections();
     void connectClients();
+    void resumeBoot(bool isPowerCycled);
+    void keepBoot(const std::set<std::string>& news) const;
     void mark(const char* section);
     static gboolean onIdle(gpointer self);
 

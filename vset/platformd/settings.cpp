@@ -120,4 +120,17 @@ Json::Value Settings::snapshot() const
     return json;
 }
 
+void Settings::restore(const Json::Value& snapshot)
+{
+    if (!snapshot.isObject())
+        return;
+    for (const std::string& key : snapshot.getMemberNames()) {
+        const Json::Value& entry = snapshot[key];
+        const bool isSetting = entry.isObject() && entry["value"].isInt() && entry["time_ms"].isInt64() &&
+                               entry["writer"].isString();
+        if (isSetting && !faultOf(key) && (isVolatile(key) || get(key) == entry["value"].asInt()))
+            values_[key] = {entry["value"].asInt(), entry["time_ms"].asInt64(), entry["writer"].asString()};
+    }
+}
+
 } // namespace vset

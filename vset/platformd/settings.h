@@ -31,6 +31,9 @@ public:
     std::optional<std::string> remove(const std::string& key);
 
     Json::Value snapshot() const;
+    // Takes from a snapshot of this boot what is in no file: the keys that are not kept over a boot, and who
+    // has written the others. Tells nobody.
+    void restore(const Json::Value& snapshot);
 
     // Every write, also of the same value: a second "declined" is an event, not a state.
     Event<const std::string&, int> written;

@@ -571,6 +571,29 @@ void Television::killService(const std::string& name)
     runOrThrow({kVset, "exec", set_, "--", "sh", "-c", "kill -9 $(pidof " + name + ")"});
 }
 
+void Television::crashService(const std::string& name, std::chrono::milliseconds downtime)
+{
+    platform_.reset();
+    runOrThrow({kVset, "fault", set_, "service", name, "crash", "--delay", std::to_string(downtime.count())});
+}
+
+void Television::waitForService(const std::string& busName, const std::string& ownerBefore)
+{
+    const auto isBack = [&] {
+        const std::string owner = ownerOf(busName);
+        return !owner.empty() && owner != ownerBefore;
+    };
+    waitUntil(isBack, busName + " is back");
+}
+
+std::string Television::ownerOf(const std::string& busName)
+{
+    const Output answer =
+        execute({"dbus-send", "--system", "--print-reply=literal", "--dest=org.freedesktop.DBus",
+                 "/org/freedesktop/DBus", "org.freedesktop.DBus.GetNameOwner", "string:" + busName});
+    return answer.status == 0 ? answer.text : "";
+}
+
 Output Television::execute(const std::vector<std::string>& command)
 {
     std::vector<std::string> whole = {kVset, "exec", set_, "--"};

@@ -6,6 +6,7 @@
 #ifndef SERVICE_TELEVISION_H
 #define SERVICE_TELEVISION_H
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -186,6 +187,12 @@ public:
 
     // Ends one of the set's own services, by its program's name.
     void killService(const std::string& name);
+    // The same, and it is started again so long (of this machine's time) afterwards.
+    void crashService(const std::string& name, std::chrono::milliseconds downtime);
+    // Until it has been started again: the bus name has an owner, and another one than before the crash.
+    void waitForService(const std::string& busName, const std::string& ownerBefore);
+    // The connection that owns a bus name; empty for none.
+    std::string ownerOf(const std::string& busName);
     Output execute(const std::vector<std::string>& command);
     // The update semaphore, handled by another program: "take", "give", "show". As the daemon's user, or as
     // root.
