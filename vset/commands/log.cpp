@@ -31,14 +31,14 @@ struct LogOptions {
     std::string text;
 };
 
-int priorityNumber(const std::string& name)
+// Of a word that the option takes; the last one is "error".
+int priorityNumber(const std::string& word)
 {
-    for (int priority = 3; priority <= 6; ++priority) {
-        if (name == priorityName(priority) || name == std::to_string(priority))
-            return priority;
+    int priority = 3;
+    while (priority < 6 && word != priorityName(priority) && word != std::to_string(priority)) {
+        ++priority;
     }
-    throw common::WrongUse("--priority: \"" + common::visible(name) +
-                           "\" is not debug, info, warning or error (3 to 6)");
+    return priority;
 }
 
 bool isWanted(const LogRecord& record, const LogOptions& options, int lowest)
@@ -129,7 +129,8 @@ void defineLog(common::CommandLine& command)
     const auto options = std::make_shared<LogOptions>();
     takeSet(command, options->set);
     command.flag("-f,--follow", options->isFollowing, "Go on as the log grows, until Ctrl-C");
-    command.text("--priority", options->priority, "At least debug, info, warning or error (3 to 6)");
+    command.text("--priority", options->priority, "At least debug, info, warning or error (3 to 6)")
+        .oneOf({"debug", "info", "warning", "error", "3", "4", "5", "6"});
     command.text("--buffer", options->buffer, "Which log: the platform's (system), the recorder's (trace)")
         .oneOf({"system", "trace", "both"});
     command.text("--grep", options->text, "Only records that contain this text");

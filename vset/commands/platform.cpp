@@ -105,11 +105,12 @@ void definePower(common::CommandLine& command)
     };
     const auto options = std::make_shared<Options>();
     takeSet(command, options->set);
-    command.text("STATE", options->state, "on (0), standby (2), or another state's number");
+    const common::Option state =
+        command.text("STATE", options->state, "on (0), standby (2), or another state's number");
     command.footer("Example: vset power /tmp/tv standby");
-    command.onRun([options] {
+    command.onRun([options, state] {
         const std::optional<int> wanted =
-            options->state.empty() ? std::nullopt : std::optional<int>(powerState(options->state));
+            state.isGiven() ? std::optional<int>(powerState(options->state)) : std::nullopt;
         const ControlClient client = ControlClient::ofSet(options->set);
         if (wanted) {
             client.setPowerState(*wanted);
