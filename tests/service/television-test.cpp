@@ -18,7 +18,7 @@ TEST_F(WholeTelevision, RebootsWhenItIsSwitchedOnDuringAnUpdateAndUpdatesLater)
     tv.switchOnWhole();
     tv.waitForState(5);
     goToStandby();
-    tv.waitForText("========== [ alpha update start ] ==========");
+    waitForCall("alpha doUpdate(");
     tv.write("/var/lib/hardware/alpha.json", "{}"); // the next update is a quick one
     tv.setPower(kNormal);
     tv.waitForText("prev_state [2] cur_state[0] try reboot");

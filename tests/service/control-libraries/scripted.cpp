@@ -3,7 +3,7 @@
 //
 // Keys, all optional: "id" (package identifier, default "emp" + NAME), "version", "verdict" (of
 // checkVersion), "results" (object, function name to result), "errno" (after doUpdate), "milliseconds" (that
-// doUpdate takes; 150), "hangs" (true: doUpdate never returns). An update that succeeds leaves the image's
+// doUpdate takes; 400), "hangs" (true: doUpdate never returns). An update that succeeds leaves the image's
 // bytes in /var/lib/hardware/NAME.firmware.
 //
 // With WITHOUT_doUpdate or WITHOUT_allUpdateDone the entry point is not exported.
@@ -63,11 +63,13 @@ Json::Value script()
 
 int called(const std::string& function, const std::string& arguments = "")
 {
+    // Read before the call can be seen: a test that waits for it may change the script at once.
+    const int result = script()["results"].get(function, 0).asInt();
     const std::string line = ownName() + " " + function + "(" + arguments + ")\n";
     const int file = open((kHardware / "calls").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     const bool written = write(file, line.data(), line.size()) == static_cast<ssize_t>(line.size());
     close(file);
-    return written ? script()["results"].get(function, 0).asInt() : -1;
+    return written ? result : -1;
 }
 
 void putText(char* out, const std::string& text)
@@ -111,11 +113,11 @@ EXPORT int checkVersion(const char* version, int* result)
 
 EXPORT_doUpdate int doUpdate(const char* name, unsigned long value)
 {
-    const int result = called("doUpdate", std::string(name) + "," + std::to_string(value));
     const Json::Value now = script();
+    const int result = called("doUpdate", std::string(name) + "," + std::to_string(value));
     if (now.get("hangs", false).asBool())
         hang();
-    std::this_thread::sleep_for(std::chrono::milliseconds(now.get("milliseconds", 150).asInt()));
+    std::this_thread::sleep_for(std::chrono::milliseconds(now.get("milliseconds", 400).asInt()));
     if (result == 0)
         fs::copy_file(name, kHardware / (ownName() + ".firmware"), fs::copy_options::overwrite_existing);
     called("doUpdateReturns");

@@ -48,6 +48,17 @@ void ServiceTest::expectEnd()
     EXPECT_FALSE(tv.exists(kListFile));
 }
 
+void ServiceTest::waitForCall(const std::string& beginning)
+{
+    const auto isIt = [&](const std::string& call) { return call.rfind(beginning, 0) == 0; };
+    tv.waitUntil(
+        [&] {
+            const std::vector<std::string> calls = tv.calls();
+            return std::any_of(calls.begin(), calls.end(), isIt);
+        },
+        "a library is asked " + beginning + "...)");
+}
+
 bool ServiceTest::wasAsked(const std::string& call) const
 {
     const std::vector<std::string> calls = tv.calls();

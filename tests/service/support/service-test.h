@@ -27,6 +27,8 @@ protected:
     void goToStandby();
     // The daemon ends with status 0, as it always does, and says so once.
     void expectEnd();
+    // Waits until a scripted library was asked so; it has read its script by then. `beginning` of the line.
+    void waitForCall(const std::string& beginning);
     bool wasAsked(const std::string& call) const;   // a scripted library, see Television::calls
     bool wasWritten(const std::string& name) const; // a scripted module has its new firmware, byte for byte
 

@@ -22,9 +22,15 @@
 #include "firmware.h"
 #include "flash.h"
 #include "platform-log.h"
+#include "tests/support/whole-file.h"
 
 namespace service
 {
+
+using testing_support::readWhole;
+using testing_support::replaceFile;
+using testing_support::replaceWith;
+using testing_support::replaceWithCopy;
 
 namespace
 {
@@ -57,22 +63,6 @@ constexpr Example kExamples[] = {
     {"EXT-soundbar", "soundbar", "Soundbar", "/prd/usr/fwupdate/controls"},
 };
 
-std::string readWhole(const fs::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-void writeWhole(const fs::path& path, const std::string& content)
-{
-    fs::create_directories(path.parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-    out.close();
-    if (!out)
-        throw std::runtime_error("cannot write " + path.string());
-}
-
 void giveToDaemon(const fs::path& path)
 {
     if (chown(path.c_str(), kUpdateUser, kSystemGroup) != 0)
@@ -85,10 +75,11 @@ void makePackage(const Files& files, const fs::path& package)
     if (mkdtemp(tree.data()) == nullptr)
         throw std::runtime_error("no temporary directory");
     for (const auto& [name, content] : files)
-        writeWhole(fs::path(tree) / name, content);
+        replaceFile(fs::path(tree) / name, content);
     fs::permissions(tree, fs::perms(0755));
-    fs::remove(package);
-    runOrThrow({"mksquashfs", tree, package, "-noappend", "-all-root", "-quiet", "-no-progress"});
+    replaceWith(package, [&](const fs::path& unfinished) {
+        runOrThrow({"mksquashfs", tree, unfinished, "-noappend", "-all-root", "-quiet", "-no-progress"});
+    });
     fs::remove_all(tree);
 }
 
@@ -203,7 +194,7 @@ fs::path Television::outside(const std::string& path) const
 
 void Television::write(const std::string& path, const std::string& content)
 {
-    writeWhole(outside(path), content);
+    replaceFile(outside(path), content);
 }
 
 std::string Television::read(const std::string& path) const
@@ -222,10 +213,10 @@ void Television::installExample(const std::string& library)
                                        [&](const Example& each) { return each.library == library; });
     if (example == std::end(kExamples))
         throw std::runtime_error("there is no example " + library);
-    fs::copy_file(kExampleLibraries / (library + ".so"),
-                  outside(std::string(example->controls) + "/" + library + ".so"));
+    replaceWithCopy(kExampleLibraries / (library + ".so"),
+                    outside(std::string(example->controls) + "/" + library + ".so"));
     const fs::path chip = outside(std::string(kHardware) + "/" + example->chip);
-    fs::copy_file(kExampleImages / "1.0/hardware" / example->chip, chip);
+    replaceWithCopy(kExampleImages / "1.0/hardware" / example->chip, chip);
     giveToDaemon(chip);
     installed_[std::string(kHardware) + "/" + example->chip] = fs::last_write_time(chip);
 }
@@ -271,7 +262,7 @@ void Television::installScripted(const std::string& name, const Json::Value& scr
     const char* controls =
         where == Controls::kSystem ? "/usr/fwupdate/controls/" : "/prd/usr/fwupdate/controls/";
     write(std::string(kHardware) + "/" + name + ".json", script.toStyledString());
-    fs::copy_file(kScriptedLibraries / (variant + ".so"), outside(controls + name + ".so"));
+    replaceWithCopy(kScriptedLibraries / (variant + ".so"), outside(controls + name + ".so"));
 }
 
 std::vector<std::string> Television::calls() const
@@ -313,7 +304,7 @@ void Television::deliver(const std::string& identifier, const Files& files)
 
 void Television::deliverFile(const std::string& identifier, const fs::path& package)
 {
-    fs::copy_file(package, outside(packagePath(identifier)), fs::copy_options::overwrite_existing);
+    replaceWithCopy(package, outside(packagePath(identifier)));
 }
 
 void Television::deliverFor(const std::string& name, const Information& information)
@@ -328,7 +319,7 @@ void Television::feed(const std::string& identifier, const Files& files)
 
 void Television::feedFile(const std::string& identifier, const fs::path& package)
 {
-    fs::copy_file(package, outside("/srv/feed/" + identifier + ".img"), fs::copy_options::overwrite_existing);
+    replaceWithCopy(package, outside("/srv/feed/" + identifier + ".img"));
 }
 
 // ---- Encrypted images ----
@@ -338,7 +329,7 @@ void Television::installSignatureLibrary()
     runOrThrow({"cmake", "--install", BUILD_DIRECTORY, "--prefix", set_ / "usr", "--component", "signature"});
     const fs::path keys = outside("/var/lib/signature/keys");
     fs::create_directories(keys);
-    fs::copy_file(fs::path(TEST_KEYS) / "maker.pub.pem", keys / "maker.pem");
+    replaceWithCopy(fs::path(TEST_KEYS) / "maker.pub.pem", keys / "maker.pem");
 }
 
 void Television::insertStick(const std::string& firmwareName, const std::string& version,
@@ -366,7 +357,7 @@ void Television::start(const std::vector<std::string>& arguments)
 {
     std::vector<std::string> command = {kVset, "run", set_};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    writeWhole(set_ / "vset.out", ""); // what an earlier time on has said is no sign of this one
+    replaceFile(set_ / "vset.out", ""); // what an earlier time on has said is no sign of this one
     power_ = std::make_unique<Process>(command, set_ / "vset.out");
 }
 
@@ -471,7 +462,7 @@ size_t Television::countOf(const std::string& text) const
 
 void Television::clearLog()
 {
-    write(kPlatformLog, "");
+    fs::resize_file(outside(kPlatformLog), 0); // in place: whoever has it open writes on
 }
 
 void Television::waitForText(const std::string& text, size_t count)
