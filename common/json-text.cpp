@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 
+#include <glib.h>
 #include <json/json.h>
 
 namespace common
@@ -23,7 +24,13 @@ std::string write(const Json::Value& value, const char* indentation)
     Json::StreamWriterBuilder writer;
     writer["indentation"] = indentation;
     writer["emitUTF8"] = true;
-    return Json::writeString(writer, value);
+    std::string text = Json::writeString(writer, value);
+    if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) == FALSE) {
+        char* const valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
+        text = valid;
+        g_free(valid);
+    }
+    return text;
 }
 
 } // namespace

@@ -27,6 +27,15 @@ TEST(JsonText, ReadsWhatItWrites)
     EXPECT_THAT(common::compactJson(value), HasSubstr("Grüße"));
 }
 
+TEST(JsonText, WritesNothingButUtf8)
+{
+    Json::Value value;
+    value["key \xff"] = "text \xc3(";
+    const std::string text = common::compactJson(value);
+    EXPECT_EQ(text, "{\"key \xef\xbf\xbd\":\"text \xef\xbf\xbd(\"}");
+    EXPECT_TRUE(parseJson(text));
+}
+
 TEST(JsonText, RefusesNestingBeyondTheLimitWithoutAnException)
 {
     std::string why;

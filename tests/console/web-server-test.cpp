@@ -150,11 +150,18 @@ void openPage(const Connection& page)
     EXPECT_THAT(page.receiveHead(), HasSubstr("101"));
 }
 
-// An order without content: masked, as a client's frames must be, by zeros.
+// Masked, as a client's frames must be, by zeros.
 std::string frameOf(const std::string& text)
 {
-    EXPECT_LT(text.size(), 126U);
-    return std::string("\x81") + static_cast<char>(0x80 | text.size()) + std::string(4, '\0') + text;
+    const bool isShort = text.size() < 126;
+    std::string frame = "\x81";
+    frame += static_cast<char>(0x80 | (isShort ? text.size() : 126));
+    if (!isShort) {
+        EXPECT_LE(text.size(), 0xffffU);
+        frame += static_cast<char>(text.size() >> 8);
+        frame += static_cast<char>(text.size() & 0xff);
+    }
+    return frame + std::string(4, '\0') + text;
 }
 
 void beginStick(const Connection& page)
@@ -299,4 +306,32 @@ TEST_F(WebServer, APageThatDoesNotReadIsDisconnectedAndOneThatReadsStays)
     __norlog_print(2, 4, "T", "the last record");
     reader.join();
     EXPECT_FALSE(isEnded);
+}
+
+TEST_F(WebServer, NoOrderOfAPageEndsThePlatform)
+{
+    const int platform = findPlatform();
+    const std::string deep = std::string(2000, '[') + std::string(2000, ']');
+    const std::string orders[] = {deep,
+                                  R"({"id": 1, "do": "click", "button": )" + deep + "}",
+                                  R"({"do": )" + std::string(5000, '{'),
+                                  "",
+                                  "null",
+                                  "[]",
+                                  R"({"do": {}, "id": {}})",
+                                  R"({"do": "power", "state": 1e999})",
+                                  R"({"do": "power", "state": 99999999999})",
+                                  R"({"do": "ui", "behaviour": 1, "after": -1})",
+                                  R"({"do": "click", "button": null})",
+                                  R"({"do": "mirroring", "on": {"a": 1}})",
+                                  R"({"do": "factory\u0000"})",
+                                  R"({"do": "usb-insert", "id": "\ud800"})"};
+    const Connection page;
+    openPage(page);
+    for (const std::string& order : orders) {
+        page.send(frameOf(order));
+        EXPECT_THAT(page.receiveUntil("\"type\":\"reply\"}"), HasSubstr("\"error\":")) << order.substr(0, 60);
+    }
+    EXPECT_EQ(findPlatform(), platform);
+    EXPECT_FALSE(page.isClosed());
 }

@@ -12,6 +12,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "common/json-text.h"
+
 namespace vset
 {
 
@@ -224,12 +226,12 @@ Json::Value ControlClient::snapshot() const
     const GlibPointer<GVariant> reply = call("Snapshot", nullptr, "(s)");
     const char* text = nullptr;
     g_variant_get(reply.get(), "(&s)", &text);
-    Json::Value json;
-    std::string errors;
-    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    if (!reader->parse(text, text + std::char_traits<char>::length(text), &json, &errors))
-        throw ControlError("the platform of " + whereabouts_ + " tells nonsense: " + errors);
-    return json;
+    std::string why;
+    auto json = common::parseJsonObject(text, &why);
+    if (!json) {
+        throw ControlError("the platform of " + whereabouts_ + " tells nonsense: " + why);
+    }
+    return *std::move(json);
 }
 
 void ControlClient::setSetting(const std::string& key, int value) const

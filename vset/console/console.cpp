@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/json-text.h"
 #include "console-interface.h"
 #include "files.h"
 #include "real-time.h"
@@ -88,13 +89,6 @@ Client person()
     Client client;
     client.command = kWriter;
     return client;
-}
-
-std::string toText(const Json::Value& value)
-{
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, value);
 }
 
 } // namespace
@@ -294,7 +288,8 @@ void Console::watch()
     mark("set");
     // One that lives for milliseconds, because nothing is pending, is never seen running.
     const std::optional<int> process = way_.running();
-    if (process && !fs::exists("/proc/" + std::to_string(*process)) && way_.endRun(*process, 0))
+    if (process && access(("/proc/" + std::to_string(*process)).c_str(), F_OK) != 0 &&
+        way_.endRun(*process, 0))
         mark("way");
     for (const char* section : {"usb", "feed", "switches"}) {
         if (sectionOf(section) != told_[section])
@@ -430,8 +425,8 @@ void Console::onLaunch(const Launch& request)
 void Console::handleModules(GDBusMethodInvocation* invocation)
 {
     modules_.ask([this, invocation] {
-        g_dbus_method_invocation_return_value(invocation,
-                                              g_variant_new("(s)", toText(modules_.snapshot()).c_str()));
+        g_dbus_method_invocation_return_value(
+            invocation, g_variant_new("(s)", common::compactJson(modules_.snapshot()).c_str()));
     });
 }
 
@@ -445,7 +440,7 @@ void Console::handle(const std::string& method, const std::string& sender, GVari
     if (method == "GetModules")
         return handleModules(invocation);
     if (method == "GetUrl" || method == "Snapshot") {
-        const std::string value = method == "GetUrl" ? web_.url() : toText(sections());
+        const std::string value = method == "GetUrl" ? web_.url() : common::compactJson(sections());
         return g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", value.c_str()));
     }
     if (method == "SetFactory" || method == "SetMirroring" || method == "SetPackageManager") {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -12,6 +11,8 @@
 #include <strings.h>
 #include <sys/stat.h>
 
+#include "common/json-text.h"
+#include "files.h"
 #include "program.h"
 
 namespace vset
@@ -55,22 +56,14 @@ std::vector<std::string> findLibraries()
 
 Json::Value parseObject(const std::string& text)
 {
-    Json::Value value;
-    std::string errors;
-    std::istringstream stream(text);
-    const bool isParsed = Json::parseFromStream(Json::CharReaderBuilder(), stream, &value, &errors);
-    return isParsed && value.isObject() ? value : Json::Value(Json::objectValue);
+    return common::parseJsonObject(text).value_or(Json::objectValue);
 }
 
 // Null when there is no such file.
 Json::Value readInformation(const fs::path& path)
 {
-    std::ifstream file(path, std::ios::binary);
-    if (!file)
-        return Json::nullValue;
-    std::ostringstream text;
-    text << file.rdbuf();
-    return parseObject(text.str());
+    const auto text = readFile(path);
+    return text ? parseObject(*text) : Json::nullValue;
 }
 
 // The name that images are called by: the identifier without its first "emp".
@@ -83,19 +76,30 @@ std::string firmwareNameOf(const std::string& identifier)
 std::set<std::string> namesInList()
 {
     std::set<std::string> names;
-    std::ifstream file(kList);
+    std::istringstream file(readFile(kList).value_or(""));
     for (std::string line; std::getline(file, line);)
         names.insert(line.substr(0, line.find(' ')));
     return names;
+}
+
+// What comes from others is passed on when it is of the kind that is expected.
+Json::Value textOrNull(const Json::Value& value)
+{
+    return value.isString() ? value : Json::Value();
+}
+
+Json::Value numberOrNull(const Json::Value& value)
+{
+    return value.isNumeric() ? value : Json::Value();
 }
 
 Json::Value toOffer(const char* source, const Json::Value& information)
 {
     Json::Value offer;
     offer["source"] = source;
-    offer["version"] = information["version"].isString() ? information["version"] : Json::Value();
+    offer["version"] = textOrNull(information["version"]);
     offer["ui_use"] = information["ui_use"].isString() ? information["ui_use"] : Json::Value("none");
-    offer["expected_time"] = information["expected_time"];
+    offer["expected_time"] = numberOrNull(information["expected_time"]);
     return offer;
 }
 
@@ -140,12 +144,12 @@ void ModuleList::take(const std::string& library, const Json::Value& answer)
     module["name"] = path.stem().string();
     module["directory"] = path.parent_path().string();
     module["external"] = isExternal(path.stem().string());
-    module["identifier"] = answer["identifier"];
-    module["installed"] = answer["version"];
-    module["progress"] = answer["progress"];
+    module["identifier"] = textOrNull(answer["identifier"]);
+    module["installed"] = textOrNull(answer["version"]);
+    module["progress"] = numberOrNull(answer["progress"]);
     if (answer.empty())
         module["error"] = "its control library crashes, hangs or cannot be loaded";
-    else if (answer["version"].isNull())
+    else if (module["installed"].isNull())
         module["error"] = "its control library tells no version";
     modules_[library] = module;
     if (--unanswered_ == 0)

@@ -7,6 +7,7 @@
 
 #include <gio/gio.h>
 
+#include "guarded.h"
 #include "real-time.h"
 #include "service-time.h"
 
@@ -45,13 +46,13 @@ void onEnd(GObject* process, GAsyncResult* result, gpointer data)
 {
     const std::unique_ptr<Run> run(static_cast<Run*>(data));
     run->limit.stop();
-    run->done(outputOf(G_SUBPROCESS(process), result));
+    guarded("what a program said", [&] { run->done(outputOf(G_SUBPROCESS(process), result)); });
 }
 
 gboolean onNotStarted(gpointer data)
 {
     const std::unique_ptr<Run> run(static_cast<Run*>(data));
-    run->done(std::nullopt);
+    guarded("a program that cannot be started", [&] { run->done(std::nullopt); });
     return G_SOURCE_REMOVE;
 }
 

@@ -3,10 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
 #include <vector>
 
 #include "common/glib-pointers.h"
+#include "common/json-text.h"
+#include "guarded.h"
 #include "program.h"
 
 namespace vset
@@ -15,7 +16,7 @@ namespace vset
 namespace
 {
 
-constexpr size_t kMostJson = 65536; // bytes that an application may show
+constexpr common::JsonLimits kScreenLimits{65536, 8};
 constexpr unsigned int kLongestWait = 3600 * 1000;
 constexpr const char* kBehaviours[] = {"interactive", "accept", "decline", "close", "ignore"};
 
@@ -79,7 +80,7 @@ void Screen::onEnd(GObject* process, GAsyncResult* result, gpointer self)
     g_subprocess_wait_finish(G_SUBPROCESS(process), result, nullptr);
     auto* const screen = static_cast<Screen*>(self);
     g_clear_object(&screen->process_);
-    screen->clear();
+    guarded("the end of an application", [&] { screen->clear(); });
 }
 
 int Screen::processId() const
@@ -93,15 +94,13 @@ std::optional<std::string> Screen::update(const std::string& application, int pr
 {
     if (process_ != nullptr && process != processId())
         return "another application is on the screen";
-    if (json.size() > kMostJson)
-        return "an application shows at most " + std::to_string(kMostJson) + " bytes";
-    Json::Value shown;
-    std::istringstream text(json);
-    std::string errors;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), text, &shown, &errors) || !shown.isObject())
-        return "what an application shows is one JSON object";
-    shown["shown"] = true;
-    shown_ = shown;
+    std::string why;
+    auto shown = common::parseJsonObject(json, &why, kScreenLimits);
+    if (!shown) {
+        return "what an application shows is one JSON object: " + why;
+    }
+    (*shown)["shown"] = true;
+    shown_ = *std::move(shown);
     application_ = application;
     changed.tell();
     return std::nullopt;

@@ -2,11 +2,12 @@
 
 #include <cstring>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
 #include "common/glib-pointers.h"
+#include "common/json-text.h"
+#include "guarded.h"
 
 extern "C" { // generated for C
 #include "console-page.h"
@@ -20,6 +21,7 @@ namespace
 
 constexpr const char* kSocket = "/socket";
 constexpr const char* kUploads = "/usb/";
+constexpr common::JsonLimits kOrderLimits{65536, 8};
 constexpr const char* kUpload = "upload";             // what a request keeps its file under
 constexpr goffset kMostUpload = UsbSlot::kMostOfFile; // bytes
 
@@ -45,13 +47,6 @@ const char* typeOf(const std::string& path)
             return known.type;
     }
     return "application/octet-stream";
-}
-
-std::string toText(const Json::Value& value)
-{
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, value);
 }
 
 // The file that the request brings; null once it is refused, and for all other requests.
@@ -179,8 +174,13 @@ std::optional<WebServer::Refusal> WebServer::beginUpload(SoupServerMessage* mess
 // leave to send its body, else after the body, which goes nowhere.
 void WebServer::onHeaders(SoupServerMessage* message, gpointer self)
 {
-    if (const auto refusal = static_cast<const WebServer*>(self)->refusalOf(message)) {
-        answer(message, refusal->status, refusal->text + "\n");
+    const bool isJudged = guarded("a request", [&] {
+        if (const auto refusal = static_cast<const WebServer*>(self)->refusalOf(message)) {
+            answer(message, refusal->status, refusal->text + "\n");
+        }
+    });
+    if (!isJudged) {
+        answer(message, SOUP_STATUS_INTERNAL_SERVER_ERROR, "The console cannot do that now.\n");
     }
 }
 
@@ -261,7 +261,23 @@ void WebServer::onPage(SoupServer*, SoupServerMessage* request, const char*, Sou
     PageSocket& added = server->pages_.emplace_back(page, request);
     g_signal_connect(page, "message", G_CALLBACK(onMessage), self);
     g_signal_connect(page, "closed", G_CALLBACK(onClosed), self);
-    added.send(toText(server->handlers_.greeting()));
+    guarded("the greeting of a page", [&] { added.send(common::compactJson(server->handlers_.greeting())); });
+}
+
+Json::Value WebServer::replyTo(std::string_view text) const
+{
+    Json::Value reply;
+    reply["type"] = "reply";
+    std::string why;
+    const auto order = common::parseJsonObject(text, &why, kOrderLimits);
+    if (!order) {
+        reply["error"] = "an order is a JSON object: " + why;
+        return reply;
+    }
+    reply["id"] = (*order)["id"];
+    const auto fault = handlers_.order(*order);
+    reply["error"] = fault ? Json::Value(*fault) : Json::Value();
+    return reply;
 }
 
 void WebServer::onMessage(SoupWebsocketConnection* page, gint type, GBytes* message, gpointer self)
@@ -270,24 +286,16 @@ void WebServer::onMessage(SoupWebsocketConnection* page, gint type, GBytes* mess
         return;
     gsize size = 0;
     const auto* const data = static_cast<const char*>(g_bytes_get_data(message, &size));
-    std::istringstream text(std::string(data, size));
-    Json::Value order;
-    std::string errors;
-    Json::Value reply;
-    reply["type"] = "reply";
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), text, &order, &errors) || !order.isObject()) {
-        reply["error"] = "an order is a JSON object";
-    } else {
-        reply["id"] = order["id"];
-        const auto fault = static_cast<WebServer*>(self)->handlers_.order(order);
-        reply["error"] = fault ? Json::Value(*fault) : Json::Value();
-    }
-    // By its name: the order may have made the set tell its pages something, and one of them be given up.
-    for (PageSocket& known : static_cast<WebServer*>(self)->pages_) {
-        if (known.connection() == page) {
-            known.send(toText(reply));
+    auto* const server = static_cast<WebServer*>(self);
+    guarded("an order of a page", [&] {
+        const std::string reply = common::compactJson(server->replyTo({data, size}));
+        // By its name: the order may have made the set tell its pages something, and one of them be given up.
+        for (PageSocket& known : server->pages_) {
+            if (known.connection() == page) {
+                known.send(reply);
+            }
         }
-    }
+    });
 }
 
 void WebServer::onClosed(SoupWebsocketConnection* page, gpointer self)
@@ -298,7 +306,7 @@ void WebServer::onClosed(SoupWebsocketConnection* page, gpointer self)
 
 void WebServer::tell(const Json::Value& message)
 {
-    const std::string text = toText(message);
+    const std::string text = common::compactJson(message);
     for (PageSocket& page : pages_) {
         page.send(text);
     }

@@ -12,6 +12,7 @@
 #include <list>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <json/json.h>
 #include <libsoup/soup.h>
@@ -64,6 +65,7 @@ private:
     void listen(unsigned int port);
     std::optional<Refusal> refusalOf(SoupServerMessage* message) const;
     std::optional<Refusal> beginUpload(SoupServerMessage* message) const;
+    Json::Value replyTo(std::string_view text) const;
     bool isForUs(SoupServerMessage* message) const;
     bool isFromOurPage(SoupServerMessage* message) const;
     void serveFile(SoupServerMessage* message, const std::string& path) const;

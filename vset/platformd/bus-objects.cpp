@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "common/glib-pointers.h"
+#include "guarded.h"
 
 namespace vset
 {
@@ -14,7 +15,13 @@ namespace
 void onCall(GDBusConnection*, const char* sender, const char*, const char*, const char* method,
             GVariant* parameters, GDBusMethodInvocation* invocation, gpointer handler)
 {
-    (*static_cast<BusObject::Handler*>(handler))(method, sender, parameters, invocation);
+    const bool isDone = guarded(method, [&] {
+        (*static_cast<BusObject::Handler*>(handler))(method, sender, parameters, invocation);
+    });
+    if (!isDone) {
+        g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_FAILED, "%s failed",
+                                              method);
+    }
 }
 
 constexpr GDBusInterfaceVTable kTable = {onCall, nullptr, nullptr, {}};

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "common/json-text.h"
 #include "platform-interfaces.h"
 #include "services.h"
 
@@ -157,10 +158,7 @@ constexpr Order kOrders[] = {
 
 void answerSnapshot(const SetModel& set, GDBusMethodInvocation* invocation)
 {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    writer["emitUTF8"] = true;
-    const std::string json = Json::writeString(writer, set.snapshot());
+    const std::string json = common::compactJson(set.snapshot());
     g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", json.c_str()));
 }
 

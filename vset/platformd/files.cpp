@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <system_error>
@@ -12,6 +11,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "common/json-text.h"
 
 namespace vset
 {
@@ -109,28 +110,53 @@ void copyIntoPlace(const std::string& source, const std::string& target)
 
 void saveJson(const std::string& path, const Json::Value& value, Keeping keeping)
 {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "  ";
-    const std::string text = Json::writeString(writer, value) + "\n";
+    const std::string text = common::indentedJson(value) + "\n";
     const auto fill = [&](int file, const std::string& name) {
         writeAll(file, text.data(), text.size(), name);
     };
     replaceFile(path, fill, keeping);
 }
 
+std::optional<std::string> readFile(const std::string& path, size_t limit)
+{
+    const int number = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (number < 0) {
+        return std::nullopt;
+    }
+    const Descriptor file(number, path);
+    struct stat status {
+    };
+    if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return std::nullopt;
+    }
+    std::string text(limit + 1, '\0');
+    size_t size = 0;
+    ssize_t got = 0;
+    while (size < text.size() && (got = read(file.get(), text.data() + size, text.size() - size)) > 0) {
+        size += static_cast<size_t>(got);
+    }
+    if (got < 0 || size > limit) {
+        return std::nullopt;
+    }
+    text.resize(size);
+    return text;
+}
+
 Json::Value loadJson(const std::string& path)
 {
-    std::ifstream file(path);
-    if (!file)
-        return Json::objectValue;
-    Json::Value value;
-    std::string errors;
-    if (Json::parseFromStream(Json::CharReaderBuilder(), file, &value, &errors) && value.isObject())
-        return value;
     std::error_code ignored;
+    if (!fs::exists(fs::symlink_status(path, ignored))) {
+        return Json::objectValue;
+    }
+    std::string why = "no file, or longer than 16 MiB";
+    if (const auto text = readFile(path, common::JsonLimits().bytes)) {
+        if (auto value = common::parseJsonObject(*text, &why)) {
+            return *std::move(value);
+        }
+    }
     fs::rename(path, path + ".broken", ignored);
-    fprintf(stderr, "platformd: %s is not readable and starts empty; it was kept as %s.broken\n",
-            path.c_str(), path.c_str());
+    fprintf(stderr, "platformd: %s is not readable (%s) and starts empty; it was kept as %s.broken\n",
+            path.c_str(), why.c_str(), path.c_str());
     return Json::objectValue;
 }
 

@@ -1,6 +1,8 @@
 // Files that must be whole or not there at all, also when the power goes in the middle of a write.
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <string>
 
 #include <json/json.h>
@@ -16,6 +18,10 @@ void copyIntoPlace(const std::string& source, const std::string& target);
 // the power.
 enum class Keeping { kForGood, kUntilPowerOff };
 void saveJson(const std::string& path, const Json::Value& value, Keeping keeping = Keeping::kForGood);
+
+// What is in a regular file; nothing when there is none, when it is something else, which might never end, or
+// longer than `limit` bytes.
+std::optional<std::string> readFile(const std::string& path, size_t limit = size_t{1} << 20);
 
 // The JSON object of a file; an empty object when there is none. One that cannot be read is told on stderr,
 // kept aside under the name with ".broken", and counts as empty: the set must come up.

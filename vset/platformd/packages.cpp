@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "files.h"
+#include "guarded.h"
 
 namespace vset
 {
@@ -54,7 +55,7 @@ struct Packages::Delivery {
     {
         const std::unique_ptr<Delivery> delivery(static_cast<Delivery*>(data));
         const char* const state = delivery->error.empty() ? "delivered" : "failed";
-        delivery->packages->finish(delivery->id, state, delivery->error);
+        guarded("a delivery", [&] { delivery->packages->finish(delivery->id, state, delivery->error); });
         return G_SOURCE_REMOVE;
     }
 };

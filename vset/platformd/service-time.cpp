@@ -4,6 +4,8 @@
 #include <limits>
 #include <utility>
 
+#include "guarded.h"
+
 namespace vset
 {
 
@@ -36,7 +38,7 @@ gboolean Timer::onTime(gpointer self)
     auto* const timer = static_cast<Timer*>(self);
     timer->source_ = 0;
     const std::function<void()> action = std::move(timer->action_); // it may start or destroy the timer
-    action();
+    guarded("a timer", action);
     return G_SOURCE_REMOVE;
 }
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "files.h"
+#include "guarded.h"
 #include "service-time.h"
 
 namespace vset
@@ -144,8 +145,10 @@ gboolean SetModel::onIdle(gpointer self)
     auto* const model = static_cast<SetModel*>(self);
     model->idle_ = 0;
     const std::set<std::string> news = std::exchange(model->news_, {});
-    model->keepBoot(news);
-    model->changed.tell({news.begin(), news.end()});
+    guarded("news of the set", [&] {
+        model->keepBoot(news);
+        model->changed.tell({news.begin(), news.end()});
+    });
     return G_SOURCE_REMOVE;
 }
 

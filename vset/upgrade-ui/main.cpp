@@ -4,6 +4,7 @@
 // screen of the set. What it shows goes to the log as well, so that a story can be read afterwards.
 
 #include "common/command-line.h"
+#include "common/json-text.h"
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -113,9 +114,7 @@ private:
 
     void draw()
     {
-        Json::StreamWriterBuilder writer;
-        writer["indentation"] = "";
-        const std::string json = Json::writeString(writer, offer_.screen());
+        const std::string json = common::compactJson(offer_.screen());
         // Without a screen the UI still does its part.
         g_dbus_connection_call(bus_, kPlatform, kPlatformPath, kConsole, "UpdateScreen",
                                g_variant_new("(s)", json.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
