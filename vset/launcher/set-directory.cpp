@@ -176,6 +176,7 @@ SetDirectory SetDirectory::make(const fs::path& path)
 
 void SetDirectory::installDaemon() const
 {
+    umask(022); // the set's users must be able to enter what is put there, whoever makes the set
     if (const fs::path kit = kitDirectory(); !kit.empty()) {
         copyTree(kit / "set/usr", usr());
         return;
