@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "common/version.h"
 #include "common/visible-text.h"
 
 namespace common
@@ -194,6 +195,7 @@ CommandLine& CommandLine::group(Choice choice, const std::string& name, const st
 CommandLine::CommandLine(const std::string& name, const std::string& summary)
     : own_(std::make_unique<CLI::App>(summary, name)), app_(own_.get())
 {
+    app_->set_version_flag("--version", name + " " + version(), "Print version and commit, and end");
 }
 
 CommandLine::CommandLine(CLI::App* app, const CommandLine* parent) : app_(app), parent_(parent) {}

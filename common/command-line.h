@@ -2,7 +2,7 @@
 //
 // A program declares what it takes, each value into a variable of the caller's that has to live until main()
 // has returned, and says what to do once all of it has been read. Numbers always have a range: what is no
-// number of it is wrong use, with a message of one line. `--help` is there by itself.
+// number of it is wrong use, with a message of one line. `--help` and `--version` are there by themselves.
 //
 // This header is narrow on purpose: the library behind it, CLI11, takes ten seconds to compile, and only
 // command-line.cpp includes it. One thread.

@@ -4,10 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "common/version.h"
+
 namespace
 {
 
 using testing::HasSubstr;
+using testing::MatchesRegex;
 using testing::Not;
 
 // What a program with a bit of everything did with its arguments.
@@ -152,6 +155,21 @@ TEST(CommandLine, HelpIsNoError)
     EXPECT_EQ(typed.errors, "");
     EXPECT_THAT(typed.output, HasSubstr("--factor"));
     EXPECT_EQ(typed.ran, "");
+}
+
+TEST(CommandLine, TellsVersionAndCommit)
+{
+    const Typed typed = type({"--version"});
+    EXPECT_EQ(typed.status, 0);
+    EXPECT_EQ(typed.errors, "");
+    EXPECT_EQ(typed.output, "player " + std::string(common::version()) + "\n");
+    EXPECT_THAT(common::version(), MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+ \\(commit [^ ]+\\)"));
+}
+
+TEST(CommandLine, KnowsTheVersionOfTheProgramAlone)
+{
+    EXPECT_EQ(type({"stop", "--version"}).errors,
+              "player: there is no option \"--version\"\n\"player stop --help\" says more.\n");
 }
 
 TEST(CommandLine, EndsWithTheStatusOfTheFailure)

@@ -17,7 +17,7 @@ _fwctl()
     local command=${COMP_WORDS[1]-} words=
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        words="list why check update usb watch doctor --help"
+        words="list why check update usb watch doctor --help --version"
     elif [[ $previous == --source ]]; then
         words="package system usb sandbox"
     elif [[ $previous == --key-file ]]; then

@@ -4,7 +4,7 @@ _fwmod()
 {
     local current=${COMP_WORDS[COMP_CWORD]} words=
     if ((COMP_CWORD == 1)); then
-        words="--help $(fwmod --help 2>/dev/null | sed -n '/^Subcommands:/,/^[^ ]/s/^  \([a-z]*\) .*/\1/p')"
+        words="--help --version $(fwmod --help 2>/dev/null | sed -n '/^Subcommands:/,/^[^ ]/s/^  \([a-z]*\) .*/\1/p')"
     elif [[ $current == -* ]]; then
         words=$(fwmod "${COMP_WORDS[1]}" --help 2>/dev/null | grep -o -- '--[a-z][a-z-]*' | sort -u)
     else
