@@ -7,34 +7,32 @@
 namespace
 {
 using fwmod::CutSurvey;
+using fwmod::CutTrial;
+using fwmod::FindingId;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 using Writes = CutSurvey::Writes;
 
+using Trials = std::vector<CutTrial>;
+
 // What the examiner tells of cuts at these writes, with the finding at some of them.
-Json::Value trials(const Writes& writes, const Writes& failed = {}, unsigned int number = 502)
+Trials trials(const Writes& writes, const Writes& failed = {}, FindingId id = FindingId::NoUpdateAfterCut)
 {
-    Json::Value list = Json::arrayValue;
+    Trials list;
     for (const unsigned int write : writes) {
-        Json::Value trial;
-        trial["write"] = write;
-        trial["cut"] = true;
-        trial["findings"] = Json::arrayValue;
-        if (failed.count(write) != 0) {
-            trial["findings"][0]["number"] = number;
-            trial["findings"][0]["detail"] = "at " + std::to_string(write);
-        }
-        list.append(trial);
+        list.push_back({write, true, {}, 0});
+        if (failed.count(write) != 0)
+            list.back().findings.push_back({id, "at " + std::to_string(write)});
     }
     return list;
 }
 
-Json::Value endedBefore(const Writes& writes)
+Trials endedBefore(const Writes& writes)
 {
-    Json::Value list = trials(writes);
-    for (Json::Value& trial : list)
-        trial["cut"] = false;
+    Trials list = trials(writes);
+    for (CutTrial& trial : list)
+        trial.isCut = false;
     return list;
 }
 
@@ -74,7 +72,8 @@ TEST(CutSurvey, FailureThatIsConfirmedNamesAllItsWrites)
     EXPECT_THAT(survey.openAtPace(), ElementsAre(2, 3));
     survey.addAtPace(trials({2, 3}, {2, 3}));
     EXPECT_THAT(survey.openAtPace(), IsEmpty());
-    EXPECT_THAT(survey.findings(), ElementsAre(Pair(502, "at writes 2, 3 and 5 of 5: at 2")));
+    EXPECT_THAT(survey.findings(),
+                ElementsAre(Pair(FindingId::NoUpdateAfterCut, "at writes 2, 3 and 5 of 5: at 2")));
 }
 
 TEST(CutSurvey, FailureOfHasteDoesNotCountAndHidesNoOther)
@@ -84,24 +83,24 @@ TEST(CutSurvey, FailureOfHasteDoesNotCountAndHidesNoOther)
     EXPECT_THAT(survey.openAtPace(), ElementsAre(1, 3));
     survey.addAtPace(trials({1, 3}));
     EXPECT_THAT(survey.openAtPace(), ElementsAre(2, 5)); // one of them may be true
-    survey.addAtPace(trials({2, 5}, {5}, 501));
+    survey.addAtPace(trials({2, 5}, {5}, FindingId::DeadAfterCut));
     EXPECT_THAT(survey.openAtPace(), IsEmpty());
-    EXPECT_THAT(survey.findings(), ElementsAre(Pair(501, "at write 5 of 5: at 5")));
+    EXPECT_THAT(survey.findings(), ElementsAre(Pair(FindingId::DeadAfterCut, "at write 5 of 5: at 5")));
 }
 
 TEST(CutSurvey, CutThatWasNotReachedIsMadeAtTheRealPace)
 {
     CutSurvey survey(3, false);
-    Json::Value hasty = trials({1});
-    for (const Json::Value& trial : endedBefore({2, 3}))
-        hasty.append(trial);
+    Trials hasty = trials({1});
+    for (const CutTrial& trial : endedBefore({2, 3}))
+        hasty.push_back(trial);
     survey.addHasty(hasty);
     EXPECT_THAT(survey.openAtPace(), ElementsAre(2, 3));
-    Json::Value atPace = trials({2}, {2});
-    atPace.append(endedBefore({3})[0]);
+    Trials atPace = trials({2}, {2});
+    atPace.push_back(endedBefore({3})[0]);
     survey.addAtPace(atPace);
     EXPECT_THAT(survey.openAtPace(), IsEmpty());
-    EXPECT_THAT(survey.findings(), ElementsAre(Pair(502, "at write 2 of 3: at 2")));
+    EXPECT_THAT(survey.findings(), ElementsAre(Pair(FindingId::NoUpdateAfterCut, "at write 2 of 3: at 2")));
     EXPECT_EQ(survey.cuts(), 2U);
     EXPECT_EQ(survey.note(), "The power was cut at 2 of 3 writes; --every-write cuts it at each.");
 }

@@ -1,6 +1,7 @@
 #include "tools/fwmod/check/check-report.h"
 
-#include "tools/fwmod/check/findings.h"
+#include "common/json-text.h"
+#include "tools/fwmod/check/protocol/findings.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -60,7 +61,7 @@ std::vector<std::string> shortened(std::vector<std::string> details)
 std::string formatFinding(const FindingKind& kind, const std::vector<std::string>& details, bool isColoured)
 {
     const bool isError = kind.severity == Severity::Error;
-    std::string text = coloured(findingId(kind.number) + " " + nameOf(kind.severity),
+    std::string text = coloured(nameOf(kind.id) + " " + nameOf(kind.severity),
                                 isError ? Colour::Red : Colour::Yellow, isColoured) +
                        ": " + kind.title + "\n";
     const char* label = "seen";
@@ -73,10 +74,9 @@ std::string formatFinding(const FindingKind& kind, const std::vector<std::string
 
 unsigned int countOf(const ExaminationResult& result, Severity severity)
 {
-    return static_cast<unsigned int>(
-        std::count_if(result.findings.begin(), result.findings.end(), [severity](const auto& finding) {
-            return findingKind(finding.first).severity == severity;
-        }));
+    return static_cast<unsigned int>(std::count_if(
+        result.report.findings.begin(), result.report.findings.end(),
+        [severity](const auto& finding) { return findingKind(finding.first).severity == severity; }));
 }
 
 std::string counted(unsigned int number, const std::string& what)
@@ -84,29 +84,29 @@ std::string counted(unsigned int number, const std::string& what)
     return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
 }
 
-std::string describeUpdate(const Json::Value& measured)
+std::string describeUpdate(const Measured& measured)
 {
-    if (!measured.isMember("duration"))
+    if (!measured.duration)
         return "";
     char duration[32];
-    std::snprintf(duration, sizeof duration, "%.1f s", measured["duration"].asDouble());
+    std::snprintf(duration, sizeof duration, "%.1f s", *measured.duration);
     return std::string("The update took ") + duration + "; " +
-           counted(measured["proposedExpectedTime"].asUInt(), "second") + " is a good expected time.\n";
+           counted(measured.proposedExpectedTime.value_or(0), "second") + " is a good expected time.\n";
 }
 
 std::string describeWork(const ExaminationResult& result)
 {
-    std::string text = "Checked with " + counted(result.calls, "call");
-    if (result.measured.isMember("writes"))
-        text += ", " + counted(result.measured["writes"].asUInt(), "write") + " of an update, " +
+    std::string text = "Checked with " + counted(result.report.calls, "call");
+    if (result.report.measured.writes)
+        text += ", " + counted(*result.report.measured.writes, "write") + " of an update, " +
                 counted(result.cuts, "power cut");
     text += ".\n";
-    return text + describeUpdate(result.measured);
+    return text + describeUpdate(result.report.measured);
 }
 
 std::string verdictOf(const ExaminationResult& result)
 {
-    if (result.findings.empty())
+    if (result.report.findings.empty())
         return "sound";
     return hasErrors(result) ? "faulty" : "usable";
 }
@@ -120,11 +120,11 @@ bool hasErrors(const ExaminationResult& result)
 std::string formatForPeople(const std::string& library, const ExaminationResult& result, bool isColoured)
 {
     std::string text;
-    for (const auto& [number, details] : result.findings)
-        text += formatFinding(findingKind(number), details, isColoured);
-    if (result.calls > 0)
+    for (const auto& [id, details] : result.report.findings)
+        text += formatFinding(findingKind(id), details, isColoured);
+    if (result.report.calls > 0)
         text += describeWork(result);
-    for (const std::string& note : result.notes)
+    for (const std::string& note : result.report.notes)
         text += "Note: " + note + "\n";
     const unsigned int errors = countOf(result, Severity::Error);
     const unsigned int warnings = countOf(result, Severity::Warning);
@@ -141,10 +141,10 @@ std::string formatForPrograms(const std::string& library, const ExaminationResul
     root["library"] = library;
     root["verdict"] = verdictOf(result);
     root["findings"] = Json::arrayValue;
-    for (const auto& [number, details] : result.findings) {
-        const FindingKind& kind = findingKind(number);
+    for (const auto& [id, details] : result.report.findings) {
+        const FindingKind& kind = findingKind(id);
         Json::Value entry;
-        entry["id"] = findingId(number);
+        entry["id"] = nameOf(id);
         entry["severity"] = nameOf(kind.severity);
         entry["title"] = kind.title;
         std::string joined;
@@ -156,24 +156,21 @@ std::string formatForPrograms(const std::string& library, const ExaminationResul
         root["findings"].append(entry);
     }
     root["notes"] = Json::arrayValue;
-    for (const std::string& note : result.notes)
+    for (const std::string& note : result.report.notes)
         root["notes"].append(note);
     Json::Value& measured = root["measured"] = Json::objectValue;
-    constexpr std::pair<const char*, const char*> kMeasured[] = {
-        {"duration", "duration"},
-        {"proposedExpectedTime", "proposed_expected_time"},
-        {"writes", "writes"},
-        {"versionBefore", "version_before"},
-        {"versionAfter", "version_after"},
+    const auto put = [&measured](const char* name, const auto& value) {
+        if (value) {
+            measured[name] = *value;
+        }
     };
-    for (const auto& [key, name] : kMeasured) {
-        if (result.measured.isMember(key))
-            measured[name] = result.measured[key];
-    }
-    measured["calls"] = result.calls;
+    put("duration", result.report.measured.duration);
+    put("proposed_expected_time", result.report.measured.proposedExpectedTime);
+    put("writes", result.report.measured.writes);
+    put("version_before", result.report.measured.versionBefore);
+    put("version_after", result.report.measured.versionAfter);
+    measured["calls"] = result.report.calls;
     measured["power_cuts"] = result.cuts;
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "    ";
-    return Json::writeString(writer, root) + "\n";
+    return common::indentedJson(root) + "\n";
 }
 } // namespace fwmod

@@ -67,27 +67,27 @@ CutSurvey::CutSurvey(unsigned int total, bool everyWrite)
 {
 }
 
-void CutSurvey::addHasty(const Json::Value& trials)
+void CutSurvey::addHasty(const std::vector<CutTrial>& trials)
 {
     hasty_ = trialsIn(trials);
 }
 
-void CutSurvey::addAtPace(const Json::Value& trials)
+void CutSurvey::addAtPace(const std::vector<CutTrial>& trials)
 {
-    for (const Json::Value& trial : trials)
-        triedAtPace_.insert(trial["write"].asUInt());
+    for (const CutTrial& trial : trials)
+        triedAtPace_.insert(trial.write);
     atPace_.merge(trialsIn(trials));
 }
 
-CutSurvey::Trials CutSurvey::trialsIn(const Json::Value& list)
+CutSurvey::Trials CutSurvey::trialsIn(const std::vector<CutTrial>& list)
 {
     Trials trials;
-    for (const Json::Value& trial : list) {
-        if (!trial["cut"].asBool())
+    for (const CutTrial& trial : list) {
+        if (!trial.isCut)
             continue;
-        auto& seen = trials[trial["write"].asUInt()];
-        for (const Json::Value& finding : trial["findings"])
-            seen[finding["number"].asUInt()] = finding["detail"].asString();
+        auto& seen = trials[trial.write];
+        for (const Finding& finding : trial.findings)
+            seen[finding.id] = finding.detail;
     }
     return trials;
 }
@@ -96,8 +96,8 @@ CutSurvey::Failures CutSurvey::failuresIn(const Trials& trials)
 {
     Failures failures;
     for (const auto& [write, seen] : trials) {
-        for (const auto& [number, detail] : seen)
-            failures[number].insert(write);
+        for (const auto& [id, detail] : seen)
+            failures[id].insert(write);
     }
     return failures;
 }
@@ -116,8 +116,8 @@ CutSurvey::Writes CutSurvey::openAtPace() const
 {
     Writes open = missed();
     const Failures confirmed = failuresIn(atPace_);
-    for (const auto& [number, writes] : failuresIn(hasty_)) {
-        if (confirmed.count(number) != 0)
+    for (const auto& [id, writes] : failuresIn(hasty_)) {
+        if (confirmed.count(id) != 0)
             continue;
         const Writes untried = without(writes, triedAtPace_);
         if (untried.size() < writes.size()) { // two have shown that this clock is too fast for it
@@ -137,16 +137,16 @@ unsigned int CutSurvey::cuts() const
     return static_cast<unsigned int>(all.size());
 }
 
-std::map<unsigned int, std::string> CutSurvey::findings() const
+std::map<FindingId, std::string> CutSurvey::findings() const
 {
-    std::map<unsigned int, std::string> findings;
+    std::map<FindingId, std::string> findings;
     const Failures hasty = failuresIn(hasty_);
-    for (const auto& [number, confirmed] : failuresIn(atPace_)) {
+    for (const auto& [id, confirmed] : failuresIn(atPace_)) {
         Writes writes = confirmed;
-        if (hasty.count(number) != 0)
-            writes.merge(without(hasty.at(number), triedAtPace_));
-        const std::string& detail = atPace_.at(*confirmed.begin()).at(number);
-        findings[number] = nameWrites(writes, total_) + ": " + detail;
+        if (hasty.count(id) != 0)
+            writes.merge(without(hasty.at(id), triedAtPace_));
+        const std::string& detail = atPace_.at(*confirmed.begin()).at(id);
+        findings[id] = nameWrites(writes, total_) + ": " + detail;
     }
     return findings;
 }

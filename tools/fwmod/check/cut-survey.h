@@ -6,7 +6,8 @@
 #ifndef FWMOD_CUT_SURVEY_H
 #define FWMOD_CUT_SURVEY_H
 
-#include <json/json.h>
+#include "tools/fwmod/check/protocol/report.h"
+
 #include <map>
 #include <set>
 #include <string>
@@ -20,28 +21,26 @@ class CutSurvey
 public:
     using Writes = std::set<unsigned int>; // by number, from 1
 
-    // `total`: writes that the update makes. Without `everyWrite` a hundred of them at most are chosen.
+    // `total`: writes that the update makes. Without `everyWrite` three hundred of them at most are chosen.
     CutSurvey(unsigned int total, bool everyWrite);
 
     const Writes& chosen() const { return chosen_; }
 
-    // What the examiner tells: a list of {"write", "cut", "findings": [{"number", "detail"}]}.
-    void addHasty(const Json::Value& trials);
-    void addAtPace(const Json::Value& trials);
+    void addHasty(const std::vector<CutTrial>& trials);
+    void addAtPace(const std::vector<CutTrial>& trials);
 
     // The cuts to make at the real pace, after all that was added; in the end none.
     Writes openAtPace() const;
 
-    unsigned int cuts() const;                            // that were made at all
-    std::map<unsigned int, std::string> findings() const; // by number: "at writes 1, 2 and 17 of 133: ..."
-    std::string note() const;                             // about cuts that were not made; may be empty
+    unsigned int cuts() const;                         // that were made at all
+    std::map<FindingId, std::string> findings() const; // "at writes 1, 2 and 17 of 133: ..."
+    std::string note() const;                          // about cuts that were not made; may be empty
 
 private:
-    // What was seen after a cut, by the finding's number.
-    using Trials = std::map<unsigned int, std::map<unsigned int, std::string>>; // by write
-    using Failures = std::map<unsigned int, Writes>;                            // by finding
+    using Trials = std::map<unsigned int, std::map<FindingId, std::string>>; // by write: what was seen
+    using Failures = std::map<FindingId, Writes>;
 
-    static Trials trialsIn(const Json::Value& list);
+    static Trials trialsIn(const std::vector<CutTrial>& list);
     static Failures failuresIn(const Trials& trials);
     Writes missed() const;
 

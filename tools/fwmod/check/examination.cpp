@@ -2,6 +2,7 @@
 
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/check/cut-survey.h"
+#include "tools/fwmod/check/protocol/job.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/control-library.h"
@@ -79,13 +80,14 @@ private:
     void addFirmware();
     std::string useInformation(const fs::path& directory, const std::string& image, const fs::path& origin);
     void examine();
-    bool bringsNews(const Json::Value& report) const;
-    Json::Value confirmTrials();
-    Json::Value takeCuts(const Json::Value& report);
-    void finishCuts(CutSurvey& survey, const Json::Value& hasty);
-    Json::Value run(const char* mode, std::optional<double> clockRate);
-    std::optional<Json::Value> follow(const std::vector<std::string>& words, const fs::path& errors);
-    void take(const Json::Value& report);
+    bool bringsNews(const Report& report) const;
+    Report confirmTrials();
+    std::vector<CutTrial> takeCuts(const Report& report);
+    void finishCuts(CutSurvey& survey, const std::vector<CutTrial>& hasty);
+    Report run(const char* mode, std::optional<double> clockRate);
+    std::optional<Report> follow(const std::vector<std::string>& words, const fs::path& errors);
+    void take(const Report& report);
+    void tellMeasured(const Measured& measured);
     void checkNames(const std::string& identifier) const;
     fs::path inSet(const std::string& path) const { return set_ / "root" / path.substr(1); }
 
@@ -95,7 +97,7 @@ private:
     fs::path examiner_;
     ScratchDirectory scratch_;
     fs::path set_ = scratch_.path() / "set";
-    Json::Value job_;
+    Job job_;
     ExaminationResult result_;
 };
 
@@ -104,11 +106,11 @@ bool Examination::judgeFile()
 {
     const std::string name = request_.library.filename();
     if (request_.library.extension() != ".so")
-        result_.findings[102].push_back(name + "; the module would be called " +
-                                        libraryName(request_.library));
+        result_.report.add({FindingId::MisnamedFile,
+                            name + "; the module would be called " + libraryName(request_.library)});
     const std::string problem = whyNotLoadable(request_.library);
     if (!problem.empty())
-        result_.findings[101].push_back(problem);
+        result_.report.add({FindingId::NoSharedLibrary, problem});
     return problem.empty();
 }
 
@@ -124,15 +126,14 @@ void Examination::makeSet()
         copyInto(request_.hardware, inSet("/var/lib/hardware"));
         giveToDaemon(inSet("/var/lib/hardware"));
     }
-    job_["name"] = name;
-    job_["library"] = library;
-    job_["external"] = isExternalName(name);
-    job_["expectedTime"] = kUnknownTime;
-    job_["caller"] = TARNWICK_CONTROL_CALLER_PACKAGE;
-    job_["mangled"] = Json::objectValue;
+    job_.name = name;
+    job_.library = library;
+    job_.isExternal = isExternalName(name);
+    job_.expectedTime = kUnknownTime;
+    job_.caller = TARNWICK_CONTROL_CALLER_PACKAGE;
     for (const EntryPointState& entry : readControlLibrary(request_.library).entryPoints) {
         if (!entry.exported && !entry.mangled.empty())
-            job_["mangled"][entry.name] = entry.mangled;
+            job_.mangled[entry.name] = entry.mangled;
     }
     if (!request_.package.empty())
         addPackage();
@@ -152,24 +153,23 @@ std::string Examination::useInformation(const fs::path& directory, const std::st
     if (!report.accepted)
         throw common::Failure("the daemon would refuse the image:\n" +
                               formatReport(origin / "info.json", report));
-    result_.expectedTime = report.values.expected_time;
-    job_["version"] = report.values.version;
-    job_["checksum"] = Json::UInt64(report.values.crc);
-    job_["expectedTime"] = report.values.expected_time;
+    job_.version = report.values.version;
+    job_.checksum = report.values.crc;
+    job_.expectedTime = report.values.expected_time;
     return report.values.ui_use;
 }
 
 void Examination::addPackage()
 {
-    if (job_["external"].asBool())
+    if (job_.isExternal)
         throw common::WrongUse("--package: an external module finds its image itself; give --firmware DIR");
     const std::string identifier = request_.package.stem();
     const std::string firmware = firmwareName(identifier, "--package: the name");
     const std::string directory = "/opt/usr/apps/appbinarymanager/emps/" + identifier;
     unpackPackage(request_.package, inSet(directory));
     useInformation(inSet(directory), firmware + ".bin", request_.package);
-    job_["image"] = directory + "/" + firmware + ".bin";
-    job_["imageDirectory"] = directory;
+    job_.image = directory + "/" + firmware + ".bin";
+    job_.imageDirectory = directory;
 }
 
 void Examination::addFirmware()
@@ -178,25 +178,25 @@ void Examination::addFirmware()
     const std::string directory = "/usr/lib/firmware/ext/" + name;
     const std::string image = name + ".bin";
     copyInto(request_.firmware, set_ / directory.substr(1));
-    job_["imageDirectory"] = directory;
-    if (job_["external"].asBool()) {
-        job_["image"] = job_["name"];
+    job_.imageDirectory = directory;
+    if (job_.isExternal) {
+        job_.image = job_.name;
         if (fs::exists(request_.firmware / "info.json") && fs::exists(request_.firmware / image))
             useInformation(request_.firmware, image, request_.firmware);
-        job_["checksum"] = 0;
+        job_.checksum = 0;
         return;
     }
     if (useInformation(request_.firmware, image, request_.firmware) == "none")
         throw common::Failure("the daemon refuses an image in the system image whose ui_use is \"none\": "
                               "write \"select\" or \"force\" (fwmod info --ui-use)");
-    job_["image"] = "/lib/firmware/ext/" + name + "/" + image;
-    job_["caller"] = TARNWICK_CONTROL_CALLER_SYSTEM_IMAGE;
+    job_.image = "/lib/firmware/ext/" + name + "/" + image;
+    job_.caller = TARNWICK_CONTROL_CALLER_SYSTEM_IMAGE;
 }
 
 // Of a set: the daemon derives both names from what the library says.
 void Examination::checkNames(const std::string& identifier) const
 {
-    if (identifier.empty() || job_["external"].asBool())
+    if (identifier.empty() || job_.isExternal)
         return;
     const std::string firmware = firmwareName(identifier, "the identifier");
     if (!request_.package.empty() && request_.package.filename() != identifier + ".img")
@@ -220,13 +220,9 @@ void Examination::checkNames(const std::string& identifier) const
                                         : "\n" + text));
 }
 
-Json::Value Examination::run(const char* mode, std::optional<double> clockRate)
+Report Examination::run(const char* mode, std::optional<double> clockRate)
 {
-    std::ofstream job(inSet("/srv/job.json")); // NewFile would take the interruptions for itself
-    job << job_;
-    job.close();
-    if (!job)
-        throw common::Failure("cannot write " + inSet("/srv/job.json").string() + ": is the disk full?");
+    writeJob(job_, inSet("/srv/job.json"));
     std::vector<std::string> words = {vsetProgram(), "run", set_};
     if (clockRate)
         words.push_back("--clock-rate=" + std::to_string(*clockRate));
@@ -235,129 +231,127 @@ Json::Value Examination::run(const char* mode, std::optional<double> clockRate)
     const fs::path errors = scratch_.path() / "errors";
     // Twice: on a loaded PC the services of a set whose clock is fast may time out at their start.
     for (int attempt = 0; attempt < 2; ++attempt) {
-        if (const std::optional<Json::Value> report = follow(words, errors))
+        if (const std::optional<Report> report = follow(words, errors))
             return *report;
     }
     failWith(errors);
 }
 
 // The report of a set that has come to its end.
-std::optional<Json::Value> Examination::follow(const std::vector<std::string>& words, const fs::path& errors)
+std::optional<Report> Examination::follow(const std::vector<std::string>& words, const fs::path& errors)
 {
     RunningProgram program(words, errors);
-    Json::Value report;
-    while (const std::optional<std::string> line = program.readLine()) {
-        Json::Value value;
-        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-        if (!reader->parse(line->data(), line->data() + line->size(), &value, nullptr) || !value.isObject())
+    std::optional<Report> report;
+    while (const std::optional<std::string> text = program.readLine()) {
+        auto line = fwmod::readLine(*text);
+        if (!line) {
             continue;
-        if (value.isMember("progress"))
-            showProgress_(value["progress"]["text"].asString(), value["progress"]["percent"].asUInt());
-        else
-            report = value;
-    }
-    if (!program.hasSucceeded() || !report.isMember("findings"))
-        return std::nullopt;
-    return report;
-}
-
-void Examination::take(const Json::Value& report)
-{
-    for (const Json::Value& finding : report["findings"]) {
-        std::vector<std::string>& details = result_.findings[finding["number"].asUInt()];
-        for (const Json::Value& detail : finding["details"]) {
-            if (std::find(details.begin(), details.end(), detail.asString()) == details.end())
-                details.push_back(detail.asString());
+        }
+        if (const Progress* const progress = std::get_if<Progress>(&*line)) {
+            showProgress_(progress->text, progress->percent);
+        } else {
+            report = std::get<Report>(*std::move(line));
         }
     }
-    for (const Json::Value& note : report["notes"])
-        result_.notes.push_back(note.asString());
-    for (const std::string& key : report["measured"].getMemberNames())
-        result_.measured[key] = report["measured"][key];
-    result_.calls += report["calls"].asUInt();
-    job_["suspects"] = report["suspects"];
+    return program.hasSucceeded() ? report : std::nullopt;
+}
+
+void Examination::take(const Report& report)
+{
+    for (const auto& [id, details] : report.findings) {
+        for (const std::string& detail : details) {
+            result_.report.add({id, detail});
+        }
+    }
+    result_.report.notes.insert(result_.report.notes.end(), report.notes.begin(), report.notes.end());
+    result_.report.calls += report.calls;
+    job_.suspects = report.suspects;
 }
 
 // ---- Power cuts ----
 
-Json::Value toJson(const CutSurvey::Writes& writes)
+std::vector<CutTrial> Examination::takeCuts(const Report& report)
 {
-    Json::Value list = Json::arrayValue;
-    for (const unsigned int write : writes)
-        list.append(write);
-    return list;
-}
-
-Json::Value Examination::takeCuts(const Json::Value& report)
-{
-    const Json::Value& cuts = report["measured"]["cuts"];
-    for (const Json::Value& cut : cuts)
-        result_.calls += cut["calls"].asUInt();
-    return cuts;
+    for (const CutTrial& trial : report.cuts) {
+        result_.report.calls += trial.calls;
+    }
+    return report.cuts;
 }
 
 // A library may have failed because the set's clock was fast: only what is found at the real pace, too,
 // counts.
-bool Examination::bringsNews(const Json::Value& report) const
+bool Examination::bringsNews(const Report& report) const
 {
-    const Json::Value& findings = report["findings"];
-    return std::any_of(findings.begin(), findings.end(), [this](const Json::Value& finding) {
-        return result_.findings.count(finding["number"].asUInt()) == 0;
-    });
+    return std::any_of(report.findings.begin(), report.findings.end(),
+                       [this](const auto& finding) { return !result_.report.has(finding.first); });
 }
 
-Json::Value Examination::confirmTrials()
+Report Examination::confirmTrials()
 {
-    job_.removeMember("cuts");
+    job_.cuts.clear();
     return run("trials", std::nullopt);
 }
 
-void Examination::finishCuts(CutSurvey& survey, const Json::Value& hasty)
+void Examination::finishCuts(CutSurvey& survey, const std::vector<CutTrial>& hasty)
 {
     survey.addHasty(hasty);
-    job_["cutsOnly"] = true;
+    job_.isCutsOnly = true;
     for (auto open = survey.openAtPace(); !open.empty(); open = survey.openAtPace()) {
-        job_["cuts"] = toJson(open);
+        job_.cuts = open;
         survey.addAtPace(takeCuts(run("trials", std::nullopt)));
     }
-    for (const auto& [number, detail] : survey.findings())
-        result_.findings[number].push_back(detail);
-    if (!survey.note().empty())
-        result_.notes.push_back(survey.note());
+    for (const auto& [id, detail] : survey.findings()) {
+        result_.report.add({id, detail});
+    }
+    if (!survey.note().empty()) {
+        result_.report.notes.push_back(survey.note());
+    }
     result_.cuts = survey.cuts();
+}
+
+// What the trials have to know of the update that was measured.
+void Examination::tellMeasured(const Measured& measured)
+{
+    job_.versionBefore = measured.versionBefore.value_or("");
+    job_.versionAfter = measured.versionAfter.value_or("");
+    job_.isVersionTold = measured.isVersionTold;
+    job_.isOfferNewer = measured.isOfferNewer;
+    job_.bytes = measured.bytes;
+    job_.measured = measured.duration.value_or(0);
 }
 
 void Examination::examine()
 {
     showProgress_("questions and an update", 0);
-    take(run("measure", std::nullopt));
-    if (!result_.measured["loaded"].asBool()) {
-        result_.notes.emplace_back("The library could not be loaded, so nothing else was checked.");
+    const Report first = run("measure", std::nullopt);
+    const Measured& measured = result_.report.measured = first.measured;
+    take(first);
+    std::vector<std::string>& notes = result_.report.notes;
+    if (!measured.isLoaded) {
+        notes.emplace_back("The library could not be loaded, so nothing else was checked.");
         return;
     }
-    checkNames(result_.measured["identifier"].asString());
-    const bool isUpdated = result_.measured["updated"].asBool();
-    if (!job_.isMember("image"))
-        result_.notes.emplace_back(
-            job_["external"].asBool()
-                ? "No image was given, so doUpdate was not called: give --firmware DIR."
-                : "No image was given, so doUpdate was not called: give --package IMG, or "
-                  "--firmware DIR for one in the system image.");
-    if (!isUpdated)
-        job_.removeMember("image");
-    if (isUpdated && !result_.measured["versionTold"].asBool())
-        result_.notes.emplace_back("No power was cut, because the version is not told reliably.");
-    std::optional<CutSurvey> survey;
-    if (result_.measured["updatable"].asBool()) {
-        survey.emplace(result_.measured["writes"].asUInt(), request_.everyWrite);
-        job_["cuts"] = toJson(survey->chosen());
+    checkNames(measured.identifier);
+    if (!job_.hasImage()) {
+        notes.emplace_back(job_.isExternal
+                               ? "No image was given, so doUpdate was not called: give --firmware DIR."
+                               : "No image was given, so doUpdate was not called: give --package IMG, or "
+                                 "--firmware DIR for one in the system image.");
     }
-    for (const char* key :
-         {"versionBefore", "versionAfter", "versionTold", "offerNewer", "bytes", "duration"})
-        job_[key] = result_.measured[key];
+    if (!measured.isUpdated) {
+        job_.image.clear();
+    } else if (!measured.isVersionTold) {
+        notes.emplace_back("No power was cut, because the version is not told reliably.");
+    }
+    tellMeasured(measured);
+    std::optional<CutSurvey> survey;
+    if (measured.isUpdatable) {
+        survey.emplace(measured.writes.value_or(0), request_.everyWrite);
+        job_.cuts = survey->chosen();
+    }
     showProgress_("refused images", 0);
-    const Json::Value hasty = run("trials", kHaste);
-    const Json::Value cuts = takeCuts(hasty);
+    const Report hasty = run("trials", kHaste);
+    const std::vector<CutTrial> cuts = takeCuts(hasty);
     take(bringsNews(hasty) ? confirmTrials() : hasty);
     if (survey)
         finishCuts(*survey, cuts);
@@ -366,7 +360,7 @@ void Examination::examine()
 ExaminationResult Examination::conduct()
 {
     if (!judgeFile()) {
-        result_.notes.emplace_back("The library could not be loaded, so nothing else was checked.");
+        result_.report.notes.emplace_back("The library could not be loaded, so nothing else was checked.");
         return result_;
     }
     makeSet();

@@ -5,12 +5,11 @@
 #ifndef FWMOD_EXAMINATION_H
 #define FWMOD_EXAMINATION_H
 
+#include "tools/fwmod/check/protocol/report.h"
+
 #include <filesystem>
 #include <functional>
-#include <json/json.h>
-#include <map>
 #include <string>
-#include <vector>
 
 namespace fwmod
 {
@@ -24,13 +23,8 @@ struct ExaminationRequest {
 };
 
 struct ExaminationResult {
-    std::map<unsigned int, std::vector<std::string>> findings; // by number: what was seen, once each
-    std::vector<std::string> notes;                            // what could not be checked
-    unsigned int calls = 0;
-    unsigned int cuts = 0;
-    Json::Value measured; // "duration" in seconds, "proposedExpectedTime", "writes", "versionBefore",
-                          // "versionAfter": those that are known
-    unsigned int expectedTime = 0; // seconds; 0 when no information file tells
+    Report report;         // of all that was done, but for the power cuts, which are judged together
+    unsigned int cuts = 0; // that were made
 };
 
 // `showProgress` is called with what is being done, and percent. Throws WrongUse and Failure.

@@ -3,7 +3,7 @@
 #include "common/progress-line.h"
 #include "tools/fwmod/check/check-report.h"
 #include "tools/fwmod/check/examination.h"
-#include "tools/fwmod/check/findings.h"
+#include "tools/fwmod/check/protocol/findings.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 

@@ -14,7 +14,7 @@
 #include <system_error>
 #include <unistd.h>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 namespace
@@ -111,4 +111,4 @@ CallMark::~CallMark()
 {
     box->calls[ownCall].deadline = 0;
 }
-} // namespace examiner
+} // namespace fwmod::examiner

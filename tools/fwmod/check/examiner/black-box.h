@@ -10,7 +10,7 @@
 #include <chrono>
 #include <cstdint>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 // The PC's own time in nanoseconds, also in a set whose clock is faster: limits are in it.
@@ -68,6 +68,6 @@ public:
     CallMark& operator=(const CallMark&) = delete;
 };
 
-} // namespace examiner
+} // namespace fwmod::examiner
 
 #endif

@@ -9,7 +9,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 namespace
@@ -133,4 +133,4 @@ bool GuardedBuffer::describeHit(const void* address, char* words, std::size_t si
     }
     return false;
 }
-} // namespace examiner
+} // namespace fwmod::examiner

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 class GuardedBuffer
@@ -46,6 +46,6 @@ private:
     unsigned char* data_;
 };
 
-} // namespace examiner
+} // namespace fwmod::examiner
 
 #endif

@@ -19,7 +19,7 @@
 #include <system_error>
 #include <unistd.h>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 namespace fs = std::filesystem;
@@ -219,4 +219,4 @@ pid_t Machine::boot(const std::function<void()>& worker, int* status)
         keep(boot, worker, status);
     return keeper;
 }
-} // namespace examiner
+} // namespace fwmod::examiner

@@ -11,7 +11,7 @@
 #include <string>
 #include <sys/types.h>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 class Machine
@@ -54,6 +54,6 @@ void makeMachineRoom(const std::string& imageDirectory);
 // Copies directories, files and links with their owners and modes.
 void copyTree(const std::filesystem::path& from, const std::filesystem::path& to);
 
-} // namespace examiner
+} // namespace fwmod::examiner
 
 #endif

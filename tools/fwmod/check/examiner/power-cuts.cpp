@@ -13,7 +13,7 @@
 #include <thread>
 #include <unistd.h>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 namespace
@@ -90,48 +90,35 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
     const Session look = supervisor.run(machine, startAgain);
     const std::string noAnswer = whyNoAnswer(look, job);
     if (!noAnswer.empty())
-        return std::vector<Finding>{{501, noAnswer}};
+        return std::vector<Finding>{{FindingId::DeadAfterCut, noAnswer}};
     std::vector<Finding> findings;
     if (isToldTooEarly(cut, look, job)) {
         const auto percent = job.bytes == 0 ? 0 : cut.writes.bytes * 100 / job.bytes;
-        findings.push_back({503, "getActiveVersion told " + quote(job.versionAfter) + ", and " +
-                                     std::to_string(percent) + " % of the bytes had been written"});
+        findings.push_back({FindingId::VersionTooEarly, "getActiveVersion told " + quote(job.versionAfter) +
+                                                            ", and " + std::to_string(percent) +
+                                                            " % of the bytes had been written"});
     }
     const bool isPending = !job.isOfferNewer || !look.told.isMember("verdict") ||
                            look.told["verdict"].asInt() > 0 ||
                            look.told["version"].asString() == job.versionAfter;
     if (!isPending) {
-        findings.push_back({502, "checkVersion does not take the offered version as newer any more"});
+        findings.push_back({FindingId::NoUpdateAfterCut,
+                            "checkVersion does not take the offered version as newer any more"});
         return findings;
     }
     const std::string noUpdate = whyNoUpdate(supervisor.run(machine, updateAgainAfterCut));
     if (!noUpdate.empty()) {
-        findings.push_back({502, noUpdate});
+        findings.push_back({FindingId::NoUpdateAfterCut, noUpdate});
         return findings;
     }
     const Session end = supervisor.run(machine, startAgain);
     if (end.told["version"].asString() != job.versionAfter)
-        findings.push_back(
-            {502, "after the next update getActiveVersion told " + quote(end.told["version"].asString())});
+        findings.push_back({FindingId::NoUpdateAfterCut, "after the next update getActiveVersion told " +
+                                                             quote(end.told["version"].asString())});
     return findings;
 }
 
 // ---- Several at once ----
-
-Json::Value toJson(unsigned int write, const std::optional<std::vector<Finding>>& findings)
-{
-    Json::Value entry;
-    entry["write"] = write;
-    entry["cut"] = findings.has_value();
-    entry["findings"] = Json::arrayValue;
-    for (const Finding& finding : findings.value_or(std::vector<Finding>())) {
-        Json::Value one;
-        one["number"] = finding.number;
-        one["detail"] = finding.detail;
-        entry["findings"].append(one);
-    }
-    return entry;
-}
 
 // Each lane is a process with every so-many-th cut; a line that it writes is shorter than a pipe's atomic
 // size.
@@ -140,14 +127,13 @@ Json::Value toJson(unsigned int write, const std::optional<std::vector<Finding>>
     prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
     try {
         Supervisor supervisor = original;
-        const std::vector<unsigned int>& cuts = supervisor.job().cuts;
-        Json::StreamWriterBuilder writer;
-        writer["indentation"] = "";
+        const std::vector<unsigned int> cuts(supervisor.job().cuts.begin(), supervisor.job().cuts.end());
         for (std::size_t index = lane; index < cuts.size(); index += lanes) {
             const unsigned int callsBefore = supervisor.calls();
-            Json::Value entry = toJson(cuts[index], cutAt(supervisor, cuts[index]));
-            entry["calls"] = supervisor.calls() - callsBefore;
-            const std::string line = Json::writeString(writer, entry) + "\n";
+            const std::optional<std::vector<Finding>> seen = cutAt(supervisor, cuts[index]);
+            const CutTrial trial = {cuts[index], seen.has_value(), seen.value_or(std::vector<Finding>()),
+                                    supervisor.calls() - callsBefore};
+            const std::string line = lineOf(trial) + "\n";
             if (write(output, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
                 _exit(EXIT_FAILURE);
         }
@@ -167,10 +153,8 @@ unsigned int laneCount(std::size_t cuts)
 
 void tellProgress(std::size_t done, std::size_t total)
 {
-    Json::Value line;
-    line["progress"]["text"] = "power cuts";
-    line["progress"]["percent"] = Json::UInt64(done * 100 / total);
-    printLine(line);
+    std::puts(lineOf(Progress{"power cuts", static_cast<unsigned int>(done * 100 / total)}).c_str());
+    std::fflush(stdout);
 }
 } // namespace
 
@@ -189,16 +173,14 @@ void cutPower(const Supervisor& supervisor, Report& report)
             runLane(supervisor, lane, lanes, ends[1]);
     }
     close(ends[1]);
-    Json::Value cuts = Json::arrayValue;
     const std::unique_ptr<FILE, int (*)(FILE*)> input(fdopen(ends[0], "r"), fclose);
     char* line = nullptr;
     std::size_t size = 0;
     while (getline(&line, &size, input.get()) > 0) {
-        Json::Value entry;
-        const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-        if (reader->parse(line, line + std::strlen(line), &entry, nullptr))
-            cuts.append(entry);
-        tellProgress(cuts.size(), total);
+        if (std::optional<CutTrial> trial = readCutTrial(line)) {
+            report.cuts.push_back(*std::move(trial));
+        }
+        tellProgress(report.cuts.size(), total);
     }
     free(line);
     for (const pid_t process : processes) {
@@ -206,6 +188,5 @@ void cutPower(const Supervisor& supervisor, Report& report)
         if (waitpid(process, &status, 0) != process || status != 0)
             throw std::runtime_error("the power cuts could not all be tried");
     }
-    report.measure("cuts", cuts);
 }
-} // namespace examiner
+} // namespace fwmod::examiner

@@ -3,15 +3,15 @@
 #ifndef EXAMINER_POWER_CUTS_H
 #define EXAMINER_POWER_CUTS_H
 
-#include "tools/fwmod/check/examiner/report.h"
 #include "tools/fwmod/check/examiner/supervisor.h"
+#include "tools/fwmod/check/protocol/report.h"
 
-namespace examiner
+namespace fwmod::examiner
 {
 
-// Tells "cuts", a list of {"write", "cut", "findings": [{"number", "detail"}]}, as a measurement.
+// Adds to the report what came of each cut.
 void cutPower(const Supervisor& supervisor, Report& report);
 
-} // namespace examiner
+} // namespace fwmod::examiner
 
 #endif

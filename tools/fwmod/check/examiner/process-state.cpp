@@ -12,7 +12,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 namespace fs = std::filesystem;
@@ -147,30 +147,31 @@ std::vector<Finding> ProcessState::changesIn(const ProcessState& later) const
 {
     std::vector<Finding> changes;
     if (later.directory_ != directory_)
-        changes.push_back({305, "from " + directory_ + " to " + later.directory_});
+        changes.push_back({FindingId::WorkingDirectory, "from " + directory_ + " to " + later.directory_});
     for (std::size_t signal = 1; signal < handlers_.size(); ++signal) {
         if (later.handlers_[signal] != handlers_[signal])
-            changes.push_back(
-                {306, std::string("the disposition of ") + strsignal(static_cast<int>(signal))});
+            changes.push_back({FindingId::SignalHandling,
+                               std::string("the disposition of ") + strsignal(static_cast<int>(signal))});
     }
     for (int signal = 1; signal < NSIG; ++signal) {
         if (sigismember(&later.blocked_, signal) != sigismember(&blocked_, signal))
-            changes.push_back({306, std::string("the thread's mask, at ") + strsignal(signal)});
+            changes.push_back(
+                {FindingId::SignalHandling, std::string("the thread's mask, at ") + strsignal(signal)});
     }
     if (later.locale_ != locale_)
-        changes.push_back({307, "from " + locale_ + " to " + later.locale_});
+        changes.push_back({FindingId::Locale, "from " + locale_ + " to " + later.locale_});
     else if (later.threadLocale_ != threadLocale_)
-        changes.push_back({307, "that of the calling thread"});
+        changes.push_back({FindingId::Locale, "that of the calling thread"});
     if (later.environment_ != environment_)
-        changes.push_back({308, firstDifference(environment_, later.environment_)});
+        changes.push_back({FindingId::Environment, firstDifference(environment_, later.environment_)});
     if (later.mask_ != mask_)
-        changes.push_back({312, "from " + mask_ + " to " + later.mask_});
+        changes.push_back({FindingId::FileModeMask, "from " + mask_ + " to " + later.mask_});
     const std::size_t threads = without(later.threads_, threads_).size();
     if (threads > 0)
-        changes.push_back({309, counted(threads, "thread")});
+        changes.push_back({FindingId::ThreadLeft, counted(threads, "thread")});
     const std::size_t processes = without(later.processes_, processes_).size();
     if (processes > 0)
-        changes.push_back({311, counted(processes, "process") + " or not waited for"});
+        changes.push_back({FindingId::ChildLeft, counted(processes, "process") + " or not waited for"});
     return changes;
 }
 
@@ -198,4 +199,4 @@ std::chrono::nanoseconds ProcessorDelay::soFar() const
         return 0ns;
     return std::chrono::nanoseconds(waiting);
 }
-} // namespace examiner
+} // namespace fwmod::examiner

@@ -3,7 +3,7 @@
 #ifndef EXAMINER_PROCESS_STATE_H
 #define EXAMINER_PROCESS_STATE_H
 
-#include "tools/fwmod/check/examiner/finding.h"
+#include "tools/fwmod/check/protocol/findings.h"
 
 #include <array>
 #include <chrono>
@@ -14,7 +14,7 @@
 #include <sys/types.h>
 #include <vector>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 class ProcessState
@@ -58,6 +58,6 @@ private:
     int file_;
 };
 
-} // namespace examiner
+} // namespace fwmod::examiner
 
 #endif

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <thread>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 namespace
@@ -30,7 +30,8 @@ public:
     void take(const std::string& text, const std::string& where)
     {
         if (first_ && *first_ != text)
-            worker_.found(210, call_ + where + " told " + quote(text) + " after " + quote(*first_));
+            worker_.found(FindingId::ChangingAnswer,
+                          call_ + where + " told " + quote(text) + " after " + quote(*first_));
         if (!first_)
             first_ = text;
     }
@@ -55,7 +56,7 @@ void askIdentifier(Worker& worker, SameText& identifier)
     if (isIdentifier(*identifier.text()))
         worker.tell("identifier", *identifier.text());
     else
-        worker.found(202, "getEMPID told " + quote(*identifier.text()));
+        worker.found(FindingId::BadIdentifier, "getEMPID told " + quote(*identifier.text()));
 }
 
 void askVersion(Worker& worker, SameText& version)
@@ -71,7 +72,8 @@ void askVersion(Worker& worker, SameText& version)
 
 void complainOfNoVerdict(const Worker& worker, const std::string& version, int result)
 {
-    worker.found(201, "checkVersion(" + quote(version) + ") returned " + std::to_string(result));
+    worker.found(FindingId::QuestionFailed,
+                 "checkVersion(" + quote(version) + ") returned " + std::to_string(result));
 }
 
 void askAboutInstalled(Worker& worker, const std::string& version)
@@ -81,8 +83,9 @@ void askAboutInstalled(Worker& worker, const std::string& version)
         if (verdict && verdict->result != 0)
             complainOfNoVerdict(worker, version, verdict->result);
         if (verdict && verdict->verdict >= TARNWICK_CONTROL_VERDICT_NEWER)
-            worker.found(207, "checkVersion(" + quote(version) + ") wrote " +
-                                  std::to_string(verdict->verdict) + ", and that version is installed");
+            worker.found(FindingId::InstalledIsNewer, "checkVersion(" + quote(version) + ") wrote " +
+                                                          std::to_string(verdict->verdict) +
+                                                          ", and that version is installed");
         return verdict && verdict->result == 0;
     });
 }
@@ -98,8 +101,9 @@ void askAboutOffered(Worker& worker, const std::string& installed)
     const bool isNewer = verdict->verdict >= TARNWICK_CONTROL_VERDICT_NEWER;
     worker.tell("newer", isNewer);
     if (!isNewer)
-        worker.found(211, "checkVersion(" + quote(offered) + ") wrote " + std::to_string(verdict->verdict) +
-                              ", and the installed version is " + quote(installed));
+        worker.found(FindingId::OfferNotNewer, "checkVersion(" + quote(offered) + ") wrote " +
+                                                   std::to_string(verdict->verdict) +
+                                                   ", and the installed version is " + quote(installed));
 }
 
 void askAboutNonsense(Worker& worker)
@@ -108,7 +112,7 @@ void askAboutNonsense(Worker& worker)
          {std::string(), std::string("?"), std::string("no version"), std::string(5000, 'x')}) {
         const auto verdict = worker.checkVersion(nonsense);
         if (verdict && verdict->result == 0 && verdict->verdict >= TARNWICK_CONTROL_VERDICT_NEWER)
-            worker.found(209,
+            worker.found(FindingId::NonsenseAccepted,
                          "checkVersion(" + quote(nonsense) + ") wrote " + std::to_string(verdict->verdict));
     }
     worker.checkVersion(std::string(5000, '9')); // may be a version; to be survived
@@ -123,7 +127,8 @@ void askOptional(Worker& worker)
         worker.repeat("getExpectedTime", kTimes, [&] {
             const auto seconds = worker.expectedTime();
             if (seconds && *seconds < 1)
-                worker.found(415, "getExpectedTime told " + std::to_string(*seconds));
+                worker.found(FindingId::UselessExpectedTime,
+                             "getExpectedTime told " + std::to_string(*seconds));
             return seconds.has_value();
         });
     if (worker.has("getUpdateProgress"))
@@ -175,7 +180,7 @@ void askEverything(Worker& worker)
     if (!isLoaded)
         return;
     if (!worker.has("getUpdateProgress") && !worker.isFlawed("getUpdateProgress"))
-        worker.found(404, "getUpdateProgress is missing");
+        worker.found(FindingId::NoProgress, "getUpdateProgress is missing");
     worker.setContext(worker.job().caller, "");
     SameText identifier(worker, "getEMPID");
     SameText version(worker, "getActiveVersion");
@@ -217,4 +222,4 @@ Answers askQuestions(Supervisor& supervisor, Report& report)
     }
     return answers;
 }
-} // namespace examiner
+} // namespace fwmod::examiner

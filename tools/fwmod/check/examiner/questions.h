@@ -2,10 +2,10 @@
 #ifndef EXAMINER_QUESTIONS_H
 #define EXAMINER_QUESTIONS_H
 
-#include "tools/fwmod/check/examiner/report.h"
 #include "tools/fwmod/check/examiner/supervisor.h"
+#include "tools/fwmod/check/protocol/report.h"
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 struct Answers {
@@ -18,6 +18,6 @@ struct Answers {
 // Goes on after a call that has ended the process, without that call.
 Answers askQuestions(Supervisor& supervisor, Report& report);
 
-} // namespace examiner
+} // namespace fwmod::examiner
 
 #endif

@@ -1,8 +1,10 @@
 #include "tools/fwmod/check/examiner/supervisor.h"
 
+#include "common/json-text.h"
 #include "tools/fwmod/check/examiner/black-box.h"
 #include "tools/fwmod/check/examiner/process-state.h"
 #include "tools/fwmod/check/examiner/worker.h"
+#include "tools/fwmod/check/protocol/report.h"
 #include "vset/write-watch/write-watch.h"
 
 #include <algorithm>
@@ -23,7 +25,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 namespace
@@ -225,14 +227,14 @@ void Run::receive()
         return;
     }
     text.resize(static_cast<std::size_t>(length));
-    Json::Value message;
-    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    if (!reader->parse(text.data(), text.data() + text.size(), &message, nullptr))
-        return; // from the library, which is not to know this channel
-    if (message.isMember("finding"))
-        session_.findings.push_back({message["finding"].asUInt(), message["detail"].asString()});
-    else
-        session_.told[message["key"].asString()] = message["value"];
+    if (const std::optional<Finding> finding = readFinding(text)) {
+        session_.findings.push_back(*finding);
+        return;
+    }
+    const std::optional<Json::Value> message = common::parseJsonObject(text);
+    if (message && (*message)["key"].isString()) { // else from the library, which is not to know this channel
+        session_.told[(*message)["key"].asString()] = (*message)["value"];
+    }
 }
 
 void Run::watchWrite()
@@ -281,16 +283,18 @@ void explainDeath(Session& session, const BlackBox& box, const std::string& said
     const std::string quoted = said.empty() ? "" : "; its last words: " + said;
     if (box.closedBy[0] != '\0') {
         session.lastCall = box.closedBy;
-        session.death = Finding{313, session.lastCall + " closed one that was open before it"};
+        session.death = Finding{FindingId::ForeignDescriptorsClosed,
+                                session.lastCall + " closed one that was open before it"};
         return;
     }
     if (box.threadEnded) {
-        session.death = Finding{304, call + " ended the thread that called it (pthread_exit)"};
+        session.death =
+            Finding{FindingId::ProcessEnded, call + " ended the thread that called it (pthread_exit)"};
         return;
     }
     if (!WIFSIGNALED(box.status)) {
-        session.death =
-            Finding{304, call + " ended the process with status " + std::to_string(WEXITSTATUS(box.status))};
+        session.death = Finding{FindingId::ProcessEnded, call + " ended the process with status " +
+                                                             std::to_string(WEXITSTATUS(box.status))};
         return;
     }
     const int signal = WTERMSIG(box.status);
@@ -298,11 +302,12 @@ void explainDeath(Session& session, const BlackBox& box, const std::string& said
     session.wasGuardHit = box.guardHit;
     const std::string words = box.lastWords[0] != '\0' ? std::string(": ") + box.lastWords : "";
     if (box.guardHit)
-        session.death = Finding{204, call + words};
+        session.death = Finding{FindingId::OutsideOfBuffer, call + words};
     else if (signal == SIGABRT && !box.terminated && !isDamageReport(said))
-        session.death = Finding{304, call + " called abort" + quoted};
+        session.death = Finding{FindingId::ProcessEnded, call + " called abort" + quoted};
     else
-        session.death = Finding{302, call + " was ended by SIG" + signalName(signal) + words + quoted};
+        session.death =
+            Finding{FindingId::Crash, call + " was ended by SIG" + signalName(signal) + words + quoted};
 }
 } // namespace
 
@@ -322,7 +327,8 @@ Session Supervisor::run(Machine& machine, const Script& script, const Watch& wat
     if (run.overrun()) {
         session.lastCall = *run.overrun();
         session.wasHang = true;
-        session.death = Finding{301, session.lastCall + " had not returned when its time was over"};
+        session.death =
+            Finding{FindingId::Hang, session.lastCall + " had not returned when its time was over"};
     } else {
         session.lastCall =
             run.box().calls[0].deadline != 0 ? run.box().calls[0].name : run.box().calls[1].name;
@@ -330,4 +336,4 @@ Session Supervisor::run(Machine& machine, const Script& script, const Watch& wat
     }
     return session;
 }
-} // namespace examiner
+} // namespace fwmod::examiner

@@ -3,9 +3,9 @@
 #ifndef EXAMINER_SUPERVISOR_H
 #define EXAMINER_SUPERVISOR_H
 
-#include "tools/fwmod/check/examiner/finding.h"
-#include "tools/fwmod/check/examiner/job.h"
 #include "tools/fwmod/check/examiner/machine.h"
+#include "tools/fwmod/check/protocol/findings.h"
+#include "tools/fwmod/check/protocol/job.h"
 
 #include <cstdint>
 #include <functional>
@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 class Worker;
@@ -69,6 +69,6 @@ private:
     unsigned int calls_ = 0;
 };
 
-} // namespace examiner
+} // namespace fwmod::examiner
 
 #endif

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <fstream>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 namespace fs = std::filesystem;
@@ -48,33 +48,37 @@ void judgeProgress(const Session& session, Report& report)
     const double slowest = progress["slowest"].asDouble();
     const bool waited = slowest > kBlocked && slowest > duration / 2;
     if (waited || slowest > kSlowProgress)
-        report.add({407, "a call took " + inSeconds(slowest) + " of the update's " + inSeconds(duration)});
+        report.add({FindingId::ProgressWaits,
+                    "a call took " + inSeconds(slowest) + " of the update's " + inSeconds(duration)});
     const int samples = progress["samples"].asInt();
     const int failures = progress["failures"].asInt();
     if (failures > samples)
-        report.add({404, "getUpdateProgress failed at " + std::to_string(failures) + " of " +
-                             std::to_string(failures + samples) + " looks during the update"});
+        report.add({FindingId::NoProgress, "getUpdateProgress failed at " + std::to_string(failures) +
+                                               " of " + std::to_string(failures + samples) +
+                                               " looks during the update"});
     else if (samples >= kFewSamples && progress["values"].asInt() == 1)
-        report.add({404, "it told " + progress["last"].asString() + " at each of " + std::to_string(samples) +
-                             " looks during the update"});
+        report.add({FindingId::NoProgress, "it told " + progress["last"].asString() + " at each of " +
+                                               std::to_string(samples) + " looks during the update"});
     if (!progress["fall"].asString().empty())
-        report.add({405, progress["fall"].asString()});
+        report.add({FindingId::FallingProgress, progress["fall"].asString()});
     if (progress["highest"].asUInt() > 100)
-        report.add({406, "it told " + progress["highest"].asString() + " during the update"});
+        report.add(
+            {FindingId::ProgressOver100, "it told " + progress["highest"].asString() + " during the update"});
 }
 
 void judgeDuration(const Session& session, const Job& job, Report& report)
 {
     const double duration = session.told["duration"].asDouble();
     const auto proposal = std::max(static_cast<unsigned int>(std::ceil(duration * kExpectedMargin)), 1U);
-    report.measure("duration", duration);
-    report.measure("proposedExpectedTime", proposal);
+    report.measured.duration = duration;
+    report.measured.proposedExpectedTime = proposal;
     if (duration < kTooFast)
-        report.add({403, "doUpdate returned 0 after " + inSeconds(duration)});
+        report.add({FindingId::UpdateTooFast, "doUpdate returned 0 after " + inSeconds(duration)});
     const double ownTime = std::max(duration - session.watchDelay, 0.0);
     if (!job.isExternal && ownTime > job.expectedTime)
-        report.add({408, "it took " + inSeconds(duration) + ", and " + std::to_string(job.expectedTime) +
-                             " s are expected; proposed: " + std::to_string(proposal) + " s"});
+        report.add({FindingId::ExpectedTimeTooShort,
+                    "it took " + inSeconds(duration) + ", and " + std::to_string(job.expectedTime) +
+                        " s are expected; proposed: " + std::to_string(proposal) + " s"});
 }
 
 // What is wrong with the version that a session has told after an update. A library may spell it in another
@@ -88,10 +92,11 @@ std::optional<Finding> wrongVersion(const Json::Value& told, const std::string& 
     const bool isNewerStill = told.isMember("verdict") && told["verdict"].asInt() > 0;
     const std::string newer = isNewerStill ? "; checkVersion says that it is newer still" : "";
     if (version == *job.version && isNewerStill)
-        return Finding{207, "getActiveVersion told " + quote(version) + newer};
+        return Finding{FindingId::InstalledIsNewer, "getActiveVersion told " + quote(version) + newer};
     if (version != *job.version && (!isSame || version == before))
-        return Finding{409, "getActiveVersion told " + quote(version) + ", and " + quote(*job.version) +
-                                " was written" + newer};
+        return Finding{FindingId::WrongVersionAfterwards, "getActiveVersion told " + quote(version) +
+                                                              ", and " + quote(*job.version) +
+                                                              " was written" + newer};
     return std::nullopt;
 }
 
@@ -107,19 +112,21 @@ Session lookAgain(Supervisor& supervisor, Machine& machine)
 bool judgeWrites(const Session& session, const Machine& machine, std::size_t stateBefore, Report& report)
 {
     const Writes& writes = session.writes;
-    report.measure("writes", writes.during);
+    report.measured.writes = writes.during;
     if (writes.late > 0) {
-        report.add({402, std::to_string(writes.during) + " writes before it returned, and more afterwards"});
+        report.add({FindingId::ImageNotWritten,
+                    std::to_string(writes.during) + " writes before it returned, and more afterwards"});
         return false;
     }
     if (writes.during > 0)
         return true;
     if (machine.stateOfHardware() != stateBefore) {
-        report.note("The hardware is written through mapped memory or by renaming alone: such writes cannot "
-                    "be watched, so no power was cut.");
+        report.notes.emplace_back(
+            "The hardware is written through mapped memory or by renaming alone: such writes cannot "
+            "be watched, so no power was cut.");
         return false;
     }
-    report.add({402, "no write was seen, and nothing under /var/lib has changed"});
+    report.add({FindingId::ImageNotWritten, "no write was seen, and nothing under /var/lib has changed"});
     return false;
 }
 
@@ -173,16 +180,17 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
         return update;
     update.isAnswered = true;
     if (session.told["result"].asInt() != 0) {
-        report.add({401, "doUpdate returned " + session.told["result"].asString() +
-                             ", errno: " + errorName(session.told["error"].asInt())});
+        report.add(
+            {FindingId::SoundImageRefused, "doUpdate returned " + session.told["result"].asString() +
+                                               ", errno: " + errorName(session.told["error"].asInt())});
         return update;
     }
     const bool isWritten = judgeWrites(session, machine, stateBefore, report);
-    if (report.has(402))
+    if (report.has(FindingId::ImageNotWritten))
         return update; // the rest would only follow from it
     judgeProgress(session, report);
     judgeDuration(session, job, report);
-    const bool isVersionTold = !answers.version.empty() && !report.has(210);
+    const bool isVersionTold = !answers.version.empty() && !report.has(FindingId::ChangingAnswer);
     const std::optional<Finding> wrong =
         isVersionTold ? wrongVersion(session.told, update.before, job) : std::nullopt;
     if (wrong)
@@ -194,9 +202,9 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
     const std::optional<Finding> wrongAgain =
         isVersionTold ? wrongVersion(again.told, update.before, job) : std::nullopt;
     if (!wrong && wrongAgain)
-        report.add({wrongAgain->number, "after a new start, " + wrongAgain->detail});
+        report.add({wrongAgain->id, "after a new start, " + wrongAgain->detail});
     update.after = again.told["version"].asString();
-    report.measure("versionAfter", update.after);
+    report.measured.versionAfter = update.after;
     update.isUsable = isWritten && isVersionTold && !session.death && !again.death;
     return update;
 }
@@ -226,8 +234,8 @@ struct Refusal {
     std::string where; // in words, behind "doUpdate"
     std::string image;
     unsigned long checksum;
-    unsigned int finding; // when it is accepted; 0: it may be
-    fs::path otherImages; // seen instead of those that the set has
+    std::optional<FindingId> finding; // when it is accepted; nothing: it may be
+    fs::path otherImages;             // seen instead of those that the set has
 };
 
 // The same files with one byte of each image inverted in its middle.
@@ -253,16 +261,17 @@ std::vector<Refusal> refusals(const Job& job, const Machine& scratch)
         const fs::path damaged = scratch.file("/damaged");
         fs::create_directory(none);
         damageImages(job.imageDirectory, damaged);
-        return {{"without an image", job.image, 0, 411, none},
-                {"of a damaged image", job.image, 0, 410, damaged}};
+        return {{"without an image", job.image, 0, FindingId::AbsentImageAccepted, none},
+                {"of a damaged image", job.image, 0, FindingId::WrongChecksumAccepted, damaged}};
     }
     const std::string absent = fs::path(job.image).parent_path() / "absent.bin";
+    const std::optional<FindingId> wrong = FindingId::WrongChecksumAccepted;
     // 0 is a checksum like any other; only one that is wrong is tried.
-    return {{"with the checksum 0", job.image, 0, job.checksum == 0 ? 0U : 410U, {}},
-            {"with a checksum that is one more", job.image, (job.checksum + 1) & 0xffffffff, 410, {}},
-            {"with a checksum whose highest bit differs", job.image, job.checksum ^ 0x80000000, 410, {}},
-            {"of a file that is not there", absent, job.checksum, 411, {}},
-            {"with the library's name and 0", job.name, 0, 0, {}}};
+    return {{"with the checksum 0", job.image, 0, job.checksum == 0 ? std::nullopt : wrong, {}},
+            {"with a checksum that is one more", job.image, (job.checksum + 1) & 0xffffffff, wrong, {}},
+            {"with a checksum whose highest bit differs", job.image, job.checksum ^ 0x80000000, wrong, {}},
+            {"of a file that is not there", absent, job.checksum, FindingId::AbsentImageAccepted, {}},
+            {"with the library's name and 0", job.name, 0, std::nullopt, {}}};
 }
 
 // The old firmware must still be told, in the same process and after a new start.
@@ -275,10 +284,11 @@ void judgeOldFirmware(Supervisor& supervisor, Machine& machine, const Session& s
     const Session again = lookAgain(supervisor, machine);
     for (const Session* look : {&session, &again}) {
         if (!look->told.isMember("version") || look->told["version"].asString() != before) {
-            report.add({413, "after " + what + ", the version is " +
-                                 (look->told.isMember("version") ? quote(look->told["version"].asString())
-                                                                 : "not told") +
-                                 " instead of " + quote(before)});
+            report.add(
+                {FindingId::OldFirmwareGone,
+                 "after " + what + ", the version is " +
+                     (look->told.isMember("version") ? quote(look->told["version"].asString()) : "not told") +
+                     " instead of " + quote(before)});
             return;
         }
     }
@@ -305,7 +315,7 @@ void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
         tellVersion(worker, "after a refused update");
     });
     for (const Finding& finding : session.findings) {
-        if (finding.number != 201) // of the version after it: see below
+        if (finding.id != FindingId::QuestionFailed) // of the version after it: see below
             report.add(finding);
     }
     if (session.death) {
@@ -316,12 +326,13 @@ void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
     if (!session.told.isMember("result"))
         return;
     if (session.told["result"].asInt() == 0) {
-        if (refusal.finding != 0)
-            report.add({refusal.finding, what + " returned 0"});
+        if (refusal.finding)
+            report.add({*refusal.finding, what + " returned 0"});
         return;
     }
     if (session.told["error"].asInt() == 0)
-        report.add({412, what + " returned " + session.told["result"].asString() + " and left errno 0"});
+        report.add({FindingId::SilentFailure,
+                    what + " returned " + session.told["result"].asString() + " and left errno 0"});
     judgeOldFirmware(supervisor, machine, session, what, report);
 }
 } // namespace
@@ -364,7 +375,7 @@ std::vector<Data> impossibleData(const Job& job)
                              {"no data", "", 0, true},
                              {"one byte", noise(1), 1, true},
                              {"noise", noise(4096), 4096, true}};
-    if (!job.hasImage)
+    if (!job.hasImage())
         return all;
     std::ifstream file(job.image, std::ios::binary);
     std::string image{std::istreambuf_iterator<char>(file), {}};
@@ -379,7 +390,7 @@ Finding explainDeath(const Session& session, const Data& data)
 {
     const bool isUnsurvived = session.wasCrash && entryPointOf(session.lastCall) == "doUpdate_decryption" &&
                               data.isImpossible && !(session.wasGuardHit && data.length > 0);
-    return isUnsurvived ? Finding{414, session.death->detail} : *session.death;
+    return isUnsurvived ? Finding{FindingId::ImpossibleDataAccepted, session.death->detail} : *session.death;
 }
 
 void tryData(Supervisor& supervisor, const Data& data, Report& report)
@@ -404,7 +415,7 @@ void tryData(Supervisor& supervisor, const Data& data, Report& report)
     });
     const std::string what = "doUpdate_decryption(" + data.what + ")";
     for (const Finding& finding : session.findings) {
-        if (finding.number != 201)
+        if (finding.id != FindingId::QuestionFailed)
             report.add(finding);
     }
     if (session.death)
@@ -412,11 +423,12 @@ void tryData(Supervisor& supervisor, const Data& data, Report& report)
     if (session.death || !session.told.isMember("result") || !data.isImpossible)
         return;
     if (session.told["result"].asInt() == 0) {
-        report.add({414, what + " returned 0"});
+        report.add({FindingId::ImpossibleDataAccepted, what + " returned 0"});
         return;
     }
     if (session.told["error"].asInt() == 0)
-        report.add({412, what + " returned " + session.told["result"].asString() + " and left errno 0"});
+        report.add({FindingId::SilentFailure,
+                    what + " returned " + session.told["result"].asString() + " and left errno 0"});
     judgeOldFirmware(supervisor, machine, session, what, report);
 }
 } // namespace
@@ -428,4 +440,4 @@ void refuseData(Supervisor& supervisor, Report& report)
     for (const Data& data : impossibleData(supervisor.job()))
         tryData(supervisor, data, report);
 }
-} // namespace examiner
+} // namespace fwmod::examiner

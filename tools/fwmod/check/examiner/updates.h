@@ -4,10 +4,10 @@
 #define EXAMINER_UPDATES_H
 
 #include "tools/fwmod/check/examiner/questions.h"
-#include "tools/fwmod/check/examiner/report.h"
 #include "tools/fwmod/check/examiner/supervisor.h"
+#include "tools/fwmod/check/protocol/report.h"
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 // What the power cuts are compared with.
@@ -31,6 +31,6 @@ void refuseData(Supervisor& supervisor, Report& report);
 // scripts.
 void tellVersion(Worker& worker, const std::string& where);
 
-} // namespace examiner
+} // namespace fwmod::examiner
 
 #endif

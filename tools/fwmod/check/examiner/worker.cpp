@@ -1,7 +1,9 @@
 #include "tools/fwmod/check/examiner/worker.h"
 
+#include "common/json-text.h"
 #include "tools/fwmod/check/examiner/guarded-buffer.h"
 #include "tools/fwmod/check/examiner/process-state.h"
+#include "tools/fwmod/check/protocol/report.h"
 
 #include <algorithm>
 #include <atomic>
@@ -17,7 +19,7 @@
 #include <unistd.h>
 #include <vector>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 using namespace std::chrono_literals;
@@ -122,21 +124,15 @@ std::string entryPointOf(const std::string& call)
 
 namespace
 {
-void sendMessage(int channel, const Json::Value& message)
+void sendMessage(int channel, const std::string& text)
 {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    const std::string text = Json::writeString(writer, message);
     send(channel, text.data(), text.size(), MSG_NOSIGNAL);
 }
 } // namespace
 
-void Worker::found(unsigned int number, const std::string& detail) const
+void Worker::found(FindingId id, const std::string& detail) const
 {
-    Json::Value message;
-    message["finding"] = number;
-    message["detail"] = detail;
-    sendMessage(channel_, message);
+    sendMessage(channel_, lineOf(Finding{id, detail}));
 }
 
 void Worker::tell(const std::string& key, const Json::Value& value) const
@@ -144,10 +140,20 @@ void Worker::tell(const std::string& key, const Json::Value& value) const
     Json::Value message;
     message["key"] = key;
     message["value"] = value;
-    sendMessage(channel_, message);
+    sendMessage(channel_, common::compactJson(message));
 }
 
 // ---- One call ----
+
+std::chrono::milliseconds updateLimit(const Job& job)
+{
+    // The real duration is to be known, also of an update that takes twice as long as expected.
+    const std::chrono::milliseconds patience = std::chrono::seconds(2 * job.expectedTime + 10);
+    if (job.measured <= 0) {
+        return patience;
+    }
+    return std::min(patience, std::chrono::milliseconds(static_cast<int>(4000 * job.measured) + 5000));
+}
 
 bool Worker::isSuspect(const std::string& call) const
 {
@@ -208,14 +214,14 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
         const int error = errno;
         returned = Returned{result, error, stopwatch.read()};
     } catch (const std::exception& error) {
-        found(303, name + " threw: " + error.what());
+        found(FindingId::Exception, name + " threw: " + error.what());
     } catch (...) {
-        found(303, name + " threw something that is no std::exception");
+        found(FindingId::Exception, name + " threw something that is no std::exception");
     }
     requireOwnDescriptors(name);
     const ProcessState after = before.settled();
     for (const Finding& change : before.changesIn(after))
-        found(change.number, name + ": " + change.detail);
+        found(change.id, name + ": " + change.detail);
     return returned;
 }
 
@@ -233,8 +239,8 @@ bool Worker::repeat(const std::string& name, int times, const std::function<bool
     }
     const std::size_t last = openDescriptors();
     if (time > settled && last > first)
-        found(310, name + ": " + std::to_string(last - first) + " more after " +
-                       std::to_string(time - settled) + " calls");
+        found(FindingId::DescriptorsLeft, name + ": " + std::to_string(last - first) + " more after " +
+                                              std::to_string(time - settled) + " calls");
     return true;
 }
 
@@ -269,11 +275,12 @@ bool Worker::load()
         if (isThere || mangled != job_.mangled.end())
             flawed_.insert(entryPoint);
         if (isThere)
-            found(105, entryPoint);
+            found(FindingId::NullEntryPoint, entryPoint);
         else if (mangled != job_.mangled.end())
-            found(104, std::string(entryPoint) + " is exported as " + mangled->second);
+            found(FindingId::MangledEntryPoint,
+                  std::string(entryPoint) + " is exported as " + mangled->second);
         else if (isRequired)
-            found(103, entryPoint);
+            found(FindingId::MissingEntryPoint, entryPoint);
     };
     take(setContext_, "setContext", true);
     take(getEMPID_, "getEMPID", true);
@@ -291,22 +298,22 @@ void Worker::explainLoadError(const std::string& error) const
 {
     struct Kind {
         const char* words; // of the dynamic loader
-        unsigned int finding;
+        FindingId finding;
     };
-    constexpr Kind kKinds[] = {{"undefined symbol", 106},
-                               {"file too short", 101},
-                               {"invalid ELF", 101},
-                               {"wrong ELF class", 101},
-                               {"only ET_DYN", 101},
-                               {"cannot read file data", 101},
-                               {"position-independent executable", 101},
-                               {"ELF load command", 101},
-                               {"ELF file's phentsize", 101}};
+    constexpr Kind kKinds[] = {{"undefined symbol", FindingId::UndefinedSymbols},
+                               {"file too short", FindingId::NoSharedLibrary},
+                               {"invalid ELF", FindingId::NoSharedLibrary},
+                               {"wrong ELF class", FindingId::NoSharedLibrary},
+                               {"only ET_DYN", FindingId::NoSharedLibrary},
+                               {"cannot read file data", FindingId::NoSharedLibrary},
+                               {"position-independent executable", FindingId::NoSharedLibrary},
+                               {"ELF load command", FindingId::NoSharedLibrary},
+                               {"ELF file's phentsize", FindingId::NoSharedLibrary}};
     for (const Kind& kind : kKinds) {
         if (error.find(kind.words) != std::string::npos)
             return found(kind.finding, error);
     }
-    found(107, error);
+    found(FindingId::NotLoaded, error);
 }
 
 bool Worker::has(const char* entryPoint) const
@@ -329,12 +336,13 @@ namespace
 std::optional<std::string> takeText(const Worker& worker, const std::string& name, const GuardedBuffer& out)
 {
     if (out.isTouchedBefore()) {
-        worker.found(204, name + ": bytes before its buffer were changed");
+        worker.found(FindingId::OutsideOfBuffer, name + ": bytes before its buffer were changed");
         return std::nullopt;
     }
     if (!out.isTerminated()) {
-        worker.found(203, name + " left no zero byte in " + std::to_string(TARNWICK_CONTROL_TEXT_SIZE) +
-                              " bytes, which begin with " + quote(out.text()));
+        worker.found(FindingId::UnterminatedText, name + " left no zero byte in " +
+                                                      std::to_string(TARNWICK_CONTROL_TEXT_SIZE) +
+                                                      " bytes, which begin with " + quote(out.text()));
         return std::nullopt;
     }
     return out.text();
@@ -345,7 +353,7 @@ void complainOfFailure(const Worker& worker, const std::string& name, const Retu
     std::string detail = name + " returned " + std::to_string(returned.result);
     if (returned.error != 0)
         detail += std::string(" (errno: ") + strerrordesc_np(returned.error) + ")";
-    worker.found(201, detail);
+    worker.found(FindingId::QuestionFailed, detail);
 }
 
 // A number that a question has written: nothing, and a finding, when it has not.
@@ -353,10 +361,10 @@ template <typename T>
 std::optional<T> takeNumber(const Worker& worker, const std::string& name, GuardedBuffer& out)
 {
     if (out.isTouchedBefore())
-        worker.found(204, name + ": bytes before its result were changed");
+        worker.found(FindingId::OutsideOfBuffer, name + ": bytes before its result were changed");
     if (!out.isAll(GuardedBuffer::kPoison))
         return *out.as<T>();
-    worker.found(205, name + " returned 0 and wrote no result");
+    worker.found(FindingId::UnwrittenAnswer, name + " returned 0 and wrote no result");
     return std::nullopt;
 }
 } // namespace
@@ -397,7 +405,7 @@ std::optional<std::string> Worker::identifier(const std::string& where)
         return std::nullopt;
     }
     if (out.isAll(0)) {
-        found(205, name + " returned 0 and wrote no identifier");
+        found(FindingId::UnwrittenAnswer, name + " returned 0 and wrote no identifier");
         return std::nullopt;
     }
     return takeText(*this, name, out);
@@ -415,12 +423,12 @@ std::optional<std::string> Worker::activeVersion(const std::string& where)
         return std::nullopt;
     }
     if (out.isAll(GuardedBuffer::kPoison)) {
-        found(205, name + " returned 0 and wrote no version");
+        found(FindingId::UnwrittenAnswer, name + " returned 0 and wrote no version");
         return std::nullopt;
     }
     const std::optional<std::string> version = takeText(*this, name, out);
     if (version && version->empty()) {
-        found(206, name + " returned 0 and an empty text");
+        found(FindingId::EmptyVersion, name + " returned 0 and an empty text");
         return std::nullopt;
     }
     return version;
@@ -441,7 +449,7 @@ std::optional<Worker::Verdict> Worker::checkVersion(const std::string& version, 
     if (!verdict)
         return std::nullopt;
     if (*verdict < TARNWICK_CONTROL_VERDICT_OLDER || *verdict > TARNWICK_CONTROL_VERDICT_NEWER)
-        found(208, name + " wrote " + std::to_string(*verdict));
+        found(FindingId::OddVerdict, name + " wrote " + std::to_string(*verdict));
     return Verdict{0, *verdict};
 }
 
@@ -468,12 +476,14 @@ std::optional<unsigned int> Worker::progress(const std::string& where)
     if (!returned)
         return std::nullopt;
     if (returned->result != 0) {
-        found(404, name + " returned " + std::to_string(returned->result) + " while no update ran");
+        found(FindingId::NoProgress,
+              name + " returned " + std::to_string(returned->result) + " while no update ran");
         return std::nullopt;
     }
     const std::optional<unsigned int> percent = takeNumber<unsigned int>(*this, name, out);
     if (percent && *percent > 100)
-        found(406, name + " told " + std::to_string(*percent) + " while no update ran");
+        found(FindingId::ProgressOver100,
+              name + " told " + std::to_string(*percent) + " while no update ran");
     return percent;
 }
 
@@ -485,7 +495,7 @@ void Worker::allUpdateDone(const std::string& where)
         return;
     char text[64];
     std::snprintf(text, sizeof text, " took %.1f s", returned->taken.count());
-    found(416, name + text);
+    found(FindingId::SlowAllUpdateDone, name + text);
 }
 
 // ---- Updates ----
@@ -499,7 +509,7 @@ std::optional<Returned> Worker::decrypt(const std::string& data, int length, con
     std::optional<Returned> returned;
     std::thread([&] {
         const CallingThread self(0);
-        returned = call(name, job_.updateLimit(),
+        returned = call(name, updateLimit(job_),
                         [&] { return doUpdateDecryption_(content.as<unsigned char>(), length); });
     }).join();
     return returned;
@@ -527,10 +537,10 @@ std::optional<Returned> Worker::update(const Update& update)
             int result = 0;
             const double begin = whole.read().count();
             try {
-                const CallMark mark(pollName.c_str(), job_.updateLimit() + kQuestionLimit);
+                const CallMark mark(pollName.c_str(), updateLimit(job_) + kQuestionLimit);
                 result = getUpdateProgress_(out.as<unsigned int>());
             } catch (...) {
-                found(303, pollName + " threw");
+                found(FindingId::Exception, pollName + " threw");
                 return;
             }
             const double taken = whole.read().count() - begin;
@@ -543,7 +553,7 @@ std::optional<Returned> Worker::update(const Update& update)
     };
     const auto write = [&] {
         const CallingThread self(0);
-        returned = call(name, job_.updateLimit(), [&] {
+        returned = call(name, updateLimit(job_), [&] {
             box_.phase = BlackBox::kRunning;
             const int result = doUpdate_(image.as<char>(), update.checksum);
             const int error = errno;
@@ -573,4 +583,4 @@ std::optional<Returned> Worker::update(const Update& update)
         tell("progress", progress.toJson());
     return returned;
 }
-} // namespace examiner
+} // namespace fwmod::examiner

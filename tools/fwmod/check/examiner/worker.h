@@ -5,7 +5,8 @@
 #define EXAMINER_WORKER_H
 
 #include "tools/fwmod/check/examiner/black-box.h"
-#include "tools/fwmod/check/examiner/job.h"
+#include "tools/fwmod/check/protocol/findings.h"
+#include "tools/fwmod/check/protocol/job.h"
 
 #include <chrono>
 #include <functional>
@@ -18,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-namespace examiner
+namespace fwmod::examiner
 {
 
 struct Returned {
@@ -35,7 +36,7 @@ public:
     const Job& job() const { return job_; }
 
     // To the supervisor.
-    void found(unsigned int number, const std::string& detail) const;
+    void found(FindingId id, const std::string& detail) const;
     void tell(const std::string& key, const Json::Value& value) const;
 
     // False when the daemon would not have the library.
@@ -103,12 +104,15 @@ private:
     tarnwick_getUpdateProgress_fn* getUpdateProgress_ = nullptr;
 };
 
+// How long a doUpdate may take before it counts as hanging.
+std::chrono::milliseconds updateLimit(const Job& job);
+
 // "getActiveVersion" of "getActiveVersion on another thread".
 std::string entryPointOf(const std::string& call);
 
 // A text for reports: quoted, cut, and without what a terminal would take for something else.
 std::string quote(const std::string& text);
 
-} // namespace examiner
+} // namespace fwmod::examiner
 
 #endif

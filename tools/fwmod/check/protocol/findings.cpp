@@ -1,0 +1,68 @@
+#include "tools/fwmod/check/protocol/findings.h"
+
+#include <algorithm>
+
+namespace fwmod
+{
+
+namespace
+{
+constexpr const char* kChapters[] = {"Loading", "Questions and buffers", "Manners in a shared process",
+                                     "The update", "Power cuts"};
+
+unsigned int chapterOf(FindingId id)
+{
+    return static_cast<unsigned int>(id) / 100;
+}
+} // namespace
+
+const std::vector<FindingKind>& findingKinds()
+{
+    static const std::vector<FindingKind> kinds = {
+#define FINDING(number, name, severity, title, cause, cure)                                                  \
+    {FindingId::name, Severity::severity, title, cause, cure},
+#include "tools/fwmod/check/protocol/findings.inc"
+#undef FINDING
+    };
+    return kinds;
+}
+
+const FindingKind& findingKind(FindingId id)
+{
+    const std::vector<FindingKind>& kinds = findingKinds(); // has them all, because the ids come from it
+    return *std::find_if(kinds.begin(), kinds.end(), [id](const FindingKind& kind) { return kind.id == id; });
+}
+
+std::optional<FindingId> findingWithNumber(unsigned int number)
+{
+    for (const FindingKind& kind : findingKinds()) {
+        if (static_cast<unsigned int>(kind.id) == number) {
+            return kind.id;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string nameOf(FindingId id)
+{
+    return "F" + std::to_string(static_cast<unsigned int>(id));
+}
+
+std::string findingsDocument()
+{
+    std::string text = "# What fwmod check finds\n\n"
+                       "Made from the checker's own table with `fwmod check --list-findings`; do not edit.\n"
+                       "An error keeps a module from being updated or does harm; a warning does not.\n";
+    unsigned int chapter = 0;
+    for (const FindingKind& kind : findingKinds()) {
+        if (chapterOf(kind.id) != chapter) {
+            chapter = chapterOf(kind.id);
+            text += std::string("\n## ") + kChapters[chapter - 1] + "\n";
+        }
+        text += "\n### " + nameOf(kind.id) + ": " + kind.title + "\n\n";
+        text += kind.severity == Severity::Error ? "*Error.* " : "*Warning.* ";
+        text += std::string(kind.cause) + "\n\n**Cure.** " + kind.cure + "\n";
+    }
+    return text;
+}
+} // namespace fwmod

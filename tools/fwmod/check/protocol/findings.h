@@ -1,0 +1,46 @@
+// What "fwmod check" can find wrong with a control library: its numbers, and what there is to say about each.
+// All of it comes from findings.inc, so that a number cannot be mistyped and none is without its text.
+#ifndef FWMOD_CHECK_PROTOCOL_FINDINGS_H
+#define FWMOD_CHECK_PROTOCOL_FINDINGS_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace fwmod
+{
+
+enum class FindingId : unsigned int {
+#define FINDING(number, name, severity, title, cause, cure) name = number,
+#include "tools/fwmod/check/protocol/findings.inc"
+#undef FINDING
+};
+
+// Something found, and what exactly was seen.
+struct Finding {
+    FindingId id;
+    std::string detail;
+};
+
+enum class Severity { Error, Warning };
+
+struct FindingKind {
+    FindingId id;
+    Severity severity;
+    const char* title;
+    const char* cause;
+    const char* cure;
+};
+
+const std::vector<FindingKind>& findingKinds(); // by number
+const FindingKind& findingKind(FindingId id);
+std::optional<FindingId> findingWithNumber(unsigned int number);
+
+std::string nameOf(FindingId id); // "F204"
+
+// docs/findings.md.
+std::string findingsDocument();
+
+} // namespace fwmod
+
+#endif
