@@ -1,5 +1,6 @@
 #include "tools/fwmod/files.h"
 
+#include "common/file-copy.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/commands/command.h"
 
@@ -115,6 +116,18 @@ void requireRoomForSet(const fs::path& directory)
                               directory.parent_path().string() + ", where " +
                               std::to_string(room.available / kMegabyte) +
                               " MB are left: make room, or set TMPDIR to another directory");
+}
+
+void copyIntoSet(const fs::path& from, const fs::path& to)
+try {
+    fs::create_directories(to.parent_path());
+    common::copyTree(from, to);
+} catch (const fs::filesystem_error& error) {
+    const bool isSpecial = error.code() == std::errc::not_supported;
+    const fs::path& what = error.path1().empty() ? from : error.path1();
+    throw common::Failure(
+        "cannot copy " + what.string() + " into the set: " +
+        (isSpecial ? "it is no file, directory or link; take it away" : error.code().message()));
 }
 
 unsigned int imageChecksum(const fs::path& path)

@@ -18,6 +18,9 @@ void requireDirectory(const std::filesystem::path& path, const char* option);
 // Throws unless there is room for a virtual set in the directory for temporary files.
 void requireRoomForSet(const std::filesystem::path& directory);
 
+// A file, or a directory with all it holds, into a set; holes stay holes. Directories above `to` are made.
+void copyIntoSet(const std::filesystem::path& from, const std::filesystem::path& to);
+
 // The checksum that the daemon computes over the file.
 unsigned int imageChecksum(const std::filesystem::path& path);
 

@@ -138,21 +138,13 @@ fs::path TrialSet::file(const std::string& inside) const
 
 void TrialSet::add(const fs::path& from, const std::string& directory, const std::string& name)
 {
-    std::error_code error;
-    fs::create_directories(file(directory), error);
-    if (!error)
-        fs::copy(from, file(directory) / name, fs::copy_options::recursive, error);
-    if (error)
-        throw common::Failure("cannot copy " + from.string() + " into the set: " + error.message());
+    copyIntoSet(from, file(directory) / name);
 }
 
 void TrialSet::addHardware(const fs::path& from)
 {
     const fs::path hardware = file("/var/lib/hardware");
-    std::error_code error;
-    fs::copy(from, hardware, fs::copy_options::recursive, error);
-    if (error)
-        throw common::Failure("cannot copy " + from.string() + " into the set: " + error.message());
+    copyIntoSet(from, hardware);
     if (geteuid() == 0 && !isRootless_)
         giveAway(hardware, kUpdateUser, kSystemGroup);
 }

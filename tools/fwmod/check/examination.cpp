@@ -42,15 +42,6 @@ std::string libraryName(const fs::path& file)
 
 // ---- The set ----
 
-void copyInto(const fs::path& from, const fs::path& to)
-{
-    std::error_code error;
-    fs::create_directories(to.parent_path(), error);
-    fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::overwrite_existing, error);
-    if (error)
-        throw common::Failure("cannot copy " + from.string() + " into the set: " + error.message());
-}
-
 void giveToDaemon(const fs::path& directory)
 {
     if (geteuid() != 0)
@@ -120,10 +111,10 @@ void Examination::makeSet()
     runProgram({vsetProgram(), "new", "--bare", set_}, "the kit");
     const std::string name = libraryName(request_.library);
     const std::string library = "/prd/usr/fwupdate/controls/" + name + ".so";
-    copyInto(request_.library, inSet(library));
+    copyIntoSet(request_.library, inSet(library));
     fs::permissions(inSet(library), fs::perms(0755));
     if (!request_.hardware.empty()) {
-        copyInto(request_.hardware, inSet("/var/lib/hardware"));
+        copyIntoSet(request_.hardware, inSet("/var/lib/hardware"));
         giveToDaemon(inSet("/var/lib/hardware"));
     }
     job_.name = name;
@@ -177,7 +168,7 @@ void Examination::addFirmware()
     const std::string name = fs::canonical(request_.firmware).filename();
     const std::string directory = "/usr/lib/firmware/ext/" + name;
     const std::string image = name + ".bin";
-    copyInto(request_.firmware, set_ / directory.substr(1));
+    copyIntoSet(request_.firmware, set_ / directory.substr(1));
     job_.imageDirectory = directory;
     if (job_.isExternal) {
         job_.image = job_.name;

@@ -1,5 +1,8 @@
 #include "tools/fwmod/check/examiner/machine.h"
 
+#include "common/file-copy.h"
+
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -56,7 +59,7 @@ void copyEntry(const fs::path& from, const fs::path& to)
     else if (fs::is_symlink(status))
         fs::copy_symlink(from, to);
     else if (fs::is_regular_file(status))
-        fs::copy_file(from, to);
+        common::copyFile(from, to);
     else
         return; // a socket or a pipe: nothing that a power cut leaves
     struct stat file = {};
@@ -87,6 +90,15 @@ void becomeDaemon()
     check(setresgid(user->pw_gid, user->pw_gid, user->pw_gid), "cannot change the group");
     check(setresuid(user->pw_uid, user->pw_uid, user->pw_uid), "cannot change the user");
     check(prctl(PR_SET_DUMPABLE, 1, 0, 0, 0), "cannot be looked at");
+}
+
+std::string contentOf(const fs::path& file)
+{
+    std::ifstream in(file, std::ios::binary | std::ios::ate);
+    std::string content(static_cast<std::size_t>(std::max<std::streamoff>(in.tellg(), 0)), '\0');
+    in.seekg(0);
+    in.read(content.data(), static_cast<std::streamsize>(content.size()));
+    return content;
 }
 
 pid_t cloneWithNamespaces()
@@ -153,8 +165,7 @@ std::size_t Machine::stateOfHardware() const
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(file("/var/lib"), gone)) {
         std::string text = entry.path();
         if (entry.is_regular_file(gone)) {
-            std::ifstream in(entry.path(), std::ios::binary);
-            text.append(std::istreambuf_iterator<char>(in), {});
+            text += contentOf(entry.path());
         }
         state += std::hash<std::string>()(text); // a sum: the order of a directory's entries does not count
     }
