@@ -1,13 +1,15 @@
 #include "fw-update-mount-manager.h"
 
 #include <boost/filesystem.hpp>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <fstream>
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "fw-update-file.h"
 #include "fw-update-log.h"
 #include "ps_mount.h"
 
@@ -146,7 +148,9 @@ bool loop_mount(const char* file, const char* dest, const char* options)
 
 int countMountedLoopDevices()
 {
-    std::ifstream mounts("/proc/mounts");
+    std::string text;
+    readWhole("/proc/mounts", SIZE_MAX, text);
+    std::istringstream mounts(text);
     int count = 0;
     for (std::string line; std::getline(mounts, line);) {
         count += startsWith(line, "/dev/loop") ? 1 : 0;

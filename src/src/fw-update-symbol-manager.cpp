@@ -4,10 +4,10 @@
 #include <boost/filesystem.hpp>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <cxxabi.h>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <semaphore.h>
@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "flagpost.h"
+#include "fw-update-file.h"
 #include "fw-update-log.h"
 #include "pwrctl.h"
 #include "sysprop.h"
@@ -403,7 +404,7 @@ int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& taskRunning)
         FWLOGE("fail check_race_condition\n");
         return -1;
     }
-    std::ofstream list(kUpdateListPath, std::ios::trunc); // a list that cannot be written changes no result
+    const File list = openToReplace(kUpdateListPath); // one that cannot be written changes no result
     int count = 0;
     for (FWUpdateSymbol& module : firmwareItems) {
         if (!taskRunning) {
@@ -418,7 +419,9 @@ int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& taskRunning)
             continue;
         }
         count += (newerBuiltin ? 1 : 0) + (newerPackage ? 1 : 0);
-        list << module.libName << " " << module.EMPName << "\n";
+        if (list) {
+            fprintf(list.get(), "%s %s\n", module.libName.c_str(), module.EMPName.c_str());
+        }
         FWLOGE("Need Update [%s][%s]", module.libName.c_str(), module.EMPName.c_str());
     }
     return count;

@@ -21,6 +21,7 @@
 #include <utility>
 
 #include "appbinary_manager.h"
+#include "fw-update-file.h"
 #include "fw-update-log.h"
 #include "fw-update-mount-manager.h"
 
@@ -29,11 +30,6 @@ namespace
 
 constexpr const char* kPackageDirectory = "/opt/usr/apps/appbinarymanager/";
 constexpr const char* kPackageMountDirectory = "/opt/usr/apps/appbinarymanager/emps/";
-
-struct FileCloser {
-    void operator()(FILE* file) const { fclose(file); }
-};
-using File = std::unique_ptr<FILE, FileCloser>; // closed on every exit
 
 } // namespace
 
@@ -249,9 +245,13 @@ namespace
 
 bool readJson(const std::string& path, Json::Value& root)
 {
+    constexpr size_t kLimit = 1 << 20; // no maker means more, and memory is scarce on a set
     try {
-        std::ifstream file(path, std::ios::binary);
-        return file && Json::parseFromStream(Json::CharReaderBuilder(), file, &root, nullptr);
+        static const Json::CharReaderBuilder builder; // costs more than to read a file with it
+        const std::unique_ptr<Json::CharReader> reader{builder.newCharReader()};
+        std::string text;
+        return readWhole(path, kLimit, text) &&
+               reader->parse(text.data(), text.data() + text.size(), &root, nullptr);
     } catch (const std::exception&) { // nested beyond the reader's limit
         return false;
     }
@@ -373,7 +373,7 @@ bool FWUpdateSymbol::getUsbMountPath(std::string& out)
 
 unsigned int FWUpdateSymbol::getBinaryCRC32(const std::string& path)
 {
-    const File file{fopen(path.c_str(), "r")};
+    const File file = openToRead(path);
     if (!file) {
         FWLOGE("Error: binary file is NULL\n");
         return 0;
@@ -703,7 +703,7 @@ bool openUsbImage(FWUpdateSymbol& module, const unsigned char* ckey, const char*
         return false;
     }
     const std::string path = directory + module.firmwareName + ".bin";
-    image.file.reset(fopen(path.c_str(), "rb"));
+    image.file = openToRead(path);
     if (!image.file) {
         FWLOGE("Error: %s %s", path.c_str(), wording.notOpened);
         return false;

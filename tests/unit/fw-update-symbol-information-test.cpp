@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <random>
 #include <string>
+#include <sys/stat.h>
 
 #include "set-test.h"
 
@@ -316,6 +317,35 @@ protected:
     }
 };
 
+// What would never end, or hold its reader until somebody writes.
+TEST_F(FWUpdateSymbolUnreadable, AFifoFailsAtOnce)
+{
+    ASSERT_EQ(mkfifo(kPath, 0600), 0);
+    expectFailure(kPath);
+}
+
+TEST_F(FWUpdateSymbolUnreadable, ALinkToADeviceFails)
+{
+    fs::create_symlink("/dev/zero", kPath);
+    expectFailure(kPath);
+}
+
+TEST_F(FWUpdateSymbolUnreadable, MoreThanAMebibyteFailsAndChangesNothing)
+{
+    module.information.version = "old";
+    const std::string json = R"({"version": "1.2"})";
+    writeFile(kPath, json + std::string((1 << 20) + 1 - json.size(), ' '));
+    expectFailure(kPath);
+    EXPECT_EQ(information().version, "old");
+}
+
+TEST_F(FWUpdateSymbolInformation, MayHaveAMebibyte)
+{
+    const std::string json = R"({"version": "1.2"})";
+    EXPECT_TRUE(load(json + std::string((1 << 20) - json.size(), ' ')));
+    EXPECT_EQ(information().version, "1.2");
+}
+
 TEST_F(FWUpdateSymbolUnreadable, AMissingFileFails)
 {
     expectFailure("/tmp/missing.json");
@@ -599,6 +629,20 @@ TEST_F(FWUpdateSymbolChecksum, OfADirectoryIsThatOfNothing)
 {
     EXPECT_EQ(module.getBinaryCRC32("/tmp"), 0u);
     EXPECT_THAT(platform.log(), IsEmpty());
+}
+
+TEST_F(FWUpdateSymbolChecksum, OfAFifoIsZeroAtOnce)
+{
+    ASSERT_EQ(mkfifo(kPath, 0600), 0);
+    EXPECT_EQ(module.getBinaryCRC32(kPath), 0u);
+    EXPECT_THAT(platform.log(), ElementsAre(error("Error: binary file is NULL\n")));
+}
+
+TEST_F(FWUpdateSymbolChecksum, OfALinkToADeviceIsZero)
+{
+    fs::create_symlink("/dev/zero", kPath);
+    EXPECT_EQ(module.getBinaryCRC32(kPath), 0u);
+    EXPECT_THAT(platform.log(), ElementsAre(error("Error: binary file is NULL\n")));
 }
 
 class FWUpdateSymbolChecksumOfSize : public FWUpdateSymbolChecksum, public testing::WithParamInterface<size_t>

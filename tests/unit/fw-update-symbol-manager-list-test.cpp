@@ -1,6 +1,12 @@
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <sys/stat.h>
+#include <tuple>
+#include <unistd.h>
+#include <utility>
 
 #include "manager-test.h"
 
@@ -13,6 +19,27 @@ using testing::Not;
 namespace
 {
 
+std::function<void()> afterNextLook; // at a path, by this program
+
+} // namespace
+
+// The moment between the look at the list's place and its opening belongs to the test.
+extern "C" int lstat(const char* path, struct stat* status) noexcept
+{
+    using Look = int(const char*, struct stat*);
+    static auto* const look = reinterpret_cast<Look*>(dlsym(RTLD_NEXT, "lstat"));
+    const int result = look(path, status);
+    const int reason = errno;
+    if (const auto action = std::exchange(afterNextLook, nullptr)) {
+        action();
+    }
+    errno = reason;
+    return result;
+}
+
+namespace
+{
+
 class FWUpdateSymbolManagerList : public ManagerTest
 {
 protected:
@@ -20,6 +47,22 @@ protected:
     {
         bool isRunning = true;
         return manager.writeFirmwareUpdateList(isRunning);
+    }
+
+    // How often this process has the file open, and how often a program that it starts would have.
+    static std::pair<int, int> descriptorsOf(const std::string& path)
+    {
+        int open = 0;
+        int inherited = 0;
+        for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+            std::error_code closedMeanwhile;
+            if (fs::read_symlink(entry.path(), closedMeanwhile) == path) {
+                const int flags = fcntl(std::stoi(entry.path().filename()), F_GETFD);
+                ++open;
+                inherited += (flags & FD_CLOEXEC) == 0 ? 1 : 0;
+            }
+        }
+        return {open, inherited};
     }
 
     // A module with an image in both sources and a verdict on each.
@@ -97,6 +140,56 @@ TEST_F(FWUpdateSymbolManagerList, CountsSilentlyWhenTheFileCannotBeWritten)
     EXPECT_TRUE(fs::is_directory(kListPath));
     EXPECT_THAT(managerLines(), ElementsAre(error("Need Update [tuner][empTuner]")));
     fs::remove(kListPath);
+}
+
+TEST_F(FWUpdateSymbolManagerList, LeavesTheTargetOfALinkAloneThatIsPlacedAfterTheLook)
+{
+    writeFile("/tmp/target", "precious");
+    addModuleWithVerdicts("tuner", "empTuner", 1, 1);
+    afterNextLook = [] { fs::create_symlink("/tmp/target", kListPath); };
+    EXPECT_EQ(write(), 2);
+    EXPECT_EQ(readFile("/tmp/target"), "precious");
+    EXPECT_THAT(managerLines(), ElementsAre(error("Need Update [tuner][empTuner]")));
+}
+
+TEST_F(FWUpdateSymbolManagerList, MakesNoFileThroughALinkThatIsPlacedAfterTheLook)
+{
+    fs::remove("/tmp/target");
+    afterNextLook = [] { fs::create_symlink("/tmp/target", kListPath); };
+    EXPECT_EQ(write(), 0);
+    EXPECT_FALSE(exists("/tmp/target"));
+}
+
+TEST_F(FWUpdateSymbolManagerList, DoesNotWaitForTheReaderOfAFifoInItsPlace)
+{
+    ASSERT_EQ(mkfifo(kListPath, 0600), 0);
+    addModuleWithVerdicts("tuner", "empTuner", 1, 1);
+    EXPECT_EQ(write(), 2);
+    EXPECT_TRUE(fs::is_fifo(kListPath));
+}
+
+TEST_F(FWUpdateSymbolManagerList, GivesTheReaderOfAFifoInItsPlaceNothing)
+{
+    ASSERT_EQ(mkfifo(kListPath, 0600), 0);
+    const int reader = open(kListPath, O_RDONLY | O_NONBLOCK);
+    addModuleWithVerdicts("tuner", "empTuner", 1, 1);
+    EXPECT_EQ(write(), 2);
+    char byte = 0;
+    EXPECT_EQ(read(reader, &byte, 1), 0);
+    close(reader);
+}
+
+TEST_F(FWUpdateSymbolManagerList, IsClosedInAProgramThatALibraryStarts)
+{
+    TestModule tuner = addModuleWithVerdicts("tuner", "empTuner", 1, 1);
+    int inherited = -1;
+    int open = 0;
+    tuner.library.answers.onCall = [&](const std::string&) {
+        std::tie(open, inherited) = descriptorsOf(kListPath);
+    };
+    write();
+    EXPECT_EQ(open, 1);
+    EXPECT_EQ(inherited, 0);
 }
 
 // ---- Content and count ----

@@ -1,0 +1,130 @@
+// What the daemon opens, and what it takes for not there.
+#include "fw-update-file.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "set-test.h"
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+const std::string kPath = "/tmp/opened";
+
+class FWUpdateFile : public testing::Test
+{
+protected:
+    void SetUp() override { fs::remove_all(kPath); }
+
+    static bool isInherited(const File& file)
+    {
+        return (fcntl(fileno(file.get()), F_GETFD) & FD_CLOEXEC) == 0;
+    }
+    static std::ptrdiff_t openDescriptors()
+    {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    }
+    static void makeSocket()
+    {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        kPath.copy(address.sun_path, sizeof address.sun_path - 1);
+        const int socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        ASSERT_EQ(bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        close(socket);
+    }
+};
+
+TEST_F(FWUpdateFile, IsReadThroughALink)
+{
+    writeFile("/tmp/target", "text");
+    fs::create_symlink("/tmp/target", kPath);
+    std::string text;
+    EXPECT_TRUE(readWhole(kPath, 4, text));
+    EXPECT_EQ(text, "text");
+}
+
+TEST_F(FWUpdateFile, IsReadAcrossTheBordersOfItsChunks)
+{
+    const std::string content = std::string(4096, 'a') + std::string(4096, 'b') + "c";
+    writeFile(kPath, content);
+    std::string text;
+    EXPECT_TRUE(readWhole(kPath, content.size(), text));
+    EXPECT_EQ(text, content);
+    EXPECT_FALSE(readWhole(kPath, content.size() - 1, text));
+}
+
+TEST_F(FWUpdateFile, OfNoSizeIsReadAsFarAsItGoes)
+{
+    std::string text;
+    EXPECT_TRUE(readWhole("/proc/self/comm", SIZE_MAX, text));
+    EXPECT_EQ(text, "fw-update-file-\n"); // cut by the kernel
+}
+
+TEST_F(FWUpdateFile, ThatIsADirectoryOpensAndIsEmpty)
+{
+    std::string text;
+    EXPECT_TRUE(openToRead("/tmp"));
+    EXPECT_TRUE(readWhole("/tmp", SIZE_MAX, text));
+    EXPECT_EQ(text, "");
+}
+
+TEST_F(FWUpdateFile, OfAnotherKindDoesNotOpenAndStaysClosed)
+{
+    const std::ptrdiff_t before = openDescriptors();
+    EXPECT_FALSE(openToRead("/dev/zero"));
+    EXPECT_FALSE(openToRead("/dev/null"));
+    ASSERT_EQ(mkfifo(kPath.c_str(), 0600), 0);
+    EXPECT_FALSE(openToRead(kPath));
+    fs::remove(kPath);
+    makeSocket();
+    EXPECT_FALSE(openToRead(kPath));
+    EXPECT_FALSE(openToReplace(kPath));
+    EXPECT_FALSE(openToReplace("/dev/null"));
+    EXPECT_FALSE(openToReplace("/tmp"));
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(FWUpdateFile, IsMadeOrEmptiedToBeReplaced)
+{
+    for (const char* content : {"a longer text", "text"}) {
+        const File file = openToReplace(kPath);
+        ASSERT_TRUE(file);
+        fputs(content, file.get());
+        fflush(file.get());
+        EXPECT_EQ(readFile(kPath), content);
+    }
+}
+
+TEST_F(FWUpdateFile, IsNotReplacedThroughALink)
+{
+    writeFile("/tmp/target", "precious");
+    fs::create_symlink("/tmp/target", kPath);
+    EXPECT_FALSE(openToReplace(kPath));
+    EXPECT_EQ(readFile("/tmp/target"), "precious");
+}
+
+TEST_F(FWUpdateFile, IsMadeWithTheRightsThatTheProcessGives)
+{
+    const mode_t usual = umask(027);
+    const File file = openToReplace(kPath);
+    umask(usual);
+    struct stat status;
+    ASSERT_EQ(stat(kPath.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0640u);
+}
+
+TEST_F(FWUpdateFile, IsKeptFromOtherPrograms)
+{
+    EXPECT_FALSE(isInherited(openToReplace(kPath)));
+    EXPECT_FALSE(isInherited(openToRead(kPath)));
+}
+
+} // namespace
