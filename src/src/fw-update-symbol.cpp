@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <boost/crc.hpp>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +20,7 @@
 #include <utility>
 
 #include "appbinary_manager.h"
+#include "fw-update-checksum.h"
 #include "fw-update-file.h"
 #include "fw-update-log.h"
 #include "fw-update-mount-manager.h"
@@ -378,12 +378,12 @@ unsigned int FWUpdateSymbol::getBinaryCRC32(const std::string& path)
         FWLOGE("Error: binary file is NULL\n");
         return 0;
     }
-    boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> crc;
+    uint32_t checksum = 0;
     unsigned char chunk[32768];
     while (const size_t count = fread(chunk, 1, sizeof chunk, file.get())) {
-        crc.process_bytes(chunk, count);
+        checksum = extendChecksum(checksum, chunk, count);
     }
-    return crc.checksum();
+    return checksum;
 }
 
 bool FWUpdateSymbol::file_exists(const std::string& path)
