@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
-#include <fstream>
 #include <json/json.h>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -559,7 +559,7 @@ int FWUpdateSymbol::reportWrite(int result)
 // A file: 16 bytes of initialisation vector, AES-256-CBC ciphertext, and a trailer that belongs to the
 // signature library. Its plaintext: 64 bytes of version header, then the payload.
 
-unsigned char* cipher_buf_all = nullptr;
+std::atomic<unsigned char*> cipher_buf_all{nullptr};
 
 namespace
 {
@@ -602,10 +602,14 @@ struct CipherContextFree {
 };
 using CipherContext = std::unique_ptr<EVP_CIPHER_CTX, CipherContextFree>;
 
-// Zero-filled and never released. Never smaller than a header and a cipher block, which callers read
-// whatever the file held. Most of a decryption's time is page faults here: huge pages save them.
+// Zero-filled and never released; null for a size below zero. Never smaller than a header and a cipher block,
+// which callers read whatever the file held. Most of a decryption's time is page faults here: huge pages save
+// them.
 unsigned char* allocateOutput(int total)
 {
+    if (total < 0) {
+        return nullptr;
+    }
     const size_t size = static_cast<size_t>(std::max(total, kHeaderSize + EVP_MAX_BLOCK_LENGTH));
     auto* const output = static_cast<unsigned char*>(calloc(size, 1));
     const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
@@ -642,9 +646,12 @@ unsigned char* aes_256_cbc_all(FILE* in, const unsigned char* key, const unsigne
     if (!chunk || !cipher) {
         return nullptr;
     }
-    EVP_CipherInit_ex(cipher.get(), EVP_aes_256_cbc(), nullptr, key, iv, enc);
-    cipher_buf_all = allocateOutput(total);
-    if (cipher_buf_all == nullptr) {
+    if (EVP_CipherInit_ex(cipher.get(), EVP_aes_256_cbc(), nullptr, key, iv, enc) != 1) {
+        return nullptr;
+    }
+    unsigned char* const output = allocateOutput(total);
+    cipher_buf_all = output;
+    if (output == nullptr) {
         return nullptr;
     }
     const int64_t limit = static_cast<int64_t>(total) - kTrailerSize;
@@ -656,17 +663,17 @@ unsigned char* aes_256_cbc_all(FILE* in, const unsigned char* key, const unsigne
         const int64_t beyond = std::max<int64_t>(readSoFar - limit, 0);
         const int64_t feed = static_cast<int64_t>(count) - beyond;
         int step = 0; // stays 0 when the cipher refuses: it then leaves the length alone
-        if (feed > 0 && EVP_CipherUpdate(cipher.get(), cipher_buf_all + produced, &step, chunk.get(),
+        if (feed > 0 && EVP_CipherUpdate(cipher.get(), output + produced, &step, chunk.get(),
                                          static_cast<int>(feed)) == 1) {
             produced += step;
         }
     }
     int step = 0;
-    if (EVP_CipherFinal_ex(cipher.get(), cipher_buf_all + produced, &step) == 1) {
+    if (EVP_CipherFinal_ex(cipher.get(), output + produced, &step) == 1) {
         produced += step; // a wrong key shows as a padding error and adds nothing
     }
     outLength = produced;
-    return cipher_buf_all;
+    return output;
 }
 
 namespace
@@ -683,12 +690,22 @@ constexpr UsbWording kInstall{"file open", "file "};
 // An image up to its decrypted header. The header is terminated, since a library may read it as a text.
 struct UsbImage {
     File file;
-    int size = 0;
+    int size = 0; // -1 when an int cannot hold it
     unsigned char iv[kIvSize] = {};
     char header[kHeaderSize + 1] = {};
     unsigned char* plain = nullptr;
     int plainLength = 0;
 };
+
+// 0 when nothing can be learned.
+int sizeOf(const std::string& path)
+{
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) {
+        return 0;
+    }
+    return status.st_size <= std::numeric_limits<int>::max() ? static_cast<int>(status.st_size) : -1;
+}
 
 // Opens the module's image, has its signature judged, tells the library who asks, and reads the IV.
 bool openUsbImage(FWUpdateSymbol& module, const unsigned char* ckey, const char* directory,
@@ -714,8 +731,7 @@ bool openUsbImage(FWUpdateSymbol& module, const unsigned char* ckey, const char*
     }
     char emptyContext[] = "";
     module.setContext(FW_CALLER_USB_IMAGE, emptyContext);
-    struct stat status = {};
-    image.size = stat(path.c_str(), &status) == 0 ? static_cast<int>(status.st_size) : 0;
+    image.size = sizeOf(path);
     if (fread(image.iv, 1, kIvSize, image.file.get()) < kIvSize) {
         FWLOGE("Error: iv is worng");
         return false;
@@ -776,7 +792,7 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* image_path)
     if (!openUsbImage(*this, ckey, image_path, kInstall, image)) {
         return -1;
     }
-    if (!decryptUsbImage(ckey, std::max(image.size, 0) - kIvSize, image)) {
+    if (!decryptUsbImage(ckey, image.size - kIvSize, image)) {
         FWLOGE("Error: Decryption data is null");
         return -1;
     }

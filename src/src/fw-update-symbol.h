@@ -151,13 +151,14 @@ private:
 // True when "EXT-" stands anywhere in the name, in any case: the module is an external one.
 bool isExternalName(const std::string& name);
 
-// The output of the latest decryption. Nobody releases these buffers: each stays until the process ends.
-extern unsigned char* cipher_buf_all;
+// The output of the latest decryption, null when there was no memory for it. Nobody releases these buffers:
+// each stays until the process ends.
+extern std::atomic<unsigned char*> cipher_buf_all;
 
 // Runs AES-256-CBC (`enc` 0 decrypts, 1 encrypts) over the stream's next `total` bytes but the last 534, the
 // signature trailer. Returns the zero-filled output of at least 80 bytes, also kept in `cipher_buf_all`, and
-// its used length; null when there is no memory for it, with `outLength` untouched. `key` has 32 bytes,
-// `iv` 16.
+// its used length; null, with `outLength` untouched, when `total` is below 0, when there is no memory for it,
+// or when libcrypto has no such cipher. `key` has 32 bytes, `iv` 16. Any thread.
 unsigned char* aes_256_cbc_all(FILE* in, const unsigned char* key, const unsigned char* iv, int enc,
                                int total, int& outLength);
 

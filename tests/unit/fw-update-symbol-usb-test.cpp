@@ -4,12 +4,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <numeric>
 #include <openssl/evp.h>
 #include <random>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 #include "set-test.h"
@@ -19,6 +23,22 @@ namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
+
+namespace
+{
+
+bool isCipherRefused = false;
+
+} // namespace
+
+// libcrypto without memory, or without its default provider.
+extern "C" int EVP_CipherInit_ex(EVP_CIPHER_CTX* context, const EVP_CIPHER* type, ENGINE* engine,
+                                 const unsigned char* key, const unsigned char* iv, int enc)
+{
+    static auto* const init =
+        reinterpret_cast<decltype(&EVP_CipherInit_ex)>(dlsym(RTLD_NEXT, "EVP_CipherInit_ex"));
+    return isCipherRefused ? 0 : init(context, type, engine, key, iv, enc);
+}
 
 namespace
 {
@@ -88,16 +108,27 @@ protected:
         unsigned char* buffer;
     };
 
-    static Output run(const std::string& stream, int total, bool isEncrypting)
+    struct RawOutput {
+        unsigned char* buffer;
+        int length;
+    };
+    static constexpr int kUntouched = -4711;
+
+    static RawOutput runRaw(const std::string& stream, int total, bool isEncrypting = false)
     {
         const std::unique_ptr<FILE, int (*)(FILE*)> file(tmpfile(), &fclose);
         fwrite(stream.data(), 1, stream.size(), file.get());
         rewind(file.get());
-        int length = -1;
+        int length = kUntouched;
         unsigned char* const buffer =
             aes_256_cbc_all(file.get(), kKey, reinterpret_cast<const unsigned char*>(kIv.data()),
                             isEncrypting ? 1 : 0, total, length);
-        return {std::string(buffer, buffer + length), buffer};
+        return {buffer, length};
+    }
+    static Output run(const std::string& stream, int total, bool isEncrypting)
+    {
+        const RawOutput output = runRaw(stream, total, isEncrypting);
+        return {std::string(output.buffer, output.buffer + output.length), output.buffer};
     }
     // The bytes that are to be fed of a stream.
     static std::string body(const std::string& stream, int total)
@@ -174,9 +205,22 @@ TEST_F(AesStream, ZeroesTheHeaderOfAShortStream)
     EXPECT_EQ(std::string(output.buffer, output.buffer + kHeaderSize), header(""));
 }
 
-TEST_F(AesStream, BearsATotalBelowZero)
+// A size below zero cannot be allocated.
+TEST_F(AesStream, RefusesATotalBelowZeroAndLeavesTheLengthAlone)
 {
-    EXPECT_EQ(run(randomBytes(1000, 10), -16, false).bytes, "");
+    for (const int total : {-1, -16, std::numeric_limits<int>::min()}) {
+        EXPECT_EQ(runRaw(randomBytes(1000, 10), total).buffer, nullptr) << total;
+        EXPECT_EQ(runRaw(randomBytes(1000, 10), total).length, kUntouched) << total;
+    }
+}
+
+TEST_F(AesStream, IsNullWhenTheCipherCannotBeInitialised)
+{
+    isCipherRefused = true;
+    const RawOutput output = runRaw(randomBytes(1000, 10), 1000);
+    isCipherRefused = false;
+    EXPECT_EQ(output.buffer, nullptr);
+    EXPECT_EQ(output.length, kUntouched);
 }
 
 TEST_F(AesStream, StartsAtTheCurrentPosition)
@@ -384,6 +428,54 @@ TEST_P(FWUpdateSymbolUsbOpen, TakesWhatIsNamedAfterADirectoryWithoutItsSlash)
     writeFile("/opt/media/stickTuner.bin", encryptedImage(header("1.2")));
     run(kKey, "/opt/media/stick");
     EXPECT_EQ(recorder->calls().at(1), R"(checkVersion("1.2"))");
+}
+
+TEST_P(FWUpdateSymbolUsbOpen, OfAFifoFailsAtOnce)
+{
+    ASSERT_EQ(mkfifo(kImage.c_str(), 0600), 0);
+    EXPECT_EQ(run(), -1);
+    EXPECT_THAT(platform.log(), ElementsAre(error("Error: " + kImage + GetParam().notOpened)));
+}
+
+TEST_P(FWUpdateSymbolUsbOpen, OfALinkToADeviceFails)
+{
+    fs::create_symlink("/dev/zero", kImage);
+    EXPECT_EQ(run(), -1);
+    EXPECT_THAT(platform.log(), ElementsAre(error("Error: " + kImage + GetParam().notOpened)));
+}
+
+TEST_P(FWUpdateSymbolUsbOpen, KeepsTheImageFromAProgramThatTheLibraryStarts)
+{
+    writeFile(kImage, encryptedImage(header("1.2")));
+    int flags = 0;
+    recorder->answers.onCall = [&](const std::string& function) {
+        for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+            std::error_code closedMeanwhile;
+            if (function == "setContext" && fs::read_symlink(entry.path(), closedMeanwhile) == kImage) {
+                flags = fcntl(std::stoi(entry.path().filename()), F_GETFD);
+            }
+        }
+    };
+    run();
+    EXPECT_EQ(flags, FD_CLOEXEC);
+}
+
+// Handed to the library, a length beyond what an int holds would be another one.
+TEST_P(FWUpdateSymbolUsbOpen, OfAnImageThatIsTooLargeForALengthFails)
+{
+    const std::vector<LogLine> said = GetParam().run == &FWUpdateSymbol::updateUSB
+                                          ? std::vector{error("Error: Decryption data is null")}
+                                          : std::vector<LogLine>{};
+    for (const uintmax_t size : {uintmax_t{1} << 31, uintmax_t{3} << 30, uintmax_t{5} << 30}) {
+        platform.clearLog();
+        recorder->clearCalls();
+        writeFile(kImage, encryptedImage(header("1.2")));
+        fs::resize_file(kImage, size); // takes no room
+        EXPECT_EQ(run(), -1) << size;
+        EXPECT_EQ(logAfterSignature(), said) << size;
+        EXPECT_THAT(recorder->calls(), ElementsAre(R"(setContext("tuner", 3, ""))")) << size;
+    }
+    expectFieldsUnchanged();
 }
 
 TEST_P(FWUpdateSymbolUsbOpen, OfADirectoryFindsNoVector)
