@@ -38,29 +38,11 @@ constexpr const char* kPackageMountDirectory = "/opt/usr/apps/appbinarymanager/e
 namespace
 {
 
-// Keeps the slots and the header that module makers compile against at one meaning.
-template <typename Slot, typename EntryPoint>
-constexpr bool sameSignature = std::is_same_v<Slot, std::function<EntryPoint>>;
-static_assert(sameSignature<decltype(SYMFunction::setContext), tarnwick_setContext_fn>);
-static_assert(sameSignature<decltype(SYMFunction::getEMPID), tarnwick_getEMPID_fn>);
-static_assert(sameSignature<decltype(SYMFunction::getActiveVersion), tarnwick_getActiveVersion_fn>);
-static_assert(sameSignature<decltype(SYMFunction::checkVersion), tarnwick_checkVersion_fn>);
-static_assert(sameSignature<decltype(SYMFunction::doUpdate), tarnwick_doUpdate_fn>);
-static_assert(sameSignature<decltype(SYMFunction::allUpdateDone), tarnwick_allUpdateDone_fn>);
-static_assert(sameSignature<decltype(SYMFunction::doUpdate_decryption), tarnwick_doUpdate_decryption_fn>);
-static_assert(sameSignature<decltype(SYMFunction::getExpectedTime), tarnwick_getExpectedTime_fn>);
-static_assert(sameSignature<decltype(SYMFunction::getUpdateProgress), tarnwick_getUpdateProgress_fn>);
-
-template <typename Signature>
-void fillSlot(std::function<Signature>& slot, void* address)
-{
-    slot = reinterpret_cast<Signature*>(address); // a null address leaves the slot empty
-}
-
-template <auto slot>
+// Calls the library as the header that its maker compiles against says.
+template <auto slot, typename Function>
 void store(SYMFunction& functions, void* address)
 {
-    fillSlot(functions.*slot, address);
+    functions.*slot = reinterpret_cast<Function*>(address); // a null address leaves the slot empty
 }
 
 struct EntryPoint {
@@ -70,15 +52,15 @@ struct EntryPoint {
 };
 
 constexpr EntryPoint kEntryPoints[] = {
-    {"setContext", true, store<&SYMFunction::setContext>},
-    {"getEMPID", true, store<&SYMFunction::getEMPID>},
-    {"getActiveVersion", true, store<&SYMFunction::getActiveVersion>},
-    {"checkVersion", true, store<&SYMFunction::checkVersion>},
-    {"doUpdate", true, store<&SYMFunction::doUpdate>},
-    {"allUpdateDone", false, store<&SYMFunction::allUpdateDone>},
-    {"doUpdate_decryption", false, store<&SYMFunction::doUpdate_decryption>},
-    {"getExpectedTime", false, store<&SYMFunction::getExpectedTime>},
-    {"getUpdateProgress", false, store<&SYMFunction::getUpdateProgress>},
+    {"setContext", true, store<&SYMFunction::setContext, tarnwick_setContext_fn>},
+    {"getEMPID", true, store<&SYMFunction::getEMPID, tarnwick_getEMPID_fn>},
+    {"getActiveVersion", true, store<&SYMFunction::getActiveVersion, tarnwick_getActiveVersion_fn>},
+    {"checkVersion", true, store<&SYMFunction::checkVersion, tarnwick_checkVersion_fn>},
+    {"doUpdate", true, store<&SYMFunction::doUpdate, tarnwick_doUpdate_fn>},
+    {"allUpdateDone", false, store<&SYMFunction::allUpdateDone, tarnwick_allUpdateDone_fn>},
+    {"doUpdate_decryption", false, store<&SYMFunction::doUpdate_decryption, tarnwick_doUpdate_decryption_fn>},
+    {"getExpectedTime", false, store<&SYMFunction::getExpectedTime, tarnwick_getExpectedTime_fn>},
+    {"getUpdateProgress", false, store<&SYMFunction::getUpdateProgress, tarnwick_getUpdateProgress_fn>},
 };
 
 // Whether an entry point is there is told by the loader's error text, not by its address.

@@ -26,7 +26,7 @@ struct FWInformation {
 
 // The entry points of a control library, as tarnwick/control.h declares them; an absent one is empty.
 struct SYMFunction {
-    std::function<int(const char* name, int caller, char* context)> setContext;
+    std::function<int(const char* name, FWUpdateCallerTypes caller, char* context)> setContext;
     std::function<int(char* out)> getEMPID;
     std::function<int(char* out)> getActiveVersion;
     std::function<int(const char* version, int* result)> checkVersion;

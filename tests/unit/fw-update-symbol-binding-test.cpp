@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <type_traits>
 
 #include "set-test.h"
 
@@ -27,6 +28,10 @@ protected:
         return "Error: dlsym error: " + libraryPath + ": undefined symbol: " + entry + "\n";
     }
 };
+
+// Within the daemon a caller is a caller; the number is for the library's side of the border.
+static_assert(std::is_same_v<decltype(SYMFunction::setContext),
+                             std::function<int(const char*, FWUpdateCallerTypes, char*)>>);
 
 // ---- A new module ----
 
