@@ -2,11 +2,12 @@
 // lies, its checks and its update, from a package, the system image or an encrypted image on a USB stick.
 //
 // A module is made and loaded on the thread that builds the registry; afterwards one update worker at a time
-// drives it, and only its information record, which others read meanwhile, is behind a lock. Control
-// libraries are called from whichever thread that is.
+// drives it. What others read meanwhile is atomic or, the information record, behind a lock: a check or an
+// update that is late may still be at work. Control libraries are called from whichever thread that is.
 #ifndef FW_UPDATE_SYMBOL_H
 #define FW_UPDATE_SYMBOL_H
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -124,15 +125,15 @@ public:
     bool unmountEMPImage();
 
     bool isEMP = false;
-    bool needUpdate = false;
+    std::atomic<bool> needUpdate{false};
     bool usrControl;
-    uint32_t expectedUpdateTime = 0; // seconds
-    void* handle = nullptr;          // from dlopen, owned
+    std::atomic<uint32_t> expectedUpdateTime{0}; // seconds
+    void* handle = nullptr;                      // from dlopen, owned
     std::string libName;
     std::string EMPName;
     std::string firmwareName; // EMPName without its first "emp"
     std::string empImagePath;
-    UPDATE_TYPE updateType = UPDATE_TYPE_EMP;
+    std::atomic<UPDATE_TYPE> updateType{UPDATE_TYPE_EMP};
     FWInformation information;
     SYMFunction functions;
     uint32_t symbolType = 0; // 0 a module with a package, 1 an external one

@@ -127,6 +127,18 @@ TEST_F(FWUpdateSymbolCheck, OfAPackageMountsItAndLeavesItMounted)
     EXPECT_THAT(platform.log(), ElementsAre(kCheckTry, kNoMountPoint, kMountCommand));
 }
 
+// The thread sanitizer judges this one: a check may still run when the next run asks what is pending.
+TEST_F(FWUpdateSymbolCheck, MayRunWhileItsResultsAreAsked)
+{
+    writeBuiltIn(information("2.0"));
+    std::thread check([&] { EXPECT_EQ(module.isNeedUpdate(FW_CALLER_BUILTIN, empty), 1); });
+    while (!module.getNeedUpdate() || module.getExpectedUpdateTime() != 33 ||
+           module.getUpdateType() != UPDATE_TYPE_BUILTIN) {
+        std::this_thread::yield();
+    }
+    check.join();
+}
+
 TEST_F(FWUpdateSymbolCheck, OfAPackageThatIsMissingAsksTheLibraryNothing)
 {
     presetResults();

@@ -55,7 +55,7 @@ Json::Value checkModule(const ControlLibrary& library)
                 if (source.checkedByDaemon && module.symbolType == 0)
                     checkSource(module, source, telling);
             }
-            telling.put("pending", module.needUpdate);
+            telling.put("pending", module.getNeedUpdate());
             _exit(0);
         },
         kLimit);

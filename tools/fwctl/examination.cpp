@@ -63,12 +63,12 @@ bool isWorthTelling(FWUpdateSymbol& module, const ImageSource& source)
 
 void tellPending(const FWUpdateSymbol& module, Telling& telling)
 {
-    telling.put("pending", module.needUpdate);
-    if (!module.needUpdate)
+    telling.put("pending", module.getNeedUpdate());
+    if (!module.getNeedUpdate())
         return;
-    telling.put("pending_source", module.updateType == UPDATE_TYPE_BUILTIN ? "system" : "package");
+    telling.put("pending_source", module.getUpdateType() == UPDATE_TYPE_BUILTIN ? "system" : "package");
     telling.put("ui_use", module.information.ui_use);
-    telling.put("expected_time", module.expectedUpdateTime);
+    telling.put("expected_time", module.getExpectedUpdateTime());
 }
 
 // In the daemon's order: the second check starts from what the first has left in the module.
