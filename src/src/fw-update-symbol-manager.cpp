@@ -133,15 +133,12 @@ struct UpdateJob {
     }
 };
 
-// The update semaphore, taken; given back once, at the latest when the scope is left.
+// The update semaphore, taken; given back once, at the latest when the scope is left. One that could not be
+// taken is not given back: the update goes on without it.
 class UpdateTurn
 {
 public:
-    explicit UpdateTurn(sem_t* turn) : semaphore(turn)
-    {
-        while (sem_wait(semaphore) != 0 && errno == EINTR) {
-        }
-    }
+    explicit UpdateTurn(sem_t* turn) : semaphore(isTaken(turn) ? turn : nullptr) {}
     ~UpdateTurn() { giveBack(); }
     UpdateTurn(const UpdateTurn&) = delete;
     UpdateTurn& operator=(const UpdateTurn&) = delete;
@@ -155,6 +152,16 @@ public:
     }
 
 private:
+    static bool isTaken(sem_t* turn)
+    {
+        while (sem_wait(turn) != 0) {
+            if (errno != EINTR) {
+                return false;
+            }
+        }
+        return true;
+    }
+
     sem_t* semaphore;
 };
 

@@ -1,6 +1,7 @@
 // The wait for an update has no predicate: what becomes of a signal that comes too early, and of a wake-up
-// that nobody has signalled. Neither can be brought about from outside, so this program has the C library's
-// wait to itself.
+// that nobody has signalled; and the wait for the semaphore can fail. None of it can be brought about from
+// outside, so this program has the C library's waits to itself.
+#include <cerrno>
 #include <dlfcn.h>
 #include <functional>
 #include <pthread.h>
@@ -26,7 +27,21 @@ namespace
 // What the next wait of this thread does first; true: and that is all, it is over.
 thread_local std::function<bool()> beforeWait;
 
+// What the next wait for a semaphore fails with; 0: it does not.
+int semaphoreError = 0;
+
 } // namespace
+
+extern "C" int sem_wait(sem_t* semaphore)
+{
+    static auto* const wait = reinterpret_cast<int (*)(sem_t*)>(dlsym(RTLD_NEXT, "sem_wait"));
+    const int error = std::exchange(semaphoreError, 0);
+    if (error == 0) {
+        return wait(semaphore);
+    }
+    errno = error;
+    return -1;
+}
 
 extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                                       const timespec* deadline)
@@ -68,6 +83,14 @@ TEST_F(FWUpdateSymbolManagerWait, ThatEndsWithoutASignalCountsAsACompletion)
     EXPECT_EQ(semaphoreValue(), 1); // while the library still writes
     gate.open();
     EXPECT_TRUE(eventually([&] { return isLogged("Error: Tuner Firmware doUpdate Fail 7 (0:Success)"); }));
+}
+
+TEST_F(FWUpdateSymbolManagerWait, ForTheSemaphoreThatFailsGivesNothingBackThatWasNotTaken)
+{
+    TestModule tuner = addPending("tuner", "empTuner", 60);
+    semaphoreError = EINVAL;
+    EXPECT_EQ(manager.update_timeout_wrapper(tuner.module, 60, FW_CALLER_EMP, noContext), 0);
+    EXPECT_EQ(semaphoreValue(), 1); // a second holder would have a turn of its own
 }
 
 } // namespace
