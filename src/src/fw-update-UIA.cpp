@@ -85,7 +85,8 @@ gboolean state_wrapper_timer_cb(gpointer)
 gboolean FWUpdateUIA::FWSVC_state_handler(gpointer data)
 {
     FWUpdateUIA* const agent = agentOf(data);
-    FWLOGE("%d", static_cast<int>(agent->FWSVC_get_state()));
+    const int shown = agent->FWSVC_get_state();
+    FWLOGE("%d", shown);
     return agent->handleState(agent->FWSVC_get_state());
 }
 

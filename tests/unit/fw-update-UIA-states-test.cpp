@@ -51,6 +51,13 @@ TEST_F(FWUpdateUIAStates, BelongToTheOneAgentWhenTheHandlerIsGivenNone)
     EXPECT_EQ(state(), FWSVC_FINISH);
 }
 
+TEST_F(FWUpdateUIAStates, AreShownTheSameInBothLogs)
+{
+    platform.onLog([&](const std::string&) { agent.FWSVC_set_state(FWSVC_UI_SHOWN); });
+    EXPECT_TRUE(tickIn(FWSVC_WAIT_PKGMGR));
+    EXPECT_THAT(platform.log(), ElementsAre(error("6")));
+}
+
 // ---- 2 to 5: packages and list ----
 
 TEST_F(FWUpdateUIAStates, ShowTheRequestOfThePackages)
