@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <gio/gio.h>
-#include <thread>
 #include <unistd.h>
 
 #include "flagpost.h"
@@ -17,6 +16,7 @@
 #include "fw-update-log.h"
 #include "fw-update-symbol-manager.h"
 #include "fw-update-symbol.h"
+#include "fw-update-thread.h"
 #include "hangwatch.h"
 #include "pralis.h"
 #include "pwrctl.h"
@@ -67,13 +67,18 @@ bool isPowerOff(int32_t state)
     return state == 2 || state == 3 || state == 4;
 }
 
-void startStandbyUpdate()
+// False when there is no thread for it: the next standby tries again.
+bool startStandbyUpdate()
 {
     isUpdateRunning = true;
-    std::thread([] {
+    const bool isStarted = startThread([] {
         manager().doUpdateFirmwareAll(FW_CALLER_EMP);
         service_finalize();
-    }).detach();
+    });
+    if (!isStarted) {
+        isUpdateRunning = false;
+    }
+    return isStarted;
 }
 
 // Right after the boot every change of power ends the service: what is pending is left to its next start.
@@ -114,8 +119,7 @@ int pwrctl_state_changed_cb(pwrctl_state_info* info, void*)
     }
     if (previous == 0 && current == 2 && isStanbyUpdate == 1) {
         FWLOGE("prev_state [%d] cur_state[%d] try fw update", previous, current);
-        startStandbyUpdate();
-        isStanbyUpdate = 0;
+        isStanbyUpdate = startStandbyUpdate() ? 0 : 1;
     }
     return 0;
 }
@@ -189,6 +193,12 @@ void runBootWorker()
     agent().check_update_module(isTaskRunning);
 }
 
+// FALSE when it runs: a set that is short of threads may have one a moment later.
+gboolean startBootWorker(gpointer)
+{
+    return startThread(runBootWorker) ? FALSE : TRUE;
+}
+
 void register_callback()
 {
     if (pwrctl_subscribe_state_changed_event(pwrctl_state_changed_cb, nullptr) != 0) {
@@ -244,7 +254,9 @@ int main()
     if (service_initialize() != 0) {
         FWLOGE("Error: service_initialize fail!\n"); // and on: the worker ends the service in its own way
     }
-    std::thread(runBootWorker).detach();
+    if (startBootWorker(nullptr) == TRUE) {
+        g_timeout_add_seconds(1, startBootWorker, nullptr);
+    }
     FWLOGI("g_main loop running in main thread!\n");
     register_callback();
     g_main_loop_run(g_main_loop);

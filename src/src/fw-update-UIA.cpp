@@ -6,6 +6,7 @@
 #include "fw-update-log.h"
 #include "fw-update-symbol-manager.h"
 #include "fw-update-symbol.h"
+#include "fw-update-thread.h"
 #include "pwrctl.h"
 #include "tarnwick.h"
 
@@ -91,8 +92,8 @@ gboolean FWUpdateUIA::FWSVC_state_handler(gpointer data)
 }
 
 // A tick that falls before a started thread has moved the state repeats the action of 5, 7 and 11; threads
-// start within a tick, so this is known and left so. States that are not listed wait for a thread or for the
-// UI.
+// start within a tick, so this is known and left so. It is also how a thread that could not be started is
+// tried again. States that are not listed wait for a thread or for the UI.
 gboolean FWUpdateUIA::handleState(FWSVC now)
 {
     switch (now) {
@@ -135,7 +136,7 @@ gboolean FWUpdateUIA::onModulesChecked()
     if (uiModuleCount == 0) {
         return stopTimer();
     }
-    std::thread([this] { chk_pkgMgrReady(); }).detach();
+    startThread([this] { chk_pkgMgrReady(); });
     return TRUE;
 }
 
@@ -144,7 +145,7 @@ gboolean FWUpdateUIA::onPackageManagerChecked()
     if (!isUILaunchAllowed) {
         return stopTimer();
     }
-    std::thread([this] { launch_Device_Upgrade_UI(); }).detach();
+    startThread([this] { launch_Device_Upgrade_UI(); });
     return TRUE;
 }
 
@@ -153,7 +154,7 @@ void FWUpdateUIA::onAccepted()
     if (uiModuleCount == 0) {
         return;
     }
-    std::thread([this, count = uiModuleCount] { runUIUpdate(count); }).detach();
+    startThread([this, count = uiModuleCount] { runUIUpdate(count); });
 }
 
 void FWUpdateUIA::onUpdateDone()

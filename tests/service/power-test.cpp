@@ -1,4 +1,6 @@
 // Standby, the first ten minutes, switching on, mirroring, the factory, power-off.
+#include <sys/resource.h>
+
 #include "service-test.h"
 
 namespace service
@@ -21,6 +23,17 @@ protected:
     {
         tv.waitUntil([&] { return tv.said("========== [ alpha update start ] =========="); },
                      "the write begins");
+    }
+
+    // How many threads the daemon's user may have; the limit before.
+    rlimit limitThreads(const rlimit& limit)
+    {
+        const std::string status = tv.daemonStatus();
+        const size_t key = status.find("\nPid:");
+        rlimit before = {};
+        EXPECT_NE(key, std::string::npos);
+        EXPECT_EQ(prlimit(std::stoi(status.substr(key + 5)), RLIMIT_NPROC, &limit, &before), 0);
+        return before;
     }
 
     Json::Value reboots() { return tv.platform().snapshot()["reboots"]; }
@@ -92,6 +105,25 @@ TEST_F(Power, ASecondStandbyStartsNothingNew)
     expectEnd();
     EXPECT_EQ(tv.countOf(kTryUpdate), 1U);
     EXPECT_EQ(tv.countOf("Try doUpdateFirmwareAll"), 1U);
+    EXPECT_TRUE(wasWritten("alpha"));
+    EXPECT_THAT(reboots(), IsEmpty());
+}
+
+TEST_F(Power, AStandbyWithoutAThreadForItsUpdateLeavesItToTheNext)
+{
+    installPending("alpha");
+    startPending();
+    tv.jump(600);
+    const rlimit usual = limitThreads({1, RLIM_INFINITY});
+    tv.setPower(kStandby);
+    tv.waitForText(kTryUpdate);
+    tv.platform().setSetting(kMirroringKey, 2);
+    tv.waitForText(std::string("[") + kMirroringKey + "] pralis get value : [2]"); // behind the standby
+    limitThreads(usual);
+    tv.setPower(kNormal); // no update runs, so no reboot is asked for
+    tv.setPower(kStandby);
+    expectEnd();
+    EXPECT_EQ(tv.countOf(kTryUpdate), 2U);
     EXPECT_TRUE(wasWritten("alpha"));
     EXPECT_THAT(reboots(), IsEmpty());
 }

@@ -1,4 +1,5 @@
 #include <filesystem>
+#include <pthread.h>
 #include <string>
 #include <thread>
 #include <utility>
@@ -15,6 +16,25 @@ using testing::Pair;
 
 namespace
 {
+
+// As long as it lives the process has no thread to give: a new one's stack would not fit into memory.
+class NoThreads
+{
+public:
+    NoThreads()
+    {
+        pthread_getattr_default_np(&usual);
+        pthread_attr_t excessive = usual;
+        pthread_attr_setstacksize(&excessive, size_t{1} << 60);
+        pthread_setattr_default_np(&excessive);
+    }
+    ~NoThreads() { pthread_setattr_default_np(&usual); }
+    NoThreads(const NoThreads&) = delete;
+    NoThreads& operator=(const NoThreads&) = delete;
+
+private:
+    pthread_attr_t usual;
+};
 
 class FWUpdateUIAStates : public AgentTest
 {
@@ -147,6 +167,32 @@ TEST_F(FWUpdateUIAStates, LookForThePackageManagerWhenTheUIHasWork)
     EXPECT_TRUE(reaches(FWSVC_PKGMGR_CHECKED));
     EXPECT_EQ(during, FWSVC_WAIT_PKGMGR);
     EXPECT_EQ(serviceFinalizeCount(), 0);
+}
+
+TEST_F(FWUpdateUIAStates, LookForThePackageManagerAtTheNextTickWithoutAThreadForIt)
+{
+    addPending("tuner", "empTuner", 10, "select");
+    {
+        const NoThreads none;
+        EXPECT_TRUE(tickIn(FWSVC_MODULES_CHECKED));
+        EXPECT_EQ(state(), FWSVC_MODULES_CHECKED);
+    }
+    EXPECT_TRUE(tick());
+    EXPECT_TRUE(reaches(FWSVC_PKGMGR_CHECKED));
+}
+
+TEST_F(FWUpdateUIAStates, LaunchTheUIAtTheNextTickWithoutAThreadForIt)
+{
+    agent.chk_pkgMgrReady();
+    platform.answer("applaunch_create", -1); // ends the launch at once
+    {
+        const NoThreads none;
+        EXPECT_TRUE(tick());
+        EXPECT_EQ(state(), FWSVC_PKGMGR_CHECKED);
+        EXPECT_EQ(platform.countCalls("applaunch_create"), 0);
+    }
+    EXPECT_TRUE(tick());
+    EXPECT_TRUE(reaches(FWSVC_UI_LAUNCH_DONE));
 }
 
 TEST_F(FWUpdateUIAStates, ClaimTheWorkingStatusBeforeTheUIMayBeLaunched)
@@ -286,6 +332,21 @@ TEST_F(FWUpdateUIAStates, UpdateWhatTheUserAccepted)
     EXPECT_TRUE(reaches(FWSVC_UI_UPDATE_DONE));
     EXPECT_EQ(during, FWSVC_UI_UPDATING);
     EXPECT_THAT(platform.powerLocks(), ElementsAre(FieldsAre(0, 40000U)));
+}
+
+TEST_F(FWUpdateUIAStates, UpdateAtTheNextTickWithoutAThreadForIt)
+{
+    addPending("tuner", "empTuner", 10, "select");
+    countModules();
+    {
+        const NoThreads none;
+        EXPECT_TRUE(tickIn(FWSVC_UI_ACCEPTED));
+        EXPECT_EQ(state(), FWSVC_UI_ACCEPTED);
+        EXPECT_EQ(platform.setting(kStatusKey), std::nullopt);
+    }
+    EXPECT_TRUE(tick());
+    EXPECT_TRUE(reaches(FWSVC_UI_UPDATE_DONE));
+    EXPECT_TRUE(isLogged("========== [ Tuner update succeeded ] =========="));
 }
 
 TEST_F(FWUpdateUIAStates, TellTheUIOfTheUpdateBeforeItIsShown)
