@@ -149,6 +149,13 @@ gboolean notify_callback(gpointer)
     return TRUE;
 }
 
+// GLib would end the process by a signal together with the bus, in the middle of a write and past the one
+// exit; the service goes on without its name instead.
+void outliveBus(GDBusConnection* bus, const gchar*, gpointer)
+{
+    g_dbus_connection_set_exit_on_close(bus, FALSE);
+}
+
 int service_initialize()
 {
     constexpr int kWatchdogPeriod = 60;
@@ -159,7 +166,7 @@ int service_initialize()
     isFactoryProductionBooting = agent().Is_Factory_Prodution_Booting() ? 1 : 0;
     isTaskRunning = true;
     FWLOGD("start work (%s)!!", kBusName);
-    g_bus_own_name(G_BUS_TYPE_SYSTEM, kBusName, G_BUS_NAME_OWNER_FLAGS_NONE, nullptr, nullptr, nullptr,
+    g_bus_own_name(G_BUS_TYPE_SYSTEM, kBusName, G_BUS_NAME_OWNER_FLAGS_NONE, outliveBus, nullptr, nullptr,
                    nullptr, nullptr);
     FWLOGE("service initialize");
     initialize_time = get_current_time();
