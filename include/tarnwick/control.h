@@ -36,9 +36,10 @@
  *
  * A library must work when it is called on another thread than the one that loaded it. Loading, checks,
  * updates and notices each come from a different thread of the daemon, but one after the other for a given
- * module, with two exceptions: getUpdateProgress is called while doUpdate runs, and after a time-out (below)
- * anything may be. Make progress an atomic variable; guard the hardware with a mutex. Do not start threads
- * that outlive a call.
+ * module, with three exceptions: getUpdateProgress is called while doUpdate runs; allUpdateDone is called on
+ * the main thread when the set is switched off, also while a check or a write of the same module runs; and
+ * after a time-out (below) anything may be. Make progress an atomic variable; guard the hardware with a
+ * mutex, but let allUpdateDone not wait for it. Do not start threads that outlive a call.
  *
  *
  * Memory
@@ -155,8 +156,10 @@ TARNWICK_CONTROL_EXPORT int doUpdate(const char* name, unsigned long value);
 
 /*
  * Optional. Notice that the update pass is over, sent to every module, updated or not, also when nothing was
- * pending, possibly several times. It may come on the daemon's main thread, whose watchdog waits meanwhile:
- * return within a second.
+ * pending, possibly several times. When the set is switched off it comes on the daemon's main thread, whose
+ * watchdog waits meanwhile: return within a second. Then a check or a write of this very module may be at
+ * work on another thread, and the process ends right after the notice: it does not mean that the write is
+ * over, so release nothing that the write needs.
  */
 TARNWICK_CONTROL_EXPORT int allUpdateDone(void);
 

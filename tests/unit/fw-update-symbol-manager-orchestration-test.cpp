@@ -904,6 +904,27 @@ TEST_F(FWUpdateSymbolManagerNamed, HandlesEveryModuleOfThatNameAndReturnsTheLast
 
 class FWUpdateSymbolManagerNotice : public ManagerTest
 {
+protected:
+    // What a module was asked when another thread holds it in one of its functions, up to and with the
+    // notice.
+    std::vector<std::string> callsWithNoticeDuring(const std::string& held,
+                                                   const std::function<void()>& other)
+    {
+        Gate gate;
+        TestModule tuner = addPending("tuner", "empTuner", 60);
+        tuner.library.answers.onCall = [&](const std::string& function) {
+            if (function == held) {
+                gate.pass();
+            }
+        };
+        std::thread worker(other);
+        EXPECT_TRUE(eventually([&] { return gate.isReached(); }));
+        EXPECT_EQ(manager.allDoUpdateDone(), 0);
+        const std::vector<std::string> calls = tuner.library.calls();
+        gate.open();
+        worker.join();
+        return calls;
+    }
 };
 
 TEST_F(FWUpdateSymbolManagerNotice, GoesToEveryModuleBetweenTwoLines)
@@ -920,6 +941,24 @@ TEST_F(FWUpdateSymbolManagerNotice, GoesToEveryModuleBetweenTwoLines)
     EXPECT_EQ(manager.allDoUpdateDone(), 0);
     EXPECT_THAT(noticed, ElementsAre("tuner", "EXT-hdmi", "aaa"));
     EXPECT_THAT(platform.log(), ElementsAre(error("Try allDoUpdateDone"), error("allDoUpdateDone Done")));
+}
+
+TEST_F(FWUpdateSymbolManagerNotice, GoesAlsoToAModuleThatIsBeingChecked)
+{
+    const auto check = [&] { manager.firmwareItems.front().isNeedUpdate(FW_CALLER_EMP, noContext); };
+    EXPECT_THAT(callsWithNoticeDuring("checkVersion", check),
+                ElementsAre(R"(setContext("tuner", 2, ""))", R"(checkVersion("2.0"))", "allUpdateDone()"));
+}
+
+TEST_F(FWUpdateSymbolManagerNotice, GoesAlsoToAModuleThatIsBeingWritten)
+{
+    const auto write = [&] {
+        FWUpdateSymbol& tuner = manager.firmwareItems.front();
+        EXPECT_EQ(manager.update_timeout_wrapper(tuner, 60, FW_CALLER_EMP, noContext), 0);
+    };
+    EXPECT_THAT(callsWithNoticeDuring("doUpdate", write),
+                ElementsAre(R"(setContext("tuner", 2, ""))", R"(checkVersion("2.0"))",
+                            doUpdateOf("empTuner", "Tuner"), "allUpdateDone()"));
 }
 
 TEST_F(FWUpdateSymbolManagerNotice, PassesModulesByThatDoNotWantIt)
