@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <sys/stat.h>
 
 namespace fs = std::filesystem;
 
@@ -123,6 +124,31 @@ TEST_F(Check, WhatWasNotCheckedIsSaid)
     EXPECT_EQ(outcome.status, 0) << outcome.out;
     EXPECT_THAT(outcome.out,
                 HasSubstr("Note: No image was given, so doUpdate was not called: give --package IMG"));
+}
+
+// script(1) of util-linux gives it a terminal.
+TEST_F(Check, ResultHasALineOfItsOwnOnATerminal)
+{
+    for (const std::string columns : {"40", "80", "200"}) {
+        const std::string command = "stty cols " + columns + "; '" FWMOD "' check '" +
+                                    (kExamples / "tuner.so").string() + "' --hardware '" + kHardware + "'";
+        const Outcome outcome =
+            runProgram({"env", "TMPDIR=" + directory.path().string(), "script", "-qec", command, "/dev/null"},
+                       directory.path());
+        EXPECT_EQ(outcome.status, 0) << outcome.out;
+        EXPECT_THAT(outcome.out, HasSubstr("questions and an update"));
+        EXPECT_THAT(outcome.out, HasSubstr("\r\033[KChecked with ")) << "the line of progress is not cleared";
+    }
+}
+
+TEST_F(Check, PipeAmongTheHardwareIsNamed)
+{
+    fs::create_directory(directory / "hardware");
+    ASSERT_EQ(mkfifo((directory / "hardware/chip").c_str(), 0600), 0);
+    const Outcome outcome = check({kExamples / "tuner.so", "--hardware", "hardware"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("cannot copy hardware/chip into the set: it is no file"));
+    EXPECT_EQ(namesIn(directory.path()), std::vector<std::string>{"hardware"});
 }
 
 TEST_F(Check, HardwareThatIsUpToDateIsNotUpdated)

@@ -195,8 +195,8 @@ TEST_F(Fwmod, WrittenInformationIsAcceptedByTheCheck)
         "8",    "--ui-use",  "select", "-o",      "info.json"};
     ASSERT_EQ(fwmod(arguments).status, 0);
     EXPECT_EQ(readBytes(directory / "info.json"),
-              "{\n    \"crc\" : 28458147,\n    \"expected_time\" : 8,\n    \"ui_use\" : \"select\",\n"
-              "    \"version\" : \"1.1\"\n}\n");
+              "{\n  \"crc\" : 28458147,\n  \"expected_time\" : 8,\n  \"ui_use\" : \"select\",\n"
+              "  \"version\" : \"1.1\"\n}\n");
     const Outcome outcome = fwmod({"info", "--check", "info.json", "--image", "Tuner.bin"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_THAT(outcome.out, AllOf(HasSubstr("The daemon accepts info.json."), Not(HasSubstr("warning"))));
@@ -374,6 +374,60 @@ TEST_F(Fwmod, PackageIntoAMissingDirectoryFails)
     const Outcome outcome = fwmod(arguments);
     EXPECT_EQ(outcome.status, 1);
     EXPECT_THAT(outcome.err, HasSubstr("nowhere"));
+}
+
+// ---- Whatever a file is called, and whatever is in it ----
+
+TEST_F(Fwmod, NothingInAFileSteersTheTerminal)
+{
+    writeBytes(directory / "Tuner.bin", "firmware");
+    writeBytes(directory / "info.json",
+               "{\"version\": \"1.1\\u001b[2J\\nThe daemon accepts\", \"odd\\u0007\": \"\x9b\"}");
+    const std::vector<std::string> commands[] = {
+        {"info", "--check", "info.json"},
+        {"inspect", "info.json"},
+        {"diff", "info.json", "Tuner.bin"},
+        packageAs("empTuner"),
+    };
+    for (const auto& command : commands) {
+        const Outcome outcome = fwmod(command);
+        for (const std::string& text : {outcome.out, outcome.err}) {
+            EXPECT_THAT(text, Not(testing::ContainsRegex("[\x01-\x09\x0b-\x1f\x7f\x9b]"))) << command[0];
+            EXPECT_THAT(text, Not(HasSubstr("\nThe daemon accepts\""))) << command[0];
+        }
+    }
+    EXPECT_THAT(fwmod({"inspect", "info.json"}).out, HasSubstr("version: 1.1\\x1B[2J\\nThe daemon accepts"));
+}
+
+TEST_F(Fwmod, PipeIsNeverWaitedFor)
+{
+    makeInformation();
+    ASSERT_EQ(mkfifo((directory / "pipe").c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo((directory / "pipe.so").c_str(), 0600), 0);
+    fs::create_directory(directory / "hardware");
+    ASSERT_EQ(mkfifo((directory / "hardware/chip").c_str(), 0600), 0);
+    const std::vector<std::string> commands[] = {
+        {"crc", "pipe"},
+        {"info", "--check", "pipe"},
+        {"info", "--check", "info.json", "--image", "pipe"},
+        {"info", "--version", "1", "--image", "pipe"},
+        {"package", "--image", "pipe", "--info", "info.json", "--id", "empTuner"},
+        {"package", "--image", "Tuner.bin", "--info", "pipe", "--id", "empTuner"},
+        {"inspect", "pipe"},
+        {"inspect", "pipe.so"},
+        {"diff", "pipe", "info.json"},
+        {"diff", "info.json", "pipe"},
+        {"try", "pipe.so", "--firmware", "."},
+        {"check", "pipe.so"},
+        {"check", "pipe.so", "--hardware", "hardware"},
+    };
+    for (std::vector<std::string> command : commands) {
+        const std::string text = testing::PrintToString(command);
+        command.insert(command.begin(), {"timeout", "10", FWMOD});
+        const Outcome outcome = runProgram(command, directory.path());
+        EXPECT_EQ(outcome.status, command[3] == "diff" ? 2 : 1) << text << outcome.err;
+        EXPECT_THAT(outcome.err, AllOf(HasSubstr("pipe"), HasSubstr("is not a file"))) << text;
+    }
 }
 
 TEST_F(Fwmod, HelpOfEveryCommandHasAnExample)

@@ -23,13 +23,24 @@ namespace
 {
 constexpr const char* kRemedy = ": install the kit anew (scripts/install-sdk), or in a build tree build the "
                                 "target sdk-kit";
+
+// False when it is not there. Throws when it is, but not for this user: building it would not help.
+bool canRun(const fs::path& program)
+{
+    if (access(program.c_str(), X_OK) == 0)
+        return true;
+    if (errno != ENOENT && errno != ENOTDIR)
+        throw common::Failure("cannot run " + program.string() + ": " + std::strerror(errno) +
+                              "; whose tree is it, and may others read it?");
+    return false;
+}
 } // namespace
 
 fs::path vsetProgram()
 {
     const fs::path own = fs::read_symlink("/proc/self/exe").parent_path();
     for (const fs::path& candidate : {own / "vset", own / "../../vset/bin/vset"}) {
-        if (access(candidate.c_str(), X_OK) == 0)
+        if (canRun(candidate))
             return fs::canonical(candidate);
     }
     throw common::Failure("the virtual set, vset, is not in " + own.string() + kRemedy);
@@ -38,7 +49,7 @@ fs::path vsetProgram()
 fs::path programBesideVset(const std::string& name)
 {
     const fs::path directory = vsetProgram().parent_path();
-    if (access((directory / name).c_str(), X_OK) != 0)
+    if (!canRun(directory / name))
         throw common::Failure(name + " is not in " + directory.string() + kRemedy);
     return directory / name;
 }

@@ -1,5 +1,6 @@
 #include "tools/fwmod/trial-set.h"
 
+#include "common/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/programs.h"
@@ -372,7 +373,7 @@ bool TrialSet::readLauncher()
         unfinishedLine_.erase(0, end + 1);
         launcherLines_.push_back(line);
         if (line.compare(0, 6, "vset: ") != 0 && line.compare(0, 9, "console: ") != 0)
-            std::fprintf(story_, "              %s\n", line.c_str());
+            std::fprintf(story_, "              %s\n", common::visible(line).c_str());
     }
     return true;
 }
@@ -389,7 +390,7 @@ void TrialSet::listen()
         const std::optional<std::string> line = teller_.tell(*record);
         if (!line)
             continue;
-        std::fprintf(story_, "%s\n", line->c_str());
+        std::fprintf(story_, "%s\n", common::visible(*line).c_str());
         std::fflush(story_);
     }
 }

@@ -1,6 +1,7 @@
 #include "tools/fwmod/check/check-report.h"
 
 #include "common/json-text.h"
+#include "common/visible-text.h"
 #include "tools/fwmod/check/protocol/findings.h"
 
 #include <algorithm>
@@ -66,7 +67,7 @@ std::string formatFinding(const FindingKind& kind, const std::vector<std::string
                        ": " + kind.title + "\n";
     const char* label = "seen";
     for (const std::string& detail : shortened(details)) {
-        text += paragraph(label, detail);
+        text += paragraph(label, common::visible(detail));
         label = "";
     }
     return text + paragraph("cause", kind.cause) + paragraph("cure", kind.cure) + "\n";
@@ -125,13 +126,14 @@ std::string formatForPeople(const std::string& library, const ExaminationResult&
     if (result.report.calls > 0)
         text += describeWork(result);
     for (const std::string& note : result.report.notes)
-        text += "Note: " + note + "\n";
+        text += "Note: " + common::visible(note) + "\n";
+    const std::string shown = common::visible(library);
     const unsigned int errors = countOf(result, Severity::Error);
     const unsigned int warnings = countOf(result, Severity::Warning);
     if (errors + warnings == 0)
-        return text + coloured(library + ": sound, nothing was found.", Colour::Green, isColoured) + "\n";
+        return text + coloured(shown + ": sound, nothing was found.", Colour::Green, isColoured) + "\n";
     const std::string sum =
-        library + ": " + counted(errors, "error") + ", " + counted(warnings, "warning") + ".";
+        shown + ": " + counted(errors, "error") + ", " + counted(warnings, "warning") + ".";
     return text + coloured(sum, errors > 0 ? Colour::Red : Colour::Yellow, isColoured) + "\n";
 }
 

@@ -47,6 +47,10 @@ int check(const Options& options)
     requireDirectory(request.hardware, "--hardware");
 
     common::ProgressLine line;
+    const struct Clearing { // also before what is told of a failure
+        ~Clearing() { line.clear(); }
+        common::ProgressLine& line;
+    } clearing{line};
     const bool isWatched = isatty(STDERR_FILENO) != 0;
     const ExaminationResult result =
         examineLibrary(request, [&](const std::string& what, unsigned int percent) {

@@ -1,4 +1,5 @@
 // fwmod crc FILE...
+#include "common/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 
@@ -18,7 +19,7 @@ void defineCrc(common::CommandLine& command)
     command.onRun([files] {
         for (const std::string& file : *files) {
             const unsigned int checksum = imageChecksum(file);
-            std::printf("%u 0x%08x %s\n", checksum, checksum, file.c_str());
+            std::printf("%u 0x%08x %s\n", checksum, checksum, common::visible(file).c_str());
         }
         return 0;
     });

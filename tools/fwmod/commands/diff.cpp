@@ -1,4 +1,6 @@
 // fwmod diff: what differs between two files of a kind, in the words of "fwmod inspect".
+#include "common/json-text.h"
+#include "common/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/inspection.h"
@@ -189,13 +191,16 @@ Differences compare(const Options& options, const Inspection& a, const Inspectio
 
 void printForPeople(const Options& options, const std::string& kind, const Differences& differences)
 {
+    const std::string a = common::visible(options.a.file);
+    const std::string b = common::visible(options.b.file);
     if (differences.empty()) {
-        std::printf("%s and %s: the same bytes\n", options.a.file.c_str(), options.b.file.c_str());
+        std::printf("%s and %s: the same bytes\n", a.c_str(), b.c_str());
         return;
     }
-    std::printf("%s -> %s: %s\n", options.a.file.c_str(), options.b.file.c_str(), kind.c_str());
+    std::printf("%s -> %s: %s\n", a.c_str(), b.c_str(), kind.c_str());
     for (const Difference& difference : differences)
-        std::printf("  %s: %s\n", difference.what.c_str(), difference.text.c_str());
+        std::printf("  %s: %s\n", common::visible(difference.what).c_str(),
+                    common::visible(difference.text).c_str());
 }
 
 void printForPrograms(const Options& options, const Differences& differences)
@@ -210,9 +215,7 @@ void printForPrograms(const Options& options, const Differences& differences)
         entry["what"] = difference.what;
         root["differences"].append(entry);
     }
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "    ";
-    std::puts(Json::writeString(writer, root).c_str());
+    std::puts(common::indentedJson(root).c_str());
 }
 
 int diff(const Options& options)

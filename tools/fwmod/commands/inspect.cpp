@@ -1,4 +1,6 @@
 // fwmod inspect: what a file is, and whether a set would accept it as far as that can be told from here.
+#include "common/json-text.h"
+#include "common/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/images/inspection.h"
 
@@ -13,13 +15,13 @@ namespace
 {
 void printForPeople(const std::string& file, const Inspection& result)
 {
-    std::printf("%s: %s\n", file.c_str(), result.kind.c_str());
+    std::printf("%s: %s\n", common::visible(file).c_str(), result.kind.c_str());
     for (const Fact& fact : result.facts)
-        std::printf("  %s: %s\n", fact.key.c_str(), fact.text.c_str());
+        std::printf("  %s: %s\n", fact.key.c_str(), common::visible(fact.text).c_str());
     for (const std::string& note : result.notes)
-        std::printf("  note: %s\n", note.c_str());
+        std::printf("  note: %s\n", common::visible(note).c_str());
     for (const std::string& problem : result.problems)
-        std::printf("  problem: %s\n", problem.c_str());
+        std::printf("  problem: %s\n", common::visible(problem).c_str());
     std::puts(result.problems.empty() ? "As far as can be told, it would be accepted."
                                       : "It would not be accepted.");
 }
@@ -45,9 +47,7 @@ void printForPrograms(const std::string& file, const Inspection& result)
     root["accepted"] = result.problems.empty();
     root["problems"] = toJson(result.problems);
     root["notes"] = toJson(result.notes);
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "    ";
-    std::puts(Json::writeString(writer, root).c_str());
+    std::puts(common::indentedJson(root).c_str());
 }
 } // namespace
 

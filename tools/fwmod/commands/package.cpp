@@ -1,5 +1,6 @@
 // fwmod package: the file system image that the daemon mounts read-only to find a module's image. The same
 // input gives the same bytes, on every machine and at any time.
+#include "common/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/identifier.h"
@@ -56,8 +57,9 @@ int package(const Options& options)
     NewFile result(output);
     makeFileSystem(tree.path(), result.path());
     result.commit();
-    std::printf("%s: %s.bin and info.json, version %s, crc %u\n", output.c_str(), firmware.c_str(),
-                report.values.version.c_str(), static_cast<unsigned int>(report.values.crc));
+    std::printf("%s: %s.bin and info.json, version %s, crc %u\n", common::visible(output.string()).c_str(),
+                firmware.c_str(), common::visible(report.values.version).c_str(),
+                static_cast<unsigned int>(report.values.crc));
     if (output.filename() != options.identifier + ".img")
         std::fprintf(stderr, "fwmod: note: the daemon looks for the package under the name %s.img\n",
                      options.identifier.c_str());

@@ -1,4 +1,6 @@
 // fwmod try: the module alone on a virtual set, through the whole story of an update, and what is true then.
+#include "common/json-text.h"
+#include "common/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/control-library.h"
@@ -108,7 +110,7 @@ Write readWrite(const std::vector<vset::LogRecord>& records)
 
 std::string textOf(const Json::Value& value)
 {
-    return value.isString() ? value.asString() : "unknown";
+    return value.isString() ? common::visible(value.asString()) : "unknown";
 }
 
 std::string oneDecimal(double value)
@@ -240,9 +242,9 @@ bool Trial::run()
     if (result_.write || !result_.before.isNull() || !result_.proofs.empty())
         report();
     if (!result_.problem.empty())
-        std::fprintf(stderr, "fwmod: %s\n", result_.problem.c_str());
+        std::fprintf(stderr, "fwmod: %s\n", common::visible(result_.problem).c_str());
     if (options_.isJson)
-        std::fputs(toJson().toStyledString().c_str(), stdout);
+        std::puts(common::indentedJson(toJson()).c_str());
     return result_.isGood();
 }
 
@@ -625,7 +627,7 @@ void Trial::report() const
         std::fprintf(story_, "  %s  %s\n", proof.isTrue ? "yes" : "NO ", proof.text.c_str());
     const bool isExplained = !result_.write || result_.write->verdict == "success";
     if (!isExplained && !result_.write->reason.empty())
-        std::fprintf(story_, "  the last complaint: %s\n", result_.write->reason.c_str());
+        std::fprintf(story_, "  the last complaint: %s\n", common::visible(result_.write->reason).c_str());
     std::fprintf(story_, "%s\n", result_.isGood() ? "Updated, and all of it is true." : "Not good.");
     std::fflush(story_);
 }

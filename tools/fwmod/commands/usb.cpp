@@ -1,5 +1,6 @@
 // fwmod usb: the encrypted, signed image that a module is updated from on a USB stick. The same input, key
 // and initialisation vector give the same bytes.
+#include "common/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/usb-image.h"
@@ -203,7 +204,7 @@ int makeImage(const Options& options)
     if (size > usb::kLargestImage)
         throw common::Failure(options.payload + " grew while it was read, beyond what the daemon can count");
     result.commit();
-    std::printf("%s: %" PRId64 " bytes, signed with key %s\n", options.output.c_str(), size,
+    std::printf("%s: %" PRId64 " bytes, signed with key %s\n", common::visible(options.output).c_str(), size,
                 signature::toText(keyId).c_str());
     return 0;
 }

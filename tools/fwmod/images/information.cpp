@@ -1,9 +1,12 @@
 #include "tools/fwmod/images/information.h"
 
+#include "common/json-text.h"
+#include "common/visible-text.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/quiet-platform.h"
 
 #include <fstream>
+#include <iterator>
 #include <json/json.h>
 #include <sstream>
 
@@ -15,13 +18,6 @@ namespace fs = std::filesystem;
 namespace
 {
 using Kind = InformationFinding::Kind;
-
-std::string asJson(const Json::Value& value)
-{
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, value);
-}
 
 // ---- What the daemon makes of each value ----
 
@@ -111,7 +107,7 @@ bool isKnown(const std::string& name)
 InformationFinding explain(const Key& key, const Json::Value& root)
 {
     const Json::Value* value = root.isMember(key.name) ? &root[key.name] : nullptr;
-    const std::string written = value == nullptr ? "-" : asJson(*value);
+    const std::string written = value == nullptr ? "-" : common::compactJson(*value);
     try {
         const Meaning meaning = key.meaning(value);
         return {meaning.kind, key.name, written, meaning.text};
@@ -124,14 +120,14 @@ InformationFinding explain(const Key& key, const Json::Value& root)
 std::vector<InformationFinding> explainAll(const Json::Value& root)
 {
     if (!root.isObject() && !root.isNull())
-        return {{Kind::Refused, "-", asJson(root), "no JSON object: write {\"version\": ...}"}};
+        return {{Kind::Refused, "-", common::compactJson(root), "no JSON object: write {\"version\": ...}"}};
     std::vector<InformationFinding> findings;
     for (const Key& key : kKeys)
         findings.push_back(explain(key, root));
     for (const std::string& name : root.getMemberNames()) {
         if (!isKnown(name))
             findings.push_back(
-                {Kind::Warning, name, asJson(root[name]), "the daemon does not read this key"});
+                {Kind::Warning, name, common::compactJson(root[name]), "the daemon does not read this key"});
     }
     return findings;
 }
@@ -139,15 +135,12 @@ std::vector<InformationFinding> explainAll(const Json::Value& root)
 std::vector<InformationFinding> explainFile(const fs::path& file)
 {
     std::ifstream in(file, std::ios::binary);
-    Json::Value root;
-    std::string errors;
-    try {
-        if (Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors))
-            return explainAll(root);
-    } catch (const Json::Exception& error) { // nested too deeply
-        errors = error.what();
+    const std::string text{std::istreambuf_iterator<char>(in), {}};
+    std::string why;
+    if (const std::optional<Json::Value> root = common::parseJson(text, &why)) {
+        return explainAll(*root);
     }
-    return {{Kind::Refused, "-", "-", "not JSON: " + errors}};
+    return {{Kind::Refused, "-", "-", "not JSON: " + why}};
 }
 
 // ---- The verdict ----
@@ -201,20 +194,20 @@ std::string formatInformation(const FWInformation& values)
     root["crc"] = static_cast<Json::UInt>(values.crc);
     root["expected_time"] = static_cast<Json::UInt>(values.expected_time);
     root["ui_use"] = values.ui_use;
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "    ";
-    return Json::writeString(writer, root) + "\n";
+    return common::indentedJson(root) + "\n";
 }
 
 std::string formatReport(const fs::path& file, const InformationReport& report)
 {
     std::ostringstream out;
     for (const InformationFinding& finding : report.findings)
-        out << nameOf(finding.kind) << ": " << finding.key << " " << finding.value << ": " << finding.text
+        out << common::visible(std::string(nameOf(finding.kind)) + ": " + finding.key + " " + finding.value +
+                               ": " + finding.text)
             << "\n";
     for (const std::string& line : report.log)
-        out << "the daemon logs: " << line << "\n";
-    out << "The daemon " << (report.accepted ? "accepts " : "refuses ") << file.string() << ".\n";
+        out << "the daemon logs: " << common::visible(line) << "\n";
+    out << "The daemon " << (report.accepted ? "accepts " : "refuses ") << common::visible(file.string())
+        << ".\n";
     return out.str();
 }
 } // namespace fwmod
