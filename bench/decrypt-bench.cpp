@@ -9,15 +9,14 @@
 #include <benchmark/benchmark.h>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <memory>
 #include <openssl/evp.h>
-#include <ostream>
 #include <string>
 #include <sys/prctl.h>
-#include <unistd.h>
 #include <vector>
 
+#include "bench/ratios.h"
+#include "bench/temporary-file.h"
 #include "fw-update-symbol.h"
 
 namespace
@@ -28,29 +27,9 @@ constexpr int kTrailerSize = 534;
 const unsigned char kKey[32] = {1};
 const unsigned char kIv[16] = {2};
 
-using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+using bench::File;
+using bench::TemporaryFile;
 using Cipher = std::unique_ptr<EVP_CIPHER_CTX, void (*)(EVP_CIPHER_CTX*)>;
-
-// A file in the temporary directory, removed at the end.
-class TemporaryFile
-{
-public:
-    TemporaryFile()
-    {
-        const int descriptor = mkstemp(path.data());
-        if (descriptor < 0) {
-            perror("decrypt-bench: no temporary file");
-            exit(EXIT_FAILURE);
-        }
-        file.reset(fdopen(descriptor, "wb"));
-    }
-    ~TemporaryFile() { unlink(path.c_str()); }
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-    std::string path = "/tmp/decrypt-bench-XXXXXX";
-    File file{nullptr, fclose};
-};
 
 // A ciphertext, and the same with a trailer behind it: openssl does not pass over that.
 class Image
@@ -168,61 +147,9 @@ void opensslCommand(benchmark::State& state)
 }
 BENCHMARK(opensslCommand)->ArgName("hugePages")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Prints the table, and the ratios to the bare loop under the same rule about huge pages.
-class RatioReporter : public benchmark::ConsoleReporter
-{
-public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.aggregate_name == "median" && !run.error_occurred) {
-                medians[run.run_name.args][run.run_name.function_name] = {run.GetAdjustedRealTime(),
-                                                                          run.GetAdjustedCPUTime()};
-            }
-        }
-    }
-    void Finalize() override
-    {
-        for (const auto& [pages, times] : medians) {
-            const auto bare = times.find("bareLoop");
-            for (const auto& [name, time] : times) {
-                if (bare != times.end() && name != "bareLoop") {
-                    GetOutputStream()
-                        << pages << ": " << name << " / bareLoop = " << time.elapsed / bare->second.elapsed
-                        << " of the time, " << time.processor / bare->second.processor
-                        << " of the processor time\n";
-                }
-            }
-        }
-    }
-
-private:
-    struct Times {
-        double elapsed;
-        double processor; // of this process: not that of the openssl command
-    };
-    std::map<std::string, std::map<std::string, Times>> medians; // by argument, by function
-};
-
 } // namespace
 
 int main(int argc, char** argv)
 {
-    std::string defaults[] = {"--benchmark_repetitions=21", "--benchmark_enable_random_interleaving=true",
-                              "--benchmark_min_time=0.01", "--benchmark_report_aggregates_only=true"};
-    std::vector<char*> arguments{argv[0]};
-    for (std::string& option : defaults) {
-        arguments.push_back(option.data());
-    }
-    arguments.insert(arguments.end(), argv + 1, argv + argc); // the last of a kind counts
-    arguments.push_back(nullptr);
-    int count = static_cast<int>(arguments.size()) - 1;
-    benchmark::Initialize(&count, arguments.data());
-    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
-        return 2;
-    }
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    return EXIT_SUCCESS;
+    return bench::runWithRatios(argc, argv, "bareLoop");
 }
