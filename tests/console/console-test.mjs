@@ -126,6 +126,46 @@ test("the power button starts the update at standby, ten minutes after the start
   assert.deepEqual(complaints, []);
 });
 
+test("the page alone plays the unattended story", {timeout: 3 * kPatience}, async () => {
+  television.addTuner();
+  await open();
+  await waitFor("state 5", async () => (await passed()).includes("5"));
+  // Logged or inferred, in less than a second or without a trace: what lies behind is drawn as passed.
+  for (const number of [0, 1, 2, 3, 4]) {
+    assert.equal(await page.locator(`[data-state="${number}"]`).getAttribute("class"), "logged", `state ${number}`);
+  }
+  const clock = async () => {
+    const [hours, minutes] = (await page.locator("#set-clock").textContent()).split(":").map(Number);
+    return hours * 60 + minutes;
+  };
+  const before = await clock();
+  await page.locator("#clock-later").click();
+  await waitFor("ten minutes", async () => ((await clock()) - before + 1440) % 1440 >= 10);
+  await page.locator("#clock-rate").selectOption("10");
+  await waitFor("the pace", async () => /rate 10 /.test(television.vset("clock", television.set)));
+  await waitFor("the pace on the page", async () => (await page.locator("#set-rate").textContent()) === "10 × faster");
+  await picture(page, "clock", {fullPage: true});
+  await page.locator("#power-button").click();
+  await waitFor("version 1.1", async () => (await page.locator('[data-module="tuner"] .installed').textContent()) === "1.1");
+  await waitFor("the end of the service", async () => (await stateName()) === "ended");
+  await picture(page, "unattended", {fullPage: true});
+  assert.deepEqual(complaints, []);
+});
+
+test("the pace of the clock is the page's and a command's alike, and changes nothing for the page", {timeout: 2 * kPatience}, async () => {
+  await open();
+  const pace = () => page.locator("#clock-rate").inputValue();
+  television.vset("clock", television.set, "--rate", "1000");
+  await waitFor("the command's pace", async () => (await pace()) === "1000");
+  await page.locator("#clock-rate").selectOption("1");
+  await page.locator("#clock-rate").blur();
+  await waitFor("the page's pace", () => /rate 1 /.test(television.vset("clock", television.set)));
+  // A second that was begun at a thousand times the pace is over in a second all the same.
+  television.vset("clock", television.set, "--rate", "3");
+  await waitFor("the next word of the set", async () => (await pace()) === "3", 10000);
+  assert.deepEqual(complaints, []);
+});
+
 test("a stick put in on the page is installed beside the daemon", {timeout: 3 * kPatience}, async () => {
   television.addTuner(); // for its package the daemon waits
   const stick = television.makeStick();

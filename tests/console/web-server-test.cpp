@@ -308,6 +308,14 @@ TEST_F(WebServer, APageThatDoesNotReadIsDisconnectedAndOneThatReadsStays)
     EXPECT_FALSE(isEnded);
 }
 
+TEST_F(WebServer, ASetWithoutAClockSaysSo)
+{
+    const Connection page;
+    openPage(page);
+    page.send(frameOf(R"({"id": 1, "do": "clock-jump", "seconds": 600})"));
+    EXPECT_THAT(page.receiveUntil("\"type\":\"reply\"}"), HasSubstr("runs without a clock"));
+}
+
 TEST_F(WebServer, NoOrderOfAPageEndsThePlatform)
 {
     const int platform = findPlatform();

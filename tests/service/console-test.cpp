@@ -2,6 +2,8 @@
 // it.
 #include "service-test.h"
 
+#include <cmath>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -108,6 +110,42 @@ TEST_F(Console, RefusesWhatNoApplicationShows)
             << text.substr(0, 60);
     }
     tv.platform().callConsole("UpdateScreen", g_variant_new("(s)", R"({"title": "shown"})"));
+}
+
+TEST_F(Console, ChangesTheClockForThePageAndForTheBus)
+{
+    tv.switchOn();
+    const auto order = [this](const char* method, double number) {
+        tv.platform().callConsole(method, g_variant_new("(d)", number));
+    };
+    const auto monotonic = [this] { return tv.platform().snapshot()["monotonic_ms"].asInt64(); };
+    const int64_t before = monotonic();
+    order("JumpClock", 600);
+    EXPECT_GE(monotonic() - before, 600'000);
+    order("SetClockRate", 100);
+    for (const double jump : {std::nan(""), double{INFINITY}, 1e12}) {
+        EXPECT_THROW(order("JumpClock", jump), vset::ControlError) << jump;
+    }
+    for (const double rate : {std::nan(""), 0.0, -1.0, 1e6}) {
+        EXPECT_THROW(order("SetClockRate", rate), vset::ControlError) << rate;
+    }
+    EXPECT_LT(monotonic() - before, 6'000'000);
+    const auto reply = tv.platform().callConsole("Snapshot", nullptr, "(s)");
+    const char* text = nullptr;
+    g_variant_get(reply.get(), "(&s)", &text);
+    EXPECT_EQ(common::parseJson(text).value_or(Json::nullValue)["set"]["rate"], 100.0);
+}
+
+TEST_F(Console, TurnsItsSwitchesForTheBusAsForThePage)
+{
+    tv.switchOn();
+    const auto& platform = tv.platform();
+    platform.callConsole("SetMirroring", g_variant_new("(b)", TRUE));
+    EXPECT_EQ(platform.snapshot()["settings"][kMirroringKey]["value"], 1);
+    platform.callConsole("SetUpgradeUI", g_variant_new("(su)", "accept", 1500U));
+    EXPECT_THROW(platform.callConsole("SetUpgradeUI", g_variant_new("(su)", "dance", 1U)),
+                 vset::ControlError);
+    EXPECT_THROW(platform.callConsole("RemoveUsb"), vset::ControlError); // none is in
 }
 
 } // namespace

@@ -42,7 +42,6 @@ constexpr int64_t kModuleInterval = 2000;
 constexpr int64_t kUpdateModuleInterval = 300; // while a module is being written
 
 constexpr int kUpdatingState = 12;
-constexpr unsigned int kPersonsReboot = 0;
 constexpr size_t kRecordsAtGreeting = 2500;
 
 // Sections of the platform's model, and our own.
@@ -82,13 +81,6 @@ std::optional<std::string> removeFile(const char* path)
     if (unlink(path) != 0 && errno != ENOENT)
         return std::string(path) + ": " + std::generic_category().message(errno);
     return std::nullopt;
-}
-
-Client person()
-{
-    Client client;
-    client.command = kWriter;
-    return client;
 }
 
 } // namespace
@@ -181,6 +173,7 @@ Json::Value Console::setSection() const
     json["name"] = name.data();
     json["time_ms"] = Json::Int64(wallMilliseconds());
     json["rate"] = clockRate();
+    json["clock"] = hasClock();
     json["url"] = web_.url();
     return json;
 }
@@ -268,7 +261,7 @@ void Console::mark(const std::string& section)
     if (section == "settings")
         news_.insert("switches");
     if (!pushTimer_.isRunning())
-        pushTimer_.start(setMilliseconds(kPushInterval), [this] { push(); });
+        pushTimer_.start(kPushInterval, [this] { push(); });
 }
 
 void Console::push()
@@ -295,7 +288,7 @@ void Console::watch()
         if (sectionOf(section) != told_[section])
             mark(section);
     }
-    watchTimer_.start(setMilliseconds(kWatchInterval), [this] { watch(); });
+    watchTimer_.start(kWatchInterval, [this] { watch(); });
 }
 
 void Console::watchModules()
@@ -304,7 +297,7 @@ void Console::watchModules()
     if (web_.hasPages())
         modules_.ask();
     const int64_t interval = isUpdating ? kUpdateModuleInterval : kModuleInterval;
-    moduleTimer_.start(setMilliseconds(interval), [this] { watchModules(); });
+    moduleTimer_.start(interval, [this] { watchModules(); });
 }
 
 void Console::takeLog(const LogRecord& record)
@@ -320,68 +313,7 @@ void Console::takeLog(const LogRecord& record)
     mark("set");
 }
 
-// ---- Orders ----
-
-struct Console::Order {
-    const char* name;
-    Fault (*carryOut)(Console& console, const Json::Value& order);
-};
-
-Console::Fault Console::carryOut(const Json::Value& order)
-{
-    static constexpr Order kOrders[] = {
-        {"power",
-         [](Console& console, const Json::Value& given) -> Fault {
-             if (!given["state"].isInt())
-                 return "a power state is a number";
-             return console.set_.power.setState(given["state"].asInt());
-         }},
-        {"poweroff",
-         [](Console& console, const Json::Value&) -> Fault {
-             console.set_.power.requestPowerOff(0, person());
-             return std::nullopt;
-         }},
-        {"reboot",
-         [](Console& console, const Json::Value&) -> Fault {
-             console.set_.power.requestReboot(kPersonsReboot, person());
-             return std::nullopt;
-         }},
-        {"mirroring",
-         [](Console& console, const Json::Value& given) -> Fault {
-             return console.set_.settings.set(kMirroringKey, given["on"] == true ? 1 : 0, kWriter);
-         }},
-        {"factory",
-         [](Console& console, const Json::Value& given) { return console.setFactory(given["on"] == true); }},
-        {"package-manager",
-         [](Console& console, const Json::Value& given) {
-             return console.setPackageManager(given["on"] == true);
-         }},
-        {"ui",
-         [](Console& console, const Json::Value& given) -> Fault {
-             if (!given["behaviour"].isString() || !given["after"].isUInt())
-                 return "the upgrade UI's behaviour is a name and a time";
-             return console.setUpgradeUI(given["behaviour"].asString(), given["after"].asUInt());
-         }},
-        {"click",
-         [](Console& console, const Json::Value& given) -> Fault {
-             return given["button"].isString() ? console.screen_.click(given["button"].asString())
-                                               : Fault("a button has a name");
-         }},
-        {"usb-begin", [](Console& console, const Json::Value&) { return console.usb_.begin(); }},
-        {"usb-insert", [](Console& console, const Json::Value&) { return console.usb_.insert(); }},
-        {"usb-remove", [](Console& console, const Json::Value&) { return console.usb_.remove(); }},
-    };
-    const std::string name = order["do"].isString() ? order["do"].asString() : "";
-    for (const Order& known : kOrders) {
-        if (name != known.name)
-            continue;
-        const Fault fault = known.carryOut(*this, order);
-        for (const char* section : {"usb", "switches", "power"})
-            mark(section);
-        return fault;
-    }
-    return "there is no order \"" + name + "\"";
-}
+// ---- What orders do ----
 
 Console::Fault Console::setFactory(bool isOn)
 {
@@ -400,6 +332,25 @@ Console::Fault Console::setPackageManager(bool isReady)
         fault = isReady ? touch(kManagerMarker) : removeFile(kManagerMarker);
     mark("switches");
     return fault;
+}
+
+Console::Fault Console::setMirroring(bool isOn)
+{
+    return set_.settings.set(kMirroringKey, isOn ? 1 : 0, kWriter);
+}
+
+Console::Fault Console::changeClock(const ClockChange& change)
+{
+    if (!hasClock()) {
+        return "this set runs without a clock: start its command with `vset run --clock-rate 1`";
+    }
+    try {
+        ClockFile(kClockPage, ClockFile::Opening::kExisting).change(change);
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    mark("set");
+    return std::nullopt;
 }
 
 Console::Fault Console::setUpgradeUI(const std::string& name, unsigned int after)
@@ -433,40 +384,28 @@ void Console::handleModules(GDBusMethodInvocation* invocation)
 void Console::handle(const std::string& method, const std::string& sender, GVariant* parameters,
                      GDBusMethodInvocation* invocation)
 {
-    const char* text = "";
-    guint32 number = 0;
-    gboolean isOn = FALSE;
-    Fault fault;
-    if (method == "GetModules")
-        return handleModules(invocation);
+    if (method == "GetModules") {
+        handleModules(invocation);
+        return;
+    }
     if (method == "GetUrl" || method == "Snapshot") {
         const std::string value = method == "GetUrl" ? web_.url() : common::compactJson(sections());
-        return g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", value.c_str()));
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", value.c_str()));
+        return;
     }
-    if (method == "SetFactory" || method == "SetMirroring" || method == "SetPackageManager") {
-        g_variant_get(parameters, "(b)", &isOn);
-        Json::Value order;
-        order["do"] = method == "SetFactory"     ? "factory"
-                      : method == "SetMirroring" ? "mirroring"
-                                                 : "package-manager";
-        order["on"] = isOn != FALSE;
-        fault = carryOut(order);
-    } else if (method == "RemoveUsb") {
-        fault = usb_.remove();
-    } else if (method == "SetUpgradeUI") {
-        g_variant_get(parameters, "(&su)", &text, &number);
-        fault = setUpgradeUI(text, number);
-    } else if (method == "Click") {
-        g_variant_get(parameters, "(&s)", &text);
-        fault = screen_.click(text);
-    } else if (method == "UpdateScreen") {
+    Fault fault;
+    if (method == "UpdateScreen") {
+        const char* text = "";
         g_variant_get(parameters, "(&s)", &text);
         fault = screen_.update(sender, set_.clients.find(sender).process, text);
+    } else {
+        fault = carryOut(orderOf(method, parameters));
     }
-    if (fault)
+    if (fault) {
         g_dbus_method_invocation_return_dbus_error(invocation, kInvalid, fault->c_str());
-    else
+    } else {
         g_dbus_method_invocation_return_value(invocation, nullptr);
+    }
 }
 
 } // namespace vset

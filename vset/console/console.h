@@ -4,6 +4,7 @@
 // does at the television.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -15,10 +16,12 @@
 #include "daemon-watch.h"
 #include "log-tail.h"
 #include "module-list.h"
+#include "real-time.h"
 #include "screen.h"
 #include "set-model.h"
 #include "state-way.h"
 #include "usb-slot.h"
+#include "vset/clock/clock-file.h"
 #include "web-server.h"
 
 namespace vset
@@ -48,9 +51,15 @@ private:
     void watch();
     void watchModules();
 
-    // ---- Orders ----
-    Fault carryOut(const Json::Value& order);
+    // ---- Orders: orders.cpp ----
+    static const Order* findOrder(const std::function<bool(const Order&)>& isMeant);
+    static Json::Value orderOf(const std::string& method, GVariant* parameters);
+    Fault carryOut(const Json::Value& message);
+
+    // ---- What they do ----
     Fault setFactory(bool isOn);
+    Fault setMirroring(bool isOn);
+    Fault changeClock(const ClockChange& change);
     Fault setPackageManager(bool isReady);
     Fault setUpgradeUI(const std::string& name, unsigned int after);
     void handle(const std::string& method, const std::string& sender, GVariant* parameters,
@@ -79,9 +88,9 @@ private:
     std::set<std::string> news_;
     Json::Value newRecords_ = Json::arrayValue;
     Json::Value told_; // sections as they were last told
-    Timer pushTimer_;
-    Timer watchTimer_;
-    Timer moduleTimer_;
+    RealTimer pushTimer_;
+    RealTimer watchTimer_;
+    RealTimer moduleTimer_;
 };
 
 } // namespace vset

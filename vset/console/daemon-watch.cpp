@@ -8,6 +8,7 @@
 
 #include "common/glib-pointers.h"
 #include "real-time.h"
+#include "service-time.h"
 
 namespace vset
 {
@@ -83,7 +84,7 @@ void DaemonWatch::look()
         ended.tell(before, now);
     if (isNewList || before != process_)
         changed.tell();
-    timer_.start(setMilliseconds(kInterval), [this] { look(); });
+    timer_.start(kInterval, [this] { look(); });
 }
 
 bool DaemonWatch::lookAtThreads(int64_t now)

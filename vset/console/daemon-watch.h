@@ -11,7 +11,7 @@
 
 #include "event.h"
 #include "history.h"
-#include "service-time.h"
+#include "real-time.h"
 
 namespace vset
 {
@@ -41,7 +41,7 @@ private:
     void look();
     bool lookAtThreads(int64_t now);
 
-    Timer timer_;
+    RealTimer timer_;
     int process_ = 0;
     std::map<int, Thread> running_;
     History<Thread> gone_;

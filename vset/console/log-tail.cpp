@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include "control-client.h"
-#include "real-time.h"
 
 namespace vset
 {
@@ -48,7 +47,7 @@ void LogTail::look()
             records_.pop_front();
         record.tell(*next);
     }
-    timer_.start(setMilliseconds(kInterval), [this] { look(); });
+    timer_.start(kInterval, [this] { look(); });
 }
 
 } // namespace vset

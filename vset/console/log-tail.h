@@ -7,7 +7,7 @@
 
 #include "event.h"
 #include "platform-log.h"
-#include "service-time.h"
+#include "real-time.h"
 
 namespace vset
 {
@@ -36,7 +36,7 @@ private:
     std::deque<LogRecord> records_;
     uint64_t count_ = 0;
     unsigned long long inode_ = 0;
-    Timer timer_;
+    RealTimer timer_;
 };
 
 } // namespace vset

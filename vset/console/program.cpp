@@ -9,7 +9,6 @@
 
 #include "guarded.h"
 #include "real-time.h"
-#include "service-time.h"
 
 namespace vset
 {
@@ -22,7 +21,7 @@ constexpr gsize kMostOutput = 1 << 20;
 struct Run {
     GSubprocess* process = nullptr;
     std::function<void(const std::optional<std::string>&)> done;
-    Timer limit;
+    RealTimer limit;
 
     ~Run() { g_clear_object(&process); }
 };
@@ -74,7 +73,7 @@ void runProgram(const std::vector<std::string>& command, int64_t limit,
         g_idle_add(onNotStarted, run.release());
         return;
     }
-    run->limit.start(setMilliseconds(limit), [raw = run.get()] { g_subprocess_force_exit(raw->process); });
+    run->limit.start(limit, [raw = run.get()] { g_subprocess_force_exit(raw->process); });
     Run* const started = run.release();
     g_subprocess_communicate_async(started->process, nullptr, nullptr, onEnd, started);
 }

@@ -1,12 +1,17 @@
 #include "real-time.h"
 
 #include <algorithm>
+#include <ctime>
+#include <utility>
 
 #include <fcntl.h>
+#include <glib-unix.h>
 #include <sys/mman.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
-#include "../clock/clock-page.h"
+#include "guarded.h"
+#include "vset/clock/clock-page.h"
 
 namespace vset
 {
@@ -17,7 +22,7 @@ namespace
 // Mapped once, for as long as the process lives.
 const ClockPage* mapClock()
 {
-    const int file = open("/run/vset-clock", O_RDONLY | O_CLOEXEC);
+    const int file = open(kClockPage, O_RDONLY | O_CLOEXEC);
     if (file < 0)
         return nullptr;
     const bool isWhole = lseek(file, 0, SEEK_END) >= static_cast<off_t>(sizeof(ClockPage));
@@ -30,17 +35,67 @@ const ClockPage* mapClock()
     return clock->magic == kClockMagic ? clock : nullptr;
 }
 
+const ClockPage* clockPage()
+{
+    static const ClockPage* const clock = mapClock();
+    return clock;
+}
+
 } // namespace
 
 double clockRate()
 {
-    static const ClockPage* const clock = mapClock();
-    return clock == nullptr ? 1.0 : readClock(*clock).rate;
+    return hasClock() ? readClock(*clockPage()).rate : 1.0;
 }
 
-int64_t setMilliseconds(int64_t milliseconds)
+bool hasClock()
 {
-    return std::max<int64_t>(1, static_cast<int64_t>(static_cast<double>(milliseconds) * clockRate()));
+    return clockPage() != nullptr;
+}
+
+// ---- Timers ----
+
+RealTimer::RealTimer() : timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK))
+{
+    if (timer_ >= 0) {
+        source_ = g_unix_fd_add(timer_, G_IO_IN, onTime, this);
+    }
+}
+
+RealTimer::~RealTimer()
+{
+    if (timer_ >= 0) {
+        g_source_remove(source_);
+        close(timer_);
+    }
+}
+
+void RealTimer::arm(int64_t milliseconds) const
+{
+    const itimerspec once{{0, 0}, {milliseconds / 1000, (milliseconds % 1000) * 1'000'000}};
+    timerfd_settime(timer_, 0, &once, nullptr);
+}
+
+void RealTimer::start(int64_t milliseconds, std::function<void()> action)
+{
+    action_ = std::move(action);
+    arm(std::max<int64_t>(1, milliseconds));
+}
+
+void RealTimer::stop()
+{
+    action_ = nullptr;
+    arm(0);
+}
+
+gboolean RealTimer::onTime(gint timer, GIOCondition, gpointer self)
+{
+    uint64_t ends = 0;
+    auto& action = static_cast<RealTimer*>(self)->action_;
+    if (read(timer, &ends, sizeof ends) == sizeof ends && action) {
+        guarded("a timer", std::exchange(action, nullptr)); // it may start or destroy the timer
+    }
+    return G_SOURCE_CONTINUE;
 }
 
 } // namespace vset

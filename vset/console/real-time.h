@@ -1,16 +1,48 @@
-// Intervals of the PC's time, for what is watched or drawn: the set's clock may run a thousand times faster,
-// and nobody looks a thousand times as often.
-#pragma once
+// The PC's time, for what is watched, drawn or limited: the set's clock may run a thousand times faster or
+// jump by years, and nobody looks a thousand times as often or waits for years.
+#ifndef VSET_CONSOLE_REAL_TIME_H
+#define VSET_CONSOLE_REAL_TIME_H
 
 #include <cstdint>
+#include <functional>
+
+#include <glib.h>
 
 namespace vset
 {
 
+inline constexpr const char* kClockPage = "/run/vset-clock";
+
 // Set seconds per second of the PC; 1 without a clock of the set's own. Any thread.
 double clockRate();
 
-// What a timer of this process has to be set to, to wait about `milliseconds` of the PC's time.
-int64_t setMilliseconds(int64_t milliseconds);
+// Whether the set has a clock of its own, which can be changed.
+bool hasClock();
+
+// As Timer, but on a timer of the kernel that the set's clock does not reach. It never ends for a process
+// that has no descriptor left.
+class RealTimer
+{
+public:
+    RealTimer();
+    ~RealTimer();
+    RealTimer(const RealTimer&) = delete;
+    RealTimer& operator=(const RealTimer&) = delete;
+
+    // Starts anew when it is running already.
+    void start(int64_t milliseconds, std::function<void()> action);
+    void stop();
+    bool isRunning() const { return static_cast<bool>(action_); }
+
+private:
+    static gboolean onTime(gint timer, GIOCondition condition, gpointer self);
+    void arm(int64_t milliseconds) const;
+
+    int timer_;
+    guint source_ = 0;
+    std::function<void()> action_;
+};
 
 } // namespace vset
+
+#endif

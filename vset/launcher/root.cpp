@@ -322,7 +322,7 @@ void composeRoot(const RootPlan& plan)
     if (plan.clock) {
         const fs::path page = root / fs::path(kClockPagePath).relative_path();
         touch(page);
-        bindReadOnly(plan.set.clockFile(), page);
+        attachTree(copyTree(plan.set.clockFile()), page); // its owner, the platform, may change it
     }
     enterRoot(root);
 }

@@ -1,6 +1,7 @@
 // The state machine as a drawing: every state in its place, the current one lit, the way taken marked.
 
 import {$, clock, element, replace, setText, svg} from "./dom.js";
+import {passedStates} from "./way.js";
 
 export const kStates = [
   {name: "starting", at: [0, 0], text: "The daemon initialises: modules, semaphore, watchdog."},
@@ -146,7 +147,7 @@ export class Machine {
   }
 
   mark(steps, isAlive) {
-    const passed = new Map(steps.map((step) => [step.state, step.source]));
+    const passed = passedStates(steps, kEdges);
     for (const group of $("machine").querySelectorAll("[data-state]")) {
       const state = Number(group.dataset.state);
       const isNow = isAlive && steps.at(-1)?.state === state;

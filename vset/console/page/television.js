@@ -4,6 +4,7 @@ import {$, element, replace, seconds, setText, size, toast} from "./dom.js";
 
 const kNormal = 0;
 const kStandby = 2;
+const kLater = 600; // seconds: what the daemon leaves between its start and an update at standby
 
 export class Television {
   constructor(connection, model) {
@@ -12,6 +13,8 @@ export class Television {
     this.runningSince = null;
     $("power-button").onclick = () => this.togglePower();
     $("restart-button").onclick = () => this.order("reboot");
+    $("clock-later").onclick = () => this.order("clock-jump", {seconds: kLater});
+    $("clock-rate").onchange = (event) => this.order("clock-rate", {rate: Number(event.target.value)});
     $("poweroff-button").onclick = () => this.order("poweroff");
     $("usb-files").onchange = (event) => this.insertStick([...event.target.files]);
     $("usb-remove").onclick = () => this.order("usb-remove");
@@ -54,6 +57,7 @@ export class Television {
   update(isConnected) {
     this.showPower(isConnected);
     this.showApplication(isConnected);
+    this.showClock(isConnected);
     this.showSlot();
     this.showSwitches();
   }
@@ -89,6 +93,17 @@ export class Television {
     for (const button of shown.buttons ?? []) {
       $(`app-${button.id}`).onclick = () => this.order("click", {button: button.id});
     }
+  }
+
+  showClock(isConnected) {
+    const {clock, rate = 1} = this.model.set ?? {};
+    for (const id of ["clock-later", "clock-rate"]) $(id).disabled = !isConnected || !clock;
+    const choice = $("clock-rate");
+    if (document.activeElement === choice) return;
+    // A command may have set any pace.
+    const known = [...choice.options].find((option) => Number(option.value) === rate);
+    if (!known) choice.append(element("option", {value: rate}, `${rate} × the PC's`));
+    choice.value = String(rate);
   }
 
   // The application knows the expected time and the published key; the key stands still until the end.
