@@ -231,8 +231,8 @@ std::string CommandLine::fullName() const
 
 int CommandLine::tellWrongUse(const std::string& problem) const
 {
-    std::fprintf(stderr, "%s: %s\n\"%s --help\" says more.\n", app_->get_name().c_str(), problem.c_str(),
-                 chosen().fullName().c_str());
+    std::fprintf(stderr, "%s: %s\n\"%s --help\" says more.\n", app_->get_name().c_str(),
+                 visibleLines(problem).c_str(), chosen().fullName().c_str());
     return kStatusWrongUse;
 }
 
@@ -279,10 +279,10 @@ int CommandLine::main(int argc, char** argv)
     } catch (const WrongUse& error) {
         return tellWrongUse(error.what());
     } catch (const CommandError& error) {
-        std::fprintf(stderr, "%s: %s\n", app_->get_name().c_str(), error.what());
+        std::fprintf(stderr, "%s: %s\n", app_->get_name().c_str(), visibleLines(error.what()).c_str());
         return error.status();
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s: %s\n", app_->get_name().c_str(), error.what());
+        std::fprintf(stderr, "%s: %s\n", app_->get_name().c_str(), visibleLines(error.what()).c_str());
         return kStatusFailed;
     }
 }

@@ -53,4 +53,18 @@ std::string visible(std::string_view text)
     return shown;
 }
 
+std::string visibleLines(std::string_view text)
+{
+    std::string shown;
+    while (true) {
+        const size_t end = text.find('\n');
+        shown += visible(text.substr(0, end));
+        if (end == std::string_view::npos) {
+            return shown;
+        }
+        shown += '\n';
+        text.remove_prefix(end + 1);
+    }
+}
+
 } // namespace common

@@ -13,6 +13,10 @@ namespace common
 // it is.
 std::string visible(std::string_view text);
 
+// The same line by line, for a message that may have several. A text of others that is put into a message is
+// made visible by itself, so that it cannot begin a line.
+std::string visibleLines(std::string_view text);
+
 } // namespace common
 
 #endif

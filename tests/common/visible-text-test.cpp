@@ -32,6 +32,12 @@ TEST(VisibleText, ShowsWhatSteersATerminalInUnicode)
     EXPECT_EQ(visible("\xE2\x80\xA8"), "\\xE2\\x80\\xA8"); // U+2028, a line separator
 }
 
+TEST(VisibleText, KeepsTheLinesOfAMessageThatHasSeveral)
+{
+    EXPECT_EQ(common::visibleLines("one\n\033[2Jtwo\r\n\n"), "one\n\\x1B[2Jtwo\\r\n\n");
+    EXPECT_EQ(common::visibleLines(""), "");
+}
+
 TEST(VisibleText, ShowsBytesThatAreNoText)
 {
     EXPECT_EQ(visible("a\xFF\xC3"), "a\\xFF\\xC3");

@@ -2,7 +2,10 @@
 // it.
 #include "service-test.h"
 
+#include <algorithm>
 #include <cmath>
+#include <utility>
+#include <vector>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -110,6 +113,64 @@ TEST_F(Console, RefusesWhatNoApplicationShows)
             << text.substr(0, 60);
     }
     tv.platform().callConsole("UpdateScreen", g_variant_new("(s)", R"({"title": "shown"})"));
+}
+
+// What steers a terminal, begins a line or turns the writing; and what is to be read as it is.
+constexpr const char* kHostile = "\033[2J\x07new\nline\r\xc2\x9b"
+                                 "31m\xe2\x80\xae";
+constexpr const char* kPlain = "Größe 文字";
+
+bool isHarmless(const std::string& text)
+{
+    const bool isPlain = std::all_of(text.begin(), text.end(), [](char c) {
+        return c == '\n' || (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f);
+    });
+    return isPlain && text.find("\xc2\x9b") == std::string::npos &&
+           text.find("\xe2\x80\xae") == std::string::npos && text.find("\nline") == std::string::npos;
+}
+
+TEST_F(Console, LetsNoTextOfOthersSteerATerminal)
+{
+    const std::string text = std::string(kPlain) + kHostile;
+    installAskable();
+    Json::Value script;
+    script["version"] = text;
+    tv.write("/var/lib/hardware/alpha.json", common::compactJson(script));
+    Json::Value information;
+    information["version"] = information["ui_use"] = text;
+    tv.write(kInformation, common::compactJson(information));
+    tv.switchOn();
+    Json::Value screen;
+    screen["title"] = screen["text"] = text;
+    screen["buttons"][0]["id"] = screen["buttons"][0]["label"] = text;
+    tv.platform().callConsole("UpdateScreen", g_variant_new("(s)", common::compactJson(screen).c_str()));
+    tv.platform().setProperty(4711, text);
+    tv.execute({"gdbus", "call", "--system", "-d", "org.pellor.platform", "-o", "/org/pellor/platform", "-m",
+                "org.pellor.platform.Services.RaiseFlag", text});
+
+    const std::vector<std::pair<std::string, std::vector<std::string>>> commands = {
+        {"modules", {}}, {"ui", {}},    {"ui", {"click", "none"}}, {"show", {}}, {"flag", {}},
+        {"log", {}},     {"fault", {}}, {"property", {"4711"}}};
+    for (const auto& [name, words] : commands) {
+        const Output output = tv.command(name, words);
+        EXPECT_TRUE(isHarmless(output.text)) << name << ": " << testing::PrintToString(output.text);
+    }
+    EXPECT_THAT(tv.command("modules").text, testing::HasSubstr(kPlain));
+    EXPECT_THAT(tv.command("ui").text, testing::HasSubstr(kPlain));
+    EXPECT_THAT(tv.command("ui", {"click", "none"}).text, testing::HasSubstr(kPlain));
+}
+
+TEST_F(Console, TellsAStoryOfAnyMessage)
+{
+    const std::string record = "2026-01-31T12:00:00.000000Z\t2\t4\tFWUPDATE\t9\t9\tmain\t\t\t\t";
+    const std::string message = "Request (" + std::string(1 << 20, 'x') + ") emp download";
+    tv.write("/var/log/platform.log", record + message + "\n" + record + "Request (\\x1B[2J) emp download\n");
+    for (const char* teller : {"story", "log"}) {
+        const Output output = tv.command(teller);
+        EXPECT_EQ(output.status, 0) << teller;
+        EXPECT_TRUE(isHarmless(output.text)) << teller;
+        EXPECT_THAT(output.text, testing::HasSubstr("\\x1B[2J")) << teller;
+    }
 }
 
 TEST_F(Console, ChangesTheClockForThePageAndForTheBus)

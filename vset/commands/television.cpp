@@ -21,6 +21,11 @@ namespace
 namespace fs = std::filesystem;
 using common::visible;
 
+std::string shown(const Json::Value& value)
+{
+    return value.isConvertibleTo(Json::stringValue) && !value.isNull() ? visible(value.asString()) : "-";
+}
+
 std::string textOf(const ControlClient& client, const char* method)
 {
     const auto reply = client.callConsole(method, nullptr, "(s)");
@@ -192,9 +197,13 @@ void printScreen(const std::string& set)
                     json["switches"]["ui"].asCString());
         return;
     }
-    std::printf("%s\n%s\n", screen["title"].asCString(), screen["text"].asCString());
-    for (const Json::Value& button : screen["buttons"])
-        std::printf("[%s] %s\n", button["id"].asCString(), button["label"].asCString());
+    // What an application shows is its own, and may be of any kind.
+    std::printf("%s\n%s\n", shown(screen["title"]).c_str(), shown(screen["text"]).c_str());
+    for (const Json::Value& button : screen["buttons"]) {
+        if (button.isObject()) {
+            std::printf("[%s] %s\n", shown(button["id"]).c_str(), shown(button["label"]).c_str());
+        }
+    }
 }
 
 } // namespace
@@ -229,11 +238,6 @@ void defineUi(common::CommandLine& command)
 
 namespace
 {
-
-std::string shown(const Json::Value& value)
-{
-    return value.isNull() ? "-" : visible(value.asString());
-}
 
 void printModule(const Json::Value& module)
 {

@@ -7,6 +7,7 @@
 
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
+#include "common/visible-text.h"
 #include "guarded.h"
 #include "program.h"
 
@@ -118,7 +119,7 @@ std::optional<std::string> Screen::click(const std::string& button)
             send_(application_, button);
             return std::nullopt;
         }
-        names += (names.empty() ? "" : ", ") + shown["id"].asString();
+        names += (names.empty() ? "" : ", ") + common::visible(shown["id"].asString());
     }
     return "there is no button \"" + button + "\" on the screen now" +
            (names.empty() ? "; there is none at all" : "; there are: " + names);

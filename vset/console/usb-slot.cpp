@@ -4,6 +4,8 @@
 #include <system_error>
 #include <utility>
 
+#include "common/visible-text.h"
+
 namespace vset
 {
 
@@ -67,12 +69,12 @@ std::optional<std::string> UsbSlot::begin()
 UsbSlot::NewFile UsbSlot::add(const std::string& name)
 {
     if (!isSafe(fs::path(name))) {
-        return {nullptr, "\"" + name + "\" is no name for a file on a stick"};
+        return {nullptr, "\"" + common::visible(name) + "\" is no name for a file on a stick"};
     }
     const fs::path unfinished = fs::path(kDirectory) / (kUpload + std::to_string(++files_));
     std::unique_ptr<StickFile> file(new StickFile(*this, name, unfinished));
     if (!file->file_) {
-        return {nullptr, name + " cannot be written"};
+        return {nullptr, common::visible(name) + " cannot be written"};
     }
     return {std::move(file), ""};
 }
@@ -129,7 +131,7 @@ std::optional<std::string> StickFile::write(const char* data, size_t size)
         return "a stick holds at most " + std::to_string(UsbSlot::kMostOfStick >> 20) + " MiB";
     }
     if (!file_.write(data, static_cast<std::streamsize>(size))) {
-        return name_ + " cannot be written: is the disk full?";
+        return common::visible(name_) + " cannot be written: is the disk full?";
     }
     size_ += size;
     slot_.size_ += size;
@@ -140,11 +142,11 @@ std::optional<std::string> StickFile::finish()
 {
     file_.close();
     if (!file_) {
-        return name_ + " cannot be written: is the disk full?";
+        return common::visible(name_) + " cannot be written: is the disk full?";
     }
     std::error_code error;
     if (stick_ != slot_.stick_ || !fs::is_directory(kStaging, error)) {
-        return "no stick was begun for " + name_;
+        return "no stick was begun for " + common::visible(name_);
     }
     const fs::path target = fs::path(kStaging) / name_;
     fs::create_directories(target.parent_path(), error);
@@ -152,7 +154,7 @@ std::optional<std::string> StickFile::finish()
         fs::rename(unfinished_, target, error);
     }
     isFinished_ = !error;
-    return told(error, name_);
+    return told(error, common::visible(name_));
 }
 
 // ---- What is shown ----

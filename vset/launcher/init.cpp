@@ -1,5 +1,6 @@
 #include "launcher/init.h"
 
+#include "common/visible-text.h"
 #include "launcher/crash-order.h"
 #include "write-watch/write-watch.h"
 
@@ -143,7 +144,7 @@ std::string lastLine(const fs::path& log)
     std::string last = "it said nothing";
     for (std::string line; std::getline(text, line);)
         last = line;
-    return last;
+    return common::visible(last);
 }
 
 // A process that is to be watched hands its write filter over here; none when it is not.

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <exception>
 
+#include "common/visible-text.h"
+
 namespace vset
 {
 
@@ -17,7 +19,7 @@ bool guarded(const char* what, Action action) noexcept
         action();
         return true;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "platformd: %s failed: %s\n", what, error.what());
+        std::fprintf(stderr, "platformd: %s failed: %s\n", what, common::visible(error.what()).c_str());
         return false;
     }
 }

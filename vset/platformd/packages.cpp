@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/visible-text.h"
 #include "files.h"
 #include "guarded.h"
 
@@ -113,7 +114,8 @@ void Packages::deliver(unsigned int id)
     const fs::path source = fs::path(places_.feed) / file;
     std::error_code ignored;
     if (!isPackageName(request->package) || !fs::exists(source, ignored)) {
-        fprintf(stderr, "platformd: package \"%s\" is not in the feed\n", request->package.c_str());
+        fprintf(stderr, "platformd: package \"%s\" is not in the feed\n",
+                common::visible(request->package).c_str());
         finish(id, "unknown", "the feed has no " + file);
         return;
     }
@@ -134,7 +136,7 @@ void Packages::deliver(unsigned int id)
 void Packages::finish(unsigned int id, const char* state, const std::string& error)
 {
     if (!error.empty() && std::string(state) == "failed")
-        fprintf(stderr, "platformd: a package cannot be delivered: %s\n", error.c_str());
+        fprintf(stderr, "platformd: a package cannot be delivered: %s\n", common::visible(error).c_str());
     PackageRequest* const request = find(id);
     if (request == nullptr)
         return;

@@ -2,6 +2,7 @@
 // privileges, and lets tests make it fail.
 
 #include "common/command-line.h"
+#include "common/visible-text.h"
 #include "mount-service.h"
 
 #include <gio/gio.h>
@@ -98,7 +99,8 @@ void onMounts(Server& server, const char* method, GVariant* parameters, GDBusMet
     const char* argument = nullptr;
     g_variant_get(parameters, "(&s)", &argument);
     const Answer answer = perform(server, method, argument);
-    std::fprintf(stderr, "psmountd: %s [%s]: %d, %d\n", method, argument, answer.retVal, answer.result);
+    std::fprintf(stderr, "psmountd: %s [%s]: %d, %d\n", method, common::visible(argument).c_str(),
+                 answer.retVal, answer.result);
     g_dbus_method_invocation_return_value(invocation, g_variant_new("(ii)", answer.retVal, answer.result));
 }
 

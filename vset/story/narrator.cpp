@@ -11,6 +11,10 @@ namespace vset
 namespace
 {
 
+// Bytes of a message that can be one of the daemon's. Regular expressions recurse over their text: one of a
+// mebibyte, from a library, ends the program.
+constexpr size_t kLongest = 8192;
+
 struct Telling {
     const char* message;  // a regular expression for the whole message
     const char* sentence; // $1 and so on: what the expression captured
@@ -95,6 +99,9 @@ static_assert(kStates.size() == FWSVC_FINALIZED + 1);
 
 std::string Narrator::tell(const std::string& message)
 {
+    if (message.size() > kLongest) {
+        return "";
+    }
     static const std::regex kState(R"(\d{1,2})");
     if (std::regex_match(message, kState))
         return tellState(std::stoi(message));

@@ -5,6 +5,7 @@
 
 #include "common/command-line.h"
 #include "common/json-text.h"
+#include "common/visible-text.h"
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -53,7 +54,7 @@ std::map<std::string, std::string> extrasOf(const Options& options)
 void say(int priority, const std::string& text)
 {
     __norlog_print(kSystemLog, priority, "UPGRADE_UI", "%s", text.c_str());
-    printf("upgrade-ui: %s\n", text.c_str());
+    printf("upgrade-ui: %s\n", common::visible(text).c_str());
     fflush(stdout);
 }
 

@@ -585,6 +585,13 @@ std::string Television::ownerOf(const std::string& busName)
     return answer.status == 0 ? answer.text : "";
 }
 
+Output Television::command(const std::string& name, const std::vector<std::string>& words) const
+{
+    std::vector<std::string> all{VSET_PROGRAM, name, set_};
+    all.insert(all.end(), words.begin(), words.end());
+    return run(all);
+}
+
 Output Television::execute(const std::vector<std::string>& command)
 {
     std::vector<std::string> whole = {kVset, "exec", set_, "--"};

@@ -185,6 +185,9 @@ public:
 
     // ---- Other programs of the set ----
 
+    // A command of `vset` about this set, for a person at the terminal: its words before and behind the set.
+    Output command(const std::string& name, const std::vector<std::string>& words = {}) const;
+
     // Ends one of the set's own services, by its program's name.
     void killService(const std::string& name);
     // The same, and it is started again so long (of this machine's time) afterwards.
