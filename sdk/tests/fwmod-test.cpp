@@ -321,6 +321,29 @@ TEST_F(Fwmod, SameInputGivesTheSameBytesWhateverTimeModeOrEnvironment)
     EXPECT_TRUE(readBytes(directory / "empTuner.img") == first);
 }
 
+// They are made by smaller programs, which are built sooner.
+TEST_F(Fwmod, SampleImagesAreWhatFwmodMakesOfThem)
+{
+    struct Sample {
+        const char* name;
+        const char* expectedTime;
+        const char* uiUse;
+    };
+    for (const Sample& sample : {Sample{"Tuner", "8", "none"}, Sample{"Panel", "6", "select"}}) {
+        const fs::path images = fs::path(SAMPLE_IMAGES) / "1.1";
+        const std::string image = images / sample.name / (std::string(sample.name) + ".bin");
+        const std::string identifier = std::string("emp") + sample.name;
+        ASSERT_EQ(fwmod({"info", "--version", "1.1", "--image", image, "--expected-time", sample.expectedTime,
+                         "--ui-use", sample.uiUse, "-o", "info.json"})
+                      .status,
+                  0);
+        EXPECT_EQ(readBytes(directory / "info.json"), readBytes(images / sample.name / "info.json"));
+        ASSERT_EQ(fwmod({"package", "--image", image, "--info", "info.json", "--id", identifier}).status, 0);
+        EXPECT_TRUE(readBytes(directory / (identifier + ".img")) == readBytes(images / (identifier + ".img")))
+            << identifier;
+    }
+}
+
 TEST_F(Fwmod, PackageRefusesIdentifiersThatTheDaemonRefuses)
 {
     makeInformation();
