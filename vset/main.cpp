@@ -7,6 +7,8 @@ namespace
 constexpr common::Command kCommands[] = {
     {"new", "Make the directory of a set and put the built daemon into it", vset::defineNew},
     {"run", "Switch a set on, or run a command in it", vset::defineRun},
+    {"put", "Put a module's files, a stick or a key into a set, running or not", vset::definePut},
+    {"wait", "Wait until something has happened to a set", vset::defineWait},
     {"exec", "Run a command in a running set, as its root", vset::defineExec},
     {"clock", "Show or change the time of a running set", vset::defineClock},
     {"get", "Read a settings key of a running set", vset::defineGet},
@@ -33,6 +35,8 @@ constexpr common::Command kCommands[] = {
 constexpr const char* kExamples = R"(Examples:
   vset new /tmp/tv                         make a set, with the daemon that was built
   vset run /tmp/tv                         switch it on; Ctrl-C ends it
+  vset put /tmp/tv library tuner.so        a control library; also packages, hardware, a stick
+  vset wait /tmp/tv says "update start"    until the daemon says so
   vset exec /tmp/tv -- ls -l /dev          look around in it, from another terminal
   vset clock /tmp/tv --jump 600            ten minutes later, at once
   vset run /tmp/tv -- bash                 a shell in the set, without the daemon

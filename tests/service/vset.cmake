@@ -5,7 +5,7 @@ find_package(GTest REQUIRED)
 target_link_libraries(vset-clock-test PRIVATE
     GTest::gtest_main PkgConfig::GLIB Threads::Threads ${CMAKE_DL_LIBS} tarnwick-warnings)
 
-foreach(topic IN ITEMS run kill mounts clock numbers television rootless power-cut)
+foreach(topic IN ITEMS run contents kill mounts clock numbers television rootless power-cut)
     add_test(NAME vset-${topic}
         COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/vset-${topic}.bash $<TARGET_FILE_DIR:vset> $<TARGET_FILE:vset-clock-test>)
     # A script ends with 77 where the machine cannot run it, and says why.

@@ -162,6 +162,14 @@ void LogReader::reopen()
     buffered_.clear();
 }
 
+void LogReader::skipTo(int64_t start)
+{
+    struct stat file {
+    };
+    if (fstat(file_, &file) == 0 && start <= file.st_size)
+        lseek(file_, start, SEEK_SET);
+}
+
 std::optional<std::string> LogReader::nextLine()
 {
     while (true) {
@@ -200,17 +208,27 @@ bool LogReader::isReplaced() const
     return isCut || ours.st_ino != there.st_ino || ours.st_dev != there.st_dev;
 }
 
-void LogReader::follow(const std::function<bool(const LogRecord&)>& take)
+bool LogReader::renew()
+{
+    const bool isNew = isReplaced();
+    if (isNew)
+        reopen();
+    return isNew;
+}
+
+void LogReader::follow(const std::function<bool(const LogRecord&)>& take, const std::function<bool()>& isOver)
 {
     while (true) {
+        const bool isLast = isOver && isOver(); // asked first: what was written until then is still taken
         while (const auto record = next()) {
             if (!take(*record))
                 return;
         }
-        if (isReplaced())
-            reopen();
-        else
-            poll(nullptr, 0, kFollowMilliseconds);
+        if (renew())
+            continue;
+        if (isLast)
+            return;
+        poll(nullptr, 0, kFollowMilliseconds);
     }
 }
 

@@ -3,6 +3,7 @@
 // One line for each record; platform/host/platform-log.cpp says how its fields are separated and escaped.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -48,12 +49,20 @@ public:
     LogReader(const LogReader&) = delete;
     LogReader& operator=(const LogReader&) = delete;
 
+    // Leaves out what stands before byte `start` of the file: the end of a line. A file that is shorter was
+    // emptied since, and is read from its start. Before the first next().
+    void skipTo(int64_t start);
+
     // The next record that is in the file already; nothing at its end. Lines that are no records are skipped.
     std::optional<LogRecord> next();
 
-    // Hands every record to `take` as it is written, for ever, or until `take` returns false. Goes on with
-    // the new file when the log was moved away, and from its start when it was cut.
-    void follow(const std::function<bool(const LogRecord&)>& take);
+    // Goes on with the new file when the log was moved away, and from its start when it was cut. For whoever
+    // looks for the next record again and again. True when it was so.
+    bool renew();
+
+    // Hands every record to `take` as it is written, for ever, or until `take` returns false, or until
+    // nothing more is in the file and `isOver` is so. Renews the log.
+    void follow(const std::function<bool(const LogRecord&)>& take, const std::function<bool()>& isOver = {});
 
 private:
     std::optional<std::string> nextLine();

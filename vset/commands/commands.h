@@ -14,6 +14,13 @@ namespace vset
 // The argument that nearly all of them take first.
 common::Option takeSet(common::CommandLine& command, std::string& set);
 
+// put.cpp: what lies in it
+void definePut(common::CommandLine& command);
+// wait.cpp: what shall happen to it
+void defineWait(common::CommandLine& command);
+// "on", "standby" or a number up to 255, for an argument STATE.
+int powerState(const std::string& text);
+
 // set.cpp: the set itself
 void defineNew(common::CommandLine& command);
 void defineRun(common::CommandLine& command);

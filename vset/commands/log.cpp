@@ -1,7 +1,10 @@
 // vset log and story: what was said in a set, and what it means.
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -13,6 +16,8 @@
 #include "platform-log.h"
 #include "story/story-teller.h"
 #include "vset/commands/commands.h"
+#include "vset/television/set-life.h"
+#include "vset/television/set-watch.h"
 
 namespace vset
 {
@@ -151,30 +156,128 @@ struct StoryOptions {
     bool isFollowing = false;
     bool untilEnd = false;
     bool onlyNew = false;
+    std::optional<int> boot;
+    std::string after;
+    std::string until;
+    std::optional<double> limit;
+
+    bool hasEnd() const { return untilEnd || !until.empty(); }
 };
+
+// Whether a story is over without what it was to be told until: its daemon has ended in another way, its set
+// has gone off, or it takes too long.
+class StoryEnd
+{
+public:
+    explicit StoryEnd(const StoryOptions& options) : set_(options.set), limit_(options.limit)
+    {
+        const SetLife life = readLife(set_);
+        const bool isOver = options.onlyNew && !life.boots.empty() && life.boots.back().daemonEnded;
+        boot_ = options.boot ? static_cast<size_t>(*options.boot)
+                             : std::max<size_t>(life.boots.size() + (isOver ? 1 : 0), 1);
+    }
+
+    bool operator()()
+    {
+        wasOn_ = wasOn_ || isOn(set_);
+        if (!wasOn_ && passed() > kToBeSwitchedOn) {
+            reason_ = "the set is off: switch it on with `vset run " + set_.string() + "`";
+        } else if (limit_ && passed() > *limit_) {
+            reason_ = "the limit has passed before that";
+        } else if (const std::optional<int> status = daemonStatus()) {
+            reason_ = "the daemon has ended before that, with status " + std::to_string(*status);
+        } else if (wasOn_ && !isOn(set_)) {
+            reason_ = "the set has gone off before that";
+        }
+        return !reason_.empty();
+    }
+
+    const std::string& reason() const { return reason_; }
+
+private:
+    static constexpr double kToBeSwitchedOn = 10; // seconds
+
+    double passed() const
+    {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    }
+    std::optional<int> daemonStatus() const
+    {
+        const SetLife life = readLife(set_);
+        return wasOn_ && life.boots.size() >= boot_ ? life.boots.back().daemonEnded : std::nullopt;
+    }
+
+    std::filesystem::path set_;
+    std::optional<double> limit_;
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    size_t boot_ = 1; // whose story it is
+    bool wasOn_ = false;
+    std::string reason_;
+};
+
+// Tells what the options want of the records that it is given.
+class StoryPart
+{
+public:
+    explicit StoryPart(const StoryOptions& options) : options_(options), isTelling_(options.after.empty()) {}
+
+    // False once the part has been told.
+    bool take(const LogRecord& record)
+    {
+        const std::optional<std::string> line = teller_.tell(record); // knows what came before, too
+        if (!isOfDaemon(record)) {
+            return true;
+        }
+        if (!isTelling_) {
+            isTelling_ = record.message.find(options_.after) != std::string::npos;
+            return true;
+        }
+        if (line) {
+            std::printf("%s\n", common::visible(*line).c_str());
+            std::fflush(stdout);
+        }
+        isTold_ = (options_.untilEnd && record.message == "service finalize") ||
+                  (!options_.until.empty() && record.message.find(options_.until) != std::string::npos);
+        return !isTold_;
+    }
+    bool isTold() const { return isTold_; }
+
+private:
+    const StoryOptions& options_;
+    StoryTeller teller_;
+    bool isTelling_;
+    bool isTold_ = false;
+};
+
+void skipToBoot(LogReader& reader, const StoryOptions& options)
+{
+    const auto limit = std::chrono::milliseconds(static_cast<int64_t>(options.limit.value_or(30) * 1000));
+    waitFor(options.set, isUp(options.set, options.boot), limit);
+    reader.skipTo(readLife(options.set).boots[static_cast<size_t>(*options.boot - 1)].logStart);
+}
 
 void tellStory(const StoryOptions& options)
 {
     LogReader reader(SetDirectory::open(options.set).root() / "var/log/platform.log");
-    StoryTeller teller;
-    // False when the story is over.
-    const auto take = [&](const LogRecord& record) {
-        const std::optional<std::string> line = teller.tell(record);
-        if (!line) {
-            return true;
-        }
-        std::printf("%s\n", common::visible(*line).c_str());
-        std::fflush(stdout);
-        return !(options.untilEnd && record.message == "service finalize");
-    };
+    StoryPart part(options);
+    if (options.boot) {
+        skipToBoot(reader, options);
+    }
     while (options.onlyNew && reader.next()) {
     }
-    if (options.isFollowing || options.untilEnd) {
+    const auto take = [&part](const LogRecord& record) { return part.take(record); };
+    if (options.hasEnd()) {
+        StoryEnd end(options);
+        reader.follow(take, [&end] { return end(); });
+        if (!part.isTold()) {
+            throw common::Failure(end.reason());
+        }
+    } else if (options.isFollowing) {
         reader.follow(take);
-        return;
-    }
-    while (const std::optional<LogRecord> record = reader.next()) {
-        take(*record);
+    } else {
+        while (const std::optional<LogRecord> record = reader.next()) {
+            take(*record);
+        }
     }
 }
 
@@ -182,13 +285,27 @@ void tellStory(const StoryOptions& options)
 
 void defineStory(common::CommandLine& command)
 {
+    constexpr common::Range<int> kBoots{1, 1'000'000};
+    constexpr common::Range<double> kLimit{0, 24 * 60 * 60};
     const auto options = std::make_shared<StoryOptions>();
     takeSet(command, options->set);
     command.flag("-f,--follow", options->isFollowing, "Go on telling while it happens");
     command.flag("--until-end", options->untilEnd, "Go on, and stop when the daemon ends");
+    command.text("--until", options->until, "Go on, and stop when the daemon has said this").called("TEXT");
+    command.number("--limit", options->limit, kLimit, "Go on so long at most, of this PC's time").called("S");
     command.flag("--new", options->onlyNew, "Leave out what has happened so far");
-    command.footer("Seconds are the set's own, counted from the start of the daemon.\n"
-                   "For the messages themselves see `vset log`.");
+    command.number("--boot", options->boot, kBoots, "From the N-th boot on since the set was switched on")
+        .called("N");
+    command.text("--after", options->after, "Leave out what came until the daemon said this").called("TEXT");
+    command.footer(
+        "Seconds are the set's own, counted from the start of the daemon.\n"
+        "For the messages themselves see `vset log`.\n"
+        "Exit status with --until and --until-end: 1 when the daemon ended in another way, or its set "
+        "did, before that.\n"
+        "Examples:\n"
+        "  vset story /tmp/tv -f\n"
+        "  vset story /tmp/tv --boot 2 --until \"update start\"\n"
+        "  vset story /tmp/tv --boot 2 --after \"update start\" --until-end");
     command.onRun([options] { tellStory(*options); });
 }
 

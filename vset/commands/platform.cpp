@@ -77,9 +77,6 @@ void defineSet(common::CommandLine& command)
 
 // ---- Power ----
 
-namespace
-{
-
 int powerState(const std::string& text)
 {
     if (text == "on" || text == "normal") {
@@ -94,8 +91,6 @@ int powerState(const std::string& text)
         throw common::WrongUse(std::string("STATE: ") + error.what() + ", on, or standby");
     }
 }
-
-} // namespace
 
 void definePower(common::CommandLine& command)
 {

@@ -1,16 +1,12 @@
 // vset console, modules, ui, usb, mirroring, factory, pkgmgr: what a person does at the television.
 #include <cstdio>
-#include <filesystem>
 #include <memory>
-#include <system_error>
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "common/json-text.h"
 #include "common/visible-text.h"
 #include "control-client.h"
 #include "vset/commands/commands.h"
+#include "vset/television/set-contents.h"
 
 namespace vset
 {
@@ -18,7 +14,6 @@ namespace vset
 namespace
 {
 
-namespace fs = std::filesystem;
 using common::visible;
 
 std::string shown(const Json::Value& value)
@@ -104,48 +99,6 @@ void definePackageManager(common::CommandLine& command)
 
 // ---- USB slot ----
 
-namespace
-{
-
-// Copies a directory beside the slot and puts it in: whole or not at all. Works on a set that is switched
-// off, too.
-void insertStick(const std::string& set, const fs::path& source)
-{
-    const fs::path media = fs::path(set) / "root/opt/media";
-    struct stat owner {
-    };
-    if (stat(media.c_str(), &owner) != 0)
-        throw ControlError("there is no set in " + set + ": make one with `vset new " + set + "`");
-    const fs::path unfinished = media / (".stick-" + std::to_string(getpid()));
-    try {
-        fs::copy(source, unfinished, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-        // The page must be able to remove what a command has inserted.
-        if (geteuid() == 0) {
-            (void)lchown(unfinished.c_str(), owner.st_uid, owner.st_gid);
-            for (const fs::directory_entry& entry : fs::recursive_directory_iterator(unfinished))
-                (void)lchown(entry.path().c_str(), owner.st_uid, owner.st_gid);
-        }
-        fs::remove_all(media / "USBDriveA");
-        fs::rename(unfinished, media / "USBDriveA");
-    } catch (const fs::filesystem_error& error) {
-        std::error_code ignored;
-        fs::remove_all(unfinished, ignored);
-        throw ControlError(std::string("the stick cannot be inserted: ") + error.what());
-    }
-}
-
-void removeStick(const std::string& set)
-{
-    const fs::path stick = fs::path(set) / "root/opt/media/USBDriveA";
-    std::error_code error;
-    if (fs::remove_all(stick, error) == 0 && !error)
-        throw ControlError("there is no stick in the slot of " + set);
-    if (error)
-        throw ControlError("the stick cannot be removed: " + error.message());
-}
-
-} // namespace
-
 void defineUsb(common::CommandLine& command)
 {
     struct Options {
@@ -156,8 +109,10 @@ void defineUsb(common::CommandLine& command)
     takeSet(command, options->set);
     common::CommandLine& insert = command.command("insert", "Put the files of DIR into the slot, as a copy");
     insert.text("DIR", options->directory, "Directory of the PC").required();
-    insert.onRun([options] { insertStick(options->set, options->directory); });
-    command.command("remove", "Pull the stick out").onRun([options] { removeStick(options->set); });
+    insert.onRun([options] { SetContents(options->set).putStick(options->directory); });
+    command.command("remove", "Pull the stick out").onRun([options] {
+        SetContents(options->set).removeStick();
+    });
     command.footer(
         "Examples:\n"
         "  vset usb /tmp/tv insert ~/stick     its files appear in /opt/media/USBDriveA of the set\n"

@@ -387,6 +387,7 @@ int Init::run(const std::function<void()>& onUp)
     orders_.emplace();
     onUp();
     startMain();
+    plan_.life.up();
     return live();
 }
 
@@ -548,6 +549,7 @@ void Init::tellWrites() const
 std::optional<int> Init::onMainEnd(int status)
 {
     tellWrites();
+    plan_.life.daemonEnded(shellStatus(status));
     if (!plan_.television())
         return shellStatus(status);
     main_.process = -1;

@@ -1,6 +1,7 @@
 // PID 1 of a set: builds the root, starts the services, reaps, and ends the set.
 #pragma once
 
+#include "launcher/life-record.h"
 #include "launcher/root.h"
 
 #include <functional>
@@ -19,6 +20,7 @@ struct InitPlan {
     std::optional<unsigned int> cutAtWrite;
     fs::path tools;            // where platformd, psmountd and libvset-clock.so lie
     fs::path workingDirectory; // of the command, if the set has it
+    const LifeRecord& life;
 
     bool television() const { return command.empty(); }
 };

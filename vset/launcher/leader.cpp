@@ -105,6 +105,9 @@ private:
 End Leader::boot()
 {
     plan_.root.set.wipeVolatile();
+    std::error_code noLog;
+    const auto logged = fs::file_size(plan_.root.set.root() / "var/log/platform.log", noLog);
+    plan_.life.boot(noLog ? 0 : static_cast<int64_t>(logged));
     Pipe leader = makePipe();
     Pipe power = makePipe();
     const pid_t init = cloneInit(plan_.root.rootless);
@@ -222,6 +225,7 @@ int runSet(const RunOptions& options)
     const TemporarySet temporary(options.set ? nullptr : &set);
     std::optional<SetLock> lock = set.lock();
     set.complete();
+    const LifeRecord life(set.path());
     // The television always has a clock that can be set; a command gets it when asked, because a preloaded
     // library is not every program's (a sanitizer's, a static one's) liking.
     const bool clock = options.command.empty() || options.clockRate.has_value();
@@ -238,8 +242,10 @@ int runSet(const RunOptions& options)
                   options.command,
                   options.cutAtWrite,
                   tools,
-                  fs::current_path(error)};
+                  fs::current_path(error),
+                  life};
     const int status = liveThroughReboots(plan, *lock);
+    life.off(status);
     lock.reset(); // the cleaning child must not hold it
     if (slot)
         slot->cleanInBackground();

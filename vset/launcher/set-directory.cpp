@@ -128,6 +128,26 @@ void copyTree(const fs::path& tree, const fs::path& usr)
 
 } // namespace
 
+namespace
+{
+
+// Whoever asks whether a set is on holds the lock for some microseconds.
+int flockPatiently(int file)
+{
+    int result = 0;
+    for (int tries = 0; tries < 20; ++tries) {
+        result = flock(file, LOCK_EX | LOCK_NB);
+        if (result == 0 || errno != EWOULDBLOCK) {
+            break;
+        }
+        usleep(5000);
+        errno = EWOULDBLOCK;
+    }
+    return result;
+}
+
+} // namespace
+
 void SetLock::publish(const RunningSet& running) const
 {
     const std::string text = std::to_string(running.init) + (running.rootless ? " rootless" : " root") +
@@ -197,7 +217,7 @@ SetLock SetDirectory::lock() const
     UniqueFd lockFd(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     if (!lockFd)
         failWithErrno("cannot open " + file.string());
-    if (flock(lockFd.get(), LOCK_EX | LOCK_NB) == 0) {
+    if (flockPatiently(lockFd.get()) == 0) {
         SetLock lock(std::move(lockFd));
         lock.publish({}); // a set that was killed left its process identifier
         return lock;

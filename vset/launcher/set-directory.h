@@ -9,13 +9,10 @@
 
 #include <optional>
 
+#include "vset/television/users.h"
+
 namespace vset
 {
-
-// Identifiers of the users in a set that is run by root. Without root everything belongs to the caller.
-constexpr uid_t kPlatformUser = 900;
-constexpr uid_t kUpdateUser = 901;
-constexpr gid_t kSystemGroup = 900;
 
 // What a running set tells other commands through its lock file.
 struct RunningSet {
@@ -55,7 +52,7 @@ public:
     // build tree, where fwctl is left out if it was not built. Throws Error when the daemon was not.
     void installDaemon() const;
 
-    // Throws Error when the set is running.
+    // Throws Error when the set is running. Waits a moment for who only looks whether it is.
     SetLock lock() const;
     std::optional<RunningSet> running() const;
 

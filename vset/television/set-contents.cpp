@@ -1,0 +1,272 @@
+#include "vset/television/set-contents.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <system_error>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "common/errors.h"
+
+namespace vset
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+[[noreturn]] void fail(const std::string& what, const std::string& why)
+{
+    throw common::Failure(what + ": " + why);
+}
+
+// Runs what throws std::filesystem errors; they leave as ours, with the whole sentence.
+void attempt(const std::string& what, const std::function<void()>& action)
+{
+    try {
+        action();
+    } catch (const fs::filesystem_error& error) {
+        fail(what, error.code().message() + " (" +
+                       (error.path2().empty() ? error.path1() : error.path2()).string() + ")");
+    }
+}
+
+// Not under the name that somebody may be looking for, but on the same file system.
+fs::path unfinishedNameOf(const fs::path& target)
+{
+    return target.parent_path() / ("." + target.filename().string() + "." + std::to_string(getpid()));
+}
+
+// As it is in a set that root runs: daemon and platform have users of their own. A plain user's are all one.
+void giveToOwnerOf(const fs::path& directory, const fs::path& tree)
+{
+    struct stat owner {
+    };
+    if (geteuid() != 0 || stat(directory.c_str(), &owner) != 0) {
+        return;
+    }
+    const auto give = [&owner](const fs::path& path) {
+        if (lchown(path.c_str(), owner.st_uid, owner.st_gid) != 0) {
+            throw fs::filesystem_error("chown", path, std::error_code(errno, std::generic_category()));
+        }
+    };
+    give(tree);
+    if (!fs::is_directory(fs::symlink_status(tree))) {
+        return;
+    }
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(tree)) {
+        give(entry.path());
+    }
+}
+
+// Makes `target` by way of a hidden neighbour, which `make` fills. Directories are exchanged one after the
+// other: rename() puts none over a full one.
+void replace(const fs::path& target, const std::function<void(const fs::path& unfinished)>& make)
+{
+    const fs::path unfinished = unfinishedNameOf(target);
+    try {
+        fs::create_directories(target.parent_path());
+        make(unfinished);
+        giveToOwnerOf(target.parent_path(), unfinished);
+        if (fs::is_directory(fs::symlink_status(target))) {
+            fs::remove_all(target);
+        }
+        fs::rename(unfinished, target);
+    } catch (...) {
+        std::error_code ignored;
+        fs::remove_all(unfinished, ignored);
+        throw;
+    }
+}
+
+void requireFile(const fs::path& file)
+{
+    std::error_code error;
+    const fs::file_status status = fs::status(file, error);
+    if (status.type() == fs::file_type::not_found) {
+        fail(file.string(), "there is no such file");
+    }
+    if (!fs::is_regular_file(status)) {
+        fail(file.string(), "is not a file");
+    }
+}
+
+void requireDirectory(const fs::path& directory)
+{
+    std::error_code error;
+    if (!fs::exists(directory, error)) {
+        fail(directory.string(), "there is no such directory");
+    }
+    if (!fs::is_directory(directory, error)) {
+        fail(directory.string(), "is not a directory");
+    }
+}
+
+void requireName(const fs::path& file, const char* extension, const char* example)
+{
+    if (file.extension() != extension || file.stem().empty()) {
+        fail(file.string(), std::string("its name has to end in ") + extension + ", as in " + example);
+    }
+}
+
+// "SET/firmware/" and "SET/firmware" are the same directory.
+std::string lastNameOf(const fs::path& directory)
+{
+    const fs::path canonical = fs::weakly_canonical(directory);
+    return canonical.filename().string();
+}
+
+bool isBelow(const std::string& path, const std::string& directory)
+{
+    return path == directory || path.rfind(directory + "/", 0) == 0;
+}
+
+} // namespace
+
+SetContents::SetContents(const fs::path& set) : set_(set)
+{
+    std::error_code error;
+    if (!fs::is_directory(set / "root", error) || !fs::is_directory(set / "usr", error)) {
+        throw common::Failure("there is no set at " + set.string() + ": make one with `vset new " +
+                              set.string() + "`");
+    }
+}
+
+std::optional<fs::path> SetContents::find(const std::string& path) const
+{
+    // The rest of /usr is the PC's own; /lib is a link to /usr/lib.
+    const std::string real = isBelow(path, "/lib/firmware/ext") ? "/usr" + path : path;
+    const fs::path relative = fs::path(real).relative_path();
+    for (const char* top : {"/usr/fwupdate", inset::kBuiltInFirmware, "/usr/bin", "/usr/lib"}) {
+        if (isBelow(real, top)) {
+            return set_ / relative;
+        }
+    }
+    for (const char* top : {"/tmp", "/run", "/prd", "/opt", "/var", "/srv", "/home", "/root"}) {
+        if (isBelow(real, top)) {
+            return set_ / "root" / relative;
+        }
+    }
+    return std::nullopt;
+}
+
+fs::path SetContents::outside(const std::string& path) const
+{
+    if (const std::optional<fs::path> found = find(path)) {
+        return *found;
+    }
+    throw common::Failure(path + " is no file of the set's own: it has /tmp, /run, /prd, /opt, /var, /srv, "
+                                 "/home, /root and /usr/fwupdate");
+}
+
+void SetContents::write(const std::string& path, const std::string& content) const
+{
+    attempt("cannot write " + path + " of the set", [&] {
+        replace(outside(path), [&](const fs::path& unfinished) {
+            std::ofstream out(unfinished, std::ios::binary | std::ios::trunc);
+            out << content;
+            out.close();
+            if (!out) {
+                throw fs::filesystem_error("write", unfinished,
+                                           std::error_code(errno, std::generic_category()));
+            }
+        });
+    });
+}
+
+void SetContents::putFile(const fs::path& file, const std::string& directory, const std::string& name) const
+{
+    requireFile(file);
+    const fs::path target = outside(directory) / (name.empty() ? file.filename() : fs::path(name));
+    attempt("cannot put " + file.string() + " into the set",
+            [&] { replace(target, [&](const fs::path& unfinished) { fs::copy_file(file, unfinished); }); });
+}
+
+void SetContents::putLibrary(const fs::path& file, Controls where) const
+{
+    requireFile(file);
+    requireName(file, ".so", "tuner.so");
+    putFile(file, where == Controls::kSystem ? inset::kSystemControls : inset::kProductControls);
+}
+
+void SetContents::putPackage(const fs::path& file, Place where) const
+{
+    requireFile(file);
+    requireName(file, ".img", "empTuner.img");
+    putFile(file, where == Place::kFeed ? inset::kFeed : inset::kPackages);
+}
+
+void SetContents::putFirmware(const fs::path& directory) const
+{
+    requireDirectory(directory);
+    const std::string name = lastNameOf(directory);
+    for (const std::string& file : {name + ".bin", std::string("info.json")}) {
+        if (!fs::is_regular_file(directory / file)) {
+            fail(directory.string(), "there is no " + file +
+                                         " in it: the daemon looks for NAME/NAME.bin and "
+                                         "NAME/info.json");
+        }
+    }
+    attempt("cannot put " + directory.string() + " into the set", [&] {
+        replace(outside(inset::kBuiltInFirmware) / name, [&](const fs::path& unfinished) {
+            fs::copy(directory, unfinished, fs::copy_options::recursive);
+        });
+    });
+}
+
+void SetContents::putHardware(const fs::path& chips) const
+{
+    if (!fs::is_directory(chips)) {
+        putFile(chips, inset::kHardware);
+        return;
+    }
+    attempt("cannot put " + chips.string() + " into the set", [&] {
+        for (const fs::directory_entry& chip : fs::directory_iterator(chips)) {
+            replace(outside(inset::kHardware) / chip.path().filename(), [&](const fs::path& unfinished) {
+                fs::copy(chip.path(), unfinished, fs::copy_options::recursive);
+            });
+        }
+    });
+}
+
+void SetContents::putStick(const fs::path& directory) const
+{
+    requireDirectory(directory);
+    attempt("the stick cannot be inserted", [&] {
+        replace(outside(inset::kStick), [&](const fs::path& unfinished) {
+            fs::copy(directory, unfinished, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+        });
+    });
+}
+
+void SetContents::removeStick() const
+{
+    std::error_code error;
+    const bool wasThere = fs::remove_all(outside(inset::kStick), error) > 0;
+    if (error) {
+        fail("the stick cannot be removed", error.message());
+    }
+    if (!wasThere) {
+        throw common::Failure("there is no stick in the slot of " + set_.string());
+    }
+}
+
+void SetContents::putSigningKey(const fs::path& file) const
+{
+    requireFile(file);
+    std::ifstream in(file);
+    std::string start;
+    std::getline(in, start);
+    if (start.rfind("-----BEGIN PUBLIC KEY", 0) != 0) {
+        fail(file.string(),
+             "is no public key in PEM form (-----BEGIN PUBLIC KEY-----): make one of the signing "
+             "key with `openssl pkey -in KEY -pubout`");
+    }
+    putFile(file, inset::kSigningKeys, file.stem().string() + ".pem");
+}
+
+} // namespace vset

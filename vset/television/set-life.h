@@ -1,0 +1,39 @@
+// What the launcher of a set has written down since the set was switched on: its boots, the ends of its
+// daemon, and its own end. It stands in SET/.vset/life, one JSON object a line; docs/vset-commands.md lists
+// them.
+//
+// One thread.
+#ifndef VSET_TELEVISION_SET_LIFE_H
+#define VSET_TELEVISION_SET_LIFE_H
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+namespace vset
+{
+
+constexpr const char* kLifeFile = ".vset/life"; // in the set's directory
+constexpr const char* kLockFile = ".vset/lock"; // held by the launcher while the set is on
+
+struct Boot {
+    int64_t logStart = 0; // bytes of the set's log before it
+    bool isUp = false;    // all services are there, and the daemon, or the command, has been started
+    std::optional<int> daemonEnded; // exit status of the daemon (or the command), 128 + n after signal n
+};
+
+struct SetLife {
+    std::vector<Boot> boots; // since it was switched on; a reboot adds one
+    std::optional<int> end;  // exit status of `vset run`; nothing while the set is on, or when it was killed
+};
+
+// As it stands now; no boot when the set was never on. A line that is not whole yet is left out.
+SetLife readLife(const std::filesystem::path& set);
+
+// Whether a launcher holds the set: from before its first boot, over reboots, to its end.
+bool isOn(const std::filesystem::path& set);
+
+} // namespace vset
+
+#endif
