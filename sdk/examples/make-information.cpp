@@ -35,9 +35,9 @@ int main(int argc, char** argv)
     }
     // Nothing in it needs to be escaped: digits, dots and three words.
     std::ofstream out(argv[5], std::ios::trunc);
-    out << "{\n    \"crc\" : " << systemCrc32(bytes->data(), bytes->size())
-        << ",\n    \"expected_time\" : " << seconds << ",\n    \"ui_use\" : \"" << argv[4]
-        << "\",\n    \"version\" : \"" << argv[2] << "\"\n}\n";
+    out << "{\n  \"crc\" : " << systemCrc32(bytes->data(), bytes->size())
+        << ",\n  \"expected_time\" : " << seconds << ",\n  \"ui_use\" : \"" << argv[4]
+        << "\",\n  \"version\" : \"" << argv[2] << "\"\n}\n";
     out.close();
     if (!out) {
         std::perror(argv[5]);
