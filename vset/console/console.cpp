@@ -14,7 +14,6 @@
 
 #include "common/json-text.h"
 #include "console-interface.h"
-#include "files.h"
 #include "real-time.h"
 #include "service-time.h"
 
@@ -97,7 +96,7 @@ Console::Console(GDBusConnection* bus, SetModel& set)
             [this](const std::string& name) { return usb_.add(name); }})
 {
     port_ = web_.port();
-    saveOptions();
+    saveOptions(Keeping::kUntilPowerOff); // a boot waits for no disk
     if (isFactory_)
         touch(kFactoryMarker); // before the daemon starts, which looks only then
     set_.changed.connect([this](const std::vector<std::string>& sections) {
@@ -135,7 +134,7 @@ void Console::loadOptions()
     port_ = port <= 65535 ? port : 0; // the same after a reboot, so that an open page finds the set again
 }
 
-Console::Fault Console::saveOptions() const
+Console::Fault Console::saveOptions(Keeping keeping) const
 {
     Json::Value kept;
     kept["ui"] = behaviour_.name;
@@ -143,7 +142,7 @@ Console::Fault Console::saveOptions() const
     kept["factory"] = isFactory_;
     kept["port"] = port_;
     try {
-        saveJson(kOptionsFile, kept);
+        saveJson(kOptionsFile, kept, keeping);
     } catch (const std::system_error& error) {
         return std::string("the console's options cannot be kept: ") + error.what();
     }

@@ -14,6 +14,7 @@
 
 #include "bus-objects.h"
 #include "daemon-watch.h"
+#include "files.h"
 #include "log-tail.h"
 #include "module-list.h"
 #include "real-time.h"
@@ -69,7 +70,7 @@ private:
     void takeLog(const LogRecord& record);
 
     void loadOptions();
-    Fault saveOptions() const;
+    Fault saveOptions(Keeping keeping = Keeping::kForGood) const;
     void publishUrl() const;
 
     SetModel& set_;

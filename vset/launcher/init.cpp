@@ -182,14 +182,16 @@ private:
 
     void start(Service& service, std::vector<std::string> arguments, const Identity& identity, bool onClock,
                int inheritedFd, const WatchSocket& watch = {});
-    void startUntilReady(Service& service, std::vector<std::string> arguments, const char* fdOption,
-                         const Identity& identity, bool onClock);
+    // What tells, by one byte, that the service which was started can be used.
+    UniqueFd startTelling(Service& service, std::vector<std::string> arguments, const char* fdOption,
+                          const Identity& identity, bool onClock);
+    static void waitUntilReady(const Service& service, const UniqueFd& ready);
     void startBus();
+    void startServices();
     std::vector<std::string> mountServiceCommand() const;
-    void startMountService();
     void restartMountService();
     std::vector<std::string> platformCommand() const;
-    void startPlatform();
+    UniqueFd startPlatform();
     void restartPlatform();
     void startCommand(const WatchSocket& watch);
     void startMain();
@@ -250,20 +252,24 @@ void Init::start(Service& service, std::vector<std::string> arguments, const Ide
     }
 }
 
-void Init::startUntilReady(Service& service, std::vector<std::string> arguments, const char* fdOption,
-                           const Identity& identity, bool onClock)
+UniqueFd Init::startTelling(Service& service, std::vector<std::string> arguments, const char* fdOption,
+                            const Identity& identity, bool onClock)
 {
     Pipe ready = makePipe();
     arguments.push_back(fdOption + std::to_string(ready.writeEnd.get()));
     start(service, std::move(arguments), identity, onClock, ready.writeEnd.get());
-    ready.writeEnd.reset();
-    pollfd waiting{ready.readEnd.get(), POLLIN, 0};
+    return std::move(ready.readEnd);
+}
+
+void Init::waitUntilReady(const Service& service, const UniqueFd& ready)
+{
+    pollfd waiting{ready.get(), POLLIN, 0};
     int events = 0;
     do {
         events = poll(&waiting, 1, kReadyTimeoutMs);
     } while (events < 0 && errno == EINTR);
     char byte = 0;
-    if (events > 0 && read(ready.readEnd.get(), &byte, 1) == 1)
+    if (events > 0 && read(ready.get(), &byte, 1) == 1)
         return;
     throw Error(std::string(service.name) + (events == 0 ? " does not get ready" : " ended at its start") +
                 ": " + lastLine(fs::path("/var/log") / (std::string(service.name) + ".out")));
@@ -274,21 +280,27 @@ void Init::startBus()
     if (mkdir("/run/dbus", 0755) != 0 && errno != EEXIST)
         failWithErrno("cannot make /run/dbus");
     writeFile(kBusConfigurationPath, kBusConfiguration);
-    startUntilReady(
+    const UniqueFd ready = startTelling(
         bus_,
         {"dbus-daemon", std::string("--config-file=") + kBusConfigurationPath, "--nofork", "--nopidfile"},
         "--print-address=", kRoot, false);
+    waitUntilReady(bus_, ready);
+}
+
+// Both at once: neither needs the other.
+void Init::startServices()
+{
+    const UniqueFd mountsReady = startTelling(mounts_, mountServiceCommand(), "--ready-fd=", kRoot, false);
+    const UniqueFd platformReady = startPlatform();
+    waitUntilReady(mounts_, mountsReady);
+    if (platformReady)
+        waitUntilReady(platform_, platformReady);
 }
 
 std::vector<std::string> Init::mountServiceCommand() const
 {
     return {plan_.tools / "psmountd",
             plan_.root.rootless ? "--fuse" : "--loop-base=" + std::to_string(plan_.root.loopBase)};
-}
-
-void Init::startMountService()
-{
-    startUntilReady(mounts_, mountServiceCommand(), "--ready-fd=", kRoot, false);
 }
 
 // Nobody waits for a service that is started again: PID 1 has the other processes to look after.
@@ -305,14 +317,14 @@ std::vector<std::string> Init::platformCommand() const
     return command;
 }
 
-void Init::startPlatform()
+UniqueFd Init::startPlatform()
 {
     const fs::path program = plan_.tools / "platformd";
     if (!fs::exists(program)) {
         note(program.string() + " is not built: the set runs without platform services");
-        return;
+        return UniqueFd();
     }
-    startUntilReady(platform_, platformCommand(), "--ready-fd=", kPlatform, true);
+    return startTelling(platform_, platformCommand(), "--ready-fd=", kPlatform, true);
 }
 
 void Init::restartPlatform()
@@ -382,8 +394,7 @@ int Init::run(const std::function<void()>& onUp)
                     "`");
     cleanEnvironment(plan_.tools, plan_.root.clock);
     startBus();
-    startMountService();
-    startPlatform();
+    startServices();
     orders_.emplace();
     onUp();
     startMain();

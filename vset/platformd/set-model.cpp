@@ -55,7 +55,7 @@ Json::Value countBoot(bool isPowerCycled)
     Json::Value boot;
     boot["count"] = kept["count"].isUInt() ? kept["count"].asUInt() + 1 : 1U;
     try {
-        saveJson(kBootFile, boot);
+        saveJson(kBootFile, boot, Keeping::kUntilPowerOff); // a boot waits for no disk
     } catch (const std::system_error& error) {
         fprintf(stderr, "platformd: the boots cannot be counted: %s\n", error.what());
     }
