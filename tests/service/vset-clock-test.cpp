@@ -20,8 +20,10 @@
 #include <poll.h>
 #include <semaphore.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace
@@ -157,6 +159,19 @@ void waitWithPpoll(int wait)
     EXPECT_EQ(ppoll(nullptr, 0, &timeout, nullptr), 0);
 }
 
+// Each process is told of a change, also one that was forked from one that has waited already.
+void waitInTwoProcesses(int wait)
+{
+    EXPECT_EQ(poll(nullptr, 0, 100), 0);
+    const pid_t child = fork();
+    EXPECT_EQ(poll(nullptr, 0, wait * 1000), 0);
+    if (child == 0)
+        _exit(0);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
 void sleepUntilWallTime(int wait)
 {
     const timespec end = inSeconds(CLOCK_REALTIME, wait);
@@ -166,17 +181,19 @@ void sleepUntilWallTime(int wait)
 struct Wait {
     const char* name;
     std::function<void(int)> run;
+    bool isTold = false; // of a change of the clock, and does not look for itself
 };
 
 const std::vector<Wait>& waits()
 {
     static const std::vector<Wait> table{
-        {"sleep", [](int wait) { EXPECT_EQ(sleep(static_cast<unsigned int>(wait)), 0U); }},
-        {"usleep", [](int wait) { EXPECT_EQ(usleep(static_cast<useconds_t>(wait) * 1000000), 0); }},
-        {"sleep_for", [](int wait) { std::this_thread::sleep_for(seconds(wait)); }},
-        {"clock_nanosleep", sleepUntilWallTime},
-        {"poll", [](int wait) { EXPECT_EQ(poll(nullptr, 0, wait * 1000), 0); }},
-        {"ppoll", waitWithPpoll},
+        {"sleep", [](int wait) { EXPECT_EQ(sleep(static_cast<unsigned int>(wait)), 0U); }, true},
+        {"usleep", [](int wait) { EXPECT_EQ(usleep(static_cast<useconds_t>(wait) * 1000000), 0); }, true},
+        {"sleep_for", [](int wait) { std::this_thread::sleep_for(seconds(wait)); }, true},
+        {"clock_nanosleep", sleepUntilWallTime, true},
+        {"poll", [](int wait) { EXPECT_EQ(poll(nullptr, 0, wait * 1000), 0); }, true},
+        {"ppoll", waitWithPpoll, true},
+        {"poll in two processes", waitInTwoProcesses},
         {"select", waitWithSelect},
         {"epoll_wait", waitWithEpoll},
         {"condition, steady clock", waitOnStdCondition<steady_clock>},
@@ -186,9 +203,9 @@ const std::vector<Wait>& waits()
         {"semaphore, wall time", [](int wait) { waitOnSemaphore(false, wait); }},
         {"semaphore, monotonic", [](int wait) { waitOnSemaphore(true, wait); }},
         {"timed mutex", waitForMutex},
-        {"future", [](int wait) { std::promise<int>().get_future().wait_for(seconds(wait)); }},
-        {"GLib condition", waitOnGlibCondition},
-        {"GLib main loop", waitInMainLoop},
+        {"future", [](int wait) { std::promise<int>().get_future().wait_for(seconds(wait)); }, true},
+        {"GLib condition", waitOnGlibCondition, true},
+        {"GLib main loop", waitInMainLoop, true},
     };
     return table;
 }
@@ -224,6 +241,45 @@ TEST(Waits, AtAJumpComeBackAtOnce)
         usleep(500000);
         std::ofstream("/tmp/waiting") << "yes";
     });
+}
+
+// At the PC's pace, with somebody who changes the clock all the time.
+TEST(Waits, OutlastManyChanges)
+{
+    static constexpr int kWait = 4;
+    std::vector<std::thread> threads;
+    std::ofstream("/tmp/waiting") << "yes";
+    for (const Wait& one : waits()) {
+        threads.emplace_back([&one] {
+            const auto start = steady_clock::now();
+            one.run(kWait);
+            EXPECT_GE(duration<double>(steady_clock::now() - start).count(), kWait - 0.01) << one.name;
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+// An idle program of a set is idle: it runs when something is due, not to look at the clock.
+TEST(Waits, WakeOnlyForWhatIsDue)
+{
+    static constexpr int kWait = 3;
+    static constexpr long kMostWakes = 10; // a look every 20 ms would be 150
+    std::vector<std::thread> threads;
+    for (const Wait& one : waits()) {
+        if (!one.isTold)
+            continue;
+        threads.emplace_back([&one] {
+            rusage before{};
+            rusage after{};
+            getrusage(RUSAGE_THREAD, &before);
+            one.run(kWait);
+            getrusage(RUSAGE_THREAD, &after);
+            EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, kMostWakes) << one.name;
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
 }
 
 TEST(Clocks, AgreeWithEachOther)

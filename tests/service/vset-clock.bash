@@ -16,6 +16,18 @@ within 60 test -e "$set_/root/tmp/waiting" || fail "the waits do not begin: $(ca
 expect 0 "+600." "$vset" clock "$set_" --jump 600
 wait "$leader" || fail "at a jump: $(cat "$work/output")"
 
+# ---- Who waits is told of every change, and of nothing else ----
+expect 0 "PASSED" "$vset" run --temporary --clock-rate 1 -- "$test_program" --gtest_filter='Waits.WakeOnly*'
+rm -f "$set_/root/tmp/waiting"
+"$vset" run "$set_" --clock-rate 1 -- "$test_program" --gtest_filter='Waits.Outlast*' >"$work/output" 2>&1 &
+leader=$!
+started+=("$leader")
+within 60 test -e "$set_/root/tmp/waiting" || fail "the waits do not begin: $(cat "$work/output")"
+changes=0
+while "$vset" clock "$set_" --rate 1 >/dev/null 2>&1; do changes=$((changes + 1)); done
+wait "$leader" || fail "at many changes: $(cat "$work/output")"
+[ "$changes" -ge 20 ] || fail "only $changes changes"
+
 # ---- What the command says and refuses ----
 "$vset" run "$set_" --clock-rate 1 -- sleep 100000 2>/dev/null &
 leader=$!

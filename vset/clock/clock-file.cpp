@@ -1,14 +1,17 @@
 #include "vset/clock/clock-file.h"
 
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <system_error>
 
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -58,21 +61,26 @@ ClockState jumped(ClockState state, double seconds)
     return state;
 }
 
-// The only way to the page: what stands there is believed by every program of the set.
-void store(ClockPage& page, const ClockState& state)
-{
-    if (!(state.rate >= kLowestRate && state.rate <= kHighestRate)) {
-        throw common::WrongUse("a clock's rate is a number from 0.01 to 1000");
-    }
-    writeClock(page, state);
-}
-
 [[noreturn]] void fail(const std::string& what)
 {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
 } // namespace
+
+// The only way to the page: what stands there is believed by every program of the set. Wakes everybody who
+// waits for a change, on a word of the page or for an event of the file.
+void ClockFile::store(const ClockState& state)
+{
+    if (!(state.rate >= kLowestRate && state.rate <= kHighestRate)) {
+        throw common::WrongUse("a clock's rate is a number from 0.01 to 1000");
+    }
+    writeClock(page(), state);
+    syscall(SYS_futex, &page().sequence, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+    if (futimens(file_, nullptr) != 0) {
+        fail("cannot tell the set of its clock");
+    }
+}
 
 ClockFile::ClockFile(const std::string& path, Opening opening)
     : file_(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | (opening == Opening::kNewToo ? O_CREAT : 0),
@@ -103,7 +111,7 @@ void ClockFile::reset(double rate)
     const int64_t now = hostTime(CLOCK_MONOTONIC);
     page().magic = kClockMagic;
     page().sequence = 0; // a writer that was killed half-way left it odd
-    store(page(), {now, now, hostTime(CLOCK_REALTIME) - now, rate});
+    store({now, now, hostTime(CLOCK_REALTIME) - now, rate});
 }
 
 void ClockFile::change(const ClockChange& change)
@@ -116,7 +124,7 @@ void ClockFile::change(const ClockChange& change)
     if (change.jump) {
         state = jumped(state, *change.jump);
     }
-    store(page(), state);
+    store(state);
 }
 
 std::string ClockFile::description() const

@@ -46,6 +46,7 @@ public:
     int descriptor() const { return file_; }
 
 private:
+    void store(const ClockState& state);
     ClockPage& page() const { return *static_cast<ClockPage*>(memory_); }
 
     int file_;

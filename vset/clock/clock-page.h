@@ -3,7 +3,8 @@
 //   set time = setBase + (PC's monotonic time - hostBase) * rate
 //
 // One writer at a time (it holds the file's lock), any number of readers; a sequence number, odd while
-// the writer is at work, tells readers to look again. Times are nanoseconds.
+// the writer is at work, tells readers to look again. Times are nanoseconds. Readers who wait are woken by
+// the writer: those on the futex `sequence`, and those who watch the file's attributes.
 #pragma once
 
 #include <atomic>

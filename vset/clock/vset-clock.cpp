@@ -1,8 +1,10 @@
 // libvset-clock.so: programs that are started with it live on their set's clock.
 //
 // It stands in front of the C library's calls that read a clock or wait for a time. Clocks are computed from
-// the page that `vset clock` writes. A wait is cut into slices of the PC's time, and after each the clock is
-// read again, so that a jump or another rate takes effect at once for those who are waiting already.
+// the page that `vset clock` writes. A jump or another rate takes effect at once for those who are waiting
+// already: who sleeps, polls or waits on a futex waits for a change of the page as well. Where the kernel has
+// no such wait (conditions, semaphores and locks of the C library, select, epoll) it is cut into slices of
+// the PC's time, and after each the clock is read again.
 //
 // All threads call in here at any time, also before main and from other libraries' constructors: there is no
 // lock and no allocation, and what is set up lazily is set up atomically.
@@ -13,7 +15,9 @@
 #include <climits>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdio>
 #include <ctime>
+#include <optional>
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -22,6 +26,7 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/epoll.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -40,6 +45,7 @@ constexpr int64_t kSecond = 1000000000;
 constexpr int64_t kSlice =
     20 * kMillisecond; // of the PC's time, the longest wait without looking at the clock
 constexpr int64_t kForever = INT64_MAX;
+constexpr int64_t kLongest = kForever / 16; // of one wait; the end of it must not overflow
 
 // ---- The C library's own functions ----
 
@@ -204,15 +210,20 @@ public:
         return at_ > now ? at_ - now : 0;
     }
 
-    // How long to wait in the PC's time before looking at the clock again.
-    int64_t slice() const
+    // How long to wait in the PC's time, at the set's present rate but no longer than `most`.
+    int64_t real(int64_t most) const
     {
         const double real = static_cast<double>(remaining()) / vset::readClock(page_).rate;
-        return real >= static_cast<double>(kSlice) ? kSlice : static_cast<int64_t>(real);
+        return real >= static_cast<double>(most) ? most : static_cast<int64_t>(real);
     }
+    // The same before looking at the clock again, for who is not told of its change.
+    int64_t slice() const { return real(kSlice); }
 
-    // The end of the next slice on the PC's monotonic clock.
+    // The ends of both on the PC's monotonic clock.
+    timespec realEnd() const { return toTimespec(hostNow(CLOCK_MONOTONIC) + real(kLongest)); }
     timespec sliceEnd() const { return toTimespec(hostNow(CLOCK_MONOTONIC) + slice()); }
+
+    const vset::ClockPage& page() const { return page_; }
 
 private:
     const vset::ClockPage& page_;
@@ -252,15 +263,31 @@ int waitForEvents(const Deadline& deadline, Wait wait)
     }
 }
 
+// The writer wakes who waits on this word of the page. It has to be read before the clock is.
+const void* changeWord(const vset::ClockPage& page)
+{
+    return &page.sequence;
+}
+
 int sleepUntil(const Deadline& deadline)
 {
-    while (deadline.remaining() > 0) {
-        const timespec end = deadline.sliceEnd();
-        const int error = real_clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr);
-        if (error != 0)
-            return error; // a signal
+    while (true) {
+        const uint32_t sequence = deadline.page().sequence.load();
+        if (deadline.remaining() == 0)
+            return 0;
+        const timespec end = deadline.realEnd();
+        const long result = real_syscall(SYS_futex, changeWord(deadline.page()), FUTEX_WAIT_BITSET,
+                                         static_cast<long>(sequence), &end, nullptr,
+                                         static_cast<long>(FUTEX_BITSET_MATCH_ANY));
+        if (result == 0 || errno == ETIMEDOUT || errno == EAGAIN)
+            continue;
+        if (errno == EINTR)
+            return EINTR;
+        const timespec slice = deadline.sliceEnd(); // a kernel that refuses to wait on the page
+        if (const int error = real_clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &slice, nullptr);
+            error != 0)
+            return error;
     }
-    return 0;
 }
 
 int sleepFor(const vset::ClockPage& page, int64_t duration, timespec* remain)
@@ -349,12 +376,120 @@ EXPORTED unsigned int sleep(unsigned int seconds)
 
 // ---- Waiting for descriptors ----
 
+namespace
+{
+
+constexpr nfds_t kMostDescriptors = 64; // more are waited for in slices
+
+// A descriptor of this thread that becomes readable when the page has changed. Its number and the process it
+// belongs to are kept together: a forked process must not read what is its parent's.
+class ChangeDescriptor
+{
+public:
+    // -1 when there is none to be had: then one waits in slices.
+    static int get()
+    {
+        const int previousErrno = errno;
+        pthread_once(&once_, [] { hasKey_ = pthread_key_create(&key_, closeKept) == 0; });
+        const int descriptor = hasKey_ ? find() : -1;
+        errno = previousErrno;
+        return descriptor;
+    }
+
+    static void drain(int descriptor)
+    {
+        char events[4096];
+        while (read(descriptor, events, sizeof events) > 0) {
+        }
+    }
+
+private:
+    static constexpr int kNumberBits = 24;
+
+    static int find()
+    {
+        const auto kept = reinterpret_cast<uintptr_t>(pthread_getspecific(key_));
+        const auto process = static_cast<uintptr_t>(getpid());
+        if (kept != 0 && kept >> kNumberBits == process && isInotify(numberOf(kept)))
+            return numberOf(kept);
+        if (kept != 0)
+            closeKept(reinterpret_cast<void*>(kept));
+        const int made = make();
+        const uintptr_t value = made < 0 ? 0 : process << kNumberBits | static_cast<uintptr_t>(made + 1);
+        pthread_setspecific(key_, reinterpret_cast<void*>(value));
+        return made;
+    }
+
+    static int make()
+    {
+        const int descriptor = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        if (descriptor < 0 || inotify_add_watch(descriptor, kPagePath, IN_ATTRIB) >= 0)
+            return descriptor;
+        close(descriptor);
+        return -1;
+    }
+
+    static int numberOf(uintptr_t kept) { return static_cast<int>(kept & ((1U << kNumberBits) - 1)) - 1; }
+
+    // A program may close what it has not opened, and get the number for something of its own.
+    static bool isInotify(int descriptor)
+    {
+        constexpr char kInotify[] = "anon_inode:inotify";
+        char path[64];
+        char target[sizeof kInotify];
+        snprintf(path, sizeof path, "/proc/self/fd/%d", descriptor);
+        return readlink(path, target, sizeof target) == sizeof kInotify - 1 &&
+               __builtin_memcmp(target, kInotify, sizeof kInotify - 1) == 0;
+    }
+
+    static void closeKept(void* kept)
+    {
+        const int descriptor = numberOf(reinterpret_cast<uintptr_t>(kept));
+        if (isInotify(descriptor))
+            close(descriptor);
+    }
+
+    static inline pthread_once_t once_ = PTHREAD_ONCE_INIT;
+    static inline pthread_key_t key_{};
+    static inline bool hasKey_ = false;
+};
+
+int pollUntil(const Deadline& deadline, pollfd* descriptors, nfds_t count, int change, const sigset_t* mask)
+{
+    pollfd all[kMostDescriptors + 1];
+    for (nfds_t index = 0; index < count; ++index)
+        all[index] = descriptors[index];
+    all[count] = {change, POLLIN, 0};
+    while (true) {
+        const timespec wait = toTimespec(deadline.real(kLongest));
+        int result = real_ppoll(all, count + 1, &wait, mask);
+        if (result < 0)
+            return result;
+        if (all[count].revents != 0) {
+            --result;
+            ChangeDescriptor::drain(change);
+        }
+        if (result == 0 && deadline.remaining() > 0)
+            continue;
+        for (nfds_t index = 0; index < count; ++index)
+            descriptors[index].revents = all[index].revents;
+        return result;
+    }
+}
+
+} // namespace
+
 EXPORTED int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout, const sigset_t* mask)
 {
     const vset::ClockPage* page = clockPage();
     if (page == nullptr || timeout == nullptr || !isValid(*timeout))
         return real_ppoll(descriptors, count, timeout, mask);
-    return waitForEvents(Deadline::after(*page, fromTimespec(*timeout)),
+    const Deadline deadline = Deadline::after(*page, fromTimespec(*timeout));
+    const bool isLong = deadline.slice() == kSlice;
+    const int change = isLong && count <= kMostDescriptors ? ChangeDescriptor::get() : -1;
+    if (change >= 0)
+        return pollUntil(deadline, descriptors, count, change, mask);
+    return waitForEvents(deadline,
                          [&](const timespec& slice) { return real_ppoll(descriptors, count, &slice, mask); });
 }
 
@@ -388,8 +523,7 @@ EXPORTED int pselect(int count, fd_set* reading, fd_set* writing, fd_set* failin
         return real_pselect(count, reading, writing, failing, timeout, mask);
     // The sets come back empty from a slice in which nothing happened, so every slice starts with copies.
     // They are arrays of `count` bits, which may be longer or shorter than an fd_set.
-    constexpr int kMostDescriptors = FD_SETSIZE;
-    if (count < 0 || count > kMostDescriptors)
+    if (count < 0 || count > FD_SETSIZE)
         return real_pselect(count, reading, writing, failing, timeout, mask);
     fd_set* const sets[] = {reading, writing, failing};
     const size_t bytes =
@@ -574,10 +708,45 @@ EXPORTED int sem_timedwait(sem_t* semaphore, const timespec* time)
 namespace
 {
 
+// Waits for the caller's word and the page's together; nothing where the kernel cannot (before 5.16).
+std::optional<int> waitForBothWords(const long* arguments, const Deadline& deadline)
+{
+    const auto* word = reinterpret_cast<const std::atomic<uint32_t>*>(arguments[0]);
+    const auto expected = static_cast<uint32_t>(arguments[2]);
+    const auto own = static_cast<uint32_t>(arguments[1] & FUTEX_PRIVATE_FLAG);
+    while (true) {
+        const uint32_t sequence = deadline.page().sequence.load();
+        const bool last = deadline.remaining() == 0;
+        const timespec end = deadline.realEnd();
+        futex_waitv waiters[2] = {
+            {expected, reinterpret_cast<uintptr_t>(word), FUTEX_32 | own, 0},
+            {sequence, reinterpret_cast<uintptr_t>(changeWord(deadline.page())), FUTEX_32, 0}};
+        const long woken =
+            real_syscall(SYS_futex_waitv, waiters, 2L, 0L, &end, static_cast<long>(CLOCK_MONOTONIC));
+        if (woken >= 0) {
+            if (woken == 0 || word->load() != expected)
+                return 0;
+            continue;
+        }
+        const int error = errno;
+        if (error == ENOSYS || error == EPERM)
+            return std::nullopt;
+        const bool isOver = error != ETIMEDOUT || last;
+        if (isOver && (error != EAGAIN || deadline.page().sequence.load() == sequence))
+            return error;
+    }
+}
+
 // GLib's conditions and the C++ library's futures wait on a futex directly, through syscall().
 long futexWait(const long* arguments, const Deadline& deadline)
 {
     const long command = arguments[1] & FUTEX_CMD_MASK;
+    const bool isForAll =
+        command == FUTEX_WAIT || static_cast<uint32_t>(arguments[5]) == FUTEX_BITSET_MATCH_ANY;
+    if (isForAll && deadline.slice() == kSlice) {
+        if (const std::optional<int> error = waitForBothWords(arguments, deadline))
+            return *error == 0 ? 0 : failWith(*error);
+    }
     const int error = waitInSlices(deadline, [&](const timespec& end) {
         const long match = command == FUTEX_WAIT ? static_cast<long>(FUTEX_BITSET_MATCH_ANY) : arguments[5];
         const long operation = FUTEX_WAIT_BITSET | (arguments[1] & FUTEX_PRIVATE_FLAG); // absolute, monotonic
