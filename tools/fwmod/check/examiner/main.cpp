@@ -4,6 +4,7 @@
 //
 // measure: what depends on real time, questions and one update. trials: images that must be refused, and
 // power cuts, which do not; the set's clock may be faster.
+#include "common/command-line.h"
 #include "tools/fwmod/check/examiner/power-cuts.h"
 #include "tools/fwmod/check/examiner/questions.h"
 #include "tools/fwmod/check/examiner/updates.h"
@@ -11,8 +12,7 @@
 #include "tools/fwmod/check/protocol/report.h"
 
 #include <cstdio>
-#include <cstring>
-#include <exception>
+#include <string>
 
 namespace fwmod::examiner
 {
@@ -75,15 +75,14 @@ int examine(const char* jobFile, bool isTrial)
 
 int main(int argc, char** argv)
 {
-    if (argc != 3 || (std::strcmp(argv[2], "measure") != 0 && std::strcmp(argv[2], "trials") != 0)) {
-        std::fprintf(stderr,
-                     "usage: control-examiner JOB measure|trials (\"fwmod check\" starts it in a set)\n");
-        return 2;
-    }
-    try {
-        return fwmod::examiner::examine(argv[1], std::strcmp(argv[2], "trials") == 0);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "control-examiner: %s\n", error.what());
-        return 1;
-    }
+    common::CommandLine program("control-examiner",
+                                "Examines a control library; \"fwmod check\" starts it in a set");
+    std::string job;
+    std::string part;
+    program.text("JOB", job, "File that says what is to be examined").required();
+    program.text("PART", part, "measure: what depends on real time; trials: what does not")
+        .required()
+        .oneOf({"measure", "trials"});
+    program.onRun([&] { return fwmod::examiner::examine(job.c_str(), part == "trials"); });
+    return program.main(argc, argv);
 }
