@@ -20,6 +20,13 @@ std::vector<std::string> FakePlatform::calls() const
     return state.calls;
 }
 
+std::vector<std::string> FakePlatform::callsSince(size_t first) const
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    const auto begin = state.calls.begin() + static_cast<std::ptrdiff_t>(std::min(first, state.calls.size()));
+    return {begin, state.calls.end()};
+}
+
 int FakePlatform::countCalls(const std::string& function) const
 {
     const std::lock_guard<std::mutex> lock(mutex);

@@ -106,6 +106,7 @@ public:
 
     // Every call but the two logs', in order, as it would be written: `pwrctl_lock_state(2, 5000)`.
     std::vector<std::string> calls() const;
+    std::vector<std::string> callsSince(size_t first) const; // without the first ones
     int countCalls(const std::string& function) const;
     // The function returns `result` from now on and has no other effect. For a settings key alone, append it:
     // "pralis_get_int:KEY". ABM_DownloadAppBinary refuses with 0 and takes with anything else.

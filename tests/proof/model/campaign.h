@@ -1,0 +1,59 @@
+// Runs of the daemon beside the model, each in a process of its own, copied where runs part.
+#ifndef PROOF_CAMPAIGN_H
+#define PROOF_CAMPAIGN_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/proof/model/events.h"
+
+namespace proof
+{
+
+// Where the two first were not the same.
+struct Difference {
+    Case run;
+    std::string text;
+};
+
+struct Figures {
+    uint64_t events = 0;
+    uint64_t sequences = 0;
+};
+
+class Campaign
+{
+public:
+    Campaign();
+    ~Campaign();
+    Campaign(const Campaign&) = delete;
+    Campaign& operator=(const Campaign&) = delete;
+
+    // Sequences by chance, the same ones for a seed, until that many events have happened or two differ.
+    std::optional<Difference> runRandom(uint64_t events, uint64_t seed);
+    // Every sequence of up to `depth` events after that beginning.
+    std::optional<Difference> runEvery(const Case& beginning, int depth);
+    std::optional<Difference> run(const Case& one);
+    // The same difference, or another one, with the fewest events that leave one.
+    Difference shrink(Difference found);
+
+    Figures figures() const;
+    // From now on what the daemon calls and says is printed as it happens.
+    void show() { isShown = true; }
+
+private:
+    struct Shared;
+    class Session;
+
+    std::optional<Difference> runSession(Session& session);
+
+    std::string directory;
+    Shared* shared;
+    bool isShown = false;
+};
+
+} // namespace proof
+
+#endif
