@@ -9,7 +9,7 @@
 
 __attribute__((constructor)) static void openDevice(void)
 {
-    const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    const int device = open("/dev/module-device", O_RDWR | O_CLOEXEC);
     const char* const result = device >= 0 ? "opened" : strerrorname_np(errno);
     FILE* const file = fopen("/var/lib/hardware/device", "w");
     if (file != NULL) {
