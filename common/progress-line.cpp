@@ -2,23 +2,56 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <limits>
+#include <sys/ioctl.h>
 #include <unistd.h>
+
+#include "common/visible-text.h"
 
 namespace common
 {
 
 // Debian has no C++ library for this; it is a line of text.
 
+namespace
+{
+
+constexpr size_t kUnlimited = std::numeric_limits<size_t>::max();
+
+// Of the terminal now: it may be made narrower while the line is drawn.
+size_t columns()
+{
+    winsize size = {};
+    const bool isKnown = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return isKnown ? size.ws_col : 80;
+}
+
+// A line that is as wide as the terminal wraps, and cannot be drawn over: the last column stays free, and the
+// bar, then the name, give way.
+std::string lineOf(const std::string& name, unsigned int percent, size_t width)
+{
+    constexpr size_t kWidest = 40;
+    constexpr size_t kNarrowest = 10;
+    const std::string tail = " " + std::to_string(percent) + " %";
+    const size_t taken = name.size() + tail.size() + sizeof " []"; // with the free column
+    const size_t room = width > taken ? std::min(width - taken, kWidest) : 0;
+    if (room < kNarrowest) {
+        const size_t nameRoom = width > tail.size() + 1 ? width - tail.size() - 1 : 0;
+        return name.substr(0, nameRoom) + tail;
+    }
+    const size_t filled = percent * room / 100;
+    return name + " [" + std::string(filled, '#') + std::string(room - filled, '.') + "]" + tail;
+}
+
+} // namespace
+
 ProgressLine::ProgressLine() : isTerminal_(isatty(STDERR_FILENO) != 0) {}
 
 void ProgressLine::show(const std::string& name, unsigned int percent)
 {
-    constexpr unsigned int kWidth = 40;
     percent = std::min(percent, 100U); // a library may count on
     const unsigned int step = isTerminal_ ? percent : percent / 10 * 10;
-    const unsigned int filled = step * kWidth / 100;
-    const std::string bar = std::string(filled, '#') + std::string(kWidth - filled, '.');
-    const std::string line = name + " [" + bar + "] " + std::to_string(step) + " %";
+    const std::string line = lineOf(visible(name), step, isTerminal_ ? columns() : kUnlimited);
     if (line == last_)
         return;
     std::fprintf(stderr, isTerminal_ ? "\r%s\033[K" : "%s\n", line.c_str());

@@ -1,4 +1,5 @@
-// One line of progress on standard error: drawn over on a terminal, written anew every tenth otherwise.
+// One line of progress on standard error: drawn over on a terminal, whose width it keeps to, and written anew
+// every tenth otherwise.
 #ifndef COMMON_PROGRESS_LINE_H
 #define COMMON_PROGRESS_LINE_H
 
@@ -11,8 +12,9 @@ class ProgressLine
 {
 public:
     ProgressLine();
+    // `name` may come from anywhere: control characters are shown.
     void show(const std::string& name, unsigned int percent);
-    void finish(); // leaves the line, if one is drawn
+    void finish(); // leaves the line, if one is drawn; what is written next has a line of its own
     void clear();  // takes it away
 
 private:
