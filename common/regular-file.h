@@ -1,0 +1,37 @@
+// Opens files that a person or a stick has named: a pipe or a device under that name must not make a program
+// wait, nor be read.
+#ifndef COMMON_REGULAR_FILE_H
+#define COMMON_REGULAR_FILE_H
+
+#include <string>
+
+namespace common
+{
+
+// A regular file, open for reading; closed with the object.
+class RegularFile
+{
+public:
+    explicit RegularFile(const std::string& path);
+    ~RegularFile();
+    RegularFile(const RegularFile&) = delete;
+    RegularFile& operator=(const RegularFile&) = delete;
+
+    int descriptor() const { return descriptor_; } // -1 when there is none
+
+    // Why, to be put behind the path: "cannot be opened: No such file or directory", "is not a file but a
+    // pipe".
+    const std::string& problem() const { return problem_; }
+
+private:
+    int descriptor_ = -1;
+    std::string problem_;
+};
+
+// For code that opens the path itself: what keeps it from being read as a file, though something is there
+// ("is not a file but a pipe"). Empty for a file, for nothing at all, and for what cannot be looked at.
+std::string problemOfSpecialFile(const std::string& path);
+
+} // namespace common
+
+#endif

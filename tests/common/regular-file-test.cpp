@@ -1,0 +1,70 @@
+// What may stand under a name that a person has given.
+#include "common/regular-file.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+namespace fs = std::filesystem;
+using common::RegularFile;
+using testing::HasSubstr;
+
+class RegularFileTest : public testing::Test
+{
+protected:
+    RegularFileTest()
+    {
+        char name[] = "/tmp/regular-file-test-XXXXXX";
+        directory = mkdtemp(name);
+    }
+    ~RegularFileTest() override { fs::remove_all(directory); }
+
+    fs::path directory;
+};
+
+TEST_F(RegularFileTest, IsOpenForReading)
+{
+    std::ofstream(directory / "file") << "text";
+    fs::create_symlink("file", directory / "link");
+    for (const char* name : {"file", "link"}) {
+        const RegularFile file(directory / name);
+        char text[8] = {};
+        ASSERT_GE(file.descriptor(), 0) << file.problem();
+        EXPECT_EQ(read(file.descriptor(), text, sizeof text), 4);
+        EXPECT_STREQ(text, "text");
+        EXPECT_EQ(common::problemOfSpecialFile(directory / name), "");
+    }
+}
+
+// A pipe without a writer would make an ordinary open() wait for ever.
+TEST_F(RegularFileTest, NeverWaitsForAPipeNorReadsADevice)
+{
+    ASSERT_EQ(mkfifo((directory / "pipe").c_str(), 0600), 0);
+    fs::create_symlink("pipe", directory / "link");
+    const std::pair<fs::path, const char*> kCases[] = {
+        {directory / "pipe", "is not a file but a pipe"},
+        {directory / "link", "is not a file but a pipe"},
+        {directory, "is not a file but a directory"},
+        {"/dev/zero", "is not a file but a device"},
+    };
+    for (const auto& [path, problem] : kCases) {
+        const RegularFile file(path);
+        EXPECT_EQ(file.descriptor(), -1) << path;
+        EXPECT_EQ(file.problem(), problem) << path;
+        EXPECT_EQ(common::problemOfSpecialFile(path), problem) << path;
+    }
+}
+
+TEST_F(RegularFileTest, SaysWhyItCannotBeOpened)
+{
+    const RegularFile missing(directory / "missing");
+    EXPECT_EQ(missing.descriptor(), -1);
+    EXPECT_THAT(missing.problem(), HasSubstr("cannot be opened: No such file"));
+    EXPECT_EQ(common::problemOfSpecialFile(directory / "missing"), "");
+}
+} // namespace
