@@ -67,9 +67,9 @@ TEST_F(UsbStick, WithAStrangersImageInstallsNothing)
     startDaemonWithPending();
     tv.insertStick("Tuner", "1.1", "stranger");
     const Output checked = usb("check");
-    EXPECT_EQ(checked.status, 3);
+    EXPECT_EQ(checked.status, 1);
     EXPECT_THAT(checked.text, HasSubstr("Tuner.bin is NOT signed"));
-    EXPECT_EQ(usb("install").status, 3);
+    EXPECT_EQ(usb("install").status, 1);
     EXPECT_FALSE(tv.isChanged("/var/lib/hardware/tuner"));
 }
 
@@ -99,6 +99,38 @@ TEST_F(UsbStick, IsWaitedForByTheUpdateOfAStandby)
     EXPECT_EQ(tv.activeVersion("tuner"), "1.1"); // was whole before
     const Output installed = installing.get();
     EXPECT_EQ(installed.status, 0) << installed.text;
+    expectEnd();
+    EXPECT_TRUE(wasWritten("alpha"));
+}
+
+// The daemon runs all the while, and has the semaphore open.
+TEST_F(UsbStick, ATurnThatNobodyHasIsFoundAndGivenBackWhileTheDaemonRuns)
+{
+    startDaemonWithPending();
+    tv.semaphore("take"); // by a program that has ended since
+    const Output found = fwctl({"doctor"});
+    EXPECT_EQ(found.status, 5);
+    EXPECT_THAT(found.text, HasSubstr("whoever took it has ended"));
+    goToStandby();
+    tv.waitForText("alpha update time 20 sec");
+    const Output why = fwctl({"why", "alpha"});
+    EXPECT_THAT(why.text,
+                HasSubstr("whoever took it has ended: a run of the daemon waits for its turn for ever"));
+    EXPECT_EQ(fwctl({"doctor", "--fix"}).status, 0);
+    expectEnd();
+    EXPECT_TRUE(wasWritten("alpha"));
+}
+
+TEST_F(UsbStick, DoctorLeavesTheTurnOfTheDaemonAlone)
+{
+    startDaemonWithPending(5000);
+    goToStandby();
+    tv.waitForText("========== [ alpha update start ] ==========");
+    const Output doctor = fwctl({"doctor", "--fix"});
+    EXPECT_EQ(doctor.status, 0) << doctor.text;
+    EXPECT_THAT(doctor.text, HasSubstr("tarnwick (process "));
+    EXPECT_THAT(doctor.text, HasSubstr("is updating just now"));
+    EXPECT_THAT(tv.semaphore("show").text, HasSubstr("0"));
     expectEnd();
     EXPECT_TRUE(wasWritten("alpha"));
 }

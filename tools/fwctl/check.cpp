@@ -1,15 +1,19 @@
 // fwctl check [--json] [--verbose]
 #include "command.h"
+#include "common/json-text.h"
 #include "daemon-log.h"
 #include "examination.h"
 #include "isolated.h"
+#include "library-calls.h"
+#include "obstacles.h"
+#include "output.h"
 #include "privileges.h"
+#include "replay.h"
 
 #include "fw-update-symbol.h"
 
 #include <cstdio>
 #include <memory>
-#include <unistd.h>
 #include <vector>
 
 namespace
@@ -28,77 +32,122 @@ std::string lastError(const std::vector<std::string>& messages)
     return "";
 }
 
-void checkSource(FWUpdateSymbol& module, const ImageSource& source, Telling& telling)
+std::string reasonOf(FWUpdateSymbol& module, const ImageSource& source)
+{
+    const std::string error = lastError(takeDaemonMessages());
+    const bool isNameless = source.type == UPDATE_TYPE_EMP && !module.isEMP;
+    return isNameless ? "the identifier \"" + module.EMPName + "\" is refused" : error;
+}
+
+Json::Value checkSource(FWUpdateSymbol& module, const ImageSource& source)
 {
     takeDaemonMessages();
+    const std::string special = findSpecialFile(module, source);
+    takeDaemonMessages();
     char emptyContext[] = "";
-    const int verdict =
-        telling.call("the check", [&] { return module.isNeedUpdate(source.caller, emptyContext); });
+    const int verdict = special.empty() ? module.isNeedUpdate(source.caller, emptyContext) : -1;
     Json::Value result;
     result["verdict"] = verdict;
     result["newer"] = verdict == 1;
     result["offered"] = verdict >= 0 ? Json::Value(module.information.version) : Json::Value();
-    result["reason"] = verdict == 1 ? "" : lastError(takeDaemonMessages());
-    telling.put(source.name, result);
+    result["reason"] = verdict == 1 ? "" : special.empty() ? reasonOf(module, source) : special;
+    return result;
 }
 
-// A check mounts and reads a whole image, so it is given more time than a single call.
+void checkInChild(const ControlLibrary& library, Telling& telling)
+{
+    auto& module =
+        *new FWUpdateSymbol(library.name, library.usr); // a library is not asked to tear itself down
+    takeDaemonMessages();
+    if (telling.call("loading", [&] { return module.loadSymbol(library.name); }) != 0) {
+        telling.put("unusable", lastError(takeDaemonMessages()));
+    }
+    watchCalls(module, telling);
+    for (const ImageSource& source : kImageSources) {
+        if (source.checkedByDaemon && module.symbolType == 0) {
+            telling.put(source.name, checkSource(module, source));
+        }
+    }
+    telling.put("pending", module.getNeedUpdate());
+    telling.put("ui_use", module.information.ui_use);
+}
+
 Json::Value checkModule(const ControlLibrary& library)
 {
-    constexpr std::chrono::minutes kLimit{5};
-    Json::Value told = runIsolated(
-        [&](Telling& telling) {
-            FWUpdateSymbol module(library.name, library.usr);
-            if (telling.call("loading", [&] { return module.loadSymbol(library.name); }) != 0)
-                telling.put("unusable", lastError(takeDaemonMessages()));
-            for (const ImageSource& source : kImageSources) {
-                if (source.checkedByDaemon && module.symbolType == 0)
-                    checkSource(module, source, telling);
-            }
-            telling.put("pending", module.getNeedUpdate());
-            _exit(0);
-        },
-        kLimit);
+    Json::Value told = runIsolated([&](Telling& telling) { checkInChild(library, telling); });
     told["module"] = library.name;
     told["pending"] = told.get("pending", false);
     return told;
 }
 
+std::string verdictOn(const Json::Value& module)
+{
+    if (module.isMember("failure")) {
+        return module["failure"].asString();
+    }
+    if (module["pending"].asBool()) {
+        return "pending";
+    }
+    return module.isMember("unusable") ? "cannot be used: " + module["unusable"].asString() : "not pending";
+}
+
 void print(const Json::Value& module)
 {
-    const char* const verdict = module.isMember("failure")   ? module["failure"].asCString()
-                                : module["pending"].asBool() ? "pending"
-                                                             : "not pending";
-    std::printf("%s: %s\n", module["module"].asCString(), verdict);
+    printLine(module["module"].asString() + ": " + verdictOn(module));
     for (const ImageSource& source : kImageSources) {
-        if (!module.isMember(source.name))
+        if (!module.isMember(source.name)) {
             continue;
+        }
         const Json::Value& result = module[source.name];
         const std::string text = result["newer"].asBool() ? result["offered"].asString() + " is newer"
                                                           : result["reason"].asString();
-        std::printf("  %s: %s\n", source.title, text.c_str());
+        printLine("  " + std::string(source.title) + ": " + text);
     }
+    for (const Json::Value& obstacle : module["obstacles"]) {
+        printLine("  but: " + obstacle.asString());
+    }
+}
+
+ExitStatus statusOf(const std::vector<Json::Value>& modules)
+{
+    ExitStatus status = kNothingToDo;
+    for (const Json::Value& module : modules) {
+        if (module.isMember("failure")) {
+            return kFailed;
+        }
+        status = module["pending"].asBool() ? kDone : status;
+    }
+    return status;
 }
 
 int check(const Options& options)
 {
     becomeDaemonUser();
-    forwardDaemonLog(options.verbose);
-    Json::Value modules(Json::arrayValue);
-    ExitStatus status = kNothingToDo;
-    for (const ControlLibrary& library : findControlLibraries()) {
-        const Json::Value module = checkModule(library);
-        if (module.isMember("failure"))
-            status = kFailed;
-        else if (module["pending"].asBool() && status != kFailed)
-            status = kDone;
-        modules.append(module);
-        if (!options.json)
-            print(module);
+    if (options.verbose) {
+        forwardDaemonLog([](const std::string& message) {
+            std::fprintf(stderr, "  | %s\n", common::visible(message).c_str());
+        });
+    } else {
+        forwardDaemonLog();
     }
-    if (options.json)
-        std::printf("%s\n", toJson(modules).c_str());
-    return status;
+    std::vector<Json::Value> modules;
+    for (const ControlLibrary& library : findControlLibraries()) {
+        modules.push_back(checkModule(library));
+    }
+    addObstacles(modules);
+    Json::Value all(Json::arrayValue);
+    for (const Json::Value& module : modules) {
+        all.append(module);
+        if (!options.json) {
+            print(module);
+        }
+    }
+    if (options.json) {
+        std::printf("%s\n", common::compactJson(all).c_str());
+    } else if (modules.empty()) {
+        complain("this set has no module: \"fwctl doctor\" looks for the reason");
+    }
+    return statusOf(modules);
 }
 } // namespace
 

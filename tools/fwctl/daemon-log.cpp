@@ -17,10 +17,10 @@ using TraceRecord = void(int, const char*, const char*, int, const char*, ...);
 constexpr const char* kTraceRecordSymbol = "_ZN11TraceLogger6recordEiPKcS1_iS1_z";
 
 std::atomic<bool> isForwarding{false};
-std::atomic<bool> isVerbose{false};
 std::mutex messagesMutex;
 std::vector<std::string> messages;
 std::function<void(const std::string&)> listener;
+std::function<void(const std::string&)> shower;
 
 // The platform's own function, which the one of this file hides. Null when it has none.
 template <typename Function>
@@ -50,15 +50,20 @@ void keep(const std::string& message)
 {
     const std::lock_guard<std::mutex> lock(messagesMutex);
     messages.push_back(message);
-    if (listener)
+    if (listener) {
         listener(message);
+    }
+    if (shower) {
+        shower(message);
+    }
 }
 } // namespace
 
-void forwardDaemonLog(bool verbose)
+void forwardDaemonLog(std::function<void(const std::string&)> show)
 {
+    const std::lock_guard<std::mutex> lock(messagesMutex);
     isForwarding = true;
-    isVerbose = verbose;
+    shower = std::move(show);
 }
 
 std::vector<std::string> takeDaemonMessages()
@@ -79,10 +84,7 @@ int __norlog_print(int log_id, int priority, const char* tag, const char* format
     va_start(values, format);
     const std::string text = formatted(format, values);
     va_end(values);
-    const std::string message = withoutPlace(text);
-    keep(message);
-    if (isVerbose)
-        std::fprintf(stderr, "  | %s\n", message.c_str());
+    keep(withoutPlace(text));
     static NorlogPrint* const own = platformsOwn<NorlogPrint>("__norlog_print");
     return isForwarding && own != nullptr ? own(log_id, priority, tag, "%s", text.c_str())
                                           : static_cast<int>(text.size());

@@ -11,8 +11,9 @@
 #include <string>
 #include <vector>
 
-// From now on messages go to the platform's log too; `verbose`: and to standard error.
-void forwardDaemonLog(bool verbose);
+// From now on messages go to the platform's log too, and to `show` unless it is empty, on the thread that
+// logs.
+void forwardDaemonLog(std::function<void(const std::string& message)> show = {});
 
 // The messages since the last call, without their place in the source and without a final newline.
 std::vector<std::string> takeDaemonMessages();

@@ -1,15 +1,21 @@
 // fwctl doctor [--fix] [--json]
 #include "command.h"
+#include "common/json-text.h"
 #include "daemon-log.h"
 #include "examination.h"
 #include "isolated.h"
 #include "library-symbols.h"
 #include "mounts.h"
+#include "obstacles.h"
+#include "output.h"
+#include "privileges.h"
 #include "set-state.h"
+#include "turn-holder.h"
+#include "update-turn.h"
 
-#include "fw-update-common.h"
 #include "fw-update-mount-manager.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -17,6 +23,7 @@
 #include <grp.h>
 #include <map>
 #include <memory>
+#include <optional>
 #include <pwd.h>
 #include <set>
 #include <sys/stat.h>
@@ -39,42 +46,54 @@ struct Finding {
 // What the checks look at, found out once. The modules come first: see set-state.h.
 struct Scene {
     std::vector<Json::Value> modules;
-    std::vector<Json::Value> symbols; // of each module's library
-    DaemonState daemon;
-    SemaphoreUsers semaphoreUsers;
+    std::map<std::string, Json::Value> symbols; // of each library that cannot be used, by its path
+    std::string mountProblem;                   // see problemOfMountDirectory()
+    std::optional<uid_t> updater;               // when this process is one
+    SetScene set;
 
-    // Without a bus nobody can tell whether the daemon runs; the semaphore is opened by every updater.
-    bool isIdle() const { return daemon.hasBus && daemon.pid == 0 && semaphoreUsers.isNobody(); }
+    // Without a bus nobody can tell whether the daemon runs.
+    bool isIdle() const
+    {
+        return set.daemon.hasBus && set.daemon.pid == 0 &&
+               (set.turn.kind == TurnState::Kind::kFree || set.turn.kind == TurnState::Kind::kNobodys);
+    }
 };
 
 using Findings = std::vector<Finding>;
 
-Json::Value inspectInChild(const ControlLibrary& library)
+std::string pathOf(const Json::Value& module)
+{
+    return module["directory"].asString() + module["module"].asString() + ".so";
+}
+
+Json::Value inspectInChild(const std::string& path)
 {
     return runIsolated([&](Telling& telling) {
-        const LibrarySymbols found =
-            telling.call("loading", [&] { return inspectLibrary(library.directory + library.name + ".so"); });
+        const LibrarySymbols found = telling.call("loading", [&] { return inspectLibrary(path); });
         telling.put("error", found.loaderError);
         for (const auto& [name, texts] :
              {std::pair{"missing", &found.missing}, std::pair{"undefined", &found.undefined}}) {
             Json::Value array(Json::arrayValue);
-            for (const std::string& text : *texts)
+            for (const std::string& text : *texts) {
                 array.append(text);
+            }
             telling.put(name, array);
         }
-        _exit(0);
     });
 }
 
 Scene look()
 {
     Scene scene;
-    for (const ControlLibrary& library : findControlLibraries()) {
-        scene.modules.push_back(examine(library));
-        scene.symbols.push_back(inspectInChild(library));
+    scene.modules = examineAll(findControlLibraries());
+    for (const Json::Value& module : scene.modules) {
+        if (module["kind"] == "unusable" && !module.isMember("failure")) {
+            scene.symbols[pathOf(module)] = inspectInChild(pathOf(module));
+        }
     }
-    scene.daemon = findDaemon();
-    scene.semaphoreUsers = findSemaphoreUsers();
+    scene.mountProblem = problemOfMountDirectory();
+    scene.updater = likelyUpdater();
+    scene.set = lookAtSet();
     return scene;
 }
 
@@ -89,7 +108,7 @@ constexpr Directory kDirectories[] = {
     {"/prd/usr/fwupdate/controls", 0755, false},
     {"/usr/fwupdate/controls", 0755, false},
     {kPackages, 02775, true},
-    {"/opt/usr/apps/appbinarymanager/emps", 02775, true},
+    {"/opt/usr/apps/appbinarymanager/emps", 02775, true}, // see checkMountDirectory()
 };
 
 bool makeParents(const std::string& path)
@@ -102,10 +121,8 @@ bool makeParents(const std::string& path)
     return true;
 }
 
-bool makeDirectory(const Directory& directory)
+bool giveBack(const Directory& directory)
 {
-    if (!makeParents(directory.path) || mkdir(directory.path, directory.mode) != 0)
-        return false;
     const passwd* const user = getpwnam("platform");
     const group* const group = getgrnam("system");
     const bool isRoot = geteuid() == 0;
@@ -115,8 +132,42 @@ bool makeDirectory(const Directory& directory)
     return chmod(directory.path, directory.mode) == 0; // whatever the umask
 }
 
+bool makeDirectory(const Directory& directory)
+{
+    return makeParents(directory.path) && mkdir(directory.path, directory.mode) == 0 && giveBack(directory);
+}
+
+// Not any PC: a set has some of its directories, or at least its users.
+bool isSet()
+{
+    const bool hasDirectory =
+        std::any_of(std::begin(kDirectories), std::end(kDirectories),
+                    [](const Directory& directory) { return access(directory.path, F_OK) == 0; });
+    return hasDirectory || (getpwnam("platform") != nullptr && getpwnam("fwupdate") != nullptr);
+}
+
+void checkMountDirectory(const Scene& scene, Findings& found)
+{
+    const Directory& directory = kDirectories[3];
+    if (scene.mountProblem.empty() || access(directory.path, F_OK) != 0) {
+        return; // a missing one is another finding
+    }
+    found.push_back({"unwritable-directory",
+                     std::string(directory.path) + " cannot be written by the daemon's user (" +
+                         scene.mountProblem + "): packages cannot be mounted",
+                     "give it back to platform:system, with mode 2775",
+                     [&directory] { return giveBack(directory); }});
+}
+
 void checkDirectories(const Scene&, Findings& found)
 {
+    if (!isSet()) {
+        found.push_back({"no-set",
+                         "this is no set: it has none of its directories",
+                         "run fwctl on the set (on a virtual one: vset exec SET -- fwctl doctor)",
+                         {}});
+        return;
+    }
     for (const Directory& directory : kDirectories) {
         struct stat status = {};
         if (stat(directory.path, &status) != 0)
@@ -142,16 +193,6 @@ void checkMounts(const Scene& scene, Findings& found)
                          [directory] { return FWMountManager::getInstance().UMount(directory) == 0; }});
 }
 
-bool postSemaphore()
-{
-    // Looked at again at the last moment: somebody may have begun an update since.
-    const SemaphoreState state = peekUpdateSemaphore();
-    if (!findSemaphoreUsers().isNobody() || !state.isReadable || state.value != 0)
-        return false;
-    sem_t* const semaphore = FWUpdateCommon::getInstance()->create_semaphore();
-    return semaphore != nullptr && sem_post(semaphore) == 0;
-}
-
 void checkSemaphore(const Scene& scene, Findings& found)
 {
     const SemaphoreState state = peekUpdateSemaphore();
@@ -162,16 +203,20 @@ void checkSemaphore(const Scene& scene, Findings& found)
                          {}});
         return;
     }
-    if (state.exists && scene.daemon.pid != 0 && state.owner != scene.daemon.user && scene.daemon.user != 0)
+    if (state.exists && scene.set.daemon.pid != 0 && state.owner != scene.set.daemon.user &&
+        scene.set.daemon.user != 0)
         found.push_back({"semaphore-owner",
                          "the update semaphore belongs to another user than the daemon's",
                          "restart the set: the daemon makes it anew",
                          {}});
-    if (!state.exists || state.value != 0 || !scene.semaphoreUsers.isNobody())
-        return;
-    found.push_back({"stuck-semaphore",
-                     "the update semaphore is taken, but no process has it: every update waits for ever",
-                     "free it (an update was cut off: see \"fwctl list\" for the versions)", postSemaphore});
+    if (scene.set.turn.kind == TurnState::Kind::kNobodys) {
+        found.push_back(
+            {"stuck-semaphore",
+             "the update semaphore is taken, but whoever took it has ended: every update waits for "
+             "ever",
+             "free it (an update was cut off: see \"fwctl list\" for the versions)",
+             [&scene] { return scene.updater && UpdateTurn::freeNobodys(*scene.updater); }});
+    }
 }
 
 void checkUpdateList(const Scene& scene, Findings& found)
@@ -180,7 +225,7 @@ void checkUpdateList(const Scene& scene, Findings& found)
     if (lstat(kUpdateListPath, &status) != 0)
         return;
     const auto removeList = [] { return unlink(kUpdateListPath) == 0; };
-    const bool isOrphan = scene.daemon.hasBus && scene.daemon.pid == 0;
+    const bool isOrphan = scene.set.daemon.hasBus && scene.set.daemon.pid == 0;
     if (S_ISLNK(status.st_mode))
         found.push_back({"list-link",
                          std::string(kUpdateListPath) + " is a symbolic link: the daemon refuses to check",
@@ -216,19 +261,19 @@ std::string loadReason(const Json::Value& module, const Json::Value& symbols)
 
 void checkLibraries(const Scene& scene, Findings& found)
 {
-    for (std::size_t index = 0; index < scene.modules.size(); ++index) {
-        const Json::Value& module = scene.modules[index];
-        const std::string path = module["directory"].asString() + module["module"].asString() + ".so";
-        if (module.isMember("failure"))
+    for (const Json::Value& module : scene.modules) {
+        const std::string path = pathOf(module);
+        if (module.isMember("failure")) {
             found.push_back({"broken-library",
                              path + ": " + module["failure"].asString(),
                              "move it away and have it corrected: the daemon fails with it",
                              {}});
-        else if (module["kind"] == "unusable")
+        } else if (module["kind"] == "unusable") {
             found.push_back({"unusable-library",
-                             path + ": " + loadReason(module, scene.symbols[index]),
+                             path + ": " + loadReason(module, scene.symbols.at(path)),
                              "have the library corrected by its maker",
                              {}});
+        }
     }
 }
 
@@ -287,12 +332,12 @@ void checkOrphanedImages(const Scene& scene, Findings& found)
 
 void checkSurroundings(const Scene& scene, Findings& found)
 {
-    if (scene.modules.empty())
+    if (scene.modules.empty() && isSet())
         found.push_back({"no-module",
                          "there is no control library: the daemon ends at once",
                          "install the set's modules",
                          {}});
-    if (!scene.daemon.hasBus)
+    if (!scene.set.daemon.hasBus)
         found.push_back({"no-bus",
                          "the system bus does not answer: whether the daemon runs is unknown",
                          "start the set's platform",
@@ -303,7 +348,7 @@ void checkSurroundings(const Scene& scene, Findings& found)
                          "install it, unless the set is meant to be open",
                          {},
                          true});
-    if (scene.daemon.hasBus && scene.daemon.pid == 0)
+    if (scene.set.daemon.hasBus && scene.set.daemon.pid == 0)
         found.push_back({"no-daemon",
                          "the daemon does not run: normal when it found nothing to do",
                          "it starts with the set",
@@ -311,21 +356,37 @@ void checkSurroundings(const Scene& scene, Findings& found)
                          true});
 }
 
+// What keeps pending modules from being updated now, in the words of "fwctl why"; what other checks tell in
+// their own is left to them.
+void checkObstacles(const Scene& scene, Findings& found)
+{
+    std::set<std::string> told{"no-bus", "no-daemon", "stuck-semaphore", "semaphore-unreadable", "list-link"};
+    for (const Json::Value& module : scene.modules) {
+        for (const Obstacle& obstacle : findObstacles(scene.set, module)) {
+            if (told.insert(obstacle.id).second) {
+                found.push_back({obstacle.id, obstacle.text, obstacle.advice, {}, true});
+            }
+        }
+    }
+}
+
 constexpr void (*kChecks[])(const Scene&, Findings&) = {
-    checkDirectories, checkSemaphore,   checkMounts,         checkUpdateList,   checkLibraries,
-    checkDuplicates,  checkInformation, checkOrphanedImages, checkSurroundings,
+    checkDirectories,    checkMountDirectory, checkSemaphore,  checkMounts,
+    checkUpdateList,     checkLibraries,      checkDuplicates, checkInformation,
+    checkOrphanedImages, checkSurroundings,   checkObstacles,
 };
 
 // ---- The command ----
 
 void print(const Finding& finding)
 {
-    const char* const mark = finding.isFixed ? "✓" : finding.isNote ? "-" : "✗";
-    std::printf("%s %s\n", mark, finding.text.c_str());
-    if (finding.isFixed)
-        std::printf("    mended\n");
-    else
-        std::printf("    -> %s%s\n", finding.advice.c_str(), finding.fix ? " (--fix does it)" : "");
+    const std::string mark = finding.isFixed ? "✓ " : finding.isNote ? "- " : "✗ ";
+    printLine(mark + finding.text);
+    if (finding.isFixed) {
+        printLine("    mended");
+    } else if (!finding.advice.empty()) {
+        printLine("    -> " + finding.advice + (finding.fix ? " (--fix does it)" : ""));
+    }
 }
 
 Json::Value asJson(const Finding& finding)
@@ -342,13 +403,14 @@ Json::Value asJson(const Finding& finding)
 
 void mend(Findings& found)
 {
-    forwardDaemonLog(false);
+    forwardDaemonLog();
     for (Finding& finding : found) {
         errno = 0;
         finding.isFixed = finding.fix && finding.fix();
         if (finding.fix && !finding.isFixed)
-            std::fprintf(stderr, "fwctl: cannot mend \"%s\"%s%s: try as root\n", finding.text.c_str(),
-                         errno != 0 ? ": " : "", errno != 0 ? std::strerror(errno) : "");
+            complain("cannot mend \"" + finding.text + "\"" +
+                     (errno != 0 ? std::string(": ") + std::strerror(errno) : "") +
+                     (geteuid() != 0 ? ": try as root" : ""));
     }
 }
 
@@ -369,7 +431,7 @@ int doctor(bool fix, bool json)
             print(finding);
     }
     if (json)
-        std::printf("%s\n", toJson(all).c_str());
+        std::printf("%s\n", common::compactJson(all).c_str());
     else if (status == kDone)
         std::printf(scene.modules.size() == 1 ? "%zu module, nothing to be mended\n"
                                               : "%zu modules, nothing to be mended\n",
@@ -386,8 +448,8 @@ void defineDoctor(common::CommandLine& command)
     };
     auto options = std::make_shared<Options>();
     command.flag("--fix", options->fix,
-                 "Mend what is safe: unmount what nobody uses, free a semaphore that nobody "
-                 "has,\nremove a list without a daemon, make missing directories");
+                 "Mend what is safe: unmount what nobody uses, give back a turn to update that "
+                 "nobody\nhas, remove a list without a daemon, make missing directories");
     command.flag("--json", options->json, "For a program: one JSON array");
     command.footer(
         "Without --fix it changes nothing. Exit status: 0 nothing found, or all of it mended; 5 something "

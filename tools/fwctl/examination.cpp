@@ -3,6 +3,8 @@
 #include "command.h"
 #include "daemon-log.h"
 #include "isolated.h"
+#include "library-calls.h"
+#include "mounts.h"
 #include "replay.h"
 
 #include "fw-update-symbol.h"
@@ -37,12 +39,12 @@ const char* kindOf(const FWUpdateSymbol& module, bool isBound)
     return module.isEMP ? "package" : "external";
 }
 
-Json::Value installedVersion(FWUpdateSymbol& module, Telling& telling)
+Json::Value installedVersion(FWUpdateSymbol& module)
 {
     if (!module.functions.setContext || !module.functions.getActiveVersion)
         return {};
     FWUpdateSymbol::TextBuffer version = {};
-    const int result = telling.call("getActiveVersion", [&] { return module.getActiveVersion(version); });
+    const int result = module.getActiveVersion(version);
     return result == 0 ? Json::Value(version) : Json::Value();
 }
 
@@ -72,36 +74,37 @@ void tellPending(const FWUpdateSymbol& module, Telling& telling)
 }
 
 // In the daemon's order: the second check starts from what the first has left in the module.
-void tellSources(FWUpdateSymbol& module, Telling& telling)
+void tellSources(FWUpdateSymbol& module, const std::string& mountProblem, Telling& telling)
 {
     Json::Value sources(Json::arrayValue);
     for (const ImageSource& source : kImageSources) {
         if (!source.checkedByDaemon)
             continue;
-        sources.append(replayCheck(module, source, telling));
+        sources.append(replayCheck(module, source, mountProblem));
         telling.put("sources", sources);
     }
     tellPending(module, telling);
     for (const ImageSource& source : kImageSources) {
         if (source.checkedByDaemon || !isWorthTelling(module, source))
             continue;
-        sources.append(replayCheck(module, source, telling));
+        sources.append(replayCheck(module, source, mountProblem));
         telling.put("sources", sources);
     }
 }
 
-void examineInChild(const ControlLibrary& library, Telling& telling)
+void examineInChild(const ControlLibrary& library, const std::string& mountProblem, Telling& telling)
 {
     takeDaemonMessages();
-    FWUpdateSymbol module(library.name, library.usr);
+    auto& module = *new FWUpdateSymbol(
+        library.name, library.usr); // never unloaded: a library is not asked to tear itself down
     const bool isBound = telling.call("loading", [&] { return module.loadSymbol(library.name); }) == 0;
+    watchCalls(module, telling);
     telling.put("load_messages", asArray(takeDaemonMessages()));
     telling.put("kind", kindOf(module, isBound));
     tellNames(module, telling);
-    telling.put("installed", installedVersion(module, telling));
+    telling.put("installed", installedVersion(module));
     if (!module.firmwareName.empty() && module.functions.checkVersion)
-        tellSources(module, telling);
-    _exit(0); // the library is not asked to tear itself down
+        tellSources(module, mountProblem, telling);
 }
 
 void scan(const char* directory, bool usr, std::vector<ControlLibrary>& found)
@@ -129,6 +132,9 @@ std::vector<ControlLibrary> findControlLibraries()
     std::vector<ControlLibrary> found;
     for (const auto& [directory, usr] : kControlDirectories)
         scan(directory, usr, found);
+    std::stable_sort(found.begin(), found.end(), [](const ControlLibrary& one, const ControlLibrary& other) {
+        return one.name < other.name;
+    });
     return found;
 }
 
@@ -140,9 +146,11 @@ std::vector<ControlLibrary> requireControlLibraries(const std::string& name)
     return !found.empty() ? found : throw NoSuchModule(name);
 }
 
-Json::Value examine(const ControlLibrary& library)
+namespace
 {
-    Json::Value told = runIsolated([&](Telling& telling) { examineInChild(library, telling); });
+// What a library that failed could not tell any more.
+void complete(Json::Value& told, const ControlLibrary& library)
+{
     told["module"] = library.name;
     told["directory"] = library.directory;
     for (const auto& [name, value] : {std::pair<const char*, Json::Value>{"kind", "unusable"},
@@ -150,10 +158,29 @@ Json::Value examine(const ControlLibrary& library)
                                       {"installed", Json::Value()},
                                       {"sources", Json::Value(Json::arrayValue)},
                                       {"load_messages", Json::Value(Json::arrayValue)}}) {
-        if (!told.isMember(name))
+        if (!told.isMember(name)) {
             told[name] = value;
+        }
+    }
+}
+} // namespace
+
+std::vector<Json::Value> examineAll(const std::vector<ControlLibrary>& libraries)
+{
+    const std::string mountProblem = problemOfMountDirectory();
+    std::vector<Json::Value> told =
+        runIsolatedAll(libraries.size(), [&](std::size_t index, Telling& telling) {
+            examineInChild(libraries[index], mountProblem, telling);
+        });
+    for (std::size_t index = 0; index < libraries.size(); ++index) {
+        complete(told[index], libraries[index]);
     }
     return told;
+}
+
+Json::Value examine(const ControlLibrary& library)
+{
+    return examineAll({library}).front();
 }
 
 Json::Value failedStep(const Json::Value& source)

@@ -45,15 +45,16 @@ extern const ImageSource kImageSources[4]; // in the daemon's order of checking
 
 const ImageSource* findImageSource(const std::string& name); // null when there is none
 
-// The libraries of both control directories, in the registry's order.
+// The libraries of both control directories, by name; those of one name in the registry's order.
 std::vector<ControlLibrary> findControlLibraries();
 
 // Those of that name (a name can stand in both directories). Throws NoSuchModule when there is none.
 std::vector<ControlLibrary> requireControlLibraries(const std::string& name);
 
 Json::Value examine(const ControlLibrary& library);
+std::vector<Json::Value> examineAll(const std::vector<ControlLibrary>& libraries);
 
-// The steps that failed, or null: for one line about a source.
+// The step that failed, or null: for one line about a source.
 Json::Value failedStep(const Json::Value& source);
 
 #endif

@@ -1,10 +1,10 @@
 #include "key-file.h"
 
 #include "command.h"
+#include "common/regular-file.h"
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <openssl/crypto.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -22,36 +22,28 @@ struct Contents {
     ~Contents() { OPENSSL_cleanse(text, sizeof text); }
 };
 
-struct OpenFile {
-    int number;
-    ~OpenFile()
-    {
-        if (number >= 0)
-            close(number);
-    }
-};
-
 void requirePrivate(const std::string& path, int file)
 {
     struct stat status = {};
-    if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode))
-        throw common::Failure(path + " is not a file: name the key file itself");
-    if ((status.st_mode & 077) != 0)
+    if (fstat(file, &status) != 0 || (status.st_mode & 077) != 0) {
         throw common::Failure("warning: others may read the key file " + path +
                               ": it is refused until \"chmod 600 " + path +
                               "\", and the key should be taken as known to others");
+    }
 }
 
 // Read without a library's buffer, which would keep a copy.
 void readContents(const std::string& path, Contents& contents)
 {
-    const OpenFile file{open(path.c_str(), O_RDONLY | O_CLOEXEC)};
-    if (file.number < 0)
+    const common::RegularFile file(path);
+    if (file.descriptor() < 0) {
+        throw common::Failure("cannot read the key file: " + path + " " + file.problem());
+    }
+    requirePrivate(path, file.descriptor());
+    contents.size = read(file.descriptor(), contents.text, sizeof contents.text);
+    if (contents.size < 0) {
         throw common::Failure("cannot read the key file " + path + ": " + std::strerror(errno));
-    requirePrivate(path, file.number);
-    contents.size = read(file.number, contents.text, sizeof contents.text);
-    if (contents.size < 0)
-        throw common::Failure("cannot read the key file " + path + ": " + std::strerror(errno));
+    }
 }
 
 int digitOf(char c)

@@ -1,10 +1,13 @@
 // fwctl list [--json]
 #include "command.h"
+#include "common/json-text.h"
 #include "examination.h"
-#include "isolated.h"
+#include "obstacles.h"
+#include "output.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <vector>
 
@@ -71,9 +74,14 @@ Row rowOf(const Json::Value& module)
             image(module)};
 }
 
-void print(const std::vector<Row>& rows)
+void print(std::vector<Row> rows)
 {
     std::vector<std::size_t> widths(kHeader.size());
+    for (Row& row : rows) {
+        for (std::string& cell : row) {
+            cell = common::visible(cell);
+        }
+    }
     for (const Row& row : rows) {
         for (std::size_t column = 0; column < row.size(); ++column)
             widths[column] = std::max(widths[column], row[column].size());
@@ -87,23 +95,47 @@ void print(const std::vector<Row>& rows)
     }
 }
 
+// What stands in the way of the pending ones just now, and of which.
+void printObstacles(const std::vector<Json::Value>& modules)
+{
+    std::vector<std::string> told;
+    std::map<std::string, std::string> names; // by sentence
+    for (const Json::Value& module : modules) {
+        for (const Json::Value& sentence : module["obstacles"]) {
+            std::string& list = names[sentence.asString()];
+            if (list.empty()) {
+                told.push_back(sentence.asString());
+            }
+            list += (list.empty() ? "" : ", ") + module["module"].asString();
+        }
+    }
+    for (const std::string& sentence : told) {
+        printLine("but " + names[sentence] + ": " + sentence);
+    }
+}
+
 int list(bool json)
 {
-    Json::Value modules(Json::arrayValue);
+    std::vector<Json::Value> modules = examineAll(findControlLibraries());
+    addObstacles(modules);
+    Json::Value all(Json::arrayValue);
     std::vector<Row> rows{kHeader};
-    for (const ControlLibrary& library : findControlLibraries()) {
-        const Json::Value module = examine(library);
-        if (module.isMember("failure"))
-            std::fprintf(stderr, "fwctl: %s: %s\n", library.name.c_str(), module["failure"].asCString());
-        modules.append(module);
+    for (const Json::Value& module : modules) {
+        if (module.isMember("failure")) {
+            complain(module["module"].asString() + ": " + module["failure"].asString());
+        }
+        all.append(module);
         rows.push_back(rowOf(module));
     }
-    if (json)
-        std::printf("%s\n", toJson(modules).c_str());
-    else
+    if (json) {
+        std::printf("%s\n", common::compactJson(all).c_str());
+    } else {
         print(rows);
-    if (modules.empty())
-        std::fprintf(stderr, "fwctl: this set has no module: \"fwctl doctor\" looks for the reason\n");
+        printObstacles(modules);
+    }
+    if (modules.empty()) {
+        complain("this set has no module: \"fwctl doctor\" looks for the reason");
+    }
     return kDone;
 }
 } // namespace
@@ -112,10 +144,13 @@ void defineList(common::CommandLine& command)
 {
     auto json = std::make_shared<bool>(false);
     command.flag("--json", *json, "For a program: one JSON array");
-    command.footer("Changes nothing on the set: nothing is mounted, written or logged.\n"
-                   "PACKAGE and SYSTEM are the versions offered by the package and by the system image.\n"
-                   "Examples:\n"
-                   "  fwctl list\n"
-                   "  fwctl list --json | jq '.[] | select(.pending) | .module'");
+    command.footer(
+        "Changes nothing on the set: nothing is mounted, written or logged.\n"
+        "PACKAGE and SYSTEM are the versions offered by the package and by the system image; a line below "
+        "says\n"
+        "what keeps a pending module from being updated now. Exit status: 0, also with broken modules.\n"
+        "Examples:\n"
+        "  fwctl list\n"
+        "  fwctl list --json");
     command.onRun([json] { return list(*json); });
 }

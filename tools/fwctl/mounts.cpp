@@ -1,16 +1,22 @@
 #include "mounts.h"
 
+#include "isolated.h"
+#include "privileges.h"
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mntent.h>
+#include <optional>
+#include <unistd.h>
 
 namespace
 {
 struct CloseMounts {
     void operator()(FILE* file) const { endmntent(file); }
 };
-constexpr const char* kPackageMounts = "/opt/usr/apps/appbinarymanager/emps/";
 } // namespace
 
 std::vector<std::string> packageMountPoints()
@@ -27,6 +33,20 @@ std::vector<std::string> packageMountPoints()
             found.push_back(directory);
     }
     return found;
+}
+
+std::string problemOfMountDirectory()
+{
+    const std::optional<uid_t> user = likelyUpdater();
+    if (!user) {
+        return "";
+    }
+    const Json::Value told = runIsolated([&](Telling& telling) {
+        becomeUser(*user);
+        const bool isWritable = access(kPackageMounts, W_OK | X_OK) == 0;
+        telling.put("problem", isWritable ? "" : std::strerror(errno));
+    });
+    return told["problem"].asString();
 }
 
 bool isMountPoint(const std::string& directory)

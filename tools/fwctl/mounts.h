@@ -8,6 +8,12 @@
 // Mount points under the package mount directory, without a trailing "/"; stacked mounts count each.
 std::vector<std::string> packageMountPoints();
 
+constexpr const char* kPackageMounts = "/opt/usr/apps/appbinarymanager/emps/";
+
+// Why the daemon's user cannot make a mount point among kPackageMounts: "Permission denied"; empty when it
+// can, and when this process may not find out.
+std::string problemOfMountDirectory();
+
 bool isMountPoint(const std::string& directory);
 
 #endif

@@ -148,6 +148,27 @@ bool PackageImage::contains(const std::string& name)
     return squashfs_->find(name) != nullptr;
 }
 
+std::string PackageImage::problemOf(const std::string& name)
+{
+    sqfs_inode_generic_t* found = nullptr;
+    if (sqfs_dir_reader_find_by_path(squashfs_->directory.get(), nullptr, name.c_str(), &found) != 0) {
+        return "";
+    }
+    const Inode inode(found);
+    switch (inode->base.type) {
+    case SQFS_INODE_FILE:
+    case SQFS_INODE_EXT_FILE:
+    case SQFS_INODE_SLINK:
+    case SQFS_INODE_EXT_SLINK:
+        return "";
+    case SQFS_INODE_DIR:
+    case SQFS_INODE_EXT_DIR:
+        return "is not a file but a directory";
+    default:
+        return "is not a file but a pipe, a socket or a device";
+    }
+}
+
 bool PackageImage::read(const std::string& name, const std::function<void(const std::string&)>& reader)
 {
     const Inode inode = squashfs_->find(name);

@@ -21,6 +21,9 @@ public:
     // Whether the file is there, at the top of the package.
     bool contains(const std::string& name);
 
+    // Why what stands there under that name cannot be read as a file; empty for a file, a link, and nothing.
+    std::string problemOf(const std::string& name);
+
     // Has `reader` read the file from the path that it is given, once, from beginning to end. False when the
     // package could not be read to the file's end (the reader then met an early end).
     bool read(const std::string& name, const std::function<void(const std::string& path)>& reader);

@@ -49,14 +49,33 @@ void become(uid_t user)
 }
 } // namespace
 
+std::optional<uid_t> likelyUpdater()
+{
+    const std::optional<uid_t> user = usualDaemonUser();
+    if (!user || (*user != geteuid() && geteuid() != 0)) {
+        return std::nullopt;
+    }
+    return *user == geteuid() || isMapped(*user) ? *user : geteuid();
+}
+
+uid_t requireUpdater()
+{
+    const uid_t user = askForDaemonUser().value_or(geteuid());
+    if (user != geteuid() && geteuid() != 0) {
+        throw common::Failure("this needs root or the daemon's user " + nameOf(user) +
+                              ": try again with sudo");
+    }
+    return user == geteuid() || isMapped(user) ? user : geteuid();
+}
+
+void becomeUser(uid_t user)
+{
+    if (user != geteuid()) {
+        become(user);
+    }
+}
+
 void becomeDaemonUser()
 {
-    const std::optional<uid_t> user = askForDaemonUser();
-    if (!user || *user == geteuid())
-        return;
-    if (geteuid() != 0)
-        throw common::Failure("this needs root or the daemon's user " + nameOf(*user) +
-                              ": try again with sudo");
-    if (isMapped(*user))
-        become(*user);
+    becomeUser(requireUpdater());
 }

@@ -2,6 +2,19 @@
 #ifndef FWCTL_PRIVILEGES_H
 #define FWCTL_PRIVILEGES_H
 
+#include <optional>
+#include <sys/types.h>
+
+// The daemon's user, as which root can go on here; root itself where there is no other user to become. Throws
+// Failure when this process is neither.
+uid_t requireUpdater();
+
+// The same without a question to the bus; empty when this process is neither, or the set does not tell.
+std::optional<uid_t> likelyUpdater();
+
+// Goes on as `user`, which requireUpdater() gave. To be called while there is a single thread.
+void becomeUser(uid_t user);
+
 // Called by a command before it acts. Root goes on as the daemon's user, so that the daemon can later open
 // and remove what is made here (the update semaphore, directories, hardware files). Throws Failure for any
 // other user. To be called while there is a single thread.

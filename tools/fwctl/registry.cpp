@@ -1,87 +1,149 @@
 #include "registry.h"
 
 #include "command.h"
+#include "common/json-text.h"
 #include "daemon-log.h"
 #include "examination.h"
 #include "isolated.h"
-#include "privileges.h"
+#include "library-calls.h"
+#include "output.h"
 
 #include <cstdio>
-#include <unistd.h>
 
 namespace
 {
-void requireLoadable(const ControlLibrary& library)
+void requireLoadable()
 {
-    const Json::Value told = runIsolated([&](Telling& telling) {
-        FWUpdateSymbol module(library.name, library.usr);
-        telling.call("loading", [&] { return module.loadSymbol(library.name); });
-        _exit(0);
-    });
-    if (told.isMember("failure"))
-        throw common::Failure(library.directory + library.name + ".so: " + told["failure"].asString() +
-                              "; move it away: the daemon cannot start with it either");
+    const std::vector<ControlLibrary> libraries = findControlLibraries();
+    const std::vector<Json::Value> told =
+        runIsolatedAll(libraries.size(), [&](std::size_t index, Telling& telling) {
+            // Stays loaded, as all of them are in the registry.
+            auto* const module = new FWUpdateSymbol(libraries[index].name, libraries[index].usr);
+            telling.call("loading", [&] { return module->loadSymbol(libraries[index].name); });
+        });
+    for (std::size_t index = 0; index < libraries.size(); ++index) {
+        if (told[index].isMember("failure")) {
+            throw common::Failure(libraries[index].directory + libraries[index].name +
+                                  ".so: " + told[index]["failure"].asString() +
+                                  "; move it away: the daemon cannot start with it either");
+        }
+    }
 }
 
-std::string installedVersion(FWUpdateSymbol& module)
+Json::Value installedVersion(FWUpdateSymbol& module)
 {
     FWUpdateSymbol::TextBuffer version = {};
     return module.getActiveVersion(version) == 0 ? version : "unknown";
 }
 
-Json::Value asJson(const UpdateOutcome& outcome)
+// Asked for in a process of its own, after the one that updated has failed.
+std::string askForInstalled(const std::string& name)
 {
-    Json::Value told;
-    told["module"] = outcome.module->getLibName();
-    told["result"] = outcome.result;
-    told["reason"] = outcome.reason;
-    told["late"] = outcome.isLate;
-    told["installed"] = installedVersion(*outcome.module);
-    return told;
+    std::string version = "unknown";
+    for (const ControlLibrary& library : requireControlLibraries(name)) {
+        const Json::Value module = examine(library);
+        version = module["installed"].isNull() ? version : module["installed"].asString();
+    }
+    return version;
 }
 
 void print(const Json::Value& outcome)
 {
-    const std::string name = outcome["module"].asString();
     const std::string late = outcome["late"].asBool() ? ", after more than the expected time" : "";
-    if (outcome["result"] == "updated")
-        std::printf("%s: updated, %s is installed%s\n", name.c_str(), outcome["installed"].asCString(),
-                    late.c_str());
-    else if (outcome["result"] == "not-needed")
-        std::printf("%s: no update needed, %s is installed\n", name.c_str(),
-                    outcome["installed"].asCString());
-    else
-        std::printf("%s: failed%s, %s is installed: %s\n", name.c_str(), late.c_str(),
-                    outcome["installed"].asCString(), outcome["reason"].asCString());
+    const std::string installed = outcome["installed"].asString() + " is installed";
+    const std::string result = outcome["result"].asString();
+    const std::string head = outcome["module"].asString() + ": ";
+    if (result == "updated") {
+        printLine(head + "updated, " + installed + late);
+    } else if (result == "not-needed") {
+        printLine(head + "no update needed, " + installed);
+    } else {
+        printLine(head + "failed" + late + ", " + installed + ": " + outcome["reason"].asString());
+    }
+}
+
+// The child ended early; what it was updating then has that for its reason.
+int failAfter(const Json::Value& outcomes, const std::string& failure)
+{
+    if (outcomes[outcomes.size() - 1]["result"] != "failed") {
+        complain("after that " + failure + "; modules behind it were not tried");
+    }
+    return kFailed;
+}
+
+int statusOf(const Json::Value& outcomes)
+{
+    int status = outcomes.empty() ? kFailed : kNothingToDo;
+    for (const Json::Value& outcome : outcomes) {
+        if (outcome["result"] == "failed") {
+            return kFailed;
+        }
+        if (outcome["result"] == "updated") {
+            status = outcome["late"].asBool() || status == kTimedOut ? kTimedOut : kDone;
+        }
+    }
+    return status;
 }
 } // namespace
 
-FWUpdateSymbolManager& openRegistry(bool verbose)
+Registry::Registry(UpdateLink& link, bool verbose) : manager_(*FWUpdateSymbolManager::getInstance())
 {
-    for (const ControlLibrary& library : findControlLibraries())
-        requireLoadable(library);
-    becomeDaemonUser();
-    forwardDaemonLog(verbose);
-    FWUpdateSymbolManager& manager = *FWUpdateSymbolManager::getInstance();
-    if (!manager.getIsReady(false))
+    requireLoadable();
+    if (verbose) {
+        forwardDaemonLog([&link](const std::string& message) { link.say("  | " + message); });
+    } else {
+        forwardDaemonLog();
+    }
+    if (!link.telling().call("loading", [this] { return manager_.getIsReady(false); })) {
         throw common::Failure("this set has no module: \"fwctl doctor\" looks for the reason");
-    return manager;
+    }
+    for (FWUpdateSymbol& module : manager_.firmwareItems) {
+        watchCalls(module, link.telling(), [this](const std::string& text) {
+            if (UpdateMonitor* const monitor = monitor_) {
+                monitor->noteTrouble(text);
+            }
+        });
+    }
 }
 
-int reportOutcomes(const std::vector<UpdateOutcome>& outcomes, bool json)
+FWUpdateSymbol& Registry::find(const std::string& name)
+{
+    for (FWUpdateSymbol& module : manager_.firmwareItems) {
+        if (module.getLibName() == name) {
+            return module;
+        }
+    }
+    throw NoSuchModule(name);
+}
+
+Json::Value completeOutcomes(UpdateMonitor& monitor)
 {
     Json::Value all(Json::arrayValue);
-    int status = outcomes.empty() ? kFailed : kNothingToDo;
-    for (const UpdateOutcome& outcome : outcomes) {
-        all.append(asJson(outcome));
-        if (outcome.result == "failed")
-            status = kFailed;
-        else if (outcome.result == "updated" && status != kFailed)
-            status = outcome.isLate || status == kTimedOut ? kTimedOut : kDone;
+    for (const UpdateOutcome& outcome : monitor.finish()) {
+        Json::Value told = asJson(outcome);
+        told["installed"] = installedVersion(*outcome.module);
+        all.append(told);
     }
-    if (json)
-        std::printf("%s\n", toJson(all).c_str());
-    for (Json::ArrayIndex index = 0; !json && index < all.size(); ++index)
-        print(all[index]);
-    return status;
+    return all;
+}
+
+int reportOutcomes(Json::Value told, bool json)
+{
+    Json::Value& outcomes = told["outcomes"];
+    if (told.isMember("failure") && outcomes.empty()) {
+        const std::string culprit = told["culprit"].asString();
+        throw common::Failure((culprit.empty() ? "" : culprit + ": ") + told["failure"].asString());
+    }
+    for (Json::Value& outcome : outcomes) {
+        if (!outcome.isMember("installed")) {
+            outcome["installed"] = askForInstalled(outcome["module"].asString());
+        }
+        if (!json) {
+            print(outcome);
+        }
+    }
+    if (json) {
+        std::printf("%s\n", common::compactJson(outcomes).c_str());
+    }
+    return told.isMember("failure") ? failAfter(outcomes, told["failure"].asString()) : statusOf(outcomes);
 }

@@ -1,19 +1,40 @@
-// The daemon's registry of modules in this process, for the commands that act.
+// The daemon's registry of modules, for the commands that act: in the child process of update-child.h.
 #ifndef FWCTL_REGISTRY_H
 #define FWCTL_REGISTRY_H
 
+#include "update-child.h"
 #include "update-monitor.h"
 
 #include "fw-update-symbol-manager.h"
 
+#include <json/json.h>
 #include <string>
-#include <vector>
 
-// Becomes the daemon's user, has the daemon's messages forwarded, and loads every control library. A library
-// that crashes or hangs while it is loaded is found out beforehand, in a child. Throws Failure.
-FWUpdateSymbolManager& openRegistry(bool verbose);
+// The modules, with every call of theirs watched. Has the daemon's messages forwarded, and with `verbose`
+// shown.
+class Registry
+{
+public:
+    // Loads every control library. One that crashes or hangs while it is loaded is found out beforehand, in a
+    // child of its own, and named. Throws Failure.
+    Registry(UpdateLink& link, bool verbose);
 
-// Prints how the updates ended, as text or as one JSON array, and gives the exit status of it all.
-int reportOutcomes(const std::vector<UpdateOutcome>& outcomes, bool json);
+    FWUpdateSymbolManager& manager() { return manager_; }
+    FWUpdateSymbol& find(const std::string& name); // throws NoSuchModule
+
+    // While it is set, it hears what goes wrong in the libraries' calls.
+    void follow(UpdateMonitor* monitor) { monitor_ = monitor; }
+
+private:
+    FWUpdateSymbolManager& manager_;
+    std::atomic<UpdateMonitor*> monitor_{nullptr};
+};
+
+// The monitor's outcomes with the versions that are installed now, for reportOutcomes().
+Json::Value completeOutcomes(UpdateMonitor& monitor);
+
+// Prints how the updates ended, as text or as one JSON array, and gives the exit status of it all. `told` is
+// what runUpdate() gave; a version that the child could not tell any more is asked for again.
+int reportOutcomes(Json::Value told, bool json);
 
 #endif

@@ -1,12 +1,16 @@
 #include "replay.h"
 
 #include "command.h"
+#include "common/json-text.h"
+#include "common/regular-file.h"
 #include "daemon-log.h"
 #include "mounts.h"
 #include "package-image.h"
 
 #include <fstream>
 #include <memory>
+#include <optional>
+#include <sys/stat.h>
 
 namespace
 {
@@ -27,6 +31,11 @@ public:
     bool contains(const std::string& name)
     {
         return package_ ? package_->contains(name) : FWUpdateSymbol::file_exists(directory_ + name);
+    }
+    // Why the daemon could not read the file, though something is there; see common::problemOfSpecialFile().
+    std::string problemOf(const std::string& name)
+    {
+        return package_ ? package_->problemOf(name) : common::problemOfSpecialFile(directory_ + name);
     }
     // False when the package is damaged.
     bool read(const std::string& name, const std::function<void(const std::string&)>& reader)
@@ -55,15 +64,25 @@ std::string join(const std::vector<std::string>& texts)
     return joined;
 }
 
+// A file of a package is read through a pipe, whose name tells nobody anything.
+std::string withPath(std::string text, const std::string& readAs, const std::string& path)
+{
+    const std::size_t place = text.find(readAs);
+    return !readAs.empty() && place != std::string::npos ? text.replace(place, readAs.size(), path) : text;
+}
+
 // What an accepted information file says less clearly than its maker thinks.
 std::string remarksOn(const std::string& path)
 {
     constexpr std::pair<const char*, const char*> kDefaults[] = {
         {"version", "0000"}, {"crc", "0"}, {"expected_time", "300 seconds"}, {"ui_use", "none"}};
     std::ifstream file(path);
-    Json::Value root;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), file, &root, nullptr) || !root.isObject())
+    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::optional<Json::Value> parsed = common::parseJsonObject(text);
+    if (!parsed) {
         return "";
+    }
+    const Json::Value& root = *parsed;
     std::string remarks;
     for (const auto& [key, value] : kDefaults) {
         if (!root.isMember(key))
@@ -71,25 +90,29 @@ std::string remarksOn(const std::string& path)
     }
     const Json::Value uiUse = root.get("ui_use", "none");
     if (!uiUse.isString() || (uiUse != "select" && uiUse != "force" && uiUse != "none"))
-        remarks += "; \"ui_use\" " + toJson(uiUse) + " counts as none";
+        remarks += "; \"ui_use\" " + common::compactJson(uiUse) + " counts as none";
     return remarks;
 }
 
 class Replay
 {
 public:
-    Replay(FWUpdateSymbol& module, const ImageSource& source, Telling& telling)
-        : module_(module), source_(source), telling_(telling), imagePath_(module.getBinaryPath(source.type)),
+    Replay(FWUpdateSymbol& module, const ImageSource& source, std::string mountProblem)
+        : module_(module), source_(source), mountProblem_(std::move(mountProblem)),
+          imagePath_(module.getBinaryPath(source.type)),
           informationPath_(module.getInformationPath(source.type)), files_(directoryOf(informationPath_)),
           imageName_(module.firmwareName + ".bin")
     {
     }
 
     Json::Value run();
+    std::string findSpecialFile();
 
 private:
+    static Finding notAFile(const std::string& path, const std::string& problem);
     Finding hasName();
     Finding hasPackage();
+    Finding canBeMounted();
     Finding hasImage();
     Finding hasInformation();
     Finding informationIsValid();
@@ -110,7 +133,7 @@ private:
 
     FWUpdateSymbol& module_;
     const ImageSource& source_;
-    Telling& telling_;
+    std::string mountProblem_;
     std::string imagePath_;
     std::string informationPath_;
     SourceFiles files_;
@@ -122,6 +145,7 @@ private:
 const Replay::Step Replay::kSteps[] = {
     {"firmware name", &Replay::hasName, Replay::always},
     {"package", &Replay::hasPackage, Replay::toPackages},
+    {"mount", &Replay::canBeMounted, Replay::toPackages},
     {"image", &Replay::hasImage, Replay::always},
     {"information file", &Replay::hasInformation, Replay::always},
     {"information", &Replay::informationIsValid, Replay::always},
@@ -157,6 +181,24 @@ Json::Value Replay::run()
     return result;
 }
 
+std::string Replay::findSpecialFile()
+{
+    std::string problem =
+        source_.type == UPDATE_TYPE_EMP ? common::problemOfSpecialFile(module_.empImagePath) : "";
+    if (!problem.empty()) {
+        return module_.empImagePath + " " + problem;
+    }
+    if (source_.type == UPDATE_TYPE_EMP && (!module_.getIMGExists() || !hasPackage().passed)) {
+        return ""; // the daemon's check ends before it opens a file
+    }
+    problem = files_.problemOf(imageName_);
+    if (!problem.empty()) {
+        return imagePath_ + " " + problem;
+    }
+    problem = files_.problemOf("info.json");
+    return problem.empty() ? "" : informationPath_ + " " + problem;
+}
+
 Finding Replay::hasName()
 {
     if (module_.firmwareName.empty())
@@ -172,12 +214,33 @@ Finding Replay::hasPackage()
     if (!module_.getIMGExists())
         return {false, module_.empImagePath + " is not there",
                 "nothing to do when no update is published; otherwise see whether the download failed"};
+    const std::string problem = common::problemOfSpecialFile(module_.empImagePath);
+    if (!problem.empty()) {
+        return notAFile(module_.empImagePath, problem);
+    }
     try {
         files_.readFrom(std::make_unique<PackageImage>(module_.empImagePath));
         return {true, module_.empImagePath, ""};
     } catch (const common::Failure& error) {
         return readMountedPackage(error.what());
     }
+}
+
+// The daemon makes the mount point when there is none.
+Finding Replay::canBeMounted()
+{
+    const std::string directory = directoryOf(informationPath_);
+    struct stat status = {};
+    const bool exists = stat(directory.substr(0, directory.size() - 1).c_str(), &status) == 0;
+    if (exists && !S_ISDIR(status.st_mode)) {
+        return {false, directory + " is no directory", "remove what stands there"};
+    }
+    if (!exists && !mountProblem_.empty()) {
+        return {false,
+                std::string(kPackageMounts) + " cannot be written by the daemon's user: " + mountProblem_,
+                "\"fwctl doctor --fix\" gives it back"};
+    }
+    return {true, directory, ""};
 }
 
 // The kernel may know file systems that we cannot read, and the mount service may read files that we may not.
@@ -190,8 +253,19 @@ Finding Replay::readMountedPackage(const std::string& reason)
     return {false, detail, "remove the file, and have the package downloaded again (restart the set)"};
 }
 
+// Nothing is opened that is no file: the daemon's code would wait for the other end of a pipe, for ever.
+Finding Replay::notAFile(const std::string& path, const std::string& problem)
+{
+    return {false, path + " " + problem,
+            "remove it, and put the file there: the daemon hangs or fails with it"};
+}
+
 Finding Replay::hasImage()
 {
+    const std::string problem = files_.problemOf(imageName_);
+    if (!problem.empty()) {
+        return notAFile(imagePath_, problem);
+    }
     if (!files_.contains(imageName_))
         return {false, imagePath_ + " is not there",
                 source_.type == UPDATE_TYPE_EMP ? "have the package made again with that file in it"
@@ -201,6 +275,10 @@ Finding Replay::hasImage()
 
 Finding Replay::hasInformation()
 {
+    const std::string problem = files_.problemOf("info.json");
+    if (!problem.empty()) {
+        return notAFile(informationPath_, problem);
+    }
     if (!files_.contains("info.json"))
         return {false, informationPath_ + " is not there", "put an information file beside the image"};
     return {true, informationPath_, ""};
@@ -210,9 +288,12 @@ Finding Replay::informationIsValid()
 {
     takeDaemonMessages();
     bool accepted = false;
-    const bool complete =
-        files_.read("info.json", [&](const std::string& path) { accepted = module_.loadInformation(path); });
-    const std::string messages = join(takeDaemonMessages());
+    std::string readAs;
+    const bool complete = files_.read("info.json", [&](const std::string& path) {
+        readAs = path;
+        accepted = module_.loadInformation(path);
+    });
+    const std::string messages = withPath(join(takeDaemonMessages()), readAs, informationPath_);
     if (!accepted || !complete)
         return {false, complete ? messages : "the package is damaged",
                 "correct the information file (\"fwmod info --check\" tells each value)"};
@@ -254,10 +335,8 @@ Finding Replay::isNewer()
     const std::string offered = module_.information.version;
     char emptyContext[] = "";
     int verdict = 0;
-    const int result = telling_.call("checkVersion", [&] {
-        module_.setContext(source_.caller, emptyContext);
-        return module_.checkVersion(offered.c_str(), &verdict);
-    });
+    module_.setContext(source_.caller, emptyContext);
+    const int result = module_.checkVersion(offered.c_str(), &verdict);
     if (result != 0)
         return {false,
                 "the library cannot compare " + offered + " (it returns " + std::to_string(result) + ")",
@@ -277,7 +356,12 @@ Finding Replay::isNewer()
 }
 } // namespace
 
-Json::Value replayCheck(FWUpdateSymbol& module, const ImageSource& source, Telling& telling)
+Json::Value replayCheck(FWUpdateSymbol& module, const ImageSource& source, const std::string& mountProblem)
 {
-    return Replay(module, source, telling).run();
+    return Replay(module, source, mountProblem).run();
+}
+
+std::string findSpecialFile(FWUpdateSymbol& module, const ImageSource& source)
+{
+    return Replay(module, source, "").findSpecialFile();
 }

@@ -3,12 +3,15 @@
 #define FWCTL_REPLAY_H
 
 #include "examination.h"
-#include "isolated.h"
 
 #include "fw-update-symbol.h"
 
 // Runs the check and leaves the module's fields as the daemon's check would. The answer is a source as
-// described in examination.h.
-Json::Value replayCheck(FWUpdateSymbol& module, const ImageSource& source, Telling& telling);
+// described in examination.h. `mountProblem`: see problemOfMountDirectory().
+Json::Value replayCheck(FWUpdateSymbol& module, const ImageSource& source, const std::string& mountProblem);
+
+// Why the daemon's own check would not come to an end: the path of what is no file where it opens one, and
+// what it is. Empty when there is no such thing.
+std::string findSpecialFile(FWUpdateSymbol& module, const ImageSource& source);
 
 #endif

@@ -1,5 +1,6 @@
 #include "set-state.h"
 
+#include "common/json-text.h"
 #include "glib-pointer.h"
 
 #include <algorithm>
@@ -55,11 +56,7 @@ std::optional<Json::Value> askPlatform(GDBusConnection* bus)
         return std::nullopt;
     const char* text = nullptr;
     g_variant_get(reply.get(), "(&s)", &text);
-    std::istringstream in(text);
-    Json::Value set;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &set, nullptr) || !set.isObject())
-        return std::nullopt;
-    return set;
+    return common::parseJsonObject(text);
 }
 
 // Seconds since a process started; field 22 of its "stat", counted behind the name, which may hold anything.
@@ -113,8 +110,11 @@ DaemonState findDaemon()
 std::optional<uid_t> daemonUser()
 {
     const DaemonState daemon = findDaemon();
-    if (daemon.pid != 0)
-        return daemon.user;
+    return daemon.pid != 0 ? std::optional<uid_t>(daemon.user) : usualDaemonUser();
+}
+
+std::optional<uid_t> usualDaemonUser()
+{
     const SemaphoreState semaphore = peekUpdateSemaphore();
     if (semaphore.exists)
         return semaphore.owner;
@@ -169,9 +169,10 @@ std::optional<Range> semaphoreIn(const fs::path& process, const std::string& sem
     return std::nullopt;
 }
 
-// Whether a thread of the process sleeps in a system call on the semaphore's memory: in sem_wait, that is.
-bool isWaitingOn(const fs::path& process, const Range& range)
+// The threads of the process that sleep in a system call on the semaphore's memory: in sem_wait, that is.
+std::vector<pid_t> threadsWaitingOn(const fs::path& process, const Range& range)
 {
+    std::vector<pid_t> waiting;
     std::error_code error;
     for (fs::directory_iterator task(process / "task", error), end; !error && task != end;
          task.increment(error)) {
@@ -180,10 +181,11 @@ bool isWaitingOn(const fs::path& process, const Range& range)
         std::string argument;
         file >> number >> argument;
         const uint64_t address = argument.rfind("0x", 0) == 0 ? parseHex(argument.substr(2)) : 0;
-        if (address >= range.begin && address < range.end)
-            return true;
+        if (address >= range.begin && address < range.end) {
+            waiting.push_back(std::atoi(task->path().filename().c_str()));
+        }
     }
-    return false;
+    return waiting;
 }
 
 std::string nameOf(const fs::path& process)
@@ -230,19 +232,17 @@ SemaphoreUsers findSemaphoreUsers()
             continue;
         bool readable = true;
         if (const auto range = semaphoreIn(process->path(), semaphore, readable))
-            users.known.push_back({pid, nameOf(process->path()), isWaitingOn(process->path(), *range)});
+            users.known.push_back({pid, nameOf(process->path()), threadsWaitingOn(process->path(), *range)});
         users.areAllKnown = users.areAllKnown && readable;
     }
     users.areAllKnown = users.areAllKnown && !error;
     return users;
 }
 
-std::string likelyHolder(const SemaphoreUsers& users)
+bool isRunning(pid_t process)
 {
-    std::string text;
-    for (const SemaphoreUser& user : users.known) {
-        if (!user.isWaiting)
-            text += (text.empty() ? "" : " or ") + user.name + " (process " + std::to_string(user.pid) + ")";
-    }
-    return text;
+    std::ifstream stat("/proc/" + std::to_string(process) + "/stat");
+    const std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const std::size_t name = text.rfind(')'); // "412 (name) S ...": the name may hold anything
+    return name != std::string::npos && name + 2 < text.size() && text[name + 2] != 'Z';
 }

@@ -25,11 +25,14 @@ DaemonState findDaemon();
 // update semaphore, by its usual name. Empty when the set does not tell.
 std::optional<uid_t> daemonUser();
 
+// The same without a question to the bus, for before there may be threads.
+std::optional<uid_t> usualDaemonUser();
+
 // A process that has the update semaphore open.
 struct SemaphoreUser {
     pid_t pid;
     std::string name;
-    bool isWaiting; // for its turn; of the others, one holds it
+    std::vector<pid_t> waitingThreads; // that wait for their turn just now
 };
 
 struct SemaphoreState {
@@ -43,12 +46,10 @@ SemaphoreState peekUpdateSemaphore();
 struct SemaphoreUsers {
     std::vector<SemaphoreUser> known; // without this process
     bool areAllKnown = true;          // false when a process would not let itself be looked at
-
-    bool isNobody() const { return known.empty() && areAllKnown; }
 };
 SemaphoreUsers findSemaphoreUsers();
 
-// "tarnwick (412)": the processes that may hold the semaphore; empty when there is none.
-std::string likelyHolder(const SemaphoreUsers& users);
+// Whether there is such a process, and it has not ended.
+bool isRunning(pid_t process);
 
 #endif

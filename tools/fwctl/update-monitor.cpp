@@ -5,8 +5,8 @@
 
 #include "fw-update-symbol.h"
 
+#include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <optional>
 #include <unistd.h>
 
@@ -30,8 +30,18 @@ bool isAlive(pid_t thread)
 }
 } // namespace
 
-UpdateMonitor::UpdateMonitor(std::list<FWUpdateSymbol>& modules)
-    : modules_(modules), drawer_([this] { draw(); })
+Json::Value asJson(const UpdateOutcome& outcome)
+{
+    Json::Value told;
+    told["module"] = outcome.module->getLibName();
+    told["result"] = outcome.result;
+    told["reason"] = outcome.reason;
+    told["late"] = outcome.isLate;
+    return told;
+}
+
+UpdateMonitor::UpdateMonitor(std::list<FWUpdateSymbol>& modules, UpdateLink& link)
+    : modules_(modules), link_(link), drawer_([this] { draw(); })
 {
     onDaemonMessage([this](const std::string& message) { note(message); });
 }
@@ -56,23 +66,45 @@ void UpdateMonitor::append(FWUpdateSymbol& module)
     outcome.module = &module;
     outcome.thread = gettid();
     outcomes_.push_back(outcome);
+    tell();
 }
 
+// Also what may not come to an end: the parent is the one to say so then.
+void UpdateMonitor::tell()
+{
+    Json::Value all(Json::arrayValue);
+    for (const UpdateOutcome& outcome : outcomes_) {
+        all.append(asJson(outcome));
+    }
+    link_.tellOutcomes(all);
+}
+
+// Two libraries may have one firmware's name: each is updated, the first of them first.
 void UpdateMonitor::begin(const std::string& firmwareName)
 {
+    FWUpdateSymbol* begun = nullptr;
     for (FWUpdateSymbol& module : modules_) {
-        if (module.firmwareName == firmwareName)
-            return append(module);
+        const bool isCandidate = module.firmwareName == firmwareName && module.getNeedUpdate();
+        if (isCandidate && (begun == nullptr || (isKnown(*begun) && !isKnown(module)))) {
+            begun = &module;
+        }
+    }
+    if (begun != nullptr) {
+        append(*begun);
     }
 }
 
-bool UpdateMonitor::isKnown(const std::string& firmwareName) const
+bool UpdateMonitor::isKnown(const FWUpdateSymbol& module) const
 {
-    for (const UpdateOutcome& outcome : outcomes_) {
-        if (outcome.module->firmwareName == firmwareName)
-            return true;
-    }
-    return false;
+    return std::any_of(outcomes_.begin(), outcomes_.end(),
+                       [&](const UpdateOutcome& outcome) { return outcome.module == &module; });
+}
+
+bool UpdateMonitor::isBegunHere() const
+{
+    return std::any_of(outcomes_.begin(), outcomes_.end(), [](const UpdateOutcome& outcome) {
+        return outcome.thread == gettid() && outcome.result == "started";
+    });
 }
 
 // On the thread that logs: the update's own, or the one that waits for it.
@@ -82,19 +114,37 @@ void UpdateMonitor::note(const std::string& message)
     if (const auto name = between(message, "", " Firmware Update Try"))
         return begin(*name);
     if (const auto name = between(message, "========== [ ", " update start ] ==========")) {
-        if (!isKnown(*name)) // an encrypted image comes without a "Try"
+        if (!isBegunHere()) { // an encrypted image comes without a "Try"
             begin(*name);
+        }
         return;
     }
     const auto late = between(message, "", " update timeout");
     const auto done = between(message, "========== [ ", " update succeeded ] ==========");
     const auto spared = between(message, "Error: ", " Firmware not need update");
     for (UpdateOutcome& outcome : outcomes_) {
-        const std::string& name = outcome.module->firmwareName;
-        outcome.isLate = outcome.isLate || late == name;
-        outcome.result = done == name ? "updated" : spared == name ? "not-needed" : outcome.result;
-        if (outcome.thread == gettid() && outcome.result == "started" && message.rfind("Error", 0) == 0)
+        const bool isStarted = outcome.result == "started";
+        outcome.isLate = outcome.isLate || (isStarted && late == outcome.module->firmwareName);
+        if (outcome.thread != gettid() || !isStarted) {
+            continue;
+        }
+        outcome.result = done ? "updated" : spared ? "not-needed" : "started";
+        if (message.rfind("Error", 0) == 0) {
             outcome.reason = message;
+        }
+    }
+    if (late || done || spared) {
+        tell();
+    }
+}
+
+void UpdateMonitor::noteTrouble(const std::string& text)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (UpdateOutcome& outcome : outcomes_) {
+        if (outcome.thread == gettid() && outcome.result == "started") {
+            outcome.reason = text;
+        }
     }
 }
 
@@ -106,14 +156,13 @@ FWUpdateSymbol* UpdateMonitor::current()
 
 void UpdateMonitor::draw()
 {
-    common::ProgressLine line;
     for (; !isEnding_; std::this_thread::sleep_for(kPause)) {
         FWUpdateSymbol* const module = current();
         unsigned int percent = 0;
-        if (module != nullptr && module->getUpdateProgress(&percent) == 0)
-            line.show(module->getLibName(), percent);
+        if (module != nullptr && module->getUpdateProgress(&percent) == 0) {
+            link_.tellProgress(module->getLibName(), percent);
+        }
     }
-    line.finish();
 }
 
 bool UpdateMonitor::waitForLateOnes()
@@ -128,13 +177,18 @@ bool UpdateMonitor::waitForLateOnes()
 
 std::vector<UpdateOutcome> UpdateMonitor::finish()
 {
-    if (waitForLateOnes())
-        std::fprintf(stderr, "fwctl: the update takes longer than expected and is still being written: "
-                             "do not switch the set off\n");
+    if (waitForLateOnes()) {
+        link_.say(
+            "fwctl: the update takes longer than expected and is still being written: do not switch the "
+            "set off");
+    }
     while (waitForLateOnes())
         std::this_thread::sleep_for(kPause);
     const std::lock_guard<std::mutex> lock(mutex_);
-    for (UpdateOutcome& outcome : outcomes_)
+    for (UpdateOutcome& outcome : outcomes_) {
         outcome.result = outcome.result == "started" ? "failed" : outcome.result;
+        const bool isSilent = outcome.result == "failed" && outcome.reason.empty();
+        outcome.reason = isSilent ? "the control library gave no verdict" : outcome.reason;
+    }
     return outcomes_;
 }

@@ -3,8 +3,9 @@
 #ifndef FWCTL_UPDATE_MONITOR_H
 #define FWCTL_UPDATE_MONITOR_H
 
+#include "update-child.h"
+
 #include <atomic>
-#include <functional>
 #include <list>
 #include <mutex>
 #include <string>
@@ -23,12 +24,15 @@ struct UpdateOutcome {
     pid_t thread = 0;               // that updates it; outlives the wait for it when it is late
 };
 
-// Draws progress while it lives, on a thread of its own. One at a time.
+// module, result, reason and late, as --json prints them.
+Json::Value asJson(const UpdateOutcome& outcome);
+
+// Tells the parent process progress and outcomes while it lives, on a thread of its own. One at a time.
 class UpdateMonitor
 {
 public:
-    // The modules must outlive the monitor.
-    explicit UpdateMonitor(std::list<FWUpdateSymbol>& modules);
+    // Modules and link must outlive the monitor, and every call of the modules.
+    UpdateMonitor(std::list<FWUpdateSymbol>& modules, UpdateLink& link);
     ~UpdateMonitor();
     UpdateMonitor(const UpdateMonitor&) = delete;
     UpdateMonitor& operator=(const UpdateMonitor&) = delete;
@@ -40,16 +44,22 @@ public:
     // never returns is waited for without end: the hardware is being written.
     std::vector<UpdateOutcome> finish();
 
+    // What a watched call says (library-calls.h): the reason of a failure, unless the daemon says more.
+    void noteTrouble(const std::string& text);
+
 private:
+    void tell();
     void note(const std::string& message);
     void begin(const std::string& firmwareName);
     void append(FWUpdateSymbol& module);
-    bool isKnown(const std::string& firmwareName) const;
+    bool isKnown(const FWUpdateSymbol& module) const;
+    bool isBegunHere() const; // an update on the calling thread
     FWUpdateSymbol* current();
     void draw();
     bool waitForLateOnes();
 
     std::list<FWUpdateSymbol>& modules_;
+    UpdateLink& link_;
     std::mutex mutex_;
     std::vector<UpdateOutcome> outcomes_;
     std::atomic<bool> isEnding_{false};

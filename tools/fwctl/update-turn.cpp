@@ -1,21 +1,79 @@
 #include "update-turn.h"
 
 #include "command.h"
+#include "output.h"
 #include "set-state.h"
+#include "turn-holder.h"
 
 #include "fw-update-common.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <string>
+#include <cstdarg>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <semaphore.h>
 #include <thread>
 #include <unistd.h>
 
+// ---- The semaphore, and the one that stands in for it ----
+
 namespace
 {
-constexpr std::chrono::milliseconds kPause{200};
+constexpr const char* kSemaphore = "/SEM_UPDATE_CONTROL";
+std::atomic<sem_t*> privateSemaphore{nullptr};
+
+struct CloseSemaphore {
+    void operator()(sem_t* semaphore) const { sem_close(semaphore); }
+};
+// Kept open no longer than needed: who has it open may be taken for the one who has the turn.
+using Semaphore = std::unique_ptr<sem_t, CloseSemaphore>;
+} // namespace
+
+// The linker puts this one in the place of the C library's (--wrap), in this program's own objects alone: a
+// control library's semaphores are its own.
+extern "C" sem_t* __real_sem_open(const char* name, int flags, ...);
+extern "C" sem_t* __wrap_sem_open(const char* name, int flags, ...)
+{
+    sem_t* const ours = privateSemaphore;
+    if (ours != nullptr && std::strcmp(name, kSemaphore) == 0) {
+        return ours;
+    }
+    va_list values;
+    va_start(values, flags);
+    const bool isMaking = (flags & O_CREAT) != 0;
+    const auto mode = isMaking ? va_arg(values, mode_t) : mode_t{};
+    const auto value = isMaking ? va_arg(values, unsigned int) : 0U;
+    va_end(values);
+    return __real_sem_open(name, flags, mode, value);
+}
+
+namespace
+{
+Semaphore openSemaphore()
+{
+    sem_t* const semaphore = __real_sem_open(kSemaphore, 0);
+    return Semaphore(semaphore != SEM_FAILED ? semaphore : nullptr);
+}
+} // namespace
+
+void prepareUpdateSemaphore()
+{
+    static sem_t own;
+    const Semaphore made(FWUpdateCommon::getInstance()->create_semaphore());
+    if (!made || sem_init(&own, 0, 1) != 0) {
+        throw common::Failure("the update semaphore cannot be opened: this needs root or the daemon's user");
+    }
+    privateSemaphore = &own;
+}
+
+// ---- Interruption ----
+
+namespace
+{
 constexpr int kInterrupts[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 void explainInterrupt(int)
@@ -32,62 +90,135 @@ void setInterruptHandler(void (*handler)(int))
     struct sigaction action = {};
     action.sa_handler = handler;
     action.sa_flags = SA_RESTART;
-    for (const int signal : kInterrupts)
+    for (const int signal : kInterrupts) {
         sigaction(signal, &action, nullptr);
+    }
 }
 
-// A process may give its turn back and end between two looks: only what lasts is stuck.
-void throwWhenStuck(const SemaphoreUsers& users, int& looksWithoutUser)
+// Holds them off for its scope: between taking the turn and knowing that it is taken, none may end us.
+class InterruptsHeld
 {
-    looksWithoutUser = users.isNobody() ? looksWithoutUser + 1 : 0;
-    if (looksWithoutUser > 5)
-        throw common::Failure(
-            "the update semaphore is taken, but no process has it: \"fwctl doctor --fix\" frees it");
-}
+public:
+    InterruptsHeld()
+    {
+        sigset_t held;
+        sigemptyset(&held);
+        for (const int signal : kInterrupts) {
+            sigaddset(&held, signal);
+        }
+        sigprocmask(SIG_BLOCK, &held, &before_);
+    }
+    ~InterruptsHeld() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+    InterruptsHeld(const InterruptsHeld&) = delete;
+    InterruptsHeld& operator=(const InterruptsHeld&) = delete;
+
+private:
+    sigset_t before_;
+};
 } // namespace
+
+// ---- Waiting ----
+
+void TurnWait::tell()
+{
+    constexpr long kLooksBetween = 5; // the whole set is searched for the holder, which is not for every look
+    if (looks_++ % kLooksBetween != 0) {
+        return;
+    }
+    const TurnState turn = lookAtTurnPatiently();
+    if (turn.kind == TurnState::Kind::kUnreadable) {
+        throw common::Failure("the update semaphore cannot be opened: this needs root or the daemon's user");
+    }
+    if (turn.kind == TurnState::Kind::kNobodys) {
+        throw common::Failure(
+            "the update semaphore is taken, but whoever took it has ended: \"fwctl doctor --fix\" "
+            "frees it");
+    }
+    if (turn.kind == TurnState::Kind::kHeld && turn.holder != told_) {
+        complain("waiting for " + turn.holder + ", which is updating (Ctrl-C to give up)");
+        told_ = turn.holder;
+    }
+}
 
 void waitForUpdateTurn()
 {
-    std::string told;
-    int looksWithoutUser = 0;
+    constexpr std::chrono::milliseconds kPause{200};
+    TurnWait wait;
     while (true) {
         const SemaphoreState state = peekUpdateSemaphore();
-        if (state.exists && !state.isReadable)
-            throw common::Failure(
-                "the update semaphore cannot be opened: this needs root or the daemon's user");
-        if (!state.exists || state.value > 0)
+        if (!state.exists || (state.isReadable && state.value > 0)) {
             return;
-        const SemaphoreUsers users = findSemaphoreUsers();
-        throwWhenStuck(users, looksWithoutUser);
-        const std::string known = likelyHolder(users);
-        const std::string holder = known.empty() && !users.isNobody() ? "another process" : known;
-        if (!holder.empty() && holder != told)
-            std::fprintf(stderr, "fwctl: waiting for %s, which is updating (Ctrl-C to give up)\n",
-                         holder.c_str());
-        told = holder.empty() ? told : holder;
+        }
+        wait.tell();
         std::this_thread::sleep_for(kPause);
     }
 }
 
-UpdateTurn::UpdateTurn() : semaphore_(FWUpdateCommon::getInstance()->create_semaphore())
+// ---- The turn ----
+
+namespace
 {
-    if (semaphore_ == nullptr)
-        throw common::Failure("the update semaphore cannot be opened: this needs root or the daemon's user");
-    while (sem_wait(semaphore_) != 0 && errno == EINTR) {
+bool isFree()
+{
+    const SemaphoreState state = peekUpdateSemaphore();
+    return state.isReadable && state.value > 0;
+}
+
+bool post()
+{
+    const Semaphore semaphore = openSemaphore();
+    return semaphore && sem_post(semaphore.get()) == 0;
+}
+
+bool take()
+{
+    const Semaphore semaphore = openSemaphore();
+    return semaphore && sem_trywait(semaphore.get()) == 0;
+}
+
+// With the record locked, so that no fwctl can take what is given back here before it is noted down.
+bool postNobodys(TurnRecord& record)
+{
+    const bool isPosted = lookAtTurnPatiently(true).kind == TurnState::Kind::kNobodys && post();
+    record.setPhase(TurnPhase::kIdle);
+    return isPosted;
+}
+} // namespace
+
+bool UpdateTurn::tryToTake(pid_t child)
+{
+    if (!isFree() || !record_.lock()) {
+        return false;
+    }
+    const InterruptsHeld held;
+    record_.setProcesses(getpid(), child);
+    record_.setPhase(TurnPhase::kTaking);
+    isParents_ = take();
+    record_.setPhase(isParents_ ? TurnPhase::kTaken : TurnPhase::kIdle);
+    if (isParents_) {
+        setInterruptHandler(explainInterrupt);
+    } else {
+        record_.unlock();
+    }
+    return isParents_;
+}
+
+void UpdateTurn::settle()
+{
+    const bool isOurs = isParents_ || record_.child() == getpid();
+    if (!isOurs || !record_.lock()) {
+        return;
+    }
+    if (record_.change(TurnPhase::kTaken, TurnPhase::kReturning)) {
+        post();
+        record_.setPhase(TurnPhase::kIdle);
+    } else if (record_.phase() != TurnPhase::kIdle) {
+        postNobodys(record_);
     }
 }
 
-UpdateTurn::~UpdateTurn()
+bool UpdateTurn::freeNobodys(uid_t owner)
 {
-    sem_post(semaphore_);
-}
-
-InterruptGuard::InterruptGuard()
-{
-    setInterruptHandler(explainInterrupt);
-}
-
-InterruptGuard::~InterruptGuard()
-{
-    setInterruptHandler(SIG_DFL);
+    TurnRecord record(owner);
+    return record.lock() && postNobodys(record);
 }

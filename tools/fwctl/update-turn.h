@@ -1,36 +1,56 @@
-// The update semaphore as fwctl waits for it: saying who has it, and free to be interrupted.
+// The turn to update, which the semaphore /SEM_UPDATE_CONTROL gives to one process of the set at a time.
+//
+// fwctl updates in a child process. Parent and child share the turn: whichever of them is left gives it back,
+// once, and never while the child is still at work. While the child has it, the daemon's own code in it takes
+// and gives back a semaphore that is private to the child: it would give the turn back after its time-out,
+// when a late update is still being written.
 #ifndef FWCTL_UPDATE_TURN_H
 #define FWCTL_UPDATE_TURN_H
 
-#include <semaphore.h>
+#include "turn-record.h"
 
-// Returns when nobody has the semaphore. Says on standard error who has it meanwhile. Throws Failure when it
-// is stuck, that is taken while no process has it open. Takes nothing itself: an update takes it again.
+#include <string>
+
+// Returns when nobody has the turn. Says on standard error who has it meanwhile. Throws Failure when it is
+// nobody's and stays so. Takes nothing itself.
 void waitForUpdateTurn();
 
-// The semaphore, taken for an operation of the daemon's that does not take it itself; given back at the end
-// of the scope. Throws Failure when it cannot be had. Make an InterruptGuard first: a process that ends
-// without giving it back stops every update of the set.
+// Says on standard error who has the turn, when it is another one than the last time. Throws as above.
+class TurnWait
+{
+public:
+    void tell();
+
+private:
+    std::string told_;
+    long looks_ = 0;
+};
+
+// In the child, as the daemon's user: makes the semaphore when there is none, and has the daemon's code of
+// this process use a private one from now on. Throws Failure.
+void prepareUpdateSemaphore();
+
 class UpdateTurn
 {
 public:
-    UpdateTurn();
-    ~UpdateTurn();
-    UpdateTurn(const UpdateTurn&) = delete;
-    UpdateTurn& operator=(const UpdateTurn&) = delete;
+    // `owner` is the daemon's user. Throws Failure, see TurnRecord.
+    explicit UpdateTurn(uid_t owner) : record_(owner) {}
+
+    // In the parent of `child`: takes the turn when it is free. False when somebody else has it. From then on
+    // Ctrl-C and the like only get an explanation.
+    bool tryToTake(pid_t child);
+
+    // In the child when its work is done, and in the parent when the child has ended: whoever comes first
+    // gives the turn back, if it was taken. A process that was killed at the wrong moment has left unclear
+    // whether it has taken it, or given it back; then it is looked at who else may have it.
+    void settle();
+
+    // Gives back a turn that is nobody's, and only such a one; true when it did. Throws Failure.
+    static bool freeNobodys(uid_t owner);
 
 private:
-    sem_t* semaphore_;
-};
-
-// While it lives, Ctrl-C and the like only get an explanation.
-class InterruptGuard
-{
-public:
-    InterruptGuard();
-    ~InterruptGuard();
-    InterruptGuard(const InterruptGuard&) = delete;
-    InterruptGuard& operator=(const InterruptGuard&) = delete;
+    TurnRecord record_;
+    bool isParents_ = false; // it has taken the turn
 };
 
 #endif

@@ -1,10 +1,14 @@
 // fwctl update MODULE | --all
 #include "command.h"
+#include "common/json-text.h"
 #include "daemon-log.h"
 #include "examination.h"
 #include "isolated.h"
+#include "output.h"
 #include "power-lock.h"
 #include "registry.h"
+#include "replay.h"
+#include "update-child.h"
 #include "update-turn.h"
 
 #include <cstdio>
@@ -40,20 +44,120 @@ Choice chooseSource(const Options& options)
     return choice;
 }
 
+// ---- In the child ----
+
 // The daemon runs an external module's update without taking a turn; a technician's must not meet another.
-int updateExternal(FWUpdateSymbolManager& manager, FWUpdateSymbol& module, const Options& options)
+void updateExternal(Registry& registry, FWUpdateSymbol& module, UpdateMonitor& monitor, UpdateLink& link)
 {
-    const InterruptGuard guard;
-    const UpdateTurn turn;
-    UpdateMonitor monitor(manager.firmwareItems);
     monitor.follow(module);
     char emptyContext[] = "";
-    const int result = manager.doUpdateFirmware(options.module, FW_CALLER_EMP, emptyContext);
-    std::vector<UpdateOutcome> outcomes = monitor.finish();
-    for (UpdateOutcome& outcome : outcomes)
-        outcome.result = result == 0 ? "updated" : "failed";
-    return reportOutcomes(outcomes, options.json);
+    const int result = registry.manager().doUpdateFirmware(module.getLibName(), FW_CALLER_EMP, emptyContext);
+    Json::Value outcomes = completeOutcomes(monitor);
+    for (Json::Value& outcome : outcomes) {
+        outcome["result"] = result == 0 ? "updated" : "failed";
+    }
+    link.tellOutcomes(outcomes);
 }
+
+std::string lastError()
+{
+    std::string reason;
+    for (const std::string& message : takeDaemonMessages()) {
+        if (message.rfind("Error", 0) == 0) {
+            reason = message;
+        }
+    }
+    return reason;
+}
+
+// The daemon's code refuses such an identifier in words that do not tell, and waits for ever for the other
+// end of a pipe.
+void requireReadable(FWUpdateSymbol& module, const ImageSource& source)
+{
+    if (!module.isEMP) {
+        throw common::Failure("the identifier \"" + module.EMPName + "\" of " + module.getLibName() +
+                              " is refused: \"fwctl doctor\" says more");
+    }
+    const std::string special = findSpecialFile(module, source);
+    if (!special.empty()) {
+        throw common::Failure(module.getLibName() + ": " + special + ": remove it, and put the file there");
+    }
+}
+
+void updateInChild(const Options& options, const Choice& choice, UpdateLink& link)
+{
+    Registry registry(link, options.verbose);
+    FWUpdateSymbol& module = registry.find(options.module);
+    if (module.handle == nullptr || !module.functions.doUpdate) {
+        throw common::Failure("the control library of " + options.module +
+                              " cannot be used: \"fwctl doctor\" says why");
+    }
+    if (module.getSymbolType() == 0) {
+        requireReadable(module, *choice.source);
+    }
+    link.takeTurn();
+    UpdateMonitor monitor(registry.manager().firmwareItems, link);
+    registry.follow(&monitor);
+    if (module.getSymbolType() == 1) {
+        updateExternal(registry, module, monitor, link);
+        return;
+    }
+    takeDaemonMessages();
+    char emptyContext[] = "";
+    const PowerLock lock(1, choice.seconds);
+    registry.manager().doUpdateFirmware(options.module, choice.source->caller, emptyContext);
+    const Json::Value outcomes = completeOutcomes(monitor);
+    if (outcomes.empty()) {
+        link.telling().put("unstarted", lastError());
+    } else {
+        link.tellOutcomes(outcomes);
+    }
+}
+
+// As the daemon finds out what is pending. False when it would not come to an end: the module is left out
+// then.
+bool checkModule(FWUpdateSymbol& module, UpdateLink& link)
+{
+    char emptyContext[] = "";
+    for (const ImageSource& source : kImageSources) {
+        const std::string special =
+            source.checkedByDaemon && module.getSymbolType() == 0 ? findSpecialFile(module, source) : "";
+        if (!special.empty()) {
+            link.say("fwctl: " + module.getLibName() + " is left out: " + special);
+            module.needUpdate = false;
+            return false;
+        }
+    }
+    for (const ImageSource& source : kImageSources) {
+        if (source.checkedByDaemon) {
+            module.isNeedUpdate(source.caller, emptyContext);
+        }
+    }
+    return true;
+}
+
+// Without the daemon's list file, which is the daemon's own.
+void checkAll(FWUpdateSymbolManager& manager, UpdateLink& link)
+{
+    bool isComplete = true;
+    for (FWUpdateSymbol& module : manager.firmwareItems) {
+        isComplete = checkModule(module, link) && isComplete;
+    }
+    link.telling().put("left_out", !isComplete);
+}
+
+void updateAllInChild(const Options& options, UpdateLink& link)
+{
+    Registry registry(link, options.verbose);
+    link.takeTurn();
+    checkAll(registry.manager(), link);
+    UpdateMonitor monitor(registry.manager().firmwareItems, link);
+    registry.follow(&monitor);
+    registry.manager().doUpdateFirmwareAll(FW_CALLER_EMP);
+    link.tellOutcomes(completeOutcomes(monitor));
+}
+
+// ---- In the parent ----
 
 // A check that did not lead to an update, by the daemon's last words on it.
 struct Unstarted {
@@ -69,88 +173,48 @@ constexpr Unstarted kUnstarted[] = {
     {"", "failed", "cannot be updated", kFailed},
 };
 
-int reportUnstarted(const Options& options)
+int reportUnstarted(const Options& options, const std::string& reason)
 {
-    std::string reason;
-    for (const std::string& message : takeDaemonMessages()) {
-        if (message.rfind("Error", 0) == 0)
-            reason = message;
-    }
     const Unstarted* kind = kUnstarted;
-    while (reason.find(kind->words) == std::string::npos)
+    while (reason.find(kind->words) == std::string::npos) {
         ++kind; // the last one fits everything
+    }
     if (options.json) {
         Json::Value all(Json::arrayValue);
         Json::Value& told = all.append(Json::objectValue);
         told["module"] = options.module;
         told["result"] = kind->result;
         told["reason"] = reason;
-        std::printf("%s\n", toJson(all).c_str());
+        std::printf("%s\n", common::compactJson(all).c_str());
         return kind->status;
     }
-    std::printf("%s: %s: %s\n", options.module.c_str(), kind->text, reason.c_str());
-    if (kind->status == kFailed)
-        std::fprintf(stderr, "fwctl: \"fwctl why %s\" says what to do\n", options.module.c_str());
-    return kind->status;
-}
-
-FWUpdateSymbol* findModule(FWUpdateSymbolManager& manager, const std::string& name)
-{
-    for (FWUpdateSymbol& module : manager.firmwareItems) {
-        if (module.getLibName() == name)
-            return &module;
+    printLine(options.module + ": " + kind->text + ": " + reason);
+    if (kind->status == kFailed) {
+        complain("\"fwctl why " + options.module + "\" says what to do");
     }
-    throw NoSuchModule(name);
+    return kind->status;
 }
 
 int updateOne(const Options& options)
 {
     const Choice choice = chooseSource(options);
-    waitForUpdateTurn(); // while this may be root yet, who alone sees which process has it
-    FWUpdateSymbolManager& manager = openRegistry(options.verbose);
-    FWUpdateSymbol& module = *findModule(manager, options.module);
-    if (module.handle == nullptr || !module.functions.doUpdate)
-        throw common::Failure("the control library of " + options.module +
-                              " cannot be used: \"fwctl doctor\" says why");
     waitForUpdateTurn();
-    if (module.getSymbolType() == 1)
-        return updateExternal(manager, module, options);
-    const InterruptGuard guard;
-    takeDaemonMessages();
-    char emptyContext[] = "";
-    UpdateMonitor monitor(manager.firmwareItems);
-    const PowerLock lock(1, choice.seconds);
-    manager.doUpdateFirmware(options.module, choice.source->caller, emptyContext);
-    const std::vector<UpdateOutcome> outcomes = monitor.finish();
-    return outcomes.empty() ? reportUnstarted(options) : reportOutcomes(outcomes, options.json);
-}
-
-// As the daemon finds out what is pending, but without its list file, which is the daemon's own.
-void checkAll(FWUpdateSymbolManager& manager)
-{
-    char emptyContext[] = "";
-    for (FWUpdateSymbol& module : manager.firmwareItems) {
-        for (const ImageSource& source : kImageSources) {
-            if (source.checkedByDaemon)
-                module.isNeedUpdate(source.caller, emptyContext);
-        }
-    }
+    const Json::Value told = runUpdate([&](UpdateLink& link) { updateInChild(options, choice, link); });
+    return told.isMember("unstarted") ? reportUnstarted(options, told["unstarted"].asString())
+                                      : reportOutcomes(told, options.json);
 }
 
 int updateAll(const Options& options)
 {
-    waitForUpdateTurn(); // while this may be root yet, who alone sees which process has it
-    FWUpdateSymbolManager& manager = openRegistry(options.verbose);
     waitForUpdateTurn();
-    checkAll(manager);
-    const InterruptGuard guard;
-    UpdateMonitor monitor(manager.firmwareItems);
-    manager.doUpdateFirmwareAll(FW_CALLER_EMP);
-    const std::vector<UpdateOutcome> outcomes = monitor.finish();
-    if (!outcomes.empty())
-        return reportOutcomes(outcomes, options.json);
-    std::printf("%s\n", options.json ? "[]" : "nothing is pending");
-    return kNothingToDo;
+    const Json::Value told = runUpdate([&](UpdateLink& link) { updateAllInChild(options, link); });
+    const bool isLeftOut = told["left_out"].asBool();
+    if (!told.isMember("failure") && told["outcomes"].empty()) {
+        std::printf("%s\n", options.json ? "[]" : "nothing is pending");
+        return isLeftOut ? kFailed : kNothingToDo;
+    }
+    const int status = reportOutcomes(told, options.json);
+    return isLeftOut ? static_cast<int>(kFailed) : status;
 }
 
 int update(const Options& options)
@@ -173,8 +237,8 @@ void defineUpdate(common::CommandLine& command)
     command.flag("--json", options->json, "For a program: one JSON array");
     command.flag("-v,--verbose", options->verbose, "Show the daemon's messages on standard error");
     command.footer(
-        "Waits while another program updates, and says which. Ctrl-C ends the waiting, but not an update\n"
-        "that has begun. --all takes packages only, like the daemon's own run. Needs root or the daemon's\n"
+        "Waits while another program updates, and says which. Ctrl-C ends the waiting (status 130), but not an\n"
+        "update that has begun. --all takes packages only, like the daemon's own run. Needs root or the daemon's\n"
         "user. Exit status: 0 updated, 3 nothing newer, 1 failed, 4 no such module, 6 updated late.\n"
         "Examples:\n"
         "  fwctl update tuner\n"

@@ -1,14 +1,20 @@
 // fwctl usb check|install DIR --key-file FILE
 #include "command.h"
+#include "common/json-text.h"
+#include "common/regular-file.h"
 #include "daemon-log.h"
 #include "isolated.h"
 #include "key-file.h"
+#include "output.h"
 #include "power-lock.h"
 #include "registry.h"
+#include "update-child.h"
 #include "update-turn.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <sys/stat.h>
 
@@ -21,21 +27,21 @@ struct Options {
     bool verbose = false;
 };
 
-// What the probe of the encrypted images has found.
-struct Probe {
-    Json::Value modules{Json::arrayValue};
-    unsigned int count = 0; // pending modules
-    int seconds = 0;        // expected of all together
-};
-
 // The daemon glues the image's name to the directory as it is.
 std::string requireDirectory(std::string directory)
 {
     struct stat status = {};
-    if (stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+    if (stat(directory.c_str(), &status) != 0) {
+        throw common::Failure("cannot look into " + directory + ": " + std::strerror(errno) +
+                              " (is the stick in, and mounted?)");
+    }
+    if (!S_ISDIR(status.st_mode)) {
         throw common::Failure(directory + " is not a directory: name the one that holds the NAME.bin files");
+    }
     return directory.back() == '/' ? directory : directory + "/";
 }
+
+// ---- What the probe says of a module ----
 
 // Why a module's image is not taken: the last error after its path or its name stood in a message. Only a
 // file without a whole IV is refused namelessly.
@@ -44,16 +50,19 @@ std::string reasonFor(const std::string& path, const std::string& firmwareName,
 {
     constexpr off_t kIvSize = 16;
     struct stat status = {};
-    if (stat(path.c_str(), &status) == 0 && status.st_size < kIvSize)
+    if (stat(path.c_str(), &status) == 0 && status.st_size < kIvSize) {
         return path + " is too short for an encrypted image";
+    }
     std::string reason;
     bool isOurs = false;
     for (const std::string& message : messages) {
-        if (message.find(".bin") != std::string::npos)
+        if (message.find(".bin") != std::string::npos) {
             isOurs = message.find(path) != std::string::npos;
+        }
         const bool isNamed = message.rfind("Error: " + firmwareName + " ", 0) == 0;
-        if (isNamed || (isOurs && message.rfind("Error", 0) == 0))
+        if (isNamed || (isOurs && message.rfind("Error", 0) == 0)) {
             reason = message;
+        }
     }
     return reason;
 }
@@ -62,6 +71,27 @@ bool tells(const std::vector<std::string>& messages, const std::string& text)
 {
     return std::any_of(messages.begin(), messages.end(),
                        [&](const std::string& message) { return message.find(text) != std::string::npos; });
+}
+
+bool isThere(const std::string& path)
+{
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0;
+}
+
+// "newer", "not-newer", "refused", "no-image" or "not-taken".
+const char* resultOf(const Json::Value& told, bool takesImages)
+{
+    if (!takesImages) {
+        return "not-taken";
+    }
+    if (!isThere(told["image"].asString())) {
+        return "no-image";
+    }
+    if (told["newer"].asBool()) {
+        return "newer";
+    }
+    return told["reason"].asString().empty() ? "not-newer" : "refused";
 }
 
 Json::Value describe(FWUpdateSymbol& module, const std::string& directory,
@@ -76,88 +106,200 @@ Json::Value describe(FWUpdateSymbol& module, const std::string& directory,
     told["expected_time"] = module.getExpectedUpdateTime();
     told["reason"] =
         module.isEMP ? reasonFor(path, module.getFirmwareName(), messages) : "takes no encrypted images";
+    told["result"] = resultOf(told, module.isEMP);
     return told;
 }
 
-Probe probe(FWUpdateSymbolManager& manager, const Key& key, const std::string& directory)
+// The daemon's code opens what is there, and waits for ever for the other end of a pipe.
+void requireRegularImages(FWUpdateSymbolManager& manager, const std::string& directory)
 {
-    Probe found;
-    takeDaemonMessages();
-    manager.getFirmwareUpdateTime(key.bytes(), directory.c_str(), found.seconds);
-    const std::vector<std::string> messages = takeDaemonMessages();
     for (FWUpdateSymbol& module : manager.firmwareItems) {
-        found.modules.append(describe(module, directory, messages));
-        found.count += module.getNeedUpdate() ? 1 : 0;
+        const std::string path = directory + module.getFirmwareName() + ".bin";
+        const std::string problem = module.isEMP ? common::problemOfSpecialFile(path) : "";
+        if (!problem.empty()) {
+            throw common::Failure(module.getLibName() + ": " + path + " " + problem +
+                                  ": remove it from the stick, or copy the image anew");
+        }
     }
-    if (tells(messages, "pHandle Error") || tells(messages, "dlsym Error"))
-        std::fprintf(stderr, "fwctl: this set has no signature library: every image counts as signed\n");
+}
+
+// modules, expected_time (seconds, of all together) and count (of those to install).
+Json::Value probe(FWUpdateSymbolManager& manager, const Key& key, const std::string& directory,
+                  UpdateLink& link)
+{
+    requireRegularImages(manager, directory);
+    takeDaemonMessages();
+    int seconds = 0;
+    unsigned int count = 0;
+    manager.getFirmwareUpdateTime(key.bytes(), directory.c_str(), seconds);
+    const std::vector<std::string> messages = takeDaemonMessages();
+    Json::Value modules(Json::arrayValue);
+    for (FWUpdateSymbol& module : manager.firmwareItems) {
+        modules.append(describe(module, directory, messages));
+        count += module.getNeedUpdate() ? 1 : 0;
+    }
+    if (tells(messages, "pHandle Error") || tells(messages, "dlsym Error")) {
+        link.say("fwctl: this set has no signature library: every image counts as signed");
+    }
+    Json::Value found;
+    found["modules"] = modules;
+    found["expected_time"] = seconds;
+    found["count"] = count;
     return found;
+}
+
+// What the daemon's words most often mean.
+std::string explain(const std::string& reason)
+{
+    constexpr std::pair<const char*, const char*> kMeanings[] = {
+        {"is NOT signed", ": it is cut off, altered, or signed by somebody this set does not know"},
+        {"CheckVersion Fail", ": nothing sensible came out of the decryption; is it the right key?"},
+        {"open fail", ": the file cannot be read"},
+        {"getExpectedTime Fail", ": the library cannot install encrypted images"},
+        {"too short", ": copy the image anew"},
+    };
+    for (const auto& [words, meaning] : kMeanings) {
+        if (reason.find(words) != std::string::npos) {
+            return meaning;
+        }
+    }
+    return "";
 }
 
 std::string verdictOn(const Json::Value& module)
 {
-    if (module["newer"].asBool())
-        return "newer, about " + std::to_string(module["expected_time"].asUInt()) + " s";
-    if (module["pending"].asBool())
-        return "older, or a verdict other than 1: listed by the daemon, but it will not be installed";
+    const std::string result = module["result"].asString();
     const std::string reason = module["reason"].asString();
+    if (result == "newer") {
+        return "newer, about " + std::to_string(module["expected_time"].asUInt()) + " s";
+    }
+    if (result == "no-image") {
+        return "no image on the stick (" + module["image"].asString() + ")";
+    }
+    if (result == "refused") {
+        return reason + " (refused" + explain(reason) + ")";
+    }
+    if (module["pending"].asBool()) {
+        return "older, or a verdict other than 1: listed by the daemon, but it will not be installed";
+    }
     return reason.empty() ? "not newer" : reason;
 }
 
-void print(const Probe& found, const Options& options)
+void print(Json::Value found, const Options& options)
 {
     if (options.json) {
-        Json::Value told;
-        told["modules"] = found.modules;
-        told["expected_time"] = found.seconds;
-        std::printf("%s\n", toJson(told).c_str());
+        found.removeMember("count");
+        std::printf("%s\n", common::compactJson(found).c_str());
         return;
     }
-    for (const Json::Value& module : found.modules)
-        std::printf("%s: %s\n", module["module"].asCString(), verdictOn(module).c_str());
-    std::printf("expected time of all together: %d s\n", found.seconds);
+    for (const Json::Value& module : found["modules"]) {
+        printLine(module["module"].asString() + ": " + verdictOn(module));
+    }
+    std::printf("expected time of all together: %d s\n", found["expected_time"].asInt());
+}
+
+bool isRefused(const Json::Value& module)
+{
+    return module["result"] == "refused";
+}
+
+int statusOf(const Json::Value& found)
+{
+    const Json::Value& modules = found["modules"];
+    if (std::any_of(modules.begin(), modules.end(), isRefused)) {
+        return kFailed;
+    }
+    return found["count"].asUInt() > 0 ? kDone : kNothingToDo;
+}
+
+// ---- The commands ----
+
+[[noreturn]] void throwFailure(const Json::Value& told)
+{
+    const std::string culprit = told["culprit"].asString();
+    throw common::Failure((culprit.empty() ? "" : culprit + ": ") + told["failure"].asString());
 }
 
 int check(const Options& options)
 {
     const std::string directory = requireDirectory(options.directory);
     const Key key(options.keyFile); // before the user changes: the file is root's
-    const Probe found = probe(openRegistry(options.verbose), key, directory);
-    print(found, options);
-    return found.count > 0 ? kDone : kNothingToDo;
+    const Json::Value told = runUpdate([&](UpdateLink& link) {
+        Registry registry(link, options.verbose);
+        link.telling().put("probe", probe(registry.manager(), key, directory, link));
+    });
+    if (!told.isMember("probe")) {
+        throwFailure(told);
+    }
+    print(told["probe"], options);
+    return statusOf(told["probe"]);
+}
+
+void tellErrors(UpdateLink& link)
+{
+    for (const std::string& message : takeDaemonMessages()) {
+        if (message.rfind("Error", 0) == 0 || message.rfind("update fail", 0) == 0) {
+            link.say("fwctl: " + message);
+        }
+    }
+    link.say("fwctl: the installation stopped; modules behind the one that failed were not tried");
+}
+
+void installInChild(const Options& options, const Key& key, const std::string& directory, UpdateLink& link)
+{
+    Registry registry(link, options.verbose);
+    FWUpdateSymbolManager& manager = registry.manager();
+    const Json::Value found = probe(manager, key, directory, link);
+    link.telling().put("probe", found);
+    const unsigned int count = found["count"].asUInt();
+    if (count == 0) {
+        return;
+    }
+    const auto seconds = static_cast<uint32_t>(found["expected_time"].asInt());
+    link.say("fwctl: " + std::to_string(count) + " to install, about " + std::to_string(seconds) +
+             " s: leave the stick in");
+    link.takeTurn();
+    UpdateMonitor monitor(manager.firmwareItems, link);
+    registry.follow(&monitor);
+    const PowerLock lock(count, seconds);
+    takeDaemonMessages();
+    const bool isWhole = manager.doUpdateUSB(key.bytes(), directory.c_str()) == 0;
+    link.tellOutcomes(completeOutcomes(monitor));
+    link.telling().put("stopped", !isWhole);
+    if (!isWhole) {
+        tellErrors(link);
+    }
+}
+
+void complainAboutRefused(const Json::Value& found)
+{
+    for (const Json::Value& module : found["modules"]) {
+        if (isRefused(module)) {
+            complain(module["module"].asString() + ": " + verdictOn(module));
+        }
+    }
 }
 
 int install(const Options& options)
 {
     const std::string directory = requireDirectory(options.directory);
     const Key key(options.keyFile);
-    waitForUpdateTurn(); // while this may be root yet, who alone sees which process has it
-    FWUpdateSymbolManager& manager = openRegistry(options.verbose);
-    const Probe found = probe(manager, key, directory);
-    if (found.count == 0) {
-        print(found, options);
-        return kNothingToDo;
-    }
-    std::fprintf(stderr, "fwctl: %u to install, about %d s: leave the stick in\n", found.count,
-                 found.seconds);
     waitForUpdateTurn();
-    const InterruptGuard guard;
-    const UpdateTurn turn; // this path of the daemon's takes none itself
-    const PowerLock lock(found.count, static_cast<uint32_t>(found.seconds));
-    UpdateMonitor monitor(manager.firmwareItems);
-    takeDaemonMessages();
-    const int result = manager.doUpdateUSB(key.bytes(), directory.c_str());
-    const std::vector<UpdateOutcome> outcomes = monitor.finish();
-    const int status = outcomes.empty() ? kFailed : reportOutcomes(outcomes, options.json);
-    if (result == 0)
-        return status;
-    for (const std::string& message : takeDaemonMessages()) {
-        if (message.rfind("Error", 0) == 0 || message.rfind("update fail", 0) == 0)
-            std::fprintf(stderr, "fwctl: %s\n", message.c_str());
+    const Json::Value told =
+        runUpdate([&](UpdateLink& link) { installInChild(options, key, directory, link); });
+    if (!told.isMember("probe")) {
+        throwFailure(told);
     }
-    std::fprintf(stderr,
-                 "fwctl: the installation stopped; modules behind the one that failed were not tried\n");
-    return kFailed;
+    const Json::Value& found = told["probe"];
+    if (found["count"].asUInt() == 0 && !told.isMember("failure")) {
+        print(found, options);
+        return statusOf(found);
+    }
+    complainAboutRefused(found);
+    const bool hasOutcomes = !told["outcomes"].empty() || told.isMember("failure");
+    const int status = hasOutcomes ? reportOutcomes(told, options.json) : static_cast<int>(kFailed);
+    const bool isWhole = !told["stopped"].asBool() && statusOf(found) != kFailed;
+    return isWhole ? status : static_cast<int>(kFailed);
 }
 
 std::shared_ptr<Options> addOptions(common::CommandLine& command)
@@ -186,7 +328,8 @@ void defineUsb(common::CommandLine& command)
     installing.onRun([options = addOptions(installing)] { return install(*options); });
     installing.footer("Example:\n  fwctl usb install /opt/media/USBDriveA --key-file /root/usb.key");
     command.footer(
-        "Needs root or the daemon's user. Exit status: 0 newer or installed, 3 nothing newer, 1 failed.\n"
+        "Needs root or the daemon's user. Exit status: 0 newer or installed, 3 nothing newer, 1 failed,\n"
+        "or an image was refused.\n"
         "Examples:\n"
         "  fwctl usb check /opt/media/USBDriveA --key-file /root/usb.key\n"
         "  fwctl usb install /opt/media/USBDriveA --key-file /root/usb.key");

@@ -1,8 +1,11 @@
 // fwctl watch [--json]
 #include "command.h"
+#include "common/json-text.h"
+#include "common/visible-text.h"
 #include "glib-pointer.h"
 #include "isolated.h"
 #include "set-state.h"
+#include "turn-holder.h"
 
 #include "pralis.h"
 #include "pwrctl.h"
@@ -13,7 +16,6 @@
 #include <cstdio>
 #include <map>
 #include <memory>
-#include <sstream>
 
 namespace
 {
@@ -91,20 +93,6 @@ gboolean onInterrupt(gpointer loop)
     return G_SOURCE_CONTINUE;
 }
 
-std::string turnText()
-{
-    const SemaphoreState state = peekUpdateSemaphore();
-    if (!state.isReadable)
-        return state.exists ? "unreadable" : "free";
-    if (state.value > 0)
-        return "free";
-    const SemaphoreUsers users = findSemaphoreUsers();
-    const std::string holder = likelyHolder(users);
-    if (!holder.empty())
-        return holder;
-    return users.isNobody() ? "stuck" : "another process";
-}
-
 // ---- Power locks: a virtual set tells them, a television does not ----
 
 // "kind 2, 45000 ms, tarnwick (412)"; what is left of each lock would change all the time.
@@ -126,11 +114,10 @@ void onLocks(GObject* bus, GAsyncResult* result, gpointer watch)
         return;
     const char* text = nullptr;
     g_variant_get(reply.get(), "(&s)", &text);
-    std::istringstream in(text);
-    Json::Value set;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &set, nullptr) || !set["locks"].isObject())
-        return;
-    static_cast<Watch*>(watch)->show("power_locks", lockText(set["locks"]));
+    const std::optional<Json::Value> set = common::parseJsonObject(text);
+    if (set && (*set)["locks"].isObject()) {
+        static_cast<Watch*>(watch)->show("power_locks", lockText((*set)["locks"]));
+    }
 }
 
 void requestLocks(GDBusConnection* bus, gpointer watch)
@@ -168,10 +155,10 @@ void Watch::show(const std::string& title, const Json::Value& value)
         Json::Value line;
         line["time"] = timeOfDay();
         line[title] = value;
-        std::printf("%s\n", toJson(line).c_str());
+        std::printf("%s\n", common::compactJson(line).c_str());
     } else {
-        const std::string text = value.isString() ? value.asString() : toJson(value);
-        std::printf("%s  %-15s %s\n", timeOfDay().c_str(), title.c_str(), text.c_str());
+        const std::string text = value.isString() ? value.asString() : common::compactJson(value);
+        std::printf("%s  %-15s %s\n", timeOfDay().c_str(), title.c_str(), common::visible(text).c_str());
     }
     if (std::fflush(stdout) != 0)
         g_main_loop_quit(loop_.get()); // nobody reads on
@@ -183,7 +170,7 @@ void Watch::poll()
         int value = 0;
         show(key.title, pralis_get_int(key.path, &value) == 0 ? Json::Value(value) : Json::Value("-"));
     }
-    show("update_turn", turnText());
+    show("update_turn", describe(lookAtTurn()));
 }
 
 void Watch::subscribe()

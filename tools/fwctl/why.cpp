@@ -1,68 +1,16 @@
 // fwctl why MODULE [--json]
 #include "command.h"
+#include "common/json-text.h"
 #include "examination.h"
-#include "isolated.h"
-#include "set-state.h"
-
-#include "pralis.h"
-#include "pwrctl.h"
+#include "obstacles.h"
+#include "output.h"
 
 #include <cstdio>
 #include <memory>
-#include <optional>
-#include <sys/stat.h>
 #include <vector>
 
 namespace
 {
-constexpr long kGraceSeconds = 600; // after the daemon's start, in which a standby ends it instead
-
-bool exists(const char* path)
-{
-    struct stat status = {};
-    return lstat(path, &status) == 0;
-}
-
-bool isLink(const char* path)
-{
-    struct stat status = {};
-    return lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
-}
-
-// ---- What the set makes of a pending module ----
-
-// What keeps the daemon from acting now, each with what to do.
-std::vector<std::string> findObstacles(const Json::Value& module)
-{
-    std::vector<std::string> found;
-    const DaemonState daemon = findDaemon();
-    const bool onScreen = module["ui_use"] != "none";
-    if (!daemon.hasBus)
-        found.push_back("the system bus does not answer: whether the daemon runs is unknown");
-    else if (daemon.pid == 0)
-        found.push_back(
-            "the daemon does not run: it checks again at the next boot (or use \"fwctl update\")");
-    else if (!onScreen && daemon.seconds < kGraceSeconds)
-        found.push_back("the daemon started " + std::to_string(daemon.seconds) +
-                        " s ago: a standby within its first ten minutes only ends it; wait " +
-                        std::to_string(kGraceSeconds - daemon.seconds) + " s");
-    int mirroring = 0;
-    if (pralis_get_int(kMirroringKey, &mirroring) == 0 && mirroring == 1)
-        found.push_back("the screen is mirrored: changes of power are ignored; end the mirroring");
-    if (exists(kFactoryMarker))
-        found.push_back(
-            std::string("factory mode: changes of power are ignored and no screen is shown; remove ") +
-            kFactoryMarker + " and restart the set");
-    if (isLink(kUpdateListPath))
-        found.push_back(std::string(kUpdateListPath) +
-                        " is a symbolic link: the daemon refuses to check; see \"fwctl doctor\"");
-    const SemaphoreState semaphore = peekUpdateSemaphore();
-    const bool isTaken = semaphore.isReadable && semaphore.value == 0;
-    if (isTaken && findSemaphoreUsers().isNobody())
-        found.push_back("the update semaphore is stuck: no update can begin; see \"fwctl doctor --fix\"");
-    return found;
-}
-
 std::string outcomeOfPending(const Json::Value& module)
 {
     const bool fromSystem = module["pending_source"] == "system";
@@ -99,35 +47,41 @@ std::string outcomeOf(const Json::Value& module)
 void printStep(const Json::Value& step)
 {
     const bool passed = step["passed"].asBool();
-    std::printf("  %s %s: %s\n", passed ? "✓" : "✗", step["test"].asCString(), step["detail"].asCString());
-    if (!passed)
-        std::printf("      -> %s\n", step["advice"].asCString());
+    printLine(std::string(passed ? "  ✓ " : "  ✗ ") + step["test"].asString() + ": " +
+              step["detail"].asString());
+    if (!passed) {
+        printLine("      -> " + step["advice"].asString());
+    }
 }
 
 void printSource(const Json::Value& source)
 {
     const ImageSource* known = findImageSource(source["source"].asString());
-    std::printf("%s%s\n", known->title,
-                known->checkedByDaemon ? "" : " (not looked at by the daemon on its own)");
-    for (const Json::Value& step : source["steps"])
+    printLine(std::string(known->title) +
+              (known->checkedByDaemon ? "" : " (not looked at by the daemon on its own)"));
+    for (const Json::Value& step : source["steps"]) {
         printStep(step);
+    }
 }
 
 void print(const Json::Value& module)
 {
-    std::printf("%s (%s%s.so), %s\n", module["module"].asCString(), module["directory"].asCString(),
-                module["module"].asCString(), module["kind"].asCString());
-    std::printf("installed: %s\n",
-                module["installed"].isNull() ? "the library cannot tell" : module["installed"].asCString());
+    printLine(module["module"].asString() + " (" + module["directory"].asString() +
+              module["module"].asString() + ".so), " + module["kind"].asString());
+    const Json::Value& installed = module["installed"];
+    printLine("installed: " + (installed.isNull() ? "the library cannot tell" : installed.asString()));
     if (module["kind"] == "unusable") {
-        for (const Json::Value& message : module["load_messages"])
-            std::printf("  %s\n", message.asCString());
+        for (const Json::Value& message : module["load_messages"]) {
+            printLine("  " + message.asString());
+        }
     }
-    for (const Json::Value& source : module["sources"])
+    for (const Json::Value& source : module["sources"]) {
         printSource(source);
-    std::printf("what will happen: %s\n", module["outcome"].asCString());
-    for (const Json::Value& obstacle : module["obstacles"])
-        std::printf("  but: %s\n", obstacle.asCString());
+    }
+    printLine("what will happen: " + module["outcome"].asString());
+    for (const Json::Value& obstacle : module["obstacles"]) {
+        printLine("  but: " + obstacle.asString());
+    }
 }
 
 // ---- The command ----
@@ -141,23 +95,21 @@ ExitStatus statusOf(const Json::Value& module)
 
 int why(const std::string& name, bool json)
 {
-    Json::Value modules(Json::arrayValue); // all are examined before the bus is asked: see set-state.h
-    for (const ControlLibrary& library : requireControlLibraries(name))
-        modules.append(examine(library));
+    std::vector<Json::Value> modules = examineAll(requireControlLibraries(name));
+    addObstacles(modules);
     ExitStatus status = kNothingToDo;
+    Json::Value all(Json::arrayValue);
     for (Json::Value& module : modules) {
         module["outcome"] = outcomeOf(module);
-        module["obstacles"] = Json::arrayValue;
-        if (module["pending"].asBool()) {
-            for (const std::string& obstacle : findObstacles(module))
-                module["obstacles"].append(obstacle);
-        }
         status = status == kDone ? kDone : statusOf(module);
-        if (!json)
+        all.append(module);
+        if (!json) {
             print(module);
+        }
     }
-    if (json)
-        std::printf("%s\n", toJson(modules).c_str());
+    if (json) {
+        std::printf("%s\n", common::compactJson(all).c_str());
+    }
     return status;
 }
 

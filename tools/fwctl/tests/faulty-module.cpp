@@ -1,11 +1,23 @@
 // A control library with one fault, chosen when it is compiled.
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <stdexcept>
+#include <sys/file.h>
 #include <tarnwick/control.h>
 #include <unistd.h>
 
 #ifdef NEEDS_MORE
 extern "C" int notProvidedByAnybody(int);
+#endif
+
+#ifdef HANGS_WHILE_LOADING
+__attribute__((constructor)) static void hang()
+{
+    for (;;)
+        pause();
+}
 #endif
 
 int setContext(const char*, int, char*)
@@ -32,19 +44,46 @@ int getActiveVersion(char* out)
     for (;;)
         pause();
 #endif
+#ifdef VERSION
+    std::strcpy(out, VERSION);
+#else
     std::strcpy(out, "1.0");
+#endif
     return 0;
 }
 
 int checkVersion(const char*, int* result)
 {
+#ifdef IS_OLD
+    *result = TARNWICK_CONTROL_VERDICT_NEWER;
+#else
     *result = TARNWICK_CONTROL_VERDICT_SAME;
+#endif
     return 0;
 }
 
-#ifndef WITHOUT_DOUPDATE
+#ifdef WRITES_FOR_A_WHILE
+// Says so when another process is at it.
 int doUpdate(const char*, unsigned long)
 {
+    const int hardware = open("/var/lib/hardware/killed", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (flock(hardware, LOCK_EX | LOCK_NB) != 0)
+        close(open("/var/lib/hardware/overlap", O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    usleep(300'000);
+    close(hardware);
+    return 0;
+}
+#elif !defined(WITHOUT_DOUPDATE)
+int doUpdate(const char*, unsigned long)
+{
+#if defined(CRASHES_IN_DOUPDATE)
+    std::abort();
+#elif defined(EXITS_IN_DOUPDATE)
+    _exit(0);
+#elif defined(THROWS_IN_DOUPDATE)
+    usleep(100'000); // else the daemon may miss its end, and wait out its time
+    throw std::runtime_error("no chip");
+#endif
     return -1;
 }
 #endif

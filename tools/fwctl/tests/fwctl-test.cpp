@@ -6,8 +6,11 @@
 #include <json/json.h>
 #include <openssl/evp.h>
 
+#include <cstdlib>
+#include <iostream>
 #include <regex>
 #include <sstream>
+#include <sys/stat.h>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -65,6 +68,15 @@ TEST_F(Fwctl, ListShowsInstalledAndOfferedVersions)
     EXPECT_EQ(panel["pending_source"], "system");
     EXPECT_EQ(panel["ui_use"], "select");
     EXPECT_EQ(findModule(modules, "EXT-soundbar")["kind"], "external");
+}
+
+TEST_F(Fwctl, ListIsSortedByName)
+{
+    std::string names;
+    for (const Json::Value& module : list()) {
+        names += module["module"].asString() + " ";
+    }
+    EXPECT_EQ(names, "EXT-soundbar panel tuner ");
 }
 
 TEST_F(Fwctl, ListSaysWhereAndHowAsATable)
@@ -269,20 +281,184 @@ TEST_F(Fwctl, AnotherUserIsToldWhatItTakes)
 
 TEST_F(Fwctl, DoctorMendsWhatAKilledUpdateLeavesBehind)
 {
-    const Outcome outcome = set.run("fwctl update tuner & sleep 1; kill -9 $!; wait $! ; "
+    const Outcome outcome = set.run("fwctl update tuner & sleep 1; kill -9 $! $(pgrep -P $!); wait $! ; "
                                     "fwctl doctor; echo found $?; "
                                     "fwctl update tuner; echo refused $?; "
                                     "fwctl doctor --fix; echo mended $?; "
                                     "grep emps /proc/mounts; "
                                     "fwctl update tuner; echo updated $?");
     EXPECT_THAT(outcome.out, HasSubstr("empTuner is mounted, and nothing runs that would use it"));
-    EXPECT_THAT(outcome.out, HasSubstr("no process has it: every update waits for ever"));
+    EXPECT_THAT(outcome.out, HasSubstr("whoever took it has ended: every update waits for ever"));
     EXPECT_THAT(outcome.out, HasSubstr("found 5"));
     EXPECT_THAT(outcome.out, HasSubstr("refused 1"));
     EXPECT_THAT(outcome.out, HasSubstr("mended 0"));
     EXPECT_THAT(outcome.out, Not(HasSubstr("squashfs ro")));
     EXPECT_THAT(outcome.out, HasSubstr("updated 0"));
     EXPECT_THAT(outcome.err, HasSubstr("fwctl doctor --fix"));
+}
+
+// ---- What may happen to an update ----
+
+TEST_F(Fwctl, AnUpdateWhoseParentIsKilledIsFinishedAndItsTurnGivenBack)
+{
+    const Outcome outcome = set.run("fwctl update tuner & sleep 1; kill -9 $!; "
+                                    "fwctl update panel; echo next $?; fwctl doctor | grep semaphore");
+    EXPECT_THAT(outcome.err, ContainsRegex("waiting for fwctl \\(process [0-9]+\\), which is updating"));
+    EXPECT_THAT(outcome.out, HasSubstr("panel: updated, 1.1 is installed\nnext 0\n"));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("semaphore")));
+    EXPECT_EQ(findModule(list(), "tuner")["installed"], "1.1") << "what was begun is finished";
+}
+
+TEST_F(Fwctl, AnUpdateWhoseChildIsKilledHasFailedAndItsTurnIsGivenBack)
+{
+    const Outcome outcome = set.run("fwctl update tuner & sleep 1; kill -9 $(pgrep -P $!); "
+                                    "wait $!; echo status $?; fwctl update panel; echo next $?");
+    EXPECT_THAT(outcome.out,
+                HasSubstr("tuner: failed, 1.0 is installed: the control library was killed in doUpdate\n"
+                          "status 1\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("next 0\n"));
+}
+
+TEST_F(Fwctl, KilledAtRandomMomentsNeverStaysStuck)
+{
+    set.addModule("killed");
+    set.addSystemImage("Killed");
+    const char* const wanted = std::getenv("FWCTL_TEST_KILLS"); // more of them, by hand
+    const std::string kills = wanted != nullptr ? wanted : "12";
+    const Outcome outcome = set.run("bash " KILL_UPDATES " " + kills);
+    EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr(kills + " kills: "));
+    std::cout << outcome.out;
+}
+
+TEST_F(Fwctl, ALibraryThatEndsItsUpdateWithoutAVerdictHasFailed)
+{
+    set.addSystemImage("Doomed");
+    const std::pair<const char*, const char*> kCases[] = {
+        {"crashes", "the control library crashes in doUpdate (Aborted)"},
+        {"exits", "the control library ends the process in doUpdate (exit status 0)"},
+        {"throws", "the control library throws in doUpdate: no chip"},
+    };
+    for (const auto& [name, reason] : kCases) {
+        set.addModule(name);
+        const std::string command = "fwctl update " + std::string(name) + " --source system";
+        const Outcome outcome =
+            set.run(command + "; echo status $?; " + command + " --json; echo again $?; " +
+                    "fwctl update tuner; echo other $?; rm /prd/usr/fwupdate/controls/" + name + ".so");
+        EXPECT_THAT(outcome.out,
+                    HasSubstr(name + std::string(": failed, 1.0 is installed: ") + reason + "\nstatus 1\n"))
+            << outcome.err;
+        EXPECT_THAT(outcome.out, HasSubstr("\"result\":\"failed\"")) << name;
+        EXPECT_THAT(outcome.out, HasSubstr("again 1\n")) << name;
+        EXPECT_THAT(outcome.out, Not(HasSubstr("other 1\n"))) << name;
+    }
+}
+
+TEST_F(Fwctl, ATurnTakenByAnotherProgramThatHasEndedIsFoundAndGivenBack)
+{
+    const Outcome outcome = set.run(
+        "fwctl update panel; python3 -c \"import ctypes; c = ctypes.CDLL(None); c.sem_open.restype = "
+        "ctypes.c_void_p; c.sem_wait(ctypes.c_void_p(c.sem_open(b'/SEM_UPDATE_CONTROL', 0)))\"; "
+        "fwctl why tuner; fwctl list; fwctl doctor; echo found $?; fwctl doctor --fix; fwctl update tuner");
+    EXPECT_THAT(outcome.out, HasSubstr("but: the update semaphore is taken, but whoever took it has ended"));
+    EXPECT_THAT(outcome.out, HasSubstr("found 5\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("tuner: updated, 1.1 is installed\n"));
+}
+
+// ---- Obstacles, in every command alike ----
+
+TEST_F(Fwctl, EveryCommandTellsThatAnotherProcessUpdates)
+{
+    const Outcome outcome = set.run("fwctl update tuner >/dev/null & sleep 1; "
+                                    "for command in list 'why panel' check doctor; do "
+                                    "echo \"== $command\"; fwctl $command; done; wait $!");
+    for (const char* command : {"list", "why panel", "check", "doctor"}) {
+        const std::size_t begin = outcome.out.find("== " + std::string(command));
+        const std::string said = outcome.out.substr(begin, outcome.out.find("== ", begin + 3) - begin);
+        EXPECT_THAT(said, ContainsRegex("fwctl \\(process [0-9]+\\) is updating just now")) << command;
+    }
+}
+
+TEST_F(Fwctl, AMountDirectoryThatTheDaemonCannotWriteStopsTheUpdateInEveryCommand)
+{
+    const Outcome outcome =
+        set.run("chown root:root /opt/usr/apps/appbinarymanager/emps; "
+                "chmod 755 /opt/usr/apps/appbinarymanager/emps; "
+                "fwctl list; fwctl why tuner; echo why $?; fwctl check; fwctl update tuner; echo update $?; "
+                "fwctl doctor; echo found $?; fwctl doctor --fix; fwctl update tuner; echo mended $?");
+    EXPECT_THAT(outcome.out, ContainsRegex("tuner +package +1.0 +- +- +no "));
+    EXPECT_THAT(outcome.out,
+                HasSubstr("✗ mount: /opt/usr/apps/appbinarymanager/emps/ cannot be written by the "
+                          "daemon's user: Permission denied"));
+    EXPECT_THAT(outcome.out, HasSubstr("why 3\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("tuner: not pending\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("update 1\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("found 5\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("mended 0\n"));
+}
+
+// ---- Hostile files ----
+
+TEST_F(Fwctl, NothingWaitsForAPipeInTheImagesPlace)
+{
+    for (const char* place :
+         {"/opt/usr/apps/appbinarymanager/empTuner.img", "/usr/lib/firmware/ext/Panel/Panel.bin",
+          "/usr/lib/firmware/ext/Panel/info.json"}) {
+        const fs::path path = set.file(place);
+        fs::remove(path);
+        ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+        const Outcome outcome = set.run("for command in list 'why tuner' 'why panel' check doctor "
+                                        "'update tuner' 'update panel' 'update --all'; do "
+                                        "timeout 20 fwctl $command; echo \"$command: $?\"; done");
+        EXPECT_THAT(outcome.out, Not(HasSubstr(": 124\n"))) << place;
+        EXPECT_THAT(outcome.out, HasSubstr("is not a file but a pipe")) << place;
+    }
+}
+
+TEST_F(Fwctl, ALibraryThatHangsWhileLoadingIsNamedWithinTenSeconds)
+{
+    set.addModule("stuck-at-start");
+    for (const char* command : {"check", "update tuner", "update --all", "list"}) {
+        const Outcome outcome = set.run("timeout 25 fwctl " + std::string(command));
+        EXPECT_NE(outcome.status, 124) << command;
+        EXPECT_THAT(outcome.out + outcome.err,
+                    ContainsRegex("stuck-at-start.*: the control library hangs in loading"))
+            << command;
+    }
+}
+
+TEST_F(Fwctl, TextsOfLibrariesReachTheTerminalEscaped)
+{
+    set.addModule("escaping");
+    const Outcome outcome =
+        set.run("fwctl list; fwctl why escaping; fwctl check; fwctl doctor; fwctl list --json");
+    EXPECT_EQ(outcome.out.find('\033'), std::string::npos);
+    EXPECT_THAT(outcome.out, HasSubstr("package   1.0\\x1B[2J\\nroot"));
+    EXPECT_THAT(outcome.out, HasSubstr("installed: 1.0\\x1B[2J\\nroot\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("1.0\\u001b[2J\\nroot")) << "JSON as it is";
+}
+
+// ---- A terminal ----
+
+TEST_F(Fwctl, TheResultStandsOnALineOfItsOwnOnATerminalOfAnyWidth)
+{
+    for (const std::size_t columns : {40, 80, 200}) {
+        const std::string package = "/var/package" + std::to_string(columns);
+        const Outcome outcome =
+            set.run("cp " + std::string(kPackage) +
+                    " /var/kept.img; "
+                    "cp -a /var/lib/hardware /var/kept-hardware; "
+                    "script -qec 'stty cols " +
+                    std::to_string(columns) +
+                    "; fwctl update tuner' /dev/null; "
+                    "cp /var/kept.img " +
+                    kPackage + "; rm -r /var/lib/hardware; mv /var/kept-hardware /var/lib/hardware");
+        EXPECT_THAT(outcome.out, HasSubstr("%\033[K\r\ntuner: updated, 1.1 is installed\r\n")) << columns;
+        std::istringstream drawn(std::regex_replace(outcome.out, std::regex("\r|\033\\[K"), "\n"));
+        for (std::string line; std::getline(drawn, line);) {
+            EXPECT_LT(line.size(), columns) << line;
+        }
+    }
 }
 
 TEST_F(Fwctl, DoctorLeavesARunningUpdateAlone)
@@ -395,7 +571,7 @@ TEST_F(FwctlUsb, CheckFindsTheNewerImageAndItsTime)
     const Outcome outcome = set.run("fwctl usb check /opt/media/USBDriveA --key-file /root/key");
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     EXPECT_THAT(outcome.out, HasSubstr("tuner: newer, about 8 s\n"));
-    EXPECT_THAT(outcome.out, HasSubstr("panel: Error: /opt/media/USBDriveA/Panel.bin open fail\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("panel: no image on the stick (/opt/media/USBDriveA/Panel.bin)\n"));
     EXPECT_THAT(outcome.out, HasSubstr("EXT-soundbar: takes no encrypted images\n"));
     EXPECT_THAT(outcome.out, HasSubstr("expected time of all together: 8 s\n"));
     EXPECT_THAT(outcome.err, HasSubstr("no signature library: every image counts as signed"));
@@ -418,9 +594,42 @@ TEST_F(FwctlUsb, WrongKeyInstallsNothing)
 {
     set.write("/root/key", std::string(64, 'f'), 0600);
     const Outcome outcome = set.run("fwctl usb install /opt/media/USBDriveA --key-file /root/key");
-    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.status, 1);
     EXPECT_THAT(outcome.out, HasSubstr("tuner: Error: Tuner Firmware CheckVersion Fail"));
     EXPECT_EQ(findModule(list(), "tuner")["installed"], "1.0");
+}
+
+TEST_F(FwctlUsb, ARefusedImageIsAFailureWithItsReason)
+{
+    const std::string whole = readFile(set.file("/opt/media/USBDriveA/Tuner.bin"));
+    std::string altered = whole;
+    altered[20] = static_cast<char>(altered[20] ^ 1); // in the version
+    const std::pair<std::string, const char*> kCases[] = {
+        {"", "is too short for an encrypted image"},
+        {whole.substr(0, 10), "is too short for an encrypted image"},
+        {whole.substr(0, 300), "CheckVersion Fail"},
+        {altered, "CheckVersion Fail"},
+    };
+    for (const auto& [image, reason] : kCases) {
+        set.write("/opt/media/USBDriveA/Tuner.bin", image);
+        const Outcome outcome =
+            set.run("for command in check install; do fwctl usb $command /opt/media/USBDriveA --key-file "
+                    "/root/key; echo $command $?; done");
+        EXPECT_THAT(outcome.out, HasSubstr("check 1\n")) << image.size();
+        EXPECT_THAT(outcome.out, HasSubstr("install 1\n")) << image.size();
+        EXPECT_THAT(outcome.out, HasSubstr(reason)) << image.size();
+    }
+}
+
+TEST_F(FwctlUsb, APipeAsKeyFileOrImageIsNoneToWaitFor)
+{
+    const Outcome outcome =
+        set.run("mkfifo -m 600 /root/pipe /opt/media/USBDriveA/Panel.bin; "
+                "timeout 20 fwctl usb check /opt/media/USBDriveA --key-file /root/pipe; echo key $?; "
+                "timeout 20 fwctl usb install /opt/media/USBDriveA --key-file /root/key; echo image $?");
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr("key 1\n"), HasSubstr("image 1\n")));
+    EXPECT_THAT(outcome.err, HasSubstr("/root/pipe is not a file but a pipe"));
+    EXPECT_THAT(outcome.err, HasSubstr("panel: /opt/media/USBDriveA/Panel.bin is not a file but a pipe"));
 }
 
 TEST_F(FwctlUsb, KeyIsNowhereToBeSeen)

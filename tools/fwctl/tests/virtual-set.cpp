@@ -68,6 +68,14 @@ void VirtualSet::write(const std::string& path, const std::string& content, int 
     chmod(file(path).c_str(), static_cast<mode_t>(mode));
 }
 
+void VirtualSet::addSystemImage(const std::string& firmwareName)
+{
+    const fs::path image = kExamples / "images/1.1/Panel";
+    const std::string directory = "/usr/lib/firmware/ext/" + firmwareName + "/";
+    write(directory + "info.json", readFile(image / "info.json"));
+    write(directory + firmwareName + ".bin", readFile(image / "Panel.bin"));
+}
+
 void VirtualSet::addModule(const std::string& name)
 {
     copyInto(fs::path(FAULTY_MODULES) / (name + ".so"), file("/prd/usr/fwupdate/controls"));

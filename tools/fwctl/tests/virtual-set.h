@@ -21,6 +21,8 @@ public:
     // A file of the set, by its path there, before the set is switched on.
     std::filesystem::path file(const std::string& path) const;
     void write(const std::string& path, const std::string& content, int mode = 0644);
+    // An image of that firmware in the system image, which the upgrade screen may offer.
+    void addSystemImage(const std::string& firmwareName);
     // Puts one of the faulty modules into the product's control directory.
     void addModule(const std::string& name);
 

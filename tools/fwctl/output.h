@@ -1,0 +1,22 @@
+// Lines for the person at the terminal. What comes from packages and libraries is in most of them, so all of
+// them are shown with control characters escaped; JSON is printed as it is.
+#ifndef FWCTL_OUTPUT_H
+#define FWCTL_OUTPUT_H
+
+#include "common/visible-text.h"
+
+#include <cstdio>
+#include <string>
+
+inline void printLine(const std::string& text)
+{
+    std::printf("%s\n", common::visible(text).c_str());
+}
+
+// On standard error, after the program's name.
+inline void complain(const std::string& text)
+{
+    std::fprintf(stderr, "fwctl: %s\n", common::visible(text).c_str());
+}
+
+#endif
