@@ -3,7 +3,6 @@
 #include "command.h"
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <sqfs/compressor.h>
@@ -13,8 +12,6 @@
 #include <sqfs/inode.h>
 #include <sqfs/io.h>
 #include <sqfs/super.h>
-#include <thread>
-#include <unistd.h>
 
 namespace
 {
@@ -44,40 +41,6 @@ Object* require(Object* object)
 {
     return object != nullptr ? object : throw common::Failure("no memory to read the package");
 }
-
-class Descriptor
-{
-public:
-    explicit Descriptor(int number) : number_(number) {}
-    ~Descriptor() { reset(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return number_; }
-    void reset()
-    {
-        if (number_ >= 0)
-            close(number_);
-        number_ = -1;
-    }
-
-private:
-    int number_;
-};
-
-// False when the reader has gone.
-bool writeAll(int descriptor, const char* data, std::size_t size)
-{
-    while (size > 0) {
-        const ssize_t count = write(descriptor, data, size);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return false;
-        data += count;
-        size -= static_cast<std::size_t>(count);
-    }
-    return true;
-}
 } // namespace
 
 struct PackageImage::Squashfs {
@@ -99,7 +62,7 @@ struct PackageImage::Squashfs {
     }
 
     // False when the image is damaged before the file's end.
-    bool copy(const sqfs_inode_generic_t& inode, int out)
+    bool copy(const sqfs_inode_generic_t& inode, const Taker& take)
     {
         sqfs_u64 size = 0;
         sqfs_inode_get_file_size(&inode, &size);
@@ -107,10 +70,12 @@ struct PackageImage::Squashfs {
         for (sqfs_u64 done = 0; done < size;) {
             const sqfs_s32 count =
                 sqfs_data_reader_read(data.get(), &inode, done, chunk.data(), chunk.size());
-            if (count <= 0)
+            if (count <= 0) {
                 return false;
-            if (!writeAll(out, chunk.data(), static_cast<std::size_t>(count)))
-                return true; // the reader has seen enough
+            }
+            if (!take(chunk.data(), static_cast<std::size_t>(count))) {
+                return true; // seen enough
+            }
             done += static_cast<sqfs_u64>(count);
         }
         return true;
@@ -169,21 +134,8 @@ std::string PackageImage::problemOf(const std::string& name)
     }
 }
 
-bool PackageImage::read(const std::string& name, const std::function<void(const std::string&)>& reader)
+bool PackageImage::read(const std::string& name, const Taker& take)
 {
     const Inode inode = squashfs_->find(name);
-    int ends[2];
-    if (!inode || pipe(ends) != 0)
-        return false;
-    Descriptor readEnd(ends[0]);
-    Descriptor writeEnd(ends[1]);
-    std::atomic<bool> complete{false};
-    std::thread filler([&] {
-        complete = squashfs_->copy(*inode, writeEnd.get());
-        writeEnd.reset();
-    });
-    reader("/proc/self/fd/" + std::to_string(readEnd.get()));
-    readEnd.reset(); // ends the filling of what was not read
-    filler.join();
-    return complete;
+    return inode && squashfs_->copy(*inode, take);
 }

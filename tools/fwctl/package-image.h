@@ -1,7 +1,6 @@
 // Reads files of a package image (squashfs) without mounting it.
 //
-// Not thread-safe. A file is offered as a path, because the daemon's own functions read paths: behind it is a
-// pipe that a thread fills, so that an image of any size needs one buffer only.
+// Not thread-safe. An image of any size needs one buffer only.
 #ifndef FWCTL_PACKAGE_IMAGE_H
 #define FWCTL_PACKAGE_IMAGE_H
 
@@ -24,9 +23,10 @@ public:
     // Why what stands there under that name cannot be read as a file; empty for a file, a link, and nothing.
     std::string problemOf(const std::string& name);
 
-    // Has `reader` read the file from the path that it is given, once, from beginning to end. False when the
-    // package could not be read to the file's end (the reader then met an early end).
-    bool read(const std::string& name, const std::function<void(const std::string& path)>& reader);
+    // Hands the file's content to `take`, piece by piece, until it returns false. False when the package
+    // could not be read to the file's end, or there is no such file.
+    using Taker = std::function<bool(const char* bytes, std::size_t count)>;
+    bool read(const std::string& name, const Taker& take);
 
 private:
     struct Squashfs;

@@ -7,10 +7,14 @@
 #include "mounts.h"
 #include "package-image.h"
 
+#include "fw-update-checksum.h"
+
 #include <fstream>
 #include <memory>
 #include <optional>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace
 {
@@ -18,6 +22,28 @@ struct Finding {
     bool passed;
     std::string detail;
     std::string advice; // what to do, when it did not pass
+};
+
+// A file without a place in any directory: the daemon's functions read paths, and nothing may be written.
+class MemoryFile
+{
+public:
+    MemoryFile() : descriptor_(memfd_create("fwctl", MFD_CLOEXEC)) {}
+    ~MemoryFile() { close(descriptor_); }
+    MemoryFile(const MemoryFile&) = delete;
+    MemoryFile& operator=(const MemoryFile&) = delete;
+
+    std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
+    // False when it is longer than anything that the daemon would read, or there is no room.
+    bool append(const char* bytes, std::size_t count) const
+    {
+        constexpr off_t kLimit = 2 << 20;
+        return lseek(descriptor_, 0, SEEK_CUR) < kLimit &&
+               write(descriptor_, bytes, count) == static_cast<ssize_t>(count);
+    }
+
+private:
+    int descriptor_;
 };
 
 // Where the two files of a source are read: in the directory that the daemon reads, or in a package image
@@ -37,13 +63,31 @@ public:
     {
         return package_ ? package_->problemOf(name) : common::problemOfSpecialFile(directory_ + name);
     }
-    // False when the package is damaged.
+    // Has `reader` read a small file from a path. False when the package is damaged.
     bool read(const std::string& name, const std::function<void(const std::string&)>& reader)
     {
-        if (package_)
-            return package_->read(name, reader);
-        reader(directory_ + name);
-        return true;
+        if (!package_) {
+            reader(directory_ + name);
+            return true;
+        }
+        const MemoryFile copy;
+        const bool isComplete = package_->read(
+            name, [&](const char* bytes, std::size_t count) { return copy.append(bytes, count); });
+        reader(copy.path());
+        return isComplete;
+    }
+    // The daemon's checksum of the file. False when the package is damaged.
+    bool takeChecksum(FWUpdateSymbol& module, const std::string& name, unsigned int& checksum)
+    {
+        if (!package_) {
+            checksum = module.getBinaryCRC32(directory_ + name);
+            return true;
+        }
+        checksum = 0;
+        return package_->read(name, [&](const char* bytes, std::size_t count) {
+            checksum = extendChecksum(checksum, reinterpret_cast<const unsigned char*>(bytes), count);
+            return true;
+        });
     }
 
 private:
@@ -64,7 +108,7 @@ std::string join(const std::vector<std::string>& texts)
     return joined;
 }
 
-// A file of a package is read through a pipe, whose name tells nobody anything.
+// A file of a package is read under a name that tells nobody anything.
 std::string withPath(std::string text, const std::string& readAs, const std::string& path)
 {
     const std::size_t place = text.find(readAs);
@@ -318,8 +362,7 @@ Finding Replay::screenMayOffer()
 Finding Replay::checksumMatches()
 {
     unsigned int checksum = 0;
-    const bool complete =
-        files_.read(imageName_, [&](const std::string& path) { checksum = module_.getBinaryCRC32(path); });
+    const bool complete = files_.takeChecksum(module_, imageName_, checksum);
     const std::string found = std::to_string(checksum);
     const std::string expected = std::to_string(module_.information.crc);
     if (!complete)

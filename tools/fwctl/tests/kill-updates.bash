@@ -46,7 +46,7 @@ mend()
 for ((round = 0; round < kills; ++round)); do
     fwctl update killed --source system >/tmp/update 2>&1 &
     parent=$!
-    sleep "$(printf '0.%03d' $((RANDOM % 900)))"
+    sleep "$(printf '0.%03d' $((RANDOM % 600)))"
     child=$(pgrep -P "$parent" | tail -1)
     kinds=(parent child both)
     kind=${kinds[RANDOM % 3]}
