@@ -236,7 +236,7 @@ public:
             std::printf("%s\n", common::visible(*line).c_str());
             std::fflush(stdout);
         }
-        isTold_ = (options_.untilEnd && record.message == "service finalize") ||
+        isTold_ = (options_.untilEnd && readDaemonMessage(record.message).kind == DaemonEventKind::kEnding) ||
                   (!options_.until.empty() && record.message.find(options_.until) != std::string::npos);
         return !isTold_;
     }

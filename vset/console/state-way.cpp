@@ -1,8 +1,8 @@
 #include "state-way.h"
 
-#include <cstdlib>
-
 #include <glib.h>
+
+#include "vset/story/daemon-events.h"
 
 namespace vset
 {
@@ -14,39 +14,30 @@ constexpr int kFinalizing = 20;
 constexpr int kFinalized = 21;
 constexpr const char* kGone = "the process has ended";
 
-// A message that shows a state, in the states in which it means that.
+using Kind = DaemonEventKind;
+
+// An event that shows a state, in the states in which it means that.
 struct Sign {
-    const char* function;
-    const char* start; // of the message
+    Kind kind;
+    std::optional<int> value; // the event's first one
     int from;
     int to;
     int state;
 };
 
 constexpr Sign kSigns[] = {
-    {"main", "g_main loop running", 0, 0, 1},
-    {"downloadEMP", "Request (", 1, 1, 2},
-    {"isNeedUpdate", "", 1, 3, 4},
-    {"check_update_module", "need update item", 1, 4, 5},
-    {"sendLaunchRequest", "launch failed", 7, 7, 8},
-    {"pralis_fwstatus_UI_cb", "fwstatus_ui_cb val 1", 7, 10, 11},
-    {"pralis_fwstatus_UI_cb", "fwstatus_ui_cb val 4", 7, 10, 16},
-    {"pralis_fwstatus_UI_cb", "fwstatus_ui_cb val 4", 14, 14, 15},
-    {"doUpdateFirmwareUI", "Try doUpdateFirmwareUI", 7, 11, 12},
-    {"service_finalize", "service finalize", 0, 19, kFinalizing},
+    {Kind::kInitialised, std::nullopt, 0, 0, 1},
+    {Kind::kRequested, std::nullopt, 1, 1, 2},
+    {Kind::kCheckBegun, std::nullopt, 1, 3, 4},
+    {Kind::kNoFirmwareName, std::nullopt, 1, 3, 4}, // a check that ends before it begins
+    {Kind::kPending, std::nullopt, 1, 4, 5},
+    {Kind::kLaunchFailed, std::nullopt, 7, 7, 8},
+    {Kind::kAnswer, 1, 7, 10, 11},
+    {Kind::kAnswer, 4, 7, 10, 16},
+    {Kind::kAnswer, 4, 14, 14, 15},
+    {Kind::kAcceptedBegun, std::nullopt, 7, 11, 12},
+    {Kind::kEnding, std::nullopt, 0, 19, kFinalizing},
 };
-
-bool startsWith(const std::string& text, const std::string& start)
-{
-    return text.compare(0, start.size(), start) == 0;
-}
-
-std::optional<int> numberOf(const std::string& text)
-{
-    const bool isNumber =
-        !text.empty() && text.size() <= 3 && text.find_first_not_of("0123456789") == std::string::npos;
-    return isNumber ? std::optional<int>(std::atoi(text.c_str())) : std::nullopt;
-}
 
 } // namespace
 
@@ -61,12 +52,13 @@ int64_t millisecondsOf(const std::string& time)
     return milliseconds;
 }
 
-// Each message is in both logs; the trace always tells the function.
+// Each message is in both logs.
 bool StateWay::take(const LogRecord& record)
 {
     if (record.buffer != LogBuffer::Trace)
         return false;
-    if (record.function == "service_initialize" && record.message == "service initialize") {
+    const DaemonEvent event = readDaemonMessage(record.message);
+    if (event.kind == Kind::kStarted) {
         const int64_t time = millisecondsOf(record.time);
         if (running())
             endLatest(0); // with its set, or killed
@@ -78,14 +70,12 @@ bool StateWay::take(const LogRecord& record)
     if (runs_.empty() || runs_.back().process != record.process)
         return false;
     runs_.back().lastHeard = millisecondsOf(record.time);
-    if (record.function == "FWSVC_state_handler") {
-        const std::optional<int> number = numberOf(record.message);
-        return number && addStep(*number, millisecondsOf(record.time), true, "");
-    }
+    if (event.kind == Kind::kState)
+        return addStep(event.number(0), millisecondsOf(record.time), true, "");
     const int state = runs_.back().steps.back().state;
     for (const Sign& sign : kSigns) {
-        if (state >= sign.from && state <= sign.to && record.function == sign.function &&
-            startsWith(record.message, sign.start))
+        const bool isMeant = event.kind == sign.kind && (!sign.value || *sign.value == event.number(0));
+        if (isMeant && state >= sign.from && state <= sign.to)
             return addStep(sign.state, millisecondsOf(record.time), false, record.message);
     }
     return false;

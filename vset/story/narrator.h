@@ -1,7 +1,10 @@
 // Tells the daemon's log in sentences for somebody who does not know its messages.
-#pragma once
+#ifndef VSET_STORY_NARRATOR_H
+#define VSET_STORY_NARRATOR_H
 
 #include <string>
+
+#include "vset/story/daemon-events.h"
 
 namespace vset
 {
@@ -9,9 +12,9 @@ namespace vset
 class Narrator
 {
 public:
-    // The sentence for a message of the platform log, without the location in front of it. Empty for a
-    // message that carries the story no further: a repeated state, or one that only an engineer needs.
-    std::string tell(const std::string& message);
+    // The sentence for an event. Empty for one that carries the story no further: a repeated state, or one
+    // that only an engineer needs.
+    std::string tell(const DaemonEvent& event);
 
 private:
     std::string tellState(int state);
@@ -20,3 +23,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,4 +1,4 @@
-#include "story-teller.h"
+#include "vset/story/story-teller.h"
 
 #include <cstdio>
 #include <ctime>
@@ -17,20 +17,16 @@ std::optional<double> secondsOf(const LogRecord& record)
     return static_cast<double>(timegm(&parts)) + fraction;
 }
 
-bool isOfDaemon(const LogRecord& record)
-{
-    return record.buffer == LogBuffer::System && record.tag == "FWUPDATE";
-}
-
 std::optional<std::string> StoryTeller::tell(const LogRecord& record)
 {
-    if (!isOfDaemon(record))
+    const std::optional<DaemonEvent> event = readDaemonEvent(record);
+    if (!event)
         return std::nullopt;
-    const std::string sentence = narrator_.tell(record.message);
+    const std::string sentence = narrator_.tell(*event);
     const std::optional<double> now = secondsOf(record);
     if (sentence.empty() || !now)
         return std::nullopt;
-    if (record.message == "service initialize") // every start of the daemon counts from 0
+    if (event->kind == DaemonEventKind::kStarted) // every start of the daemon counts from 0
         start_ = *now;
     char seconds[32];
     std::snprintf(seconds, sizeof seconds, "%8.1f s  ", *now - start_);

@@ -1,21 +1,20 @@
 // The records of a set's log as the lines of a story: the set's seconds since the daemon's start, and a
 // sentence.
-#pragma once
+#ifndef VSET_STORY_STORY_TELLER_H
+#define VSET_STORY_STORY_TELLER_H
 
 #include <optional>
 #include <string>
 
-#include "narrator.h"
-#include "platform-log.h"
+#include "vset/client/platform-log.h"
+#include "vset/story/daemon-events.h"
+#include "vset/story/narrator.h"
 
 namespace vset
 {
 
 // Seconds since 1970 of a record, with their fraction; nothing when its time is none.
 std::optional<double> secondsOf(const LogRecord& record);
-
-// Whether the daemon wrote it into the platform's log.
-bool isOfDaemon(const LogRecord& record);
 
 class StoryTeller
 {
@@ -29,3 +28,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -9,6 +9,7 @@
 #include "common/visible-text.h"
 #include "vset/client/control-client.h"
 #include "vset/client/platform-log.h"
+#include "vset/story/daemon-events.h"
 #include "vset/television/set-contents.h"
 #include "vset/television/set-life.h"
 
@@ -203,7 +204,7 @@ private:
 
     void take(const LogRecord& record)
     {
-        if (record.buffer != LogBuffer::System || record.tag != "FWUPDATE") {
+        if (!isOfDaemon(record)) {
             return;
         }
         last_ = record.message;

@@ -90,19 +90,20 @@ Write readWrite(const std::vector<vset::LogRecord>& records)
         write.duration = vset::secondsOf(record).value_or(start) - start;
     };
     for (const vset::LogRecord& record : records) {
-        const auto has = [&](const char* text) { return record.message.find(text) != std::string::npos; };
+        using Kind = vset::DaemonEventKind;
+        const Kind kind = vset::readDaemonMessage(record.message).kind;
         if (record.message.compare(0, 5, "Error") == 0)
             write.reason = record.message;
-        if (has(" update start ]")) {
+        if (kind == Kind::kUpdateBegun) {
             write.verdict = "unfinished";
             start = vset::secondsOf(record).value_or(0);
-        } else if (has(" update timeout"))
+        } else if (kind == Kind::kUpdateTimedOut)
             end("time-out", record);
         else if (write.verdict == "time-out")
             continue; // what comes after it is lost
-        else if (has(" Firmware doUpdate Fail "))
+        else if (kind == Kind::kUpdateFailed)
             end("failure", record);
-        else if (has(" update succeeded ]"))
+        else if (kind == Kind::kUpdateSucceeded)
             end("success", record);
     }
     return write;

@@ -1,0 +1,215 @@
+// The table of the daemon's texts against the daemon's sources, and what is made of a message.
+#include "vset/story/daemon-events.h"
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "vset/story/narrator.h"
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using vset::DaemonEventKind;
+using vset::DaemonText;
+
+// ---- The texts of the sources ----
+
+struct Source {
+    std::string text;
+    size_t position = 0;
+
+    bool isAt(const char* what) const { return text.compare(position, std::string(what).size(), what) == 0; }
+    void skipBlanks()
+    {
+        while (position < text.size() && std::isspace(static_cast<unsigned char>(text[position])) != 0) {
+            ++position;
+        }
+    }
+};
+
+char unescaped(char c)
+{
+    return c == 'n' ? '\n' : c == 't' ? '\t' : c;
+}
+
+// The literal that begins here, and those that follow it with nothing but blanks between.
+std::string takeLiterals(Source& source)
+{
+    std::string text;
+    while (source.isAt("\"")) {
+        for (++source.position; !source.isAt("\""); ++source.position) {
+            const bool isEscape = source.isAt("\\");
+            source.position += isEscape ? 1 : 0;
+            text += isEscape ? unescaped(source.text[source.position]) : source.text[source.position];
+        }
+        ++source.position;
+        source.skipBlanks();
+    }
+    return text;
+}
+
+// The format of each call of the log macros. A call whose format is no literal is a failure: it could not be
+// looked up.
+void collect(const fs::path& file, std::set<std::string>& formats)
+{
+    std::ifstream in(file);
+    Source source{{std::istreambuf_iterator<char>(in), {}}};
+    while ((source.position = source.text.find("FWLOG", source.position)) != std::string::npos) {
+        const size_t open = source.text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ_", source.position);
+        const std::string macro = source.text.substr(source.position, open - source.position);
+        source.position = open;
+        if (source.text[open] != '(') {
+            continue; // a priority
+        }
+        ++source.position;
+        source.skipBlanks();
+        if (source.isAt("FWLOG_")) { // the priority comes first
+            source.position = source.text.find(',', source.position) + 1;
+            source.skipBlanks();
+        }
+        const std::string format = takeLiterals(source);
+        EXPECT_NE(format, "") << file << ": " << macro << source.text.substr(open, 60);
+        formats.insert(format);
+    }
+}
+
+std::set<std::string> formatsOfTheSources()
+{
+    std::set<std::string> formats;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(DAEMON_SOURCES)) {
+        const bool isMacros = entry.path().filename() == "fw-update-log.h"; // defines them
+        if (!isMacros && (entry.path().extension() == ".cpp" || entry.path().extension() == ".h")) {
+            collect(entry.path(), formats);
+        }
+    }
+    return formats;
+}
+
+// A message that the daemon could write with this format.
+std::string exampleOf(const std::string& format)
+{
+    std::string message;
+    for (size_t i = 0; i < format.size(); ++i) {
+        if (format[i] != '%') {
+            message += format[i];
+        } else if (format.compare(i, 4, "%llu") == 0) {
+            message += "599";
+            i += 3;
+        } else {
+            ++i;
+            message += format[i] == 'd'   ? "-7"
+                       : format[i] == 'm' ? "No space left on device"
+                                          : "/a/Tuner.bin";
+        }
+    }
+    return message;
+}
+
+TEST(DaemonEvents, EveryTextOfTheSourcesIsInTheTable)
+{
+    std::set<std::string> known;
+    for (size_t i = 0; i < vset::kDaemonTextCount; ++i) {
+        known.insert(vset::kDaemonTexts[i].format);
+    }
+    const std::set<std::string> formats = formatsOfTheSources();
+    EXPECT_GT(formats.size(), 100U);
+    for (const std::string& format : formats) {
+        EXPECT_EQ(known.count(format), 1U)
+            << "the daemon says \"" << format << "\": give it a row in vset/story/daemon-events.cpp";
+    }
+}
+
+TEST(DaemonEvents, TheTableHasNothingThatTheDaemonDoesNotSay)
+{
+    const std::set<std::string> formats = formatsOfTheSources();
+    std::set<std::string> seen;
+    for (size_t i = 0; i < vset::kDaemonTextCount; ++i) {
+        const DaemonText& text = vset::kDaemonTexts[i];
+        EXPECT_TRUE(seen.insert(text.format).second) << "twice: " << text.format;
+        EXPECT_EQ(formats.count(text.format), text.isRefined ? 0U : 1U) << text.format;
+    }
+}
+
+TEST(DaemonEvents, EveryTextIsReadAsWhatItIs)
+{
+    for (size_t i = 0; i < vset::kDaemonTextCount; ++i) {
+        const DaemonText& text = vset::kDaemonTexts[i];
+        EXPECT_EQ(vset::readDaemonMessage(exampleOf(text.format)).kind, text.kind) << text.format;
+    }
+}
+
+// ---- Values ----
+
+std::vector<std::string> valuesOf(const std::string& message)
+{
+    return vset::readDaemonMessage(message).values;
+}
+
+TEST(DaemonEvents, HaveTheValuesOfTheMessage)
+{
+    EXPECT_THAT(valuesOf("Tuner update time 8 sec"), ElementsAre("Tuner", "8"));
+    EXPECT_THAT(valuesOf("Need Update [tuner][empTuner]"), ElementsAre("tuner", "empTuner"));
+    EXPECT_THAT(valuesOf("Need Update [a][b][c]"), ElementsAre("a][b", "c"));
+    EXPECT_THAT(valuesOf("Error: Tuner Firmware doUpdate Fail -1 (28:No space left on device)"),
+                ElementsAre("Tuner", "-1", "28", "No space left on device"));
+    EXPECT_THAT(valuesOf("PsMntCmd:[-o ro,loop /x/empTuner.img /x/emps/empTuner]"),
+                ElementsAre("ro,loop", "/x/empTuner.img", "/x/emps/empTuner"));
+    EXPECT_THAT(valuesOf("no update module item!\n"), ElementsAre());
+    EXPECT_THAT(valuesOf("10"), ElementsAre("10"));
+    EXPECT_THAT(valuesOf(" update timeout"), ElementsAre("")); // a firmware without a name is none the less
+    EXPECT_EQ(vset::readDaemonMessage("12").number(0), 12);
+    EXPECT_EQ(vset::readDaemonMessage("12").number(1), 0);
+}
+
+TEST(DaemonEvents, OfALogAreTheDaemonsOwnInThePlatformsLog)
+{
+    vset::LogRecord record;
+    record.message = "service finalize";
+    record.tag = "FWUPDATE";
+    record.buffer = vset::LogBuffer::System;
+    ASSERT_TRUE(vset::readDaemonEvent(record));
+    EXPECT_EQ(vset::readDaemonEvent(record)->kind, DaemonEventKind::kEnding);
+    record.buffer = vset::LogBuffer::Trace;
+    EXPECT_FALSE(vset::readDaemonEvent(record));
+    record.buffer = vset::LogBuffer::System;
+    record.tag = "OTHER";
+    EXPECT_FALSE(vset::readDaemonEvent(record));
+}
+
+// ---- Sentences ----
+
+std::string told(vset::Narrator& narrator, const std::string& message)
+{
+    return narrator.tell(vset::readDaemonMessage(message));
+}
+
+TEST(Narrator, TellsWhatCarriesTheStory)
+{
+    vset::Narrator narrator;
+    EXPECT_EQ(told(narrator, "Tuner update time 8 sec"),
+              "  Tuner: takes the update semaphore, and has 8 s and 2 s of margin");
+    EXPECT_EQ(told(narrator, "Tuner update timeout"), "  Tuner: time is up; the write goes on, unattended.");
+    EXPECT_EQ(told(narrator, "fwstatus_ui_cb val 1"), "The user accepts.");
+    EXPECT_EQ(told(narrator, "fwstatus_ui_cb val 2"), "");
+    EXPECT_EQ(told(narrator, "pwrctl_lock_state done"), "");
+    EXPECT_EQ(told(narrator, "Error: dlsym libfile: $2 error: no such file\n"),
+              "  $2 cannot be loaded: no such file");
+}
+
+TEST(Narrator, TellsAStateOnce)
+{
+    vset::Narrator narrator;
+    EXPECT_EQ(told(narrator, "5"), "State 5: modules checked.");
+    EXPECT_EQ(told(narrator, "5"), "");
+    EXPECT_EQ(told(narrator, "7"), "State 7: package manager checked.");
+    EXPECT_EQ(told(narrator, "22"), "");
+}
+
+} // namespace

@@ -1,0 +1,118 @@
+// What the daemon says in its log, as typed events: the one reader of its messages.
+//
+// Every text of the daemon stands in one table, word for word as its sources have it, so that a text that is
+// added or changed there is noticed by a test. No state; any thread.
+#ifndef VSET_STORY_DAEMON_EVENTS_H
+#define VSET_STORY_DAEMON_EVENTS_H
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "vset/client/platform-log.h"
+
+namespace vset
+{
+
+enum class DaemonEventKind {
+    kDetail, // what only an engineer needs
+
+    // ---- Start and states; values in parentheses ----
+    kStarted,
+    kInitialised, // the main loop runs
+    kState,       // (number)
+    kEnding,
+
+    // ---- Libraries ----
+    kExternal,            // (library)
+    kNotLoaded,           // (path, reason)
+    kNoIdentifier,        // (library)
+    kWrongIdentifier,     // (identifier)
+    kForbiddenIdentifier, // (identifier)
+    kNoFirmwareName,      // (library)
+
+    // ---- Packages and checks ----
+    kRequested,     // (identifier)
+    kRequestFailed, // (identifier)
+    kCheckBegun,    // (firmware, library)
+    kMounted,       // (options, package, directory)
+    kUnmounted,     // (package)
+    // Verdicts of a check:
+    kNoImage,         // (path)
+    kNoInformation,   // (path)
+    kNoPackage,       // (path)
+    kBadInformation,  // (path)
+    kBadChecksum,     // (firmware)
+    kNothingToOffer,  // (firmware, path)
+    kVersionsUnknown, // (firmware)
+    kNotNewer,        // (image, version)
+    kNeeded,          // (library, identifier)
+    // Of all checks:
+    kNothingPending,
+    kPending,
+
+    // ---- Upgrade UI ----
+    kLaunchFailed, // (attempt)
+    kAnswer,       // (1 accepted, 4 closed)
+
+    // ---- Standby and power ----
+    kTooEarly,    // (seconds)
+    kHeldBack,    // mirroring, or the factory's mode
+    kStandby,     // (previous power state, current)
+    kRebootAsked, // (previous power state, current)
+    kPowerLocked, // (milliseconds)
+    kPowerUnlocked,
+
+    // ---- Updates ----
+    kUnattendedBegun,
+    kAcceptedBegun,
+    kTurnWanted,      // (firmware, seconds)
+    kUpdateBegun,     // (firmware)
+    kUpdateSucceeded, // (firmware)
+    kUpdateFailed,    // (firmware, result, errno, its text)
+    kUpdateTimedOut,  // (firmware)
+    kProgress,        // (percent)
+
+    // ---- Encrypted images ----
+    kSigned,    // (who asks, path)
+    kNotSigned, // (who asks, path)
+};
+
+struct DaemonEvent {
+    DaemonEventKind kind = DaemonEventKind::kDetail;
+    std::vector<std::string> values; // what stands in the place of each conversion of the text
+
+    // A value that is a number; 0 when it is none.
+    int number(size_t index) const;
+};
+
+// Whether the daemon wrote it into the platform's log. Each message is in the trace as well.
+bool isOfDaemon(const LogRecord& record);
+
+// A line end behind it is passed over. A text that the daemon does not have is a detail.
+DaemonEvent readDaemonMessage(const std::string& message);
+// Nothing for what is not of the daemon.
+std::optional<DaemonEvent> readDaemonEvent(const LogRecord& record);
+
+// ---- States ----
+
+constexpr int kDaemonStates = 22;
+// "modules checked"; nullptr for a number that is no state.
+const char* daemonStateName(int state);
+
+// ---- The table, for its test ----
+
+struct DaemonText {
+    const char* format; // as in the sources
+    DaemonEventKind kind;
+    // Told apart from a more general text of the sources by what is put into that.
+    bool isRefined = false;
+};
+
+extern const DaemonText kDaemonTexts[];
+extern const size_t kDaemonTextCount;
+
+} // namespace vset
+
+#endif
