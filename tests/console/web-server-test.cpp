@@ -308,6 +308,21 @@ TEST_F(WebServer, APageThatDoesNotReadIsDisconnectedAndOneThatReadsStays)
     EXPECT_FALSE(isEnded);
 }
 
+TEST_F(WebServer, APageHearsWhatALateWriterWritesToALogThatWasMovedAway)
+{
+    const Connection page;
+    openPage(page);
+    __norlog_print(2, 4, "T", "before");
+    EXPECT_THAT(page.receiveUntil("before"), HasSubstr("before"));
+    std::ofstream late("/var/log/platform.log", std::ios::app);
+    ASSERT_EQ(rename("/var/log/platform.log", "/var/log/platform.log.1"), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the writer below has noticed by then
+    __norlog_print(2, 4, "T", "in the new file");
+    late << "2026-01-31T12:00:00.000000Z\t2\t4\tT\t1\t1\tn\t\t\t\tin the old file\n" << std::flush;
+    const std::string news = page.receiveUntil("in the new file");
+    EXPECT_THAT(news, HasSubstr("in the old file"));
+}
+
 TEST_F(WebServer, ASetWithoutAClockSaysSo)
 {
     const Connection page;

@@ -218,16 +218,31 @@ bool LogReader::renew()
 
 void LogReader::follow(const std::function<bool(const LogRecord&)>& take, const std::function<bool()>& isOver)
 {
+    const auto takeAll = [&] {
+        while (const auto record = next()) {
+            if (!take(*record)) {
+                return false;
+            }
+        }
+        return true;
+    };
     while (true) {
         const bool isLast = isOver && isOver(); // asked first: what was written until then is still taken
-        while (const auto record = next()) {
-            if (!take(*record))
-                return;
-        }
-        if (renew())
-            continue;
-        if (isLast)
+        if (!takeAll()) {
             return;
+        }
+        if (isReplaced()) {
+            // A program that has not noticed yet writes to the old file for some milliseconds.
+            poll(nullptr, 0, kFollowMilliseconds);
+            if (!takeAll()) {
+                return;
+            }
+            reopen();
+            continue;
+        }
+        if (isLast) {
+            return;
+        }
         poll(nullptr, 0, kFollowMilliseconds);
     }
 }

@@ -26,28 +26,44 @@ void LogTail::start()
     look();
 }
 
+// A file that was moved away is read for one look more: a program that has not noticed yet writes to it.
 void LogTail::look()
 {
+    drain();
     const unsigned long long inode = inodeOfLog();
-    if (inode != 0 && (reader_ == nullptr || inode != inode_)) { // the first one, or it was moved away
-        try {
-            reader_ = std::make_unique<LogReader>(kLogFile);
-            inode_ = inode;
-        } catch (const ControlError&) {
-            reader_.reset(); // tried again at the next look
-        }
+    const bool isOther = inode != 0 && (reader_ == nullptr || inode != inode_);
+    if (isOther && (reader_ == nullptr || isMovedAway_)) {
+        reopen(inode);
+        drain();
     }
+    isMovedAway_ = isOther && inode != inode_;
+    timer_.start(kInterval, [this] { look(); });
+}
+
+void LogTail::reopen(unsigned long long inode)
+{
+    try {
+        reader_ = std::make_unique<LogReader>(kLogFile);
+        inode_ = inode;
+    } catch (const ControlError&) {
+        reader_.reset(); // tried again at the next look
+    }
+}
+
+void LogTail::drain()
+{
     while (reader_ != nullptr) {
         const auto next = reader_->next();
-        if (!next)
-            break;
+        if (!next) {
+            return;
+        }
         records_.push_back(*next);
         ++count_;
-        if (records_.size() > kKept)
+        if (records_.size() > kKept) {
             records_.pop_front();
+        }
         record.tell(*next);
     }
-    timer_.start(kInterval, [this] { look(); });
 }
 
 } // namespace vset

@@ -31,11 +31,14 @@ public:
 
 private:
     void look();
+    void reopen(unsigned long long inode);
+    void drain();
 
     std::unique_ptr<LogReader> reader_;
     std::deque<LogRecord> records_;
     uint64_t count_ = 0;
     unsigned long long inode_ = 0;
+    bool isMovedAway_ = false; // since the latest look
     RealTimer timer_;
 };
 
