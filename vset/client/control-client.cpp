@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "common/json-text.h"
+#include "vset/platformd/contract.h"
 
 namespace vset
 {
@@ -20,10 +21,6 @@ namespace vset
 namespace
 {
 
-constexpr const char* kPlatformName = "org.pellor.platform";
-constexpr const char* kPlatformPath = "/org/pellor/platform";
-constexpr const char* kControl = "org.pellor.platform.Control";
-constexpr const char* kConsole = "org.pellor.platform.Console";
 constexpr const char* kMountName = "org.pellor.psmount";
 constexpr const char* kMountPath = "/org/pellor/psmount";
 constexpr const char* kMountControl = "org.pellor.psmount.Control";
@@ -200,13 +197,13 @@ ControlClient::~ControlClient()
 GlibPointer<GVariant> ControlClient::call(const char* method, GVariant* parameters,
                                           const char* replyType) const
 {
-    return callInterface(kControl, method, parameters, replyType);
+    return callInterface(kControlInterface, method, parameters, replyType);
 }
 
 GlibPointer<GVariant> ControlClient::callConsole(const char* method, GVariant* parameters,
                                                  const char* replyType) const
 {
-    return callInterface(kConsole, method, parameters, replyType);
+    return callInterface(kConsoleInterface, method, parameters, replyType);
 }
 
 GlibPointer<GVariant> ControlClient::callInterface(const char* interface, const char* method,
@@ -344,9 +341,9 @@ public:
     ChangeWatch(GDBusConnection* bus, GMainContext* context, std::chrono::milliseconds limit)
         : bus_(bus), context_(context), timer_(g_timeout_source_new(static_cast<guint>(limit.count())))
     {
-        subscription_ =
-            g_dbus_connection_signal_subscribe(bus_, kPlatformName, kControl, "Changed", kPlatformPath,
-                                               nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onChanged, this, nullptr);
+        subscription_ = g_dbus_connection_signal_subscribe(bus_, kPlatformName, kControlInterface, "Changed",
+                                                           kPlatformPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+                                                           onChanged, this, nullptr);
         closed_ = g_signal_connect(bus_, "closed", G_CALLBACK(onClosed), this);
         g_source_set_callback(timer_, onTime, this, nullptr);
         g_source_attach(timer_, context_);

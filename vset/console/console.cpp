@@ -16,6 +16,7 @@
 #include "console-interface.h"
 #include "real-time.h"
 #include "service-time.h"
+#include "vset/platformd/contract.h"
 
 namespace vset
 {
@@ -27,7 +28,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* kInvalid = "org.pellor.platform.Error.Invalid";
 constexpr const char* kOptionsFile = "/var/lib/platform/console.json";
-constexpr const char* kUrlFile = "/run/console.url";
 constexpr const char* kFactoryMarker = "/tmp/FACTORY_PRODCUTION"; // the platform's spelling
 constexpr const char* kManagerMarker = "/run/.pkgmgr_ready";
 constexpr const char* kFeed = "/srv/feed";
@@ -152,14 +152,14 @@ Console::Fault Console::saveOptions(Keeping keeping) const
 // Whole or not there at all: whoever waits for the file may read it at once.
 void Console::publishUrl() const
 {
-    const std::string unfinished = std::string(kUrlFile) + ".new";
+    const std::string unfinished = std::string(kConsoleUrlPath) + ".new";
     std::ofstream file(unfinished);
     file << web_.url() << "\n";
     file.close();
     std::error_code error;
-    fs::rename(unfinished, kUrlFile, error);
+    fs::rename(unfinished, kConsoleUrlPath, error);
     if (!file || error)
-        fprintf(stderr, "platformd: cannot write %s\n", kUrlFile);
+        fprintf(stderr, "platformd: cannot write %s\n", kConsoleUrlPath);
 }
 
 // ---- Sections ----

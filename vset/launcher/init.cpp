@@ -2,6 +2,7 @@
 
 #include "common/visible-text.h"
 #include "launcher/crash-order.h"
+#include "vset/platformd/contract.h"
 #include "write-watch/write-watch.h"
 
 #include <algorithm>
@@ -39,10 +40,6 @@ constexpr int kReadyTimeoutMs = 20000; // a loaded machine with sanitizers takes
 constexpr int kGraceMs = 5000;         // between asking a command to end and ending the set around it
 constexpr int kShutdownMs = 1000;      // for the television's services to end by themselves
 
-// Exit statuses by which platformd asks for what only PID 1 can do.
-constexpr int kExitPowerOff = 10;
-constexpr int kExitReboot = 11;
-
 // A service that crashes is started again as on a television; one that goes on crashing is of no use.
 constexpr std::chrono::milliseconds kRestartDelay{100};
 constexpr std::chrono::seconds kCrashWindow{10};
@@ -50,7 +47,6 @@ constexpr size_t kMostCrashes = 5; // in the window
 
 constexpr int kExitPowerCut = 3; // of PID 1, and so of `vset run`
 
-constexpr const char* kConsoleUrlPath = "/run/console.url"; // written by platformd, one line
 constexpr const char* kBusConfigurationPath = "/etc/vset-bus.conf";
 constexpr const char* kBusConfiguration =
     R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"

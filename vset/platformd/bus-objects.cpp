@@ -5,6 +5,7 @@
 
 #include "common/glib-pointers.h"
 #include "guarded.h"
+#include "vset/platformd/contract.h"
 
 namespace vset
 {
@@ -32,7 +33,7 @@ BusObject::BusObject(GDBusConnection* bus, GDBusInterfaceInfo* interface, Handle
     : bus_(bus), interface_(interface), handler_(std::move(handler))
 {
     ErrorSlot error;
-    registration_ = g_dbus_connection_register_object(bus_, kObjectPath, interface_, &kTable, &handler_,
+    registration_ = g_dbus_connection_register_object(bus_, kPlatformPath, interface_, &kTable, &handler_,
                                                       nullptr, error.address());
     if (registration_ == 0)
         throw std::runtime_error("cannot serve " + std::string(interface_->name) + ": " + error.text());
@@ -45,7 +46,7 @@ BusObject::~BusObject()
 
 void BusObject::emit(const char* signal, GVariant* parameters, const char* destination) const
 {
-    g_dbus_connection_emit_signal(bus_, destination, kObjectPath, interface_->name, signal, parameters,
+    g_dbus_connection_emit_signal(bus_, destination, kPlatformPath, interface_->name, signal, parameters,
                                   nullptr);
 }
 

@@ -9,9 +9,6 @@
 namespace vset
 {
 
-inline constexpr const char* kBusName = "org.pellor.platform";
-inline constexpr const char* kObjectPath = "/org/pellor/platform";
-
 class BusObject
 {
 public:

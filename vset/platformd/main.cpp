@@ -1,9 +1,6 @@
 // platformd: the platform services of a virtual set, as an ordinary user on its system bus.
-//
-// Exit status: 0 asked to end, 1 failure, 2 wrong use, 10 the set is to be powered off, 11 the set is to
-// reboot.
+// What it promises to whoever starts it is in contract.h.
 
-#include "common/command-line.h"
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -13,17 +10,16 @@
 #include <glib-unix.h>
 #include <unistd.h>
 
+#include "common/command-line.h"
 #include "common/glib-pointers.h"
 #include "console.h"
 #include "control.h"
 #include "services.h"
 #include "set-model.h"
+#include "vset/platformd/contract.h"
 
 namespace
 {
-
-constexpr int kExitPowerOff = 10;
-constexpr int kExitReboot = 11;
 
 struct Options {
     int readyFd = -1;
@@ -48,11 +44,11 @@ public:
         const vset::Control control(bus_.get(), set);
         const vset::Console console(bus_.get(), set);
         set.power.ended.connect([this](vset::Ending ending) {
-            end(ending == vset::Ending::Reboot ? kExitReboot : kExitPowerOff);
+            end(ending == vset::Ending::Reboot ? vset::kExitReboot : vset::kExitPowerOff);
         });
         g_unix_signal_add(SIGTERM, onSignal, this);
         g_unix_signal_add(SIGINT, onSignal, this);
-        g_bus_own_name_on_connection(bus_.get(), vset::kBusName, G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE,
+        g_bus_own_name_on_connection(bus_.get(), vset::kPlatformName, G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE,
                                      onAcquired, onLost, this, nullptr);
         g_main_loop_run(loop_.get());
         // The last events must leave the process before it ends.

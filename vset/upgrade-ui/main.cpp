@@ -3,9 +3,6 @@
 // It speaks to the daemon as the real one does, through two settings keys only, and to a person through the
 // screen of the set. What it shows goes to the log as well, so that a story can be read afterwards.
 
-#include "common/command-line.h"
-#include "common/json-text.h"
-#include "common/visible-text.h"
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -16,18 +13,19 @@
 #include <gio/gio.h>
 #include <json/json.h>
 
+#include "common/command-line.h"
+#include "common/json-text.h"
+#include "common/visible-text.h"
 #include "norlog.h"
 #include "offer.h"
 #include "pralis.h"
+#include "vset/platformd/contract.h"
 
 namespace
 {
 
 constexpr const char* kStatusKey = "memory/ep_firmware_update_app/fw_update_status";
 constexpr const char* kProgressKey = "memory/ep_firmware_update_app/fw_update_progress";
-constexpr const char* kPlatform = "org.pellor.platform";
-constexpr const char* kPlatformPath = "/org/pellor/platform";
-constexpr const char* kConsole = "org.pellor.platform.Console";
 constexpr int kSystemLog = 2;
 constexpr int kInfo = 4;
 constexpr int kError = 6;
@@ -97,8 +95,9 @@ private:
             g_error_free(error);
             throw std::runtime_error("there is no system bus: " + text);
         }
-        g_dbus_connection_signal_subscribe(bus_, kPlatform, kConsole, "ScreenInput", kPlatformPath, nullptr,
-                                           G_DBUS_SIGNAL_FLAGS_NONE, onInput, this, nullptr);
+        g_dbus_connection_signal_subscribe(bus_, vset::kPlatformName, vset::kConsoleInterface, "ScreenInput",
+                                           vset::kPlatformPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onInput,
+                                           this, nullptr);
     }
 
     void show()
@@ -117,9 +116,9 @@ private:
     {
         const std::string json = common::compactJson(offer_.screen());
         // Without a screen the UI still does its part.
-        g_dbus_connection_call(bus_, kPlatform, kPlatformPath, kConsole, "UpdateScreen",
-                               g_variant_new("(s)", json.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
-                               nullptr, nullptr, nullptr);
+        g_dbus_connection_call(bus_, vset::kPlatformName, vset::kPlatformPath, vset::kConsoleInterface,
+                               "UpdateScreen", g_variant_new("(s)", json.c_str()), nullptr,
+                               G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
         g_dbus_connection_flush_sync(bus_, nullptr, nullptr);
     }
 
