@@ -13,8 +13,14 @@ target_compile_options(tarnwick-hardening INTERFACE
     $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-D_FORTIFY_SOURCE=2>)
 target_link_options(tarnwick-hardening INTERFACE LINKER:-z,relro LINKER:-z,now)
 
-# Where the processor and the compiler have it: x86-64, and 64-bit ARM.
-foreach(flag IN ITEMS -fcf-protection=full -mbranch-protection=standard -fstack-clash-protection)
+# Where the processor and the compiler have it.
+set(hardening_flags -fstack-clash-protection)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+    list(APPEND hardening_flags -fcf-protection=full)
+elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "aarch64|arm64")
+    list(APPEND hardening_flags -mbranch-protection=standard)
+endif()
+foreach(flag IN LISTS hardening_flags)
     string(MAKE_C_IDENTIFIER "has${flag}" has)
     check_cxx_compiler_flag(${flag} ${has})
     if(${has})

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# linked-file.bash DAEMON CONFIGURATION: what the daemon's file promises, whatever compiled it: hardened, and without
+# linked-file.bash DAEMON fortified|plain: what the daemon's file promises, whatever compiled it: hardened, and without
 # the library that only other programs need.
 set -euo pipefail
 daemon=$1
-configuration=$2
+calls=$2
 failures=0
 
 # holds WHAT PATTERN TEXT
@@ -26,7 +26,7 @@ holds "read-only relocations" 'GNU_RELRO' "$segments"
 holds "all of them, because bound at the start" 'BIND_NOW|Flags:.* NOW' "$dynamic"
 holds "a stack without code" 'GNU_STACK .* RW ' "$segments"
 holds "stack protector" '__stack_chk_(fail|guard)' "$symbols"
-if [[ $configuration != Debug ]]; then # it takes an optimiser
+if [[ $calls == fortified ]]; then
     holds "fortified" ' __[a-z]+_chk@' "$(grep -v __stack_chk <<<"$symbols")"
 fi
 if [[ $(uname -m) =~ ^(x86_64|aarch64)$ ]]; then
