@@ -34,8 +34,14 @@ protected:
     static void TearDownTestSuite() { delete keys; }
     void SetUp() override
     {
-        writeBytes(directory / "content.key", key);
+        writeKey("content.key", key);
         writeBytes(directory / "payload", "payload");
+    }
+    // As a key has to be: for its owner alone.
+    void writeKey(const std::string& name, const std::string& text) const
+    {
+        writeBytes(directory / name, text);
+        fs::permissions(directory / name, fs::perms::owner_read | fs::perms::owner_write);
     }
 
     Outcome fwmod(Words arguments)
@@ -111,6 +117,16 @@ TemporaryDirectory* FwmodUsb::keys = nullptr;
 
 // ---- usb ----
 
+// As the technician's command refuses it, too.
+TEST_F(FwmodUsb, KeyThatOthersMayReadIsRefused)
+{
+    fs::permissions(directory / "content.key", fs::perms::group_read, fs::perm_options::add);
+    const Outcome outcome = fwmod(usb());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("others may read the key file content.key"));
+    EXPECT_EQ(names(), inputs);
+}
+
 TEST_F(FwmodUsb, ImageIsWhatTheOpensslCommandTakesApart)
 {
     for (const std::size_t size : {0, 1, 15, 16, 17, 65471, 65472, 65473, 65536, 131008, 400001}) {
@@ -144,7 +160,7 @@ TEST_F(FwmodUsb, KeyMayBeWrittenAsDigits)
     std::string upper = toHex(key);
     std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
     for (const std::string& text : {toHex(key), toHex(key) + "\n", toHex(key) + "\r\n", upper}) {
-        writeBytes(directory / "digits", text);
+        writeKey("digits", text);
         ASSERT_EQ(fwmod(usb({{"--key-file", "digits"}, {"-o", "Again.bin"}})).status, 0) << text;
         EXPECT_EQ(readBytes(directory / "Tuner.bin"), readBytes(directory / "Again.bin"));
     }
@@ -155,7 +171,7 @@ TEST_F(FwmodUsb, WrongKeyFileIsRefusedWithoutTellingIt)
     const std::string digits = toHex(key);
     for (const std::string& text : {std::string(), key.substr(1), key + "x", digits.substr(1), digits + "0",
                                     digits + "\n\n", digits.substr(1) + "g", " " + digits}) {
-        writeBytes(directory / "content.key", text);
+        writeKey("content.key", text);
         const Outcome outcome = fwmod(usb());
         EXPECT_EQ(outcome.status, 1) << text;
         EXPECT_THAT(outcome.err,
@@ -335,7 +351,7 @@ TEST_F(FwmodUsb, InspectFindsWhatIsWrong)
     EXPECT_THAT(inspect("cut").out, HasSubstr("problem: between the initialisation vector and the trailer"));
     EXPECT_EQ(inspect("cut").status, 1);
 
-    writeBytes(directory / "other.key", random.bytes(32));
+    writeKey("other.key", random.bytes(32));
     EXPECT_THAT(inspect("Tuner.bin", {"--key-file", "other.key"}).out,
                 HasSubstr("problem: the content cannot"));
     EXPECT_EQ(inspect("Tuner.bin", {"--key-file", "other.key"}).status, 1);

@@ -32,6 +32,7 @@ protected:
         keys = new TemporaryDirectory;
         copyTestKeys(keys->path(), {"maker", "stranger"});
         writeBytes(*keys / "content.key", std::string(32, 'k'));
+        fs::permissions(*keys / "content.key", fs::perms::owner_read | fs::perms::owner_write);
     }
     static void TearDownTestSuite() { delete keys; }
     void SetUp() override

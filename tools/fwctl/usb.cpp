@@ -1,10 +1,10 @@
 // fwctl usb check|install DIR --key-file FILE
 #include "command.h"
+#include "common/content-key.h"
 #include "common/json-text.h"
 #include "common/regular-file.h"
 #include "daemon-log.h"
 #include "isolated.h"
-#include "key-file.h"
 #include "output.h"
 #include "power-lock.h"
 #include "registry.h"
@@ -124,14 +124,14 @@ void requireRegularImages(FWUpdateSymbolManager& manager, const std::string& dir
 }
 
 // modules, expected_time (seconds, of all together) and count (of those to install).
-Json::Value probe(FWUpdateSymbolManager& manager, const Key& key, const std::string& directory,
+Json::Value probe(FWUpdateSymbolManager& manager, const common::ContentKey& key, const std::string& directory,
                   UpdateLink& link)
 {
     requireRegularImages(manager, directory);
     takeDaemonMessages();
     int seconds = 0;
     unsigned int count = 0;
-    manager.getFirmwareUpdateTime(key.bytes(), directory.c_str(), seconds);
+    manager.getFirmwareUpdateTime(key.data(), directory.c_str(), seconds);
     const std::vector<std::string> messages = takeDaemonMessages();
     Json::Value modules(Json::arrayValue);
     for (FWUpdateSymbol& module : manager.firmwareItems) {
@@ -223,7 +223,7 @@ int statusOf(const Json::Value& found)
 int check(const Options& options)
 {
     const std::string directory = requireDirectory(options.directory);
-    const Key key(options.keyFile); // before the user changes: the file is root's
+    const common::ContentKey key(options.keyFile); // before the user changes: the file is root's
     const Json::Value told = runUpdate([&](UpdateLink& link) {
         Registry registry(link, options.verbose);
         link.telling().put("probe", probe(registry.manager(), key, directory, link));
@@ -245,7 +245,8 @@ void tellErrors(UpdateLink& link)
     link.say("fwctl: the installation stopped; modules behind the one that failed were not tried");
 }
 
-void installInChild(const Options& options, const Key& key, const std::string& directory, UpdateLink& link)
+void installInChild(const Options& options, const common::ContentKey& key, const std::string& directory,
+                    UpdateLink& link)
 {
     Registry registry(link, options.verbose);
     FWUpdateSymbolManager& manager = registry.manager();
@@ -263,7 +264,7 @@ void installInChild(const Options& options, const Key& key, const std::string& d
     registry.follow(&monitor);
     const PowerLock lock(count, seconds);
     takeDaemonMessages();
-    const bool isWhole = manager.doUpdateUSB(key.bytes(), directory.c_str()) == 0;
+    const bool isWhole = manager.doUpdateUSB(key.data(), directory.c_str()) == 0;
     link.tellOutcomes(completeOutcomes(monitor));
     link.telling().put("stopped", !isWhole);
     if (!isWhole) {
@@ -283,7 +284,7 @@ void complainAboutRefused(const Json::Value& found)
 int install(const Options& options)
 {
     const std::string directory = requireDirectory(options.directory);
-    const Key key(options.keyFile);
+    const common::ContentKey key(options.keyFile);
     waitForUpdateTurn();
     const Json::Value told =
         runUpdate([&](UpdateLink& link) { installInChild(options, key, directory, link); });

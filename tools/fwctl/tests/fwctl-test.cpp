@@ -185,6 +185,95 @@ TEST_F(Fwctl, WhySurvivesAPackageCutOffAnywhere)
     EXPECT_THAT(out, Not(HasSubstr("status 0")));
 }
 
+// ---- The retold check and the daemon's own ----
+
+// What "list" (retold, without mounting) and "check" (the daemon's own code) say of the same set.
+struct TwoAnswers {
+    Json::Value retold;
+    Json::Value own;
+};
+
+TwoAnswers askBoth(VirtualSet& set, const std::string& before)
+{
+    std::istringstream out(set.run(before + "fwctl list --json; fwctl check --json").out);
+    std::string retold;
+    std::string own;
+    std::getline(out, retold);
+    std::getline(out, own);
+    return {parse(retold), parse(own)};
+}
+
+void expectSame(const TwoAnswers& answers, const std::string& what)
+{
+    ASSERT_EQ(answers.retold.size(), answers.own.size()) << what;
+    for (const Json::Value& retold : answers.retold) {
+        const Json::Value own = findModule(answers.own, retold["module"].asString());
+        EXPECT_EQ(retold["pending"], own["pending"]) << what << ": " << retold["module"];
+        for (const Json::Value& source : retold["sources"]) {
+            const Json::Value& checked = own[source["source"].asString()];
+            EXPECT_EQ(source["newer"].asBool(), checked["newer"].asBool())
+                << what << ": " << source << checked;
+            const int verdict = source["verdict"].isNull() ? -1 : source["verdict"].asInt();
+            EXPECT_EQ(verdict, checked["verdict"].asInt()) << what << ": " << source;
+        }
+    }
+}
+
+TEST_F(Fwctl, TheRetoldCheckAgreesWithTheDaemonsOwn)
+{
+    const std::string panel = "/usr/lib/firmware/ext/Panel/";
+    const Json::Value good = parse(readFile(set.file(panel + "info.json")));
+    const auto with = [&](const char* key, const Json::Value& value) {
+        Json::Value changed = good;
+        changed[key] = value;
+        return changed.toStyledString();
+    };
+    Json::Value withoutCrc = good;
+    withoutCrc.removeMember("crc");
+    const std::pair<const char*, std::string> kInformation[] = {
+        {"as it is", good.toStyledString()},
+        {"no JSON", "no JSON"},
+        {"nothing", ""},
+        {"an array", "[]"},
+        {"nested too deep", std::string(2000, '[')},
+        {"more than a mebibyte", good.toStyledString() + std::string(1 << 20, ' ')},
+        {"another checksum", with("crc", 1)},
+        {"no checksum", withoutCrc.toStyledString()},
+        {"a checksum in words", with("crc", "x")},
+        {"a negative time", with("expected_time", -1)},
+        {"an older version", with("version", "0.9")},
+        {"the same version", with("version", "1.0")},
+        {"a version that is a number", with("version", 1.1)},
+        {"an empty version", with("version", "")},
+        {"not for the screen", with("ui_use", "none")},
+        {"for the screen in capitals", with("ui_use", "Force")},
+        {"a screen that is a number", with("ui_use", 1)},
+    };
+    for (const auto& [what, text] : kInformation) {
+        set.write(panel + "info.json", text);
+        set.write("/var/package/info.json", text); // and the same as the tuner's package
+        set.write("/var/package/Tuner.bin", readFile(set.file(panel + "Panel.bin")));
+        expectSame(askBoth(set, std::string("mksquashfs /var/package ") + kPackage +
+                                    " -noappend -all-root -quiet -no-progress >/dev/null; "),
+                   what);
+    }
+    const std::pair<const char*, const char*> kScenes[] = {
+        {"a package without an image", "rm /var/package/Tuner.bin; mksquashfs /var/package PACKAGE -noappend "
+                                       "-all-root -quiet -no-progress >/dev/null; "},
+        {"no package", "rm -f PACKAGE; "},
+        {"no file system", "echo x > PACKAGE; "},
+        {"no mount directory to write", "cp /var/kept.img PACKAGE; chown root:root EMPS; chmod 755 EMPS; "},
+        {"a file for a mount point", "cp /var/kept.img PACKAGE; touch EMPS/empTuner; "},
+        {"a pipe for a package", "rm -f PACKAGE; mkfifo PACKAGE; "},
+    };
+    set.write("/var/kept.img", readFile(fs::path(EXAMPLES) / "images/1.1/empTuner.img"));
+    for (const auto& [what, script] : kScenes) {
+        std::string before = std::regex_replace(script, std::regex("PACKAGE"), kPackage);
+        before = std::regex_replace(before, std::regex("EMPS"), "/opt/usr/apps/appbinarymanager/emps");
+        expectSame(askBoth(set, "rm -rf /opt/usr/apps/appbinarymanager/emps/empTuner; " + before), what);
+    }
+}
+
 // ---- check and update ----
 
 TEST_F(Fwctl, CheckActsAsTheDaemonDoes)
@@ -488,6 +577,30 @@ TEST_F(Fwctl, DoctorMakesMissingDirectories)
     EXPECT_THAT(outcome.out, HasSubstr("\nplatform system 2775\n"));
 }
 
+// This machine itself, outside of any set.
+TEST_F(Fwctl, DoctorMakesNothingOnAPcThatIsNoSet)
+{
+    if (fs::exists("/prd") || fs::exists("/opt/usr/apps")) {
+        GTEST_SKIP() << "this machine has directories of a set";
+    }
+    const Outcome outcome = runProgram({FWCTL_DIRECTORY "/fwctl", "doctor", "--json"});
+    EXPECT_EQ(outcome.status, 5) << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr("\"id\":\"no-set\""));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("\"fixable\":true"))) << "--fix would make it one";
+}
+
+TEST_F(Fwctl, TwoLibrariesOfOneFirmwareAreToldApart)
+{
+    set.addSystemImage("Doomed");
+    set.addModule("exits");
+    fs::copy(set.file("/prd/usr/fwupdate/controls/exits.so"),
+             set.file("/prd/usr/fwupdate/controls/alike.so"));
+    const Outcome outcome = set.run("fwctl update exits --source system; fwctl doctor");
+    EXPECT_THAT(outcome.out, HasSubstr("exits: failed, 1.0 is installed"));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("alike: failed")));
+    EXPECT_THAT(outcome.out, HasSubstr("2 control libraries have the identifier empDoomed"));
+}
+
 TEST_F(Fwctl, DoctorSaysWhyLibrariesCannotBeUsed)
 {
     for (const char* module : {"incomplete", "unbound", "misnamed"})
@@ -655,11 +768,11 @@ TEST_F(FwctlUsb, KeyFilesThatAreNoneAreRefused)
     set.write("/root/empty", "", 0600);
     const std::pair<const char*, const char*> kCases[] = {
         {"open", "others may read the key file"},
-        {"short", "holds no key"},
-        {"long", "holds no key"},
-        {"letters", "holds no key"},
-        {"empty", "holds no key"},
-        {"missing", "No such file"},
+        {"short", "is no content key"},
+        {"long", "is no content key"},
+        {"letters", "is no content key"},
+        {"empty", "is no content key"},
+        {"missing", "does not exist"},
         {"", "is not a file"},
     };
     for (const auto& [name, expected] : kCases) {

@@ -81,7 +81,7 @@ usb::Iv chooseIv(const std::string& text)
     if (text.empty()) {
         if (RAND_bytes(iv.data(), static_cast<int>(iv.size())) != 1)
             throw common::Failure("OpenSSL has no random bytes: give --iv");
-    } else if (text.size() != 2 * iv.size() || !parseHex(text.data(), iv.size(), iv.data())) {
+    } else if (text.size() != 2 * iv.size() || !common::parseHex(text.data(), iv.size(), iv.data())) {
         throw common::WrongUse("--iv: 32 hexadecimal digits are needed");
     }
     return iv;
@@ -191,7 +191,7 @@ int makeImage(const Options& options)
     requireReadable(options.payload);
     refuseTooLarge(options.payload);
     const signature::Key signKey = readSigningKey(options.signKey);
-    const SecretKey key(options.keyFile);
+    const common::ContentKey key(options.keyFile);
 
     NewFile result(options.output);
     ImageWriter out(result.path(), signKey.get());

@@ -140,7 +140,8 @@ void inspectSignature(const InspectionRequest& request, Inspection& result)
 void inspectContent(const InspectionRequest& request, const ImageParts& parts, FILE* file, const usb::Iv& iv,
                     Inspection& result)
 {
-    const usb::Content content = usb::decrypt(file, parts.cipherSize, SecretKey(request.keyFile), iv);
+    const usb::Content content =
+        usb::decrypt(file, parts.cipherSize, common::ContentKey(request.keyFile), iv);
     if (!content.isSound) {
         result.problems.push_back("the content cannot be decrypted: a wrong key, or a damaged file");
         return;

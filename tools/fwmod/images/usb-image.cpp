@@ -34,7 +34,7 @@ private:
 };
 } // namespace
 
-usb::Cipher usb::makeCipher(const SecretKey& key, const Iv& iv, bool encrypt)
+usb::Cipher usb::makeCipher(const common::ContentKey& key, const Iv& iv, bool encrypt)
 {
     Cipher cipher(EVP_CIPHER_CTX_new());
     if (!cipher || EVP_CipherInit_ex(cipher.get(), EVP_aes_256_cbc(), nullptr, key.data(), iv.data(),
@@ -43,7 +43,7 @@ usb::Cipher usb::makeCipher(const SecretKey& key, const Iv& iv, bool encrypt)
     return cipher;
 }
 
-usb::Content usb::decrypt(FILE* file, std::int64_t size, const SecretKey& key, const Iv& iv)
+usb::Content usb::decrypt(FILE* file, std::int64_t size, const common::ContentKey& key, const Iv& iv)
 {
     const Cipher cipher = makeCipher(key, iv, false);
     std::vector<unsigned char> in(kChunkSize);

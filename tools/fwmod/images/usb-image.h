@@ -6,7 +6,7 @@
 #ifndef FWMOD_USB_IMAGE_H
 #define FWMOD_USB_IMAGE_H
 
-#include "tools/fwmod/images/secret-key.h"
+#include "common/content-key.h"
 
 #include <array>
 #include <cstdint>
@@ -34,7 +34,7 @@ struct CipherRelease {
 using Cipher = std::unique_ptr<EVP_CIPHER_CTX, CipherRelease>;
 
 // Ready to be fed. Throws Failure.
-Cipher makeCipher(const SecretKey& key, const Iv& iv, bool encrypt);
+Cipher makeCipher(const common::ContentKey& key, const Iv& iv, bool encrypt);
 
 struct Content {
     bool isSound;           // the padding at the end is right: false with a wrong key, or a damaged file
@@ -45,7 +45,7 @@ struct Content {
 
 // Decrypts `size` bytes that follow in the file and keeps the header only. Throws Failure when they cannot be
 // read.
-Content decrypt(FILE* file, std::int64_t size, const SecretKey& key, const Iv& iv);
+Content decrypt(FILE* file, std::int64_t size, const common::ContentKey& key, const Iv& iv);
 } // namespace usb
 
 } // namespace fwmod
