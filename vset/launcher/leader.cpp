@@ -231,7 +231,7 @@ int runSet(const RunOptions& options)
     const bool clock = options.command.empty() || options.clockRate.has_value();
     if (clock) {
         checkToolsPath(tools);
-        resetClock(set, options.clockRate.value_or(1.0));
+        resetClock(set, options.clockRate.value_or(1.0), rootless);
     }
 
     std::optional<LoopSlot> slot;

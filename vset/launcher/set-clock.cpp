@@ -5,12 +5,12 @@
 namespace vset
 {
 
-void resetClock(const SetDirectory& set, double rate)
+void resetClock(const SetDirectory& set, double rate, bool isRootless)
 {
     ClockFile clock(set.clockFile(), ClockFile::Opening::kNewToo);
-    // The set's platform may change it, for a person at the console.
-    if (geteuid() == 0)
-        check(fchown(clock.descriptor(), kPlatformUser, kSystemGroup), "cannot give the clock to the set");
+    const uid_t user = isRootless ? geteuid() : kPlatformUser;
+    const gid_t group = isRootless ? getegid() : kSystemGroup;
+    check(fchown(clock.descriptor(), user, group), "cannot give the clock to the set's platform");
     clock.reset(rate);
 }
 

@@ -9,9 +9,10 @@
 namespace vset
 {
 
-// A clock that shows the PC's time now and goes on at `rate`. While the set does not run. Throws
-// common::WrongUse for a rate out of range.
-void resetClock(const SetDirectory& set, double rate);
+// A clock that shows the PC's time now and goes on at `rate`, the platform's to change; in a rootless set,
+// which has one user, the caller's. While the set does not run. Throws common::WrongUse for a rate out of
+// range.
+void resetClock(const SetDirectory& set, double rate, bool isRootless);
 
 // Changes the clock of a running set, and returns a line that describes the clock as it is then. Throws
 // Error when the set does not run or runs without the clock library, and common::WrongUse, with the clock as
