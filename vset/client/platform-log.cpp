@@ -49,6 +49,8 @@ int hexDigit(char c)
 
 std::string unescape(const std::string& field)
 {
+    if (field.find('\\') == std::string::npos)
+        return field; // as nearly all are
     std::string text;
     for (size_t i = 0; i < field.size(); ++i) {
         if (field[i] != '\\' || i + 1 == field.size()) {
@@ -70,13 +72,12 @@ std::string unescape(const std::string& field)
 
 std::vector<std::string> split(const std::string& line)
 {
-    std::vector<std::string> fields(1);
-    for (const char c : line) {
-        if (c == '\t')
-            fields.emplace_back();
-        else
-            fields.back() += c;
-    }
+    std::vector<std::string> fields;
+    fields.reserve(Fields);
+    size_t start = 0;
+    for (size_t end = 0; (end = line.find('\t', start)) != std::string::npos; start = end + 1)
+        fields.push_back(line.substr(start, end - start));
+    fields.push_back(line.substr(start));
     return fields;
 }
 
@@ -160,6 +161,7 @@ void LogReader::reopen()
         close(file_);
     file_ = next;
     buffered_.clear();
+    taken_ = 0;
 }
 
 void LogReader::skipTo(int64_t start)
@@ -173,12 +175,13 @@ void LogReader::skipTo(int64_t start)
 std::optional<std::string> LogReader::nextLine()
 {
     while (true) {
-        const size_t end = buffered_.find('\n');
+        const size_t end = buffered_.find('\n', taken_);
         if (end != std::string::npos) {
-            std::string line = buffered_.substr(0, end);
-            buffered_.erase(0, end + 1);
+            std::string line = buffered_.substr(taken_, end - taken_);
+            taken_ = end + 1;
             return line;
         }
+        buffered_.erase(0, std::exchange(taken_, 0));
         char block[65536];
         const ssize_t size = read(file_, block, sizeof block);
         if (size <= 0)

@@ -72,6 +72,7 @@ private:
     std::string path_;
     int file_ = -1;
     std::string buffered_;
+    size_t taken_ = 0; // bytes at its start
 };
 
 } // namespace vset

@@ -114,7 +114,7 @@ Console::Console(GDBusConnection* bus, SetModel& set)
     });
     log_.record.connect([this](const LogRecord& record) { takeLog(record); });
     log_.start();
-    newRecords_ = Json::arrayValue; // what was there already is part of the greeting
+    isFollowing_ = true; // what was there already is part of the greeting
     publishUrl();
     watch();
     watchModules();
@@ -306,6 +306,8 @@ void Console::takeLog(const LogRecord& record)
         mark("way");
     if (wasUpdating != (way_.state() == kUpdatingState) && moduleTimer_.isRunning())
         watchModules();
+    if (!isFollowing_)
+        return;
     newRecords_.append(toJson(record, log_.count()));
     if (newRecords_.size() > LogTail::kKept)
         newRecords_ = Json::arrayValue; // nobody has taken them

@@ -88,6 +88,7 @@ private:
 
     std::set<std::string> news_;
     Json::Value newRecords_ = Json::arrayValue;
+    bool isFollowing_ = false;
     Json::Value told_; // sections as they were last told
     RealTimer pushTimer_;
     RealTimer watchTimer_;

@@ -1,5 +1,8 @@
 #include "log-tail.h"
 
+#include <fstream>
+#include <string>
+
 #include <sys/stat.h>
 
 #include "control-client.h"
@@ -19,10 +22,28 @@ unsigned long long inodeOfLog()
     return stat(kLogFile, &status) == 0 ? status.st_ino : 0;
 }
 
+// Where the first whole line of the log's end begins.
+int64_t startOfLatest()
+{
+    std::ifstream log(kLogFile, std::ios::binary | std::ios::ate);
+    const int64_t size = log.tellg();
+    if (size <= LogTail::kLatestBytes) {
+        return 0;
+    }
+    log.seekg(size - LogTail::kLatestBytes);
+    std::string cut;
+    std::getline(log, cut);
+    return log ? static_cast<int64_t>(log.tellg()) : size;
+}
+
 } // namespace
 
 void LogTail::start()
 {
+    reopen(inodeOfLog());
+    if (reader_ != nullptr) {
+        reader_->skipTo(startOfLatest());
+    }
     look();
 }
 
