@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <gio/gio.h>
+#include <set>
 #include <unistd.h>
 #include <utility>
 
@@ -41,7 +42,7 @@ struct Daemon {
     bool hasEnded = false;
     std::string updateMode = "ok";
     unsigned int progress = 42;
-    bool failsMount = false;
+    std::set<std::string> failures; // of the mount service and of the control libraries
 };
 
 Daemon* self = nullptr;
@@ -76,11 +77,20 @@ void applyKey(const char* key, const std::string& value)
 
 void failOnce(const std::string& function)
 {
-    if (function == "PS_Mount") {
-        self->failsMount = true;
+    if (function == "thread") {
+        machine::failThread();
+    } else if (function == "sem_open") {
+        machine::failSemaphore();
+    } else if (function == "PS_Mount" || function == "setContext" || function == "checkVersion") {
+        self->failures.insert(function);
     } else {
         fakePlatform().answerInTurn(function, {-1});
     }
+}
+
+bool fails(const std::string& function)
+{
+    return self->failures.erase(function) != 0;
 }
 
 std::string idOf(const std::string& name)
@@ -109,7 +119,7 @@ int doUpdate()
 
 void run(const Television& television, const std::string& root, std::function<void()> next)
 {
-    self = new Daemon{&television, std::move(next), {}, 0, false, "ok", 42, false};
+    self = new Daemon{&television, std::move(next), {}, 0, false, "ok", 42, {}};
     places = new Places(root);
     places->setMarker("/tmp/FACTORY_PRODCUTION", television.isFactory);
     places->setMarker("/run/.pkgmgr_ready", television.isManagerReady);
@@ -232,14 +242,14 @@ extern "C" int proofControlCalled(const char* module, const char* function, cons
     } else if (asked == "doUpdate") {
         return daemon::doUpdate();
     }
-    return 0;
+    return daemon::fails(asked) ? -1 : 0;
 }
 
 int PS_Mount(const char* command, int, int, int* result)
 {
     daemon::note(std::string("PS_Mount(\"") + command + "\")");
     *result = 0;
-    if (std::exchange(self->failsMount, false)) {
+    if (daemon::fails("PS_Mount")) {
         return -1;
     }
     places->mount(daemon::idIn(command));

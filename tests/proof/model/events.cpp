@@ -71,6 +71,12 @@ constexpr Weighted kEvents[] = {
     {"fail:pralis_get_int:memory/enterprise/swupgrade/working_status", 2},
     {"fail:pralis_set_int:memory/enterprise/swupgrade/working_status", 1},
     {"fail:PS_Mount", 2},
+    {"fail:setContext", 1},
+    {"fail:checkVersion", 1},
+    {"fail:pwrctl_get_state", 1},
+    {"fail:pwrctl_lock_state", 1},
+    {"fail:sem_open", 1},
+    {"fail:thread", 3}, // it cannot be started
 };
 
 struct NamedSet {

@@ -71,6 +71,8 @@ struct Machine {
     int semaphore = 1;
     pthread_t lastThread = 1;
     std::vector<Fiber*> spare;
+    bool failsThread = false;
+    bool failsSemaphore = false;
 };
 
 Machine* machine = nullptr; // none before the start
@@ -318,6 +320,16 @@ int semaphoreValue()
     return machine->semaphore;
 }
 
+void failThread()
+{
+    machine->failsThread = true;
+}
+
+void failSemaphore()
+{
+    machine->failsSemaphore = true;
+}
+
 void sleep(int64_t duration)
 {
     sleepUntil(machine->now + duration);
@@ -396,6 +408,9 @@ int pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*star
 {
     if (machine == nullptr) {
         return real(&pthread_create, "pthread_create")(id, attributes, start, argument);
+    }
+    if (std::exchange(machine->failsThread, false)) {
+        return EAGAIN;
     }
     *id = ++machine->lastThread;
     startThread(makeFiber(start, argument));
@@ -480,6 +495,10 @@ sem_t* sem_open(const char* name, int flags, ...)
     char text[100];
     snprintf(text, sizeof text, "sem_open(%s, 0%o, %u)", name, mode, value);
     machine->note(text);
+    if (std::exchange(machine->failsSemaphore, false)) {
+        errno = EMFILE;
+        return SEM_FAILED;
+    }
     return &handle;
 }
 

@@ -28,6 +28,8 @@ void setThreads(Threads mode);
 void advance(int64_t duration); // before `idle` is called again, with everything that is due meanwhile
 void jumpToSecond(int seconds); // at once, to a whole second
 int semaphoreValue();
+void failThread();    // the next one cannot be started
+void failSemaphore(); // nor opened
 
 // For a thread of the daemon, within a control library.
 void sleep(int64_t duration);

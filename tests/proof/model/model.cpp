@@ -1,12 +1,11 @@
 #include "tests/proof/model/model.h"
 
 #include <algorithm>
-#include <deque>
-#include <functional>
 #include <map>
 #include <optional>
-#include <set>
 #include <utility>
+
+#include "tests/proof/model/stage.h"
 
 namespace proof
 {
@@ -14,7 +13,6 @@ namespace proof
 namespace
 {
 
-const std::string kPackages = "/opt/usr/apps/appbinarymanager/";
 const std::string kStatus = "memory/ep_firmware_update_app/fw_update_status";
 const std::string kProgress = "memory/ep_firmware_update_app/fw_update_progress";
 const std::string kWorking = "memory/enterprise/swupgrade/working_status";
@@ -23,58 +21,15 @@ const std::string kDownloaded = "\"/tmp/.fw_download_ready\"";
 const std::string kIgnoreResume = "\"/tmp/.ignore_resume\"";
 const std::string kSemaphore = "/SEM_UPDATE_CONTROL, 0600, 1";
 
-constexpr int64_t kSecond = 1000;
-constexpr int kFromPackage = 2; // who asks for an update
-constexpr int kFromSystem = 6;
-
-using Step = std::function<void()>;
-
-std::string number(int64_t value)
-{
-    return std::to_string(value);
-}
-
-std::string quoted(const std::string& text)
-{
-    return "\"" + text + "\"";
-}
-
-// A module, and what the last check or update has left of it.
-struct Image {
-    Module made;
-    std::string firmware;
-    std::string uiUse;
-    bool isNeeded = false;
-    bool isBuiltIn = false;
-    uint32_t expected = 0;
-    bool hasPackage = false;
-    bool hasMountPoint = false;
-    int mounts = 0;
-
-    explicit Image(const Module& module)
-        : made(module), firmware(module.id.empty() ? "" : module.id.substr(3)),
-          hasPackage(module.package.content != Source::kAbsent)
-    {
-    }
-    bool isOffered() const { return isNeeded && (uiUse == "select" || uiUse == "force"); }
-    std::string file() const { return kPackages + made.id + ".img"; }
-    std::string mountPoint() const { return kPackages + "emps/" + made.id; }
-    const Source& source(int caller) const { return caller == kFromSystem ? made.builtIn : made.package; }
-    std::string directory(int caller) const
-    {
-        return (caller == kFromSystem ? "/lib/firmware/ext/" + firmware : mountPoint()) + "/";
-    }
-};
-
 } // namespace
 
-class Model::Service
+class Model::Service : public Stage
 {
 public:
     explicit Service(const Television& set)
-        : threads(set.isEager ? "eager" : "lazy"), isManagerReady(set.isManagerReady),
-          isFactoryMarked(set.isFactory), wereAsked(set.wereAsked)
+        : isManagerReady(set.isManagerReady), isFactoryMarked(set.isFactory), wereAsked(set.wereAsked)
     {
+        threads = set.isEager ? "eager" : "lazy";
         keys[kWorking] = set.working;
         for (const Module& module : set.modules) {
             images.emplace_back(module);
@@ -114,10 +69,9 @@ public:
             {"factory", [&] { isFactoryMarked = value == 1; }},
             {"launch", [&] { failsLaunch = rest == "fail"; }},
             {"fail", [&] { failures.insert(rest); }},
-            {"update", [&] { updateMode = rest; }},
+            {"update", [&] { modules.updateMode = rest; }},
             {"progress", [&] { libraryProgress = static_cast<uint32_t>(value); }},
-            {"free",
-             [&] { std::move(hanging.begin(), hanging.end(), std::back_inserter(ready)), hanging.clear(); }},
+            {"free", [&] { modules.freeHanging(); }},
             {"lazy", [&] { threads = kind; }},
             {"eager", [&] { threads = kind; }},
             {"stall", [&] { threads = kind; }},
@@ -138,7 +92,7 @@ public:
             text +=
                 ", " + key.substr(key.rfind('/') + 1) + " " + (keys.count(key) ? number(keys.at(key)) : "-");
         }
-        text += ", semaphore " + number(semaphore) + ", locks";
+        text += ", semaphore " + number(semaphore.free) + ", locks";
         for (const int kind : locks) {
             text += " " + number(kind);
         }
@@ -149,126 +103,8 @@ public:
         return text + ", list " + list.value_or("-");
     }
 
-    std::vector<std::string> trace;
-    bool ended = false;
-
 private:
-    // ---- Clock and threads ----
-
-    void spawn(const Step& body)
-    {
-        if (threads == "eager") {
-            body();
-        } else {
-            ready.push_back(body);
-        }
-    }
-
-    void sleep(int64_t duration, const Step& then) { sleepers.emplace(now + duration, then); }
-
-    void setNow(int64_t time)
-    {
-        for (now = time; !sleepers.empty() && sleepers.begin()->first <= now;
-             sleepers.erase(sleepers.begin())) {
-            ready.push_back(sleepers.begin()->second);
-        }
-    }
-
-    // The main loop's timers that are due, each once.
-    bool runTimers()
-    {
-        const bool beats = nextBeat && *nextBeat <= now;
-        const bool ticks = nextTick && *nextTick <= now;
-        if (beats) {
-            call("hangwatch_watchdog_notify");
-            nextBeat = now + 5 * kSecond;
-        }
-        if (ticks) {
-            nextTick = tick() ? std::optional<int64_t>(now + kSecond) : std::nullopt;
-        }
-        return beats || ticks;
-    }
-
-    void settle()
-    {
-        do {
-            while (threads != "stall" && !ready.empty() && !ended) {
-                const Step step = ready.front();
-                ready.pop_front();
-                step();
-            }
-        } while (!ended && runTimers());
-    }
-
-    void advance(int64_t duration)
-    {
-        const int64_t end = now + duration;
-        for (int64_t next = now; !ended && next <= end;) {
-            setNow(next);
-            settle();
-            next = sleepers.empty() ? end + 1 : sleepers.begin()->first;
-            next = std::min({next, nextBeat.value_or(end + 1), nextTick.value_or(end + 1)});
-        }
-        now = end;
-    }
-
-    void takeSemaphore(const Step& then)
-    {
-        if (semaphore == 0) {
-            semaphoreQueue.push_back([this, then] { takeSemaphore(then); });
-            return;
-        }
-        --semaphore;
-        call("sem_wait");
-        then();
-    }
-
-    // One update writes at a time, supervised or not.
-    void lockUpdates(const Step& then)
-    {
-        if (areUpdatesLocked) {
-            updateQueue.push_back([this, then] { lockUpdates(then); });
-            return;
-        }
-        areUpdatesLocked = true;
-        then();
-    }
-
-    void wakeFirst(std::deque<Step>& queue)
-    {
-        if (!queue.empty()) {
-            ready.push_back(queue.front());
-            queue.pop_front();
-        }
-    }
-
-    // ---- What is noted ----
-
-    void note(const std::string& line)
-    {
-        if (!ended) {
-            trace.push_back(line);
-        }
-    }
-
-    void error(const std::string& text) { note("log 6 " + text); }
-    void info(const std::string& text) { note("log 4 " + text); }
-    void call(const std::string& name, const std::string& arguments = "")
-    {
-        note(name + "(" + arguments + ")");
-    }
-
-    void ask(const Image& module, const std::string& function, const std::string& arguments = "")
-    {
-        call(module.made.name + " " + function, arguments);
-    }
-
-    void setContext(const Image& module, int caller)
-    {
-        ask(module, "setContext", quoted(module.made.name) + ", " + number(caller) + ", \"\"");
-    }
-
-    bool failsOnce(const std::string& function) { return failures.erase(function) != 0; }
+    // ---- Keys and power ----
 
     int readKey(const std::string& key, int fallback)
     {
@@ -295,6 +131,12 @@ private:
         return working;
     }
 
+    bool isSwitchedOn()
+    {
+        call("pwrctl_get_state");
+        return !failsOnce("pwrctl_get_state") && powerLevel == 0;
+    }
+
     void unlockPower(int kind)
     {
         call("pwrctl_unlock_state", number(kind));
@@ -317,19 +159,22 @@ private:
             return false;
         }
         for (const Image& image : images) {
-            setContext(image, 2);
+            modules.setContext(image, 2);
             if (image.made.id.empty()) {
                 error("Not Update Symbol [" + image.made.name + "]");
             } else {
-                ask(image, "getEMPID");
+                modules.ask(image, "getEMPID");
             }
         }
         call("sysprop_get_value_string", "128");
         info("SWModel : MODEL-A");
-        call("sem_open", kSemaphore);
+        openSemaphore();
         call("hangwatch_register_watchdog_service", "60");
-        nextBeat = now + 5 * kSecond;
-        nextTick = now + kSecond;
+        addTimer(5 * kSecond, [this] {
+            call("hangwatch_watchdog_notify");
+            return true;
+        });
+        addTimer(kSecond, [this] { return tick(); });
         state = 1;
         return true;
     }
@@ -367,8 +212,9 @@ private:
         error("service finalize");
         call("FlagpostResetEvent", kIgnoreResume);
         isRunning = false;
-        call("sem_open", kSemaphore);
-        call("sem_close");
+        if (openSemaphore()) {
+            call("sem_close");
+        }
         call("pwrctl_unsubscribe_state_changed_event");
         call("pwrctl_unsubscribe_poweroff_event");
         unlockPower(2);
@@ -406,8 +252,9 @@ private:
         } else if (previous == 0 && current == 2 && mayStandbyUpdate) {
             error(states + " try fw update");
             isUpdateRunning = true;
-            spawn([this] { updateAll([this] { finalize(); }); });
-            mayStandbyUpdate = false;
+            const bool isStarted = spawn([this] { updateAll([this] { finalize(); }); });
+            isUpdateRunning = isStarted;
+            mayStandbyUpdate = !isStarted;
         }
     }
 
@@ -430,167 +277,8 @@ private:
     void allUpdatesDone()
     {
         error("Try allDoUpdateDone");
-        tellAll();
+        modules.tellAll();
         error("allDoUpdateDone Done");
-    }
-
-    void tellAll()
-    {
-        for (const Image& image : images) {
-            ask(image, "allUpdateDone");
-        }
-    }
-
-    // ---- One module ----
-
-    bool unmount(Image& module)
-    {
-        const std::string directory = module.mountPoint();
-        if (!module.hasMountPoint) {
-            error("Umount dir[" + directory + "] is invalid.");
-            return false;
-        }
-        call("PS_Umount", quoted(directory));
-        if (module.mounts == 0) {
-            error("Error(iRet1=-1, iRet2=22) while unmounitng [" + directory + "]");
-            return false;
-        }
-        --module.mounts;
-        info("Umount dir[" + directory + "] successfully.");
-        return true;
-    }
-
-    bool mount(Image& module)
-    {
-        if (!module.hasPackage) {
-            error("Error: file no exist (" + module.file() + ")");
-            return false;
-        }
-        unmount(module);
-        module.hasMountPoint = true;
-        const std::string command = "-o ro,loop,nodev,nosuid " + module.file() + " " + module.mountPoint();
-        info("PsMntCmd:[" + command + "]");
-        call("PS_Mount", quoted(command));
-        if (failsOnce("PS_Mount")) {
-            info("Fail PS_Mount: file:[" + module.file() + "], dest:[" + module.mountPoint() +
-                 "], retVal:[-1], result:[0]");
-            info("loop count is 1, mount count is 0"); // a node is free: another one would not help
-            error("Error: Firmware EMP Mount Fail.(" + module.made.id + ")");
-            return false;
-        }
-        ++module.mounts;
-        return true;
-    }
-
-    void unmountPackage(Image& module)
-    {
-        error(unmount(module) ? "EMP UMount Success " + module.file()
-                              : "Error: Firmware EMP UMount Fail.(" + module.made.id + ")");
-    }
-
-    int check(Image& module, int caller)
-    {
-        if (module.firmware.empty()) {
-            error("Error: m_fwName (ret empId)  empty.(" + module.made.name + ")");
-            return -1;
-        }
-        error(module.firmware + " Firmware isNeedUpdateModules Try(" + module.made.name + ")");
-        if (caller == kFromPackage && !mount(module)) {
-            return -1;
-        }
-        setContext(module, caller);
-        const Source& source = module.source(caller);
-        const std::string image = module.directory(caller) + module.firmware + ".bin";
-        if (source.content == Source::kAbsent) {
-            error("Error: Firmware binary file no exist (" + image + ")");
-            return -1;
-        }
-        module.uiUse = source.uiUse;
-        const std::string failed = "Error: " + module.firmware + " Firmware ";
-        if (caller == kFromSystem && source.uiUse == "none") {
-            error(failed + "does not have proper UI information in " + module.directory(caller) +
-                  "info.json");
-            return -1;
-        }
-        if (source.content == Source::kBroken) {
-            error(failed + "CRC32 different");
-            return -1;
-        }
-        ask(module, "checkVersion", quoted(number(source.verdict)));
-        if (source.verdict < 1) {
-            setContext(module, 2);
-            ask(module, "getActiveVersion");
-            error("Error: " + (caller == kFromPackage ? module.file() : image) +
-                  " not need update, version is 1.0");
-        }
-        module.isBuiltIn = caller == kFromSystem;
-        module.isNeeded = source.verdict == 1;
-        module.expected = source.expected;
-        return source.verdict;
-    }
-
-    void update(Image& module, int caller, const Step& done)
-    {
-        error(module.firmware + " Firmware Update Try");
-        if (caller == kFromPackage && !mount(module)) {
-            done();
-            return;
-        }
-        const Source& source = module.source(caller);
-        module.uiUse = source.uiUse;
-        lockUpdates([=, &module, &source] {
-            setContext(module, caller);
-            ask(module, "checkVersion", quoted(number(source.verdict)));
-            if (source.verdict >= 1 && source.content == Source::kSound) {
-                write(module, caller, done);
-                return;
-            }
-            const bool isNeeded = source.verdict >= 1;
-            error("Error: " + module.firmware + " Firmware " +
-                  (isNeeded ? "crc32 different" : "not need update"));
-            if (!isNeeded && caller == kFromPackage) {
-                unmountPackage(module);
-            }
-            unlockUpdates(done);
-        });
-    }
-
-    void write(Image& module, int caller, const Step& done)
-    {
-        error("========== [ " + module.firmware + " update start ] ==========");
-        ask(module, "doUpdate", quoted(module.directory(caller) + module.firmware + ".bin") + ", 0");
-        const int result = updateMode == "fail" ? 7 : 0;
-        const Step finish = [=, &module] {
-            written(module, caller, result);
-            unlockUpdates(done);
-        };
-        if (updateMode == "hang") {
-            hanging.push_back(finish);
-        } else if (updateMode == "quick") {
-            finish();
-        } else {
-            sleep(updateMode == "slow" ? 5 * kSecond : 100, finish);
-        }
-    }
-
-    void written(Image& module, int caller, int result)
-    {
-        if (result != 0) {
-            error("Error: " + module.firmware + " Firmware doUpdate Fail 7 (5:Input/output error)");
-            return;
-        }
-        error("========== [ " + module.firmware + " update succeeded ] ==========");
-        if (caller == kFromPackage) {
-            module.hasPackage = false;
-            unmountPackage(module);
-        }
-    }
-
-    void unlockUpdates(const Step& done)
-    {
-        areUpdatesLocked = false;
-        wakeFirst(updateQueue);
-        done();
     }
 
     // ---- Runs over all modules ----
@@ -600,8 +288,8 @@ private:
         int positive = 0;
         list = "";
         for (Image& image : images) {
-            const int found =
-                (check(image, kFromSystem) == 1 ? 1 : 0) + (check(image, kFromPackage) == 1 ? 1 : 0);
+            const int found = (modules.check(image, kFromSystem) == 1 ? 1 : 0) +
+                              (modules.check(image, kFromPackage) == 1 ? 1 : 0);
             if (found > 0) {
                 positive += found;
                 *list += image.made.name + " " + image.made.id + "\n";
@@ -612,39 +300,63 @@ private:
     }
 
     struct Wait {
-        std::optional<std::multimap<int64_t, Step>::iterator> sleeper; // none: nobody waits
+        std::optional<Sleeper> sleeper; // none: nobody waits
         Step goOn;
     };
+
+    bool openSemaphore()
+    {
+        call("sem_open", kSemaphore);
+        if (failsOnce("sem_open")) {
+            error("Parent\t: [sem_open] Failed\n");
+            return false;
+        }
+        return true;
+    }
 
     // An update on a thread of its own, with a limit after which it is left alone.
     void supervise(Image& module, int caller, const Step& then)
     {
         error(module.firmware + " update time " + number(module.expected) + " sec");
-        call("sem_open", kSemaphore);
-        takeSemaphore([=, &module] {
-            const auto wait = std::make_shared<Wait>();
-            const int64_t deadline = now + (int64_t{module.expected} + 2) * kSecond;
-            wait->goOn = [=, &module] {
-                wait->sleeper.reset();
-                ++semaphore;
-                call("sem_post");
-                wakeFirst(semaphoreQueue);
-                if (now >= deadline) { // by the clock, whether or not the update is over
-                    error(module.firmware + " update timeout");
-                    error("Error : " + module.firmware + " update timeout");
-                }
-                then();
-            };
-            spawn([=, &module] {
-                update(module, caller, [=] {
-                    if (wait->sleeper && now < deadline) { // a signal that nobody waits for yet is lost
-                        sleepers.erase(*wait->sleeper);
-                        ready.push_back(wait->goOn);
-                    }
-                });
-            });
-            wait->sleeper = sleepers.emplace(deadline, wait->goOn);
+        if (!openSemaphore()) {
+            then();
+            return;
+        }
+        pass(semaphore, [=, &module] {
+            call("sem_wait");
+            superviseAlone(module, caller, then);
         });
+    }
+
+    void superviseAlone(Image& module, int caller, const Step& then)
+    {
+        const auto wait = std::make_shared<Wait>();
+        const int64_t deadline = now + (int64_t{module.expected} + 2) * kSecond;
+        wait->goOn = [=, &module] {
+            wait->sleeper.reset();
+            call("sem_post");
+            leave(semaphore);
+            if (now >= deadline) { // by the clock, whether or not the update is over
+                error(module.firmware + " update timeout");
+                error("Error : " + module.firmware + " update timeout");
+            }
+            then();
+        };
+        const bool isStarted = spawn([=, &module] {
+            modules.update(module, caller, [=] {
+                if (wait->sleeper && now < deadline) { // a signal that nobody waits for yet is lost
+                    wake(*wait->sleeper);
+                }
+            });
+        });
+        if (isStarted) {
+            wait->sleeper = sleepUntil(deadline, wait->goOn);
+            return;
+        }
+        call("sem_post");
+        leave(semaphore);
+        error("Error : Resource temporarily unavailable");
+        then();
     }
 
     void updateFrom(size_t first, bool isUIRun, const Step& then)
@@ -661,7 +373,7 @@ private:
                 return;
             }
         }
-        tellAll();
+        modules.tellAll();
         if (!isUIRun) {
             error("pwrctl_unlock_state");
             unlockPower(2);
@@ -671,13 +383,15 @@ private:
         then();
     }
 
-    void startRun(bool isUIRun, uint32_t modules, const Step& then)
+    void startRun(bool isUIRun, uint32_t pending, const Step& then)
     {
         const int kind = isUIRun ? 0 : 2;
         error("about total update time is " + number(totalMs) +
               " ms, Lock the power during about that time.");
-        call("pwrctl_lock_state", number(kind) + ", " + number(modules * 5000 + totalMs));
-        locks.push_back(kind);
+        call("pwrctl_lock_state", number(kind) + ", " + number(pending * 5000 + totalMs));
+        if (!failsOnce("pwrctl_lock_state")) {
+            locks.push_back(kind);
+        }
         error("pwrctl_lock_state done");
         updateFrom(0, isUIRun, then);
     }
@@ -708,8 +422,7 @@ private:
         doneSeconds = 0;
         error("Try doUpdateFirmwareUI");
         call("FlagpostEventDone", kIgnoreResume);
-        call("pwrctl_get_state");
-        if (powerLevel == 0) {
+        if (isSwitchedOn()) {
             startRun(true, count, [this] { state = 13; });
         } else {
             state = 13;
@@ -721,7 +434,7 @@ private:
         uint32_t partial = 0;
         for (const Image& image : images) {
             if (image.made.name == updating) {
-                ask(image, "getUpdateProgress");
+                modules.ask(image, "getUpdateProgress");
                 partial = libraryProgress * image.expected / 100;
             }
         }
@@ -769,9 +482,9 @@ private:
     }
 
     // Modules for the background keep the service alive, without its timer.
-    bool restFor(uint32_t modules)
+    bool restFor(uint32_t others)
     {
-        if (modules == 0) {
+        if (others == 0) {
             finalize();
         }
         return false;
@@ -826,8 +539,7 @@ private:
             sleep(kSecond, [=] { checkManager(testsLeft - 1); });
             return;
         }
-        call("pwrctl_get_state");
-        isLaunchAllowed = powerLevel == 0 && isManagerReady && !isFactoryMarked && readWorking() == 0;
+        isLaunchAllowed = isSwitchedOn() && isManagerReady && !isFactoryMarked && readWorking() == 0;
         if (isLaunchAllowed) {
             writeKey(kWorking, 1);
         }
@@ -897,26 +609,14 @@ private:
         }
     }
 
-    std::deque<Image> images;
+    Modules modules{*this};
+    std::deque<Image>& images = modules.all;
+    Gate semaphore;
     std::string lastStatus;
 
-    int64_t now = 1000000;
-    std::string threads;
-    std::deque<Step> ready;
-    std::multimap<int64_t, Step> sleepers;
-    int semaphore = 1;
-    std::deque<Step> semaphoreQueue;
-    bool areUpdatesLocked = false;
-    std::deque<Step> updateQueue;
-    std::deque<Step> hanging;
-    std::optional<int64_t> nextBeat;
-    std::optional<int64_t> nextTick;
-
     std::map<std::string, int> keys;
-    std::set<std::string> failures;
     int powerLevel = 0;
     bool failsLaunch = false;
-    std::string updateMode = "ok";
     uint32_t libraryProgress = 42;
     std::optional<std::string> list;
     std::vector<int> locks;

@@ -8,29 +8,14 @@
 #ifndef PROOF_MODEL_H
 #define PROOF_MODEL_H
 
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "tests/proof/model/modules.h"
+
 namespace proof
 {
-
-// What lies at one place that a module's image may come from.
-struct Source {
-    enum Content { kAbsent, kBroken, kSound }; // broken: the checksum is another one
-    Content content = kAbsent;
-    int verdict = 0; // of the control library on its version
-    std::string uiUse = "none";
-    uint32_t expected = 0; // seconds
-};
-
-struct Module {
-    std::string name;
-    std::string id; // of its package, "emp" and more; empty for an external module
-    Source builtIn;
-    Source package;
-};
 
 // A set before the service starts.
 struct Television {

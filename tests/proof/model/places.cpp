@@ -46,17 +46,17 @@ Function* real(Function*, const char* name)
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-// An empty image, whose checksum is 0, and its information file.
+// An image of the one byte 1, whose checksum is known without a computation, and its information file.
 void writeSource(const fs::path& directory, const std::string& firmware, const Source& source)
 {
     if (source.content == Source::kAbsent) {
         return;
     }
     fs::create_directories(directory);
-    std::ofstream(directory / (firmware + ".bin"));
+    std::ofstream(directory / (firmware + ".bin")) << '\1';
     std::ofstream(directory / "info.json")
         << R"({"version": ")" << source.verdict << R"(", "crc": )"
-        << (source.content == Source::kBroken ? 1 : 0) << R"(, "expected_time": )" << source.expected
+        << (source.content == Source::kBroken ? 1 : 28458147) << R"(, "expected_time": )" << source.expected
         << R"(, "ui_use": ")" << source.uiUse << "\"}";
 }
 
