@@ -249,9 +249,10 @@ std::optional<Difference> Campaign::runEvery(const Case& beginning, int depth)
             return beginning.events[self.length()];
         }
         if (self.length() < given + static_cast<size_t>(depth)) {
-            for (const std::string& event : fewEvents()) {
-                if (self.fork()) {
-                    return event;
+            const std::vector<std::string>& few = fewEvents();
+            for (size_t at = 0; at < few.size(); ++at) {
+                if (at + 1 == few.size() || self.fork()) { // the last one needs no copy
+                    return few[at];
                 }
             }
         }

@@ -19,7 +19,6 @@ const std::string kWorking = "memory/enterprise/swupgrade/working_status";
 const std::string kMirroring = "memory/menu/network/screenmirroring/smsrc_status";
 const std::string kDownloaded = "\"/tmp/.fw_download_ready\"";
 const std::string kIgnoreResume = "\"/tmp/.ignore_resume\"";
-const std::string kSemaphore = "/SEM_UPDATE_CONTROL, 0600, 1";
 
 } // namespace
 
@@ -61,7 +60,7 @@ public:
             {"jump", [&] { setNow((now / kSecond + value) * kSecond); }}, // to a whole second
             {"power", [&] { onPower(value, atoi(rest.c_str() + rest.find('>') + 1)); }},
             {"level", [&] { powerLevel = value; }},
-            {"poweroff", [&] { onPowerOff(); }},
+            {"poweroff", [&] { allUpdatesDone(), finalize(); }},
             {"key", [&] { onKey(rest, value); }},
             {"mirror", [&] { onMirroring(rest, value); }},
             {"working", [&] { keys[kWorking] = value; }},
@@ -104,45 +103,6 @@ public:
     }
 
 private:
-    // ---- Keys and power ----
-
-    int readKey(const std::string& key, int fallback)
-    {
-        call("pralis_get_int", quoted(key));
-        return failsOnce("pralis_get_int:" + key) || keys.count(key) == 0 ? fallback : keys[key];
-    }
-
-    void writeKey(const std::string& key, int value)
-    {
-        call("pralis_set_int", quoted(key) + ", " + number(value));
-        if (failsOnce("pralis_set_int:" + key)) {
-            error("Failed to save pralis [" + number(value) + "]");
-        } else {
-            keys[key] = value;
-        }
-    }
-
-    int readWorking()
-    {
-        const int working = readKey(kWorking, -1);
-        if (working == -1) {
-            error("Failed to read pralis [0]");
-        }
-        return working;
-    }
-
-    bool isSwitchedOn()
-    {
-        call("pwrctl_get_state");
-        return !failsOnce("pwrctl_get_state") && powerLevel == 0;
-    }
-
-    void unlockPower(int kind)
-    {
-        call("pwrctl_unlock_state", number(kind));
-        locks.erase(std::remove(locks.begin(), locks.end(), kind), locks.end());
-    }
-
     // ---- Life of the service ----
 
     bool initialize()
@@ -158,14 +118,7 @@ private:
             error("Error: SymbolManager load fail!\n");
             return false;
         }
-        for (const Image& image : images) {
-            modules.setContext(image, 2);
-            if (image.made.id.empty()) {
-                error("Not Update Symbol [" + image.made.name + "]");
-            } else {
-                modules.ask(image, "getEMPID");
-            }
-        }
+        modules.load();
         call("sysprop_get_value_string", "128");
         info("SWModel : MODEL-A");
         openSemaphore();
@@ -184,18 +137,14 @@ private:
         call("FlagpostIsDone", kDownloaded);
         if (!wereAsked) {
             state = 2;
-            for (const Image& image : images) {
-                if (!image.made.id.empty()) {
-                    call("ABM_DownloadAppBinary", "null, null, " + quoted(image.made.id));
-                    info("Request (" + image.made.id + ") emp download");
-                }
-            }
+            modules.request();
             state = 3;
             call("FlagpostIsDone", kDownloaded);
             call("FlagpostEventDone", kDownloaded);
         }
         state = 4;
-        if (writeList() == 0) {
+        list = "";
+        if (modules.checkAll(*list) == 0) {
             info("no update module item!\n");
             finalize();
         } else {
@@ -258,12 +207,6 @@ private:
         }
     }
 
-    void onPowerOff()
-    {
-        allUpdatesDone();
-        finalize();
-    }
-
     void onMirroring(const std::string& text, int value)
     {
         if (text == "null") {
@@ -283,80 +226,51 @@ private:
 
     // ---- Runs over all modules ----
 
-    int writeList()
-    {
-        int positive = 0;
-        list = "";
-        for (Image& image : images) {
-            const int found = (modules.check(image, kFromSystem) == 1 ? 1 : 0) +
-                              (modules.check(image, kFromPackage) == 1 ? 1 : 0);
-            if (found > 0) {
-                positive += found;
-                *list += image.made.name + " " + image.made.id + "\n";
-                error("Need Update [" + image.made.name + "][" + image.made.id + "]");
-            }
-        }
-        return positive;
-    }
-
     struct Wait {
         std::optional<Sleeper> sleeper; // none: nobody waits
-        Step goOn;
+        bool isStarted = true;
     };
 
-    bool openSemaphore()
-    {
-        call("sem_open", kSemaphore);
-        if (failsOnce("sem_open")) {
-            error("Parent\t: [sem_open] Failed\n");
-            return false;
-        }
-        return true;
-    }
-
-    // An update on a thread of its own, with a limit after which it is left alone.
     void supervise(Image& module, int caller, const Step& then)
     {
         error(module.firmware + " update time " + number(module.expected) + " sec");
-        if (!openSemaphore()) {
+        if (openSemaphore()) {
+            pass(semaphore, [=, &module] { superviseAlone(module, caller, then); });
+        } else {
             then();
-            return;
         }
-        pass(semaphore, [=, &module] {
-            call("sem_wait");
-            superviseAlone(module, caller, then);
-        });
     }
 
+    // An update on a thread of its own, with a limit after which it is left alone.
     void superviseAlone(Image& module, int caller, const Step& then)
     {
         const auto wait = std::make_shared<Wait>();
         const int64_t deadline = now + (int64_t{module.expected} + 2) * kSecond;
-        wait->goOn = [=, &module] {
+        const auto end = [=](const std::string& failure) {
             wait->sleeper.reset();
             call("sem_post");
             leave(semaphore);
             if (now >= deadline) { // by the clock, whether or not the update is over
-                error(module.firmware + " update timeout");
-                error("Error : " + module.firmware + " update timeout");
+                error(failure);
+            }
+            if (now >= deadline || !wait->isStarted) {
+                error("Error : " + failure);
             }
             then();
         };
-        const bool isStarted = spawn([=, &module] {
+        call("sem_wait");
+        wait->isStarted = spawn([=, &module] {
             modules.update(module, caller, [=] {
                 if (wait->sleeper && now < deadline) { // a signal that nobody waits for yet is lost
                     wake(*wait->sleeper);
                 }
             });
         });
-        if (isStarted) {
-            wait->sleeper = sleepUntil(deadline, wait->goOn);
-            return;
+        if (wait->isStarted) {
+            wait->sleeper = sleepUntil(deadline, [=, &module] { end(module.firmware + " update timeout"); });
+        } else {
+            end("Resource temporarily unavailable");
         }
-        call("sem_post");
-        leave(semaphore);
-        error("Error : Resource temporarily unavailable");
-        then();
     }
 
     void updateFrom(size_t first, bool isUIRun, const Step& then)
@@ -388,10 +302,7 @@ private:
         const int kind = isUIRun ? 0 : 2;
         error("about total update time is " + number(totalMs) +
               " ms, Lock the power during about that time.");
-        call("pwrctl_lock_state", number(kind) + ", " + number(pending * 5000 + totalMs));
-        if (!failsOnce("pwrctl_lock_state")) {
-            locks.push_back(kind);
-        }
+        lockPower(kind, pending * 5000 + totalMs);
         error("pwrctl_lock_state done");
         updateFrom(0, isUIRun, then);
     }
@@ -504,6 +415,15 @@ private:
         expectedMs = totalMs;
     }
 
+    int readWorking()
+    {
+        const int working = readKey(kWorking, -1);
+        if (working == -1) {
+            error("Failed to read pralis [0]");
+        }
+        return working;
+    }
+
     void endSession()
     {
         call("pralis_ignore_key_changed", quoted(kStatus));
@@ -611,15 +531,11 @@ private:
 
     Modules modules{*this};
     std::deque<Image>& images = modules.all;
-    Gate semaphore;
     std::string lastStatus;
 
-    std::map<std::string, int> keys;
-    int powerLevel = 0;
     bool failsLaunch = false;
     uint32_t libraryProgress = 42;
     std::optional<std::string> list;
-    std::vector<int> locks;
     bool isManagerReady;
     bool isFactoryMarked;
     bool wereAsked;

@@ -41,6 +41,43 @@ void Modules::setContext(const Image& module, int caller)
     ask(module, "setContext", quoted(module.made.name) + ", " + number(caller) + ", \"\"");
 }
 
+void Modules::load()
+{
+    for (const Image& image : all) {
+        setContext(image, 2);
+        if (image.made.id.empty()) {
+            stage.error("Not Update Symbol [" + image.made.name + "]");
+        } else {
+            ask(image, "getEMPID");
+        }
+    }
+}
+
+void Modules::request()
+{
+    for (const Image& image : all) {
+        if (!image.made.id.empty()) {
+            stage.call("ABM_DownloadAppBinary", "null, null, " + quoted(image.made.id));
+            stage.info("Request (" + image.made.id + ") emp download");
+        }
+    }
+}
+
+int Modules::checkAll(std::string& lines)
+{
+    int positive = 0;
+    for (Image& image : all) {
+        const int builtIn = check(image, kFromSystem) == 1 ? 1 : 0;
+        const int packaged = check(image, kFromPackage) == 1 ? 1 : 0;
+        positive += builtIn + packaged;
+        if (builtIn + packaged > 0) {
+            lines += image.made.name + " " + image.made.id + "\n";
+            stage.error("Need Update [" + image.made.name + "][" + image.made.id + "]");
+        }
+    }
+    return positive;
+}
+
 void Modules::tellAll()
 {
     for (const Image& image : all) {

@@ -58,11 +58,12 @@ public:
 
     // Asks the control library.
     void ask(const Image& module, const std::string& function, const std::string& arguments = "");
-    void setContext(const Image& module, int caller);
+    void load();
+    void request(); // their packages
+    // How many checks were positive; adds the lines of the list.
+    int checkAll(std::string& lines);
     void tellAll(); // that the updates are done
 
-    // 1: it needs the update.
-    int check(Image& module, int caller);
     void update(Image& module, int caller, const Stage::Step& done);
     void freeHanging();
 
@@ -70,6 +71,8 @@ public:
     std::string updateMode = "ok";
 
 private:
+    void setContext(const Image& module, int caller);
+    int check(Image& module, int caller); // 1: it needs the update
     bool unmount(Image& module);
     bool mount(Image& module);
     void unmountPackage(Image& module);

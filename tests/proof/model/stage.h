@@ -22,6 +22,16 @@ namespace proof
 
 constexpr int64_t kSecond = 1000;
 
+inline std::string number(int64_t value)
+{
+    return std::to_string(value);
+}
+
+inline std::string quoted(const std::string& text)
+{
+    return "\"" + text + "\"";
+}
+
 class Stage
 {
 public:
@@ -134,12 +144,64 @@ public:
     }
     bool failsOnce(const std::string& function) { return failures.erase(function) != 0; }
 
+    // ---- Keys, power, semaphore ----
+
+    int readKey(const std::string& key, int fallback)
+    {
+        call("pralis_get_int", quoted(key));
+        return failsOnce("pralis_get_int:" + key) || keys.count(key) == 0 ? fallback : keys[key];
+    }
+
+    void writeKey(const std::string& key, int value)
+    {
+        call("pralis_set_int", quoted(key) + ", " + number(value));
+        if (failsOnce("pralis_set_int:" + key)) {
+            error("Failed to save pralis [" + number(value) + "]");
+        } else {
+            keys[key] = value;
+        }
+    }
+
+    bool isSwitchedOn()
+    {
+        call("pwrctl_get_state");
+        return !failsOnce("pwrctl_get_state") && powerLevel == 0;
+    }
+
+    void lockPower(int kind, uint32_t duration)
+    {
+        call("pwrctl_lock_state", number(kind) + ", " + number(duration));
+        if (!failsOnce("pwrctl_lock_state")) {
+            locks.push_back(kind);
+        }
+    }
+
+    void unlockPower(int kind)
+    {
+        call("pwrctl_unlock_state", number(kind));
+        locks.erase(std::remove(locks.begin(), locks.end(), kind), locks.end());
+    }
+
+    bool openSemaphore()
+    {
+        call("sem_open", "/SEM_UPDATE_CONTROL, 0600, 1");
+        if (failsOnce("sem_open")) {
+            error("Parent\t: [sem_open] Failed\n");
+            return false;
+        }
+        return true;
+    }
+
     int64_t now = 1000 * kSecond;
     std::string threads = "lazy";
     std::deque<Step> ready;
     std::vector<std::string> trace;
     std::set<std::string> failures; // calls that fail the next time
-    bool ended = false;             // nothing is noted any more, and nobody gets a turn
+    std::map<std::string, int> keys;
+    int powerLevel = 0;
+    std::vector<int> locks; // by kind
+    Gate semaphore;
+    bool ended = false; // nothing is noted any more, and nobody gets a turn
 
 private:
     struct Timer {
@@ -164,16 +226,6 @@ private:
     std::multimap<int64_t, Step> sleepers;
     std::vector<Timer> timers;
 };
-
-inline std::string number(int64_t value)
-{
-    return std::to_string(value);
-}
-
-inline std::string quoted(const std::string& text)
-{
-    return "\"" + text + "\"";
-}
 
 } // namespace proof
 
