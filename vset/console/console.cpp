@@ -91,9 +91,12 @@ Console::Console(GDBusConnection* bus, SetModel& set)
       screen_([this](const std::string& application, const std::string& button) {
           object_.emit("ScreenInput", g_variant_new("(s)", button.c_str()), application.c_str());
       }),
-      web_((loadOptions(), port_),
-           {[this] { return greeting(); }, [this](const Json::Value& order) { return carryOut(order); },
-            [this](const std::string& name) { return usb_.add(name); }})
+      web_((loadOptions(), port_), {[this] {
+                                        modules_.ask();
+                                        return greeting();
+                                    },
+                                    [this](const Json::Value& order) { return carryOut(order); },
+                                    [this](const std::string& name) { return usb_.add(name); }})
 {
     port_ = web_.port();
     saveOptions(Keeping::kUntilPowerOff); // a boot waits for no disk

@@ -44,7 +44,7 @@ private:
     std::map<std::string, Package> packages_;    // by the image's path
     std::vector<std::function<void()>> waiting_;
     size_t unanswered_ = 0;
-    Json::Value shown_ = Json::arrayValue;
+    Json::Value shown_; // null until the first round has ended
 };
 
 } // namespace vset

@@ -49,7 +49,7 @@ export class Modules {
   update() {
     const modules = this.model.modules ?? [];
     const pending = modules.filter((module) => module.pending).length;
-    setText($("list-note"), modules.length === 0 ? "no control library is installed in the set"
+    setText($("list-note"), !this.model.modules ? "the control libraries are being asked" : modules.length === 0 ? "no control library is installed in the set"
       : pending ? `${pending} on the update list` : "nothing is on the update list");
     replace($("modules"), ...modules.map(card));
     for (const bar of $("modules").querySelectorAll("[data-live]")) bar.style.width = `${bar.dataset.live}%`;
