@@ -25,4 +25,4 @@ install(CODE "file(CREATE_LINK ${vset_from_bin}
 
 # Nothing else has to be built for it.
 add_custom_target(sdk-kit)
-add_dependencies(sdk-kit fwmod ${kit_programs} vset-clock tarnwick fwctl tarnwick-platform)
+add_dependencies(sdk-kit fwmod ${kit_programs} vset-clock tarnwick fwctl tarnwick-platform tarnwick-television)

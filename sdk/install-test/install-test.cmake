@@ -12,4 +12,6 @@ run(${CMAKE_COMMAND} -S ${SDK}/install-test -B ${WORK}/build -DCMAKE_PREFIX_PATH
     -DINSTALLED=${WORK}/moved -DSDK=${SDK})
 run(${CMAKE_COMMAND} --build ${WORK}/build)
 run(${WORK}/moved/bin/fwmod --help)
+set(images ${BUILD}/sdk/examples/images)
+run(${WORK}/build/whole-story ${WORK}/build/tuner-module/tuner.so ${images}/1.0/hardware/tuner ${images}/1.1/empTuner.img)
 run(${SDK}/install-test/moved-kit ${WORK}/moved ${BUILD})

@@ -18,7 +18,7 @@ echo '{}' >build/Panel/info.json
 echo chip >chips/tuner
 echo chip >chips/panel
 echo image >stick/deep/Tuner.bin
-printf -- '-----BEGIN PUBLIC KEY-----\nx\n-----END PUBLIC KEY-----\n' >build/maker.pub.pem
+printf -- 'of the maker\n-----BEGIN PUBLIC KEY-----\nx\n-----END PUBLIC KEY-----\n' >build/maker.pub.pem
 # lies PATH TEXT: in the set's directory.
 lies() { [ "$(cat "$set_/$1" 2>/dev/null)" = "$2" ] || fail "$1 is not \"$2\" but \"$(cat "$set_/$1")\""; }
 # owned PATH USER:GROUP

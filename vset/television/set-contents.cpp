@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "common/errors.h"
+#include "common/file-copy.h"
 
 namespace vset
 {
@@ -63,15 +64,34 @@ void giveToOwnerOf(const fs::path& directory, const fs::path& tree)
     }
 }
 
+// A file that is written anew stays whose it was, and open to whom it was.
+bool keepOwnerAndMode(const fs::path& target, const fs::path& unfinished)
+{
+    struct stat before {
+    };
+    if (lstat(target.c_str(), &before) != 0 || !S_ISREG(before.st_mode)) {
+        return false;
+    }
+    const bool isKept = (geteuid() != 0 || chown(unfinished.c_str(), before.st_uid, before.st_gid) == 0) &&
+                        chmod(unfinished.c_str(), before.st_mode & 07777) == 0;
+    if (!isKept) {
+        throw fs::filesystem_error("chown", target, std::error_code(errno, std::generic_category()));
+    }
+    return true;
+}
+
 // Makes `target` by way of a hidden neighbour, which `make` fills. Directories are exchanged one after the
 // other: rename() puts none over a full one.
-void replace(const fs::path& target, const std::function<void(const fs::path& unfinished)>& make)
+void replace(const fs::path& target, const std::function<void(const fs::path& unfinished)>& make,
+             bool isSameFile = false)
 {
     const fs::path unfinished = unfinishedNameOf(target);
     try {
         fs::create_directories(target.parent_path());
         make(unfinished);
-        giveToOwnerOf(target.parent_path(), unfinished);
+        if (!isSameFile || !keepOwnerAndMode(target, unfinished)) {
+            giveToOwnerOf(target.parent_path(), unfinished);
+        }
         if (fs::is_directory(fs::symlink_status(target))) {
             fs::remove_all(target);
         }
@@ -165,25 +185,24 @@ fs::path SetContents::outside(const std::string& path) const
 
 void SetContents::write(const std::string& path, const std::string& content) const
 {
-    attempt("cannot write " + path + " of the set", [&] {
-        replace(outside(path), [&](const fs::path& unfinished) {
-            std::ofstream out(unfinished, std::ios::binary | std::ios::trunc);
-            out << content;
-            out.close();
-            if (!out) {
-                throw fs::filesystem_error("write", unfinished,
-                                           std::error_code(errno, std::generic_category()));
-            }
-        });
-    });
+    const auto make = [&content](const fs::path& unfinished) {
+        std::ofstream out(unfinished, std::ios::binary | std::ios::trunc);
+        out << content;
+        out.close();
+        if (!out) {
+            throw fs::filesystem_error("write", unfinished, std::error_code(errno, std::generic_category()));
+        }
+    };
+    attempt("cannot write " + path + " of the set", [&] { replace(outside(path), make, true); });
 }
 
 void SetContents::putFile(const fs::path& file, const std::string& directory, const std::string& name) const
 {
     requireFile(file);
     const fs::path target = outside(directory) / (name.empty() ? file.filename() : fs::path(name));
-    attempt("cannot put " + file.string() + " into the set",
-            [&] { replace(target, [&](const fs::path& unfinished) { fs::copy_file(file, unfinished); }); });
+    attempt("cannot put " + file.string() + " into the set", [&] {
+        replace(target, [&](const fs::path& unfinished) { common::copyFile(file, unfinished); });
+    });
 }
 
 void SetContents::putLibrary(const fs::path& file, Controls where) const
@@ -212,9 +231,8 @@ void SetContents::putFirmware(const fs::path& directory) const
         }
     }
     attempt("cannot put " + directory.string() + " into the set", [&] {
-        replace(outside(inset::kBuiltInFirmware) / name, [&](const fs::path& unfinished) {
-            fs::copy(directory, unfinished, fs::copy_options::recursive);
-        });
+        replace(outside(inset::kBuiltInFirmware) / name,
+                [&](const fs::path& unfinished) { common::copyTree(directory, unfinished); });
     });
 }
 
@@ -226,9 +244,8 @@ void SetContents::putHardware(const fs::path& chips) const
     }
     attempt("cannot put " + chips.string() + " into the set", [&] {
         for (const fs::directory_entry& chip : fs::directory_iterator(chips)) {
-            replace(outside(inset::kHardware) / chip.path().filename(), [&](const fs::path& unfinished) {
-                fs::copy(chip.path(), unfinished, fs::copy_options::recursive);
-            });
+            replace(outside(inset::kHardware) / chip.path().filename(),
+                    [&](const fs::path& unfinished) { common::copyTree(chip.path(), unfinished); });
         }
     });
 }
@@ -237,9 +254,8 @@ void SetContents::putStick(const fs::path& directory) const
 {
     requireDirectory(directory);
     attempt("the stick cannot be inserted", [&] {
-        replace(outside(inset::kStick), [&](const fs::path& unfinished) {
-            fs::copy(directory, unfinished, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-        });
+        replace(outside(inset::kStick),
+                [&](const fs::path& unfinished) { common::copyTree(directory, unfinished); });
     });
 }
 
@@ -259,9 +275,11 @@ void SetContents::putSigningKey(const fs::path& file) const
 {
     requireFile(file);
     std::ifstream in(file);
-    std::string start;
-    std::getline(in, start);
-    if (start.rfind("-----BEGIN PUBLIC KEY", 0) != 0) {
+    bool isKey = false; // text may stand before it
+    for (std::string line; !isKey && std::getline(in, line);) {
+        isKey = line.rfind("-----BEGIN PUBLIC KEY", 0) == 0;
+    }
+    if (!isKey) {
         fail(file.string(),
              "is no public key in PEM form (-----BEGIN PUBLIC KEY-----): make one of the signing "
              "key with `openssl pkey -in KEY -pubout`");

@@ -41,7 +41,7 @@ public:
     // The same; throws common::Failure in place of nothing.
     std::filesystem::path outside(const std::string& path) const;
 
-    // Replaces one file, making missing directories.
+    // Replaces one file, which keeps owner and mode if it was there; makes missing directories.
     void write(const std::string& path, const std::string& content) const;
     // A regular file of this machine, under another name or its own, into a directory of the set.
     void putFile(const std::filesystem::path& file, const std::string& directory,

@@ -1,4 +1,4 @@
-#include "process.h"
+#include "vset/television/process.h"
 
 #include <cerrno>
 #include <csignal>
@@ -16,7 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace service
+namespace vset
 {
 
 namespace
@@ -24,7 +24,7 @@ namespace
 
 [[noreturn]] void fail(const std::string& what)
 {
-    throw std::runtime_error(what + ": " + std::strerror(errno));
+    throw tarnwick::TelevisionError(what + ": " + std::strerror(errno));
 }
 
 [[noreturn]] void runChild(char* const* arguments, int input, int output)
@@ -87,7 +87,7 @@ pid_t Process::child() const
     std::ifstream children("/proc/" + id + "/task/" + id + "/children");
     pid_t child = -1;
     if (!(children >> child))
-        throw std::runtime_error("process " + id + " has no child");
+        throw tarnwick::TelevisionError("process " + id + " has no child");
     return child;
 }
 
@@ -118,9 +118,9 @@ std::optional<int> Process::waitFor(std::chrono::milliseconds longest)
     return status_;
 }
 
-Output run(const std::vector<std::string>& command)
+tarnwick::Output run(const std::vector<std::string>& command)
 {
-    std::string file = std::filesystem::temp_directory_path() / "service-test-XXXXXX";
+    std::string file = std::filesystem::temp_directory_path() / "television-XXXXXX";
     const int handle = mkstemp(file.data());
     if (handle < 0)
         fail(file);
@@ -135,17 +135,17 @@ Output run(const std::vector<std::string>& command)
     const std::string text{std::istreambuf_iterator<char>(in), {}};
     std::filesystem::remove(file);
     if (!status)
-        throw std::runtime_error("does not end: " + inWords(command) + "\n" + text);
+        throw tarnwick::TelevisionError("does not end: " + inWords(command) + "\n" + text);
     return {*status, text};
 }
 
 std::string runOrThrow(const std::vector<std::string>& command)
 {
-    Output output = run(command);
+    tarnwick::Output output = run(command);
     if (output.status != 0)
-        throw std::runtime_error(inWords(command) + " ended with status " + std::to_string(output.status) +
-                                 ": " + output.text);
+        throw tarnwick::TelevisionError(inWords(command) + " ended with status " +
+                                        std::to_string(output.status) + ": " + output.text);
     return output.text;
 }
 
-} // namespace service
+} // namespace vset

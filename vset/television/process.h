@@ -1,6 +1,6 @@
-// A program that a test has started, and its end.
-#ifndef SERVICE_PROCESS_H
-#define SERVICE_PROCESS_H
+// A program that was started, and its end.
+#ifndef VSET_TELEVISION_PROCESS_H
+#define VSET_TELEVISION_PROCESS_H
 
 #include <chrono>
 #include <optional>
@@ -9,7 +9,9 @@
 
 #include <sys/types.h>
 
-namespace service
+#include "tarnwick/television.h"
+
+namespace vset
 {
 
 // Far beyond what anything here takes: a wait that reaches it has failed, on however busy a machine.
@@ -19,7 +21,8 @@ class Process
 {
 public:
     // Starts a program (searched for in PATH). What it writes to standard output and error is appended to the
-    // file `output`; its standard input is a pipe that ends with this object. Throws std::runtime_error.
+    // file `output`; its standard input is a pipe that ends with this object. Throws
+    // tarnwick::TelevisionError.
     Process(const std::vector<std::string>& command, const std::string& output);
     // Kills it unless it has ended.
     ~Process();
@@ -43,17 +46,12 @@ private:
     std::optional<int> status_;
 };
 
-struct Output {
-    int status = 0;
-    std::string text; // of standard output and error
-};
-
 // Runs a program to its end, with nothing to read. Throws when it does not end within kPatience.
-Output run(const std::vector<std::string>& command);
+tarnwick::Output run(const std::vector<std::string>& command);
 
 // The same for a program that must succeed: throws with what it said.
 std::string runOrThrow(const std::vector<std::string>& command);
 
-} // namespace service
+} // namespace vset
 
 #endif
