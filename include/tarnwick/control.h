@@ -28,8 +28,9 @@
  * Every function returns int: 0 is success, any other value failure. A failure is logged by the daemon with
  * the value and, after doUpdate, with errno, so set errno to the cause. Nothing is retried. No exception may
  * leave a function (the daemon calls through C linkage), and no function may end the process, change its
- * directory, its signal handlers, its locale or its environment: the process is shared with every other
- * module.
+ * directory, its signal handlers, its locale, its environment or its file mode mask, or leave a timer or an
+ * alarm running: the process is shared with every other module. Close what a call has opened, and nothing
+ * else; wait for its children.
  *
  *
  * Threads
@@ -45,7 +46,8 @@
  * Memory
  *
  * Every pointer belongs to the daemon and is valid during the call only: copy what is needed later, free
- * nothing. Text is terminated, without a declared encoding; keep to ASCII.
+ * nothing. Behind the call the memory may hold something else. Text is terminated, without a declared
+ * encoding; keep to ASCII.
  *
  *
  * Time, time-outs, power
@@ -59,9 +61,13 @@
  *   - doUpdate(NAME, 0) and doUpdate_decryption are called without a time-out; the rest holds for them too.
  *   - An update that ends within a few milliseconds may be counted as timed out although it succeeded. Let
  *     every doUpdate take 100 ms or more.
+ *   - The questions (every function but the two that update) are asked module after module, while a viewer
+ *     may be waiting: answer within a second.
  *   - The process may end, or the power be cut, between any two writes, also in the middle of doUpdate. The
  *     next start must cope: write in an order in which the old or the new firmware is complete at every
- *     moment, and let the next doUpdate start over or resume. Destructors and exit handlers do not run.
+ *     moment, and let the next doUpdate start over or resume. Hardware that has room for one firmware only
+ *     tells a version below every other, such as 0.0, until there is a whole one again. Destructors and exit
+ *     handlers do not run.
  *
  * The interface is frozen: names, types and numbers below do not change.
  */
@@ -120,7 +126,8 @@ TARNWICK_CONTROL_EXPORT int getEMPID(char* out);
 /*
  * Required. Writes the version that the hardware runs now into out, a buffer of TARNWICK_CONTROL_TEXT_SIZE
  * bytes. Read it from the hardware, not from a note of the last update: it is what tells whether an update
- * worked. Called on the thread that checks or asks, before and after updates.
+ * worked. When the hardware does not answer, return a failure instead of what it told before. Called on the
+ * thread that checks or asks, before and after updates.
  */
 TARNWICK_CONTROL_EXPORT int getActiveVersion(char* out);
 
@@ -150,7 +157,8 @@ TARNWICK_CONTROL_EXPORT int checkVersion(const char* version, int* result);
  *
  * Runs on a worker thread of its own; the updates of two modules do not overlap, but see "Time, time-outs,
  * power" for how long it may and must take and for what happens when it is interrupted. When it fails, the
- * old firmware must still work.
+ * old firmware must still work. Further calls may follow in the same process, after a success as after a
+ * failure, and each begins from the beginning.
  */
 TARNWICK_CONTROL_EXPORT int doUpdate(const char* name, unsigned long value);
 

@@ -1,6 +1,7 @@
 #include "tools/fwmod/files.h"
 
 #include "common/file-copy.h"
+#include "common/regular-file.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/commands/command.h"
 
@@ -92,8 +93,9 @@ void requireReadable(const fs::path& path)
         throw common::Failure(path.string() + " does not exist: check the path");
     if (error)
         throw common::Failure("cannot look at " + path.string() + ": " + error.message());
-    if (!fs::is_regular_file(status))
-        throw common::Failure(path.string() + " is not a file: name the file itself");
+    const std::string special = common::problemOfSpecialFile(path);
+    if (!special.empty())
+        throw common::Failure(path.string() + " " + special + ": name the file itself");
     if (!std::ifstream(path))
         failOn(path, "read");
 }

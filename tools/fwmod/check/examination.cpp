@@ -116,6 +116,7 @@ void Examination::makeSet()
     if (!request_.hardware.empty()) {
         copyIntoSet(request_.hardware, inSet("/var/lib/hardware"));
         giveToDaemon(inSet("/var/lib/hardware"));
+        job_.hasHardware = true;
     }
     job_.name = name;
     job_.library = library;
@@ -305,6 +306,7 @@ void Examination::tellMeasured(const Measured& measured)
 {
     job_.versionBefore = measured.versionBefore.value_or("");
     job_.versionAfter = measured.versionAfter.value_or("");
+    job_.isRepeatable = measured.isRepeatable;
     job_.isVersionTold = measured.isVersionTold;
     job_.isOfferNewer = measured.isOfferNewer;
     job_.bytes = measured.bytes;
@@ -321,6 +323,11 @@ void Examination::examine()
     if (!measured.isLoaded) {
         notes.emplace_back("The library could not be loaded, so nothing else was checked.");
         return;
+    }
+    if (request_.hardware.empty() && result_.report.has(FindingId::QuestionFailed)) {
+        notes.emplace_back(
+            "No hardware was given, so the library has found none: give --hardware DIR with what "
+            "it looks for under /var/lib/hardware, and see what is left.");
     }
     checkNames(measured.identifier);
     if (!job_.hasImage()) {

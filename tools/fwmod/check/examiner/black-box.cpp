@@ -9,6 +9,7 @@
 #include <cxxabi.h>
 #include <exception>
 #include <new>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <system_error>
@@ -24,6 +25,35 @@ constexpr std::size_t kStackSize = 64 * 1024;
 BlackBox* box = nullptr;
 thread_local int ownCall = 0;
 
+// What the library's calls run on.
+struct Stack {
+    std::uintptr_t low = 0;
+    std::size_t size = 0;
+
+    // Just below its end, or in its last page: a frame may be large.
+    bool isUsedUpAt(const void* address) const
+    {
+        constexpr std::uintptr_t kBelow = 1 << 20;
+        constexpr std::uintptr_t kAbove = 4096;
+        const auto at = reinterpret_cast<std::uintptr_t>(address);
+        return size > 0 && at >= low - kBelow && at < low + kAbove;
+    }
+};
+thread_local Stack ownStack;
+
+Stack stackOfThisThread()
+{
+    pthread_attr_t attributes;
+    void* low = nullptr;
+    Stack stack;
+    if (pthread_getattr_np(pthread_self(), &attributes) != 0)
+        return stack;
+    if (pthread_attr_getstack(&attributes, &low, &stack.size) == 0)
+        stack.low = reinterpret_cast<std::uintptr_t>(low);
+    pthread_attr_destroy(&attributes);
+    return stack;
+}
+
 void* map(std::size_t size, int sharing)
 {
     void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, sharing | MAP_ANONYMOUS, -1, 0);
@@ -36,8 +66,16 @@ void* map(std::size_t size, int sharing)
 void noteCrash(int signal, siginfo_t* information, void*)
 {
     const bool isFault = information->si_code > 0; // else sent by somebody
-    if (isFault && GuardedBuffer::describeHit(information->si_addr, box->lastWords, sizeof box->lastWords))
+    const auto hit =
+        isFault ? GuardedBuffer::describeHit(information->si_addr, box->lastWords, sizeof box->lastWords)
+                : GuardedBuffer::Hit::None;
+    if (hit == GuardedBuffer::Hit::Guard)
         box->guardHit = true;
+    else if (hit == GuardedBuffer::Hit::Stale)
+        box->staleHit = true;
+    else if (isFault && ownStack.isUsedUpAt(information->si_addr))
+        std::snprintf(box->lastWords, sizeof box->lastWords, "the thread's stack of %zu KiB was used up",
+                      ownStack.size / 1024);
     else if (isFault)
         std::snprintf(box->lastWords, sizeof box->lastWords, "address %p was touched", information->si_addr);
     std::signal(signal, SIG_DFL);
@@ -88,6 +126,7 @@ void openBlackBox(BlackBox& shared)
 CallingThread::CallingThread(int index) : stack_(map(kStackSize, MAP_PRIVATE))
 {
     ownCall = index;
+    ownStack = stackOfThisThread();
     const stack_t stack = {stack_, 0, kStackSize};
     sigaltstack(&stack, nullptr);
 }

@@ -31,6 +31,7 @@ struct BlackBox {
     std::atomic<unsigned int> count; // of calls so far
     std::atomic<bool> finished;      // the worker came to its end
     std::atomic<bool> guardHit;      // the crash was in a guard page
+    std::atomic<bool> staleHit;      // or in a buffer of an earlier call
     std::atomic<bool> terminated;    // by std::terminate
     std::atomic<bool> threadEnded;   // by the library, although it was not its own
     int status;                      // of the worker, as waitpid tells it; written by the keeper

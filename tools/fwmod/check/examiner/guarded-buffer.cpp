@@ -19,10 +19,13 @@ struct Entry {
     const char* name;
     std::uintptr_t begin; // of the front guard
     std::uintptr_t data;
-    std::uintptr_t end; // of the buffer, where the rear guard begins
+    std::uintptr_t end;  // of the buffer, where the rear guard begins
+    std::size_t mapped;  // guards included
+    unsigned long since; // when it was released, in a count of releases; 0 while it is in use
 };
-constexpr std::size_t kMostBuffers = 64;
+constexpr std::size_t kMostBuffers = 128;
 Entry entries[kMostBuffers];
+unsigned long releases = 0;
 std::mutex entriesMutex;
 
 std::size_t pageSize()
@@ -34,20 +37,31 @@ std::size_t pageSize()
 void enter(const Entry& entry)
 {
     const std::lock_guard<std::mutex> lock(entriesMutex);
-    Entry* const free =
-        std::find_if(entries, entries + kMostBuffers, [](const Entry& e) { return e.name == nullptr; });
-    if (free == entries + kMostBuffers)
+    Entry* free = nullptr;
+    for (Entry& candidate : entries) {
+        const bool isFree = candidate.name == nullptr || candidate.since != 0;
+        if (isFree && (free == nullptr || candidate.since < free->since))
+            free = &candidate;
+    }
+    if (free == nullptr)
         throw std::bad_alloc();
+    if (free->name != nullptr)
+        munmap(reinterpret_cast<void*>(free->begin), free->mapped);
     *free = entry;
 }
 
+// Its addresses stay taken for some time, so that a library that still uses them is found out.
 void leave(std::uintptr_t data)
 {
     const std::lock_guard<std::mutex> lock(entriesMutex);
-    Entry* const found =
-        std::find_if(entries, entries + kMostBuffers, [data](const Entry& e) { return e.data == data; });
-    if (found != entries + kMostBuffers)
-        *found = Entry{};
+    for (Entry& entry : entries) {
+        if (entry.name == nullptr || entry.data != data || entry.since != 0)
+            continue;
+        void* const memory = reinterpret_cast<void*>(entry.begin);
+        madvise(memory, entry.mapped, MADV_DONTNEED);
+        mprotect(memory, entry.mapped, PROT_NONE);
+        entry.since = ++releases;
+    }
 }
 } // namespace
 
@@ -66,7 +80,7 @@ GuardedBuffer::GuardedBuffer(const char* name, std::size_t size) : size_(size)
     std::memset(memory_ + page, kPoison, inner);
     const auto begin = reinterpret_cast<std::uintptr_t>(memory_);
     const auto data = reinterpret_cast<std::uintptr_t>(data_);
-    enter({name, begin, data, data + size});
+    enter({name, begin, data, data + size, mapped_, 0});
 }
 
 GuardedBuffer::GuardedBuffer(const char* name, const std::string& text) : GuardedBuffer(name, text.size() + 1)
@@ -78,7 +92,6 @@ GuardedBuffer::GuardedBuffer(const char* name, const std::string& text) : Guarde
 GuardedBuffer::~GuardedBuffer()
 {
     leave(reinterpret_cast<std::uintptr_t>(data_));
-    munmap(memory_, mapped_);
 }
 
 void GuardedBuffer::fill(unsigned char byte)
@@ -112,25 +125,29 @@ bool GuardedBuffer::isTouchedBefore() const
     return std::any_of(memory_ + pageSize(), data_, [](unsigned char c) { return c != kPoison; });
 }
 
-bool GuardedBuffer::describeHit(const void* address, char* words, std::size_t size)
+GuardedBuffer::Hit GuardedBuffer::describeHit(const void* address, char* words, std::size_t size)
 {
     const auto hit = reinterpret_cast<std::uintptr_t>(address);
     const std::size_t page = pageSize();
     for (const Entry& entry : entries) {
         if (entry.name == nullptr)
             continue;
+        if (entry.since != 0 && hit >= entry.begin && hit < entry.begin + entry.mapped) {
+            std::snprintf(words, size, "%s of an earlier call was touched", entry.name);
+            return Hit::Stale;
+        }
         if (hit >= entry.end && hit < entry.end + page) {
             std::snprintf(words, size, "byte %zu behind the %zu of %s was touched",
                           static_cast<std::size_t>(hit - entry.end + 1),
                           static_cast<std::size_t>(entry.end - entry.data), entry.name);
-            return true;
+            return Hit::Guard;
         }
         if (hit >= entry.begin && hit < entry.begin + page) {
             std::snprintf(words, size, "byte %zu before %s was touched",
                           static_cast<std::size_t>(entry.data - hit), entry.name);
-            return true;
+            return Hit::Guard;
         }
     }
-    return false;
+    return Hit::None;
 }
 } // namespace fwmod::examiner

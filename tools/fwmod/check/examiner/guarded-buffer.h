@@ -36,8 +36,10 @@ public:
     // Bytes between the page's begin and the buffer, where a write before the buffer lands.
     bool isTouchedBefore() const;
 
-    // For the crash handler: whether the address lies in some buffer's guard pages, said in words.
-    static bool describeHit(const void* address, char* words, std::size_t size);
+    // For the crash handler: whether the address lies in some buffer's guard pages, or in a buffer of an
+    // earlier call, said in words.
+    enum class Hit { None, Guard, Stale };
+    static Hit describeHit(const void* address, char* words, std::size_t size);
 
 private:
     std::size_t size_;

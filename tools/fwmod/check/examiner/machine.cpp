@@ -92,15 +92,6 @@ void becomeDaemon()
     check(prctl(PR_SET_DUMPABLE, 1, 0, 0, 0), "cannot be looked at");
 }
 
-std::string contentOf(const fs::path& file)
-{
-    std::ifstream in(file, std::ios::binary | std::ios::ate);
-    std::string content(static_cast<std::size_t>(std::max<std::streamoff>(in.tellg(), 0)), '\0');
-    in.seekg(0);
-    in.read(content.data(), static_cast<std::streamsize>(content.size()));
-    return content;
-}
-
 pid_t cloneWithNamespaces()
 {
     clone_args arguments{};
@@ -116,6 +107,15 @@ void chooseProcessNumber(unsigned int boot)
     std::ofstream("/proc/sys/kernel/ns_last_pid") << 300 + boot * 1000 % 30000;
 }
 } // namespace
+
+std::string contentOf(const fs::path& file)
+{
+    std::ifstream in(file, std::ios::binary | std::ios::ate);
+    std::string content(static_cast<std::size_t>(std::max<std::streamoff>(in.tellg(), 0)), '\0');
+    in.seekg(0);
+    in.read(content.data(), static_cast<std::streamsize>(content.size()));
+    return content;
+}
 
 void makeMachineRoom(const std::string& imageDirectory)
 {

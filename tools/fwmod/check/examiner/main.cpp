@@ -39,6 +39,8 @@ void measure(Supervisor& supervisor, Report& report)
     }
     const GoodUpdate update = updateOnce(supervisor, answers, report);
     measured.isUpdatable = update.isUsable;
+    measured.isRepeatable = update.isUsable && !report.has(FindingId::WrongVersionAfterwards) &&
+                            !report.has(FindingId::InstalledIsNewer);
     measured.isUpdated = update.isAnswered;
     measured.bytes = update.writes.bytes;
 }
@@ -51,6 +53,9 @@ void tryHard(Supervisor& supervisor, Report& report)
         if (job.hasImage()) {
             refuseImages(supervisor, report);
             updateAgain(supervisor, report);
+            updateInOneProcess(supervisor, report);
+            updateUnderNotices(supervisor, report);
+            askWithoutHardware(supervisor, report);
         }
     }
     if (!job.cuts.empty())

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <sys/prctl.h>
@@ -54,9 +55,13 @@ std::string whyNoAnswer(const Session& session, const Job& job)
         return "the library does not load";
     if (!session.told.isMember("version"))
         return session.findings.empty() ? "getActiveVersion told nothing" : session.findings.front().detail;
+    // With one bank there may be no firmware for a while. Then another version is told, below the offered
+    // one.
     const std::string version = session.told["version"].asString();
-    if (version != job.versionBefore && version != job.versionAfter)
-        return "getActiveVersion told " + quote(version) + ", neither the old nor the new version";
+    const bool isAwaited = session.told.isMember("verdict") && session.told["verdict"].asInt() > 0;
+    if (version != job.versionBefore && version != job.versionAfter && !isAwaited)
+        return "getActiveVersion told " + quote(version) +
+               ", neither the old nor the new version, and checkVersion does not want the offered one";
     return "";
 }
 
@@ -72,11 +77,19 @@ std::string whyNoUpdate(const Session& session)
     return "";
 }
 
+// What the update has to write at least: less than it wrote when it keeps a spare copy.
+std::uint64_t bytesOfFirmware(const Job& job)
+{
+    std::error_code unknown; // an external module finds its image itself
+    const std::uintmax_t size = std::filesystem::file_size(job.image, unknown);
+    return unknown ? job.bytes : std::min<std::uint64_t>(job.bytes, size);
+}
+
 // The new version, although most of the firmware is not there.
 bool isToldTooEarly(const Session& cut, const Session& look, const Job& job)
 {
     return job.versionBefore != job.versionAfter && look.told["version"].asString() == job.versionAfter &&
-           static_cast<double>(cut.writes.bytes) < kNearlyAll * static_cast<double>(job.bytes);
+           static_cast<double>(cut.writes.bytes) < kNearlyAll * static_cast<double>(bytesOfFirmware(job));
 }
 
 // Nothing when the update ended before the cut.
@@ -98,6 +111,10 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
                                                             ", and " + std::to_string(percent) +
                                                             " % of the bytes had been written"});
     }
+    const bool isDone = look.told["version"].asString() == job.versionAfter && findings.empty() &&
+                        look.told.isMember("verdict") && look.told["verdict"].asInt() <= 0;
+    if (isDone)
+        return findings; // the daemon would not update it again
     const bool isPending = !job.isOfferNewer || !look.told.isMember("verdict") ||
                            look.told["verdict"].asInt() > 0 ||
                            look.told["version"].asString() == job.versionAfter;

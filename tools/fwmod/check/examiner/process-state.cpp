@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -75,12 +76,33 @@ void (*handlerOf(int signal))(int)
     return sigaction(signal, nullptr, &action) == 0 ? action.sa_handler : SIG_DFL;
 }
 
+// alarm(), setitimer() and timer_create().
+std::size_t runningTimers()
+{
+    std::size_t running = 0;
+    for (const auto which : {ITIMER_REAL, ITIMER_VIRTUAL, ITIMER_PROF}) {
+        itimerval timer = {};
+        if (getitimer(which, &timer) == 0 && (timer.it_value.tv_sec != 0 || timer.it_value.tv_usec != 0))
+            ++running;
+    }
+    std::ifstream list("/proc/self/timers");
+    for (std::string line; std::getline(list, line);)
+        running += line.compare(0, 3, "ID:") == 0 ? 1 : 0;
+    return running;
+}
+
 bool isAsleep(pid_t thread)
 {
     std::ifstream in("/proc/self/task/" + std::to_string(thread) + "/stat");
     const std::string text{std::istreambuf_iterator<char>(in), {}};
     const std::size_t name = text.rfind(") "); // the name may hold anything
     return name != std::string::npos && (text[name + 2] == 'S' || text[name + 2] == 'D');
+}
+
+std::string signalName(int signal)
+{
+    const char* const name = sigabbrev_np(signal);
+    return name != nullptr ? std::string("SIG") + name : "signal " + std::to_string(signal);
 }
 
 std::set<pid_t> without(const std::set<pid_t>& all, const std::set<pid_t>& known)
@@ -121,6 +143,7 @@ ProcessState ProcessState::now()
     for (int signal = 1; signal < NSIG; ++signal)
         state.handlers_[static_cast<std::size_t>(signal)] = handlerOf(signal);
     pthread_sigmask(SIG_BLOCK, nullptr, &state.blocked_);
+    state.timers_ = runningTimers();
     state.threads_ = numbersIn("/proc/self/task");
     state.processes_ = numbersIn("/proc"); // of this worker's namespace alone
     return state;
@@ -150,13 +173,12 @@ std::vector<Finding> ProcessState::changesIn(const ProcessState& later) const
         changes.push_back({FindingId::WorkingDirectory, "from " + directory_ + " to " + later.directory_});
     for (std::size_t signal = 1; signal < handlers_.size(); ++signal) {
         if (later.handlers_[signal] != handlers_[signal])
-            changes.push_back({FindingId::SignalHandling,
-                               std::string("the disposition of ") + strsignal(static_cast<int>(signal))});
+            changes.push_back(
+                {FindingId::SignalHandling, "the disposition of " + signalName(static_cast<int>(signal))});
     }
     for (int signal = 1; signal < NSIG; ++signal) {
         if (sigismember(&later.blocked_, signal) != sigismember(&blocked_, signal))
-            changes.push_back(
-                {FindingId::SignalHandling, std::string("the thread's mask, at ") + strsignal(signal)});
+            changes.push_back({FindingId::SignalHandling, "the thread's mask, at " + signalName(signal)});
     }
     if (later.locale_ != locale_)
         changes.push_back({FindingId::Locale, "from " + locale_ + " to " + later.locale_});
@@ -166,6 +188,8 @@ std::vector<Finding> ProcessState::changesIn(const ProcessState& later) const
         changes.push_back({FindingId::Environment, firstDifference(environment_, later.environment_)});
     if (later.mask_ != mask_)
         changes.push_back({FindingId::FileModeMask, "from " + mask_ + " to " + later.mask_});
+    if (later.timers_ > timers_)
+        changes.push_back({FindingId::TimerLeft, counted(later.timers_ - timers_, "timer")});
     const std::size_t threads = without(later.threads_, threads_).size();
     if (threads > 0)
         changes.push_back({FindingId::ThreadLeft, counted(threads, "thread")});

@@ -34,7 +34,8 @@ private:
     std::string locale_;
     locale_t threadLocale_ = nullptr;
     std::vector<std::string> environment_;
-    std::string mask_; // of file modes
+    std::string mask_;       // of file modes
+    std::size_t timers_ = 0; // that run
     std::array<void (*)(int), NSIG> handlers_{};
     sigset_t blocked_{};
     std::set<pid_t> threads_;

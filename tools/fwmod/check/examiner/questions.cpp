@@ -132,7 +132,12 @@ void askOptional(Worker& worker)
             return seconds.has_value();
         });
     if (worker.has("getUpdateProgress"))
-        worker.repeat("getUpdateProgress", kTimes, [&] { return worker.progress().has_value(); });
+        worker.repeat("getUpdateProgress", kTimes, [&] {
+            const auto percent = worker.progress();
+            if (percent && *percent > 0 && *percent <= 100)
+                worker.found(FindingId::EarlyProgress, "getUpdateProgress told " + std::to_string(*percent));
+            return percent.has_value();
+        });
     if (worker.has("allUpdateDone"))
         worker.repeat("allUpdateDone", kTimes, [&] {
             worker.allUpdateDone();
@@ -180,7 +185,7 @@ void askEverything(Worker& worker)
     if (!isLoaded)
         return;
     if (!worker.has("getUpdateProgress") && !worker.isFlawed("getUpdateProgress"))
-        worker.found(FindingId::NoProgress, "getUpdateProgress is missing");
+        worker.tell("noProgress", true);
     worker.setContext(worker.job().caller, "");
     SameText identifier(worker, "getEMPID");
     SameText version(worker, "getActiveVersion");
@@ -204,8 +209,10 @@ Answers askQuestions(Supervisor& supervisor, Report& report)
     Answers answers;
     for (int sessions = 0; sessions < kMostSessions; ++sessions) {
         Machine machine;
-        const Session session = supervisor.run(machine, askEverything);
+        const Session session = supervisor.run(machine, askEverything, {true, 0});
         report.add(session.findings);
+        if (session.told["noProgress"].asBool() && sessions == 0)
+            report.notes.emplace_back("There is no getUpdateProgress, so the viewer sees no bar.");
         answers.isLoaded = answers.isLoaded || session.told["loaded"].asBool();
         if (session.told.isMember("version"))
             answers.version = session.told["version"].asString();

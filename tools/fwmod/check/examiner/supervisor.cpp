@@ -243,6 +243,11 @@ void Run::watchWrite()
     if (!write)
         return;
     const int phase = box_.phase;
+    if (phase == BlackBox::kBefore && entryPointOf(box_.calls[0].name) == "setContext" &&
+        box_.calls[0].deadline != 0)
+        session_.findings.push_back(
+            {FindingId::ContextTouchesHardware,
+             std::string(box_.calls[0].name) + " wrote " + std::to_string(write->bytes) + " bytes"});
     if (phase == BlackBox::kRunning && session_.writes.during + 1 == watch_.cutAt) {
         session_.isCut = true;
         kill(keeper_, SIGKILL); // the write still waits, and ends with its process
@@ -301,7 +306,9 @@ void explainDeath(Session& session, const BlackBox& box, const std::string& said
     session.wasCrash = true;
     session.wasGuardHit = box.guardHit;
     const std::string words = box.lastWords[0] != '\0' ? std::string(": ") + box.lastWords : "";
-    if (box.guardHit)
+    if (box.staleHit)
+        session.death = Finding{FindingId::StalePointer, call + words};
+    else if (box.guardHit)
         session.death = Finding{FindingId::OutsideOfBuffer, call + words};
     else if (signal == SIGABRT && !box.terminated && !isDamageReport(said))
         session.death = Finding{FindingId::ProcessEnded, call + " called abort" + quoted};

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <map>
 
 namespace fwmod::examiner
 {
@@ -18,7 +19,7 @@ constexpr double kTooFast = 0.05;     // seconds; the rule is 0.1, the rest is f
 constexpr double kSlowProgress = 1.0; // seconds
 constexpr double kBlocked = 0.1;      // of a progress call that waits for half of the update
 constexpr double kExpectedMargin = 2; // times the measured duration
-constexpr int kFewSamples = 5;
+constexpr int kFewSamples = 15;       // one every 10 ms: a shorter update need not be seen to rise
 
 std::string errorName(int error)
 {
@@ -48,8 +49,8 @@ void judgeProgress(const Session& session, Report& report)
     const double slowest = progress["slowest"].asDouble();
     const bool waited = slowest > kBlocked && slowest > duration / 2;
     if (waited || slowest > kSlowProgress)
-        report.add({FindingId::ProgressWaits,
-                    "a call took " + inSeconds(slowest) + " of the update's " + inSeconds(duration)});
+        report.add({FindingId::ProgressWaits, "getUpdateProgress took " + inSeconds(slowest) +
+                                                  " of the update's " + inSeconds(duration)});
     const int samples = progress["samples"].asInt();
     const int failures = progress["failures"].asInt();
     if (failures > samples)
@@ -57,13 +58,14 @@ void judgeProgress(const Session& session, Report& report)
                                                " of " + std::to_string(failures + samples) +
                                                " looks during the update"});
     else if (samples >= kFewSamples && progress["values"].asInt() == 1)
-        report.add({FindingId::NoProgress, "it told " + progress["last"].asString() + " at each of " +
-                                               std::to_string(samples) + " looks during the update"});
+        report.add({FindingId::NoProgress, "getUpdateProgress told " + progress["last"].asString() +
+                                               " at each of " + std::to_string(samples) +
+                                               " looks during the update"});
     if (!progress["fall"].asString().empty())
-        report.add({FindingId::FallingProgress, progress["fall"].asString()});
+        report.add({FindingId::FallingProgress, "getUpdateProgress fell " + progress["fall"].asString()});
     if (progress["highest"].asUInt() > 100)
-        report.add(
-            {FindingId::ProgressOver100, "it told " + progress["highest"].asString() + " during the update"});
+        report.add({FindingId::ProgressOver100,
+                    "getUpdateProgress told " + progress["highest"].asString() + " during the update"});
 }
 
 void judgeDuration(const Session& session, const Job& job, Report& report)
@@ -77,7 +79,7 @@ void judgeDuration(const Session& session, const Job& job, Report& report)
     const double ownTime = std::max(duration - session.watchDelay, 0.0);
     if (!job.isExternal && ownTime > job.expectedTime)
         report.add({FindingId::ExpectedTimeTooShort,
-                    "it took " + inSeconds(duration) + ", and " + std::to_string(job.expectedTime) +
+                    "doUpdate took " + inSeconds(duration) + ", and " + std::to_string(job.expectedTime) +
                         " s are expected; proposed: " + std::to_string(proposal) + " s"});
 }
 
@@ -114,8 +116,9 @@ bool judgeWrites(const Session& session, const Machine& machine, std::size_t sta
     const Writes& writes = session.writes;
     report.measured.writes = writes.during;
     if (writes.late > 0) {
-        report.add({FindingId::ImageNotWritten,
-                    std::to_string(writes.during) + " writes before it returned, and more afterwards"});
+        report.add(
+            {FindingId::ImageNotWritten,
+             std::to_string(writes.during) + " writes before doUpdate returned 0, and more afterwards"});
         return false;
     }
     if (writes.during > 0)
@@ -126,7 +129,8 @@ bool judgeWrites(const Session& session, const Machine& machine, std::size_t sta
             "be watched, so no power was cut.");
         return false;
     }
-    report.add({FindingId::ImageNotWritten, "no write was seen, and nothing under /var/lib has changed"});
+    report.add({FindingId::ImageNotWritten,
+                "doUpdate returned 0, no write was seen, and nothing under /var/lib has changed"});
     return false;
 }
 
@@ -224,6 +228,209 @@ void updateAgain(Supervisor& supervisor, Report& report)
     report.add(session.findings);
     if (session.death)
         report.add(*session.death);
+}
+
+// ---- Several calls in one process ----
+
+namespace
+{
+constexpr const char* kHardware = "/var/lib/hardware";
+
+// The hardware's files as they were, to be put back under a library that is running.
+class HardwareCopy
+{
+public:
+    HardwareCopy()
+    {
+        for (const fs::path& file : files())
+            contents_[file] = contentOf(file);
+    }
+    void putBack() const
+    {
+        for (const fs::path& file : files()) {
+            if (contents_.count(file) == 0)
+                fs::remove(file);
+        }
+        for (const auto& [file, content] : contents_) {
+            if (fs::exists(file) && contentOf(file) == content)
+                continue;
+            std::ofstream out(file, std::ios::binary | std::ios::in); // in its place: it may be open
+            if (!out)
+                out.open(file, std::ios::binary);
+            out.write(content.data(), static_cast<std::streamsize>(content.size()));
+            out.close();
+            fs::resize_file(file, content.size());
+        }
+    }
+
+private:
+    static std::vector<fs::path> files()
+    {
+        std::vector<fs::path> all;
+        std::error_code none;
+        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kHardware, none)) {
+            if (entry.is_regular_file() && !entry.is_symlink())
+                all.push_back(entry.path());
+        }
+        return all;
+    }
+
+    std::map<fs::path, std::string> contents_;
+};
+
+void tellReturned(Worker& worker, const std::string& key, const std::optional<Returned>& returned)
+{
+    if (!returned)
+        return;
+    worker.tell(key, returned->result);
+    worker.tell(key + "Error", returned->error);
+}
+
+void updateOneAfterTheOther(Worker& worker)
+{
+    if (!worker.load())
+        return;
+    const HardwareCopy original;
+    const Job& job = worker.job();
+    worker.setContext(job.caller, "");
+    if (!job.isExternal)
+        tellReturned(worker, "refused",
+                     worker.update({job.image, job.checksum ^ 1, false, "with a wrong checksum"}));
+    worker.setContext(job.caller, "");
+    tellReturned(worker, "first", worker.update({job.image, job.checksum, false, "after a refused image"}));
+    for (int time = 0; time < 2 && worker.has("allUpdateDone"); ++time)
+        worker.allUpdateDone("between two updates");
+    original.putBack();
+    worker.setContext(job.caller, "");
+    if (job.version)
+        worker.checkVersion(*job.version, "between two updates");
+    tellReturned(worker, "second", worker.update({job.image, job.checksum, false, "for the second time"}));
+    tellVersion(worker, "after the second update");
+}
+
+std::string describe(const Json::Value& told, const std::string& key)
+{
+    return " returned " + told[key].asString() + ", errno: " + errorName(told[key + "Error"].asInt());
+}
+} // namespace
+
+void updateInOneProcess(Supervisor& supervisor, Report& report)
+{
+    const Job& job = supervisor.job();
+    if (!job.isRepeatable)
+        return;
+    Machine machine;
+    const Session session = supervisor.run(machine, updateOneAfterTheOther);
+    report.add(session.findings);
+    if (session.death) {
+        report.add(*session.death);
+        supervisor.avoid(session);
+    }
+    const Json::Value& told = session.told;
+    const bool isRefused = job.isExternal || (told.isMember("refused") && told["refused"].asInt() != 0);
+    if (!told.isMember("first") || !isRefused)
+        return; // a wrong checksum that is accepted is told elsewhere
+    if (told["first"].asInt() != 0) {
+        report.add(
+            {FindingId::NoUpdateAfterRefusal, "doUpdate of the sound image" + describe(told, "first")});
+        return;
+    }
+    if (!told.isMember("second"))
+        return;
+    if (told["second"].asInt() != 0)
+        report.add({FindingId::NoSecondUpdate, "the second doUpdate" + describe(told, "second")});
+    else if (told.isMember("version") && told["version"].asString() != job.versionAfter)
+        report.add({FindingId::NoSecondUpdate, "the second doUpdate returned 0, and getActiveVersion told " +
+                                                   quote(told["version"].asString())});
+}
+
+namespace
+{
+void updateWithNotices(Worker& worker)
+{
+    if (!worker.load() || !worker.has("allUpdateDone"))
+        return;
+    const Worker::Update update = {worker.job().image, worker.job().checksum, false, "with notices"};
+    worker.setContext(worker.job().caller, "");
+    tellReturned(worker, "update", worker.updateUnderNotices(update));
+    tellVersion(worker, "after an update with notices");
+}
+
+// Nothing when the update has not minded.
+std::optional<Finding> judgeNotices(const Session& session, const Job& job)
+{
+    constexpr double kMostOfIt = 0.5; // of the update
+    const Json::Value& told = session.told;
+    if (session.death)
+        return session.death;
+    if (!told.isMember("update"))
+        return std::nullopt;
+    if (told["update"].asInt() != 0)
+        return Finding{FindingId::NoticeDisturbsUpdate,
+                       "doUpdate" + describe(told, "update") + ", after allUpdateDone was called meanwhile"};
+    if (told.isMember("version") && told["version"].asString() != job.versionAfter)
+        return Finding{FindingId::NoticeDisturbsUpdate,
+                       "after allUpdateDone during doUpdate, which returned 0, getActiveVersion told " +
+                           quote(told["version"].asString())};
+    if (told["noticeWaited"].asDouble() > kMostOfIt)
+        return Finding{FindingId::NoticeDisturbsUpdate,
+                       "allUpdateDone during doUpdate waited until that was over"};
+    return std::nullopt;
+}
+} // namespace
+
+void updateUnderNotices(Supervisor& supervisor, Report& report)
+{
+    constexpr int kTimes = 3; // where the clock is fast, a notice may miss the moment
+    if (!supervisor.job().isRepeatable)
+        return;
+    for (int time = 0; time < kTimes; ++time) {
+        Machine machine;
+        const Session session = supervisor.run(machine, updateWithNotices);
+        report.add(session.findings);
+        const std::optional<Finding> seen = judgeNotices(session, supervisor.job());
+        if (session.death)
+            supervisor.avoid(session);
+        if (seen)
+            return report.add(*seen);
+        if (!session.told.isMember("update"))
+            return; // there is no allUpdateDone
+    }
+}
+
+void askWithoutHardware(Supervisor& supervisor, Report& report)
+{
+    const Job& job = supervisor.job();
+    if (!job.isRepeatable || !job.hasHardware)
+        return;
+    Machine machine;
+    for (const fs::directory_entry& entry : fs::directory_iterator(machine.file(kHardware)))
+        fs::remove_all(entry.path());
+    const Session session = supervisor.run(machine, [](Worker& worker) {
+        const std::string where = "without the hardware";
+        if (!worker.load())
+            return;
+        worker.setContext(worker.job().caller, "", where);
+        if (const auto version = worker.activeVersion(where))
+            worker.tell("version", *version);
+        if (worker.job().version)
+            worker.checkVersion(*worker.job().version, where);
+        worker.update({worker.job().image, worker.job().checksum, false, where});
+    });
+    for (const Finding& finding : session.findings) {
+        if (finding.id != FindingId::QuestionFailed) // as it should be
+            report.add(finding);
+    }
+    if (session.death) {
+        report.add(*session.death);
+        return;
+    }
+    const Json::Value& told = session.told;
+    if (told["version"].asString() == job.versionBefore)
+        report.add({FindingId::ToldWithoutHardware, "getActiveVersion told " + quote(job.versionBefore)});
+    const bool isNothingThere = fs::is_empty(machine.file(kHardware));
+    if (isNothingThere && told.isMember("result") && told["result"].asInt() == 0)
+        report.add({FindingId::ImageNotWritten, "doUpdate without the hardware returned 0"});
 }
 
 // ---- What must be refused ----

@@ -24,6 +24,15 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
 // Several updates in one process: does each lose something?
 void updateAgain(Supervisor& supervisor, Report& report);
 
+// Updates one after the other in one process: after a refusal, and of hardware that was set back.
+void updateInOneProcess(Supervisor& supervisor, Report& report);
+
+// The notice that the pass is over, while a write is at work.
+void updateUnderNotices(Supervisor& supervisor, Report& report);
+
+// The library where its hardware does not answer.
+void askWithoutHardware(Supervisor& supervisor, Report& report);
+
 void refuseImages(Supervisor& supervisor, Report& report);
 void refuseData(Supervisor& supervisor, Report& report);
 

@@ -246,17 +246,32 @@ bool Worker::repeat(const std::string& name, int times, const std::function<bool
 
 // ---- Loading ----
 
+namespace
+{
+void complainOfSlowness(const Worker& worker, const std::string& name, const Returned& returned,
+                        FindingId id = FindingId::SlowQuestion)
+{
+    if (returned.taken.count() <= kSlowNotice)
+        return;
+    char text[64];
+    std::snprintf(text, sizeof text, " took %.1f s", returned.taken.count());
+    worker.found(id, name + text);
+}
+} // namespace
+
 bool Worker::load()
 {
     const std::string name = "loading";
     void* handle = nullptr;
     std::string error;
-    call(name, kQuestionLimit, [&] {
+    const auto returned = call(name, kQuestionLimit, [&] {
         handle = dlopen(job_.library.c_str(), RTLD_NOW);
         const char* const text = handle == nullptr ? dlerror() : nullptr;
         error = text != nullptr ? text : "";
         return 0;
     });
+    if (returned)
+        complainOfSlowness(*this, name, *returned);
     if (handle == nullptr) {
         if (!error.empty())
             explainLoadError(error);
@@ -383,6 +398,7 @@ bool Worker::setContext(int caller, const char* context, const std::string& wher
     });
     if (!returned)
         return false;
+    complainOfSlowness(*this, name, *returned);
     constexpr int kDaemonsOwn[] = {TARNWICK_CONTROL_CALLER_PACKAGE, TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE,
                                    TARNWICK_CONTROL_CALLER_SYSTEM_IMAGE};
     const bool isDaemons =
@@ -400,6 +416,7 @@ std::optional<std::string> Worker::identifier(const std::string& where)
     const auto returned = call(name, kQuestionLimit, [&] { return getEMPID_(out.as<char>()); });
     if (!returned)
         return std::nullopt;
+    complainOfSlowness(*this, name, *returned);
     if (returned->result != 0) {
         complainOfFailure(*this, name, *returned);
         return std::nullopt;
@@ -418,6 +435,7 @@ std::optional<std::string> Worker::activeVersion(const std::string& where)
     const auto returned = call(name, kQuestionLimit, [&] { return getActiveVersion_(out.as<char>()); });
     if (!returned)
         return std::nullopt;
+    complainOfSlowness(*this, name, *returned);
     if (returned->result != 0) {
         complainOfFailure(*this, name, *returned);
         return std::nullopt;
@@ -443,6 +461,7 @@ std::optional<Worker::Verdict> Worker::checkVersion(const std::string& version, 
         call(name, kQuestionLimit, [&] { return checkVersion_(offered.as<char>(), out.as<int>()); });
     if (!returned)
         return std::nullopt;
+    complainOfSlowness(*this, name, *returned);
     if (returned->result != 0)
         return Verdict{returned->result, 0};
     const std::optional<int> verdict = takeNumber<int>(*this, name, out);
@@ -460,6 +479,7 @@ std::optional<int> Worker::expectedTime()
     const auto returned = call(name, kQuestionLimit, [&] { return getExpectedTime_(out.as<int>()); });
     if (!returned)
         return std::nullopt;
+    complainOfSlowness(*this, name, *returned);
     if (returned->result != 0) {
         complainOfFailure(*this, name, *returned);
         return std::nullopt;
@@ -491,11 +511,8 @@ void Worker::allUpdateDone(const std::string& where)
 {
     const std::string name = callName("allUpdateDone", where);
     const auto returned = call(name, kQuestionLimit, [&] { return allUpdateDone_(); });
-    if (!returned || returned->taken.count() <= kSlowNotice)
-        return;
-    char text[64];
-    std::snprintf(text, sizeof text, " took %.1f s", returned->taken.count());
-    found(FindingId::SlowAllUpdateDone, name + text);
+    if (returned)
+        complainOfSlowness(*this, name, *returned, FindingId::SlowAllUpdateDone);
 }
 
 // ---- Updates ----
@@ -515,10 +532,67 @@ std::optional<Returned> Worker::decrypt(const std::string& data, int length, con
     return returned;
 }
 
+std::optional<Returned> Worker::callUpdate(const std::string& name, const Update& update)
+{
+    GuardedBuffer image("the image's name", update.image);
+    std::optional<Returned> returned;
+    std::thread([&] {
+        const CallingThread self(0);
+        returned = call(name, updateLimit(job_), [&] {
+            box_.phase = BlackBox::kRunning;
+            const int result = doUpdate_(image.as<char>(), update.checksum);
+            const int error = errno;
+            box_.phase = BlackBox::kSettling;
+            errno = error;
+            return result;
+        });
+        box_.phase = BlackBox::kOver;
+    }).join();
+    return returned;
+}
+
+std::optional<Returned> Worker::updateUnderNotices(const Update& update)
+{
+    const std::string noticeName = "allUpdateDone during doUpdate";
+    std::atomic<bool> isOver{false};
+    double longest = 0; // seconds of a notice that ended with the update, or after it
+    double idle = 1;    // seconds that it takes otherwise, at best
+    for (int time = 0; time < 5; ++time) {
+        const std::optional<Returned> before =
+            call("allUpdateDone before doUpdate", kQuestionLimit, [&] { return allUpdateDone_(); });
+        if (!before)
+            return std::nullopt;
+        idle = std::min(idle, before->taken.count());
+    }
+    std::thread notices([&] {
+        const CallingThread self(1);
+        for (; !isOver && !isSuspect(noticeName); realSleep(100us)) {
+            if (box_.phase != BlackBox::kRunning)
+                continue;
+            const Stopwatch stopwatch;
+            try {
+                const CallMark mark(noticeName.c_str(), updateLimit(job_) + kQuestionLimit);
+                allUpdateDone_();
+            } catch (...) {
+                found(FindingId::Exception, noticeName + " threw");
+                return;
+            }
+            if (box_.phase != BlackBox::kRunning)
+                longest = std::max(longest, stopwatch.read().count());
+        }
+    });
+    const std::string name = callName("doUpdate", update.where);
+    const std::optional<Returned> returned = callUpdate(name, update);
+    isOver = true;
+    notices.join();
+    if (returned && returned->taken.count() > 0)
+        tell("noticeWaited", (longest - 2 * idle) / returned->taken.count());
+    return returned;
+}
+
 std::optional<Returned> Worker::update(const Update& update)
 {
     const std::string name = callName("doUpdate", update.where);
-    GuardedBuffer image("the image's name", update.image);
     ProgressWatch progress;
     std::optional<Returned> returned;
     std::atomic<bool> isPolling{false};
@@ -551,26 +625,13 @@ std::optional<Returned> Worker::update(const Update& update)
                 progress.add(*out.as<unsigned int>());
         }
     };
-    const auto write = [&] {
-        const CallingThread self(0);
-        returned = call(name, updateLimit(job_), [&] {
-            box_.phase = BlackBox::kRunning;
-            const int result = doUpdate_(image.as<char>(), update.checksum);
-            const int error = errno;
-            box_.phase = BlackBox::kSettling;
-            errno = error;
-            return result;
-        });
-        box_.phase = BlackBox::kOver;
-    };
-
     std::thread poller;
     if (update.pollProgress && !isSuspect("getUpdateProgress during doUpdate")) {
         poller = std::thread(poll);
         while (!isPolling)
             realSleep(1ms);
     }
-    std::thread(write).join();
+    returned = callUpdate(name, update);
     isOver = true;
     if (poller.joinable())
         poller.join();

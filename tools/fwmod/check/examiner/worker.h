@@ -75,11 +75,15 @@ public:
         std::string where;
     };
     std::optional<Returned> update(const Update& update);
+    // The same while allUpdateDone is called again and again on another thread. Tells "noticeWaited", the
+    // longest part of the update that one of those calls lasted, when that was over with the update.
+    std::optional<Returned> updateUnderNotices(const Update& update);
 
     // Asks several times and sees whether descriptors get lost. False when it was not answered.
     bool repeat(const std::string& call, int times, const std::function<bool()>& ask);
 
 private:
+    std::optional<Returned> callUpdate(const std::string& name, const Update& update);
     bool isSuspect(const std::string& call) const;
     std::optional<Returned> call(const std::string& name, std::chrono::milliseconds limit,
                                  const std::function<int()>& function);

@@ -19,8 +19,8 @@ unsigned int chapterOf(FindingId id)
 const std::vector<FindingKind>& findingKinds()
 {
     static const std::vector<FindingKind> kinds = {
-#define FINDING(number, name, severity, title, cause, cure)                                                  \
-    {FindingId::name, Severity::severity, title, cause, cure},
+#define FINDING(number, name, severity, rule, title, cause, cure)                                            \
+    {FindingId::name, Severity::severity, rule, title, cause, cure},
 #include "tools/fwmod/check/protocol/findings.inc"
 #undef FINDING
     };
@@ -61,7 +61,8 @@ std::string findingsDocument()
         }
         text += "\n### " + nameOf(kind.id) + ": " + kind.title + "\n\n";
         text += kind.severity == Severity::Error ? "*Error.* " : "*Warning.* ";
-        text += std::string(kind.cause) + "\n\n**Cure.** " + kind.cure + "\n";
+        text += std::string(kind.cause) + "\n\n**Rule.** \"" + kind.rule + "\" (`tarnwick/control.h`)\n\n" +
+                "**Cure.** " + kind.cure + "\n";
     }
     return text;
 }

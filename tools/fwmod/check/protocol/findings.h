@@ -11,7 +11,7 @@ namespace fwmod
 {
 
 enum class FindingId : unsigned int {
-#define FINDING(number, name, severity, title, cause, cure) name = number,
+#define FINDING(number, name, severity, rule, title, cause, cure) name = number,
 #include "tools/fwmod/check/protocol/findings.inc"
 #undef FINDING
 };
@@ -27,6 +27,7 @@ enum class Severity { Error, Warning };
 struct FindingKind {
     FindingId id;
     Severity severity;
+    const char* rule; // of tarnwick/control.h, word by word
     const char* title;
     const char* cause;
     const char* cure;

@@ -17,6 +17,7 @@ struct Job {
     std::string name;                   // of the library
     std::string library;                // its file
     bool isExternal = false;            // finds its image itself
+    bool hasHardware = false;           // files that it may find
     std::string image;                  // what doUpdate gets: the image's path, or an external module's
                                         // name; "" when there is none to update with
     std::string imageDirectory;         // as the set has it; "" without an image
@@ -31,6 +32,7 @@ struct Job {
     std::uint64_t bytes = 0;    // that it wrote
     std::string versionBefore;  // that it replaced
     std::string versionAfter;   // and brought
+    bool isRepeatable = false;  // it worked, and can be repeated
     bool isVersionTold = false; // when nothing is wrong, and the same each time
     bool isOfferNewer = false;  // by the library's own judgement
 

@@ -44,6 +44,7 @@ void exchange(Exchange& member, Measured& measured)
     member("offerNewer", measured.isOfferNewer);
     member("updated", measured.isUpdated);
     member("updatable", measured.isUpdatable);
+    member("repeatable", measured.isRepeatable);
     member("bytes", measured.bytes);
     member("writes", measured.writes);
     member("duration", measured.duration);
@@ -74,6 +75,7 @@ void exchange(Exchange& member, Job& job)
     member("name", job.name);
     member("library", job.library);
     member("external", job.isExternal);
+    member("hasHardware", job.hasHardware);
     member("image", job.image);
     member("imageDirectory", job.imageDirectory);
     member("checksum", job.checksum);
@@ -85,6 +87,7 @@ void exchange(Exchange& member, Job& job)
     member("bytes", job.bytes);
     member("versionBefore", job.versionBefore);
     member("versionAfter", job.versionAfter);
+    member("repeatable", job.isRepeatable);
     member("versionTold", job.isVersionTold);
     member("offerNewer", job.isOfferNewer);
     member("cuts", job.cuts);

@@ -34,6 +34,7 @@ struct Measured {
     bool isOfferNewer = false;  // by the library's own judgement
     bool isUpdated = false;     // doUpdate returned
     bool isUpdatable = false;   // and it worked, and its writes were seen: the power can be cut
+    bool isRepeatable = false;  // and the right version was told: an update can be judged by it
     std::uint64_t bytes = 0;    // written
     std::optional<unsigned int> writes;
     std::optional<double> duration;
