@@ -1,9 +1,12 @@
-#include "daemon-activity.h"
+#include "tools/fwctl/daemon-activity.h"
 
 #include <fstream>
 #include <map>
 #include <sstream>
 #include <unistd.h>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -70,3 +73,5 @@ DaemonActivity activityOf(pid_t process)
     }
     return activity;
 }
+
+} // namespace fwctl

@@ -7,6 +7,9 @@
 #include <sys/types.h>
 #include <vector>
 
+namespace fwctl
+{
+
 // A thread that has said that it wants to update, and nothing since: it waits for its turn, or has it.
 struct UpdatingThread {
     pid_t thread;
@@ -20,5 +23,7 @@ struct DaemonActivity {
 
 // A television may keep its log elsewhere: then nothing is known. Threads that have ended are left out.
 DaemonActivity activityOf(pid_t process);
+
+} // namespace fwctl
 
 #endif

@@ -1,4 +1,4 @@
-#include "daemon-log.h"
+#include "tools/fwctl/daemon-log.h"
 
 #include "norlog.h"
 #include "trace_logger.h"
@@ -9,6 +9,9 @@
 #include <dlfcn.h>
 #include <mutex>
 #include <utility>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -78,8 +81,11 @@ void onDaemonMessage(std::function<void(const std::string&)> newListener)
     listener = std::move(newListener);
 }
 
+} // namespace fwctl
+
 int __norlog_print(int log_id, int priority, const char* tag, const char* format, ...)
 {
+    using namespace fwctl;
     va_list values;
     va_start(values, format);
     const std::string text = formatted(format, values);
@@ -93,6 +99,7 @@ int __norlog_print(int log_id, int priority, const char* tag, const char* format
 void TraceLogger::record(int priority, const char* file, const char* function, int line, const char* format,
                          ...)
 {
+    using namespace fwctl;
     static TraceRecord* const own = platformsOwn<TraceRecord>(kTraceRecordSymbol);
     if (!isForwarding || own == nullptr)
         return; // the same message has just come through the platform log

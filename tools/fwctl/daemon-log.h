@@ -11,6 +11,9 @@
 #include <string>
 #include <vector>
 
+namespace fwctl
+{
+
 // From now on messages go to the platform's log too, and to `show` unless it is empty, on the thread that
 // logs.
 void forwardDaemonLog(std::function<void(const std::string& message)> show = {});
@@ -20,5 +23,7 @@ std::vector<std::string> takeDaemonMessages();
 
 // Called with each message on the thread that logs it, until it is replaced; empty for none.
 void onDaemonMessage(std::function<void(const std::string&)> listener);
+
+} // namespace fwctl
 
 #endif

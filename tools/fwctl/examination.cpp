@@ -1,16 +1,19 @@
-#include "examination.h"
+#include "tools/fwctl/examination.h"
 
-#include "command.h"
-#include "daemon-log.h"
-#include "isolated.h"
-#include "library-calls.h"
-#include "mounts.h"
-#include "replay.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/daemon-log.h"
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/library-calls.h"
+#include "tools/fwctl/mounts.h"
+#include "tools/fwctl/replay.h"
 
 #include "fw-update-symbol.h"
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
+
+namespace fwctl
+{
 
 const ImageSource kImageSources[4] = {
     {"system", "system image", FW_CALLER_BUILTIN, UPDATE_TYPE_BUILTIN, true},
@@ -191,3 +194,5 @@ Json::Value failedStep(const Json::Value& source)
     }
     return {};
 }
+
+} // namespace fwctl

@@ -26,6 +26,9 @@
 #include <string>
 #include <vector>
 
+namespace fwctl
+{
+
 // A control library as the registry finds it.
 struct ControlLibrary {
     std::string name;
@@ -56,5 +59,7 @@ std::vector<Json::Value> examineAll(const std::vector<ControlLibrary>& libraries
 
 // The step that failed, or null: for one line about a source.
 Json::Value failedStep(const Json::Value& source);
+
+} // namespace fwctl
 
 #endif

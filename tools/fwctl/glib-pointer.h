@@ -6,6 +6,9 @@
 
 #include <memory>
 
+namespace fwctl
+{
+
 struct GlibRelease {
     void operator()(GVariant* variant) const { g_variant_unref(variant); }
     void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
@@ -15,5 +18,7 @@ struct GlibRelease {
 using GVariantPointer = std::unique_ptr<GVariant, GlibRelease>;
 template <typename Object>
 using GObjectPointer = std::unique_ptr<Object, GlibRelease>;
+
+} // namespace fwctl
 
 #endif

@@ -1,7 +1,7 @@
-#include "isolated.h"
+#include "tools/fwctl/isolated.h"
 
-#include "command.h"
 #include "common/json-text.h"
+#include "tools/fwctl/commands/command.h"
 
 #include <atomic>
 #include <cerrno>
@@ -14,6 +14,9 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+namespace fwctl
+{
 
 using Clock = std::chrono::steady_clock;
 
@@ -336,3 +339,5 @@ std::vector<Json::Value> runIsolatedAll(std::size_t count,
     }
     return told;
 }
+
+} // namespace fwctl

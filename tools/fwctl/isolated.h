@@ -14,6 +14,9 @@
 
 #include <sys/types.h>
 
+namespace fwctl
+{
+
 constexpr std::chrono::seconds kCallLimit{10}; // for every call of a library but those that write hardware
 
 // The child's end: what it has found out so far reaches the parent even when it crashes later.
@@ -107,5 +110,7 @@ Json::Value runIsolated(const Work& work);
 // fails: a fork for each costs more than most of them.
 std::vector<Json::Value> runIsolatedAll(std::size_t count,
                                         const std::function<void(std::size_t, Telling&)>& work);
+
+} // namespace fwctl
 
 #endif

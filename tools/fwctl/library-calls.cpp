@@ -1,10 +1,13 @@
-#include "library-calls.h"
+#include "tools/fwctl/library-calls.h"
 
 #include "fw-update-symbol.h"
 
 #include <cxxabi.h>
 #include <stdexcept>
 #include <utility>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -78,3 +81,5 @@ void watchCalls(FWUpdateSymbol& module, Telling& telling, const CallReport& onTr
     watch(functions.getUpdateProgress, watcher("getUpdateProgress"));
     watch(functions.allUpdateDone, watcher("allUpdateDone", true));
 }
+
+} // namespace fwctl

@@ -3,12 +3,15 @@
 #ifndef FWCTL_LIBRARY_CALLS_H
 #define FWCTL_LIBRARY_CALLS_H
 
-#include "isolated.h"
+#include "tools/fwctl/isolated.h"
 
 #include <functional>
 #include <string>
 
 class FWUpdateSymbol;
+
+namespace fwctl
+{
 
 // Told on the thread of the call what its result hides: "the control library throws in doUpdate: no chip",
 // "setContext returns -1".
@@ -17,5 +20,7 @@ using CallReport = std::function<void(const std::string& text)>;
 // After loadSymbol(). `telling` and what `onTrouble` refers to must outlive every call of the module. An
 // exception goes on as one with that text, so that a caller who catches it can tell.
 void watchCalls(FWUpdateSymbol& module, Telling& telling, const CallReport& onTrouble = {});
+
+} // namespace fwctl
 
 #endif

@@ -1,9 +1,12 @@
-#include "library-symbols.h"
+#include "tools/fwctl/library-symbols.h"
 
 #include <cstdint>
 #include <dlfcn.h>
 #include <elf.h>
 #include <link.h>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -84,3 +87,5 @@ LibrarySymbols inspectLibrary(const std::string& path)
         found.undefined = undefinedSymbols(library);
     return found; // stays open: the child ends right away
 }
+
+} // namespace fwctl

@@ -5,6 +5,9 @@
 #include <string>
 #include <vector>
 
+namespace fwctl
+{
+
 struct LibrarySymbols {
     std::string loaderError;            // empty when the daemon's way of opening it succeeds
     std::vector<std::string> missing;   // required entry points that it does not export
@@ -13,5 +16,7 @@ struct LibrarySymbols {
 
 // Opens the library: its constructors run. For a child process.
 LibrarySymbols inspectLibrary(const std::string& path);
+
+} // namespace fwctl
 
 #endif

@@ -1,9 +1,12 @@
 // fwctl: what a technician needs on the set, beside the daemon or without it.
-#include "command.h"
+#include "tools/fwctl/commands/command.h"
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -29,13 +32,15 @@ constexpr const char* kFooter =
     "4 no such module, 5 doctor left something to be mended, 6 an update took longer than expected.";
 } // namespace
 
+} // namespace fwctl
+
 // A control library may have left a thread at work: nothing is torn down beside it.
 int main(int argc, char** argv)
 {
     std::signal(SIGPIPE, SIG_IGN); // a reader that goes away is a failed write, not a half-done update
     common::CommandLine program("fwctl", "Shows, checks and updates the firmware of this set's modules.");
-    program.footer(kFooter);
-    for (const common::Command& command : kCommands) {
+    program.footer(fwctl::kFooter);
+    for (const common::Command& command : fwctl::kCommands) {
         command.define(program.command(command.name, command.summary));
     }
     const int status = program.main(argc, argv);

@@ -1,7 +1,7 @@
-#include "mounts.h"
+#include "tools/fwctl/mounts.h"
 
-#include "isolated.h"
-#include "privileges.h"
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/privileges.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +11,9 @@
 #include <mntent.h>
 #include <optional>
 #include <unistd.h>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -54,3 +57,5 @@ bool isMountPoint(const std::string& directory)
     const std::vector<std::string> mounted = packageMountPoints();
     return std::find(mounted.begin(), mounted.end(), directory) != mounted.end();
 }
+
+} // namespace fwctl

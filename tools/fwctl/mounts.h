@@ -5,6 +5,9 @@
 #include <string>
 #include <vector>
 
+namespace fwctl
+{
+
 // Mount points under the package mount directory, without a trailing "/"; stacked mounts count each.
 std::vector<std::string> packageMountPoints();
 
@@ -15,5 +18,7 @@ constexpr const char* kPackageMounts = "/opt/usr/apps/appbinarymanager/emps/";
 std::string problemOfMountDirectory();
 
 bool isMountPoint(const std::string& directory);
+
+} // namespace fwctl
 
 #endif

@@ -1,10 +1,13 @@
-#include "obstacles.h"
+#include "tools/fwctl/obstacles.h"
 
 #include "pralis.h"
 #include "pwrctl.h"
 
 #include <algorithm>
 #include <sys/stat.h>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -147,3 +150,5 @@ void addObstacles(std::vector<Json::Value>& modules)
         }
     }
 }
+
+} // namespace fwctl

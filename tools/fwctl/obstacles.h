@@ -3,12 +3,15 @@
 #ifndef FWCTL_OBSTACLES_H
 #define FWCTL_OBSTACLES_H
 
-#include "set-state.h"
-#include "turn-holder.h"
+#include "tools/fwctl/set-state.h"
+#include "tools/fwctl/turn-holder.h"
 
 #include <json/json.h>
 #include <string>
 #include <vector>
+
+namespace fwctl
+{
 
 struct Obstacle {
     const char* id;     // one word, for a program
@@ -37,5 +40,7 @@ std::string sentenceOf(const Obstacle& obstacle);
 
 // Looks at the set, when one of the modules is pending, and adds "obstacles", an array of sentences, to each.
 void addObstacles(std::vector<Json::Value>& modules);
+
+} // namespace fwctl
 
 #endif

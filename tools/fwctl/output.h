@@ -8,6 +8,9 @@
 #include <cstdio>
 #include <string>
 
+namespace fwctl
+{
+
 inline void printLine(const std::string& text)
 {
     std::printf("%s\n", common::visible(text).c_str());
@@ -18,5 +21,7 @@ inline void complain(const std::string& text)
 {
     std::fprintf(stderr, "fwctl: %s\n", common::visible(text).c_str());
 }
+
+} // namespace fwctl
 
 #endif

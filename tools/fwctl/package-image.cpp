@@ -1,6 +1,6 @@
-#include "package-image.h"
+#include "tools/fwctl/package-image.h"
 
-#include "command.h"
+#include "tools/fwctl/commands/command.h"
 
 #include <array>
 #include <cerrno>
@@ -12,6 +12,9 @@
 #include <sqfs/inode.h>
 #include <sqfs/io.h>
 #include <sqfs/super.h>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -139,3 +142,5 @@ bool PackageImage::read(const std::string& name, const Taker& take)
     const Inode inode = squashfs_->find(name);
     return inode && squashfs_->copy(*inode, take);
 }
+
+} // namespace fwctl

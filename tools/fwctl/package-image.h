@@ -8,6 +8,9 @@
 #include <memory>
 #include <string>
 
+namespace fwctl
+{
+
 class PackageImage
 {
 public:
@@ -32,5 +35,7 @@ private:
     struct Squashfs;
     std::unique_ptr<Squashfs> squashfs_;
 };
+
+} // namespace fwctl
 
 #endif

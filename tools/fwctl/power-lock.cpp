@@ -1,8 +1,11 @@
-#include "power-lock.h"
+#include "tools/fwctl/power-lock.h"
 
 #include "pwrctl.h"
 
 #include <cstdio>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -20,3 +23,5 @@ PowerLock::~PowerLock()
 {
     pwrctl_unlock_state(kAcceptedRun);
 }
+
+} // namespace fwctl

@@ -4,6 +4,9 @@
 
 #include <cstdint>
 
+namespace fwctl
+{
+
 class PowerLock
 {
 public:
@@ -13,5 +16,7 @@ public:
     PowerLock(const PowerLock&) = delete;
     PowerLock& operator=(const PowerLock&) = delete;
 };
+
+} // namespace fwctl
 
 #endif

@@ -1,8 +1,8 @@
-#include "privileges.h"
+#include "tools/fwctl/privileges.h"
 
-#include "command.h"
-#include "isolated.h"
-#include "set-state.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/set-state.h"
 
 #include <cerrno>
 #include <cstring>
@@ -10,6 +10,9 @@
 #include <optional>
 #include <pwd.h>
 #include <unistd.h>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -79,3 +82,5 @@ void becomeDaemonUser()
 {
     becomeUser(requireUpdater());
 }
+
+} // namespace fwctl

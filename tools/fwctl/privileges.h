@@ -5,6 +5,9 @@
 #include <optional>
 #include <sys/types.h>
 
+namespace fwctl
+{
+
 // The daemon's user, as which root can go on here; root itself where there is no other user to become. Throws
 // Failure when this process is neither.
 uid_t requireUpdater();
@@ -19,5 +22,7 @@ void becomeUser(uid_t user);
 // and remove what is made here (the update semaphore, directories, hardware files). Throws Failure for any
 // other user. To be called while there is a single thread.
 void becomeDaemonUser();
+
+} // namespace fwctl
 
 #endif

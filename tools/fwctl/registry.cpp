@@ -1,14 +1,17 @@
-#include "registry.h"
+#include "tools/fwctl/registry.h"
 
-#include "command.h"
 #include "common/json-text.h"
-#include "daemon-log.h"
-#include "examination.h"
-#include "isolated.h"
-#include "library-calls.h"
-#include "output.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/daemon-log.h"
+#include "tools/fwctl/examination.h"
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/library-calls.h"
+#include "tools/fwctl/output.h"
 
 #include <cstdio>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -147,3 +150,5 @@ int reportOutcomes(Json::Value told, bool json)
     }
     return told.isMember("failure") ? failAfter(outcomes, told["failure"].asString()) : statusOf(outcomes);
 }
+
+} // namespace fwctl

@@ -2,13 +2,16 @@
 #ifndef FWCTL_REGISTRY_H
 #define FWCTL_REGISTRY_H
 
-#include "update-child.h"
-#include "update-monitor.h"
+#include "tools/fwctl/update-child.h"
+#include "tools/fwctl/update-monitor.h"
 
 #include "fw-update-symbol-manager.h"
 
 #include <json/json.h>
 #include <string>
+
+namespace fwctl
+{
 
 // The modules, with every call of theirs watched. Has the daemon's messages forwarded, and with `verbose`
 // shown.
@@ -36,5 +39,7 @@ Json::Value completeOutcomes(UpdateMonitor& monitor);
 // Prints how the updates ended, as text or as one JSON array, and gives the exit status of it all. `told` is
 // what runUpdate() gave; a version that the child could not tell any more is asked for again.
 int reportOutcomes(Json::Value told, bool json);
+
+} // namespace fwctl
 
 #endif

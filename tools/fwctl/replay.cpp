@@ -1,11 +1,11 @@
-#include "replay.h"
+#include "tools/fwctl/replay.h"
 
-#include "command.h"
 #include "common/json-text.h"
 #include "common/regular-file.h"
-#include "daemon-log.h"
-#include "mounts.h"
-#include "package-image.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/daemon-log.h"
+#include "tools/fwctl/mounts.h"
+#include "tools/fwctl/package-image.h"
 
 #include "fw-update-checksum.h"
 
@@ -15,6 +15,9 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -408,3 +411,5 @@ std::string findSpecialFile(FWUpdateSymbol& module, const ImageSource& source)
 {
     return Replay(module, source, "").findSpecialFile();
 }
+
+} // namespace fwctl

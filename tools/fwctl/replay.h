@@ -2,9 +2,12 @@
 #ifndef FWCTL_REPLAY_H
 #define FWCTL_REPLAY_H
 
-#include "examination.h"
+#include "tools/fwctl/examination.h"
 
 #include "fw-update-symbol.h"
+
+namespace fwctl
+{
 
 // Runs the check and leaves the module's fields as the daemon's check would. The answer is a source as
 // described in examination.h. `mountProblem`: see problemOfMountDirectory().
@@ -13,5 +16,7 @@ Json::Value replayCheck(FWUpdateSymbol& module, const ImageSource& source, const
 // Why the daemon's own check would not come to an end: the path of what is no file where it opens one, and
 // what it is. Empty when there is no such thing.
 std::string findSpecialFile(FWUpdateSymbol& module, const ImageSource& source);
+
+} // namespace fwctl
 
 #endif

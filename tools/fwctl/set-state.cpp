@@ -1,7 +1,7 @@
-#include "set-state.h"
+#include "tools/fwctl/set-state.h"
 
 #include "common/json-text.h"
-#include "glib-pointer.h"
+#include "tools/fwctl/glib-pointer.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -22,6 +22,9 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
+
+namespace fwctl
+{
 
 namespace fs = std::filesystem;
 
@@ -246,3 +249,5 @@ bool isRunning(pid_t process)
     const std::size_t name = text.rfind(')'); // "412 (name) S ...": the name may hold anything
     return name != std::string::npos && name + 2 < text.size() && text[name + 2] != 'Z';
 }
+
+} // namespace fwctl

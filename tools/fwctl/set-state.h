@@ -9,6 +9,9 @@
 #include <sys/types.h>
 #include <vector>
 
+namespace fwctl
+{
+
 constexpr const char* kMirroringKey = "memory/menu/network/screenmirroring/smsrc_status";
 constexpr const char* kUpdateListPath = "/tmp/fwupdate-off-list.txt";
 constexpr const char* kFactoryMarker = "/tmp/FACTORY_PRODCUTION"; // the platform's spelling
@@ -51,5 +54,7 @@ SemaphoreUsers findSemaphoreUsers();
 
 // Whether there is such a process, and it has not ended.
 bool isRunning(pid_t process);
+
+} // namespace fwctl
 
 #endif

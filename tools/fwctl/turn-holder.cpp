@@ -1,12 +1,15 @@
-#include "turn-holder.h"
+#include "tools/fwctl/turn-holder.h"
 
-#include "daemon-activity.h"
-#include "turn-record.h"
+#include "tools/fwctl/daemon-activity.h"
+#include "tools/fwctl/turn-record.h"
 
 #include <algorithm>
 #include <chrono>
 #include <thread>
 #include <unistd.h>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -97,3 +100,5 @@ std::string describe(const TurnState& turn)
     }
     return turn.holder;
 }
+
+} // namespace fwctl

@@ -3,10 +3,13 @@
 #ifndef FWCTL_TURN_HOLDER_H
 #define FWCTL_TURN_HOLDER_H
 
-#include "set-state.h"
+#include "tools/fwctl/set-state.h"
 
 #include <string>
 #include <vector>
+
+namespace fwctl
+{
 
 struct TurnState {
     enum class Kind {
@@ -29,5 +32,7 @@ TurnState lookAtTurnPatiently(bool withoutFwctl = false);
 
 // "free", the holder, "nobody (stuck)" or "unreadable".
 std::string describe(const TurnState& turn);
+
+} // namespace fwctl
 
 #endif

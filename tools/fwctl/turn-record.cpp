@@ -1,7 +1,7 @@
-#include "turn-record.h"
+#include "tools/fwctl/turn-record.h"
 
-#include "command.h"
-#include "set-state.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/set-state.h"
 
 #include <cerrno>
 #include <cstring>
@@ -10,6 +10,9 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -105,3 +108,5 @@ void TurnRecord::unlock()
 {
     flock(file_, LOCK_UN);
 }
+
+} // namespace fwctl

@@ -11,6 +11,9 @@
 #include <cstdint>
 #include <sys/types.h>
 
+namespace fwctl
+{
+
 enum class TurnPhase : uint32_t {
     kIdle = 0,      // the semaphore is none of fwctl's business
     kTaking = 1,    // a moment in which it may have been taken, or not
@@ -64,5 +67,7 @@ private:
     int file_ = -1;
     Shared* shared_ = nullptr; // mapped: written without a system call, seen by all at once
 };
+
+} // namespace fwctl
 
 #endif

@@ -1,9 +1,9 @@
-#include "update-child.h"
+#include "tools/fwctl/update-child.h"
 
-#include "command.h"
 #include "common/progress-line.h"
 #include "common/visible-text.h"
-#include "privileges.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/privileges.h"
 
 #include <cerrno>
 #include <csignal>
@@ -11,6 +11,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -200,3 +203,5 @@ Json::Value runUpdate(const std::function<void(UpdateLink&)>& work)
 {
     return Supervisor(work).run();
 }
+
+} // namespace fwctl

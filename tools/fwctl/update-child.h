@@ -4,12 +4,15 @@
 #ifndef FWCTL_UPDATE_CHILD_H
 #define FWCTL_UPDATE_CHILD_H
 
-#include "isolated.h"
-#include "update-turn.h"
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/update-turn.h"
 
 #include <functional>
 #include <json/json.h>
 #include <string>
+
+namespace fwctl
+{
 
 // The child's end. The child may say what it likes with `telling`; these have a meaning for the parent. Every
 // thread may call say() and tellProgress().
@@ -42,5 +45,7 @@ private:
 // has told. When it failed: "failure", and "culprit", the module (or ""); outcomes that were begun are then
 // "failed" with that reason. Throws what `work` throws, as CommandError with the same status.
 Json::Value runUpdate(const std::function<void(UpdateLink&)>& work);
+
+} // namespace fwctl
 
 #endif

@@ -1,7 +1,7 @@
-#include "update-monitor.h"
+#include "tools/fwctl/update-monitor.h"
 
 #include "common/progress-line.h"
-#include "daemon-log.h"
+#include "tools/fwctl/daemon-log.h"
 
 #include "fw-update-symbol.h"
 
@@ -9,6 +9,9 @@
 #include <chrono>
 #include <optional>
 #include <unistd.h>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -192,3 +195,5 @@ std::vector<UpdateOutcome> UpdateMonitor::finish()
     }
     return outcomes_;
 }
+
+} // namespace fwctl

@@ -3,7 +3,7 @@
 #ifndef FWCTL_UPDATE_MONITOR_H
 #define FWCTL_UPDATE_MONITOR_H
 
-#include "update-child.h"
+#include "tools/fwctl/update-child.h"
 
 #include <atomic>
 #include <list>
@@ -15,6 +15,9 @@
 #include <sys/types.h>
 
 class FWUpdateSymbol;
+
+namespace fwctl
+{
 
 struct UpdateOutcome {
     FWUpdateSymbol* module = nullptr;
@@ -65,5 +68,7 @@ private:
     std::atomic<bool> isEnding_{false};
     std::thread drawer_;
 };
+
+} // namespace fwctl
 
 #endif

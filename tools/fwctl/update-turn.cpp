@@ -1,9 +1,9 @@
-#include "update-turn.h"
+#include "tools/fwctl/update-turn.h"
 
-#include "command.h"
-#include "output.h"
-#include "set-state.h"
-#include "turn-holder.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/output.h"
+#include "tools/fwctl/set-state.h"
+#include "tools/fwctl/turn-holder.h"
 
 #include "fw-update-common.h"
 
@@ -18,6 +18,9 @@
 #include <semaphore.h>
 #include <thread>
 #include <unistd.h>
+
+namespace fwctl
+{
 
 // ---- The semaphore, and the one that stands in for it ----
 
@@ -222,3 +225,5 @@ bool UpdateTurn::freeNobodys(uid_t owner)
     TurnRecord record(owner);
     return record.lock() && postNobodys(record);
 }
+
+} // namespace fwctl

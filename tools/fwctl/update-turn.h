@@ -7,9 +7,12 @@
 #ifndef FWCTL_UPDATE_TURN_H
 #define FWCTL_UPDATE_TURN_H
 
-#include "turn-record.h"
+#include "tools/fwctl/turn-record.h"
 
 #include <string>
+
+namespace fwctl
+{
 
 // Returns when nobody has the turn. Says on standard error who has it meanwhile. Throws Failure when it is
 // nobody's and stays so. Takes nothing itself.
@@ -52,5 +55,7 @@ private:
     TurnRecord record_;
     bool isParents_ = false; // it has taken the turn
 };
+
+} // namespace fwctl
 
 #endif

@@ -319,6 +319,17 @@ TEST_F(Fwctl, UpdateWithoutAnImageHasNothingToDo)
     EXPECT_THAT(outcome.out, HasSubstr("there is no package"));
 }
 
+TEST_F(Fwctl, UpdateSaysWhatIsMissingInWordsOfItsOwn)
+{
+    set.addModule("misnamed");
+    const Outcome stick = set.run("fwctl update tuner --source usb");
+    EXPECT_EQ(stick.status, 1);
+    EXPECT_THAT(stick.err, HasSubstr("no USB stick is mounted"));
+    const Outcome misnamed = set.run("fwctl update misnamed");
+    EXPECT_EQ(misnamed.status, 1);
+    EXPECT_THAT(misnamed.err, HasSubstr("the identifier \"Misnamed\" of misnamed is refused"));
+}
+
 TEST_F(Fwctl, UpdateAllTakesEveryPendingPackage)
 {
     const Outcome outcome = set.run("fwctl update --all --json");

@@ -4,6 +4,9 @@
 
 #include "common/command-line.h"
 
+namespace fwctl
+{
+
 // Scripts rely on these numbers; fwctl.1 and --help list them.
 enum ExitStatus {
     kDone = 0,                           // done; why: pending; doctor: nothing found, or all of it mended
@@ -30,5 +33,7 @@ struct NoSuchModule : common::CommandError {
     {
     }
 };
+
+} // namespace fwctl
 
 #endif

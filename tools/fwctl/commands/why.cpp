@@ -1,13 +1,16 @@
 // fwctl why MODULE [--json]
-#include "command.h"
 #include "common/json-text.h"
-#include "examination.h"
-#include "obstacles.h"
-#include "output.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/examination.h"
+#include "tools/fwctl/obstacles.h"
+#include "tools/fwctl/output.h"
 
 #include <cstdio>
 #include <memory>
 #include <vector>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -131,3 +134,5 @@ void defineWhy(common::CommandLine& command)
         "Example:\n  fwctl why tuner");
     command.onRun([options] { return why(options->module, options->json); });
 }
+
+} // namespace fwctl

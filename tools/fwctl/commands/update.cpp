@@ -1,18 +1,21 @@
 // fwctl update MODULE | --all
-#include "command.h"
 #include "common/json-text.h"
-#include "daemon-log.h"
-#include "examination.h"
-#include "isolated.h"
-#include "output.h"
-#include "power-lock.h"
-#include "registry.h"
-#include "replay.h"
-#include "update-child.h"
-#include "update-turn.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/daemon-log.h"
+#include "tools/fwctl/examination.h"
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/output.h"
+#include "tools/fwctl/power-lock.h"
+#include "tools/fwctl/registry.h"
+#include "tools/fwctl/replay.h"
+#include "tools/fwctl/update-child.h"
+#include "tools/fwctl/update-turn.h"
 
 #include <cstdio>
 #include <memory>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -70,13 +73,16 @@ std::string lastError()
     return reason;
 }
 
-// The daemon's code refuses such an identifier in words that do not tell, and waits for ever for the other
-// end of a pipe.
+// What the daemon's code would refuse in words that do not tell: "file no exist ()".
 void requireReadable(FWUpdateSymbol& module, const ImageSource& source)
 {
     if (!module.isEMP) {
         throw common::Failure("the identifier \"" + module.EMPName + "\" of " + module.getLibName() +
                               " is refused: \"fwctl doctor\" says more");
+    }
+    if (module.getBinaryPath(source.type).empty()) {
+        throw common::Failure(
+            "no USB stick is mounted as /opt/media/USBDriveA or USBDriveA1 to 11: put it in");
     }
     const std::string special = findSpecialFile(module, source);
     if (!special.empty()) {
@@ -248,3 +254,5 @@ void defineUpdate(common::CommandLine& command)
         "  fwctl update --all");
     command.onRun([options] { return update(*options); });
 }
+
+} // namespace fwctl

@@ -1,17 +1,17 @@
 // fwctl doctor [--fix] [--json]
-#include "command.h"
 #include "common/json-text.h"
-#include "daemon-log.h"
-#include "examination.h"
-#include "isolated.h"
-#include "library-symbols.h"
-#include "mounts.h"
-#include "obstacles.h"
-#include "output.h"
-#include "privileges.h"
-#include "set-state.h"
-#include "turn-holder.h"
-#include "update-turn.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/daemon-log.h"
+#include "tools/fwctl/examination.h"
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/library-symbols.h"
+#include "tools/fwctl/mounts.h"
+#include "tools/fwctl/obstacles.h"
+#include "tools/fwctl/output.h"
+#include "tools/fwctl/privileges.h"
+#include "tools/fwctl/set-state.h"
+#include "tools/fwctl/turn-holder.h"
+#include "tools/fwctl/update-turn.h"
 
 #include "fw-update-mount-manager.h"
 
@@ -29,6 +29,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -459,3 +462,5 @@ void defineDoctor(common::CommandLine& command)
         "  fwctl doctor --fix");
     command.onRun([options] { return doctor(options->fix, options->json); });
 }
+
+} // namespace fwctl

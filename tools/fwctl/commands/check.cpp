@@ -1,20 +1,23 @@
 // fwctl check [--json] [--verbose]
-#include "command.h"
 #include "common/json-text.h"
-#include "daemon-log.h"
-#include "examination.h"
-#include "isolated.h"
-#include "library-calls.h"
-#include "obstacles.h"
-#include "output.h"
-#include "privileges.h"
-#include "replay.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/daemon-log.h"
+#include "tools/fwctl/examination.h"
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/library-calls.h"
+#include "tools/fwctl/obstacles.h"
+#include "tools/fwctl/output.h"
+#include "tools/fwctl/privileges.h"
+#include "tools/fwctl/replay.h"
 
 #include "fw-update-symbol.h"
 
 #include <cstdio>
 #include <memory>
 #include <vector>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -163,3 +166,5 @@ void defineCheck(common::CommandLine& command)
         "Example:\n  fwctl check --verbose");
     command.onRun([options] { return check(*options); });
 }
+
+} // namespace fwctl

@@ -1,11 +1,11 @@
 // fwctl watch [--json]
-#include "command.h"
 #include "common/json-text.h"
 #include "common/visible-text.h"
-#include "glib-pointer.h"
-#include "isolated.h"
-#include "set-state.h"
-#include "turn-holder.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/glib-pointer.h"
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/set-state.h"
+#include "tools/fwctl/turn-holder.h"
 
 #include "pralis.h"
 #include "pwrctl.h"
@@ -16,6 +16,9 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -225,3 +228,5 @@ void defineWatch(common::CommandLine& command)
         "Example:\n  fwctl watch");
     command.onRun([json] { return Watch(*json).run(); });
 }
+
+} // namespace fwctl

@@ -1,15 +1,18 @@
 // fwctl list [--json]
-#include "command.h"
 #include "common/json-text.h"
-#include "examination.h"
-#include "obstacles.h"
-#include "output.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/examination.h"
+#include "tools/fwctl/obstacles.h"
+#include "tools/fwctl/output.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <map>
 #include <memory>
 #include <vector>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -154,3 +157,5 @@ void defineList(common::CommandLine& command)
         "  fwctl list --json");
     command.onRun([json] { return list(*json); });
 }
+
+} // namespace fwctl

@@ -1,15 +1,15 @@
 // fwctl usb check|install DIR --key-file FILE
-#include "command.h"
 #include "common/content-key.h"
 #include "common/json-text.h"
 #include "common/regular-file.h"
-#include "daemon-log.h"
-#include "isolated.h"
-#include "output.h"
-#include "power-lock.h"
-#include "registry.h"
-#include "update-child.h"
-#include "update-turn.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/daemon-log.h"
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/output.h"
+#include "tools/fwctl/power-lock.h"
+#include "tools/fwctl/registry.h"
+#include "tools/fwctl/update-child.h"
+#include "tools/fwctl/update-turn.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,6 +17,9 @@
 #include <cstring>
 #include <memory>
 #include <sys/stat.h>
+
+namespace fwctl
+{
 
 namespace
 {
@@ -335,3 +338,5 @@ void defineUsb(common::CommandLine& command)
         "  fwctl usb check /opt/media/USBDriveA --key-file /root/usb.key\n"
         "  fwctl usb install /opt/media/USBDriveA --key-file /root/usb.key");
 }
+
+} // namespace fwctl
