@@ -84,7 +84,7 @@ void failOnce(const std::string& function)
     } else if (function == "PS_Mount" || function == "setContext" || function == "checkVersion") {
         self->failures.insert(function);
     } else {
-        fakePlatform().answerInTurn(function, {-1});
+        fakePlatform().answerInTurn(function, {function == "ABM_DownloadAppBinary" ? 0 : -1});
     }
 }
 
@@ -128,6 +128,9 @@ void run(const Television& television, const std::string& root, std::function<vo
     platform.setSetting(kWorking, television.working);
     platform.setFlag("/tmp/.fw_download_ready", television.wereAsked);
     machine::start(self->next, note);
+    for (const std::string& function : television.failures) {
+        failOnce(function);
+    }
     machine::setThreads(television.isEager ? machine::Threads::kEager : machine::Threads::kLazy);
     tarnwick_main();
     end("main returned");

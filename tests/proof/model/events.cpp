@@ -137,16 +137,54 @@ const std::vector<NamedSet>& sets()
 
 struct Flag {
     const char* name;
+    unsigned int rarity; // one set in so many has it
     void (*set)(Television& television);
 };
 
 constexpr Flag kFlags[] = {
-    {"eager", [](Television& television) { television.isEager = true; }},
-    {"factory", [](Television& television) { television.isFactory = true; }},
-    {"asked", [](Television& television) { television.wereAsked = true; }},
-    {"unready", [](Television& television) { television.isManagerReady = false; }},
-    {"working", [](Television& television) { television.working = 1; }},
+    {"eager", 8, [](Television& television) { television.isEager = true; }},
+    {"factory", 12, [](Television& television) { television.isFactory = true; }},
+    {"asked", 8, [](Television& television) { television.wereAsked = true; }},
+    {"unready", 8, [](Television& television) { television.isManagerReady = false; }},
+    {"working", 8, [](Television& television) { television.working = 1; }},
 };
+
+// Flags as well: what fails at the start.
+struct Failure {
+    const char* name;
+    const char* function;
+};
+
+constexpr Failure kFailures[] = {
+    {"no-version", "sysprop_get_value_string"},
+    {"no-semaphore", "sem_open"},
+    {"no-watchdog", "hangwatch_register_watchdog_service"},
+    {"no-power", "pwrctl_subscribe_state_changed_event"},
+    {"no-poweroff", "pwrctl_subscribe_poweroff_event"},
+    {"no-mirroring", "pralis_notify_key_changed:memory/menu/network/screenmirroring/smsrc_status"},
+    {"no-download", "ABM_DownloadAppBinary"},
+    {"no-mount", "PS_Mount"},
+    {"no-judgement", "checkVersion"},
+};
+constexpr unsigned int kRarityOfFailures = 30;
+
+// False: there is no such flag.
+bool setFlag(Television& television, const std::string& name)
+{
+    for (const Flag& flag : kFlags) {
+        if (flag.name == name) {
+            flag.set(television);
+            return true;
+        }
+    }
+    for (const Failure& failure : kFailures) {
+        if (failure.name == name) {
+            television.failures.emplace_back(failure.function);
+            return true;
+        }
+    }
+    return false;
+}
 
 std::vector<std::string> split(const std::string& text, char separator)
 {
@@ -218,12 +256,9 @@ Television televisionOf(const std::string& set)
     Television television;
     television.modules = named->modules;
     for (size_t at = 1; at < parts.size(); ++at) {
-        const auto flag = std::find_if(std::begin(kFlags), std::end(kFlags),
-                                       [&](const Flag& one) { return one.name == parts[at]; });
-        if (flag == std::end(kFlags)) {
+        if (!setFlag(television, parts[at])) {
             throw std::invalid_argument("no such flag of a set: " + parts[at]);
         }
-        flag->set(television);
     }
     return television;
 }
@@ -234,7 +269,10 @@ std::string randomSet(std::mt19937_64& random)
     const size_t number = std::min(random() % sets().size(), random() % sets().size());
     std::string set = sets()[number].name;
     for (const Flag& flag : kFlags) {
-        set += random() % 8 == 0 ? std::string("+") + flag.name : "";
+        set += random() % flag.rarity == 0 ? std::string("+") + flag.name : "";
+    }
+    for (const Failure& failure : kFailures) {
+        set += random() % kRarityOfFailures == 0 ? std::string("+") + failure.name : "";
     }
     return set;
 }
@@ -257,9 +295,9 @@ std::string randomEvent(std::mt19937_64& random)
 
 const std::vector<std::string>& fewEvents()
 {
-    static const std::vector<std::string> few = {
-        "tick",  "wait:6000", "jump:600", "power:0>2", "power:2>0",   "power:3>0",   "key:1",
-        "key:4", "mirror:1",  "poweroff", "level:2",   "update:hang", "launch:fail", "stall"};
+    static const std::vector<std::string> few = {"tick",      "wait:6000", "jump:600",    "power:0>2",
+                                                 "power:2>0", "key:1",     "key:4",       "mirror:1",
+                                                 "poweroff",  "stall",     "launch:fail", "update:hang"};
     return few;
 }
 

@@ -28,6 +28,7 @@ public:
     explicit Service(const Television& set)
         : isManagerReady(set.isManagerReady), isFactoryMarked(set.isFactory), wereAsked(set.wereAsked)
     {
+        failures.insert(set.failures.begin(), set.failures.end());
         threads = set.isEager ? "eager" : "lazy";
         keys[kWorking] = set.working;
         for (const Module& module : set.modules) {
@@ -42,17 +43,16 @@ public:
         }
         spawn([this] { bootWorker(); });
         info("g_main loop running in main thread!\n");
-        call("pwrctl_subscribe_state_changed_event");
-        call("pwrctl_subscribe_poweroff_event");
-        call("pralis_notify_key_changed", quoted(kMirroring));
+        hearsPower = subscribe("pwrctl_subscribe_state_changed_event", "", "");
+        hearsPowerOff = subscribe("pwrctl_subscribe_poweroff_event", "", "");
+        hearsMirroring = subscribe("pralis_notify_key_changed", kMirroring, "SMSRC_STATUS");
         settle();
     }
 
     void apply(const std::string& event)
     {
-        const size_t colon = std::min(event.find(':'), event.size() - 1);
         const std::string kind = event.substr(0, event.find(':'));
-        const std::string rest = event.substr(colon + 1);
+        const std::string rest = event.substr(std::min(kind.size() + 1, event.size()));
         const int value = atoi(rest.c_str());
         const std::map<std::string, Step> actions = {
             {"tick", [&] { advance(kSecond); }},
@@ -60,7 +60,7 @@ public:
             {"jump", [&] { setNow((now / kSecond + value) * kSecond); }}, // to a whole second
             {"power", [&] { onPower(value, atoi(rest.c_str() + rest.find('>') + 1)); }},
             {"level", [&] { powerLevel = value; }},
-            {"poweroff", [&] { allUpdatesDone(), finalize(); }},
+            {"poweroff", [&] { onPowerOff(); }},
             {"key", [&] { onKey(rest, value); }},
             {"mirror", [&] { onMirroring(rest, value); }},
             {"working", [&] { keys[kWorking] = value; }},
@@ -91,15 +91,7 @@ public:
             text +=
                 ", " + key.substr(key.rfind('/') + 1) + " " + (keys.count(key) ? number(keys.at(key)) : "-");
         }
-        text += ", semaphore " + number(semaphore.free) + ", locks";
-        for (const int kind : locks) {
-            text += " " + number(kind);
-        }
-        for (const Image& image : images) {
-            text += ", " + image.made.name + (image.hasPackage ? " package" : "") + " mounts " +
-                    number(image.mounts);
-        }
-        return text + ", list " + list.value_or("-");
+        return text + held() + modules.status() + ", list " + list.value_or("-");
     }
 
 private:
@@ -120,9 +112,20 @@ private:
         }
         modules.load();
         call("sysprop_get_value_string", "128");
-        info("SWModel : MODEL-A");
-        openSemaphore();
+        if (failsOnce("sysprop_get_value_string")) {
+            error("Unable to read SW version from sysprop");
+            error("Error: getSwVersion fail");
+        } else {
+            info("SWModel : MODEL-A");
+        }
+        if (!openSemaphore()) {
+            return false;
+        }
         call("hangwatch_register_watchdog_service", "60");
+        if (failsOnce("hangwatch_register_watchdog_service")) {
+            error("Error: [fwupdate-daemon] hangwatch_register_watchdog_service fail!\n");
+            return false;
+        }
         addTimer(5 * kSecond, [this] {
             call("hangwatch_watchdog_notify");
             return true;
@@ -178,6 +181,9 @@ private:
     void onPower(int previous, int current)
     {
         powerLevel = current;
+        if (!hearsPower) {
+            return;
+        }
         if (mirroring == 1 || isFactory) {
             error("Mirrovex or ProductMode, not try update");
             return;
@@ -207,14 +213,22 @@ private:
         }
     }
 
+    void onPowerOff()
+    {
+        if (hearsPowerOff) {
+            allUpdatesDone();
+            finalize();
+        }
+    }
+
     void onMirroring(const std::string& text, int value)
     {
-        if (text == "null") {
+        if (hearsMirroring && text == "null") {
             error("pralis node is null");
-            return;
+        } else if (hearsMirroring) {
+            mirroring = value;
+            error("[" + kMirroring + "] pralis get value : [" + number(value) + "]");
         }
-        mirroring = value;
-        error("[" + kMirroring + "] pralis get value : [" + number(value) + "]");
     }
 
     void allUpdatesDone()
@@ -333,11 +347,8 @@ private:
         doneSeconds = 0;
         error("Try doUpdateFirmwareUI");
         call("FlagpostEventDone", kIgnoreResume);
-        if (isSwitchedOn()) {
-            startRun(true, count, [this] { state = 13; });
-        } else {
-            state = 13;
-        }
+        const Step end = [this] { state = 13; };
+        isSwitchedOn() ? startRun(true, count, end) : end();
     }
 
     uint32_t progress()
@@ -544,6 +555,9 @@ private:
     bool isRunning = false;
     bool isUpdateRunning = false;
     bool isFactory = false;
+    bool hearsPower = false;
+    bool hearsPowerOff = false;
+    bool hearsMirroring = false;
     int mirroring = 0;
     bool mayStandbyUpdate = true;
     int64_t started = 0;

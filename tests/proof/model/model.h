@@ -24,7 +24,8 @@ struct Television {
     bool wereAsked = false;      // packages were requested earlier in this boot
     bool isManagerReady = true;  // so is the package manager
     bool isEager = false;
-    int working = 0; // another component's update session
+    int working = 0;                   // another component's update session
+    std::vector<std::string> failures; // calls that fail the first time
 };
 
 class Model

@@ -58,7 +58,11 @@ void Modules::request()
     for (const Image& image : all) {
         if (!image.made.id.empty()) {
             stage.call("ABM_DownloadAppBinary", "null, null, " + quoted(image.made.id));
-            stage.info("Request (" + image.made.id + ") emp download");
+            if (stage.failsOnce("ABM_DownloadAppBinary")) {
+                stage.error("Error: EMP ABM_DownloadAppBinary fail.(" + image.made.id + ")");
+            } else {
+                stage.info("Request (" + image.made.id + ") emp download");
+            }
         }
     }
 }
@@ -275,6 +279,16 @@ void Modules::freeHanging()
 {
     stage.ready.insert(stage.ready.end(), hanging.begin(), hanging.end());
     hanging.clear();
+}
+
+std::string Modules::status() const
+{
+    std::string text;
+    for (const Image& image : all) {
+        text +=
+            ", " + image.made.name + (image.hasPackage ? " package" : "") + " mounts " + number(image.mounts);
+    }
+    return text;
 }
 
 } // namespace proof

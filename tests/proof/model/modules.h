@@ -66,6 +66,7 @@ public:
 
     void update(Image& module, int caller, const Stage::Step& done);
     void freeHanging();
+    std::string status() const; // of packages and mounts
 
     std::deque<Image> all;
     std::string updateMode = "ok";

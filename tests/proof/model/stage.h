@@ -192,6 +192,25 @@ public:
         return true;
     }
 
+    bool subscribe(const std::string& function, const std::string& key, const std::string& shown)
+    {
+        call(function, key.empty() ? "" : quoted(key));
+        const bool fails = failsOnce(key.empty() ? function : function + ":" + key);
+        if (fails) {
+            error("Error: " + function + "(" + shown + ") failed");
+        }
+        return !fails;
+    }
+
+    std::string held() const
+    {
+        std::string text = ", semaphore " + number(semaphore.free) + ", locks";
+        for (const int kind : locks) {
+            text += " " + number(kind);
+        }
+        return text;
+    }
+
     int64_t now = 1000 * kSecond;
     std::string threads = "lazy";
     std::deque<Step> ready;
