@@ -151,7 +151,7 @@ bool isSet()
 
 void checkMountDirectory(const Scene& scene, Findings& found)
 {
-    const Directory& directory = kDirectories[3];
+    constexpr const Directory& directory = kDirectories[3];
     if (scene.mountProblem.empty() || access(directory.path, F_OK) != 0) {
         return; // a missing one is another finding
     }
@@ -159,7 +159,7 @@ void checkMountDirectory(const Scene& scene, Findings& found)
                      std::string(directory.path) + " cannot be written by the daemon's user (" +
                          scene.mountProblem + "): packages cannot be mounted",
                      "give it back to platform:system, with mode 2775",
-                     [&directory] { return giveBack(directory); }});
+                     [] { return giveBack(kDirectories[3]); }});
 }
 
 void checkDirectories(const Scene&, Findings& found)
