@@ -23,6 +23,7 @@ constexpr double kNearlyAll = 0.9; // of the bytes: then the new version may be 
 
 void updateUntilCut(Worker& worker)
 {
+    worker.overlookManners();
     if (!worker.load())
         return;
     worker.setContext(worker.job().caller, "");
@@ -33,12 +34,14 @@ void updateUntilCut(Worker& worker)
 
 void startAgain(Worker& worker)
 {
+    worker.overlookManners();
     worker.tell("loaded", worker.load());
     tellVersion(worker, "after the power cut");
 }
 
 void updateAgainAfterCut(Worker& worker)
 {
+    worker.overlookManners();
     worker.load();
     worker.setContext(worker.job().caller, "");
     worker.update({worker.job().image, worker.job().checksum, false, "after the power cut"});

@@ -204,7 +204,8 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
 {
     if (isSuspect(name))
         return std::nullopt;
-    const ProcessState before = ProcessState::now();
+    const std::optional<ProcessState> before =
+        areMannersWatched_ ? std::optional(ProcessState::now()) : std::nullopt;
     std::optional<Returned> returned;
     try {
         const Stopwatch stopwatch;
@@ -219,8 +220,10 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
         found(FindingId::Exception, name + " threw something that is no std::exception");
     }
     requireOwnDescriptors(name);
-    const ProcessState after = before.settled();
-    for (const Finding& change : before.changesIn(after))
+    if (!before)
+        return returned;
+    const ProcessState after = before->settled();
+    for (const Finding& change : before->changesIn(after))
         found(change.id, name + ": " + change.detail);
     return returned;
 }

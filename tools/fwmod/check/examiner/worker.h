@@ -39,6 +39,10 @@ public:
     void found(FindingId id, const std::string& detail) const;
     void tell(const std::string& key, const Json::Value& value) const;
 
+    // From now on the process is not looked at before and after each call: where that has been done already,
+    // and hundreds of sessions follow.
+    void overlookManners() { areMannersWatched_ = false; }
+
     // False when the daemon would not have the library.
     bool load();
     bool has(const char* entryPoint) const; // and the daemon would call it
@@ -94,6 +98,7 @@ private:
     const std::set<std::string>& suspects_;
     int channel_;
     BlackBox& box_;
+    bool areMannersWatched_ = true;
     std::set<std::string> flawed_;
     std::vector<std::pair<int, ino_t>> ownDescriptors_; // with what they lead to
 
