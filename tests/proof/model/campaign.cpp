@@ -91,6 +91,7 @@ public:
             alarm(kSecondsForAnEvent);
             return true;
         }
+        alarm(0); // the copy has its own, and all that follows from it takes as long as it takes
         if (!await(shared, child)) {
             _exit(1);
         }
