@@ -7,8 +7,6 @@ import {join} from "node:path";
 import {chromium} from "playwright-core";
 
 const {VSET, EXAMPLES, FWMOD, WORK, TEST_KEYS} = process.env;
-const kUpdateUser = 901;
-const kSystemGroup = 900;
 export const kPatience = 60000; // ms; the machine may be loaded
 
 export async function waitFor(what, condition, limit = kPatience) {
@@ -44,11 +42,9 @@ export class Television {
 
   // Hardware with version 1.0 and its control library.
   addModule(name, directory) {
-    mkdirSync(this.path(directory), {recursive: true});
-    cpSync(join(EXAMPLES, `${name}.so`), this.path(directory, `${name}.so`));
-    const chip = this.path("root/var/lib/hardware", name.replace("EXT-", ""));
-    cpSync(join(EXAMPLES, "images/1.0/hardware", name.replace("EXT-", "")), chip);
-    if (process.geteuid() === 0) execFileSync("chown", [`${kUpdateUser}:${kSystemGroup}`, chip]);
+    this.vset("put", this.set, "library", join(EXAMPLES, `${name}.so`),
+      ...(directory.startsWith("usr/") ? ["--system"] : []));
+    this.vset("put", this.set, "hardware", join(EXAMPLES, "images/1.0/hardware", name.replace("EXT-", "")));
   }
 
   // A directory of this machine with an encrypted image of the tuner, for the USB slot; its content key is

@@ -4,6 +4,7 @@
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/programs.h"
+#include "vset/television/users.h"
 
 #include <algorithm>
 #include <array>
@@ -25,8 +26,8 @@ namespace fs = std::filesystem;
 
 namespace
 {
-constexpr uid_t kUpdateUser = 901; // of a set that root runs
-constexpr gid_t kSystemGroup = 900;
+using vset::kSystemGroup;
+using vset::kUpdateUser;
 constexpr int kPowerCutStatus = 3;
 constexpr std::chrono::seconds kPatience(30);
 

@@ -144,10 +144,12 @@ void composeEtc(const RootPlan& plan, const fs::path& etc)
     mountOn("etc", etc, "tmpfs", MS_NODEV | MS_NOSUID, "mode=0755");
     for (const char* name : kHostConfiguration)
         takeOverConfiguration(name, etc);
-    writeFile(etc / "passwd",
-              accountTable("/etc/passwd", {{"platform:x:900", ":900:platform services:/:/usr/sbin/nologin"},
-                                           {"fwupdate:x:901", ":900:firmware update:/:/usr/sbin/nologin"}}));
-    writeFile(etc / "group", accountTable("/etc/group", {{"system:x:900", ":"}}));
+    const std::string group = ":" + std::to_string(kSystemGroup) + ":";
+    writeFile(etc / "passwd", accountTable("/etc/passwd", {{"platform:x:" + std::to_string(kPlatformUser),
+                                                            group + "platform services:/:/usr/sbin/nologin"},
+                                                           {"fwupdate:x:" + std::to_string(kUpdateUser),
+                                                            group + "firmware update:/:/usr/sbin/nologin"}}));
+    writeFile(etc / "group", accountTable("/etc/group", {{"system:x:" + std::to_string(kSystemGroup), ":"}}));
     writeFile(etc / "machine-id", readFile(plan.set.machineIdFile()));
     writeFile(etc / "hostname", plan.set.path().filename().string() + "\n");
 }

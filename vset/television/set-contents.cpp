@@ -223,12 +223,9 @@ void SetContents::putFirmware(const fs::path& directory) const
 {
     requireDirectory(directory);
     const std::string name = lastNameOf(directory);
-    for (const std::string& file : {name + ".bin", std::string("info.json")}) {
-        if (!fs::is_regular_file(directory / file)) {
-            fail(directory.string(), "there is no " + file +
-                                         " in it: the daemon looks for NAME/NAME.bin and "
-                                         "NAME/info.json");
-        }
+    if (!fs::is_regular_file(directory / (name + ".bin"))) { // an external module has no info.json beside it
+        fail(directory.string(),
+             "there is no " + name + ".bin in it: the daemon looks for NAME/NAME.bin and NAME/info.json");
     }
     attempt("cannot put " + directory.string() + " into the set", [&] {
         replace(outside(inset::kBuiltInFirmware) / name,

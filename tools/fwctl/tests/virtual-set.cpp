@@ -12,15 +12,7 @@ namespace fs = std::filesystem;
 
 namespace
 {
-constexpr uid_t kUpdateUser = 901;
-constexpr gid_t kSystemGroup = 900;
 const fs::path kExamples = EXAMPLES;
-
-void copyInto(const fs::path& from, const fs::path& directory)
-{
-    fs::create_directories(directory);
-    fs::copy(from, directory / from.filename(), fs::copy_options::recursive);
-}
 } // namespace
 
 VirtualSet::VirtualSet()
@@ -32,17 +24,20 @@ VirtualSet::VirtualSet()
         fs::remove_all(path_); // no destructor runs for what was not made
         throw std::runtime_error("vset new: " + made.err);
     }
-    copyInto(kExamples / "tuner.so", file("/prd/usr/fwupdate/controls"));
-    copyInto(kExamples / "EXT-soundbar.so", file("/prd/usr/fwupdate/controls"));
-    copyInto(kExamples / "panel.so", file("/usr/fwupdate/controls"));
-    copyInto(kExamples / "images/1.1/Panel", file("/usr/lib/firmware/ext"));
-    copyInto(kExamples / "images/1.1/Soundbar", file("/usr/lib/firmware/ext"));
-    copyInto(kExamples / "images/1.1/empTuner.img", file("/opt/usr/apps/appbinarymanager"));
-    copyInto(kExamples / "images/1.0/hardware", file("/var/lib"));
-    for (const auto& entry : fs::recursive_directory_iterator(file("/var/lib/hardware"))) {
-        if (chown(entry.path().c_str(), kUpdateUser, kSystemGroup) != 0)
-            throw std::runtime_error("chown failed: these tests need root");
-    }
+    const fs::path images = kExamples / "images";
+    put({"library", kExamples / "tuner.so", kExamples / "EXT-soundbar.so"});
+    put({"library", "--system", kExamples / "panel.so"});
+    put({"firmware", images / "1.1/Panel", images / "1.1/Soundbar"});
+    put({"package", "--delivered", images / "1.1/empTuner.img"});
+    put({"hardware", images / "1.0/hardware"});
+}
+
+void VirtualSet::put(std::vector<std::string> words)
+{
+    words.insert(words.begin(), {VSET, "put", path_});
+    const Outcome outcome = runProgram(words);
+    if (outcome.status != 0)
+        throw std::runtime_error(outcome.err);
 }
 
 VirtualSet::~VirtualSet()
@@ -78,7 +73,7 @@ void VirtualSet::addSystemImage(const std::string& firmwareName)
 
 void VirtualSet::addModule(const std::string& name)
 {
-    copyInto(fs::path(FAULTY_MODULES) / (name + ".so"), file("/prd/usr/fwupdate/controls"));
+    put({"library", fs::path(FAULTY_MODULES) / (name + ".so")});
 }
 
 std::string readFile(const fs::path& path)

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 class VirtualSet
 {
@@ -27,6 +28,8 @@ public:
     void addModule(const std::string& name);
 
 private:
+    void put(std::vector<std::string> words); // as `vset put SET` takes them
+
     std::filesystem::path path_;
 };
 

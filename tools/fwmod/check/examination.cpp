@@ -11,6 +11,7 @@
 #include "tools/fwmod/images/inspection.h"
 #include "tools/fwmod/interruption.h"
 #include "tools/fwmod/programs.h"
+#include "vset/television/users.h"
 
 #include <algorithm>
 #include <fstream>
@@ -26,8 +27,8 @@ namespace fs = std::filesystem;
 
 namespace
 {
-constexpr uid_t kUpdateUser = 901; // of a set that root runs
-constexpr gid_t kSystemGroup = 900;
+using vset::kSystemGroup;
+using vset::kUpdateUser;
 constexpr double kHaste = 100;            // the set's clock, where no duration is measured
 constexpr unsigned int kUnknownTime = 60; // seconds, for a module without an information file
 
