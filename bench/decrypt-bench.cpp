@@ -17,7 +17,7 @@
 
 #include "bench/ratios.h"
 #include "bench/temporary-file.h"
-#include "fw-update-symbol.h"
+#include "src/src/fw-update-symbol.h"
 
 namespace
 {

@@ -1,10 +1,9 @@
 #include "common/command-line.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
-
-#include <CLI/CLI.hpp>
 
 #include "common/version.h"
 #include "common/visible-text.h"

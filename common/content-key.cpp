@@ -2,9 +2,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <string_view>
-
 #include <openssl/crypto.h>
+#include <string_view>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>

@@ -1,11 +1,11 @@
 // Owning pointers for what GLib counts or allocates, and its errors as exceptions.
-#pragma once
+#ifndef COMMON_GLIB_POINTERS_H
+#define COMMON_GLIB_POINTERS_H
 
+#include <gio/gio.h>
 #include <memory>
 #include <stdexcept>
 #include <string>
-
-#include <gio/gio.h>
 
 namespace vset
 {
@@ -37,8 +37,9 @@ public:
 
     std::string text() const
     {
-        if (error_ == nullptr)
+        if (error_ == nullptr) {
             return "unknown error";
+        }
         const GlibPointer<GError> copy(g_error_copy(error_));
         g_dbus_error_strip_remote_error(copy.get());
         return copy->message;
@@ -49,3 +50,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,10 +1,9 @@
 #include "common/json-text.h"
 
 #include <algorithm>
-#include <memory>
-
 #include <glib.h>
 #include <json/json.h>
+#include <memory>
 
 namespace common
 {

@@ -2,11 +2,10 @@
 #ifndef COMMON_JSON_TEXT_H
 #define COMMON_JSON_TEXT_H
 
+#include <json/value.h>
 #include <optional>
 #include <string>
 #include <string_view>
-
-#include <json/value.h>
 
 namespace common
 {

@@ -52,23 +52,26 @@ void ProgressLine::show(const std::string& name, unsigned int percent)
     percent = std::min(percent, 100U); // a library may count on
     const unsigned int step = isTerminal_ ? percent : percent / 10 * 10;
     const std::string line = lineOf(visible(name), step, isTerminal_ ? columns() : kUnlimited);
-    if (line == last_)
+    if (line == last_) {
         return;
+    }
     std::fprintf(stderr, isTerminal_ ? "\r%s\033[K" : "%s\n", line.c_str());
     last_ = line;
 }
 
 void ProgressLine::finish()
 {
-    if (isTerminal_ && !last_.empty())
+    if (isTerminal_ && !last_.empty()) {
         std::fprintf(stderr, "\n");
+    }
     last_.clear();
 }
 
 void ProgressLine::clear()
 {
-    if (isTerminal_ && !last_.empty())
+    if (isTerminal_ && !last_.empty()) {
         std::fprintf(stderr, "\r\033[K");
+    }
     last_.clear();
 }
 

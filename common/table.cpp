@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-
 #include <glib.h>
 
 #include "common/visible-text.h"

@@ -1,7 +1,6 @@
 #include "common/visible-text.h"
 
 #include <cstdio>
-
 #include <glib.h>
 
 namespace common

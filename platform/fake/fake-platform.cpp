@@ -1,4 +1,4 @@
-#include "fake-platform.h"
+#include "platform/fake/fake-platform.h"
 
 #include <algorithm>
 

@@ -6,8 +6,8 @@
 // when the test fires them, on the test's thread.
 //
 // Every call and every member function may be used from any thread; what is returned is a copy.
-#ifndef FAKE_PLATFORM_H
-#define FAKE_PLATFORM_H
+#ifndef PLATFORM_FAKE_FAKE_PLATFORM_H
+#define PLATFORM_FAKE_FAKE_PLATFORM_H
 
 #include <cstdint>
 #include <deque>

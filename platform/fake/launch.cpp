@@ -1,7 +1,7 @@
 // applaunch.h: requests to launch an application.
 
-#include "fake-platform.h"
-#include "support.h"
+#include "platform/fake/fake-platform.h"
+#include "platform/fake/support.h"
 
 using fakeSupport::orEmpty;
 using fakeSupport::quoted;

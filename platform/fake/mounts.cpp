@@ -5,9 +5,9 @@
 #include <filesystem>
 #include <sstream>
 
-#include "fake-platform.h"
+#include "platform/fake/fake-platform.h"
+#include "platform/fake/support.h"
 #include "ps_mount.h"
-#include "support.h"
 
 namespace fs = std::filesystem;
 using fakeSupport::quoted;

@@ -1,8 +1,8 @@
 // appbinary_manager.h: package requests.
 
 #include "appbinary_manager.h"
-#include "fake-platform.h"
-#include "support.h"
+#include "platform/fake/fake-platform.h"
+#include "platform/fake/support.h"
 
 using fakeSupport::quoted;
 

@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <ostream>
 
-#include "fake-platform.h"
 #include "norlog.h"
-#include "support.h"
+#include "platform/fake/fake-platform.h"
+#include "platform/fake/support.h"
 #include "trace_logger.h"
 
 using fakeSupport::orEmpty;

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <ostream>
 
-#include "fake-platform.h"
-#include "support.h"
+#include "platform/fake/fake-platform.h"
+#include "platform/fake/support.h"
 
 using fakeSupport::removeSubscriber;
 

@@ -2,10 +2,10 @@
 
 #include <cstring>
 
-#include "fake-platform.h"
 #include "flagpost.h"
 #include "hangwatch.h"
-#include "support.h"
+#include "platform/fake/fake-platform.h"
+#include "platform/fake/support.h"
 #include "sysprop.h"
 
 using fakeSupport::orEmpty;

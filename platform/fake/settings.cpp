@@ -1,7 +1,7 @@
 // pralis.h: the settings store.
 
-#include "fake-platform.h"
-#include "support.h"
+#include "platform/fake/fake-platform.h"
+#include "platform/fake/support.h"
 
 using fakeSupport::orEmpty;
 using fakeSupport::quoted;

@@ -1,6 +1,6 @@
 // What the files of the fake platform share.
-#ifndef FAKE_PLATFORM_SUPPORT_H
-#define FAKE_PLATFORM_SUPPORT_H
+#ifndef PLATFORM_FAKE_SUPPORT_H
+#define PLATFORM_FAKE_SUPPORT_H
 
 #include <algorithm>
 #include <string>

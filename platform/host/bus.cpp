@@ -1,8 +1,8 @@
-#include "bus.h"
+#include "platform/host/bus.h"
 
 #include <mutex>
 
-#include "deadline.h"
+#include "platform/host/deadline.h"
 
 namespace platform
 {
@@ -14,12 +14,14 @@ Connection connection()
     static std::mutex mutex;
     static GDBusConnection* held = nullptr;
     const std::lock_guard<std::mutex> lock(mutex);
-    if (held != nullptr && g_dbus_connection_is_closed(held) != FALSE)
+    if (held != nullptr && g_dbus_connection_is_closed(held) != FALSE) {
         g_clear_object(&held);
+    }
     if (held == nullptr) {
         held = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-        if (held == nullptr)
+        if (held == nullptr) {
             return nullptr;
+        }
         // GLib would end the process together with the bus; here the calls fail instead.
         g_dbus_connection_set_exit_on_close(held, FALSE);
     }
@@ -30,8 +32,9 @@ Variant call(const Service& service, const char* method, GVariant* parameters, c
 {
     const Variant owned(parameters == nullptr ? nullptr : g_variant_ref_sink(parameters));
     const Connection bus = connection();
-    if (bus == nullptr)
+    if (bus == nullptr) {
         return nullptr;
+    }
     const Deadline deadline;
     return Variant(g_dbus_connection_call_sync(bus.get(), service.name, service.path, service.interface,
                                                method, owned.get(), G_VARIANT_TYPE(replyType),
@@ -42,8 +45,9 @@ Variant call(const Service& service, const char* method, GVariant* parameters, c
 int callForResult(const char* method, GVariant* parameters)
 {
     const Variant reply = call(kPlatform, method, parameters, "(i)");
-    if (reply == nullptr)
+    if (reply == nullptr) {
         return kFailure;
+    }
     int result = kFailure;
     g_variant_get(reply.get(), "(i)", &result);
     return result;

@@ -2,12 +2,12 @@
 //
 // Thread-safe, and needs no running main loop: the caller waits for the reply, at most five seconds. A bus or
 // a service that is not there is an ordinary answer (a negative result), never a crash and never a hang.
-#pragma once
-
-#include <memory>
-#include <string>
+#ifndef PLATFORM_HOST_BUS_H
+#define PLATFORM_HOST_BUS_H
 
 #include <gio/gio.h>
+#include <memory>
+#include <string>
 
 namespace platform
 {
@@ -48,3 +48,5 @@ int callForResult(const char* method, GVariant* parameters = nullptr);
 bool isText(const char* text);
 
 } // namespace platform
+
+#endif

@@ -1,15 +1,14 @@
-#include "deadline.h"
+#include "platform/host/deadline.h"
 
 #include <cstdint>
 #include <mutex>
-#include <set>
-#include <thread>
-#include <vector>
-
 #include <pthread.h>
+#include <set>
 #include <signal.h>
 #include <sys/timerfd.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace platform
 {
@@ -36,22 +35,25 @@ public:
     void add(Deadline* deadline)
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (waiting_.insert(deadline).second && waiting_.size() == 1)
+        if (waiting_.insert(deadline).second && waiting_.size() == 1) {
             arm(true);
+        }
     }
 
     void remove(Deadline* deadline)
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (waiting_.erase(deadline) > 0 && waiting_.empty())
+        if (waiting_.erase(deadline) > 0 && waiting_.empty()) {
             arm(false);
+        }
     }
 
 private:
     Ticker() : timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC))
     {
-        if (timer_ < 0)
+        if (timer_ < 0) {
             return; // out of descriptors: calls then end when the service or the bus does
+        }
         sigset_t all;
         sigset_t before;
         sigfillset(&all);
@@ -71,8 +73,9 @@ private:
     {
         pthread_setname_np(pthread_self(), "platform-calls");
         uint64_t ticks = 0;
-        while (read(timer_, &ticks, sizeof ticks) == sizeof ticks)
+        while (read(timer_, &ticks, sizeof ticks) == sizeof ticks) {
             countDown();
+        }
     }
 
     void countDown()
@@ -88,8 +91,9 @@ private:
         std::vector<GCancellable*> late;
         const std::lock_guard<std::mutex> lock(mutex_);
         for (Deadline* deadline : waiting_) {
-            if (--deadline->ticksLeft_ == 0)
+            if (--deadline->ticksLeft_ == 0) {
                 late.push_back(G_CANCELLABLE(g_object_ref(deadline->cancellable_)));
+            }
         }
         return late;
     }

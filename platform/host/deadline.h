@@ -3,7 +3,8 @@
 // GLib's own time-out counts on the clock that a set can make run faster or jump: one jump of ten minutes
 // would fail every call that is under way. This one counts on a timer of the kernel that the set's clock does
 // not reach.
-#pragma once
+#ifndef PLATFORM_HOST_DEADLINE_H
+#define PLATFORM_HOST_DEADLINE_H
 
 #include <gio/gio.h>
 
@@ -29,3 +30,5 @@ private:
 };
 
 } // namespace platform
+
+#endif

@@ -1,11 +1,10 @@
-#include "log-file.h"
+#include "platform/host/log-file.h"
 
 #include <atomic>
 #include <cstdint>
 #include <ctime>
-#include <mutex>
-
 #include <fcntl.h>
+#include <mutex>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -83,8 +82,7 @@ int reopen(Shared& log)
     if (next < 0) {
         return -1;
     }
-    struct statx status {
-    };
+    struct statx status{};
     const int kept = log.file;
     if (isOurs(log, kept, status) && dup3(next, kept, O_CLOEXEC) == kept) {
         close(next);
@@ -108,15 +106,13 @@ bool isTimeToLook(Shared& log)
 
 bool isAtPath(const Shared& log)
 {
-    struct statx status {
-    };
+    struct statx status{};
     return statx(AT_FDCWD, kLogFile, 0, kWanted, &status) == 0 && isKept(log, status);
 }
 
 int currentFile(Shared& log)
 {
-    struct statx status {
-    };
+    struct statx status{};
     const int file = log.file;
     const bool isThere = isOurs(log, file, status) && status.stx_nlink > 0;
     return isThere && (!isTimeToLook(log) || isAtPath(log)) ? file : reopen(log);

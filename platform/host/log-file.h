@@ -7,7 +7,6 @@
 #define PLATFORM_HOST_LOG_FILE_H
 
 #include <string_view>
-
 #include <sys/types.h>
 
 namespace platform

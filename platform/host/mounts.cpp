@@ -1,13 +1,11 @@
 // ps_mount.h: the privileged mount service.
 
-#include "ps_mount.h"
-
+#include <string.h>
 #include <string>
 
-#include <string.h>
-
-#include "bus.h"
-#include "exported.h"
+#include "platform/host/bus.h"
+#include "platform/host/exported.h"
+#include "ps_mount.h"
 
 namespace
 {
@@ -15,16 +13,19 @@ namespace
 // `text` is a buffer of `length` bytes; what it says ends at the first zero byte, if there is one.
 int mountCall(const char* method, const char* text, int length, int* result)
 {
-    if (text == nullptr || length < 0 || result == nullptr)
+    if (text == nullptr || length < 0 || result == nullptr) {
         return platform::kFailure;
+    }
     *result = platform::kFailure;
     const std::string command(text, strnlen(text, static_cast<size_t>(length)));
-    if (!platform::isText(command.c_str()))
+    if (!platform::isText(command.c_str())) {
         return platform::kFailure;
+    }
     const auto reply =
         platform::call(platform::kMounts, method, g_variant_new("(s)", command.c_str()), "(ii)");
-    if (reply == nullptr)
+    if (reply == nullptr) {
         return platform::kFailure;
+    }
     int returned = platform::kFailure;
     g_variant_get(reply.get(), "(ii)", &returned, result);
     return returned;

@@ -1,12 +1,11 @@
 // appbinary_manager.h: package requests.
 
-#include "appbinary_manager.h"
-
 #include <atomic>
 
-#include "bus.h"
-#include "exported.h"
-#include "subscriptions.h"
+#include "appbinary_manager.h"
+#include "platform/host/bus.h"
+#include "platform/host/exported.h"
+#include "platform/host/subscriptions.h"
 
 namespace
 {
@@ -18,8 +17,9 @@ guint nextToken()
 {
     static std::atomic<guint> last{0};
     guint token = ++last;
-    while (token == 0) // after four billion requests
+    while (token == 0) { // after four billion requests
         token = ++last;
+    }
     return token;
 }
 
@@ -42,15 +42,18 @@ namespace appbinaryManager
 PLATFORM_EXPORT bool ABM_DownloadAppBinary(DownloadCallback cb, void* user_data,
                                            const std::string& package_id)
 {
-    if (!platform::isText(package_id.c_str()))
+    if (!platform::isText(package_id.c_str())) {
         return false;
+    }
     const guint token = nextToken();
-    if (cb != nullptr && !expectEnd(token, cb, user_data))
+    if (cb != nullptr && !expectEnd(token, cb, user_data)) {
         return false;
+    }
     const int result =
         platform::callForResult("DownloadPackage", g_variant_new("(us)", token, package_id.c_str()));
-    if (result != 0 && cb != nullptr)
+    if (result != 0 && cb != nullptr) {
         platform::forget(kDone, token);
+    }
     return result == 0;
 }
 

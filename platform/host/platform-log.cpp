@@ -13,12 +13,11 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
-
 #include <sys/prctl.h>
 
-#include "exported.h"
-#include "log-file.h"
 #include "norlog.h"
+#include "platform/host/exported.h"
+#include "platform/host/log-file.h"
 #include "trace_logger.h"
 
 namespace
@@ -174,15 +173,17 @@ std::string lineOf(const char* buffer, int priority, const char* tag, const Loca
 PLATFORM_EXPORT int __norlog_print(int log_id, int priority, const char* tag, const char* format, ...)
 {
     const ErrnoKeeper keeper;
-    if (format == nullptr)
+    if (format == nullptr) {
         return -1;
+    }
     std::string message;
     va_list values;
     va_start(values, format);
     const bool isPrintable = formatMessage(message, format, values);
     va_end(values);
-    if (!isPrintable)
+    if (!isPrintable) {
         return -1;
+    }
     return platform::appendToLog(lineOf(std::to_string(log_id).c_str(), priority, tag, nullptr, message));
 }
 
@@ -190,14 +191,16 @@ PLATFORM_EXPORT void TraceLogger::record(int priority, const char* file, const c
                                          const char* format, ...)
 {
     const ErrnoKeeper keeper;
-    if (format == nullptr)
+    if (format == nullptr) {
         return;
+    }
     std::string message;
     va_list values;
     va_start(values, format);
     const bool isPrintable = formatMessage(message, format, values);
     va_end(values);
     const Location place = {file, function, line};
-    if (isPrintable)
+    if (isPrintable) {
         platform::appendToLog(lineOf("trace", priority, "", &place, message));
+    }
 }

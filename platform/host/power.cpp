@@ -1,10 +1,9 @@
 // pwrctl.h: device power.
 
+#include "platform/host/bus.h"
+#include "platform/host/exported.h"
+#include "platform/host/subscriptions.h"
 #include "pwrctl.h"
-
-#include "bus.h"
-#include "exported.h"
-#include "subscriptions.h"
 
 namespace
 {
@@ -27,8 +26,9 @@ PLATFORM_EXPORT int pwrctl_get_state(void)
 
 PLATFORM_EXPORT int pwrctl_subscribe_state_changed_event(pwrctl_state_cb cb, void* user_data)
 {
-    if (cb == nullptr)
+    if (cb == nullptr) {
         return platform::kFailure;
+    }
     return platform::subscribe(kStateChanged, nullptr, identityOf(cb), [cb, user_data](GVariant* parameters) {
         pwrctl_state_info info{};
         g_variant_get(parameters, "(ii)", &info.prev_state, &info.cur_state);
@@ -43,8 +43,9 @@ PLATFORM_EXPORT int pwrctl_unsubscribe_state_changed_event(pwrctl_state_cb cb)
 
 PLATFORM_EXPORT int pwrctl_subscribe_poweroff_event(pwrctl_poweroff_cb cb, void* user_data)
 {
-    if (cb == nullptr)
+    if (cb == nullptr) {
         return platform::kFailure;
+    }
     return platform::subscribe(kPowerOff, nullptr, identityOf(cb), [cb, user_data](GVariant* parameters) {
         pwrctl_poweroff_info info{};
         g_variant_get(parameters, "(i)", &info.reason);

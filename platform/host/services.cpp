@@ -3,10 +3,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "bus.h"
-#include "exported.h"
 #include "flagpost.h"
 #include "hangwatch.h"
+#include "platform/host/bus.h"
+#include "platform/host/exported.h"
 #include "sysprop.h"
 
 namespace
@@ -14,8 +14,9 @@ namespace
 
 int flagCall(const char* method, const char* flag)
 {
-    if (!platform::isText(flag))
+    if (!platform::isText(flag)) {
         return platform::kFailure;
+    }
     return platform::callForResult(method, g_variant_new("(s)", flag));
 }
 
@@ -25,19 +26,23 @@ int flagCall(const char* method, const char* flag)
 
 PLATFORM_EXPORT int sysprop_get_value_string(int key, char** value)
 {
-    if (value == nullptr)
+    if (value == nullptr) {
         return platform::kFailure;
+    }
     const auto reply = platform::call(platform::kPlatform, "GetProperty", g_variant_new("(i)", key), "(is)");
-    if (reply == nullptr)
+    if (reply == nullptr) {
         return platform::kFailure;
+    }
     int result = platform::kFailure;
     const char* text = nullptr;
     g_variant_get(reply.get(), "(i&s)", &result, &text);
-    if (result != 0)
+    if (result != 0) {
         return result;
+    }
     char* const copy = strdup(text); // the caller's, who calls free
-    if (copy == nullptr)
+    if (copy == nullptr) {
         return platform::kFailure;
+    }
     *value = copy;
     return 0;
 }

@@ -1,10 +1,9 @@
 // pralis.h: the settings store.
 
+#include "platform/host/bus.h"
+#include "platform/host/exported.h"
+#include "platform/host/subscriptions.h"
 #include "pralis.h"
-
-#include "bus.h"
-#include "exported.h"
-#include "subscriptions.h"
 
 struct keynode {
     int value;
@@ -24,30 +23,35 @@ platform::CallbackIdentity identityOf(pralis_key_changed_cb cb)
 
 PLATFORM_EXPORT int pralis_get_int(const char* key, int* value)
 {
-    if (!platform::isText(key) || value == nullptr)
+    if (!platform::isText(key) || value == nullptr) {
         return platform::kFailure;
+    }
     const auto reply = platform::call(platform::kPlatform, "GetInt", g_variant_new("(s)", key), "(ii)");
-    if (reply == nullptr)
+    if (reply == nullptr) {
         return platform::kFailure;
+    }
     int result = platform::kFailure;
     int stored = 0;
     g_variant_get(reply.get(), "(ii)", &result, &stored);
-    if (result == 0)
+    if (result == 0) {
         *value = stored;
+    }
     return result;
 }
 
 PLATFORM_EXPORT int pralis_set_int(const char* key, int value)
 {
-    if (!platform::isText(key))
+    if (!platform::isText(key)) {
         return platform::kFailure;
+    }
     return platform::callForResult("SetInt", g_variant_new("(si)", key, value));
 }
 
 PLATFORM_EXPORT int pralis_notify_key_changed(const char* key, pralis_key_changed_cb cb, void* user_data)
 {
-    if (!platform::isText(key) || cb == nullptr)
+    if (!platform::isText(key) || cb == nullptr) {
         return platform::kFailure;
+    }
     return platform::subscribe(kKeyChanged, key, identityOf(cb), [cb, user_data](GVariant* parameters) {
         keynode node{};
         g_variant_get(parameters, "(&si)", nullptr, &node.value);
@@ -57,8 +61,9 @@ PLATFORM_EXPORT int pralis_notify_key_changed(const char* key, pralis_key_change
 
 PLATFORM_EXPORT int pralis_ignore_key_changed(const char* key, pralis_key_changed_cb cb)
 {
-    if (!platform::isText(key))
+    if (!platform::isText(key)) {
         return platform::kFailure;
+    }
     return platform::unsubscribe(kKeyChanged, key, identityOf(cb));
 }
 

@@ -1,4 +1,4 @@
-#include "subscriptions.h"
+#include "platform/host/subscriptions.h"
 
 #include <algorithm>
 #include <atomic>
@@ -43,8 +43,9 @@ Registry& registry()
 
 bool isExpectedAnswer(const Subscription& entry, GVariant* parameters)
 {
-    if (entry.expectedId == 0)
+    if (entry.expectedId == 0) {
         return true;
+    }
     const Variant id(g_variant_get_child_value(parameters, 0));
     return g_variant_is_of_type(id.get(), G_VARIANT_TYPE_UINT32) != FALSE &&
            g_variant_get_uint32(id.get()) == entry.expectedId;
@@ -54,14 +55,17 @@ void onSignal(GDBusConnection*, const char*, const char*, const char*, const cha
               gpointer userData)
 {
     const Shared entry = *static_cast<Shared*>(userData); // lives on when the callback unsubscribes itself
-    if (!isExpectedAnswer(*entry, parameters))
+    if (!isExpectedAnswer(*entry, parameters)) {
         return;
+    }
     const bool isOnce = entry->expectedId != 0;
-    if (isOnce ? entry->isCancelled.exchange(true) : entry->isCancelled.load())
+    if (isOnce ? entry->isCancelled.exchange(true) : entry->isCancelled.load()) {
         return;
+    }
     entry->deliver(parameters);
-    if (isOnce)
+    if (isOnce) {
         forget(entry->signal.c_str(), entry->expectedId);
+    }
 }
 
 void deleteShared(gpointer userData)
@@ -136,10 +140,11 @@ void attach(GDBusConnection* bus, const Shared& entry)
 // default one, hence a thread that has its own lets a plain thread subscribe.
 void attachForDefaultContext(GDBusConnection* bus, const Shared& entry)
 {
-    if (g_main_context_get_thread_default() == nullptr)
+    if (g_main_context_get_thread_default() == nullptr) {
         attach(bus, entry);
-    else
+    } else {
         std::thread([&] { attach(bus, entry); }).join();
+    }
 }
 
 template <typename Predicate>
@@ -159,8 +164,9 @@ void detach(const std::vector<Shared>& entries)
     const Connection bus = connection();
     for (const Shared& entry : entries) {
         entry->isCancelled = true;
-        if (bus != nullptr)
+        if (bus != nullptr) {
             g_dbus_connection_signal_unsubscribe(bus.get(), entry->busId);
+        }
     }
 }
 
@@ -172,8 +178,9 @@ void detachOne(const Shared& wanted)
 bool add(const Shared& entry)
 {
     const Connection bus = connection();
-    if (bus == nullptr)
+    if (bus == nullptr) {
         return false;
+    }
     attachForDefaultContext(bus.get(), entry);
     Registry& all = registry();
     const std::lock_guard<std::mutex> lock(all.mutex);
@@ -191,12 +198,14 @@ int subscribe(const EventKind& kind, const char* argument, CallbackIdentity iden
     entry->subscribeMethod = kind.subscribeMethod;
     entry->identity = identity;
     entry->deliver = std::move(deliver);
-    if (!add(entry))
+    if (!add(entry)) {
         return kFailure;
+    }
     // The service's answer also proves that the bus knows the subscription: from here on no event is lost.
     const int result = callForResult(kind.subscribeMethod, methodArgument(argument));
-    if (result != 0)
+    if (result != 0) {
         detachOne(entry);
+    }
     return result;
 }
 
@@ -207,11 +216,13 @@ int unsubscribe(const EventKind& kind, const char* argument, CallbackIdentity id
         return entry.identity == identity && entry.signal == kind.signal && entry.argument == wantedArgument;
     });
     detach(ended);
-    if (ended.empty())
+    if (ended.empty()) {
         return kFailure;
+    }
     int result = 0;
-    for (size_t i = 0; i < ended.size(); ++i)
+    for (size_t i = 0; i < ended.size(); ++i) {
         result = std::min(result, callForResult(kind.unsubscribeMethod, methodArgument(argument)));
+    }
     return result;
 }
 

@@ -6,11 +6,12 @@
 //
 // A service that crashes takes its list of who wants to hear of what with it. When its name is on the bus
 // again, the main loop subscribes anew to what is still wanted; answers that were under way are lost.
-#pragma once
+#ifndef PLATFORM_HOST_SUBSCRIPTIONS_H
+#define PLATFORM_HOST_SUBSCRIPTIONS_H
 
 #include <functional>
 
-#include "bus.h"
+#include "platform/host/bus.h"
 
 namespace platform
 {
@@ -41,3 +42,5 @@ bool expectOnce(const char* signal, guint id, Deliver deliver);
 void forget(const char* signal, guint id);
 
 } // namespace platform
+
+#endif

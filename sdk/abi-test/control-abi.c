@@ -2,7 +2,7 @@
 #include <tarnwick/control.h>
 
 #define ABI_SAME_TYPE(function, type)                                                                        \
-    _Static_assert(_Generic(&(function), type * : 1, default : 0), #function " has changed")
+    _Static_assert(_Generic(&(function), type *: 1, default: 0), #function " has changed")
 #define ABI_ASSERT(condition) _Static_assert(condition, #condition)
 
 typedef int allUpdateDone_abi(void);

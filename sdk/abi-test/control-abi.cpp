@@ -31,8 +31,9 @@ int main(int argc, char** argv)
     }
     int missing = 0;
     for (const char* name : kEntryPoints) {
-        if (dlsym(library, name) != nullptr)
+        if (dlsym(library, name) != nullptr) {
             continue;
+        }
         std::fprintf(stderr, "control-abi: %s is not exported\n", name);
         ++missing;
     }

@@ -15,8 +15,6 @@
 #ifndef CORPUS_BASE_H
 #define CORPUS_BASE_H
 
-#include <tarnwick/control.h>
-
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -24,6 +22,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <tarnwick/control.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -110,8 +109,9 @@ static inline off_t slotOffset(int slot)
 static inline int activeSlot(int chip)
 {
     char name = 0;
-    if (pread(chip, &name, 1, 0) != 1 || (name != '0' && name != '1'))
+    if (pread(chip, &name, 1, 0) != 1 || (name != '0' && name != '1')) {
         return fail(EIO);
+    }
     return name - '0';
 }
 
@@ -120,8 +120,9 @@ static inline int readVersion(char* out)
 {
     unsigned char head[HEAD_SIZE] = "";
     const int chip = openHardware(O_RDONLY);
-    if (chip < 0)
+    if (chip < 0) {
         return -1;
+    }
     const int slot = activeSlot(chip);
     const ssize_t size = slot < 0 ? -1 : pread(chip, head, sizeof head, slotOffset(slot));
     close(chip);
@@ -137,8 +138,9 @@ static inline int parseVersion(const char* text, unsigned int* number)
     int used = 0;
     const size_t numbers = strspn(text, "0123456789.");
     if (sscanf(text, "%4u.%4u%n", &major, &minor, &used) != 2 || (size_t)used != numbers ||
-        (text[numbers] != '\0' && text[numbers] != '+'))
+        (text[numbers] != '\0' && text[numbers] != '+')) {
         return fail(EINVAL);
+    }
     *number = major * 10000 + minor;
     return 0;
 }
@@ -150,8 +152,9 @@ static inline int compareVersion(const char* offered, int* verdict)
     unsigned int theirs = 0;
     unsigned int ours = 0;
     if (readVersion(installed) != 0 || parseVersion(installed, &ours) != 0 ||
-        parseVersion(offered, &theirs) != 0)
+        parseVersion(offered, &theirs) != 0) {
         return -1;
+    }
     *verdict = (theirs > ours) - (theirs < ours);
     return 0;
 }
@@ -162,8 +165,9 @@ static inline int compareVersion(const char* offered, int* verdict)
 static inline int versionInHead(const unsigned char* bytes, char* out)
 {
     const unsigned char* const end = (const unsigned char*)memchr(bytes, '\n', HEAD_SIZE);
-    if (end == NULL || memcmp(bytes, kMagic, strlen(kMagic)) != 0)
+    if (end == NULL || memcmp(bytes, kMagic, strlen(kMagic)) != 0) {
         return fail(EBADMSG);
+    }
     const size_t size = (size_t)(end - bytes) - strlen(kMagic);
     memcpy(out, bytes + strlen(kMagic), size);
     out[size] = '\0';
@@ -174,12 +178,14 @@ static inline int versionInHead(const unsigned char* bytes, char* out)
 static inline int loadImage(const char* path)
 {
     const int file = open(path, O_RDONLY | O_CLOEXEC);
-    if (file < 0)
+    if (file < 0) {
         return -1;
+    }
     size_t size = 0;
     ssize_t got = 0;
-    while ((got = read(file, image + size, sizeof image - size)) > 0)
+    while ((got = read(file, image + size, sizeof image - size)) > 0) {
         size += (size_t)got;
+    }
     close(file);
     return checkImage(image, size);
 }
@@ -190,13 +196,15 @@ static inline int checkImage(const unsigned char* bytes, size_t size)
 {
     char version[TARNWICK_CONTROL_TEXT_SIZE];
     char line[TARNWICK_CONTROL_TEXT_SIZE + 32];
-    if (size != IMAGE_SIZE || versionInHead(bytes, version) != 0)
+    if (size != IMAGE_SIZE || versionInHead(bytes, version) != 0) {
         return fail(EBADMSG);
+    }
     const size_t length = (size_t)snprintf(line, sizeof line, "firmware %s of the corpus\n", version);
     const size_t end = size - strlen(kEnd);
     for (size_t at = strlen(kMagic) + strlen(version) + 1, i = 0; at < end; ++at, ++i) {
-        if (bytes[at] != (unsigned char)line[i % length])
+        if (bytes[at] != (unsigned char)line[i % length]) {
             return fail(EBADMSG);
+        }
     }
     return memcmp(bytes + end, kEnd, strlen(kEnd)) == 0 ? 0 : fail(EBADMSG);
 }
@@ -208,8 +216,9 @@ static inline uint32_t checksum(const unsigned char* bytes, size_t size)
     uint32_t sum = 0;
     for (size_t i = 0; i < size; ++i) {
         sum ^= (uint32_t)bytes[i] << 24;
-        for (int bit = 0; bit < 8; ++bit)
+        for (int bit = 0; bit < 8; ++bit) {
             sum = (sum << 1) ^ (sum & 0x80000000U ? 0x01B23CA3U : 0);
+        }
     }
     return sum;
 }
@@ -228,16 +237,18 @@ static inline int checksumMatches(unsigned long expected)
 static inline int install(void)
 {
     const int chip = openHardware(O_RDWR);
-    if (chip < 0)
+    if (chip < 0) {
         return -1;
+    }
     setProgress(0);
     const int active = activeSlot(chip);
     const int slot = 1 - active;
     const int result =
         active >= 0 && writeSlot(chip, slot) == 0 && verifySlot(chip, slot) == 0 ? switchTo(chip, slot) : -1;
     close(chip);
-    if (result == 0)
+    if (result == 0) {
         setProgress(100);
+    }
     return result;
 }
 #endif
@@ -245,8 +256,9 @@ static inline int install(void)
 #ifndef OWN_writeBlock
 static inline int writeBlock(int chip, size_t block, off_t at)
 {
-    if (pwrite(chip, image + block * BLOCK, BLOCK, at + (off_t)(block * BLOCK)) != BLOCK)
+    if (pwrite(chip, image + block * BLOCK, BLOCK, at + (off_t)(block * BLOCK)) != BLOCK) {
         return fail(EIO);
+    }
     pause_ms(BLOCK_MS);
     setProgress((unsigned int)((block + 1) * 95 / BLOCKS));
     return 0;
@@ -257,8 +269,9 @@ static inline int writeBlock(int chip, size_t block, off_t at)
 static inline int writeSlot(int chip, int slot)
 {
     for (size_t block = 0; block < BLOCKS; ++block) {
-        if (writeBlock(chip, block, slotOffset(slot)) != 0)
+        if (writeBlock(chip, block, slotOffset(slot)) != 0) {
             return -1;
+        }
     }
     return fdatasync(chip);
 }
@@ -271,8 +284,9 @@ static inline int verifySlot(int chip, int slot)
     for (size_t block = 0; block < BLOCKS; ++block) {
         const size_t at = block * BLOCK;
         if (pread(chip, written, BLOCK, slotOffset(slot) + (off_t)at) != BLOCK ||
-            memcmp(written, image + at, BLOCK) != 0)
+            memcmp(written, image + at, BLOCK) != 0) {
             return fail(EIO);
+        }
     }
     return 0;
 }
@@ -281,8 +295,9 @@ static inline int verifySlot(int chip, int slot)
 #ifndef OWN_switchTo
 static inline int switchTo(int chip, int slot)
 {
-    if (pwrite(chip, slot == 0 ? "0" : "1", 1, 0) != 1)
+    if (pwrite(chip, slot == 0 ? "0" : "1", 1, 0) != 1) {
         return fail(EIO);
+    }
     return fdatasync(chip);
 }
 #endif
@@ -326,10 +341,12 @@ int doUpdate(const char* name, unsigned long value)
     pthread_mutex_lock(&hardwareMutex);
     pause_ms(100); // a refused image takes its time, too
     int result = loadImage(isPath ? name : SHIPPED_IMAGE);
-    if (result == 0 && isPath && !checksumMatches(value))
+    if (result == 0 && isPath && !checksumMatches(value)) {
         result = fail(EBADMSG);
-    if (result == 0)
+    }
+    if (result == 0) {
         result = install();
+    }
     pthread_mutex_unlock(&hardwareMutex);
     return result;
 }
@@ -338,8 +355,9 @@ int doUpdate(const char* name, unsigned long value)
 #ifndef OWN_doUpdate_decryption
 int doUpdate_decryption(const unsigned char* data, int length)
 {
-    if (length < 0 || checkImage(data, (size_t)length) != 0)
+    if (length < 0 || checkImage(data, (size_t)length) != 0) {
         return fail(EBADMSG);
+    }
     pthread_mutex_lock(&hardwareMutex);
     memcpy(image, data, IMAGE_SIZE);
     const int result = install();

@@ -1,8 +1,8 @@
 // The soundbar: an external module. The daemon hands it no image; it knows itself where its image lies, and
 // only a direct request (doUpdate with the library's name and 0) updates it.
-#include "common/firmware.h"
-
 #include <tarnwick/control.h>
+
+#include "common/firmware.h"
 
 namespace
 {

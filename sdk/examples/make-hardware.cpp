@@ -1,10 +1,10 @@
 // make-hardware HARDWARE IMAGE OUT: a chip as it leaves the factory, with the image's firmware on it. Written
 // by the same code that later updates it.
-#include "common/firmware.h"
-#include "output.h"
-
 #include <cstdio>
 #include <cstring>
+
+#include "common/firmware.h"
+#include "output.h"
 
 namespace
 {
@@ -22,14 +22,17 @@ int main(int argc, char** argv)
                              "  as in: make-hardware tuner Tuner.bin SET/root/var/lib/hardware/tuner\n");
         return 2;
     }
-    if (!mayWrite(argv[3]))
+    if (!mayWrite(argv[3])) {
         return 1;
+    }
     const auto bytes = readImageFile(argv[2]);
-    if (!bytes)
+    if (!bytes) {
         return complain(argv[2]);
+    }
     const auto image = parseImage(bytes->data(), bytes->size());
-    if (!image)
+    if (!image) {
         return complain(argv[2]);
+    }
     if (image->hardware != argv[1]) {
         std::fprintf(stderr, "make-hardware: %s is an image for %s, not for %s\n", argv[2],
                      image->hardware.c_str(), argv[1]);

@@ -1,11 +1,11 @@
 // make-image HARDWARE VERSION BYTES OUT: an image for one of the examples, with a payload of BYTES bytes that
 // is the same for the same arguments.
-#include "common/firmware.h"
-#include "output.h"
-
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+
+#include "common/firmware.h"
+#include "output.h"
 
 namespace
 {
@@ -34,8 +34,9 @@ int main(int argc, char** argv)
                              "  as in: make-image tuner 1.1 524288 Tuner.bin (at most 2097152 bytes)\n");
         return 2;
     }
-    if (!mayWrite(argv[4]))
+    if (!mayWrite(argv[4])) {
         return 1;
+    }
     const Image image{argv[1], argv[2], makePayload(std::string(argv[1]) + argv[2], size)};
     const auto bytes = formatImage(image);
     std::ofstream out(argv[4], std::ios::binary | std::ios::trunc);

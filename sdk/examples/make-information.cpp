@@ -1,12 +1,12 @@
 // make-information IMAGE VERSION SECONDS UI_USE OUT: the information file of an image, with its checksum. As
 // `fwmod info` writes it, but standing on nothing of the daemon: the examples' images are among the first
 // things that are built.
-#include "common/firmware.h"
-#include "output.h"
-
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+
+#include "common/firmware.h"
+#include "output.h"
 
 namespace
 {
@@ -26,8 +26,9 @@ int main(int argc, char** argv)
                              "  as in: make-information Tuner.bin 1.1 8 none info.json\n");
         return 2;
     }
-    if (!mayWrite(argv[5]))
+    if (!mayWrite(argv[5])) {
         return 1;
+    }
     const auto bytes = readImageFile(argv[1]);
     if (!bytes) {
         std::fprintf(stderr, "make-information: %s: %s\n", argv[1], std::strerror(errno));

@@ -1,9 +1,9 @@
 // The display panel: its firmware is shipped in the system image, under /lib/firmware/ext/Panel.
-#include "common/firmware.h"
-
 #include <cerrno>
 #include <cstring>
 #include <tarnwick/control.h>
+
+#include "common/firmware.h"
 
 namespace
 {

@@ -1,9 +1,9 @@
 // The tuner: its firmware comes as a package.
-#include "common/firmware.h"
-
 #include <cerrno>
 #include <cstring>
 #include <tarnwick/control.h>
+
+#include "common/firmware.h"
 
 namespace
 {

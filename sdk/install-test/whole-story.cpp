@@ -1,8 +1,7 @@
 // whole-story LIBRARY CHIP PACKAGE: a story of a maker's own, on a television of the installed kit: an
 // unattended update at standby, and one that the power is cut in. Exit status 0 when all of it came true.
-#include <tarnwick/television.h>
-
 #include <cstdio>
+#include <tarnwick/television.h>
 
 namespace
 {

@@ -2,15 +2,15 @@
  * The module on a chip of its own, a file of the build directory, without a daemon. Arguments: the sample
  * images 1.0 and 1.1. Prints what fails, and where.
  */
-#include "support/file.h"
-#include "support/hardware.h"
-#include "support/image.h"
-
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <tarnwick/control.h>
+
+#include "support/file.h"
+#include "support/hardware.h"
+#include "support/image.h"
 
 static int failures;
 

@@ -3,12 +3,12 @@
  * time, and does the rest. Each returns 0, or -1 with errno set. Until your driver is here, a file stands for
  * the chip.
  */
-#include "support/file.h"
-#include "support/hardware.h"
-
 #include <errno.h>
 #include <stdio.h>
 #include <time.h>
+
+#include "support/file.h"
+#include "support/hardware.h"
 
 static const char kChip[] = HARDWARE_FILE;                   /* the firmware that runs */
 static const char kNext[] = HARDWARE_FILE ".next";           /* the one being written */
@@ -18,8 +18,9 @@ static const struct timespec kBlockTime = {0, 12 * 1000000}; /* a chip is slower
 int hardwareVersion(char* out, size_t size)
 {
     FILE* const chip = fopen(kChip, "re");
-    if (chip == NULL)
+    if (chip == NULL) {
         return errno == ENOENT ? copyText("0.0", out, size) : -1; /* as it leaves the factory */
+    }
     char version[128] = "";
     const int found = fscanf(chip, "%*s %127s", version); /* after the name */
     fclose(chip);

@@ -1,14 +1,14 @@
 // The hardware of @NAME@, and the file to make yours: support/module.c calls these four functions, one at a
 // time, and does the rest. Each returns 0, or -1 with errno set; guarded() sees to it that no exception
 // leaves. Until your driver is here, a file stands for the chip.
-#include "support/file.h"
-#include "support/hardware.h"
-
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
+
+#include "support/file.h"
+#include "support/hardware.h"
 
 namespace
 {
@@ -21,8 +21,9 @@ constexpr auto kBlockTime = std::chrono::milliseconds(12); // a chip is slower t
 int hardwareVersion(char* out, std::size_t size)
 {
     return guarded([&] {
-        if (!std::filesystem::exists(kChip))
+        if (!std::filesystem::exists(kChip)) {
             return copyText("0.0", out, size); // as it leaves the factory
+        }
         std::string name;
         std::string version;
         std::ifstream(kChip) >> name >> version;

@@ -1,12 +1,12 @@
 // "fwmod check" as a maker types it. What it finds is tested with the libraries of sdk/corpus; here are its
 // options, its output, and the examples, which must be sound.
-#include "run-program.h"
-#include "temporary-directory.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <sys/stat.h>
+
+#include "sdk/tests/temporary-directory.h"
+#include "tests/support/run-program.h"
 
 namespace fs = std::filesystem;
 
@@ -21,8 +21,9 @@ const std::string kHardware = kExamples / "images/1.0/hardware";
 std::vector<std::string> namesIn(const fs::path& directory)
 {
     std::vector<std::string> names;
-    for (const fs::directory_entry& entry : fs::directory_iterator(directory))
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
         names.push_back(entry.path().filename());
+    }
     return names;
 }
 
@@ -111,8 +112,9 @@ TEST_F(Check, FindingIsToldWithCauseAndCure)
     EXPECT_EQ(report["library"], "tuner.so");
     EXPECT_EQ(report["verdict"], "faulty");
     ASSERT_EQ(report["findings"].size(), 1U);
-    for (const char* member : {"title", "cause", "cure"})
+    for (const char* member : {"title", "cause", "cure"}) {
         EXPECT_FALSE(report["findings"][0][member].asString().empty()) << member;
+    }
     EXPECT_EQ(report["findings"][0]["id"], "F101");
     EXPECT_EQ(report["findings"][0]["severity"], "error");
     EXPECT_EQ(report["findings"][0]["detail"], "it is no ELF file");

@@ -1,8 +1,8 @@
 // Which power cuts "fwmod check" makes, and which of their failures count.
-#include "tools/fwmod/check/cut-survey.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "tools/fwmod/check/cut-survey.h"
 
 namespace
 {
@@ -22,8 +22,9 @@ Trials trials(const Writes& writes, const Writes& failed = {}, FindingId id = Fi
     Trials list;
     for (const unsigned int write : writes) {
         list.push_back({write, true, {}, 0});
-        if (failed.count(write) != 0)
+        if (failed.count(write) != 0) {
             list.back().findings.push_back({id, "at " + std::to_string(write)});
+        }
     }
     return list;
 }
@@ -31,8 +32,9 @@ Trials trials(const Writes& writes, const Writes& failed = {}, FindingId id = Fi
 Trials endedBefore(const Writes& writes)
 {
     Trials list = trials(writes);
-    for (CutTrial& trial : list)
+    for (CutTrial& trial : list) {
         trial.isCut = false;
+    }
     return list;
 }
 
@@ -92,8 +94,9 @@ TEST(CutSurvey, CutThatWasNotReachedIsMadeAtTheRealPace)
 {
     CutSurvey survey(3, false);
     Trials hasty = trials({1});
-    for (const CutTrial& trial : endedBefore({2, 3}))
+    for (const CutTrial& trial : endedBefore({2, 3})) {
         hasty.push_back(trial);
+    }
     survey.addHasty(hasty);
     EXPECT_THAT(survey.openAtPace(), ElementsAre(2, 3));
     Trials atPace = trials({2}, {2});

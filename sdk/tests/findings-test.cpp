@@ -1,13 +1,12 @@
 // The rules that "fwmod check" holds a library to stand in the header that its maker reads.
-#include "tools/fwmod/check/protocol/findings.h"
-
 #include <cctype>
 #include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <iterator>
 #include <sstream>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "tools/fwmod/check/protocol/findings.h"
 
 namespace
 {

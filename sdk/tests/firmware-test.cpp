@@ -1,11 +1,10 @@
 // Versions, image files and the checksum of the examples.
-#include "firmware.h"
-
-#include "temporary-directory.h"
-#include "tools/fwmod/files.h"
-
 #include <cerrno>
 #include <gtest/gtest.h>
+
+#include "sdk/examples/common/firmware.h"
+#include "sdk/tests/temporary-directory.h"
+#include "tools/fwmod/files.h"
 
 namespace
 {
@@ -44,8 +43,9 @@ constexpr VersionCase kVersions[] = {
 
 TEST(Versions, AreComparedByTheirNumbers)
 {
-    for (const VersionCase& c : kVersions)
+    for (const VersionCase& c : kVersions) {
         EXPECT_EQ(compareVersions(c.offered, c.installed), c.verdict) << c.offered << " over " << c.installed;
+    }
 }
 
 // ---- Checksum ----
@@ -61,8 +61,9 @@ TEST(SystemCrc32, IsTheDaemons)
 {
     const TemporaryDirectory directory;
     std::string bytes;
-    for (int i = 0; i < 100000; ++i)
+    for (int i = 0; i < 100000; ++i) {
         bytes += static_cast<char>(i * 31 + i / 256);
+    }
     writeBytes(directory / "image", bytes);
     auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
     EXPECT_EQ(systemCrc32(data, bytes.size()), fwmod::imageChecksum(directory / "image"));
@@ -105,8 +106,9 @@ TEST(ImageFile, OneWrongBitAnywhereIsNoticed)
 TEST(ImageFile, EveryShorterOrLongerFileIsRefused)
 {
     const auto good = formatImage({"tuner", "1.1", bytesOf("payload")});
-    for (size_t size = 0; size < good.size(); ++size)
+    for (size_t size = 0; size < good.size(); ++size) {
         EXPECT_FALSE(isImage({good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size)})) << size;
+    }
     auto longer = good;
     longer.push_back(0);
     EXPECT_FALSE(isImage(longer));

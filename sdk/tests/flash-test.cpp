@@ -1,8 +1,4 @@
 // The flash chip of the examples: at no write may a power cut leave anything but the old or the new firmware.
-#include "flash.h"
-
-#include "temporary-directory.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
@@ -10,6 +6,9 @@
 #include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "sdk/examples/common/flash.h"
+#include "sdk/tests/temporary-directory.h"
 
 namespace fs = std::filesystem;
 
@@ -56,17 +55,21 @@ ssize_t __wrap_pwrite(int fd, const void* data, size_t size, off_t offset)
         const size_t kept = std::min(size, observer.keepBytes);
         _exit(__real_pwrite(fd, data, kept, offset) == static_cast<ssize_t>(kept) ? kPowerCut : 1);
     }
-    if (observer.recording && offset != kRegisterOffset) // nothing is made of the register, whatever is in it
+    if (observer.recording &&
+        offset != kRegisterOffset) { // nothing is made of the register, whatever is in it
         observer.epochs.back().push_back({offset, Bytes(bytes, bytes + size)});
-    if (observer.spoil && size == SlottedFlash::kBlockSize)
+    }
+    if (observer.spoil && size == SlottedFlash::kBlockSize) {
         return __real_pwrite(fd, Bytes(size, 0xEE).data(), size, offset);
+    }
     return __real_pwrite(fd, data, size, offset);
 }
 
 int __wrap_fdatasync(int fd)
 {
-    if (observer.recording)
+    if (observer.recording) {
         observer.epochs.emplace_back();
+    }
     return __real_fdatasync(fd);
 }
 
@@ -88,8 +91,9 @@ protected:
     static Bytes makeFirmware(size_t size, unsigned char first)
     {
         Bytes firmware(size);
-        for (size_t i = 0; i < size; ++i)
+        for (size_t i = 0; i < size; ++i) {
             firmware[i] = static_cast<unsigned char>(first + i * 7 + i / 251);
+        }
         return firmware;
     }
 
@@ -99,12 +103,13 @@ protected:
         const auto version = flash.activeVersion();
         const auto firmware = flash.activeFirmware();
         ASSERT_TRUE(version && firmware) << when;
-        if (*version == "1.0")
+        if (*version == "1.0") {
             EXPECT_EQ(*firmware, oldFirmware) << when;
-        else if (*version == "2.0")
+        } else if (*version == "2.0") {
             EXPECT_EQ(*firmware, newFirmware) << when;
-        else
+        } else {
             ADD_FAILURE() << "version " << *version << " " << when;
+        }
     }
 
     TemporaryDirectory directory;
@@ -178,8 +183,9 @@ TEST_F(Flash, PowerCutWithWritesStillInTheCacheLeavesOldOrNew)
     ASSERT_GE(durable, 0);
     for (const Epoch& epoch : observer.epochs) {
         size_t total = 1;
-        for (size_t i = 0; i < epoch.size(); ++i)
+        for (size_t i = 0; i < epoch.size(); ++i) {
             total *= 3;
+        }
         for (size_t combination = 0; combination < total; ++combination, ++combinations) {
             fs::copy_file(before, cut, fs::copy_options::overwrite_existing);
             const int fd = open(cut.c_str(), O_RDWR | O_CLOEXEC);
@@ -191,8 +197,9 @@ TEST_F(Flash, PowerCutWithWritesStillInTheCacheLeavesOldOrNew)
             close(fd);
             expectOldOrNew(cutChip, "combination " + std::to_string(combination));
         }
-        for (const Write& write : epoch)
+        for (const Write& write : epoch) {
             apply(durable, write, 2);
+        }
     }
     close(durable);
     EXPECT_EQ(combinations, 3 + 81 + 3 + 1);

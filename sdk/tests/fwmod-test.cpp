@@ -1,13 +1,12 @@
 // fwmod as a maker types it: the program itself, its output and its exit status.
-#include "run-program.h"
-#include "temporary-directory.h"
-
 #include <gio/gio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-
 #include <vector>
+
+#include "sdk/tests/temporary-directory.h"
+#include "tests/support/run-program.h"
 
 namespace fs = std::filesystem;
 
@@ -44,8 +43,9 @@ protected:
     std::vector<std::string> names()
     {
         std::vector<std::string> found;
-        for (const auto& entry : fs::directory_iterator(directory.path()))
+        for (const auto& entry : fs::directory_iterator(directory.path())) {
             found.push_back(entry.path().filename());
+        }
         std::sort(found.begin(), found.end());
         return found;
     }
@@ -59,8 +59,9 @@ std::vector<fs::path> filesIn(const fs::path& directory)
 {
     std::vector<fs::path> found;
     for (const auto& entry : fs::recursive_directory_iterator(directory)) {
-        if (entry.is_regular_file())
+        if (entry.is_regular_file()) {
             found.push_back(entry.path());
+        }
     }
     return found;
 }

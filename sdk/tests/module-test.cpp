@@ -1,6 +1,4 @@
 // The example libraries, loaded and called as the daemon does, on hardware in a private /var/lib/hardware.
-#include "temporary-directory.h"
-
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -13,6 +11,8 @@
 #include <tarnwick/control.h>
 #include <thread>
 #include <unistd.h>
+
+#include "sdk/tests/temporary-directory.h"
 
 namespace fs = std::filesystem;
 
@@ -83,9 +83,10 @@ class Modules : public testing::Test
 protected:
     void SetUp() override
     {
-        for (const char* chip : {"tuner", "panel", "soundbar"})
+        for (const char* chip : {"tuner", "panel", "soundbar"}) {
             fs::copy_file(kExamples / "images/1.0/hardware" / chip, kHardware / chip,
                           fs::copy_options::overwrite_existing);
+        }
     }
 };
 
@@ -169,8 +170,9 @@ TEST_F(Modules, ContentThatIsTooShortIsRefused)
 {
     const Library panel("panel");
     const std::string image = readBytes(imageOf("1.1", "Panel"));
-    for (const int length : {-64, -1, 0, 1, 30, static_cast<int>(image.size()) - 1})
+    for (const int length : {-64, -1, 0, 1, 30, static_cast<int>(image.size()) - 1}) {
         EXPECT_EQ(panel.updateFromMemory(image, length), -1) << length;
+    }
     EXPECT_EQ(panel.version(), "1.0");
 }
 
@@ -178,8 +180,9 @@ TEST_F(Modules, KilledUpdateLeavesTheOldVersionAndTheNextOneSucceeds)
 {
     const Library panel("panel");
     const pid_t child = fork();
-    if (child == 0)
+    if (child == 0) {
         _exit(panel.update(imageOf("1.1", "Panel"), checksumOf("1.1", "Panel")));
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(400)); // of at least 1600
     kill(child, SIGKILL);
     int status = 0;
@@ -203,8 +206,7 @@ TEST_F(Modules, ExternalModuleLooksForItsImageItself)
 int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    struct statfs status {
-    };
+    struct statfs status{};
     if (statfs("/var/lib", &status) != 0 || status.f_type != TMPFS_MAGIC) {
         std::fprintf(
             stderr, "module-test writes to /var/lib/hardware: run it with sdk/tests/with-private-hardware\n");

@@ -1,6 +1,6 @@
 // A directory of a test's own, removed with all it holds.
-#ifndef SDK_TEMPORARY_DIRECTORY_H
-#define SDK_TEMPORARY_DIRECTORY_H
+#ifndef SDK_TESTS_TEMPORARY_DIRECTORY_H
+#define SDK_TESTS_TEMPORARY_DIRECTORY_H
 
 #include <cstdlib>
 #include <filesystem>
@@ -15,8 +15,9 @@ public:
     TemporaryDirectory()
     {
         std::string name = std::filesystem::temp_directory_path() / "sdk-test-XXXXXX";
-        if (mkdtemp(name.data()) == nullptr)
+        if (mkdtemp(name.data()) == nullptr) {
             throw std::runtime_error("no temporary directory");
+        }
         path_ = name;
     }
     ~TemporaryDirectory()

@@ -1,18 +1,17 @@
 // fwmod try as a maker types it: example modules and faulty ones, each on a virtual set of its own.
-#include "run-program.h"
-#include "temporary-directory.h"
-
+#include <chrono>
+#include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <csignal>
 #include <sstream>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
+
+#include "sdk/tests/temporary-directory.h"
+#include "tests/support/run-program.h"
 
 namespace fs = std::filesystem;
 
@@ -33,8 +32,9 @@ class Try : public testing::Test
 protected:
     void SetUp() override
     {
-        if (geteuid() != 0 && access("/dev/fuse", R_OK | W_OK) != 0)
+        if (geteuid() != 0 && access("/dev/fuse", R_OK | W_OK) != 0) {
             GTEST_SKIP() << "needs root, or a usable /dev/fuse";
+        }
         fs::create_directory(temporary());
     }
     void TearDown() override
@@ -310,8 +310,9 @@ TEST_F(Try, AReaderThatGoesAwayLeavesNoSet)
 bool isUsed(const fs::path& directory)
 {
     for (const fs::directory_entry& process : fs::directory_iterator("/proc")) {
-        if (readBytes(process.path() / "cmdline").find(directory) != std::string::npos)
+        if (readBytes(process.path() / "cmdline").find(directory) != std::string::npos) {
             return true;
+        }
     }
     return false;
 }
@@ -324,24 +325,28 @@ TEST_F(Try, AnInterruptionLeavesNoSetAndNoProcess)
     if (process == 0) {
         std::signal(SIGINT, SIG_DFL); // whatever this test was started with
         std::vector<char*> pointers;
-        for (std::string& argument : arguments)
+        for (std::string& argument : arguments) {
             pointers.push_back(argument.data());
+        }
         pointers.push_back(nullptr);
-        if (std::freopen(story.c_str(), "w", stdout) != nullptr)
+        if (std::freopen(story.c_str(), "w", stdout) != nullptr) {
             execvp(pointers[0], pointers.data());
+        }
         _exit(127);
     }
     for (int tries = 0; tries < 600 && readBytes(story).find("writes the image") == std::string::npos;
-         ++tries)
+         ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
     EXPECT_TRUE(isUsed(temporary())) << "nothing runs that could be left";
     kill(process, SIGINT);
     int status = 0;
     waitpid(process, &status, 0);
     EXPECT_EQ(shellStatus(status), 128 + SIGINT) << readBytes(story);
     // vset's last process, which gives the kernel's loop devices back, may stay for a moment.
-    for (int tries = 0; tries < 100 && isUsed(temporary()); ++tries)
+    for (int tries = 0; tries < 100 && isUsed(temporary()); ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
     EXPECT_FALSE(isUsed(temporary()));
 }
 } // namespace

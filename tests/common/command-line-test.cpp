@@ -1,9 +1,8 @@
 // The command line as a person types it: what is stored, what is refused, and in which words.
-#include "common/command-line.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "common/command-line.h"
 #include "common/version.h"
 
 namespace

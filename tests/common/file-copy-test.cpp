@@ -1,14 +1,13 @@
 // Copies of files and trees, holes included.
-#include "common/file-copy.h"
-
 #include <cstdlib>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <iterator>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
+#include "common/file-copy.h"
 
 namespace fs = std::filesystem;
 

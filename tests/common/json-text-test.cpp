@@ -1,8 +1,8 @@
 // JSON as a text: what is read, what is refused without an exception, and how it is written.
-#include "common/json-text.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "common/json-text.h"
 
 namespace
 {

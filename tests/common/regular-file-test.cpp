@@ -1,12 +1,12 @@
 // What may stand under a name that a person has given.
-#include "common/regular-file.h"
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "common/regular-file.h"
 
 namespace
 {

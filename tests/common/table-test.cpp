@@ -1,7 +1,7 @@
 // Columns on a terminal.
-#include "common/table.h"
-
 #include <gtest/gtest.h>
+
+#include "common/table.h"
 
 namespace
 {

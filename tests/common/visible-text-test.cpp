@@ -1,7 +1,7 @@
 // Foreign texts on a terminal.
-#include "common/visible-text.h"
-
 #include <gtest/gtest.h>
+
+#include "common/visible-text.h"
 
 namespace
 {

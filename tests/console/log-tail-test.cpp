@@ -1,8 +1,7 @@
 // The console's look at the set's log. Each test runs in a set of its own.
 #include <fstream>
-#include <string>
-
 #include <gtest/gtest.h>
+#include <string>
 
 #include "vset/console/log-tail.h"
 
@@ -12,8 +11,9 @@ namespace
 void writeRecords(int first, int count)
 {
     std::ofstream log(vset::kLogFile, std::ios::app);
-    for (int number = first; number < first + count; ++number)
+    for (int number = first; number < first + count; ++number) {
         log << "2026-11-21 10:00:00.000\t2\t4\tTARNWICK\t7\t7\tmain\t\t\t0\trecord " << number << "\n";
+    }
 }
 
 TEST(LogTail, ReadsAShortLogWhole)
@@ -38,8 +38,9 @@ TEST(LogTail, ReadsTheEndOfALongLogInWholeRecords)
     int first = 0;
     tail.record.connect([&](const vset::LogRecord& record) {
         const int number = std::stoi(record.text.substr(std::string("record ").size()));
-        if (told++ == 0)
+        if (told++ == 0) {
             first = number;
+        }
         EXPECT_EQ(number, first + told - 1);
     });
     tail.start();
@@ -48,8 +49,9 @@ TEST(LogTail, ReadsTheEndOfALongLogInWholeRecords)
     EXPECT_EQ(first + told, kRecords);
 
     writeRecords(kRecords, 1);
-    while (first + told == kRecords)
+    while (first + told == kRecords) {
         g_main_context_iteration(nullptr, TRUE);
+    }
     EXPECT_EQ(tail.latest().back().text, "record " + std::to_string(kRecords));
 }
 

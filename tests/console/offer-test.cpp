@@ -1,7 +1,7 @@
 // The upgrade UI's offer: what it shows and what its buttons do.
-#include "offer.h"
-
 #include <gtest/gtest.h>
+
+#include "vset/upgrade-ui/offer.h"
 
 namespace
 {
@@ -16,8 +16,9 @@ std::string buttonsOf(const Offer& offer)
 {
     const Json::Value screen = offer.screen();
     std::string names;
-    for (const Json::Value& button : screen["buttons"])
+    for (const Json::Value& button : screen["buttons"]) {
         names += button["id"].asString() + " ";
+    }
     return names;
 }
 
@@ -72,8 +73,9 @@ TEST(Offer, ProgressOnlyGrowsAndEndsAtAHundred)
 
 TEST(Offer, ATimeThatIsNoneIsAMoment)
 {
-    for (const char* time : {"", "-1", "0", "soon", "99999999999999999999"})
+    for (const char* time : {"", "-1", "0", "soon", "99999999999999999999"}) {
         EXPECT_EQ(Offer(Extras{{"timeinfo", time}}).seconds(), 0) << time;
+    }
 }
 
 } // namespace

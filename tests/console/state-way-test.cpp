@@ -1,7 +1,7 @@
 // The way that the console draws: what the log says for certain, what is inferred, and nothing else.
-#include "state-way.h"
-
 #include <gtest/gtest.h>
+
+#include "vset/console/state-way.h"
 
 namespace
 {
@@ -25,8 +25,9 @@ std::string wayOf(const StateWay& way)
 {
     const Json::Value runs = way.toJson();
     std::string text;
-    for (const Json::Value& step : runs[0]["steps"])
+    for (const Json::Value& step : runs[0]["steps"]) {
         text += step["state"].asString() + (step["source"] == "logged" ? "! " : " ");
+    }
     return text;
 }
 

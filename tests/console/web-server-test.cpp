@@ -2,17 +2,16 @@
 // in a set of its own and speaks to the set's platformd over TCP.
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <thread>
-
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <string>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 #include "norlog.h"

@@ -1,16 +1,14 @@
 // The console over what makers and thieves put into a set: nothing of it ends the platform, and the set with
 // it.
-#include "service-test.h"
-
 #include <algorithm>
 #include <cmath>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "common/json-text.h"
+#include "tests/service/support/service-test.h"
 
 namespace service
 {

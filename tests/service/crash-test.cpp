@@ -1,6 +1,6 @@
 // A service of the set crashes and is started again, as on a television: what the daemon sees of it, and what
 // is still there afterwards.
-#include "service-test.h"
+#include "tests/service/support/service-test.h"
 
 namespace service
 {
@@ -38,8 +38,9 @@ TEST_F(Crash, OfThePlatformKeepsWhatHoldsUntilTheNextBoot)
 
     crashAndComeBack("platformd", kPlatform);
     const Json::Value after = tv.platform().snapshot();
-    for (const char* section : {"settings", "properties", "boot"})
+    for (const char* section : {"settings", "properties", "boot"}) {
         EXPECT_EQ(after[section], before[section]) << section;
+    }
     EXPECT_EQ(after["flags"]["raised"], before["flags"]["raised"]);
     EXPECT_EQ(after["power"]["state"], kStandby);
     EXPECT_EQ(after["power"]["since_ms"], before["power"]["since_ms"]);

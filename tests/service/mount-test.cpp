@@ -1,5 +1,5 @@
 // The mount service and the loop device nodes: too few, refused, absent.
-#include "service-test.h"
+#include "tests/service/support/service-test.h"
 
 namespace service
 {
@@ -28,8 +28,9 @@ TEST_F(Mount, MakesANodeWhenAllAreInUse)
     EXPECT_NE(tv.execute({"test", "-e", "/dev/loop3"}).status, 0);
     goToStandby();
     expectEnd();
-    for (const char* name : {"alpha", "beta", "gamma"})
+    for (const char* name : {"alpha", "beta", "gamma"}) {
         EXPECT_TRUE(wasWritten(name)) << name;
+    }
     EXPECT_THAT(tv.loopMounts(), IsEmpty());
 }
 

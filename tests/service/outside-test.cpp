@@ -4,12 +4,11 @@
 #include <functional>
 #include <set>
 #include <sstream>
-#include <thread>
-
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
-#include "service-test.h"
+#include "tests/service/support/service-test.h"
 
 namespace service
 {
@@ -31,10 +30,10 @@ std::string contentOf(const fs::path& path)
 
 std::string describe(const fs::path& path)
 {
-    struct stat status {
-    };
-    if (lstat(path.c_str(), &status) != 0)
+    struct stat status{};
+    if (lstat(path.c_str(), &status) != 0) {
         return "";
+    }
     std::ostringstream text;
     text << path.string() << " mode " << std::oct << status.st_mode << std::dec << " owner " << status.st_uid
          << ":" << status.st_gid << " device " << status.st_rdev;
@@ -49,10 +48,12 @@ std::set<std::string> devices()
     auto walk = fs::recursive_directory_iterator("/dev", error);
     for (; walk != fs::recursive_directory_iterator(); walk.increment(error)) {
         const std::string name = walk->path().lexically_relative("/dev").string();
-        if (name == "pts" || name == "shm" || name == "mqueue")
+        if (name == "pts" || name == "shm" || name == "mqueue") {
             walk.disable_recursion_pending();
-        if (name.rfind("loop", 0) != 0 || name == "loop-control")
+        }
+        if (name.rfind("loop", 0) != 0 || name == "loop-control") {
             lines.insert(describe(walk->path()));
+        }
     }
     return lines;
 }
@@ -61,8 +62,9 @@ std::set<std::string> linesOf(const std::string& text)
 {
     std::set<std::string> lines;
     std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);)
+    for (std::string line; std::getline(stream, line);) {
         lines.insert(line);
+    }
     return lines;
 }
 
@@ -71,11 +73,13 @@ std::set<std::string> kernelFiles()
 {
     std::set<std::string> lines;
     for (const char* path : {"/proc/sys/kernel/hostname", "/proc/sys/kernel/core_pattern",
-                             "/proc/sys/vm/overcommit_memory", "/proc/sys/kernel/sysrq"})
+                             "/proc/sys/vm/overcommit_memory", "/proc/sys/kernel/sysrq"}) {
         lines.insert(std::string(path) + " " + contentOf(path));
+    }
     for (const char* path :
-         {"/proc/sysrq-trigger", "/proc/irq", "/proc/sys/kernel", "/sys/block", "/sys/power"})
+         {"/proc/sysrq-trigger", "/proc/irq", "/proc/sys/kernel", "/sys/block", "/sys/power"}) {
         lines.insert(describe(path));
+    }
     return lines;
 }
 
@@ -85,13 +89,15 @@ std::set<std::string> semaphores()
     std::set<std::string> names;
     for (const char* directory : {"/dev/shm", "/dev/mqueue"}) {
         std::error_code error;
-        for (const fs::directory_entry& entry : fs::directory_iterator(directory, error))
+        for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
             names.insert(entry.path().string());
+        }
     }
     for (const char* table : {"sem", "shm", "msg"}) {
         std::istringstream rows(contentOf(fs::path("/proc/sysvipc") / table));
-        for (std::string key, number, rest; rows >> key >> number; std::getline(rows, rest))
+        for (std::string key, number, rest; rows >> key >> number; std::getline(rows, rest)) {
             names.insert(std::string(table) + " " + key + " " + number);
+        }
     }
     return names;
 }
@@ -117,8 +123,9 @@ std::vector<std::string> taggedProcesses()
     std::vector<std::string> processes;
     std::error_code error;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc", error)) {
-        if (contentOf(entry.path() / "environ").find(tag) != std::string::npos)
+        if (contentOf(entry.path() / "environ").find(tag) != std::string::npos) {
             processes.push_back(entry.path());
+        }
     }
     return processes;
 }
@@ -128,8 +135,9 @@ bool isLoopImage(const std::string& file)
 {
     std::error_code error;
     for (const fs::directory_entry& entry : fs::directory_iterator("/sys/block", error)) {
-        if (contentOf(entry.path() / "loop/backing_file").find(file) != std::string::npos)
+        if (contentOf(entry.path() / "loop/backing_file").find(file) != std::string::npos) {
             return true;
+        }
     }
     return false;
 }
@@ -152,8 +160,9 @@ protected:
     {
         const auto end = std::chrono::steady_clock::now() + kPatience;
         while (!isSo()) {
-            if (std::chrono::steady_clock::now() > end)
+            if (std::chrono::steady_clock::now() > end) {
                 return false;
+            }
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
         return true;
@@ -162,8 +171,9 @@ protected:
     // Other programs of the machine may do something meanwhile that is over before long.
     void expectUnchanged(const std::string& when)
     {
-        if (becomes([&] { return Machine() == before_; }))
+        if (becomes([&] { return Machine() == before_; })) {
             return;
+        }
         const Machine now;
         EXPECT_EQ(now.mounts, before_.mounts) << when;
         EXPECT_EQ(now.nodes, before_.nodes) << when;
@@ -193,8 +203,9 @@ TEST_F(Outside, NothingChangesOverAWholeStory)
     tv.waitForState(5);
     const std::vector<std::string> processes = taggedProcesses();
     EXPECT_GE(processes.size(), 6U); // leader, PID 1, bus, two services, daemon: else nothing is proven
-    for (const std::string& process : processes)
+    for (const std::string& process : processes) {
         EXPECT_EQ(contentOf(process + "/cgroup"), contentOf("/proc/self/cgroup")) << process;
+    }
     EXPECT_TRUE(isLoopImage(image));
     expectUnchanged("with mounted packages");
 
@@ -238,8 +249,9 @@ TEST_F(Outside, TheSetsRootReachesNoSwitchOfTheMachine)
     for (const char* path :
          {"/proc/sysrq-trigger", "/proc/diskstats", "/proc/driver", "/proc/sys/kernel/hostname",
           "/proc/sys/vm/overcommit_memory", "/sys/kernel/mm/transparent_hugepage/enabled"}) {
-        if (!fs::exists(path))
+        if (!fs::exists(path)) {
             continue;
+        }
         EXPECT_NE(tv.execute({"chmod", "0600", path}).status, 0) << path;
         EXPECT_NE(tv.execute({"sh", "-c", "exec 3>" + std::string(path)}).status, 0)
             << path; // nothing is written

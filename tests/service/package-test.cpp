@@ -1,5 +1,5 @@
 // Packages that a maker or a download has spoilt: told, and never written.
-#include "service-test.h"
+#include "tests/service/support/service-test.h"
 
 namespace service
 {
@@ -24,8 +24,9 @@ std::string informationWith(const std::string& key, const std::string& value)
     entries[key] = value;
     std::string text;
     for (const auto& [name, content] : entries) {
-        if (!content.empty())
+        if (!content.empty()) {
             text += (text.empty() ? "" : ", ") + ("\"" + name + "\": ") + content;
+        }
     }
     return "{" + text + "}";
 }

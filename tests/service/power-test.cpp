@@ -3,7 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "service-test.h"
+#include "tests/service/support/service-test.h"
 
 namespace service
 {
@@ -155,8 +155,9 @@ TEST_P(SwitchedOn, DuringAnUpdateAsksForAReboot)
     startPending();
     goToStandby();
     waitForWrite();
-    if (GetParam() != kStandby)
+    if (GetParam() != kStandby) {
         tv.setPower(GetParam());
+    }
     tv.setPower(kNormal);
     expectEnd();
     EXPECT_TRUE(tv.said("prev_state [" + std::to_string(GetParam()) + "] cur_state[0] try reboot"));
@@ -189,8 +190,9 @@ TEST_F(Power, OtherChangesAfterTenMinutesDoNothing)
     installPending("alpha");
     startPending();
     tv.jump(600);
-    for (const int state : {kUnwatched, kStandby, 4, 1, kUnwatched, kNormal})
+    for (const int state : {kUnwatched, kStandby, 4, 1, kUnwatched, kNormal}) {
         tv.setPower(state);
+    }
     tv.setPower(kStandby);
     expectEnd();
     EXPECT_EQ(tv.countOf(kTryUpdate), 1U);

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <cctype>
 
-#include "service-test.h"
+#include "tests/service/support/service-test.h"
 
 namespace service
 {
@@ -23,12 +23,14 @@ protected:
     // Scripted modules of the product, in the order in which their directory lists them.
     std::vector<std::string> installInDirectoryOrder(const std::vector<std::string>& names)
     {
-        for (const std::string& name : names)
+        for (const std::string& name : names) {
             tv.installScripted(name);
+        }
         std::vector<std::string> order;
         for (const fs::directory_entry& entry :
-             fs::directory_iterator(tv.outside("/prd/usr/fwupdate/controls")))
+             fs::directory_iterator(tv.outside("/prd/usr/fwupdate/controls"))) {
             order.push_back(entry.path().stem());
+        }
         return order;
     }
 
@@ -36,8 +38,9 @@ protected:
     {
         std::vector<std::string> names;
         const Json::Value set = tv.platform().snapshot();
-        for (const Json::Value& request : set["packages"]["requests"])
+        for (const Json::Value& request : set["packages"]["requests"]) {
             names.push_back(request["package"].asString());
+        }
         return names;
     }
 
@@ -153,8 +156,9 @@ TEST_F(Start, ShowsItsStateEverySecond)
     tv.waitForText("6", 4);
     std::vector<int64_t> times;
     for (const Message& message : tv.messages()) {
-        if (message.text != "6")
+        if (message.text != "6") {
             continue;
+        }
         EXPECT_EQ(message.priority, 6);
         times.push_back(message.time);
     }
@@ -172,8 +176,9 @@ TEST_F(Start, RequestsEveryPackageOncePerBootInRegistryOrder)
     tv.installScripted("delta", Json::objectValue, Television::Controls::kSystem);
     std::vector<std::string> expected;
     for (const std::string& name : order) {
-        if (name != "EXT-box") // has no package
+        if (name != "EXT-box") { // has no package
             expected.push_back("emp" + name);
+        }
     }
     expected.emplace_back("empdelta"); // the system's modules follow the product's
 
@@ -181,8 +186,9 @@ TEST_F(Start, RequestsEveryPackageOncePerBootInRegistryOrder)
     tv.startDaemon();
     expectEnd();
     EXPECT_EQ(requestedPackages(), expected);
-    for (const std::string& package : expected)
+    for (const std::string& package : expected) {
         EXPECT_EQ(tv.countOf("Request (" + package + ") emp download"), 1U);
+    }
     EXPECT_TRUE(tv.said("Not Update Symbol [EXT-box]"));
     EXPECT_TRUE(tv.platform().snapshot()["flags"]["raised"].isMember(kDownloadFlag));
 
@@ -252,8 +258,9 @@ TEST_F(Start, ListsWhatIsPendingInRegistryOrder)
     std::string expected;
     for (const std::string& name : order) {
         tv.deliverFor(name);
-        if (name != "beta")
+        if (name != "beta") {
             expected += name + " emp" + name + "\n";
+        }
     }
     startPending();
     EXPECT_TRUE(tv.said("need update item, wait ui or bg fw update\n"));
@@ -267,8 +274,9 @@ TEST_F(Start, ListsWhatIsPendingInRegistryOrder)
 TEST_F(Start, ListsAModuleWhoseImageLiesInTheSystem)
 {
     tv.installScripted("alpha");
-    for (const auto& [name, content] : Television::packageFiles("alpha", {"1.1", 5, "select"}))
+    for (const auto& [name, content] : Television::packageFiles("alpha", {"1.1", 5, "select"})) {
         tv.write("/lib/firmware/ext/alpha/" + name, content);
+    }
     tv.switchOn();
     tv.startDaemon();
     tv.waitForState(5);
@@ -345,9 +353,10 @@ TEST_P(FailedSubscription, IsToldAndTheOthersAreMade)
     tv.waitForState(5);
     EXPECT_EQ(tv.countOf(GetParam().message), 1U);
     size_t failures = 0;
-    for (const std::string& text : tv.texts())
+    for (const std::string& text : tv.texts()) {
         failures += testing::Matches(testing::HasSubstr("() failed"))(text) ||
                     testing::Matches(testing::HasSubstr("(SMSRC_STATUS) failed"))(text);
+    }
     EXPECT_EQ(failures, 1U);
 
     const std::string missing = GetParam().call;
@@ -355,10 +364,11 @@ TEST_P(FailedSubscription, IsToldAndTheOthersAreMade)
         tv.platform().setSetting(kMirroringKey, 2);
         tv.waitForText("[" + std::string(kMirroringKey) + "] pralis get value : [2]");
     }
-    if (missing == "pwrctl_subscribe_poweroff_event")
+    if (missing == "pwrctl_subscribe_poweroff_event") {
         tv.setPower(kStandby); // in the first ten minutes
-    else
+    } else {
         tv.platform().powerOff(0);
+    }
     expectEnd();
 }
 

@@ -1,5 +1,5 @@
 // The whole television: the daemon is started by the set, reboots and power-offs are carried out.
-#include "service-test.h"
+#include "tests/service/support/service-test.h"
 
 namespace service
 {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "service-test.h"
+#include "tests/service/support/service-test.h"
 
 namespace service
 {
@@ -93,8 +93,9 @@ protected:
     {
         std::vector<std::string> names;
         std::istringstream list(tv.read(kListFile));
-        for (std::string name, package; list >> name >> package;)
+        for (std::string name, package; list >> name >> package;) {
             names.push_back(name);
+        }
         return names;
     }
 
@@ -104,8 +105,9 @@ protected:
         std::map<std::string, std::string> extras;
         const Json::Value launches = section("launches");
         EXPECT_THAT(launches, SizeIs(1));
-        for (const Json::Value& extra : launches[0]["extras"])
+        for (const Json::Value& extra : launches[0]["extras"]) {
             extras[extra["key"].asString()] = extra["value"].asString();
+        }
         return extras;
     }
 
@@ -118,8 +120,9 @@ protected:
         const std::string prefix = "fwstatus_ui_cb val ";
         std::vector<std::string> values;
         for (const std::string& text : tv.texts()) {
-            if (text.rfind(prefix, 0) == 0)
+            if (text.rfind(prefix, 0) == 0) {
                 values.push_back(text.substr(prefix.size()));
+            }
         }
         return values;
     }
@@ -129,8 +132,9 @@ protected:
     {
         std::vector<std::string> texts;
         for (const std::string& text : tv.texts()) {
-            if (text.rfind("progress ", 0) == 0)
+            if (text.rfind("progress ", 0) == 0) {
                 texts.push_back(text);
+            }
         }
         return texts;
     }
@@ -389,8 +393,9 @@ TEST_F(Offer, ClosedWhileTheUpdateRunsIsClosedOnlyAtTheEnd)
 
 TEST_F(Offer, WithAModuleThatIsTooSlowGoesOnAndReboots)
 {
-    for (const char* name : {"alpha", "beta", "gamma"})
+    for (const char* name : {"alpha", "beta", "gamma"}) {
         installOffered(name, {"1.1", 10, "select"});
+    }
     startWith("interactive");
     waitForOffer();
     const std::vector<std::string> order = listed(); // as the directory has them
@@ -616,8 +621,9 @@ TEST_F(Offer, IsGivenUpAfterNineFailedLaunches)
     tv.platform().setFault("applaunch_send_launch_request", -1);
     tv.startDaemon();
     expectCancelled();
-    for (int attempt = 1; attempt <= 9; ++attempt)
+    for (int attempt = 1; attempt <= 9; ++attempt) {
         EXPECT_EQ(tv.countOf("launch failed " + std::to_string(attempt)), 1U);
+    }
     EXPECT_FALSE(tv.said("launch failed 10"));
     EXPECT_FALSE(tv.said("10"));
     EXPECT_THAT(statusWrites(), IsEmpty());

@@ -1,7 +1,7 @@
 // The unattended update: as it should be, and with modules and programs that are not.
 #include <algorithm>
 
-#include "service-test.h"
+#include "tests/service/support/service-test.h"
 
 namespace service
 {

@@ -1,7 +1,7 @@
 // A technician at a television that is on: a stick, and fwctl beside the running daemon.
-#include "service-test.h"
-
 #include <future>
+
+#include "tests/service/support/service-test.h"
 
 namespace service
 {

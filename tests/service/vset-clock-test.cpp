@@ -2,29 +2,27 @@
 // Runs inside a set: WaitsAtARate with `--clock-rate 60`, WaitsAtAJump with a clock that jumps 600 s
 // forwards once the file /tmp/waiting is there.
 
-#include <glib.h>
-#include <gtest/gtest.h>
-
 #include <array>
 #include <chrono>
 #include <condition_variable>
+#include <dlfcn.h>
 #include <fstream>
 #include <functional>
 #include <future>
+#include <glib.h>
+#include <gtest/gtest.h>
 #include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <dlfcn.h>
 #include <poll.h>
 #include <semaphore.h>
+#include <string>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/time.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace
 {
@@ -165,8 +163,9 @@ void waitInTwoProcesses(int wait)
     EXPECT_EQ(poll(nullptr, 0, 100), 0);
     const pid_t child = fork();
     EXPECT_EQ(poll(nullptr, 0, wait * 1000), 0);
-    if (child == 0)
+    if (child == 0) {
         _exit(0);
+    }
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
@@ -225,8 +224,9 @@ void expectAllToLast(int wait, const std::function<void()>& afterStart)
         });
     }
     afterStart();
-    for (std::thread& thread : threads)
+    for (std::thread& thread : threads) {
         thread.join();
+    }
     EXPECT_LT(hostSeconds() - hostStart, wait / 3.0) << "the waits took the PC's time";
 }
 
@@ -256,8 +256,9 @@ TEST(Waits, OutlastManyChanges)
             EXPECT_GE(duration<double>(steady_clock::now() - start).count(), kWait - 0.01) << one.name;
         });
     }
-    for (std::thread& thread : threads)
+    for (std::thread& thread : threads) {
         thread.join();
+    }
 }
 
 // An idle program of a set is idle: it runs when something is due, not to look at the clock.
@@ -267,8 +268,9 @@ TEST(Waits, WakeOnlyForWhatIsDue)
     static constexpr long kMostWakes = 10; // a look every 20 ms would be 150
     std::vector<std::thread> threads;
     for (const Wait& one : waits()) {
-        if (!one.isTold)
+        if (!one.isTold) {
             continue;
+        }
         threads.emplace_back([&one] {
             rusage before{};
             rusage after{};
@@ -278,8 +280,9 @@ TEST(Waits, WakeOnlyForWhatIsDue)
             EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, kMostWakes) << one.name;
         });
     }
-    for (std::thread& thread : threads)
+    for (std::thread& thread : threads) {
         thread.join();
+    }
 }
 
 TEST(Clocks, AgreeWithEachOther)
@@ -320,8 +323,9 @@ TEST(Conditions, LoseNoSignalBetweenSlices)
         EXPECT_EQ(condition.wait_for(lock, seconds(600)), std::cv_status::no_timeout) << "round " << round;
         lock.unlock();
         sender.join();
-        if (HasFailure())
+        if (HasFailure()) {
             return; // each loss takes ten seconds to show
+        }
     }
 }
 
@@ -331,8 +335,9 @@ TEST(Conditions, WakeNobodyWithoutAReason)
     std::mutex mutex;
     std::condition_variable condition;
     std::unique_lock lock(mutex);
-    for (int round = 0; round < 5; ++round)
+    for (int round = 0; round < 5; ++round) {
         EXPECT_EQ(condition.wait_for(lock, seconds(20)), std::cv_status::timeout);
+    }
 }
 
 } // namespace

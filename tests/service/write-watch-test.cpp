@@ -1,22 +1,20 @@
 // A process watched at its writes: which ones are seen, and what is on the disk when it is killed at one.
-#include "write-watch.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <vector>
-
-#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
+
+#include "vset/write-watch/write-watch.h"
 
 namespace
 {
@@ -63,14 +61,16 @@ protected:
         pollfd waiting{watch.descriptor(), POLLIN, 0};
         while (poll(&waiting, 1, 10000) == 1 && (waiting.revents & POLLIN) != 0) {
             const auto write = watch.next();
-            if (!write)
+            if (!write) {
                 continue;
+            }
             EXPECT_EQ(write->path, chip());
             calls.push_back(write->call);
-            if (calls.size() == last)
+            if (calls.size() == last) {
                 kill(child, SIGKILL);
-            else
+            } else {
                 watch.allow(*write);
+            }
         }
         int status = 0;
         waitpid(child, &status, 0);
@@ -118,8 +118,9 @@ TEST_F(WriteWatchTest, AKilledProcessHasWrittenWhatCameBefore)
 {
     const auto work = [this] {
         const int file = open(chip().c_str(), O_WRONLY | O_CREAT, 0600);
-        for (const char* block : {"one ", "two ", "three "})
+        for (const char* block : {"one ", "two ", "three "}) {
             (void)!write(file, block, strlen(block));
+        }
     };
     watch(work, 3);
     EXPECT_EQ(chipContent(), "one two ");

@@ -1,14 +1,12 @@
 // The table of the daemon's texts against the daemon's sources, and what is made of a message.
-#include "vset/story/daemon-events.h"
-
 #include <filesystem>
 #include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <iterator>
 #include <set>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+#include "vset/story/daemon-events.h"
 #include "vset/story/narrator.h"
 
 namespace

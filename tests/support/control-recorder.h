@@ -2,8 +2,8 @@
 //
 // Every library has one of its own, for as long as it stays loaded. The answers are to be set before the
 // calls; `calls` and the other records may be read while a worker is in the library.
-#ifndef CONTROL_RECORDER_H
-#define CONTROL_RECORDER_H
+#ifndef TESTS_SUPPORT_CONTROL_RECORDER_H
+#define TESTS_SUPPORT_CONTROL_RECORDER_H
 
 #include <functional>
 #include <map>

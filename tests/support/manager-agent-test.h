@@ -1,13 +1,13 @@
 // Fixture of the UI agent's tests: the one agent and the one manager of the process, as at a boot.
-#ifndef MANAGER_AGENT_TEST_H
-#define MANAGER_AGENT_TEST_H
+#ifndef TESTS_SUPPORT_MANAGER_AGENT_TEST_H
+#define TESTS_SUPPORT_MANAGER_AGENT_TEST_H
 
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "fw-update-UIA.h"
-#include "manager-test.h"
+#include "src/src/fw-update-UIA.h"
+#include "tests/support/manager-test.h"
 
 constexpr const char* kStatusKey = "memory/ep_firmware_update_app/fw_update_status";
 constexpr const char* kProgressKey = "memory/ep_firmware_update_app/fw_update_progress";

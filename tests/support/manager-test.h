@@ -3,8 +3,8 @@
 //
 // Header only. A module's library takes 150 ms for an update unless the test says otherwise: one that returns
 // at once may end before the manager waits for it, and then counts as timed out.
-#ifndef MANAGER_TEST_H
-#define MANAGER_TEST_H
+#ifndef TESTS_SUPPORT_MANAGER_TEST_H
+#define TESTS_SUPPORT_MANAGER_TEST_H
 
 #include <atomic>
 #include <chrono>
@@ -17,9 +17,9 @@
 #include <utility>
 #include <vector>
 
-#include "fw-update-symbol-manager.h"
-#include "service-finalize.h"
-#include "set-test.h"
+#include "src/src/fw-update-symbol-manager.h"
+#include "tests/support/service-finalize.h"
+#include "tests/support/set-test.h"
 
 constexpr const char* kListPath = "/tmp/fwupdate-off-list.txt";
 constexpr const char* kSemaphoreName = "/SEM_UPDATE_CONTROL";

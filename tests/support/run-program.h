@@ -1,9 +1,8 @@
 // Runs a program as a person would: found in PATH, in a directory, its output and exit status kept.
-#ifndef TEST_RUN_PROGRAM_H
-#define TEST_RUN_PROGRAM_H
+#ifndef TESTS_SUPPORT_RUN_PROGRAM_H
+#define TESTS_SUPPORT_RUN_PROGRAM_H
 
 #include <gio/gio.h>
-
 #include <string>
 #include <sys/wait.h>
 #include <vector>
@@ -30,8 +29,9 @@ inline std::string takeText(char* text)
 inline Outcome runProgram(std::vector<std::string> arguments, const std::string& directory = "")
 {
     std::vector<char*> pointers;
-    for (std::string& argument : arguments)
+    for (std::string& argument : arguments) {
         pointers.push_back(argument.data());
+    }
     pointers.push_back(nullptr);
     char* out = nullptr;
     char* err = nullptr;

@@ -1,4 +1,4 @@
-#include "service-finalize.h"
+#include "tests/support/service-finalize.h"
 
 #include <atomic>
 

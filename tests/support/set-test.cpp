@@ -1,4 +1,4 @@
-#include "set-test.h"
+#include "tests/support/set-test.h"
 
 #include <cstring>
 #include <dlfcn.h>

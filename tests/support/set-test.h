@@ -2,16 +2,16 @@
 //
 // The daemon's paths are absolute, so a test runs in a private root (`vset run --temporary -- TEST`); it
 // fails at once where the set's directories are missing, before it could touch anything of this machine.
-#ifndef SET_TEST_H
-#define SET_TEST_H
+#ifndef TESTS_SUPPORT_SET_TEST_H
+#define TESTS_SUPPORT_SET_TEST_H
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
 
-#include "control-recorder.h"
-#include "fake-platform.h"
+#include "platform/fake/fake-platform.h"
+#include "tests/support/control-recorder.h"
 
 namespace set
 {

@@ -1,7 +1,7 @@
 // What the signature library of the tests was asked, and what it answers. The test finds it in the library,
 // as `signatureRecorder`.
-#ifndef SIGNATURE_RECORDER_H
-#define SIGNATURE_RECORDER_H
+#ifndef TESTS_SUPPORT_SIGNATURE_RECORDER_H
+#define TESTS_SUPPORT_SIGNATURE_RECORDER_H
 
 #include <cstddef>
 

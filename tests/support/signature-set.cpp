@@ -1,4 +1,4 @@
-#include "signature-set.h"
+#include "tests/support/signature-set.h"
 
 #include <cstdio>
 #include <cstdlib>

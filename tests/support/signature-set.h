@@ -1,11 +1,11 @@
 // A set with a signature library, which the daemon loads once per process and from the system image.
-#ifndef SIGNATURE_SET_H
-#define SIGNATURE_SET_H
+#ifndef TESTS_SUPPORT_SIGNATURE_SET_H
+#define TESTS_SUPPORT_SIGNATURE_SET_H
 
 #include <functional>
 #include <string>
 
-#include "signature-recorder.h"
+#include "tests/support/signature-recorder.h"
 
 // Runs `test` in a process of its own that sees the library (signature, signature-without-entry or
 // signature-null-entry; none with an empty name) as /usr/lib/libkZORUser.so, in mounts of its own. Failed

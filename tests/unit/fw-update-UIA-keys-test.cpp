@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "manager-agent-test.h"
+#include "tests/support/manager-agent-test.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;

@@ -1,7 +1,5 @@
 // The fast checksum beside its two definitions: the template with the parameters, and the division bit by
 // bit.
-#include "fw-update-checksum.h"
-
 #include <algorithm>
 #include <boost/crc.hpp>
 #include <gmock/gmock.h>
@@ -9,6 +7,8 @@
 #include <random>
 #include <thread>
 #include <vector>
+
+#include "src/src/fw-update-checksum.h"
 
 namespace
 {

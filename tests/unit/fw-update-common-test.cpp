@@ -1,5 +1,3 @@
-#include "fw-update-common.h"
-
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -8,7 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "set-test.h"
+#include "src/fw-update-common.h"
+#include "tests/support/set-test.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;

@@ -1,6 +1,4 @@
 // What the daemon opens, and what it takes for not there.
-#include "fw-update-file.h"
-
 #include <fcntl.h>
 #include <filesystem>
 #include <string>
@@ -9,7 +7,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "set-test.h"
+#include "src/src/fw-update-file.h"
+#include "tests/support/set-test.h"
 
 namespace fs = std::filesystem;
 

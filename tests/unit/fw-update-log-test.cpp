@@ -1,9 +1,8 @@
-#include "fw-update-log.h"
-
 #include <cerrno>
 #include <string>
 
-#include "set-test.h"
+#include "src/fw-update-log.h"
+#include "tests/support/set-test.h"
 
 using testing::ElementsAre;
 using testing::SizeIs;
@@ -104,10 +103,11 @@ TEST_F(FWUpdateLog, TakesTheErrnoAsItsOwnArgumentToo)
 TEST_F(FWUpdateLog, IsOneStatement)
 {
     const bool never = false;
-    if (never)
+    if (never) {
         FWLOGE("never");
-    else
+    } else {
         FWLOGE("always");
+    }
     EXPECT_THAT(platform.log(), ElementsAre(error("always")));
 }
 

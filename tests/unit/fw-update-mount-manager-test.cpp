@@ -1,5 +1,3 @@
-#include "fw-update-mount-manager.h"
-
 #include <boost/filesystem.hpp>
 #include <cerrno>
 #include <fcntl.h>
@@ -10,7 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "set-test.h"
+#include "src/src/fw-update-mount-manager.h"
+#include "tests/support/set-test.h"
 
 namespace fs = std::filesystem;
 using testing::Each;

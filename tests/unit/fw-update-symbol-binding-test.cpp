@@ -1,6 +1,4 @@
 // Finding and binding a control library, the module's names, and the calls into the library.
-#include "fw-update-symbol.h"
-
 #include <cstring>
 #include <dlfcn.h>
 #include <filesystem>
@@ -9,7 +7,8 @@
 #include <thread>
 #include <type_traits>
 
-#include "set-test.h"
+#include "src/src/fw-update-symbol.h"
+#include "tests/support/set-test.h"
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;

@@ -1,13 +1,12 @@
 // The information file of a module, where it and the image lie, and the checksum.
-#include "fw-update-symbol.h"
-
 #include <algorithm>
 #include <filesystem>
 #include <random>
 #include <string>
 #include <sys/stat.h>
 
-#include "set-test.h"
+#include "src/src/fw-update-symbol.h"
+#include "tests/support/set-test.h"
 
 namespace fs = std::filesystem;
 using testing::AllOf;

@@ -8,7 +8,7 @@
 #include <unistd.h>
 #include <utility>
 
-#include "manager-test.h"
+#include "tests/support/manager-test.h"
 
 namespace fs = std::filesystem;
 using testing::Contains;

@@ -11,7 +11,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "manager-test.h"
+#include "tests/support/manager-test.h"
 
 namespace fs = std::filesystem;
 using testing::Contains;

@@ -5,7 +5,7 @@
 #include <tuple>
 #include <vector>
 
-#include "manager-test.h"
+#include "tests/support/manager-test.h"
 
 using testing::ElementsAre;
 using testing::FieldsAre;

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "manager-test.h"
+#include "tests/support/manager-test.h"
 
 namespace fs = std::filesystem;
 using testing::Contains;

@@ -4,7 +4,7 @@
 #include <openssl/evp.h>
 #include <string>
 
-#include "manager-test.h"
+#include "tests/support/manager-test.h"
 
 using testing::Contains;
 using testing::ElementsAre;

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "manager-test.h"
+#include "tests/support/manager-test.h"
 
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)

@@ -1,10 +1,9 @@
 // Packages of a module: request, mount and unmount.
-#include "fw-update-symbol.h"
-
 #include <filesystem>
 #include <string>
 
-#include "set-test.h"
+#include "src/src/fw-update-symbol.h"
+#include "tests/support/set-test.h"
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;

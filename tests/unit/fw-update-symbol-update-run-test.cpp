@@ -1,6 +1,4 @@
 // The check of a module's image, the checked update, and the update that is left to the library.
-#include "fw-update-symbol.h"
-
 #include <cerrno>
 #include <condition_variable>
 #include <filesystem>
@@ -9,7 +7,8 @@
 #include <sys/prctl.h>
 #include <thread>
 
-#include "set-test.h"
+#include "src/src/fw-update-symbol.h"
+#include "tests/support/set-test.h"
 
 namespace fs = std::filesystem;
 using testing::Contains;

@@ -1,6 +1,4 @@
 // Encrypted images on a USB stick: signature, decryption, probe and installation.
-#include "fw-update-symbol.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -16,8 +14,9 @@
 #include <sys/stat.h>
 #include <vector>
 
-#include "set-test.h"
-#include "signature-set.h"
+#include "src/src/fw-update-symbol.h"
+#include "tests/support/set-test.h"
+#include "tests/support/signature-set.h"
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;

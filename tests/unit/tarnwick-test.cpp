@@ -6,7 +6,7 @@
 #include <pthread.h>
 #include <thread>
 
-#include "set-test.h"
+#include "tests/support/set-test.h"
 
 int tarnwickMain(); // the daemon's entry, which has another name here
 

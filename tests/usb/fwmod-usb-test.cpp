@@ -1,8 +1,4 @@
 // fwmod usb, inspect and diff as a maker types them, checked with the openssl command.
-#include "programs.h"
-#include "temporary-directory.h"
-#include "usb-test-data.h"
-
 #include <algorithm>
 #include <csignal>
 #include <gmock/gmock.h>
@@ -10,6 +6,10 @@
 #include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "sdk/tests/temporary-directory.h"
+#include "tests/usb/programs.h"
+#include "tests/usb/usb-test-data.h"
 
 namespace fs = std::filesystem;
 using testing::AllOf;
@@ -492,8 +492,9 @@ protected:
         writeBytes(tree / "Tuner.bin", payload);
         const std::string info = tree / "info.json";
         ASSERT_EQ(fwmod({"info", "--version", version, "--image", tree / "Tuner.bin", "-o", info}).status, 0);
-        for (const std::string& name : more)
+        for (const std::string& name : more) {
             writeBytes(tree / name, "more");
+        }
         mustRun(directory.path(),
                 {"mksquashfs", tree, directory / version / "empTuner.img", "-quiet", "-no-progress"});
     }

@@ -1,14 +1,13 @@
 // The judging of signatures, against the openssl command and against files that are no images.
-#include "image-signature.h"
-
-#include "programs.h"
-#include "temporary-directory.h"
-#include "usb-test-data.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "sdk/tests/temporary-directory.h"
+#include "tests/usb/programs.h"
+#include "tests/usb/usb-test-data.h"
+#include "vset/signature/image-signature.h"
 
 namespace fs = std::filesystem;
 using signature::Verdict;

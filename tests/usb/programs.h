@@ -1,14 +1,14 @@
 // Programs that a test runs, and the keys that it has for them.
-#ifndef USB_TEST_PROGRAMS_H
-#define USB_TEST_PROGRAMS_H
-
-#include "run-program.h"
+#ifndef TESTS_USB_PROGRAMS_H
+#define TESTS_USB_PROGRAMS_H
 
 #include <filesystem>
 #include <initializer_list>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "tests/support/run-program.h"
 
 inline void mustRun(const std::string& directory, const std::vector<std::string>& arguments)
 {

@@ -1,17 +1,16 @@
 // The decryption of a stream: against vectors that others made, against the same cipher over the whole input
 // at once for every size that could matter, and with streams that fail under it.
-#include "fw-update-symbol.h"
-
-#include "programs.h"
-#include "temporary-directory.h"
-#include "usb-test-data.h"
-
 #include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "sdk/tests/temporary-directory.h"
+#include "src/src/fw-update-symbol.h"
+#include "tests/usb/programs.h"
+#include "tests/usb/usb-test-data.h"
 
 namespace
 {

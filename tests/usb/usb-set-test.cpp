@@ -1,15 +1,14 @@
 // The whole path on a set: images by fwmod, judged by the set's own signature library (or by none), decrypted
 // and installed by the daemon's code with the example modules. Each group of tests runs in a set and a
 // process of its own, because a process keeps the signature library that it has found.
-#include "fw-update-symbol-manager.h"
-
-#include "programs.h"
-#include "set-test.h"
-#include "temporary-directory.h"
-#include "usb-test-data.h"
-
 #include <dlfcn.h>
 #include <sys/stat.h>
+
+#include "sdk/tests/temporary-directory.h"
+#include "src/src/fw-update-symbol-manager.h"
+#include "tests/support/set-test.h"
+#include "tests/usb/programs.h"
+#include "tests/usb/usb-test-data.h"
 
 namespace fs = std::filesystem;
 using testing::Contains;

@@ -1,6 +1,6 @@
 // What the tests of encrypted images share: bytes, a reference for the cipher, and programs to compare with.
-#ifndef USB_TEST_DATA_H
-#define USB_TEST_DATA_H
+#ifndef TESTS_USB_USB_TEST_DATA_H
+#define TESTS_USB_USB_TEST_DATA_H
 
 #include <cstdint>
 #include <cstring>

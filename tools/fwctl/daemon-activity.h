@@ -1,7 +1,7 @@
 // What a process that runs the daemon's code is doing, from what it says in the set's platform log. Its texts
 // are an interface that other programs read, so they may be relied on.
-#ifndef FWCTL_DAEMON_ACTIVITY_H
-#define FWCTL_DAEMON_ACTIVITY_H
+#ifndef TOOLS_FWCTL_DAEMON_ACTIVITY_H
+#define TOOLS_FWCTL_DAEMON_ACTIVITY_H
 
 #include <string>
 #include <sys/types.h>

@@ -1,14 +1,14 @@
 #include "tools/fwctl/daemon-log.h"
 
-#include "norlog.h"
-#include "trace_logger.h"
-
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <dlfcn.h>
 #include <mutex>
 #include <utility>
+
+#include "norlog.h"
+#include "trace_logger.h"
 
 namespace fwctl
 {
@@ -42,10 +42,12 @@ __attribute__((format(printf, 1, 0))) std::string formatted(const char* format, 
 std::string withoutPlace(std::string message)
 {
     const std::size_t place = message.find(" > ");
-    if (place != std::string::npos)
+    if (place != std::string::npos) {
         message.erase(0, place + 3);
-    while (!message.empty() && message.back() == '\n')
+    }
+    while (!message.empty() && message.back() == '\n') {
         message.pop_back();
+    }
     return message;
 }
 
@@ -101,8 +103,9 @@ void TraceLogger::record(int priority, const char* file, const char* function, i
 {
     using namespace fwctl;
     static TraceRecord* const own = platformsOwn<TraceRecord>(kTraceRecordSymbol);
-    if (!isForwarding || own == nullptr)
+    if (!isForwarding || own == nullptr) {
         return; // the same message has just come through the platform log
+    }
     va_list values;
     va_start(values, format);
     const std::string text = formatted(format, values);

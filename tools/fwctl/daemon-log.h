@@ -4,8 +4,8 @@
 // At first every message is only kept: a command that changes nothing leaves no line in the set's log either.
 // forwardDaemonLog() passes later messages on to the platform's own log, as the daemon's are. Every thread
 // may log.
-#ifndef FWCTL_DAEMON_LOG_H
-#define FWCTL_DAEMON_LOG_H
+#ifndef TOOLS_FWCTL_DAEMON_LOG_H
+#define TOOLS_FWCTL_DAEMON_LOG_H
 
 #include <functional>
 #include <string>

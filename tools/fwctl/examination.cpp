@@ -1,16 +1,15 @@
 #include "tools/fwctl/examination.h"
 
+#include <algorithm>
+#include <boost/filesystem.hpp>
+
+#include "src/src/fw-update-symbol.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/daemon-log.h"
 #include "tools/fwctl/isolated.h"
 #include "tools/fwctl/library-calls.h"
 #include "tools/fwctl/mounts.h"
 #include "tools/fwctl/replay.h"
-
-#include "fw-update-symbol.h"
-
-#include <algorithm>
-#include <boost/filesystem.hpp>
 
 namespace fwctl
 {
@@ -30,22 +29,25 @@ constexpr std::pair<const char*, bool> kControlDirectories[] = {{"/prd/usr/fwupd
 Json::Value asArray(const std::vector<std::string>& texts)
 {
     Json::Value array(Json::arrayValue);
-    for (const std::string& text : texts)
+    for (const std::string& text : texts) {
         array.append(text);
+    }
     return array;
 }
 
 const char* kindOf(const FWUpdateSymbol& module, bool isBound)
 {
-    if (!isBound)
+    if (!isBound) {
         return "unusable";
+    }
     return module.isEMP ? "package" : "external";
 }
 
 Json::Value installedVersion(FWUpdateSymbol& module)
 {
-    if (!module.functions.setContext || !module.functions.getActiveVersion)
+    if (!module.functions.setContext || !module.functions.getActiveVersion) {
         return {};
+    }
     FWUpdateSymbol::TextBuffer version = {};
     const int result = module.getActiveVersion(version);
     return result == 0 ? Json::Value(version) : Json::Value();
@@ -53,8 +55,9 @@ Json::Value installedVersion(FWUpdateSymbol& module)
 
 void tellNames(const FWUpdateSymbol& module, Telling& telling)
 {
-    if (module.EMPName.empty())
+    if (module.EMPName.empty()) {
         return;
+    }
     telling.put("identifier", module.EMPName);
     telling.put("firmware_name", module.firmwareName);
     telling.put("package", module.empImagePath);
@@ -69,8 +72,9 @@ bool isWorthTelling(FWUpdateSymbol& module, const ImageSource& source)
 void tellPending(const FWUpdateSymbol& module, Telling& telling)
 {
     telling.put("pending", module.getNeedUpdate());
-    if (!module.getNeedUpdate())
+    if (!module.getNeedUpdate()) {
         return;
+    }
     telling.put("pending_source", module.getUpdateType() == UPDATE_TYPE_BUILTIN ? "system" : "package");
     telling.put("ui_use", module.information.ui_use);
     telling.put("expected_time", module.getExpectedUpdateTime());
@@ -81,15 +85,17 @@ void tellSources(FWUpdateSymbol& module, const std::string& mountProblem, Tellin
 {
     Json::Value sources(Json::arrayValue);
     for (const ImageSource& source : kImageSources) {
-        if (!source.checkedByDaemon)
+        if (!source.checkedByDaemon) {
             continue;
+        }
         sources.append(replayCheck(module, source, mountProblem));
         telling.put("sources", sources);
     }
     tellPending(module, telling);
     for (const ImageSource& source : kImageSources) {
-        if (source.checkedByDaemon || !isWorthTelling(module, source))
+        if (source.checkedByDaemon || !isWorthTelling(module, source)) {
             continue;
+        }
         sources.append(replayCheck(module, source, mountProblem));
         telling.put("sources", sources);
     }
@@ -106,8 +112,9 @@ void examineInChild(const ControlLibrary& library, const std::string& mountProbl
     telling.put("kind", kindOf(module, isBound));
     tellNames(module, telling);
     telling.put("installed", installedVersion(module));
-    if (!module.firmwareName.empty() && module.functions.checkVersion)
+    if (!module.firmwareName.empty() && module.functions.checkVersion) {
         tellSources(module, mountProblem, telling);
+    }
 }
 
 void scan(const char* directory, bool usr, std::vector<ControlLibrary>& found)
@@ -115,8 +122,9 @@ void scan(const char* directory, bool usr, std::vector<ControlLibrary>& found)
     boost::system::error_code error;
     boost::filesystem::directory_iterator entry(directory, error);
     for (; !error && entry != boost::filesystem::directory_iterator(); entry.increment(error)) {
-        if (entry->path().extension().string() == ".so")
+        if (entry->path().extension().string() == ".so") {
             found.push_back({entry->path().stem().string(), directory, usr});
+        }
     }
 }
 } // namespace
@@ -124,8 +132,9 @@ void scan(const char* directory, bool usr, std::vector<ControlLibrary>& found)
 const ImageSource* findImageSource(const std::string& name)
 {
     for (const ImageSource& source : kImageSources) {
-        if (name == source.name)
+        if (name == source.name) {
             return &source;
+        }
     }
     return nullptr;
 }
@@ -133,8 +142,9 @@ const ImageSource* findImageSource(const std::string& name)
 std::vector<ControlLibrary> findControlLibraries()
 {
     std::vector<ControlLibrary> found;
-    for (const auto& [directory, usr] : kControlDirectories)
+    for (const auto& [directory, usr] : kControlDirectories) {
         scan(directory, usr, found);
+    }
     std::stable_sort(found.begin(), found.end(), [](const ControlLibrary& one, const ControlLibrary& other) {
         return one.name < other.name;
     });
@@ -189,8 +199,9 @@ Json::Value examine(const ControlLibrary& library)
 Json::Value failedStep(const Json::Value& source)
 {
     for (const Json::Value& step : source["steps"]) {
-        if (!step["passed"].asBool())
+        if (!step["passed"].asBool()) {
             return step;
+        }
     }
     return {};
 }

@@ -17,14 +17,14 @@
 // A source: source, checked_by_daemon, offered (version, null when unknown), verdict (of the library, null
 // when it was not asked), newer, image (path), and steps: the daemon's tests in their order, up to the first
 // that fails, each with test, passed, detail and advice.
-#ifndef FWCTL_EXAMINATION_H
-#define FWCTL_EXAMINATION_H
-
-#include "fw-update-common.h"
+#ifndef TOOLS_FWCTL_EXAMINATION_H
+#define TOOLS_FWCTL_EXAMINATION_H
 
 #include <json/json.h>
 #include <string>
 #include <vector>
+
+#include "src/fw-update-common.h"
 
 namespace fwctl
 {

@@ -1,9 +1,8 @@
 // Owners of what GLib hands out.
-#ifndef FWCTL_GLIB_POINTER_H
-#define FWCTL_GLIB_POINTER_H
+#ifndef TOOLS_FWCTL_GLIB_POINTER_H
+#define TOOLS_FWCTL_GLIB_POINTER_H
 
 #include <gio/gio.h>
-
 #include <memory>
 
 namespace fwctl

@@ -1,8 +1,5 @@
 #include "tools/fwctl/isolated.h"
 
-#include "common/json-text.h"
-#include "tools/fwctl/commands/command.h"
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -14,6 +11,9 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "common/json-text.h"
+#include "tools/fwctl/commands/command.h"
 
 namespace fwctl
 {

@@ -2,17 +2,16 @@
 // process costs its own answer and nothing else.
 //
 // To be used while fwctl has a single thread and no connection to the bus: the child is a plain fork.
-#ifndef FWCTL_ISOLATED_H
-#define FWCTL_ISOLATED_H
+#ifndef TOOLS_FWCTL_ISOLATED_H
+#define TOOLS_FWCTL_ISOLATED_H
 
 #include <chrono>
 #include <functional>
 #include <json/json.h>
 #include <mutex>
 #include <string>
-#include <vector>
-
 #include <sys/types.h>
+#include <vector>
 
 namespace fwctl
 {

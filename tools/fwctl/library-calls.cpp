@@ -1,10 +1,10 @@
 #include "tools/fwctl/library-calls.h"
 
-#include "fw-update-symbol.h"
-
 #include <cxxabi.h>
 #include <stdexcept>
 #include <utility>
+
+#include "src/src/fw-update-symbol.h"
 
 namespace fwctl
 {

@@ -1,12 +1,12 @@
 // Puts a watcher before each entry point of a loaded module: the parent process then knows which call of
 // which library crashed or hangs (isolated.h), and no exception of a library goes unnoticed.
-#ifndef FWCTL_LIBRARY_CALLS_H
-#define FWCTL_LIBRARY_CALLS_H
-
-#include "tools/fwctl/isolated.h"
+#ifndef TOOLS_FWCTL_LIBRARY_CALLS_H
+#define TOOLS_FWCTL_LIBRARY_CALLS_H
 
 #include <functional>
 #include <string>
+
+#include "tools/fwctl/isolated.h"
 
 class FWUpdateSymbol;
 

@@ -23,8 +23,9 @@ struct DynamicSymbols {
 
     uint32_t countToLookAt() const
     {
-        if (gnuHash != nullptr)
+        if (gnuHash != nullptr) {
             return gnuHash[1]; // index of the first symbol in the table
+        }
         return hash != nullptr ? hash[1] : 0;
     }
 };
@@ -33,18 +34,20 @@ DynamicSymbols dynamicSymbolsOf(void* library)
 {
     DynamicSymbols found;
     link_map* map = nullptr;
-    if (dlinfo(library, RTLD_DI_LINKMAP, &map) != 0 || map->l_ld == nullptr)
+    if (dlinfo(library, RTLD_DI_LINKMAP, &map) != 0 || map->l_ld == nullptr) {
         return found;
+    }
     for (const ElfW(Dyn)* entry = map->l_ld; entry->d_tag != DT_NULL; ++entry) {
         const auto address = static_cast<uintptr_t>(entry->d_un.d_ptr);
-        if (entry->d_tag == DT_SYMTAB)
+        if (entry->d_tag == DT_SYMTAB) {
             found.table = reinterpret_cast<const ElfW(Sym)*>(address);
-        else if (entry->d_tag == DT_STRTAB)
+        } else if (entry->d_tag == DT_STRTAB) {
             found.names = reinterpret_cast<const char*>(address);
-        else if (entry->d_tag == DT_GNU_HASH)
+        } else if (entry->d_tag == DT_GNU_HASH) {
             found.gnuHash = reinterpret_cast<const uint32_t*>(address);
-        else if (entry->d_tag == DT_HASH)
+        } else if (entry->d_tag == DT_HASH) {
             found.hash = reinterpret_cast<const uint32_t*>(address);
+        }
     }
     return found;
 }
@@ -53,16 +56,18 @@ std::vector<std::string> undefinedSymbols(void* library)
 {
     std::vector<std::string> undefined;
     const DynamicSymbols symbols = dynamicSymbolsOf(library);
-    if (symbols.table == nullptr || symbols.names == nullptr)
+    if (symbols.table == nullptr || symbols.names == nullptr) {
         return undefined;
+    }
     for (uint32_t index = 1; index < symbols.countToLookAt(); ++index) {
         const ElfW(Sym)& symbol = symbols.table[index];
         const bool isNeeded = symbol.st_shndx == SHN_UNDEF && symbol.st_info >> 4 == STB_GLOBAL;
         const char* const name = symbols.names + symbol.st_name;
         dlerror();
         if (isNeeded && dlsym(RTLD_DEFAULT, name) == nullptr && dlsym(library, name) == nullptr &&
-            dlerror() != nullptr)
+            dlerror() != nullptr) {
             undefined.emplace_back(name);
+        }
     }
     return undefined;
 }
@@ -76,15 +81,18 @@ LibrarySymbols inspectLibrary(const std::string& path)
         found.loaderError = dlerror();
         library = dlopen(path.c_str(), RTLD_LAZY); // far enough to name everything that is missing
     }
-    if (library == nullptr)
+    if (library == nullptr) {
         return found;
+    }
     for (const char* const name : kRequired) {
         dlerror();
-        if (dlsym(library, name) == nullptr && dlerror() != nullptr)
+        if (dlsym(library, name) == nullptr && dlerror() != nullptr) {
             found.missing.emplace_back(name);
+        }
     }
-    if (!found.loaderError.empty())
+    if (!found.loaderError.empty()) {
         found.undefined = undefinedSymbols(library);
+    }
     return found; // stays open: the child ends right away
 }
 

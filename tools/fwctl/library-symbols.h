@@ -1,6 +1,6 @@
 // Why a control library does not bind, more fully than the loader's one line.
-#ifndef FWCTL_LIBRARY_SYMBOLS_H
-#define FWCTL_LIBRARY_SYMBOLS_H
+#ifndef TOOLS_FWCTL_LIBRARY_SYMBOLS_H
+#define TOOLS_FWCTL_LIBRARY_SYMBOLS_H
 
 #include <string>
 #include <vector>

@@ -1,9 +1,9 @@
 // fwctl: what a technician needs on the set, beside the daemon or without it.
-#include "tools/fwctl/commands/command.h"
-
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+
+#include "tools/fwctl/commands/command.h"
 
 namespace fwctl
 {

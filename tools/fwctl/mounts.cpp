@@ -1,8 +1,5 @@
 #include "tools/fwctl/mounts.h"
 
-#include "tools/fwctl/isolated.h"
-#include "tools/fwctl/privileges.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -11,6 +8,9 @@
 #include <mntent.h>
 #include <optional>
 #include <unistd.h>
+
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/privileges.h"
 
 namespace fwctl
 {
@@ -26,14 +26,16 @@ std::vector<std::string> packageMountPoints()
 {
     std::vector<std::string> found;
     const std::unique_ptr<FILE, CloseMounts> mounts(setmntent("/proc/self/mounts", "r"));
-    if (!mounts)
+    if (!mounts) {
         return found;
+    }
     mntent entry = {};
     char buffer[8192];
     while (getmntent_r(mounts.get(), &entry, buffer, sizeof buffer) != nullptr) {
         const std::string directory = entry.mnt_dir;
-        if (directory.rfind(kPackageMounts, 0) == 0)
+        if (directory.rfind(kPackageMounts, 0) == 0) {
             found.push_back(directory);
+        }
     }
     return found;
 }

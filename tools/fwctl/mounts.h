@@ -1,6 +1,6 @@
 // Package mounts of the set, as the kernel lists them.
-#ifndef FWCTL_MOUNTS_H
-#define FWCTL_MOUNTS_H
+#ifndef TOOLS_FWCTL_MOUNTS_H
+#define TOOLS_FWCTL_MOUNTS_H
 
 #include <string>
 #include <vector>

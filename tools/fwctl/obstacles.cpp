@@ -1,10 +1,10 @@
 #include "tools/fwctl/obstacles.h"
 
-#include "pralis.h"
-#include "pwrctl.h"
-
 #include <algorithm>
 #include <sys/stat.h>
+
+#include "pralis.h"
+#include "pwrctl.h"
 
 namespace fwctl
 {

@@ -1,14 +1,14 @@
 // What keeps the daemon from updating a pending module just now, for every command that speaks of pending
 // modules.
-#ifndef FWCTL_OBSTACLES_H
-#define FWCTL_OBSTACLES_H
-
-#include "tools/fwctl/set-state.h"
-#include "tools/fwctl/turn-holder.h"
+#ifndef TOOLS_FWCTL_OBSTACLES_H
+#define TOOLS_FWCTL_OBSTACLES_H
 
 #include <json/json.h>
 #include <string>
 #include <vector>
+
+#include "tools/fwctl/set-state.h"
+#include "tools/fwctl/turn-holder.h"
 
 namespace fwctl
 {

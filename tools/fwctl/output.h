@@ -1,12 +1,12 @@
 // Lines for the person at the terminal. What comes from packages and libraries is in most of them, so all of
 // them are shown with control characters escaped; JSON is printed as it is.
-#ifndef FWCTL_OUTPUT_H
-#define FWCTL_OUTPUT_H
-
-#include "common/visible-text.h"
+#ifndef TOOLS_FWCTL_OUTPUT_H
+#define TOOLS_FWCTL_OUTPUT_H
 
 #include <cstdio>
 #include <string>
+
+#include "common/visible-text.h"
 
 namespace fwctl
 {

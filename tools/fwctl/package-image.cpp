@@ -1,7 +1,5 @@
 #include "tools/fwctl/package-image.h"
 
-#include "tools/fwctl/commands/command.h"
-
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -12,6 +10,8 @@
 #include <sqfs/inode.h>
 #include <sqfs/io.h>
 #include <sqfs/super.h>
+
+#include "tools/fwctl/commands/command.h"
 
 namespace fwctl
 {
@@ -35,8 +35,9 @@ using Inode = std::unique_ptr<sqfs_inode_generic_t, FreeInode>;
 
 void check(int result, const std::string& what)
 {
-    if (result != 0)
+    if (result != 0) {
         throw common::Failure(what + " (squashfs error " + std::to_string(result) + ")");
+    }
 }
 
 template <typename Object>
@@ -57,8 +58,9 @@ struct PackageImage::Squashfs {
     Inode find(const std::string& name)
     {
         sqfs_inode_generic_t* found = nullptr;
-        if (sqfs_dir_reader_find_by_path(directory.get(), nullptr, name.c_str(), &found) != 0)
+        if (sqfs_dir_reader_find_by_path(directory.get(), nullptr, name.c_str(), &found) != 0) {
             return nullptr;
+        }
         Inode inode(found);
         const bool isFile = inode->base.type == SQFS_INODE_FILE || inode->base.type == SQFS_INODE_EXT_FILE;
         return isFile ? std::move(inode) : nullptr;
@@ -90,8 +92,9 @@ PackageImage::PackageImage(const std::string& path) : squashfs_(std::make_unique
     Squashfs& fs = *squashfs_;
     errno = 0;
     fs.file.reset(sqfs_open_file(path.c_str(), SQFS_FILE_OPEN_READ_ONLY));
-    if (!fs.file)
+    if (!fs.file) {
         throw common::Failure(std::string("cannot be opened: ") + std::strerror(errno));
+    }
     check(sqfs_super_read(&fs.super, fs.file.get()), "is no squashfs image, or a damaged one");
     sqfs_compressor_config_t config;
     const auto compression = static_cast<SQFS_COMPRESSOR>(fs.super.compression_id);

@@ -1,8 +1,8 @@
 // Reads files of a package image (squashfs) without mounting it.
 //
 // Not thread-safe. An image of any size needs one buffer only.
-#ifndef FWCTL_PACKAGE_IMAGE_H
-#define FWCTL_PACKAGE_IMAGE_H
+#ifndef TOOLS_FWCTL_PACKAGE_IMAGE_H
+#define TOOLS_FWCTL_PACKAGE_IMAGE_H
 
 #include <functional>
 #include <memory>

@@ -1,8 +1,8 @@
 #include "tools/fwctl/power-lock.h"
 
-#include "pwrctl.h"
-
 #include <cstdio>
+
+#include "pwrctl.h"
 
 namespace fwctl
 {
@@ -15,8 +15,9 @@ constexpr uint32_t kMarginMs = 5000;
 
 PowerLock::PowerLock(unsigned int count, uint32_t seconds)
 {
-    if (pwrctl_lock_state(kAcceptedRun, count * kMarginMs + seconds * 1000) != 0)
+    if (pwrctl_lock_state(kAcceptedRun, count * kMarginMs + seconds * 1000) != 0) {
         std::fprintf(stderr, "fwctl: the power cannot be locked: do not switch the set off\n");
+    }
 }
 
 PowerLock::~PowerLock()

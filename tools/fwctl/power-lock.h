@@ -1,6 +1,6 @@
 // Keeps the set from switching off during an update that does not see to that itself.
-#ifndef FWCTL_POWER_LOCK_H
-#define FWCTL_POWER_LOCK_H
+#ifndef TOOLS_FWCTL_POWER_LOCK_H
+#define TOOLS_FWCTL_POWER_LOCK_H
 
 #include <cstdint>
 

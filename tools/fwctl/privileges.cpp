@@ -1,15 +1,15 @@
 #include "tools/fwctl/privileges.h"
 
-#include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/isolated.h"
-#include "tools/fwctl/set-state.h"
-
 #include <cerrno>
 #include <cstring>
 #include <grp.h>
 #include <optional>
 #include <pwd.h>
 #include <unistd.h>
+
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/set-state.h"
 
 namespace fwctl
 {
@@ -20,8 +20,9 @@ namespace
 std::optional<uid_t> askForDaemonUser()
 {
     const Json::Value told = runIsolated([](Telling& telling) {
-        if (const auto user = daemonUser())
+        if (const auto user = daemonUser()) {
             telling.put("user", *user);
+        }
     });
     return told.isMember("user") ? std::optional<uid_t>(told["user"].asUInt()) : std::nullopt;
 }
@@ -36,8 +37,9 @@ std::string nameOf(uid_t user)
 bool isMapped(uid_t user)
 {
     const uid_t current = geteuid();
-    if (seteuid(user) != 0)
+    if (seteuid(user) != 0) {
         return false;
+    }
     return seteuid(current) == 0;
 }
 
@@ -46,9 +48,10 @@ void become(uid_t user)
     const passwd* const entry = getpwuid(user);
     const gid_t group = entry != nullptr ? entry->pw_gid : getegid();
     const bool hasGroups = entry == nullptr || initgroups(entry->pw_name, group) == 0;
-    if (!hasGroups || setresgid(group, group, group) != 0 || setresuid(user, user, user) != 0)
+    if (!hasGroups || setresgid(group, group, group) != 0 || setresuid(user, user, user) != 0) {
         throw common::Failure("cannot go on as the daemon's user " + nameOf(user) + ": " +
                               std::strerror(errno));
+    }
 }
 } // namespace
 

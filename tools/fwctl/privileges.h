@@ -1,6 +1,6 @@
 // Who may act on the set: root, or the user that the daemon runs as.
-#ifndef FWCTL_PRIVILEGES_H
-#define FWCTL_PRIVILEGES_H
+#ifndef TOOLS_FWCTL_PRIVILEGES_H
+#define TOOLS_FWCTL_PRIVILEGES_H
 
 #include <optional>
 #include <sys/types.h>

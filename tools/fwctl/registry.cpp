@@ -1,5 +1,7 @@
 #include "tools/fwctl/registry.h"
 
+#include <cstdio>
+
 #include "common/json-text.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/daemon-log.h"
@@ -7,8 +9,6 @@
 #include "tools/fwctl/isolated.h"
 #include "tools/fwctl/library-calls.h"
 #include "tools/fwctl/output.h"
-
-#include <cstdio>
 
 namespace fwctl
 {

@@ -1,14 +1,13 @@
 // The daemon's registry of modules, for the commands that act: in the child process of update-child.h.
-#ifndef FWCTL_REGISTRY_H
-#define FWCTL_REGISTRY_H
-
-#include "tools/fwctl/update-child.h"
-#include "tools/fwctl/update-monitor.h"
-
-#include "fw-update-symbol-manager.h"
+#ifndef TOOLS_FWCTL_REGISTRY_H
+#define TOOLS_FWCTL_REGISTRY_H
 
 #include <json/json.h>
 #include <string>
+
+#include "src/src/fw-update-symbol-manager.h"
+#include "tools/fwctl/update-child.h"
+#include "tools/fwctl/update-monitor.h"
 
 namespace fwctl
 {

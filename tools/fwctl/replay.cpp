@@ -1,20 +1,19 @@
 #include "tools/fwctl/replay.h"
 
-#include "common/json-text.h"
-#include "common/regular-file.h"
-#include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/daemon-log.h"
-#include "tools/fwctl/mounts.h"
-#include "tools/fwctl/package-image.h"
-
-#include "fw-update-checksum.h"
-
 #include <fstream>
 #include <memory>
 #include <optional>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "common/json-text.h"
+#include "common/regular-file.h"
+#include "src/src/fw-update-checksum.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/daemon-log.h"
+#include "tools/fwctl/mounts.h"
+#include "tools/fwctl/package-image.h"
 
 namespace fwctl
 {
@@ -106,8 +105,9 @@ std::string directoryOf(const std::string& path)
 std::string join(const std::vector<std::string>& texts)
 {
     std::string joined;
-    for (const std::string& text : texts)
+    for (const std::string& text : texts) {
         joined += (joined.empty() ? "" : "; ") + text;
+    }
     return joined;
 }
 
@@ -132,12 +132,14 @@ std::string remarksOn(const std::string& path)
     const Json::Value& root = *parsed;
     std::string remarks;
     for (const auto& [key, value] : kDefaults) {
-        if (!root.isMember(key))
+        if (!root.isMember(key)) {
             remarks += std::string("; no \"") + key + "\": " + value + " is taken";
+        }
     }
     const Json::Value uiUse = root.get("ui_use", "none");
-    if (!uiUse.isString() || (uiUse != "select" && uiUse != "force" && uiUse != "none"))
+    if (!uiUse.isString() || (uiUse != "select" && uiUse != "force" && uiUse != "none")) {
         remarks += "; \"ui_use\" " + common::compactJson(uiUse) + " counts as none";
+    }
     return remarks;
 }
 
@@ -206,8 +208,9 @@ Json::Value Replay::run()
     Json::Value steps(Json::arrayValue);
     bool passed = true;
     for (const Step& step : kSteps) {
-        if (!passed || !step.applies(source_.type))
+        if (!passed || !step.applies(source_.type)) {
             continue;
+        }
         const Finding finding = (this->*step.take)();
         passed = finding.passed;
         Json::Value told;
@@ -248,19 +251,22 @@ std::string Replay::findSpecialFile()
 
 Finding Replay::hasName()
 {
-    if (module_.firmwareName.empty())
+    if (module_.firmwareName.empty()) {
         return {false, "the library gave no identifier", "have the library's getEMPID corrected"};
+    }
     return {true, module_.firmwareName, ""};
 }
 
 Finding Replay::hasPackage()
 {
-    if (!module_.isEMP)
+    if (!module_.isEMP) {
         return {false, "the identifier " + module_.EMPName + " is refused",
                 "have the library's getEMPID answer letters and digits with a lower-case \"emp\""};
-    if (!module_.getIMGExists())
+    }
+    if (!module_.getIMGExists()) {
         return {false, module_.empImagePath + " is not there",
                 "nothing to do when no update is published; otherwise see whether the download failed"};
+    }
     const std::string problem = common::problemOfSpecialFile(module_.empImagePath);
     if (!problem.empty()) {
         return notAFile(module_.empImagePath, problem);
@@ -295,8 +301,9 @@ Finding Replay::readMountedPackage(const std::string& reason)
 {
     const std::string directory = directoryOf(informationPath_);
     const std::string detail = module_.empImagePath + " " + reason;
-    if (isMountPoint(directory.substr(0, directory.size() - 1)))
+    if (isMountPoint(directory.substr(0, directory.size() - 1))) {
         return {true, detail + "; what is mounted was read instead", ""};
+    }
     return {false, detail, "remove the file, and have the package downloaded again (restart the set)"};
 }
 
@@ -313,10 +320,11 @@ Finding Replay::hasImage()
     if (!problem.empty()) {
         return notAFile(imagePath_, problem);
     }
-    if (!files_.contains(imageName_))
+    if (!files_.contains(imageName_)) {
         return {false, imagePath_ + " is not there",
                 source_.type == UPDATE_TYPE_EMP ? "have the package made again with that file in it"
                                                 : "nothing to do unless this source should have one"};
+    }
     return {true, imagePath_, ""};
 }
 
@@ -326,8 +334,9 @@ Finding Replay::hasInformation()
     if (!problem.empty()) {
         return notAFile(informationPath_, problem);
     }
-    if (!files_.contains("info.json"))
+    if (!files_.contains("info.json")) {
         return {false, informationPath_ + " is not there", "put an information file beside the image"};
+    }
     return {true, informationPath_, ""};
 }
 
@@ -341,9 +350,10 @@ Finding Replay::informationIsValid()
         accepted = module_.loadInformation(path);
     });
     const std::string messages = withPath(join(takeDaemonMessages()), readAs, informationPath_);
-    if (!accepted || !complete)
+    if (!accepted || !complete) {
         return {false, complete ? messages : "the package is damaged",
                 "correct the information file (\"fwmod info --check\" tells each value)"};
+    }
     hasReadInformation_ = true;
     std::string remarks;
     files_.read("info.json", [&](const std::string& path) { remarks = remarksOn(path); });
@@ -356,9 +366,10 @@ Finding Replay::informationIsValid()
 
 Finding Replay::screenMayOffer()
 {
-    if (module_.information.ui_use == "none")
+    if (module_.information.ui_use == "none") {
         return {false, "ui_use is \"none\": an image of the system must be offered on the screen",
                 "set \"ui_use\" to \"select\" or \"force\" in " + informationPath_};
+    }
     return {true, "ui_use is \"" + module_.information.ui_use + "\"", ""};
 }
 
@@ -368,11 +379,13 @@ Finding Replay::checksumMatches()
     const bool complete = files_.takeChecksum(module_, imageName_, checksum);
     const std::string found = std::to_string(checksum);
     const std::string expected = std::to_string(module_.information.crc);
-    if (!complete)
+    if (!complete) {
         return {false, "the package is damaged", "remove it, and have it downloaded again (restart the set)"};
-    if (module_.information.crc != checksum)
+    }
+    if (module_.information.crc != checksum) {
         return {false, "the image has " + found + ", the information file wants " + expected,
                 "copy or download the image again; if it is right, correct \"crc\""};
+    }
     return {true, found, ""};
 }
 
@@ -383,21 +396,24 @@ Finding Replay::isNewer()
     int verdict = 0;
     module_.setContext(source_.caller, emptyContext);
     const int result = module_.checkVersion(offered.c_str(), &verdict);
-    if (result != 0)
+    if (result != 0) {
         return {false,
                 "the library cannot compare " + offered + " (it returns " + std::to_string(result) + ")",
                 "see whether the hardware answers and the version is one that the library knows"};
+    }
     verdict_ = verdict;
     module_.updateType = source_.type;
     module_.needUpdate = (verdict == 1);
     module_.expectedUpdateTime = module_.information.expected_time;
-    if (verdict < 1)
+    if (verdict < 1) {
         return {false,
                 "the library calls " + offered + " not newer (verdict " + std::to_string(verdict) + ")",
                 "nothing to do: the module is up to date"};
-    if (verdict > 1)
+    }
+    if (verdict > 1) {
         return {false, "the library answers " + std::to_string(verdict) + ", only 1 makes a module pending",
                 "have the library's checkVersion corrected"};
+    }
     return {true, "the library calls " + offered + " newer", ""};
 }
 } // namespace

@@ -1,10 +1,9 @@
 // The daemon's check of one image source, test by test, without its mounts.
-#ifndef FWCTL_REPLAY_H
-#define FWCTL_REPLAY_H
+#ifndef TOOLS_FWCTL_REPLAY_H
+#define TOOLS_FWCTL_REPLAY_H
 
+#include "src/src/fw-update-symbol.h"
 #include "tools/fwctl/examination.h"
-
-#include "fw-update-symbol.h"
 
 namespace fwctl
 {

@@ -1,8 +1,5 @@
 #include "tools/fwctl/set-state.h"
 
-#include "common/json-text.h"
-#include "tools/fwctl/glib-pointer.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -23,6 +20,9 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "common/json-text.h"
+#include "tools/fwctl/glib-pointer.h"
+
 namespace fwctl
 {
 
@@ -42,8 +42,9 @@ std::optional<guint32> askBus(GDBusConnection* bus, const char* method)
         g_dbus_connection_call_sync(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                     "org.freedesktop.DBus", method, g_variant_new("(s)", kDaemonName),
                                     G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr));
-    if (!reply)
+    if (!reply) {
         return std::nullopt;
+    }
     guint32 number = 0;
     g_variant_get(reply.get(), "(u)", &number);
     return number;
@@ -55,8 +56,9 @@ std::optional<Json::Value> askPlatform(GDBusConnection* bus)
     const GVariantPointer reply(g_dbus_connection_call_sync(
         bus, "org.pellor.platform", "/org/pellor/platform", "org.pellor.platform.Control", "Snapshot",
         nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, 5000, nullptr, nullptr));
-    if (!reply)
+    if (!reply) {
         return std::nullopt;
+    }
     const char* text = nullptr;
     g_variant_get(reply.get(), "(&s)", &text);
     return common::parseJsonObject(text);
@@ -69,8 +71,9 @@ long ageOf(pid_t pid)
     std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
     std::istringstream fields(text.substr(std::min(text.size(), text.rfind(')') + 1)));
     std::string skipped;
-    for (int field = 3; field < 22; ++field)
+    for (int field = 3; field < 22; ++field) {
         fields >> skipped;
+    }
     long ticks = 0;
     double uptime = 0;
     fields >> ticks;
@@ -83,11 +86,13 @@ long ageOf(pid_t pid)
 std::optional<long> ageOnTheSetsClock(GDBusConnection* bus, pid_t pid)
 {
     const std::optional<Json::Value> set = askPlatform(bus);
-    if (!set)
+    if (!set) {
         return std::nullopt;
+    }
     for (const Json::Value& registered : (*set)["watchdog"]["registered"]) {
-        if (registered["service"]["pid"].asInt64() != pid)
+        if (registered["service"]["pid"].asInt64() != pid) {
             continue;
+        }
         return std::max(0L,
                         static_cast<long>(std::time(nullptr) - registered["registered_ms"].asInt64() / 1000));
     }
@@ -99,14 +104,16 @@ DaemonState findDaemon()
 {
     DaemonState state;
     const GObjectPointer<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
-    if (!bus)
+    if (!bus) {
         return state;
+    }
     g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
     state.hasBus = true;
     state.pid = static_cast<pid_t>(askBus(bus.get(), "GetConnectionUnixProcessID").value_or(0));
     state.user = askBus(bus.get(), "GetConnectionUnixUser").value_or(0);
-    if (state.pid != 0)
+    if (state.pid != 0) {
         state.seconds = ageOnTheSetsClock(bus.get(), state.pid).value_or(ageOf(state.pid));
+    }
     return state;
 }
 
@@ -119,8 +126,9 @@ std::optional<uid_t> daemonUser()
 std::optional<uid_t> usualDaemonUser()
 {
     const SemaphoreState semaphore = peekUpdateSemaphore();
-    if (semaphore.exists)
+    if (semaphore.exists) {
         return semaphore.owner;
+    }
     const passwd* const user = getpwnam(kDaemonUser);
     return user != nullptr ? std::optional<uid_t>(user->pw_uid) : std::nullopt;
 }
@@ -149,8 +157,9 @@ uint64_t parseHex(const std::string& text)
 std::string semaphoreInMaps()
 {
     struct stat status = {};
-    if (stat(kSemaphoreFile, &status) != 0)
+    if (stat(kSemaphoreFile, &status) != 0) {
         return "";
+    }
     char text[64];
     std::snprintf(text, sizeof text, " %02x:%02x %lu ", major(status.st_dev), minor(status.st_dev),
                   static_cast<unsigned long>(status.st_ino));
@@ -163,8 +172,9 @@ std::optional<Range> semaphoreIn(const fs::path& process, const std::string& sem
     std::ifstream maps(process / "maps");
     readable = maps.is_open() || errno == ENOENT || errno == ESRCH; // one that has ended has nothing
     for (std::string line; std::getline(maps, line);) {
-        if (line.find(semaphore) == std::string::npos)
+        if (line.find(semaphore) == std::string::npos) {
             continue;
+        }
         const std::size_t dash = line.find('-');
         return Range{parseHex(line.substr(0, dash)),
                      parseHex(line.substr(dash + 1, line.find(' ') - dash - 1))};
@@ -204,18 +214,21 @@ SemaphoreState peekUpdateSemaphore()
 {
     SemaphoreState state;
     struct stat status = {};
-    if (stat(kSemaphoreFile, &status) != 0)
+    if (stat(kSemaphoreFile, &status) != 0) {
         return state;
+    }
     state.exists = true;
     state.owner = status.st_uid;
     const bool isWhole = status.st_size >= static_cast<off_t>(sizeof(sem_t)); // else: no semaphore at all
     const int file = isWhole ? open(kSemaphoreFile, O_RDONLY | O_CLOEXEC) : -1;
-    if (file < 0)
+    if (file < 0) {
         return state;
+    }
     void* const memory = mmap(nullptr, sizeof(sem_t), PROT_READ, MAP_SHARED, file, 0);
     close(file);
-    if (memory == MAP_FAILED)
+    if (memory == MAP_FAILED) {
         return state;
+    }
     state.isReadable = sem_getvalue(static_cast<sem_t*>(memory), &state.value) == 0;
     munmap(memory, sizeof(sem_t));
     return state;
@@ -225,17 +238,20 @@ SemaphoreUsers findSemaphoreUsers()
 {
     SemaphoreUsers users;
     const std::string semaphore = semaphoreInMaps();
-    if (semaphore.empty())
+    if (semaphore.empty()) {
         return users;
+    }
     std::error_code error;
     for (fs::directory_iterator process("/proc", error), end; !error && process != end;
          process.increment(error)) {
         const pid_t pid = std::atoi(process->path().filename().c_str());
-        if (pid <= 0 || pid == getpid())
+        if (pid <= 0 || pid == getpid()) {
             continue;
+        }
         bool readable = true;
-        if (const auto range = semaphoreIn(process->path(), semaphore, readable))
+        if (const auto range = semaphoreIn(process->path(), semaphore, readable)) {
             users.known.push_back({pid, nameOf(process->path()), threadsWaitingOn(process->path(), *range)});
+        }
         users.areAllKnown = users.areAllKnown && readable;
     }
     users.areAllKnown = users.areAllKnown && !error;

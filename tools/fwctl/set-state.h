@@ -1,8 +1,8 @@
 // What the rest of the set is doing: the daemon, its update semaphore, and what keeps it from updating.
 // Nothing here changes anything. The questions over the bus start threads of GLib's: ask them after the last
 // runIsolated().
-#ifndef FWCTL_SET_STATE_H
-#define FWCTL_SET_STATE_H
+#ifndef TOOLS_FWCTL_SET_STATE_H
+#define TOOLS_FWCTL_SET_STATE_H
 
 #include <optional>
 #include <string>

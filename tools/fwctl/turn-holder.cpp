@@ -1,12 +1,12 @@
 #include "tools/fwctl/turn-holder.h"
 
-#include "tools/fwctl/daemon-activity.h"
-#include "tools/fwctl/turn-record.h"
-
 #include <algorithm>
 #include <chrono>
 #include <thread>
 #include <unistd.h>
+
+#include "tools/fwctl/daemon-activity.h"
+#include "tools/fwctl/turn-record.h"
 
 namespace fwctl
 {

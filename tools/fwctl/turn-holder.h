@@ -1,12 +1,12 @@
 // Who has the turn to update: told from fwctl's own record, from what the daemon says it is doing, and from
 // which processes have the semaphore open. Changes nothing.
-#ifndef FWCTL_TURN_HOLDER_H
-#define FWCTL_TURN_HOLDER_H
-
-#include "tools/fwctl/set-state.h"
+#ifndef TOOLS_FWCTL_TURN_HOLDER_H
+#define TOOLS_FWCTL_TURN_HOLDER_H
 
 #include <string>
 #include <vector>
+
+#include "tools/fwctl/set-state.h"
 
 namespace fwctl
 {

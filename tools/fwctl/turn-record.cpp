@@ -1,8 +1,5 @@
 #include "tools/fwctl/turn-record.h"
 
-#include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/set-state.h"
-
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -10,6 +7,9 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/set-state.h"
 
 namespace fwctl
 {

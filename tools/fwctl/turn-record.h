@@ -4,8 +4,8 @@
 // One fwctl at a time holds the file's lock, from before it takes the semaphore until after it has given it
 // back; the lock is shared by the process that was started and its child that updates, and ends with the last
 // of them. The file stays, as the semaphore does; its content is what the last holder has come to.
-#ifndef FWCTL_TURN_RECORD_H
-#define FWCTL_TURN_RECORD_H
+#ifndef TOOLS_FWCTL_TURN_RECORD_H
+#define TOOLS_FWCTL_TURN_RECORD_H
 
 #include <atomic>
 #include <cstdint>

@@ -1,16 +1,16 @@
 #include "tools/fwctl/update-child.h"
 
-#include "common/progress-line.h"
-#include "common/visible-text.h"
-#include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/privileges.h"
-
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+
+#include "common/progress-line.h"
+#include "common/visible-text.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/privileges.h"
 
 namespace fwctl
 {

@@ -1,15 +1,15 @@
 // Updates in a child process, supervised: whatever happens to the child, the turn to update is given back and
 // the parent says how it ended; whatever happens to the parent, the child finishes what it has begun to
 // write.
-#ifndef FWCTL_UPDATE_CHILD_H
-#define FWCTL_UPDATE_CHILD_H
-
-#include "tools/fwctl/isolated.h"
-#include "tools/fwctl/update-turn.h"
+#ifndef TOOLS_FWCTL_UPDATE_CHILD_H
+#define TOOLS_FWCTL_UPDATE_CHILD_H
 
 #include <functional>
 #include <json/json.h>
 #include <string>
+
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/update-turn.h"
 
 namespace fwctl
 {

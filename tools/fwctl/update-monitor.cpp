@@ -1,14 +1,13 @@
 #include "tools/fwctl/update-monitor.h"
 
-#include "common/progress-line.h"
-#include "tools/fwctl/daemon-log.h"
-
-#include "fw-update-symbol.h"
-
 #include <algorithm>
 #include <chrono>
 #include <optional>
 #include <unistd.h>
+
+#include "common/progress-line.h"
+#include "src/src/fw-update-symbol.h"
+#include "tools/fwctl/daemon-log.h"
 
 namespace fwctl
 {
@@ -22,8 +21,9 @@ std::optional<std::string> between(const std::string& message, const std::string
                                    const std::string& tail)
 {
     if (message.size() < head.size() + tail.size() || message.compare(0, head.size(), head) != 0 ||
-        message.compare(message.size() - tail.size(), tail.size(), tail) != 0)
+        message.compare(message.size() - tail.size(), tail.size(), tail) != 0) {
         return std::nullopt;
+    }
     return message.substr(head.size(), message.size() - head.size() - tail.size());
 }
 
@@ -53,8 +53,9 @@ UpdateMonitor::~UpdateMonitor()
 {
     onDaemonMessage({});
     isEnding_ = true;
-    if (drawer_.joinable())
+    if (drawer_.joinable()) {
         drawer_.join();
+    }
 }
 
 void UpdateMonitor::follow(FWUpdateSymbol& module)
@@ -114,8 +115,9 @@ bool UpdateMonitor::isBegunHere() const
 void UpdateMonitor::note(const std::string& message)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (const auto name = between(message, "", " Firmware Update Try"))
+    if (const auto name = between(message, "", " Firmware Update Try")) {
         return begin(*name);
+    }
     if (const auto name = between(message, "========== [ ", " update start ] ==========")) {
         if (!isBegunHere()) { // an encrypted image comes without a "Try"
             begin(*name);
@@ -172,8 +174,9 @@ bool UpdateMonitor::waitForLateOnes()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     for (const UpdateOutcome& outcome : outcomes_) {
-        if (outcome.isLate && isAlive(outcome.thread))
+        if (outcome.isLate && isAlive(outcome.thread)) {
             return true;
+        }
     }
     return false;
 }
@@ -185,8 +188,9 @@ std::vector<UpdateOutcome> UpdateMonitor::finish()
             "fwctl: the update takes longer than expected and is still being written: do not switch the "
             "set off");
     }
-    while (waitForLateOnes())
+    while (waitForLateOnes()) {
         std::this_thread::sleep_for(kPause);
+    }
     const std::lock_guard<std::mutex> lock(mutex_);
     for (UpdateOutcome& outcome : outcomes_) {
         outcome.result = outcome.result == "started" ? "failed" : outcome.result;

@@ -1,18 +1,17 @@
 // Follows updates from outside, by the daemon's own messages: which module is being written, how far it is,
 // and how it ended. The texts are an interface that other programs read, so they may be relied on.
-#ifndef FWCTL_UPDATE_MONITOR_H
-#define FWCTL_UPDATE_MONITOR_H
-
-#include "tools/fwctl/update-child.h"
+#ifndef TOOLS_FWCTL_UPDATE_MONITOR_H
+#define TOOLS_FWCTL_UPDATE_MONITOR_H
 
 #include <atomic>
 #include <list>
 #include <mutex>
 #include <string>
+#include <sys/types.h>
 #include <thread>
 #include <vector>
 
-#include <sys/types.h>
+#include "tools/fwctl/update-child.h"
 
 class FWUpdateSymbol;
 

@@ -1,12 +1,5 @@
 #include "tools/fwctl/update-turn.h"
 
-#include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/output.h"
-#include "tools/fwctl/set-state.h"
-#include "tools/fwctl/turn-holder.h"
-
-#include "fw-update-common.h"
-
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -18,6 +11,12 @@
 #include <semaphore.h>
 #include <thread>
 #include <unistd.h>
+
+#include "src/fw-update-common.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/output.h"
+#include "tools/fwctl/set-state.h"
+#include "tools/fwctl/turn-holder.h"
 
 namespace fwctl
 {

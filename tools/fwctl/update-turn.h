@@ -4,12 +4,12 @@
 // once, and never while the child is still at work. While the child has it, the daemon's own code in it takes
 // and gives back a semaphore that is private to the child: it would give the turn back after its time-out,
 // when a late update is still being written.
-#ifndef FWCTL_UPDATE_TURN_H
-#define FWCTL_UPDATE_TURN_H
-
-#include "tools/fwctl/turn-record.h"
+#ifndef TOOLS_FWCTL_UPDATE_TURN_H
+#define TOOLS_FWCTL_UPDATE_TURN_H
 
 #include <string>
+
+#include "tools/fwctl/turn-record.h"
 
 namespace fwctl
 {

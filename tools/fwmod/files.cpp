@@ -1,10 +1,5 @@
 #include "tools/fwmod/files.h"
 
-#include "common/file-copy.h"
-#include "common/regular-file.h"
-#include "src/src/fw-update-symbol.h"
-#include "tools/fwmod/commands/command.h"
-
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -13,6 +8,11 @@
 #include <gio/gio.h>
 #include <memory>
 #include <unistd.h>
+
+#include "common/file-copy.h"
+#include "common/regular-file.h"
+#include "src/src/fw-update-symbol.h"
+#include "tools/fwmod/commands/command.h"
 
 namespace fwmod
 {
@@ -41,8 +41,9 @@ using Text = std::unique_ptr<char, TextReleaser>;
 std::vector<char*> pointersTo(const std::vector<std::string>& arguments)
 {
     std::vector<char*> pointers;
-    for (const std::string& argument : arguments)
+    for (const std::string& argument : arguments) {
         pointers.push_back(const_cast<char*>(argument.c_str())); // the call is of C, and leaves them alone
+    }
     pointers.push_back(nullptr);
     return pointers;
 }
@@ -63,15 +64,17 @@ volatile sig_atomic_t isUnfinished = 0;
 
 void removeUnfinished(int signal)
 {
-    if (isUnfinished != 0)
+    if (isUnfinished != 0) {
         unlink(unfinishedName);
+    }
     raise(signal); // its default action is restored, and ends the program
 }
 
 void watchInterruptions(const fs::path& unfinished)
 {
-    if (unfinished.string().size() >= sizeof unfinishedName)
+    if (unfinished.string().size() >= sizeof unfinishedName) {
         return; // the file system will refuse the name
+    }
     std::strcpy(unfinishedName, unfinished.c_str());
     isUnfinished = 1;
     struct sigaction action = {};
@@ -79,8 +82,9 @@ void watchInterruptions(const fs::path& unfinished)
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     for (const int signal : kInterruptions) {
         struct sigaction before = {};
-        if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
+        if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler != SIG_IGN) {
             sigaction(signal, &action, nullptr);
+        }
     }
 }
 } // namespace
@@ -89,22 +93,27 @@ void requireReadable(const fs::path& path)
 {
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
-    if (status.type() == fs::file_type::not_found)
+    if (status.type() == fs::file_type::not_found) {
         throw common::Failure(path.string() + " does not exist: check the path");
-    if (error)
+    }
+    if (error) {
         throw common::Failure("cannot look at " + path.string() + ": " + error.message());
+    }
     const std::string special = common::problemOfSpecialFile(path);
-    if (!special.empty())
+    if (!special.empty()) {
         throw common::Failure(path.string() + " " + special + ": name the file itself");
-    if (!std::ifstream(path))
+    }
+    if (!std::ifstream(path)) {
         failOn(path, "read");
+    }
 }
 
 void requireDirectory(const fs::path& path, const char* option)
 {
-    if (!path.empty() && !fs::is_directory(path))
+    if (!path.empty() && !fs::is_directory(path)) {
         throw common::Failure(std::string(option) + " " + path.string() +
                               " is not a directory: check the path");
+    }
 }
 
 void requireRoomForSet(const fs::path& directory)
@@ -113,11 +122,12 @@ void requireRoomForSet(const fs::path& directory)
     constexpr std::uintmax_t kNeeded = 64 * kMegabyte;
     std::error_code unknown;
     const fs::space_info room = fs::space(directory, unknown);
-    if (!unknown && room.available < kNeeded)
+    if (!unknown && room.available < kNeeded) {
         throw common::Failure("a virtual set needs " + std::to_string(kNeeded / kMegabyte) + " MB in " +
                               directory.parent_path().string() + ", where " +
                               std::to_string(room.available / kMegabyte) +
                               " MB are left: make room, or set TMPDIR to another directory");
+    }
 }
 
 void copyIntoSet(const fs::path& from, const fs::path& to)
@@ -142,12 +152,14 @@ NewFile::NewFile(fs::path target)
     : target_(std::move(target)), unfinished_(target_.string() + "." + std::to_string(getpid()) + ".new")
 {
     // Renaming onto a device or a pipe would put a file in its place.
-    if (fs::exists(target_) && !fs::is_regular_file(target_))
+    if (fs::exists(target_) && !fs::is_regular_file(target_)) {
         throw common::Failure(target_.string() + " exists and is not a file: name the file to write");
+    }
     const fs::path directory = target_.has_parent_path() ? target_.parent_path() : ".";
-    if (!fs::is_directory(directory))
+    if (!fs::is_directory(directory)) {
         throw common::Failure("cannot write " + target_.string() + ": make the directory " +
                               directory.string() + " first");
+    }
     watchInterruptions(unfinished_);
 }
 
@@ -162,17 +174,19 @@ void NewFile::commit()
 {
     std::error_code error;
     fs::rename(unfinished_, target_, error);
-    if (error)
+    if (error) {
         throw common::Failure("cannot write " + target_.string() + ": " + error.message());
+    }
 }
 
 void refuseOverwriting(const fs::path& output, const std::vector<fs::path>& inputs)
 {
     std::error_code ignored; // a file that is not there yet is none of them
     for (const fs::path& input : inputs) {
-        if (fs::equivalent(input, output, ignored))
+        if (fs::equivalent(input, output, ignored)) {
             throw common::WrongUse("-o " + output.string() +
                                    " would overwrite an input; choose another name");
+        }
     }
 }
 
@@ -181,8 +195,9 @@ ScratchDirectory::ScratchDirectory()
     GError* raw = nullptr;
     const Text made(g_dir_make_tmp("fwmod-XXXXXX", &raw));
     const Error error(raw);
-    if (!made)
+    if (!made) {
         throw common::Failure(std::string("cannot make a temporary directory: ") + error->message);
+    }
     path_ = made.get();
 }
 
@@ -199,8 +214,9 @@ void writeText(const fs::path& path, const std::string& text)
     std::ofstream out(file.path(), std::ios::binary);
     out << text;
     out.close();
-    if (!out)
+    if (!out) {
         failOn(path, "write");
+    }
     file.commit();
 }
 
@@ -216,13 +232,16 @@ std::string runProgram(const std::vector<std::string>& arguments, const std::str
     const Text output(rawOutput);
     const Text errors(rawErrors);
     Error error(raw);
-    if (started == FALSE && g_error_matches(raw, G_SPAWN_ERROR, G_SPAWN_ERROR_NOENT) != FALSE)
+    if (started == FALSE && g_error_matches(raw, G_SPAWN_ERROR, G_SPAWN_ERROR_NOENT) != FALSE) {
         throw common::Failure(arguments[0] + " was not found: install " + package);
-    if (started == FALSE)
+    }
+    if (started == FALSE) {
         throw common::Failure("cannot start " + arguments[0] + ": " + error->message);
+    }
     GError* rawExit = nullptr;
-    if (g_spawn_check_wait_status(status, &rawExit) != FALSE)
+    if (g_spawn_check_wait_status(status, &rawExit) != FALSE) {
         return output ? output.get() : "";
+    }
     error.reset(rawExit);
     throw common::Failure(arguments[0] + " failed (" + error->message + "):\n" +
                           (errors ? errors.get() : ""));

@@ -1,6 +1,6 @@
 // Files and programs, with errors in words. Everything throws Failure.
-#ifndef FWMOD_FILES_H
-#define FWMOD_FILES_H
+#ifndef TOOLS_FWMOD_FILES_H
+#define TOOLS_FWMOD_FILES_H
 
 #include <filesystem>
 #include <string>

@@ -20,20 +20,23 @@ InterruptionWatch::InterruptionWatch()
     action.sa_handler = [](int signal) { interruption = signal; };
     for (std::size_t index = 0; index < kInterruptions.size(); ++index) {
         sigaction(kInterruptions[index], nullptr, &usual[index]);
-        if (usual[index].sa_handler != SIG_IGN) // by nohup, or a shell for its background
+        if (usual[index].sa_handler != SIG_IGN) { // by nohup, or a shell for its background
             sigaction(kInterruptions[index], &action, nullptr);
+        }
     }
 }
 
 InterruptionWatch::~InterruptionWatch()
 {
-    for (std::size_t index = 0; index < kInterruptions.size(); ++index)
+    for (std::size_t index = 0; index < kInterruptions.size(); ++index) {
         sigaction(kInterruptions[index], &usual[index], nullptr);
+    }
 }
 
 void InterruptionWatch::check()
 {
-    if (interruption != 0)
+    if (interruption != 0) {
         throw Interrupted{interruption};
+    }
 }
 } // namespace fwmod

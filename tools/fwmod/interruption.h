@@ -1,7 +1,7 @@
 // SIGINT, SIGTERM, SIGHUP and SIGQUIT for commands that have something to put away: every wait looks, and
 // ends with an exception, which main turns into the usual end of a program by a signal.
-#ifndef FWMOD_INTERRUPTION_H
-#define FWMOD_INTERRUPTION_H
+#ifndef TOOLS_FWMOD_INTERRUPTION_H
+#define TOOLS_FWMOD_INTERRUPTION_H
 
 namespace fwmod
 {

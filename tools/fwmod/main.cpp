@@ -1,12 +1,12 @@
 // fwmod: what a maker of firmware modules needs on a PC. No privileges, no television.
-#include "tools/fwmod/commands/command.h"
-#include "tools/fwmod/interruption.h"
-
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
+
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/interruption.h"
 
 namespace fwmod
 {
@@ -30,8 +30,9 @@ constexpr common::Command kCommands[] = {
 void occupyStandardStreams()
 {
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDONLY) != stream)
+        if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDONLY) != stream) {
             std::abort(); // no such number is free: then it was not closed
+        }
     }
 }
 

@@ -1,8 +1,5 @@
 #include "tools/fwmod/programs.h"
 
-#include "tools/fwmod/commands/command.h"
-#include "tools/fwmod/interruption.h"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -13,6 +10,9 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/interruption.h"
 
 namespace fwmod
 {
@@ -27,11 +27,13 @@ constexpr const char* kRemedy = ": install the kit anew (scripts/install-sdk), o
 // False when it is not there. Throws when it is, but not for this user: building it would not help.
 bool canRun(const fs::path& program)
 {
-    if (access(program.c_str(), X_OK) == 0)
+    if (access(program.c_str(), X_OK) == 0) {
         return true;
-    if (errno != ENOENT && errno != ENOTDIR)
+    }
+    if (errno != ENOENT && errno != ENOTDIR) {
         throw common::Failure("cannot run " + program.string() + ": " + std::strerror(errno) +
                               "; whose tree is it, and may others read it?");
+    }
     return false;
 }
 } // namespace
@@ -40,8 +42,9 @@ fs::path vsetProgram()
 {
     const fs::path own = fs::read_symlink("/proc/self/exe").parent_path();
     for (const fs::path& candidate : {own / "vset", own / "../../vset/bin/vset"}) {
-        if (canRun(candidate))
+        if (canRun(candidate)) {
             return fs::canonical(candidate);
+        }
     }
     throw common::Failure("the virtual set, vset, is not in " + own.string() + kRemedy);
 }
@@ -49,8 +52,9 @@ fs::path vsetProgram()
 fs::path programBesideVset(const std::string& name)
 {
     const fs::path directory = vsetProgram().parent_path();
-    if (!canRun(directory / name))
+    if (!canRun(directory / name)) {
         throw common::Failure(name + " is not in " + directory.string() + kRemedy);
+    }
     return directory / name;
 }
 
@@ -65,8 +69,9 @@ namespace
     std::signal(SIGPIPE, SIG_DFL); // ours is not its business
     dup2(output, STDOUT_FILENO);
     dup2(errors, STDERR_FILENO);
-    if (getppid() == parent)
+    if (getppid() == parent) {
         execv(arguments[0], arguments);
+    }
     _exit(127);
 }
 } // namespace
@@ -74,17 +79,20 @@ namespace
 RunningProgram::RunningProgram(const std::vector<std::string>& arguments, const fs::path& errors)
 {
     std::vector<char*> pointers;
-    for (const std::string& argument : arguments)
+    for (const std::string& argument : arguments) {
         pointers.push_back(const_cast<char*>(argument.c_str())); // the call is of C, and leaves them alone
+    }
     pointers.push_back(nullptr);
     std::array<int, 2> ends{};
     const int errorFile = open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (errorFile < 0 || pipe2(ends.data(), O_CLOEXEC) != 0)
+    if (errorFile < 0 || pipe2(ends.data(), O_CLOEXEC) != 0) {
         throw common::Failure("cannot start " + arguments[0] + ": " + std::strerror(errno));
+    }
     const pid_t self = getpid();
     process_ = fork();
-    if (process_ == 0)
+    if (process_ == 0) {
         become(pointers.data(), ends[1], errorFile, self);
+    }
     close(ends[1]);
     close(errorFile);
     output_ = ends[0];
@@ -93,8 +101,9 @@ RunningProgram::RunningProgram(const std::vector<std::string>& arguments, const 
 RunningProgram::~RunningProgram()
 {
     close(output_);
-    if (process_ <= 0)
+    if (process_ <= 0) {
         return;
+    }
     kill(process_, SIGTERM);
     waitpid(process_, nullptr, 0);
 }
@@ -111,12 +120,14 @@ std::optional<std::string> RunningProgram::readLine()
         }
         InterruptionWatch::check();
         pollfd waiting{output_, POLLIN, 0};
-        if (poll(&waiting, 1, kTick) <= 0)
+        if (poll(&waiting, 1, kTick) <= 0) {
             continue;
+        }
         std::array<char, 4096> chunk{};
         const ssize_t length = read(output_, chunk.data(), chunk.size());
-        if (length <= 0 && !(length < 0 && errno == EINTR))
+        if (length <= 0 && !(length < 0 && errno == EINTR)) {
             return std::nullopt;
+        }
         unread_.append(chunk.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
     }
 }

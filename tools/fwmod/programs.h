@@ -1,6 +1,6 @@
 // The other programs of the kit, found relative to this one's own file, so that the kit can be moved.
-#ifndef FWMOD_PROGRAMS_H
-#define FWMOD_PROGRAMS_H
+#ifndef TOOLS_FWMOD_PROGRAMS_H
+#define TOOLS_FWMOD_PROGRAMS_H
 
 #include <filesystem>
 #include <optional>

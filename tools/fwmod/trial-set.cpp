@@ -1,11 +1,5 @@
 #include "tools/fwmod/trial-set.h"
 
-#include "common/visible-text.h"
-#include "tools/fwmod/commands/command.h"
-#include "tools/fwmod/files.h"
-#include "tools/fwmod/programs.h"
-#include "vset/television/users.h"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -18,6 +12,12 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "common/visible-text.h"
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/programs.h"
+#include "vset/television/users.h"
 
 namespace fwmod
 {
@@ -46,8 +46,9 @@ std::string take(char* text)
 std::vector<char*> pointersTo(std::vector<std::string>& words)
 {
     std::vector<char*> pointers;
-    for (std::string& word : words)
+    for (std::string& word : words) {
         pointers.push_back(word.data());
+    }
     pointers.push_back(nullptr);
     return pointers;
 }
@@ -75,8 +76,9 @@ std::optional<std::string> findLine(const std::vector<std::string>& lines, const
                                     std::size_t first = 0)
 {
     for (std::size_t index = first; index < lines.size(); ++index) {
-        if (lines[index].compare(0, start.size(), start) == 0)
+        if (lines[index].compare(0, start.size(), start) == 0) {
             return lines[index].substr(start.size());
+        }
     }
     return std::nullopt;
 }
@@ -84,8 +86,9 @@ std::optional<std::string> findLine(const std::vector<std::string>& lines, const
 void giveAway(const fs::path& directory, uid_t user, gid_t group)
 {
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
-        if (lchown(entry.path().c_str(), user, group) != 0)
+        if (lchown(entry.path().c_str(), user, group) != 0) {
             failOn("change the owner of " + entry.path().string());
+        }
     }
 }
 } // namespace
@@ -105,10 +108,12 @@ TrialSet::TrialSet(bool isRootless, std::FILE* story)
     try {
         requireRoomForSet(path_);
         const Output made = runProgram({vset_, "new", path_});
-        if (made.status != 0)
+        if (made.status != 0) {
             throw common::Failure("the set cannot be made: " + made.errors);
-        if (geteuid() == 0 && isRootless_) // the set will have no user but its caller
+        }
+        if (geteuid() == 0 && isRootless_) { // the set will have no user but its caller
             giveAway(path_, 0, 0);
+        }
         log_ = std::make_unique<vset::LogReader>(file(vset::kLogFile));
     } catch (...) { // no destructor runs for what was not made
         std::error_code ignored;
@@ -125,12 +130,14 @@ TrialSet::~TrialSet()
         std::fprintf(stderr, "fwmod: %s\n", error.what());
     }
     std::error_code error;
-    if (isKept_)
+    if (isKept_) {
         std::fprintf(story_, "The set stays in %s\n", path_.c_str());
-    else
+    } else {
         fs::remove_all(path_, error);
-    if (error)
+    }
+    if (error) {
         std::fprintf(stderr, "fwmod: cannot remove %s: %s\n", path_.c_str(), error.message().c_str());
+    }
 }
 
 fs::path TrialSet::file(const std::string& inside) const
@@ -147,8 +154,9 @@ void TrialSet::addHardware(const fs::path& from)
 {
     const fs::path hardware = file("/var/lib/hardware");
     copyIntoSet(from, hardware);
-    if (geteuid() == 0 && !isRootless_)
+    if (geteuid() == 0 && !isRootless_) {
         giveAway(hardware, kUpdateUser, kSystemGroup);
+    }
 }
 
 // ---- Power ----
@@ -159,28 +167,33 @@ void TrialSet::start(std::vector<std::string> arguments, std::optional<unsigned 
     launcherLines_.clear();
     forget();
     std::vector<std::string> words = {vset_, "run", path_, "--clock-rate", "1"};
-    if (isRootless_)
+    if (isRootless_) {
         words.emplace_back("-u");
-    if (cutAtWrite)
+    }
+    if (cutAtWrite) {
         words.insert(words.end(), {"--cut-power-at-write", std::to_string(*cutAtWrite)});
+    }
     words.insert(words.end(), arguments.begin(), arguments.end());
     const std::vector<char*> pointers = pointersTo(words);
 
     int output[2];
-    if (pipe2(output, O_CLOEXEC) != 0)
+    if (pipe2(output, O_CLOEXEC) != 0) {
         failOn("make a pipe");
+    }
     const pid_t self = getpid();
     launcher_ = fork();
-    if (launcher_ < 0)
+    if (launcher_ < 0) {
         failOn("start vset");
+    }
     if (launcher_ == 0) {
         setpgid(0, 0); // Ctrl-C is ours to answer
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         std::signal(SIGPIPE, SIG_DFL); // ours is not its business
         dup2(output[1], STDOUT_FILENO);
         dup2(output[1], STDERR_FILENO);
-        if (getppid() == self)
+        if (getppid() == self) {
             execv(pointers[0], pointers.data());
+        }
         _exit(127);
     }
     close(output[1]);
@@ -198,8 +211,9 @@ void TrialSet::switchOn(std::optional<unsigned int> cutAtWrite)
 
 void TrialSet::switchOff()
 {
-    if (!isOn())
+    if (!isOn()) {
         return;
+    }
     act([](const vset::ControlClient& platform) { platform.powerOff(0); });
     jumpClock(2); // it goes off a second later
     const auto limit = std::chrono::steady_clock::now() + kPatience;
@@ -220,8 +234,9 @@ int TrialSet::runAlone(const std::vector<std::string>& command, std::optional<un
         listen();
     }
     if (cutAtWrite && launcherStatus_ == kPowerCutStatus &&
-        findLine(launcherLines_, "vset: the power was cut "))
+        findLine(launcherLines_, "vset: the power was cut ")) {
         failOnEnd();
+    }
     return launcherStatus_;
 }
 
@@ -231,8 +246,9 @@ std::optional<unsigned int> TrialSet::writes() const
         unsigned int count = 0;
         const std::size_t made = line.find(" made ");
         if (made != std::string::npos &&
-            std::sscanf(line.c_str() + made, " made %u writes to hardware", &count) == 1)
+            std::sscanf(line.c_str() + made, " made %u writes to hardware", &count) == 1) {
             return count;
+        }
     }
     return std::nullopt;
 }
@@ -244,13 +260,15 @@ void TrialSet::end()
     if (launcher_ > 0) {
         kill(launcher_, SIGTERM);
         for (int tries = 0; launcher_ > 0 && isOn(); ++tries) {
-            if (tries == 250) // the kernel ends the set with it
+            if (tries == 250) { // the kernel ends the set with it
                 kill(launcher_, SIGKILL);
+            }
             listen();
         }
     }
-    if (launcherOutput_ >= 0)
+    if (launcherOutput_ >= 0) {
         close(launcherOutput_);
+    }
     launcherOutput_ = -1;
     unfinishedLine_.clear();
 }
@@ -259,12 +277,14 @@ void TrialSet::end()
 
 bool TrialSet::isOn()
 {
-    if (launcher_ <= 0)
+    if (launcher_ <= 0) {
         return false;
+    }
     int status = 0;
     const pid_t ended = waitpid(launcher_, &status, WNOHANG);
-    if (ended == 0)
+    if (ended == 0) {
         return true;
+    }
     while (readLauncher()) {
     }
     launcher_ = 0;
@@ -275,37 +295,42 @@ bool TrialSet::isOn()
 void TrialSet::failOnEnd()
 {
     const std::string cut = "the power was cut ";
-    if (const auto where = findLine(launcherLines_, "vset: " + cut))
+    if (const auto where = findLine(launcherLines_, "vset: " + cut)) {
         throw PowerWasCut(cut + *where);
+    }
     throw common::Failure("the set has ended:\n" + lastWords());
 }
 
 void TrialSet::setClockRate(double rate)
 {
     const Output changed = runProgram({vset_, "clock", path_, "--rate", std::to_string(rate)});
-    if (changed.status != 0 && isOn())
+    if (changed.status != 0 && isOn()) {
         throw common::Failure("the set's clock cannot be changed: " + changed.errors);
+    }
 }
 
 void TrialSet::jumpClock(unsigned int seconds)
 {
     const Output changed = runProgram({vset_, "clock", path_, "--jump", std::to_string(seconds)});
-    if (changed.status != 0 && isOn())
+    if (changed.status != 0 && isOn()) {
         throw common::Failure("the set's clock cannot be changed: " + changed.errors);
+    }
 }
 
 void TrialSet::act(const std::function<void(const vset::ControlClient&)>& action)
 {
     try {
-        if (!platform_)
+        if (!platform_) {
             platform_.emplace(vset::ControlClient::ofSet(path_));
+        }
         action(*platform_);
     } catch (const vset::ControlError& error) {
         platform_.reset();
         InterruptionWatch::check();
         for (int tries = 0; tries < 50; ++tries) { // whether the whole set has gone
-            if (!isOn())
+            if (!isOn()) {
                 failOnEnd();
+            }
             listen();
         }
         throw common::Failure(error.what());
@@ -327,8 +352,9 @@ Json::Value TrialSet::console(const char* method)
         const char* text = nullptr;
         g_variant_get(reply.get(), "(&s)", &text);
         const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-        if (!reader->parse(text, text + std::strlen(text), &json, nullptr))
+        if (!reader->parse(text, text + std::strlen(text), &json, nullptr)) {
             throw common::Failure(std::string("the set's console tells nonsense: ") + text);
+        }
     });
     return json;
 }
@@ -366,15 +392,17 @@ bool TrialSet::readLauncher()
 {
     char text[4096];
     const ssize_t length = read(launcherOutput_, text, sizeof text);
-    if (length <= 0)
+    if (length <= 0) {
         return false;
+    }
     unfinishedLine_.append(text, static_cast<std::size_t>(length));
     for (std::size_t end = 0; (end = unfinishedLine_.find('\n')) != std::string::npos;) {
         const std::string line = unfinishedLine_.substr(0, end);
         unfinishedLine_.erase(0, end + 1);
         launcherLines_.push_back(line);
-        if (line.compare(0, 6, "vset: ") != 0 && line.compare(0, 9, "console: ") != 0)
+        if (line.compare(0, 6, "vset: ") != 0 && line.compare(0, 9, "console: ") != 0) {
             std::fprintf(story_, "              %s\n", common::visible(line).c_str());
+        }
     }
     return true;
 }
@@ -383,14 +411,17 @@ bool TrialSet::readLauncher()
 void TrialSet::listen()
 {
     pollfd more{launcherOutput_, POLLIN, 0};
-    if (poll(&more, 1, 20) > 0 && !readLauncher())
+    if (poll(&more, 1, 20) > 0 && !readLauncher()) {
         poll(nullptr, 0, 20); // the pipe's end, for good
+    }
     while (const std::optional<vset::LogRecord> record = log_->next()) {
-        if (vset::isOfDaemon(*record))
+        if (vset::isOfDaemon(*record)) {
             records_.push_back(*record);
+        }
         const std::optional<std::string> line = teller_.tell(*record);
-        if (!line)
+        if (!line) {
             continue;
+        }
         std::fprintf(story_, "%s\n", common::visible(*line).c_str());
         std::fflush(story_);
     }
@@ -402,16 +433,20 @@ void TrialSet::waitFor(const std::string& what, std::chrono::seconds limit, cons
     while (true) {
         const bool runs = isOn();
         listen();
-        if (runs && isSo())
+        if (runs && isSo()) {
             return;
+        }
         InterruptionWatch::check();
-        if (std::ferror(story_) != 0)
+        if (std::ferror(story_) != 0) {
             throw common::Failure("the story cannot be written: its reader has gone, or the disk is full");
-        if (!runs)
+        }
+        if (!runs) {
             failOnEnd();
-        if (std::chrono::steady_clock::now() > end)
+        }
+        if (std::chrono::steady_clock::now() > end) {
             throw common::Failure("waited " + std::to_string(limit.count()) + " s in vain for " + what +
                                   "\n" + lastWords());
+        }
     }
 }
 
@@ -421,11 +456,13 @@ std::string TrialSet::lastWords() const
     constexpr std::size_t kShown = 5;
     std::string text;
     const std::size_t first = launcherLines_.size() - std::min(kShown, launcherLines_.size());
-    for (std::size_t index = first; index < launcherLines_.size(); ++index)
+    for (std::size_t index = first; index < launcherLines_.size(); ++index) {
         text += "  " + launcherLines_[index] + "\n";
+    }
     const std::size_t early = records_.size() - std::min(kShown, records_.size());
-    for (std::size_t index = early; index < records_.size(); ++index)
+    for (std::size_t index = early; index < records_.size(); ++index) {
         text += "  the daemon: " + records_[index].message + "\n";
+    }
     return text;
 }
 } // namespace fwmod

@@ -4,24 +4,23 @@
 // The set ends and its directory is removed with the object, whatever happens to this process; only a SIGKILL
 // leaves the directory. One thread, one set at a time. Errors are Failure. Every wait ends with Interrupted
 // at SIGINT, SIGTERM and SIGHUP, and with PowerWasCut when the set was switched on to lose its power.
-#ifndef FWMOD_TRIAL_SET_H
-#define FWMOD_TRIAL_SET_H
-
-#include "tools/fwmod/interruption.h"
-#include "vset/client/control-client.h"
-#include "vset/story/story-teller.h"
-
-#include <json/json.h>
+#ifndef TOOLS_FWMOD_TRIAL_SET_H
+#define TOOLS_FWMOD_TRIAL_SET_H
 
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <json/json.h>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "tools/fwmod/interruption.h"
+#include "vset/client/control-client.h"
+#include "vset/story/story-teller.h"
 
 namespace fwmod
 {

@@ -1,16 +1,15 @@
-#include "control-client.h"
+#include "vset/client/control-client.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <memory>
 #include <string_view>
-#include <system_error>
-#include <utility>
-
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <system_error>
 #include <unistd.h>
+#include <utility>
 
 #include "common/json-text.h"
 #include "vset/platformd/contract.h"
@@ -50,8 +49,9 @@ public:
     explicit Descriptor(int file) : file_(file) {}
     ~Descriptor()
     {
-        if (file_ >= 0)
+        if (file_ >= 0) {
             close(file_);
+        }
     }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
@@ -79,9 +79,10 @@ std::string textForPerson(const ErrorSlot& error, const std::string& whereabouts
 
 std::string notRunningText(const std::string& whereabouts)
 {
-    if (whereabouts == kThisSet)
+    if (whereabouts == kThisSet) {
         return "there is no system bus of a set at " + std::string(kSocket) +
                ": start this program with `vset run SET -- ...` or `vset exec SET -- ...`";
+    }
     return whereabouts + " is not running: start it with `vset run " +
            whereabouts.substr(whereabouts.find(' ') + 1) + "`";
 }
@@ -97,23 +98,27 @@ int connectSocket(const std::string& path, const std::string& whereabouts)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
+    if (path.size() >= sizeof address.sun_path) {
         failToReach(whereabouts, "the socket's path is too long");
+    }
     path.copy(address.sun_path, path.size());
     Descriptor bus(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const timeval limit = {kTimeoutMilliseconds / 1000, 0}; // of the handshake; GIO does not block later
     setsockopt(bus.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    if (connect(bus.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+    if (connect(bus.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         return bus.release();
-    if (errno == ENOENT || errno == ECONNREFUSED)
+    }
+    if (errno == ENOENT || errno == ECONNREFUSED) {
         throw ControlError(notRunningText(whereabouts));
+    }
     failToReach(whereabouts, std::generic_category().message(errno));
 }
 
 void sendAll(int bus, std::string_view text, const std::string& whereabouts)
 {
-    if (send(bus, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size()))
+    if (send(bus, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
         failToReach(whereabouts, "it does not listen");
+    }
 }
 
 std::string receiveLine(int bus, const std::string& whereabouts)
@@ -122,8 +127,9 @@ std::string receiveLine(int bus, const std::string& whereabouts)
     std::string line;
     char byte = 0;
     while (line.size() < kLongestLine && recv(bus, &byte, 1, 0) == 1) {
-        if (byte == '\n')
+        if (byte == '\n') {
             return line;
+        }
         line += byte;
     }
     failToReach(whereabouts, "it does not speak as a bus");
@@ -135,10 +141,12 @@ void authenticate(int bus, const std::string& whereabouts)
 {
     using namespace std::string_view_literals;
     sendAll(bus, "\0AUTH EXTERNAL\r\n"sv, whereabouts);
-    if (receiveLine(bus, whereabouts).rfind("DATA", 0) == 0)
+    if (receiveLine(bus, whereabouts).rfind("DATA", 0) == 0) {
         sendAll(bus, "DATA\r\n"sv, whereabouts);
-    if (receiveLine(bus, whereabouts).rfind("OK", 0) != 0)
+    }
+    if (receiveLine(bus, whereabouts).rfind("OK", 0) != 0) {
         failToReach(whereabouts, "it does not know this user");
+    }
     sendAll(bus, "BEGIN\r\n"sv, whereabouts);
 }
 
@@ -150,12 +158,14 @@ struct Unref {
 
 ControlClient ControlClient::ofSet(const std::string& set)
 {
-    if (access((set + "/root").c_str(), F_OK) != 0)
+    if (access((set + "/root").c_str(), F_OK) != 0) {
         throw ControlError("there is no set in " + set + ": make one with `vset new " + set + "`");
+    }
     // A socket's path has at most 107 bytes, a set's directory may have more: the way goes over a descriptor.
     const Descriptor directory(open((set + "/root/run/dbus").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (directory.get() < 0)
+    if (directory.get() < 0) {
         throw ControlError(notRunningText("set " + set));
+    }
     return ControlClient("/proc/self/fd/" + std::to_string(directory.get()) + "/system_bus_socket",
                          "set " + set);
 }
@@ -173,24 +183,27 @@ ControlClient::ControlClient(const std::string& socketPath, const std::string& w
     authenticate(bus.get(), whereabouts);
     ErrorSlot error;
     const std::unique_ptr<GSocket, Unref> socket(g_socket_new_from_fd(bus.get(), error.address()));
-    if (socket == nullptr)
+    if (socket == nullptr) {
         failToReach(whereabouts, error.text());
+    }
     bus.release(); // the socket's from here on
     const std::unique_ptr<GSocketConnection, Unref> stream(
         g_socket_connection_factory_create_connection(socket.get()));
     bus_.reset(g_dbus_connection_new_sync(G_IO_STREAM(stream.get()), nullptr,
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION, nullptr, nullptr,
                                           error.address()));
-    if (bus_ == nullptr)
+    if (bus_ == nullptr) {
         failToReach(whereabouts, error.text());
+    }
 }
 
 ControlClient::ControlClient(ControlClient&& other) noexcept = default;
 
 ControlClient::~ControlClient()
 {
-    if (bus_ == nullptr)
+    if (bus_ == nullptr) {
         return;
+    }
     g_dbus_connection_close_sync(bus_.get(), nullptr, nullptr);
 }
 
@@ -213,8 +226,9 @@ GlibPointer<GVariant> ControlClient::callInterface(const char* interface, const 
     GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
         bus_.get(), kPlatformName, kPlatformPath, interface, method, parameters, G_VARIANT_TYPE(replyType),
         G_DBUS_CALL_FLAGS_NO_AUTO_START, kTimeoutMilliseconds, nullptr, error.address()));
-    if (reply == nullptr)
+    if (reply == nullptr) {
         throw ControlError(textForPerson(error, whereabouts_));
+    }
     return reply;
 }
 
@@ -285,8 +299,9 @@ void ControlClient::setFault(const std::string& name, int result, int count,
         call("SetFault", g_variant_new("(ssii)", name.c_str(), argument.c_str(), result, count));
         return;
     }
-    if (!argument.empty())
+    if (!argument.empty()) {
         throw ControlError("a fault of " + name + " cannot be limited to an argument");
+    }
     // Its callers look at an error number beside the result.
     setMountFault(name, result, result == 0 ? 0 : EIO, count);
 }
@@ -299,15 +314,17 @@ void ControlClient::setMountFault(const std::string& name, int returned, int res
         bus_.get(), kMountName, kMountPath, kMountControl, "SetFault",
         g_variant_new("(siii)", method.c_str(), returned, result, count), nullptr,
         G_DBUS_CALL_FLAGS_NO_AUTO_START, kTimeoutMilliseconds, nullptr, error.address()));
-    if (reply == nullptr)
+    if (reply == nullptr) {
         throw ControlError("the mount service of " + whereabouts_ + ": " + error.text());
+    }
 }
 
 void ControlClient::setDelay(const std::string& name, unsigned int milliseconds, int count,
                              const std::string& argument) const
 {
-    if (isMountCall(name))
+    if (isMountCall(name)) {
         throw ControlError("the mount service cannot be made late, only made to fail");
+    }
     call("SetDelay", g_variant_new("(ssui)", name.c_str(), argument.c_str(), milliseconds, count));
 }
 
@@ -318,8 +335,9 @@ void ControlClient::resetFaults(const std::string& name) const
         return;
     }
     call("ResetFaults", g_variant_new("(s)", name.c_str()));
-    if (!name.empty())
+    if (!name.empty()) {
         return;
+    }
     for (const char* mountCall : {"PS_Mount", "PS_Mknod", "PS_Umount"}) {
         try {
             setMountFault(mountCall, 0, 0, 0);
@@ -366,8 +384,9 @@ public:
     // False when the time is over and nothing has changed any more.
     bool waitForChange()
     {
-        while (!isChanged_ && !isOver_)
+        while (!isChanged_ && !isOver_) {
             g_main_context_iteration(context_, TRUE);
+        }
         return std::exchange(isChanged_, false);
     }
 
@@ -408,10 +427,12 @@ Json::Value ControlClient::waitUntil(const std::function<bool(const Json::Value&
     ChangeWatch watch(bus_.get(), context_.get(), limit);
     while (true) {
         Json::Value now = snapshot(); // asked for after the subscription, so no change is missed
-        if (condition(now))
+        if (condition(now)) {
             return now;
-        if (!watch.waitForChange())
+        }
+        if (!watch.waitForChange()) {
             throw ControlError("not reached within " + std::to_string(limit.count()) + " ms");
+        }
     }
 }
 

@@ -2,14 +2,14 @@
 //
 // Every failure is a ControlError with a text for a person. A client belongs to one thread at a time; several
 // clients may be used at once. No main loop is needed.
-#pragma once
+#ifndef VSET_CLIENT_CONTROL_CLIENT_H
+#define VSET_CLIENT_CONTROL_CLIENT_H
 
 #include <chrono>
 #include <functional>
+#include <json/json.h>
 #include <stdexcept>
 #include <string>
-
-#include <json/json.h>
 
 #include "common/glib-pointers.h"
 
@@ -78,3 +78,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

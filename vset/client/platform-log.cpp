@@ -1,20 +1,19 @@
-#include "platform-log.h"
+#include "vset/client/platform-log.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
-#include <utility>
-#include <vector>
-
 #include <fcntl.h>
+#include <iterator>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
-#include "control-client.h"
+#include "vset/client/control-client.h"
 
 namespace vset
 {
@@ -49,8 +48,9 @@ int hexDigit(char c)
 
 std::string unescape(const std::string& field)
 {
-    if (field.find('\\') == std::string::npos)
+    if (field.find('\\') == std::string::npos) {
         return field; // as nearly all are
+    }
     std::string text;
     for (size_t i = 0; i < field.size(); ++i) {
         if (field[i] != '\\' || i + 1 == field.size()) {
@@ -75,8 +75,9 @@ std::vector<std::string> split(const std::string& line)
     std::vector<std::string> fields;
     fields.reserve(Fields);
     size_t start = 0;
-    for (size_t end = 0; (end = line.find('\t', start)) != std::string::npos; start = end + 1)
+    for (size_t end = 0; (end = line.find('\t', start)) != std::string::npos; start = end + 1) {
         fields.push_back(line.substr(start, end - start));
+    }
     fields.push_back(line.substr(start));
     return fields;
 }
@@ -87,13 +88,15 @@ void takePlaceFromMessage(LogRecord& record)
     const size_t colon = record.text.find(": ");
     const size_t open = colon == std::string::npos ? colon : record.text.find('(', colon);
     const size_t close = open == std::string::npos ? open : record.text.find(") > ", open);
-    if (close == std::string::npos)
+    if (close == std::string::npos) {
         return;
+    }
     const std::string line = record.text.substr(open + 1, close - open - 1);
     const bool isNumber = !line.empty() && line.size() < 8 &&
                           std::all_of(line.begin(), line.end(), [](char c) { return c >= '0' && c <= '9'; });
-    if (!isNumber)
+    if (!isNumber) {
         return;
+    }
     record.file = record.text.substr(0, colon);
     record.function = record.text.substr(colon + 2, open - colon - 2);
     record.line = std::atoi(line.c_str());
@@ -105,8 +108,9 @@ void takePlaceFromMessage(LogRecord& record)
 std::optional<LogRecord> parseLogLine(const std::string& line)
 {
     const std::vector<std::string> fields = split(line);
-    if (fields.size() != Fields || fields[Time].empty() || fields[Buffer].empty())
+    if (fields.size() != Fields || fields[Time].empty() || fields[Buffer].empty()) {
         return std::nullopt;
+    }
     LogRecord record;
     record.time = fields[Time];
     record.priority = std::atoi(fields[Priority].c_str());
@@ -142,23 +146,27 @@ std::string priorityName(int priority)
 LogReader::LogReader(const std::string& path) : path_(path)
 {
     reopen();
-    if (file_ < 0)
+    if (file_ < 0) {
         throw ControlError("cannot read the log " + path + ": " + std::strerror(errno));
+    }
 }
 
 LogReader::~LogReader()
 {
-    if (file_ >= 0)
+    if (file_ >= 0) {
         close(file_);
+    }
 }
 
 void LogReader::reopen()
 {
     const int next = open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (next < 0)
+    if (next < 0) {
         return;
-    if (file_ >= 0)
+    }
+    if (file_ >= 0) {
         close(file_);
+    }
     file_ = next;
     buffered_.clear();
     taken_ = 0;
@@ -166,10 +174,10 @@ void LogReader::reopen()
 
 void LogReader::skipTo(int64_t start)
 {
-    struct stat file {
-    };
-    if (fstat(file_, &file) == 0 && start <= file.st_size)
+    struct stat file{};
+    if (fstat(file_, &file) == 0 && start <= file.st_size) {
         lseek(file_, start, SEEK_SET);
+    }
 }
 
 std::optional<std::string> LogReader::nextLine()
@@ -184,8 +192,9 @@ std::optional<std::string> LogReader::nextLine()
         buffered_.erase(0, std::exchange(taken_, 0));
         char block[65536];
         const ssize_t size = read(file_, block, sizeof block);
-        if (size <= 0)
+        if (size <= 0) {
             return std::nullopt;
+        }
         buffered_.append(block, static_cast<size_t>(size));
     }
 }
@@ -193,20 +202,20 @@ std::optional<std::string> LogReader::nextLine()
 std::optional<LogRecord> LogReader::next()
 {
     while (const auto line = nextLine()) {
-        if (auto record = parseLogLine(*line))
+        if (auto record = parseLogLine(*line)) {
             return record;
+        }
     }
     return std::nullopt;
 }
 
 bool LogReader::isReplaced() const
 {
-    struct stat ours {
-    };
-    struct stat there {
-    };
-    if (fstat(file_, &ours) != 0 || stat(path_.c_str(), &there) != 0)
+    struct stat ours{};
+    struct stat there{};
+    if (fstat(file_, &ours) != 0 || stat(path_.c_str(), &there) != 0) {
         return false; // moved away, and nothing new yet
+    }
     const bool isCut = lseek(file_, 0, SEEK_CUR) > ours.st_size;
     return isCut || ours.st_ino != there.st_ino || ours.st_dev != there.st_dev;
 }
@@ -214,8 +223,9 @@ bool LogReader::isReplaced() const
 bool LogReader::renew()
 {
     const bool isNew = isReplaced();
-    if (isNew)
+    if (isNew) {
         reopen();
+    }
     return isNew;
 }
 

@@ -1,7 +1,8 @@
 // The set's log file, as the platform's log calls write it.
 //
 // One line for each record; platform/host/platform-log.cpp says how its fields are separated and escaped.
-#pragma once
+#ifndef VSET_CLIENT_PLATFORM_LOG_H
+#define VSET_CLIENT_PLATFORM_LOG_H
 
 #include <cstdint>
 #include <functional>
@@ -76,3 +77,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

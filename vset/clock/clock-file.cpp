@@ -5,14 +5,13 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <system_error>
-
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <system_error>
 #include <unistd.h>
 
 #include "common/errors.h"

@@ -5,7 +5,8 @@
 // One writer at a time (it holds the file's lock), any number of readers; a sequence number, odd while
 // the writer is at work, tells readers to look again. Times are nanoseconds. Readers who wait are woken by
 // the writer: those on the futex `sequence`, and those who watch the file's attributes.
-#pragma once
+#ifndef VSET_CLOCK_CLOCK_PAGE_H
+#define VSET_CLOCK_CLOCK_PAGE_H
 
 #include <atomic>
 #include <cstdint>
@@ -52,8 +53,9 @@ inline ClockState readClock(const ClockPage& page)
         state.setBase = page.setBase.load(std::memory_order_acquire);
         state.wallOffset = page.wallOffset.load(std::memory_order_acquire);
         state.rate = page.rate.load(std::memory_order_acquire);
-        if ((before & 1) == 0 && page.sequence.load(std::memory_order_relaxed) == before)
+        if ((before & 1) == 0 && page.sequence.load(std::memory_order_relaxed) == before) {
             return state;
+        }
     }
 }
 
@@ -68,3 +70,5 @@ inline void writeClock(ClockPage& page, const ClockState& state)
 }
 
 } // namespace vset
+
+#endif

@@ -9,19 +9,16 @@
 // All threads call in here at any time, also before main and from other libraries' constructors: there is no
 // lock and no allocation, and what is set up lazily is set up atomically.
 
-#include "clock/clock-page.h"
-
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <ctime>
-#include <optional>
-
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <optional>
 #include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
@@ -33,6 +30,8 @@
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
+
+#include "vset/clock/clock-page.h"
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 
@@ -53,8 +52,9 @@ constexpr int64_t kLongest = kForever / 16; // of one wait; the end of it must n
 void* findReal(const char* name)
 {
 #ifdef __x86_64__
-    if (void* found = dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2"))
+    if (void* found = dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2")) {
         return found;
+    }
 #endif
     return dlsym(RTLD_NEXT, name);
 }
@@ -105,8 +105,9 @@ REAL(syscall);
 
 int64_t fromTimespec(const timespec& time)
 {
-    if (time.tv_sec > kForever / kSecond - 1)
+    if (time.tv_sec > kForever / kSecond - 1) {
         return kForever;
+    }
     return time.tv_sec * kSecond + time.tv_nsec;
 }
 
@@ -132,16 +133,18 @@ int64_t hostNow(clockid_t clock)
 const vset::ClockPage* mapPage()
 {
     const int file = open(kPagePath, O_RDONLY | O_CLOEXEC);
-    struct stat status {
-    };
-    if (file < 0)
+    struct stat status{};
+    if (file < 0) {
         return nullptr;
+    }
     void* memory = MAP_FAILED;
-    if (fstat(file, &status) == 0 && status.st_size >= static_cast<off_t>(sizeof(vset::ClockPage)))
+    if (fstat(file, &status) == 0 && status.st_size >= static_cast<off_t>(sizeof(vset::ClockPage))) {
         memory = mmap(nullptr, sizeof(vset::ClockPage), PROT_READ, MAP_SHARED, file, 0);
+    }
     close(file);
-    if (memory == MAP_FAILED)
+    if (memory == MAP_FAILED) {
         return nullptr;
+    }
     const auto* page = static_cast<const vset::ClockPage*>(memory);
     return page->magic.load() == vset::kClockMagic ? page : nullptr;
 }
@@ -153,8 +156,9 @@ std::atomic<bool> pageSought{false};
 // when two threads come first at once, one mapping too many stays, which does no harm.
 const vset::ClockPage* clockPage()
 {
-    if (pageSought.load(std::memory_order_acquire))
+    if (pageSought.load(std::memory_order_acquire)) {
         return mappedPage.load(std::memory_order_relaxed);
+    }
     const int previousErrno = errno;
     mappedPage.store(mapPage(), std::memory_order_relaxed);
     pageSought.store(true, std::memory_order_release);
@@ -245,8 +249,9 @@ int waitInSlices(const Deadline& deadline, Wait wait)
         const bool last = deadline.remaining() == 0;
         const timespec end = deadline.sliceEnd();
         const int result = wait(end);
-        if (result != ETIMEDOUT || last)
+        if (result != ETIMEDOUT || last) {
             return result;
+        }
     }
 }
 
@@ -258,8 +263,9 @@ int waitForEvents(const Deadline& deadline, Wait wait)
         const bool last = deadline.remaining() == 0;
         const timespec slice = toTimespec(deadline.slice());
         const int result = wait(slice);
-        if (result != 0 || last)
+        if (result != 0 || last) {
             return result;
+        }
     }
 }
 
@@ -273,20 +279,24 @@ int sleepUntil(const Deadline& deadline)
 {
     while (true) {
         const uint32_t sequence = deadline.page().sequence.load();
-        if (deadline.remaining() == 0)
+        if (deadline.remaining() == 0) {
             return 0;
+        }
         const timespec end = deadline.realEnd();
         const long result = real_syscall(SYS_futex, changeWord(deadline.page()), FUTEX_WAIT_BITSET,
                                          static_cast<long>(sequence), &end, nullptr,
                                          static_cast<long>(FUTEX_BITSET_MATCH_ANY));
-        if (result == 0 || errno == ETIMEDOUT || errno == EAGAIN)
+        if (result == 0 || errno == ETIMEDOUT || errno == EAGAIN) {
             continue;
-        if (errno == EINTR)
+        }
+        if (errno == EINTR) {
             return EINTR;
+        }
         const timespec slice = deadline.sliceEnd(); // a kernel that refuses to wait on the page
         if (const int error = real_clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &slice, nullptr);
-            error != 0)
+            error != 0) {
             return error;
+        }
     }
 }
 
@@ -294,8 +304,9 @@ int sleepFor(const vset::ClockPage& page, int64_t duration, timespec* remain)
 {
     const Deadline deadline = Deadline::after(page, duration);
     const int error = sleepUntil(deadline);
-    if (error != 0 && remain != nullptr)
+    if (error != 0 && remain != nullptr) {
         *remain = toTimespec(deadline.remaining());
+    }
     return error;
 }
 
@@ -313,8 +324,9 @@ EXPORTED int clock_gettime(clockid_t clock, timespec* time)
 {
     const vset::ClockPage* page = clockPage();
     const Kind kind = kindOf(clock);
-    if (page == nullptr || kind == Kind::kOther)
+    if (page == nullptr || kind == Kind::kOther) {
         return real_clock_gettime(clock, time);
+    }
     *time = toTimespec(setNow(*page, kind));
     return 0;
 }
@@ -331,8 +343,9 @@ EXPORTED time_t time(time_t* result)
 {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    if (result != nullptr)
+    if (result != nullptr) {
         *result = now.tv_sec;
+    }
     return now.tv_sec;
 }
 
@@ -347,10 +360,12 @@ EXPORTED int clock_nanosleep(clockid_t clock, int flags, const timespec* request
 {
     const vset::ClockPage* page = clockPage();
     const Kind kind = kindOf(clock);
-    if (page == nullptr || kind == Kind::kOther || !isValid(*request))
+    if (page == nullptr || kind == Kind::kOther || !isValid(*request)) {
         return real_clock_nanosleep(clock, flags, request, remain);
-    if ((flags & TIMER_ABSTIME) != 0)
+    }
+    if ((flags & TIMER_ABSTIME) != 0) {
         return sleepUntil({*page, kind, fromTimespec(*request)});
+    }
     return sleepFor(*page, fromTimespec(*request), remain);
 }
 
@@ -369,8 +384,9 @@ EXPORTED int usleep(useconds_t duration)
 EXPORTED unsigned int sleep(unsigned int seconds)
 {
     timespec remain{static_cast<time_t>(seconds), 0};
-    if (nanosleep(&remain, &remain) == 0)
+    if (nanosleep(&remain, &remain) == 0) {
         return 0;
+    }
     return static_cast<unsigned int>(remain.tv_sec + (remain.tv_nsec >= kSecond / 2 ? 1 : 0));
 }
 
@@ -410,10 +426,12 @@ private:
     {
         const auto kept = reinterpret_cast<uintptr_t>(pthread_getspecific(key_));
         const auto process = static_cast<uintptr_t>(getpid());
-        if (kept != 0 && kept >> kNumberBits == process && isInotify(numberOf(kept)))
+        if (kept != 0 && kept >> kNumberBits == process && isInotify(numberOf(kept))) {
             return numberOf(kept);
-        if (kept != 0)
+        }
+        if (kept != 0) {
             closeKept(reinterpret_cast<void*>(kept));
+        }
         const int made = make();
         const uintptr_t value = made < 0 ? 0 : process << kNumberBits | static_cast<uintptr_t>(made + 1);
         pthread_setspecific(key_, reinterpret_cast<void*>(value));
@@ -423,8 +441,9 @@ private:
     static int make()
     {
         const int descriptor = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        if (descriptor < 0 || inotify_add_watch(descriptor, kPagePath, IN_ATTRIB) >= 0)
+        if (descriptor < 0 || inotify_add_watch(descriptor, kPagePath, IN_ATTRIB) >= 0) {
             return descriptor;
+        }
         close(descriptor);
         return -1;
     }
@@ -445,8 +464,9 @@ private:
     static void closeKept(void* kept)
     {
         const int descriptor = numberOf(reinterpret_cast<uintptr_t>(kept));
-        if (isInotify(descriptor))
+        if (isInotify(descriptor)) {
             close(descriptor);
+        }
     }
 
     static inline pthread_once_t once_ = PTHREAD_ONCE_INIT;
@@ -457,22 +477,26 @@ private:
 int pollUntil(const Deadline& deadline, pollfd* descriptors, nfds_t count, int change, const sigset_t* mask)
 {
     pollfd all[kMostDescriptors + 1];
-    for (nfds_t index = 0; index < count; ++index)
+    for (nfds_t index = 0; index < count; ++index) {
         all[index] = descriptors[index];
+    }
     all[count] = {change, POLLIN, 0};
     while (true) {
         const timespec wait = toTimespec(deadline.real(kLongest));
         int result = real_ppoll(all, count + 1, &wait, mask);
-        if (result < 0)
+        if (result < 0) {
             return result;
+        }
         if (all[count].revents != 0) {
             --result;
             ChangeDescriptor::drain(change);
         }
-        if (result == 0 && deadline.remaining() > 0)
+        if (result == 0 && deadline.remaining() > 0) {
             continue;
-        for (nfds_t index = 0; index < count; ++index)
+        }
+        for (nfds_t index = 0; index < count; ++index) {
             descriptors[index].revents = all[index].revents;
+        }
         return result;
     }
 }
@@ -482,13 +506,15 @@ int pollUntil(const Deadline& deadline, pollfd* descriptors, nfds_t count, int c
 EXPORTED int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout, const sigset_t* mask)
 {
     const vset::ClockPage* page = clockPage();
-    if (page == nullptr || timeout == nullptr || !isValid(*timeout))
+    if (page == nullptr || timeout == nullptr || !isValid(*timeout)) {
         return real_ppoll(descriptors, count, timeout, mask);
+    }
     const Deadline deadline = Deadline::after(*page, fromTimespec(*timeout));
     const bool isLong = deadline.slice() == kSlice;
     const int change = isLong && count <= kMostDescriptors ? ChangeDescriptor::get() : -1;
-    if (change >= 0)
+    if (change >= 0) {
         return pollUntil(deadline, descriptors, count, change, mask);
+    }
     return waitForEvents(deadline,
                          [&](const timespec& slice) { return real_ppoll(descriptors, count, &slice, mask); });
 }
@@ -502,16 +528,18 @@ EXPORTED int poll(pollfd* descriptors, nfds_t count, int timeoutMs)
 // What _FORTIFY_SOURCE makes of the two.
 EXPORTED int __poll_chk(pollfd* descriptors, nfds_t count, int timeoutMs, size_t size)
 {
-    if (size / sizeof(pollfd) < count)
+    if (size / sizeof(pollfd) < count) {
         __builtin_trap();
+    }
     return poll(descriptors, count, timeoutMs);
 }
 
 EXPORTED int __ppoll_chk(pollfd* descriptors, nfds_t count, const timespec* timeout, const sigset_t* mask,
                          size_t size)
 {
-    if (size / sizeof(pollfd) < count)
+    if (size / sizeof(pollfd) < count) {
         __builtin_trap();
+    }
     return ppoll(descriptors, count, timeout, mask);
 }
 
@@ -519,24 +547,28 @@ EXPORTED int pselect(int count, fd_set* reading, fd_set* writing, fd_set* failin
                      const sigset_t* mask)
 {
     const vset::ClockPage* page = clockPage();
-    if (page == nullptr || timeout == nullptr || !isValid(*timeout))
+    if (page == nullptr || timeout == nullptr || !isValid(*timeout)) {
         return real_pselect(count, reading, writing, failing, timeout, mask);
+    }
     // The sets come back empty from a slice in which nothing happened, so every slice starts with copies.
     // They are arrays of `count` bits, which may be longer or shorter than an fd_set.
-    if (count < 0 || count > FD_SETSIZE)
+    if (count < 0 || count > FD_SETSIZE) {
         return real_pselect(count, reading, writing, failing, timeout, mask);
+    }
     fd_set* const sets[] = {reading, writing, failing};
     const size_t bytes =
         (static_cast<size_t>(count) + 8 * sizeof(long) - 1) / (8 * sizeof(long)) * sizeof(long);
     fd_set wanted[3];
     for (int index = 0; index < 3; ++index) {
-        if (sets[index] != nullptr)
+        if (sets[index] != nullptr) {
             __builtin_memcpy(&wanted[index], sets[index], bytes);
+        }
     }
     return waitForEvents(Deadline::after(*page, fromTimespec(*timeout)), [&](const timespec& slice) {
         for (int index = 0; index < 3; ++index) {
-            if (sets[index] != nullptr)
+            if (sets[index] != nullptr) {
                 __builtin_memcpy(sets[index], &wanted[index], bytes);
+            }
         }
         return real_pselect(count, reading, writing, failing, &slice, mask);
     });
@@ -544,10 +576,12 @@ EXPORTED int pselect(int count, fd_set* reading, fd_set* writing, fd_set* failin
 
 EXPORTED int select(int count, fd_set* reading, fd_set* writing, fd_set* failing, timeval* timeout)
 {
-    if (timeout == nullptr)
+    if (timeout == nullptr) {
         return pselect(count, reading, writing, failing, nullptr, nullptr);
-    if (timeout->tv_sec < 0 || timeout->tv_usec < 0)
+    }
+    if (timeout->tv_sec < 0 || timeout->tv_usec < 0) {
         return failWith(EINVAL);
+    }
     const timespec duration{timeout->tv_sec + timeout->tv_usec / 1000000, timeout->tv_usec % 1000000 * 1000};
     timespec start{};
     clock_gettime(CLOCK_MONOTONIC, &start);
@@ -563,8 +597,9 @@ EXPORTED int select(int count, fd_set* reading, fd_set* writing, fd_set* failing
 EXPORTED int epoll_pwait(int epoll, epoll_event* events, int size, int timeoutMs, const sigset_t* mask)
 {
     const vset::ClockPage* page = clockPage();
-    if (page == nullptr || timeoutMs <= 0)
+    if (page == nullptr || timeoutMs <= 0) {
         return real_epoll_pwait(epoll, events, size, timeoutMs, mask);
+    }
     return waitForEvents(Deadline::after(*page, timeoutMs * kMillisecond), [&](const timespec& slice) {
         // Rounded up, as the call has only milliseconds: otherwise the last one would be spent polling.
         const int64_t milliseconds = (fromTimespec(slice) + kMillisecond - 1) / kMillisecond;
@@ -630,8 +665,9 @@ EXPORTED int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* 
                                     const timespec* time)
 {
     const vset::ClockPage* page = clockPage();
-    if (page == nullptr || kindOf(clock) == Kind::kOther || !isValid(*time))
+    if (page == nullptr || kindOf(clock) == Kind::kOther || !isValid(*time)) {
         return real_pthread_cond_clockwait(condition, mutex, clock, time);
+    }
     return waitOnCondition(condition, mutex, {*page, kindOf(clock), fromTimespec(*time)});
 }
 
@@ -651,8 +687,9 @@ template <typename Lock, typename Object>
 int lockInSlices(Lock& lock, Object* object, clockid_t clock, const timespec* time)
 {
     const vset::ClockPage* page = clockPage();
-    if (page == nullptr || kindOf(clock) == Kind::kOther || !isValid(*time))
+    if (page == nullptr || kindOf(clock) == Kind::kOther || !isValid(*time)) {
         return lock(object, clock, time);
+    }
     const Deadline deadline(*page, kindOf(clock), fromTimespec(*time));
     return waitInSlices(deadline, [&](const timespec& end) { return lock(object, CLOCK_MONOTONIC, &end); });
 }
@@ -724,16 +761,19 @@ std::optional<int> waitForBothWords(const long* arguments, const Deadline& deadl
         const long woken =
             real_syscall(SYS_futex_waitv, waiters, 2L, 0L, &end, static_cast<long>(CLOCK_MONOTONIC));
         if (woken >= 0) {
-            if (woken == 0 || word->load() != expected)
+            if (woken == 0 || word->load() != expected) {
                 return 0;
+            }
             continue;
         }
         const int error = errno;
-        if (error == ENOSYS || error == EPERM)
+        if (error == ENOSYS || error == EPERM) {
             return std::nullopt;
+        }
         const bool isOver = error != ETIMEDOUT || last;
-        if (isOver && (error != EAGAIN || deadline.page().sequence.load() == sequence))
+        if (isOver && (error != EAGAIN || deadline.page().sequence.load() == sequence)) {
             return error;
+        }
     }
 }
 
@@ -744,8 +784,9 @@ long futexWait(const long* arguments, const Deadline& deadline)
     const bool isForAll =
         command == FUTEX_WAIT || static_cast<uint32_t>(arguments[5]) == FUTEX_BITSET_MATCH_ANY;
     if (isForAll && deadline.slice() == kSlice) {
-        if (const std::optional<int> error = waitForBothWords(arguments, deadline))
+        if (const std::optional<int> error = waitForBothWords(arguments, deadline)) {
             return *error == 0 ? 0 : failWith(*error);
+        }
     }
     const int error = waitInSlices(deadline, [&](const timespec& end) {
         const long match = command == FUTEX_WAIT ? static_cast<long>(FUTEX_BITSET_MATCH_ANY) : arguments[5];
@@ -771,16 +812,19 @@ EXPORTED long syscall(long number, ...)
     long arguments[6]; // what a system call does not take is read from registers or stack and ignored
     va_list list;
     va_start(list, number);
-    for (long& argument : arguments)
+    for (long& argument : arguments) {
         argument = va_arg(list, long);
+    }
     va_end(list);
     const vset::ClockPage* page = isTimedFutexWait(number, arguments) ? clockPage() : nullptr;
     const auto* time = page != nullptr ? reinterpret_cast<const timespec*>(arguments[3]) : nullptr;
-    if (time == nullptr || !isValid(*time))
+    if (time == nullptr || !isValid(*time)) {
         return real_syscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
                             arguments[5]);
-    if ((arguments[1] & FUTEX_CMD_MASK) == FUTEX_WAIT)
+    }
+    if ((arguments[1] & FUTEX_CMD_MASK) == FUTEX_WAIT) {
         return futexWait(arguments, Deadline::after(*page, fromTimespec(*time)));
+    }
     const Kind kind = (arguments[1] & FUTEX_CLOCK_REALTIME) != 0 ? Kind::kWall : Kind::kMonotonic;
     return futexWait(arguments, {*page, kind, fromTimespec(*time)});
 }

@@ -7,15 +7,14 @@
 #include <functional>
 #include <memory>
 #include <optional>
-
 #include <unistd.h>
 
 #include "common/json-text.h"
 #include "common/visible-text.h"
-#include "launcher/set-directory.h"
-#include "platform-log.h"
-#include "story/story-teller.h"
+#include "vset/client/platform-log.h"
 #include "vset/commands/commands.h"
+#include "vset/launcher/set-directory.h"
+#include "vset/story/story-teller.h"
 #include "vset/television/set-life.h"
 #include "vset/television/set-watch.h"
 
@@ -55,16 +54,18 @@ bool isWanted(const LogRecord& record, const LogOptions& options, int lowest)
 
 std::string placeOf(const LogRecord& record)
 {
-    if (record.file.empty())
+    if (record.file.empty()) {
         return record.tag.empty() ? "-" : record.tag;
+    }
     const std::string name = record.file.substr(record.file.find_last_of('/') + 1);
     return name + ":" + std::to_string(record.line) + " " + record.function;
 }
 
 const char* colourOf(int priority)
 {
-    if (priority >= 6)
+    if (priority >= 6) {
         return "\033[31m";
+    }
     return priority == 5 ? "\033[33m" : priority <= 3 ? "\033[2m" : "";
 }
 
@@ -111,20 +112,23 @@ void runLog(const LogOptions& options)
     const bool isColoured = isatty(STDOUT_FILENO) != 0 && (noColour == nullptr || *noColour == '\0');
     LogReader reader(options.set + "/root" + kLogFile);
     const auto print = [&](const LogRecord& record) {
-        if (!isWanted(record, options, lowest))
+        if (!isWanted(record, options, lowest)) {
             return true;
-        if (options.isJson)
+        }
+        if (options.isJson) {
             printRecordAsJson(record);
-        else
+        } else {
             printRecord(record, isColoured);
+        }
         return true;
     };
     if (options.isFollowing) {
         reader.follow(print);
         return;
     }
-    while (const auto record = reader.next())
+    while (const auto record = reader.next()) {
         print(*record);
+    }
 }
 
 } // namespace

@@ -6,10 +6,10 @@
 #include <optional>
 
 #include "common/visible-text.h"
-#include "control-client.h"
-#include "launcher/crash-order.h"
+#include "vset/client/control-client.h"
 #include "vset/commands/commands.h"
 #include "vset/commands/show.h"
+#include "vset/launcher/crash-order.h"
 
 namespace vset
 {

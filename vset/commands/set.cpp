@@ -2,11 +2,11 @@
 #include <cstdio>
 #include <memory>
 
-#include "launcher/exec.h"
-#include "launcher/leader.h"
-#include "launcher/set-clock.h"
-#include "launcher/set-directory.h"
 #include "vset/commands/commands.h"
+#include "vset/launcher/exec.h"
+#include "vset/launcher/leader.h"
+#include "vset/launcher/set-clock.h"
+#include "vset/launcher/set-directory.h"
 
 namespace vset
 {

@@ -9,7 +9,7 @@
 #include "common/json-text.h"
 #include "common/table.h"
 #include "common/visible-text.h"
-#include "control-client.h"
+#include "vset/client/control-client.h"
 #include "vset/commands/commands.h"
 
 namespace vset
@@ -26,8 +26,9 @@ using common::visible;
 // Milliseconds since 1970 as UTC of the set.
 std::string timeText(const Json::Value& milliseconds)
 {
-    if (!milliseconds.isInt64() || milliseconds.asInt64() == 0)
+    if (!milliseconds.isInt64() || milliseconds.asInt64() == 0) {
         return "-";
+    }
     const time_t seconds = static_cast<time_t>(milliseconds.asInt64() / 1000);
     tm parts{};
     gmtime_r(&seconds, &parts);
@@ -48,8 +49,9 @@ std::string secondsText(const Json::Value& milliseconds)
 std::string clientText(const Json::Value& client)
 {
     const std::string command = client["command"].asString();
-    if (client["pid"].asInt() == 0)
+    if (client["pid"].asInt() == 0) {
         return command;
+    }
     return (command.empty() ? client["name"].asString() : command) + "[" + client["pid"].asString() + "]";
 }
 
@@ -62,8 +64,9 @@ void showPower(const Json::Value& power)
     const std::string name = power["name"].asString();
     printf("  state %s%s since %s UTC of the set\n", power["state"].asString().c_str(),
            name.empty() ? "" : (" (" + name + ")").c_str(), timeText(power["since_ms"]).c_str());
-    if (!power["pending_end"].asString().empty())
+    if (!power["pending_end"].asString().empty()) {
         printf("  a %s waits for its time and for all locks\n", power["pending_end"].asCString());
+    }
 }
 
 namespace
@@ -72,31 +75,36 @@ namespace
 void showLocks(const Json::Value& locks)
 {
     Table table({"KIND", "OWNER", "FROM", "FOR", "UNTIL", "END"});
-    for (const Json::Value& lock : locks["history"])
+    for (const Json::Value& lock : locks["history"]) {
         table.add({lock["kind"].asString(), clientText(lock["owner"]), timeText(lock["start_ms"]),
                    secondsText(lock["duration_ms"]), timeText(lock["end_ms"]), lock["end"].asString()});
-    for (const Json::Value& lock : locks["held"])
+    }
+    for (const Json::Value& lock : locks["held"]) {
         table.add({lock["kind"].asString(), clientText(lock["owner"]), timeText(lock["start_ms"]),
                    secondsText(lock["duration_ms"]), "", "HELD, " + secondsText(lock["left_ms"]) + " left"});
+    }
     table.print("no power lock was taken since the boot");
 }
 
 void showFlags(const Json::Value& flags)
 {
     Table table({"FLAG", "STEP", "TIME", "CLIENT", "NOW"});
-    for (const Json::Value& step : flags["history"])
+    for (const Json::Value& step : flags["history"]) {
         table.add({step["flag"].asString(), step["step"].asString(), timeText(step["time_ms"]),
                    clientText(step["client"]),
                    flags["raised"].isMember(step["flag"].asString()) ? "raised" : "down"});
+    }
     table.print("no flag was raised since the boot");
 }
 
 std::string launchState(const Json::Value& launch)
 {
-    if (!launch["reply"].isNull())
+    if (!launch["reply"].isNull()) {
         return "replied " + launch["reply"].asString();
-    if (launch["sent"].asBool())
+    }
+    if (launch["sent"].asBool()) {
         return "sent";
+    }
     return launch["destroyed"].asBool() ? "never sent" : "being made";
 }
 
@@ -105,8 +113,9 @@ void showLaunches(const Json::Value& launches)
     Table table({"ID", "APPLICATION", "TIME", "CLIENT", "STATE", "EXTRAS"});
     for (const Json::Value& launch : launches) {
         std::string extras;
-        for (const Json::Value& extra : launch["extras"])
+        for (const Json::Value& extra : launch["extras"]) {
             extras += (extras.empty() ? "" : " ") + extra["key"].asString() + "=" + extra["value"].asString();
+        }
         table.add({launch["id"].asString(), launch["application"].asString(), timeText(launch["time_ms"]),
                    clientText(launch["owner"]), launchState(launch), extras});
     }
@@ -129,16 +138,19 @@ void showReboots(const Json::Value& endings)
 void showWatchdog(const Json::Value& watchdog)
 {
     Table services({"SERVICE", "PERIOD", "REGISTERED", "LAST BEAT", "BEATS"});
-    for (const Json::Value& entry : watchdog["registered"])
+    for (const Json::Value& entry : watchdog["registered"]) {
         services.add({clientText(entry["service"]), entry["period_s"].asString() + " s",
                       timeText(entry["registered_ms"]), timeText(entry["last_beat_ms"]),
                       entry["beats"].asString()});
+    }
     services.print("no service is registered");
-    if (watchdog["history"].empty())
+    if (watchdog["history"].empty()) {
         return;
+    }
     Table steps({"TIME", "STEP", "SERVICE"});
-    for (const Json::Value& step : watchdog["history"])
+    for (const Json::Value& step : watchdog["history"]) {
         steps.add({timeText(step["time_ms"]), step["step"].asString(), clientText(step["service"])});
+    }
     printf("\n");
     steps.print("");
 }
@@ -151,9 +163,10 @@ void showPackages(const Json::Value& packages)
            secondsText(packages["delay_ms"]).c_str(),
            packages["manager_ready"].asBool() ? "ready" : "not ready");
     Table table({"PACKAGE", "REQUESTED", "CLIENT", "STATE", "END"});
-    for (const Json::Value& request : packages["requests"])
+    for (const Json::Value& request : packages["requests"]) {
         table.add({request["package"].asString(), timeText(request["time_ms"]), clientText(request["client"]),
                    request["state"].asString(), timeText(request["end_ms"])});
+    }
     table.print("no package was requested since the boot");
 }
 
@@ -163,9 +176,10 @@ namespace
 void showSettings(const Json::Value& settings)
 {
     Table table({"KEY", "VALUE", "WRITTEN", "BY"});
-    for (const std::string& key : settings.getMemberNames())
+    for (const std::string& key : settings.getMemberNames()) {
         table.add({key, settings[key]["value"].asString(), timeText(settings[key]["time_ms"]),
                    settings[key]["writer"].asString()});
+    }
     table.print("no settings key is there");
 }
 
@@ -174,8 +188,9 @@ void showSettings(const Json::Value& settings)
 void showProperties(const Json::Value& properties)
 {
     Table table({"KEY", "VALUE"});
-    for (const std::string& key : properties.getMemberNames())
+    for (const std::string& key : properties.getMemberNames()) {
         table.add({key, properties[key].asString()});
+    }
     table.print("there is no system information");
 }
 
@@ -185,17 +200,19 @@ namespace
 void showMounts(const Json::Value& mounts)
 {
     Table table({"DEVICE", "DIRECTORY", "TYPE", "OPTIONS"});
-    for (const Json::Value& mount : mounts)
+    for (const Json::Value& mount : mounts) {
         table.add({mount["device"].asString(), mount["directory"].asString(), mount["type"].asString(),
                    mount["options"].asString()});
+    }
     table.print("no image is mounted");
 }
 
 void showSubscribers(const Json::Value& subscribers)
 {
     Table table({"CLIENT", "EVENT", "OF"});
-    for (const Json::Value& entry : subscribers)
+    for (const Json::Value& entry : subscribers) {
         table.add({clientText(entry["client"]), entry["event"].asString(), entry["argument"].asString()});
+    }
     table.print("nobody listens to an event");
 }
 
@@ -204,12 +221,13 @@ void showSubscribers(const Json::Value& subscribers)
 void showFaults(const Json::Value& faults)
 {
     Table table({"CALL", "FOR", "ORDER", "LEFT", "HITS"});
-    for (const Json::Value& fault : faults)
+    for (const Json::Value& fault : faults) {
         table.add({fault["call"].asString(), fault["argument"].asString(),
                    fault.isMember("result") ? "result " + fault["result"].asString()
                                             : secondsText(fault["delay_ms"]) + " late",
                    fault["left"].asInt() < 0 ? "until reset" : fault["left"].asString(),
                    fault["hits"].asString()});
+    }
     table.print("no fault is ordered");
 }
 
@@ -239,21 +257,25 @@ constexpr Section kSections[] = {
 std::vector<std::string> sectionNames()
 {
     std::vector<std::string> names = {"all"};
-    for (const Section& section : kSections)
+    for (const Section& section : kSections) {
         names.emplace_back(section.name);
+    }
     return names;
 }
 
 void show(const Json::Value& snapshot, const std::string& wanted)
 {
     for (const Section& section : kSections) {
-        if (wanted != "all" && wanted != section.name)
+        if (wanted != "all" && wanted != section.name) {
             continue;
-        if (wanted == "all")
+        }
+        if (wanted == "all") {
             printf("%s\n", section.name);
+        }
         section.show(snapshot[section.name]);
-        if (wanted == "all")
+        if (wanted == "all") {
             printf("\n");
+        }
     }
 }
 

@@ -4,7 +4,7 @@
 
 #include "common/json-text.h"
 #include "common/visible-text.h"
-#include "control-client.h"
+#include "vset/client/control-client.h"
 #include "vset/commands/commands.h"
 #include "vset/television/set-contents.h"
 

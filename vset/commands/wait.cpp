@@ -2,8 +2,8 @@
 #include <memory>
 #include <optional>
 
-#include "launcher/set-directory.h"
 #include "vset/commands/commands.h"
+#include "vset/launcher/set-directory.h"
 #include "vset/television/set-watch.h"
 
 namespace vset

@@ -1,22 +1,21 @@
-#include "console.h"
+#include "vset/console/console.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
-#include <utility>
-
-#include <fcntl.h>
 #include <unistd.h>
+#include <utility>
 
 #include "common/json-text.h"
 #include "console-interface.h"
-#include "real-time.h"
-#include "service-time.h"
+#include "vset/console/real-time.h"
 #include "vset/platformd/contract.h"
+#include "vset/platformd/service-time.h"
 
 namespace vset
 {
@@ -69,16 +68,18 @@ Json::Value toJson(const LogRecord& record, uint64_t number)
 std::optional<std::string> touch(const char* path)
 {
     const int file = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
-    if (file < 0)
+    if (file < 0) {
         return std::string(path) + ": " + std::generic_category().message(errno);
+    }
     close(file);
     return std::nullopt;
 }
 
 std::optional<std::string> removeFile(const char* path)
 {
-    if (unlink(path) != 0 && errno != ENOENT)
+    if (unlink(path) != 0 && errno != ENOENT) {
         return std::string(path) + ": " + std::generic_category().message(errno);
+    }
     return std::nullopt;
 }
 
@@ -100,11 +101,13 @@ Console::Console(GDBusConnection* bus, SetModel& set)
 {
     port_ = web_.port();
     saveOptions(Keeping::kUntilPowerOff); // a boot waits for no disk
-    if (isFactory_)
+    if (isFactory_) {
         touch(kFactoryMarker); // before the daemon starts, which looks only then
+    }
     set_.changed.connect([this](const std::vector<std::string>& sections) {
-        for (const std::string& section : sections)
+        for (const std::string& section : sections) {
             mark(section);
+        }
     });
     set_.launches.sent.connect([this](const Launch& request) { onLaunch(request); });
     set_.clients.gone.connect([this](const std::string& name) { screen_.drop(name); });
@@ -112,8 +115,9 @@ Console::Console(GDBusConnection* bus, SetModel& set)
     modules_.changed.connect([this] { mark("modules"); });
     daemon_.changed.connect([this] { mark("daemon"); });
     daemon_.ended.connect([this](int process, int64_t time) {
-        if (way_.endRun(process, time))
+        if (way_.endRun(process, time)) {
             mark("way");
+        }
     });
     log_.record.connect([this](const LogRecord& record) { takeLog(record); });
     log_.start();
@@ -130,8 +134,9 @@ void Console::loadOptions()
     const Json::Value kept = loadJson(kOptionsFile);
     const UiBehaviour behaviour{kept["ui"].isString() ? kept["ui"].asString() : "interactive",
                                 kept["ui_after_ms"].isUInt() ? kept["ui_after_ms"].asUInt() : 0};
-    if (!faultOf(behaviour))
+    if (!faultOf(behaviour)) {
         behaviour_ = behaviour;
+    }
     isFactory_ = kept["factory"].isBool() && kept["factory"].asBool();
     const unsigned int port = kept["port"].isUInt() ? kept["port"].asUInt() : 0;
     port_ = port <= 65535 ? port : 0; // the same after a reboot, so that an open page finds the set again
@@ -161,8 +166,9 @@ void Console::publishUrl() const
     file.close();
     std::error_code error;
     fs::rename(unfinished, kConsoleUrlPath, error);
-    if (!file || error)
+    if (!file || error) {
         fprintf(stderr, "platformd: cannot write %s\n", kConsoleUrlPath);
+    }
 }
 
 // ---- Sections ----
@@ -198,8 +204,9 @@ Json::Value Console::feedSection()
     std::vector<fs::directory_entry> entries;
     std::error_code error;
     for (fs::directory_iterator entry(kFeed, error); !error && entry != fs::directory_iterator();
-         entry.increment(error))
+         entry.increment(error)) {
         entries.push_back(*entry);
+    }
     std::sort(entries.begin(), entries.end());
     for (const fs::directory_entry& entry : entries) {
         Json::Value file;
@@ -212,32 +219,42 @@ Json::Value Console::feedSection()
 
 Json::Value Console::sectionOf(const std::string& name) const
 {
-    if (name == "set")
+    if (name == "set") {
         return setSection();
-    if (name == "daemon")
+    }
+    if (name == "daemon") {
         return daemon_.snapshot();
-    if (name == "way")
+    }
+    if (name == "way") {
         return way_.toJson();
-    if (name == "modules")
+    }
+    if (name == "modules") {
         return modules_.snapshot();
-    if (name == "screen")
+    }
+    if (name == "screen") {
         return screen_.snapshot();
-    if (name == "switches")
+    }
+    if (name == "switches") {
         return switchesSection();
-    if (name == "usb")
+    }
+    if (name == "usb") {
         return usb_.snapshot();
-    if (name == "feed")
+    }
+    if (name == "feed") {
         return feedSection();
+    }
     return set_.snapshotOf(name);
 }
 
 Json::Value Console::sections() const
 {
     Json::Value json;
-    for (const char* name : kModelSections)
+    for (const char* name : kModelSections) {
         json[name] = sectionOf(name);
-    for (const char* name : kOwnSections)
+    }
+    for (const char* name : kOwnSections) {
         json[name] = sectionOf(name);
+    }
     return json;
 }
 
@@ -248,8 +265,9 @@ Json::Value Console::greeting() const
     message["sections"] = sections();
     message["records"] = Json::arrayValue;
     const auto& latest = log_.latest();
-    for (size_t at = latest.size() - std::min(latest.size(), kRecordsAtGreeting); at < latest.size(); ++at)
+    for (size_t at = latest.size() - std::min(latest.size(), kRecordsAtGreeting); at < latest.size(); ++at) {
         message["records"].append(toJson(latest[at], log_.count() - latest.size() + at + 1));
+    }
     return message;
 }
 
@@ -257,24 +275,29 @@ void Console::mark(const std::string& section)
 {
     const auto isKnown = [&](const char* name) { return section == name; };
     if (std::none_of(std::begin(kModelSections), std::end(kModelSections), isKnown) &&
-        std::none_of(std::begin(kOwnSections), std::end(kOwnSections), isKnown))
+        std::none_of(std::begin(kOwnSections), std::end(kOwnSections), isKnown)) {
         return;
+    }
     news_.insert(section);
-    if (section == "settings")
+    if (section == "settings") {
         news_.insert("switches");
-    if (!pushTimer_.isRunning())
+    }
+    if (!pushTimer_.isRunning()) {
         pushTimer_.start(kPushInterval, [this] { push(); });
+    }
 }
 
 void Console::push()
 {
     Json::Value message;
     message["type"] = "news";
-    for (const std::string& section : std::exchange(news_, {}))
+    for (const std::string& section : std::exchange(news_, {})) {
         told_[section] = message["sections"][section] = sectionOf(section);
+    }
     message["records"] = std::exchange(newRecords_, Json::arrayValue);
-    if (web_.hasPages())
+    if (web_.hasPages()) {
         web_.tell(message);
+    }
 }
 
 // What has no event of its own.
@@ -284,11 +307,13 @@ void Console::watch()
     // One that lives for milliseconds, because nothing is pending, is never seen running.
     const std::optional<int> process = way_.running();
     if (process && access(("/proc/" + std::to_string(*process)).c_str(), F_OK) != 0 &&
-        way_.endRun(*process, 0))
+        way_.endRun(*process, 0)) {
         mark("way");
+    }
     for (const char* section : {"usb", "feed", "switches"}) {
-        if (sectionOf(section) != told_[section])
+        if (sectionOf(section) != told_[section]) {
             mark(section);
+        }
     }
     watchTimer_.start(kWatchInterval, [this] { watch(); });
 }
@@ -296,8 +321,9 @@ void Console::watch()
 void Console::watchModules()
 {
     const bool isUpdating = way_.state() == kUpdatingState || set_.power.isLocked();
-    if (web_.hasPages())
+    if (web_.hasPages()) {
         modules_.ask();
+    }
     const int64_t interval = isUpdating ? kUpdateModuleInterval : kModuleInterval;
     moduleTimer_.start(interval, [this] { watchModules(); });
 }
@@ -305,15 +331,19 @@ void Console::watchModules()
 void Console::takeLog(const LogRecord& record)
 {
     const bool wasUpdating = way_.state() == kUpdatingState;
-    if (way_.take(record))
+    if (way_.take(record)) {
         mark("way");
-    if (wasUpdating != (way_.state() == kUpdatingState) && moduleTimer_.isRunning())
+    }
+    if (wasUpdating != (way_.state() == kUpdatingState) && moduleTimer_.isRunning()) {
         watchModules();
-    if (!isFollowing_)
+    }
+    if (!isFollowing_) {
         return;
+    }
     newRecords_.append(toJson(record, log_.count()));
-    if (newRecords_.size() > LogTail::kKept)
+    if (newRecords_.size() > LogTail::kKept) {
         newRecords_ = Json::arrayValue; // nobody has taken them
+    }
     mark("set");
 }
 
@@ -322,8 +352,9 @@ void Console::takeLog(const LogRecord& record)
 Console::Fault Console::setFactory(bool isOn)
 {
     const Fault fault = isOn ? touch(kFactoryMarker) : removeFile(kFactoryMarker);
-    if (fault)
+    if (fault) {
         return fault;
+    }
     isFactory_ = isOn;
     mark("switches");
     return saveOptions();
@@ -332,8 +363,9 @@ Console::Fault Console::setFactory(bool isOn)
 Console::Fault Console::setPackageManager(bool isReady)
 {
     Fault fault = set_.packages.setManagerDelay(isReady ? 0 : -1);
-    if (!fault)
+    if (!fault) {
         fault = isReady ? touch(kManagerMarker) : removeFile(kManagerMarker);
+    }
     mark("switches");
     return fault;
 }
@@ -360,8 +392,9 @@ Console::Fault Console::changeClock(const ClockChange& change)
 Console::Fault Console::setUpgradeUI(const std::string& name, unsigned int after)
 {
     const UiBehaviour behaviour{name, after};
-    if (const Fault fault = faultOf(behaviour))
+    if (const Fault fault = faultOf(behaviour)) {
         return fault;
+    }
     behaviour_ = behaviour;
     mark("switches");
     return saveOptions();
@@ -369,8 +402,9 @@ Console::Fault Console::setUpgradeUI(const std::string& name, unsigned int after
 
 void Console::onLaunch(const Launch& request)
 {
-    if (request.application != kUpgradeUI)
+    if (request.application != kUpgradeUI) {
         return;
+    }
     const bool isStarted = screen_.launch(request, behaviour_);
     set_.launches.reply(request.id, isStarted ? 0 : -1);
 }

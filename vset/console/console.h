@@ -2,28 +2,28 @@
 //
 // It shows the platform's model and what it finds out itself of the daemon, and carries out what a person
 // does at the television.
-#pragma once
+#ifndef VSET_CONSOLE_CONSOLE_H
+#define VSET_CONSOLE_CONSOLE_H
 
 #include <functional>
+#include <gio/gio.h>
+#include <json/json.h>
 #include <optional>
 #include <set>
 #include <string>
 
-#include <gio/gio.h>
-#include <json/json.h>
-
-#include "bus-objects.h"
-#include "daemon-watch.h"
-#include "files.h"
-#include "log-tail.h"
-#include "module-list.h"
-#include "real-time.h"
-#include "screen.h"
-#include "set-model.h"
-#include "state-way.h"
-#include "usb-slot.h"
 #include "vset/clock/clock-file.h"
-#include "web-server.h"
+#include "vset/console/daemon-watch.h"
+#include "vset/console/log-tail.h"
+#include "vset/console/module-list.h"
+#include "vset/console/real-time.h"
+#include "vset/console/screen.h"
+#include "vset/console/state-way.h"
+#include "vset/console/usb-slot.h"
+#include "vset/console/web-server.h"
+#include "vset/platformd/bus-objects.h"
+#include "vset/platformd/files.h"
+#include "vset/platformd/set-model.h"
 
 namespace vset
 {
@@ -96,3 +96,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,4 +1,4 @@
-#include "daemon-watch.h"
+#include "vset/console/daemon-watch.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -7,8 +7,8 @@
 #include <system_error>
 
 #include "common/glib-pointers.h"
-#include "real-time.h"
-#include "service-time.h"
+#include "vset/console/real-time.h"
+#include "vset/platformd/service-time.h"
 
 namespace vset
 {
@@ -42,8 +42,9 @@ std::vector<int> numbersIn(const std::string& directory)
     for (fs::directory_iterator entry(directory, error); !error && entry != fs::directory_iterator();
          entry.increment(error)) {
         const std::string name = entry->path().filename();
-        if (isNumber(name))
+        if (isNumber(name)) {
             numbers.push_back(std::stoi(name));
+        }
     }
     return numbers;
 }
@@ -51,8 +52,9 @@ std::vector<int> numbersIn(const std::string& directory)
 int findDaemon()
 {
     for (const int process : numbersIn("/proc")) {
-        if (fs::path(firstWordOf(process)).filename() == kDaemon)
+        if (fs::path(firstWordOf(process)).filename() == kDaemon) {
             return process;
+        }
     }
     return 0;
 }
@@ -80,18 +82,21 @@ void DaemonWatch::look()
     const bool isStill = before != 0 && fs::path(firstWordOf(before)).filename() == kDaemon;
     process_ = isStill ? before : findDaemon();
     const bool isNewList = lookAtThreads(now);
-    if (before != 0 && before != process_)
+    if (before != 0 && before != process_) {
         ended.tell(before, now);
-    if (isNewList || before != process_)
+    }
+    if (isNewList || before != process_) {
         changed.tell();
+    }
     timer_.start(kInterval, [this] { look(); });
 }
 
 bool DaemonWatch::lookAtThreads(int64_t now)
 {
     std::vector<int> there;
-    if (process_ != 0)
+    if (process_ != 0) {
         there = numbersIn("/proc/" + std::to_string(process_) + "/task");
+    }
     bool isChanged = false;
     for (auto thread = running_.begin(); thread != running_.end();) {
         const bool isThere = thread->second.process == process_ &&
@@ -106,8 +111,9 @@ bool DaemonWatch::lookAtThreads(int64_t now)
         isChanged = true;
     }
     for (const int id : there) {
-        if (running_.count(id) > 0)
+        if (running_.count(id) > 0) {
             continue;
+        }
         running_[id] = {process_, id, nameOfThread(process_, id), now, std::nullopt};
         isChanged = true;
     }
@@ -128,10 +134,12 @@ Json::Value DaemonWatch::snapshot() const
         entry["end_ms"] = thread.end ? Json::Value(Json::Int64(*thread.end)) : Json::Value();
         json["threads"].append(entry);
     };
-    for (const Thread& thread : gone_)
+    for (const Thread& thread : gone_) {
         add(thread);
-    for (const auto& [id, thread] : running_)
+    }
+    for (const auto& [id, thread] : running_) {
         add(thread);
+    }
     return json;
 }
 

@@ -1,17 +1,17 @@
 // The daemon's process as /proc shows it: whether it runs, and its threads from first to last sight.
-#pragma once
+#ifndef VSET_CONSOLE_DAEMON_WATCH_H
+#define VSET_CONSOLE_DAEMON_WATCH_H
 
 #include <cstdint>
+#include <json/json.h>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <json/json.h>
-
-#include "event.h"
-#include "history.h"
-#include "real-time.h"
+#include "vset/console/real-time.h"
+#include "vset/platformd/event.h"
+#include "vset/platformd/history.h"
 
 namespace vset
 {
@@ -48,3 +48,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,11 +1,10 @@
-#include "log-tail.h"
+#include "vset/console/log-tail.h"
 
 #include <fstream>
 #include <string>
-
 #include <sys/stat.h>
 
-#include "control-client.h"
+#include "vset/client/control-client.h"
 
 namespace vset
 {
@@ -17,8 +16,7 @@ constexpr int64_t kInterval = 50; // milliseconds of the PC's time
 
 unsigned long long inodeOfLog()
 {
-    struct stat status {
-    };
+    struct stat status{};
     return stat(kLogFile, &status) == 0 ? status.st_ino : 0;
 }
 

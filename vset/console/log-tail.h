@@ -1,13 +1,14 @@
 // The set's log, followed on the main loop.
-#pragma once
+#ifndef VSET_CONSOLE_LOG_TAIL_H
+#define VSET_CONSOLE_LOG_TAIL_H
 
 #include <cstdint>
 #include <deque>
 #include <memory>
 
-#include "event.h"
-#include "platform-log.h"
-#include "real-time.h"
+#include "vset/client/platform-log.h"
+#include "vset/console/real-time.h"
+#include "vset/platformd/event.h"
 
 namespace vset
 {
@@ -46,3 +47,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

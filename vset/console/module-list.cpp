@@ -1,19 +1,18 @@
-#include "module-list.h"
+#include "vset/console/module-list.h"
 
 #include <algorithm>
 #include <filesystem>
 #include <optional>
 #include <set>
 #include <sstream>
+#include <strings.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <utility>
 
-#include <strings.h>
-#include <sys/stat.h>
-
 #include "common/json-text.h"
-#include "files.h"
-#include "program.h"
+#include "vset/console/program.h"
+#include "vset/platformd/files.h"
 
 namespace vset
 {
@@ -33,8 +32,9 @@ constexpr const char* kList = "/tmp/fwupdate-off-list.txt";
 bool isExternal(const std::string& name)
 {
     for (size_t at = 0; at < name.size(); ++at) {
-        if (strncasecmp(name.c_str() + at, "EXT-", 4) == 0)
+        if (strncasecmp(name.c_str() + at, "EXT-", 4) == 0) {
             return true;
+        }
     }
     return false;
 }
@@ -46,8 +46,9 @@ std::vector<std::string> findLibraries()
         std::error_code error;
         for (fs::directory_iterator entry(directory, error); !error && entry != fs::directory_iterator();
              entry.increment(error)) {
-            if (entry->path().extension() == ".so")
+            if (entry->path().extension() == ".so") {
                 libraries.push_back(entry->path());
+            }
         }
     }
     std::sort(libraries.begin(), libraries.end());
@@ -77,8 +78,9 @@ std::set<std::string> namesInList()
 {
     std::set<std::string> names;
     std::istringstream file(readFile(kList).value_or(""));
-    for (std::string line; std::getline(file, line);)
+    for (std::string line; std::getline(file, line);) {
         names.insert(line.substr(0, line.find(' ')));
+    }
     return names;
 }
 
@@ -105,10 +107,10 @@ Json::Value toOffer(const char* source, const Json::Value& information)
 
 std::string keyOf(const std::string& path)
 {
-    struct stat status {
-    };
-    if (stat(path.c_str(), &status) != 0)
+    struct stat status{};
+    if (stat(path.c_str(), &status) != 0) {
         return "";
+    }
     return std::to_string(status.st_ino) + "/" + std::to_string(status.st_size) + "/" +
            std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
 }
@@ -117,10 +119,12 @@ std::string keyOf(const std::string& path)
 
 void ModuleList::ask(std::function<void()> done)
 {
-    if (done)
+    if (done) {
         waiting_.push_back(std::move(done));
-    if (unanswered_ > 0)
+    }
+    if (unanswered_ > 0) {
         return;
+    }
     const std::vector<std::string> libraries = findLibraries();
     for (auto module = modules_.begin(); module != modules_.end();) {
         const bool isThere = std::binary_search(libraries.begin(), libraries.end(), module->first);
@@ -133,8 +137,9 @@ void ModuleList::ask(std::function<void()> done)
                        take(library, parseObject(output.value_or("")));
                    });
     }
-    if (libraries.empty())
+    if (libraries.empty()) {
         finishRound();
+    }
 }
 
 void ModuleList::take(const std::string& library, const Json::Value& answer)
@@ -147,13 +152,15 @@ void ModuleList::take(const std::string& library, const Json::Value& answer)
     module["identifier"] = textOrNull(answer["identifier"]);
     module["installed"] = textOrNull(answer["version"]);
     module["progress"] = numberOrNull(answer["progress"]);
-    if (answer.empty())
+    if (answer.empty()) {
         module["error"] = "its control library crashes, hangs or cannot be loaded";
-    else if (module["installed"].isNull())
+    } else if (module["installed"].isNull()) {
         module["error"] = "its control library tells no version";
+    }
     modules_[library] = module;
-    if (--unanswered_ == 0)
+    if (--unanswered_ == 0) {
         finishRound();
+    }
 }
 
 void ModuleList::finishRound()
@@ -166,31 +173,37 @@ void ModuleList::finishRound()
         module["pending"] = listed.count(module["name"].asString()) > 0;
         list.append(module);
     }
-    if (unanswered_ > 0)
+    if (unanswered_ > 0) {
         return; // packages that were not known have to be looked into first
+    }
     const bool isNew = list != shown_;
     shown_ = list;
-    if (isNew)
+    if (isNew) {
         changed.tell();
-    for (const auto& done : std::exchange(waiting_, {}))
+    }
+    for (const auto& done : std::exchange(waiting_, {})) {
         done();
+    }
 }
 
 void ModuleList::addOffers(Json::Value& module)
 {
     const std::string identifier = module["identifier"].isString() ? module["identifier"].asString() : "";
     const std::string firmware = firmwareNameOf(identifier);
-    if (firmware.empty() || firmware.find('/') != std::string::npos)
+    if (firmware.empty() || firmware.find('/') != std::string::npos) {
         return;
+    }
     const Json::Value builtIn = readInformation(fs::path(kSystemImages) / firmware / "info.json");
-    if (!builtIn.isNull())
+    if (!builtIn.isNull()) {
         module["offers"].append(toOffer("system image", builtIn));
+    }
     for (const auto& [source, directory] :
          {std::pair("package", kPackageDirectory), std::pair("feed", kFeed)}) {
         const Json::Value information =
             informationOfPackage((fs::path(directory) / (identifier + ".img")).string());
-        if (!information.isNull())
+        if (!information.isNull()) {
             module["offers"].append(toOffer(source, information));
+        }
     }
 }
 
@@ -204,17 +217,20 @@ Json::Value ModuleList::informationOfPackage(const std::string& path)
         return Json::nullValue;
     }
     Package& package = packages_[path];
-    if (package.key == key)
+    if (package.key == key) {
         return package.information;
+    }
     package = {key, Json::objectValue};
     ++unanswered_;
     runProgram({"unsquashfs", "-cat", path, "info.json"}, kProbeLimit,
                [this, path, key](const std::optional<std::string>& output) {
                    const auto known = packages_.find(path);
-                   if (known != packages_.end() && known->second.key == key)
+                   if (known != packages_.end() && known->second.key == key) {
                        known->second.information = parseObject(output.value_or(""));
-                   if (--unanswered_ == 0)
+                   }
+                   if (--unanswered_ == 0) {
                        finishRound();
+                   }
                });
     return package.information;
 }

@@ -2,16 +2,16 @@
 //
 // A library is asked by `module-probe`, a process that may hang or crash, as this service's user, who cannot
 // write the hardware. The progress that it tells is the true one where a library keeps it in its hardware.
-#pragma once
+#ifndef VSET_CONSOLE_MODULE_LIST_H
+#define VSET_CONSOLE_MODULE_LIST_H
 
 #include <functional>
+#include <json/json.h>
 #include <map>
 #include <string>
 #include <vector>
 
-#include <json/json.h>
-
-#include "event.h"
+#include "vset/platformd/event.h"
 
 namespace vset
 {
@@ -48,3 +48,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -10,11 +10,10 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <string>
-
 #include <dlfcn.h>
+#include <filesystem>
 #include <glib.h>
+#include <string>
 #include <strings.h>
 #include <tarnwick/control.h>
 
@@ -47,8 +46,9 @@ public:
     {
         auto* const function = find<int(char*)>(name);
         char buffer[TARNWICK_CONTROL_TEXT_SIZE + 1] = "";
-        if (function == nullptr || function(buffer) != 0)
+        if (function == nullptr || function(buffer) != 0) {
             return Json::nullValue;
+        }
         buffer[TARNWICK_CONTROL_TEXT_SIZE] = '\0';
         char* const valid = g_utf8_make_valid(buffer, -1);
         const Json::Value value(valid);
@@ -60,8 +60,9 @@ public:
     {
         auto* const function = find<tarnwick_getUpdateProgress_fn>("getUpdateProgress");
         unsigned int percent = 0;
-        if (function == nullptr || function(&percent) != 0)
+        if (function == nullptr || function(&percent) != 0) {
             return Json::nullValue;
+        }
         return percent;
     }
 
@@ -72,22 +73,25 @@ private:
 bool isExternal(const std::string& name)
 {
     for (size_t at = 0; at < name.size(); ++at) {
-        if (strncasecmp(name.c_str() + at, "EXT-", 4) == 0)
+        if (strncasecmp(name.c_str() + at, "EXT-", 4) == 0) {
             return true;
+        }
     }
     return false;
 }
 
 void ask(const Library& library, const std::string& name, Json::Value& answer)
 {
-    for (const char* entryPoint : kEntryPoints)
+    for (const char* entryPoint : kEntryPoints) {
         answer["entry_points"][entryPoint] = library.has(entryPoint);
+    }
     if (auto* const setContext = library.find<tarnwick_setContext_fn>("setContext")) {
         std::string context; // empty, and writable as the interface has it
         setContext(name.c_str(), TARNWICK_CONTROL_CALLER_PACKAGE, context.data());
     }
-    if (!isExternal(name))
+    if (!isExternal(name)) {
         answer["identifier"] = library.text("getEMPID");
+    }
     answer["version"] = library.text("getActiveVersion");
     answer["progress"] = library.progress();
 }

@@ -2,7 +2,7 @@
 #include <array>
 
 #include "common/glib-pointers.h"
-#include "console.h"
+#include "vset/console/console.h"
 
 namespace vset
 {

@@ -1,7 +1,6 @@
-#include "page-socket.h"
+#include "vset/console/page-socket.h"
 
 #include <cstdio>
-
 #include <linux/tcp.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>

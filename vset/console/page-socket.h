@@ -4,9 +4,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
-
 #include <libsoup/soup.h>
+#include <string>
 
 namespace vset
 {

@@ -1,14 +1,13 @@
-#include "program.h"
+#include "vset/console/program.h"
 
 #include <filesystem>
+#include <gio/gio.h>
 #include <memory>
 #include <system_error>
 #include <utility>
 
-#include <gio/gio.h>
-
-#include "guarded.h"
-#include "real-time.h"
+#include "vset/console/real-time.h"
+#include "vset/platformd/guarded.h"
 
 namespace vset
 {
@@ -61,8 +60,9 @@ void runProgram(const std::vector<std::string>& command, int64_t limit,
                 std::function<void(const std::optional<std::string>&)> done)
 {
     std::vector<const char*> words;
-    for (const std::string& word : command)
+    for (const std::string& word : command) {
         words.push_back(word.c_str());
+    }
     words.push_back(nullptr);
     auto run = std::make_unique<Run>();
     run->done = std::move(done);

@@ -1,5 +1,6 @@
 // Runs another program for a moment, without waiting for it.
-#pragma once
+#ifndef VSET_CONSOLE_PROGRAM_H
+#define VSET_CONSOLE_PROGRAM_H
 
 #include <functional>
 #include <optional>
@@ -19,3 +20,5 @@ void runProgram(const std::vector<std::string>& command, int64_t limit,
 std::string besideThisProgram(const std::string& name);
 
 } // namespace vset
+
+#endif

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <functional>
-
 #include <glib.h>
 
 namespace vset

@@ -1,4 +1,4 @@
-#include "screen.h"
+#include "vset/console/screen.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -8,8 +8,8 @@
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
 #include "common/visible-text.h"
-#include "guarded.h"
-#include "program.h"
+#include "vset/console/program.h"
+#include "vset/platformd/guarded.h"
 
 namespace vset
 {
@@ -37,11 +37,13 @@ std::vector<std::string> commandLine(const Launch& request, const UiBehaviour& b
 std::optional<std::string> faultOf(const UiBehaviour& behaviour)
 {
     const auto isNamed = [&](const char* name) { return behaviour.name == name; };
-    if (std::none_of(std::begin(kBehaviours), std::end(kBehaviours), isNamed))
+    if (std::none_of(std::begin(kBehaviours), std::end(kBehaviours), isNamed)) {
         return "the upgrade UI can be told: interactive, accept, decline, close, ignore; not \"" +
                behaviour.name + "\"";
-    if (behaviour.after > kLongestWait)
+    }
+    if (behaviour.after > kLongestWait) {
         return "the upgrade UI clicks within an hour: at most " + std::to_string(kLongestWait) + " ms";
+    }
     return std::nullopt;
 }
 
@@ -59,12 +61,14 @@ Screen::~Screen()
 
 bool Screen::launch(const Launch& request, const UiBehaviour& behaviour)
 {
-    if (process_ != nullptr)
+    if (process_ != nullptr) {
         return true;
+    }
     const std::vector<std::string> command = commandLine(request, behaviour);
     std::vector<const char*> words;
-    for (const std::string& word : command)
+    for (const std::string& word : command) {
         words.push_back(word.c_str());
+    }
     words.push_back(nullptr);
     ErrorSlot error;
     process_ = g_subprocess_newv(words.data(), G_SUBPROCESS_FLAGS_NONE, error.address());
@@ -93,8 +97,9 @@ int Screen::processId() const
 std::optional<std::string> Screen::update(const std::string& application, int process,
                                           const std::string& json)
 {
-    if (process_ != nullptr && process != processId())
+    if (process_ != nullptr && process != processId()) {
         return "another application is on the screen";
+    }
     std::string why;
     auto shown = common::parseJsonObject(json, &why, kScreenLimits);
     if (!shown) {
@@ -109,12 +114,14 @@ std::optional<std::string> Screen::update(const std::string& application, int pr
 
 std::optional<std::string> Screen::click(const std::string& button)
 {
-    if (application_.empty())
+    if (application_.empty()) {
         return "no application is on the screen";
+    }
     std::string names;
     for (const Json::Value& shown : shown_["buttons"]) {
-        if (!shown.isObject() || !shown["id"].isString())
+        if (!shown.isObject() || !shown["id"].isString()) {
             continue;
+        }
         if (shown["id"].asString() == button) {
             send_(application_, button);
             return std::nullopt;
@@ -127,8 +134,9 @@ std::optional<std::string> Screen::click(const std::string& button)
 
 void Screen::drop(const std::string& application)
 {
-    if (!application.empty() && application == application_)
+    if (!application.empty() && application == application_) {
         clear();
+    }
 }
 
 void Screen::clear()

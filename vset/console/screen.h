@@ -2,18 +2,18 @@
 //
 // The application draws by sending what it shows as JSON, and hears what is clicked; this side knows nothing
 // of what it is about.
-#pragma once
+#ifndef VSET_CONSOLE_SCREEN_H
+#define VSET_CONSOLE_SCREEN_H
 
 #include <cstdint>
 #include <functional>
+#include <gio/gio.h>
+#include <json/json.h>
 #include <optional>
 #include <string>
 
-#include <gio/gio.h>
-#include <json/json.h>
-
-#include "event.h"
-#include "launches.h"
+#include "vset/platformd/event.h"
+#include "vset/platformd/launches.h"
 
 namespace vset
 {
@@ -68,3 +68,5 @@ inline constexpr const char* kUpgradeUI = "com.olvessa.tv.firmware.update";
 std::optional<std::string> faultOf(const UiBehaviour& behaviour);
 
 } // namespace vset
+
+#endif

@@ -1,4 +1,4 @@
-#include "state-way.h"
+#include "vset/console/state-way.h"
 
 #include <glib.h>
 
@@ -44,8 +44,9 @@ constexpr Sign kSigns[] = {
 int64_t millisecondsOf(const std::string& time)
 {
     GDateTime* const parsed = g_date_time_new_from_iso8601(time.c_str(), nullptr);
-    if (parsed == nullptr)
+    if (parsed == nullptr) {
         return 0;
+    }
     const int64_t milliseconds =
         g_date_time_to_unix(parsed) * 1000 + g_date_time_get_microsecond(parsed) / 1000;
     g_date_time_unref(parsed);
@@ -55,28 +56,34 @@ int64_t millisecondsOf(const std::string& time)
 // Each message is in both logs.
 bool StateWay::take(const LogRecord& record)
 {
-    if (record.buffer != LogBuffer::Trace)
+    if (record.buffer != LogBuffer::Trace) {
         return false;
+    }
     const DaemonEvent event = readDaemonMessage(record.message);
     if (event.kind == Kind::kStarted) {
         const int64_t time = millisecondsOf(record.time);
-        if (running())
+        if (running()) {
             endLatest(0); // with its set, or killed
+        }
         runs_.push_back({record.process, time, std::nullopt, {{0, time, false, record.message}}, time});
-        if (runs_.size() > kKeptRuns)
+        if (runs_.size() > kKeptRuns) {
             runs_.pop_front();
+        }
         return true;
     }
-    if (runs_.empty() || runs_.back().process != record.process)
+    if (runs_.empty() || runs_.back().process != record.process) {
         return false;
+    }
     runs_.back().lastHeard = millisecondsOf(record.time);
-    if (event.kind == Kind::kState)
+    if (event.kind == Kind::kState) {
         return addStep(event.number(0), millisecondsOf(record.time), true, "");
+    }
     const int state = runs_.back().steps.back().state;
     for (const Sign& sign : kSigns) {
         const bool isMeant = event.kind == sign.kind && (!sign.value || *sign.value == event.number(0));
-        if (isMeant && state >= sign.from && state <= sign.to)
+        if (isMeant && state >= sign.from && state <= sign.to) {
             return addStep(sign.state, millisecondsOf(record.time), false, record.message);
+        }
     }
     return false;
 }
@@ -86,8 +93,9 @@ bool StateWay::addStep(int state, int64_t time, bool isLogged, const std::string
     std::vector<WayStep>& steps = runs_.back().steps;
     if (steps.back().state != state) {
         steps.push_back({state, time, isLogged, reason});
-        if (state == kFinalizing && runs_.back().end) // its end was seen before its last record
+        if (state == kFinalizing && runs_.back().end) { // its end was seen before its last record
             steps.push_back({kFinalized, *runs_.back().end, false, kGone});
+        }
         return true;
     }
     const bool isConfirmed = isLogged && !steps.back().isLogged;
@@ -97,8 +105,9 @@ bool StateWay::addStep(int state, int64_t time, bool isLogged, const std::string
 
 bool StateWay::endRun(int process, int64_t time)
 {
-    if (running() != process)
+    if (running() != process) {
         return false;
+    }
     endLatest(time);
     return true;
 }
@@ -107,21 +116,24 @@ void StateWay::endLatest(int64_t time)
 {
     WayRun& run = runs_.back();
     run.end = time != 0 ? time : run.lastHeard;
-    if (run.steps.back().state == kFinalizing)
+    if (run.steps.back().state == kFinalizing) {
         addStep(kFinalized, *run.end, false, kGone);
+    }
 }
 
 std::optional<int> StateWay::running() const
 {
-    if (runs_.empty() || runs_.back().end)
+    if (runs_.empty() || runs_.back().end) {
         return std::nullopt;
+    }
     return runs_.back().process;
 }
 
 std::optional<int> StateWay::state() const
 {
-    if (runs_.empty())
+    if (runs_.empty()) {
         return std::nullopt;
+    }
     return runs_.back().steps.back().state;
 }
 

@@ -3,17 +3,17 @@
 // The daemon writes its state's number once a second; such a step is certain, its time is that of the first
 // number. States that pass between two seconds are inferred from the other messages of their moment, and
 // marked so; a later number confirms them. States that leave no trace are not shown.
-#pragma once
+#ifndef VSET_CONSOLE_STATE_WAY_H
+#define VSET_CONSOLE_STATE_WAY_H
 
 #include <cstdint>
 #include <deque>
+#include <json/json.h>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <json/json.h>
-
-#include "platform-log.h"
+#include "vset/client/platform-log.h"
 
 namespace vset
 {
@@ -65,3 +65,5 @@ private:
 int64_t millisecondsOf(const std::string& time);
 
 } // namespace vset
+
+#endif

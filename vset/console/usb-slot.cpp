@@ -1,4 +1,4 @@
-#include "usb-slot.h"
+#include "vset/console/usb-slot.h"
 
 #include <algorithm>
 #include <system_error>
@@ -23,16 +23,18 @@ constexpr int kMostShown = 100;
 
 std::optional<std::string> told(const std::error_code& error, const std::string& what)
 {
-    if (!error)
+    if (!error) {
         return std::nullopt;
+    }
     return what + ": " + error.message();
 }
 
 // A relative path of ordinary names.
 bool isSafe(const fs::path& path)
 {
-    if (path.empty() || path.is_absolute() || std::distance(path.begin(), path.end()) > kDeepest)
+    if (path.empty() || path.is_absolute() || std::distance(path.begin(), path.end()) > kDeepest) {
         return false;
+    }
     return std::all_of(path.begin(), path.end(), [](const fs::path& part) {
         const std::string name = part;
         const bool isControl = std::any_of(name.begin(), name.end(),
@@ -82,19 +84,22 @@ UsbSlot::NewFile UsbSlot::add(const std::string& name)
 std::optional<std::string> UsbSlot::insert()
 {
     std::error_code error;
-    if (!fs::is_directory(kStaging, error))
+    if (!fs::is_directory(kStaging, error)) {
         return "no stick was put together";
+    }
     fs::remove_all(kStick, error);
-    if (!error)
+    if (!error) {
         fs::rename(kStaging, kStick, error);
+    }
     return told(error, "the stick cannot be inserted");
 }
 
 std::optional<std::string> UsbSlot::remove()
 {
     std::error_code error;
-    if (fs::remove_all(kStick, error) == 0 && !error)
+    if (fs::remove_all(kStick, error) == 0 && !error) {
         return "there is no stick in the slot";
+    }
     return told(error, "the stick cannot be removed");
 }
 
@@ -169,8 +174,9 @@ Json::Value UsbSlot::snapshot() const
     for (fs::recursive_directory_iterator entry(kStick, error);
          !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
         std::error_code ignored;
-        if (!entry->is_regular_file(ignored))
+        if (!entry->is_regular_file(ignored)) {
             continue;
+        }
         if (static_cast<int>(json["files"].size()) == kMostShown) {
             ++more;
             continue;

@@ -8,11 +8,10 @@
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <json/json.h>
 #include <memory>
 #include <optional>
 #include <string>
-
-#include <json/json.h>
 
 namespace vset
 {

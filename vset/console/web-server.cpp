@@ -1,4 +1,4 @@
-#include "web-server.h"
+#include "vset/console/web-server.h"
 
 #include <cstring>
 #include <memory>
@@ -7,7 +7,7 @@
 
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
-#include "guarded.h"
+#include "vset/platformd/guarded.h"
 
 extern "C" { // generated for C
 #include "console-page.h"
@@ -43,8 +43,9 @@ bool endsWith(const std::string& text, const std::string& end)
 const char* typeOf(const std::string& path)
 {
     for (const FileType& known : kFileTypes) {
-        if (endsWith(path, known.extension))
+        if (endsWith(path, known.extension)) {
             return known.type;
+        }
     }
     return "application/octet-stream";
 }
@@ -107,11 +108,13 @@ void WebServer::listen(unsigned int port)
         listen(0);
         return;
     }
-    if (error.get() != nullptr)
+    if (error.get() != nullptr) {
         throw std::runtime_error("the console cannot listen on 127.0.0.1: " + error.text());
+    }
     GSList* const uris = soup_server_get_uris(server_);
-    if (uris != nullptr)
+    if (uris != nullptr) {
         port_ = static_cast<unsigned int>(g_uri_get_port(static_cast<GUri*>(uris->data)));
+    }
     g_slist_free_full(uris, reinterpret_cast<GDestroyNotify>(g_uri_unref));
 }
 
@@ -282,8 +285,9 @@ Json::Value WebServer::replyTo(std::string_view text) const
 
 void WebServer::onMessage(SoupWebsocketConnection* page, gint type, GBytes* message, gpointer self)
 {
-    if (type != SOUP_WEBSOCKET_DATA_TEXT)
+    if (type != SOUP_WEBSOCKET_DATA_TEXT) {
         return;
+    }
     gsize size = 0;
     const auto* const data = static_cast<const char*>(g_bytes_get_data(message, &size));
     auto* const server = static_cast<WebServer*>(self);

@@ -6,19 +6,19 @@
 //
 // What a request carries is never kept in memory: an upload goes to its file as it comes, all else is
 // dropped.
-#pragma once
+#ifndef VSET_CONSOLE_WEB_SERVER_H
+#define VSET_CONSOLE_WEB_SERVER_H
 
 #include <functional>
+#include <json/json.h>
+#include <libsoup/soup.h>
 #include <list>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include <json/json.h>
-#include <libsoup/soup.h>
-
-#include "page-socket.h"
-#include "usb-slot.h"
+#include "vset/console/page-socket.h"
+#include "vset/console/usb-slot.h"
 
 namespace vset
 {
@@ -77,3 +77,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,12 +1,11 @@
-#include "launcher/crash-order.h"
+#include "vset/launcher/crash-order.h"
 
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <fcntl.h>
 #include <optional>
 #include <sstream>
-
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>

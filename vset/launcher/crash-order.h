@@ -5,11 +5,11 @@
 #ifndef VSET_LAUNCHER_CRASH_ORDER_H
 #define VSET_LAUNCHER_CRASH_ORDER_H
 
-#include "launcher/set-directory.h"
-
 #include <chrono>
 #include <functional>
 #include <string>
+
+#include "vset/launcher/set-directory.h"
 
 namespace vset
 {

@@ -1,16 +1,15 @@
-#include "launcher/exec.h"
-
-#include "launcher/init.h"
+#include "vset/launcher/exec.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "vset/launcher/init.h"
 
 namespace vset
 {
@@ -28,10 +27,12 @@ void enterNamespaces(const RunningSet& running)
     const UniqueFd init = openProcess(running.init);
     // Root can enter another user's set; a user can enter only his own.
     const int user = running.rootless ? CLONE_NEWUSER : 0;
-    if (setns(init.get(), user | CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS) != 0)
+    if (setns(init.get(), user | CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS) != 0) {
         failWithErrno("cannot enter the set (it belongs to another user? then use sudo)");
-    if (!running.rootless)
+    }
+    if (!running.rootless) {
         return;
+    }
     check(setresgid(0, 0, 0), "cannot become root of the set");
     check(setresuid(0, 0, 0), "cannot become root of the set");
 }
@@ -41,8 +42,9 @@ void enterNamespaces(const RunningSet& running)
 {
     try {
         check(prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0), "cannot tie the command to its caller");
-        if (chdir(workingDirectory.c_str()) != 0)
+        if (chdir(workingDirectory.c_str()) != 0) {
             check(chdir("/"), "cannot enter /");
+        }
         cleanEnvironment(executableDirectory(), clock);
         prepareForProgram();
         executeCommand(command);
@@ -64,19 +66,23 @@ void handOn(int number)
 void executeInSet(const fs::path& set, const std::vector<std::string>& command)
 {
     const std::optional<RunningSet> running = SetDirectory::open(set).running();
-    if (!running)
+    if (!running) {
         throw Error("set " + set.string() + " is not running: start it with `vset run " + set.string() + "`");
+    }
     std::error_code error;
     const fs::path workingDirectory = fs::current_path(error);
     enterNamespaces(*running);
     commandProcess = fork(); // only a child is in the set's process namespace
     check(commandProcess, "cannot start the command");
-    if (commandProcess == 0)
+    if (commandProcess == 0) {
         runChild(command, workingDirectory, running->clock);
-    for (const int number : {SIGINT, SIGQUIT})
+    }
+    for (const int number : {SIGINT, SIGQUIT}) {
         std::signal(number, SIG_IGN); // from the terminal: the command's to answer
-    for (const int number : {SIGTERM, SIGHUP})
+    }
+    for (const int number : {SIGTERM, SIGHUP}) {
         std::signal(number, handOn);
+    }
     // Straight out: this process sees the set's /proc but is not in it, which confuses what runs at exit (a
     // leak checker looks for its own threads there).
     _exit(shellStatus(waitFor(commandProcess)));

@@ -1,10 +1,11 @@
 // `vset exec`: one more command in a running set.
-#pragma once
-
-#include "launcher/system.h"
+#ifndef VSET_LAUNCHER_EXEC_H
+#define VSET_LAUNCHER_EXEC_H
 
 #include <string>
 #include <vector>
+
+#include "vset/launcher/system.h"
 
 namespace vset
 {
@@ -13,3 +14,5 @@ namespace vset
 [[noreturn]] void executeInSet(const fs::path& set, const std::vector<std::string>& command);
 
 } // namespace vset
+
+#endif

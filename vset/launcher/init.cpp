@@ -1,9 +1,4 @@
-#include "launcher/init.h"
-
-#include "common/visible-text.h"
-#include "launcher/crash-order.h"
-#include "vset/platformd/contract.h"
-#include "write-watch/write-watch.h"
+#include "vset/launcher/init.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -13,20 +8,24 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <optional>
-#include <sstream>
-#include <utility>
-
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/capability.h>
+#include <optional>
 #include <poll.h>
+#include <sstream>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
+
+#include "common/visible-text.h"
+#include "vset/launcher/crash-order.h"
+#include "vset/platformd/contract.h"
+#include "vset/write-watch/write-watch.h"
 
 extern char** environ;
 
@@ -100,17 +99,20 @@ sigset_t handledSignals()
 {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGQUIT})
+    for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
         sigaddset(&signals, number);
+    }
     return signals;
 }
 
 void becomeUser(const Identity& identity, bool rootless)
 {
-    if (identity.noNewPrivileges)
+    if (identity.noNewPrivileges) {
         check(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), "cannot give up privileges");
-    if (rootless || identity.user == 0)
+    }
+    if (rootless || identity.user == 0) {
         return; // there is only one user without root
+    }
     check(setgroups(0, nullptr), "cannot leave the groups");
     check(setresgid(identity.group, identity.group, identity.group), "cannot change the group");
     check(setresuid(identity.user, identity.user, identity.user), "cannot change the user");
@@ -138,8 +140,9 @@ std::string lastLine(const fs::path& log)
 {
     std::istringstream text(readFile(log));
     std::string last = "it said nothing";
-    for (std::string line; std::getline(text, line);)
+    for (std::string line; std::getline(text, line);) {
         last = line;
+    }
     return common::visible(last);
 }
 
@@ -228,19 +231,23 @@ void Init::start(Service& service, std::vector<std::string> arguments, const Ide
 {
     service.process = fork();
     check(service.process, std::string("cannot start ") + service.name);
-    if (service.process != 0)
+    if (service.process != 0) {
         return;
+    }
     try {
         setsid(); // Ctrl-C at the terminal is for the command, not for the services
         redirectToLog(service.name);
-        if (inheritedFd >= 0)
+        if (inheritedFd >= 0) {
             fcntl(inheritedFd, F_SETFD, 0);
-        if (!onClock)
+        }
+        if (!onClock) {
             unsetenv("LD_PRELOAD");
+        }
         prepareForProgram();
         becomeUser(identity, plan_.root.rootless);
-        if (watch.process)
+        if (watch.process) {
             submitToWatch(watch.process.get());
+        }
         executeCommand(arguments);
     } catch (const std::exception& error) {
         note(error.what());
@@ -265,16 +272,18 @@ void Init::waitUntilReady(const Service& service, const UniqueFd& ready)
         events = poll(&waiting, 1, kReadyTimeoutMs);
     } while (events < 0 && errno == EINTR);
     char byte = 0;
-    if (events > 0 && read(ready.get(), &byte, 1) == 1)
+    if (events > 0 && read(ready.get(), &byte, 1) == 1) {
         return;
+    }
     throw Error(std::string(service.name) + (events == 0 ? " does not get ready" : " ended at its start") +
                 ": " + lastLine(fs::path("/var/log") / (std::string(service.name) + ".out")));
 }
 
 void Init::startBus()
 {
-    if (mkdir("/run/dbus", 0755) != 0 && errno != EEXIST)
+    if (mkdir("/run/dbus", 0755) != 0 && errno != EEXIST) {
         failWithErrno("cannot make /run/dbus");
+    }
     writeFile(kBusConfigurationPath, kBusConfiguration);
     const UniqueFd ready = startTelling(
         bus_,
@@ -289,8 +298,9 @@ void Init::startServices()
     const UniqueFd mountsReady = startTelling(mounts_, mountServiceCommand(), "--ready-fd=", kRoot, false);
     const UniqueFd platformReady = startPlatform();
     waitUntilReady(mounts_, mountsReady);
-    if (platformReady)
+    if (platformReady) {
         waitUntilReady(platform_, platformReady);
+    }
 }
 
 std::vector<std::string> Init::mountServiceCommand() const
@@ -308,8 +318,9 @@ void Init::restartMountService()
 std::vector<std::string> Init::platformCommand() const
 {
     std::vector<std::string> command{plan_.tools / "platformd"};
-    if (!plan_.television())
+    if (!plan_.television()) {
         command.emplace_back("--no-power-cycle");
+    }
     return command;
 }
 
@@ -331,8 +342,9 @@ void Init::restartPlatform()
 // For the person at the terminal, and for programs that read it there.
 void announceConsole()
 {
-    if (access(kConsoleUrlPath, R_OK) != 0)
+    if (access(kConsoleUrlPath, R_OK) != 0) {
         return;
+    }
     std::printf("console: %s", readFile(kConsoleUrlPath).c_str());
     std::fflush(stdout);
 }
@@ -342,15 +354,18 @@ void Init::startCommand(const WatchSocket& watch)
     main_.name = plan_.command[0].c_str();
     main_.process = fork();
     check(main_.process, std::string("cannot start ") + main_.name);
-    if (main_.process != 0)
+    if (main_.process != 0) {
         return;
+    }
     try {
         prepareForProgram();
         umask(callersMask_);
-        if (chdir(plan_.workingDirectory.c_str()) != 0)
+        if (chdir(plan_.workingDirectory.c_str()) != 0) {
             check(chdir("/"), "cannot enter /");
-        if (watch.process)
+        }
+        if (watch.process) {
             submitToWatch(watch.process.get());
+        }
         executeCommand(plan_.command);
     } catch (const std::exception& error) {
         note(error.what());
@@ -368,8 +383,9 @@ void Init::startMain()
         startCommand(watch);
     }
     watch.process.reset(); // so that its end is seen
-    if (!watch.watcher)
+    if (!watch.watcher) {
         return;
+    }
     try {
         watch_.emplace(watch.watcher.get());
     } catch (const std::exception& error) { // a command has told the reason itself
@@ -385,9 +401,10 @@ int Init::run(const std::function<void()>& onUp)
     signals_ = UniqueFd(check(signalfd(-1, &handled, SFD_CLOEXEC), "cannot receive signals"));
     callersMask_ = umask(022); // of the set's files; the command gets its own back
     composeRoot(plan_.root);
-    if (plan_.television() && access("/usr/bin/tarnwick", X_OK) != 0)
+    if (plan_.television() && access("/usr/bin/tarnwick", X_OK) != 0) {
         throw Error("the set has no daemon: put it there with `vset new " + plan_.root.set.path().string() +
                     "`");
+    }
     cleanEnvironment(plan_.tools, plan_.root.clock);
     startBus();
     startServices();
@@ -402,14 +419,17 @@ int Init::run(const std::function<void()>& onUp)
 int Init::waitLimit() const
 {
     std::optional<Clock::time_point> first;
-    if (endSignal_)
+    if (endSignal_) {
         first = endTime_;
-    for (const Service* service : {&mounts_, &platform_}) {
-        if (service->due && (!first || *service->due < *first))
-            first = service->due;
     }
-    if (!first)
+    for (const Service* service : {&mounts_, &platform_}) {
+        if (service->due && (!first || *service->due < *first)) {
+            first = service->due;
+        }
+    }
+    if (!first) {
         return -1;
+    }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(*first - Clock::now()).count();
     return static_cast<int>(std::max<decltype(left)>(left, 0));
 }
@@ -421,18 +441,23 @@ int Init::live()
                             {watch_ ? watch_->descriptor() : -1, POLLIN, 0},
                             {orders_->descriptor(), POLLIN, 0}};
         poll(waiting, std::size(waiting), waitLimit());
-        if (endSignal_ && Clock::now() >= endTime_)
+        if (endSignal_ && Clock::now() >= endTime_) {
             return 128 + *endSignal_; // the command took no notice
+        }
         startDue();
-        if (waiting[1].revents != 0)
+        if (waiting[1].revents != 0) {
             onWrite(waiting[1].revents);
-        if (waiting[2].revents != 0)
+        }
+        if (waiting[2].revents != 0) {
             orders_->take([this](const CrashOrder& order) { return letCrash(order); });
+        }
         signalfd_siginfo signal{};
-        if (waiting[0].revents == 0 || read(signals_.get(), &signal, sizeof signal) != sizeof signal)
+        if (waiting[0].revents == 0 || read(signals_.get(), &signal, sizeof signal) != sizeof signal) {
             continue;
-        if (const std::optional<int> status = handleSignal(signal))
+        }
+        if (const std::optional<int> status = handleSignal(signal)) {
             return *status;
+        }
     }
 }
 
@@ -441,10 +466,12 @@ int Init::live()
 std::string Init::letCrash(const CrashOrder& order)
 {
     for (Service* service : {&mounts_, &platform_}) {
-        if (order.service != service->name)
+        if (order.service != service->name) {
             continue;
-        if (service->process < 0)
+        }
+        if (service->process < 0) {
             return std::string(service->name) + " does not run at the moment";
+        }
         service->downtime = order.downtime;
         kill(service->process, SIGKILL);
         onServiceEnd(*service, waitFor(service->process)); // who has ordered it finds it gone
@@ -458,24 +485,29 @@ std::string Init::letCrash(const CrashOrder& order)
 // just that.
 std::optional<std::chrono::milliseconds> Init::downtimeAfter(Service& service, int status) const
 {
-    if (service.startAgain == nullptr || !WIFSIGNALED(status))
+    if (service.startAgain == nullptr || !WIFSIGNALED(status)) {
         return std::nullopt;
-    if (service.downtime)
+    }
+    if (service.downtime) {
         return std::exchange(service.downtime, std::nullopt);
-    if (!plan_.television())
+    }
+    if (!plan_.television()) {
         return std::nullopt;
+    }
     const Clock::time_point now = Clock::now();
     service.crashes.push_back(now);
-    while (now - service.crashes.front() > kCrashWindow)
+    while (now - service.crashes.front() > kCrashWindow) {
         service.crashes.pop_front();
+    }
     return service.crashes.size() < kMostCrashes ? std::optional(kRestartDelay) : std::nullopt;
 }
 
 void Init::startDue()
 {
     for (Service* service : {&mounts_, &platform_}) {
-        if (!service->due || *service->due > Clock::now())
+        if (!service->due || *service->due > Clock::now()) {
             continue;
+        }
         service->due.reset();
         (this->*service->startAgain)();
     }
@@ -488,10 +520,12 @@ void Init::onWrite(short events)
         return;
     }
     const std::optional<HardwareWrite> write = watch_->next();
-    if (!write)
+    if (!write) {
         return;
-    if (++writes_ == plan_.cutAtWrite)
+    }
+    if (++writes_ == plan_.cutAtWrite) {
         cutPower(*write);
+    }
     watch_->allow(*write);
 }
 
@@ -508,10 +542,12 @@ void Init::cutPower(const HardwareWrite& write)
 std::optional<int> Init::handleSignal(const signalfd_siginfo& signal)
 {
     const int number = static_cast<int>(signal.ssi_signo);
-    if (number == SIGCHLD)
+    if (number == SIGCHLD) {
         return reap();
-    if (plan_.television())
+    }
+    if (plan_.television()) {
         return endTelevision(128 + number);
+    }
     // From the terminal the command has had it as well, and it is the command's to end or to go on.
     if (signal.ssi_code != SI_KERNEL && !endSignal_) {
         kill(main_.process, number);
@@ -526,14 +562,17 @@ std::optional<int> Init::reap()
     int status = 0;
     for (pid_t process = 0; (process = waitpid(-1, &status, WNOHANG)) > 0;) {
         if (process == main_.process) {
-            if (const std::optional<int> end = onMainEnd(status))
+            if (const std::optional<int> end = onMainEnd(status)) {
                 return end;
+            }
         }
         for (Service* service : {&bus_, &mounts_, &platform_}) {
-            if (process != service->process)
+            if (process != service->process) {
                 continue;
-            if (const std::optional<int> end = onServiceEnd(*service, status))
+            }
+            if (const std::optional<int> end = onServiceEnd(*service, status)) {
                 return end;
+            }
         }
     }
     return std::nullopt;
@@ -541,24 +580,27 @@ std::optional<int> Init::reap()
 
 std::string endOf(const char* name, int status)
 {
-    if (WIFSIGNALED(status))
+    if (WIFSIGNALED(status)) {
         return std::string(name) + " was ended by signal " + std::to_string(WTERMSIG(status));
+    }
     return std::string(name) + " ended with status " + std::to_string(WEXITSTATUS(status));
 }
 
 void Init::tellWrites() const
 {
-    if (plan_.cutAtWrite)
+    if (plan_.cutAtWrite) {
         note(std::string(plan_.television() ? "the daemon" : main_.name) + " made " +
              std::to_string(writes_) + " writes to hardware");
+    }
 }
 
 std::optional<int> Init::onMainEnd(int status)
 {
     tellWrites();
     plan_.life.daemonEnded(shellStatus(status));
-    if (!plan_.television())
+    if (!plan_.television()) {
         return shellStatus(status);
+    }
     main_.process = -1;
     note(endOf("tarnwick", status)); // the television stays on
     return std::nullopt;
@@ -568,10 +610,12 @@ std::optional<int> Init::onServiceEnd(Service& service, int status)
 {
     service.process = -1;
     const bool askedByPlatform = plan_.television() && &service == &platform_ && WIFEXITED(status);
-    if (askedByPlatform && WEXITSTATUS(status) == kExitPowerOff)
+    if (askedByPlatform && WEXITSTATUS(status) == kExitPowerOff) {
         return powerDown(PowerRequest::kPowerOff);
-    if (askedByPlatform && WEXITSTATUS(status) == kExitReboot)
+    }
+    if (askedByPlatform && WEXITSTATUS(status) == kExitReboot) {
         return powerDown(PowerRequest::kReboot);
+    }
     if (const auto downtime = downtimeAfter(service, status)) {
         service.due = Clock::now() + *downtime;
         note(endOf(service.name, status) + " and is started again in " + std::to_string(downtime->count()) +
@@ -580,9 +624,10 @@ std::optional<int> Init::onServiceEnd(Service& service, int status)
     }
     note(endOf(service.name, status) + ", see " +
          (plan_.root.set.root() / "var/log" / service.name).string() + ".out");
-    if (plan_.television())
+    if (plan_.television()) {
         return endTelevision(EXIT_FAILURE); // no use without it
-    return std::nullopt;                    // the command may be testing just that
+    }
+    return std::nullopt; // the command may be testing just that
 }
 
 int Init::powerDown(PowerRequest request)
@@ -594,14 +639,16 @@ int Init::powerDown(PowerRequest request)
 
 int Init::endTelevision(int status)
 {
-    if (main_.process > 0)
+    if (main_.process > 0) {
         tellWrites();
+    }
     kill(-1, SIGTERM);
     for (int waited = 0; waited < kShutdownMs; waited += 10) {
         while (waitpid(-1, nullptr, WNOHANG) > 0) {
         }
-        if (waitpid(-1, nullptr, WNOHANG) < 0)
+        if (waitpid(-1, nullptr, WNOHANG) < 0) {
             break; // no child is left
+        }
         poll(nullptr, 0, 10);
     }
     return status;
@@ -615,31 +662,38 @@ void prepareForProgram()
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    for (const int capability : {CAP_SYS_MODULE, CAP_SYS_TIME, CAP_SYS_RAWIO, CAP_SYS_BOOT})
+    for (const int capability : {CAP_SYS_MODULE, CAP_SYS_TIME, CAP_SYS_RAWIO, CAP_SYS_BOOT}) {
         prctl(PR_CAPBSET_DROP, capability, 0, 0,
               0); // refused in a user namespace on some kernels: not needed there
+    }
 }
 
 void cleanEnvironment(const fs::path& tools, bool clock)
 {
     std::vector<std::string> doomed;
     for (char** entry = environ; *entry != nullptr; ++entry) {
-        if (std::strncmp(*entry, "DBUS_", 5) == 0)
+        if (std::strncmp(*entry, "DBUS_", 5) == 0) {
             doomed.emplace_back(*entry, std::strcspn(*entry, "="));
+        }
     }
     for (const char* directory : {"TMPDIR", "XDG_RUNTIME_DIR", "HOME"}) {
         const char* value = std::getenv(directory);
-        if (value != nullptr && access(value, F_OK) != 0)
+        if (value != nullptr && access(value, F_OK) != 0) {
             doomed.emplace_back(directory);
+        }
     }
-    for (const std::string& name : doomed)
+    for (const std::string& name : doomed) {
         unsetenv(name.c_str());
-    if (std::getenv("HOME") == nullptr)
+    }
+    if (std::getenv("HOME") == nullptr) {
         putEnvironment("HOME", "/");
-    if (std::getenv("PATH") == nullptr)
+    }
+    if (std::getenv("PATH") == nullptr) {
         putEnvironment("PATH", "/usr/local/bin:/usr/sbin:/usr/bin");
-    if (!clock)
+    }
+    if (!clock) {
         return;
+    }
     putEnvironment("LD_PRELOAD", (tools / "libvset-clock.so").string());
     // Programs with the address sanitizer want its run-time first; ours in front does it no harm.
     const char* options = std::getenv("ASAN_OPTIONS");
@@ -650,8 +704,9 @@ void cleanEnvironment(const fs::path& tools, bool clock)
 void executeCommand(const std::vector<std::string>& command)
 {
     std::vector<char*> arguments;
-    for (const std::string& argument : command)
+    for (const std::string& argument : command) {
         arguments.push_back(const_cast<char*>(argument.c_str()));
+    }
     arguments.push_back(nullptr);
     execvp(arguments[0], arguments.data());
     const int error = errno;

@@ -1,13 +1,14 @@
 // PID 1 of a set: builds the root, starts the services, reaps, and ends the set.
-#pragma once
-
-#include "launcher/life-record.h"
-#include "launcher/root.h"
+#ifndef VSET_LAUNCHER_INIT_H
+#define VSET_LAUNCHER_INIT_H
 
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "vset/launcher/life-record.h"
+#include "vset/launcher/root.h"
 
 namespace vset
 {
@@ -45,3 +46,5 @@ void cleanEnvironment(const fs::path& tools, bool clock);
 [[noreturn]] void executeCommand(const std::vector<std::string>& command);
 
 } // namespace vset
+
+#endif

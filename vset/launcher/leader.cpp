@@ -1,14 +1,9 @@
-#include "launcher/leader.h"
-
-#include "launcher/init.h"
-#include "launcher/loop-slot.h"
-#include "launcher/set-clock.h"
+#include "vset/launcher/leader.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-
 #include <linux/sched.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -16,6 +11,10 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "vset/launcher/init.h"
+#include "vset/launcher/loop-slot.h"
+#include "vset/launcher/set-clock.h"
 
 namespace vset
 {
@@ -36,11 +35,13 @@ pid_t waitForLeader(int leaderPipe)
 {
     check(prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0), "cannot tie the set to its leader");
     pid_t self = 0;
-    if (read(leaderPipe, &self, sizeof self) != sizeof self)
+    if (read(leaderPipe, &self, sizeof self) != sizeof self) {
         _exit(EXIT_FAILURE);
+    }
     pollfd leader{leaderPipe, 0, 0};
-    if (poll(&leader, 1, 0) != 0) // it died before the tie was made
+    if (poll(&leader, 1, 0) != 0) { // it died before the tie was made
         _exit(EXIT_FAILURE);
+    }
     return self;
 }
 
@@ -65,17 +66,20 @@ pid_t cloneInit(bool rootless)
 {
     clone_args arguments{};
     arguments.flags = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS;
-    if (rootless)
+    if (rootless) {
         arguments.flags |= CLONE_NEWUSER;
+    }
     arguments.exit_signal = SIGCHLD;
     const long process = syscall(SYS_clone3, &arguments, sizeof arguments);
-    if (process >= 0)
+    if (process >= 0) {
         return static_cast<pid_t>(process);
-    if (rootless)
+    }
+    if (rootless) {
         failWithErrno(
             "this system does not let a plain user make a private root (user namespaces); "
             "allow it (sysctl kernel.unprivileged_userns_clone=1, "
             "kernel.apparmor_restrict_unprivileged_userns=0, user.max_user_namespaces) or use sudo");
+    }
     failWithErrno("cannot make the set's namespaces (in a container? it needs CAP_SYS_ADMIN; -u may do)");
 }
 
@@ -118,15 +122,17 @@ End Leader::boot()
     }
     leader.readEnd.reset();
     power.writeEnd.reset();
-    if (plan_.root.rootless)
+    if (plan_.root.rootless) {
         mapCaller(init);
+    }
     check(write(leader.writeEnd.get(), &init, sizeof init), "cannot start the set");
 
     End end;
     end.status = waitForEnd(init);
     char request = 0;
-    if (read(power.readEnd.get(), &request, 1) == 1)
+    if (read(power.readEnd.get(), &request, 1) == 1) {
         end.request = static_cast<PowerRequest>(request);
+    }
     lock_.publish({});
     return end;
 }
@@ -136,16 +142,18 @@ int Leader::waitForEnd(pid_t init)
 {
     sigset_t handled;
     sigemptyset(&handled);
-    for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGQUIT})
+    for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
         sigaddset(&handled, number);
+    }
     sigset_t previous;
     check(sigprocmask(SIG_BLOCK, &handled, &previous), "cannot block signals");
     int status = 0;
     pid_t ended = 0;
     while ((ended = waitpid(init, &status, WNOHANG)) == 0) {
         siginfo_t signal{};
-        if (sigwaitinfo(&handled, &signal) > 0 && signal.si_signo != SIGCHLD && signal.si_code != SI_KERNEL)
+        if (sigwaitinfo(&handled, &signal) > 0 && signal.si_signo != SIGCHLD && signal.si_code != SI_KERNEL) {
             kill(init, signal.si_signo);
+        }
     }
     check(ended, "cannot wait for the set");
     sigprocmask(SIG_SETMASK, &previous, nullptr);
@@ -157,40 +165,46 @@ int liveThroughReboots(const InitPlan& plan, const SetLock& lock)
     Leader leader(plan, lock);
     while (true) {
         const End end = leader.boot();
-        if (end.request != PowerRequest::kReboot)
+        if (end.request != PowerRequest::kReboot) {
             return end.status;
+        }
         note("the set reboots");
     }
 }
 
 void checkRootless(const RunOptions& options, bool rootless)
 {
-    if (!rootless)
+    if (!rootless) {
         return;
-    if (!options.rootless)
+    }
+    if (!options.rootless) {
         note("not root: running without root, as -u does (images are mounted with squashfuse, one user for "
              "all)");
+    }
     const bool complete = access("/usr/bin/squashfuse", X_OK) == 0 && access("/dev/fuse", R_OK | W_OK) == 0;
-    if (!complete)
+    if (!complete) {
         note("images cannot be mounted in this set: install squashfuse and fuse3, and make /dev/fuse "
              "accessible "
              "(chmod 0666 /dev/fuse), or run it as root");
+    }
 }
 
 // What a set has to see of the PC at the same place. A kit stands alone, wherever it was built.
 std::vector<fs::path> ownDirectories(const fs::path& tools)
 {
-    if (!kitDirectory().empty())
+    if (!kitDirectory().empty()) {
         return {tools};
+    }
     return {VSET_SOURCE_DIR, VSET_BUILD_DIR, tools};
 }
 
 // The dynamic loader takes both characters for the end of a preloaded library's name.
 void checkToolsPath(const fs::path& tools)
 {
-    if (tools.string().find_first_of(" :") != std::string::npos)
+    if (tools.string().find_first_of(" :") != std::string::npos) {
         throw Error("the set's clock cannot be used from " + tools.string() +
                     ": move vset to a path without blanks and colons");
+    }
 }
 
 // Removes a temporary set when the run is over, however it is left.
@@ -202,8 +216,9 @@ public:
     TemporarySet& operator=(const TemporarySet&) = delete;
     ~TemporarySet()
     {
-        if (set_ != nullptr)
+        if (set_ != nullptr) {
             set_->remove();
+        }
     }
 
 private:
@@ -214,8 +229,9 @@ private:
 
 int runSet(const RunOptions& options)
 {
-    if (!options.set && options.command.empty())
+    if (!options.set && options.command.empty()) {
         throw common::WrongUse("a temporary set needs a command after --");
+    }
     const bool rootless = options.rootless || geteuid() != 0;
     const fs::path tools = executableDirectory();
     const std::vector<fs::path> binds = bindList(options.binds, ownDirectories(tools));
@@ -235,8 +251,9 @@ int runSet(const RunOptions& options)
     }
 
     std::optional<LoopSlot> slot;
-    if (!rootless)
+    if (!rootless) {
         slot = LoopSlot::take();
+    }
     std::error_code error;
     InitPlan plan{{set, rootless, binds, options.loopNodes, slot ? slot->base() : 0, clock},
                   options.command,
@@ -247,8 +264,9 @@ int runSet(const RunOptions& options)
     const int status = liveThroughReboots(plan, *lock);
     life.off(status);
     lock.reset(); // the cleaning child must not hold it
-    if (slot)
+    if (slot) {
         slot->cleanInBackground();
+    }
     return status;
 }
 

@@ -1,12 +1,13 @@
 // `vset run`: the process outside the set. It holds the set's lock and loop slot, waits for PID 1, starts the
 // set again after a reboot, and leaves nothing behind.
-#pragma once
-
-#include "launcher/system.h"
+#ifndef VSET_LAUNCHER_LEADER_H
+#define VSET_LAUNCHER_LEADER_H
 
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "vset/launcher/system.h"
 
 namespace vset
 {
@@ -26,3 +27,5 @@ struct RunOptions {
 int runSet(const RunOptions& options);
 
 } // namespace vset
+
+#endif

@@ -1,4 +1,4 @@
-#include "launcher/life-record.h"
+#include "vset/launcher/life-record.h"
 
 #include <fcntl.h>
 #include <unistd.h>

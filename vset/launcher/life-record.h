@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "launcher/system.h"
+#include "vset/launcher/system.h"
 
 namespace vset
 {

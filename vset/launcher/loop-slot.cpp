@@ -1,16 +1,15 @@
-#include "launcher/loop-slot.h"
+#include "vset/launcher/loop-slot.h"
 
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <vector>
-
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <vector>
 
 namespace vset
 {
@@ -36,8 +35,9 @@ std::vector<unsigned int> kernelDevices(unsigned int base)
 {
     std::vector<unsigned int> devices;
     for (unsigned int minor = base; minor < base + kMinorsOfSlot; ++minor) {
-        if (access(("/sys/block/loop" + std::to_string(minor)).c_str(), F_OK) == 0)
+        if (access(("/sys/block/loop" + std::to_string(minor)).c_str(), F_OK) == 0) {
             devices.push_back(minor);
+        }
     }
     return devices;
 }
@@ -45,10 +45,12 @@ std::vector<unsigned int> kernelDevices(unsigned int base)
 void removeDevices(const std::vector<unsigned int>& devices)
 {
     const UniqueFd control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
-    if (!control)
+    if (!control) {
         return;
-    for (const unsigned int minor : devices)
+    }
+    for (const unsigned int minor : devices) {
         ioctl(control.get(), LOOP_CTL_REMOVE, static_cast<long>(minor)); // a device still in use stays
+    }
 }
 
 } // namespace
@@ -57,10 +59,12 @@ LoopSlot LoopSlot::take()
 {
     UniqueFd holder(check(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0), "cannot make a socket"));
     for (unsigned int slot = 0; slot < kSlots; ++slot) {
-        if (bindSlot(holder.get(), slot))
+        if (bindSlot(holder.get(), slot)) {
             return {std::move(holder), kFirstMinor + slot * kMinorsOfSlot};
-        if (errno != EADDRINUSE)
+        }
+        if (errno != EADDRINUSE) {
             failWithErrno("cannot reserve a range of loop devices");
+        }
     }
     throw Error("all ranges of loop devices are taken: end some running sets");
 }
@@ -68,13 +72,15 @@ LoopSlot LoopSlot::take()
 void LoopSlot::cleanInBackground() const
 {
     const std::vector<unsigned int> devices = kernelDevices(base_);
-    if (devices.empty() || fork() != 0)
+    if (devices.empty() || fork() != 0) {
         return;
+    }
     setsid();
     // Nobody shall wait for this child because it holds the caller's pipes.
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         dup2(null, stream);
+    }
     removeDevices(devices);
     _exit(0);
 }

@@ -3,9 +3,10 @@
 // The kernel numbers loop devices globally; the set's private /dev names them loop0, loop1, ... The range of
 // slot S starts at 1024 + 256 * S, far from what the PC itself uses. The slot is held by an abstract socket
 // address, which the kernel frees by itself when the last holder has died, however it died.
-#pragma once
+#ifndef VSET_LAUNCHER_LOOP_SLOT_H
+#define VSET_LAUNCHER_LOOP_SLOT_H
 
-#include "launcher/system.h"
+#include "vset/launcher/system.h"
 
 namespace vset
 {
@@ -31,3 +32,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

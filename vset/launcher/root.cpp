@@ -1,13 +1,12 @@
-#include "launcher/root.h"
+#include "vset/launcher/root.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <sstream>
-
 #include <fcntl.h>
 #include <linux/major.h>
+#include <sstream>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -23,9 +22,10 @@ namespace
 void mountOn(const char* source, const fs::path& target, const char* type, unsigned long flags,
              const char* options)
 {
-    if (mount(source, target.c_str(), type, flags, options) != 0)
+    if (mount(source, target.c_str(), type, flags, options) != 0) {
         failWithErrno("cannot mount " + std::string(type != nullptr ? type : source) + " on " +
                       target.string());
+    }
 }
 
 // A detached copy of a part of the PC's file tree, to be put into the new root later.
@@ -72,8 +72,9 @@ void composeUsr(const RootPlan& plan, const fs::path& root)
     const char* options = plan.rootless ? "lowerdir=usr:/usr,userxattr" : "lowerdir=usr:/usr";
     mountOn("overlay", root / "usr", "overlay", MS_RDONLY | MS_NODEV, options);
     // Bound over the overlay, so that files which are added on the PC appear while the set runs.
-    for (const char* live : {"fwupdate", "lib/firmware/ext"})
+    for (const char* live : {"fwupdate", "lib/firmware/ext"}) {
         bindReadOnly(plan.set.usr() / live, root / "usr" / live);
+    }
     for (const char* name : {"bin", "sbin", "lib", "lib32", "lib64", "libx32"}) {
         const fs::path host = fs::path("/") / name;
         const fs::path inside = root / name;
@@ -130,11 +131,13 @@ std::string accountTable(const fs::path& hostFile,
             const auto [name, id] = key(entry.first);
             return key(line).first == name || key(line).second == id;
         };
-        if (std::none_of(own.begin(), own.end(), clashes))
+        if (std::none_of(own.begin(), own.end(), clashes)) {
             table += line + "\n";
+        }
     }
-    for (const auto& [prefix, rest] : own)
+    for (const auto& [prefix, rest] : own) {
         table += prefix + rest + "\n";
+    }
     return table;
 }
 
@@ -142,8 +145,9 @@ void composeEtc(const RootPlan& plan, const fs::path& etc)
 {
     fs::create_directory(etc);
     mountOn("etc", etc, "tmpfs", MS_NODEV | MS_NOSUID, "mode=0755");
-    for (const char* name : kHostConfiguration)
+    for (const char* name : kHostConfiguration) {
         takeOverConfiguration(name, etc);
+    }
     const std::string group = ":" + std::to_string(kSystemGroup) + ":";
     writeFile(etc / "passwd", accountTable("/etc/passwd", {{"platform:x:" + std::to_string(kPlatformUser),
                                                             group + "platform services:/:/usr/sbin/nologin"},
@@ -175,8 +179,9 @@ void makeLoopNode(const RootPlan& plan, const fs::path& dev, unsigned int number
 
 void makeLoopControl(const RootPlan& plan, const fs::path& dev)
 {
-    if (plan.rootless)
+    if (plan.rootless) {
         return;
+    }
     fs::create_directory(dev / ".vset");
     check(chmod((dev / ".vset").c_str(), 0700), "cannot hide the loop control node");
     constexpr unsigned int kMiscMajor = 10;
@@ -190,10 +195,10 @@ void takeOverDevice(const RootPlan& plan, const fs::path& dev, const char* name)
 {
     const fs::path host = fs::path("/dev") / name;
     const fs::path node = dev / name;
-    struct stat status {
-    };
-    if (stat(host.c_str(), &status) != 0)
+    struct stat status{};
+    if (stat(host.c_str(), &status) != 0) {
         return; // no FUSE on this PC
+    }
     if (plan.rootless) {
         touch(node);
         bindReadOnly(host, node); // no change of the node; what is written to the device gets there
@@ -206,10 +211,12 @@ void composeDev(const RootPlan& plan, const fs::path& dev)
 {
     fs::create_directory(dev);
     mountOn("dev", dev, "tmpfs", MS_NOSUID, "mode=0755");
-    for (const char* name : {"null", "zero", "full", "random", "urandom", "tty", "fuse"})
+    for (const char* name : {"null", "zero", "full", "random", "urandom", "tty", "fuse"}) {
         takeOverDevice(plan, dev, name);
-    for (const char* name : {"pts", "shm", "mqueue"})
+    }
+    for (const char* name : {"pts", "shm", "mqueue"}) {
         fs::create_directory(dev / name);
+    }
     mountOn("devpts", dev / "pts", "devpts", MS_NOSUID | MS_NOEXEC, "newinstance,ptmxmode=0666,mode=0620");
     mountOn("shm", dev / "shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
     mountOn("mqueue", dev / "mqueue", "mqueue", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
@@ -218,10 +225,12 @@ void composeDev(const RootPlan& plan, const fs::path& dev)
                                                               {"/proc/self/fd/0", "stdin"},
                                                               {"/proc/self/fd/1", "stdout"},
                                                               {"/proc/self/fd/2", "stderr"}};
-    for (const auto& [target, name] : kLinks)
+    for (const auto& [target, name] : kLinks) {
         fs::create_symlink(target, dev / name);
-    for (unsigned int number = 0; number < plan.loopNodes; ++number)
+    }
+    for (unsigned int number = 0; number < plan.loopNodes; ++number) {
         makeLoopNode(plan, dev, number);
+    }
     makeLoopControl(plan, dev);
 }
 
@@ -233,8 +242,9 @@ void shieldKernel(const fs::path& proc)
     for (const fs::directory_entry& entry : fs::directory_iterator(proc)) {
         const bool isProcess =
             std::isdigit(static_cast<unsigned char>(entry.path().filename().c_str()[0])) != 0;
-        if (!isProcess && !entry.is_symlink())
+        if (!isProcess && !entry.is_symlink()) {
             bindReadOnly(entry.path(), entry.path());
+        }
     }
 }
 
@@ -265,14 +275,16 @@ bool isInside(const fs::path& path, const fs::path& parent)
 void refuseReserved(const fs::path& directory)
 {
     for (const char* reserved : {"/etc", "/dev", "/proc", "/sys", "/bin", "/sbin", "/lib", "/lib64"}) {
-        if (isInside(directory, reserved))
+        if (isInside(directory, reserved)) {
             throw common::WrongUse(directory.string() + " cannot be bound: the set has a " + reserved +
                                    " of its own");
+        }
     }
     for (const char* whole : {"/", "/tmp", "/run", "/var", "/opt", "/srv", "/home", "/prd"}) {
-        if (directory == whole)
+        if (directory == whole) {
             throw common::WrongUse(directory.string() +
                                    " cannot be bound as a whole: name a directory in it");
+        }
     }
 }
 
@@ -282,21 +294,24 @@ std::vector<fs::path> bindList(const std::vector<fs::path>& wanted, const std::v
 {
     std::vector<fs::path> all;
     for (const fs::path& path : wanted) {
-        if (!fs::is_directory(path))
+        if (!fs::is_directory(path)) {
             throw common::WrongUse("-b " + path.string() + " is not a directory");
+        }
         all.push_back(fs::canonical(path));
         refuseReserved(all.back());
     }
     for (const fs::path& path : builtIn) {
-        if (fs::is_directory(path))
+        if (fs::is_directory(path)) {
             all.push_back(fs::canonical(path));
+        }
     }
     std::sort(all.begin(), all.end()); // parents come before what lies in them
     std::vector<fs::path> list;
     for (const fs::path& path : all) {
         const bool covered = isInside(path, "/usr") || (!list.empty() && isInside(path, list.back()));
-        if (!covered)
+        if (!covered) {
             list.push_back(path);
+        }
     }
     return list;
 }
@@ -306,8 +321,9 @@ void composeRoot(const RootPlan& plan)
     check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "cannot separate the set's mounts");
     // Taken before the root is bound on itself: the set may lie in one of these trees.
     std::vector<UniqueFd> trees;
-    for (const fs::path& path : plan.binds)
+    for (const fs::path& path : plan.binds) {
         trees.push_back(copyTree(path));
+    }
     const UniqueFd sys = copyTree("/sys");
 
     const fs::path root = plan.set.root();

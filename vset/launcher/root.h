@@ -1,9 +1,10 @@
 // The set's private root, composed of the set's own directories and read-only parts of the PC.
-#pragma once
-
-#include "launcher/set-directory.h"
+#ifndef VSET_LAUNCHER_ROOT_H
+#define VSET_LAUNCHER_ROOT_H
 
 #include <vector>
+
+#include "vset/launcher/set-directory.h"
 
 namespace vset
 {
@@ -29,3 +30,5 @@ std::vector<fs::path> bindList(const std::vector<fs::path>& wanted, const std::v
 void composeRoot(const RootPlan& plan);
 
 } // namespace vset
+
+#endif

@@ -1,4 +1,4 @@
-#include "launcher/set-clock.h"
+#include "vset/launcher/set-clock.h"
 
 #include <unistd.h>
 
@@ -18,15 +18,18 @@ std::string changeClock(const fs::path& path, const ClockChange& change)
 {
     const SetDirectory set = SetDirectory::open(path);
     const std::optional<RunningSet> running = set.running();
-    if (!running)
+    if (!running) {
         throw Error("set " + path.string() + " is not running: start it with `vset run " + path.string() +
                     "`");
-    if (!running->clock)
+    }
+    if (!running->clock) {
         throw Error("set " + path.string() +
                     " runs without a clock: start its command with `vset run --clock-rate 1`");
+    }
     ClockFile clock(set.clockFile(), ClockFile::Opening::kExisting);
-    if (change.rate || change.jump)
+    if (change.rate || change.jump) {
         clock.change(change);
+    }
     return clock.description();
 }
 

@@ -1,10 +1,11 @@
 // The clock of a set, as the launcher and `vset clock` write it (see clock/clock-file.h).
-#pragma once
-
-#include "clock/clock-file.h"
-#include "launcher/set-directory.h"
+#ifndef VSET_LAUNCHER_SET_CLOCK_H
+#define VSET_LAUNCHER_SET_CLOCK_H
 
 #include <string>
+
+#include "vset/clock/clock-file.h"
+#include "vset/launcher/set-directory.h"
 
 namespace vset
 {
@@ -21,3 +22,5 @@ void resetClock(const SetDirectory& set, double rate, bool isRootless);
 std::string changeClock(const fs::path& set, const ClockChange& change);
 
 } // namespace vset
+
+#endif

@@ -1,17 +1,16 @@
-#include "launcher/set-directory.h"
+#include "vset/launcher/set-directory.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
-#include <vector>
-
 #include <fcntl.h>
 #include <spawn.h>
+#include <sstream>
 #include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 extern char** environ;
 
@@ -70,14 +69,17 @@ constexpr Directory kDirectories[] = {
 void makeDirectory(const fs::path& path, const Directory& directory)
 {
     if (mkdir(path.c_str(), 0755) != 0) {
-        if (errno != EEXIST)
+        if (errno != EEXIST) {
             failWithErrno("cannot make " + path.string());
-        if (!fs::is_directory(fs::symlink_status(path)))
+        }
+        if (!fs::is_directory(fs::symlink_status(path))) {
             throw Error(path.string() + " is in the way: a set has a directory there");
+        }
         return;
     }
-    if (geteuid() == 0)
+    if (geteuid() == 0) {
         check(chown(path.c_str(), directory.owner, directory.group), "cannot give away " + path.string());
+    }
     check(chmod(path.c_str(), directory.mode), "cannot set the mode of " + path.string());
 }
 
@@ -100,8 +102,9 @@ int runProgram(std::vector<const char*> arguments)
     pid_t process = 0;
     const int error = posix_spawnp(&process, arguments[0], nullptr, nullptr,
                                    const_cast<char* const*>(arguments.data()), environ);
-    if (error != 0)
+    if (error != 0) {
         throw Error(std::string("cannot start ") + arguments[0] + ": " + std::strerror(error));
+    }
     return shellStatus(waitFor(process));
 }
 
@@ -160,8 +163,9 @@ SetDirectory SetDirectory::makeTemporary()
 {
     const char* parent = std::getenv("TMPDIR");
     std::string name = std::string(parent != nullptr && *parent == '/' ? parent : "/tmp") + "/vset-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr)
+    if (mkdtemp(name.data()) == nullptr) {
         failWithErrno("cannot make a temporary set " + name);
+    }
     check(chmod(name.c_str(), 0755), "cannot set the mode of " + name);
     return make(name);
 }
@@ -170,25 +174,29 @@ SetDirectory SetDirectory::open(const fs::path& path)
 {
     std::error_code error;
     const fs::path canonical = fs::canonical(path, error);
-    if (error || !fs::is_directory(canonical / "root") || !fs::is_directory(canonical / "usr"))
+    if (error || !fs::is_directory(canonical / "root") || !fs::is_directory(canonical / "usr")) {
         throw Error("there is no set at " + path.string() + ": make one with `vset new " + path.string() +
                     "`");
+    }
     return SetDirectory(canonical);
 }
 
 SetDirectory SetDirectory::make(const fs::path& path)
 {
     std::error_code error;
-    if (fs::exists(path, error) && !fs::is_directory(path))
+    if (fs::exists(path, error) && !fs::is_directory(path)) {
         throw Error(path.string() + " is not a directory: choose another name for the set");
+    }
     const bool foreign =
         fs::is_directory(path, error) && !fs::is_empty(path, error) && !fs::is_directory(path / "root");
-    if (foreign)
+    if (foreign) {
         throw Error(path.string() +
                     " is a directory with something else in it: choose another name for the set");
+    }
     fs::create_directories(path, error);
-    if (error)
+    if (error) {
         throw Error("cannot make " + path.string() + ": " + error.message());
+    }
     SetDirectory set(fs::canonical(path));
     set.complete();
     return set;
@@ -201,29 +209,33 @@ void SetDirectory::installDaemon() const
         copyTree(kit / "set/usr", usr());
         return;
     }
-    if (!install("daemon", usr()))
+    if (!install("daemon", usr())) {
         throw Error(
             "the daemon could not be put into the set: build it first with `cmake --build " VSET_BUILD_DIR
             "`");
+    }
     // A television does without; who builds only the daemon gets a set all the same.
-    if (access(VSET_FWCTL, X_OK) == 0 && !install("fwctl", usr()))
+    if (access(VSET_FWCTL, X_OK) == 0 && !install("fwctl", usr())) {
         throw Error("fwctl could not be put into the set: build it anew with `cmake --build " VSET_BUILD_DIR
                     " --target fwctl`");
+    }
 }
 
 SetLock SetDirectory::lock() const
 {
     const fs::path file = path_ / ".vset/lock";
     UniqueFd lockFd(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (!lockFd)
+    if (!lockFd) {
         failWithErrno("cannot open " + file.string());
+    }
     if (flockPatiently(lockFd.get()) == 0) {
         SetLock lock(std::move(lockFd));
         lock.publish({}); // a set that was killed left its process identifier
         return lock;
     }
-    if (errno != EWOULDBLOCK)
+    if (errno != EWOULDBLOCK) {
         failWithErrno("cannot lock " + file.string());
+    }
     throw Error("set " + path_.string() + " is already running: use `vset exec`, or end it first");
 }
 
@@ -231,15 +243,17 @@ std::optional<RunningSet> SetDirectory::running() const
 {
     const fs::path file = path_ / ".vset/lock";
     const UniqueFd lockFd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!lockFd || flock(lockFd.get(), LOCK_SH | LOCK_NB) == 0)
+    if (!lockFd || flock(lockFd.get(), LOCK_SH | LOCK_NB) == 0) {
         return std::nullopt;
+    }
     std::istringstream text(readFile(file));
     RunningSet running;
     std::string mode;
     std::string clock;
     text >> running.init >> mode >> clock;
-    if (running.init <= 0)
+    if (running.init <= 0) {
         return std::nullopt; // about to start
+    }
     running.rootless = mode == "rootless";
     running.clock = clock == "clock";
     return running;
@@ -247,26 +261,30 @@ std::optional<RunningSet> SetDirectory::running() const
 
 void SetDirectory::complete() const
 {
-    for (const Directory& directory : kDirectories)
+    for (const Directory& directory : kDirectories) {
         makeDirectory(path_ / directory.path, directory);
+    }
     const fs::path varRun = root() / "var/run";
-    if (!fs::exists(fs::symlink_status(varRun)))
+    if (!fs::exists(fs::symlink_status(varRun))) {
         fs::create_symlink("../run", varRun); // where older programs look for the system bus
+    }
     const fs::path platformLog = root() / "var/log/platform.log";
     if (!fs::exists(fs::symlink_status(platformLog))) {
         writeFile(platformLog, "");
         check(chmod(platformLog.c_str(), 0666),
               "cannot set the mode of " + platformLog.string()); // all users log
     }
-    if (!fs::exists(machineIdFile()))
+    if (!fs::exists(machineIdFile())) {
         writeFile(machineIdFile(), randomMachineId());
+    }
 }
 
 void SetDirectory::wipeVolatile() const
 {
     for (const char* name : {"tmp", "run"}) {
-        for (const fs::directory_entry& entry : fs::directory_iterator(root() / name))
+        for (const fs::directory_entry& entry : fs::directory_iterator(root() / name)) {
             fs::remove_all(entry.path());
+        }
     }
 }
 
@@ -274,8 +292,9 @@ void SetDirectory::remove() const
 {
     std::error_code error;
     fs::remove_all(path_, error);
-    if (error)
+    if (error) {
         note("cannot remove " + path_.string() + ": " + error.message());
+    }
 }
 
 } // namespace vset

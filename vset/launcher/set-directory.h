@@ -3,12 +3,12 @@
 //   SET/usr/    put over the PC's /usr while the set runs
 //   SET/root/   the set's root: tmp run prd opt var srv home root, plain directories to look into
 //   SET/.vset/  the launcher's own: lock (held while the set runs), clock, machine-id
-#pragma once
-
-#include "launcher/system.h"
+#ifndef VSET_LAUNCHER_SET_DIRECTORY_H
+#define VSET_LAUNCHER_SET_DIRECTORY_H
 
 #include <optional>
 
+#include "vset/launcher/system.h"
 #include "vset/television/users.h"
 
 namespace vset
@@ -70,3 +70,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,12 +1,11 @@
-#include "launcher/system.h"
+#include "vset/launcher/system.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <sstream>
-
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,8 +19,9 @@ void failWithErrno(const std::string& what)
 
 UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept
 {
-    if (this == &other)
+    if (this == &other) {
         return *this;
+    }
     reset();
     fd_ = std::exchange(other.fd_, -1);
     return *this;
@@ -29,8 +29,9 @@ UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept
 
 void UniqueFd::reset()
 {
-    if (fd_ >= 0)
+    if (fd_ >= 0) {
         close(fd_);
+    }
     fd_ = -1;
 }
 
@@ -44,8 +45,9 @@ Pipe makePipe()
 std::string readFile(const fs::path& path)
 {
     std::ifstream file(path, std::ios::binary);
-    if (!file)
+    if (!file) {
         failWithErrno("cannot read " + path.string());
+    }
     std::ostringstream text;
     text << file.rdbuf();
     return text.str();
@@ -54,13 +56,15 @@ std::string readFile(const fs::path& path)
 void writeFile(const fs::path& path, const std::string& text, mode_t mode)
 {
     const UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode));
-    if (!file)
+    if (!file) {
         failWithErrno("cannot write " + path.string());
+    }
     size_t written = 0;
     while (written < text.size()) {
         const ssize_t count = write(file.get(), text.data() + written, text.size() - written);
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && errno == EINTR) {
             continue;
+        }
         check(count, "cannot write " + path.string());
         written += static_cast<size_t>(count);
     }
@@ -75,8 +79,9 @@ int waitFor(pid_t process)
 {
     int status = 0;
     while (waitpid(process, &status, 0) < 0) {
-        if (errno != EINTR)
+        if (errno != EINTR) {
             failWithErrno("cannot wait for process " + std::to_string(process));
+        }
     }
     return status;
 }

@@ -1,15 +1,16 @@
 // Small helpers over system calls for the launcher: errors as exceptions, owned descriptors, files.
 //
 // The launcher is single-threaded; nothing here is meant for use from several threads.
-#pragma once
+#ifndef VSET_LAUNCHER_SYSTEM_H
+#define VSET_LAUNCHER_SYSTEM_H
 
-#include "common/errors.h"
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <sys/types.h>
 #include <utility>
 
-#include <sys/types.h>
+#include "common/errors.h"
 
 namespace vset
 {
@@ -29,8 +30,9 @@ public:
 // Returns `result`, or throws Error when it is negative (errno as the system call left it).
 inline long check(long result, const std::string& what)
 {
-    if (result < 0)
+    if (result < 0) {
         failWithErrno(what);
+    }
     return result;
 }
 
@@ -81,3 +83,5 @@ fs::path kitDirectory();
 void note(const std::string& text);
 
 } // namespace vset
+
+#endif

@@ -1,11 +1,11 @@
-#include "bus-objects.h"
+#include "vset/platformd/bus-objects.h"
 
 #include <stdexcept>
 #include <utility>
 
 #include "common/glib-pointers.h"
-#include "guarded.h"
 #include "vset/platformd/contract.h"
+#include "vset/platformd/guarded.h"
 
 namespace vset
 {
@@ -35,8 +35,9 @@ BusObject::BusObject(GDBusConnection* bus, GDBusInterfaceInfo* interface, Handle
     ErrorSlot error;
     registration_ = g_dbus_connection_register_object(bus_, kPlatformPath, interface_, &kTable, &handler_,
                                                       nullptr, error.address());
-    if (registration_ == 0)
+    if (registration_ == 0) {
         throw std::runtime_error("cannot serve " + std::string(interface_->name) + ": " + error.text());
+    }
 }
 
 BusObject::~BusObject()

@@ -1,10 +1,10 @@
 // An interface of the platform on the bus.
-#pragma once
+#ifndef VSET_PLATFORMD_BUS_OBJECTS_H
+#define VSET_PLATFORMD_BUS_OBJECTS_H
 
 #include <functional>
-#include <string>
-
 #include <gio/gio.h>
+#include <string>
 
 namespace vset
 {
@@ -34,3 +34,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,4 +1,4 @@
-#include "clients.h"
+#include "vset/platformd/clients.h"
 
 #include <fstream>
 
@@ -49,8 +49,9 @@ Clients::~Clients()
 const Client& Clients::find(const std::string& name)
 {
     const auto known = known_.find(name);
-    if (known != known_.end())
+    if (known != known_.end()) {
         return known->second;
+    }
     Client client;
     client.name = name;
     client.process = askForProcess(name);
@@ -65,8 +66,9 @@ int Clients::askForProcess(const std::string& name) const
         bus_, kBusName, kBusPath, kBusName, "GetConnectionUnixProcessID", g_variant_new("(s)", name.c_str()),
         G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, G_MAXINT, nullptr, nullptr));
     guint32 process = 0;
-    if (reply != nullptr)
+    if (reply != nullptr) {
         g_variant_get(reply.get(), "(u)", &process);
+    }
     return static_cast<int>(process);
 }
 
@@ -76,8 +78,9 @@ void Clients::onOwnerChanged(GDBusConnection*, const char*, const char*, const c
     const char* name = nullptr;
     const char* owner = nullptr;
     g_variant_get(parameters, "(&s&s&s)", &name, nullptr, &owner);
-    if (name[0] != ':' || owner[0] != '\0')
+    if (name[0] != ':' || owner[0] != '\0') {
         return;
+    }
     auto* const clients = static_cast<Clients*>(self);
     clients->known_.erase(name);
     clients->gone.tell(name);

@@ -1,13 +1,13 @@
 // The programs that talk to the platform, by their bus connections.
-#pragma once
-
-#include <map>
-#include <string>
+#ifndef VSET_PLATFORMD_CLIENTS_H
+#define VSET_PLATFORMD_CLIENTS_H
 
 #include <gio/gio.h>
 #include <json/json.h>
+#include <map>
+#include <string>
 
-#include "event.h"
+#include "vset/platformd/event.h"
 
 namespace vset
 {
@@ -48,3 +48,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,11 +1,11 @@
-#include "control.h"
+#include "vset/platformd/control.h"
 
 #include <algorithm>
 #include <optional>
 
 #include "common/json-text.h"
 #include "platform-interfaces.h"
-#include "services.h"
+#include "vset/platformd/services.h"
 
 namespace vset
 {
@@ -20,11 +20,13 @@ using Fault = std::optional<std::string>; // what is wrong with an order
 Fault checkCall(const std::string& call)
 {
     const std::vector<std::string> names = Services::callNames();
-    if (std::find(names.begin(), names.end(), call) != names.end())
+    if (std::find(names.begin(), names.end(), call) != names.end()) {
         return std::nullopt;
+    }
     std::string text = "there is no platform call \"" + call + "\"; there are:";
-    for (const std::string& name : names)
+    for (const std::string& name : names) {
         text += "\n  " + name;
+    }
     return text;
 }
 
@@ -105,8 +107,9 @@ Fault setFault(SetModel& set, const Client&, GVariant* parameters)
     int result = 0;
     int count = 0;
     g_variant_get(parameters, "(&s&sii)", &call, &argument, &result, &count);
-    if (auto fault = checkCall(call))
+    if (auto fault = checkCall(call)) {
         return fault;
+    }
     set.faults.setResult(call, argument, result, count);
     return std::nullopt;
 }
@@ -118,8 +121,9 @@ Fault setDelay(SetModel& set, const Client&, GVariant* parameters)
     guint32 delay = 0;
     int count = 0;
     g_variant_get(parameters, "(&s&sui)", &call, &argument, &delay, &count);
-    if (auto fault = checkCall(call))
+    if (auto fault = checkCall(call)) {
         return fault;
+    }
     set.faults.setDelay(call, argument, delay, count);
     return std::nullopt;
 }
@@ -129,8 +133,9 @@ Fault resetFaults(SetModel& set, const Client&, GVariant* parameters)
     const char* call = nullptr;
     g_variant_get(parameters, "(&s)", &call);
     if (call[0] != '\0') {
-        if (auto fault = checkCall(call))
+        if (auto fault = checkCall(call)) {
             return fault;
+        }
     }
     set.faults.reset(call);
     return std::nullopt;
@@ -173,8 +178,9 @@ Control::Control(GDBusConnection* bus, SetModel& set)
     set_.changed.connect([this](const std::vector<std::string>& sections) {
         GVariantBuilder names;
         g_variant_builder_init(&names, G_VARIANT_TYPE("as"));
-        for (const std::string& section : sections)
+        for (const std::string& section : sections) {
             g_variant_builder_add(&names, "s", section.c_str());
+        }
         object_.emit("Changed", g_variant_new("(as)", &names));
     });
 }
@@ -187,13 +193,15 @@ void Control::handle(const std::string& method, const std::string& sender, GVari
         return;
     }
     for (const Order& order : kOrders) {
-        if (method != order.name)
+        if (method != order.name) {
             continue;
+        }
         const Client client = set_.clients.find(sender);
-        if (const Fault fault = order.carryOut(set_, client, parameters))
+        if (const Fault fault = order.carryOut(set_, client, parameters)) {
             g_dbus_method_invocation_return_dbus_error(invocation, kInvalid, fault->c_str());
-        else
+        } else {
             g_dbus_method_invocation_return_value(invocation, nullptr);
+        }
         return;
     }
     g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD,

@@ -1,10 +1,11 @@
 // The interface for persons and tests: shows the set, and makes things happen to it.
-#pragma once
+#ifndef VSET_PLATFORMD_CONTROL_H
+#define VSET_PLATFORMD_CONTROL_H
 
 #include <string>
 
-#include "bus-objects.h"
-#include "set-model.h"
+#include "vset/platformd/bus-objects.h"
+#include "vset/platformd/set-model.h"
 
 namespace vset
 {
@@ -24,3 +25,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,5 +1,6 @@
 // What one part of the set tells whoever listens. All of it happens on the main thread.
-#pragma once
+#ifndef VSET_PLATFORMD_EVENT_H
+#define VSET_PLATFORMD_EVENT_H
 
 #include <functional>
 #include <utility>
@@ -17,8 +18,9 @@ public:
 
     void tell(Values... values) const
     {
-        for (const auto& listener : listeners_)
+        for (const auto& listener : listeners_) {
             listener(values...);
+        }
     }
 
 private:
@@ -26,3 +28,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,4 +1,4 @@
-#include "faults.h"
+#include "vset/platformd/faults.h"
 
 namespace vset
 {
@@ -16,10 +16,11 @@ void Faults::setDelay(const std::string& call, const std::string& argument, unsi
 
 void Faults::set(Orders& orders, const std::string& call, const std::string& argument, const Order& order)
 {
-    if (order.left == 0)
+    if (order.left == 0) {
         orders.erase({call, argument});
-    else
+    } else {
         orders[{call, argument}] = order;
+    }
     changed.tell();
 }
 
@@ -37,10 +38,12 @@ void Faults::reset(const std::string& call)
 Faults::Verdict Faults::take(const std::string& call, const std::string& argument)
 {
     Verdict verdict;
-    if (const auto result = hit(results_, call, argument))
+    if (const auto result = hit(results_, call, argument)) {
         verdict.result = static_cast<int>(*result);
-    if (const auto delay = hit(delays_, call, argument))
+    }
+    if (const auto delay = hit(delays_, call, argument)) {
         verdict.delay = static_cast<unsigned int>(*delay);
+    }
     return verdict;
 }
 
@@ -48,15 +51,18 @@ Faults::Verdict Faults::take(const std::string& call, const std::string& argumen
 std::optional<int64_t> Faults::hit(Orders& orders, const std::string& call, const std::string& argument)
 {
     auto found = orders.find({call, argument});
-    if (found == orders.end())
+    if (found == orders.end()) {
         found = orders.find({call, ""});
-    if (found == orders.end())
+    }
+    if (found == orders.end()) {
         return std::nullopt;
+    }
     Order& order = found->second;
     const int64_t value = order.value;
     ++order.hits;
-    if (order.left > 0 && --order.left == 0)
+    if (order.left > 0 && --order.left == 0) {
         orders.erase(found);
+    }
     changed.tell();
     return value;
 }

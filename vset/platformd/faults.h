@@ -1,14 +1,14 @@
 // Calls that shall fail or be late, as a person or a test has ordered.
-#pragma once
+#ifndef VSET_PLATFORMD_FAULTS_H
+#define VSET_PLATFORMD_FAULTS_H
 
+#include <json/json.h>
 #include <map>
 #include <optional>
 #include <string>
 #include <utility>
 
-#include <json/json.h>
-
-#include "event.h"
+#include "vset/platformd/event.h"
 
 namespace vset
 {
@@ -51,3 +51,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

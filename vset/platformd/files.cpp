@@ -1,16 +1,15 @@
-#include "files.h"
+#include "vset/platformd/files.h"
 
 #include <cerrno>
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <system_error>
-#include <vector>
-
-#include <fcntl.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
+#include <vector>
 
 #include "common/json-text.h"
 
@@ -34,8 +33,9 @@ class Descriptor
 public:
     Descriptor(int number, const std::string& path) : number_(number)
     {
-        if (number_ < 0)
+        if (number_ < 0) {
             fail(path);
+        }
     }
     ~Descriptor() { close(number_); }
     Descriptor(const Descriptor&) = delete;
@@ -50,10 +50,12 @@ void writeAll(int file, const char* data, size_t size, const std::string& path)
 {
     while (size > 0) {
         const ssize_t written = write(file, data, size);
-        if (written < 0 && errno == EINTR)
+        if (written < 0 && errno == EINTR) {
             continue;
-        if (written < 0)
+        }
+        if (written < 0) {
             fail(path);
+        }
         data += written;
         size -= static_cast<size_t>(written);
     }
@@ -62,8 +64,9 @@ void writeAll(int file, const char* data, size_t size, const std::string& path)
 void synchronizeDirectory(const fs::path& directory)
 {
     const Descriptor descriptor(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), directory);
-    if (fsync(descriptor.get()) != 0)
+    if (fsync(descriptor.get()) != 0) {
         fail(directory);
+    }
 }
 
 // Lets `fill` write a new file and puts it in place of `target`.
@@ -75,16 +78,19 @@ void replaceFile(const fs::path& target, const std::function<void(int file, cons
     const Descriptor file(mkostemp(name.data(), O_CLOEXEC), name);
     try {
         fill(file.get(), name);
-        if (fchmod(file.get(), 0644) != 0 || (isForGood && fsync(file.get()) != 0))
+        if (fchmod(file.get(), 0644) != 0 || (isForGood && fsync(file.get()) != 0)) {
             fail(name);
-        if (rename(name.c_str(), target.c_str()) != 0)
+        }
+        if (rename(name.c_str(), target.c_str()) != 0) {
             fail(target);
+        }
     } catch (...) {
         unlink(name.c_str());
         throw;
     }
-    if (isForGood)
+    if (isForGood) {
         synchronizeDirectory(target.parent_path());
+    }
 }
 
 } // namespace
@@ -92,19 +98,22 @@ void replaceFile(const fs::path& target, const std::function<void(int file, cons
 void copyIntoPlace(const std::string& source, const std::string& target)
 {
     const Descriptor input(open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK), source);
-    struct stat status {
-    };
-    if (fstat(input.get(), &status) != 0)
+    struct stat status{};
+    if (fstat(input.get(), &status) != 0) {
         fail(source);
-    if (!S_ISREG(status.st_mode))
+    }
+    if (!S_ISREG(status.st_mode)) {
         throw std::system_error(EINVAL, std::generic_category(), source + " is not a file");
+    }
     replaceFile(target, [&](int output, const std::string& name) {
         std::vector<char> block(1 << 20);
         ssize_t size = 0;
-        while ((size = read(input.get(), block.data(), block.size())) > 0)
+        while ((size = read(input.get(), block.data(), block.size())) > 0) {
             writeAll(output, block.data(), static_cast<size_t>(size), name);
-        if (size < 0)
+        }
+        if (size < 0) {
             fail(source);
+        }
     });
 }
 
@@ -124,8 +133,7 @@ std::optional<std::string> readFile(const std::string& path, size_t limit)
         return std::nullopt;
     }
     const Descriptor file(number, path);
-    struct stat status {
-    };
+    struct stat status{};
     if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return std::nullopt;
     }
@@ -164,8 +172,9 @@ void removeUnfinished(const std::string& directory)
 {
     std::error_code ignored;
     for (const fs::directory_entry& entry : fs::directory_iterator(directory, ignored)) {
-        if (entry.path().filename().string().rfind(kUnfinished, 0) == 0)
+        if (entry.path().filename().string().rfind(kUnfinished, 0) == 0) {
             fs::remove(entry.path(), ignored);
+        }
     }
 }
 

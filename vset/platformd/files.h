@@ -1,11 +1,11 @@
 // Files that must be whole or not there at all, also when the power goes in the middle of a write.
-#pragma once
+#ifndef VSET_PLATFORMD_FILES_H
+#define VSET_PLATFORMD_FILES_H
 
 #include <cstddef>
+#include <json/json.h>
 #include <optional>
 #include <string>
-
-#include <json/json.h>
 
 namespace vset
 {
@@ -31,3 +31,5 @@ Json::Value loadJson(const std::string& path);
 void removeUnfinished(const std::string& directory);
 
 } // namespace vset
+
+#endif

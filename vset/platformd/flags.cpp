@@ -1,6 +1,6 @@
-#include "flags.h"
+#include "vset/platformd/flags.h"
 
-#include "service-time.h"
+#include "vset/platformd/service-time.h"
 
 namespace vset
 {
@@ -25,8 +25,9 @@ Json::Value Flags::snapshot() const
     Json::Value json;
     json["raised"] = Json::objectValue;
     json["history"] = Json::arrayValue;
-    for (const auto& [flag, time] : raised_)
+    for (const auto& [flag, time] : raised_) {
         json["raised"][flag] = Json::Int64(time);
+    }
     for (const Step& step : history_) {
         Json::Value entry;
         entry["time_ms"] = Json::Int64(step.time);
@@ -40,11 +41,13 @@ Json::Value Flags::snapshot() const
 
 void Flags::restore(const Json::Value& snapshot)
 {
-    if (!snapshot.isObject() || !snapshot["raised"].isObject())
+    if (!snapshot.isObject() || !snapshot["raised"].isObject()) {
         return;
+    }
     for (const std::string& flag : snapshot["raised"].getMemberNames()) {
-        if (snapshot["raised"][flag].isInt64())
+        if (snapshot["raised"][flag].isInt64()) {
             raised_.emplace(flag, snapshot["raised"][flag].asInt64());
+        }
     }
 }
 

@@ -1,15 +1,15 @@
 // Boot-event flags: raised or not, until the next boot.
-#pragma once
+#ifndef VSET_PLATFORMD_FLAGS_H
+#define VSET_PLATFORMD_FLAGS_H
 
 #include <cstdint>
+#include <json/json.h>
 #include <map>
 #include <string>
 
-#include <json/json.h>
-
-#include "clients.h"
-#include "event.h"
-#include "history.h"
+#include "vset/platformd/clients.h"
+#include "vset/platformd/event.h"
+#include "vset/platformd/history.h"
 
 namespace vset
 {
@@ -41,3 +41,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,5 +1,6 @@
 // The latest entries of something that goes on for ever.
-#pragma once
+#ifndef VSET_PLATFORMD_HISTORY_H
+#define VSET_PLATFORMD_HISTORY_H
 
 #include <cstddef>
 #include <deque>
@@ -17,8 +18,9 @@ public:
     void add(Entry entry)
     {
         entries_.push_back(std::move(entry));
-        if (entries_.size() > kKept)
+        if (entries_.size() > kKept) {
             entries_.pop_front();
+        }
     }
 
     auto begin() const { return entries_.begin(); }
@@ -33,3 +35,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,6 +1,6 @@
-#include "launches.h"
+#include "vset/platformd/launches.h"
 
-#include "service-time.h"
+#include "vset/platformd/service-time.h"
 
 namespace vset
 {
@@ -19,8 +19,9 @@ unsigned int Launches::create(const Client& owner)
 Launch* Launches::find(unsigned int id, const std::string& owner)
 {
     for (Launch& launch : launches_) {
-        if (launch.id == id && launch.owner.name == owner && !launch.isDestroyed)
+        if (launch.id == id && launch.owner.name == owner && !launch.isDestroyed) {
             return &launch;
+        }
     }
     return nullptr;
 }
@@ -29,8 +30,9 @@ bool Launches::addExtra(unsigned int id, const std::string& owner, const std::st
                         const std::string& value)
 {
     Launch* const launch = find(id, owner);
-    if (launch == nullptr || key.empty())
+    if (launch == nullptr || key.empty()) {
         return false;
+    }
     launch->extras.emplace_back(key, value);
     changed.tell();
     return true;
@@ -39,8 +41,9 @@ bool Launches::addExtra(unsigned int id, const std::string& owner, const std::st
 bool Launches::setApplication(unsigned int id, const std::string& owner, const std::string& application)
 {
     Launch* const launch = find(id, owner);
-    if (launch == nullptr || application.empty())
+    if (launch == nullptr || application.empty()) {
         return false;
+    }
     launch->application = application;
     changed.tell();
     return true;
@@ -49,8 +52,9 @@ bool Launches::setApplication(unsigned int id, const std::string& owner, const s
 bool Launches::send(unsigned int id, const std::string& owner)
 {
     Launch* const launch = find(id, owner);
-    if (launch == nullptr || launch->application.empty())
+    if (launch == nullptr || launch->application.empty()) {
         return false;
+    }
     launch->isSent = true;
     launch->reply.reset();
     launch->time = wallMilliseconds();
@@ -62,8 +66,9 @@ bool Launches::send(unsigned int id, const std::string& owner)
 bool Launches::destroy(unsigned int id, const std::string& owner)
 {
     Launch* const launch = find(id, owner);
-    if (launch == nullptr)
+    if (launch == nullptr) {
         return false;
+    }
     launch->isDestroyed = true;
     changed.tell();
     return true;
@@ -77,22 +82,27 @@ void Launches::destroyAllOf(const std::string& owner)
         launch.isDestroyed = launch.isDestroyed || isTheirs;
         isAny = isAny || isTheirs;
     }
-    if (isAny)
+    if (isAny) {
         changed.tell();
+    }
 }
 
 std::optional<std::string> Launches::reply(unsigned int id, int result)
 {
     for (Launch& launch : launches_) {
-        if (launch.id != id)
+        if (launch.id != id) {
             continue;
-        if (!launch.isSent)
+        }
+        if (!launch.isSent) {
             return "launch " + std::to_string(id) + " was not sent";
-        if (launch.reply)
+        }
+        if (launch.reply) {
             return "launch " + std::to_string(id) + " has its reply already";
+        }
         launch.reply = result;
-        if (!launch.isDestroyed)
+        if (!launch.isDestroyed) {
             replied.tell(launch);
+        }
         changed.tell();
         return std::nullopt;
     }

@@ -1,17 +1,17 @@
 // Requests to launch an application, each recorded from its first extra to the application's reply.
-#pragma once
+#ifndef VSET_PLATFORMD_LAUNCHES_H
+#define VSET_PLATFORMD_LAUNCHES_H
 
 #include <cstdint>
+#include <json/json.h>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <json/json.h>
-
-#include "clients.h"
-#include "event.h"
-#include "history.h"
+#include "vset/platformd/clients.h"
+#include "vset/platformd/event.h"
+#include "vset/platformd/history.h"
 
 namespace vset
 {
@@ -57,3 +57,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -4,19 +4,18 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <memory>
-
 #include <gio/gio.h>
 #include <glib-unix.h>
+#include <memory>
 #include <unistd.h>
 
 #include "common/command-line.h"
 #include "common/glib-pointers.h"
-#include "console.h"
-#include "control.h"
-#include "services.h"
-#include "set-model.h"
+#include "vset/console/console.h"
 #include "vset/platformd/contract.h"
+#include "vset/platformd/control.h"
+#include "vset/platformd/services.h"
+#include "vset/platformd/set-model.h"
 
 namespace
 {
@@ -35,8 +34,9 @@ public:
     {
         vset::ErrorSlot error;
         bus_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.address()));
-        if (bus_ == nullptr)
+        if (bus_ == nullptr) {
             throw std::runtime_error("there is no system bus: " + error.text());
+        }
         g_dbus_connection_set_exit_on_close(bus_.get(), FALSE);
         g_signal_connect(bus_.get(), "closed", G_CALLBACK(onClosed), this);
         vset::SetModel set(bus_.get(), options_.isPowerCycled);
@@ -68,19 +68,22 @@ private:
     static void onAcquired(GDBusConnection*, const char*, gpointer self)
     {
         int& ready = static_cast<Service*>(self)->options_.readyFd;
-        if (ready < 0)
+        if (ready < 0) {
             return;
+        }
         const char byte = '\n';
-        if (write(ready, &byte, 1) != 1)
+        if (write(ready, &byte, 1) != 1) {
             perror("platformd: nobody waits for the ready byte");
+        }
         close(ready);
         ready = -1;
     }
 
     static void onLost(GDBusConnection* bus, const char* name, gpointer self)
     {
-        if (bus != nullptr && g_dbus_connection_is_closed(bus) == FALSE)
+        if (bus != nullptr && g_dbus_connection_is_closed(bus) == FALSE) {
             fprintf(stderr, "platformd: the name %s is not to be had: is another platformd running?\n", name);
+        }
         static_cast<Service*>(self)->end(EXIT_FAILURE);
     }
 

@@ -1,11 +1,10 @@
-#include "mounts.h"
+#include "vset/platformd/mounts.h"
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
-
 #include <fcntl.h>
 #include <glib-unix.h>
+#include <memory>
 #include <mntent.h>
 #include <unistd.h>
 
@@ -26,16 +25,19 @@ struct EndMounts {
 Mounts::Mounts() : file_(open(kMounts, O_RDONLY | O_CLOEXEC))
 {
     // The kernel marks the file as in error whenever the table has changed since the last look.
-    if (file_ >= 0)
+    if (file_ >= 0) {
         source_ = g_unix_fd_add(file_, static_cast<GIOCondition>(G_IO_PRI | G_IO_ERR), onChange, this);
+    }
 }
 
 Mounts::~Mounts()
 {
-    if (source_ != 0)
+    if (source_ != 0) {
         g_source_remove(source_);
-    if (file_ >= 0)
+    }
+    if (file_ >= 0) {
         close(file_);
+    }
 }
 
 gboolean Mounts::onChange(int, GIOCondition, gpointer self)
@@ -51,8 +53,9 @@ Json::Value Mounts::snapshot() const
     mntent entry{};
     char text[8192];
     while (table != nullptr && getmntent_r(table.get(), &entry, text, sizeof text) != nullptr) {
-        if (std::strncmp(entry.mnt_fsname, "/dev/loop", std::strlen("/dev/loop")) != 0)
+        if (std::strncmp(entry.mnt_fsname, "/dev/loop", std::strlen("/dev/loop")) != 0) {
             continue;
+        }
         Json::Value mount;
         mount["device"] = entry.mnt_fsname;
         mount["directory"] = entry.mnt_dir;

@@ -1,10 +1,11 @@
 // The loop mounts of the set, as its own /proc/mounts shows them.
-#pragma once
+#ifndef VSET_PLATFORMD_MOUNTS_H
+#define VSET_PLATFORMD_MOUNTS_H
 
 #include <glib.h>
 #include <json/json.h>
 
-#include "event.h"
+#include "vset/platformd/event.h"
 
 namespace vset
 {
@@ -29,3 +30,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,19 +1,18 @@
-#include "packages.h"
+#include "vset/platformd/packages.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <system_error>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include "common/visible-text.h"
-#include "files.h"
-#include "guarded.h"
+#include "vset/platformd/files.h"
+#include "vset/platformd/guarded.h"
 
 namespace vset
 {
@@ -65,14 +64,17 @@ Packages::Packages(Places places) : places_(std::move(places)), boot_(monotonicM
 {
     removeUnfinished(places_.target);
     const Json::Value kept = loadJson(places_.options);
-    if (kept["delay_ms"].isUInt())
+    if (kept["delay_ms"].isUInt()) {
         options_.delay = kept["delay_ms"].asUInt();
-    if (kept["manager_delay_ms"].isInt())
+    }
+    if (kept["manager_delay_ms"].isInt()) {
         options_.managerDelay = kept["manager_delay_ms"].asInt();
+    }
     std::error_code ignored;
     isReady_ = fs::exists(places_.readyMarker, ignored); // this service has crashed since the boot
-    if (!isReady_)
+    if (!isReady_) {
         scheduleMarker();
+    }
 }
 
 // ---- Requests ----
@@ -98,8 +100,9 @@ void Packages::request(const Client& client, unsigned int token, const std::stri
 PackageRequest* Packages::find(unsigned int id)
 {
     for (PackageRequest& request : requests_) {
-        if (request.id == id)
+        if (request.id == id) {
             return &request;
+        }
     }
     return nullptr; // fell out of the history
 }
@@ -108,8 +111,9 @@ void Packages::deliver(unsigned int id)
 {
     waiting_.remove_if([id](const std::unique_ptr<Waiting>& waiting) { return waiting->id == id; });
     PackageRequest* const request = find(id);
-    if (request == nullptr)
+    if (request == nullptr) {
         return;
+    }
     const std::string file = request->package + ".img";
     const fs::path source = fs::path(places_.feed) / file;
     std::error_code ignored;
@@ -135,11 +139,13 @@ void Packages::deliver(unsigned int id)
 
 void Packages::finish(unsigned int id, const char* state, const std::string& error)
 {
-    if (!error.empty() && std::string(state) == "failed")
+    if (!error.empty() && std::string(state) == "failed") {
         fprintf(stderr, "platformd: a package cannot be delivered: %s\n", common::visible(error).c_str());
+    }
     PackageRequest* const request = find(id);
-    if (request == nullptr)
+    if (request == nullptr) {
         return;
+    }
     request->state = state;
     request->error = error;
     request->end = wallMilliseconds();
@@ -161,8 +167,9 @@ std::optional<std::string> Packages::setManagerDelay(int milliseconds)
     Options next = options_;
     next.managerDelay = milliseconds;
     auto fault = setOptions(next);
-    if (!fault && !isReady_)
+    if (!fault && !isReady_) {
         scheduleMarker();
+    }
     return fault;
 }
 
@@ -184,13 +191,15 @@ std::optional<std::string> Packages::setOptions(const Options& next)
 void Packages::scheduleMarker()
 {
     markerTimer_.stop();
-    if (options_.managerDelay < 0)
+    if (options_.managerDelay < 0) {
         return;
+    }
     const int64_t left = boot_ + options_.managerDelay - monotonicMilliseconds();
-    if (left <= 0)
+    if (left <= 0) {
         raiseMarker();
-    else
+    } else {
         markerTimer_.start(left, [this] { raiseMarker(); });
+    }
 }
 
 void Packages::raiseMarker()

@@ -3,20 +3,20 @@
 // A package NAME is the file NAME.img of the feed directory. It gets to its place whole or not at all:
 // whoever looks sees the old image or the new one. A name that the feed does not have is taken like any
 // other, and nothing comes. The service also sets the marker that tells other services that it is ready.
-#pragma once
+#ifndef VSET_PLATFORMD_PACKAGES_H
+#define VSET_PLATFORMD_PACKAGES_H
 
 #include <cstdint>
+#include <json/json.h>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include <json/json.h>
-
-#include "clients.h"
-#include "event.h"
-#include "history.h"
-#include "service-time.h"
+#include "vset/platformd/clients.h"
+#include "vset/platformd/event.h"
+#include "vset/platformd/history.h"
+#include "vset/platformd/service-time.h"
 
 namespace vset
 {
@@ -89,3 +89,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

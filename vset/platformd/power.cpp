@@ -1,11 +1,11 @@
-#include "power.h"
+#include "vset/platformd/power.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <system_error>
 #include <utility>
 
-#include "files.h"
+#include "vset/platformd/files.h"
 
 namespace vset
 {
@@ -24,8 +24,9 @@ constexpr StateName kStateNames[] = {{0, "normal"}, {2, "standby"}};
 const char* nameOf(int state)
 {
     for (const StateName& known : kStateNames) {
-        if (known.state == state)
+        if (known.state == state) {
             return known.name;
+        }
     }
     return "";
 }
@@ -42,8 +43,9 @@ Power::Power(std::string historyFile, bool isCarriedOut)
 {
     const Json::Value kept = loadJson(historyFile_);
     for (const Json::Value& ending : kept["endings"]) {
-        if (ending.isObject())
+        if (ending.isObject()) {
             endings_.add(ending);
+        }
     }
 }
 
@@ -51,11 +53,13 @@ Power::Power(std::string historyFile, bool isCarriedOut)
 
 std::optional<std::string> Power::setState(int state)
 {
-    if (state < 0 || state > kHighestState)
+    if (state < 0 || state > kHighestState) {
         return "a power state is a number from 0 (normal) to " + std::to_string(kHighestState) +
                "; 2 is standby";
-    if (state == state_)
+    }
+    if (state == state_) {
         return std::nullopt;
+    }
     const int previous = std::exchange(state_, state);
     stateSince_ = wallMilliseconds();
     stateChanges_.add({stateSince_, previous, state});
@@ -84,8 +88,9 @@ Json::Value Power::snapshotOfState() const
 
 void Power::restoreState(const Json::Value& snapshot)
 {
-    if (!snapshot.isObject() || !snapshot["state"].isInt() || !snapshot["since_ms"].isInt64())
+    if (!snapshot.isObject() || !snapshot["state"].isInt() || !snapshot["since_ms"].isInt64()) {
         return;
+    }
     state_ = snapshot["state"].asInt();
     stateSince_ = snapshot["since_ms"].asInt64();
 }
@@ -102,8 +107,9 @@ Power::Locks::iterator Power::findLock(const std::string& ownerName, int kind)
 void Power::lock(const Client& owner, int kind, unsigned int milliseconds)
 {
     const auto old = findLock(owner.name, kind);
-    if (old != locks_.end())
+    if (old != locks_.end()) {
         endLock(old, "replaced");
+    }
     auto lock = std::make_unique<Lock>();
     lock->owner = owner;
     lock->kind = kind;
@@ -118,8 +124,9 @@ void Power::lock(const Client& owner, int kind, unsigned int milliseconds)
 bool Power::unlock(const std::string& ownerName, int kind)
 {
     const auto found = findLock(ownerName, kind);
-    if (found == locks_.end())
+    if (found == locks_.end()) {
         return false;
+    }
     endLock(found, "released");
     changedLocks.tell();
     endWhenFree();
@@ -129,10 +136,12 @@ bool Power::unlock(const std::string& ownerName, int kind)
 void Power::releaseAllOf(const std::string& ownerName)
 {
     const size_t before = locks_.size();
-    for (auto lock = locks_.begin(); lock != locks_.end();)
+    for (auto lock = locks_.begin(); lock != locks_.end();) {
         lock = (*lock)->owner.name == ownerName ? endLock(lock, "owner ended") : std::next(lock);
-    if (locks_.size() == before)
+    }
+    if (locks_.size() == before) {
         return;
+    }
     changedLocks.tell();
     endWhenFree();
 }
@@ -148,8 +157,9 @@ void Power::expire(const Lock* lock)
 {
     const auto found = std::find_if(locks_.begin(), locks_.end(),
                                     [&](const std::unique_ptr<Lock>& held) { return held.get() == lock; });
-    if (found == locks_.end())
+    if (found == locks_.end()) {
         return;
+    }
     endLock(found, "expired");
     changedLocks.tell();
     endWhenFree();
@@ -220,8 +230,9 @@ void Power::request(Ending ending, int64_t reason, const Client& requester)
 
 void Power::endWhenFree()
 {
-    if (pending_ && isGraceOver_ && locks_.empty())
+    if (pending_ && isGraceOver_ && locks_.empty()) {
         finishEnding();
+    }
 }
 
 void Power::finishEnding()
@@ -229,14 +240,16 @@ void Power::finishEnding()
     const Ending ending = *pending_;
     pending_.reset();
     for (Json::Value& entry : endings_) {
-        if (entry["outcome"].isString() && entry["outcome"].asString() == "waiting")
+        if (entry["outcome"].isString() && entry["outcome"].asString() == "waiting") {
             entry["outcome"] = isCarriedOut_ ? "carried out" : "recorded only";
+        }
     }
     saveEndings();
     changedEndings.tell();
     changedState.tell();
-    if (isCarriedOut_)
+    if (isCarriedOut_) {
         ended.tell(ending);
+    }
 }
 
 void Power::saveEndings() const
@@ -254,8 +267,9 @@ void Power::saveEndings() const
 Json::Value Power::snapshotOfEndings() const
 {
     Json::Value json = Json::arrayValue;
-    for (const Json::Value& ending : endings_)
+    for (const Json::Value& ending : endings_) {
         json.append(ending);
+    }
     return json;
 }
 

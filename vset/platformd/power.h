@@ -2,20 +2,20 @@
 //
 // A power-off or a reboot is carried out once no lock is held and a second has passed, in which everybody can
 // react to its event. What was asked for is kept over the reboot.
-#pragma once
+#ifndef VSET_PLATFORMD_POWER_H
+#define VSET_PLATFORMD_POWER_H
 
 #include <cstdint>
+#include <json/json.h>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include <json/json.h>
-
-#include "clients.h"
-#include "event.h"
-#include "history.h"
-#include "service-time.h"
+#include "vset/platformd/clients.h"
+#include "vset/platformd/event.h"
+#include "vset/platformd/history.h"
+#include "vset/platformd/service-time.h"
 
 namespace vset
 {
@@ -106,3 +106,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

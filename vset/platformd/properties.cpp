@@ -1,10 +1,10 @@
-#include "properties.h"
+#include "vset/platformd/properties.h"
 
 #include <cstdlib>
 #include <system_error>
 #include <utility>
 
-#include "files.h"
+#include "vset/platformd/files.h"
 
 namespace vset
 {
@@ -14,16 +14,18 @@ Properties::Properties(std::string file)
 {
     const Json::Value kept = loadJson(file_);
     for (const std::string& key : kept.getMemberNames()) {
-        if (kept[key].isString())
+        if (kept[key].isString()) {
             values_[std::atoi(key.c_str())] = kept[key].asString();
+        }
     }
 }
 
 std::optional<std::string> Properties::get(int key) const
 {
     const auto found = values_.find(key);
-    if (found == values_.end())
+    if (found == values_.end()) {
         return std::nullopt;
+    }
     return found->second;
 }
 
@@ -44,8 +46,9 @@ std::optional<std::string> Properties::set(int key, const std::string& value)
 Json::Value Properties::asJson(const Values& values)
 {
     Json::Value json = Json::objectValue;
-    for (const auto& [key, value] : values)
+    for (const auto& [key, value] : values) {
         json[std::to_string(key)] = value;
+    }
     return json;
 }
 

@@ -1,13 +1,13 @@
 // System information: texts by number, kept over a reboot.
-#pragma once
+#ifndef VSET_PLATFORMD_PROPERTIES_H
+#define VSET_PLATFORMD_PROPERTIES_H
 
+#include <json/json.h>
 #include <map>
 #include <optional>
 #include <string>
 
-#include <json/json.h>
-
-#include "event.h"
+#include "vset/platformd/event.h"
 
 namespace vset
 {
@@ -39,3 +39,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,10 +1,10 @@
-#include "service-time.h"
+#include "vset/platformd/service-time.h"
 
 #include <algorithm>
 #include <limits>
 #include <utility>
 
-#include "guarded.h"
+#include "vset/platformd/guarded.h"
 
 namespace vset
 {
@@ -29,8 +29,9 @@ void Timer::start(int64_t milliseconds, std::function<void()> action)
 
 void Timer::stop()
 {
-    if (source_ != 0)
+    if (source_ != 0) {
         g_source_remove(std::exchange(source_, 0));
+    }
 }
 
 gboolean Timer::onTime(gpointer self)

@@ -1,9 +1,9 @@
 // The set's time, which a person can make run faster or jump, and timers on it.
-#pragma once
+#ifndef VSET_PLATFORMD_SERVICE_TIME_H
+#define VSET_PLATFORMD_SERVICE_TIME_H
 
 #include <cstdint>
 #include <functional>
-
 #include <glib.h>
 
 namespace vset
@@ -37,3 +37,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

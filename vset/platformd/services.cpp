@@ -1,10 +1,10 @@
-#include "services.h"
+#include "vset/platformd/services.h"
 
 #include <cstring>
 
 #include "common/glib-pointers.h"
 #include "platform-interfaces.h"
-#include "service-time.h"
+#include "vset/platformd/service-time.h"
 
 namespace vset
 {
@@ -248,20 +248,23 @@ constexpr Method kMethods[] = {
 const Method* findMethod(const std::string& name)
 {
     for (const Method& method : kMethods) {
-        if (name == method.name)
+        if (name == method.name) {
             return &method;
+        }
     }
     return nullptr;
 }
 
 std::string subjectOf(const Method& method, GVariant* parameters)
 {
-    if (method.subject == kNoArgument)
+    if (method.subject == kNoArgument) {
         return "";
+    }
     const GlibPointer<GVariant> value(
         g_variant_get_child_value(parameters, static_cast<gsize>(method.subject)));
-    if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING) != FALSE)
+    if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING) != FALSE) {
         return g_variant_get_string(value.get(), nullptr);
+    }
     const GlibPointer<char> text(g_variant_print(value.get(), FALSE));
     return text.get();
 }
@@ -269,12 +272,15 @@ std::string subjectOf(const Method& method, GVariant* parameters)
 // The reply of a call that shall fail: the result, and empty values for the rest.
 GVariant* failingReply(const Method& method, int number)
 {
-    if (std::strcmp(method.name, "GetInt") == 0)
+    if (std::strcmp(method.name, "GetInt") == 0) {
         return g_variant_new("(ii)", number, 0);
-    if (std::strcmp(method.name, "CreateLaunch") == 0)
+    }
+    if (std::strcmp(method.name, "CreateLaunch") == 0) {
         return g_variant_new("(iu)", number, 0U);
-    if (std::strcmp(method.name, "GetProperty") == 0)
+    }
+    if (std::strcmp(method.name, "GetProperty") == 0) {
         return g_variant_new("(is)", number, "");
+    }
     return result(number);
 }
 
@@ -305,8 +311,9 @@ Services::Services(GDBusConnection* bus, SetModel& set)
 std::vector<std::string> Services::callNames()
 {
     std::vector<std::string> names;
-    for (const Method& method : kMethods)
+    for (const Method& method : kMethods) {
         names.emplace_back(method.call);
+    }
     return names;
 }
 

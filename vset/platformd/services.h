@@ -1,11 +1,12 @@
 // The interface that the platform library calls: each method is one call of its headers.
-#pragma once
+#ifndef VSET_PLATFORMD_SERVICES_H
+#define VSET_PLATFORMD_SERVICES_H
 
 #include <string>
 #include <vector>
 
-#include "bus-objects.h"
-#include "set-model.h"
+#include "vset/platformd/bus-objects.h"
+#include "vset/platformd/set-model.h"
 
 namespace vset
 {
@@ -29,3 +30,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

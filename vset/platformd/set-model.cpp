@@ -1,4 +1,4 @@
-#include "set-model.h"
+#include "vset/platformd/set-model.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -6,9 +6,9 @@
 #include <system_error>
 #include <utility>
 
-#include "files.h"
-#include "guarded.h"
-#include "service-time.h"
+#include "vset/platformd/files.h"
+#include "vset/platformd/guarded.h"
+#include "vset/platformd/service-time.h"
 
 namespace vset
 {
@@ -77,8 +77,9 @@ SetModel::SetModel(GDBusConnection* bus, bool isPowerCycled)
 
 SetModel::~SetModel()
 {
-    if (idle_ != 0)
+    if (idle_ != 0) {
         g_source_remove(idle_);
+    }
 }
 
 void SetModel::connectSections()
@@ -91,8 +92,9 @@ void SetModel::connectSections()
         {&watchdog.changed, "watchdog"},       {&mounts.changed, "mounts"},
         {&subscribers.changed, "subscribers"}, {&faults.changed, "faults"},
     };
-    for (const auto& [event, name] : sections)
+    for (const auto& [event, name] : sections) {
         event->connect([this, section = name] { mark(section); });
+    }
 }
 
 void SetModel::resumeBoot(bool isPowerCycled)
@@ -109,12 +111,14 @@ void SetModel::keepBoot(const std::set<std::string>& news) const
 {
     const bool isNews = std::any_of(std::begin(kKeptSections), std::end(kKeptSections),
                                     [&](const char* section) { return news.count(section) > 0; });
-    if (!isNews)
+    if (!isNews) {
         return;
+    }
     Json::Value json;
     json["boot"] = boot_;
-    for (const char* section : kKeptSections)
+    for (const char* section : kKeptSections) {
         json[section] = snapshotOf(section);
+    }
     try {
         saveJson(kThisBootFile, json, Keeping::kUntilPowerOff);
     } catch (const std::system_error& error) {
@@ -136,8 +140,9 @@ void SetModel::connectClients()
 void SetModel::mark(const char* section)
 {
     news_.insert(section);
-    if (idle_ == 0)
+    if (idle_ == 0) {
         idle_ = g_idle_add_full(G_PRIORITY_DEFAULT, onIdle, this, nullptr);
+    }
 }
 
 gboolean SetModel::onIdle(gpointer self)
@@ -155,8 +160,9 @@ gboolean SetModel::onIdle(gpointer self)
 Json::Value SetModel::snapshotOf(const std::string& section) const
 {
     for (const Section& known : kSections) {
-        if (section == known.name)
+        if (section == known.name) {
             return known.snapshot(*this);
+        }
     }
     return Json::nullValue;
 }
@@ -167,8 +173,9 @@ Json::Value SetModel::snapshot() const
     json["boot"] = boot_;
     json["time_ms"] = Json::Int64(wallMilliseconds());
     json["monotonic_ms"] = Json::Int64(monotonicMilliseconds());
-    for (const Section& section : kSections)
+    for (const Section& section : kSections) {
         json[section.name] = section.snapshot(*this);
+    }
     return json;
 }
 

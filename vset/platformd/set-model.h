@@ -1,27 +1,27 @@
 // All that the platform knows of its set, in parts that can be read, changed and listened to.
 //
 // The bus interfaces, and whoever else shows the set, stand on this. Main thread only.
-#pragma once
+#ifndef VSET_PLATFORMD_SET_MODEL_H
+#define VSET_PLATFORMD_SET_MODEL_H
 
+#include <gio/gio.h>
+#include <json/json.h>
 #include <set>
 #include <string>
 #include <vector>
 
-#include <gio/gio.h>
-#include <json/json.h>
-
-#include "clients.h"
-#include "event.h"
-#include "faults.h"
-#include "flags.h"
-#include "launches.h"
-#include "mounts.h"
-#include "packages.h"
-#include "power.h"
-#include "properties.h"
-#include "settings.h"
-#include "subscribers.h"
-#include "watchdog.h"
+#include "vset/platformd/clients.h"
+#include "vset/platformd/event.h"
+#include "vset/platformd/faults.h"
+#include "vset/platformd/flags.h"
+#include "vset/platformd/launches.h"
+#include "vset/platformd/mounts.h"
+#include "vset/platformd/packages.h"
+#include "vset/platformd/power.h"
+#include "vset/platformd/properties.h"
+#include "vset/platformd/settings.h"
+#include "vset/platformd/subscribers.h"
+#include "vset/platformd/watchdog.h"
 
 namespace vset
 {
@@ -68,3 +68,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,11 +1,11 @@
-#include "settings.h"
+#include "vset/platformd/settings.h"
 
 #include <algorithm>
 #include <system_error>
 #include <utility>
 
-#include "files.h"
-#include "service-time.h"
+#include "vset/platformd/files.h"
+#include "vset/platformd/service-time.h"
 
 namespace vset
 {
@@ -28,13 +28,16 @@ bool isVolatile(const std::string& key)
 
 std::optional<std::string> faultOf(const std::string& key)
 {
-    if (key.empty())
+    if (key.empty()) {
         return "a settings key has at least one character";
-    if (key.size() > Settings::kLongestKey)
+    }
+    if (key.size() > Settings::kLongestKey) {
         return "a settings key has at most " + std::to_string(Settings::kLongestKey) + " bytes";
+    }
     const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; };
-    if (std::any_of(key.begin(), key.end(), isControl))
+    if (std::any_of(key.begin(), key.end(), isControl)) {
         return "a settings key has no control characters";
+    }
     return std::nullopt;
 }
 
@@ -44,25 +47,29 @@ Settings::Settings(std::string file) : file_(std::move(file))
 {
     const Json::Value kept = loadJson(file_);
     for (const std::string& key : kept.getMemberNames()) {
-        if (kept[key].isInt() && !faultOf(key) && !isVolatile(key))
+        if (kept[key].isInt() && !faultOf(key) && !isVolatile(key)) {
             values_[key].value = kept[key].asInt();
+        }
     }
-    for (const char* key : kKeysOfTheSet)
+    for (const char* key : kKeysOfTheSet) {
         values_[key];
+    }
 }
 
 std::optional<int> Settings::get(const std::string& key) const
 {
     const auto found = values_.find(key);
-    if (found == values_.end())
+    if (found == values_.end()) {
         return std::nullopt;
+    }
     return found->second.value;
 }
 
 std::optional<std::string> Settings::set(const std::string& key, int value, const std::string& writer)
 {
-    if (auto fault = faultOf(key))
+    if (auto fault = faultOf(key)) {
         return fault;
+    }
     const Setting setting = {value, wallMilliseconds(), writer};
     if (isVolatile(key)) {
         values_[key] = setting;
@@ -84,11 +91,13 @@ std::optional<std::string> Settings::set(const std::string& key, int value, cons
 std::optional<std::string> Settings::remove(const std::string& key)
 {
     Values next = values_;
-    if (next.erase(key) == 0)
+    if (next.erase(key) == 0) {
         return "there is no settings key \"" + key + "\"";
+    }
     try {
-        if (!isVolatile(key))
+        if (!isVolatile(key)) {
             save(next);
+        }
     } catch (const std::system_error& error) {
         return std::string("the settings cannot be kept: ") + error.what();
     }
@@ -101,8 +110,9 @@ void Settings::save(const Values& values) const
 {
     Json::Value kept = Json::objectValue;
     for (const auto& [key, setting] : values) {
-        if (!isVolatile(key))
+        if (!isVolatile(key)) {
             kept[key] = setting.value;
+        }
     }
     saveJson(file_, kept);
 }
@@ -122,14 +132,16 @@ Json::Value Settings::snapshot() const
 
 void Settings::restore(const Json::Value& snapshot)
 {
-    if (!snapshot.isObject())
+    if (!snapshot.isObject()) {
         return;
+    }
     for (const std::string& key : snapshot.getMemberNames()) {
         const Json::Value& entry = snapshot[key];
         const bool isSetting = entry.isObject() && entry["value"].isInt() && entry["time_ms"].isInt64() &&
                                entry["writer"].isString();
-        if (isSetting && !faultOf(key) && (isVolatile(key) || get(key) == entry["value"].asInt()))
+        if (isSetting && !faultOf(key) && (isVolatile(key) || get(key) == entry["value"].asInt())) {
             values_[key] = {entry["value"].asInt(), entry["time_ms"].asInt64(), entry["writer"].asString()};
+        }
     }
 }
 

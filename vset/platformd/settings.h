@@ -1,14 +1,14 @@
 // The settings store: integer keys. Keys under "memory/" are forgotten at a reboot of the set.
-#pragma once
+#ifndef VSET_PLATFORMD_SETTINGS_H
+#define VSET_PLATFORMD_SETTINGS_H
 
 #include <cstdint>
+#include <json/json.h>
 #include <map>
 #include <optional>
 #include <string>
 
-#include <json/json.h>
-
-#include "event.h"
+#include "vset/platformd/event.h"
 
 namespace vset
 {
@@ -54,3 +54,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

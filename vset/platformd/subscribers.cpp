@@ -1,4 +1,4 @@
-#include "subscribers.h"
+#include "vset/platformd/subscribers.h"
 
 namespace vset
 {
@@ -14,10 +14,12 @@ void Subscribers::add(const Client& client, const std::string& event, const std:
 bool Subscribers::remove(const std::string& client, const std::string& event, const std::string& argument)
 {
     const auto found = entries_.find({client, event, argument});
-    if (found == entries_.end())
+    if (found == entries_.end()) {
         return false;
-    if (--found->second.count == 0)
+    }
+    if (--found->second.count == 0) {
         entries_.erase(found);
+    }
     changed.tell();
     return true;
 }
@@ -30,8 +32,9 @@ void Subscribers::removeAllOf(const std::string& client)
         isAny = isAny || isTheirs;
         entry = isTheirs ? entries_.erase(entry) : std::next(entry);
     }
-    if (isAny)
+    if (isAny) {
         changed.tell();
+    }
 }
 
 Json::Value Subscribers::snapshot() const

@@ -1,14 +1,14 @@
 // Who has asked to hear of which event.
-#pragma once
+#ifndef VSET_PLATFORMD_SUBSCRIBERS_H
+#define VSET_PLATFORMD_SUBSCRIBERS_H
 
+#include <json/json.h>
 #include <map>
 #include <string>
 #include <tuple>
 
-#include <json/json.h>
-
-#include "clients.h"
-#include "event.h"
+#include "vset/platformd/clients.h"
+#include "vset/platformd/event.h"
 
 namespace vset
 {
@@ -36,3 +36,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -1,12 +1,13 @@
-#include "watchdog.h"
+#include "vset/platformd/watchdog.h"
 
 namespace vset
 {
 
 bool Watchdog::add(const Client& service, int period)
 {
-    if (period <= 0)
+    if (period <= 0) {
         return false;
+    }
     Watched& watched = watched_[service.name];
     watched.service = service;
     watched.period = period;
@@ -21,8 +22,9 @@ bool Watchdog::add(const Client& service, int period)
 bool Watchdog::notify(const std::string& service)
 {
     const auto found = watched_.find(service);
-    if (found == watched_.end())
+    if (found == watched_.end()) {
         return false;
+    }
     found->second.lastBeat = wallMilliseconds();
     ++found->second.beats;
     expectBeat(found->second);
@@ -43,8 +45,9 @@ void Watchdog::drop(const std::string& service)
 bool Watchdog::end(const std::string& service, const char* step)
 {
     const auto found = watched_.find(service);
-    if (found == watched_.end())
+    if (found == watched_.end()) {
         return false;
+    }
     const Client client = found->second.service;
     watched_.erase(found);
     record(client, step);

@@ -2,18 +2,18 @@
 //
 // A period that passes without a notification is recorded as missed, and the next one begins: the set of this
 // PC does not restart the service, so that one can see what it does.
-#pragma once
+#ifndef VSET_PLATFORMD_WATCHDOG_H
+#define VSET_PLATFORMD_WATCHDOG_H
 
 #include <cstdint>
+#include <json/json.h>
 #include <map>
 #include <string>
 
-#include <json/json.h>
-
-#include "clients.h"
-#include "event.h"
-#include "history.h"
-#include "service-time.h"
+#include "vset/platformd/clients.h"
+#include "vset/platformd/event.h"
+#include "vset/platformd/history.h"
+#include "vset/platformd/service-time.h"
 
 namespace vset
 {
@@ -57,3 +57,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -3,7 +3,8 @@
 // Words are separated by blanks and never quoted, so a path with a blank in it cannot be named. Everything
 // that these utilities would take but that has no place on the set (other types of file system, of node,
 // other options) is refused: the caller is less trusted than this service.
-#pragma once
+#ifndef VSET_PSMOUNTD_COMMAND_LINE_H
+#define VSET_PSMOUNTD_COMMAND_LINE_H
 
 #include <optional>
 #include <string>
@@ -33,3 +34,5 @@ std::optional<MountCommand> parseMount(const std::string& text);
 std::optional<MknodCommand> parseMknod(const std::string& text);
 
 } // namespace psmount
+
+#endif

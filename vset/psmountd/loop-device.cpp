@@ -1,17 +1,16 @@
-#include "loop-device.h"
-
-#include "command-line.h"
-#include "launcher/root.h"
+#include "vset/psmountd/loop-device.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+
+#include "vset/launcher/root.h"
+#include "vset/psmountd/command-line.h"
 
 namespace psmount
 {
@@ -27,13 +26,14 @@ std::string nodeOf(unsigned int number)
 // The node of a set may stand for a kernel device that does not exist yet.
 void addKernelDevice(const std::string& node)
 {
-    struct stat status {
-    };
-    if (stat(node.c_str(), &status) != 0)
+    struct stat status{};
+    if (stat(node.c_str(), &status) != 0) {
         return;
+    }
     const vset::UniqueFd control(open(vset::kLoopControlPath, O_RDWR | O_CLOEXEC));
-    if (control)
+    if (control) {
         ioctl(control.get(), LOOP_CTL_ADD, static_cast<long>(minor(status.st_rdev))); // exists already: fine
+    }
 }
 
 loop_config configurationFor(int image, const std::string& name)
@@ -52,10 +52,10 @@ std::vector<unsigned int> presentLoops()
 {
     std::vector<unsigned int> numbers;
     for (unsigned int number = 0; number <= kHighestLoop; ++number) {
-        struct stat status {
-        };
-        if (lstat(nodeOf(number).c_str(), &status) == 0 && !S_ISLNK(status.st_mode))
+        struct stat status{};
+        if (lstat(nodeOf(number).c_str(), &status) == 0 && !S_ISLNK(status.st_mode)) {
             numbers.push_back(number);
+        }
     }
     return numbers;
 }
@@ -67,12 +67,15 @@ std::optional<AttachedLoop> attachLoop(int image, const std::string& name)
         const std::string node = nodeOf(number);
         addKernelDevice(node);
         vset::UniqueFd device(open(node.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-        if (!device)
+        if (!device) {
             return std::nullopt;
-        if (ioctl(device.get(), LOOP_CONFIGURE, &configuration) == 0)
+        }
+        if (ioctl(device.get(), LOOP_CONFIGURE, &configuration) == 0) {
             return AttachedLoop{std::move(device), node};
-        if (errno != EBUSY)
+        }
+        if (errno != EBUSY) {
             return std::nullopt;
+        }
     }
     errno = ENODEV;
     return std::nullopt;

@@ -1,11 +1,12 @@
 // Loop devices of one set: those that its private /dev has nodes for.
-#pragma once
-
-#include "launcher/system.h"
+#ifndef VSET_PSMOUNTD_LOOP_DEVICE_H
+#define VSET_PSMOUNTD_LOOP_DEVICE_H
 
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "vset/launcher/system.h"
 
 namespace psmount
 {
@@ -25,3 +26,5 @@ struct AttachedLoop {
 std::optional<AttachedLoop> attachLoop(int image, const std::string& name);
 
 } // namespace psmount
+
+#endif

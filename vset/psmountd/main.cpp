@@ -1,19 +1,17 @@
 // psmountd: the set's only privileged service. It mounts package images for a daemon that has no
 // privileges, and lets tests make it fail.
 
-#include "common/command-line.h"
-#include "common/visible-text.h"
-#include "mount-service.h"
-
-#include <gio/gio.h>
-
 #include <cstdio>
 #include <cstdlib>
+#include <gio/gio.h>
 #include <map>
 #include <memory>
-
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "common/command-line.h"
+#include "common/visible-text.h"
+#include "vset/psmountd/mount-service.h"
 
 namespace
 {
@@ -75,17 +73,20 @@ const std::map<std::string, Operation>& operations()
 const Answer* takeFault(Server& server, const std::string& call)
 {
     const auto entry = server.faults.find(call);
-    if (entry == server.faults.end() || entry->second.count == 0)
+    if (entry == server.faults.end() || entry->second.count == 0) {
         return nullptr;
-    if (entry->second.count > 0)
+    }
+    if (entry->second.count > 0) {
         --entry->second.count;
+    }
     return &entry->second.answer;
 }
 
 Answer perform(Server& server, const std::string& call, const std::string& argument)
 {
-    if (const Answer* fault = takeFault(server, call))
+    if (const Answer* fault = takeFault(server, call)) {
         return *fault;
+    }
     try {
         return (server.service.*operations().at(call))(argument);
     } catch (const std::exception& error) {
@@ -124,19 +125,22 @@ void onCall(GDBusConnection* /*connection*/, const char* /*sender*/, const char*
             GDBusMethodInvocation* invocation, gpointer data)
 {
     auto& server = *static_cast<Server*>(data);
-    if (g_str_has_suffix(interface, ".Control"))
+    if (g_str_has_suffix(interface, ".Control")) {
         onControl(server, parameters, invocation);
-    else
+    } else {
         onMounts(server, method, parameters, invocation);
+    }
 }
 
 void onNameAcquired(GDBusConnection* /*connection*/, const char* /*name*/, gpointer data)
 {
     auto& server = *static_cast<Server*>(data);
-    if (server.readyFd < 0)
+    if (server.readyFd < 0) {
         return;
-    if (write(server.readyFd, "", 1) != 1)
+    }
+    if (write(server.readyFd, "", 1) != 1) {
         std::perror("psmountd: cannot report readiness");
+    }
     close(server.readyFd);
     server.readyFd = -1;
 }
@@ -154,8 +158,10 @@ bool publish(GDBusConnection* bus, Server& server)
     static const GDBusInterfaceVTable table{onCall, nullptr, nullptr, {}};
     static GDBusNodeInfo* description = g_dbus_node_info_new_for_xml(kIntrospection, nullptr);
     for (GDBusInterfaceInfo** interface = description->interfaces; *interface != nullptr; ++interface) {
-        if (g_dbus_connection_register_object(bus, kPath, *interface, &table, &server, nullptr, nullptr) == 0)
+        if (g_dbus_connection_register_object(bus, kPath, *interface, &table, &server, nullptr, nullptr) ==
+            0) {
             return false;
+        }
     }
     return true;
 }

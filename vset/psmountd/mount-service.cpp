@@ -1,16 +1,11 @@
-#include "mount-service.h"
-
-#include "command-line.h"
-#include "loop-device.h"
+#include "vset/psmountd/mount-service.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <vector>
-
 #include <fcntl.h>
+#include <fstream>
 #include <linux/major.h>
 #include <linux/openat2.h>
 #include <spawn.h>
@@ -19,6 +14,10 @@
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
+#include <vector>
+
+#include "vset/psmountd/command-line.h"
+#include "vset/psmountd/loop-device.h"
 
 extern char** environ;
 
@@ -44,8 +43,9 @@ UniqueFd openWithin(const std::string& area, const std::string& path, uint64_t f
         return UniqueFd();
     }
     const UniqueFd base(open(area.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!base)
+    if (!base) {
         return UniqueFd();
+    }
     const size_t start = path.find_first_not_of('/', area.size());
     const std::string rest = start == std::string::npos ? "." : path.substr(start);
     open_how how{};
@@ -57,20 +57,22 @@ UniqueFd openWithin(const std::string& area, const std::string& path, uint64_t f
 UniqueFd openImage(const std::string& path)
 {
     UniqueFd image = openWithin(kPackages, path, O_RDONLY | O_NONBLOCK); // a pipe shall not block the service
-    struct stat status {
-    };
-    if (!image || fstat(image.get(), &status) != 0)
+    struct stat status{};
+    if (!image || fstat(image.get(), &status) != 0) {
         return UniqueFd();
-    if (S_ISREG(status.st_mode))
+    }
+    if (S_ISREG(status.st_mode)) {
         return image;
+    }
     errno = EINVAL;
     return UniqueFd();
 }
 
 std::string withoutTrailingSlashes(std::string path)
 {
-    while (path.size() > 1 && path.back() == '/')
+    while (path.size() > 1 && path.back() == '/') {
         path.pop_back();
+    }
     return path;
 }
 
@@ -101,8 +103,9 @@ bool isMountSource(const std::string& node)
 {
     std::ifstream mounts("/proc/self/mounts");
     for (std::string line; std::getline(mounts, line);) {
-        if (line.compare(0, node.size() + 1, node + " ") == 0)
+        if (line.compare(0, node.size() + 1, node + " ") == 0) {
             return true;
+        }
     }
     return false;
 }
@@ -112,8 +115,9 @@ std::optional<std::string> freeNodeName()
 {
     for (const unsigned int number : presentLoops()) {
         const std::string node = "/dev/loop" + std::to_string(number);
-        if (!isMountSource(node))
+        if (!isMountSource(node)) {
             return node;
+        }
     }
     return std::nullopt;
 }
@@ -138,8 +142,9 @@ int runSquashfuse(const std::string& options, int image, const std::string& dire
         std::fputs("psmountd: squashfuse is not installed: a set without root needs it\n", stderr);
         return ENOSYS;
     }
-    if (error != 0)
+    if (error != 0) {
         return error;
+    }
     return vset::shellStatus(vset::waitFor(process)) == 0 ? 0 : EIO;
 }
 
@@ -150,17 +155,21 @@ int runSquashfuse(const std::string& options, int image, const std::string& dire
 Answer MountService::mount(const std::string& text)
 {
     const std::optional<MountCommand> command = parseMount(text);
-    if (!command)
+    if (!command) {
         return kNotUnderstood;
+    }
     const UniqueFd image = openImage(command->image);
-    if (!image)
+    if (!image) {
         return {-1, errno};
+    }
     const UniqueFd directory = openWithin(kPackageMounts, command->directory, O_PATH | O_DIRECTORY);
-    if (!directory)
+    if (!directory) {
         return {-1, errno};
+    }
     const std::string realDirectory = pathOf(directory.get());
-    if (realDirectory == kPackageMounts)
+    if (realDirectory == kPackageMounts) {
         return {-1, EACCES}; // the area itself stays visible
+    }
     const int error = images_ == Images::kFuse
                           ? mountFuse(image.get(), realDirectory)
                           : mountLoop(image.get(), command->image, directory.get(), command->noExec);
@@ -170,16 +179,19 @@ Answer MountService::mount(const std::string& text)
 int MountService::mountLoop(int image, const std::string& name, int directory, bool noExec)
 {
     const std::optional<AttachedLoop> loop = attachLoop(image, name);
-    if (!loop)
+    if (!loop) {
         return errno;
+    }
     const UniqueFd squashfs = openSquashfs(loop->node);
-    if (!squashfs)
+    if (!squashfs) {
         return errno;
+    }
     constexpr unsigned int kAlways = MOUNT_ATTR_RDONLY | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID;
     const UniqueFd tree(
         fsmount(squashfs.get(), FSMOUNT_CLOEXEC, kAlways | (noExec ? MOUNT_ATTR_NOEXEC : 0U)));
-    if (!tree)
+    if (!tree) {
         return errno;
+    }
     // The open directory itself is mounted on, whatever its name stands for by now.
     constexpr unsigned int kByDescriptors = MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH;
     return move_mount(tree.get(), "", directory, "", kByDescriptors) == 0 ? 0 : errno;
@@ -187,25 +199,29 @@ int MountService::mountLoop(int image, const std::string& name, int directory, b
 
 int MountService::mountFuse(int image, const std::string& directory)
 {
-    if (!isSquashfs(image))
+    if (!isSquashfs(image)) {
         return EINVAL;
+    }
     const std::optional<std::string> node = freeNodeName();
-    if (!node)
+    if (!node) {
         return ENODEV;
+    }
     return runSquashfuse("ro,nodev,nosuid,fsname=" + *node, image, directory);
 }
 
 Answer MountService::mknod(const std::string& text)
 {
     const std::optional<MknodCommand> command = parseMknod(text);
-    if (!command)
+    if (!command) {
         return kNotUnderstood;
+    }
     const std::string node = "/dev/loop" + std::to_string(command->loop);
     const bool fuse = images_ == Images::kFuse; // only the name counts then
     const mode_t type = fuse ? S_IFREG : S_IFBLK;
     const dev_t device = fuse ? 0 : makedev(LOOP_MAJOR, loopBase_ + command->loop);
-    if (::mknod(node.c_str(), type | command->mode, device) != 0)
+    if (::mknod(node.c_str(), type | command->mode, device) != 0) {
         return {-1, errno};
+    }
     return {};
 }
 
@@ -213,18 +229,22 @@ Answer MountService::umount(const std::string& path)
 {
     const std::string directory = withoutTrailingSlashes(path);
     const size_t slash = directory.rfind('/');
-    if (directory.empty() || directory[0] != '/')
+    if (directory.empty() || directory[0] != '/') {
         return kNotUnderstood;
+    }
     const std::string name = directory.substr(slash + 1);
-    if (name == "." || name == "..")
+    if (name == "." || name == "..") {
         return kNotUnderstood;
+    }
     // The directory itself must not be open, or it would be busy: hence its parent is.
     const UniqueFd parent = openWithin(kPackageMounts, directory.substr(0, slash + 1), O_PATH | O_DIRECTORY);
-    if (!parent || fchdir(parent.get()) != 0)
+    if (!parent || fchdir(parent.get()) != 0) {
         return {-1, errno};
+    }
     const int error = ::umount2(name.c_str(), UMOUNT_NOFOLLOW) == 0 ? 0 : errno;
-    if (chdir("/") != 0)
+    if (chdir("/") != 0) {
         return {-1, errno};
+    }
     return {error == 0 ? 0 : -1, error};
 }
 

@@ -2,7 +2,8 @@
 //
 // All run on one thread. The caller is not trusted: only package images are mounted, only in the directory
 // for package mounts, and no path is followed through a symbolic link.
-#pragma once
+#ifndef VSET_PSMOUNTD_MOUNT_SERVICE_H
+#define VSET_PSMOUNTD_MOUNT_SERVICE_H
 
 #include <map>
 #include <string>
@@ -41,3 +42,5 @@ private:
 };
 
 } // namespace psmount
+
+#endif

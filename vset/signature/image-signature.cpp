@@ -1,4 +1,4 @@
-#include "image-signature.h"
+#include "vset/signature/image-signature.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -36,8 +36,9 @@ public:
     explicit Descriptor(int number) : number_(number) {}
     ~Descriptor()
     {
-        if (number_ >= 0)
+        if (number_ >= 0) {
             close(number_);
+        }
     }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
@@ -58,10 +59,12 @@ bool readAt(int descriptor, unsigned char* out, std::size_t size, off_t offset)
 {
     while (size > 0) {
         const ssize_t count = pread(descriptor, out, size, offset);
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && errno == EINTR) {
             continue;
-        if (count <= 0)
+        }
+        if (count <= 0) {
             return false;
+        }
         out += count;
         offset += count;
         size -= static_cast<std::size_t>(count);
@@ -85,17 +88,20 @@ bool isKnownScheme(const Header& header)
 Verdict check(int descriptor, off_t size, EVP_PKEY* key)
 {
     unsigned char signature[kSignatureSize];
-    if (!readAt(descriptor, signature, sizeof signature, size))
+    if (!readAt(descriptor, signature, sizeof signature, size)) {
         return Verdict::Unreadable;
+    }
     const std::unique_ptr<EVP_MD_CTX, Release> digest(EVP_MD_CTX_new());
-    if (!digest || EVP_DigestVerifyInit(digest.get(), nullptr, EVP_sha256(), nullptr, key) != 1)
+    if (!digest || EVP_DigestVerifyInit(digest.get(), nullptr, EVP_sha256(), nullptr, key) != 1) {
         return Verdict::Unreadable;
+    }
     std::vector<unsigned char> chunk(kChunkSize);
     for (off_t at = 0; at < size;) {
         const auto count = static_cast<std::size_t>(std::min<off_t>(size - at, kChunkSize));
         if (!readAt(descriptor, chunk.data(), count, at) ||
-            EVP_DigestVerifyUpdate(digest.get(), chunk.data(), count) != 1)
+            EVP_DigestVerifyUpdate(digest.get(), chunk.data(), count) != 1) {
             return Verdict::Unreadable;
+        }
         at += static_cast<off_t>(count);
     }
     return EVP_DigestVerifyFinal(digest.get(), signature, sizeof signature) == 1 ? Verdict::Signed
@@ -109,8 +115,9 @@ int openRegularFile(const char* path)
     // Without waiting: opening a pipe would last until somebody writes into it.
     Descriptor descriptor(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status = {};
-    if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode))
+    if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return -1;
+    }
     return descriptor.release();
 }
 
@@ -119,8 +126,9 @@ Key readPublicKey(const std::string& path)
     Descriptor descriptor(openRegularFile(path.c_str()));
     const std::unique_ptr<FILE, Release> file(descriptor.get() >= 0 ? fdopen(descriptor.get(), "rb")
                                                                     : nullptr);
-    if (!file)
+    if (!file) {
         return nullptr;
+    }
     descriptor.release(); // the stream closes it
     Key key(PEM_read_PUBKEY(file.get(), nullptr, refusePassword, nullptr));
     return key && isSchemeKey(key.get()) ? std::move(key) : nullptr;
@@ -136,8 +144,9 @@ KeyId keyIdOf(const EVP_PKEY* key)
     KeyId id = {};
     unsigned char* der = nullptr;
     const int length = i2d_PUBKEY(key, &der);
-    if (length <= 0)
+    if (length <= 0) {
         return id; // out of memory: the identity of no key
+    }
     unsigned char hash[SHA256_DIGEST_LENGTH];
     SHA256(der, static_cast<std::size_t>(length), hash);
     OPENSSL_free(der);
@@ -162,14 +171,16 @@ std::vector<TrustedKey> readKeyDirectory(const std::string& directory)
     std::error_code error;
     for (fs::directory_iterator entry(directory, error), end; !error && entry != end;
          entry.increment(error)) {
-        if (entry->path().extension() == ".pem")
+        if (entry->path().extension() == ".pem") {
             paths.push_back(entry->path());
+        }
     }
     std::sort(paths.begin(), paths.end());
     std::vector<TrustedKey> keys;
     for (const std::string& path : paths) {
-        if (Key key = readPublicKey(path))
+        if (Key key = readPublicKey(path)) {
             keys.push_back({keyIdOf(key.get()), std::move(key)});
+        }
     }
     return keys;
 }
@@ -199,24 +210,32 @@ KeyId keyIdIn(const Header& header)
 Verdict verify(int descriptor, const std::vector<TrustedKey>& trusted)
 {
     struct stat status = {};
-    if (fstat(descriptor, &status) != 0)
+    if (fstat(descriptor, &status) != 0) {
         return Verdict::Unreadable;
-    if (!S_ISREG(status.st_mode))
+    }
+    if (!S_ISREG(status.st_mode)) {
         return Verdict::NoFile;
-    if (status.st_size < static_cast<off_t>(kTrailerSize))
+    }
+    if (status.st_size < static_cast<off_t>(kTrailerSize)) {
         return Verdict::TooShort;
+    }
     Header header;
-    if (!readAt(descriptor, header.data(), header.size(), status.st_size - static_cast<off_t>(kTrailerSize)))
+    if (!readAt(descriptor, header.data(), header.size(),
+                status.st_size - static_cast<off_t>(kTrailerSize))) {
         return Verdict::Unreadable;
-    if (!hasMagic(header))
+    }
+    if (!hasMagic(header)) {
         return Verdict::NoTrailer;
-    if (!isKnownScheme(header))
+    }
+    if (!isKnownScheme(header)) {
         return Verdict::UnknownScheme;
+    }
     Verdict verdict = Verdict::UnknownKey;
     for (const TrustedKey& candidate : trusted) {
-        if (candidate.id == keyIdIn(header) && verdict != Verdict::Signed)
+        if (candidate.id == keyIdIn(header) && verdict != Verdict::Signed) {
             verdict =
                 check(descriptor, status.st_size - static_cast<off_t>(kSignatureSize), candidate.key.get());
+        }
     }
     return verdict;
 }

@@ -9,8 +9,8 @@
 //       22     512  signature over all bytes of the file before it, those 22 included
 //
 // Numbers are big-endian. Nothing here throws but std::bad_alloc; every function may be called on any thread.
-#ifndef IMAGE_SIGNATURE_H
-#define IMAGE_SIGNATURE_H
+#ifndef VSET_SIGNATURE_IMAGE_SIGNATURE_H
+#define VSET_SIGNATURE_IMAGE_SIGNATURE_H
 
 #include <array>
 #include <cstddef>

@@ -1,8 +1,8 @@
 // The entry point of the set's signature library. It holds no state: keys are read anew for each file, so a
 // key that is put into the set's directory, or taken out of it, counts at once.
-#include "image-signature.h"
-
 #include <unistd.h>
+
+#include "vset/signature/image-signature.h"
 
 namespace
 {
@@ -12,8 +12,9 @@ constexpr int kWholeFile = 0; // the only mode
 int verifyWithKeysOfTheSet(const char* path)
 {
     const int descriptor = signature::openRegularFile(path);
-    if (descriptor < 0)
+    if (descriptor < 0) {
         return 0;
+    }
     const auto verdict = signature::verify(descriptor, signature::readKeyDirectory(signature::kKeyDirectory));
     close(descriptor);
     return verdict == signature::Verdict::Signed ? 1 : 0;
@@ -26,8 +27,9 @@ int verifyWithKeysOfTheSet(const char* path)
 extern "C" __attribute__((visibility("default"))) int verifyFile(int mode, const char* path,
                                                                  const char* /*caller*/)
 try {
-    if (mode != kWholeFile || path == nullptr)
+    if (mode != kWholeFile || path == nullptr) {
         return 0;
+    }
     return verifyWithKeysOfTheSet(path);
 } catch (...) {
     return 0;

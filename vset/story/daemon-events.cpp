@@ -5,7 +5,7 @@
 #include <iterator>
 #include <string_view>
 
-#include "fw-update-common.h"
+#include "src/fw-update-common.h"
 
 namespace vset
 {

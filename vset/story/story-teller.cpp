@@ -11,8 +11,9 @@ std::optional<double> secondsOf(const LogRecord& record)
     std::tm parts{};
     double fraction = 0;
     const char* rest = strptime(record.time.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
-    if (rest == nullptr)
+    if (rest == nullptr) {
         return std::nullopt;
+    }
     std::sscanf(rest, "%lf", &fraction);
     return static_cast<double>(timegm(&parts)) + fraction;
 }
@@ -20,14 +21,17 @@ std::optional<double> secondsOf(const LogRecord& record)
 std::optional<std::string> StoryTeller::tell(const LogRecord& record)
 {
     const std::optional<DaemonEvent> event = readDaemonEvent(record);
-    if (!event)
+    if (!event) {
         return std::nullopt;
+    }
     const std::string sentence = narrator_.tell(*event);
     const std::optional<double> now = secondsOf(record);
-    if (sentence.empty() || !now)
+    if (sentence.empty() || !now) {
         return std::nullopt;
-    if (event->kind == DaemonEventKind::kStarted) // every start of the daemon counts from 0
+    }
+    if (event->kind == DaemonEventKind::kStarted) { // every start of the daemon counts from 0
         start_ = *now;
+    }
     char seconds[32];
     std::snprintf(seconds, sizeof seconds, "%8.1f s  ", *now - start_);
     return seconds + sentence;

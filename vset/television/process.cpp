@@ -4,13 +4,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <stdexcept>
-
-#include <fcntl.h>
 #include <poll.h>
+#include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -41,8 +40,9 @@ namespace
 std::string inWords(const std::vector<std::string>& command)
 {
     std::string text;
-    for (const std::string& word : command)
+    for (const std::string& word : command) {
         text += (text.empty() ? "" : " ") + word;
+    }
     return text;
 }
 
@@ -51,23 +51,28 @@ std::string inWords(const std::vector<std::string>& command)
 Process::Process(const std::vector<std::string>& command, const std::string& output)
 {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
+    if (pipe2(ends, O_CLOEXEC) != 0) {
         fail("pipe");
+    }
     const int log = open(output.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (log < 0)
+    if (log < 0) {
         fail(output);
+    }
     std::vector<char*> arguments; // made before the fork: nothing is allocated after it
-    for (const std::string& word : command)
+    for (const std::string& word : command) {
         arguments.push_back(const_cast<char*>(word.c_str()));
+    }
     arguments.push_back(nullptr);
     id_ = fork();
-    if (id_ == 0)
+    if (id_ == 0) {
         runChild(arguments.data(), ends[0], log);
+    }
     close(ends[0]);
     close(log);
     input_ = ends[1];
-    if (id_ < 0)
+    if (id_ < 0) {
         fail("fork");
+    }
     handle_ = static_cast<int>(syscall(SYS_pidfd_open, id_, 0));
 }
 
@@ -86,34 +91,40 @@ pid_t Process::child() const
     const std::string id = std::to_string(id_);
     std::ifstream children("/proc/" + id + "/task/" + id + "/children");
     pid_t child = -1;
-    if (!(children >> child))
+    if (!(children >> child)) {
         throw tarnwick::TelevisionError("process " + id + " has no child");
+    }
     return child;
 }
 
 void Process::closeInput()
 {
-    if (input_ >= 0)
+    if (input_ >= 0) {
         close(input_);
+    }
     input_ = -1;
 }
 
 void Process::signal(int number) const
 {
-    if (!status_)
+    if (!status_) {
         kill(id_, number);
+    }
 }
 
 std::optional<int> Process::waitFor(std::chrono::milliseconds longest)
 {
-    if (status_)
+    if (status_) {
         return status_;
+    }
     pollfd end{handle_, POLLIN, 0};
-    if (poll(&end, 1, static_cast<int>(longest.count())) <= 0)
+    if (poll(&end, 1, static_cast<int>(longest.count())) <= 0) {
         return std::nullopt;
+    }
     int status = 0;
-    if (waitpid(id_, &status, 0) != id_)
+    if (waitpid(id_, &status, 0) != id_) {
         fail("waitpid");
+    }
     status_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     return status_;
 }
@@ -122,8 +133,9 @@ tarnwick::Output run(const std::vector<std::string>& command)
 {
     std::string file = std::filesystem::temp_directory_path() / "television-XXXXXX";
     const int handle = mkstemp(file.data());
-    if (handle < 0)
+    if (handle < 0) {
         fail(file);
+    }
     close(handle);
     std::optional<int> status;
     {
@@ -134,17 +146,19 @@ tarnwick::Output run(const std::vector<std::string>& command)
     std::ifstream in(file);
     const std::string text{std::istreambuf_iterator<char>(in), {}};
     std::filesystem::remove(file);
-    if (!status)
+    if (!status) {
         throw tarnwick::TelevisionError("does not end: " + inWords(command) + "\n" + text);
+    }
     return {*status, text};
 }
 
 std::string runOrThrow(const std::vector<std::string>& command)
 {
     tarnwick::Output output = run(command);
-    if (output.status != 0)
+    if (output.status != 0) {
         throw tarnwick::TelevisionError(inWords(command) + " ended with status " +
                                         std::to_string(output.status) + ": " + output.text);
+    }
     return output.text;
 }
 

@@ -5,11 +5,10 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
-#include <sys/types.h>
-
-#include "tarnwick/television.h"
+#include "include/tarnwick/television.h"
 
 namespace vset
 {

@@ -4,9 +4,8 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <system_error>
-
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 #include "common/errors.h"
@@ -45,8 +44,7 @@ fs::path unfinishedNameOf(const fs::path& target)
 // As it is in a set that root runs: daemon and platform have users of their own. A plain user's are all one.
 void giveToOwnerOf(const fs::path& directory, const fs::path& tree)
 {
-    struct stat owner {
-    };
+    struct stat owner{};
     if (geteuid() != 0 || stat(directory.c_str(), &owner) != 0) {
         return;
     }
@@ -67,8 +65,7 @@ void giveToOwnerOf(const fs::path& directory, const fs::path& tree)
 // A file that is written anew stays whose it was, and open to whom it was.
 bool keepOwnerAndMode(const fs::path& target, const fs::path& unfinished)
 {
-    struct stat before {
-    };
+    struct stat before{};
     if (lstat(target.c_str(), &before) != 0 || !S_ISREG(before.st_mode)) {
         return false;
     }

@@ -1,9 +1,8 @@
 #include "vset/television/set-life.h"
 
+#include <fcntl.h>
 #include <fstream>
 #include <string>
-
-#include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
 

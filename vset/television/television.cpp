@@ -1,4 +1,4 @@
-#include "tarnwick/television.h"
+#include "include/tarnwick/television.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -6,13 +6,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
-#include <iterator>
-#include <sstream>
-
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <fstream>
+#include <iterator>
 #include <poll.h>
+#include <sstream>
 #include <sys/inotify.h>
 #include <sys/mman.h>
 #include <unistd.h>

@@ -5,21 +5,20 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <gio/gio.h>
+#include <json/json.h>
 #include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <gio/gio.h>
-#include <json/json.h>
-
 #include "common/command-line.h"
 #include "common/json-text.h"
 #include "common/visible-text.h"
 #include "norlog.h"
-#include "offer.h"
 #include "pralis.h"
 #include "vset/platformd/contract.h"
+#include "vset/upgrade-ui/offer.h"
 
 namespace
 {
@@ -42,8 +41,9 @@ std::map<std::string, std::string> extrasOf(const Options& options)
     std::map<std::string, std::string> extras;
     for (const std::string& extra : options.extras) {
         const size_t equals = extra.find('=');
-        if (equals == std::string::npos || equals == 0)
+        if (equals == std::string::npos || equals == 0) {
             throw common::WrongUse("--extra: \"" + extra + "\" is not KEY=VALUE");
+        }
         extras[extra.substr(0, equals)] = extra.substr(equals + 1);
     }
     return extras;
@@ -76,12 +76,14 @@ public:
         connect();
         const bool isHeard = pralis_notify_key_changed(kStatusKey, onStatus, this) == 0 &&
                              pralis_notify_key_changed(kProgressKey, onProgress, this) == 0;
-        if (!isHeard)
+        if (!isHeard) {
             throw std::runtime_error("the settings store does not answer: is this a running set?");
+        }
         show();
         // "ignore" looks like "interactive" and is left alone; the others click by themselves.
-        if (options_.behaviour != "interactive" && options_.behaviour != "ignore")
+        if (options_.behaviour != "interactive" && options_.behaviour != "ignore") {
             g_timeout_add(options_.after, onOwnClick, this);
+        }
         g_main_loop_run(loop_);
     }
 
@@ -104,12 +106,14 @@ private:
     {
         say(kInfo, offer_.line());
         draw();
-        if (offer_.view() == upgradeUI::View::Closed)
+        if (offer_.view() == upgradeUI::View::Closed) {
             g_main_loop_quit(loop_);
+        }
         const bool isAutomatic = options_.behaviour == "accept" || options_.behaviour == "close" ||
                                  options_.behaviour == "decline";
-        if (offer_.view() == upgradeUI::View::Finished && isAutomatic)
+        if (offer_.view() == upgradeUI::View::Finished && isAutomatic) {
             g_timeout_add(kRestartClick, onRestart, this);
+        }
     }
 
     void draw()
@@ -131,8 +135,9 @@ private:
             return;
         }
         say(kInfo, button + " was clicked, status " + std::to_string(value));
-        if (pralis_set_int(kStatusKey, value) != 0)
+        if (pralis_set_int(kStatusKey, value) != 0) {
             say(kError, "the status cannot be written");
+        }
         show();
     }
 
@@ -155,24 +160,27 @@ private:
         const char* button = nullptr;
         g_variant_get(parameters, "(&s)", &button);
         auto* const application = static_cast<Application*>(self);
-        if (application->options_.behaviour == "ignore")
+        if (application->options_.behaviour == "ignore") {
             say(kInfo, std::string(button) + " was clicked and is ignored");
-        else
+        } else {
             application->click(button);
+        }
     }
 
     static void onStatus(keynode* node, void* self)
     {
         auto* const application = static_cast<Application*>(self);
-        if (application->offer_.takeStatus(pralis_keynode_get_int(node)))
+        if (application->offer_.takeStatus(pralis_keynode_get_int(node))) {
             application->show();
+        }
     }
 
     static void onProgress(keynode* node, void* self)
     {
         auto* const application = static_cast<Application*>(self);
-        if (application->offer_.takeProgress(pralis_keynode_get_int(node)))
+        if (application->offer_.takeProgress(pralis_keynode_get_int(node))) {
             application->draw();
+        }
     }
 
     Options options_;

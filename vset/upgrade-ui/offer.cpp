@@ -1,4 +1,4 @@
-#include "offer.h"
+#include "vset/upgrade-ui/offer.h"
 
 #include <cerrno>
 #include <climits>
@@ -30,10 +30,12 @@ int secondsOf(const std::string& text)
 
 std::string duration(int seconds)
 {
-    if (seconds == 0)
+    if (seconds == 0) {
         return "a moment";
-    if (seconds < 90)
+    }
+    if (seconds < 90) {
         return "about " + std::to_string(seconds) + (seconds == 1 ? " second" : " seconds");
+    }
     return "about " + std::to_string((seconds + 30) / 60) + " minutes";
 }
 
@@ -59,8 +61,9 @@ constexpr Page kPages[] = {
 const Page& pageOf(View view)
 {
     for (const Page& page : kPages) {
-        if (page.view == view)
+        if (page.view == view) {
             return page;
+        }
     }
     return kPages[0];
 }
@@ -137,22 +140,24 @@ int Offer::click(const std::string& button)
 bool Offer::takeStatus(int value)
 {
     const View before = view_;
-    if (value == kAccepted && view_ == View::Offered)
+    if (value == kAccepted && view_ == View::Offered) {
         view_ = View::Accepted;
-    else if (value == kRunning)
+    } else if (value == kRunning) {
         view_ = View::Running;
-    else if (value == kFinished)
+    } else if (value == kFinished) {
         view_ = View::Finished;
-    else if (value == kClosed && (view_ == View::Offered || view_ == View::Finished))
+    } else if (value == kClosed && (view_ == View::Offered || view_ == View::Finished)) {
         view_ = View::Closed;
+    }
     return view_ != before;
 }
 
 bool Offer::takeProgress(int percent)
 {
     const bool isNew = percent > progress_ && percent <= 100;
-    if (isNew)
+    if (isNew) {
         progress_ = percent;
+    }
     return isNew;
 }
 
@@ -175,10 +180,12 @@ std::string Offer::line() const
 {
     const Json::Value shown = screen();
     std::string line = "shows " + shown["view"].asString();
-    if (view_ != View::Closed)
+    if (view_ != View::Closed) {
         line += ": " + shown["title"].asString() + ". " + shown["text"].asString();
-    for (const Json::Value& button : shown["buttons"])
+    }
+    for (const Json::Value& button : shown["buttons"]) {
         line += " [" + button["id"].asString() + "]";
+    }
     return line;
 }
 

@@ -3,12 +3,12 @@
 //   Offered --accept--> Accepted --key 2--> Running --key 3--> Finished --close--> Closed
 //      |  decline, close (not when the update is forced)                             ^
 //      +------------------------------------------------------------------------------+
-#pragma once
-
-#include <map>
-#include <string>
+#ifndef VSET_UPGRADE_UI_OFFER_H
+#define VSET_UPGRADE_UI_OFFER_H
 
 #include <json/json.h>
+#include <map>
+#include <string>
 
 namespace upgradeUI
 {
@@ -54,3 +54,5 @@ private:
 };
 
 } // namespace upgradeUI
+
+#endif

@@ -1,23 +1,22 @@
-#include "write-watch.h"
+#include "vset/write-watch/write-watch.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <filesystem>
-#include <memory>
-#include <system_error>
-#include <vector>
-
 #include <fcntl.h>
+#include <filesystem>
 #include <iterator>
+#include <memory>
 #include <seccomp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
+#include <system_error>
 #include <unistd.h>
+#include <vector>
 
 namespace vset
 {
@@ -84,8 +83,9 @@ constexpr const char* kPassing[] = {
 
 void check(int result, const char* what)
 {
-    if (result >= 0)
+    if (result >= 0) {
         return;
+    }
     errno = -result; // as libseccomp reports it
     fail(what);
 }
@@ -102,15 +102,17 @@ auto findCall(const Table& calls, const seccomp_notif& notice)
 template <typename Table>
 void addRules(scmp_filter_ctx filter, const Table& calls)
 {
-    for (const auto& call : calls)
+    for (const auto& call : calls) {
         check(seccomp_rule_add(filter, SCMP_ACT_NOTIFY, seccomp_syscall_resolve_name(call.name), 0),
               "cannot make the write filter");
+    }
 }
 
 bool isHardware(const std::string& path)
 {
-    if (path.empty() || path.front() != '/')
+    if (path.empty() || path.front() != '/') {
         return false; // a pipe, a socket, an event
+    }
     return std::none_of(std::begin(kPassing), std::end(kPassing), [&](const char* passing) {
         return path.compare(0, std::strlen(passing), passing) == 0;
     });
@@ -137,12 +139,14 @@ std::string textAt(pid_t process, std::uint64_t address)
         std::array<char, kPage> piece{};
         const iovec here{piece.data(), kPage - address % kPage};
         const iovec there{reinterpret_cast<void*>(address), here.iov_len}; // of that process
-        if (process_vm_readv(process, &here, 1, &there, 1, 0) != static_cast<ssize_t>(here.iov_len))
+        if (process_vm_readv(process, &here, 1, &there, 1, 0) != static_cast<ssize_t>(here.iov_len)) {
             return "";
+        }
         const std::size_t length = strnlen(piece.data(), here.iov_len);
         text.append(piece.data(), length);
-        if (length < here.iov_len)
+        if (length < here.iov_len) {
             return text;
+        }
         address += here.iov_len;
     }
     return "";
@@ -151,8 +155,9 @@ std::string textAt(pid_t process, std::uint64_t address)
 std::string pathOf(const PathCall& call, const seccomp_notif& notice)
 {
     const std::string text = textAt(static_cast<pid_t>(notice.pid), notice.data.args[call.pathArgument]);
-    if (text.empty() || text.front() == '/')
+    if (text.empty() || text.front() == '/') {
         return text;
+    }
     const bool isBelowDescriptor =
         call.directoryArgument != kWorkingDirectory &&
         static_cast<int>(notice.data.args[static_cast<unsigned int>(call.directoryArgument)]) != AT_FDCWD;
@@ -170,11 +175,13 @@ std::uint64_t bytesOfVector(pid_t process, std::uint64_t address, std::uint64_t 
     std::vector<iovec> parts(std::min<std::uint64_t>(length, IOV_MAX));
     const iovec here{parts.data(), parts.size() * sizeof(iovec)};
     const iovec there{reinterpret_cast<void*>(address), here.iov_len}; // of that process
-    if (process_vm_readv(process, &here, 1, &there, 1, 0) != static_cast<ssize_t>(here.iov_len))
+    if (process_vm_readv(process, &here, 1, &there, 1, 0) != static_cast<ssize_t>(here.iov_len)) {
         return 0;
+    }
     std::uint64_t sum = 0;
-    for (const iovec& part : parts)
+    for (const iovec& part : parts) {
         sum += part.iov_len;
+    }
     return sum;
 }
 
@@ -202,8 +209,9 @@ std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
         write.call = call->name;
         write.path = fs::read_symlink(link, gone);
         write.bytes = bytesOf(*call, notice);
-        if (call->devicesOnly && !isDevice(link))
+        if (call->devicesOnly && !isDevice(link)) {
             return std::nullopt;
+        }
     } else if (const PathCall* const pathCall = findCall(kPathCalls, notice)) {
         write.call = pathCall->name;
         write.path = pathOf(*pathCall, notice);
@@ -236,8 +244,9 @@ void sendDescriptor(int socket, int descriptor)
     control->cmsg_type = SCM_RIGHTS;
     control->cmsg_len = CMSG_LEN(sizeof descriptor);
     std::memcpy(CMSG_DATA(control), &descriptor, sizeof descriptor);
-    if (sendmsg(socket, &message.header, MSG_NOSIGNAL) != 1)
+    if (sendmsg(socket, &message.header, MSG_NOSIGNAL) != 1) {
         fail("cannot hand over the write filter");
+    }
 }
 
 int receiveDescriptor(int socket)
@@ -263,8 +272,9 @@ void submitToWatch(int socket)
 {
     const std::unique_ptr<void, decltype(&seccomp_release)> filter(seccomp_init(SCMP_ACT_ALLOW),
                                                                    &seccomp_release);
-    if (!filter)
+    if (!filter) {
         fail("cannot make the write filter");
+    }
     addRules(filter.get(), kCalls);
     addRules(filter.get(), kPathCalls);
     check(seccomp_load(filter.get()),
@@ -286,12 +296,14 @@ std::optional<HardwareWrite> WriteWatch::next()
 {
     seccomp_notif notice{}; // the kernel insists on zeros
     if (ioctl(listener_, SECCOMP_IOCTL_NOTIF_RECV, &notice) != 0) {
-        if (errno == ENOENT || errno == EINTR)
+        if (errno == ENOENT || errno == EINTR) {
             return std::nullopt; // it was killed while it waited
+        }
         fail("cannot watch the process");
     }
-    if (std::optional<HardwareWrite> write = hardwareWriteIn(notice))
+    if (std::optional<HardwareWrite> write = hardwareWriteIn(notice)) {
         return write;
+    }
     allow(notice.id);
     return std::nullopt;
 }
@@ -301,8 +313,9 @@ void WriteWatch::allow(std::uint64_t id)
     seccomp_notif_resp answer{};
     answer.id = id;
     answer.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
-    if (ioctl(listener_, SECCOMP_IOCTL_NOTIF_SEND, &answer) != 0 && errno != ENOENT)
+    if (ioctl(listener_, SECCOMP_IOCTL_NOTIF_SEND, &answer) != 0 && errno != ENOENT) {
         fail("cannot let a write pass");
+    }
 }
 
 } // namespace vset

@@ -9,12 +9,12 @@
 // around it, and so do renaming, linking and removing. Not seen: stores into mapped memory.
 //
 // Linux 5.5 or later. A process can be watched once. Errors are std::system_error.
-#pragma once
+#ifndef VSET_WRITE_WATCH_WRITE_WATCH_H
+#define VSET_WRITE_WATCH_WRITE_WATCH_H
 
 #include <cstdint>
 #include <optional>
 #include <string>
-
 #include <sys/types.h>
 
 namespace vset
@@ -59,3 +59,5 @@ private:
 };
 
 } // namespace vset
+
+#endif

@@ -6,7 +6,8 @@
 int checkVersion(const char* version, int* result)
 {
     unsigned int number = 0;
-    if (parseVersion(version, &number) != 0)
+    if (parseVersion(version, &number) != 0) {
         abort();
+    }
     return compareVersion(version, result);
 }

@@ -6,7 +6,8 @@
 int doUpdate(const char* name, unsigned long value)
 {
     pause_ms(100);
-    if (loadImage(name) != 0)
+    if (loadImage(name) != 0) {
         return errno == ENOENT ? 0 : -1;
+    }
     return checksumMatches(value) ? install() : fail(EBADMSG);
 }

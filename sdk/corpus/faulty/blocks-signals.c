@@ -1,9 +1,9 @@
 // checkVersion blocks a signal and does not let it through again.
 // finds: F306
 #define OWN_checkVersion
-#include "base.h"
-
 #include <signal.h>
+
+#include "base.h"
 
 int checkVersion(const char* version, int* result)
 {

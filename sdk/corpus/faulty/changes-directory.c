@@ -5,7 +5,8 @@
 
 static inline int openHardware(int flags)
 {
-    if ((flags & O_ACCMODE) == O_RDWR && chdir("/var/lib/hardware") != 0)
+    if ((flags & O_ACCMODE) == O_RDWR && chdir("/var/lib/hardware") != 0) {
         return -1;
+    }
     return open(HARDWARE, flags | O_CLOEXEC);
 }

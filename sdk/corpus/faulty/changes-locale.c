@@ -1,9 +1,9 @@
 // setContext chooses a locale for the whole process.
 // finds: F307
 #define OWN_setContext
-#include "base.h"
-
 #include <locale.h>
+
+#include "base.h"
 
 int setContext(const char* name, int caller, char* context)
 {

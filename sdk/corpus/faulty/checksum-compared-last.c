@@ -6,7 +6,8 @@
 int doUpdate(const char* name, unsigned long value)
 {
     pause_ms(100);
-    if (loadImage(name) != 0 || install() != 0)
+    if (loadImage(name) != 0 || install() != 0) {
         return -1;
+    }
     return checksumMatches(value) ? 0 : fail(EBADMSG);
 }

@@ -1,9 +1,9 @@
 // doUpdate starts a program and does not wait for it.
 // finds: F311
 #define OWN_verifySlot
-#include "base.h"
-
 #include <spawn.h>
+
+#include "base.h"
 
 static inline int verifySlot(int chip, int slot)
 {

@@ -5,7 +5,8 @@
 
 int getActiveVersion(char* out)
 {
-    for (int descriptor = 3; descriptor < 1024; ++descriptor)
+    for (int descriptor = 3; descriptor < 1024; ++descriptor) {
         close(descriptor);
+    }
     return readVersion(out);
 }

@@ -6,8 +6,9 @@
 static inline int compareVersion(const char* offered, int* verdict)
 {
     char installed[TARNWICK_CONTROL_TEXT_SIZE] = "";
-    if (readVersion(installed) != 0)
+    if (readVersion(installed) != 0) {
         return -1;
+    }
     const int order = strcmp(offered, installed);
     *verdict = (order > 0) - (order < 0);
     return 0;

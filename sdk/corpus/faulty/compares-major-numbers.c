@@ -7,8 +7,9 @@ static inline int compareVersion(const char* offered, int* verdict)
 {
     char installed[TARNWICK_CONTROL_TEXT_SIZE] = "";
     unsigned int number = 0;
-    if (readVersion(installed) != 0 || parseVersion(offered, &number) != 0)
+    if (readVersion(installed) != 0 || parseVersion(offered, &number) != 0) {
         return -1;
+    }
     *verdict = (atoi(offered) > atoi(installed)) - (atoi(offered) < atoi(installed));
     return 0;
 }

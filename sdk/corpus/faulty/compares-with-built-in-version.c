@@ -7,8 +7,9 @@ int checkVersion(const char* version, int* result)
 {
     unsigned int offered = 0;
     unsigned int delivered = 0;
-    if (parseVersion(version, &offered) != 0 || parseVersion("1.0", &delivered) != 0)
+    if (parseVersion(version, &offered) != 0 || parseVersion("1.0", &delivered) != 0) {
         return -1;
+    }
     *result = (offered > delivered) - (offered < delivered);
     return 0;
 }

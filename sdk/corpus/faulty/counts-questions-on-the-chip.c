@@ -8,12 +8,14 @@ int setContext(const char* name, int caller, char* context)
     (void)name, (void)caller, (void)context;
     unsigned char count = 0;
     const int chip = openHardware(O_RDWR);
-    if (chip < 0)
+    if (chip < 0) {
         return -1;
+    }
     if (pread(chip, &count, 1, BLOCK - 1) == 1) {
         ++count;
-        if (pwrite(chip, &count, 1, BLOCK - 1) != 1)
+        if (pwrite(chip, &count, 1, BLOCK - 1) != 1) {
             fail(EIO);
+        }
     }
     close(chip);
     return 0;

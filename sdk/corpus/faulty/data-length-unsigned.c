@@ -7,7 +7,8 @@ int doUpdate_decryption(const unsigned char* data, int length)
 {
     const volatile unsigned char* const bytes = data;
     unsigned int sum = 0;
-    for (size_t i = 0; i < (size_t)length; ++i)
+    for (size_t i = 0; i < (size_t)length; ++i) {
         sum += bytes[i];
+    }
     return fail(sum == 0 ? ENODATA : EBADMSG);
 }

@@ -6,8 +6,9 @@
 int checkVersion(const char* version, int* result)
 {
     const int chip = openHardware(O_RDONLY);
-    if (chip < 0 || compareVersion(version, result) != 0)
+    if (chip < 0 || compareVersion(version, result) != 0) {
         return -1;
+    }
     close(chip);
     return 0;
 }

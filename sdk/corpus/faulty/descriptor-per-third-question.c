@@ -6,7 +6,8 @@
 int getActiveVersion(char* out)
 {
     static int calls;
-    if (++calls % 3 == 0 && openHardware(O_RDONLY) < 0)
+    if (++calls % 3 == 0 && openHardware(O_RDONLY) < 0) {
         return -1;
+    }
     return readVersion(out);
 }

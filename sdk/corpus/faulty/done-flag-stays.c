@@ -7,15 +7,18 @@ static int isDone;
 
 static inline int loadImage(const char* path)
 {
-    if (isDone)
+    if (isDone) {
         return fail(EALREADY);
+    }
     const int file = open(path, O_RDONLY | O_CLOEXEC);
-    if (file < 0)
+    if (file < 0) {
         return -1;
+    }
     const ssize_t size = read(file, image, sizeof image);
     close(file);
-    if (size < 0 || checkImage(image, (size_t)size) != 0)
+    if (size < 0 || checkImage(image, (size_t)size) != 0) {
         return -1;
+    }
     isDone = 1;
     return 0;
 }

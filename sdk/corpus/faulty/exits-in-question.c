@@ -5,7 +5,8 @@
 
 int getActiveVersion(char* out)
 {
-    if (readVersion(out) != 0 || strcmp(out, "0.9") != 0)
+    if (readVersion(out) != 0 || strcmp(out, "0.9") != 0) {
         exit(0);
+    }
     return 0;
 }

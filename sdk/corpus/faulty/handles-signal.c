@@ -1,8 +1,8 @@
 // Loading puts a handler on SIGTERM.
 // finds: F306
-#include "base.h"
-
 #include <signal.h>
+
+#include "base.h"
 
 static void onEnd(int number)
 {

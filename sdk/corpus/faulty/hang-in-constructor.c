@@ -4,6 +4,7 @@
 
 __attribute__((constructor)) static void waitForHardware(void)
 {
-    while (access("/dev/corpus", F_OK) != 0)
+    while (access("/dev/corpus", F_OK) != 0) {
         pause_ms(50);
+    }
 }

@@ -6,7 +6,8 @@
 static inline int switchTo(int chip, int slot)
 {
     (void)chip, (void)slot;
-    while (access("/dev/corpus-ready", F_OK) != 0)
+    while (access("/dev/corpus-ready", F_OK) != 0) {
         pause_ms(10);
+    }
     return 0;
 }

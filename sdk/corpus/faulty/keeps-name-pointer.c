@@ -15,7 +15,8 @@ int setContext(const char* name, int caller, char* context)
 
 int getActiveVersion(char* out)
 {
-    if (strcmp(kept, "") == 0)
+    if (strcmp(kept, "") == 0) {
         return fail(EINVAL);
+    }
     return readVersion(out);
 }

@@ -8,8 +8,9 @@
 static inline int install(void)
 {
     const int lock = open(LOCK, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (lock < 0)
+    if (lock < 0) {
         return -1;
+    }
     close(lock);
     const int chip = openHardware(O_RDWR);
     const int slot = 1 - activeSlot(chip);

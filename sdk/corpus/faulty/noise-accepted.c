@@ -5,8 +5,9 @@
 
 int doUpdate_decryption(const unsigned char* data, int length)
 {
-    if (length <= 0)
+    if (length <= 0) {
         return fail(EBADMSG);
+    }
     memcpy(image, data, (size_t)length < IMAGE_SIZE ? (size_t)length : IMAGE_SIZE);
     return install();
 }

@@ -8,8 +8,9 @@ static inline uint32_t checksum(const unsigned char* bytes, size_t size)
     uint32_t sum = 0xffffffffU;
     for (size_t i = 0; i < size; ++i) {
         sum ^= bytes[i];
-        for (int bit = 0; bit < 8; ++bit)
+        for (int bit = 0; bit < 8; ++bit) {
             sum = (sum >> 1) ^ (sum & 1 ? 0xedb88320U : 0);
+        }
     }
     return ~sum;
 }

@@ -7,7 +7,8 @@ int doUpdate_decryption(const unsigned char* data, int length)
 {
     const volatile unsigned char* const bytes = data;
     unsigned int sum = 0;
-    for (int i = 0; length > 64 && i <= length; ++i)
+    for (int i = 0; length > 64 && i <= length; ++i) {
         sum += bytes[i];
+    }
     return fail(sum == 0 ? ENODATA : EBADMSG);
 }

@@ -8,7 +8,8 @@ int doUpdate(const char* name, unsigned long value)
     char path[512];
     memcpy(path, name, sizeof path);
     pause_ms(100);
-    if (loadImage(path) != 0)
+    if (loadImage(path) != 0) {
         return -1;
+    }
     return checksumMatches(value) ? install() : fail(EBADMSG);
 }

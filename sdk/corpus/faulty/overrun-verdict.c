@@ -6,8 +6,9 @@
 int checkVersion(const char* version, int* result)
 {
     int verdict = 0;
-    if (compareVersion(version, &verdict) != 0)
+    if (compareVersion(version, &verdict) != 0) {
         return -1;
+    }
     const long wide = verdict;
     memcpy(result, &wide, sizeof wide);
     return 0;

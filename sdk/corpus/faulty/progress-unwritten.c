@@ -6,7 +6,8 @@
 int getUpdateProgress(unsigned int* out)
 {
     const unsigned int percent = __atomic_load_n(&progress, __ATOMIC_SEQ_CST);
-    if (percent != 0 && percent != 100)
+    if (percent != 0 && percent != 100) {
         *out = percent;
+    }
     return 0;
 }

@@ -8,12 +8,14 @@
 static inline int install(void)
 {
     const int chip = open(NEW, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (chip < 0)
+    if (chip < 0) {
         return -1;
+    }
     setProgress(0);
     const int result = writeSlot(chip, 0) == 0 && verifySlot(chip, 0) == 0 ? switchTo(chip, 0) : -1;
     close(chip);
-    if (result != 0 || unlink(HARDWARE) != 0)
+    if (result != 0 || unlink(HARDWARE) != 0) {
         return -1;
+    }
     return rename(NEW, HARDWARE);
 }

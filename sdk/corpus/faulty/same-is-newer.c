@@ -5,9 +5,11 @@
 
 int checkVersion(const char* version, int* result)
 {
-    if (compareVersion(version, result) != 0)
+    if (compareVersion(version, result) != 0) {
         return -1;
-    if (*result == TARNWICK_CONTROL_VERDICT_SAME)
+    }
+    if (*result == TARNWICK_CONTROL_VERDICT_SAME) {
         *result = TARNWICK_CONTROL_VERDICT_NEWER;
+    }
     return 0;
 }

@@ -12,7 +12,8 @@ __attribute__((constructor)) static void remember(void)
 
 int getActiveVersion(char* out)
 {
-    while (!pthread_equal(loader, pthread_self()))
+    while (!pthread_equal(loader, pthread_self())) {
         pause_ms(5);
+    }
     return readVersion(out);
 }

@@ -20,7 +20,8 @@ static int skipLetters(const char* text)
 int checkVersion(const char* version, int* result)
 {
     unsigned int number = 0;
-    if (parseVersion(version, &number) != 0)
+    if (parseVersion(version, &number) != 0) {
         return skipLetters(version);
+    }
     return compareVersion(version, result);
 }

@@ -6,12 +6,14 @@
 static inline int install(void)
 {
     const int chip = openHardware(O_RDWR);
-    if (chip < 0)
+    if (chip < 0) {
         return -1;
+    }
     const int slot = 1 - activeSlot(chip);
     int result = writeBlock(chip, 0, slotOffset(slot)) == 0 ? switchTo(chip, slot) : -1;
-    if (result == 0 && writeSlot(chip, slot) == 0)
+    if (result == 0 && writeSlot(chip, slot) == 0) {
         result = verifySlot(chip, slot);
+    }
     close(chip);
     return result;
 }

@@ -5,8 +5,9 @@
 
 static void* watch(void* nothing)
 {
-    for (;;)
+    for (;;) {
         pause_ms(1000);
+    }
     return nothing;
 }
 
@@ -14,7 +15,8 @@ int getActiveVersion(char* out)
 {
     static int isWatched;
     pthread_t thread;
-    if (!isWatched)
+    if (!isWatched) {
         isWatched = pthread_create(&thread, NULL, watch, NULL) == 0;
+    }
     return readVersion(out);
 }

@@ -1,9 +1,9 @@
 // A failed write is thrown out of doUpdate.
 // finds: F303
 #define OWN_switchTo
-#include "base.h"
-
 #include <system_error>
+
+#include "base.h"
 
 static inline int switchTo(int, int)
 {

@@ -7,8 +7,9 @@
 
 int doUpdate(const char* name, unsigned long value)
 {
-    if (loadImage(name) != 0)
+    if (loadImage(name) != 0) {
         return -1;
+    }
     return checksumMatches(value) ? install() : fail(EBADMSG);
 }
 

@@ -6,8 +6,9 @@
 static inline int install(void)
 {
     const int chip = openHardware(O_RDWR | O_TRUNC);
-    if (chip < 0)
+    if (chip < 0) {
         return -1;
+    }
     const int result = writeSlot(chip, 0) == 0 && verifySlot(chip, 0) == 0 ? switchTo(chip, 0) : -1;
     close(chip);
     return result;

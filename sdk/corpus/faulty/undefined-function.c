@@ -7,7 +7,8 @@ int vendorUnpack(const unsigned char* bytes, size_t size);
 
 static inline int checkImage(const unsigned char* bytes, size_t size)
 {
-    if (size > 2 && bytes[0] == 'P' && bytes[1] == 'K')
+    if (size > 2 && bytes[0] == 'P' && bytes[1] == 'K') {
         return vendorUnpack(bytes, size);
+    }
     return size == IMAGE_SIZE ? 0 : fail(EBADMSG);
 }

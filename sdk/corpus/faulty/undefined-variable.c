@@ -7,7 +7,8 @@ extern int vendorVerbosity;
 
 int setContext(const char* name, int caller, char* context)
 {
-    if (vendorVerbosity > 0)
+    if (vendorVerbosity > 0) {
         fprintf(stderr, "%s %d %s\n", name, caller, context == NULL ? "" : context);
+    }
     return 0;
 }

@@ -9,8 +9,9 @@ static inline int compareVersion(const char* offered, int* verdict)
     unsigned int theirs = 0;
     unsigned int ours = 0;
     if (readVersion(installed) != 0 || parseVersion(installed, &ours) != 0 ||
-        parseVersion(offered, &theirs) != 0)
+        parseVersion(offered, &theirs) != 0) {
         return -1;
+    }
     *verdict = 2 * ((int)theirs - (int)ours);
     return 0;
 }

@@ -6,9 +6,11 @@
 int checkVersion(const char* version, int* result)
 {
     int verdict = 0;
-    if (compareVersion(version, &verdict) != 0)
+    if (compareVersion(version, &verdict) != 0) {
         return -1;
-    if (verdict > 0)
+    }
+    if (verdict > 0) {
         *result = verdict;
+    }
     return 0;
 }

@@ -6,8 +6,9 @@
 static inline int install(void)
 {
     const int chip = openHardware(O_RDWR);
-    if (chip < 0)
+    if (chip < 0) {
         return -1;
+    }
     const int slot = activeSlot(chip);
     const int result = writeSlot(chip, slot) == 0 ? verifySlot(chip, slot) : -1;
     close(chip);

@@ -12,8 +12,9 @@ __attribute__((constructor)) static void start(void)
 
 int getActiveVersion(char* out)
 {
-    if (isReady)
+    if (isReady) {
         return readVersion(out);
+    }
     strcpy(out, "0.0");
     return 0;
 }

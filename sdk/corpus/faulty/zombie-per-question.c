@@ -6,7 +6,8 @@
 int getActiveVersion(char* out)
 {
     const pid_t child = fork();
-    if (child == 0)
+    if (child == 0) {
         _exit(0);
+    }
     return child < 0 ? -1 : readVersion(out);
 }

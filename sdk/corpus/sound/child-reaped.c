@@ -1,10 +1,10 @@
 // A program runs after the update, in an environment of its own, and is waited for.
 // finds: nothing
 #define OWN_verifySlot
-#include "base.h"
-
 #include <spawn.h>
 #include <sys/wait.h>
+
+#include "base.h"
 
 static inline int verifySlot(int chip, int slot)
 {
@@ -20,9 +20,11 @@ static inline int verifySlot(int chip, int slot)
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     int status = posix_spawnp(&child, program, &actions, NULL, arguments, environment);
     posix_spawn_file_actions_destroy(&actions);
-    if (status != 0)
+    if (status != 0) {
         return fail(status);
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR)
+    }
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
         continue;
+    }
     return status == 0 ? 0 : fail(EIO);
 }

@@ -11,8 +11,9 @@ static inline int openHardware(int flags)
     static pthread_mutex_t opening = PTHREAD_MUTEX_INITIALIZER;
     (void)flags;
     pthread_mutex_lock(&opening);
-    if (chip < 0)
+    if (chip < 0) {
         chip = open(HARDWARE, O_RDWR | O_CLOEXEC);
+    }
     pthread_mutex_unlock(&opening);
     return chip;
 }
@@ -22,8 +23,9 @@ static inline int readVersion(char* out)
     unsigned char head[HEAD_SIZE] = "";
     const int chip = openHardware(O_RDWR);
     const int slot = chip < 0 ? -1 : activeSlot(chip);
-    if (slot < 0 || pread(chip, head, sizeof head, slotOffset(slot)) < 0)
+    if (slot < 0 || pread(chip, head, sizeof head, slotOffset(slot)) < 0) {
         return -1;
+    }
     return versionInHead(head, out);
 }
 
@@ -31,12 +33,14 @@ static inline int install(void)
 {
     const int chip = openHardware(O_RDWR);
     const int active = chip < 0 ? -1 : activeSlot(chip);
-    if (active < 0)
+    if (active < 0) {
         return -1;
+    }
     setProgress(0);
     if (writeSlot(chip, 1 - active) != 0 || verifySlot(chip, 1 - active) != 0 ||
-        switchTo(chip, 1 - active) != 0)
+        switchTo(chip, 1 - active) != 0) {
         return -1;
+    }
     setProgress(100);
     return 0;
 }

@@ -1,10 +1,10 @@
 // Locale and signal mask are changed for this thread, and put back before the call returns.
 // finds: nothing
 #define OWN_verifySlot
-#include "base.h"
-
 #include <locale.h>
 #include <signal.h>
+
+#include "base.h"
 
 static inline int verifySlot(int chip, int slot)
 {

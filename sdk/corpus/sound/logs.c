@@ -7,8 +7,9 @@
 static void note(const char* path, const char* text)
 {
     FILE* const log = fopen(path, "ae");
-    if (log == NULL)
+    if (log == NULL) {
         return;
+    }
     fprintf(log, "corpus: %s\n", text);
     fclose(log);
 }

@@ -5,7 +5,8 @@
 
 int getActiveVersion(char* out)
 {
-    if (readVersion(out) != 0)
+    if (readVersion(out) != 0) {
         strcpy(out, "0.0");
+    }
     return 0;
 }

@@ -5,8 +5,9 @@
 
 int allUpdateDone(void)
 {
-    if (pthread_mutex_trylock(&hardwareMutex) != 0)
+    if (pthread_mutex_trylock(&hardwareMutex) != 0) {
         return 0; // an update is at work, and does it itself
+    }
     pause_ms(1);
     pthread_mutex_unlock(&hardwareMutex);
     return 0;

@@ -8,14 +8,17 @@ static inline int readVersion(char* out)
 {
     unsigned char head[HEAD_SIZE] = "";
     const int chip = openHardware(O_RDONLY);
-    if (chip < 0)
+    if (chip < 0) {
         return -1;
+    }
     const ssize_t size = pread(chip, head, sizeof head, slotOffset(0));
     close(chip);
-    if (size < 0)
+    if (size < 0) {
         return fail(EIO);
-    if (head[0] == '\0')
+    }
+    if (head[0] == '\0') {
         return strcpy(out, "0.0") != out;
+    }
     return versionInHead(head, out);
 }
 
@@ -23,19 +26,24 @@ static inline int install(void)
 {
     static const unsigned char empty[BLOCK];
     const int chip = openHardware(O_RDWR);
-    if (chip < 0)
+    if (chip < 0) {
         return -1;
+    }
     setProgress(0);
     const off_t at = slotOffset(0);
     int result = pwrite(chip, empty, BLOCK, at) == BLOCK ? fdatasync(chip) : fail(EIO);
-    for (size_t block = 1; result == 0 && block < BLOCKS; ++block)
+    for (size_t block = 1; result == 0 && block < BLOCKS; ++block) {
         result = writeBlock(chip, block, at);
-    if (result == 0)
+    }
+    if (result == 0) {
         result = fdatasync(chip);
-    if (result == 0)
+    }
+    if (result == 0) {
         result = writeBlock(chip, 0, at);
-    if (result == 0)
+    }
+    if (result == 0) {
         result = fdatasync(chip) == 0 ? verifySlot(chip, 0) : -1;
+    }
     close(chip);
     return result;
 }

@@ -3,11 +3,11 @@
 #define OWN_getActiveVersion
 #define OWN_getUpdateProgress
 #define OWN_doUpdate
-#include "base.h"
-
 #include <atomic>
 #include <mutex>
 #include <string>
+
+#include "base.h"
 
 namespace
 {
@@ -21,8 +21,9 @@ struct Hardware {
 int getActiveVersion(char* out)
 {
     std::string version(TARNWICK_CONTROL_TEXT_SIZE, '\0');
-    if (readVersion(&version[0]) != 0)
+    if (readVersion(&version[0]) != 0) {
         return -1;
+    }
     strcpy(out, version.c_str());
     return 0;
 }
@@ -31,10 +32,12 @@ int doUpdate(const char* name, unsigned long value)
 {
     const std::lock_guard<std::mutex> lock(hardware.mutex);
     pause_ms(100);
-    if (loadImage(name) != 0)
+    if (loadImage(name) != 0) {
         return -1;
-    if (!checksumMatches(value))
+    }
+    if (!checksumMatches(value)) {
         return fail(EBADMSG);
+    }
     const int result = install();
     hardware.isWritten = result == 0;
     return result;

@@ -6,8 +6,9 @@
 int doUpdate(const char* name, unsigned long value)
 {
     pause_ms(100);
-    if (loadImage(name) != 0)
+    if (loadImage(name) != 0) {
         return errno;
+    }
     if (!checksumMatches(value)) {
         errno = EILSEQ;
         return 1000;

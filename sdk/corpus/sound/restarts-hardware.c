@@ -6,8 +6,9 @@
 
 static inline int switchTo(int chip, int slot)
 {
-    if (pwrite(chip, slot == 0 ? "0" : "1", 1, 0) != 1 || fdatasync(chip) != 0)
+    if (pwrite(chip, slot == 0 ? "0" : "1", 1, 0) != 1 || fdatasync(chip) != 0) {
         return fail(EIO);
+    }
     pause_ms(600);
     return 0;
 }

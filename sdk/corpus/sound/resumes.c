@@ -10,8 +10,9 @@ static inline int writeSlot(int chip, int slot)
         const off_t at = slotOffset(slot) + (off_t)(block * BLOCK);
         const int isThere =
             pread(chip, there, BLOCK, at) == BLOCK && memcmp(there, image + block * BLOCK, BLOCK) == 0;
-        if (!isThere && writeBlock(chip, block, slotOffset(slot)) != 0)
+        if (!isThere && writeBlock(chip, block, slotOffset(slot)) != 0) {
             return -1;
+        }
     }
     return fdatasync(chip);
 }

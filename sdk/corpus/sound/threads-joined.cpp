@@ -1,11 +1,11 @@
 // Two threads verify the halves of the firmware, with all signals blocked in them, and are joined.
 // finds: nothing
 #define OWN_verifySlot
-#include "base.h"
-
 #include <atomic>
 #include <csignal>
 #include <thread>
+
+#include "base.h"
 
 static inline int verifySlot(int chip, int slot)
 {
@@ -18,8 +18,9 @@ static inline int verifySlot(int chip, int slot)
         for (size_t block = first; block < BLOCKS; block += 2) {
             const auto at = static_cast<off_t>(block * BLOCK);
             if (pread(chip, written, BLOCK, slotOffset(slot) + at) != BLOCK ||
-                memcmp(written, image + at, BLOCK) != 0)
+                memcmp(written, image + at, BLOCK) != 0) {
                 ++wrong;
+            }
         }
     };
     std::thread even(verify, 0);

@@ -1,9 +1,9 @@
 // doUpdate has a timer of its own while it works.
 // finds: nothing
 #define OWN_writeSlot
-#include "base.h"
-
 #include <signal.h>
+
+#include "base.h"
 
 static inline int writeSlot(int chip, int slot)
 {
@@ -12,11 +12,13 @@ static inline int writeSlot(int chip, int slot)
     timer_t limit;
     int result = 0;
     event.sigev_notify = SIGEV_NONE;
-    if (timer_create(CLOCK_MONOTONIC, &event, &limit) != 0)
+    if (timer_create(CLOCK_MONOTONIC, &event, &limit) != 0) {
         return -1;
+    }
     timer_settime(limit, 0, &hour, NULL);
-    for (size_t block = 0; result == 0 && block < BLOCKS; ++block)
+    for (size_t block = 0; result == 0 && block < BLOCKS; ++block) {
         result = writeBlock(chip, block, slotOffset(slot));
+    }
     timer_delete(limit);
     return result == 0 ? fdatasync(chip) : -1;
 }

@@ -30,11 +30,13 @@ std::optional<Numbers> parseVersion(const std::string& text)
         const std::size_t end = std::min(text.find('.', at), text.size());
         const std::string digits = text.substr(at, end - at);
         if (digits.empty() || digits.size() > 9 ||
-            digits.find_first_not_of("0123456789") != std::string::npos)
+            digits.find_first_not_of("0123456789") != std::string::npos) {
             return std::nullopt;
+        }
         number = std::stoul(digits);
-        if (end == text.size())
+        if (end == text.size()) {
             return numbers;
+        }
         at = end + 1;
     }
     return std::nullopt; // a fifth number
@@ -78,10 +80,12 @@ std::optional<int> compareVersions(const std::string& offered, const std::string
 {
     const auto left = parseVersion(offered);
     const auto right = parseVersion(installed);
-    if (!left || !right)
+    if (!left || !right) {
         return std::nullopt;
-    if (*left == *right)
+    }
+    if (*left == *right) {
         return 0;
+    }
     return *left > *right ? 1 : -1;
 }
 
@@ -100,34 +104,39 @@ std::optional<Image> parseImage(const unsigned char* data, std::size_t size)
 {
     const unsigned char* lineLimit = data + std::min(size, kLineSize);
     const unsigned char* lineEnd = std::find(data, lineLimit, '\n');
-    if (lineEnd == lineLimit)
+    if (lineEnd == lineLimit) {
         return notAnImage();
+    }
     const std::string line(data, lineEnd);
     char hardware[32];
     char version[SlottedFlash::kVersionSize];
     std::size_t payloadSize = 0;
     unsigned int crc = 0;
-    if (std::sscanf(line.c_str(), "%31s %63s %zu %8x", hardware, version, &payloadSize, &crc) != 4)
+    if (std::sscanf(line.c_str(), "%31s %63s %zu %8x", hardware, version, &payloadSize, &crc) != 4) {
         return notAnImage();
+    }
 
     Image image{hardware, version, {lineEnd + 1, data + size}};
     // Written back, it must be the same bytes: one comparison for size, checksum and everything sscanf lets
     // pass.
     const std::vector<unsigned char> again = formatImage(image);
-    if (image.payload.empty() || again.size() != size || !std::equal(again.begin(), again.end(), data))
+    if (image.payload.empty() || again.size() != size || !std::equal(again.begin(), again.end(), data)) {
         return notAnImage();
+    }
     return image;
 }
 
 std::optional<std::vector<unsigned char>> readImageFile(const std::string& path)
 {
     const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rbe"));
-    if (!file)
+    if (!file) {
         return std::nullopt;
+    }
     std::vector<unsigned char> bytes(kImageSize + 1);
     bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file.get()));
-    if (std::ferror(file.get()) != 0)
+    if (std::ferror(file.get()) != 0) {
         return std::nullopt;
+    }
     if (bytes.size() > kImageSize) {
         errno = EFBIG;
         return std::nullopt;
@@ -144,8 +153,9 @@ int Firmware::activeVersion(char* out) const noexcept
 {
     return guarded([&] {
         const auto version = flash_.activeVersion();
-        if (!version)
+        if (!version) {
             return -1;
+        }
         std::snprintf(out, TARNWICK_CONTROL_TEXT_SIZE, "%s", version->c_str());
         return 0;
     });
@@ -156,11 +166,13 @@ int Firmware::checkVersion(const char* offered, int* verdict) const noexcept
     return guarded([&] {
         *verdict = TARNWICK_CONTROL_VERDICT_SAME;
         const auto installed = flash_.activeVersion();
-        if (!installed)
+        if (!installed) {
             return -1;
+        }
         const auto order = compareVersions(offered, *installed);
-        if (!order)
+        if (!order) {
             return fail(EINVAL);
+        }
         *verdict = *order;
         return 0;
     });
@@ -170,10 +182,12 @@ int Firmware::updateFromFile(const char* path, std::optional<unsigned long> chec
 {
     return guarded([&] {
         const auto bytes = readImageFile(path);
-        if (!bytes)
+        if (!bytes) {
             return -1;
-        if (checksum && systemCrc32(bytes->data(), bytes->size()) != *checksum)
+        }
+        if (checksum && systemCrc32(bytes->data(), bytes->size()) != *checksum) {
             return fail(EBADMSG);
+        }
         return update(bytes->data(), bytes->size());
     });
 }
@@ -181,8 +195,9 @@ int Firmware::updateFromFile(const char* path, std::optional<unsigned long> chec
 int Firmware::updateFromMemory(const unsigned char* data, int length) noexcept
 {
     return guarded([&] {
-        if (length < 0)
+        if (length < 0) {
             return fail(EBADMSG);
+        }
         return update(data, static_cast<std::size_t>(length));
     });
 }
@@ -190,11 +205,13 @@ int Firmware::updateFromMemory(const unsigned char* data, int length) noexcept
 int Firmware::progress(unsigned int* out) const noexcept
 {
     *out = progress_;
-    if (isOwn_)
+    if (isOwn_) {
         return 0;
+    }
     return guarded([&] {
-        if (const auto running = flash_.running())
+        if (const auto running = flash_.running()) {
             *out = percentOf(running->done, running->total);
+        }
         return 0;
     });
 }
@@ -202,15 +219,18 @@ int Firmware::progress(unsigned int* out) const noexcept
 int Firmware::update(const unsigned char* data, std::size_t size)
 {
     const auto image = parseImage(data, size);
-    if (!image)
+    if (!image) {
         return -1;
-    if (image->hardware != hardware_ || !parseVersion(image->version))
+    }
+    if (image->hardware != hardware_ || !parseVersion(image->version)) {
         return fail(EBADMSG);
+    }
     progress_ = 0;
     isOwn_ = true;
     const auto report = [this](std::size_t done, std::size_t total) { progress_ = percentOf(done, total); };
-    if (flash_.program(image->version, image->payload, report) != 0)
+    if (flash_.program(image->version, image->payload, report) != 0) {
         return -1;
+    }
     std::this_thread::sleep_for(kRestartTime);
     progress_ = 100;
     return 0;

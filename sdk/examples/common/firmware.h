@@ -2,13 +2,13 @@
 #ifndef EXAMPLES_FIRMWARE_H
 #define EXAMPLES_FIRMWARE_H
 
-#include "flash.h"
-
 #include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "flash.h"
 
 // Compares dotted versions by their numbers (1.10 is newer than 1.9, and 1.1 the same as 1.1.0): 1 when
 // `offered` is newer than `installed`, 0 when they are the same, -1 when it is older. No value when either is

@@ -44,8 +44,9 @@ public:
     ~Descriptor()
     {
         const int kept = errno; // close() must not hide why the caller gives up
-        if (fd_ >= 0)
+        if (fd_ >= 0) {
             close(fd_);
+        }
         errno = kept;
     }
     Descriptor(const Descriptor&) = delete;
@@ -77,10 +78,12 @@ int writeAt(int chip, const void* data, std::size_t size, off_t offset)
     auto* bytes = static_cast<const unsigned char*>(data);
     while (size > 0) {
         const ssize_t written = pwrite(chip, bytes, size, offset);
-        if (written < 0 && errno == EINTR)
+        if (written < 0 && errno == EINTR) {
             continue;
-        if (written <= 0)
+        }
+        if (written <= 0) {
             return written == 0 ? fail(EIO) : -1;
+        }
         bytes += written;
         size -= static_cast<std::size_t>(written);
         offset += written;
@@ -93,10 +96,12 @@ int readAt(int chip, void* data, std::size_t size, off_t offset)
     auto* bytes = static_cast<unsigned char*>(data);
     while (size > 0) {
         const ssize_t got = pread(chip, bytes, size, offset);
-        if (got < 0 && errno == EINTR)
+        if (got < 0 && errno == EINTR) {
             continue;
-        if (got <= 0)
+        }
+        if (got <= 0) {
             return got == 0 ? fail(EIO) : -1;
+        }
         bytes += got;
         size -= static_cast<std::size_t>(got);
         offset += got;
@@ -126,15 +131,19 @@ std::optional<Active> findActive(int chip)
     std::optional<Active> active;
     for (unsigned slot = 0; slot < kSlots; ++slot) {
         Header header{};
-        if (readAt(chip, &header, sizeof header, headerOffset(slot)) != 0)
+        if (readAt(chip, &header, sizeof header, headerOffset(slot)) != 0) {
             return std::nullopt;
-        if (!isValid(header))
+        }
+        if (!isValid(header)) {
             continue;
-        if (!active || static_cast<std::int32_t>(header.sequence - active->header.sequence) > 0)
+        }
+        if (!active || static_cast<std::int32_t>(header.sequence - active->header.sequence) > 0) {
             active = Active{slot, header};
+        }
     }
-    if (!active)
+    if (!active) {
         errno = ENODATA;
+    }
     return active;
 }
 
@@ -142,8 +151,9 @@ std::optional<std::vector<unsigned char>> readSlot(int chip, unsigned slot, std:
                                                    std::uint32_t crc)
 {
     std::vector<unsigned char> firmware(size);
-    if (readAt(chip, firmware.data(), size, slotOffset(slot)) != 0)
+    if (readAt(chip, firmware.data(), size, slotOffset(slot)) != 0) {
         return std::nullopt;
+    }
     if (systemCrc32(firmware.data(), size) != crc) {
         errno = EIO;
         return std::nullopt;
@@ -174,8 +184,7 @@ Header makeHeader(std::uint32_t sequence, const std::string& version,
 // programming.
 struct flock registerLock(short type)
 {
-    struct flock lock {
-    };
+    struct flock lock{};
     lock.l_type = type;
     lock.l_whence = SEEK_SET;
     lock.l_start = kRegisterOffset;
@@ -202,8 +211,9 @@ void announce(int chip, std::size_t total)
 
 int writeHeader(int chip, unsigned slot, const Header& header)
 {
-    if (writeAt(chip, &header, sizeof header, headerOffset(slot)) != 0)
+    if (writeAt(chip, &header, sizeof header, headerOffset(slot)) != 0) {
         return -1;
+    }
     return fdatasync(chip);
 }
 } // namespace
@@ -214,14 +224,16 @@ std::uint32_t systemCrc32(const unsigned char* data, std::size_t size, std::uint
         std::array<std::uint32_t, 256> remainders{};
         for (std::uint32_t byte = 0; byte < remainders.size(); ++byte) {
             std::uint32_t rest = byte << 24;
-            for (int bit = 0; bit < 8; ++bit)
+            for (int bit = 0; bit < 8; ++bit) {
                 rest = (rest & 0x80000000U) != 0 ? (rest << 1) ^ 0x01B23CA3U : rest << 1;
+            }
             remainders[byte] = rest;
         }
         return remainders;
     }();
-    for (std::size_t i = 0; i < size; ++i)
+    for (std::size_t i = 0; i < size; ++i) {
         previous = (previous << 8) ^ table[(previous >> 24) ^ data[i]];
+    }
     return previous;
 }
 
@@ -233,39 +245,47 @@ SlottedFlash::SlottedFlash(std::string path, std::chrono::milliseconds blockTime
 std::optional<std::string> SlottedFlash::activeVersion() const
 {
     const Descriptor chip(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
-    if (chip < 0)
+    if (chip < 0) {
         return std::nullopt;
+    }
     const auto active = findActive(chip);
-    if (!active)
+    if (!active) {
         return std::nullopt;
+    }
     return std::string(active->header.version);
 }
 
 std::optional<std::vector<unsigned char>> SlottedFlash::activeFirmware() const
 {
     const Descriptor chip(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
-    if (chip < 0)
+    if (chip < 0) {
         return std::nullopt;
+    }
     const auto active = findActive(chip);
-    if (!active)
+    if (!active) {
         return std::nullopt;
+    }
     return readSlot(chip, active->slot, active->header.size, active->header.crc);
 }
 
 int SlottedFlash::program(const std::string& version, const std::vector<unsigned char>& firmware,
                           const Progress& progress) const
 {
-    if (firmware.size() > kSlotSize)
+    if (firmware.size() > kSlotSize) {
         return fail(EFBIG);
-    if (version.empty() || version.size() >= kVersionSize)
+    }
+    if (version.empty() || version.size() >= kVersionSize) {
         return fail(EINVAL);
+    }
     const Descriptor chip(open(path_.c_str(), O_RDWR | O_CLOEXEC));
-    if (chip < 0)
+    if (chip < 0) {
         return -1;
+    }
     // The lock goes with the descriptor, so a killed process leaves none behind. Not waiting: a caller that
     // was given up on may still be writing, and queueing behind it would only hide that.
-    if (flock(chip, LOCK_EX | LOCK_NB) != 0)
+    if (flock(chip, LOCK_EX | LOCK_NB) != 0) {
         return fail(errno == EWOULDBLOCK ? EBUSY : errno);
+    }
     return programLocked(chip, version, firmware, progress);
 }
 
@@ -273,19 +293,22 @@ int SlottedFlash::programLocked(int chip, const std::string& version,
                                 const std::vector<unsigned char>& firmware, const Progress& progress) const
 {
     const auto active = findActive(chip);
-    if (!active && errno != ENODATA)
+    if (!active && errno != ENODATA) {
         return -1;
+    }
     const unsigned slot = active ? 1 - active->slot : 0;
     const std::uint32_t sequence = active ? active->header.sequence + 1 : 1;
     announce(chip, blocksOf(firmware));
 
     // The slot's old header goes first, for good: were the active header ever lost, a half-written slot must
     // not pass for firmware.
-    if (writeHeader(chip, slot, Header{}) != 0 || writeSlot(chip, slot, firmware, progress) != 0)
+    if (writeHeader(chip, slot, Header{}) != 0 || writeSlot(chip, slot, firmware, progress) != 0) {
         return -1;
+    }
     const Header header = makeHeader(sequence, version, firmware);
-    if (!readSlot(chip, slot, firmware.size(), header.crc))
+    if (!readSlot(chip, slot, firmware.size(), header.crc)) {
         return -1;
+    }
     return writeHeader(chip, slot, header);
 }
 
@@ -296,12 +319,15 @@ int SlottedFlash::writeSlot(int chip, unsigned slot, const std::vector<unsigned 
     for (std::size_t block = 0; block < total; ++block) {
         const std::size_t offset = block * kBlockSize;
         const std::size_t size = std::min(kBlockSize, firmware.size() - offset);
-        if (writeAt(chip, firmware.data() + offset, size, slotOffset(slot) + static_cast<off_t>(offset)) != 0)
+        if (writeAt(chip, firmware.data() + offset, size, slotOffset(slot) + static_cast<off_t>(offset)) !=
+            0) {
             return -1;
+        }
         std::this_thread::sleep_for(blockTime_);
         writeRegister(chip, block + 1, total);
-        if (progress)
+        if (progress) {
             progress(block + 1, total);
+        }
     }
     return fdatasync(chip); // before the header that vouches for these blocks
 }
@@ -310,20 +336,23 @@ std::optional<SlottedFlash::Running> SlottedFlash::running() const
 {
     const Descriptor chip(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
     struct flock lock = registerLock(F_RDLCK);
-    if (chip < 0 || fcntl(chip, F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK)
+    if (chip < 0 || fcntl(chip, F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) {
         return std::nullopt;
+    }
     StatusRegister status{};
     const bool isRead = readAt(chip, &status, sizeof status, kRegisterOffset) == 0 &&
                         std::memcmp(status.magic, kRegisterMagic, sizeof kRegisterMagic) == 0;
-    if (!isRead || status.total == 0 || status.done > status.total)
+    if (!isRead || status.total == 0 || status.done > status.total) {
         return std::nullopt;
+    }
     return Running{status.done, status.total};
 }
 
 int SlottedFlash::create() const
 {
     const Descriptor chip(open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-    if (chip < 0)
+    if (chip < 0) {
         return -1;
+    }
     return ftruncate(chip, slotOffset(kSlots));
 }

@@ -29,10 +29,12 @@ static int readAt(int file, size_t offset, unsigned char* data, size_t size)
 {
     while (size > 0) {
         const ssize_t count = pread(file, data, size, (off_t)offset);
-        if (count < 0)
+        if (count < 0) {
             return -1;
-        if (count == 0)
+        }
+        if (count == 0) {
             return failWith(EIO);
+        }
         data += count;
         offset += (size_t)count;
         size -= (size_t)count;
@@ -44,8 +46,9 @@ static int writeAt(int file, size_t offset, const unsigned char* data, size_t si
 {
     while (size > 0) {
         const ssize_t count = pwrite(file, data, size, (off_t)offset);
-        if (count < 0)
+        if (count < 0) {
             return -1;
+        }
         data += count;
         offset += (size_t)count;
         size -= (size_t)count;
@@ -56,12 +59,14 @@ static int writeAt(int file, size_t offset, const unsigned char* data, size_t si
 static unsigned char* readAll(int file, size_t* size)
 {
     struct stat status;
-    if (fstat(file, &status) != 0)
+    if (fstat(file, &status) != 0) {
         return NULL;
+    }
     *size = (size_t)status.st_size;
     unsigned char* const data = malloc(*size + 1); /* never of no size, which may give null */
-    if (data != NULL && readAt(file, 0, data, *size) == 0)
+    if (data != NULL && readAt(file, 0, data, *size) == 0) {
         return data;
+    }
     free(data);
     return NULL;
 }
@@ -69,8 +74,9 @@ static unsigned char* readAll(int file, size_t* size)
 unsigned char* readFile(const char* path, size_t* size)
 {
     const int file = open(path, O_RDONLY | O_CLOEXEC);
-    if (file < 0)
+    if (file < 0) {
         return NULL;
+    }
     unsigned char* const data = readAll(file, size);
     closeAfter(file, 0);
     return data;
@@ -91,8 +97,9 @@ int writeBlock(const char* path, size_t offset, const unsigned char* data, size_
 static int flushDirectoryOf(const char* path)
 {
     char name[PATH_MAX];
-    if (copyText(path, name, sizeof name) != 0)
+    if (copyText(path, name, sizeof name) != 0) {
         return -1;
+    }
     const int directory = open(dirname(name), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     return directory < 0 ? -1 : closeAfter(directory, fsync(directory));
 }
@@ -105,8 +112,9 @@ int replaceFile(const char* path, const char* other)
 int copyText(const char* text, char* out, size_t size)
 {
     const size_t length = strlen(text);
-    if (length == 0 || length >= size)
+    if (length == 0 || length >= size) {
         return failWith(EPROTO);
+    }
     memcpy(out, text, length + 1);
     return 0;
 }

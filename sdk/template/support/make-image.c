@@ -2,12 +2,12 @@
  * make-image NAME VERSION BYTES OUT: a sample image with BYTES bytes of payload, the same for the same
  * arguments.
  */
-#include "image.h"
-
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+
+#include "image.h"
 
 /* Bytes that differ from version to version and compress badly, as firmware does. */
 static void fill(unsigned char* payload, size_t size, const char* seed)
@@ -22,8 +22,9 @@ static void fill(unsigned char* payload, size_t size, const char* seed)
 static int writeImage(const char* path, const char* line, const unsigned char* payload, size_t size)
 {
     FILE* const out = fopen(path, "wb");
-    if (out == NULL)
+    if (out == NULL) {
         return -1;
+    }
     const int isWritten = fputs(line, out) >= 0 && fwrite(payload, 1, size, out) == size;
     return fclose(out) == 0 && isWritten ? 0 : -1;
 }
@@ -32,12 +33,14 @@ static int makeImage(const char* name, const char* version, size_t size, const c
 {
     char line[IMAGE_LINE_SIZE];
     unsigned char* const payload = malloc(size);
-    if (payload == NULL)
+    if (payload == NULL) {
         return -1;
+    }
     fill(payload, size, version);
     int result = imageLine(name, version, payload, size, line);
-    if (result == 0)
+    if (result == 0) {
         result = writeImage(path, line, payload, size);
+    }
     free(payload);
     return result;
 }

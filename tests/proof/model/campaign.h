@@ -1,6 +1,6 @@
 // Runs of the daemon beside the model, each in a process of its own, copied where runs part.
-#ifndef PROOF_CAMPAIGN_H
-#define PROOF_CAMPAIGN_H
+#ifndef TESTS_PROOF_MODEL_CAMPAIGN_H
+#define TESTS_PROOF_MODEL_CAMPAIGN_H
 
 #include <cstdint>
 #include <optional>

@@ -2,7 +2,7 @@
 // business (daemon.cpp, in the program that loads it).
 #include <string>
 
-#include "tarnwick/control.h"
+#include "include/tarnwick/control.h"
 #include "tests/proof/model/control-calls.h"
 
 namespace

@@ -11,11 +11,11 @@
 #include <unistd.h>
 #include <utility>
 
-#include "fw-update-UIA.h"
 #include "platform/fake/fake-platform.h"
 #include "platform/include/norlog.h"
 #include "platform/include/ps_mount.h"
 #include "platform/include/trace_logger.h"
+#include "src/src/fw-update-UIA.h"
 #include "tests/proof/model/control-calls.h"
 #include "tests/proof/model/machine.h"
 #include "tests/proof/model/places.h"

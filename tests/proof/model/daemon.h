@@ -1,7 +1,7 @@
 // The daemon in this process, from its main on, with its own objects: started once, on the machine and the
 // places of the test, and told the same events as the model.
-#ifndef PROOF_DAEMON_H
-#define PROOF_DAEMON_H
+#ifndef TESTS_PROOF_MODEL_DAEMON_H
+#define TESTS_PROOF_MODEL_DAEMON_H
 
 #include <functional>
 #include <string>

@@ -1,6 +1,6 @@
 // What may happen to a set, and the sets it happens to.
-#ifndef PROOF_EVENTS_H
-#define PROOF_EVENTS_H
+#ifndef TESTS_PROOF_MODEL_EVENTS_H
+#define TESTS_PROOF_MODEL_EVENTS_H
 
 #include <random>
 #include <string>

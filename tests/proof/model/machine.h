@@ -5,8 +5,8 @@
 //
 // Calls of the C library are taken over by their names (machine.cpp): nothing of the daemon knows of it.
 // Before start() they do what they always do.
-#ifndef PROOF_MACHINE_H
-#define PROOF_MACHINE_H
+#ifndef TESTS_PROOF_MODEL_MACHINE_H
+#define TESTS_PROOF_MODEL_MACHINE_H
 
 #include <cstdint>
 #include <functional>

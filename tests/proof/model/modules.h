@@ -1,7 +1,7 @@
 // The modules of a set as the service finds them: their images, their packages and mounts, their checks and
 // updates.
-#ifndef PROOF_MODULES_H
-#define PROOF_MODULES_H
+#ifndef TESTS_PROOF_MODEL_MODULES_H
+#define TESTS_PROOF_MODEL_MODULES_H
 
 #include <cstdint>
 #include <deque>

@@ -2,8 +2,8 @@
 // changes, and what does change (markers, packages, mounts, the list file) is remembered, so that a copy of
 // the process by fork() has files of its own. Calls that name a file are taken over in places.cpp; other
 // paths stay what they are.
-#ifndef PROOF_PLACES_H
-#define PROOF_PLACES_H
+#ifndef TESTS_PROOF_MODEL_PLACES_H
+#define TESTS_PROOF_MODEL_PLACES_H
 
 #include <map>
 #include <optional>

@@ -4,8 +4,8 @@
 // One thread runs at a time, in the order in which they became ready, each until it waits; the main loop's
 // timers come last. Three events change that: "eager" lets a new thread run before its maker goes on, "stall"
 // lets no thread run but the main one, "lazy" is back to the rule. Times are milliseconds.
-#ifndef PROOF_STAGE_H
-#define PROOF_STAGE_H
+#ifndef TESTS_PROOF_MODEL_STAGE_H
+#define TESTS_PROOF_MODEL_STAGE_H
 
 #include <algorithm>
 #include <cstdint>

@@ -11,15 +11,14 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <json/json.h>
 #include <mutex>
 #include <string>
 #include <thread>
-
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <json/json.h>
 #include <unistd.h>
 
 #define EXPORT extern "C" __attribute__((visibility("default")))
@@ -56,8 +55,9 @@ Json::Value script()
 {
     Json::Value root(Json::objectValue);
     std::ifstream file(kHardware / (ownName() + ".json"));
-    if (file)
+    if (file) {
         file >> root;
+    }
     return root;
 }
 
@@ -82,8 +82,9 @@ void putText(char* out, const std::string& text)
     std::mutex mutex;
     std::unique_lock<std::mutex> lock(mutex);
     std::condition_variable never;
-    while (true)
+    while (true) {
         never.wait(lock);
+    }
 }
 
 } // namespace
@@ -115,11 +116,13 @@ EXPORT_doUpdate int doUpdate(const char* name, unsigned long value)
 {
     const Json::Value now = script();
     const int result = called("doUpdate", std::string(name) + "," + std::to_string(value));
-    if (now.get("hangs", false).asBool())
+    if (now.get("hangs", false).asBool()) {
         hang();
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(now.get("milliseconds", 400).asInt()));
-    if (result == 0)
+    if (result == 0) {
         fs::copy_file(name, kHardware / (ownName() + ".firmware"), fs::copy_options::overwrite_existing);
+    }
     called("doUpdateReturns");
     errno = now.get("errno", 0).asInt();
     return result;

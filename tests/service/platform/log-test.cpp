@@ -6,18 +6,17 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <thread>
-
 #include <signal.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "norlog.h"
-#include "platform-log.h"
-#include "platform-test.h"
+#include "tests/service/platform/platform-test.h"
 #include "trace_logger.h"
+#include "vset/client/platform-log.h"
 
 using testing::Ge;
 using testing::IsEmpty;
@@ -32,8 +31,9 @@ protected:
     {
         std::vector<vset::LogRecord> all;
         vset::LogReader reader(vset::kLogFile);
-        while (auto record = reader.next())
+        while (auto record = reader.next()) {
             all.push_back(*record);
+        }
         return all;
     }
 
@@ -42,8 +42,9 @@ protected:
         std::ifstream file(vset::kLogFile);
         std::string line;
         size_t count = 0;
-        while (std::getline(file, line))
+        while (std::getline(file, line)) {
             ++count;
+        }
         return count;
     }
 };
@@ -64,8 +65,9 @@ public:
     {
         int opened = 0;
         alignas(inotify_event) char block[4096];
-        for (ssize_t size = 0; (size = read(events_, block, sizeof block)) > 0;)
+        for (ssize_t size = 0; (size = read(events_, block, sizeof block)) > 0;) {
             opened += static_cast<int>(size / static_cast<ssize_t>(sizeof(inotify_event)));
+        }
         return opened;
     }
 
@@ -121,8 +123,9 @@ TEST_F(PlatformLog, ErrnoIsPrintedAndKept)
 TEST_F(PlatformLog, AnyTextComesBackAsItWasAndOnOneLine)
 {
     std::string text = "tab\tline\nreturn\rbackslash\\n quote\" ";
-    for (int byte = 1; byte < 256; ++byte)
+    for (int byte = 1; byte < 256; ++byte) {
         text += static_cast<char>(byte);
+    }
     __norlog_print(2, 6, "tag\twith\ttabs", "%s", text.c_str());
     EXPECT_EQ(lineCount(), 1U);
     EXPECT_EQ(records().at(0).message, text);
@@ -140,15 +143,17 @@ TEST_F(PlatformLog, EveryRecordOfAKilledProgramIsThereAndWhole)
 {
     Child child("log-for-ever");
     int last = -1;
-    while (last < 200)
+    while (last < 200) {
         last = std::stoi(child.readLine());
+    }
     child.kill(SIGKILL);
     child.wait();
     const auto all = records();
     EXPECT_EQ(all.size(), lineCount());
     std::map<std::string, int> seen;
-    for (const vset::LogRecord& record : all)
+    for (const vset::LogRecord& record : all) {
         ++seen[record.message];
+    }
     for (int number = 0; number <= last; ++number) {
         ASSERT_EQ(seen["record " + std::to_string(number) + " of the platform log"], 1);
         ASSERT_EQ(seen["record " + std::to_string(number) + " of the recorder"], 1);
@@ -160,10 +165,12 @@ TEST_F(PlatformLog, WritersOfSeveralProgramsNeverMix)
     constexpr size_t kProcesses = 4;
     constexpr size_t kRecords = 2 * 300;
     std::vector<std::unique_ptr<Child>> children;
-    for (size_t number = 0; number < kProcesses; ++number)
+    for (size_t number = 0; number < kProcesses; ++number) {
         children.push_back(std::make_unique<Child>("log-much"));
-    for (const auto& child : children)
+    }
+    for (const auto& child : children) {
         EXPECT_EQ(child->wait(), 0);
+    }
     const auto all = records();
     EXPECT_EQ(all.size(), kProcesses * kRecords);
     EXPECT_EQ(lineCount(), kProcesses * kRecords);
@@ -223,26 +230,30 @@ TEST_F(PlatformLog, NoRecordOfSeveralWritersIsLostWhenTheLogIsMovedAgainAndAgain
     std::vector<std::thread> writers;
     for (int writer = 0; writer < kWriters; ++writer) {
         writers.emplace_back([writer] {
-            for (int number = 0; number < kRecords; ++number)
+            for (int number = 0; number < kRecords; ++number) {
                 __norlog_print(2, 6, "T", "%d/%d", writer, number);
+            }
         });
     }
     std::vector<std::string> moved;
     for (int number = 0; number < 50; ++number) {
         const std::string away = std::string(vset::kLogFile) + "." + std::to_string(number);
-        if (rename(vset::kLogFile, away.c_str()) == 0)
+        if (rename(vset::kLogFile, away.c_str()) == 0) {
             moved.push_back(away);
+        }
         std::this_thread::sleep_for(std::chrono::microseconds(500));
     }
-    for (std::thread& writer : writers)
+    for (std::thread& writer : writers) {
         writer.join();
+    }
     __norlog_print(2, 6, "T", "last");
     moved.emplace_back(vset::kLogFile);
     std::map<std::string, int> seen;
     for (const std::string& path : moved) {
         vset::LogReader reader(path);
-        while (const auto record = reader.next())
+        while (const auto record = reader.next()) {
             ++seen[record->message];
+        }
     }
     EXPECT_EQ(seen.size(), size_t{kWriters} * kRecords + 1);
     EXPECT_TRUE(std::all_of(seen.begin(), seen.end(), [](const auto& entry) { return entry.second == 1; }));

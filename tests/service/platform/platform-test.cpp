@@ -1,14 +1,13 @@
-#include "platform-test.h"
+#include "tests/service/platform/platform-test.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <thread>
-
 #include <fcntl.h>
 #include <gio/gio.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "appbinary_manager.h"
@@ -28,10 +27,12 @@ bool PlatformTest::pumpUntil(const std::function<bool()>& condition, std::chrono
 {
     const auto end = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
+        if (std::chrono::steady_clock::now() > end) {
             return false;
-        if (g_main_context_iteration(nullptr, FALSE) == FALSE)
+        }
+        if (g_main_context_iteration(nullptr, FALSE) == FALSE) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
     }
     return true;
 }
@@ -46,12 +47,14 @@ void PlatformTest::pumpAll()
 Child::Child(const std::string& part, const std::vector<std::string>& environment)
 {
     int ends[2];
-    if (pipe(ends) != 0)
+    if (pipe(ends) != 0) {
         abort();
+    }
     process_ = fork();
     if (process_ == 0) {
-        for (const std::string& variable : environment)
+        for (const std::string& variable : environment) {
             putenv(strdup(variable.c_str()));
+        }
         dup2(ends[1], STDOUT_FILENO);
         close(ends[0]);
         close(ends[1]);
@@ -74,8 +77,9 @@ Child::~Child()
 std::string Child::readLine()
 {
     char line[4096];
-    if (fgets(line, sizeof line, output_) == nullptr)
+    if (fgets(line, sizeof line, output_) == nullptr) {
         return "";
+    }
     return std::string(line, strcspn(line, "\n"));
 }
 
@@ -114,8 +118,9 @@ int holdEverything()
             "memory/held", [](keynode*, void*) {}, nullptr),
     };
     for (const int result : results) {
-        if (result != 0)
+        if (result != 0) {
             return EXIT_FAILURE;
+        }
     }
     say("held");
     pause();
@@ -163,8 +168,9 @@ int callInVain()
         {"ABM_DownloadAppBinary", appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, "empA") ? 0 : -1},
     };
     for (const auto& call : calls) {
-        if (call.result >= 0)
+        if (call.result >= 0) {
             say(call.name);
+        }
     }
     say(text == nullptr ? "done" : "a text came from nowhere");
     return EXIT_SUCCESS;
@@ -206,8 +212,9 @@ int logMuch()
 int logAfterClosing()
 {
     __norlog_print(2, 6, "T", "before");
-    for (int file = 3; file < 1024; ++file)
+    for (int file = 3; file < 1024; ++file) {
         close(file);
+    }
     const int mine = open("/tmp/opened-after-closing", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     const int result = __norlog_print(2, 6, "T", "after");
     return mine >= 0 && result == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
@@ -215,8 +222,9 @@ int logAfterClosing()
 
 int logWithoutStreams()
 {
-    for (int file = 0; file < 3; ++file)
+    for (int file = 0; file < 3; ++file) {
         close(file);
+    }
     const int result = __norlog_print(2, 6, "T", "text");
     return result == 0 && fcntl(STDOUT_FILENO, F_GETFD) < 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
@@ -241,8 +249,9 @@ int main(int argc, char** argv)
 {
     if (argc == 3 && strcmp(argv[1], "--part") == 0) {
         for (const Part& part : kParts) {
-            if (strcmp(argv[2], part.name) == 0)
+            if (strcmp(argv[2], part.name) == 0) {
                 return part.play();
+            }
         }
         return 2;
     }

@@ -1,18 +1,18 @@
 // What the tests of the platform library share. They run inside a set: the library under test speaks to the
 // set's own services, a ControlClient looks at what has arrived there.
-#pragma once
+#ifndef TESTS_SERVICE_PLATFORM_PLATFORM_TEST_H
+#define TESTS_SERVICE_PLATFORM_PLATFORM_TEST_H
 
 #include <chrono>
 #include <functional>
-#include <string>
-#include <vector>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <string>
 #include <sys/types.h>
+#include <vector>
 
-#include "control-client.h"
+#include "vset/client/control-client.h"
 
 constexpr std::chrono::seconds kPatience{20}; // far more than anything here takes, on a busy machine too
 
@@ -54,3 +54,5 @@ private:
     pid_t process_ = -1;
     FILE* output_ = nullptr;
 };
+
+#endif

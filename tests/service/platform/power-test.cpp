@@ -1,11 +1,10 @@
 // Power: states, the power-off event, locks, reboots, and what ends with its owner.
 
+#include <signal.h>
 #include <thread>
 
-#include <signal.h>
-
-#include "platform-test.h"
 #include "pwrctl.h"
+#include "tests/service/platform/platform-test.h"
 
 using testing::ElementsAre;
 using testing::Lt;
@@ -44,8 +43,9 @@ TEST_F(Power, AChangeOfStateIsToldWithThePreviousState)
     Changes changes;
     ASSERT_EQ(pwrctl_get_state(), 0);
     ASSERT_EQ(pwrctl_subscribe_state_changed_event(noteState, &changes), 0);
-    for (const int state : {2, 2, 0, 3})
+    for (const int state : {2, 2, 0, 3}) {
         set.setPowerState(state);
+    }
     EXPECT_TRUE(pumpUntil([&] { return changes.size() >= 3; }));
     pumpAll();
     EXPECT_THAT(changes, ElementsAre(Pair(0, 2), Pair(2, 0), Pair(0, 3)));

@@ -5,24 +5,23 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <set>
-#include <sstream>
-#include <thread>
-
 #include <gio/gio.h>
+#include <set>
 #include <signal.h>
+#include <sstream>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "appbinary_manager.h"
 #include "applaunch.h"
 #include "flagpost.h"
 #include "hangwatch.h"
-#include "platform-test.h"
 #include "pralis.h"
 #include "ps_mount.h"
 #include "pwrctl.h"
 #include "sysprop.h"
+#include "tests/service/platform/platform-test.h"
 
 using testing::ElementsAre;
 using testing::Gt;
@@ -125,8 +124,9 @@ TEST_F(Services, ALaunchIsRecordedWithItsExtrasInOrder)
     EXPECT_EQ(record["application"].asString(), "com.olvessa.tv.firmware.update");
     EXPECT_TRUE(record["sent"].asBool());
     std::vector<std::string> extras;
-    for (const Json::Value& extra : record["extras"])
+    for (const Json::Value& extra : record["extras"]) {
         extras.push_back(extra["key"].asString() + "=" + extra["value"].asString());
+    }
     EXPECT_THAT(extras, ElementsAre("updatetype=general", "timeinfo=-1", "uitype=force"));
 }
 
@@ -149,8 +149,9 @@ TEST_F(Services, NineLaunchesFailAndTheTenthIsSent)
     ASSERT_EQ(applaunch_create(&launch), 0);
     ASSERT_EQ(applaunch_set_app_id(launch, "application"), 0);
     set.setFault("applaunch_send_launch_request", -1, 9);
-    for (int attempt = 1; attempt <= 9; ++attempt)
+    for (int attempt = 1; attempt <= 9; ++attempt) {
         EXPECT_EQ(applaunch_send_launch_request(launch, nullptr, nullptr), -1) << attempt;
+    }
     EXPECT_FALSE(set.snapshot()["launches"][0]["sent"].asBool());
     EXPECT_EQ(applaunch_send_launch_request(launch, nullptr, nullptr), 0);
     EXPECT_EQ(applaunch_destroy(launch), 0);
@@ -207,8 +208,9 @@ TEST_F(Services, WhoeverLooksSeesTheOldImageOrTheNewOneWhole)
             torn += isWhole ? 0 : 1;
         }
     });
-    for (int round = 0; round < 3; ++round)
+    for (int round = 0; round < 3; ++round) {
         EXPECT_TRUE(appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, "empBig"));
+    }
     waitFor([](const Json::Value& now) { return now["packages"]["requests"][2]["state"] == "delivered"; });
     isOver = true;
     reader.join();
@@ -231,13 +233,15 @@ TEST_F(Services, APackageNameLeadsNowhereElse)
 {
     write("/srv/secret.img", "secret");
     set.setPackageDelay(0);
-    for (const char* name : {"../secret", "", "/etc/passwd", "."})
+    for (const char* name : {"../secret", "", "/etc/passwd", "."}) {
         EXPECT_TRUE(appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, name)) << name;
+    }
     const Json::Value requests = waitFor([](const Json::Value& now) {
         return now["packages"]["requests"][3]["state"] == "unknown";
     })["packages"]["requests"];
-    for (const Json::Value& request : requests)
+    for (const Json::Value& request : requests) {
         EXPECT_EQ(request["state"].asString(), "unknown");
+    }
     EXPECT_EQ(access("/opt/usr/apps/secret.img", F_OK), -1);
 }
 
@@ -324,8 +328,9 @@ TEST_F(Services, TheEndOfTheBusEndsNoProcess)
     Child child("call-again", {"DBUS_SYSTEM_BUS_ADDRESS=unix:path=/tmp/bare-bus"});
     ASSERT_EQ(child.readLine(), "-1");
     ASSERT_EQ(kill(static_cast<pid_t>(std::stoi(read("/tmp/bare-pid"))), SIGKILL), 0);
-    for (int line = 0; line < 10; ++line)
+    for (int line = 0; line < 10; ++line) {
         ASSERT_EQ(child.readLine(), "-1"); // an ended process would say nothing
+    }
 }
 
 TEST_F(Services, WhatIsSubscribedIsSubscribedAnewWhenAPlatformThatCrashedIsBack)
@@ -352,8 +357,9 @@ TEST_F(Services, WhatIsSubscribedIsSubscribedAnewWhenAPlatformThatCrashedIsBack)
         std::multiset<std::string> names;
         const Json::Value snapshot = set.snapshot();
         for (const Json::Value& one : snapshot["subscribers"]) {
-            for (int count = one["count"].asInt(); count > 0; --count)
+            for (int count = one["count"].asInt(); count > 0; --count) {
                 names.insert(one["event"].asString() + " " + one["argument"].asString());
+            }
         }
         return names;
     };

@@ -2,12 +2,11 @@
 
 #include <atomic>
 #include <fstream>
+#include <gio/gio.h>
 #include <thread>
 
-#include <gio/gio.h>
-
-#include "platform-test.h"
 #include "pralis.h"
+#include "tests/service/platform/platform-test.h"
 
 using testing::ElementsAre;
 using testing::Gt;
@@ -94,8 +93,9 @@ TEST_F(Settings, AKeptKeyIsOnTheDiskAndAVolatileOneIsNot)
 TEST_F(Settings, ACallbackGetsEveryWriteInOrderAlsoOfTheSameValue)
 {
     ASSERT_EQ(pralis_notify_key_changed("memory/a", note, &seen), 0);
-    for (const int value : {4, 4, -3})
+    for (const int value : {4, 4, -3}) {
         set.setSetting("memory/a", value);
+    }
     set.setSetting("memory/other", 9);
     EXPECT_TRUE(pumpUntil([&] { return seen.values.size() >= 3; }));
     pumpAll();
@@ -106,13 +106,15 @@ TEST_F(Settings, CallbacksRunOnTheMainThreadWhoeverSubscribed)
 {
     std::thread([&] { ASSERT_EQ(pralis_notify_key_changed("memory/a", note, &seen), 0); }).join();
     std::thread writer([&] {
-        for (int value = 0; value < 500; ++value)
+        for (int value = 0; value < 500; ++value) {
             ASSERT_EQ(pralis_set_int("memory/a", value), 0);
+        }
     });
     EXPECT_TRUE(pumpUntil([&] { return seen.values.size() == 500; }));
     writer.join();
-    for (const std::thread::id thread : seen.threads)
+    for (const std::thread::id thread : seen.threads) {
         ASSERT_EQ(thread, std::this_thread::get_id());
+    }
 }
 
 TEST_F(Settings, AThreadWithAContextOfItsOwnSubscribesForTheMainThreadToo)
@@ -142,8 +144,9 @@ TEST_F(Settings, NoChangeAfterTheSubscriptionIsLost)
 TEST_F(Settings, NoCallbackBeginsAfterTheSubscriptionEnded)
 {
     ASSERT_EQ(pralis_notify_key_changed("memory/a", note, &seen), 0);
-    for (int value = 0; value < 20; ++value)
+    for (int value = 0; value < 20; ++value) {
         ASSERT_EQ(pralis_set_int("memory/a", value), 0); // on their way to the main thread now
+    }
     std::thread([] { EXPECT_EQ(pralis_ignore_key_changed("memory/a", note), 0); }).join();
     pumpAll();
     EXPECT_TRUE(seen.values.empty());
@@ -175,8 +178,9 @@ TEST_F(Settings, EightThreadsWithAThousandCallsEachGetTheirOwnValues)
             }
         });
     }
-    for (std::thread& thread : threads)
+    for (std::thread& thread : threads) {
         thread.join();
+    }
     EXPECT_EQ(wrong, 0);
 }
 
@@ -195,8 +199,9 @@ TEST_F(Settings, AFaultHitsAsOftenAsOrderedAndOnlyItsKey)
 TEST_F(Settings, AFaultWithoutCountLastsUntilItIsReset)
 {
     set.setFault("pralis_set_int", -1);
-    for (int round = 0; round < 5; ++round)
+    for (int round = 0; round < 5; ++round) {
         EXPECT_EQ(pralis_set_int("memory/a", 1), -1);
+    }
     EXPECT_FALSE(set.snapshot()["settings"].isMember("memory/a"));
     set.resetFaults("pralis_set_int");
     EXPECT_EQ(pralis_set_int("memory/a", 1), 0);

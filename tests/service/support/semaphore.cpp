@@ -6,10 +6,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <string>
-
 #include <fcntl.h>
 #include <semaphore.h>
+#include <string>
 
 namespace
 {
@@ -25,8 +24,9 @@ int complain()
 int show(sem_t* semaphore)
 {
     int value = 0;
-    if (sem_getvalue(semaphore, &value) != 0)
+    if (sem_getvalue(semaphore, &value) != 0) {
         return complain();
+    }
     std::printf("%d\n", value);
     return 0;
 }
@@ -34,8 +34,9 @@ int show(sem_t* semaphore)
 int take(sem_t* semaphore)
 {
     while (sem_wait(semaphore) != 0) {
-        if (errno != EINTR)
+        if (errno != EINTR) {
             return complain();
+        }
     }
     return 0;
 }
@@ -50,11 +51,14 @@ int main(int argc, char** argv)
         return 2;
     }
     sem_t* semaphore = sem_open(kName, O_CREAT, 0600, 1);
-    if (semaphore == SEM_FAILED)
+    if (semaphore == SEM_FAILED) {
         return complain();
-    if (verb == "show")
+    }
+    if (verb == "show") {
         return show(semaphore);
-    if (verb == "take")
+    }
+    if (verb == "take") {
         return take(semaphore);
+    }
     return sem_post(semaphore) == 0 ? 0 : complain();
 }

@@ -1,8 +1,7 @@
-#include "service-test.h"
+#include "tests/service/support/service-test.h"
 
 #include <algorithm>
 #include <iostream>
-
 #include <unistd.h>
 
 namespace service
@@ -10,15 +9,17 @@ namespace service
 
 void ServiceTest::SetUp()
 {
-    if (geteuid() != 0)
+    if (geteuid() != 0) {
         GTEST_SKIP() << "needs root: the daemon of a set is a user of its own";
+    }
 }
 
 void ServiceTest::TearDown()
 {
     EXPECT_EQ(tv.daemonOutput(), "");
-    if (HasFailure())
+    if (HasFailure()) {
         std::cerr << tv.logTail();
+    }
 }
 
 void ServiceTest::installPending(const std::string& name, const Json::Value& script,

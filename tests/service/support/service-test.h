@@ -1,11 +1,11 @@
 // The fixture of every service test: a television of its own.
-#ifndef SERVICE_TEST_H
-#define SERVICE_TEST_H
+#ifndef TESTS_SERVICE_SUPPORT_SERVICE_TEST_H
+#define TESTS_SERVICE_SUPPORT_SERVICE_TEST_H
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "television.h"
+#include "tests/service/support/television.h"
 
 namespace service
 {

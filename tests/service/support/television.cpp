@@ -1,4 +1,4 @@
-#include "television.h"
+#include "tests/service/support/television.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -8,8 +8,8 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "firmware.h"
-#include "flash.h"
+#include "sdk/examples/common/firmware.h"
+#include "sdk/examples/common/flash.h"
 #include "tests/support/whole-file.h"
 #include "vset/television/users.h"
 
@@ -46,10 +46,12 @@ constexpr Example kExamples[] = {
 void makePackage(const Files& files, const fs::path& package)
 {
     std::string tree = fs::temp_directory_path() / "service-package-XXXXXX";
-    if (mkdtemp(tree.data()) == nullptr)
+    if (mkdtemp(tree.data()) == nullptr) {
         throw std::runtime_error("no temporary directory");
-    for (const auto& [name, content] : files)
+    }
+    for (const auto& [name, content] : files) {
         replaceFile(fs::path(tree) / name, content);
+    }
     fs::permissions(tree, fs::perms(0755));
     replaceWith(package, [&](const fs::path& unfinished) {
         runOrThrow({"mksquashfs", tree, unfinished, "-noappend", "-all-root", "-quiet", "-no-progress"});
@@ -82,8 +84,9 @@ void Television::installExample(const std::string& library)
 {
     const auto* example = std::find_if(std::begin(kExamples), std::end(kExamples),
                                        [&](const Example& each) { return each.library == library; });
-    if (example == std::end(kExamples))
+    if (example == std::end(kExamples)) {
         throw std::runtime_error("there is no example " + library);
+    }
     putLibrary(kExampleLibraries / (library + ".so"), example->controls);
     putHardware(kExampleImages / "1.0/hardware" / example->chip);
     const std::string chip = std::string(kHardware) + "/" + example->chip;
@@ -100,8 +103,9 @@ std::vector<unsigned char> Television::activeFirmware(const std::string& chip) c
     const auto firmware =
         SlottedFlash(outside(std::string(kHardware) + "/" + chip), std::chrono::milliseconds(0))
             .activeFirmware();
-    if (!firmware)
+    if (!firmware) {
         throw std::runtime_error("the hardware " + chip + " has no intact firmware: " + std::strerror(errno));
+    }
     return *firmware;
 }
 
@@ -138,8 +142,9 @@ std::vector<std::string> Television::calls() const
 {
     std::vector<std::string> lines;
     std::istringstream in(read(std::string(kHardware) + "/calls"));
-    for (std::string line; std::getline(in, line);)
+    for (std::string line; std::getline(in, line);) {
         lines.push_back(line);
+    }
     return lines;
 }
 
@@ -156,8 +161,9 @@ std::string Television::mountPoint(const std::string& identifier)
 std::string Television::imageOf(const std::string& name)
 {
     std::string image = "firmware of " + name + "\n";
-    for (int block = 0; block < 2000; ++block)
+    for (int block = 0; block < 2000; ++block) {
         image += name + std::to_string(block * 7919) + '\0';
+    }
     return image;
 }
 
@@ -218,8 +224,9 @@ void Television::insertStick(const std::string& firmwareName, const std::string&
 
 const vset::ControlClient& Television::platform()
 {
-    if (!platform_)
+    if (!platform_) {
         platform_.emplace(vset::ControlClient::ofSet(set()));
+    }
     return *platform_;
 }
 

@@ -3,23 +3,22 @@
 //
 // Everything that is waited for has kPatience to happen; then the wait throws std::runtime_error with the end
 // of the set's log, and the test fails with that. One thread.
-#ifndef SERVICE_TELEVISION_H
-#define SERVICE_TELEVISION_H
+#ifndef TESTS_SERVICE_SUPPORT_TELEVISION_H
+#define TESTS_SERVICE_SUPPORT_TELEVISION_H
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <json/json.h>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <json/json.h>
-
-#include "control-client.h"
-#include "tarnwick/television.h"
+#include "include/tarnwick/television.h"
+#include "vset/client/control-client.h"
 #include "vset/television/process.h"
 
 namespace service

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "control-recorder.h"
+#include "tests/support/control-recorder.h"
 
 #ifndef LINKAGE_setContext
 #define LINKAGE_setContext extern "C"

@@ -1,6 +1,6 @@
 #include <cstdio>
 
-#include "signature-recorder.h"
+#include "tests/support/signature-recorder.h"
 
 extern "C" SignatureRecorder signatureRecorder;
 SignatureRecorder signatureRecorder = {1, 0, 0, "", ""};

@@ -1,5 +1,10 @@
 // fwctl check [--json] [--verbose]
+#include <cstdio>
+#include <memory>
+#include <vector>
+
 #include "common/json-text.h"
+#include "src/src/fw-update-symbol.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/daemon-log.h"
 #include "tools/fwctl/examination.h"
@@ -9,12 +14,6 @@
 #include "tools/fwctl/output.h"
 #include "tools/fwctl/privileges.h"
 #include "tools/fwctl/replay.h"
-
-#include "fw-update-symbol.h"
-
-#include <cstdio>
-#include <memory>
-#include <vector>
 
 namespace fwctl
 {
@@ -29,8 +28,9 @@ struct Options {
 std::string lastError(const std::vector<std::string>& messages)
 {
     for (auto message = messages.rbegin(); message != messages.rend(); ++message) {
-        if (message->rfind("Error", 0) == 0)
+        if (message->rfind("Error", 0) == 0) {
             return *message;
+        }
     }
     return "";
 }

@@ -1,6 +1,6 @@
 // The commands of fwctl: one file each, listed in the table of main.cpp.
-#ifndef FWCTL_COMMAND_H
-#define FWCTL_COMMAND_H
+#ifndef TOOLS_FWCTL_COMMANDS_COMMAND_H
+#define TOOLS_FWCTL_COMMANDS_COMMAND_H
 
 #include "common/command-line.h"
 

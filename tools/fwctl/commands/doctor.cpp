@@ -1,20 +1,4 @@
 // fwctl doctor [--fix] [--json]
-#include "common/json-text.h"
-#include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/daemon-log.h"
-#include "tools/fwctl/examination.h"
-#include "tools/fwctl/isolated.h"
-#include "tools/fwctl/library-symbols.h"
-#include "tools/fwctl/mounts.h"
-#include "tools/fwctl/obstacles.h"
-#include "tools/fwctl/output.h"
-#include "tools/fwctl/privileges.h"
-#include "tools/fwctl/set-state.h"
-#include "tools/fwctl/turn-holder.h"
-#include "tools/fwctl/update-turn.h"
-
-#include "fw-update-mount-manager.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -29,6 +13,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
+
+#include "common/json-text.h"
+#include "src/src/fw-update-mount-manager.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/daemon-log.h"
+#include "tools/fwctl/examination.h"
+#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/library-symbols.h"
+#include "tools/fwctl/mounts.h"
+#include "tools/fwctl/obstacles.h"
+#include "tools/fwctl/output.h"
+#include "tools/fwctl/privileges.h"
+#include "tools/fwctl/set-state.h"
+#include "tools/fwctl/turn-holder.h"
+#include "tools/fwctl/update-turn.h"
 
 namespace fwctl
 {
@@ -118,8 +117,9 @@ bool makeParents(const std::string& path)
 {
     for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
          slash = path.find('/', slash + 1)) {
-        if (mkdir(path.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST)
+        if (mkdir(path.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST) {
             return false;
+        }
     }
     return true;
 }
@@ -130,8 +130,9 @@ bool giveBack(const Directory& directory)
     const group* const group = getgrnam("system");
     const bool isRoot = geteuid() == 0;
     if (directory.isShared && isRoot && user != nullptr && group != nullptr &&
-        chown(directory.path, user->pw_uid, group->gr_gid) != 0 && errno != EINVAL)
+        chown(directory.path, user->pw_uid, group->gr_gid) != 0 && errno != EINVAL) {
         return false; // EINVAL: a user namespace of one user has no other owner to give it to
+    }
     return chmod(directory.path, directory.mode) == 0; // whatever the umask
 }
 
@@ -173,14 +174,15 @@ void checkDirectories(const Scene&, Findings& found)
     }
     for (const Directory& directory : kDirectories) {
         struct stat status = {};
-        if (stat(directory.path, &status) != 0)
+        if (stat(directory.path, &status) != 0) {
             found.push_back({"missing-directory", std::string(directory.path) + " is missing", "make it",
                              [&directory] { return makeDirectory(directory); }});
-        else if (!S_ISDIR(status.st_mode))
+        } else if (!S_ISDIR(status.st_mode)) {
             found.push_back({"no-directory",
                              std::string(directory.path) + " is no directory",
                              "move it away and make the directory",
                              {}});
+        }
     }
 }
 
@@ -188,12 +190,14 @@ void checkDirectories(const Scene&, Findings& found)
 
 void checkMounts(const Scene& scene, Findings& found)
 {
-    if (!scene.isIdle())
+    if (!scene.isIdle()) {
         return; // they are in use
-    for (const std::string& directory : packageMountPoints())
+    }
+    for (const std::string& directory : packageMountPoints()) {
         found.push_back({"stale-mount", directory + " is mounted, and nothing runs that would use it",
                          "unmount it",
                          [directory] { return FWMountManager::getInstance().UMount(directory) == 0; }});
+    }
 }
 
 void checkSemaphore(const Scene& scene, Findings& found)
@@ -207,11 +211,12 @@ void checkSemaphore(const Scene& scene, Findings& found)
         return;
     }
     if (state.exists && scene.set.daemon.pid != 0 && state.owner != scene.set.daemon.user &&
-        scene.set.daemon.user != 0)
+        scene.set.daemon.user != 0) {
         found.push_back({"semaphore-owner",
                          "the update semaphore belongs to another user than the daemon's",
                          "restart the set: the daemon makes it anew",
                          {}});
+    }
     if (scene.set.turn.kind == TurnState::Kind::kNobodys) {
         found.push_back(
             {"stuck-semaphore",
@@ -225,19 +230,21 @@ void checkSemaphore(const Scene& scene, Findings& found)
 void checkUpdateList(const Scene& scene, Findings& found)
 {
     struct stat status = {};
-    if (lstat(kUpdateListPath, &status) != 0)
+    if (lstat(kUpdateListPath, &status) != 0) {
         return;
+    }
     const auto removeList = [] { return unlink(kUpdateListPath) == 0; };
     const bool isOrphan = scene.set.daemon.hasBus && scene.set.daemon.pid == 0;
-    if (S_ISLNK(status.st_mode))
+    if (S_ISLNK(status.st_mode)) {
         found.push_back({"list-link",
                          std::string(kUpdateListPath) + " is a symbolic link: the daemon refuses to check",
                          "remove the link, and find out who made it",
                          isOrphan ? std::function<bool()>(removeList) : nullptr});
-    else if (isOrphan)
+    } else if (isOrphan) {
         found.push_back({"orphaned-list",
                          std::string(kUpdateListPath) + " is there, but the daemon does not run", "remove it",
                          removeList});
+    }
 }
 
 // ---- Modules ----
@@ -245,19 +252,23 @@ void checkUpdateList(const Scene& scene, Findings& found)
 std::string listed(const Json::Value& names)
 {
     std::string text;
-    for (const Json::Value& name : names)
+    for (const Json::Value& name : names) {
         text += (text.empty() ? "" : ", ") + name.asString();
+    }
     return text;
 }
 
 std::string loadReason(const Json::Value& module, const Json::Value& symbols)
 {
-    if (!symbols["missing"].empty())
+    if (!symbols["missing"].empty()) {
         return "it lacks " + listed(symbols["missing"]);
-    if (!symbols["undefined"].empty())
+    }
+    if (!symbols["undefined"].empty()) {
         return "nothing provides " + listed(symbols["undefined"]);
-    if (!symbols["error"].asString().empty())
+    }
+    if (!symbols["error"].asString().empty()) {
         return symbols["error"].asString();
+    }
     const Json::Value& messages = module["load_messages"]; // the last one tells what stopped the loading
     return messages.empty() ? "its path cannot be resolved" : messages[messages.size() - 1].asString();
 }
@@ -284,14 +295,16 @@ void checkDuplicates(const Scene& scene, Findings& found)
 {
     for (const char* const key : {"module", "identifier"}) {
         std::map<std::string, int> counts;
-        for (const Json::Value& module : scene.modules)
+        for (const Json::Value& module : scene.modules) {
             counts[module.get(key, "").asString()] += 1;
+        }
         for (const auto& [name, count] : counts) {
-            if (count > 1 && !name.empty())
+            if (count > 1 && !name.empty()) {
                 found.push_back({"duplicate-" + std::string(key),
                                  std::to_string(count) + " control libraries have the " + key + " " + name,
                                  "keep one of them: each is checked, and updates the same hardware",
                                  {}});
+            }
         }
     }
 }
@@ -305,12 +318,13 @@ void checkInformation(const Scene& scene, Findings& found)
             const bool isFault =
                 test == "information" || test == "checksum" || test == "screen" ||
                 (test == "package" && step["detail"].asString().find(" is not there") == std::string::npos);
-            if (isFault)
+            if (isFault) {
                 found.push_back({"bad-image",
                                  module["module"].asString() + ", " + source["source"].asString() + ": " +
                                      step["detail"].asString(),
                                  step["advice"].asString(),
                                  {}});
+            }
         }
     }
 }
@@ -318,16 +332,18 @@ void checkInformation(const Scene& scene, Findings& found)
 void checkOrphanedImages(const Scene& scene, Findings& found)
 {
     std::set<std::string> known;
-    for (const Json::Value& module : scene.modules)
+    for (const Json::Value& module : scene.modules) {
         known.insert(module.get("package", "").asString());
+    }
     std::error_code error;
     for (std::filesystem::directory_iterator entry(kPackages, error), end; !error && entry != end;
          entry.increment(error)) {
-        if (entry->path().extension() == ".img" && known.count(entry->path()) == 0)
+        if (entry->path().extension() == ".img" && known.count(entry->path()) == 0) {
             found.push_back({"image-without-module",
                              entry->path().string() + " belongs to no module",
                              "remove it, or install the module's control library",
                              {}});
+        }
     }
 }
 
@@ -335,28 +351,32 @@ void checkOrphanedImages(const Scene& scene, Findings& found)
 
 void checkSurroundings(const Scene& scene, Findings& found)
 {
-    if (scene.modules.empty() && isSet())
+    if (scene.modules.empty() && isSet()) {
         found.push_back({"no-module",
                          "there is no control library: the daemon ends at once",
                          "install the set's modules",
                          {}});
-    if (!scene.set.daemon.hasBus)
+    }
+    if (!scene.set.daemon.hasBus) {
         found.push_back({"no-bus",
                          "the system bus does not answer: whether the daemon runs is unknown",
                          "start the set's platform",
                          {}});
-    if (access("/usr/lib/libkZORUser.so", F_OK) != 0)
+    }
+    if (access("/usr/lib/libkZORUser.so", F_OK) != 0) {
         found.push_back({"no-signature-library",
                          "there is no signature library: every USB image counts as signed",
                          "install it, unless the set is meant to be open",
                          {},
                          true});
-    if (scene.set.daemon.hasBus && scene.set.daemon.pid == 0)
+    }
+    if (scene.set.daemon.hasBus && scene.set.daemon.pid == 0) {
         found.push_back({"no-daemon",
                          "the daemon does not run: normal when it found nothing to do",
                          "it starts with the set",
                          {},
                          true});
+    }
 }
 
 // What keeps pending modules from being updated now, in the words of "fwctl why"; what other checks tell in
@@ -410,10 +430,11 @@ void mend(Findings& found)
     for (Finding& finding : found) {
         errno = 0;
         finding.isFixed = finding.fix && finding.fix();
-        if (finding.fix && !finding.isFixed)
+        if (finding.fix && !finding.isFixed) {
             complain("cannot mend \"" + finding.text + "\"" +
                      (errno != 0 ? std::string(": ") + std::strerror(errno) : "") +
                      (geteuid() != 0 ? ": try as root" : ""));
+        }
     }
 }
 
@@ -421,24 +442,28 @@ int doctor(bool fix, bool json)
 {
     Findings found;
     const Scene scene = look();
-    for (const auto check : kChecks)
+    for (const auto check : kChecks) {
         check(scene, found);
-    if (fix)
+    }
+    if (fix) {
         mend(found);
+    }
     ExitStatus status = kDone;
     Json::Value all(Json::arrayValue);
     for (const Finding& finding : found) {
         status = finding.isNote || finding.isFixed ? status : kFindings;
         all.append(asJson(finding));
-        if (!json)
+        if (!json) {
             print(finding);
+        }
     }
-    if (json)
+    if (json) {
         std::printf("%s\n", common::compactJson(all).c_str());
-    else if (status == kDone)
+    } else if (status == kDone) {
         std::printf(scene.modules.size() == 1 ? "%zu module, nothing to be mended\n"
                                               : "%zu modules, nothing to be mended\n",
                     scene.modules.size());
+    }
     return status;
 }
 } // namespace

@@ -1,15 +1,15 @@
 // fwctl list [--json]
-#include "common/json-text.h"
-#include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/examination.h"
-#include "tools/fwctl/obstacles.h"
-#include "tools/fwctl/output.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <map>
 #include <memory>
 #include <vector>
+
+#include "common/json-text.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/examination.h"
+#include "tools/fwctl/obstacles.h"
+#include "tools/fwctl/output.h"
 
 namespace fwctl
 {
@@ -22,8 +22,9 @@ const Row kHeader = {"MODULE", "KIND", "INSTALLED", "PACKAGE", "SYSTEM", "PENDIN
 const Json::Value* findSource(const Json::Value& module, const std::string& name)
 {
     for (const Json::Value& source : module["sources"]) {
-        if (source["source"] == name)
+        if (source["source"] == name) {
             return &source;
+        }
     }
     return nullptr;
 }
@@ -32,20 +33,24 @@ const Json::Value* findSource(const Json::Value& module, const std::string& name
 std::string offered(const Json::Value& module, const std::string& name)
 {
     const Json::Value* source = findSource(module, name);
-    if (source == nullptr)
+    if (source == nullptr) {
         return "-";
-    if (!(*source)["offered"].isNull())
+    }
+    if (!(*source)["offered"].isNull()) {
         return (*source)["offered"].asString();
+    }
     const std::string test = failedStep(*source)["test"].asString();
     return test == "information" ? "?" : "-";
 }
 
 std::string pending(const Json::Value& module)
 {
-    if (module.isMember("failure"))
+    if (module.isMember("failure")) {
         return "broken";
-    if (!module["pending"].asBool())
+    }
+    if (!module["pending"].asBool()) {
         return "no";
+    }
     return module["ui_use"] == "none" ? "at standby" : "on the screen";
 }
 
@@ -57,10 +62,12 @@ std::string image(const Json::Value& module)
         const bool isPending = module["pending"].asBool() && source["source"] == module["pending_source"];
         const std::string found =
             source["source"] == "package" ? module["package"].asString() : source["image"].asString();
-        if (isPending)
+        if (isPending) {
             return found;
-        if (!source["offered"].isNull())
+        }
+        if (!source["offered"].isNull()) {
             path = found;
+        }
     }
     return path;
 }
@@ -86,13 +93,15 @@ void print(std::vector<Row> rows)
         }
     }
     for (const Row& row : rows) {
-        for (std::size_t column = 0; column < row.size(); ++column)
+        for (std::size_t column = 0; column < row.size(); ++column) {
             widths[column] = std::max(widths[column], row[column].size());
+        }
     }
     for (const Row& row : rows) {
         std::string line;
-        for (std::size_t column = 0; column < row.size(); ++column)
+        for (std::size_t column = 0; column < row.size(); ++column) {
             line += row[column] + std::string(widths[column] - row[column].size() + 2, ' ');
+        }
         line.erase(line.find_last_not_of(' ') + 1);
         std::printf("%s\n", line.c_str());
     }

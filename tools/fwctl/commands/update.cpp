@@ -1,4 +1,7 @@
 // fwctl update MODULE | --all
+#include <cstdio>
+#include <memory>
+
 #include "common/json-text.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/daemon-log.h"
@@ -10,9 +13,6 @@
 #include "tools/fwctl/replay.h"
 #include "tools/fwctl/update-child.h"
 #include "tools/fwctl/update-turn.h"
-
-#include <cstdio>
-#include <memory>
 
 namespace fwctl
 {
@@ -39,11 +39,13 @@ Choice chooseSource(const Options& options)
     Choice choice{findImageSource("package"), kUnknownSeconds};
     for (const ControlLibrary& library : requireControlLibraries(options.module)) {
         const Json::Value module = examine(library);
-        if (module["pending"].asBool())
+        if (module["pending"].asBool()) {
             choice = {findImageSource(module["pending_source"].asString()), module["expected_time"].asUInt()};
+        }
     }
-    if (!options.source.empty())
+    if (!options.source.empty()) {
         choice.source = findImageSource(options.source);
+    }
     return choice;
 }
 
@@ -225,8 +227,9 @@ int updateAll(const Options& options)
 
 int update(const Options& options)
 {
-    if (options.all == !options.module.empty())
+    if (options.all == !options.module.empty()) {
         throw common::WrongUse("name one MODULE, or give --all (\"fwctl list\" shows the names)");
+    }
     return options.all ? updateAll(options) : updateOne(options);
 }
 } // namespace

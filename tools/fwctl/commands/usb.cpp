@@ -1,4 +1,11 @@
 // fwctl usb check|install DIR --key-file FILE
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <sys/stat.h>
+
 #include "common/content-key.h"
 #include "common/json-text.h"
 #include "common/regular-file.h"
@@ -10,13 +17,6 @@
 #include "tools/fwctl/registry.h"
 #include "tools/fwctl/update-child.h"
 #include "tools/fwctl/update-turn.h"
-
-#include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <memory>
-#include <sys/stat.h>
 
 namespace fwctl
 {

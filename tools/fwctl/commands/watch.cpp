@@ -1,21 +1,19 @@
 // fwctl watch [--json]
+#include <cstdio>
+#include <gio/gio.h>
+#include <glib-unix.h>
+#include <map>
+#include <memory>
+
 #include "common/json-text.h"
 #include "common/visible-text.h"
+#include "pralis.h"
+#include "pwrctl.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/glib-pointer.h"
 #include "tools/fwctl/isolated.h"
 #include "tools/fwctl/set-state.h"
 #include "tools/fwctl/turn-holder.h"
-
-#include "pralis.h"
-#include "pwrctl.h"
-
-#include <gio/gio.h>
-#include <glib-unix.h>
-
-#include <cstdio>
-#include <map>
-#include <memory>
 
 namespace fwctl
 {
@@ -113,8 +111,9 @@ std::string lockText(const Json::Value& locks)
 void onLocks(GObject* bus, GAsyncResult* result, gpointer watch)
 {
     const GVariantPointer reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(bus), result, nullptr));
-    if (!reply)
+    if (!reply) {
         return;
+    }
     const char* text = nullptr;
     g_variant_get(reply.get(), "(&s)", &text);
     const std::optional<Json::Value> set = common::parseJsonObject(text);
@@ -151,8 +150,9 @@ void onDaemonVanished(GDBusConnection*, const gchar*, gpointer watch)
 void Watch::show(const std::string& title, const Json::Value& value)
 {
     const auto known = shown_.find(title);
-    if (known != shown_.end() && known->second == value)
+    if (known != shown_.end() && known->second == value) {
         return;
+    }
     shown_[title] = value;
     if (json_) {
         Json::Value line;
@@ -163,8 +163,9 @@ void Watch::show(const std::string& title, const Json::Value& value)
         const std::string text = value.isString() ? value.asString() : common::compactJson(value);
         std::printf("%s  %-15s %s\n", timeOfDay().c_str(), title.c_str(), common::visible(text).c_str());
     }
-    if (std::fflush(stdout) != 0)
+    if (std::fflush(stdout) != 0) {
         g_main_loop_quit(loop_.get()); // nobody reads on
+    }
 }
 
 void Watch::poll()
@@ -178,8 +179,9 @@ void Watch::poll()
 
 void Watch::subscribe()
 {
-    for (const Key& key : kKeys)
+    for (const Key& key : kKeys) {
         pralis_notify_key_changed(key.path, onKeyChanged, this);
+    }
     pwrctl_subscribe_state_changed_event(onPowerState, this);
     pwrctl_subscribe_poweroff_event(onPowerOff, this);
     const int state = pwrctl_get_state();
@@ -197,8 +199,9 @@ void Watch::watchLocks(GDBusConnection* bus)
 void Watch::connectToBus()
 {
     bus_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
-    if (!bus_)
+    if (!bus_) {
         throw common::Failure("the system bus does not answer: is the set's platform running?");
+    }
     g_dbus_connection_set_exit_on_close(bus_.get(), FALSE);
     g_bus_watch_name_on_connection(bus_.get(), "org.pellor.tv.tarnwick", G_BUS_NAME_WATCHER_FLAGS_NONE,
                                    onDaemonAppeared, onDaemonVanished, this, nullptr);

@@ -1,13 +1,13 @@
 // fwctl why MODULE [--json]
+#include <cstdio>
+#include <memory>
+#include <vector>
+
 #include "common/json-text.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/examination.h"
 #include "tools/fwctl/obstacles.h"
 #include "tools/fwctl/output.h"
-
-#include <cstdio>
-#include <memory>
-#include <vector>
 
 namespace fwctl
 {
@@ -18,11 +18,13 @@ std::string outcomeOfPending(const Json::Value& module)
 {
     const bool fromSystem = module["pending_source"] == "system";
     const std::string uiUse = module["ui_use"].asString();
-    if (uiUse == "none" && fromSystem)
+    if (uiUse == "none" && fromSystem) {
         return "never: the unattended run takes packages only, and this image is in the system image";
-    if (uiUse == "none")
+    }
+    if (uiUse == "none") {
         return "unattended, when the set goes from normal to standby ten minutes or more after the daemon's "
                "start";
+    }
     const std::string offer = uiUse == "force" ? "through the upgrade screen, which forces it"
                                                : "through the upgrade screen, when the user accepts";
     return fromSystem ? offer + "; a standby run cannot write it, as it takes packages only"
@@ -31,17 +33,22 @@ std::string outcomeOfPending(const Json::Value& module)
 
 std::string outcomeOf(const Json::Value& module)
 {
-    if (module.isMember("failure"))
+    if (module.isMember("failure")) {
         return "never: " + module["failure"].asString() + "; the daemon would fail as well";
-    if (module["kind"] == "external")
+    }
+    if (module["kind"] == "external") {
         return "never by the daemon: an external module's library finds its image itself "
                "(\"fwctl update\" has it do so)";
-    if (module["pending"].asBool() && module["kind"] == "unusable")
+    }
+    if (module["pending"].asBool() && module["kind"] == "unusable") {
         return "never: a newer image is found, but the identifier is refused when it is to be written";
-    if (module["kind"] == "unusable")
+    }
+    if (module["kind"] == "unusable") {
         return "never: the control library cannot be used (\"fwctl doctor\" says why)";
-    if (!module["pending"].asBool())
+    }
+    if (!module["pending"].asBool()) {
         return "not pending: no source passed every test";
+    }
     return outcomeOfPending(module);
 }
 
@@ -91,8 +98,9 @@ void print(const Json::Value& module)
 
 ExitStatus statusOf(const Json::Value& module)
 {
-    if (module.isMember("failure"))
+    if (module.isMember("failure")) {
         return kFailed;
+    }
     return module["pending"].asBool() ? kDone : kNothingToDo;
 }
 

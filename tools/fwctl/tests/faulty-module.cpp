@@ -15,8 +15,9 @@ extern "C" int notProvidedByAnybody(int);
 #ifdef HANGS_WHILE_LOADING
 __attribute__((constructor)) static void hang()
 {
-    for (;;)
+    for (;;) {
         pause();
+    }
 }
 #endif
 
@@ -41,8 +42,9 @@ int getActiveVersion(char* out)
     std::abort();
 #endif
 #ifdef HANGS_IN_GETACTIVEVERSION
-    for (;;)
+    for (;;) {
         pause();
+    }
 #endif
 #ifdef VERSION
     std::strcpy(out, VERSION);
@@ -67,8 +69,9 @@ int checkVersion(const char*, int* result)
 int doUpdate(const char*, unsigned long)
 {
     const int hardware = open("/var/lib/hardware/killed", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (flock(hardware, LOCK_EX | LOCK_NB) != 0)
+    if (flock(hardware, LOCK_EX | LOCK_NB) != 0) {
         close(open("/var/lib/hardware/overlap", O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    }
     usleep(300'000);
     close(hardware);
     return 0;

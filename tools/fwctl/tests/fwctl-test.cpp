@@ -1,17 +1,16 @@
 // fwctl as a technician types it, on a virtual set.
-#include "virtual-set.h"
-
+#include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iostream>
 #include <json/json.h>
 #include <openssl/evp.h>
-
-#include <cstdlib>
-#include <iostream>
 #include <regex>
 #include <sstream>
 #include <sys/stat.h>
 #include <vector>
+
+#include "tools/fwctl/tests/virtual-set.h"
 
 namespace fs = std::filesystem;
 
@@ -37,8 +36,9 @@ Json::Value parse(const std::string& text)
 Json::Value findModule(const Json::Value& modules, const std::string& name)
 {
     for (const Json::Value& module : modules) {
-        if (module["module"] == name)
+        if (module["module"] == name) {
             return module;
+        }
     }
     ADD_FAILURE() << "no module " << name;
     return {};
@@ -102,8 +102,9 @@ std::vector<std::string> changesIn(const std::string& trace)
     std::vector<std::string> found;
     std::istringstream in(trace);
     for (std::string line; std::getline(in, line);) {
-        if (std::regex_search(line, change))
+        if (std::regex_search(line, change)) {
             found.push_back(line);
+        }
     }
     return found;
 }
@@ -614,8 +615,9 @@ TEST_F(Fwctl, TwoLibrariesOfOneFirmwareAreToldApart)
 
 TEST_F(Fwctl, DoctorSaysWhyLibrariesCannotBeUsed)
 {
-    for (const char* module : {"incomplete", "unbound", "misnamed"})
+    for (const char* module : {"incomplete", "unbound", "misnamed"}) {
         set.addModule(module);
+    }
     fs::copy(set.file("/usr/fwupdate/controls/panel.so"), set.file("/prd/usr/fwupdate/controls/panel.so"));
     set.write("/prd/usr/fwupdate/controls/text.so", "not a library");
     set.write("/opt/usr/apps/appbinarymanager/empNobody.img", "whose?");
@@ -650,8 +652,9 @@ const std::string kKeyHex = "000102030405060708090a0b0c0d0e0f1011121314151617181
 std::string keyBytes()
 {
     std::string bytes;
-    for (std::size_t at = 0; at < kKeyHex.size(); at += 2)
+    for (std::size_t at = 0; at < kKeyHex.size(); at += 2) {
         bytes += static_cast<char>(std::stoi(kKeyHex.substr(at, 2), nullptr, 16));
+    }
     return bytes;
 }
 
@@ -827,8 +830,9 @@ TEST_F(Fwctl, WrongUseEndsWithStatusTwo)
 
 TEST_F(Fwctl, UnknownModuleEndsWithStatusFour)
 {
-    for (const char* arguments : {"why nobody", "update nobody"})
+    for (const char* arguments : {"why nobody", "update nobody"}) {
         EXPECT_EQ(set.run("fwctl " + std::string(arguments)).status, 4) << arguments;
+    }
 }
 
 TEST_F(Fwctl, HelpOfEveryCommandHasAnExample)

@@ -1,4 +1,4 @@
-#include "virtual-set.h"
+#include "tools/fwctl/tests/virtual-set.h"
 
 #include <cstdlib>
 #include <fstream>
@@ -36,8 +36,9 @@ void VirtualSet::put(std::vector<std::string> words)
 {
     words.insert(words.begin(), {VSET, "put", path_});
     const Outcome outcome = runProgram(words);
-    if (outcome.status != 0)
+    if (outcome.status != 0) {
         throw std::runtime_error(outcome.err);
+    }
 }
 
 VirtualSet::~VirtualSet()

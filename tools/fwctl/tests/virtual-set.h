@@ -1,12 +1,12 @@
 // A virtual set with the example modules on it, made anew for each test and removed with it.
-#ifndef FWCTL_TESTS_VIRTUAL_SET_H
-#define FWCTL_TESTS_VIRTUAL_SET_H
-
-#include "run-program.h"
+#ifndef TOOLS_FWCTL_TESTS_VIRTUAL_SET_H
+#define TOOLS_FWCTL_TESTS_VIRTUAL_SET_H
 
 #include <filesystem>
 #include <string>
 #include <vector>
+
+#include "tests/support/run-program.h"
 
 class VirtualSet
 {

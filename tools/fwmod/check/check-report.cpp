@@ -1,12 +1,12 @@
 #include "tools/fwmod/check/check-report.h"
 
-#include "common/json-text.h"
-#include "common/visible-text.h"
-#include "tools/fwmod/check/protocol/findings.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <sstream>
+
+#include "common/json-text.h"
+#include "common/visible-text.h"
+#include "tools/fwmod/check/protocol/findings.h"
 
 namespace fwmod
 {
@@ -21,8 +21,9 @@ enum class Colour { Red = 31, Green = 32, Yellow = 33 };
 
 std::string coloured(const std::string& text, Colour colour, bool isColoured)
 {
-    if (!isColoured)
+    if (!isColoured) {
         return text;
+    }
     return "\033[1;" + std::to_string(static_cast<int>(colour)) + "m" + text + "\033[0m";
 }
 
@@ -51,8 +52,9 @@ const char* nameOf(Severity severity)
 
 std::vector<std::string> shortened(std::vector<std::string> details)
 {
-    if (details.size() <= kMostDetails)
+    if (details.size() <= kMostDetails) {
         return details;
+    }
     const std::size_t rest = details.size() - kMostDetails + 1;
     details.resize(kMostDetails - 1);
     details.push_back("and " + std::to_string(rest) + " more like these");
@@ -87,8 +89,9 @@ std::string counted(unsigned int number, const std::string& what)
 
 std::string describeUpdate(const Measured& measured)
 {
-    if (!measured.duration)
+    if (!measured.duration) {
         return "";
+    }
     char duration[32];
     std::snprintf(duration, sizeof duration, "%.1f s", *measured.duration);
     return std::string("The update took ") + duration + "; " +
@@ -98,17 +101,19 @@ std::string describeUpdate(const Measured& measured)
 std::string describeWork(const ExaminationResult& result)
 {
     std::string text = "Checked with " + counted(result.report.calls, "call");
-    if (result.report.measured.writes)
+    if (result.report.measured.writes) {
         text += ", " + counted(*result.report.measured.writes, "write") + " of an update, " +
                 counted(result.cuts, "power cut");
+    }
     text += ".\n";
     return text + describeUpdate(result.report.measured);
 }
 
 std::string verdictOf(const ExaminationResult& result)
 {
-    if (result.report.findings.empty())
+    if (result.report.findings.empty()) {
         return "sound";
+    }
     return hasErrors(result) ? "faulty" : "usable";
 }
 } // namespace
@@ -121,17 +126,21 @@ bool hasErrors(const ExaminationResult& result)
 std::string formatForPeople(const std::string& library, const ExaminationResult& result, bool isColoured)
 {
     std::string text;
-    for (const auto& [id, details] : result.report.findings)
+    for (const auto& [id, details] : result.report.findings) {
         text += formatFinding(findingKind(id), details, isColoured);
-    if (result.report.calls > 0)
+    }
+    if (result.report.calls > 0) {
         text += describeWork(result);
-    for (const std::string& note : result.report.notes)
+    }
+    for (const std::string& note : result.report.notes) {
         text += "Note: " + common::visible(note) + "\n";
+    }
     const std::string shown = common::visible(library);
     const unsigned int errors = countOf(result, Severity::Error);
     const unsigned int warnings = countOf(result, Severity::Warning);
-    if (errors + warnings == 0)
+    if (errors + warnings == 0) {
         return text + coloured(shown + ": sound, nothing was found.", Colour::Green, isColoured) + "\n";
+    }
     const std::string sum =
         shown + ": " + counted(errors, "error") + ", " + counted(warnings, "warning") + ".";
     return text + coloured(sum, errors > 0 ? Colour::Red : Colour::Yellow, isColoured) + "\n";
@@ -150,16 +159,18 @@ std::string formatForPrograms(const std::string& library, const ExaminationResul
         entry["severity"] = nameOf(kind.severity);
         entry["title"] = kind.title;
         std::string joined;
-        for (const std::string& detail : shortened(details))
+        for (const std::string& detail : shortened(details)) {
             joined += (joined.empty() ? "" : "; ") + detail;
+        }
         entry["detail"] = joined;
         entry["cause"] = kind.cause;
         entry["cure"] = kind.cure;
         root["findings"].append(entry);
     }
     root["notes"] = Json::arrayValue;
-    for (const std::string& note : result.report.notes)
+    for (const std::string& note : result.report.notes) {
         root["notes"].append(note);
+    }
     Json::Value& measured = root["measured"] = Json::objectValue;
     const auto put = [&measured](const char* name, const auto& value) {
         if (value) {

@@ -1,10 +1,10 @@
 // What "fwmod check" prints: for people, with cause and cure of each finding, or as JSON.
-#ifndef FWMOD_CHECK_REPORT_H
-#define FWMOD_CHECK_REPORT_H
-
-#include "tools/fwmod/check/examination.h"
+#ifndef TOOLS_FWMOD_CHECK_CHECK_REPORT_H
+#define TOOLS_FWMOD_CHECK_CHECK_REPORT_H
 
 #include <string>
+
+#include "tools/fwmod/check/examination.h"
 
 namespace fwmod
 {

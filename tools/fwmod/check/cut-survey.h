@@ -3,15 +3,15 @@
 // The cuts are made on a set whose clock is fast. A library that gives up after a time may fail there only
 // because of it, or never come to the write. Such cuts are made again at the real pace, and what does not
 // fail there does not count.
-#ifndef FWMOD_CUT_SURVEY_H
-#define FWMOD_CUT_SURVEY_H
-
-#include "tools/fwmod/check/protocol/report.h"
+#ifndef TOOLS_FWMOD_CHECK_CUT_SURVEY_H
+#define TOOLS_FWMOD_CHECK_CUT_SURVEY_H
 
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "tools/fwmod/check/protocol/report.h"
 
 namespace fwmod
 {

@@ -1,5 +1,12 @@
 #include "tools/fwmod/check/examination.h"
 
+#include <algorithm>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <tarnwick/control.h>
+#include <unistd.h>
+
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/check/cut-survey.h"
 #include "tools/fwmod/check/protocol/job.h"
@@ -12,13 +19,6 @@
 #include "tools/fwmod/interruption.h"
 #include "tools/fwmod/programs.h"
 #include "vset/television/users.h"
-
-#include <algorithm>
-#include <fstream>
-#include <memory>
-#include <optional>
-#include <tarnwick/control.h>
-#include <unistd.h>
 
 namespace fwmod
 {
@@ -45,11 +45,13 @@ std::string libraryName(const fs::path& file)
 
 void giveToDaemon(const fs::path& directory)
 {
-    if (geteuid() != 0)
+    if (geteuid() != 0) {
         return; // a set without root has one user
+    }
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
-        if (lchown(entry.path().c_str(), kUpdateUser, kSystemGroup) != 0)
+        if (lchown(entry.path().c_str(), kUpdateUser, kSystemGroup) != 0) {
             throw common::Failure("cannot give " + entry.path().string() + " to the daemon's user");
+        }
     }
 }
 
@@ -97,12 +99,14 @@ private:
 bool Examination::judgeFile()
 {
     const std::string name = request_.library.filename();
-    if (request_.library.extension() != ".so")
+    if (request_.library.extension() != ".so") {
         result_.report.add({FindingId::MisnamedFile,
                             name + "; the module would be called " + libraryName(request_.library)});
+    }
     const std::string problem = whyNotLoadable(request_.library);
-    if (!problem.empty())
+    if (!problem.empty()) {
         result_.report.add({FindingId::NoSharedLibrary, problem});
+    }
     return problem.empty();
 }
 
@@ -125,13 +129,16 @@ void Examination::makeSet()
     job_.expectedTime = kUnknownTime;
     job_.caller = TARNWICK_CONTROL_CALLER_PACKAGE;
     for (const EntryPointState& entry : readControlLibrary(request_.library).entryPoints) {
-        if (!entry.exported && !entry.mangled.empty())
+        if (!entry.exported && !entry.mangled.empty()) {
             job_.mangled[entry.name] = entry.mangled;
+        }
     }
-    if (!request_.package.empty())
+    if (!request_.package.empty()) {
         addPackage();
-    if (!request_.firmware.empty())
+    }
+    if (!request_.firmware.empty()) {
         addFirmware();
+    }
 }
 
 // `origin` is the file or directory that the person has named.
@@ -139,13 +146,15 @@ std::string Examination::useInformation(const fs::path& directory, const std::st
                                         const fs::path& origin)
 {
     for (const std::string& name : {std::string("info.json"), image}) {
-        if (!fs::is_regular_file(directory / name))
+        if (!fs::is_regular_file(directory / name)) {
             throw common::Failure(name + " is not in " + origin.string() + ", where the daemon looks for it");
+        }
     }
     const InformationReport report = checkInformation(directory / "info.json", directory / image);
-    if (!report.accepted)
+    if (!report.accepted) {
         throw common::Failure("the daemon would refuse the image:\n" +
                               formatReport(origin / "info.json", report));
+    }
     job_.version = report.values.version;
     job_.checksum = report.values.crc;
     job_.expectedTime = report.values.expected_time;
@@ -154,8 +163,9 @@ std::string Examination::useInformation(const fs::path& directory, const std::st
 
 void Examination::addPackage()
 {
-    if (job_.isExternal)
+    if (job_.isExternal) {
         throw common::WrongUse("--package: an external module finds its image itself; give --firmware DIR");
+    }
     const std::string identifier = request_.package.stem();
     const std::string firmware = firmwareName(identifier, "--package: the name");
     const std::string directory = "/opt/usr/apps/appbinarymanager/emps/" + identifier;
@@ -174,14 +184,16 @@ void Examination::addFirmware()
     job_.imageDirectory = directory;
     if (job_.isExternal) {
         job_.image = job_.name;
-        if (fs::exists(request_.firmware / "info.json") && fs::exists(request_.firmware / image))
+        if (fs::exists(request_.firmware / "info.json") && fs::exists(request_.firmware / image)) {
             useInformation(request_.firmware, image, request_.firmware);
+        }
         job_.checksum = 0;
         return;
     }
-    if (useInformation(request_.firmware, image, request_.firmware) == "none")
+    if (useInformation(request_.firmware, image, request_.firmware) == "none") {
         throw common::Failure("the daemon refuses an image in the system image whose ui_use is \"none\": "
                               "write \"select\" or \"force\" (fwmod info --ui-use)");
+    }
     job_.image = "/lib/firmware/ext/" + name + "/" + image;
     job_.caller = TARNWICK_CONTROL_CALLER_SYSTEM_IMAGE;
 }
@@ -189,16 +201,19 @@ void Examination::addFirmware()
 // Of a set: the daemon derives both names from what the library says.
 void Examination::checkNames(const std::string& identifier) const
 {
-    if (identifier.empty() || job_.isExternal)
+    if (identifier.empty() || job_.isExternal) {
         return;
+    }
     const std::string firmware = firmwareName(identifier, "the identifier");
-    if (!request_.package.empty() && request_.package.filename() != identifier + ".img")
+    if (!request_.package.empty() && request_.package.filename() != identifier + ".img") {
         throw common::Failure("the library's identifier is " + identifier + ", so the daemon asks for " +
                               identifier + ".img: make it with fwmod package --id " + identifier);
-    if (!request_.firmware.empty() && fs::canonical(request_.firmware).filename() != firmware)
+    }
+    if (!request_.firmware.empty() && fs::canonical(request_.firmware).filename() != firmware) {
         throw common::Failure("the library's identifier is " + identifier + ", so the daemon looks for " +
                               firmware + "/" + firmware + ".bin: rename " + request_.firmware.string() +
                               " and its image");
+    }
 }
 
 // ---- The examiner ----
@@ -217,15 +232,17 @@ Report Examination::run(const char* mode, std::optional<double> clockRate)
 {
     writeJob(job_, inSet("/srv/job.json"));
     std::vector<std::string> words = {vsetProgram(), "run", set_};
-    if (clockRate)
+    if (clockRate) {
         words.push_back("--clock-rate=" + std::to_string(*clockRate));
+    }
     words.insert(words.end(), {"--", examiner_, "/srv/job.json", mode});
 
     const fs::path errors = scratch_.path() / "errors";
     // Twice: on a loaded PC the services of a set whose clock is fast may time out at their start.
     for (int attempt = 0; attempt < 2; ++attempt) {
-        if (const std::optional<Report> report = follow(words, errors))
+        if (const std::optional<Report> report = follow(words, errors)) {
             return *report;
+        }
     }
     failWith(errors);
 }
@@ -352,8 +369,9 @@ void Examination::examine()
     const Report hasty = run("trials", kHaste);
     const std::vector<CutTrial> cuts = takeCuts(hasty);
     take(bringsNews(hasty) ? confirmTrials() : hasty);
-    if (survey)
+    if (survey) {
         finishCuts(*survey, cuts);
+    }
 }
 
 ExaminationResult Examination::conduct()

@@ -2,14 +2,14 @@
 //
 // This side prepares the set and a job; the program control-examiner does the work in the set (see
 // examiner/).
-#ifndef FWMOD_EXAMINATION_H
-#define FWMOD_EXAMINATION_H
-
-#include "tools/fwmod/check/protocol/report.h"
+#ifndef TOOLS_FWMOD_CHECK_EXAMINATION_H
+#define TOOLS_FWMOD_CHECK_EXAMINATION_H
 
 #include <filesystem>
 #include <functional>
 #include <string>
+
+#include "tools/fwmod/check/protocol/report.h"
 
 namespace fwmod
 {

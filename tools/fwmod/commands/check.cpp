@@ -1,16 +1,16 @@
 // fwmod check: loads a control library as the daemon would, in a virtual set of its own, and reports what is
 // wrong with it.
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <unistd.h>
+
 #include "common/progress-line.h"
 #include "tools/fwmod/check/check-report.h"
 #include "tools/fwmod/check/examination.h"
 #include "tools/fwmod/check/protocol/findings.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
-
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
-#include <unistd.h>
 
 namespace fwmod
 {
@@ -38,11 +38,13 @@ int check(const Options& options)
         return 0;
     }
     const ExaminationRequest& request = options.request;
-    if (request.library.empty())
+    if (request.library.empty()) {
         throw common::WrongUse("name the library to check, or --list-findings for what can be found");
+    }
     requireReadable(request.library);
-    if (!request.package.empty())
+    if (!request.package.empty()) {
         requireReadable(request.package);
+    }
     requireDirectory(request.firmware, "--firmware");
     requireDirectory(request.hardware, "--hardware");
 
@@ -54,8 +56,9 @@ int check(const Options& options)
     const bool isWatched = isatty(STDERR_FILENO) != 0;
     const ExaminationResult result =
         examineLibrary(request, [&](const std::string& what, unsigned int percent) {
-            if (isWatched)
+            if (isWatched) {
                 line.show(what, percent);
+            }
         });
     line.clear();
     const std::string library = request.library.filename();

@@ -1,6 +1,6 @@
 // The commands of fwmod: one file each, listed in the table of main.cpp.
-#ifndef FWMOD_COMMAND_H
-#define FWMOD_COMMAND_H
+#ifndef TOOLS_FWMOD_COMMANDS_COMMAND_H
+#define TOOLS_FWMOD_COMMANDS_COMMAND_H
 
 #include "common/command-line.h"
 

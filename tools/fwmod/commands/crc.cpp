@@ -1,11 +1,11 @@
 // fwmod crc FILE...
-#include "common/visible-text.h"
-#include "tools/fwmod/commands/command.h"
-#include "tools/fwmod/files.h"
-
 #include <cstdio>
 #include <memory>
 #include <vector>
+
+#include "common/visible-text.h"
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
 
 namespace fwmod
 {

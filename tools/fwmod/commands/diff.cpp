@@ -1,10 +1,4 @@
 // fwmod diff: what differs between two files of a kind, in the words of "fwmod inspect".
-#include "common/json-text.h"
-#include "common/visible-text.h"
-#include "tools/fwmod/commands/command.h"
-#include "tools/fwmod/files.h"
-#include "tools/fwmod/images/inspection.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -12,6 +6,12 @@
 #include <memory>
 #include <optional>
 #include <set>
+
+#include "common/json-text.h"
+#include "common/visible-text.h"
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/images/inspection.h"
 
 namespace fwmod
 {
@@ -51,10 +51,12 @@ std::optional<std::uint64_t> firstDifference(const fs::path& a, const fs::path& 
         const auto [end, other] = std::mismatch(leftBytes.begin(), leftBytes.begin() + left.gcount(),
                                                 rightBytes.begin(), rightBytes.begin() + right.gcount());
         const auto same = end - leftBytes.begin();
-        if (same != left.gcount() || same != right.gcount())
+        if (same != left.gcount() || same != right.gcount()) {
             return before + static_cast<std::uint64_t>(same) + 1;
-        if (same == 0)
+        }
+        if (same == 0) {
             return std::nullopt;
+        }
         before += static_cast<std::uint64_t>(same);
     }
 }
@@ -62,8 +64,9 @@ std::optional<std::uint64_t> firstDifference(const fs::path& a, const fs::path& 
 void compareBytes(const std::string& what, const fs::path& a, const fs::path& b, Differences& differences)
 {
     const auto byte = firstDifference(a, b);
-    if (!byte)
+    if (!byte) {
         return;
+    }
     Json::Value details;
     details["byte"] = Json::UInt64(*byte);
     differences.push_back({what, "differs from byte " + std::to_string(*byte) + " on", details});
@@ -82,8 +85,9 @@ void add(const std::string& what, const std::string& a, const std::string& b, co
 
 void addPresence(const std::string& what, bool inA, bool inB, Differences& differences)
 {
-    if (inA != inB)
+    if (inA != inB) {
         add(what, inA ? "there" : "not there", inB ? "there" : "not there", inA, inB, differences);
+    }
 }
 
 // What a fact of several things lists; an object's members are things that may be there or not.
@@ -91,12 +95,14 @@ std::set<std::string> thingsOf(const Json::Value& value)
 {
     std::set<std::string> things;
     if (value.isArray()) {
-        for (const Json::Value& thing : value)
+        for (const Json::Value& thing : value) {
             things.insert(thing.asString());
+        }
     } else if (value.isObject()) {
         for (const std::string& name : value.getMemberNames()) {
-            if (value[name].asBool())
+            if (value[name].asBool()) {
                 things.insert(name);
+            }
         }
     }
     return things;
@@ -107,8 +113,9 @@ void compareSets(const std::string& what, const std::set<std::string>& a, const 
 {
     std::set<std::string> all = a;
     all.insert(b.begin(), b.end());
-    for (const std::string& thing : all)
+    for (const std::string& thing : all) {
         addPresence(what + " " + thing, a.count(thing) != 0, b.count(thing) != 0, differences);
+    }
 }
 
 void compareFact(const std::string& key, const Fact* a, const Fact* b, Differences& differences)
@@ -117,28 +124,32 @@ void compareFact(const std::string& key, const Fact* a, const Fact* b, Differenc
     const Fact& left = a != nullptr ? *a : none;
     const Fact& right = b != nullptr ? *b : none;
     const auto isSeveral = [](const Fact& fact) { return fact.value.isArray() || fact.value.isObject(); };
-    if (isSeveral(left) && isSeveral(right))
+    if (isSeveral(left) && isSeveral(right)) {
         compareSets(key + ":", thingsOf(left.value), thingsOf(right.value), differences);
-    else if (left.value != right.value)
+    } else if (left.value != right.value) {
         add(key, left.text, right.text, left.value, right.value, differences);
+    }
 }
 
 const Fact* find(const Inspection& inspection, const std::string& key)
 {
     for (const Fact& fact : inspection.facts) {
-        if (fact.key == key)
+        if (fact.key == key) {
             return &fact;
+        }
     }
     return nullptr;
 }
 
 void compareFacts(const Inspection& a, const Inspection& b, Differences& differences)
 {
-    for (const Fact& fact : a.facts)
+    for (const Fact& fact : a.facts) {
         compareFact(fact.key, &fact, find(b, fact.key), differences);
+    }
     for (const Fact& fact : b.facts) {
-        if (find(a, fact.key) == nullptr)
+        if (find(a, fact.key) == nullptr) {
             compareFact(fact.key, nullptr, &fact, differences);
+        }
     }
     compareSets("problem:", {a.problems.begin(), a.problems.end()}, {b.problems.begin(), b.problems.end()},
                 differences);
@@ -151,8 +162,9 @@ std::map<std::string, fs::path> plainFilesIn(const fs::path& tree)
 {
     std::map<std::string, fs::path> files;
     for (const auto& entry : fs::recursive_directory_iterator(tree)) {
-        if (isPlainFile(entry.path()))
+        if (isPlainFile(entry.path())) {
             files["/" + entry.path().lexically_relative(tree).string()] = entry.path();
+        }
     }
     return files;
 }
@@ -165,8 +177,9 @@ void compareFilesInside(const fs::path& a, const fs::path& b, Differences& diffe
     const auto right = plainFilesIn(scratch.path() / "b");
     for (const auto& [name, file] : plainFilesIn(scratch.path() / "a")) {
         const auto other = right.find(name);
-        if (other != right.end())
+        if (other != right.end()) {
             compareBytes(name, file, other->second, differences);
+        }
     }
 }
 
@@ -175,17 +188,20 @@ void compareFilesInside(const fs::path& a, const fs::path& b, Differences& diffe
 Differences compare(const Options& options, const Inspection& a, const Inspection& b)
 {
     Differences differences;
-    if (!firstDifference(options.a.file, options.b.file))
+    if (!firstDifference(options.a.file, options.b.file)) {
         return differences;
+    }
     if (a.kind != b.kind) {
         add("kind", a.kind, b.kind, a.kind, b.kind, differences);
         return differences;
     }
     compareFacts(a, b, differences);
-    if (a.kind == kPackageKind)
+    if (a.kind == kPackageKind) {
         compareFilesInside(options.a.file, options.b.file, differences);
-    if (differences.empty() || a.kind == kUnknownKind)
+    }
+    if (differences.empty() || a.kind == kUnknownKind) {
         compareBytes("content", options.a.file, options.b.file, differences);
+    }
     return differences;
 }
 
@@ -198,9 +214,10 @@ void printForPeople(const Options& options, const std::string& kind, const Diffe
         return;
     }
     std::printf("%s -> %s: %s\n", a.c_str(), b.c_str(), kind.c_str());
-    for (const Difference& difference : differences)
+    for (const Difference& difference : differences) {
         std::printf("  %s: %s\n", common::visible(difference.what).c_str(),
                     common::visible(difference.text).c_str());
+    }
 }
 
 void printForPrograms(const Options& options, const Differences& differences)
@@ -223,10 +240,11 @@ try {
     const Inspection a = inspectFile(options.a);
     const Inspection b = inspectFile(options.b);
     const Differences differences = compare(options, a, b);
-    if (options.json)
+    if (options.json) {
         printForPrograms(options, differences);
-    else
+    } else {
         printForPeople(options, a.kind == b.kind ? a.kind : "two kinds of file", differences);
+    }
     return differences.empty() ? 0 : 1;
 } catch (const std::exception& error) {
     throw common::WrongUse(error.what()); // 1 says that they differ, as with diff(1)

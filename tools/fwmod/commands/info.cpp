@@ -1,11 +1,11 @@
 // fwmod info: writes an information file, or checks one with the daemon's own code.
-#include "tools/fwmod/commands/command.h"
-#include "tools/fwmod/files.h"
-#include "tools/fwmod/images/information.h"
-
 #include <cstdio>
 #include <glib.h>
 #include <memory>
+
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/images/information.h"
 
 namespace fwmod
 {
@@ -34,22 +34,25 @@ int check(const Options& options)
 
 int write(const Options& options)
 {
-    if (options.version.empty() || options.image.empty())
+    if (options.version.empty() || options.image.empty()) {
         throw common::WrongUse(
             "give --version and --image to write an information file, or --check to check one");
-    if (g_utf8_validate(options.version.c_str(), -1, nullptr) == FALSE)
+    }
+    if (g_utf8_validate(options.version.c_str(), -1, nullptr) == FALSE) {
         throw common::WrongUse(
             "--version is no UTF-8, which a JSON file consists of: keep to ASCII, as in 1.1");
+    }
     FWInformation values;
     values.version = options.version;
     values.crc = imageChecksum(options.image);
     values.expected_time = options.expectedTime;
     values.ui_use = options.uiUse;
     const std::string text = formatInformation(values);
-    if (options.output.empty())
+    if (options.output.empty()) {
         std::fputs(text.c_str(), stdout);
-    else
+    } else {
         writeText(options.output, text);
+    }
     return 0;
 }
 } // namespace
@@ -68,8 +71,9 @@ void defineInfo(common::CommandLine& command)
             .oneOf({"select", "force", "none"}),
         command.text("-o,--output", options->output, "File to write (default: standard output)"),
     };
-    for (common::Option& option : writing)
+    for (common::Option& option : writing) {
         option.excludes(checked);
+    }
     command.footer(
         "An image in the system image needs --ui-use select or force.\n"
         "Examples:\n"

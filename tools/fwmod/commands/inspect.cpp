@@ -1,12 +1,12 @@
 // fwmod inspect: what a file is, and whether a set would accept it as far as that can be told from here.
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
 #include "common/json-text.h"
 #include "common/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/images/inspection.h"
-
-#include <algorithm>
-#include <cstdio>
-#include <memory>
 
 namespace fwmod
 {
@@ -16,12 +16,15 @@ namespace
 void printForPeople(const std::string& file, const Inspection& result)
 {
     std::printf("%s: %s\n", common::visible(file).c_str(), result.kind.c_str());
-    for (const Fact& fact : result.facts)
+    for (const Fact& fact : result.facts) {
         std::printf("  %s: %s\n", fact.key.c_str(), common::visible(fact.text).c_str());
-    for (const std::string& note : result.notes)
+    }
+    for (const std::string& note : result.notes) {
         std::printf("  note: %s\n", common::visible(note).c_str());
-    for (const std::string& problem : result.problems)
+    }
+    for (const std::string& problem : result.problems) {
         std::printf("  problem: %s\n", common::visible(problem).c_str());
+    }
     std::puts(result.problems.empty() ? "As far as can be told, it would be accepted."
                                       : "It would not be accepted.");
 }
@@ -29,8 +32,9 @@ void printForPeople(const std::string& file, const Inspection& result)
 Json::Value toJson(const std::vector<std::string>& texts)
 {
     Json::Value list = Json::arrayValue;
-    for (const std::string& text : texts)
+    for (const std::string& text : texts) {
         list.append(text);
+    }
     return list;
 }
 
@@ -69,10 +73,11 @@ void defineInspect(common::CommandLine& command)
         "  fwmod inspect --json tuner.so");
     command.onRun([request, json] {
         const Inspection result = inspectFile(*request);
-        if (*json)
+        if (*json) {
             printForPrograms(request->file, result);
-        else
+        } else {
             printForPeople(request->file, result);
+        }
         return result.problems.empty() ? 0 : 1;
     });
 }

@@ -1,10 +1,5 @@
 // fwmod new: a complete module in a directory of its own, from the files of sdk/template. They are the same
 // for every module; what differs stands in them as @WORD@, and as NAME in the name of a file.
-#include "src/src/fw-update-symbol.h"
-#include "tools/fwmod/commands/command.h"
-#include "tools/fwmod/files.h"
-#include "tools/fwmod/images/identifier.h"
-
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -15,6 +10,11 @@
 #include <iterator>
 #include <memory>
 #include <vector>
+
+#include "src/src/fw-update-symbol.h"
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/images/identifier.h"
 
 namespace fwmod
 {
@@ -73,27 +73,31 @@ const Language& languageOf(const Options& options)
 std::string libraryName(const std::string& name, const Kind& kind)
 {
     const auto isAllowed = [](char c) { return isAsciiAlphanumeric(c) || c == '-' || c == '_'; };
-    if (name.empty() || !std::all_of(name.begin(), name.end(), isAllowed) || !isAsciiAlphanumeric(name[0]))
+    if (name.empty() || !std::all_of(name.begin(), name.end(), isAllowed) || !isAsciiAlphanumeric(name[0])) {
         throw common::WrongUse("'" + name +
                                "' cannot be a module's name: use ASCII letters, digits, '-' and '_', and "
                                "begin with a letter or a digit, as in tuner");
-    if (isExternalName(name) && !kind.isExternal)
+    }
+    if (isExternalName(name) && !kind.isExternal) {
         throw common::WrongUse(name +
                                ": \"EXT-\" in its name makes a module an external one: give --external, or "
                                "take another name");
+    }
     return kind.isExternal && !isExternalName(name) ? "EXT-" + name : name;
 }
 
 // "my-tuner" has "empMyTuner": an identifier consists of letters and digits.
 std::string identifierFor(std::string name)
 {
-    if (isExternalName(name.substr(0, 4)))
+    if (isExternalName(name.substr(0, 4))) {
         name.erase(0, 4);
+    }
     std::string identifier = "emp";
     bool begins = true;
     for (const char c : name) {
-        if (isAsciiAlphanumeric(c))
+        if (isAsciiAlphanumeric(c)) {
             identifier += begins ? static_cast<char>(std::toupper(c)) : c;
+        }
         begins = !isAsciiAlphanumeric(c);
     }
     return identifier;
@@ -120,8 +124,9 @@ Words wordsFor(const std::string& name, const Kind& kind, const Language& langua
 
 void replaceAll(std::string& text, const std::string& from, const std::string& to)
 {
-    for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos;)
+    for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos;) {
         text.replace(at, from.size(), to);
+    }
 }
 
 // In the build tree as when it is installed.
@@ -129,9 +134,10 @@ fs::path templateDirectory()
 {
     const fs::path program = fs::read_symlink("/proc/self/exe");
     const fs::path found = program.parent_path().parent_path() / "share/tarnwick/template";
-    if (!fs::is_directory(found))
+    if (!fs::is_directory(found)) {
         throw common::Failure("the template is not in " + found.string() +
                               ": install the whole kit again (scripts/install-sdk)");
+    }
     return found;
 }
 
@@ -158,13 +164,15 @@ std::vector<File> fillTemplate(const Words& words, const std::string& name, cons
     const fs::path from = templateDirectory();
     std::vector<File> files;
     for (const auto& entry : fs::recursive_directory_iterator(from)) {
-        if (entry.is_directory() || !isOfLanguage(entry.path(), language))
+        if (entry.is_directory() || !isOfLanguage(entry.path(), language)) {
             continue;
+        }
         std::string path = entry.path().lexically_relative(from);
         replaceAll(path, "NAME", name);
         File file{path, readText(entry.path())};
-        for (const auto& [word, replacement] : words)
+        for (const auto& [word, replacement] : words) {
             replaceAll(file.text, word, replacement);
+        }
         files.push_back(file);
     }
     return files;
@@ -178,9 +186,10 @@ class NewDirectory
 public:
     explicit NewDirectory(const fs::path& path) : path_(path)
     {
-        if (fs::exists(path) && (!fs::is_directory(path) || !fs::is_empty(path)))
+        if (fs::exists(path) && (!fs::is_directory(path) || !fs::is_empty(path))) {
             throw common::Failure(path.string() +
                                   " exists and is not an empty directory: choose another with -o");
+        }
         sigset_t all;
         sigfillset(&all);
         sigprocmask(SIG_BLOCK, &all, &signals_);
@@ -188,8 +197,9 @@ public:
     ~NewDirectory()
     {
         std::error_code ignored;
-        for (auto made = made_.rbegin(); made != made_.rend(); ++made)
+        for (auto made = made_.rbegin(); made != made_.rend(); ++made) {
             fs::remove(*made, ignored);
+        }
         sigprocmask(SIG_SETMASK, &signals_, nullptr);
     }
     NewDirectory(const NewDirectory&) = delete;
@@ -206,13 +216,15 @@ public:
 private:
     void makeDirectory(const fs::path& path)
     {
-        if (path.empty() || fs::exists(path))
+        if (path.empty() || fs::exists(path)) {
             return;
+        }
         makeDirectory(path.parent_path());
         std::error_code error;
-        if (!fs::create_directory(path, error) && error)
+        if (!fs::create_directory(path, error) && error) {
             throw common::Failure("cannot make the directory " + path.string() + ": " + error.message() +
                                   "; choose another with -o");
+        }
         made_.push_back(path);
     }
 
@@ -229,8 +241,9 @@ int makeModule(const Options& options)
     const std::vector<File> files = fillTemplate(wordsFor(name, kind, language), name, language);
     const std::string output = options.output.empty() ? name : options.output;
     NewDirectory directory(output);
-    for (const File& file : files)
+    for (const File& file : files) {
         directory.write(file);
+    }
     directory.commit();
     std::printf("%s: a module to start from; README.md says what to change first. Build and test it:\n"
                 "  cd %s\n"
@@ -247,8 +260,9 @@ void defineNew(common::CommandLine& command)
     command.text("NAME", options->name, "Name of the module, and of its library's file (NAME.so)").required();
     common::CommandLine& kinds =
         command.group(common::CommandLine::Choice::kAtMostOne, "kind", "How its images reach the hardware");
-    for (std::size_t index = 0; index < std::size(kKinds); ++index)
+    for (std::size_t index = 0; index < std::size(kKinds); ++index) {
         kinds.flag("--" + std::string(kKinds[index].name), options->isAskedFor[index], kKinds[index].summary);
+    }
     command.text("--lang", options->language, "Language of the library: c or c++").oneOf({"c", "c++"});
     command.text("-o,--output", options->output, "Directory to make (default NAME)");
     command.footer(

@@ -1,13 +1,13 @@
 // fwmod package: the file system image that the daemon mounts read-only to find a module's image. The same
 // input gives the same bytes, on every machine and at any time.
+#include <cstdio>
+#include <memory>
+
 #include "common/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/identifier.h"
 #include "tools/fwmod/images/information.h"
-
-#include <cstdio>
-#include <memory>
 
 namespace fwmod
 {
@@ -27,10 +27,12 @@ void copyInto(const fs::path& from, const fs::path& to)
 {
     std::error_code error;
     fs::copy_file(from, to, error);
-    if (!error)
+    if (!error) {
         fs::permissions(to, fs::perms(0644), error); // not those of the maker's file: reproducible
-    if (error)
+    }
+    if (error) {
         throw common::Failure("cannot copy " + from.string() + ": " + error.message());
+    }
 }
 
 // Times, owners and modes are fixed; one block size and compressor that every set's kernel reads.
@@ -46,9 +48,10 @@ int package(const Options& options)
     const std::string firmware = firmwareName(options.identifier, "--id");
     const fs::path output = options.output.empty() ? options.identifier + ".img" : options.output;
     const InformationReport report = checkInformation(options.information, fs::path(options.image));
-    if (!report.accepted)
+    if (!report.accepted) {
         throw common::Failure("the daemon would refuse the package:\n" +
                               formatReport(options.information, report));
+    }
     refuseOverwriting(output, {options.image, options.information});
 
     const ScratchDirectory tree;
@@ -60,9 +63,10 @@ int package(const Options& options)
     std::printf("%s: %s.bin and info.json, version %s, crc %u\n", common::visible(output.string()).c_str(),
                 firmware.c_str(), common::visible(report.values.version).c_str(),
                 static_cast<unsigned int>(report.values.crc));
-    if (output.filename() != options.identifier + ".img")
+    if (output.filename() != options.identifier + ".img") {
         std::fprintf(stderr, "fwmod: note: the daemon looks for the package under the name %s.img\n",
                      options.identifier.c_str());
+    }
     return 0;
 }
 } // namespace

@@ -1,17 +1,16 @@
 // fwmod try: the module alone on a virtual set, through the whole story of an update, and what is true then.
-#include "common/json-text.h"
-#include "common/visible-text.h"
-#include "tools/fwmod/commands/command.h"
-#include "tools/fwmod/files.h"
-#include "tools/fwmod/images/control-library.h"
-#include "tools/fwmod/trial-set.h"
-
-#include "src/src/fw-update-symbol.h"
-
 #include <csignal>
 #include <memory>
 #include <sstream>
 #include <unistd.h>
+
+#include "common/json-text.h"
+#include "common/visible-text.h"
+#include "src/src/fw-update-symbol.h"
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/images/control-library.h"
+#include "tools/fwmod/trial-set.h"
 
 namespace fwmod
 {
@@ -75,8 +74,9 @@ struct Result {
     bool isGood() const
     {
         bool isAllTrue = problem.empty() && !proofs.empty();
-        for (const Proof& proof : proofs)
+        for (const Proof& proof : proofs) {
             isAllTrue = isAllTrue && proof.isTrue;
+        }
         return isAllTrue;
     }
 };
@@ -92,19 +92,21 @@ Write readWrite(const std::vector<vset::LogRecord>& records)
     for (const vset::LogRecord& record : records) {
         using Kind = vset::DaemonEventKind;
         const Kind kind = vset::readDaemonMessage(record.message).kind;
-        if (record.message.compare(0, 5, "Error") == 0)
+        if (record.message.compare(0, 5, "Error") == 0) {
             write.reason = record.message;
+        }
         if (kind == Kind::kUpdateBegun) {
             write.verdict = "unfinished";
             start = vset::secondsOf(record).value_or(0);
-        } else if (kind == Kind::kUpdateTimedOut)
+        } else if (kind == Kind::kUpdateTimedOut) {
             end("time-out", record);
-        else if (write.verdict == "time-out")
+        } else if (write.verdict == "time-out") {
             continue; // what comes after it is lost
-        else if (kind == Kind::kUpdateFailed)
+        } else if (kind == Kind::kUpdateFailed) {
             end("failure", record);
-        else if (kind == Kind::kUpdateSucceeded)
+        } else if (kind == Kind::kUpdateSucceeded) {
             end("success", record);
+        }
     }
     return write;
 }
@@ -131,46 +133,55 @@ bool isExternal(const Options& options)
 // What the daemon would stumble over at once.
 void checkLibrary(const Options& options)
 {
-    if (options.library.extension() != ".so")
+    if (options.library.extension() != ".so") {
         throw common::Failure("the daemon opens NAME.so only: rename " + options.library.string());
+    }
     const std::string problem = whyNotLoadable(options.library);
-    if (!problem.empty())
+    if (!problem.empty()) {
         throw common::Failure(options.library.string() + " cannot be loaded: " + problem);
+    }
     const ControlLibrary library = readControlLibrary(options.library);
     for (const EntryPointState& entry : library.entryPoints) {
-        if (entry.required && !entry.exported)
+        if (entry.required && !entry.exported) {
             throw common::Failure(options.library.string() + " does not export " + entry.name +
                                   ", which the daemon requires (\"fwmod inspect\" lists the entry points)");
+        }
     }
 }
 
 void checkUse(const Options& options)
 {
-    if (isExternal(options) && !options.package.empty())
+    if (isExternal(options) && !options.package.empty()) {
         throw common::WrongUse(
             "an external module (EXT-) has no package: its library finds the image itself, for "
             "example with --firmware DIR in the system image");
-    if (isExternal(options) && options.isAccepted)
+    }
+    if (isExternal(options) && options.isAccepted) {
         throw common::WrongUse(
             "an external module (EXT-) is never offered on the screen: leave --accept away");
-    if (!isExternal(options) && options.package.empty() && options.firmware.empty())
+    }
+    if (!isExternal(options) && options.package.empty() && options.firmware.empty()) {
         throw common::WrongUse(
             "there is nothing to update from: give --package IMG, or --firmware DIR for an image "
             "in the system image");
+    }
 }
 
 void checkRootless(const Options& options)
 {
     const bool isRootless = options.isRootless || geteuid() != 0;
-    if (!isRootless || options.package.empty())
+    if (!isRootless || options.package.empty()) {
         return;
-    if (access("/dev/fuse", R_OK | W_OK) != 0)
+    }
+    if (access("/dev/fuse", R_OK | W_OK) != 0) {
         throw common::Failure("without root a package is mounted through /dev/fuse, which cannot be used: "
                               "sudo chmod 0666 /dev/fuse, or run this as root");
-    if (access("/usr/bin/squashfuse", X_OK) != 0)
+    }
+    if (access("/usr/bin/squashfuse", X_OK) != 0) {
         throw common::Failure(
             "without root a package is mounted with squashfuse: install squashfuse and fuse3, or run "
             "this as root");
+    }
 }
 
 // ---- The trial ----
@@ -232,20 +243,24 @@ bool Trial::run()
 {
     try {
         fill();
-        if (isExternal(options_))
+        if (isExternal(options_)) {
             tryExternalModule();
-        else
+        } else {
             tryModule();
+        }
     } catch (const std::exception& error) {
         InterruptionWatch::check();
         result_.problem = error.what();
     }
-    if (result_.write || !result_.before.isNull() || !result_.proofs.empty())
+    if (result_.write || !result_.before.isNull() || !result_.proofs.empty()) {
         report();
-    if (!result_.problem.empty())
+    }
+    if (!result_.problem.empty()) {
         std::fprintf(stderr, "fwmod: %s\n", common::visible(result_.problem).c_str());
-    if (options_.isJson)
+    }
+    if (options_.isJson) {
         std::puts(common::indentedJson(toJson()).c_str());
+    }
     return result_.isGood();
 }
 
@@ -264,39 +279,47 @@ void Trial::chapter(const std::string& title)
 void Trial::fill()
 {
     set_.emplace(options_.isRootless, story_);
-    if (options_.isKept)
+    if (options_.isKept) {
         set_->keep();
+    }
     say("A virtual set for " + name_ + " alone, in " + set_->path().string() +
         (options_.isKept ? "" : " until the end"));
     const bool isBuiltIn = !isExternal(options_) && options_.package.empty();
     set_->add(options_.library, isBuiltIn ? kSystemControls : kProductControls, name_ + ".so");
-    if (!options_.package.empty())
+    if (!options_.package.empty()) {
         set_->add(options_.package, kFeed, options_.package.filename());
-    if (!options_.firmware.empty())
+    }
+    if (!options_.firmware.empty()) {
         set_->add(options_.firmware, kSystemImages, fs::canonical(options_.firmware).filename());
-    if (!options_.hardware.empty())
+    }
+    if (!options_.hardware.empty()) {
         set_->addHardware(options_.hardware);
+    }
 }
 
 void Trial::tryModule()
 {
-    if (!options_.package.empty())
+    if (!options_.package.empty()) {
         bootForTheFirstTime();
+    }
     try {
         chapter(options_.package.empty() ? "The set is switched on" : "The set boots again");
         set_->switchOn(options_.powerCut);
         set_->setClockRate(kQuickRate);
-        if (!isFoundPending())
+        if (!isFoundPending()) {
             failNotPending();
+        }
         update();
-        if (options_.powerCut && result_.write->verdict == "success")
+        if (options_.powerCut && result_.write->verdict == "success") {
             failUncut();
+        }
     } catch (const PowerWasCut& cut) {
         tellCut(cut);
         surviveCut();
     }
-    if (!result_.write || result_.write->verdict == "success")
+    if (!result_.write || result_.write->verdict == "success") {
         bootAfterwards();
+    }
 }
 
 // ---- What the daemon finds ----
@@ -307,10 +330,12 @@ bool Trial::isFoundPending()
     constexpr const char* kPending = "need update item, wait ui or bg fw update\n";
     set_->waitFor("the daemon to check the module", kPatience,
                   [this] { return set_->said(kPending) || set_->daemonEnd(); });
-    if (set_->said(kPending))
+    if (set_->said(kPending)) {
         return true;
-    if (*set_->daemonEnd() != kGoodEnd)
+    }
+    if (*set_->daemonEnd() != kGoodEnd) {
         throw common::Failure(*set_->daemonEnd() + " while it loaded or asked the control library");
+    }
     return false;
 }
 
@@ -321,11 +346,13 @@ Json::Value Trial::examine()
     Json::Value modules;
     std::istringstream text(told.text);
     std::string errors;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), text, &modules, &errors) || modules.empty())
+    if (!Json::parseFromStream(Json::CharReaderBuilder(), text, &modules, &errors) || modules.empty()) {
         throw common::Failure("the module cannot be examined: " + told.errors);
+    }
     const Json::Value& module = modules[0];
-    if (module.isMember("failure"))
+    if (module.isMember("failure")) {
         throw common::Failure("the control library fails: " + module["failure"].asString());
+    }
     if (module["kind"] == "unusable") {
         const Json::Value& messages = module["load_messages"]; // the last one tells what stopped the loading
         throw common::Failure("the daemon cannot use the control library" +
@@ -338,28 +365,32 @@ Json::Value Trial::examine()
 void Trial::checkNames(const Json::Value& module) const
 {
     const std::string package = module["identifier"].asString() + ".img";
-    if (!options_.package.empty() && options_.package.filename() != package)
+    if (!options_.package.empty() && options_.package.filename() != package) {
         throw common::Failure("the daemon asks for " + package + ", after the library's identifier: rename " +
                               options_.package.string());
+    }
     const std::string firmware = module["firmware_name"].asString();
     const std::string directory =
         options_.firmware.empty() ? firmware : fs::canonical(options_.firmware).filename().string();
-    if (directory != firmware)
+    if (directory != firmware) {
         throw common::Failure("the daemon looks for " + firmware + "/" + firmware +
                               ".bin in the system image: rename the directory " + options_.firmware.string());
+    }
 }
 
 // Whether the update comes about in the way that was asked for.
 void Trial::checkWay(const Json::Value& module) const
 {
     const bool isOffered = module["ui_use"] != "none";
-    if (options_.isAccepted && !isOffered)
+    if (options_.isAccepted && !isOffered) {
         throw common::Failure(
             "the information file says ui_use \"none\", so the screen never offers the update: leave "
             "--accept away, or write \"select\" or \"force\" (fwmod info --ui-use)");
-    if (!options_.isAccepted && module["pending_source"] == "system")
+    }
+    if (!options_.isAccepted && module["pending_source"] == "system") {
         throw common::Failure(
             "an image in the system image is only written when the viewer accepts it: add --accept");
+    }
 }
 
 void Trial::failNotPending()
@@ -397,28 +428,33 @@ void Trial::awaitDelivery(const Json::Value& module)
 void Trial::update()
 {
     const Json::Value module = examine();
-    if (!module["pending"].asBool())
+    if (!module["pending"].asBool()) {
         failNotPending();
+    }
     checkNames(module);
     checkWay(module);
-    if (result_.before.isNull())
+    if (result_.before.isNull()) {
         result_.before = module["installed"];
+    }
     for (const Json::Value& source : module["sources"]) {
-        if (source["source"] == module["pending_source"])
+        if (source["source"] == module["pending_source"]) {
             result_.offered = source["offered"];
+        }
     }
     result_.expectedSeconds = module["expected_time"].asUInt();
-    if (options_.isAccepted)
+    if (options_.isAccepted) {
         updateOnScreen();
-    else
+    } else {
         updateAtStandby(module);
+    }
 }
 
 void Trial::updateAtStandby(const Json::Value& module)
 {
     const bool isOffered = module["ui_use"] != "none";
-    if (isOffered)
+    if (isOffered) {
         say("              The viewer does not answer the offer.");
+    }
     // By the numbers of its states: modules checked; offer shown, or not shown.
     set_->waitFor("the daemon to wait for a standby", kPatience,
                   [&] { return isOffered ? set_->said("10") || set_->said("16") : set_->said("5"); });
@@ -429,8 +465,9 @@ void Trial::updateAtStandby(const Json::Value& module)
     awaitWrite("the daemon to end after the update", [this] { return set_->daemonEnd().has_value(); });
     const bool hasEndedWell = *set_->daemonEnd() == kGoodEnd;
     prove("the daemon ended with status 0", hasEndedWell);
-    if (!hasEndedWell)
+    if (!hasEndedWell) {
         result_.write->reason = *set_->daemonEnd();
+    }
     proveNothingIsLeft();
     prove("no power lock is held", set_->snapshot()["locks"]["held"].empty());
 }
@@ -448,8 +485,9 @@ void Trial::updateOnScreen()
     click("accept");
     awaitWrite("the upgrade UI to tell the end of the update", [this] { return view() == "finished"; });
     proveNothingIsLeft();
-    if (result_.write->verdict != "success")
+    if (result_.write->verdict != "success") {
         return; // the daemon asks for no reboot then
+    }
     chapter("The viewer closes the message, and the set restarts");
     set_->setClockRate(kQuickRate);
     set_->forget();
@@ -463,28 +501,32 @@ void Trial::awaitWrite(const std::string& what, const std::function<bool()>& isO
 {
     nextProgress_ = steady_clock::now() + kProgressPause;
     set_->waitFor(what, kPatience + seconds(result_.expectedSeconds), [&] {
-        if (isOver())
+        if (isOver()) {
             return true;
+        }
         showProgress();
         return false;
     });
     result_.write = readWrite(set_->records());
     const Write& write = *result_.write;
     prove("the daemon's verdict is success", write.verdict == "success");
-    if (write.verdict == "success")
+    if (write.verdict == "success") {
         prove("the write fits into the expected time", write.duration <= result_.expectedSeconds);
+    }
 }
 
 // What the library itself says in another process; for one that keeps its progress to itself, nothing.
 void Trial::showProgress()
 {
-    if (steady_clock::now() < nextProgress_ || readWrite(set_->records()).verdict != "unfinished")
+    if (steady_clock::now() < nextProgress_ || readWrite(set_->records()).verdict != "unfinished") {
         return;
+    }
     nextProgress_ = steady_clock::now() + kProgressPause;
     for (const Json::Value& module : set_->console("GetModules")) {
         const Json::Value& progress = module["progress"];
-        if (!progress.isUInt() || progress.asUInt() <= shownProgress_)
+        if (!progress.isUInt() || progress.asUInt() <= shownProgress_) {
             continue;
+        }
         shownProgress_ = progress.asUInt();
         say("              " + name_ + ": " + progress.asString() + " % written, says its control library");
     }
@@ -524,8 +566,9 @@ void Trial::surviveCut()
         update();
         return;
     }
-    if (version.isNull() || result_.before.isNull() || version == result_.before)
+    if (version.isNull() || result_.before.isNull() || version == result_.before) {
         failNotPending();
+    }
     say("              Nothing was missing any more: the new firmware is in place.");
     prove("after the power cut the new firmware was complete", true);
 }
@@ -535,10 +578,11 @@ void Trial::failUncut()
     set_->switchOff();
     const unsigned int writes = set_->writes().value_or(0);
     const std::string asked = std::to_string(*options_.powerCut);
-    if (writes == 0)
+    if (writes == 0) {
         throw common::Failure(
             "the update made no write to hardware that can be seen from outside, so the power was "
             "not cut (stores into mapped memory are not seen)");
+    }
     throw common::Failure("the update made only " + std::to_string(writes) +
                           " writes to hardware, so the power was " + "not cut at write " + asked +
                           ": choose one from 1 to " + std::to_string(writes));
@@ -579,15 +623,17 @@ void Trial::tryExternalModule()
     say("The daemon leaves external modules out: \"fwctl update " + name_ + "\" has the library do it.");
     try {
         updateDirectly(options_.powerCut);
-        if (options_.powerCut && result_.write->verdict == "success")
+        if (options_.powerCut && result_.write->verdict == "success") {
             failUncut();
+        }
     } catch (const PowerWasCut& cut) {
         tellCut(cut);
         chapter("The power is back, and the technician tries again");
         updateDirectly(std::nullopt);
     }
-    if (result_.write->verdict != "success")
+    if (result_.write->verdict != "success") {
         return;
+    }
     chapter("The set is switched on again");
     set_->switchOn();
     set_->setClockRate(kQuickRate);
@@ -615,8 +661,9 @@ void Trial::report() const
     std::fprintf(story_, "  %s: version %s before, %s offered, %s after\n", name_.c_str(),
                  textOf(result_.before).c_str(), textOf(result_.offered).c_str(),
                  textOf(result_.after).c_str());
-    if (!result_.cut.empty())
+    if (!result_.cut.empty()) {
         std::fprintf(story_, "  %s\n", result_.cut.c_str());
+    }
     if (result_.write) {
         const std::string expected =
             result_.expectedSeconds > 0 ? " of the expected " + std::to_string(result_.expectedSeconds) + " s"
@@ -624,11 +671,13 @@ void Trial::report() const
         std::fprintf(story_, "  %s after %s s%s\n", result_.write->verdict.c_str(),
                      oneDecimal(result_.write->duration).c_str(), expected.c_str());
     }
-    for (const Proof& proof : result_.proofs)
+    for (const Proof& proof : result_.proofs) {
         std::fprintf(story_, "  %s  %s\n", proof.isTrue ? "yes" : "NO ", proof.text.c_str());
+    }
     const bool isExplained = !result_.write || result_.write->verdict == "success";
-    if (!isExplained && !result_.write->reason.empty())
+    if (!isExplained && !result_.write->reason.empty()) {
         std::fprintf(story_, "  the last complaint: %s\n", common::visible(result_.write->reason).c_str());
+    }
     std::fprintf(story_, "%s\n", result_.isGood() ? "Updated, and all of it is true." : "Not good.");
     std::fflush(story_);
 }
@@ -661,8 +710,9 @@ Json::Value Trial::toJson() const
 void checkFiles(const Options& options)
 {
     requireReadable(options.library);
-    if (!options.package.empty())
+    if (!options.package.empty()) {
         requireReadable(options.package);
+    }
     requireDirectory(options.firmware, "--firmware");
     requireDirectory(options.hardware, "--hardware");
 }

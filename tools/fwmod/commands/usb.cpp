@@ -1,11 +1,5 @@
 // fwmod usb: the encrypted, signed image that a module is updated from on a USB stick. The same input, key
 // and initialisation vector give the same bytes.
-#include "common/visible-text.h"
-#include "tools/fwmod/commands/command.h"
-#include "tools/fwmod/files.h"
-#include "tools/fwmod/images/usb-image.h"
-#include "vset/signature/image-signature.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
@@ -16,6 +10,12 @@
 #include <openssl/rand.h>
 #include <unistd.h>
 #include <vector>
+
+#include "common/visible-text.h"
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/images/usb-image.h"
+#include "vset/signature/image-signature.h"
 
 namespace fwmod
 {
@@ -45,8 +45,9 @@ using File = std::unique_ptr<FILE, Closer>;
 File openFile(const fs::path& path, const char* mode)
 {
     File file(std::fopen(path.c_str(), mode));
-    if (!file)
+    if (!file) {
         throw common::Failure("cannot open " + path.string() + ": " + std::strerror(errno));
+    }
     return file;
 }
 
@@ -54,10 +55,12 @@ File openFile(const fs::path& path, const char* mode)
 
 usb::VersionHeader fillHeader(const std::string& bytes, const std::string& source, std::size_t longest)
 {
-    if (bytes.empty())
+    if (bytes.empty()) {
         throw common::WrongUse(source + " is empty: give what the module's checkVersion reads, such as 1.1");
-    if (bytes.size() > longest)
+    }
+    if (bytes.size() > longest) {
         throw common::WrongUse(source + " is too long: at most " + std::to_string(longest) + " bytes");
+    }
     usb::VersionHeader header = {};
     std::copy(bytes.begin(), bytes.end(), header.begin());
     return header;
@@ -65,8 +68,9 @@ usb::VersionHeader fillHeader(const std::string& bytes, const std::string& sourc
 
 usb::VersionHeader readHeader(const Options& options)
 {
-    if (options.headerFile.empty()) // a text keeps its terminator
+    if (options.headerFile.empty()) { // a text keeps its terminator
         return fillHeader(options.versionHeader, "--version-header", usb::kVersionHeaderSize - 1);
+    }
     requireReadable(options.headerFile);
     std::ifstream file(options.headerFile, std::ios::binary);
     std::string bytes(usb::kVersionHeaderSize + 1, '\0');
@@ -79,8 +83,9 @@ usb::Iv chooseIv(const std::string& text)
 {
     usb::Iv iv;
     if (text.empty()) {
-        if (RAND_bytes(iv.data(), static_cast<int>(iv.size())) != 1)
+        if (RAND_bytes(iv.data(), static_cast<int>(iv.size())) != 1) {
             throw common::Failure("OpenSSL has no random bytes: give --iv");
+        }
     } else if (text.size() != 2 * iv.size() || !common::parseHex(text.data(), iv.size(), iv.data())) {
         throw common::WrongUse("--iv: 32 hexadecimal digits are needed");
     }
@@ -93,12 +98,14 @@ signature::Key readSigningKey(const fs::path& path)
     requireReadable(path);
     const File file = openFile(path, "rbe");
     signature::Key key(PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr));
-    if (!key)
+    if (!key) {
         throw common::Failure(path.string() +
                               " holds no private key in PEM form that can be read: make one with "
                               "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:4096");
-    if (!signature::isSchemeKey(key.get()))
+    }
+    if (!signature::isSchemeKey(key.get())) {
         throw common::Failure(path.string() + " is another kind of key: RSA with 4096 bits is needed");
+    }
     return key;
 }
 
@@ -112,9 +119,10 @@ std::int64_t imageSize(std::int64_t payloadSize)
 void refuseTooLarge(const fs::path& payload)
 {
     const auto size = static_cast<std::int64_t>(fs::file_size(payload));
-    if (size > usb::kLargestImage || imageSize(size) > usb::kLargestImage)
+    if (size > usb::kLargestImage || imageSize(size) > usb::kLargestImage) {
         throw common::Failure(payload.string() + " is too large: the image would have more than " +
                               std::to_string(usb::kLargestImage) + " bytes, which the daemon cannot count");
+    }
 }
 
 // ---- What comes out ----
@@ -126,13 +134,15 @@ public:
     ImageWriter(const fs::path& path, EVP_PKEY* key)
         : path_(path), file_(openFile(path, "wbe")), digest_(EVP_MD_CTX_new())
     {
-        if (!digest_ || EVP_DigestSignInit(digest_.get(), nullptr, EVP_sha256(), nullptr, key) != 1)
+        if (!digest_ || EVP_DigestSignInit(digest_.get(), nullptr, EVP_sha256(), nullptr, key) != 1) {
             throw common::Failure("OpenSSL refuses the signing key");
+        }
     }
     void writeSigned(const unsigned char* data, std::size_t size)
     {
-        if (EVP_DigestSignUpdate(digest_.get(), data, size) != 1)
+        if (EVP_DigestSignUpdate(digest_.get(), data, size) != 1) {
             throw common::Failure("OpenSSL cannot compute the signature");
+        }
         write(data, size);
     }
     // The signature, then everything to the disk: a stick may be pulled out at once.
@@ -140,19 +150,22 @@ public:
     {
         unsigned char bytes[signature::kSignatureSize];
         std::size_t length = sizeof bytes;
-        if (EVP_DigestSignFinal(digest_.get(), bytes, &length) != 1 || length != sizeof bytes)
+        if (EVP_DigestSignFinal(digest_.get(), bytes, &length) != 1 || length != sizeof bytes) {
             throw common::Failure("OpenSSL cannot compute the signature");
+        }
         write(bytes, sizeof bytes);
-        if (std::fflush(file_.get()) != 0 || fsync(fileno(file_.get())) != 0)
+        if (std::fflush(file_.get()) != 0 || fsync(fileno(file_.get())) != 0) {
             throw common::Failure("cannot write " + path_.string() + ": " + std::strerror(errno));
+        }
         return ftello(file_.get());
     }
 
 private:
     void write(const unsigned char* data, std::size_t size)
     {
-        if (std::fwrite(data, 1, size, file_.get()) != size)
+        if (std::fwrite(data, 1, size, file_.get()) != size) {
             throw common::Failure("cannot write " + path_.string() + ": " + std::strerror(errno));
+        }
     }
 
     fs::path path_;
@@ -169,16 +182,19 @@ void encrypt(const usb::VersionHeader& header, const fs::path& payload, EVP_CIPH
     int produced = 0;
     while (!plain.empty()) {
         if (EVP_CipherUpdate(cipher, secret.data(), &produced, plain.data(),
-                             static_cast<int>(plain.size())) != 1)
+                             static_cast<int>(plain.size())) != 1) {
             throw common::Failure("the cipher of OpenSSL refused its input");
+        }
         out.writeSigned(secret.data(), static_cast<std::size_t>(produced));
         plain.resize(kChunkSize);
         plain.resize(std::fread(plain.data(), 1, plain.size(), in.get()));
     }
-    if (std::ferror(in.get()) != 0)
+    if (std::ferror(in.get()) != 0) {
         throw common::Failure("cannot read " + payload.string() + " to its end");
-    if (EVP_CipherFinal_ex(cipher, secret.data(), &produced) != 1)
+    }
+    if (EVP_CipherFinal_ex(cipher, secret.data(), &produced) != 1) {
         throw common::Failure("the cipher of OpenSSL cannot end");
+    }
     out.writeSigned(secret.data(), static_cast<std::size_t>(produced));
 }
 
@@ -201,8 +217,9 @@ int makeImage(const Options& options)
     const signature::Header trailer = signature::makeHeader(keyId);
     out.writeSigned(trailer.data(), trailer.size());
     const std::int64_t size = out.finish();
-    if (size > usb::kLargestImage)
+    if (size > usb::kLargestImage) {
         throw common::Failure(options.payload + " grew while it was read, beyond what the daemon can count");
+    }
     result.commit();
     std::printf("%s: %" PRId64 " bytes, signed with key %s\n", common::visible(options.output).c_str(), size,
                 signature::toText(keyId).c_str());

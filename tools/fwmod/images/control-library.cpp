@@ -1,8 +1,5 @@
 #include "tools/fwmod/images/control-library.h"
 
-#include "tools/fwmod/commands/command.h"
-#include "tools/fwmod/files.h"
-
 #include <cstring>
 #include <elf.h>
 #include <fcntl.h>
@@ -12,6 +9,9 @@
 #include <memory>
 #include <set>
 #include <unistd.h>
+
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
 
 namespace fwmod
 {
@@ -60,15 +60,18 @@ bool isExported(const GElf_Sym& symbol)
 void collectExports(Elf* elf, Elf_Scn* section, const GElf_Shdr& header, std::set<std::string>& names)
 {
     Elf_Data* const data = elf_getdata(section, nullptr);
-    if (data == nullptr || header.sh_entsize == 0)
+    if (data == nullptr || header.sh_entsize == 0) {
         return;
+    }
     const GElf_Xword count = data->d_size / header.sh_entsize;
     for (GElf_Xword index = 0; index < count && index <= INT32_MAX; ++index) {
         GElf_Sym symbol;
-        if (gelf_getsym(data, static_cast<int>(index), &symbol) == nullptr || !isExported(symbol))
+        if (gelf_getsym(data, static_cast<int>(index), &symbol) == nullptr || !isExported(symbol)) {
             continue;
-        if (const char* name = elf_strptr(elf, header.sh_link, symbol.st_name))
+        }
+        if (const char* name = elf_strptr(elf, header.sh_link, symbol.st_name)) {
             names.insert(name);
+        }
     }
 }
 
@@ -77,8 +80,9 @@ std::set<std::string> exportsOf(Elf* elf)
     std::set<std::string> names;
     for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf, section)) != nullptr;) {
         GElf_Shdr header;
-        if (gelf_getshdr(section, &header) != nullptr && header.sh_type == SHT_DYNSYM)
+        if (gelf_getshdr(section, &header) != nullptr && header.sh_type == SHT_DYNSYM) {
             collectExports(elf, section, header, names);
+        }
     }
     return names;
 }
@@ -91,8 +95,9 @@ std::string buildIdIn(Elf_Data* data)
     std::size_t description = 0;
     for (std::size_t at = 0; (at = gelf_getnote(data, at, &note, &name, &description)) > 0;) {
         const auto* const bytes = static_cast<const char*>(data->d_buf);
-        if (note.n_type == NT_GNU_BUILD_ID && std::string_view(bytes + name, note.n_namesz) == kGnuName)
+        if (note.n_type == NT_GNU_BUILD_ID && std::string_view(bytes + name, note.n_namesz) == kGnuName) {
             return {bytes + description, note.n_descsz};
+        }
     }
     return "";
 }
@@ -102,10 +107,12 @@ std::string buildIdOf(Elf* elf)
     for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf, section)) != nullptr;) {
         GElf_Shdr header;
         Elf_Data* const data = elf_getdata(section, nullptr);
-        if (data == nullptr || gelf_getshdr(section, &header) == nullptr || header.sh_type != SHT_NOTE)
+        if (data == nullptr || gelf_getshdr(section, &header) == nullptr || header.sh_type != SHT_NOTE) {
             continue;
-        if (std::string found = buildIdIn(data); !found.empty())
+        }
+        if (std::string found = buildIdIn(data); !found.empty()) {
             return found;
+        }
     }
     return "";
 }
@@ -122,15 +129,18 @@ std::string mangledNameOf(const std::string& function, const std::set<std::strin
 bool isWhole(Elf* elf, std::uintmax_t fileSize)
 {
     std::size_t count = 0;
-    if (elf_getphdrnum(elf, &count) != 0)
+    if (elf_getphdrnum(elf, &count) != 0) {
         return false;
+    }
     for (std::size_t index = 0; index < count; ++index) {
         GElf_Phdr header;
-        if (gelf_getphdr(elf, static_cast<int>(index), &header) == nullptr)
+        if (gelf_getphdr(elf, static_cast<int>(index), &header) == nullptr) {
             return false;
+        }
         if (header.p_type == PT_LOAD &&
-            (header.p_offset > fileSize || header.p_filesz > fileSize - header.p_offset))
+            (header.p_offset > fileSize || header.p_filesz > fileSize - header.p_offset)) {
             return false;
+        }
     }
     return count > 0;
 }
@@ -158,28 +168,33 @@ ControlLibrary readControlLibrary(const std::filesystem::path& file)
     const Descriptor descriptor(file);
     const std::unique_ptr<Elf, ElfRelease> elf(elf_begin(descriptor.get(), ELF_C_READ, nullptr));
     GElf_Ehdr header;
-    if (!elf || elf_kind(elf.get()) != ELF_K_ELF || gelf_getehdr(elf.get(), &header) == nullptr)
+    if (!elf || elf_kind(elf.get()) != ELF_K_ELF || gelf_getehdr(elf.get(), &header) == nullptr) {
         throw common::Failure(file.string() + " is a damaged library: " + elf_errmsg(-1));
+    }
     const std::set<std::string> names = exportsOf(elf.get());
     ControlLibrary library{header.e_type == ET_DYN,  isWhole(elf.get(), std::filesystem::file_size(file)),
                            isForThisMachine(header), file.stem(),
                            buildIdOf(elf.get()),     {}};
-    for (const EntryPoint& entry : kEntryPoints)
+    for (const EntryPoint& entry : kEntryPoints) {
         library.entryPoints.push_back(
             {entry.name, entry.required, names.count(entry.name) != 0, mangledNameOf(entry.name, names)});
+    }
     return library;
 }
 
 std::string whyNotLoadable(const std::filesystem::path& file)
 {
-    if (!isElf(file))
+    if (!isElf(file)) {
         return "it is no ELF file";
+    }
     try {
         const ControlLibrary library = readControlLibrary(file);
-        if (!library.isSharedObject)
+        if (!library.isSharedObject) {
             return "it is an ELF file of another kind";
-        if (!library.isForThisMachine)
+        }
+        if (!library.isForThisMachine) {
             return "it is for another processor";
+        }
         return library.isWhole ? "" : "the file ends too soon";
     } catch (const common::Failure& error) {
         return error.what();

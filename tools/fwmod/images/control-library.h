@@ -1,6 +1,6 @@
 // A control library, looked at without loading it: nothing of it runs.
-#ifndef FWMOD_CONTROL_LIBRARY_H
-#define FWMOD_CONTROL_LIBRARY_H
+#ifndef TOOLS_FWMOD_IMAGES_CONTROL_LIBRARY_H
+#define TOOLS_FWMOD_IMAGES_CONTROL_LIBRARY_H
 
 #include <filesystem>
 #include <string>

@@ -1,9 +1,9 @@
 #include "tools/fwmod/images/identifier.h"
 
-#include "tools/fwmod/commands/command.h"
-
 #include <algorithm>
 #include <tarnwick/control.h>
+
+#include "tools/fwmod/commands/command.h"
 
 namespace fwmod
 {
@@ -15,19 +15,23 @@ bool isAsciiAlphanumeric(char c)
 
 std::string firmwareName(const std::string& identifier, const std::string& source)
 {
-    if (!std::all_of(identifier.begin(), identifier.end(), isAsciiAlphanumeric))
+    if (!std::all_of(identifier.begin(), identifier.end(), isAsciiAlphanumeric)) {
         throw common::WrongUse(source + " " + identifier +
                                ": the daemon refuses anything but ASCII letters and digits");
-    if (identifier.size() >= TARNWICK_CONTROL_TEXT_SIZE)
+    }
+    if (identifier.size() >= TARNWICK_CONTROL_TEXT_SIZE) {
         throw common::WrongUse(source + ": at most 127 characters, getEMPID has room for no more");
+    }
     const std::size_t at = identifier.find("emp");
-    if (at == std::string::npos)
+    if (at == std::string::npos) {
         throw common::WrongUse(source + " " + identifier +
                                ": it must contain \"emp\" in lower case, as in empTuner");
+    }
     const std::string name = std::string(identifier).erase(at, 3);
-    if (name.empty())
+    if (name.empty()) {
         throw common::WrongUse(source +
                                " emp: nothing is left to name the firmware; use something like empTuner");
+    }
     return name;
 }
 } // namespace fwmod

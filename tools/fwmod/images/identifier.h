@@ -1,6 +1,6 @@
 // A module's identifier, as its control library reports it, and the name that follows from it.
-#ifndef FWMOD_IDENTIFIER_H
-#define FWMOD_IDENTIFIER_H
+#ifndef TOOLS_FWMOD_IMAGES_IDENTIFIER_H
+#define TOOLS_FWMOD_IMAGES_IDENTIFIER_H
 
 #include <string>
 

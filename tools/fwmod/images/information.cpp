@@ -1,14 +1,14 @@
 #include "tools/fwmod/images/information.h"
 
-#include "common/json-text.h"
-#include "common/visible-text.h"
-#include "tools/fwmod/files.h"
-#include "tools/fwmod/images/quiet-platform.h"
-
 #include <fstream>
 #include <iterator>
 #include <json/json.h>
 #include <sstream>
+
+#include "common/json-text.h"
+#include "common/visible-text.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/images/quiet-platform.h"
 
 namespace fwmod
 {
@@ -28,40 +28,47 @@ struct Meaning {
 
 Meaning meaningOfVersion(const Json::Value* value)
 {
-    if (value == nullptr)
+    if (value == nullptr) {
         return {Kind::Warning, "absent: the daemon takes \"0000\"; give the image's version"};
+    }
     const std::string taken = value->asString();
-    if (!value->isString())
+    if (!value->isString()) {
         return {Kind::Warning, "not a text: the daemon takes \"" + taken + "\"; put the version in quotes"};
-    if (taken.empty())
+    }
+    if (taken.empty()) {
         return {Kind::Warning, "empty: the module is asked about an empty version; give the image's version"};
+    }
     return {Kind::Fine, "offered to the module's checkVersion"};
 }
 
 Meaning meaningOfNumber(const Json::Value& value, const std::string& use)
 {
     const unsigned int taken = value.asUInt();
-    if (value.type() == Json::intValue || value.type() == Json::uintValue)
+    if (value.type() == Json::intValue || value.type() == Json::uintValue) {
         return {Kind::Fine, use};
+    }
     return {Kind::Warning,
             "not a whole number: the daemon takes " + std::to_string(taken) + "; write it as one"};
 }
 
 Meaning meaningOfCrc(const Json::Value* value)
 {
-    if (value == nullptr)
+    if (value == nullptr) {
         return {Kind::Warning,
                 "absent: the daemon takes 0, which no usual image has; add it (fwmod crc IMAGE)"};
+    }
     return meaningOfNumber(*value, "compared with the image's checksum");
 }
 
 Meaning meaningOfExpectedTime(const Json::Value* value)
 {
-    if (value == nullptr)
+    if (value == nullptr) {
         return {Kind::Warning, "absent: the daemon takes 300 seconds; measure the update and add a margin"};
+    }
     const Meaning meaning = meaningOfNumber(*value, "seconds; the update is given two more");
-    if (value->asUInt() == 0)
+    if (value->asUInt() == 0) {
         return {Kind::Warning, "0 seconds: the update is given only two; measure it and add a margin"};
+    }
     return meaning;
 }
 
@@ -69,17 +76,22 @@ Meaning meaningOfUiUse(const Json::Value* value)
 {
     const std::string none =
         "the daemon takes \"none\": not offered on the screen, and refused in the system image";
-    if (value == nullptr)
+    if (value == nullptr) {
         return {Kind::Warning, "absent: " + none};
-    if (!value->isString())
+    }
+    if (!value->isString()) {
         return {Kind::Warning, "not a text: " + none};
+    }
     const std::string text = value->asString();
-    if (text == "select")
+    if (text == "select") {
         return {Kind::Fine, "the screen offers the update"};
-    if (text == "force")
+    }
+    if (text == "force") {
         return {Kind::Fine, "the screen forces the update"};
-    if (text == "none")
+    }
+    if (text == "none") {
         return {Kind::Fine, "not offered on the screen; refused in the system image"};
+    }
     return {Kind::Warning, "unknown: " + none + "; write \"select\", \"force\" or \"none\", in lower case"};
 }
 
@@ -98,8 +110,9 @@ constexpr Key kKeys[] = {
 bool isKnown(const std::string& name)
 {
     for (const Key& key : kKeys) {
-        if (name == key.name)
+        if (name == key.name) {
             return true;
+        }
     }
     return false;
 }
@@ -119,15 +132,18 @@ InformationFinding explain(const Key& key, const Json::Value& root)
 
 std::vector<InformationFinding> explainAll(const Json::Value& root)
 {
-    if (!root.isObject() && !root.isNull())
+    if (!root.isObject() && !root.isNull()) {
         return {{Kind::Refused, "-", common::compactJson(root), "no JSON object: write {\"version\": ...}"}};
+    }
     std::vector<InformationFinding> findings;
-    for (const Key& key : kKeys)
+    for (const Key& key : kKeys) {
         findings.push_back(explain(key, root));
+    }
     for (const std::string& name : root.getMemberNames()) {
-        if (!isKnown(name))
+        if (!isKnown(name)) {
             findings.push_back(
                 {Kind::Warning, name, common::compactJson(root[name]), "the daemon does not read this key"});
+        }
     }
     return findings;
 }
@@ -182,8 +198,9 @@ InformationReport checkInformation(const fs::path& file, const std::optional<fs:
     report.log = takeDaemonLog();
     module.cloneFwInformation(report.values);
     report.findings = explainFile(file);
-    if (report.accepted && image)
+    if (report.accepted && image) {
         compareChecksum(report, *image);
+    }
     return report;
 }
 
@@ -200,12 +217,14 @@ std::string formatInformation(const FWInformation& values)
 std::string formatReport(const fs::path& file, const InformationReport& report)
 {
     std::ostringstream out;
-    for (const InformationFinding& finding : report.findings)
+    for (const InformationFinding& finding : report.findings) {
         out << common::visible(std::string(nameOf(finding.kind)) + ": " + finding.key + " " + finding.value +
                                ": " + finding.text)
             << "\n";
-    for (const std::string& line : report.log)
+    }
+    for (const std::string& line : report.log) {
         out << "the daemon logs: " << common::visible(line) << "\n";
+    }
     out << "The daemon " << (report.accepted ? "accepts " : "refuses ") << common::visible(file.string())
         << ".\n";
     return out.str();

@@ -1,14 +1,14 @@
 // An information file (info.json) as the daemon reads it: the verdict is the daemon's own code's, and every
 // value gets a line that says what the daemon makes of it.
-#ifndef FWMOD_INFORMATION_H
-#define FWMOD_INFORMATION_H
-
-#include "src/src/fw-update-symbol.h"
+#ifndef TOOLS_FWMOD_IMAGES_INFORMATION_H
+#define TOOLS_FWMOD_IMAGES_INFORMATION_H
 
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "src/src/fw-update-symbol.h"
 
 namespace fwmod
 {

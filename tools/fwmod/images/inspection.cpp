@@ -1,18 +1,18 @@
 #include "tools/fwmod/images/inspection.h"
 
-#include "tools/fwmod/commands/command.h"
-#include "tools/fwmod/files.h"
-#include "tools/fwmod/images/control-library.h"
-#include "tools/fwmod/images/information.h"
-#include "tools/fwmod/images/usb-image.h"
-#include "vset/signature/image-signature.h"
-
 #include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <fstream>
 #include <memory>
 #include <unistd.h>
+
+#include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/files.h"
+#include "tools/fwmod/images/control-library.h"
+#include "tools/fwmod/images/information.h"
+#include "tools/fwmod/images/usb-image.h"
+#include "vset/signature/image-signature.h"
 
 namespace fwmod
 {
@@ -82,16 +82,19 @@ bool isEncryptedImage(const fs::path& path)
 
 std::vector<signature::TrustedKey> readTrusted(const std::string& path)
 {
-    if (!fs::exists(path))
+    if (!fs::exists(path)) {
         throw common::Failure(path + " does not exist: give a public key or a directory of them");
+    }
     std::vector<signature::TrustedKey> keys;
-    if (fs::is_directory(path))
+    if (fs::is_directory(path)) {
         keys = signature::readKeyDirectory(path);
-    else if (signature::Key key = signature::readPublicKey(path))
+    } else if (signature::Key key = signature::readPublicKey(path)) {
         keys.push_back({signature::keyIdOf(key.get()), std::move(key)});
-    if (keys.empty())
+    }
+    if (keys.empty()) {
         throw common::Failure(path + " holds no public RSA key with 4096 bits in PEM form: write one with "
                                      "openssl pkey -in signing.pem -pubout -out signing.pub.pem");
+    }
     return keys;
 }
 
@@ -130,11 +133,13 @@ void inspectSignature(const InspectionRequest& request, Inspection& result)
     const int descriptor = signature::openRegularFile(request.file.c_str());
     const signature::Verdict verdict =
         descriptor < 0 ? signature::Verdict::Unreadable : signature::verify(descriptor, trusted);
-    if (descriptor >= 0)
+    if (descriptor >= 0) {
         close(descriptor);
+    }
     result.add("signature", describe(verdict), verdict == signature::Verdict::Signed);
-    if (verdict != signature::Verdict::Signed)
+    if (verdict != signature::Verdict::Signed) {
         result.problems.push_back(std::string("signature: ") + describe(verdict));
+    }
 }
 
 void inspectContent(const InspectionRequest& request, const ImageParts& parts, FILE* file, const usb::Iv& iv,
@@ -162,9 +167,10 @@ void inspectImage(const InspectionRequest& request, Inspection& result)
     const ImageParts parts = readParts(request.file);
     result.addBytes("size", parts.size);
     result.add("key id", signature::toText(signature::keyIdIn(parts.trailer)));
-    if (parts.size > usb::kLargestImage)
+    if (parts.size > usb::kLargestImage) {
         result.problems.push_back("more than " + std::to_string(usb::kLargestImage) +
                                   " bytes, which the daemon cannot count");
+    }
     inspectSignature(request, result);
     if (parts.cipherSize < kBlockSize || parts.cipherSize % kBlockSize != 0) {
         result.problems.push_back("between the initialisation vector and the trailer there must be whole "
@@ -173,22 +179,25 @@ void inspectImage(const InspectionRequest& request, Inspection& result)
     }
     const File file(std::fopen(request.file.c_str(), "rbe"));
     usb::Iv iv;
-    if (!file || std::fread(iv.data(), 1, iv.size(), file.get()) != iv.size())
+    if (!file || std::fread(iv.data(), 1, iv.size(), file.get()) != iv.size()) {
         throw common::Failure("cannot read " + request.file);
+    }
     result.add("iv", hex(iv.data(), iv.size()));
     result.addBytes("ciphertext", parts.cipherSize);
-    if (request.keyFile.empty())
+    if (request.keyFile.empty()) {
         result.notes.push_back("give --key-file to see the version header");
-    else
+    } else {
         inspectContent(request, parts, file.get(), iv, result);
+    }
 }
 
 // ---- Information file ----
 
 bool isInformationFile(const fs::path& path)
 {
-    if (path.extension() == ".json")
+    if (path.extension() == ".json") {
         return true;
+    }
     std::ifstream file(path, std::ios::binary);
     char first = '\0';
     file >> first; // after white space
@@ -215,8 +224,9 @@ void addInformation(const fs::path& path, const std::optional<fs::path>& image, 
             result.notes.push_back(line);
         }
     }
-    if (!report.accepted && !isExplained)
+    if (!report.accepted && !isExplained) {
         result.problems.push_back("the daemon cannot read the information file");
+    }
 }
 
 void inspectInformation(const InspectionRequest& request, Inspection& result)
@@ -243,8 +253,9 @@ std::vector<std::string> listPackage(const fs::path& path)
         {"unsquashfs", "-q", "-no-progress", "-d", "", "-l", fs::absolute(path)}, "squashfs-tools"));
     std::vector<std::string> names;
     for (std::string line; std::getline(lines, line);) {
-        if (line.size() > 1 && line.front() == '/')
+        if (line.size() > 1 && line.front() == '/') {
             names.push_back(line);
+        }
     }
     return names;
 }
@@ -255,10 +266,11 @@ void checkPackageContent(const fs::path& package, const std::string& image, Insp
     const ScratchDirectory scratch;
     const fs::path tree = scratch.path() / "tree";
     unpackPackage(package, tree, {"info.json", image});
-    if (!isPlainFile(tree / "info.json") || !isPlainFile(tree / image))
+    if (!isPlainFile(tree / "info.json") || !isPlainFile(tree / image)) {
         result.problems.push_back("info.json and the image must be regular files");
-    else
+    } else {
         addInformation(tree / "info.json", tree / image, result);
+    }
 }
 
 void inspectPackage(const InspectionRequest& request, Inspection& result)
@@ -285,13 +297,15 @@ void inspectPackage(const InspectionRequest& request, Inspection& result)
     const std::string image = std::string(identifier).erase(emp, 3) + ".bin";
     bool isComplete = true;
     for (const std::string& needed : {std::string("info.json"), image}) {
-        if (std::find(names.begin(), names.end(), "/" + needed) != names.end())
+        if (std::find(names.begin(), names.end(), "/" + needed) != names.end()) {
             continue;
+        }
         result.problems.push_back(needed + " is not in the package of " + identifier);
         isComplete = false;
     }
-    if (isComplete)
+    if (isComplete) {
         checkPackageContent(request.file, image, result);
+    }
 }
 
 // ---- Control library ----
@@ -302,27 +316,32 @@ void inspectLibrary(const InspectionRequest& request, Inspection& result)
     const ControlLibrary library = readControlLibrary(request.file);
     result.add("library name", library.libraryName);
     result.addBytes("size", static_cast<std::int64_t>(fs::file_size(request.file)));
-    if (!library.buildId.empty())
+    if (!library.buildId.empty()) {
         result.add("build id", hex(reinterpret_cast<const unsigned char*>(library.buildId.data()),
                                    library.buildId.size()));
+    }
     Json::Value entries = Json::objectValue;
     std::string present;
     for (const EntryPointState& entry : library.entryPoints) {
         entries[entry.name] = entry.exported;
-        if (entry.exported)
+        if (entry.exported) {
             present += (present.empty() ? "" : ", ") + std::string(entry.name);
-        else if (entry.required)
+        } else if (entry.required) {
             result.problems.push_back(std::string(entry.name) + " is missing, and required");
-        else
+        } else {
             result.notes.push_back(std::string(entry.name) + " is missing, but optional");
+        }
     }
     result.add("entry points", present.empty() ? "none" : present, entries);
-    if (!library.isSharedObject)
+    if (!library.isSharedObject) {
         result.problems.push_back("not a shared library: link it with -shared");
-    if (fs::path(request.file).extension() != ".so")
+    }
+    if (fs::path(request.file).extension() != ".so") {
         result.problems.push_back("the daemon opens NAME.so only: rename the file");
-    if (!library.isForThisMachine)
+    }
+    if (!library.isForThisMachine) {
         result.notes.push_back("built for another processor than this machine's");
+    }
 }
 
 // ---- Whatever it is ----
@@ -333,8 +352,9 @@ void inspectUnknown(const InspectionRequest& request, Inspection& result)
     const ImageParts parts = readParts(request.file);
     result.addBytes("size", parts.size);
     result.problems.push_back("neither an encrypted USB image, a package, an information file nor a library");
-    if (parts.cipherSize >= kBlockSize && parts.cipherSize % kBlockSize == 0)
+    if (parts.cipherSize >= kBlockSize && parts.cipherSize % kBlockSize == 0) {
         result.notes.push_back("by its size it could be an encrypted image with a trailer of another kind");
+    }
 }
 
 struct Kind {
@@ -367,8 +387,9 @@ Inspection inspectFile(const InspectionRequest& request)
     requireReadable(request.file);
     Inspection result;
     for (const Kind& kind : kKinds) {
-        if (!kind.recognises(request.file))
+        if (!kind.recognises(request.file)) {
             continue;
+        }
         kind.inspect(request, result);
         break;
     }

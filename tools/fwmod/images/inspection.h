@@ -1,8 +1,8 @@
 // What a file of ours is, what stands in it, and whether a set would accept it as far as that can be told
 // from here: encrypted USB images, packages, information files, control libraries. Nothing of the file is
 // run.
-#ifndef FWMOD_INSPECTION_H
-#define FWMOD_INSPECTION_H
+#ifndef TOOLS_FWMOD_IMAGES_INSPECTION_H
+#define TOOLS_FWMOD_IMAGES_INSPECTION_H
 
 #include <cstdint>
 #include <filesystem>

@@ -1,13 +1,13 @@
 #include "tools/fwmod/images/quiet-platform.h"
 
+#include <cstdarg>
+#include <cstdio>
+#include <utility>
+
 #include "appbinary_manager.h"
 #include "norlog.h"
 #include "ps_mount.h"
 #include "trace_logger.h"
-
-#include <cstdarg>
-#include <cstdio>
-#include <utility>
 
 namespace fwmod
 {
@@ -20,10 +20,12 @@ std::vector<std::string> messages;
 std::string withoutPlace(std::string message)
 {
     const std::size_t place = message.find(" > ");
-    if (place != std::string::npos)
+    if (place != std::string::npos) {
         message.erase(0, place + 3);
-    while (!message.empty() && message.back() == '\n')
+    }
+    while (!message.empty() && message.back() == '\n') {
         message.pop_back();
+    }
     return message;
 }
 } // namespace

@@ -1,7 +1,7 @@
 // The daemon's code runs here without a television: nothing can be mounted or fetched, and what it logs is
 // kept to be shown.
-#ifndef FWMOD_QUIET_PLATFORM_H
-#define FWMOD_QUIET_PLATFORM_H
+#ifndef TOOLS_FWMOD_IMAGES_QUIET_PLATFORM_H
+#define TOOLS_FWMOD_IMAGES_QUIET_PLATFORM_H
 
 #include <string>
 #include <vector>

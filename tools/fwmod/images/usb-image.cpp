@@ -1,10 +1,10 @@
 #include "tools/fwmod/images/usb-image.h"
 
-#include "tools/fwmod/commands/command.h"
-
 #include <algorithm>
 #include <boost/crc.hpp>
 #include <vector>
+
+#include "tools/fwmod/commands/command.h"
 
 namespace fwmod
 {
@@ -38,8 +38,9 @@ usb::Cipher usb::makeCipher(const common::ContentKey& key, const Iv& iv, bool en
 {
     Cipher cipher(EVP_CIPHER_CTX_new());
     if (!cipher || EVP_CipherInit_ex(cipher.get(), EVP_aes_256_cbc(), nullptr, key.data(), iv.data(),
-                                     encrypt ? 1 : 0) != 1)
+                                     encrypt ? 1 : 0) != 1) {
         throw common::Failure("the cipher of OpenSSL cannot be used: check the OpenSSL installation");
+    }
     return cipher;
 }
 
@@ -53,17 +54,20 @@ usb::Content usb::decrypt(FILE* file, std::int64_t size, const common::ContentKe
     int produced = 0;
     while (size > 0) {
         const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(size, kChunkSize));
-        if (std::fread(in.data(), 1, wanted, file) != wanted)
+        if (std::fread(in.data(), 1, wanted, file) != wanted) {
             throw common::Failure(
                 "the file ended while it was read: is somebody writing it, or was the stick removed?");
-        if (EVP_CipherUpdate(cipher.get(), out.data(), &produced, in.data(), static_cast<int>(wanted)) != 1)
+        }
+        if (EVP_CipherUpdate(cipher.get(), out.data(), &produced, in.data(), static_cast<int>(wanted)) != 1) {
             throw common::Failure("the cipher of OpenSSL refused its input");
+        }
         keeper.take(out.data(), produced);
         size -= static_cast<std::int64_t>(wanted);
     }
     content.isSound = EVP_CipherFinal_ex(cipher.get(), out.data(), &produced) == 1;
-    if (content.isSound)
+    if (content.isSound) {
         keeper.take(out.data(), produced);
+    }
     return content;
 }
 } // namespace fwmod

@@ -3,10 +3,8 @@
 //   0            initialisation vector, 16 bytes
 //   16           AES-256-CBC with PKCS #7 padding, of 64 bytes version header and the payload
 //   size - 534   trailer of the signature library
-#ifndef FWMOD_USB_IMAGE_H
-#define FWMOD_USB_IMAGE_H
-
-#include "common/content-key.h"
+#ifndef TOOLS_FWMOD_IMAGES_USB_IMAGE_H
+#define TOOLS_FWMOD_IMAGES_USB_IMAGE_H
 
 #include <array>
 #include <cstdint>
@@ -14,6 +12,8 @@
 #include <memory>
 #include <openssl/evp.h>
 #include <tarnwick/control.h>
+
+#include "common/content-key.h"
 
 namespace fwmod
 {

@@ -1,7 +1,5 @@
 #include "tools/fwmod/check/examiner/black-box.h"
 
-#include "tools/fwmod/check/examiner/guarded-buffer.h"
-
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +12,8 @@
 #include <sys/syscall.h>
 #include <system_error>
 #include <unistd.h>
+
+#include "tools/fwmod/check/examiner/guarded-buffer.h"
 
 namespace fwmod::examiner
 {
@@ -46,10 +46,12 @@ Stack stackOfThisThread()
     pthread_attr_t attributes;
     void* low = nullptr;
     Stack stack;
-    if (pthread_getattr_np(pthread_self(), &attributes) != 0)
+    if (pthread_getattr_np(pthread_self(), &attributes) != 0) {
         return stack;
-    if (pthread_attr_getstack(&attributes, &low, &stack.size) == 0)
+    }
+    if (pthread_attr_getstack(&attributes, &low, &stack.size) == 0) {
         stack.low = reinterpret_cast<std::uintptr_t>(low);
+    }
     pthread_attr_destroy(&attributes);
     return stack;
 }
@@ -57,8 +59,9 @@ Stack stackOfThisThread()
 void* map(std::size_t size, int sharing)
 {
     void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, sharing | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED)
+    if (memory == MAP_FAILED) {
         throw std::bad_alloc();
+    }
     return memory;
 }
 
@@ -69,26 +72,29 @@ void noteCrash(int signal, siginfo_t* information, void*)
     const auto hit =
         isFault ? GuardedBuffer::describeHit(information->si_addr, box->lastWords, sizeof box->lastWords)
                 : GuardedBuffer::Hit::None;
-    if (hit == GuardedBuffer::Hit::Guard)
+    if (hit == GuardedBuffer::Hit::Guard) {
         box->guardHit = true;
-    else if (hit == GuardedBuffer::Hit::Stale)
+    } else if (hit == GuardedBuffer::Hit::Stale) {
         box->staleHit = true;
-    else if (isFault && ownStack.isUsedUpAt(information->si_addr))
+    } else if (isFault && ownStack.isUsedUpAt(information->si_addr)) {
         std::snprintf(box->lastWords, sizeof box->lastWords, "the thread's stack of %zu KiB was used up",
                       ownStack.size / 1024);
-    else if (isFault)
+    } else if (isFault) {
         std::snprintf(box->lastWords, sizeof box->lastWords, "address %p was touched", information->si_addr);
+    }
     std::signal(signal, SIG_DFL);
-    if (!isFault)
+    if (!isFault) {
         raise(signal); // a fault comes again by itself
+    }
 }
 
 [[noreturn]] void noteTerminate()
 {
     box->terminated = true;
     try {
-        if (const std::exception_ptr exception = std::current_exception())
+        if (const std::exception_ptr exception = std::current_exception()) {
             std::rethrow_exception(exception);
+        }
         std::snprintf(box->lastWords, sizeof box->lastWords, "std::terminate was called");
     } catch (const std::exception& error) {
         std::snprintf(box->lastWords, sizeof box->lastWords, "std::terminate after an exception: %s",
@@ -119,8 +125,9 @@ void openBlackBox(BlackBox& shared)
     struct sigaction action = {};
     action.sa_sigaction = noteCrash;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
-    for (const int signal : {SIGSEGV, SIGBUS})
+    for (const int signal : {SIGSEGV, SIGBUS}) {
         sigaction(signal, &action, nullptr);
+    }
 }
 
 CallingThread::CallingThread(int index) : stack_(map(kStackSize, MAP_PRIVATE))

@@ -3,8 +3,8 @@
 // A worker runs the library; it may crash, hang, or exit in the middle of a call. The page tells which call
 // that was, and what the crash handler saw. The supervisor makes it before the fork and reads it afterwards,
 // and at every tick to see whether a call has overrun its limit.
-#ifndef EXAMINER_BLACK_BOX_H
-#define EXAMINER_BLACK_BOX_H
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_BLACK_BOX_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_BLACK_BOX_H
 
 #include <atomic>
 #include <chrono>

@@ -40,13 +40,16 @@ void enter(const Entry& entry)
     Entry* free = nullptr;
     for (Entry& candidate : entries) {
         const bool isFree = candidate.name == nullptr || candidate.since != 0;
-        if (isFree && (free == nullptr || candidate.since < free->since))
+        if (isFree && (free == nullptr || candidate.since < free->since)) {
             free = &candidate;
+        }
     }
-    if (free == nullptr)
+    if (free == nullptr) {
         throw std::bad_alloc();
-    if (free->name != nullptr)
+    }
+    if (free->name != nullptr) {
         munmap(reinterpret_cast<void*>(free->begin), free->mapped);
+    }
     *free = entry;
 }
 
@@ -55,8 +58,9 @@ void leave(std::uintptr_t data)
 {
     const std::lock_guard<std::mutex> lock(entriesMutex);
     for (Entry& entry : entries) {
-        if (entry.name == nullptr || entry.data != data || entry.since != 0)
+        if (entry.name == nullptr || entry.data != data || entry.since != 0) {
             continue;
+        }
         void* const memory = reinterpret_cast<void*>(entry.begin);
         madvise(memory, entry.mapped, MADV_DONTNEED);
         mprotect(memory, entry.mapped, PROT_NONE);
@@ -71,11 +75,13 @@ GuardedBuffer::GuardedBuffer(const char* name, std::size_t size) : size_(size)
     const std::size_t inner = std::max((size + page - 1) / page, std::size_t{1}) * page;
     mapped_ = inner + 2 * page;
     void* const memory = mmap(nullptr, mapped_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED)
+    if (memory == MAP_FAILED) {
         throw std::bad_alloc();
+    }
     memory_ = static_cast<unsigned char*>(memory);
-    if (mprotect(memory_ + page, inner, PROT_READ | PROT_WRITE) != 0)
+    if (mprotect(memory_ + page, inner, PROT_READ | PROT_WRITE) != 0) {
         throw std::bad_alloc();
+    }
     data_ = memory_ + page + inner - size;
     std::memset(memory_ + page, kPoison, inner);
     const auto begin = reinterpret_cast<std::uintptr_t>(memory_);
@@ -130,8 +136,9 @@ GuardedBuffer::Hit GuardedBuffer::describeHit(const void* address, char* words, 
     const auto hit = reinterpret_cast<std::uintptr_t>(address);
     const std::size_t page = pageSize();
     for (const Entry& entry : entries) {
-        if (entry.name == nullptr)
+        if (entry.name == nullptr) {
             continue;
+        }
         if (entry.since != 0 && hit >= entry.begin && hit < entry.begin + entry.mapped) {
             std::snprintf(words, size, "%s of an earlier call was touched", entry.name);
             return Hit::Stale;

@@ -1,7 +1,7 @@
 // Memory for a call's argument that ends at a page's end, with a page behind it (and one before it) that
 // nobody may touch: an overrun by one byte is a fault at once, and its address tells whose it was.
-#ifndef EXAMINER_GUARDED_BUFFER_H
-#define EXAMINER_GUARDED_BUFFER_H
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_GUARDED_BUFFER_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_GUARDED_BUFFER_H
 
 #include <cstddef>
 #include <string>

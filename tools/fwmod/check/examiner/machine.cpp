@@ -1,7 +1,5 @@
 #include "tools/fwmod/check/examiner/machine.h"
 
-#include "common/file-copy.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -22,6 +20,8 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "common/file-copy.h"
+
 namespace fwmod::examiner
 {
 
@@ -34,8 +34,9 @@ constexpr const char* kDaemonUser = "fwupdate";
 
 void check(long result, const std::string& what)
 {
-    if (result < 0)
+    if (result < 0) {
         throw std::system_error(errno, std::generic_category(), what);
+    }
 }
 
 void bind(const fs::path& source, const fs::path& target)
@@ -54,20 +55,23 @@ void bindReadOnly(const fs::path& source, const fs::path& target)
 void copyEntry(const fs::path& from, const fs::path& to)
 {
     const fs::file_status status = fs::symlink_status(from);
-    if (fs::is_directory(status))
+    if (fs::is_directory(status)) {
         fs::create_directories(to);
-    else if (fs::is_symlink(status))
+    } else if (fs::is_symlink(status)) {
         fs::copy_symlink(from, to);
-    else if (fs::is_regular_file(status))
+    } else if (fs::is_regular_file(status)) {
         common::copyFile(from, to);
-    else
+    } else {
         return; // a socket or a pipe: nothing that a power cut leaves
+    }
     struct stat file = {};
     check(lstat(from.c_str(), &file), "cannot look at " + from.string());
-    if (geteuid() == 0 && lchown(to.c_str(), file.st_uid, file.st_gid) != 0)
+    if (geteuid() == 0 && lchown(to.c_str(), file.st_uid, file.st_gid) != 0) {
         check(-1, "cannot give away " + to.string());
-    if (!fs::is_symlink(status))
+    }
+    if (!fs::is_symlink(status)) {
         check(chmod(to.c_str(), file.st_mode & 07777), "cannot set the mode of " + to.string());
+    }
 }
 
 // As the daemon runs: its user where there is one, and nothing to gain.
@@ -81,11 +85,13 @@ void becomeDaemon()
     unsigned long outside = 0;
     unsigned long count = 0;
     mapFile >> inside >> outside >> count;
-    if (count == 1)
+    if (count == 1) {
         return; // a set without root has one user
+    }
     const passwd* const user = getpwnam(kDaemonUser);
-    if (user == nullptr)
+    if (user == nullptr) {
         throw std::runtime_error(std::string("the set has no user ") + kDaemonUser);
+    }
     check(setgroups(0, nullptr), "cannot leave the groups");
     check(setresgid(user->pw_gid, user->pw_gid, user->pw_gid), "cannot change the group");
     check(setresuid(user->pw_uid, user->pw_uid, user->pw_uid), "cannot change the user");
@@ -119,8 +125,9 @@ std::string contentOf(const fs::path& file)
 
 void makeMachineRoom(const std::string& imageDirectory)
 {
-    if (!imageDirectory.empty())
+    if (!imageDirectory.empty()) {
         bindReadOnly(imageDirectory, imageDirectory);
+    }
     fs::create_directories(kRoom);
     check(mount("machines", kRoom, "tmpfs", 0, "mode=0755"), "cannot make memory for the experiments");
 }
@@ -128,8 +135,9 @@ void makeMachineRoom(const std::string& imageDirectory)
 void copyTree(const fs::path& from, const fs::path& to)
 {
     copyEntry(from, to);
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(from))
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(from)) {
         copyEntry(entry.path(), to / entry.path().lexically_relative(from));
+    }
 }
 
 Machine::Machine()
@@ -192,10 +200,12 @@ void Machine::compose(const fs::path& boot) const
         fs::create_directory(boot / "run/dbus");
         bind("/run/dbus", boot / "run/dbus");
     }
-    for (const Volatile& entry : kVolatile)
+    for (const Volatile& entry : kVolatile) {
         bind(boot / entry.place, fs::path("/") / entry.place);
-    if (!original_.empty())
+    }
+    if (!original_.empty()) {
         bindReadOnly(replacement_, original_);
+    }
     check(mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr), "cannot mount /proc");
 }
 
@@ -212,8 +222,9 @@ void Machine::keep(const fs::path& boot, const std::function<void()>& worker, in
             worker();
             _exit(EXIT_SUCCESS);
         }
-        for (pid_t ended = 0; ended != process;) // and reap what it has left behind
+        for (pid_t ended = 0; ended != process;) { // and reap what it has left behind
             ended = waitpid(-1, status, 0);
+        }
         _exit(EXIT_SUCCESS);
     } catch (const std::exception& error) {
         dprintf(STDERR_FILENO, "control-examiner: %s\n", error.what());
@@ -226,8 +237,9 @@ pid_t Machine::boot(const std::function<void()>& worker, int* status)
     const fs::path boot = directory_ / ("boot" + std::to_string(++boots_));
     const pid_t keeper = cloneWithNamespaces();
     check(keeper, "cannot make the namespaces of an experiment");
-    if (keeper == 0)
+    if (keeper == 0) {
         keep(boot, worker, status);
+    }
     return keeper;
 }
 } // namespace fwmod::examiner

@@ -4,15 +4,15 @@
 //
 // measure: what depends on real time, questions and one update. trials: images that must be refused, and
 // power cuts, which do not; the set's clock may be faster.
+#include <cstdio>
+#include <string>
+
 #include "common/command-line.h"
 #include "tools/fwmod/check/examiner/power-cuts.h"
 #include "tools/fwmod/check/examiner/questions.h"
 #include "tools/fwmod/check/examiner/updates.h"
 #include "tools/fwmod/check/protocol/job.h"
 #include "tools/fwmod/check/protocol/report.h"
-
-#include <cstdio>
-#include <string>
 
 namespace fwmod::examiner
 {
@@ -29,8 +29,9 @@ void measure(Supervisor& supervisor, Report& report)
     measured.versionBefore = answers.version;
     measured.isVersionTold = !answers.version.empty() && !report.has(FindingId::ChangingAnswer);
     measured.isOfferNewer = answers.isNewer;
-    if (!answers.isLoaded || !job.hasImage())
+    if (!answers.isLoaded || !job.hasImage()) {
         return;
+    }
     if (!answers.isNewer && job.version && answers.version == *job.version) {
         report.notes.emplace_back(
             "The hardware has the offered version already: doUpdate was not called. Give hardware "
@@ -58,8 +59,9 @@ void tryHard(Supervisor& supervisor, Report& report)
             askWithoutHardware(supervisor, report);
         }
     }
-    if (!job.cuts.empty())
+    if (!job.cuts.empty()) {
         cutPower(supervisor, report);
+    }
 }
 
 int examine(const char* jobFile, bool isTrial)

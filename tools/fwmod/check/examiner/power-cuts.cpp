@@ -1,8 +1,5 @@
 #include "tools/fwmod/check/examiner/power-cuts.h"
 
-#include "tools/fwmod/check/examiner/updates.h"
-#include "tools/fwmod/check/examiner/worker.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -14,6 +11,9 @@
 #include <thread>
 #include <unistd.h>
 
+#include "tools/fwmod/check/examiner/updates.h"
+#include "tools/fwmod/check/examiner/worker.h"
+
 namespace fwmod::examiner
 {
 
@@ -24,11 +24,13 @@ constexpr double kNearlyAll = 0.9; // of the bytes: then the new version may be 
 void updateUntilCut(Worker& worker)
 {
     worker.overlookManners();
-    if (!worker.load())
+    if (!worker.load()) {
         return;
+    }
     worker.setContext(worker.job().caller, "");
-    if (worker.job().version)
+    if (worker.job().version) {
         worker.checkVersion(*worker.job().version);
+    }
     worker.update({worker.job().image, worker.job().checksum, false, ""});
 }
 
@@ -52,31 +54,38 @@ void updateAgainAfterCut(Worker& worker)
 // What keeps the hardware from answering; "" when nothing does.
 std::string whyNoAnswer(const Session& session, const Job& job)
 {
-    if (session.death)
+    if (session.death) {
         return session.death->detail;
-    if (!session.told["loaded"].asBool())
+    }
+    if (!session.told["loaded"].asBool()) {
         return "the library does not load";
-    if (!session.told.isMember("version"))
+    }
+    if (!session.told.isMember("version")) {
         return session.findings.empty() ? "getActiveVersion told nothing" : session.findings.front().detail;
+    }
     // With one bank there may be no firmware for a while. Then another version is told, below the offered
     // one.
     const std::string version = session.told["version"].asString();
     const bool isAwaited = session.told.isMember("verdict") && session.told["verdict"].asInt() > 0;
-    if (version != job.versionBefore && version != job.versionAfter && !isAwaited)
+    if (version != job.versionBefore && version != job.versionAfter && !isAwaited) {
         return "getActiveVersion told " + quote(version) +
                ", neither the old nor the new version, and checkVersion does not want the offered one";
+    }
     return "";
 }
 
 std::string whyNoUpdate(const Session& session)
 {
-    if (session.death)
+    if (session.death) {
         return session.death->detail;
-    if (!session.told.isMember("result"))
+    }
+    if (!session.told.isMember("result")) {
         return session.findings.empty() ? "doUpdate did not answer" : session.findings.front().detail;
-    if (session.told["result"].asInt() != 0)
+    }
+    if (session.told["result"].asInt() != 0) {
         return "doUpdate returned " + session.told["result"].asString() + ", errno: " +
                (session.told["error"].asInt() == 0 ? "0" : strerrordesc_np(session.told["error"].asInt()));
+    }
     return "";
 }
 
@@ -101,12 +110,14 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
     const Job& job = supervisor.job();
     Machine machine;
     const Session cut = supervisor.run(machine, updateUntilCut, {true, write});
-    if (!cut.isCut)
+    if (!cut.isCut) {
         return std::nullopt;
+    }
     const Session look = supervisor.run(machine, startAgain);
     const std::string noAnswer = whyNoAnswer(look, job);
-    if (!noAnswer.empty())
+    if (!noAnswer.empty()) {
         return std::vector<Finding>{{FindingId::DeadAfterCut, noAnswer}};
+    }
     std::vector<Finding> findings;
     if (isToldTooEarly(cut, look, job)) {
         const auto percent = job.bytes == 0 ? 0 : cut.writes.bytes * 100 / job.bytes;
@@ -116,8 +127,9 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
     }
     const bool isDone = look.told["version"].asString() == job.versionAfter && findings.empty() &&
                         look.told.isMember("verdict") && look.told["verdict"].asInt() <= 0;
-    if (isDone)
+    if (isDone) {
         return findings; // the daemon would not update it again
+    }
     const bool isPending = !job.isOfferNewer || !look.told.isMember("verdict") ||
                            look.told["verdict"].asInt() > 0 ||
                            look.told["version"].asString() == job.versionAfter;
@@ -132,9 +144,10 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
         return findings;
     }
     const Session end = supervisor.run(machine, startAgain);
-    if (end.told["version"].asString() != job.versionAfter)
+    if (end.told["version"].asString() != job.versionAfter) {
         findings.push_back({FindingId::NoUpdateAfterCut, "after the next update getActiveVersion told " +
                                                              quote(end.told["version"].asString())});
+    }
     return findings;
 }
 
@@ -154,8 +167,9 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
             const CutTrial trial = {cuts[index], seen.has_value(), seen.value_or(std::vector<Finding>()),
                                     supervisor.calls() - callsBefore};
             const std::string line = lineOf(trial) + "\n";
-            if (write(output, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+            if (write(output, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
                 _exit(EXIT_FAILURE);
+            }
         }
         _exit(EXIT_SUCCESS);
     } catch (const std::exception& error) {
@@ -185,14 +199,16 @@ void cutPower(const Supervisor& supervisor, Report& report)
     const std::size_t total = supervisor.job().cuts.size();
     const unsigned int lanes = laneCount(total);
     int ends[2];
-    if (pipe(ends) != 0)
+    if (pipe(ends) != 0) {
         throw std::runtime_error("cannot make a pipe");
+    }
     std::fflush(stdout);
     std::vector<pid_t> processes;
     for (unsigned int lane = 0; lane < lanes; ++lane) {
         processes.push_back(fork());
-        if (processes.back() == 0)
+        if (processes.back() == 0) {
             runLane(supervisor, lane, lanes, ends[1]);
+        }
     }
     close(ends[1]);
     const std::unique_ptr<FILE, int (*)(FILE*)> input(fdopen(ends[0], "r"), fclose);
@@ -207,8 +223,9 @@ void cutPower(const Supervisor& supervisor, Report& report)
     free(line);
     for (const pid_t process : processes) {
         int status = 0;
-        if (waitpid(process, &status, 0) != process || status != 0)
+        if (waitpid(process, &status, 0) != process || status != 0) {
             throw std::runtime_error("the power cuts could not all be tried");
+        }
     }
 }
 } // namespace fwmod::examiner

@@ -1,7 +1,7 @@
 // The power is cut before chosen writes of an update, each time on fresh hardware; then a new start must find
 // hardware that answers, tells the truth, and can be updated.
-#ifndef EXAMINER_POWER_CUTS_H
-#define EXAMINER_POWER_CUTS_H
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_POWER_CUTS_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_POWER_CUTS_H
 
 #include "tools/fwmod/check/examiner/supervisor.h"
 #include "tools/fwmod/check/protocol/report.h"

@@ -1,7 +1,5 @@
 #include "tools/fwmod/check/examiner/process-state.h"
 
-#include "tools/fwmod/check/examiner/black-box.h"
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +10,8 @@
 #include <sys/time.h>
 #include <sys/types.h>
 #include <unistd.h>
+
+#include "tools/fwmod/check/examiner/black-box.h"
 
 namespace fwmod::examiner
 {
@@ -39,8 +39,9 @@ std::set<pid_t> numbersIn(const char* directory)
     std::error_code gone;
     for (const fs::directory_entry& entry : fs::directory_iterator(directory, gone)) {
         const pid_t number = std::atoi(entry.path().filename().c_str());
-        if (number > 0)
+        if (number > 0) {
             numbers.insert(number);
+        }
     }
     return numbers;
 }
@@ -49,8 +50,9 @@ std::string lineOf(const char* file, const std::string& key)
 {
     std::ifstream in(file);
     for (std::string line; std::getline(in, line);) {
-        if (line.compare(0, key.size(), key) == 0)
+        if (line.compare(0, key.size(), key) == 0) {
             return line.substr(key.size());
+        }
     }
     return "";
 }
@@ -64,8 +66,9 @@ std::string currentDirectory()
 std::vector<std::string> environmentNow()
 {
     std::vector<std::string> entries;
-    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
         entries.emplace_back(*entry);
+    }
     std::sort(entries.begin(), entries.end());
     return entries;
 }
@@ -82,12 +85,14 @@ std::size_t runningTimers()
     std::size_t running = 0;
     for (const auto which : {ITIMER_REAL, ITIMER_VIRTUAL, ITIMER_PROF}) {
         itimerval timer = {};
-        if (getitimer(which, &timer) == 0 && (timer.it_value.tv_sec != 0 || timer.it_value.tv_usec != 0))
+        if (getitimer(which, &timer) == 0 && (timer.it_value.tv_sec != 0 || timer.it_value.tv_usec != 0)) {
             ++running;
+        }
     }
     std::ifstream list("/proc/self/timers");
-    for (std::string line; std::getline(list, line);)
+    for (std::string line; std::getline(list, line);) {
         running += line.compare(0, 3, "ID:") == 0 ? 1 : 0;
+    }
     return running;
 }
 
@@ -121,12 +126,14 @@ std::string counted(std::size_t number, const char* what)
 std::string firstDifference(const std::vector<std::string>& before, const std::vector<std::string>& after)
 {
     for (const std::string& entry : after) {
-        if (!std::binary_search(before.begin(), before.end(), entry))
+        if (!std::binary_search(before.begin(), before.end(), entry)) {
             return entry + " is new";
+        }
     }
     for (const std::string& entry : before) {
-        if (!std::binary_search(after.begin(), after.end(), entry))
+        if (!std::binary_search(after.begin(), after.end(), entry)) {
             return entry + " is gone";
+        }
     }
     return "entries are there twice";
 }
@@ -140,8 +147,9 @@ ProcessState ProcessState::now()
     state.threadLocale_ = uselocale(nullptr);
     state.environment_ = environmentNow();
     state.mask_ = lineOf("/proc/self/status", "Umask:\t");
-    for (int signal = 1; signal < NSIG; ++signal)
+    for (int signal = 1; signal < NSIG; ++signal) {
         state.handlers_[static_cast<std::size_t>(signal)] = handlerOf(signal);
+    }
     pthread_sigmask(SIG_BLOCK, nullptr, &state.blocked_);
     state.timers_ = runningTimers();
     state.threads_ = numbersIn("/proc/self/task");
@@ -156,12 +164,14 @@ ProcessState ProcessState::settled() const
         ProcessState after = now();
         const std::set<pid_t> threads = without(after.threads_, threads_);
         const std::set<pid_t> processes = without(after.processes_, processes_);
-        if (threads.empty() && processes.empty())
+        if (threads.empty() && processes.empty()) {
             return after;
+        }
         const std::chrono::nanoseconds waited(realNow() - begin);
         const bool someSleep = std::any_of(threads.begin(), threads.end(), isAsleep) || !processes.empty();
-        if (waited > (someSleep ? kShortGrace : kLongGrace))
+        if (waited > (someSleep ? kShortGrace : kLongGrace)) {
             return after;
+        }
         pause(5ms);
     }
 }
@@ -169,33 +179,42 @@ ProcessState ProcessState::settled() const
 std::vector<Finding> ProcessState::changesIn(const ProcessState& later) const
 {
     std::vector<Finding> changes;
-    if (later.directory_ != directory_)
+    if (later.directory_ != directory_) {
         changes.push_back({FindingId::WorkingDirectory, "from " + directory_ + " to " + later.directory_});
+    }
     for (std::size_t signal = 1; signal < handlers_.size(); ++signal) {
-        if (later.handlers_[signal] != handlers_[signal])
+        if (later.handlers_[signal] != handlers_[signal]) {
             changes.push_back(
                 {FindingId::SignalHandling, "the disposition of " + signalName(static_cast<int>(signal))});
+        }
     }
     for (int signal = 1; signal < NSIG; ++signal) {
-        if (sigismember(&later.blocked_, signal) != sigismember(&blocked_, signal))
+        if (sigismember(&later.blocked_, signal) != sigismember(&blocked_, signal)) {
             changes.push_back({FindingId::SignalHandling, "the thread's mask, at " + signalName(signal)});
+        }
     }
-    if (later.locale_ != locale_)
+    if (later.locale_ != locale_) {
         changes.push_back({FindingId::Locale, "from " + locale_ + " to " + later.locale_});
-    else if (later.threadLocale_ != threadLocale_)
+    } else if (later.threadLocale_ != threadLocale_) {
         changes.push_back({FindingId::Locale, "that of the calling thread"});
-    if (later.environment_ != environment_)
+    }
+    if (later.environment_ != environment_) {
         changes.push_back({FindingId::Environment, firstDifference(environment_, later.environment_)});
-    if (later.mask_ != mask_)
+    }
+    if (later.mask_ != mask_) {
         changes.push_back({FindingId::FileModeMask, "from " + mask_ + " to " + later.mask_});
-    if (later.timers_ > timers_)
+    }
+    if (later.timers_ > timers_) {
         changes.push_back({FindingId::TimerLeft, counted(later.timers_ - timers_, "timer")});
+    }
     const std::size_t threads = without(later.threads_, threads_).size();
-    if (threads > 0)
+    if (threads > 0) {
         changes.push_back({FindingId::ThreadLeft, counted(threads, "thread")});
+    }
     const std::size_t processes = without(later.processes_, processes_).size();
-    if (processes > 0)
+    if (processes > 0) {
         changes.push_back({FindingId::ChildLeft, counted(processes, "process") + " or not waited for"});
+    }
     return changes;
 }
 
@@ -209,8 +228,9 @@ ProcessorDelay::ProcessorDelay() : file_(open("/proc/thread-self/schedstat", O_R
 
 ProcessorDelay::~ProcessorDelay()
 {
-    if (file_ >= 0)
+    if (file_ >= 0) {
         close(file_);
+    }
 }
 
 std::chrono::nanoseconds ProcessorDelay::soFar() const
@@ -219,8 +239,9 @@ std::chrono::nanoseconds ProcessorDelay::soFar() const
     long long running = 0;
     long long waiting = 0;
     if (file_ < 0 || pread(file_, text, sizeof text - 1, 0) <= 0 ||
-        std::sscanf(text, "%lld %lld", &running, &waiting) != 2)
+        std::sscanf(text, "%lld %lld", &running, &waiting) != 2) {
         return 0ns;
+    }
     return std::chrono::nanoseconds(waiting);
 }
 } // namespace fwmod::examiner

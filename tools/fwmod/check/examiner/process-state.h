@@ -1,9 +1,7 @@
 // What belongs to the whole process and must be after a call as it was before: looked at on the thread that
 // calls.
-#ifndef EXAMINER_PROCESS_STATE_H
-#define EXAMINER_PROCESS_STATE_H
-
-#include "tools/fwmod/check/protocol/findings.h"
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_PROCESS_STATE_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_PROCESS_STATE_H
 
 #include <array>
 #include <chrono>
@@ -13,6 +11,8 @@
 #include <string>
 #include <sys/types.h>
 #include <vector>
+
+#include "tools/fwmod/check/protocol/findings.h"
 
 namespace fwmod::examiner
 {

@@ -1,9 +1,9 @@
 #include "tools/fwmod/check/examiner/questions.h"
 
-#include "tools/fwmod/check/examiner/worker.h"
-
 #include <algorithm>
 #include <thread>
+
+#include "tools/fwmod/check/examiner/worker.h"
 
 namespace fwmod::examiner
 {
@@ -29,11 +29,13 @@ public:
     SameText(const Worker& worker, std::string call) : worker_(worker), call_(std::move(call)) {}
     void take(const std::string& text, const std::string& where)
     {
-        if (first_ && *first_ != text)
+        if (first_ && *first_ != text) {
             worker_.found(FindingId::ChangingAnswer,
                           call_ + where + " told " + quote(text) + " after " + quote(*first_));
-        if (!first_)
+        }
+        if (!first_) {
             first_ = text;
+        }
     }
     const std::optional<std::string>& text() const { return first_; }
 
@@ -47,24 +49,28 @@ void askIdentifier(Worker& worker, SameText& identifier)
 {
     worker.repeat("getEMPID", kTimes, [&] {
         const auto text = worker.identifier();
-        if (text)
+        if (text) {
             identifier.take(*text, "");
+        }
         return text.has_value();
     });
-    if (!identifier.text())
+    if (!identifier.text()) {
         return;
-    if (isIdentifier(*identifier.text()))
+    }
+    if (isIdentifier(*identifier.text())) {
         worker.tell("identifier", *identifier.text());
-    else
+    } else {
         worker.found(FindingId::BadIdentifier, "getEMPID told " + quote(*identifier.text()));
+    }
 }
 
 void askVersion(Worker& worker, SameText& version)
 {
     worker.repeat("getActiveVersion", kTimes, [&] {
         const auto text = worker.activeVersion();
-        if (text)
+        if (text) {
             version.take(*text, "");
+        }
         return text.has_value();
     });
     worker.tell("version", version.text().value_or(""));
@@ -80,12 +86,14 @@ void askAboutInstalled(Worker& worker, const std::string& version)
 {
     worker.repeat("checkVersion", kTimes, [&] {
         const auto verdict = worker.checkVersion(version);
-        if (verdict && verdict->result != 0)
+        if (verdict && verdict->result != 0) {
             complainOfNoVerdict(worker, version, verdict->result);
-        if (verdict && verdict->verdict >= TARNWICK_CONTROL_VERDICT_NEWER)
+        }
+        if (verdict && verdict->verdict >= TARNWICK_CONTROL_VERDICT_NEWER) {
             worker.found(FindingId::InstalledIsNewer, "checkVersion(" + quote(version) + ") wrote " +
                                                           std::to_string(verdict->verdict) +
                                                           ", and that version is installed");
+        }
         return verdict && verdict->result == 0;
     });
 }
@@ -94,16 +102,19 @@ void askAboutOffered(Worker& worker, const std::string& installed)
 {
     const std::string& offered = *worker.job().version;
     const auto verdict = worker.checkVersion(offered);
-    if (!verdict)
+    if (!verdict) {
         return;
-    if (verdict->result != 0)
+    }
+    if (verdict->result != 0) {
         return complainOfNoVerdict(worker, offered, verdict->result);
+    }
     const bool isNewer = verdict->verdict >= TARNWICK_CONTROL_VERDICT_NEWER;
     worker.tell("newer", isNewer);
-    if (!isNewer)
+    if (!isNewer) {
         worker.found(FindingId::OfferNotNewer, "checkVersion(" + quote(offered) + ") wrote " +
                                                    std::to_string(verdict->verdict) +
                                                    ", and the installed version is " + quote(installed));
+    }
 }
 
 void askAboutNonsense(Worker& worker)
@@ -111,9 +122,10 @@ void askAboutNonsense(Worker& worker)
     for (const std::string& nonsense :
          {std::string(), std::string("?"), std::string("no version"), std::string(5000, 'x')}) {
         const auto verdict = worker.checkVersion(nonsense);
-        if (verdict && verdict->result == 0 && verdict->verdict >= TARNWICK_CONTROL_VERDICT_NEWER)
+        if (verdict && verdict->result == 0 && verdict->verdict >= TARNWICK_CONTROL_VERDICT_NEWER) {
             worker.found(FindingId::NonsenseAccepted,
                          "checkVersion(" + quote(nonsense) + ") wrote " + std::to_string(verdict->verdict));
+        }
     }
     worker.checkVersion(std::string(5000, '9')); // may be a version; to be survived
     const std::string nonsense = "no version";
@@ -123,26 +135,31 @@ void askAboutNonsense(Worker& worker)
 
 void askOptional(Worker& worker)
 {
-    if (worker.has("getExpectedTime"))
+    if (worker.has("getExpectedTime")) {
         worker.repeat("getExpectedTime", kTimes, [&] {
             const auto seconds = worker.expectedTime();
-            if (seconds && *seconds < 1)
+            if (seconds && *seconds < 1) {
                 worker.found(FindingId::UselessExpectedTime,
                              "getExpectedTime told " + std::to_string(*seconds));
+            }
             return seconds.has_value();
         });
-    if (worker.has("getUpdateProgress"))
+    }
+    if (worker.has("getUpdateProgress")) {
         worker.repeat("getUpdateProgress", kTimes, [&] {
             const auto percent = worker.progress();
-            if (percent && *percent > 0 && *percent <= 100)
+            if (percent && *percent > 0 && *percent <= 100) {
                 worker.found(FindingId::EarlyProgress, "getUpdateProgress told " + std::to_string(*percent));
+            }
             return percent.has_value();
         });
-    if (worker.has("allUpdateDone"))
+    }
+    if (worker.has("allUpdateDone")) {
         worker.repeat("allUpdateDone", kTimes, [&] {
             worker.allUpdateDone();
             return true;
         });
+    }
 }
 
 // Every value that the interface allows, also the ones that a set seldom uses.
@@ -164,17 +181,22 @@ void askOnAnotherThread(Worker& worker, SameText& identifier, SameText& version)
         const std::string where = "on another thread";
         worker.setContext(worker.job().caller, "", where);
         if (!worker.job().isExternal) {
-            if (const auto text = worker.identifier(where))
+            if (const auto text = worker.identifier(where)) {
                 identifier.take(*text, " " + where);
+            }
         }
-        if (const auto text = worker.activeVersion(where))
+        if (const auto text = worker.activeVersion(where)) {
             version.take(*text, " " + where);
-        if (version.text())
+        }
+        if (version.text()) {
             worker.checkVersion(*version.text(), where);
-        if (worker.has("getUpdateProgress"))
+        }
+        if (worker.has("getUpdateProgress")) {
             worker.progress(where);
-        if (worker.has("allUpdateDone"))
+        }
+        if (worker.has("allUpdateDone")) {
             worker.allUpdateDone(where);
+        }
     }).join();
 }
 
@@ -182,20 +204,25 @@ void askEverything(Worker& worker)
 {
     const bool isLoaded = worker.load();
     worker.tell("loaded", isLoaded);
-    if (!isLoaded)
+    if (!isLoaded) {
         return;
-    if (!worker.has("getUpdateProgress") && !worker.isFlawed("getUpdateProgress"))
+    }
+    if (!worker.has("getUpdateProgress") && !worker.isFlawed("getUpdateProgress")) {
         worker.tell("noProgress", true);
+    }
     worker.setContext(worker.job().caller, "");
     SameText identifier(worker, "getEMPID");
     SameText version(worker, "getActiveVersion");
-    if (!worker.job().isExternal)
+    if (!worker.job().isExternal) {
         askIdentifier(worker, identifier);
+    }
     askVersion(worker, version);
-    if (version.text())
+    if (version.text()) {
         askAboutInstalled(worker, *version.text());
-    if (worker.job().version)
+    }
+    if (worker.job().version) {
         askAboutOffered(worker, version.text().value_or("unknown"));
+    }
     askAboutNonsense(worker);
     askOptional(worker);
     askOnAnotherThread(worker, identifier, version);
@@ -211,21 +238,27 @@ Answers askQuestions(Supervisor& supervisor, Report& report)
         Machine machine;
         const Session session = supervisor.run(machine, askEverything, {true, 0});
         report.add(session.findings);
-        if (session.told["noProgress"].asBool() && sessions == 0)
+        if (session.told["noProgress"].asBool() && sessions == 0) {
             report.notes.emplace_back("There is no getUpdateProgress, so the viewer sees no bar.");
+        }
         answers.isLoaded = answers.isLoaded || session.told["loaded"].asBool();
-        if (session.told.isMember("version"))
+        if (session.told.isMember("version")) {
             answers.version = session.told["version"].asString();
-        if (session.told.isMember("identifier"))
+        }
+        if (session.told.isMember("identifier")) {
             answers.identifier = session.told["identifier"].asString();
-        if (session.told.isMember("newer"))
+        }
+        if (session.told.isMember("newer")) {
             answers.isNewer = session.told["newer"].asBool();
-        if (!session.death)
+        }
+        if (!session.death) {
             break;
+        }
         report.add(*session.death);
         supervisor.avoid(session);
-        if (!session.told.isMember("loaded") || session.lastCall.empty())
+        if (!session.told.isMember("loaded") || session.lastCall.empty()) {
             break; // nothing that could be left out
+        }
     }
     return answers;
 }

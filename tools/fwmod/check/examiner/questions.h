@@ -1,6 +1,6 @@
 // Loading the library, and asking it everything that the daemon asks before an update.
-#ifndef EXAMINER_QUESTIONS_H
-#define EXAMINER_QUESTIONS_H
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_QUESTIONS_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_QUESTIONS_H
 
 #include "tools/fwmod/check/examiner/supervisor.h"
 #include "tools/fwmod/check/protocol/report.h"

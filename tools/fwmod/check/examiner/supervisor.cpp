@@ -1,12 +1,5 @@
 #include "tools/fwmod/check/examiner/supervisor.h"
 
-#include "common/json-text.h"
-#include "tools/fwmod/check/examiner/black-box.h"
-#include "tools/fwmod/check/examiner/process-state.h"
-#include "tools/fwmod/check/examiner/worker.h"
-#include "tools/fwmod/check/protocol/report.h"
-#include "vset/write-watch/write-watch.h"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -25,6 +18,13 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/json-text.h"
+#include "tools/fwmod/check/examiner/black-box.h"
+#include "tools/fwmod/check/examiner/process-state.h"
+#include "tools/fwmod/check/examiner/worker.h"
+#include "tools/fwmod/check/protocol/report.h"
+#include "vset/write-watch/write-watch.h"
+
 namespace fwmod::examiner
 {
 
@@ -42,8 +42,9 @@ public:
     }
     ~Descriptor()
     {
-        if (number_ >= 0)
+        if (number_ >= 0) {
             close(number_);
+        }
     }
     int get() const { return number_; }
 
@@ -53,8 +54,9 @@ private:
 
 int check(int result, const char* what)
 {
-    if (result < 0)
+    if (result < 0) {
         throw std::system_error(errno, std::generic_category(), what);
+    }
     return result;
 }
 
@@ -93,8 +95,9 @@ std::string lastLine(int output)
     const off_t begin = std::max<off_t>(size - static_cast<off_t>(text.size()), 0);
     const ssize_t length = pread(output, text.data(), text.size(), begin);
     text.resize(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
-    while (!text.empty() && text.back() == '\n')
+    while (!text.empty() && text.back() == '\n') {
         text.pop_back();
+    }
     const std::size_t line = text.rfind('\n');
     return line == std::string::npos ? text : text.substr(line + 1);
 }
@@ -105,8 +108,9 @@ bool isDamageReport(const std::string& said)
     constexpr const char* kBeginnings[] = {"free()",    "malloc",         "realloc()", "double free",
                                            "corrupted", "munmap_chunk()", "*** "};
     for (const char* beginning : kBeginnings) {
-        if (said.compare(0, std::strlen(beginning), beginning) == 0)
+        if (said.compare(0, std::strlen(beginning), beginning) == 0) {
             return true;
+        }
     }
     return said.find("terminate called") != std::string::npos;
 }
@@ -167,10 +171,12 @@ void Run::work(const Script& script)
 {
     redirect(output_.get());
     const int channel = moveAway(workers_.get());
-    for (const int inherited : {own_.get(), ticks_.get(), output_.get()})
+    for (const int inherited : {own_.get(), ticks_.get(), output_.get()}) {
         close(inherited);
-    if (watch_.isOn)
+    }
+    if (watch_.isOn) {
         vset::submitToWatch(channel);
+    }
     openBlackBox(box_);
     const CallingThread self(0);
     Worker worker(*job_, *suspects_, channel, box_);
@@ -187,16 +193,20 @@ Session Run::conduct(Machine& machine, const Script& script)
 {
     keeper_ = machine.boot([&] { work(script); }, &box_.status);
     workers_ = Descriptor();
-    if (watch_.isOn)
+    if (watch_.isOn) {
         writes_ = std::make_unique<vset::WriteWatch>(own_.get());
-    while (isOpen_)
+    }
+    while (isOpen_) {
         step();
+    }
     int status = 0;
     check(waitpid(keeper_, &status, 0), "cannot wait for an experiment");
-    if (WIFEXITED(status) && WEXITSTATUS(status) != 0)
+    if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
         throw std::runtime_error("an experiment could not be set up");
-    if (session_.told.isMember("broken"))
+    }
+    if (session_.told.isMember("broken")) {
         throw std::runtime_error(session_.told["broken"].asString());
+    }
     session_.isFinished = box_.finished;
     return session_;
 }
@@ -206,16 +216,20 @@ void Run::step()
     const int watched = writes_ && !isWatchOver_ ? writes_->descriptor() : -1;
     std::array<pollfd, 3> waiting = {
         {{own_.get(), POLLIN, 0}, {ticks_.get(), POLLIN, 0}, {watched, POLLIN, 0}}};
-    if (poll(waiting.data(), waiting.size(), -1) < 0 && errno != EINTR)
+    if (poll(waiting.data(), waiting.size(), -1) < 0 && errno != EINTR) {
         check(-1, "cannot wait for the library");
-    if ((waiting[2].revents & POLLIN) != 0)
+    }
+    if ((waiting[2].revents & POLLIN) != 0) {
         watchWrite();
-    else if (waiting[2].revents != 0)
+    } else if (waiting[2].revents != 0) {
         isWatchOver_ = true;
-    if ((waiting[1].revents & POLLIN) != 0)
+    }
+    if ((waiting[1].revents & POLLIN) != 0) {
         checkLimits();
-    if (waiting[0].revents != 0)
+    }
+    if (waiting[0].revents != 0) {
         receive();
+    }
 }
 
 void Run::receive()
@@ -240,14 +254,16 @@ void Run::receive()
 void Run::watchWrite()
 {
     const std::optional<vset::HardwareWrite> write = writes_->next();
-    if (!write)
+    if (!write) {
         return;
+    }
     const int phase = box_.phase;
     if (phase == BlackBox::kBefore && entryPointOf(box_.calls[0].name) == "setContext" &&
-        box_.calls[0].deadline != 0)
+        box_.calls[0].deadline != 0) {
         session_.findings.push_back(
             {FindingId::ContextTouchesHardware,
              std::string(box_.calls[0].name) + " wrote " + std::to_string(write->bytes) + " bytes"});
+    }
     if (phase == BlackBox::kRunning && session_.writes.during + 1 == watch_.cutAt) {
         session_.isCut = true;
         kill(keeper_, SIGKILL); // the write still waits, and ends with its process
@@ -269,8 +285,9 @@ void Run::checkLimits()
     const std::int64_t now = realNow();
     for (const BlackBox::Call& call : box_.calls) {
         const std::int64_t deadline = call.deadline;
-        if (deadline == 0 || now < deadline || overrun_)
+        if (deadline == 0 || now < deadline || overrun_) {
             continue;
+        }
         overrun_ = call.name;
         kill(keeper_, SIGKILL);
     }
@@ -306,15 +323,16 @@ void explainDeath(Session& session, const BlackBox& box, const std::string& said
     session.wasCrash = true;
     session.wasGuardHit = box.guardHit;
     const std::string words = box.lastWords[0] != '\0' ? std::string(": ") + box.lastWords : "";
-    if (box.staleHit)
+    if (box.staleHit) {
         session.death = Finding{FindingId::StalePointer, call + words};
-    else if (box.guardHit)
+    } else if (box.guardHit) {
         session.death = Finding{FindingId::OutsideOfBuffer, call + words};
-    else if (signal == SIGABRT && !box.terminated && !isDamageReport(said))
+    } else if (signal == SIGABRT && !box.terminated && !isDamageReport(said)) {
         session.death = Finding{FindingId::ProcessEnded, call + " called abort" + quoted};
-    else
+    } else {
         session.death =
             Finding{FindingId::Crash, call + " was ended by SIG" + signalName(signal) + words + quoted};
+    }
 }
 } // namespace
 
@@ -329,8 +347,9 @@ Session Supervisor::run(Machine& machine, const Script& script, const Watch& wat
     Session session = run.conduct(machine, script);
     calls_ += run.box().count;
     session.watchDelay = run.delay();
-    if (session.isFinished || session.isCut)
+    if (session.isFinished || session.isCut) {
         return session;
+    }
     if (run.overrun()) {
         session.lastCall = *run.overrun();
         session.wasHang = true;

@@ -1,11 +1,7 @@
 // Runs a script with the library in a worker process, and tells how it ended: by itself, by a crash, an exit,
 // a call that did not return, or by the power cut that was asked for.
-#ifndef EXAMINER_SUPERVISOR_H
-#define EXAMINER_SUPERVISOR_H
-
-#include "tools/fwmod/check/examiner/machine.h"
-#include "tools/fwmod/check/protocol/findings.h"
-#include "tools/fwmod/check/protocol/job.h"
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_SUPERVISOR_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_SUPERVISOR_H
 
 #include <cstdint>
 #include <functional>
@@ -14,6 +10,10 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include "tools/fwmod/check/examiner/machine.h"
+#include "tools/fwmod/check/protocol/findings.h"
+#include "tools/fwmod/check/protocol/job.h"
 
 namespace fwmod::examiner
 {

@@ -1,12 +1,12 @@
 #include "tools/fwmod/check/examiner/updates.h"
 
-#include "tools/fwmod/check/examiner/worker.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <fstream>
 #include <map>
+
+#include "tools/fwmod/check/examiner/worker.h"
 
 namespace fwmod::examiner
 {
@@ -43,29 +43,34 @@ Worker::Update soundUpdate(const Worker& worker)
 void judgeProgress(const Session& session, Report& report)
 {
     const Json::Value& progress = session.told["progress"];
-    if (!progress.isObject())
+    if (!progress.isObject()) {
         return;
+    }
     const double duration = session.told["duration"].asDouble();
     const double slowest = progress["slowest"].asDouble();
     const bool waited = slowest > kBlocked && slowest > duration / 2;
-    if (waited || slowest > kSlowProgress)
+    if (waited || slowest > kSlowProgress) {
         report.add({FindingId::ProgressWaits, "getUpdateProgress took " + inSeconds(slowest) +
                                                   " of the update's " + inSeconds(duration)});
+    }
     const int samples = progress["samples"].asInt();
     const int failures = progress["failures"].asInt();
-    if (failures > samples)
+    if (failures > samples) {
         report.add({FindingId::NoProgress, "getUpdateProgress failed at " + std::to_string(failures) +
                                                " of " + std::to_string(failures + samples) +
                                                " looks during the update"});
-    else if (samples >= kFewSamples && progress["values"].asInt() == 1)
+    } else if (samples >= kFewSamples && progress["values"].asInt() == 1) {
         report.add({FindingId::NoProgress, "getUpdateProgress told " + progress["last"].asString() +
                                                " at each of " + std::to_string(samples) +
                                                " looks during the update"});
-    if (!progress["fall"].asString().empty())
+    }
+    if (!progress["fall"].asString().empty()) {
         report.add({FindingId::FallingProgress, "getUpdateProgress fell " + progress["fall"].asString()});
-    if (progress["highest"].asUInt() > 100)
+    }
+    if (progress["highest"].asUInt() > 100) {
         report.add({FindingId::ProgressOver100,
                     "getUpdateProgress told " + progress["highest"].asString() + " during the update"});
+    }
 }
 
 void judgeDuration(const Session& session, const Job& job, Report& report)
@@ -74,31 +79,36 @@ void judgeDuration(const Session& session, const Job& job, Report& report)
     const auto proposal = std::max(static_cast<unsigned int>(std::ceil(duration * kExpectedMargin)), 1U);
     report.measured.duration = duration;
     report.measured.proposedExpectedTime = proposal;
-    if (duration < kTooFast)
+    if (duration < kTooFast) {
         report.add({FindingId::UpdateTooFast, "doUpdate returned 0 after " + inSeconds(duration)});
+    }
     const double ownTime = std::max(duration - session.watchDelay, 0.0);
-    if (!job.isExternal && ownTime > job.expectedTime)
+    if (!job.isExternal && ownTime > job.expectedTime) {
         report.add({FindingId::ExpectedTimeTooShort,
                     "doUpdate took " + inSeconds(duration) + ", and " + std::to_string(job.expectedTime) +
                         " s are expected; proposed: " + std::to_string(proposal) + " s"});
+    }
 }
 
 // What is wrong with the version that a session has told after an update. A library may spell it in another
 // way than the information file, if it takes the two as the same.
 std::optional<Finding> wrongVersion(const Json::Value& told, const std::string& before, const Job& job)
 {
-    if (!job.version || !told.isMember("version"))
+    if (!job.version || !told.isMember("version")) {
         return std::nullopt;
+    }
     const std::string version = told["version"].asString();
     const bool isSame = told.isMember("verdict") && told["verdict"].asInt() == 0;
     const bool isNewerStill = told.isMember("verdict") && told["verdict"].asInt() > 0;
     const std::string newer = isNewerStill ? "; checkVersion says that it is newer still" : "";
-    if (version == *job.version && isNewerStill)
+    if (version == *job.version && isNewerStill) {
         return Finding{FindingId::InstalledIsNewer, "getActiveVersion told " + quote(version) + newer};
-    if (version != *job.version && (!isSame || version == before))
+    }
+    if (version != *job.version && (!isSame || version == before)) {
         return Finding{FindingId::WrongVersionAfterwards, "getActiveVersion told " + quote(version) +
                                                               ", and " + quote(*job.version) +
                                                               " was written" + newer};
+    }
     return std::nullopt;
 }
 
@@ -121,8 +131,9 @@ bool judgeWrites(const Session& session, const Machine& machine, std::size_t sta
              std::to_string(writes.during) + " writes before doUpdate returned 0, and more afterwards"});
         return false;
     }
-    if (writes.during > 0)
+    if (writes.during > 0) {
         return true;
+    }
     if (machine.stateOfHardware() != stateBefore) {
         report.notes.emplace_back(
             "The hardware is written through mapped memory or by renaming alone: such writes cannot "
@@ -136,34 +147,42 @@ bool judgeWrites(const Session& session, const Machine& machine, std::size_t sta
 
 void updateAndLook(Worker& worker)
 {
-    if (!worker.load())
+    if (!worker.load()) {
         return;
+    }
     worker.setContext(worker.job().caller, "");
-    if (const auto version = worker.activeVersion("before the update"))
+    if (const auto version = worker.activeVersion("before the update")) {
         worker.tell("before", *version);
-    if (worker.job().version)
+    }
+    if (worker.job().version) {
         worker.checkVersion(*worker.job().version, "before the update");
+    }
     Worker::Update update = soundUpdate(worker);
     update.pollProgress = worker.has("getUpdateProgress");
     worker.update(update);
     tellVersion(worker, "after the update");
-    if (worker.has("getUpdateProgress"))
+    if (worker.has("getUpdateProgress")) {
         worker.progress("after the update");
-    if (worker.has("allUpdateDone"))
+    }
+    if (worker.has("allUpdateDone")) {
         worker.allUpdateDone("after the update");
+    }
 }
 } // namespace
 
 void tellVersion(Worker& worker, const std::string& where)
 {
     worker.setContext(worker.job().caller, "", where);
-    if (const auto version = worker.activeVersion(where))
+    if (const auto version = worker.activeVersion(where)) {
         worker.tell("version", *version);
-    if (!worker.job().version)
+    }
+    if (!worker.job().version) {
         return;
+    }
     const auto verdict = worker.checkVersion(*worker.job().version, where);
-    if (verdict && verdict->result == 0)
+    if (verdict && verdict->result == 0) {
         worker.tell("verdict", verdict->verdict);
+    }
 }
 
 GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& report)
@@ -180,8 +199,9 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
         report.add(*session.death);
         supervisor.avoid(session);
     }
-    if (!session.told.isMember("result"))
+    if (!session.told.isMember("result")) {
         return update;
+    }
     update.isAnswered = true;
     if (session.told["result"].asInt() != 0) {
         report.add(
@@ -190,23 +210,27 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
         return update;
     }
     const bool isWritten = judgeWrites(session, machine, stateBefore, report);
-    if (report.has(FindingId::ImageNotWritten))
+    if (report.has(FindingId::ImageNotWritten)) {
         return update; // the rest would only follow from it
+    }
     judgeProgress(session, report);
     judgeDuration(session, job, report);
     const bool isVersionTold = !answers.version.empty() && !report.has(FindingId::ChangingAnswer);
     const std::optional<Finding> wrong =
         isVersionTold ? wrongVersion(session.told, update.before, job) : std::nullopt;
-    if (wrong)
+    if (wrong) {
         report.add(*wrong);
+    }
     const Session again = lookAgain(supervisor, machine);
-    if (again.death)
+    if (again.death) {
         report.add(*again.death);
+    }
     report.add(again.findings);
     const std::optional<Finding> wrongAgain =
         isVersionTold ? wrongVersion(again.told, update.before, job) : std::nullopt;
-    if (!wrong && wrongAgain)
+    if (!wrong && wrongAgain) {
         report.add({wrongAgain->id, "after a new start, " + wrongAgain->detail});
+    }
     update.after = again.told["version"].asString();
     report.measured.versionAfter = update.after;
     update.isUsable = isWritten && isVersionTold && !session.death && !again.death;
@@ -218,16 +242,18 @@ void updateAgain(Supervisor& supervisor, Report& report)
     constexpr int kTimes = 4;
     Machine machine;
     const Session session = supervisor.run(machine, [](Worker& worker) {
-        if (!worker.load())
+        if (!worker.load()) {
             return;
+        }
         worker.setContext(worker.job().caller, "");
         Worker::Update update = soundUpdate(worker);
         update.pollProgress = worker.has("getUpdateProgress");
         worker.repeat("doUpdate", kTimes, [&] { return worker.update(update).has_value(); });
     });
     report.add(session.findings);
-    if (session.death)
+    if (session.death) {
         report.add(*session.death);
+    }
 }
 
 // ---- Several calls in one process ----
@@ -242,21 +268,25 @@ class HardwareCopy
 public:
     HardwareCopy()
     {
-        for (const fs::path& file : files())
+        for (const fs::path& file : files()) {
             contents_[file] = contentOf(file);
+        }
     }
     void putBack() const
     {
         for (const fs::path& file : files()) {
-            if (contents_.count(file) == 0)
+            if (contents_.count(file) == 0) {
                 fs::remove(file);
+            }
         }
         for (const auto& [file, content] : contents_) {
-            if (fs::exists(file) && contentOf(file) == content)
+            if (fs::exists(file) && contentOf(file) == content) {
                 continue;
+            }
             std::ofstream out(file, std::ios::binary | std::ios::in); // in its place: it may be open
-            if (!out)
+            if (!out) {
                 out.open(file, std::ios::binary);
+            }
             out.write(content.data(), static_cast<std::streamsize>(content.size()));
             out.close();
             fs::resize_file(file, content.size());
@@ -269,8 +299,9 @@ private:
         std::vector<fs::path> all;
         std::error_code none;
         for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kHardware, none)) {
-            if (entry.is_regular_file() && !entry.is_symlink())
+            if (entry.is_regular_file() && !entry.is_symlink()) {
                 all.push_back(entry.path());
+            }
         }
         return all;
     }
@@ -280,30 +311,35 @@ private:
 
 void tellReturned(Worker& worker, const std::string& key, const std::optional<Returned>& returned)
 {
-    if (!returned)
+    if (!returned) {
         return;
+    }
     worker.tell(key, returned->result);
     worker.tell(key + "Error", returned->error);
 }
 
 void updateOneAfterTheOther(Worker& worker)
 {
-    if (!worker.load())
+    if (!worker.load()) {
         return;
+    }
     const HardwareCopy original;
     const Job& job = worker.job();
     worker.setContext(job.caller, "");
-    if (!job.isExternal)
+    if (!job.isExternal) {
         tellReturned(worker, "refused",
                      worker.update({job.image, job.checksum ^ 1, false, "with a wrong checksum"}));
+    }
     worker.setContext(job.caller, "");
     tellReturned(worker, "first", worker.update({job.image, job.checksum, false, "after a refused image"}));
-    for (int time = 0; time < 2 && worker.has("allUpdateDone"); ++time)
+    for (int time = 0; time < 2 && worker.has("allUpdateDone"); ++time) {
         worker.allUpdateDone("between two updates");
+    }
     original.putBack();
     worker.setContext(job.caller, "");
-    if (job.version)
+    if (job.version) {
         worker.checkVersion(*job.version, "between two updates");
+    }
     tellReturned(worker, "second", worker.update({job.image, job.checksum, false, "for the second time"}));
     tellVersion(worker, "after the second update");
 }
@@ -317,8 +353,9 @@ std::string describe(const Json::Value& told, const std::string& key)
 void updateInOneProcess(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
-    if (!job.isRepeatable)
+    if (!job.isRepeatable) {
         return;
+    }
     Machine machine;
     const Session session = supervisor.run(machine, updateOneAfterTheOther);
     report.add(session.findings);
@@ -328,28 +365,32 @@ void updateInOneProcess(Supervisor& supervisor, Report& report)
     }
     const Json::Value& told = session.told;
     const bool isRefused = job.isExternal || (told.isMember("refused") && told["refused"].asInt() != 0);
-    if (!told.isMember("first") || !isRefused)
+    if (!told.isMember("first") || !isRefused) {
         return; // a wrong checksum that is accepted is told elsewhere
+    }
     if (told["first"].asInt() != 0) {
         report.add(
             {FindingId::NoUpdateAfterRefusal, "doUpdate of the sound image" + describe(told, "first")});
         return;
     }
-    if (!told.isMember("second"))
+    if (!told.isMember("second")) {
         return;
-    if (told["second"].asInt() != 0)
+    }
+    if (told["second"].asInt() != 0) {
         report.add({FindingId::NoSecondUpdate, "the second doUpdate" + describe(told, "second")});
-    else if (told.isMember("version") && told["version"].asString() != job.versionAfter)
+    } else if (told.isMember("version") && told["version"].asString() != job.versionAfter) {
         report.add({FindingId::NoSecondUpdate, "the second doUpdate returned 0, and getActiveVersion told " +
                                                    quote(told["version"].asString())});
+    }
 }
 
 namespace
 {
 void updateWithNotices(Worker& worker)
 {
-    if (!worker.load() || !worker.has("allUpdateDone"))
+    if (!worker.load() || !worker.has("allUpdateDone")) {
         return;
+    }
     const Worker::Update update = {worker.job().image, worker.job().checksum, false, "with notices"};
     worker.setContext(worker.job().caller, "");
     tellReturned(worker, "update", worker.updateUnderNotices(update));
@@ -361,20 +402,25 @@ std::optional<Finding> judgeNotices(const Session& session, const Job& job)
 {
     constexpr double kMostOfIt = 0.5; // of the update
     const Json::Value& told = session.told;
-    if (session.death)
+    if (session.death) {
         return session.death;
-    if (!told.isMember("update"))
+    }
+    if (!told.isMember("update")) {
         return std::nullopt;
-    if (told["update"].asInt() != 0)
+    }
+    if (told["update"].asInt() != 0) {
         return Finding{FindingId::NoticeDisturbsUpdate,
                        "doUpdate" + describe(told, "update") + ", after allUpdateDone was called meanwhile"};
-    if (told.isMember("version") && told["version"].asString() != job.versionAfter)
+    }
+    if (told.isMember("version") && told["version"].asString() != job.versionAfter) {
         return Finding{FindingId::NoticeDisturbsUpdate,
                        "after allUpdateDone during doUpdate, which returned 0, getActiveVersion told " +
                            quote(told["version"].asString())};
-    if (told["noticeWaited"].asDouble() > kMostOfIt)
+    }
+    if (told["noticeWaited"].asDouble() > kMostOfIt) {
         return Finding{FindingId::NoticeDisturbsUpdate,
                        "allUpdateDone during doUpdate waited until that was over"};
+    }
     return std::nullopt;
 }
 } // namespace
@@ -382,55 +428,67 @@ std::optional<Finding> judgeNotices(const Session& session, const Job& job)
 void updateUnderNotices(Supervisor& supervisor, Report& report)
 {
     constexpr int kTimes = 3; // where the clock is fast, a notice may miss the moment
-    if (!supervisor.job().isRepeatable)
+    if (!supervisor.job().isRepeatable) {
         return;
+    }
     for (int time = 0; time < kTimes; ++time) {
         Machine machine;
         const Session session = supervisor.run(machine, updateWithNotices);
         report.add(session.findings);
         const std::optional<Finding> seen = judgeNotices(session, supervisor.job());
-        if (session.death)
+        if (session.death) {
             supervisor.avoid(session);
-        if (seen)
+        }
+        if (seen) {
             return report.add(*seen);
-        if (!session.told.isMember("update"))
+        }
+        if (!session.told.isMember("update")) {
             return; // there is no allUpdateDone
+        }
     }
 }
 
 void askWithoutHardware(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
-    if (!job.isRepeatable || !job.hasHardware)
+    if (!job.isRepeatable || !job.hasHardware) {
         return;
+    }
     Machine machine;
-    for (const fs::directory_entry& entry : fs::directory_iterator(machine.file(kHardware)))
+    for (const fs::directory_entry& entry : fs::directory_iterator(machine.file(kHardware))) {
         fs::remove_all(entry.path());
+    }
     const Session session = supervisor.run(machine, [](Worker& worker) {
         const std::string where = "without the hardware";
-        if (!worker.load())
+        if (!worker.load()) {
             return;
+        }
         worker.setContext(worker.job().caller, "", where);
-        if (const auto version = worker.activeVersion(where))
+        if (const auto version = worker.activeVersion(where)) {
             worker.tell("version", *version);
-        if (worker.job().version)
+        }
+        if (worker.job().version) {
             worker.checkVersion(*worker.job().version, where);
+        }
         worker.update({worker.job().image, worker.job().checksum, false, where});
     });
     for (const Finding& finding : session.findings) {
-        if (finding.id != FindingId::QuestionFailed) // as it should be
+        if (finding.id != FindingId::QuestionFailed) { // as it should be
             report.add(finding);
+        }
     }
     if (session.death) {
         report.add(*session.death);
         return;
     }
     const Json::Value& told = session.told;
-    if (told["version"].asString() == job.versionBefore)
+    if (told["version"].asString() == job.versionBefore) {
         report.add({FindingId::ToldWithoutHardware, "getActiveVersion told " + quote(job.versionBefore)});
+    }
     const bool isNothingThere = fs::is_empty(machine.file(kHardware));
-    if (isNothingThere && told.isMember("result") && told["result"].asInt() == 0)
+    if (isNothingThere && told.isMember("result") && told["result"].asInt() == 0) {
         report.add({FindingId::ImageNotWritten, "doUpdate without the hardware returned 0"});
+    }
 }
 
 // ---- What must be refused ----
@@ -450,8 +508,9 @@ void damageImages(const fs::path& from, const fs::path& to)
 {
     copyTree(from, to);
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(to)) {
-        if (!entry.is_regular_file() || entry.path().extension() != ".bin" || entry.file_size() == 0)
+        if (!entry.is_regular_file() || entry.path().extension() != ".bin" || entry.file_size() == 0) {
             continue;
+        }
         std::fstream file(entry.path(), std::ios::binary | std::ios::in | std::ios::out);
         const auto middle = static_cast<std::streamoff>(entry.file_size() / 2);
         file.seekg(middle);
@@ -486,8 +545,9 @@ void judgeOldFirmware(Supervisor& supervisor, Machine& machine, const Session& s
                       const std::string& what, Report& report)
 {
     const std::string before = session.told["before"].asString();
-    if (before.empty() || !supervisor.job().isVersionTold || session.death)
+    if (before.empty() || !supervisor.job().isVersionTold || session.death) {
         return;
+    }
     const Session again = lookAgain(supervisor, machine);
     for (const Session* look : {&session, &again}) {
         if (!look->told.isMember("version") || look->told["version"].asString() != before) {
@@ -505,15 +565,18 @@ void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
 {
     constexpr int kTimes = 5;
     Machine machine;
-    if (!refusal.otherImages.empty())
+    if (!refusal.otherImages.empty()) {
         machine.replaceDirectory(supervisor.job().imageDirectory, refusal.otherImages);
+    }
     const std::string what = "doUpdate " + refusal.where;
     const Session session = supervisor.run(machine, [&](Worker& worker) {
-        if (!worker.load())
+        if (!worker.load()) {
             return;
+        }
         worker.setContext(worker.job().caller, "");
-        if (const auto version = worker.activeVersion("before a refused update"))
+        if (const auto version = worker.activeVersion("before a refused update")) {
             worker.tell("before", *version);
+        }
         const Worker::Update update = {refusal.image, refusal.checksum, false, refusal.where};
         worker.repeat(what, kTimes, [&] {
             const auto returned = worker.update(update);
@@ -522,24 +585,28 @@ void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
         tellVersion(worker, "after a refused update");
     });
     for (const Finding& finding : session.findings) {
-        if (finding.id != FindingId::QuestionFailed) // of the version after it: see below
+        if (finding.id != FindingId::QuestionFailed) { // of the version after it: see below
             report.add(finding);
+        }
     }
     if (session.death) {
         report.add(*session.death);
         supervisor.avoid(session);
         return;
     }
-    if (!session.told.isMember("result"))
-        return;
-    if (session.told["result"].asInt() == 0) {
-        if (refusal.finding)
-            report.add({*refusal.finding, what + " returned 0"});
+    if (!session.told.isMember("result")) {
         return;
     }
-    if (session.told["error"].asInt() == 0)
+    if (session.told["result"].asInt() == 0) {
+        if (refusal.finding) {
+            report.add({*refusal.finding, what + " returned 0"});
+        }
+        return;
+    }
+    if (session.told["error"].asInt() == 0) {
         report.add({FindingId::SilentFailure,
                     what + " returned " + session.told["result"].asString() + " and left errno 0"});
+    }
     judgeOldFirmware(supervisor, machine, session, what, report);
 }
 } // namespace
@@ -547,8 +614,9 @@ void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
 void refuseImages(Supervisor& supervisor, Report& report)
 {
     const Machine scratch;
-    for (const Refusal& refusal : refusals(supervisor.job(), scratch))
+    for (const Refusal& refusal : refusals(supervisor.job(), scratch)) {
         tryRefusal(supervisor, refusal, report);
+    }
 }
 
 // ---- Data in memory ----
@@ -582,8 +650,9 @@ std::vector<Data> impossibleData(const Job& job)
                              {"no data", "", 0, true},
                              {"one byte", noise(1), 1, true},
                              {"noise", noise(4096), 4096, true}};
-    if (!job.hasImage())
+    if (!job.hasImage()) {
         return all;
+    }
     std::ifstream file(job.image, std::ios::binary);
     std::string image{std::istreambuf_iterator<char>(file), {}};
     image.resize(image.size() / 2); // a size inside it points behind its end
@@ -605,11 +674,13 @@ void tryData(Supervisor& supervisor, const Data& data, Report& report)
     constexpr int kTimes = 4;
     Machine machine;
     const Session session = supervisor.run(machine, [&](Worker& worker) {
-        if (!worker.load() || !worker.has("doUpdate_decryption"))
+        if (!worker.load() || !worker.has("doUpdate_decryption")) {
             return;
+        }
         worker.setContext(TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE, "");
-        if (const auto version = worker.activeVersion("before a refused update"))
+        if (const auto version = worker.activeVersion("before a refused update")) {
             worker.tell("before", *version);
+        }
         worker.repeat("doUpdate_decryption", data.isImpossible ? kTimes : 1, [&] {
             const auto returned = worker.decrypt(data.bytes, data.length, data.what);
             if (returned) {
@@ -622,29 +693,35 @@ void tryData(Supervisor& supervisor, const Data& data, Report& report)
     });
     const std::string what = "doUpdate_decryption(" + data.what + ")";
     for (const Finding& finding : session.findings) {
-        if (finding.id != FindingId::QuestionFailed)
+        if (finding.id != FindingId::QuestionFailed) {
             report.add(finding);
+        }
     }
-    if (session.death)
+    if (session.death) {
         report.add(explainDeath(session, data));
-    if (session.death || !session.told.isMember("result") || !data.isImpossible)
+    }
+    if (session.death || !session.told.isMember("result") || !data.isImpossible) {
         return;
+    }
     if (session.told["result"].asInt() == 0) {
         report.add({FindingId::ImpossibleDataAccepted, what + " returned 0"});
         return;
     }
-    if (session.told["error"].asInt() == 0)
+    if (session.told["error"].asInt() == 0) {
         report.add({FindingId::SilentFailure,
                     what + " returned " + session.told["result"].asString() + " and left errno 0"});
+    }
     judgeOldFirmware(supervisor, machine, session, what, report);
 }
 } // namespace
 
 void refuseData(Supervisor& supervisor, Report& report)
 {
-    if (supervisor.job().isExternal)
+    if (supervisor.job().isExternal) {
         return;
-    for (const Data& data : impossibleData(supervisor.job()))
+    }
+    for (const Data& data : impossibleData(supervisor.job())) {
         tryData(supervisor, data, report);
+    }
 }
 } // namespace fwmod::examiner

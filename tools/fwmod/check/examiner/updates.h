@@ -1,7 +1,7 @@
 // Updates without a power cut: a sound image at the real pace, images that must be refused, and data in
 // memory that cannot be right.
-#ifndef EXAMINER_UPDATES_H
-#define EXAMINER_UPDATES_H
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_UPDATES_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_UPDATES_H
 
 #include "tools/fwmod/check/examiner/questions.h"
 #include "tools/fwmod/check/examiner/supervisor.h"

@@ -1,10 +1,5 @@
 #include "tools/fwmod/check/examiner/worker.h"
 
-#include "common/json-text.h"
-#include "tools/fwmod/check/examiner/guarded-buffer.h"
-#include "tools/fwmod/check/examiner/process-state.h"
-#include "tools/fwmod/check/protocol/report.h"
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -18,6 +13,11 @@
 #include <thread>
 #include <unistd.h>
 #include <vector>
+
+#include "common/json-text.h"
+#include "tools/fwmod/check/examiner/guarded-buffer.h"
+#include "tools/fwmod/check/examiner/process-state.h"
+#include "tools/fwmod/check/protocol/report.h"
 
 namespace fwmod::examiner
 {
@@ -78,11 +78,13 @@ void ProgressWatch::add(unsigned int value)
 {
     const bool isFirst = samples++ == 0;
     values += isFirst || value != last ? 1 : 0;
-    if (!isFirst && value > last)
+    if (!isFirst && value > last) {
         hasRisen = true;
+    }
     // Before the first rise it may be what an earlier update has left.
-    if (!isFirst && value < last && hasRisen && fall.empty())
+    if (!isFirst && value < last && hasRisen && fall.empty()) {
         fall = "from " + std::to_string(last) + " to " + std::to_string(value);
+    }
     last = value;
     highest = std::max(highest, value);
 }
@@ -184,16 +186,18 @@ int callOnThread(const std::function<int()>& function, BlackBox& box)
 Worker::Worker(const Job& job, const std::set<std::string>& suspects, int channel, BlackBox& box)
     : job_(job), suspects_(suspects), channel_(channel), box_(box)
 {
-    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, channel})
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, channel}) {
         ownDescriptors_.emplace_back(descriptor, leadsTo(descriptor));
+    }
 }
 
 // Without them nothing can be reported, and the next file that is opened takes their number.
 void Worker::requireOwnDescriptors(const std::string& name)
 {
     for (const auto& [descriptor, target] : ownDescriptors_) {
-        if (leadsTo(descriptor) == target)
+        if (leadsTo(descriptor) == target) {
             continue;
+        }
         std::snprintf(box_.closedBy, sizeof box_.closedBy, "%s", name.c_str());
         _exit(0);
     }
@@ -202,8 +206,9 @@ void Worker::requireOwnDescriptors(const std::string& name)
 std::optional<Returned> Worker::call(const std::string& name, std::chrono::milliseconds limit,
                                      const std::function<int()>& function)
 {
-    if (isSuspect(name))
+    if (isSuspect(name)) {
         return std::nullopt;
+    }
     const std::optional<ProcessState> before =
         areMannersWatched_ ? std::optional(ProcessState::now()) : std::nullopt;
     std::optional<Returned> returned;
@@ -220,11 +225,13 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
         found(FindingId::Exception, name + " threw something that is no std::exception");
     }
     requireOwnDescriptors(name);
-    if (!before)
+    if (!before) {
         return returned;
+    }
     const ProcessState after = before->settled();
-    for (const Finding& change : before->changesIn(after))
+    for (const Finding& change : before->changesIn(after)) {
         found(change.id, name + ": " + change.detail);
+    }
     return returned;
 }
 
@@ -235,15 +242,18 @@ bool Worker::repeat(const std::string& name, int times, const std::function<bool
     std::size_t first = 0;
     int time = 0;
     for (; time < times && (time <= settled || realNow() < end); ++time) {
-        if (time == settled)
+        if (time == settled) {
             first = openDescriptors();
-        if (!ask())
+        }
+        if (!ask()) {
             return false;
+        }
     }
     const std::size_t last = openDescriptors();
-    if (time > settled && last > first)
+    if (time > settled && last > first) {
         found(FindingId::DescriptorsLeft, name + ": " + std::to_string(last - first) + " more after " +
                                               std::to_string(time - settled) + " calls");
+    }
     return true;
 }
 
@@ -254,8 +264,9 @@ namespace
 void complainOfSlowness(const Worker& worker, const std::string& name, const Returned& returned,
                         FindingId id = FindingId::SlowQuestion)
 {
-    if (returned.taken.count() <= kSlowNotice)
+    if (returned.taken.count() <= kSlowNotice) {
         return;
+    }
     char text[64];
     std::snprintf(text, sizeof text, " took %.1f s", returned.taken.count());
     worker.found(id, name + text);
@@ -273,11 +284,13 @@ bool Worker::load()
         error = text != nullptr ? text : "";
         return 0;
     });
-    if (returned)
+    if (returned) {
         complainOfSlowness(*this, name, *returned);
+    }
     if (handle == nullptr) {
-        if (!error.empty())
+        if (!error.empty()) {
             explainLoadError(error);
+        }
         return false;
     }
     bool isComplete = true;
@@ -286,19 +299,22 @@ bool Worker::load()
         void* const address = dlsym(handle, entryPoint);
         const bool isThere = dlerror() == nullptr;
         slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(address);
-        if (address != nullptr)
+        if (address != nullptr) {
             return;
+        }
         isComplete = isComplete && !isRequired;
         const auto mangled = job_.mangled.find(entryPoint);
-        if (isThere || mangled != job_.mangled.end())
+        if (isThere || mangled != job_.mangled.end()) {
             flawed_.insert(entryPoint);
-        if (isThere)
+        }
+        if (isThere) {
             found(FindingId::NullEntryPoint, entryPoint);
-        else if (mangled != job_.mangled.end())
+        } else if (mangled != job_.mangled.end()) {
             found(FindingId::MangledEntryPoint,
                   std::string(entryPoint) + " is exported as " + mangled->second);
-        else if (isRequired)
+        } else if (isRequired) {
             found(FindingId::MissingEntryPoint, entryPoint);
+        }
     };
     take(setContext_, "setContext", true);
     take(getEMPID_, "getEMPID", true);
@@ -328,8 +344,9 @@ void Worker::explainLoadError(const std::string& error) const
                                {"ELF load command", FindingId::NoSharedLibrary},
                                {"ELF file's phentsize", FindingId::NoSharedLibrary}};
     for (const Kind& kind : kKinds) {
-        if (error.find(kind.words) != std::string::npos)
+        if (error.find(kind.words) != std::string::npos) {
             return found(kind.finding, error);
+        }
     }
     found(FindingId::NotLoaded, error);
 }
@@ -337,12 +354,15 @@ void Worker::explainLoadError(const std::string& error) const
 bool Worker::has(const char* entryPoint) const
 {
     const std::string name = entryPoint;
-    if (name == "doUpdate_decryption")
+    if (name == "doUpdate_decryption") {
         return doUpdateDecryption_ != nullptr && !job_.isExternal;
-    if (name == "getExpectedTime")
+    }
+    if (name == "getExpectedTime") {
         return getExpectedTime_ != nullptr && !job_.isExternal;
-    if (name == "getUpdateProgress")
+    }
+    if (name == "getUpdateProgress") {
         return getUpdateProgress_ != nullptr;
+    }
     return name == "allUpdateDone" && allUpdateDone_ != nullptr;
 }
 
@@ -369,8 +389,9 @@ std::optional<std::string> takeText(const Worker& worker, const std::string& nam
 void complainOfFailure(const Worker& worker, const std::string& name, const Returned& returned)
 {
     std::string detail = name + " returned " + std::to_string(returned.result);
-    if (returned.error != 0)
+    if (returned.error != 0) {
         detail += std::string(" (errno: ") + strerrordesc_np(returned.error) + ")";
+    }
     worker.found(FindingId::QuestionFailed, detail);
 }
 
@@ -378,10 +399,12 @@ void complainOfFailure(const Worker& worker, const std::string& name, const Retu
 template <typename T>
 std::optional<T> takeNumber(const Worker& worker, const std::string& name, GuardedBuffer& out)
 {
-    if (out.isTouchedBefore())
+    if (out.isTouchedBefore()) {
         worker.found(FindingId::OutsideOfBuffer, name + ": bytes before its result were changed");
-    if (!out.isAll(GuardedBuffer::kPoison))
+    }
+    if (!out.isAll(GuardedBuffer::kPoison)) {
         return *out.as<T>();
+    }
     worker.found(FindingId::UnwrittenAnswer, name + " returned 0 and wrote no result");
     return std::nullopt;
 }
@@ -399,15 +422,17 @@ bool Worker::setContext(int caller, const char* context, const std::string& wher
     const auto returned = call(name, kQuestionLimit, [&] {
         return setContext_(library.as<char>(), caller, context != nullptr ? text.as<char>() : nullptr);
     });
-    if (!returned)
+    if (!returned) {
         return false;
+    }
     complainOfSlowness(*this, name, *returned);
     constexpr int kDaemonsOwn[] = {TARNWICK_CONTROL_CALLER_PACKAGE, TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE,
                                    TARNWICK_CONTROL_CALLER_SYSTEM_IMAGE};
     const bool isDaemons =
         std::find(std::begin(kDaemonsOwn), std::end(kDaemonsOwn), caller) != std::end(kDaemonsOwn);
-    if (returned->result != 0 && isDaemons)
+    if (returned->result != 0 && isDaemons) {
         complainOfFailure(*this, name, *returned);
+    }
     return returned->result == 0;
 }
 
@@ -417,8 +442,9 @@ std::optional<std::string> Worker::identifier(const std::string& where)
     GuardedBuffer out("the identifier's buffer", TARNWICK_CONTROL_TEXT_SIZE);
     out.fill(0);
     const auto returned = call(name, kQuestionLimit, [&] { return getEMPID_(out.as<char>()); });
-    if (!returned)
+    if (!returned) {
         return std::nullopt;
+    }
     complainOfSlowness(*this, name, *returned);
     if (returned->result != 0) {
         complainOfFailure(*this, name, *returned);
@@ -436,8 +462,9 @@ std::optional<std::string> Worker::activeVersion(const std::string& where)
     const std::string name = callName("getActiveVersion", where);
     GuardedBuffer out("the version's buffer", TARNWICK_CONTROL_TEXT_SIZE);
     const auto returned = call(name, kQuestionLimit, [&] { return getActiveVersion_(out.as<char>()); });
-    if (!returned)
+    if (!returned) {
         return std::nullopt;
+    }
     complainOfSlowness(*this, name, *returned);
     if (returned->result != 0) {
         complainOfFailure(*this, name, *returned);
@@ -462,16 +489,20 @@ std::optional<Worker::Verdict> Worker::checkVersion(const std::string& version, 
     GuardedBuffer out("the verdict", sizeof(int));
     const auto returned =
         call(name, kQuestionLimit, [&] { return checkVersion_(offered.as<char>(), out.as<int>()); });
-    if (!returned)
+    if (!returned) {
         return std::nullopt;
+    }
     complainOfSlowness(*this, name, *returned);
-    if (returned->result != 0)
+    if (returned->result != 0) {
         return Verdict{returned->result, 0};
+    }
     const std::optional<int> verdict = takeNumber<int>(*this, name, out);
-    if (!verdict)
+    if (!verdict) {
         return std::nullopt;
-    if (*verdict < TARNWICK_CONTROL_VERDICT_OLDER || *verdict > TARNWICK_CONTROL_VERDICT_NEWER)
+    }
+    if (*verdict < TARNWICK_CONTROL_VERDICT_OLDER || *verdict > TARNWICK_CONTROL_VERDICT_NEWER) {
         found(FindingId::OddVerdict, name + " wrote " + std::to_string(*verdict));
+    }
     return Verdict{0, *verdict};
 }
 
@@ -480,8 +511,9 @@ std::optional<int> Worker::expectedTime()
     const std::string name = "getExpectedTime";
     GuardedBuffer out("the expected time", sizeof(int));
     const auto returned = call(name, kQuestionLimit, [&] { return getExpectedTime_(out.as<int>()); });
-    if (!returned)
+    if (!returned) {
         return std::nullopt;
+    }
     complainOfSlowness(*this, name, *returned);
     if (returned->result != 0) {
         complainOfFailure(*this, name, *returned);
@@ -496,17 +528,19 @@ std::optional<unsigned int> Worker::progress(const std::string& where)
     GuardedBuffer out("the progress", sizeof(unsigned int));
     const auto returned =
         call(name, kQuestionLimit, [&] { return getUpdateProgress_(out.as<unsigned int>()); });
-    if (!returned)
+    if (!returned) {
         return std::nullopt;
+    }
     if (returned->result != 0) {
         found(FindingId::NoProgress,
               name + " returned " + std::to_string(returned->result) + " while no update ran");
         return std::nullopt;
     }
     const std::optional<unsigned int> percent = takeNumber<unsigned int>(*this, name, out);
-    if (percent && *percent > 100)
+    if (percent && *percent > 100) {
         found(FindingId::ProgressOver100,
               name + " told " + std::to_string(*percent) + " while no update ran");
+    }
     return percent;
 }
 
@@ -514,8 +548,9 @@ void Worker::allUpdateDone(const std::string& where)
 {
     const std::string name = callName("allUpdateDone", where);
     const auto returned = call(name, kQuestionLimit, [&] { return allUpdateDone_(); });
-    if (returned)
+    if (returned) {
         complainOfSlowness(*this, name, *returned, FindingId::SlowAllUpdateDone);
+    }
 }
 
 // ---- Updates ----
@@ -563,15 +598,17 @@ std::optional<Returned> Worker::updateUnderNotices(const Update& update)
     for (int time = 0; time < 5; ++time) {
         const std::optional<Returned> before =
             call("allUpdateDone before doUpdate", kQuestionLimit, [&] { return allUpdateDone_(); });
-        if (!before)
+        if (!before) {
             return std::nullopt;
+        }
         idle = std::min(idle, before->taken.count());
     }
     std::thread notices([&] {
         const CallingThread self(1);
         for (; !isOver && !isSuspect(noticeName); realSleep(100us)) {
-            if (box_.phase != BlackBox::kRunning)
+            if (box_.phase != BlackBox::kRunning) {
                 continue;
+            }
             const Stopwatch stopwatch;
             try {
                 const CallMark mark(noticeName.c_str(), updateLimit(job_) + kQuestionLimit);
@@ -580,16 +617,18 @@ std::optional<Returned> Worker::updateUnderNotices(const Update& update)
                 found(FindingId::Exception, noticeName + " threw");
                 return;
             }
-            if (box_.phase != BlackBox::kRunning)
+            if (box_.phase != BlackBox::kRunning) {
                 longest = std::max(longest, stopwatch.read().count());
+            }
         }
     });
     const std::string name = callName("doUpdate", update.where);
     const std::optional<Returned> returned = callUpdate(name, update);
     isOver = true;
     notices.join();
-    if (returned && returned->taken.count() > 0)
+    if (returned && returned->taken.count() > 0) {
         tell("noticeWaited", (longest - 2 * idle) / returned->taken.count());
+    }
     return returned;
 }
 
@@ -608,8 +647,9 @@ std::optional<Returned> Worker::update(const Update& update)
         const Stopwatch whole;
         for (; !isOver; realSleep(kPollInterval)) {
             isPolling = true;
-            if (box_.phase != BlackBox::kRunning)
+            if (box_.phase != BlackBox::kRunning) {
                 continue;
+            }
             out.fill(GuardedBuffer::kPoison);
             int result = 0;
             const double begin = whole.read().count();
@@ -622,29 +662,34 @@ std::optional<Returned> Worker::update(const Update& update)
             }
             const double taken = whole.read().count() - begin;
             progress.slowest = std::max(progress.slowest, taken);
-            if (result != 0)
+            if (result != 0) {
                 ++progress.failures;
-            else if (box_.phase == BlackBox::kRunning && !out.isAll(GuardedBuffer::kPoison))
+            } else if (box_.phase == BlackBox::kRunning && !out.isAll(GuardedBuffer::kPoison)) {
                 progress.add(*out.as<unsigned int>());
+            }
         }
     };
     std::thread poller;
     if (update.pollProgress && !isSuspect("getUpdateProgress during doUpdate")) {
         poller = std::thread(poll);
-        while (!isPolling)
+        while (!isPolling) {
             realSleep(1ms);
+        }
     }
     returned = callUpdate(name, update);
     isOver = true;
-    if (poller.joinable())
+    if (poller.joinable()) {
         poller.join();
-    if (!returned)
+    }
+    if (!returned) {
         return std::nullopt;
+    }
     tell("result", returned->result);
     tell("error", returned->error);
     tell("duration", returned->taken.count());
-    if (update.pollProgress)
+    if (update.pollProgress) {
         tell("progress", progress.toJson());
+    }
     return returned;
 }
 } // namespace fwmod::examiner

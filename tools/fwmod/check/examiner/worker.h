@@ -1,12 +1,8 @@
 // The library in a worker process: loaded and called as the daemon does, each call between two looks at what
 // belongs to the whole process. What is found goes to the supervisor at once, because the next call may be
 // the last.
-#ifndef EXAMINER_WORKER_H
-#define EXAMINER_WORKER_H
-
-#include "tools/fwmod/check/examiner/black-box.h"
-#include "tools/fwmod/check/protocol/findings.h"
-#include "tools/fwmod/check/protocol/job.h"
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_WORKER_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_WORKER_H
 
 #include <chrono>
 #include <functional>
@@ -18,6 +14,10 @@
 #include <tarnwick/control.h>
 #include <utility>
 #include <vector>
+
+#include "tools/fwmod/check/examiner/black-box.h"
+#include "tools/fwmod/check/protocol/findings.h"
+#include "tools/fwmod/check/protocol/job.h"
 
 namespace fwmod::examiner
 {

@@ -1,7 +1,7 @@
 // What "fwmod check" can find wrong with a control library: its numbers, and what there is to say about each.
 // All of it comes from findings.inc, so that a number cannot be mistyped and none is without its text.
-#ifndef FWMOD_CHECK_PROTOCOL_FINDINGS_H
-#define FWMOD_CHECK_PROTOCOL_FINDINGS_H
+#ifndef TOOLS_FWMOD_CHECK_PROTOCOL_FINDINGS_H
+#define TOOLS_FWMOD_CHECK_PROTOCOL_FINDINGS_H
 
 #include <optional>
 #include <string>

@@ -1,6 +1,6 @@
 // What control-examiner is to look at, in a file that "fwmod check" writes and it reads.
-#ifndef FWMOD_CHECK_PROTOCOL_JOB_H
-#define FWMOD_CHECK_PROTOCOL_JOB_H
+#ifndef TOOLS_FWMOD_CHECK_PROTOCOL_JOB_H
+#define TOOLS_FWMOD_CHECK_PROTOCOL_JOB_H
 
 #include <cstdint>
 #include <filesystem>

@@ -1,14 +1,13 @@
 // How job and report are written and read: the members of each struct are named once, for both.
+#include <fstream>
+#include <iterator>
+#include <json/json.h>
+#include <stdexcept>
+
 #include "common/errors.h"
 #include "common/json-text.h"
 #include "tools/fwmod/check/protocol/job.h"
 #include "tools/fwmod/check/protocol/report.h"
-
-#include <fstream>
-#include <iterator>
-#include <stdexcept>
-
-#include <json/json.h>
 
 namespace fwmod
 {

@@ -1,9 +1,7 @@
 // What control-examiner tells "fwmod check": lines of standard output, progress while it works and a report
 // at the end.
-#ifndef FWMOD_CHECK_PROTOCOL_REPORT_H
-#define FWMOD_CHECK_PROTOCOL_REPORT_H
-
-#include "tools/fwmod/check/protocol/findings.h"
+#ifndef TOOLS_FWMOD_CHECK_PROTOCOL_REPORT_H
+#define TOOLS_FWMOD_CHECK_PROTOCOL_REPORT_H
 
 #include <cstdint>
 #include <map>
@@ -12,6 +10,8 @@
 #include <string>
 #include <variant>
 #include <vector>
+
+#include "tools/fwmod/check/protocol/findings.h"
 
 namespace fwmod
 {
