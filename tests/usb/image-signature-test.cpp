@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "sdk/tests/temporary-directory.h"
+#include "tests/support/temporary-directory.h"
 #include "tests/usb/programs.h"
 #include "tests/usb/usb-test-data.h"
 #include "vset/signature/image-signature.h"

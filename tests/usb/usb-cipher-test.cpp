@@ -7,8 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "sdk/tests/temporary-directory.h"
 #include "src/src/fw-update-symbol.h"
+#include "tests/support/temporary-directory.h"
 #include "tests/usb/programs.h"
 #include "tests/usb/usb-test-data.h"
 

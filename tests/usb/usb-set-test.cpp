@@ -4,9 +4,9 @@
 #include <dlfcn.h>
 #include <sys/stat.h>
 
-#include "sdk/tests/temporary-directory.h"
 #include "src/src/fw-update-symbol-manager.h"
 #include "tests/support/set-test.h"
+#include "tests/support/temporary-directory.h"
 #include "tests/usb/programs.h"
 #include "tests/usb/usb-test-data.h"
 

@@ -1,6 +1,6 @@
 // A virtual set with the example modules on it, made anew for each test and removed with it.
-#ifndef TOOLS_FWCTL_TESTS_VIRTUAL_SET_H
-#define TOOLS_FWCTL_TESTS_VIRTUAL_SET_H
+#ifndef TESTS_FWCTL_VIRTUAL_SET_H
+#define TESTS_FWCTL_VIRTUAL_SET_H
 
 #include <filesystem>
 #include <string>

@@ -4,7 +4,7 @@
 #include <thread>
 
 #include "pwrctl.h"
-#include "tests/service/platform/platform-test.h"
+#include "tests/vset/platform/platform-test.h"
 
 using testing::ElementsAre;
 using testing::Lt;

@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "sdk/examples/common/flash.h"
-#include "sdk/tests/temporary-directory.h"
+#include "tests/support/temporary-directory.h"
 
 namespace fs = std::filesystem;
 

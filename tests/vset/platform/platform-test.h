@@ -1,7 +1,7 @@
 // What the tests of the platform library share. They run inside a set: the library under test speaks to the
 // set's own services, a ControlClient looks at what has arrived there.
-#ifndef TESTS_SERVICE_PLATFORM_PLATFORM_TEST_H
-#define TESTS_SERVICE_PLATFORM_PLATFORM_TEST_H
+#ifndef TESTS_VSET_PLATFORM_PLATFORM_TEST_H
+#define TESTS_VSET_PLATFORM_PLATFORM_TEST_H
 
 #include <chrono>
 #include <functional>

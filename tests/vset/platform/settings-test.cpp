@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "pralis.h"
-#include "tests/service/platform/platform-test.h"
+#include "tests/vset/platform/platform-test.h"
 
 using testing::ElementsAre;
 using testing::Gt;

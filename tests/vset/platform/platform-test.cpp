@@ -1,4 +1,4 @@
-#include "tests/service/platform/platform-test.h"
+#include "tests/vset/platform/platform-test.h"
 
 #include <cstdio>
 #include <cstdlib>

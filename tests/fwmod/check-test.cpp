@@ -5,8 +5,8 @@
 #include <json/json.h>
 #include <sys/stat.h>
 
-#include "sdk/tests/temporary-directory.h"
 #include "tests/support/run-program.h"
+#include "tests/support/temporary-directory.h"
 
 namespace fs = std::filesystem;
 

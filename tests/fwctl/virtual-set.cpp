@@ -1,4 +1,4 @@
-#include "tools/fwctl/tests/virtual-set.h"
+#include "tests/fwctl/virtual-set.h"
 
 #include <cstdlib>
 #include <fstream>

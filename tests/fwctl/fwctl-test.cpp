@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 #include <vector>
 
-#include "tools/fwctl/tests/virtual-set.h"
+#include "tests/fwctl/virtual-set.h"
 
 namespace fs = std::filesystem;
 

@@ -11,7 +11,7 @@
 
 extern "C" {
 typedef int allUpdateDone_abi();
-#include "control-abi.inc"
+#include "tests/kit/control-abi.inc"
 }
 
 namespace

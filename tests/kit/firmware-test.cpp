@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "sdk/examples/common/firmware.h"
-#include "sdk/tests/temporary-directory.h"
+#include "tests/support/temporary-directory.h"
 #include "tools/fwmod/files.h"
 
 namespace

@@ -12,7 +12,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "sdk/tests/temporary-directory.h"
+#include "tests/support/temporary-directory.h"
 
 namespace fs = std::filesystem;
 
@@ -209,7 +209,7 @@ int main(int argc, char** argv)
     struct statfs status{};
     if (statfs("/var/lib", &status) != 0 || status.f_type != TMPFS_MAGIC) {
         std::fprintf(
-            stderr, "module-test writes to /var/lib/hardware: run it with sdk/tests/with-private-hardware\n");
+            stderr, "module-test writes to /var/lib/hardware: run it with tests/kit/with-private-hardware\n");
         return 2;
     }
     return RUN_ALL_TESTS();

@@ -1,6 +1,6 @@
 // A directory of a test's own, removed with all it holds.
-#ifndef SDK_TESTS_TEMPORARY_DIRECTORY_H
-#define SDK_TESTS_TEMPORARY_DIRECTORY_H
+#ifndef TESTS_SUPPORT_TEMPORARY_DIRECTORY_H
+#define TESTS_SUPPORT_TEMPORARY_DIRECTORY_H
 
 #include <cstdlib>
 #include <filesystem>

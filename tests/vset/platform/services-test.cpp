@@ -21,7 +21,7 @@
 #include "ps_mount.h"
 #include "pwrctl.h"
 #include "sysprop.h"
-#include "tests/service/platform/platform-test.h"
+#include "tests/vset/platform/platform-test.h"
 
 using testing::ElementsAre;
 using testing::Gt;

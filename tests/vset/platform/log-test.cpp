@@ -14,7 +14,7 @@
 #include <unistd.h>
 
 #include "norlog.h"
-#include "tests/service/platform/platform-test.h"
+#include "tests/vset/platform/platform-test.h"
 #include "trace_logger.h"
 #include "vset/client/platform-log.h"
 

@@ -10,8 +10,8 @@
 #include <unistd.h>
 #include <vector>
 
-#include "sdk/tests/temporary-directory.h"
 #include "tests/support/run-program.h"
+#include "tests/support/temporary-directory.h"
 
 namespace fs = std::filesystem;
 
