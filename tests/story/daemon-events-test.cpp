@@ -6,16 +6,16 @@
 #include <iterator>
 #include <set>
 
-#include "vset/story/daemon-events.h"
+#include "common/daemon-events.h"
 #include "vset/story/narrator.h"
 
 namespace
 {
 
 namespace fs = std::filesystem;
+using common::DaemonEventKind;
+using common::DaemonText;
 using testing::ElementsAre;
-using vset::DaemonEventKind;
-using vset::DaemonText;
 
 // ---- The texts of the sources ----
 
@@ -113,14 +113,14 @@ std::string exampleOf(const std::string& format)
 TEST(DaemonEvents, EveryTextOfTheSourcesIsInTheTable)
 {
     std::set<std::string> known;
-    for (size_t i = 0; i < vset::kDaemonTextCount; ++i) {
-        known.insert(vset::kDaemonTexts[i].format);
+    for (size_t i = 0; i < common::kDaemonTextCount; ++i) {
+        known.insert(common::kDaemonTexts[i].format);
     }
     const std::set<std::string> formats = formatsOfTheSources();
     EXPECT_GT(formats.size(), 100U);
     for (const std::string& format : formats) {
         EXPECT_EQ(known.count(format), 1U)
-            << "the daemon says \"" << format << "\": give it a row in vset/story/daemon-events.cpp";
+            << "the daemon says \"" << format << "\": give it a row in common/daemon-events.cpp";
     }
 }
 
@@ -128,8 +128,8 @@ TEST(DaemonEvents, TheTableHasNothingThatTheDaemonDoesNotSay)
 {
     const std::set<std::string> formats = formatsOfTheSources();
     std::set<std::string> seen;
-    for (size_t i = 0; i < vset::kDaemonTextCount; ++i) {
-        const DaemonText& text = vset::kDaemonTexts[i];
+    for (size_t i = 0; i < common::kDaemonTextCount; ++i) {
+        const DaemonText& text = common::kDaemonTexts[i];
         EXPECT_TRUE(seen.insert(text.format).second) << "twice: " << text.format;
         EXPECT_EQ(formats.count(text.format), text.isRefined ? 0U : 1U) << text.format;
     }
@@ -137,9 +137,9 @@ TEST(DaemonEvents, TheTableHasNothingThatTheDaemonDoesNotSay)
 
 TEST(DaemonEvents, EveryTextIsReadAsWhatItIs)
 {
-    for (size_t i = 0; i < vset::kDaemonTextCount; ++i) {
-        const DaemonText& text = vset::kDaemonTexts[i];
-        EXPECT_EQ(vset::readDaemonMessage(exampleOf(text.format)).kind, text.kind) << text.format;
+    for (size_t i = 0; i < common::kDaemonTextCount; ++i) {
+        const DaemonText& text = common::kDaemonTexts[i];
+        EXPECT_EQ(common::readDaemonMessage(exampleOf(text.format)).kind, text.kind) << text.format;
     }
 }
 
@@ -147,7 +147,7 @@ TEST(DaemonEvents, EveryTextIsReadAsWhatItIs)
 
 std::vector<std::string> valuesOf(const std::string& message)
 {
-    return vset::readDaemonMessage(message).values;
+    return common::readDaemonMessage(message).values;
 }
 
 TEST(DaemonEvents, HaveTheValuesOfTheMessage)
@@ -162,30 +162,30 @@ TEST(DaemonEvents, HaveTheValuesOfTheMessage)
     EXPECT_THAT(valuesOf("no update module item!\n"), ElementsAre());
     EXPECT_THAT(valuesOf("10"), ElementsAre("10"));
     EXPECT_THAT(valuesOf(" update timeout"), ElementsAre("")); // a firmware without a name is none the less
-    EXPECT_EQ(vset::readDaemonMessage("12").number(0), 12);
-    EXPECT_EQ(vset::readDaemonMessage("12").number(1), 0);
+    EXPECT_EQ(common::readDaemonMessage("12").number(0), 12);
+    EXPECT_EQ(common::readDaemonMessage("12").number(1), 0);
 }
 
 TEST(DaemonEvents, OfALogAreTheDaemonsOwnInThePlatformsLog)
 {
-    vset::LogRecord record;
+    common::LogRecord record;
     record.message = "service finalize";
     record.tag = "FWUPDATE";
-    record.buffer = vset::LogBuffer::System;
-    ASSERT_TRUE(vset::readDaemonEvent(record));
-    EXPECT_EQ(vset::readDaemonEvent(record)->kind, DaemonEventKind::kEnding);
-    record.buffer = vset::LogBuffer::Trace;
-    EXPECT_FALSE(vset::readDaemonEvent(record));
-    record.buffer = vset::LogBuffer::System;
+    record.buffer = common::LogBuffer::System;
+    ASSERT_TRUE(common::readDaemonEvent(record));
+    EXPECT_EQ(common::readDaemonEvent(record)->kind, DaemonEventKind::kEnding);
+    record.buffer = common::LogBuffer::Trace;
+    EXPECT_FALSE(common::readDaemonEvent(record));
+    record.buffer = common::LogBuffer::System;
     record.tag = "OTHER";
-    EXPECT_FALSE(vset::readDaemonEvent(record));
+    EXPECT_FALSE(common::readDaemonEvent(record));
 }
 
 // ---- Sentences ----
 
 std::string told(vset::Narrator& narrator, const std::string& message)
 {
-    return narrator.tell(vset::readDaemonMessage(message));
+    return narrator.tell(common::readDaemonMessage(message));
 }
 
 TEST(Narrator, TellsWhatCarriesTheStory)

@@ -2,42 +2,22 @@
 
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <unistd.h>
+
+#include "common/daemon-events.h"
 
 namespace fwctl
 {
 
 namespace
 {
-constexpr const char* kLog = "/var/log/platform.log";
 constexpr std::streamoff kRead = 4 * 1024 * 1024; // of its end: far more than one update's messages
 
-// Fields of a line, separated by tabs.
-constexpr std::size_t kProcess = 4;
-constexpr std::size_t kThread = 5;
-constexpr std::size_t kMessage = 10;
-
-std::vector<std::string> fieldsOf(const std::string& line)
-{
-    std::vector<std::string> fields;
-    std::istringstream in(line);
-    for (std::string field; std::getline(in, field, '\t');) {
-        fields.push_back(field);
-    }
-    return fields;
-}
-
-// The firmware's name in "file: function(line) > NAME update time SECONDS sec", else empty.
+// The name of the firmware whose update is announced, else empty.
 std::string updateAnnouncedIn(const std::string& message)
 {
-    constexpr const char* kWords = " update time ";
-    const std::size_t place = message.find(" > ");
-    const std::size_t begin = place == std::string::npos ? 0 : place + 3;
-    const std::size_t words = message.find(kWords, begin);
-    const std::size_t end = message.find(" sec", begin);
-    const bool isAnnounced = words != std::string::npos && end != std::string::npos && end > words;
-    return isAnnounced ? message.substr(begin, words - begin) : "";
+    const common::DaemonEvent event = common::readDaemonMessage(message);
+    return event.kind == common::DaemonEventKind::kTurnWanted ? event.values[0] : "";
 }
 
 bool isAlive(pid_t process, pid_t thread)
@@ -50,7 +30,7 @@ bool isAlive(pid_t process, pid_t thread)
 DaemonActivity activityOf(pid_t process)
 {
     DaemonActivity activity;
-    std::ifstream log(kLog, std::ios::binary);
+    std::ifstream log(common::kLogFile, std::ios::binary);
     log.seekg(0, std::ios::end);
     log.seekg(std::max<std::streamoff>(0, static_cast<std::streamoff>(log.tellg()) - kRead));
     std::map<pid_t, std::string> lastWords; // of each thread
@@ -59,9 +39,9 @@ DaemonActivity activityOf(pid_t process)
         if (line.find(wanted) == std::string::npos) {
             continue;
         }
-        const std::vector<std::string> fields = fieldsOf(line);
-        if (fields.size() > kMessage && fields[kProcess] == wanted) {
-            lastWords[std::atoi(fields[kThread].c_str())] = fields[kMessage];
+        const std::optional<common::LogRecord> record = common::parseLogLine(line);
+        if (record && record->process == process) {
+            lastWords[record->thread] = record->message;
         }
     }
     activity.isKnown = !lastWords.empty();

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <utility>
 
+#include "common/daemon-events.h"
 #include "norlog.h"
 #include "trace_logger.h"
 
@@ -39,16 +40,15 @@ __attribute__((format(printf, 1, 0))) std::string formatted(const char* format, 
 }
 
 // "file: function(line) > text\n" becomes "text".
-std::string withoutPlace(std::string message)
+std::string withoutPlace(const std::string& text)
 {
-    const std::size_t place = message.find(" > ");
-    if (place != std::string::npos) {
-        message.erase(0, place + 3);
+    common::LogRecord record;
+    record.text = record.message = text;
+    common::takePlaceFromMessage(record);
+    while (!record.message.empty() && record.message.back() == '\n') {
+        record.message.pop_back();
     }
-    while (!message.empty() && message.back() == '\n') {
-        message.pop_back();
-    }
-    return message;
+    return record.message;
 }
 
 void keep(const std::string& message)
@@ -75,6 +75,15 @@ std::vector<std::string> takeDaemonMessages()
 {
     const std::lock_guard<std::mutex> lock(messagesMutex);
     return std::exchange(messages, {});
+}
+
+std::string takeLastComplaint()
+{
+    std::string last;
+    for (const std::string& message : takeDaemonMessages()) {
+        last = common::isComplaint(message) ? message : last;
+    }
+    return last;
 }
 
 void onDaemonMessage(std::function<void(const std::string&)> newListener)

@@ -21,6 +21,9 @@ void forwardDaemonLog(std::function<void(const std::string& message)> show = {})
 // The messages since the last call, without their place in the source and without a final newline.
 std::vector<std::string> takeDaemonMessages();
 
+// The last of them that is a complaint, likewise; empty when there is none.
+std::string takeLastComplaint();
+
 // Called with each message on the thread that logs it, until it is replaced; empty for none.
 void onDaemonMessage(std::function<void(const std::string&)> listener);
 

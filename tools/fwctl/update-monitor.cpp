@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <optional>
 #include <unistd.h>
 
+#include "common/daemon-events.h"
 #include "common/progress-line.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwctl/daemon-log.h"
@@ -15,17 +15,6 @@ namespace fwctl
 namespace
 {
 constexpr std::chrono::milliseconds kPause{200};
-
-// The text between two fixed ones, when the message begins and ends with them.
-std::optional<std::string> between(const std::string& message, const std::string& head,
-                                   const std::string& tail)
-{
-    if (message.size() < head.size() + tail.size() || message.compare(0, head.size(), head) != 0 ||
-        message.compare(message.size() - tail.size(), tail.size(), tail) != 0) {
-        return std::nullopt;
-    }
-    return message.substr(head.size(), message.size() - head.size() - tail.size());
-}
 
 bool isAlive(pid_t thread)
 {
@@ -114,27 +103,30 @@ bool UpdateMonitor::isBegunHere() const
 // On the thread that logs: the update's own, or the one that waits for it.
 void UpdateMonitor::note(const std::string& message)
 {
+    using Kind = common::DaemonEventKind;
+    const common::DaemonEvent event = common::readDaemonMessage(message);
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (const auto name = between(message, "", " Firmware Update Try")) {
-        return begin(*name);
+    if (event.kind == Kind::kUpdateTried) {
+        return begin(event.values[0]);
     }
-    if (const auto name = between(message, "========== [ ", " update start ] ==========")) {
+    if (event.kind == Kind::kUpdateBegun) {
         if (!isBegunHere()) { // an encrypted image comes without a "Try"
-            begin(*name);
+            begin(event.values[0]);
         }
         return;
     }
-    const auto late = between(message, "", " update timeout");
-    const auto done = between(message, "========== [ ", " update succeeded ] ==========");
-    const auto spared = between(message, "Error: ", " Firmware not need update");
+    const bool late = event.kind == Kind::kUpdateTimedOut;
+    const bool done = event.kind == Kind::kUpdateSucceeded;
+    const bool spared = event.kind == Kind::kUpdateNotNeeded;
     for (UpdateOutcome& outcome : outcomes_) {
         const bool isStarted = outcome.result == "started";
-        outcome.isLate = outcome.isLate || (isStarted && late == outcome.module->firmwareName);
+        outcome.isLate =
+            outcome.isLate || (isStarted && late && event.values[0] == outcome.module->firmwareName);
         if (outcome.thread != gettid() || !isStarted) {
             continue;
         }
         outcome.result = done ? "updated" : spared ? "not-needed" : "started";
-        if (message.rfind("Error", 0) == 0) {
+        if (common::isComplaint(message)) {
             outcome.reason = message;
         }
     }

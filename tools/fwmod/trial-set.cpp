@@ -366,15 +366,23 @@ TrialSet::Output TrialSet::run(const std::vector<std::string>& command)
     return runProgram(words);
 }
 
-bool TrialSet::said(const std::string& message) const
+bool TrialSet::said(common::DaemonEventKind kind) const
 {
-    return std::any_of(records_.begin(), records_.end(),
-                       [&](const vset::LogRecord& record) { return record.message == message; });
+    return std::any_of(events_.begin(), events_.end(),
+                       [&](const common::DaemonEvent& event) { return event.kind == kind; });
+}
+
+bool TrialSet::hasReached(int state) const
+{
+    return std::any_of(events_.begin(), events_.end(), [&](const common::DaemonEvent& event) {
+        return event.kind == common::DaemonEventKind::kState && event.number(0) == state;
+    });
 }
 
 void TrialSet::forget()
 {
     records_.clear();
+    events_.clear();
     platform_.reset();
     firstLine_ = launcherLines_.size();
 }
@@ -415,8 +423,9 @@ void TrialSet::listen()
         poll(nullptr, 0, 20); // the pipe's end, for good
     }
     while (const std::optional<vset::LogRecord> record = log_->next()) {
-        if (vset::isOfDaemon(*record)) {
+        if (common::isOfDaemon(*record)) {
             records_.push_back(*record);
+            events_.push_back(common::readDaemonMessage(record->message));
         }
         const std::optional<std::string> line = teller_.tell(*record);
         if (!line) {

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "common/daemon-events.h"
 #include "tools/fwmod/interruption.h"
 #include "vset/client/control-client.h"
 #include "vset/story/story-teller.h"
@@ -77,8 +78,9 @@ public:
 
     // The daemon's records since the set was switched on, or since forget().
     const std::vector<vset::LogRecord>& records() const { return records_; }
-    bool said(const std::string& message) const;
-    void forget(); // before the set reboots by itself
+    bool said(common::DaemonEventKind kind) const;
+    bool hasReached(int state) const; // the daemon has shown this state
+    void forget();                    // before the set reboots by itself
     // How the daemon ended since then, "tarnwick ended with status 0"; nothing while it runs.
     std::optional<std::string> daemonEnd() const;
 
@@ -102,6 +104,7 @@ private:
     vset::StoryTeller teller_;
     std::unique_ptr<vset::LogReader> log_;
     std::vector<vset::LogRecord> records_;
+    std::vector<common::DaemonEvent> events_; // what each of them says
     std::optional<vset::ControlClient> platform_;
 
     pid_t launcher_ = 0; // `vset run`

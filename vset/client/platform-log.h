@@ -1,6 +1,4 @@
-// The set's log file, as the platform's log calls write it.
-//
-// One line for each record; platform/host/platform-log.cpp says how its fields are separated and escaped.
+// The log file of a running set, followed as it grows.
 #ifndef VSET_CLIENT_PLATFORM_LOG_H
 #define VSET_CLIENT_PLATFORM_LOG_H
 
@@ -9,36 +7,16 @@
 #include <optional>
 #include <string>
 
+#include "common/log-record.h"
+
 namespace vset
 {
 
-enum class LogBuffer { System, Other, Trace };
-
-struct LogRecord {
-    std::string time; // UTC of the set, "2026-01-31T12:00:00.000000Z"
-    LogBuffer buffer = LogBuffer::Other;
-    int logId = -1; // of the platform log; 2 is its system buffer
-    int priority = 0;
-    std::string tag;
-    int process = 0;
-    int thread = 0;
-    std::string threadName;
-    // Where the call stands: told by the recorder, read from the usual start of the message in the platform
-    // log.
-    std::string file;
-    std::string function;
-    int line = 0;
-    std::string message; // without that start
-    std::string text;    // whole, as it was written
-};
-
-inline constexpr const char* kLogFile = "/var/log/platform.log";
-
-// Nothing for a line that is not a whole record. `line` without its end.
-std::optional<LogRecord> parseLogLine(const std::string& line);
-
-// "debug", "info", "warning", "error", or the number.
-std::string priorityName(int priority);
+using common::kLogFile;
+using common::LogBuffer;
+using common::LogRecord;
+using common::parseLogLine;
+using common::priorityName;
 
 // Reads the file of a set from the first record on.
 class LogReader

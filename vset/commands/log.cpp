@@ -229,7 +229,7 @@ public:
     bool take(const LogRecord& record)
     {
         const std::optional<std::string> line = teller_.tell(record); // knows what came before, too
-        if (!isOfDaemon(record)) {
+        if (!common::isOfDaemon(record)) {
             return true;
         }
         if (!isTelling_) {
@@ -240,7 +240,8 @@ public:
             std::printf("%s\n", common::visible(*line).c_str());
             std::fflush(stdout);
         }
-        isTold_ = (options_.untilEnd && readDaemonMessage(record.message).kind == DaemonEventKind::kEnding) ||
+        isTold_ = (options_.untilEnd &&
+                   common::readDaemonMessage(record.message).kind == common::DaemonEventKind::kEnding) ||
                   (!options_.until.empty() && record.message.find(options_.until) != std::string::npos);
         return !isTold_;
     }

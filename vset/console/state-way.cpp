@@ -2,7 +2,7 @@
 
 #include <glib.h>
 
-#include "vset/story/daemon-events.h"
+#include "common/daemon-events.h"
 
 namespace vset
 {
@@ -14,7 +14,7 @@ constexpr int kFinalizing = 20;
 constexpr int kFinalized = 21;
 constexpr const char* kGone = "the process has ended";
 
-using Kind = DaemonEventKind;
+using Kind = common::DaemonEventKind;
 
 // An event that shows a state, in the states in which it means that.
 struct Sign {
@@ -59,7 +59,7 @@ bool StateWay::take(const LogRecord& record)
     if (record.buffer != LogBuffer::Trace) {
         return false;
     }
-    const DaemonEvent event = readDaemonMessage(record.message);
+    const common::DaemonEvent event = common::readDaemonMessage(record.message);
     if (event.kind == Kind::kStarted) {
         const int64_t time = millisecondsOf(record.time);
         if (running()) {

@@ -6,7 +6,7 @@ namespace vset
 namespace
 {
 
-using Kind = DaemonEventKind;
+using Kind = common::DaemonEventKind;
 
 struct Telling {
     Kind kind;
@@ -77,7 +77,7 @@ std::string tellAnswer(int answer)
 
 } // namespace
 
-std::string Narrator::tell(const DaemonEvent& event)
+std::string Narrator::tell(const common::DaemonEvent& event)
 {
     if (event.kind == Kind::kState) {
         return tellState(event.number(0));
@@ -95,7 +95,7 @@ std::string Narrator::tell(const DaemonEvent& event)
 
 std::string Narrator::tellState(int state)
 {
-    const char* const name = daemonStateName(state);
+    const char* const name = common::daemonStateName(state);
     const bool isNew = state != state_ && name != nullptr;
     state_ = state;
     return isNew ? "State " + std::to_string(state) + ": " + name + "." : "";

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "vset/story/daemon-events.h"
+#include "common/daemon-events.h"
 
 namespace vset
 {
@@ -14,7 +14,7 @@ class Narrator
 public:
     // The sentence for an event. Empty for one that carries the story no further: a repeated state, or one
     // that only an engineer needs.
-    std::string tell(const DaemonEvent& event);
+    std::string tell(const common::DaemonEvent& event);
 
 private:
     std::string tellState(int state);

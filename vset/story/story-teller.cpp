@@ -20,7 +20,7 @@ std::optional<double> secondsOf(const LogRecord& record)
 
 std::optional<std::string> StoryTeller::tell(const LogRecord& record)
 {
-    const std::optional<DaemonEvent> event = readDaemonEvent(record);
+    const std::optional<common::DaemonEvent> event = common::readDaemonEvent(record);
     if (!event) {
         return std::nullopt;
     }
@@ -29,7 +29,7 @@ std::optional<std::string> StoryTeller::tell(const LogRecord& record)
     if (sentence.empty() || !now) {
         return std::nullopt;
     }
-    if (event->kind == DaemonEventKind::kStarted) { // every start of the daemon counts from 0
+    if (event->kind == common::DaemonEventKind::kStarted) { // every start of the daemon counts from 0
         start_ = *now;
     }
     char seconds[32];

@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "common/daemon-events.h"
 #include "vset/client/platform-log.h"
-#include "vset/story/daemon-events.h"
 #include "vset/story/narrator.h"
 
 namespace vset

@@ -4,12 +4,12 @@
 #include <system_error>
 #include <thread>
 
+#include "common/daemon-events.h"
 #include "common/errors.h"
 #include "common/json-text.h"
 #include "common/visible-text.h"
 #include "vset/client/control-client.h"
 #include "vset/client/platform-log.h"
-#include "vset/story/daemon-events.h"
 #include "vset/television/set-contents.h"
 #include "vset/television/set-life.h"
 
@@ -204,7 +204,7 @@ private:
 
     void take(const LogRecord& record)
     {
-        if (!isOfDaemon(record)) {
+        if (!common::isOfDaemon(record)) {
             return;
         }
         last_ = record.message;

@@ -16,11 +16,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "common/daemon-events.h"
 #include "common/errors.h"
 #include "vset/client/control-client.h"
 #include "vset/client/platform-log.h"
 #include "vset/clock/clock-page.h"
-#include "vset/story/daemon-events.h"
 #include "vset/television/process.h"
 #include "vset/television/set-contents.h"
 #include "vset/television/set-life.h"
@@ -424,7 +424,7 @@ std::vector<Message> Television::messages() const
     std::istringstream log(read(vset::kLogFile));
     for (std::string line; std::getline(log, line);) {
         std::optional<vset::LogRecord> record = vset::parseLogLine(line);
-        if (record && vset::isOfDaemon(*record)) {
+        if (record && common::isOfDaemon(*record)) {
             messages.push_back({record->priority, std::move(record->message), record->process,
                                 std::move(record->threadName), microsecondsOf(record->time)});
         }
@@ -535,7 +535,7 @@ void Television::freezeAfterStart(double seconds)
 {
     const std::vector<Message> all = messages();
     const auto start = std::find_if(all.begin(), all.end(), [](const Message& message) {
-        return vset::readDaemonMessage(message.text).kind == vset::DaemonEventKind::kStarted;
+        return common::readDaemonMessage(message.text).kind == common::DaemonEventKind::kStarted;
     });
     if (start == all.end()) {
         throw TelevisionError("the daemon has not started\n" + logTail());

@@ -25,19 +25,9 @@ struct Options {
     bool verbose = false;
 };
 
-std::string lastError(const std::vector<std::string>& messages)
-{
-    for (auto message = messages.rbegin(); message != messages.rend(); ++message) {
-        if (message->rfind("Error", 0) == 0) {
-            return *message;
-        }
-    }
-    return "";
-}
-
 std::string reasonOf(FWUpdateSymbol& module, const ImageSource& source)
 {
-    const std::string error = lastError(takeDaemonMessages());
+    const std::string error = takeLastComplaint();
     const bool isNameless = source.type == UPDATE_TYPE_EMP && !module.isEMP;
     return isNameless ? "the identifier \"" + module.EMPName + "\" is refused" : error;
 }
@@ -63,7 +53,7 @@ void checkInChild(const ControlLibrary& library, Telling& telling)
         *new FWUpdateSymbol(library.name, library.usr); // a library is not asked to tear itself down
     takeDaemonMessages();
     if (telling.call("loading", [&] { return module.loadSymbol(library.name); }) != 0) {
-        telling.put("unusable", lastError(takeDaemonMessages()));
+        telling.put("unusable", takeLastComplaint());
     }
     watchCalls(module, telling);
     for (const ImageSource& source : kImageSources) {

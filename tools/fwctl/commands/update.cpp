@@ -1,7 +1,10 @@
 // fwctl update MODULE | --all
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <memory>
 
+#include "common/daemon-events.h"
 #include "common/json-text.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/daemon-log.h"
@@ -64,17 +67,6 @@ void updateExternal(Registry& registry, FWUpdateSymbol& module, UpdateMonitor& m
     link.tellOutcomes(outcomes);
 }
 
-std::string lastError()
-{
-    std::string reason;
-    for (const std::string& message : takeDaemonMessages()) {
-        if (message.rfind("Error", 0) == 0) {
-            reason = message;
-        }
-    }
-    return reason;
-}
-
 // What the daemon's code would refuse in words that do not tell: "file no exist ()".
 void requireReadable(FWUpdateSymbol& module, const ImageSource& source)
 {
@@ -116,7 +108,7 @@ void updateInChild(const Options& options, const Choice& choice, UpdateLink& lin
     registry.manager().doUpdateFirmware(options.module, choice.source->caller, emptyContext);
     const Json::Value outcomes = completeOutcomes(monitor);
     if (outcomes.empty()) {
-        link.telling().put("unstarted", lastError());
+        link.telling().put("unstarted", takeLastComplaint());
     } else {
         link.tellOutcomes(outcomes);
     }
@@ -169,38 +161,43 @@ void updateAllInChild(const Options& options, UpdateLink& link)
 
 // A check that did not lead to an update, by the daemon's last words on it.
 struct Unstarted {
-    const char* words;
+    common::DaemonEventKind kind;
     const char* result;
     const char* text;
     ExitStatus status;
 };
 constexpr Unstarted kUnstarted[] = {
-    {" not need update, version is ", "not-needed", "no update needed", kNothingToDo},
-    {"Error: file no exist (", "no-image", "there is no package", kNothingToDo},
-    {"Error: Firmware binary file no exist (", "no-image", "there is no image", kNothingToDo},
-    {"", "failed", "cannot be updated", kFailed},
+    {common::DaemonEventKind::kNotNewer, "not-needed", "no update needed", kNothingToDo},
+    {common::DaemonEventKind::kNoPackage, "no-image", "there is no package", kNothingToDo},
+    {common::DaemonEventKind::kNoImage, "no-image", "there is no image", kNothingToDo},
 };
+constexpr Unstarted kOtherwise = {common::DaemonEventKind::kDetail, "failed", "cannot be updated", kFailed};
+
+const Unstarted& unstartedBecauseOf(const std::string& reason)
+{
+    const common::DaemonEventKind kind = common::readDaemonMessage(reason).kind;
+    const auto* const found = std::find_if(std::begin(kUnstarted), std::end(kUnstarted),
+                                           [&](const Unstarted& known) { return known.kind == kind; });
+    return found == std::end(kUnstarted) ? kOtherwise : *found;
+}
 
 int reportUnstarted(const Options& options, const std::string& reason)
 {
-    const Unstarted* kind = kUnstarted;
-    while (reason.find(kind->words) == std::string::npos) {
-        ++kind; // the last one fits everything
-    }
+    const Unstarted& kind = unstartedBecauseOf(reason);
     if (options.json) {
         Json::Value all(Json::arrayValue);
         Json::Value& told = all.append(Json::objectValue);
         told["module"] = options.module;
-        told["result"] = kind->result;
+        told["result"] = kind.result;
         told["reason"] = reason;
         std::printf("%s\n", common::compactJson(all).c_str());
-        return kind->status;
+        return kind.status;
     }
-    printLine(options.module + ": " + kind->text + ": " + reason);
-    if (kind->status == kFailed) {
+    printLine(options.module + ": " + kind.text + ": " + reason);
+    if (kind.status == kFailed) {
         complain("\"fwctl why " + options.module + "\" says what to do");
     }
-    return kind->status;
+    return kind.status;
 }
 
 int updateOne(const Options& options)

@@ -4,9 +4,11 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <sys/stat.h>
 
 #include "common/content-key.h"
+#include "common/daemon-events.h"
 #include "common/json-text.h"
 #include "common/regular-file.h"
 #include "tools/fwctl/commands/command.h"
@@ -23,6 +25,10 @@ namespace fwctl
 
 namespace
 {
+using Kind = common::DaemonEventKind;
+
+constexpr const char* kTooShort = " is too short for an encrypted image"; // in our words
+
 struct Options {
     std::string directory;
     std::string keyFile;
@@ -54,7 +60,7 @@ std::string reasonFor(const std::string& path, const std::string& firmwareName,
     constexpr off_t kIvSize = 16;
     struct stat status = {};
     if (stat(path.c_str(), &status) == 0 && status.st_size < kIvSize) {
-        return path + " is too short for an encrypted image";
+        return path + kTooShort;
     }
     std::string reason;
     bool isOurs = false;
@@ -63,17 +69,21 @@ std::string reasonFor(const std::string& path, const std::string& firmwareName,
             isOurs = message.find(path) != std::string::npos;
         }
         const bool isNamed = message.rfind("Error: " + firmwareName + " ", 0) == 0;
-        if (isNamed || (isOurs && message.rfind("Error", 0) == 0)) {
+        if (isNamed || (isOurs && common::isComplaint(message))) {
             reason = message;
         }
     }
     return reason;
 }
 
-bool tells(const std::vector<std::string>& messages, const std::string& text)
+// `first`: the event's first value; nothing for any.
+bool tells(const std::vector<std::string>& messages, Kind kind,
+           const std::optional<std::string>& first = std::nullopt)
 {
-    return std::any_of(messages.begin(), messages.end(),
-                       [&](const std::string& message) { return message.find(text) != std::string::npos; });
+    return std::any_of(messages.begin(), messages.end(), [&](const std::string& message) {
+        const common::DaemonEvent event = common::readDaemonMessage(message);
+        return event.kind == kind && (!first || event.values[0] == *first);
+    });
 }
 
 bool isThere(const std::string& path)
@@ -104,7 +114,7 @@ Json::Value describe(FWUpdateSymbol& module, const std::string& directory,
     Json::Value told;
     told["module"] = module.getLibName();
     told["image"] = module.isEMP ? Json::Value(path) : Json::Value();
-    told["newer"] = tells(messages, "Need Update [" + module.getFirmwareName() + "] [");
+    told["newer"] = tells(messages, Kind::kNewerOnStick, module.getFirmwareName());
     told["pending"] = module.getNeedUpdate();
     told["expected_time"] = module.getExpectedUpdateTime();
     told["reason"] =
@@ -141,7 +151,7 @@ Json::Value probe(FWUpdateSymbolManager& manager, const common::ContentKey& key,
         modules.append(describe(module, directory, messages));
         count += module.getNeedUpdate() ? 1 : 0;
     }
-    if (tells(messages, "pHandle Error") || tells(messages, "dlsym Error")) {
+    if (tells(messages, Kind::kNoSignatureLibrary)) {
         link.say("fwctl: this set has no signature library: every image counts as signed");
     }
     Json::Value found;
@@ -154,19 +164,20 @@ Json::Value probe(FWUpdateSymbolManager& manager, const common::ContentKey& key,
 // What the daemon's words most often mean.
 std::string explain(const std::string& reason)
 {
-    constexpr std::pair<const char*, const char*> kMeanings[] = {
-        {"is NOT signed", ": it is cut off, altered, or signed by somebody this set does not know"},
-        {"CheckVersion Fail", ": nothing sensible came out of the decryption; is it the right key?"},
-        {"open fail", ": the file cannot be read"},
-        {"getExpectedTime Fail", ": the library cannot install encrypted images"},
-        {"too short", ": copy the image anew"},
+    constexpr std::pair<Kind, const char*> kMeanings[] = {
+        {Kind::kRefusedAsNotSigned, ": it is cut off, altered, or signed by somebody this set does not know"},
+        {Kind::kVersionsUnknown, ": nothing sensible came out of the decryption; is it the right key?"},
+        {Kind::kImageNotOpened, ": the file cannot be read"},
+        {Kind::kNoExpectedTime, ": the library cannot install encrypted images"},
     };
-    for (const auto& [words, meaning] : kMeanings) {
-        if (reason.find(words) != std::string::npos) {
+    const Kind kind = common::readDaemonMessage(reason).kind;
+    for (const auto& [known, meaning] : kMeanings) {
+        if (kind == known) {
             return meaning;
         }
     }
-    return "";
+    const bool isTooShort = reason.find(kTooShort) != std::string::npos;
+    return isTooShort ? ": copy the image anew" : "";
 }
 
 std::string verdictOn(const Json::Value& module)
@@ -241,7 +252,8 @@ int check(const Options& options)
 void tellErrors(UpdateLink& link)
 {
     for (const std::string& message : takeDaemonMessages()) {
-        if (message.rfind("Error", 0) == 0 || message.rfind("update fail", 0) == 0) {
+        const bool isStop = common::readDaemonMessage(message).kind == Kind::kInstallationFailed;
+        if (isStop || common::isComplaint(message)) {
             link.say("fwctl: " + message);
         }
     }

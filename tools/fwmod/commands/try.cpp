@@ -4,6 +4,7 @@
 #include <sstream>
 #include <unistd.h>
 
+#include "common/daemon-events.h"
 #include "common/json-text.h"
 #include "common/visible-text.h"
 #include "src/src/fw-update-symbol.h"
@@ -19,6 +20,7 @@ namespace fs = std::filesystem;
 
 namespace
 {
+using Kind = common::DaemonEventKind;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
@@ -90,9 +92,8 @@ Write readWrite(const std::vector<vset::LogRecord>& records)
         write.duration = vset::secondsOf(record).value_or(start) - start;
     };
     for (const vset::LogRecord& record : records) {
-        using Kind = vset::DaemonEventKind;
-        const Kind kind = vset::readDaemonMessage(record.message).kind;
-        if (record.message.compare(0, 5, "Error") == 0) {
+        const Kind kind = common::readDaemonMessage(record.message).kind;
+        if (common::isComplaint(record.message)) {
             write.reason = record.message;
         }
         if (kind == Kind::kUpdateBegun) {
@@ -327,10 +328,9 @@ void Trial::tryModule()
 // At a boot: waits until the daemon has decided, and says whether it stays for an update.
 bool Trial::isFoundPending()
 {
-    constexpr const char* kPending = "need update item, wait ui or bg fw update\n";
     set_->waitFor("the daemon to check the module", kPatience,
-                  [this] { return set_->said(kPending) || set_->daemonEnd(); });
-    if (set_->said(kPending)) {
+                  [this] { return set_->said(Kind::kPending) || set_->daemonEnd(); });
+    if (set_->said(Kind::kPending)) {
         return true;
     }
     if (*set_->daemonEnd() != kGoodEnd) {
@@ -455,9 +455,10 @@ void Trial::updateAtStandby(const Json::Value& module)
     if (isOffered) {
         say("              The viewer does not answer the offer.");
     }
-    // By the numbers of its states: modules checked; offer shown, or not shown.
-    set_->waitFor("the daemon to wait for a standby", kPatience,
-                  [&] { return isOffered ? set_->said("10") || set_->said("16") : set_->said("5"); });
+    set_->waitFor("the daemon to wait for a standby", kPatience, [&] {
+        return isOffered ? set_->hasReached(FWSVC_UI_SHOWN) || set_->hasReached(FWSVC_UI_CANCELLED)
+                         : set_->hasReached(FWSVC_MODULES_CHECKED);
+    });
     set_->setClockRate(1);
     chapter("Ten minutes later (the set's clock jumps), the viewer presses the standby button");
     set_->jumpClock(kGraceSeconds);
@@ -493,7 +494,7 @@ void Trial::updateOnScreen()
     set_->forget();
     click("close");
     // It would wait for a power lock.
-    set_->waitFor("the set to reboot", kPatience, [this] { return set_->said("service initialize"); });
+    set_->waitFor("the set to reboot", kPatience, [this] { return set_->said(Kind::kStarted); });
     hasRebooted_ = true;
 }
 

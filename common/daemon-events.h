@@ -2,17 +2,17 @@
 //
 // Every text of the daemon stands in one table, word for word as its sources have it, so that a text that is
 // added or changed there is noticed by a test. No state; any thread.
-#ifndef VSET_STORY_DAEMON_EVENTS_H
-#define VSET_STORY_DAEMON_EVENTS_H
+#ifndef COMMON_DAEMON_EVENTS_H
+#define COMMON_DAEMON_EVENTS_H
 
 #include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "vset/client/platform-log.h"
+#include "common/log-record.h"
 
-namespace vset
+namespace common
 {
 
 enum class DaemonEventKind {
@@ -68,15 +68,23 @@ enum class DaemonEventKind {
     kUnattendedBegun,
     kAcceptedBegun,
     kTurnWanted,      // (firmware, seconds)
+    kUpdateTried,     // (firmware); an encrypted image comes without it
     kUpdateBegun,     // (firmware)
     kUpdateSucceeded, // (firmware)
     kUpdateFailed,    // (firmware, result, errno, its text)
     kUpdateTimedOut,  // (firmware)
+    kUpdateNotNeeded, // (firmware)
     kProgress,        // (percent)
 
     // ---- Encrypted images ----
-    kSigned,    // (who asks, path)
-    kNotSigned, // (who asks, path)
+    kSigned,             // (who asks, path)
+    kNotSigned,          // (who asks, path)
+    kNoSignatureLibrary, // (who asks, reason)
+    kRefusedAsNotSigned, // (path, what of it)
+    kNoExpectedTime,     // (firmware)
+    kImageNotOpened,     // (path)
+    kNewerOnStick,       // (firmware, verdict)
+    kInstallationFailed, // (firmware): those behind it are not tried
 };
 
 struct DaemonEvent {
@@ -92,6 +100,8 @@ bool isOfDaemon(const LogRecord& record);
 
 // A line end behind it is passed over. A text that the daemon does not have is a detail.
 DaemonEvent readDaemonMessage(const std::string& message);
+// Whether the daemon complains of something, of whatever kind.
+bool isComplaint(const std::string& message);
 // Nothing for what is not of the daemon.
 std::optional<DaemonEvent> readDaemonEvent(const LogRecord& record);
 
@@ -113,6 +123,6 @@ struct DaemonText {
 extern const DaemonText kDaemonTexts[];
 extern const size_t kDaemonTextCount;
 
-} // namespace vset
+} // namespace common
 
 #endif

@@ -1,4 +1,4 @@
-#include "vset/story/daemon-events.h"
+#include "common/daemon-events.h"
 
 #include <array>
 #include <cstdlib>
@@ -7,7 +7,7 @@
 
 #include "src/fw-update-common.h"
 
-namespace vset
+namespace common
 {
 
 // ---- The texts ----
@@ -97,27 +97,26 @@ const DaemonText kDaemonTexts[] = {
     {"symbolic link is detected\n", DaemonEventKind::kDetail},
     {"fail check_race_condition\n", DaemonEventKind::kDetail},
     {"Task is not running, writeFirmwareUpdateList stop", DaemonEventKind::kDetail},
-    {"Need Update [%s] [%d]", DaemonEventKind::kDetail},
-    {"update fail [%s]", DaemonEventKind::kDetail},
+    {"Need Update [%s] [%d]", DaemonEventKind::kNewerOnStick},
+    {"update fail [%s]", DaemonEventKind::kInstallationFailed},
     {"Error: dlsym error: %s\n", DaemonEventKind::kDetail},
     {"Error: json crc read fail error:%s (%s)\n", DaemonEventKind::kDetail},
     {"Warn: json does not have ui_use tag (%s)\n", DaemonEventKind::kDetail},
     {"Error: Usb mount path Not found.", DaemonEventKind::kDetail},
     {"Error: binary file is NULL\n", DaemonEventKind::kDetail},
     {"Error: m_fwName (ret empId)  empty.(%s)", DaemonEventKind::kNoFirmwareName},
-    {"%s Firmware Update Try", DaemonEventKind::kDetail},
-    {"Error: %s Firmware not need update", DaemonEventKind::kDetail},
+    {"%s Firmware Update Try", DaemonEventKind::kUpdateTried},
+    {"Error: %s Firmware not need update", DaemonEventKind::kUpdateNotNeeded},
     {"%s Firmware runProcess Try", DaemonEventKind::kDetail},
     {"Error: %s runProcess Fail (%d:%m)", DaemonEventKind::kDetail},
     {"Error: json information load fail", DaemonEventKind::kDetail},
-    {"[zor][%s] pHandle Error: %s\n", DaemonEventKind::kDetail},
-    {"[zor][%s] dlsym Error: %s\n", DaemonEventKind::kDetail},
+    {"[zor][%s] pHandle Error: %s\n", DaemonEventKind::kNoSignatureLibrary},
+    {"[zor][%s] dlsym Error: %s\n", DaemonEventKind::kNoSignatureLibrary},
     {"Error: ckey  is nullptr", DaemonEventKind::kDetail},
     {"Error: image_path is nullptr", DaemonEventKind::kDetail},
-    {"Error: %s %s", DaemonEventKind::kDetail},
-    {"Error: %s %sis NOT signed ", DaemonEventKind::kDetail},
+    {"Error: %s %sis NOT signed ", DaemonEventKind::kRefusedAsNotSigned},
     {"Error: iv is worng", DaemonEventKind::kDetail},
-    {"Error: %s getExpectedTime Fail", DaemonEventKind::kDetail},
+    {"Error: %s getExpectedTime Fail", DaemonEventKind::kNoExpectedTime},
     {"Error: Decryption data is null", DaemonEventKind::kDetail},
     {"Error: Firmware EMP Mount Fail.(%s)", DaemonEventKind::kDetail},
     {"Error: Firmware EMP UMount Fail.(%s)", DaemonEventKind::kDetail},
@@ -131,6 +130,9 @@ const DaemonText kDaemonTexts[] = {
     {"Error: pwrctl_subscribe_poweroff_event() failed", DaemonEventKind::kDetail},
     {"Error: pralis_notify_key_changed(SMSRC_STATUS) failed", DaemonEventKind::kDetail},
     {"Error: service_initialize fail!\n", DaemonEventKind::kDetail},
+    {"Error: %s open fail", DaemonEventKind::kImageNotOpened, true},
+    {"Error: %s file open", DaemonEventKind::kImageNotOpened, true},
+    {"Error: %s %s", DaemonEventKind::kDetail},
     {"%d", DaemonEventKind::kState},
     {"%s", DaemonEventKind::kDetail},
 };
@@ -210,6 +212,11 @@ DaemonEvent readDaemonMessage(const std::string& message)
     return event;
 }
 
+bool isComplaint(const std::string& message)
+{
+    return message.rfind("Error", 0) == 0;
+}
+
 std::optional<DaemonEvent> readDaemonEvent(const LogRecord& record)
 {
     return isOfDaemon(record) ? std::optional(readDaemonMessage(record.message)) : std::nullopt;
@@ -253,4 +260,4 @@ const char* daemonStateName(int state)
     return state >= 0 && state < kDaemonStates ? kStateNames[static_cast<size_t>(state)] : nullptr;
 }
 
-} // namespace vset
+} // namespace common
