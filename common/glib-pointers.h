@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace vset
+namespace common
 {
 
 struct GlibDeleter {
@@ -49,6 +49,6 @@ private:
     GError* error_ = nullptr;
 };
 
-} // namespace vset
+} // namespace common
 
 #endif

@@ -20,8 +20,8 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "common/glib-pointers.h"
 #include "common/json-text.h"
-#include "tools/fwctl/glib-pointer.h"
 
 namespace fwctl
 {
@@ -38,7 +38,7 @@ constexpr const char* kDaemonUser = "fwupdate"; // when neither the bus nor the 
 // A number that the bus knows of the owner of the daemon's name.
 std::optional<guint32> askBus(GDBusConnection* bus, const char* method)
 {
-    const GVariantPointer reply(
+    const common::GlibPointer<GVariant> reply(
         g_dbus_connection_call_sync(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                     "org.freedesktop.DBus", method, g_variant_new("(s)", kDaemonName),
                                     G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr));
@@ -53,7 +53,7 @@ std::optional<guint32> askBus(GDBusConnection* bus, const char* method)
 // All that the platform of a virtual set knows; a television has no such service.
 std::optional<Json::Value> askPlatform(GDBusConnection* bus)
 {
-    const GVariantPointer reply(g_dbus_connection_call_sync(
+    const common::GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
         bus, "org.pellor.platform", "/org/pellor/platform", "org.pellor.platform.Control", "Snapshot",
         nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, 5000, nullptr, nullptr));
     if (!reply) {
@@ -103,7 +103,7 @@ std::optional<long> ageOnTheSetsClock(GDBusConnection* bus, pid_t pid)
 DaemonState findDaemon()
 {
     DaemonState state;
-    const GObjectPointer<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    const common::GlibPointer<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
     if (!bus) {
         return state;
     }

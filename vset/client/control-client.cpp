@@ -67,7 +67,7 @@ bool isMountCall(const std::string& call)
     return call == "PS_Mount" || call == "PS_Mknod" || call == "PS_Umount";
 }
 
-std::string textForPerson(const ErrorSlot& error, const std::string& whereabouts)
+std::string textForPerson(const common::ErrorSlot& error, const std::string& whereabouts)
 {
     const GError* const reason = error.get();
     const bool isGone = g_error_matches(reason, G_IO_ERROR, G_IO_ERROR_CLOSED) != FALSE ||
@@ -181,7 +181,7 @@ ControlClient::ControlClient(const std::string& socketPath, const std::string& w
     const ThreadContext ours(context_.get());
     Descriptor bus(connectSocket(socketPath, whereabouts));
     authenticate(bus.get(), whereabouts);
-    ErrorSlot error;
+    common::ErrorSlot error;
     const std::unique_ptr<GSocket, Unref> socket(g_socket_new_from_fd(bus.get(), error.address()));
     if (socket == nullptr) {
         failToReach(whereabouts, error.text());
@@ -207,23 +207,23 @@ ControlClient::~ControlClient()
     g_dbus_connection_close_sync(bus_.get(), nullptr, nullptr);
 }
 
-GlibPointer<GVariant> ControlClient::call(const char* method, GVariant* parameters,
-                                          const char* replyType) const
+common::GlibPointer<GVariant> ControlClient::call(const char* method, GVariant* parameters,
+                                                  const char* replyType) const
 {
     return callInterface(kControlInterface, method, parameters, replyType);
 }
 
-GlibPointer<GVariant> ControlClient::callConsole(const char* method, GVariant* parameters,
-                                                 const char* replyType) const
+common::GlibPointer<GVariant> ControlClient::callConsole(const char* method, GVariant* parameters,
+                                                         const char* replyType) const
 {
     return callInterface(kConsoleInterface, method, parameters, replyType);
 }
 
-GlibPointer<GVariant> ControlClient::callInterface(const char* interface, const char* method,
-                                                   GVariant* parameters, const char* replyType) const
+common::GlibPointer<GVariant> ControlClient::callInterface(const char* interface, const char* method,
+                                                           GVariant* parameters, const char* replyType) const
 {
-    ErrorSlot error;
-    GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
+    common::ErrorSlot error;
+    common::GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
         bus_.get(), kPlatformName, kPlatformPath, interface, method, parameters, G_VARIANT_TYPE(replyType),
         G_DBUS_CALL_FLAGS_NO_AUTO_START, kTimeoutMilliseconds, nullptr, error.address()));
     if (reply == nullptr) {
@@ -234,7 +234,7 @@ GlibPointer<GVariant> ControlClient::callInterface(const char* interface, const 
 
 Json::Value ControlClient::snapshot() const
 {
-    const GlibPointer<GVariant> reply = call("Snapshot", nullptr, "(s)");
+    const common::GlibPointer<GVariant> reply = call("Snapshot", nullptr, "(s)");
     const char* text = nullptr;
     g_variant_get(reply.get(), "(&s)", &text);
     std::string why;
@@ -309,8 +309,8 @@ void ControlClient::setFault(const std::string& name, int result, int count,
 void ControlClient::setMountFault(const std::string& name, int returned, int result, int count) const
 {
     const std::string method = name.substr(name.find('_') + 1); // PS_Mount is Mount there
-    ErrorSlot error;
-    const GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
+    common::ErrorSlot error;
+    const common::GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
         bus_.get(), kMountName, kMountPath, kMountControl, "SetFault",
         g_variant_new("(siii)", method.c_str(), returned, result, count), nullptr,
         G_DBUS_CALL_FLAGS_NO_AUTO_START, kTimeoutMilliseconds, nullptr, error.address()));

@@ -56,8 +56,8 @@ public:
     void resetFaults(const std::string& call = "") const;
 
     // A method of the set's console, org.pellor.platform.Console. Takes `parameters` over.
-    GlibPointer<GVariant> callConsole(const char* method, GVariant* parameters = nullptr,
-                                      const char* replyType = "()") const;
+    common::GlibPointer<GVariant> callConsole(const char* method, GVariant* parameters = nullptr,
+                                              const char* replyType = "()") const;
 
     // Waits until `condition` is true of a snapshot, which it is asked at every change of the set, and gives
     // that snapshot. Throws ControlError when it is not after `limit`, of this process's time.
@@ -67,14 +67,15 @@ public:
 private:
     ControlClient(const std::string& socketPath, const std::string& whereabouts);
 
-    GlibPointer<GVariant> call(const char* method, GVariant* parameters, const char* replyType = "()") const;
-    GlibPointer<GVariant> callInterface(const char* interface, const char* method, GVariant* parameters,
-                                        const char* replyType) const;
+    common::GlibPointer<GVariant> call(const char* method, GVariant* parameters,
+                                       const char* replyType = "()") const;
+    common::GlibPointer<GVariant> callInterface(const char* interface, const char* method,
+                                                GVariant* parameters, const char* replyType) const;
     void setMountFault(const std::string& call, int returned, int result, int count) const;
 
     std::string whereabouts_; // of the set, for error texts
-    GlibPointer<GMainContext> context_;
-    GlibPointer<GDBusConnection> bus_;
+    common::GlibPointer<GMainContext> context_;
+    common::GlibPointer<GDBusConnection> bus_;
 };
 
 } // namespace vset

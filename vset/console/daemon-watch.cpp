@@ -64,7 +64,7 @@ std::string nameOfThread(int process, int thread)
     std::ifstream file("/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) + "/comm");
     std::string name;
     std::getline(file, name);
-    const GlibPointer<char> valid(g_utf8_make_valid(name.c_str(), -1));
+    const common::GlibPointer<char> valid(g_utf8_make_valid(name.c_str(), -1));
     return valid.get();
 }
 

@@ -147,7 +147,7 @@ Json::Value Console::orderOf(const std::string& method, GVariant* parameters)
     }
     message["do"] = order->name;
     for (gsize index = 0; index < g_variant_n_children(parameters); ++index) {
-        const GlibPointer<GVariant> value(g_variant_get_child_value(parameters, index));
+        const common::GlibPointer<GVariant> value(g_variant_get_child_value(parameters, index));
         message[order->arguments.at(index)] = toJson(value.get());
     }
     return message;

@@ -70,7 +70,7 @@ bool Screen::launch(const Launch& request, const UiBehaviour& behaviour)
         words.push_back(word.c_str());
     }
     words.push_back(nullptr);
-    ErrorSlot error;
+    common::ErrorSlot error;
     process_ = g_subprocess_newv(words.data(), G_SUBPROCESS_FLAGS_NONE, error.address());
     if (process_ == nullptr) {
         fprintf(stderr, "platformd: the upgrade UI cannot be started: %s\n", error.text().c_str());

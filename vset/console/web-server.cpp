@@ -102,7 +102,7 @@ WebServer::~WebServer()
 
 void WebServer::listen(unsigned int port)
 {
-    ErrorSlot error;
+    common::ErrorSlot error;
     if (soup_server_listen_local(server_, port, SOUP_SERVER_LISTEN_IPV4_ONLY, error.address()) == FALSE &&
         port != 0) {
         listen(0);

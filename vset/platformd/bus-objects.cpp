@@ -32,7 +32,7 @@ constexpr GDBusInterfaceVTable kTable = {onCall, nullptr, nullptr, {}};
 BusObject::BusObject(GDBusConnection* bus, GDBusInterfaceInfo* interface, Handler handler)
     : bus_(bus), interface_(interface), handler_(std::move(handler))
 {
-    ErrorSlot error;
+    common::ErrorSlot error;
     registration_ = g_dbus_connection_register_object(bus_, kPlatformPath, interface_, &kTable, &handler_,
                                                       nullptr, error.address());
     if (registration_ == 0) {

@@ -18,7 +18,7 @@ std::string commandOf(int process)
     std::ifstream file("/proc/" + std::to_string(process) + "/comm");
     std::string command;
     std::getline(file, command);
-    const GlibPointer<char> valid(
+    const common::GlibPointer<char> valid(
         g_utf8_make_valid(command.c_str(), -1)); // a program chooses its name itself
     return valid.get();
 }
@@ -62,7 +62,7 @@ const Client& Clients::find(const std::string& name)
 
 int Clients::askForProcess(const std::string& name) const
 {
-    const GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
+    const common::GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
         bus_, kBusName, kBusPath, kBusName, "GetConnectionUnixProcessID", g_variant_new("(s)", name.c_str()),
         G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, G_MAXINT, nullptr, nullptr));
     guint32 process = 0;

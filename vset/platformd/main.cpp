@@ -32,7 +32,7 @@ public:
 
     int run()
     {
-        vset::ErrorSlot error;
+        common::ErrorSlot error;
         bus_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.address()));
         if (bus_ == nullptr) {
             throw std::runtime_error("there is no system bus: " + error.text());
@@ -100,8 +100,8 @@ private:
     }
 
     Options options_;
-    vset::GlibPointer<GMainLoop> loop_;
-    vset::GlibPointer<GDBusConnection> bus_;
+    common::GlibPointer<GMainLoop> loop_;
+    common::GlibPointer<GDBusConnection> bus_;
     int status_ = EXIT_SUCCESS;
 };
 

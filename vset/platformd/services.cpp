@@ -260,12 +260,12 @@ std::string subjectOf(const Method& method, GVariant* parameters)
     if (method.subject == kNoArgument) {
         return "";
     }
-    const GlibPointer<GVariant> value(
+    const common::GlibPointer<GVariant> value(
         g_variant_get_child_value(parameters, static_cast<gsize>(method.subject)));
     if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING) != FALSE) {
         return g_variant_get_string(value.get(), nullptr);
     }
-    const GlibPointer<char> text(g_variant_print(value.get(), FALSE));
+    const common::GlibPointer<char> text(g_variant_print(value.get(), FALSE));
     return text.get();
 }
 
@@ -287,7 +287,7 @@ GVariant* failingReply(const Method& method, int number)
 // An answer that waits for its time.
 struct LateAnswer {
     GDBusMethodInvocation* invocation;
-    GlibPointer<GVariant> reply;
+    common::GlibPointer<GVariant> reply;
 
     static gboolean onTime(gpointer data)
     {

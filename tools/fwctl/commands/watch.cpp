@@ -5,12 +5,12 @@
 #include <map>
 #include <memory>
 
+#include "common/glib-pointers.h"
 #include "common/json-text.h"
 #include "common/visible-text.h"
 #include "pralis.h"
 #include "pwrctl.h"
 #include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/glib-pointer.h"
 #include "tools/fwctl/isolated.h"
 #include "tools/fwctl/set-state.h"
 #include "tools/fwctl/turn-holder.h"
@@ -48,8 +48,8 @@ private:
     void watchLocks(GDBusConnection* bus);
 
     bool json_;
-    std::unique_ptr<GMainLoop, GlibRelease> loop_;
-    GObjectPointer<GDBusConnection> bus_;
+    common::GlibPointer<GMainLoop> loop_;
+    common::GlibPointer<GDBusConnection> bus_;
     std::map<std::string, Json::Value> shown_;
 };
 
@@ -110,7 +110,8 @@ std::string lockText(const Json::Value& locks)
 
 void onLocks(GObject* bus, GAsyncResult* result, gpointer watch)
 {
-    const GVariantPointer reply(g_dbus_connection_call_finish(G_DBUS_CONNECTION(bus), result, nullptr));
+    const common::GlibPointer<GVariant> reply(
+        g_dbus_connection_call_finish(G_DBUS_CONNECTION(bus), result, nullptr));
     if (!reply) {
         return;
     }
