@@ -2,8 +2,12 @@
 // plain, also from a library that hides everything else.
 #include <cstdio>
 #include <dlfcn.h>
+#include <iterator>
+#include <string_view>
 #include <tarnwick/control.h>
 #include <type_traits>
+
+#include "common/entry-points.h"
 
 #define ABI_SAME_TYPE(function, type)                                                                        \
     static_assert(std::is_same<decltype(function), type>::value, #function " has changed")
@@ -19,6 +23,20 @@ namespace
 constexpr const char* kEntryPoints[] = {"setContext",          "getEMPID",        "getActiveVersion",
                                         "checkVersion",        "doUpdate",        "allUpdateDone",
                                         "doUpdate_decryption", "getExpectedTime", "getUpdateProgress"};
+
+constexpr bool isTheList()
+{
+    if (std::size(common::kEntryPoints) != std::size(kEntryPoints)) {
+        return false;
+    }
+    for (std::size_t at = 0; at < std::size(kEntryPoints); ++at) {
+        if (std::string_view(common::kEntryPoints[at].name) != kEntryPoints[at]) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(isTheList(), "common/entry-points.h has other functions than the interface");
 } // namespace
 
 int main(int argc, char** argv)

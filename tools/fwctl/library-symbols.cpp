@@ -5,14 +5,13 @@
 #include <elf.h>
 #include <link.h>
 
+#include "common/entry-points.h"
+
 namespace fwctl
 {
 
 namespace
 {
-constexpr const char* kRequired[] = {"setContext", "getEMPID", "getActiveVersion", "checkVersion",
-                                     "doUpdate"};
-
 // What the loader keeps of a loaded library's dynamic symbols. The undefined ones stand in front of those
 // that the hash table covers.
 struct DynamicSymbols {
@@ -84,10 +83,10 @@ LibrarySymbols inspectLibrary(const std::string& path)
     if (library == nullptr) {
         return found;
     }
-    for (const char* const name : kRequired) {
+    for (const common::EntryPoint& entry : common::kEntryPoints) {
         dlerror();
-        if (dlsym(library, name) == nullptr && dlerror() != nullptr) {
-            found.missing.emplace_back(name);
+        if (entry.isRequired && dlsym(library, entry.name) == nullptr && dlerror() != nullptr) {
+            found.missing.emplace_back(entry.name);
         }
     }
     if (!found.loaderError.empty()) {

@@ -18,14 +18,11 @@
 #include <tarnwick/control.h>
 
 #include "common/command-line.h"
+#include "common/entry-points.h"
 #include "common/json-text.h"
 
 namespace
 {
-
-constexpr const char* kEntryPoints[] = {"setContext",          "getEMPID",        "getActiveVersion",
-                                        "checkVersion",        "doUpdate",        "allUpdateDone",
-                                        "doUpdate_decryption", "getExpectedTime", "getUpdateProgress"};
 
 class Library
 {
@@ -82,8 +79,8 @@ bool isExternal(const std::string& name)
 
 void ask(const Library& library, const std::string& name, Json::Value& answer)
 {
-    for (const char* entryPoint : kEntryPoints) {
-        answer["entry_points"][entryPoint] = library.has(entryPoint);
+    for (const common::EntryPoint& entry : common::kEntryPoints) {
+        answer["entry_points"][entry.name] = library.has(entry.name);
     }
     if (auto* const setContext = library.find<tarnwick_setContext_fn>("setContext")) {
         std::string context; // empty, and writable as the interface has it

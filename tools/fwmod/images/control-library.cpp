@@ -10,6 +10,7 @@
 #include <set>
 #include <unistd.h>
 
+#include "common/entry-points.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 
@@ -18,16 +19,6 @@ namespace fwmod
 
 namespace
 {
-struct EntryPoint {
-    const char* name;
-    bool required;
-};
-constexpr EntryPoint kEntryPoints[] = {
-    {"setContext", true},           {"getEMPID", true},         {"getActiveVersion", true},
-    {"checkVersion", true},         {"doUpdate", true},         {"allUpdateDone", false},
-    {"doUpdate_decryption", false}, {"getExpectedTime", false}, {"getUpdateProgress", false},
-};
-
 constexpr std::string_view kGnuName{ELF_NOTE_GNU, sizeof ELF_NOTE_GNU}; // its terminator counts
 
 struct ElfRelease {
@@ -175,9 +166,9 @@ ControlLibrary readControlLibrary(const std::filesystem::path& file)
     ControlLibrary library{header.e_type == ET_DYN,  isWhole(elf.get(), std::filesystem::file_size(file)),
                            isForThisMachine(header), file.stem(),
                            buildIdOf(elf.get()),     {}};
-    for (const EntryPoint& entry : kEntryPoints) {
+    for (const common::EntryPoint& entry : common::kEntryPoints) {
         library.entryPoints.push_back(
-            {entry.name, entry.required, names.count(entry.name) != 0, mangledNameOf(entry.name, names)});
+            {entry.name, entry.isRequired, names.count(entry.name) != 0, mangledNameOf(entry.name, names)});
     }
     return library;
 }

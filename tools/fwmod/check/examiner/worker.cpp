@@ -14,6 +14,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/entry-points.h"
 #include "common/json-text.h"
 #include "tools/fwmod/check/examiner/guarded-buffer.h"
 #include "tools/fwmod/check/examiner/process-state.h"
@@ -294,37 +295,37 @@ bool Worker::load()
         return false;
     }
     bool isComplete = true;
-    const auto take = [&](auto*& slot, const char* entryPoint, bool isRequired) {
+    const auto take = [&](auto*& slot, const common::EntryPoint& entry) {
         dlerror();
-        void* const address = dlsym(handle, entryPoint);
+        void* const address = dlsym(handle, entry.name);
         const bool isThere = dlerror() == nullptr;
         slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(address);
         if (address != nullptr) {
             return;
         }
-        isComplete = isComplete && !isRequired;
-        const auto mangled = job_.mangled.find(entryPoint);
+        isComplete = isComplete && !entry.isRequired;
+        const auto mangled = job_.mangled.find(entry.name);
         if (isThere || mangled != job_.mangled.end()) {
-            flawed_.insert(entryPoint);
+            flawed_.insert(entry.name);
         }
         if (isThere) {
-            found(FindingId::NullEntryPoint, entryPoint);
+            found(FindingId::NullEntryPoint, entry.name);
         } else if (mangled != job_.mangled.end()) {
             found(FindingId::MangledEntryPoint,
-                  std::string(entryPoint) + " is exported as " + mangled->second);
-        } else if (isRequired) {
-            found(FindingId::MissingEntryPoint, entryPoint);
+                  std::string(entry.name) + " is exported as " + mangled->second);
+        } else if (entry.isRequired) {
+            found(FindingId::MissingEntryPoint, entry.name);
         }
     };
-    take(setContext_, "setContext", true);
-    take(getEMPID_, "getEMPID", true);
-    take(getActiveVersion_, "getActiveVersion", true);
-    take(checkVersion_, "checkVersion", true);
-    take(doUpdate_, "doUpdate", true);
-    take(allUpdateDone_, "allUpdateDone", false);
-    take(doUpdateDecryption_, "doUpdate_decryption", false);
-    take(getExpectedTime_, "getExpectedTime", false);
-    take(getUpdateProgress_, "getUpdateProgress", false);
+    take(setContext_, common::entryPoint("setContext"));
+    take(getEMPID_, common::entryPoint("getEMPID"));
+    take(getActiveVersion_, common::entryPoint("getActiveVersion"));
+    take(checkVersion_, common::entryPoint("checkVersion"));
+    take(doUpdate_, common::entryPoint("doUpdate"));
+    take(allUpdateDone_, common::entryPoint("allUpdateDone"));
+    take(doUpdateDecryption_, common::entryPoint("doUpdate_decryption"));
+    take(getExpectedTime_, common::entryPoint("getExpectedTime"));
+    take(getUpdateProgress_, common::entryPoint("getUpdateProgress"));
     return isComplete;
 }
 
