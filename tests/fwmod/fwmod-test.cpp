@@ -186,6 +186,14 @@ TEST_F(Fwmod, CrcOfWhatIsNoFileFails)
     EXPECT_EQ(fwmod({"crc", "."}).status, 1);
 }
 
+TEST_F(Fwmod, CrcOfWhatCannotBeReadFails)
+{
+    const Outcome outcome = fwmod({"crc", "/proc/self/mem"}); // looks like a file, and reading it fails
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, "fwmod: cannot read all of /proc/self/mem: Input/output error\n");
+}
+
 // ---- info ----
 
 TEST_F(Fwmod, WrittenInformationIsAcceptedByTheCheck)
@@ -366,6 +374,14 @@ TEST_F(Fwmod, PackageRefusesWhatTheDaemonWouldRefuse)
     EXPECT_EQ(outcome.status, 1);
     EXPECT_THAT(outcome.err, HasSubstr("its checksum is"));
     EXPECT_EQ(names(), (std::vector<std::string>{"Tuner.bin", "info.json"}));
+}
+
+TEST_F(Fwmod, InfoNeverOverwritesItsImage)
+{
+    writeBytes(directory / "image", "firmware");
+    const Outcome outcome = fwmod({"info", "--version", "1", "--image", "image", "-o", "image"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(readBytes(directory / "image"), "firmware");
 }
 
 TEST_F(Fwmod, PackageNeverOverwritesItsInput)

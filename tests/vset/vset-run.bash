@@ -14,6 +14,7 @@ expect 2 "--clock-rate" "$vset" run --temporary --clock-rate fast -- true
 expect 2 "is not a directory" "$vset" run --temporary -b /nonexistent -- true
 expect 2 "cannot be bound" "$vset" run --temporary -b /etc -- true
 expect 2 "cannot be bound" "$vset" run --temporary -b /tmp -- true
+expect 127 'nosuch\x1B[31m' "$vset" run --temporary -- $'nosuch\e[31m'
 expect 1 "vset new" "$vset" run "$work/none" -- true
 expect 1 "vset new" "$vset" exec "$work/none" -- true
 mkdir "$work/foreign" && touch "$work/foreign/file"

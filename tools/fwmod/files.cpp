@@ -142,10 +142,32 @@ try {
         (isSpecial ? "it is no file, directory or link; take it away" : error.code().message()));
 }
 
+namespace
+{
+
+// Reads to the end: a disk that fails in the middle of a file, a file that only looks like one.
+void requireWhole(const fs::path& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    char block[32768];
+    errno = 0;
+    while (in.read(block, sizeof block)) {
+    }
+    if (in.bad() || errno != 0) {
+        throw common::Failure("cannot read all of " + path.string() + ": " + std::strerror(errno));
+    }
+}
+
+} // namespace
+
 unsigned int imageChecksum(const fs::path& path)
 {
-    requireReadable(path); // the daemon's own function answers 0 for a file that it cannot open
-    return FWUpdateSymbol("fwmod").getBinaryCRC32(path);
+    requireReadable(path);
+    const unsigned int checksum = FWUpdateSymbol("fwmod").getBinaryCRC32(path);
+    if (checksum == 0) {
+        requireWhole(path); // the daemon's own function answers 0 for a file that it cannot read
+    }
+    return checksum;
 }
 
 NewFile::NewFile(fs::path target)

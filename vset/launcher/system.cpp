@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "common/visible-text.h"
+
 namespace vset
 {
 
@@ -99,7 +101,7 @@ fs::path kitDirectory()
 
 void note(const std::string& text)
 {
-    const std::string line = "vset: " + text + "\n";
+    const std::string line = "vset: " + common::visibleLines(text) + "\n";
     fputs(line.c_str(), stderr); // stderr is unbuffered: one write, whole lines also from PID 1
 }
 

@@ -42,6 +42,7 @@ int write(const Options& options)
         throw common::WrongUse(
             "--version is no UTF-8, which a JSON file consists of: keep to ASCII, as in 1.1");
     }
+    refuseOverwriting(options.output, {options.image});
     FWInformation values;
     values.version = options.version;
     values.crc = imageChecksum(options.image);
