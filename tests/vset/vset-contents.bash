@@ -100,6 +100,7 @@ chmod 755 "$set_/usr/bin/tarnwick"
 # tell FILE TEXT: a file of /tmp in the set, whole.
 tell() { echo "$2" >"$set_/root/tmp/.new" && chmod 666 "$set_/root/tmp/.new" && mv "$set_/root/tmp/.new" "$set_/root/tmp/$1"; }
 
+: >"$work/run" # at once: what an earlier one has said is no sign of this one
 "$vset" run "$set_" >"$work/run" 2>&1 &
 leader=$!
 started+=("$leader")
@@ -146,6 +147,7 @@ expect 0 "The daemon starts" "$vset" story "$set_" --boot 2 --until "service ini
 expect 1 "the limit has passed" "$vset" story "$set_" --boot 2 --until "never said" --limit 0.2
 
 # ---- Who waits ends with the set ----
+: >"$work/story" # at once: what an earlier one has said is no sign of this one
 "$vset" story "$set_" --until-end >"$work/story" 2>&1 &
 teller=$!
 (sleep 1 && "$vset" poweroff "$set_") &
@@ -158,6 +160,7 @@ wait "$leader" || fail "the power-off is a failure"
 expect 0 "" wait_for off --limit 0
 
 # A launcher that is killed writes nothing any more.
+: >"$work/run" # at once: what an earlier one has said is no sign of this one
 "$vset" run "$set_" >"$work/run" 2>&1 &
 leader=$!
 started+=("$leader")

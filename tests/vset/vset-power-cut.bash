@@ -37,6 +37,7 @@ cut_daemon() {
     expect 1 "not running" "$vset" exec "$set_" -- true
 
     rm -f "$chip" "$said"
+    : >"$work/said" # at once: what an earlier one has said is no sign of this one
     "$vset" run "$set_" "$@" --cut-power-at-write 4 >"$work/said" 2>&1 &
     started+=($!)
     within 20 grep -q "tarnwick ended with status 7" "$work/said" || fail "not told: $(cat "$work/said")"

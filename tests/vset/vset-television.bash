@@ -41,6 +41,7 @@ boots() { [ "$(wc -l 2>/dev/null <"$set_/root/var/lib/fwupdate/boots")" = "$1" ]
 # end_with STATUS: the platform service ends; platformd removes its own file, so it is given away.
 end_with() { echo "$1" >"$work/end" && chown 900 "$work/end" && mv "$work/end" "$set_/root/var/lib/platform/end"; }
 
+: >"$work/said" # at once: what an earlier one has said is no sign of this one
 "$vset" run "$set_" >"$work/said" 2>&1 &
 leader=$!
 started+=("$leader")
@@ -73,6 +74,7 @@ wait "$leader" || fail "status $? after a power-off"
 boots 2 || fail "a boot too many"
 
 # ---- A service that breaks, and signals ----
+: >"$work/said" # at once: what an earlier one has said is no sign of this one
 "$vset" run "$set_" >"$work/said" 2>&1 &
 leader=$!
 started+=("$leader")
@@ -87,6 +89,7 @@ starts() { [ "$(wc -l 2>/dev/null <"$set_/root/var/lib/platform/starts")" = "$1"
 crash() { "$vset" exec "$set_" -- sh -c 'kill -9 $(cat /var/lib/platform/process)'; }
 rm "$set_/root/var/lib/platform/starts"
 boots_before=$(wc -l <"$set_/root/var/lib/fwupdate/boots")
+: >"$work/said" # at once: what an earlier one has said is no sign of this one
 "$vset" run "$set_" >"$work/said" 2>&1 &
 leader=$!
 started+=("$leader")
@@ -117,6 +120,7 @@ expect 1 "there is no set" "$vset" fault "$work/none" service psmountd crash
 kill -TERM "$leader"
 within 20 is_gone "$leader" || fail "a set without its platform does not end"
 expect 1 "not running" "$vset" fault "$set_" service psmountd crash
+: >"$work/said" # at once: what an earlier one has said is no sign of this one
 "$vset" run "$set_" >"$work/said" 2>&1 &
 leader=$!
 started+=("$leader")
@@ -128,6 +132,7 @@ wait "$leader"
 [ $? = 1 ] || fail "a service that goes on crashing is no failure"
 
 for signal in TERM INT; do
+    : >"$work/said" # at once: what an earlier one has said is no sign of this one
     "$vset" run "$set_" >"$work/said" 2>&1 &
     leader=$!
     started+=("$leader")
