@@ -129,6 +129,9 @@ Option declared(CLI::Option* option, const char* word)
 Option CommandLine::text(const std::string& names, std::string& value, const std::string& help)
 {
     CLI::Option* const option = app_->add_option(names, value, help);
+    if (!option->get_positional()) { // an empty file name or word is a script's empty variable
+        option->check([](const std::string& text) { return std::string(text.empty() ? "is empty" : ""); });
+    }
     if (!value.empty()) {
         option->default_str(value);
     }

@@ -18,6 +18,7 @@ struct Typed {
     std::string errors;
     std::string output;
     std::string word;
+    std::string tune;
     std::optional<double> factor;
     unsigned int count = 8;
     int offset = 0;
@@ -30,6 +31,7 @@ void declare(common::CommandLine& program, Typed& typed)
 {
     common::CommandLine& play = program.command("play", "Plays");
     play.text("WORD", typed.word, "A word").required();
+    play.text("--tune", typed.tune, "A tune");
     play.number("--factor", typed.factor, common::Range<double>{-1000, 1000}, "A factor");
     play.number("-n,--count", typed.count, common::Range<unsigned int>{1, 250}, "How many");
     const common::Option offset = play.number("--offset", typed.offset, common::Range<int>{-10, 10}, "Where");
@@ -105,6 +107,14 @@ TEST(CommandLine, RefusesWholeNumbersOutsideOfTheirRange)
         EXPECT_THAT(typed.errors, HasSubstr("--count: \"" + std::string(text) +
                                             "\" is not a whole number from 1 to 250\n"));
     }
+}
+
+TEST(CommandLine, RefusesAnOptionWithoutAWord)
+{
+    const Typed typed = type({"play", "hello", "--tune", ""});
+    EXPECT_EQ(typed.status, 2);
+    EXPECT_EQ(typed.errors, "player: --tune: is empty\n\"player play --help\" says more.\n");
+    EXPECT_EQ(type({"play", "hello", "--tune", "x"}).tune, "x");
 }
 
 TEST(CommandLine, CutsWhatIsRepeatedInAMessage)

@@ -693,6 +693,15 @@ protected:
     }
 };
 
+TEST_F(FwctlUsb, AnImageThatMayNotBeLookedAtIsRefusedAndNotAbsent)
+{
+    const Outcome outcome =
+        set.run("chmod 700 /opt/media/USBDriveA; fwctl usb check /opt/media/USBDriveA --key-file /root/key");
+    EXPECT_EQ(outcome.status, 1) << outcome.out;
+    EXPECT_THAT(outcome.out, HasSubstr("tuner: "));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("tuner: no image on the stick")));
+}
+
 TEST_F(FwctlUsb, CheckFindsTheNewerImageAndItsTime)
 {
     const Outcome outcome = set.run("fwctl usb check /opt/media/USBDriveA --key-file /root/key");

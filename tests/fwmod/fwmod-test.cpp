@@ -249,6 +249,20 @@ TEST_F(Fwmod, CheckTellsWhatTheDaemonMakesOfEveryValue)
     }
 }
 
+TEST_F(Fwmod, CheckReadsAsDeepAndAsFarAsTheDaemon)
+{
+    const std::string deep = std::string(200, '[') + std::string(200, ']');
+    EXPECT_THAT(check("{\"crc\": 1, \"expected_time\": 5, \"ui_use\": \"none\", \"version\": \"1\", \"x\": " +
+                      deep + "}")
+                    .out,
+                AllOf(HasSubstr("The daemon accepts"), Not(HasSubstr("nested"))));
+    writeBytes(directory / "endless", "{");
+    fs::resize_file(directory / "endless", uintmax_t{1} << 40);
+    const Outcome outcome = fwmod({"info", "--check", "endless"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.out, HasSubstr("longer than 1048576 bytes"));
+}
+
 TEST_F(Fwmod, CheckComparesTheChecksumOfTheImage)
 {
     writeBytes(directory / "Tuner.bin", "\x01");

@@ -40,7 +40,7 @@ refuse() {
         [ "$(wc -l <"$work/err")" -le 2 ] || fail "more than two lines: ${command[*]:0:8} ($(head -c 600 "$work/err"))"
         [ "$(wc -L <"$work/err")" -le 200 ] || fail "a line too long: ${command[*]:0:8} ($(head -c 600 "$work/err"))"
         # A word that begins with a dash is not taken for a number, but for an option.
-        grep -qE 'number|is none of|no option|is required' "$work/err" || fail "no reason: ${command[*]:0:8} ($(head -c 300 "$work/err"))"
+        grep -qE 'number|is none of|no option|is required|is empty' "$work/err" || fail "no reason: ${command[*]:0:8} ($(head -c 300 "$work/err"))"
         ! grep -q $'\e' "$work/err" || fail "a control character reaches the terminal: ${command[*]:0:8}"
     done
     [ "$(state)" = "$before" ] || fail "changed by $*: $(diff <(echo "$before") <(state))"
@@ -82,4 +82,9 @@ expect 0 "rate 1000 " "$vset" clock "$set_" --rate 1000
 expect 0 "rate 0.01 " "$vset" clock "$set_" --rate 1e-2
 expect 0 "" "$vset" clock "$set_" --rate 1 --jump 0.5
 expect 0 "" "$vset" run --temporary -n 0 --clock-rate 0.01 -- true
+
+# ---- And texts that are none ----
+expect 1 'xFF" is no UTF-8' "$vset" set "$set_" $'memory/\xff' 1
+expect 1 'xFF" is no UTF-8' "$vset" property "$set_" 5 $'\xff'
+expect 1 'xFF" is no UTF-8' "$vset" fault "$set_" pralis_get_int --for $'\xff'
 conclude

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <glib.h>
 #include <memory>
 #include <string_view>
 #include <sys/socket.h>
@@ -12,6 +13,7 @@
 #include <utility>
 
 #include "common/json-text.h"
+#include "common/visible-text.h"
 #include "vset/platformd/contract.h"
 
 namespace vset
@@ -26,6 +28,15 @@ constexpr const char* kMountControl = "org.pellor.psmount.Control";
 constexpr const char* kSocket = "/run/dbus/system_bus_socket";
 constexpr const char* kThisSet = "this set";
 constexpr int kTimeoutMilliseconds = 10000;
+
+// A text as the bus takes it; GLib would send another one in the place of bytes that are none.
+const char* busText(const std::string& text)
+{
+    if (g_utf8_validate(text.c_str(), -1, nullptr) == FALSE) {
+        throw ControlError("\"" + common::visible(text) + "\" is no UTF-8, which a set's texts consist of");
+    }
+    return text.c_str();
+}
 
 // Makes `context` the one that GIO answers this thread in.
 class ThreadContext
@@ -247,12 +258,12 @@ Json::Value ControlClient::snapshot() const
 
 void ControlClient::setSetting(const std::string& key, int value) const
 {
-    call("SetSetting", g_variant_new("(si)", key.c_str(), value));
+    call("SetSetting", g_variant_new("(si)", busText(key), value));
 }
 
 void ControlClient::removeSetting(const std::string& key) const
 {
-    call("RemoveSetting", g_variant_new("(s)", key.c_str()));
+    call("RemoveSetting", g_variant_new("(s)", busText(key)));
 }
 
 void ControlClient::setPowerState(int state) const
@@ -272,7 +283,7 @@ void ControlClient::reboot(unsigned int reason) const
 
 void ControlClient::setProperty(int key, const std::string& value) const
 {
-    call("SetProperty", g_variant_new("(is)", key, value.c_str()));
+    call("SetProperty", g_variant_new("(is)", key, busText(value)));
 }
 
 void ControlClient::setPackageDelay(unsigned int milliseconds) const
@@ -296,7 +307,7 @@ void ControlClient::setFault(const std::string& name, int result, int count,
                              const std::string& argument) const
 {
     if (!isMountCall(name)) {
-        call("SetFault", g_variant_new("(ssii)", name.c_str(), argument.c_str(), result, count));
+        call("SetFault", g_variant_new("(ssii)", busText(name), busText(argument), result, count));
         return;
     }
     if (!argument.empty()) {
@@ -325,7 +336,7 @@ void ControlClient::setDelay(const std::string& name, unsigned int milliseconds,
     if (isMountCall(name)) {
         throw ControlError("the mount service cannot be made late, only made to fail");
     }
-    call("SetDelay", g_variant_new("(ssui)", name.c_str(), argument.c_str(), milliseconds, count));
+    call("SetDelay", g_variant_new("(ssui)", busText(name), busText(argument), milliseconds, count));
 }
 
 void ControlClient::resetFaults(const std::string& name) const
@@ -334,7 +345,7 @@ void ControlClient::resetFaults(const std::string& name) const
         setMountFault(name, 0, 0, 0);
         return;
     }
-    call("ResetFaults", g_variant_new("(s)", name.c_str()));
+    call("ResetFaults", g_variant_new("(s)", busText(name)));
     if (!name.empty()) {
         return;
     }

@@ -86,10 +86,11 @@ bool tells(const std::vector<std::string>& messages, Kind kind,
     });
 }
 
+// Also what this user may not look at: the daemon has said why it could not be opened.
 bool isThere(const std::string& path)
 {
     struct stat status = {};
-    return lstat(path.c_str(), &status) == 0;
+    return lstat(path.c_str(), &status) == 0 || errno != ENOENT;
 }
 
 // "newer", "not-newer", "refused", "no-image" or "not-taken".

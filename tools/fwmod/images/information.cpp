@@ -150,10 +150,13 @@ std::vector<InformationFinding> explainAll(const Json::Value& root)
 
 std::vector<InformationFinding> explainFile(const fs::path& file)
 {
+    constexpr common::JsonLimits kDaemons{size_t{1} << 20, 1000}; // beyond which it takes no file
     std::ifstream in(file, std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(in), {}};
+    std::string text(kDaemons.bytes + 1, '\0'); // so much of an endless one tells that it is too long
+    in.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<size_t>(in.gcount()));
     std::string why;
-    if (const std::optional<Json::Value> root = common::parseJson(text, &why)) {
+    if (const std::optional<Json::Value> root = common::parseJson(text, &why, kDaemons)) {
         return explainAll(*root);
     }
     return {{Kind::Refused, "-", "-", "not JSON: " + why}};

@@ -5,6 +5,7 @@
 // measure: what depends on real time, questions and one update. trials: images that must be refused, and
 // power cuts, which do not; the set's clock may be faster.
 #include <cstdio>
+#include <fstream>
 #include <string>
 
 #include "common/command-line.h"
@@ -80,6 +81,21 @@ int examine(const char* jobFile, bool isTrial)
 
 } // namespace fwmod::examiner
 
+namespace
+{
+
+// It mounts what it wants where it wants: not on a PC.
+void requireSet()
+{
+    std::string first;
+    std::getline(std::ifstream("/proc/1/comm"), first);
+    if (first != "vset") {
+        throw common::Failure("this is no virtual set: \"fwmod check\" starts me in one");
+    }
+}
+
+} // namespace
+
 int main(int argc, char** argv)
 {
     common::CommandLine program("control-examiner",
@@ -90,6 +106,9 @@ int main(int argc, char** argv)
     program.text("PART", part, "measure: what depends on real time; trials: what does not")
         .required()
         .oneOf({"measure", "trials"});
-    program.onRun([&] { return fwmod::examiner::examine(job.c_str(), part == "trials"); });
+    program.onRun([&] {
+        requireSet();
+        return fwmod::examiner::examine(job.c_str(), part == "trials");
+    });
     return program.main(argc, argv);
 }
