@@ -67,7 +67,10 @@ void removeUnfinished(int signal)
     if (isUnfinished != 0) {
         unlink(unfinishedName);
     }
-    raise(signal); // its default action is restored, and ends the program
+    // Restored only now: a second signal, taken by another thread, must not end the program before the file
+    // is gone.
+    std::signal(signal, SIG_DFL);
+    raise(signal);
 }
 
 void watchInterruptions(const fs::path& unfinished)
@@ -79,7 +82,6 @@ void watchInterruptions(const fs::path& unfinished)
     isUnfinished = 1;
     struct sigaction action = {};
     action.sa_handler = removeUnfinished;
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
     for (const int signal : kInterruptions) {
         struct sigaction before = {};
         if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler != SIG_IGN) {
