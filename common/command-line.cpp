@@ -32,13 +32,6 @@ std::string shown(double number)
     return text;
 }
 
-// At most so much of what was typed is repeated in a message.
-std::string quoted(const std::string& text)
-{
-    constexpr size_t kLongest = 60;
-    return "\"" + visible(text.size() <= kLongest ? text : text.substr(0, kLongest) + "...") + "\"";
-}
-
 } // namespace
 
 template <typename Number>
@@ -52,7 +45,7 @@ Number numberFrom(const std::string& text, Range<Number> range)
     if (isNumber && number >= range.lowest && number <= range.highest) {
         return number;
     }
-    throw WrongUse(quoted(text) + " is not a " + (std::is_integral_v<Number> ? "whole " : "") +
+    throw WrongUse(inQuotes(text) + " is not a " + (std::is_integral_v<Number> ? "whole " : "") +
                    "number from " + shown(range.lowest) + " to " + shown(range.highest));
 }
 
@@ -70,6 +63,20 @@ template struct detail::Held<unsigned int>;
 template struct detail::Held<double>;
 
 // ---- Options ----
+
+namespace
+{
+
+constexpr const char* kNotEmpty = "not empty";
+
+// An empty file name or word is a script's empty variable.
+CLI::Validator notEmpty()
+{
+    const auto problem = [](const std::string& text) { return std::string(text.empty() ? "is empty" : ""); };
+    return CLI::Validator(problem, "", kNotEmpty);
+}
+
+} // namespace
 
 Option& Option::required()
 {
@@ -91,7 +98,7 @@ Option& Option::oneOf(const std::vector<std::string>& words)
     }
     const auto isOneOfThem = [words, list](const std::string& text) {
         const bool isKnown = std::find(words.begin(), words.end(), text) != words.end();
-        return isKnown ? std::string() : quoted(text) + " is none of " + list;
+        return isKnown ? std::string() : inQuotes(text) + " is none of " + list;
     };
     option_->check(isOneOfThem, "{" + list + "}");
     return *this;
@@ -106,6 +113,12 @@ Option& Option::called(const char* word)
 Option& Option::usually(const std::string& text)
 {
     option_->default_str(text);
+    return *this;
+}
+
+Option& Option::mayBeEmpty()
+{
+    option_->get_validator(kNotEmpty)->active(false);
     return *this;
 }
 
@@ -128,10 +141,7 @@ Option declared(CLI::Option* option, const char* word)
 
 Option CommandLine::text(const std::string& names, std::string& value, const std::string& help)
 {
-    CLI::Option* const option = app_->add_option(names, value, help);
-    if (!option->get_positional()) { // an empty file name or word is a script's empty variable
-        option->check([](const std::string& text) { return std::string(text.empty() ? "is empty" : ""); });
-    }
+    CLI::Option* const option = app_->add_option(names, value, help)->check(notEmpty());
     if (!value.empty()) {
         option->default_str(value);
     }
@@ -150,7 +160,7 @@ Option CommandLine::texts(const std::string& names, std::vector<std::string>& va
 Option CommandLine::path(const std::string& names, std::filesystem::path& value, const std::string& help)
 {
     const auto take = [&value](const std::string& text) { value = text; };
-    return declared(app_->add_option_function<std::string>(names, take, help), "PATH");
+    return declared(app_->add_option_function<std::string>(names, take, help)->check(notEmpty()), "PATH");
 }
 
 Option CommandLine::flag(const std::string& names, bool& value, const std::string& help)
@@ -231,10 +241,53 @@ std::string CommandLine::fullName() const
     return (parent_ != nullptr ? parent_->fullName() + " " : "") + app_->get_name();
 }
 
+namespace
+{
+
+// What was typed, and the value of "--option=value" by itself. The longest come first: one may hold another.
+std::vector<std::string> typed(int argc, char** argv)
+{
+    std::vector<std::string> arguments;
+    for (int index = 1; index < argc; ++index) {
+        const std::string argument = argv[index];
+        arguments.push_back(argument);
+        const size_t equals = argument.rfind("--", 0) == 0 ? argument.find('=') : std::string::npos;
+        if (equals != std::string::npos) {
+            arguments.push_back(argument.substr(equals + 1));
+        }
+    }
+    std::sort(arguments.begin(), arguments.end(),
+              [](const std::string& one, const std::string& other) { return one.size() > other.size(); });
+    return arguments;
+}
+
+void replaceAll(std::string& text, const std::string& part, const std::string& other)
+{
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += other.size()) {
+        text.replace(at, part.size(), other);
+    }
+}
+
+} // namespace
+
+// Most messages repeat what was typed: a file, a name, a number. Here every one of them passes.
+void CommandLine::tell(const std::string& problem) const
+{
+    std::string text = problem;
+    for (const std::string& argument : arguments_) {
+        const std::string shown = shortened(argument);
+        if (argument.size() > 1 && shown != argument) {
+            replaceAll(text, argument, shown);
+            replaceAll(text, visible(argument), shown);
+        }
+    }
+    std::fprintf(stderr, "%s: %s\n", app_->get_name().c_str(), visibleLines(text).c_str());
+}
+
 int CommandLine::tellWrongUse(const std::string& problem) const
 {
-    std::fprintf(stderr, "%s: %s\n\"%s --help\" says more.\n", app_->get_name().c_str(),
-                 visibleLines(problem).c_str(), chosen().fullName().c_str());
+    tell(problem);
+    std::fprintf(stderr, "\"%s --help\" says more.\n", chosen().fullName().c_str());
     return kStatusWrongUse;
 }
 
@@ -245,9 +298,9 @@ std::string unexpected(const std::vector<std::string>& extras, bool hasCommands)
 {
     const std::string word = extras.empty() ? "" : extras.front();
     if (word.rfind('-', 0) == 0) {
-        return "there is no option " + quoted(word);
+        return "there is no option " + inQuotes(word);
     }
-    return hasCommands ? "there is no command " + quoted(word) : quoted(word) + " was not expected";
+    return hasCommands ? "there is no command " + inQuotes(word) : inQuotes(word) + " was not expected";
 }
 
 } // namespace
@@ -273,6 +326,7 @@ int CommandLine::parseAndRun(int argc, char** argv)
 int CommandLine::main(int argc, char** argv)
 {
     try {
+        arguments_ = typed(argc, argv);
         const int status = parseAndRun(argc, argv);
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
             throw Failure("cannot write to standard output");
@@ -281,10 +335,10 @@ int CommandLine::main(int argc, char** argv)
     } catch (const WrongUse& error) {
         return tellWrongUse(error.what());
     } catch (const CommandError& error) {
-        std::fprintf(stderr, "%s: %s\n", app_->get_name().c_str(), visibleLines(error.what()).c_str());
+        tell(error.what());
         return error.status();
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s: %s\n", app_->get_name().c_str(), visibleLines(error.what()).c_str());
+        tell(error.what());
         return kStatusFailed;
     }
 }

@@ -46,6 +46,7 @@ public:
     Option& oneOf(const std::vector<std::string>& words); // any other text is wrong use
     Option& called(const char* word);                     // in --help, for its value
     Option& usually(const std::string& text);             // in --help, what holds when it is not given
+    Option& mayBeEmpty();                                 // else an empty text or path is wrong use
     bool isGiven() const;                                 // once the command line has been read
 
 private:
@@ -90,7 +91,8 @@ public:
     void onRun(Action action);
 
     // Reads the arguments and runs the chosen action; returns the program's exit status. Errors go to
-    // standard error, with the program's name. Lets pass what is no std::exception.
+    // standard error, with the program's name; an argument that one of them repeats is shown in one line, and
+    // not at any length. Lets pass what is no std::exception.
     int main(int argc, char** argv);
 
 private:
@@ -104,6 +106,7 @@ private:
     std::string fullName() const;
     int parseAndRun(int argc, char** argv);
     int tellWrongUse(const std::string& problem) const;
+    void tell(const std::string& problem) const;
 
     std::unique_ptr<CLI::App> own_;
     CLI::App* app_;
@@ -111,6 +114,7 @@ private:
     Run run_;
     std::vector<std::unique_ptr<CommandLine>> commands_;
     std::vector<std::unique_ptr<CommandLine>> groups_;
+    std::vector<std::string> arguments_; // as they were typed, longest first
 };
 
 // A row of a program's table of commands: `define` declares what the command takes and does.

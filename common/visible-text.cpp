@@ -36,20 +36,62 @@ bool isShown(gunichar character)
     }
 }
 
+// The first character of `text` as it is shown; it is taken off.
+std::string takeCharacter(std::string_view& text)
+{
+    const gunichar character = g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
+    const bool isValid = character != static_cast<gunichar>(-1) && character != static_cast<gunichar>(-2);
+    const size_t length = isValid ? static_cast<size_t>(g_unichar_to_utf8(character, nullptr)) : 1;
+    const std::string_view bytes = text.substr(0, length);
+    text.remove_prefix(length);
+    return isValid && isShown(character) ? std::string(bytes) : escaped(bytes);
+}
+
+// As many characters of `text` as `bytes` have room for, as they are shown; they are taken off.
+std::string firstOf(std::string_view& text, size_t bytes)
+{
+    std::string shown;
+    while (!text.empty() && shown.size() < bytes) {
+        shown += takeCharacter(text);
+    }
+    return shown;
+}
+
+bool isInsideOfCharacter(char byte)
+{
+    return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+}
+
 } // namespace
 
 std::string visible(std::string_view text)
 {
     std::string shown;
     while (!text.empty()) {
-        const gunichar character = g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
-        const bool isValid = character != static_cast<gunichar>(-1) && character != static_cast<gunichar>(-2);
-        const size_t length = isValid ? static_cast<size_t>(g_unichar_to_utf8(character, nullptr)) : 1;
-        const std::string_view bytes = text.substr(0, length);
-        shown += isValid && isShown(character) ? std::string(bytes) : escaped(bytes);
-        text.remove_prefix(length);
+        shown += takeCharacter(text);
     }
     return shown;
+}
+
+std::string inQuotes(std::string_view text)
+{
+    constexpr size_t kLongest = 60;
+    const std::string begin = firstOf(text, kLongest);
+    return "\"" + begin + (text.empty() ? "\"" : "...\"");
+}
+
+std::string shortened(std::string_view text)
+{
+    constexpr size_t kBegin = 60;
+    constexpr size_t kEnd = 100;
+    if (text.size() <= kBegin + kEnd) {
+        return visible(text);
+    }
+    std::string_view end = text.substr(text.size() - kEnd);
+    while (!end.empty() && isInsideOfCharacter(end.front())) {
+        end.remove_prefix(1);
+    }
+    return firstOf(text, kBegin) + "..." + visible(end);
 }
 
 std::string visibleLines(std::string_view text)

@@ -13,7 +13,14 @@ namespace common
 // it is.
 std::string visible(std::string_view text);
 
-// The same line by line, for a message that may have several. A text of others that is put into a message is
+// What somebody has typed, or a name of others, as a message repeats it: visible, between quotation marks,
+// and no more than its first 60 bytes or so, with "..." for the rest.
+std::string inQuotes(std::string_view text);
+
+// The same without quotation marks, for the path of a file: of a very long one the beginning and the end.
+std::string shortened(std::string_view text);
+
+// visible() line by line, for a message that may have several. A text of others that is put into a message is
 // made visible by itself, so that it cannot begin a line.
 std::string visibleLines(std::string_view text);
 

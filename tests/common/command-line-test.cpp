@@ -19,6 +19,7 @@ struct Typed {
     std::string output;
     std::string word;
     std::string tune;
+    std::filesystem::path file;
     std::optional<double> factor;
     unsigned int count = 8;
     int offset = 0;
@@ -43,6 +44,11 @@ void declare(common::CommandLine& program, Typed& typed)
         typed.ran = "stop";
         throw common::CommandError(7, "it cannot be stopped");
     });
+    common::CommandLine& open = program.command("open", "Opens");
+    open.path("FILE", typed.file, "A file").required();
+    open.text("--title", typed.tune, "A title").mayBeEmpty();
+    open.onRun(
+        [&typed] { throw std::runtime_error("cannot open " + typed.file.string() + ": no such file"); });
     common::CommandLine& choose = program.command("choose", "Chooses");
     choose.command("left", "Left").onRun([&typed] { typed.ran = "left"; });
 }
@@ -122,6 +128,30 @@ TEST(CommandLine, CutsWhatIsRepeatedInAMessage)
     const Typed typed = type({"play", "hello", "--count", std::string(5000, '9')});
     EXPECT_EQ(typed.status, 2);
     EXPECT_LT(typed.errors.size(), 200U);
+}
+
+TEST(CommandLine, CutsAnArgumentThatTheCommandItselfRepeats)
+{
+    const Typed typed = type({"open", "/begin" + std::string(100'000, 'x') + "end"});
+    EXPECT_EQ(typed.status, 1);
+    EXPECT_LT(typed.errors.size(), 300U);
+    EXPECT_THAT(typed.errors, MatchesRegex("player: cannot open /beginx*\\.\\.\\.x*end: no such file\n"));
+}
+
+TEST(CommandLine, LetsNoArgumentBeginALine)
+{
+    EXPECT_EQ(type({"open", "x\nplayer: done"}).errors,
+              "player: cannot open x\\nplayer: done: no such file\n");
+    EXPECT_EQ(type({"play", "hello", "--count=1\nplayer: done"}).errors,
+              "player: --count: \"1\\nplayer: done\" is not a whole number from 1 to 250\n"
+              "\"player play --help\" says more.\n");
+}
+
+TEST(CommandLine, RefusesAnEmptyWordWhereverOneIsWanted)
+{
+    EXPECT_EQ(type({"play", ""}).errors, "player: WORD: is empty\n\"player play --help\" says more.\n");
+    EXPECT_EQ(type({"open", ""}).errors, "player: FILE: is empty\n\"player open --help\" says more.\n");
+    EXPECT_EQ(type({"open", "a file", "--title", ""}).status, 1); // of the file: an empty title may be
 }
 
 TEST(CommandLine, NamesTheCommandThatIsNot)

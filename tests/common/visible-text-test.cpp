@@ -38,6 +38,36 @@ TEST(VisibleText, KeepsTheLinesOfAMessageThatHasSeveral)
     EXPECT_EQ(common::visibleLines(""), "");
 }
 
+TEST(VisibleText, QuotesAWordInOneLineOfABoundedLength)
+{
+    EXPECT_EQ(common::inQuotes("tuner"), "\"tuner\"");
+    EXPECT_EQ(common::inQuotes(""), "\"\"");
+    EXPECT_EQ(common::inQuotes("a\nfwctl: done"), "\"a\\nfwctl: done\"");
+    EXPECT_EQ(common::inQuotes(std::string(60, 'a')), "\"" + std::string(60, 'a') + "\"");
+    EXPECT_EQ(common::inQuotes(std::string(61, 'a')), "\"" + std::string(60, 'a') + "...\"");
+    EXPECT_LT(common::inQuotes(std::string(100'000, '\033')).size(), 80U);
+}
+
+TEST(VisibleText, CutsNoCharacterInTwo)
+{
+    std::string many;
+    for (int count = 0; count < 100; ++count) {
+        many += "電";
+    }
+    EXPECT_EQ(common::inQuotes("a" + many).find("\\x"), std::string::npos);
+    EXPECT_EQ(common::shortened("a" + many).find("\\x"), std::string::npos);
+}
+
+TEST(VisibleText, ShortensAPathInItsMiddle)
+{
+    const std::string path = "/tmp/" + std::string(90, 'd') + "/" + std::string(60, 'e');
+    EXPECT_EQ(common::shortened(path), path);
+    const std::string shown = common::shortened("/begin/" + std::string(100'000, 'x') + "/end\n");
+    EXPECT_LT(shown.size(), 180U);
+    EXPECT_EQ(shown.substr(0, 7), "/begin/");
+    EXPECT_EQ(shown.substr(shown.size() - 6), "/end\\n");
+}
+
 TEST(VisibleText, ShowsBytesThatAreNoText)
 {
     EXPECT_EQ(visible("a\xFF\xC3"), "a\\xFF\\xC3");

@@ -259,7 +259,7 @@ void defineProperty(common::CommandLine& command)
     const auto options = std::make_shared<Options>();
     takeSet(command, options->set);
     command.number("KEY", options->key, kAny<int>, "Its number; 128 is the software version. None: show all");
-    const common::Option value = command.text("VALUE", options->value, "New text");
+    const common::Option value = command.text("VALUE", options->value, "New text").mayBeEmpty();
     command.footer("Example: vset property /tmp/tv 128 VSET-2026-1.1");
     command.onRun([options, value] {
         const ControlClient client = ControlClient::ofSet(options->set);

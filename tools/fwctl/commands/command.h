@@ -3,6 +3,7 @@
 #define TOOLS_FWCTL_COMMANDS_COMMAND_H
 
 #include "common/command-line.h"
+#include "common/visible-text.h"
 
 namespace fwctl
 {
@@ -28,8 +29,8 @@ void defineDoctor(common::CommandLine& command);
 
 struct NoSuchModule : common::CommandError {
     explicit NoSuchModule(const std::string& name)
-        : common::CommandError(kNoSuchModule,
-                               "no module is called " + name + ": \"fwctl list\" shows the names")
+        : common::CommandError(kNoSuchModule, "no module is called " + common::inQuotes(name) +
+                                                  ": \"fwctl list\" shows the names")
     {
     }
 };
