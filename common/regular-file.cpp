@@ -1,5 +1,6 @@
 #include "common/regular-file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -26,6 +27,23 @@ std::string problemOf(mode_t mode)
         return "is not a file but a device";
     }
 }
+// Appends what is read, until that is more than `most` bytes. False with errno.
+bool readUpTo(int descriptor, std::size_t most, std::string& text)
+{
+    char chunk[65536];
+    while (text.size() <= most) {
+        const ssize_t count = read(descriptor, chunk, std::min(sizeof chunk, most - text.size() + 1));
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return count == 0;
+        }
+        text.append(chunk, static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
 } // namespace
 
 RegularFile::RegularFile(const std::string& path)
@@ -54,6 +72,27 @@ RegularFile::~RegularFile()
     if (descriptor_ >= 0) {
         close(descriptor_);
     }
+}
+
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t most, std::string& problem)
+{
+    const RegularFile file(path);
+    problem = file.problem();
+    struct stat status = {};
+    if (!problem.empty() || fstat(file.descriptor(), &status) != 0) {
+        return std::nullopt;
+    }
+    std::string text;
+    const bool isLarge = status.st_size > static_cast<off_t>(most); // the kernel's files have no size
+    if (!isLarge && !readUpTo(file.descriptor(), most, text)) {
+        problem = std::string("cannot be read: ") + std::strerror(errno);
+        return std::nullopt;
+    }
+    if (isLarge || text.size() > most) {
+        problem = "is longer than " + std::to_string(most) + " bytes";
+        return std::nullopt;
+    }
+    return text;
 }
 
 std::string problemOfSpecialFile(const std::string& path)

@@ -3,6 +3,8 @@
 #ifndef COMMON_REGULAR_FILE_H
 #define COMMON_REGULAR_FILE_H
 
+#include <cstddef>
+#include <optional>
 #include <string>
 
 namespace common
@@ -27,6 +29,11 @@ private:
     int descriptor_ = -1;
     std::string problem_;
 };
+
+// What stands in a regular file of at most `most` bytes. Nothing when it cannot be had; then `problem` says
+// why, as above, or "is longer than 65536 bytes". Of a longer file no more than that is read, whatever size
+// it says it has.
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t most, std::string& problem);
 
 // For code that opens the path itself: what keeps it from being read as a file, though something is there
 // ("is not a file but a pipe"). Empty for a file, for nothing at all, and for what cannot be looked at.

@@ -67,4 +67,30 @@ TEST_F(RegularFileTest, SaysWhyItCannotBeOpened)
     EXPECT_THAT(missing.problem(), HasSubstr("cannot be opened: No such file"));
     EXPECT_EQ(common::problemOfSpecialFile(directory / "missing"), "");
 }
+
+TEST_F(RegularFileTest, IsReadNoFurtherThanItsReaderWants)
+{
+    std::ofstream(directory / "file") << "text";
+    std::ofstream(directory / "sparse");
+    fs::resize_file(directory / "sparse", uintmax_t{1} << 40);
+    std::string problem;
+    EXPECT_EQ(common::readRegularFile(directory / "file", 4, problem), "text") << problem;
+    EXPECT_EQ(problem, "");
+    struct Case {
+        fs::path path;
+        const char* problem;
+    };
+    const Case kCases[] = {
+        {directory / "sparse", "is longer than 3 bytes"},
+        {directory / "file", "is longer than 3 bytes"},
+        {"/proc/self/status", "is longer than 3 bytes"}, // whose size is 0
+        {"/dev/zero", "is not a file but a device"},
+        {"/proc/self/mem", "cannot be read: Input/output error"},
+        {directory / "missing", "cannot be opened: No such file or directory"},
+    };
+    for (const auto& [path, expected] : kCases) {
+        EXPECT_EQ(common::readRegularFile(path, 3, problem), std::nullopt) << path;
+        EXPECT_EQ(problem, expected) << path;
+    }
+}
 } // namespace

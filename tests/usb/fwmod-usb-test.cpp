@@ -188,6 +188,67 @@ TEST_F(FwmodUsb, HeaderFileIsTakenByteForByte)
     EXPECT_EQ(open("Tuner.bin"), bytes + "payload");
 }
 
+TEST_F(FwmodUsb, KeyFilesWithoutAnEndAreNotRead)
+{
+    writeKey("endless", "");
+    fs::resize_file(directory / "endless", std::uintmax_t{1} << 42); // reading it takes an hour
+    Words image = usb({{"--sign-key", "endless"}});
+    image.insert(image.begin(), {"timeout", "20", FWMOD});
+    const Outcome outcome = runProgram(image, directory.path());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "fwmod: endless is longer than 65536 bytes: name the signing key's file\n");
+    ASSERT_EQ(fwmod(usb()).status, 0);
+    EXPECT_THAT(runProgram({"timeout", "20", FWMOD, "inspect", "Tuner.bin", "--public-key", "endless"},
+                           directory.path())
+                    .err,
+                HasSubstr("endless holds no public RSA key"));
+}
+
+// ---- The password of a signing key ----
+
+class FwmodUsbPassword : public FwmodUsb
+{
+protected:
+    void SetUp() override
+    {
+        FwmodUsb::SetUp();
+        mustRun(directory.path(), {"openssl", "pkey", "-in", *keys / "maker.pem", "-aes256", "-passout",
+                                   "pass:right", "-out", "protected.pem"});
+    }
+    // On a terminal of its own, or without any; `script` starts the program as "$@".
+    Outcome runIn(const Words& room, const std::string& script)
+    {
+        writeBytes(directory / "script", script);
+        Words words = room;
+        words.insert(words.end(), {"sh", "script", FWMOD});
+        const Words image = usb({{"--sign-key", "protected.pem"}});
+        words.insert(words.end(), image.begin(), image.end());
+        return runProgram(words, directory.path());
+    }
+};
+
+TEST_F(FwmodUsbPassword, IsAskedForAndAWrongOneIsCalledSo)
+{
+    const Words noTerminal = {"setsid", "--wait"};
+    const Outcome wrong = runIn(noTerminal, "echo wrong | \"$@\"");
+    EXPECT_EQ(wrong.status, 1);
+    EXPECT_THAT(wrong.err, HasSubstr("the password of protected.pem is not right"));
+    EXPECT_FALSE(fs::exists(directory / "Tuner.bin"));
+    const Outcome right = runIn(noTerminal, "echo right | \"$@\"");
+    EXPECT_EQ(right.status, 0) << right.err;
+    EXPECT_TRUE(fs::exists(directory / "Tuner.bin"));
+}
+
+TEST_F(FwmodUsbPassword, InterruptedQuestionEndsTheProgramAndLeavesTheTerminalAsItWas)
+{
+    writeBytes(directory / "terminal", "trap : INT\n\"$@\"\necho \"ended with $?\"\nstty -a\n");
+    const Outcome outcome = runIn({}, "{ sleep 1; printf '\\003'; sleep 1; } | "
+                                      "script -qec \"sh terminal $*\" /dev/null");
+    EXPECT_THAT(outcome.out, HasSubstr("ended with 130"));
+    EXPECT_THAT(outcome.out, HasSubstr(" echo "));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("private key"))); // which there is
+}
+
 TEST_F(FwmodUsb, WrongUseWritesNothing)
 {
     writeBytes(directory / "payload", "payload");

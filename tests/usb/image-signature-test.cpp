@@ -158,6 +158,8 @@ TEST_F(ImageSignature, TakesTheUsableKeysOfADirectory)
     writeBytes(directory / "empty.pem", "");
     fs::create_directory(directory / "directory.pem");
     ASSERT_EQ(mkfifo((directory / "pipe.pem").c_str(), 0600), 0);
+    writeBytes(directory / "endless.pem", "");
+    fs::resize_file(directory / "endless.pem", std::uintmax_t{1} << 42); // reading it takes an hour
     const auto found = signature::readKeyDirectory(directory.path());
     ASSERT_EQ(found.size(), 2U);
     EXPECT_EQ(found[0].id, trust("maker")[0].id);

@@ -29,6 +29,7 @@ constexpr std::size_t kLayoutOffset = 8;
 constexpr std::size_t kKeyIdOffset = 12;
 constexpr std::size_t kLengthOffset = 20;
 constexpr std::size_t kChunkSize = 65536;
+constexpr off_t kLargestKeyFile = 65536; // bytes; a key of the scheme has some 800
 
 class Descriptor
 {
@@ -124,8 +125,11 @@ int openRegularFile(const char* path)
 Key readPublicKey(const std::string& path)
 {
     Descriptor descriptor(openRegularFile(path.c_str()));
-    const std::unique_ptr<FILE, Release> file(descriptor.get() >= 0 ? fdopen(descriptor.get(), "rb")
-                                                                    : nullptr);
+    struct stat status = {};
+    if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0 || status.st_size > kLargestKeyFile) {
+        return nullptr; // what is larger would be searched to its end
+    }
+    const std::unique_ptr<FILE, Release> file(fdopen(descriptor.get(), "rb"));
     if (!file) {
         return nullptr;
     }

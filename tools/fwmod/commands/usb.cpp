@@ -3,14 +3,18 @@
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <openssl/crypto.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
+#include <optional>
 #include <unistd.h>
 #include <vector>
 
+#include "common/regular-file.h"
 #include "common/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
@@ -39,6 +43,7 @@ struct Options {
 struct Closer {
     void operator()(FILE* file) const { std::fclose(file); }
     void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+    void operator()(BIO* bytes) const { BIO_free(bytes); }
 };
 using File = std::unique_ptr<FILE, Closer>;
 
@@ -92,12 +97,70 @@ usb::Iv chooseIv(const std::string& text)
     return iv;
 }
 
+struct Question {
+    std::string text;
+    bool isAsked = false;
+    bool isInterrupted = false;
+};
+
+// OpenSSL's own way to ask puts the terminal's echo back whatever happens, and takes the signals meanwhile.
+// It tries another decoder after a wrong answer, which need not ask again.
+int askPassword(char* password, int size, int, void* data)
+{
+    auto& question = *static_cast<Question*>(data);
+    if (question.isAsked) {
+        return -1;
+    }
+    question.isAsked = true;
+    const int result = EVP_read_pw_string_min(password, 0, size - 1, question.text.c_str(), 0);
+    question.isInterrupted = result == -2;
+    return result == 0 ? static_cast<int>(std::strlen(password)) : -1;
+}
+
+// The content of a key's file, wiped afterwards.
+class KeyText
+{
+public:
+    explicit KeyText(const fs::path& path)
+    {
+        constexpr std::size_t kLargest = 65536; // bytes; a key of the scheme has some 3300
+        requireReadable(path);
+        std::string problem;
+        std::optional<std::string> text = common::readRegularFile(path, kLargest, problem);
+        if (!text) {
+            throw common::Failure(path.string() + " " + problem + ": name the signing key's file");
+        }
+        text_ = std::move(*text);
+    }
+    ~KeyText() { OPENSSL_cleanse(text_.data(), text_.size()); }
+    KeyText(const KeyText&) = delete;
+    KeyText& operator=(const KeyText&) = delete;
+    // Null when it holds no key, or the question was not answered rightly.
+    signature::Key parse(Question& question) const
+    {
+        const std::unique_ptr<BIO, Closer> bytes(
+            BIO_new_mem_buf(text_.data(), static_cast<int>(text_.size())));
+        return signature::Key(bytes ? PEM_read_bio_PrivateKey(bytes.get(), nullptr, askPassword, &question)
+                                    : nullptr);
+    }
+
+private:
+    std::string text_;
+};
+
 // Asks for the password of a protected key on the terminal.
 signature::Key readSigningKey(const fs::path& path)
 {
-    requireReadable(path);
-    const File file = openFile(path, "rbe");
-    signature::Key key(PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr));
+    Question question{"Password of " + common::visible(path.string()) + ": "};
+    signature::Key key = KeyText(path).parse(question);
+    if (question.isInterrupted) {
+        std::raise(SIGINT);
+    }
+    if (!key && question.isAsked) {
+        throw common::Failure("the password of " + path.string() +
+                              " is not right, or its key is damaged: try again (openssl pkey -in FILE "
+                              "-noout asks for it, too)");
+    }
     if (!key) {
         throw common::Failure(path.string() +
                               " holds no private key in PEM form that can be read: make one with "

@@ -1,11 +1,11 @@
 // How job and report are written and read: the members of each struct are named once, for both.
 #include <fstream>
-#include <iterator>
 #include <json/json.h>
 #include <stdexcept>
 
 #include "common/errors.h"
 #include "common/json-text.h"
+#include "common/regular-file.h"
 #include "tools/fwmod/check/protocol/job.h"
 #include "tools/fwmod/check/protocol/report.h"
 
@@ -312,10 +312,12 @@ std::optional<Finding> readFinding(const std::string& line)
 
 Job readJob(const std::filesystem::path& file)
 {
-    std::ifstream in(file, std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(in), {}};
     std::string why;
-    const std::optional<Json::Value> root = common::parseJsonObject(text, &why);
+    const std::optional<std::string> text = common::readRegularFile(file, common::JsonLimits{}.bytes, why);
+    if (!text) {
+        throw std::runtime_error("cannot read the job: " + file.string() + " " + why);
+    }
+    const std::optional<Json::Value> root = common::parseJsonObject(*text, &why);
     if (!root) {
         throw std::runtime_error("cannot read the job " + file.string() + ": " + why);
     }
