@@ -195,7 +195,8 @@ std::vector<fs::path> ownDirectories(const fs::path& tools)
     if (!kitDirectory().empty()) {
         return {tools};
     }
-    return {VSET_SOURCE_DIR, VSET_BUILD_DIR, tools};
+    const BuildTree tree = buildTree();
+    return {tree.source, tree.build, tools};
 }
 
 // The dynamic loader takes both characters for the end of a preloaded library's name.

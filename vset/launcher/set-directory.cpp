@@ -109,9 +109,9 @@ int runProgram(std::vector<const char*> arguments)
 }
 
 // A component of the build tree; whether it worked, after cmake has said why not.
-bool install(const char* component, const fs::path& prefix)
+bool install(const BuildTree& tree, const char* component, const fs::path& prefix)
 {
-    return runProgram({VSET_CMAKE_COMMAND, "--install", VSET_BUILD_DIR, "--prefix", prefix.c_str(),
+    return runProgram({tree.cmake.c_str(), "--install", tree.build.c_str(), "--prefix", prefix.c_str(),
                        "--component", component}) == 0;
 }
 
@@ -209,15 +209,15 @@ void SetDirectory::installDaemon() const
         copyTree(kit / "set/usr", usr());
         return;
     }
-    if (!install("daemon", usr())) {
-        throw Error(
-            "the daemon could not be put into the set: build it first with `cmake --build " VSET_BUILD_DIR
-            "`");
+    const BuildTree tree = buildTree();
+    const std::string build = "`cmake --build " + tree.build.string();
+    if (!install(tree, "daemon", usr())) {
+        throw Error("the daemon could not be put into the set: build it first with " + build + "`");
     }
     // A television does without; who builds only the daemon gets a set all the same.
-    if (access(VSET_FWCTL, X_OK) == 0 && !install("fwctl", usr())) {
-        throw Error("fwctl could not be put into the set: build it anew with `cmake --build " VSET_BUILD_DIR
-                    " --target fwctl`");
+    const fs::path fwctl = tree.build / "tools/fwctl/fwctl";
+    if (access(fwctl.c_str(), X_OK) == 0 && !install(tree, "fwctl", usr())) {
+        throw Error("fwctl could not be put into the set: build it anew with " + build + " --target fwctl`");
     }
 }
 

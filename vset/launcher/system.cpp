@@ -99,6 +99,19 @@ fs::path kitDirectory()
     return fs::is_directory(directory / "set/usr") ? directory : fs::path();
 }
 
+BuildTree buildTree()
+{
+    const fs::path file = executableDirectory() / "build-tree";
+    std::ifstream lines(file);
+    std::string source;
+    std::string build;
+    std::string cmake;
+    if (!std::getline(lines, source) || !std::getline(lines, build) || !std::getline(lines, cmake)) {
+        throw Error(file.string() + " is missing: vset runs in its build tree, or as installed with its kit");
+    }
+    return {source, build, cmake};
+}
+
 void note(const std::string& text)
 {
     const std::string line = "vset: " + common::visibleLines(text) + "\n";

@@ -79,6 +79,15 @@ fs::path executableDirectory();
 // tree.
 fs::path kitDirectory();
 
+// What the build tree beside this executable says of itself. The executable has no path of it inside, so that
+// the same sources give the same program wherever they are built.
+struct BuildTree {
+    fs::path source;
+    fs::path build;
+    std::string cmake; // the program
+};
+BuildTree buildTree();
+
 // One line on stderr, prefixed with the program's name.
 void note(const std::string& text);
 
