@@ -20,10 +20,10 @@
 #include "vset/console/screen.h"
 #include "vset/console/state-way.h"
 #include "vset/console/usb-slot.h"
-#include "vset/console/web-server.h"
-#include "vset/platformd/bus-objects.h"
+#include "vset/console/web/web-server.h"
+#include "vset/platformd/bus/bus-objects.h"
 #include "vset/platformd/files.h"
-#include "vset/platformd/set-model.h"
+#include "vset/platformd/model/set-model.h"
 
 namespace vset
 {

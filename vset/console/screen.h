@@ -13,7 +13,7 @@
 #include <string>
 
 #include "vset/platformd/event.h"
-#include "vset/platformd/launches.h"
+#include "vset/platformd/model/launches.h"
 
 namespace vset
 {

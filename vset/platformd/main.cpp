@@ -12,10 +12,10 @@
 #include "common/command-line.h"
 #include "common/glib-pointers.h"
 #include "vset/console/console.h"
+#include "vset/platformd/bus/control.h"
+#include "vset/platformd/bus/services.h"
 #include "vset/platformd/contract.h"
-#include "vset/platformd/control.h"
-#include "vset/platformd/services.h"
-#include "vset/platformd/set-model.h"
+#include "vset/platformd/model/set-model.h"
 
 namespace
 {

@@ -1,13 +1,13 @@
 // Boot-event flags: raised or not, until the next boot.
-#ifndef VSET_PLATFORMD_FLAGS_H
-#define VSET_PLATFORMD_FLAGS_H
+#ifndef VSET_PLATFORMD_MODEL_FLAGS_H
+#define VSET_PLATFORMD_MODEL_FLAGS_H
 
 #include <cstdint>
 #include <json/json.h>
 #include <map>
 #include <string>
 
-#include "vset/platformd/clients.h"
+#include "vset/platformd/bus/clients.h"
 #include "vset/platformd/event.h"
 #include "vset/platformd/history.h"
 

@@ -1,4 +1,4 @@
-#include "vset/platformd/mounts.h"
+#include "vset/platformd/model/mounts.h"
 
 #include <cstdio>
 #include <cstring>

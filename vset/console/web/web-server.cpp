@@ -1,4 +1,4 @@
-#include "vset/console/web-server.h"
+#include "vset/console/web/web-server.h"
 
 #include <cstring>
 #include <memory>

@@ -1,4 +1,4 @@
-#include "vset/platformd/power.h"
+#include "vset/platformd/model/power.h"
 
 #include <algorithm>
 #include <cstdio>

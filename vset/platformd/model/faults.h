@@ -1,6 +1,6 @@
 // Calls that shall fail or be late, as a person or a test has ordered.
-#ifndef VSET_PLATFORMD_FAULTS_H
-#define VSET_PLATFORMD_FAULTS_H
+#ifndef VSET_PLATFORMD_MODEL_FAULTS_H
+#define VSET_PLATFORMD_MODEL_FAULTS_H
 
 #include <json/json.h>
 #include <map>

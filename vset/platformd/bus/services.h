@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "vset/platformd/bus-objects.h"
-#include "vset/platformd/set-model.h"
+#include "vset/platformd/bus/bus-objects.h"
+#include "vset/platformd/model/set-model.h"
 
 namespace vset
 {

@@ -10,18 +10,18 @@
 #include <string>
 #include <vector>
 
-#include "vset/platformd/clients.h"
+#include "vset/platformd/bus/clients.h"
+#include "vset/platformd/bus/subscribers.h"
 #include "vset/platformd/event.h"
-#include "vset/platformd/faults.h"
-#include "vset/platformd/flags.h"
-#include "vset/platformd/launches.h"
-#include "vset/platformd/mounts.h"
-#include "vset/platformd/packages.h"
-#include "vset/platformd/power.h"
-#include "vset/platformd/properties.h"
-#include "vset/platformd/settings.h"
-#include "vset/platformd/subscribers.h"
-#include "vset/platformd/watchdog.h"
+#include "vset/platformd/model/faults.h"
+#include "vset/platformd/model/flags.h"
+#include "vset/platformd/model/launches.h"
+#include "vset/platformd/model/mounts.h"
+#include "vset/platformd/model/packages.h"
+#include "vset/platformd/model/power.h"
+#include "vset/platformd/model/properties.h"
+#include "vset/platformd/model/settings.h"
+#include "vset/platformd/model/watchdog.h"
 
 namespace vset
 {

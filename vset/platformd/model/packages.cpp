@@ -1,4 +1,4 @@
-#include "vset/platformd/packages.h"
+#include "vset/platformd/model/packages.h"
 
 #include <algorithm>
 #include <cctype>

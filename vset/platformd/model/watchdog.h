@@ -10,7 +10,7 @@
 #include <map>
 #include <string>
 
-#include "vset/platformd/clients.h"
+#include "vset/platformd/bus/clients.h"
 #include "vset/platformd/event.h"
 #include "vset/platformd/history.h"
 #include "vset/platformd/service-time.h"

@@ -17,8 +17,8 @@
 #include <string>
 #include <string_view>
 
-#include "vset/console/page-socket.h"
 #include "vset/console/usb-slot.h"
+#include "vset/console/web/page-socket.h"
 
 namespace vset
 {

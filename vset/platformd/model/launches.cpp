@@ -1,4 +1,4 @@
-#include "vset/platformd/launches.h"
+#include "vset/platformd/model/launches.h"
 
 #include "vset/platformd/service-time.h"
 

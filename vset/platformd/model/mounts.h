@@ -1,6 +1,6 @@
 // The loop mounts of the set, as its own /proc/mounts shows them.
-#ifndef VSET_PLATFORMD_MOUNTS_H
-#define VSET_PLATFORMD_MOUNTS_H
+#ifndef VSET_PLATFORMD_MODEL_MOUNTS_H
+#define VSET_PLATFORMD_MODEL_MOUNTS_H
 
 #include <glib.h>
 #include <json/json.h>

@@ -1,6 +1,6 @@
 // Requests to launch an application, each recorded from its first extra to the application's reply.
-#ifndef VSET_PLATFORMD_LAUNCHES_H
-#define VSET_PLATFORMD_LAUNCHES_H
+#ifndef VSET_PLATFORMD_MODEL_LAUNCHES_H
+#define VSET_PLATFORMD_MODEL_LAUNCHES_H
 
 #include <cstdint>
 #include <json/json.h>
@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "vset/platformd/clients.h"
+#include "vset/platformd/bus/clients.h"
 #include "vset/platformd/event.h"
 #include "vset/platformd/history.h"
 

@@ -1,4 +1,4 @@
-#include "vset/platformd/services.h"
+#include "vset/platformd/bus/services.h"
 
 #include <cstring>
 

@@ -1,4 +1,4 @@
-#include "vset/platformd/properties.h"
+#include "vset/platformd/model/properties.h"
 
 #include <cstdlib>
 #include <system_error>

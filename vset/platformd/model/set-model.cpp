@@ -1,4 +1,4 @@
-#include "vset/platformd/set-model.h"
+#include "vset/platformd/model/set-model.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,4 +1,4 @@
-#include "vset/console/page-socket.h"
+#include "vset/console/web/page-socket.h"
 
 #include <cstdio>
 #include <linux/tcp.h>

@@ -1,4 +1,4 @@
-#include "vset/platformd/bus-objects.h"
+#include "vset/platformd/bus/bus-objects.h"
 
 #include <stdexcept>
 #include <utility>

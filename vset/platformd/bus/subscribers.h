@@ -7,7 +7,7 @@
 #include <string>
 #include <tuple>
 
-#include "vset/platformd/clients.h"
+#include "vset/platformd/bus/clients.h"
 #include "vset/platformd/event.h"
 
 namespace vset

@@ -1,4 +1,4 @@
-#include "vset/platformd/clients.h"
+#include "vset/platformd/bus/clients.h"
 
 #include <fstream>
 

@@ -1,4 +1,4 @@
-#include "vset/platformd/flags.h"
+#include "vset/platformd/model/flags.h"
 
 #include "vset/platformd/service-time.h"
 

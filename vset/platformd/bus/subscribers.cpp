@@ -1,4 +1,4 @@
-#include "vset/platformd/subscribers.h"
+#include "vset/platformd/bus/subscribers.h"
 
 namespace vset
 {

@@ -1,4 +1,4 @@
-#include "vset/platformd/watchdog.h"
+#include "vset/platformd/model/watchdog.h"
 
 namespace vset
 {

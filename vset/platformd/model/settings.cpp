@@ -1,4 +1,4 @@
-#include "vset/platformd/settings.h"
+#include "vset/platformd/model/settings.h"
 
 #include <algorithm>
 #include <system_error>

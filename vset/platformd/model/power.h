@@ -12,7 +12,7 @@
 #include <optional>
 #include <string>
 
-#include "vset/platformd/clients.h"
+#include "vset/platformd/bus/clients.h"
 #include "vset/platformd/event.h"
 #include "vset/platformd/history.h"
 #include "vset/platformd/service-time.h"

@@ -1,11 +1,11 @@
-#include "vset/platformd/control.h"
+#include "vset/platformd/bus/control.h"
 
 #include <algorithm>
 #include <optional>
 
 #include "common/json-text.h"
 #include "platform-interfaces.h"
-#include "vset/platformd/services.h"
+#include "vset/platformd/bus/services.h"
 
 namespace vset
 {

@@ -1,4 +1,4 @@
-#include "vset/platformd/faults.h"
+#include "vset/platformd/model/faults.h"
 
 namespace vset
 {
