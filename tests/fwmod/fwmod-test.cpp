@@ -114,12 +114,13 @@ TEST_F(Fwmod, NewNamesTheModuleByTheDaemonsRules)
 
 TEST_F(Fwmod, NewRefusesNamesThatCannotBe)
 {
-    for (const char* name :
-         {"", "-tuner", "_tuner", "a b", "../tuner", "t\xC3\xBCner", "tuner.so", "EXT-bar"}) {
+    for (const char* name : {"-tuner", "_tuner", "a b", "../tuner", "t\xC3\xBCner", "tuner.so", "EXT-bar"}) {
         const Outcome outcome = fwmod({"new", "--emp", "--", name});
         EXPECT_EQ(outcome.status, 2) << name;
         EXPECT_THAT(outcome.err, HasSubstr("name")) << name;
     }
+    EXPECT_THAT(fwmod({"new", "--emp", ""}).err, HasSubstr("NAME: is empty"));
+    EXPECT_EQ(fwmod({"new", ""}).status, 2);
     EXPECT_EQ(fwmod({"new", "EXT-", "--external"}).status, 2);
     EXPECT_EQ(fwmod({"new", std::string(125, 'x')}).status, 2);
     EXPECT_EQ(fwmod({"new", "tuner", "--emp", "--builtin"}).status, 2);

@@ -489,6 +489,50 @@ TEST_F(FwmodUsb, InspectDoesNotFollowALinkOutOfAPackage)
     EXPECT_THAT(outcome.out, HasSubstr("must be regular files"));
 }
 
+// Of some kilobytes; unpacked it would fill the disk.
+TEST_F(FwmodUsb, PackageThatHoldsTooMuchIsNotUnpacked)
+{
+    fs::create_directory(directory / "tree");
+    writeBytes(directory / "tree/Tuner.bin", "");
+    fs::resize_file(directory / "tree/Tuner.bin", std::uintmax_t{1} << 29);
+    for (int copy = 0; copy < 8; ++copy) {
+        fs::create_hard_link(directory / "tree/Tuner.bin", directory / "tree" / std::to_string(copy));
+    }
+    mustRun(directory.path(), {"mksquashfs", "tree", "empTuner.img", "-quiet", "-no-progress"});
+    writeBytes(directory / "tuner.so", readBytes(COMPLETE_LIBRARY));
+    fs::create_directory(directory / "temporary");
+    const Words room = {"env", "TMPDIR=" + (directory / "temporary").string(), FWMOD};
+    const Words commands[] = {{"inspect", "empTuner.img"},
+                              {"diff", "empTuner.img", "tuner.so"},
+                              {"check", "tuner.so", "--package", "empTuner.img"}};
+    for (const Words& command : commands) {
+        Words words = room;
+        words.insert(words.end(), command.begin(), command.end());
+        const Outcome outcome = runProgram(words, directory.path());
+        EXPECT_EQ(outcome.status, command[0] == "diff" ? 2 : 1) << command[0];
+        EXPECT_THAT(outcome.out + outcome.err,
+                    HasSubstr("empTuner.img would unpack to more than 4 GiB: too much to look into"));
+        EXPECT_TRUE(fs::is_empty(directory / "temporary")) << command[0];
+    }
+}
+
+TEST_F(FwmodUsb, InspectTellsProgramsOfDamageInTheSameForm)
+{
+    writeBytes(directory / "empTuner.img", "hsqs");
+    writeBytes(directory / "tuner.so", "\x7f"
+                                       "ELF");
+    for (const char* file : {"empTuner.img", "tuner.so"}) {
+        const Outcome outcome = inspect(file, {"--json"});
+        Json::Value root;
+        std::istringstream(outcome.out) >> root;
+        EXPECT_EQ(outcome.status, 1);
+        EXPECT_EQ(root["file"], file);
+        EXPECT_EQ(root["accepted"], false);
+        ASSERT_EQ(root["problems"].size(), 1U);
+        EXPECT_THAT(root["problems"][0].asString(), HasSubstr("damaged"));
+    }
+}
+
 TEST_F(FwmodUsb, InspectNamesTheMissingEntryPointsOfALibrary)
 {
     const Outcome good = inspect(COMPLETE_LIBRARY);

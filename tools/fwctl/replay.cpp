@@ -3,17 +3,17 @@
 #include <fstream>
 #include <memory>
 #include <optional>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "common/json-text.h"
+#include "common/memory-file.h"
+#include "common/package-image.h"
 #include "common/regular-file.h"
 #include "src/src/fw-update-checksum.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/daemon-log.h"
 #include "tools/fwctl/mounts.h"
-#include "tools/fwctl/package-image.h"
 
 namespace fwctl
 {
@@ -26,35 +26,13 @@ struct Finding {
     std::string advice; // what to do, when it did not pass
 };
 
-// A file without a place in any directory: the daemon's functions read paths, and nothing may be written.
-class MemoryFile
-{
-public:
-    MemoryFile() : descriptor_(memfd_create("fwctl", MFD_CLOEXEC)) {}
-    ~MemoryFile() { close(descriptor_); }
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
-
-    std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
-    // False when it is longer than anything that the daemon would read, or there is no room.
-    bool append(const char* bytes, std::size_t count) const
-    {
-        constexpr off_t kLimit = 2 << 20;
-        return lseek(descriptor_, 0, SEEK_CUR) < kLimit &&
-               write(descriptor_, bytes, count) == static_cast<ssize_t>(count);
-    }
-
-private:
-    int descriptor_;
-};
-
 // Where the two files of a source are read: in the directory that the daemon reads, or in a package image
 // that is not mounted there.
 class SourceFiles
 {
 public:
     explicit SourceFiles(std::string directory) : directory_(std::move(directory)) {}
-    void readFrom(std::unique_ptr<PackageImage> package) { package_ = std::move(package); }
+    void readFrom(std::unique_ptr<common::PackageImage> package) { package_ = std::move(package); }
 
     bool contains(const std::string& name)
     {
@@ -72,7 +50,7 @@ public:
             reader(directory_ + name);
             return true;
         }
-        const MemoryFile copy;
+        const common::MemoryFile copy;
         const bool isComplete = package_->read(
             name, [&](const char* bytes, std::size_t count) { return copy.append(bytes, count); });
         reader(copy.path());
@@ -94,7 +72,7 @@ public:
 
 private:
     std::string directory_;
-    std::unique_ptr<PackageImage> package_;
+    std::unique_ptr<common::PackageImage> package_;
 };
 
 std::string directoryOf(const std::string& path)
@@ -272,7 +250,7 @@ Finding Replay::hasPackage()
         return notAFile(module_.empImagePath, problem);
     }
     try {
-        files_.readFrom(std::make_unique<PackageImage>(module_.empImagePath));
+        files_.readFrom(std::make_unique<common::PackageImage>(module_.empImagePath));
         return {true, module_.empImagePath, ""};
     } catch (const common::Failure& error) {
         return readMountedPackage(error.what());

@@ -1,13 +1,15 @@
 // fwmod diff: what differs between two files of a kind, in the words of "fwmod inspect".
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
-#include <fstream>
-#include <map>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <set>
+#include <unistd.h>
 
 #include "common/json-text.h"
+#include "common/regular-file.h"
 #include "common/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
@@ -36,32 +38,63 @@ using Differences = std::vector<Difference>;
 
 // ---- Bytes ----
 
-// The first byte that differs, counted from 1 as cmp(1) does; none when the files are the same.
-std::optional<std::uint64_t> firstDifference(const fs::path& a, const fs::path& b)
+// As a package hands out its files.
+using Source = Package::Source;
+
+Source sourceOf(const fs::path& path)
 {
-    requireReadable(a);
-    requireReadable(b);
-    std::ifstream left(a, std::ios::binary);
-    std::ifstream right(b, std::ios::binary);
+    requireReadable(path);
+    const auto file = std::make_shared<common::RegularFile>(path);
+    if (file->descriptor() < 0) {
+        throw common::Failure(path.string() + " " + file->problem());
+    }
+    return [file, path](char* buffer, std::size_t size) {
+        const ssize_t count = read(file->descriptor(), buffer, size);
+        if (count < 0) {
+            throw common::Failure("cannot read all of " + path.string() + ": " + std::strerror(errno));
+        }
+        return static_cast<std::size_t>(count);
+    };
+}
+
+std::size_t fill(const Source& source, std::vector<char>& bytes)
+{
+    std::size_t filled = 0;
+    while (filled < bytes.size()) {
+        const std::size_t count = source(&bytes[filled], bytes.size() - filled);
+        if (count == 0) {
+            break;
+        }
+        filled += count;
+    }
+    return filled;
+}
+
+// The first byte that differs, counted from 1 as cmp(1) does; none when they are the same.
+std::optional<std::uint64_t> firstDifference(const Source& left, const Source& right)
+{
     std::vector<char> leftBytes(65536);
     std::vector<char> rightBytes(65536);
     for (std::uint64_t before = 0;;) {
-        left.read(leftBytes.data(), static_cast<std::streamsize>(leftBytes.size()));
-        right.read(rightBytes.data(), static_cast<std::streamsize>(rightBytes.size()));
-        const auto [end, other] = std::mismatch(leftBytes.begin(), leftBytes.begin() + left.gcount(),
-                                                rightBytes.begin(), rightBytes.begin() + right.gcount());
-        const auto same = end - leftBytes.begin();
-        if (same != left.gcount() || same != right.gcount()) {
-            return before + static_cast<std::uint64_t>(same) + 1;
+        const std::size_t leftCount = fill(left, leftBytes);
+        const std::size_t rightCount = fill(right, rightBytes);
+        const std::size_t both = std::min(leftCount, rightCount);
+        if (std::memcmp(leftBytes.data(), rightBytes.data(), both) != 0) {
+            const auto end = leftBytes.begin() + static_cast<std::ptrdiff_t>(both);
+            const auto differing = std::mismatch(leftBytes.begin(), end, rightBytes.begin()).first;
+            return before + static_cast<std::uint64_t>(differing - leftBytes.begin()) + 1;
         }
-        if (same == 0) {
+        if (leftCount != rightCount) {
+            return before + both + 1;
+        }
+        if (both == 0) {
             return std::nullopt;
         }
-        before += static_cast<std::uint64_t>(same);
+        before += both;
     }
 }
 
-void compareBytes(const std::string& what, const fs::path& a, const fs::path& b, Differences& differences)
+void compareBytes(const std::string& what, const Source& a, const Source& b, Differences& differences)
 {
     const auto byte = firstDifference(a, b);
     if (!byte) {
@@ -157,28 +190,15 @@ void compareFacts(const Inspection& a, const Inspection& b, Differences& differe
 
 // ---- Packages ----
 
-// By their paths in the package.
-std::map<std::string, fs::path> plainFilesIn(const fs::path& tree)
-{
-    std::map<std::string, fs::path> files;
-    for (const auto& entry : fs::recursive_directory_iterator(tree)) {
-        if (isPlainFile(entry.path())) {
-            files["/" + entry.path().lexically_relative(tree).string()] = entry.path();
-        }
-    }
-    return files;
-}
-
 void compareFilesInside(const fs::path& a, const fs::path& b, Differences& differences)
 {
-    const ScratchDirectory scratch;
-    unpackPackage(a, scratch.path() / "a");
-    unpackPackage(b, scratch.path() / "b");
-    const auto right = plainFilesIn(scratch.path() / "b");
-    for (const auto& [name, file] : plainFilesIn(scratch.path() / "a")) {
-        const auto other = right.find(name);
-        if (other != right.end()) {
-            compareBytes(name, file, other->second, differences);
+    Package left(a);
+    Package right(b);
+    for (const Package::Entry& entry : left.entries()) {
+        const Source source = left.open(entry.path);
+        const Source other = right.open(entry.path);
+        if (source && other) {
+            compareBytes("/" + entry.path, source, other, differences);
         }
     }
 }
@@ -188,7 +208,7 @@ void compareFilesInside(const fs::path& a, const fs::path& b, Differences& diffe
 Differences compare(const Options& options, const Inspection& a, const Inspection& b)
 {
     Differences differences;
-    if (!firstDifference(options.a.file, options.b.file)) {
+    if (!firstDifference(sourceOf(options.a.file), sourceOf(options.b.file))) {
         return differences;
     }
     if (a.kind != b.kind) {
@@ -200,7 +220,7 @@ Differences compare(const Options& options, const Inspection& a, const Inspectio
         compareFilesInside(options.a.file, options.b.file, differences);
     }
     if (differences.empty() || a.kind == kUnknownKind) {
-        compareBytes("content", options.a.file, options.b.file, differences);
+        compareBytes("content", sourceOf(options.a.file), sourceOf(options.b.file), differences);
     }
     return differences;
 }

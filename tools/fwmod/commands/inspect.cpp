@@ -53,6 +53,16 @@ void printForPrograms(const std::string& file, const Inspection& result)
     root["notes"] = toJson(result.notes);
     std::puts(common::indentedJson(root).c_str());
 }
+
+Inspection inspect(const InspectionRequest& request)
+try {
+    return inspectFile(request);
+} catch (const Damaged& damage) {
+    Inspection result;
+    result.kind = damage.kind;
+    result.problems.push_back(damage.what());
+    return result;
+}
 } // namespace
 
 void defineInspect(common::CommandLine& command)
@@ -72,7 +82,7 @@ void defineInspect(common::CommandLine& command)
         "  fwmod inspect stick/Tuner.bin --public-key signing.pub.pem --key-file content.key\n"
         "  fwmod inspect --json tuner.so");
     command.onRun([request, json] {
-        const Inspection result = inspectFile(*request);
+        const Inspection result = inspect(*request);
         if (*json) {
             printForPrograms(request->file, result);
         } else {

@@ -13,6 +13,7 @@
 #include "common/entry-points.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
+#include "tools/fwmod/images/damaged.h"
 
 namespace fwmod
 {
@@ -160,7 +161,7 @@ ControlLibrary readControlLibrary(const std::filesystem::path& file)
     const std::unique_ptr<Elf, ElfRelease> elf(elf_begin(descriptor.get(), ELF_C_READ, nullptr));
     GElf_Ehdr header;
     if (!elf || elf_kind(elf.get()) != ELF_K_ELF || gelf_getehdr(elf.get(), &header) == nullptr) {
-        throw common::Failure(file.string() + " is a damaged library: " + elf_errmsg(-1));
+        throw Damaged(kLibraryKind, file.string() + " is a damaged library: " + elf_errmsg(-1));
     }
     const std::set<std::string> names = exportsOf(elf.get());
     ControlLibrary library{header.e_type == ET_DYN,  isWhole(elf.get(), std::filesystem::file_size(file)),

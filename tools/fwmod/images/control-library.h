@@ -27,7 +27,7 @@ struct ControlLibrary {
 
 bool isElf(const std::filesystem::path& file);
 
-// Throws Failure when the file is damaged.
+// Throws Damaged.
 ControlLibrary readControlLibrary(const std::filesystem::path& file);
 
 // What the dynamic loader would stumble over, as far as can be told without it; "" when nothing.

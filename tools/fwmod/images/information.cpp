@@ -164,20 +164,6 @@ std::vector<InformationFinding> explainFile(const fs::path& file)
 
 // ---- The verdict ----
 
-void compareChecksum(InformationReport& report, const fs::path& image)
-{
-    const unsigned int checksum = imageChecksum(image);
-    const std::string name = image.filename().string();
-    if (report.values.crc == checksum) {
-        report.findings.push_back({Kind::Fine, "image", name, "its checksum is \"crc\""});
-        return;
-    }
-    report.accepted = false;
-    report.findings.push_back({Kind::Refused, "image", name,
-                               "its checksum is " + std::to_string(checksum) +
-                                   ", not \"crc\": write the file anew (fwmod info --version ...)"});
-}
-
 const char* nameOf(Kind kind)
 {
     switch (kind) {
@@ -202,9 +188,21 @@ InformationReport checkInformation(const fs::path& file, const std::optional<fs:
     module.cloneFwInformation(report.values);
     report.findings = explainFile(file);
     if (report.accepted && image) {
-        compareChecksum(report, *image);
+        compareChecksum(report, imageChecksum(*image), image->filename());
     }
     return report;
+}
+
+void compareChecksum(InformationReport& report, unsigned int checksum, const std::string& image)
+{
+    if (report.values.crc == checksum) {
+        report.findings.push_back({Kind::Fine, "image", image, "its checksum is \"crc\""});
+        return;
+    }
+    report.accepted = false;
+    report.findings.push_back({Kind::Refused, "image", image,
+                               "its checksum is " + std::to_string(checksum) +
+                                   ", not \"crc\": write the file anew (fwmod info --version ...)"});
 }
 
 std::string formatInformation(const FWInformation& values)

@@ -32,6 +32,9 @@ struct InformationReport {
 InformationReport checkInformation(const std::filesystem::path& file,
                                    const std::optional<std::filesystem::path>& image);
 
+// Compares "crc" with the checksum of an image of that name, which is not refused then, and adds the finding.
+void compareChecksum(InformationReport& report, unsigned int checksum, const std::string& image);
+
 // The text of an information file.
 std::string formatInformation(const FWInformation& values);
 

@@ -7,6 +7,8 @@
 #include <memory>
 #include <unistd.h>
 
+#include "common/memory-file.h"
+#include "src/src/fw-update-checksum.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/control-library.h"
@@ -169,7 +171,8 @@ void inspectImage(const InspectionRequest& request, Inspection& result)
     result.add("key id", signature::toText(signature::keyIdIn(parts.trailer)));
     if (parts.size > usb::kLargestImage) {
         result.problems.push_back("more than " + std::to_string(usb::kLargestImage) +
-                                  " bytes, which the daemon cannot count");
+                                  " bytes, which the daemon cannot count: the rest was not looked at");
+        return;
     }
     inspectSignature(request, result);
     if (parts.cipherSize < kBlockSize || parts.cipherSize % kBlockSize != 0) {
@@ -204,9 +207,8 @@ bool isInformationFile(const fs::path& path)
     return first == '{';
 }
 
-void addInformation(const fs::path& path, const std::optional<fs::path>& image, Inspection& result)
+void addInformation(const InformationReport& report, Inspection& result)
 {
-    const InformationReport report = checkInformation(path, image);
     if (report.accepted) {
         result.add("version", report.values.version);
         result.add("crc", std::to_string(report.values.crc), Json::UInt64(report.values.crc));
@@ -232,7 +234,7 @@ void addInformation(const fs::path& path, const std::optional<fs::path>& image, 
 void inspectInformation(const InspectionRequest& request, Inspection& result)
 {
     result.kind = "information file";
-    addInformation(request.file, std::nullopt, result);
+    addInformation(checkInformation(request.file, std::nullopt), result);
 }
 
 // ---- Package ----
@@ -246,43 +248,50 @@ bool isPackage(const fs::path& path)
     return std::memcmp(magic, kSquashfsMagic, sizeof magic) == 0;
 }
 
-// "/Tuner.bin" and so on, without the root itself.
-std::vector<std::string> listPackage(const fs::path& path)
+unsigned int checksumOf(const Package::Source& source)
 {
-    std::istringstream lines(runProgram(
-        {"unsquashfs", "-q", "-no-progress", "-d", "", "-l", fs::absolute(path)}, "squashfs-tools"));
-    std::vector<std::string> names;
-    for (std::string line; std::getline(lines, line);) {
-        if (line.size() > 1 && line.front() == '/') {
-            names.push_back(line);
-        }
+    std::vector<char> chunk(65536);
+    std::uint32_t checksum = 0;
+    while (const std::size_t count = source(chunk.data(), chunk.size())) {
+        checksum = extendChecksum(checksum, reinterpret_cast<const unsigned char*>(chunk.data()), count);
     }
-    return names;
+    return checksum;
 }
 
-// Unpacks what the daemon would read and has the daemon's own code judge it.
-void checkPackageContent(const fs::path& package, const std::string& image, Inspection& result)
+// Has the daemon's own code judge what the daemon would read.
+void checkPackageContent(Package& package, const std::string& image, Inspection& result)
 {
-    const ScratchDirectory scratch;
-    const fs::path tree = scratch.path() / "tree";
-    unpackPackage(package, tree, {"info.json", image});
-    if (!isPlainFile(tree / "info.json") || !isPlainFile(tree / image)) {
+    if (!package.hasFile("info.json") || !package.hasFile(image)) {
         result.problems.push_back("info.json and the image must be regular files");
-    } else {
-        addInformation(tree / "info.json", tree / image, result);
+        return;
     }
+    const common::MemoryFile copy;
+    const Package::Source source = package.open("info.json");
+    std::vector<char> chunk(65536);
+    while (const std::size_t count = source(chunk.data(), chunk.size())) {
+        if (!copy.append(chunk.data(), count)) {
+            break; // the daemon takes no file of that length
+        }
+    }
+    InformationReport report = checkInformation(copy.path(), std::nullopt);
+    if (report.accepted) {
+        compareChecksum(report, checksumOf(package.open(image)), image);
+    }
+    addInformation(report, result);
 }
 
 void inspectPackage(const InspectionRequest& request, Inspection& result)
 {
     result.kind = kPackageKind;
     result.addBytes("size", static_cast<std::int64_t>(fs::file_size(request.file)));
-    const std::vector<std::string> names = listPackage(request.file);
+    Package package(request.file);
+    std::vector<std::string> names;
     Json::Value list = Json::arrayValue;
     std::string text;
-    for (const std::string& name : names) {
-        list.append(name);
-        text += (text.empty() ? "" : ", ") + name;
+    for (const Package::Entry& entry : package.entries()) {
+        names.push_back("/" + entry.path);
+        list.append(names.back());
+        text += (text.empty() ? "" : ", ") + names.back();
     }
     result.add("files", text, list);
 
@@ -304,7 +313,7 @@ void inspectPackage(const InspectionRequest& request, Inspection& result)
         isComplete = false;
     }
     if (isComplete) {
-        checkPackageContent(request.file, image, result);
+        checkPackageContent(package, image, result);
     }
 }
 
@@ -312,7 +321,7 @@ void inspectPackage(const InspectionRequest& request, Inspection& result)
 
 void inspectLibrary(const InspectionRequest& request, Inspection& result)
 {
-    result.kind = "control library";
+    result.kind = kLibraryKind;
     const ControlLibrary library = readControlLibrary(request.file);
     result.add("library name", library.libraryName);
     result.addBytes("size", static_cast<std::int64_t>(fs::file_size(request.file)));
@@ -394,18 +403,5 @@ Inspection inspectFile(const InspectionRequest& request)
         break;
     }
     return result;
-}
-
-void unpackPackage(const fs::path& package, const fs::path& directory, const std::vector<std::string>& names)
-{
-    std::vector<std::string> command{"unsquashfs",    "-q", "-no-progress", "-no-xattrs",
-                                     "-no-wildcards", "-d", directory,      fs::absolute(package)};
-    command.insert(command.end(), names.begin(), names.end());
-    runProgram(command, "squashfs-tools");
-}
-
-bool isPlainFile(const fs::path& path)
-{
-    return fs::is_regular_file(fs::symlink_status(path));
 }
 } // namespace fwmod

@@ -10,6 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "tools/fwmod/images/damaged.h"
+#include "tools/fwmod/images/package.h"
+
 namespace fwmod
 {
 
@@ -36,18 +39,10 @@ struct Inspection {
     void addBytes(const std::string& key, std::int64_t count);
 };
 
-constexpr char kPackageKind[] = "EMP package";
 constexpr char kUnknownKind[] = "unknown";
 
-// Throws Failure when a file cannot be read or is damaged beyond telling.
+// Throws Failure when a file cannot be read, and Damaged when it is damaged beyond telling.
 Inspection inspectFile(const InspectionRequest& request);
-
-// Unpacks those files of a package, or all of them, into a directory that is made. Throws Failure.
-void unpackPackage(const std::filesystem::path& package, const std::filesystem::path& directory,
-                   const std::vector<std::string>& names = {});
-
-// Neither a link nor a device.
-bool isPlainFile(const std::filesystem::path& path);
 
 } // namespace fwmod
 
