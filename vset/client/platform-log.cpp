@@ -1,17 +1,11 @@
 #include "vset/client/platform-log.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
-#include <iterator>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
 #include "vset/client/control-client.h"
 
@@ -21,70 +15,129 @@ namespace vset
 namespace
 {
 
-constexpr int kFollowMilliseconds = 50;
+constexpr std::chrono::milliseconds kBetweenLooks{50};
+constexpr std::chrono::milliseconds kLongestLook{500};
+constexpr size_t kLongestLine = 1 << 20;
+constexpr size_t kMostAtOnce = 16 << 20;
+
+void sleepBetweenLooks()
+{
+    poll(nullptr, 0, static_cast<int>(kBetweenLooks.count()));
+}
 
 } // namespace
 
-// ---- Reading ----
+// ---- Opening ----
 
-LogReader::LogReader(const std::string& path) : path_(path)
+LogReader::LogReader(const std::string& path)
+    : path_(path), file_(std::make_unique<common::RegularFile>(path))
 {
-    reopen();
-    if (file_ < 0) {
-        throw ControlError("cannot read the log " + path + ": " + std::strerror(errno));
+    if (file_->descriptor() < 0) {
+        throw ControlError("the log " + path + " " + file_->problem());
     }
 }
 
-LogReader::~LogReader()
+// False, and the old file goes on, when there is none that can be read.
+bool LogReader::reopen()
 {
-    if (file_ >= 0) {
-        close(file_);
+    auto next = std::make_unique<common::RegularFile>(path_);
+    if (next->descriptor() < 0) {
+        return false;
     }
-}
-
-void LogReader::reopen()
-{
-    const int next = open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (next < 0) {
-        return;
-    }
-    if (file_ >= 0) {
-        close(file_);
-    }
-    file_ = next;
+    file_ = std::move(next);
     buffered_.clear();
-    taken_ = 0;
+    taken_ = searched_ = 0;
+    isCut_ = false;
+    return true;
 }
 
 void LogReader::skipTo(int64_t start)
 {
     struct stat file{};
-    if (fstat(file_, &file) == 0 && start <= file.st_size) {
-        lseek(file_, start, SEEK_SET);
+    if (fstat(file_->descriptor(), &file) == 0 && start <= file.st_size) {
+        lseek(file_->descriptor(), start, SEEK_SET);
     }
+}
+
+void LogReader::skipToLatest(int64_t bytes)
+{
+    struct stat file{};
+    if (fstat(file_->descriptor(), &file) == 0 && file.st_size > bytes) {
+        lseek(file_->descriptor(), file.st_size - bytes - 1, SEEK_SET); // the line before may end just there
+        isCut_ = true;
+    }
+}
+
+bool LogReader::isReplaced() const
+{
+    struct stat ours{};
+    struct stat there{};
+    if (fstat(file_->descriptor(), &ours) != 0 || stat(path_.c_str(), &there) != 0) {
+        return false; // moved away, and nothing new yet
+    }
+    const bool isCut = lseek(file_->descriptor(), 0, SEEK_CUR) > ours.st_size;
+    return isCut || ours.st_ino != there.st_ino || ours.st_dev != there.st_dev;
+}
+
+bool LogReader::renew()
+{
+    return isReplaced() && reopen();
+}
+
+// ---- Reading ----
+
+// A line that is thrown away is, as a rule, none that anybody wrote: ten gigabytes of a file without content
+// are not read through.
+void LogReader::skipHole()
+{
+    const int file = file_->descriptor();
+    if (lseek(file, lseek(file, 0, SEEK_CUR), SEEK_DATA) < 0 && errno == ENXIO) { // nothing else is left
+        lseek(file, 0, SEEK_END);
+    }
+}
+
+bool LogReader::readBlock()
+{
+    if (readable_ == 0) {
+        return false;
+    }
+    char block[65536];
+    const ssize_t size = read(file_->descriptor(), block, sizeof block);
+    isAtEnd_ = size <= 0;
+    if (isAtEnd_) {
+        return false;
+    }
+    buffered_.append(block, static_cast<size_t>(size));
+    readable_ -= std::min(readable_, static_cast<size_t>(size));
+    return true;
 }
 
 std::optional<std::string> LogReader::nextLine()
 {
     while (true) {
-        const size_t end = buffered_.find('\n', taken_);
+        const size_t end = buffered_.find('\n', searched_);
         if (end != std::string::npos) {
-            std::string line = buffered_.substr(taken_, end - taken_);
-            taken_ = end + 1;
+            std::string line = std::exchange(isCut_, false) ? "" : buffered_.substr(taken_, end - taken_);
+            taken_ = searched_ = end + 1;
             return line;
         }
         buffered_.erase(0, std::exchange(taken_, 0));
-        char block[65536];
-        const ssize_t size = read(file_, block, sizeof block);
-        if (size <= 0) {
+        if (isCut_ || buffered_.size() > kLongestLine) {
+            isCut_ = true;
+            buffered_.clear();
+            skipHole();
+        }
+        searched_ = buffered_.size();
+        if (!readBlock()) {
             return std::nullopt;
         }
-        buffered_.append(block, static_cast<size_t>(size));
     }
 }
 
 std::optional<LogRecord> LogReader::next()
 {
+    readable_ = kMostAtOnce;
+    isAtEnd_ = false;
     while (const auto line = nextLine()) {
         if (auto record = parseLogLine(*line)) {
             return record;
@@ -93,54 +146,60 @@ std::optional<LogRecord> LogReader::next()
     return std::nullopt;
 }
 
-bool LogReader::isReplaced() const
+LogReader::Taken LogReader::takeFor(const Take& take, std::chrono::milliseconds longest)
 {
-    struct stat ours{};
-    struct stat there{};
-    if (fstat(file_, &ours) != 0 || stat(path_.c_str(), &there) != 0) {
-        return false; // moved away, and nothing new yet
-    }
-    const bool isCut = lseek(file_, 0, SEEK_CUR) > ours.st_size;
-    return isCut || ours.st_ino != there.st_ino || ours.st_dev != there.st_dev;
-}
-
-bool LogReader::renew()
-{
-    const bool isNew = isReplaced();
-    if (isNew) {
-        reopen();
-    }
-    return isNew;
-}
-
-void LogReader::follow(const std::function<bool(const LogRecord&)>& take, const std::function<bool()>& isOver)
-{
-    const auto takeAll = [&] {
-        while (const auto record = next()) {
-            if (!take(*record)) {
-                return false;
-            }
+    const auto start = std::chrono::steady_clock::now();
+    do {
+        const auto record = next();
+        if (record ? !take(*record) : isAtEnd_) {
+            return record ? Taken::kEnough : Taken::kAll;
         }
-        return true;
-    };
+    } while (std::chrono::steady_clock::now() - start < longest);
+    return Taken::kSome;
+}
+
+bool LogReader::takeSome(const Take& take, std::chrono::milliseconds longest)
+{
+    return takeFor(take, longest) != Taken::kEnough;
+}
+
+bool LogReader::takeAll(const Take& take)
+{
+    Taken taken = Taken::kSome;
+    while (taken == Taken::kSome) {
+        taken = takeFor(take, kLongestLook);
+    }
+    return taken == Taken::kAll;
+}
+
+// ---- Following ----
+
+void LogReader::follow(const Take& take, const std::function<Wanted()>& wanted)
+{
     while (true) {
-        const bool isLast = isOver && isOver(); // asked first: what was written until then is still taken
-        if (!takeAll()) {
+        // Asked first: what was written until then is still taken.
+        const Wanted now = wanted ? wanted() : Wanted::kMore;
+        const Taken taken = takeFor(take, kLongestLook);
+        if (taken == Taken::kEnough || now == Wanted::kNoMore) {
             return;
+        }
+        if (taken == Taken::kSome) {
+            continue;
         }
         if (isReplaced()) {
             // A program that has not noticed yet writes to the old file for some milliseconds.
-            poll(nullptr, 0, kFollowMilliseconds);
-            if (!takeAll()) {
+            sleepBetweenLooks();
+            if (!takeAll(take)) {
                 return;
             }
-            reopen();
-            continue;
+            if (reopen()) {
+                continue;
+            }
         }
-        if (isLast) {
+        if (now == Wanted::kWhatIsThere) {
             return;
         }
-        poll(nullptr, 0, kFollowMilliseconds);
+        sleepBetweenLooks();
     }
 }
 

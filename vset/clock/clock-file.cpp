@@ -82,7 +82,9 @@ void ClockFile::store(const ClockState& state)
 }
 
 ClockFile::ClockFile(const std::string& path, Opening opening)
-    : file_(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | (opening == Opening::kNewToo ? O_CREAT : 0),
+    : file_(open(path.c_str(),
+                 O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY |
+                     (opening == Opening::kNewToo ? O_CREAT : 0),
                  0644)),
       memory_(MAP_FAILED)
 {

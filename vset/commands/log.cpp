@@ -124,10 +124,8 @@ void runLog(const LogOptions& options)
     };
     if (options.isFollowing) {
         reader.follow(print);
-        return;
-    }
-    while (const auto record = reader.next()) {
-        print(*record);
+    } else {
+        reader.takeAll(print);
     }
 }
 
@@ -181,21 +179,24 @@ public:
                              : std::max<size_t>(life.boots.size() + (isOver ? 1 : 0), 1);
     }
 
-    bool operator()()
+    Wanted operator()()
     {
         wasOn_ = wasOn_ || isOn(set_);
+        if (isLate()) {
+            reason_ = "the limit has passed before that";
+            return Wanted::kNoMore;
+        }
         if (!wasOn_ && passed() > kToBeSwitchedOn) {
             reason_ = "the set is off: switch it on with `vset run " + set_.string() + "`";
-        } else if (limit_ && passed() > *limit_) {
-            reason_ = "the limit has passed before that";
         } else if (const std::optional<int> status = daemonStatus()) {
             reason_ = "the daemon has ended before that, with status " + std::to_string(*status);
         } else if (wasOn_ && !isOn(set_)) {
             reason_ = "the set has gone off before that";
         }
-        return !reason_.empty();
+        return reason_.empty() ? Wanted::kMore : Wanted::kWhatIsThere;
     }
 
+    bool isLate() const { return limit_ && passed() > *limit_; }
     const std::string& reason() const { return reason_; }
 
 private:
@@ -265,24 +266,23 @@ void tellStory(const StoryOptions& options)
 {
     LogReader reader(SetDirectory::open(options.set).root() / "var/log/platform.log");
     StoryPart part(options);
+    StoryEnd end(options); // its limit counts from here
     if (options.boot) {
         skipToBoot(reader, options);
     }
-    while (options.onlyNew && reader.next()) {
+    if (options.onlyNew) {
+        reader.skipToLatest(0);
     }
     const auto take = [&part](const LogRecord& record) { return part.take(record); };
     if (options.hasEnd()) {
-        StoryEnd end(options);
         reader.follow(take, [&end] { return end(); });
         if (!part.isTold()) {
             throw common::Failure(end.reason());
         }
-    } else if (options.isFollowing) {
-        reader.follow(take);
+    } else if (options.isFollowing || options.limit) {
+        reader.follow(take, [&end] { return end.isLate() ? Wanted::kNoMore : Wanted::kMore; });
     } else {
-        while (const std::optional<LogRecord> record = reader.next()) {
-            take(*record);
-        }
+        reader.takeAll(take);
     }
 }
 

@@ -1,7 +1,5 @@
 #include "vset/console/log-tail.h"
 
-#include <fstream>
-#include <string>
 #include <sys/stat.h>
 
 #include "vset/client/control-client.h"
@@ -13,25 +11,13 @@ namespace
 {
 
 constexpr int64_t kInterval = 50; // milliseconds of the PC's time
+// The platform has others to serve: what has come faster than that is read at the next looks.
+constexpr std::chrono::milliseconds kLongestLook{200};
 
 unsigned long long inodeOfLog()
 {
     struct stat status{};
     return stat(kLogFile, &status) == 0 ? status.st_ino : 0;
-}
-
-// Where the first whole line of the log's end begins.
-int64_t startOfLatest()
-{
-    std::ifstream log(kLogFile, std::ios::binary | std::ios::ate);
-    const int64_t size = log.tellg();
-    if (size <= LogTail::kLatestBytes) {
-        return 0;
-    }
-    log.seekg(size - LogTail::kLatestBytes);
-    std::string cut;
-    std::getline(log, cut);
-    return log ? static_cast<int64_t>(log.tellg()) : size;
 }
 
 } // namespace
@@ -40,7 +26,7 @@ void LogTail::start()
 {
     reopen(inodeOfLog());
     if (reader_ != nullptr) {
-        reader_->skipTo(startOfLatest());
+        reader_->skipToLatest(kLatestBytes);
     }
     look();
 }
@@ -71,18 +57,19 @@ void LogTail::reopen(unsigned long long inode)
 
 void LogTail::drain()
 {
-    while (reader_ != nullptr) {
-        const auto next = reader_->next();
-        if (!next) {
-            return;
-        }
-        records_.push_back(*next);
+    if (reader_ == nullptr) {
+        return;
+    }
+    const auto keep = [this](const LogRecord& next) {
+        records_.push_back(next);
         ++count_;
         if (records_.size() > kKept) {
             records_.pop_front();
         }
-        record.tell(*next);
-    }
+        record.tell(next);
+        return true;
+    };
+    reader_->takeSome(keep, kLongestLook);
 }
 
 } // namespace vset

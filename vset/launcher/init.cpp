@@ -13,7 +13,6 @@
 #include <linux/capability.h>
 #include <optional>
 #include <poll.h>
-#include <sstream>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -23,6 +22,7 @@
 #include <utility>
 
 #include "common/visible-text.h"
+#include "vset/client/set-file.h"
 #include "vset/launcher/crash-order.h"
 #include "vset/platformd/contract.h"
 #include "vset/write-watch/write-watch.h"
@@ -123,11 +123,10 @@ void redirectToLog(const std::string& name)
 {
     const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
     const std::string path = "/var/log/" + name + ".out";
-    const int log = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0644);
-    check(log, "cannot open " + path);
+    const UniqueFd log = openOwnFile(path, O_WRONLY | O_CREAT | O_APPEND);
     dup2(null, STDIN_FILENO);
-    dup2(log, STDOUT_FILENO);
-    dup2(log, STDERR_FILENO);
+    dup2(log.get(), STDOUT_FILENO);
+    dup2(log.get(), STDERR_FILENO);
 }
 
 void putEnvironment(const char* name, const std::string& value)
@@ -138,12 +137,8 @@ void putEnvironment(const char* name, const std::string& value)
 // What a service said last; a temporary set is gone by the time that somebody looks.
 std::string lastLine(const fs::path& log)
 {
-    std::istringstream text(readFile(log));
-    std::string last = "it said nothing";
-    for (std::string line; std::getline(text, line);) {
-        last = line;
-    }
-    return common::visible(last);
+    const std::string last = lastLineOf(log);
+    return last.empty() ? "it said nothing" : common::visible(last);
 }
 
 // A process that is to be watched hands its write filter over here; none when it is not.
@@ -342,10 +337,11 @@ void Init::restartPlatform()
 // For the person at the terminal, and for programs that read it there.
 void announceConsole()
 {
-    if (access(kConsoleUrlPath, R_OK) != 0) {
+    const std::string url = lastLineOf(kConsoleUrlPath);
+    if (url.empty()) {
         return;
     }
-    std::printf("console: %s", readFile(kConsoleUrlPath).c_str());
+    std::printf("console: %s\n", common::visible(url).c_str());
     std::fflush(stdout);
 }
 

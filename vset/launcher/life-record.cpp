@@ -4,17 +4,15 @@
 #include <unistd.h>
 
 #include "common/json-text.h"
+#include "vset/launcher/set-directory.h"
 #include "vset/television/set-life.h"
 
 namespace vset
 {
 
 LifeRecord::LifeRecord(const fs::path& set)
-    : file_(open((set / kLifeFile).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644))
+    : file_(openOwnFile(set / kLifeFile, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND))
 {
-    if (!file_) {
-        failWithErrno("cannot open " + (set / kLifeFile).string());
-    }
 }
 
 void LifeRecord::boot(int64_t logStart) const

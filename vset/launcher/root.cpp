@@ -13,6 +13,8 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "vset/client/set-file.h"
+
 namespace vset
 {
 
@@ -125,7 +127,7 @@ std::string accountTable(const fs::path& hostFile,
         return std::pair(name, id);
     };
     std::string table;
-    std::istringstream host(readFile(hostFile));
+    std::istringstream host(readSetFile(hostFile).value_or(""));
     for (std::string line; std::getline(host, line);) {
         const auto clashes = [&](const auto& entry) {
             const auto [name, id] = key(entry.first);
@@ -154,7 +156,7 @@ void composeEtc(const RootPlan& plan, const fs::path& etc)
                                                            {"fwupdate:x:" + std::to_string(kUpdateUser),
                                                             group + "firmware update:/:/usr/sbin/nologin"}}));
     writeFile(etc / "group", accountTable("/etc/group", {{"system:x:" + std::to_string(kSystemGroup), ":"}}));
-    writeFile(etc / "machine-id", readFile(plan.set.machineIdFile()));
+    writeFile(etc / "machine-id", readSetFile(plan.set.machineIdFile()).value_or(""));
     writeFile(etc / "hostname", plan.set.path().filename().string() + "\n");
 }
 

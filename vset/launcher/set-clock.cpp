@@ -2,11 +2,14 @@
 
 #include <unistd.h>
 
+#include "vset/client/set-file.h"
+
 namespace vset
 {
 
 void resetClock(const SetDirectory& set, double rate, bool isRootless)
 {
+    requireFileOrNothing(set.clockFile());
     ClockFile clock(set.clockFile(), ClockFile::Opening::kNewToo);
     const uid_t user = isRootless ? geteuid() : kPlatformUser;
     const gid_t group = isRootless ? getegid() : kSystemGroup;
@@ -26,6 +29,7 @@ std::string changeClock(const fs::path& path, const ClockChange& change)
         throw Error("set " + path.string() +
                     " runs without a clock: start its command with `vset run --clock-rate 1`");
     }
+    requireFileOrNothing(set.clockFile());
     ClockFile clock(set.clockFile(), ClockFile::Opening::kExisting);
     if (change.rate || change.jump) {
         clock.change(change);

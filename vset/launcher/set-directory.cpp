@@ -12,6 +12,9 @@
 #include <unistd.h>
 #include <vector>
 
+#include "vset/client/set-file.h"
+#include "vset/television/set-life.h"
+
 extern char** environ;
 
 namespace vset
@@ -66,6 +69,10 @@ constexpr Directory kDirectories[] = {
     {"root/var/lib/hardware", kUpdateUser, kSystemGroup, 0755},
 };
 
+// What the set's programs write from the first moment on.
+constexpr const char* kLogs[] = {"platform.log", "dbus-daemon.out", "psmountd.out", "platformd.out",
+                                 "tarnwick.out"};
+
 void makeDirectory(const fs::path& path, const Directory& directory)
 {
     if (mkdir(path.c_str(), 0755) != 0) {
@@ -94,6 +101,15 @@ std::string randomMachineId()
         text += kDigits[byte & 15];
     }
     return text + "\n";
+}
+
+constexpr size_t kMachineIdSize = 33; // with the end of its line
+
+// The bus does without none, nor with another text: what somebody has spoilt is made anew.
+bool isMachineId(const std::string& text)
+{
+    return text.size() == kMachineIdSize &&
+           text.find_first_not_of("0123456789abcdef") == kMachineIdSize - 1 && text.back() == '\n';
 }
 
 int runProgram(std::vector<const char*> arguments)
@@ -150,6 +166,17 @@ int flockPatiently(int file)
 }
 
 } // namespace
+
+UniqueFd openOwnFile(const fs::path& path, int flags)
+{
+    requireFileOrNothing(path);
+    constexpr int kOpening = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+    UniqueFd file(open(path.c_str(), flags | kOpening, 0644));
+    if (!file) {
+        failWithErrno("cannot open " + path.string());
+    }
+    return file;
+}
 
 void SetLock::publish(const RunningSet& running) const
 {
@@ -223,11 +250,8 @@ void SetDirectory::installDaemon() const
 
 SetLock SetDirectory::lock() const
 {
-    const fs::path file = path_ / ".vset/lock";
-    UniqueFd lockFd(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (!lockFd) {
-        failWithErrno("cannot open " + file.string());
-    }
+    const fs::path file = path_ / kLockFile;
+    UniqueFd lockFd = openOwnFile(file, O_RDWR | O_CREAT);
     if (flockPatiently(lockFd.get()) == 0) {
         SetLock lock(std::move(lockFd));
         lock.publish({}); // a set that was killed left its process identifier
@@ -241,12 +265,11 @@ SetLock SetDirectory::lock() const
 
 std::optional<RunningSet> SetDirectory::running() const
 {
-    const fs::path file = path_ / ".vset/lock";
-    const UniqueFd lockFd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!lockFd || flock(lockFd.get(), LOCK_SH | LOCK_NB) == 0) {
+    const fs::path file = path_ / kLockFile;
+    if (!isOn(path_)) {
         return std::nullopt;
     }
-    std::istringstream text(readFile(file));
+    std::istringstream text(readSetFile(file).value_or(""));
     RunningSet running;
     std::string mode;
     std::string clock;
@@ -268,13 +291,16 @@ void SetDirectory::complete() const
     if (!fs::exists(fs::symlink_status(varRun))) {
         fs::create_symlink("../run", varRun); // where older programs look for the system bus
     }
+    for (const char* name : kLogs) {
+        requireFileOrNothing(root() / "var/log" / name);
+    }
     const fs::path platformLog = root() / "var/log/platform.log";
     if (!fs::exists(fs::symlink_status(platformLog))) {
         writeFile(platformLog, "");
         check(chmod(platformLog.c_str(), 0666),
               "cannot set the mode of " + platformLog.string()); // all users log
     }
-    if (!fs::exists(machineIdFile())) {
+    if (!isMachineId(readSetFile(machineIdFile(), kMachineIdSize).value_or(""))) {
         writeFile(machineIdFile(), randomMachineId());
     }
 }

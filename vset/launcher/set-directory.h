@@ -32,6 +32,10 @@ private:
     UniqueFd file_;
 };
 
+// Opens, to be written, a file that the launcher keeps in the set: no link, and never waiting for somebody at
+// the other end of a pipe. Throws what says that something else is in its place.
+UniqueFd openOwnFile(const fs::path& path, int flags);
+
 class SetDirectory
 {
 public:

@@ -4,8 +4,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,17 +40,6 @@ Pipe makePipe()
     int ends[2];
     check(pipe2(ends, O_CLOEXEC), "cannot make a pipe");
     return {UniqueFd(ends[0]), UniqueFd(ends[1])};
-}
-
-std::string readFile(const fs::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        failWithErrno("cannot read " + path.string());
-    }
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
 }
 
 void writeFile(const fs::path& path, const std::string& text, mode_t mode)

@@ -61,9 +61,8 @@ struct Pipe {
 };
 Pipe makePipe();
 
-// Whole files of moderate size. writeFile replaces what is there, in place: for /proc and files that no
-// one else reads yet.
-std::string readFile(const fs::path& path);
+// A whole file of moderate size. Replaces what is there, in place: for /proc and files that no one else reads
+// yet.
 void writeFile(const fs::path& path, const std::string& text, mode_t mode = 0644);
 
 // Exit status as a shell reports it: the process's own, or 128 + signal.

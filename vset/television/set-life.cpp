@@ -1,12 +1,11 @@
 #include "vset/television/set-life.h"
 
-#include <fcntl.h>
-#include <fstream>
+#include <sstream>
 #include <string>
 #include <sys/file.h>
-#include <unistd.h>
 
 #include "common/json-text.h"
+#include "vset/client/set-file.h"
 
 namespace vset
 {
@@ -42,7 +41,7 @@ void take(const Json::Value& record, SetLife& life)
 SetLife readLife(const std::filesystem::path& set)
 {
     SetLife life;
-    std::ifstream in(set / kLifeFile);
+    std::istringstream in(readSetFile(set / kLifeFile).value_or(""));
     for (std::string line; std::getline(in, line) && !in.eof();) {
         if (const std::optional<Json::Value> record = common::parseJsonObject(line)) {
             take(*record, life);
@@ -53,13 +52,8 @@ SetLife readLife(const std::filesystem::path& set)
 
 bool isOn(const std::filesystem::path& set)
 {
-    const int lock = open((set / kLockFile).c_str(), O_RDONLY | O_CLOEXEC);
-    if (lock < 0) {
-        return false;
-    }
-    const bool isFree = flock(lock, LOCK_SH | LOCK_NB) == 0; // given back with the descriptor
-    close(lock);
-    return !isFree;
+    const std::unique_ptr<common::RegularFile> lock = openSetFile(set / kLockFile);
+    return lock != nullptr && flock(lock->descriptor(), LOCK_SH | LOCK_NB) != 0; // given back with the object
 }
 
 } // namespace vset

@@ -2,7 +2,8 @@
 // daemon, and its own end. It stands in SET/.vset/life, one JSON object a line; docs/vset-commands.md lists
 // them.
 //
-// One thread.
+// Both throw common::Failure, with what to do, when there is something else than a file where they stand. One
+// thread.
 #ifndef VSET_TELEVISION_SET_LIFE_H
 #define VSET_TELEVISION_SET_LIFE_H
 

@@ -24,6 +24,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kBetweenLooks{50};
 constexpr std::chrono::seconds kToBeSwitchedOn{10};
+constexpr std::chrono::milliseconds kLongestLook{500}; // at a log, however long it is
 
 std::string quoted(const std::string& text)
 {
@@ -165,9 +166,7 @@ public:
             return false;
         }
         reader_->renew();
-        while (const std::optional<LogRecord> record = reader_->next()) {
-            take(*record);
-        }
+        reader_->takeSome([this](const LogRecord& record) { return take(record); }, kLongestLook);
         return found_ >= wanted_.count;
     }
 
@@ -202,15 +201,16 @@ private:
         return true;
     }
 
-    void take(const LogRecord& record)
+    bool take(const LogRecord& record)
     {
         if (!common::isOfDaemon(record)) {
-            return;
+            return true;
         }
         last_ = record.message;
         const bool isIt = wanted_.isWhole ? record.message == wanted_.text
                                           : record.message.find(wanted_.text) != std::string::npos;
         found_ += isIt ? 1 : 0;
+        return true;
     }
 
     fs::path set_;

@@ -163,6 +163,10 @@ struct Television::Inside {
     }
 
     vset::SetContents contents() const { return vset::SetContents(directory); }
+    vset::SetLife life() const
+    {
+        return told([this] { return vset::readLife(directory); });
+    }
     fs::path said() const { return directory / "vset.out"; } // by `vset run`
     void start(const std::vector<std::string>& arguments);
     // After a reboot the connection is a new one.
@@ -340,7 +344,7 @@ void Television::reboot()
 void Television::waitForBoot(int number)
 {
     const auto isUp = [&] {
-        const vset::SetLife life = vset::readLife(inside_->directory);
+        const vset::SetLife life = inside_->life();
         return life.boots.size() >= static_cast<size_t>(number) &&
                life.boots[static_cast<size_t>(number) - 1].isUp;
     };
@@ -349,7 +353,7 @@ void Television::waitForBoot(int number)
 
 int Television::boots() const
 {
-    return static_cast<int>(vset::readLife(inside_->directory).boots.size());
+    return static_cast<int>(inside_->life().boots.size());
 }
 
 // ---- The daemon ----
@@ -368,7 +372,7 @@ bool Television::daemonRuns()
     if (inside_->daemon) {
         return inside_->daemon->isRunning();
     }
-    const vset::SetLife life = vset::readLife(inside_->directory);
+    const vset::SetLife life = inside_->life();
     return isOn() && !life.boots.empty() && life.boots.back().isUp && !life.boots.back().daemonEnded;
 }
 
@@ -384,7 +388,7 @@ int Television::waitForDaemon()
     std::optional<int> status;
     waitUntil(
         [&] {
-            const vset::SetLife life = vset::readLife(inside_->directory);
+            const vset::SetLife life = inside_->life();
             status = life.boots.empty() ? std::nullopt : life.boots.back().daemonEnded;
             return status.has_value();
         },
