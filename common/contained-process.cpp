@@ -177,6 +177,7 @@ public:
     [[noreturn]] void run(const std::function<void()>& work, int outputOfWork);
 
 private:
+    void tellStart(Start start) const { tell(report_, &start, sizeof start); }
     void letGoOfTheRest();
     int waitForEnd(pid_t process);
     void standInForParent(pid_t process);
@@ -241,11 +242,12 @@ void Watcher::run(const std::function<void()>& work, int outputOfWork)
     const pid_t process = fork();
     if (process == 0) {
         sigprocmask(SIG_SETMASK, &before, nullptr);
+        tellStart({getpid(), 0}); // here: before it can do the watcher any harm
+        close(report_);
         runWork(work, outputOfWork, orphaned_);
     }
-    const Start start{process, errno};
-    tell(report_, &start, sizeof start);
     if (process < 0) {
+        tellStart({-1, errno});
         _exit(1);
     }
     letGoOfTheRest();

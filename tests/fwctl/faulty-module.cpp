@@ -1,15 +1,22 @@
 // A control library with one fault, chosen when it is compiled.
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <stdexcept>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <tarnwick/control.h>
 #include <unistd.h>
 
 #ifdef NEEDS_MORE
 extern "C" int notProvidedByAnybody(int);
+#endif
+
+#ifdef WRITES_FOR_A_WHILE
+static constexpr const char* kHardware = "/var/lib/hardware/killed"; // its version is 1.NUMBER OF UPDATES
 #endif
 
 #ifdef HANGS_WHILE_LOADING
@@ -18,6 +25,26 @@ __attribute__((constructor)) static void hang()
     for (;;) {
         pause();
     }
+}
+#endif
+
+#ifdef LEAVES_PROCESSES
+// One of the group, and one that has left it.
+__attribute__((constructor)) static void leaveProcesses()
+{
+    for (const bool isDaemon : {false, true}) {
+        if (fork() != 0) {
+            continue;
+        }
+        if (isDaemon && (setsid() < 0 || fork() != 0)) {
+            _exit(0);
+        }
+        close(open("/tmp/left-behind", O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+        for (;;) {
+            pause();
+        }
+    }
+    usleep(20'000); // until they are there
 }
 #endif
 
@@ -32,6 +59,10 @@ int setContext(const char*, int, char*)
 
 int getEMPID(char* out)
 {
+#ifdef PRINTS
+    std::printf("to the screen: \033[2J\nfwctl: done\n");
+    std::fprintf(stderr, "and no end of line");
+#endif
     std::strcpy(out, IDENTIFIER);
     return 0;
 }
@@ -45,6 +76,15 @@ int getActiveVersion(char* out)
     for (;;) {
         pause();
     }
+#endif
+#ifdef KILLS_IN_GETACTIVEVERSION
+    kill(KILLS_IN_GETACTIVEVERSION);
+#endif
+#ifdef WRITES_FOR_A_WHILE
+    struct stat hardware = {};
+    stat(kHardware, &hardware);
+    std::sprintf(out, "1.%d", static_cast<int>(hardware.st_size));
+    return 0;
 #endif
 #ifdef VERSION
     std::strcpy(out, VERSION);
@@ -68,13 +108,14 @@ int checkVersion(const char*, int* result)
 // Says so when another process is at it.
 int doUpdate(const char*, unsigned long)
 {
-    const int hardware = open("/var/lib/hardware/killed", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    const int hardware = open(kHardware, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
     if (flock(hardware, LOCK_EX | LOCK_NB) != 0) {
         close(open("/var/lib/hardware/overlap", O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
     }
     usleep(300'000);
+    const bool isWritten = write(hardware, "1", 1) == 1;
     close(hardware);
-    return 0;
+    return isWritten ? 0 : -1;
 }
 #elif !defined(WITHOUT_DOUPDATE)
 int doUpdate(const char*, unsigned long)
@@ -83,6 +124,8 @@ int doUpdate(const char*, unsigned long)
     std::abort();
 #elif defined(EXITS_IN_DOUPDATE)
     _exit(0);
+#elif defined(LIES_IN_DOUPDATE)
+    return 0;
 #elif defined(THROWS_IN_DOUPDATE)
     usleep(100'000); // else the daemon may miss its end, and wait out its time
     throw std::runtime_error("no chip");

@@ -382,12 +382,13 @@ TEST_F(Fwctl, AnotherUserIsToldWhatItTakes)
 
 TEST_F(Fwctl, DoctorMendsWhatAKilledUpdateLeavesBehind)
 {
-    const Outcome outcome = set.run("fwctl update tuner & sleep 1; kill -9 $! $(pgrep -P $!); wait $! ; "
-                                    "fwctl doctor; echo found $?; "
-                                    "fwctl update tuner; echo refused $?; "
-                                    "fwctl doctor --fix; echo mended $?; "
-                                    "grep emps /proc/mounts; "
-                                    "fwctl update tuner; echo updated $?");
+    const Outcome outcome =
+        set.run("fwctl update tuner & sleep 1; kill -9 $! $(pgrep -P $(pgrep -P $!)); wait $! ; "
+                "fwctl doctor; echo found $?; "
+                "fwctl update tuner; echo refused $?; "
+                "fwctl doctor --fix; echo mended $?; "
+                "grep emps /proc/mounts; "
+                "fwctl update tuner; echo updated $?");
     EXPECT_THAT(outcome.out, HasSubstr("empTuner is mounted, and nothing runs that would use it"));
     EXPECT_THAT(outcome.out, HasSubstr("whoever took it has ended: every update waits for ever"));
     EXPECT_THAT(outcome.out, HasSubstr("found 5"));
@@ -412,11 +413,19 @@ TEST_F(Fwctl, AnUpdateWhoseParentIsKilledIsFinishedAndItsTurnGivenBack)
 
 TEST_F(Fwctl, AnUpdateWhoseChildIsKilledHasFailedAndItsTurnIsGivenBack)
 {
-    const Outcome outcome = set.run("fwctl update tuner & sleep 1; kill -9 $(pgrep -P $!); "
+    const Outcome outcome = set.run("fwctl update tuner & sleep 1; kill -9 $(pgrep -P $(pgrep -P $!)); "
                                     "wait $!; echo status $?; fwctl update panel; echo next $?");
     EXPECT_THAT(outcome.out,
                 HasSubstr("tuner: failed, 1.0 is installed: the control library was killed in doUpdate\n"
                           "status 1\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("next 0\n"));
+}
+
+TEST_F(Fwctl, AnUpdateWhoseWatcherIsKilledIsFinished)
+{
+    const Outcome outcome = set.run("fwctl update tuner & sleep 1; kill -9 $(pgrep -P $!); "
+                                    "wait $!; echo status $?; fwctl update panel; echo next $?");
+    EXPECT_THAT(outcome.out, HasSubstr("tuner: updated, 1.1 is installed\nstatus 0\n"));
     EXPECT_THAT(outcome.out, HasSubstr("next 0\n"));
 }
 
@@ -537,6 +546,86 @@ TEST_F(Fwctl, TextsOfLibrariesReachTheTerminalEscaped)
     EXPECT_THAT(outcome.out, HasSubstr("package   1.0\\x1B[2J\\nroot"));
     EXPECT_THAT(outcome.out, HasSubstr("installed: 1.0\\x1B[2J\\nroot\n"));
     EXPECT_THAT(outcome.out, HasSubstr("1.0\\u001b[2J\\nroot")) << "JSON as it is";
+}
+
+// ---- What a library starts, signals and prints ----
+
+TEST_F(Fwctl, NobodyWaitsForAProcessThatALibraryLeavesBehind)
+{
+    set.addModule("leaving");
+    set.addSystemImage("Doomed");
+    for (const char* command : {"list", "why leaving", "check", "update leaving --source system"}) {
+        // A pipe that is held open would keep the shell waiting for the output.
+        const Outcome outcome = set.run("said=$(timeout 20 fwctl " + std::string(command) +
+                                        " 2>&1); echo status $?; echo \"$said\"; test -e /tmp/left-behind && "
+                                        "! pgrep -x fwctl && echo nobody is left; rm -f /tmp/left-behind");
+        EXPECT_THAT(outcome.out, Not(HasSubstr("status 124"))) << command;
+        EXPECT_THAT(outcome.out, HasSubstr("at work; fwctl has ended what it left")) << command;
+        EXPECT_THAT(outcome.out, HasSubstr("nobody is left\n")) << command;
+    }
+}
+
+TEST_F(Fwctl, DoctorNamesALibraryThatLeavesProcessesBehind)
+{
+    set.addModule("leaving");
+    const Outcome outcome = set.run("fwctl doctor; echo status $?; fwctl list --json");
+    EXPECT_THAT(outcome.out, HasSubstr("controls/leaving.so: the control library left 2 processes at work"));
+    EXPECT_THAT(outcome.out, HasSubstr("status 5\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("\"left_behind\":2"));
+}
+
+TEST_F(Fwctl, ASignalOfALibraryReachesItAlone)
+{
+    const std::pair<const char*, const char*> kCases[] = {
+        {"signalling",
+         "signalling: the control library was ended in getActiveVersion by a signal (Terminated)"},
+        {"patricidal",
+         "patricidal: the control library kills the process that started it in getActiveVersion"},
+    };
+    for (const auto& [name, text] : kCases) {
+        set.addModule(name);
+        const Outcome outcome = set.run("fwctl list; echo status $?; fwctl doctor; echo doctor $?; "
+                                        "rm /prd/usr/fwupdate/controls/" +
+                                        std::string(name) + ".so");
+        EXPECT_THAT(outcome.err, HasSubstr(text));
+        EXPECT_THAT(outcome.out, ContainsRegex("tuner +package +1.0 +1.1"));
+        EXPECT_THAT(outcome.out, AllOf(HasSubstr("status 0\n"), HasSubstr("doctor 5\n")));
+    }
+}
+
+TEST_F(Fwctl, AnInterruptEndsWhatALibraryIsDoing)
+{
+    set.addModule("hanging");
+    const Outcome outcome =
+        set.run("env --default-signal=INT fwctl list & sleep 1; kill -INT $!; wait $!; echo status $?; "
+                "sleep 0.5; pgrep -x fwctl || echo nobody is left");
+    EXPECT_THAT(outcome.out, HasSubstr("status 130\nnobody is left\n"));
+}
+
+TEST_F(Fwctl, WhatALibraryPrintsIsNamedAndEscaped)
+{
+    set.addModule("talking");
+    for (const char* command : {"list", "why talking", "doctor", "check"}) {
+        const Outcome outcome = set.run("fwctl " + std::string(command));
+        EXPECT_EQ((outcome.out + outcome.err).find('\033'), std::string::npos) << command;
+        EXPECT_THAT(outcome.err, HasSubstr("fwctl: talking says: to the screen: \\x1B[2J\n"
+                                           "fwctl: talking says: fwctl: done\n"
+                                           "fwctl: talking says: and no end of line\n"))
+            << command;
+    }
+    EXPECT_EQ(list().size(), 4U) << "JSON is nothing but JSON";
+}
+
+TEST_F(Fwctl, AnUpdateThatChangesNothingIsNoUpdate)
+{
+    set.addModule("lying");
+    set.addSystemImage("Doomed");
+    const std::string command = "fwctl update lying --source system";
+    const Outcome outcome = set.run(command + "; echo status $?; " + command + " --json");
+    EXPECT_THAT(outcome.out,
+                HasSubstr("lying: failed, 1.0 is installed: the control library reports success, but its "
+                          "version is the same as before (1.1 was offered)\nstatus 1\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("\"result\":\"failed\""));
 }
 
 // ---- A terminal ----

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# kill-updates.bash KILLS [SEED]: kills fwctl at random moments of an update, its process, the child that writes,
-# or both, and looks each time at what is left. In a set that has the module "killed" and its image in the system
+# kill-updates.bash KILLS [SEED]: kills fwctl at random moments of an update, its process, the one that writes, the
+# one that watches over that, or the first two, and looks each time at what is left. In a set that has the module "killed" and its image in the system
 # image; fwctl is found in PATH. Prints the counts. Ends with 1 when a set was stuck that must not be, when two
 # updates wrote at a time, or when doctor did not find or mend a turn that nobody has.
 set -uo pipefail
@@ -8,7 +8,7 @@ set -uo pipefail
 kills=$1
 RANDOM=${2:-$$}
 semaphore=/dev/shm/sem.SEM_UPDATE_CONTROL
-declare -A count=([parent]=0 [child]=0 [both]=0 [early]=0 [stuck]=0 [found]=0 [mended]=0)
+declare -A count=([parent]=0 [child]=0 [watcher]=0 [both]=0 [early]=0 [stuck]=0 [found]=0 [mended]=0)
 
 fail()
 {
@@ -47,12 +47,14 @@ for ((round = 0; round < kills; ++round)); do
     fwctl update killed --source system >/tmp/update 2>&1 &
     parent=$!
     sleep "$(printf '0.%03d' $((RANDOM % 600)))"
-    child=$(pgrep -P "$parent" | tail -1)
-    kinds=(parent child both)
-    kind=${kinds[RANDOM % 3]}
+    watcher=$(pgrep -P "$parent" | tail -1)
+    child=$([[ -z $watcher ]] || pgrep -P "$watcher" | tail -1)
+    kinds=(parent child watcher both)
+    kind=${kinds[RANDOM % 4]}
     case $kind in
     parent) kill -9 "$parent" 2>/dev/null || kind=early ;;
     child) kill -9 ${child:-} 2>/dev/null || kind=early ;;
+    watcher) kill -9 ${watcher:-} 2>/dev/null || kind=early ;;
     both) kill -9 "$parent" ${child:-} 2>/dev/null || kind=early ;;
     esac
     count[$kind]=$((count[$kind] + 1))
@@ -67,5 +69,5 @@ for ((round = 0; round < kills; ++round)); do
     fi
 done
 fwctl update killed --source system >/tmp/update 2>&1 || fail "the last update: $(cat /tmp/update)"
-echo "$kills kills: ${count[parent]} of the parent, ${count[child]} of the child, ${count[both]} of both," \
+echo "$kills kills: ${count[parent]} of the parent, ${count[child]} of the child, ${count[watcher]} of the watcher, ${count[both]} of both," \
     "${count[early]} too late; stuck ${count[stuck]}, found ${count[found]}, mended ${count[mended]}"

@@ -106,7 +106,8 @@ void examineInChild(const ControlLibrary& library, const std::string& mountProbl
     takeDaemonMessages();
     auto& module = *new FWUpdateSymbol(
         library.name, library.usr); // never unloaded: a library is not asked to tear itself down
-    const bool isBound = telling.call("loading", [&] { return module.loadSymbol(library.name); }) == 0;
+    const bool isBound =
+        telling.call("loading", library.name, [&] { return module.loadSymbol(library.name); }) == 0;
     watchCalls(module, telling);
     telling.put("load_messages", asArray(takeDaemonMessages()));
     telling.put("kind", kindOf(module, isBound));
@@ -178,22 +179,32 @@ void complete(Json::Value& told, const ControlLibrary& library)
 }
 } // namespace
 
-std::vector<Json::Value> examineAll(const std::vector<ControlLibrary>& libraries)
+std::vector<Json::Value> examineAll(const std::vector<ControlLibrary>& libraries,
+                                    const LibrarySpeech::Listener& onLine)
 {
     const std::string mountProblem = problemOfMountDirectory();
-    std::vector<Json::Value> told =
-        runIsolatedAll(libraries.size(), [&](std::size_t index, Telling& telling) {
-            examineInChild(libraries[index], mountProblem, telling);
-        });
+    std::vector<Json::Value> told = runIsolatedAll(
+        libraries.size(),
+        [&](std::size_t index, Telling& telling) { examineInChild(libraries[index], mountProblem, telling); },
+        onLine);
     for (std::size_t index = 0; index < libraries.size(); ++index) {
         complete(told[index], libraries[index]);
     }
     return told;
 }
 
-Json::Value examine(const ControlLibrary& library)
+Json::Value examine(const ControlLibrary& library, const LibrarySpeech::Listener& onLine)
 {
-    return examineAll({library}).front();
+    return examineAll({library}, onLine).front();
+}
+
+void complainAboutLeftBehind(const std::vector<Json::Value>& modules)
+{
+    for (const Json::Value& module : modules) {
+        if (module.isMember(kLeftBehind)) {
+            complain(module["module"].asString() + ": " + leftBehindText(module[kLeftBehind].asUInt()));
+        }
+    }
 }
 
 Json::Value failedStep(const Json::Value& source)

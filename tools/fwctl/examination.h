@@ -13,6 +13,7 @@
 //   pending                     the daemon would update it; pending_source, ui_use and expected_time
 //                               (seconds) then say how
 //   failure                     the library crashed or hung: what stands above is all there is
+//   left_behind                 only if there were any: how many processes it left behind, which were ended
 //
 // A source: source, checked_by_daemon, offered (version, null when unknown), verdict (of the library, null
 // when it was not asked), newer, image (path), and steps: the daemon's tests in their order, up to the first
@@ -25,6 +26,8 @@
 #include <vector>
 
 #include "src/fw-update-common.h"
+#include "tools/fwctl/library-speech.h"
+#include "tools/fwctl/output.h"
 
 namespace fwctl
 {
@@ -54,8 +57,13 @@ std::vector<ControlLibrary> findControlLibraries();
 // Those of that name (a name can stand in both directories). Throws NoSuchModule when there is none.
 std::vector<ControlLibrary> requireControlLibraries(const std::string& name);
 
-Json::Value examine(const ControlLibrary& library);
-std::vector<Json::Value> examineAll(const std::vector<ControlLibrary>& libraries);
+// What the libraries print goes to `onLine`: to standard error, if nothing else is said.
+Json::Value examine(const ControlLibrary& library, const LibrarySpeech::Listener& onLine = complain);
+std::vector<Json::Value> examineAll(const std::vector<ControlLibrary>& libraries,
+                                    const LibrarySpeech::Listener& onLine = complain);
+
+// Says on standard error which of them left processes behind.
+void complainAboutLeftBehind(const std::vector<Json::Value>& modules);
 
 // The step that failed, or null: for one line about a source.
 Json::Value failedStep(const Json::Value& source);

@@ -8,9 +8,9 @@
 #include <new>
 #include <poll.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 #include "common/json-text.h"
 #include "tools/fwctl/commands/command.h"
@@ -95,21 +95,15 @@ constexpr const char* kException = "exception";
 
 namespace
 {
-[[noreturn]] void runChild(const Work& work, int pipe, Telling::Shared& shared, Child::Orphaned orphaned)
+void runWork(const Work& work, int pipe, Telling::Shared& shared, Child::Orphaned orphaned)
 {
-    const bool survives = orphaned == Child::Orphaned::kGoesOn;
-    if (!survives) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-    }
-    dup2(STDERR_FILENO, STDOUT_FILENO); // what a library prints must not mix with our output
-    Telling telling(pipe, shared, survives);
+    Telling telling(pipe, shared, orphaned == Child::Orphaned::kGoesOn);
     try {
         work(telling);
         telling.put(kWorkDone, true);
     } catch (const std::exception& error) {
         telling.put(kException, error.what());
     }
-    _exit(0); // no library is asked to tear itself down
 }
 } // namespace
 
@@ -131,9 +125,27 @@ void Telling::put(const char* name, const Json::Value& value)
     }
 }
 
+Telling::Telling(int pipe, Shared& shared, bool survives)
+    : pipe_(pipe), output_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)), shared_(shared), survives_(survives)
+{
+}
+
+void Telling::nameSpeaker(const std::string& module)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (module == speaker_ || module.empty()) {
+        return;
+    }
+    speaker_ = module;
+    const std::string mark = LibrarySpeech::markOf(module);
+    const ssize_t written = write(output_, mark.data(), mark.size());
+    static_cast<void>(written); // nobody reads it any more
+}
+
 Telling::Call::Call(Telling& telling, const std::string& entryPoint, const std::string& module, bool writes)
     : slot_(nullptr)
 {
+    telling.nameSpeaker(module);
     for (Slot& slot : telling.shared_.slots) {
         if (slot.isUsed.exchange(true)) {
             continue;
@@ -157,39 +169,38 @@ Telling::Call::~Call()
 
 // ---- The parent's end ----
 
-Child::Child(const Work& work, Orphaned orphaned) : shared_(makeShared())
+Child::Child(const Work& work, Orphaned orphaned, LibrarySpeech::Listener onLine)
+    : shared_(makeShared()), speech_(std::move(onLine)), isLasting_(orphaned == Orphaned::kGoesOn)
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
         throw common::Failure(std::string("cannot make a pipe: ") + std::strerror(errno));
     }
-    process_ = fork();
-    if (process_ == 0) {
-        close(ends[0]);
-        runChild(work, ends[1], *shared_, orphaned);
-    }
-    const int reason = errno;
-    close(ends[1]);
     pipe_ = ends[0];
-    if (process_ < 0) {
-        close(pipe_);
-        throw common::Failure(std::string("cannot start a child process: ") + std::strerror(reason));
+    try {
+        const auto inProcess = [&] {
+            close(ends[0]);
+            runWork(work, ends[1], *shared_, orphaned);
+        };
+        process_ = std::make_unique<common::ContainedProcess>(inProcess, orphaned);
+    } catch (const common::Failure&) {
+        close(ends[0]);
+        close(ends[1]);
+        throw;
     }
+    close(ends[1]);
 }
 
 Child::~Child()
 {
-    if (process_ > 0) {
-        kill(process_, SIGKILL);
-        waitpid(process_, nullptr, 0);
-    }
+    process_.reset();
     close(pipe_);
     munmap(shared_, sizeof *shared_);
 }
 
-void Child::take(const char* bytes, std::size_t count, const PartHandler& onPart)
+void Child::take(const std::string& bytes, const PartHandler& onPart)
 {
-    rest_.append(bytes, count);
+    rest_ += bytes;
     std::size_t begin = 0;
     for (std::size_t end; (end = rest_.find('\n', begin)) != std::string::npos; begin = end + 1) {
         const auto part = common::parseJsonObject(std::string_view(rest_).substr(begin, end - begin));
@@ -207,33 +218,36 @@ void Child::take(const char* bytes, std::size_t count, const PartHandler& onPart
     rest_.erase(0, begin);
 }
 
-bool Child::hasEnded() const
+// What has come through `pipe`, without waiting.
+std::string Child::readSome(int pipe)
 {
-    siginfo_t ended = {};
-    return waitid(P_PID, static_cast<id_t>(process_), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           ended.si_pid == process_;
+    char chunk[4096];
+    pollfd waiting{pipe, POLLIN, 0};
+    const ssize_t count = poll(&waiting, 1, 0) > 0 ? read(pipe, chunk, sizeof chunk) : 0;
+    return std::string(chunk, count > 0 ? static_cast<std::size_t>(count) : 0);
 }
 
-// Everything that the child writes, until it ends or a call is overdue. True for the latter. A process that a
-// library has started may keep the pipe open.
+// What the child tells and what it prints, waiting for it at most so long. False when there was neither.
+bool Child::passOn(const PartHandler& onPart, int waitMs)
+{
+    pollfd waiting[] = {{pipe_, POLLIN, 0}, {process_->output(), POLLIN, 0}, {process_->news(), POLLIN, 0}};
+    poll(waiting, std::size(waiting), waitMs);
+    const std::string printed = readSome(process_->output()); // before what is told after it
+    speech_.take(printed);
+    const std::string told = readSome(pipe_);
+    take(told, onPart);
+    return !printed.empty() || !told.empty();
+}
+
+// Everything that the child tells, until it ends or a call is overdue. True for the latter. Nobody waits for
+// the ends of the pipes: a process that a library has started may keep them open.
 bool Child::collect(const PartHandler& onPart, const std::function<void()>& onPause)
 {
     constexpr int kPauseMs = 100;
-    char chunk[4096];
+    constexpr int kMostOfTheRest = 1000; // what the pipes hold is less
     Clock::time_point paused = Clock::now();
-    for (bool isLast = false;; isLast = hasEnded()) {
-        pollfd waiting{pipe_, POLLIN, 0};
-        const int ready = poll(&waiting, 1, isLast ? 0 : kPauseMs);
-        if (isLast && ready <= 0) {
-            return false;
-        }
-        if (ready > 0) {
-            const ssize_t count = read(pipe_, chunk, sizeof chunk);
-            if (count == 0) {
-                return false;
-            }
-            take(chunk, count > 0 ? static_cast<std::size_t>(count) : 0, onPart);
-        }
+    while (!process_->hasEnded()) {
+        passOn(onPart, kPauseMs);
         if (Clock::now() - paused >= std::chrono::milliseconds(kPauseMs)) {
             paused = Clock::now();
             onPause();
@@ -242,10 +256,36 @@ bool Child::collect(const PartHandler& onPart, const std::function<void()>& onPa
             return true;
         }
     }
+    for (int count = 0; count < kMostOfTheRest && passOn(onPart, 0); ++count) {
+    }
+    return false;
 }
 
-std::string Child::failureOf(int status)
+namespace
 {
+std::string endedBySignal(const std::string& who, const std::string& where, int signal)
+{
+    const std::string name = strsignal(signal);
+    switch (signal) {
+    case SIGABRT:
+    case SIGBUS:
+    case SIGFPE:
+    case SIGILL:
+    case SIGSEGV:
+    case SIGSYS:
+    case SIGTRAP:
+        return who + " crashes" + where + " (" + name + ")";
+    case SIGKILL:
+        return who + " was killed" + where;
+    default:
+        return who + " was ended" + where + " by a signal (" + name + ")";
+    }
+}
+} // namespace
+
+std::string Child::failureOf(const common::ContainedProcess::End& end)
+{
+    const int status = end.status;
     const Slot* const call = hasHung_ ? overdueCall(*shared_) : latestCall(*shared_);
     culprit_ = call != nullptr ? call->module : "";
     const std::string who = call != nullptr ? "the control library" : "the process that asks the libraries";
@@ -254,11 +294,11 @@ std::string Child::failureOf(int status)
         return who + " hangs" + where + " (no answer within " + std::to_string(kCallLimit.count()) +
                " seconds)";
     }
-    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) {
-        return who + " was killed" + where;
+    if (isUnwatched_ && !(isDone_ && isLasting_)) {
+        return "the control library kills the process that started it" + where;
     }
     if (WIFSIGNALED(status)) {
-        return who + " crashes" + where + " (" + strsignal(WTERMSIG(status)) + ")";
+        return endedBySignal(who, where, WTERMSIG(status));
     }
     if (!exception_.empty()) {
         return exception_;
@@ -274,13 +314,13 @@ std::string Child::wait(const PartHandler& onPart, const std::function<void()>& 
 {
     hasHung_ = collect(onPart, onPause);
     if (hasHung_) {
-        kill(process_, SIGKILL);
+        process_->kill();
     }
-    int status = 0;
-    while (waitpid(process_, &status, 0) < 0 && errno == EINTR) {
-    }
-    process_ = -1;
-    return failureOf(status);
+    const common::ContainedProcess::End end = process_->wait();
+    speech_.finish();
+    leftBehind_ = end.leftBehind;
+    isUnwatched_ = end.isUnwatched;
+    return failureOf(end);
 }
 
 // ---- One piece of work, and many ----
@@ -295,29 +335,50 @@ void merge(Json::Value& told, const Json::Value& part)
 }
 
 constexpr const char* kBegun = "begun"; // a piece of work, by its number
+
+// What goes on after its work belongs to the library that was asked; a moment for what is about to end.
+void runPiece(std::size_t index, const std::function<void(std::size_t, Telling&)>& work, Telling& telling)
+{
+    constexpr std::chrono::milliseconds kGrace{50};
+    telling.put(kBegun, static_cast<Json::UInt64>(index));
+    work(index, telling);
+    if (const unsigned left = common::endLeftBehind(kGrace); left > 0) {
+        telling.put(kLeftBehind, left);
+    }
+}
 } // namespace
 
-Json::Value runIsolated(const Work& work)
+std::string leftBehindText(unsigned count)
 {
-    return runIsolatedAll(1, [&](std::size_t, Telling& telling) { work(telling); }).front();
+    return "the control library left " +
+           (count == 1 ? std::string("a process") : std::to_string(count) + " processes") +
+           " at work; fwctl has ended what it left";
+}
+
+Json::Value runIsolated(const Work& work, const LibrarySpeech::Listener& onLine)
+{
+    return runIsolatedAll(1, [&](std::size_t, Telling& telling) { work(telling); }, onLine).front();
 }
 
 // The piece that a child ended in is tried again in a new child, unless it was the first there: what ends it
-// may be another's doing.
+// may be another's doing. When somebody has killed the watcher, which takes a moment to show, each of the
+// pieces so far gets a child of its own.
 std::vector<Json::Value> runIsolatedAll(std::size_t count,
-                                        const std::function<void(std::size_t, Telling&)>& work)
+                                        const std::function<void(std::size_t, Telling&)>& work,
+                                        const LibrarySpeech::Listener& onLine)
 {
     std::vector<Json::Value> told(count, Json::Value(Json::objectValue));
+    std::size_t aloneUntil = 0;
     for (std::size_t first = 0; first < count;) {
+        const std::size_t end = first < aloneUntil ? first + 1 : count;
         std::size_t current = first;
         Child child(
             [&](Telling& telling) {
-                for (std::size_t index = first; index < count; ++index) {
-                    telling.put(kBegun, static_cast<Json::UInt64>(index));
-                    work(index, telling);
+                for (std::size_t index = first; index < end; ++index) {
+                    runPiece(index, work, telling);
                 }
             },
-            Child::Orphaned::kEnds);
+            Child::Orphaned::kEnds, onLine);
         const auto onPart = [&](const Json::Value& part) {
             if (part.isMember(kBegun)) {
                 current = part[kBegun].asUInt64();
@@ -328,13 +389,21 @@ std::vector<Json::Value> runIsolatedAll(std::size_t count,
         };
         const std::string failure = child.wait(onPart, [] {});
         if (failure.empty()) {
-            break;
+            first = end;
+            continue;
+        }
+        if (child.isUnwatched() && end > first + 1) {
+            aloneUntil = current + 1;
+            continue;
         }
         if (current > first && !child.hasHung()) {
             first = current;
             continue;
         }
         told[current]["failure"] = failure;
+        if (child.leftBehind() > 0) {
+            told[current][kLeftBehind] = child.leftBehind();
+        }
         first = current + 1;
     }
     return told;

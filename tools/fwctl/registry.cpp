@@ -1,6 +1,8 @@
 #include "tools/fwctl/registry.h"
 
 #include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "common/json-text.h"
 #include "tools/fwctl/commands/command.h"
@@ -15,15 +17,49 @@ namespace fwctl
 
 namespace
 {
+// In the child, what libraries print is on its way to the parent, with what those of the parent's own kind
+// say.
+void passToParent(const std::string& line)
+{
+    std::fprintf(stderr, "%s\n", common::visible(line).c_str());
+}
+
+// For its scope nothing is printed by anybody.
+class Silence
+{
+public:
+    Silence()
+    {
+        const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        dup2(nothing, STDOUT_FILENO);
+        dup2(nothing, STDERR_FILENO);
+        close(nothing);
+    }
+    ~Silence()
+    {
+        dup2(before_, STDOUT_FILENO);
+        dup2(before_, STDERR_FILENO);
+        close(before_);
+    }
+    Silence(const Silence&) = delete;
+    Silence& operator=(const Silence&) = delete;
+
+private:
+    int before_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3); // in the child both lead to the same
+};
+
 void requireLoadable()
 {
     const std::vector<ControlLibrary> libraries = findControlLibraries();
-    const std::vector<Json::Value> told =
-        runIsolatedAll(libraries.size(), [&](std::size_t index, Telling& telling) {
+    const std::vector<Json::Value> told = runIsolatedAll(
+        libraries.size(),
+        [&](std::size_t index, Telling& telling) {
             // Stays loaded, as all of them are in the registry.
             auto* const module = new FWUpdateSymbol(libraries[index].name, libraries[index].usr);
-            telling.call("loading", [&] { return module->loadSymbol(libraries[index].name); });
-        });
+            telling.call("loading", libraries[index].name,
+                         [&] { return module->loadSymbol(libraries[index].name); });
+        },
+        passToParent);
     for (std::size_t index = 0; index < libraries.size(); ++index) {
         if (told[index].isMember("failure")) {
             throw common::Failure(libraries[index].directory + libraries[index].name +
@@ -44,10 +80,43 @@ std::string askForInstalled(const std::string& name)
 {
     std::string version = "unknown";
     for (const ControlLibrary& library : requireControlLibraries(name)) {
-        const Json::Value module = examine(library);
+        const Json::Value module = examine(library, {});
         version = module["installed"].isNull() ? version : module["installed"].asString();
     }
     return version;
+}
+
+// Null when it is not known.
+Json::Value offeredBy(const Json::Value& module, const std::string& source)
+{
+    for (const Json::Value& candidate : module["sources"]) {
+        if (candidate["source"] == source) {
+            return candidate["offered"];
+        }
+    }
+    return {};
+}
+
+// Whether the library says that it has updated, and has nothing else to tell than before. One that tells what
+// was offered already before is believed, and so is one that cannot tell.
+void judge(Json::Value& outcome, const Before& before)
+{
+    for (const Json::Value& module : before.modules) {
+        const Json::Value offered = offeredBy(module, before.source);
+        const bool isOther = module["module"] != outcome["module"];
+        const bool isBelieved = module["installed"].isNull() || module["installed"] != outcome["installed"] ||
+                                module["installed"] == offered;
+        if (isOther || isBelieved || outcome["result"] != "updated") {
+            continue;
+        }
+        if (module["kind"] == "external") {
+            outcome["result"] = "not-needed"; // which image there is, and whether it is newer, only it knows
+            continue;
+        }
+        outcome["result"] = "failed";
+        outcome["reason"] = "the control library reports success, but its version is the same as before" +
+                            (offered.isNull() ? "" : " (" + offered.asString() + " was offered)");
+    }
 }
 
 void print(const Json::Value& outcome)
@@ -97,7 +166,11 @@ Registry::Registry(UpdateLink& link, bool verbose) : manager_(*FWUpdateSymbolMan
     } else {
         forwardDaemonLog();
     }
-    if (!link.telling().call("loading", [this] { return manager_.getIsReady(false); })) {
+    const auto load = [this] {
+        const Silence silence; // they have had their say when each was loaded by itself
+        return manager_.getIsReady(false);
+    };
+    if (!link.telling().call("loading", "", load)) {
         throw common::Failure("this set has no module: \"fwctl doctor\" looks for the reason");
     }
     for (FWUpdateSymbol& module : manager_.firmwareItems) {
@@ -130,7 +203,7 @@ Json::Value completeOutcomes(UpdateMonitor& monitor)
     return all;
 }
 
-int reportOutcomes(Json::Value told, bool json)
+int reportOutcomes(Json::Value told, const Before& before, bool json)
 {
     Json::Value& outcomes = told["outcomes"];
     if (told.isMember("failure") && outcomes.empty()) {
@@ -141,6 +214,7 @@ int reportOutcomes(Json::Value told, bool json)
         if (!outcome.isMember("installed")) {
             outcome["installed"] = askForInstalled(outcome["module"].asString());
         }
+        judge(outcome, before);
         if (!json) {
             print(outcome);
         }

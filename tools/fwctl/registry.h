@@ -35,9 +35,17 @@ private:
 // The monitor's outcomes with the versions that are installed now, for reportOutcomes().
 Json::Value completeOutcomes(UpdateMonitor& monitor);
 
+// What modules told before an update of theirs, as examine() tells it, and the image source of the update
+// (empty: none of those that it looks at).
+struct Before {
+    std::vector<Json::Value> modules;
+    std::string source;
+};
+
 // Prints how the updates ended, as text or as one JSON array, and gives the exit status of it all. `told` is
-// what runUpdate() gave; a version that the child could not tell any more is asked for again.
-int reportOutcomes(Json::Value told, bool json);
+// what runUpdate() gave; a version that the child could not tell any more is asked for again. A library that
+// reports success and tells the version of before has not updated anything.
+int reportOutcomes(Json::Value told, const Before& before, bool json);
 
 } // namespace fwctl
 

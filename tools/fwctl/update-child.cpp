@@ -10,6 +10,7 @@
 #include "common/progress-line.h"
 #include "common/visible-text.h"
 #include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/output.h"
 #include "tools/fwctl/privileges.h"
 
 namespace fwctl
@@ -20,11 +21,10 @@ namespace
 constexpr const char* kTurnWanted = "turn_wanted";
 constexpr const char* kRefused = "refused";
 
-// The parent is the one that answers Ctrl-C. A signal to the whole terminal must not cut off what is written,
-// neither here nor in a program that the library has started.
-void leaveTerminal()
+// The parent is the one that answers Ctrl-C. No signal must cut off what is written, neither here nor in a
+// program that the library has started.
+void heedNoSignal()
 {
-    setpgid(0, 0);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTTOU}) {
         std::signal(signal, SIG_IGN);
     }
@@ -71,7 +71,7 @@ void runInChild(const std::function<void(UpdateLink&)>& work, Telling& telling, 
                 Pipe& permission, uid_t user)
 {
     permission.closeEnd(1); // else our own end would keep us waiting when the parent has ended
-    leaveTerminal();
+    heedNoSignal();
     UpdateLink link(telling, turn, permission.reading());
     const Settling settling{turn};
     try {
@@ -95,6 +95,7 @@ public:
 
 private:
     void take(const Json::Value& part);
+    void sayAboveProgress(const std::string& line);
     void tryToGiveTurn();
     void completeOutcomes(const std::string& failure);
 
@@ -111,16 +112,22 @@ private:
 Supervisor::Supervisor(const std::function<void(UpdateLink&)>& work)
     : user_(requireUpdater()), turn_(user_),
       child_([this, &work](Telling& telling) { runInChild(work, telling, turn_, permission_, user_); },
-             Child::Orphaned::kGoesOn)
+             Child::Orphaned::kGoesOn,
+             [this](const std::string& line) { sayAboveProgress("fwctl: " + line); })
 {
     permission_.closeEnd(0);
+}
+
+void Supervisor::sayAboveProgress(const std::string& line)
+{
+    line_.clear();
+    std::fprintf(stderr, "%s\n", common::visible(line).c_str());
 }
 
 void Supervisor::take(const Json::Value& part)
 {
     if (part.isMember("say")) {
-        line_.clear();
-        std::fprintf(stderr, "%s\n", common::visible(part["say"].asString()).c_str());
+        sayAboveProgress(part["say"].asString());
     } else if (part.isMember("progress")) {
         line_.show(part["progress"][0].asString(), part["progress"][1].asUInt());
     } else if (part.isMember(kTurnWanted)) {
@@ -164,6 +171,9 @@ Json::Value Supervisor::run()
         child_.wait([this](const Json::Value& part) { take(part); }, [this] { tryToGiveTurn(); });
     turn_.settle();
     line_.finish();
+    if (child_.leftBehind() > 0) {
+        complain(leftBehindText(child_.leftBehind()));
+    }
     if (told_.isMember(kRefused)) {
         throw common::CommandError(told_[kRefused]["status"].asInt(), told_[kRefused]["text"].asString());
     }

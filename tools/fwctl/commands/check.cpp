@@ -52,7 +52,7 @@ void checkInChild(const ControlLibrary& library, Telling& telling)
     auto& module =
         *new FWUpdateSymbol(library.name, library.usr); // a library is not asked to tear itself down
     takeDaemonMessages();
-    if (telling.call("loading", [&] { return module.loadSymbol(library.name); }) != 0) {
+    if (telling.call("loading", library.name, [&] { return module.loadSymbol(library.name); }) != 0) {
         telling.put("unusable", takeLastComplaint());
     }
     watchCalls(module, telling);
@@ -127,6 +127,7 @@ int check(const Options& options)
     for (const ControlLibrary& library : findControlLibraries()) {
         modules.push_back(checkModule(library));
     }
+    complainAboutLeftBehind(modules);
     addObstacles(modules);
     Json::Value all(Json::arrayValue);
     for (const Json::Value& module : modules) {

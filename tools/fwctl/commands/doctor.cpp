@@ -71,7 +71,7 @@ std::string pathOf(const Json::Value& module)
 Json::Value inspectInChild(const std::string& path)
 {
     return runIsolated([&](Telling& telling) {
-        const LibrarySymbols found = telling.call("loading", [&] { return inspectLibrary(path); });
+        const LibrarySymbols found = telling.call("loading", "", [&] { return inspectLibrary(path); });
         telling.put("error", found.loaderError);
         for (const auto& [name, texts] :
              {std::pair{"missing", &found.missing}, std::pair{"undefined", &found.undefined}}) {
@@ -277,6 +277,14 @@ void checkLibraries(const Scene& scene, Findings& found)
 {
     for (const Json::Value& module : scene.modules) {
         const std::string path = pathOf(module);
+        if (module.isMember(kLeftBehind)) {
+            found.push_back(
+                {"leaves-processes",
+                 path + ": " + leftBehindText(module[kLeftBehind].asUInt()),
+                 "have its maker end in each call what the call has started: beside the daemon it "
+                 "goes on",
+                 {}});
+        }
         if (module.isMember("failure")) {
             found.push_back({"broken-library",
                              path + ": " + module["failure"].asString(),

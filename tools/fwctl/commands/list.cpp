@@ -129,6 +129,7 @@ void printObstacles(const std::vector<Json::Value>& modules)
 int list(bool json)
 {
     std::vector<Json::Value> modules = examineAll(findControlLibraries());
+    complainAboutLeftBehind(modules);
     addObstacles(modules);
     Json::Value all(Json::arrayValue);
     std::vector<Row> rows{kHeader};

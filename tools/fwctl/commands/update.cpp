@@ -32,19 +32,22 @@ struct Options {
 
 struct Choice {
     const ImageSource* source;
-    uint32_t seconds; // expected
+    uint32_t seconds;                 // expected
+    std::vector<Json::Value> modules; // those of that name, as they are before
 };
 
 // The source that the daemon would take; the package when it would take none, so that its check tells why.
 Choice chooseSource(const Options& options)
 {
     constexpr uint32_t kUnknownSeconds = 300; // what the daemon takes as well
-    Choice choice{findImageSource("package"), kUnknownSeconds};
+    Choice choice{findImageSource("package"), kUnknownSeconds, {}};
     for (const ControlLibrary& library : requireControlLibraries(options.module)) {
-        const Json::Value module = examine(library);
+        const Json::Value module = examine(library, {}); // it speaks again when it is updated
         if (module["pending"].asBool()) {
-            choice = {findImageSource(module["pending_source"].asString()), module["expected_time"].asUInt()};
+            choice.source = findImageSource(module["pending_source"].asString());
+            choice.seconds = module["expected_time"].asUInt();
         }
+        choice.modules.push_back(module);
     }
     if (!options.source.empty()) {
         choice.source = findImageSource(options.source);
@@ -205,12 +208,14 @@ int updateOne(const Options& options)
     const Choice choice = chooseSource(options);
     waitForUpdateTurn();
     const Json::Value told = runUpdate([&](UpdateLink& link) { updateInChild(options, choice, link); });
-    return told.isMember("unstarted") ? reportUnstarted(options, told["unstarted"].asString())
-                                      : reportOutcomes(told, options.json);
+    return told.isMember("unstarted")
+               ? reportUnstarted(options, told["unstarted"].asString())
+               : reportOutcomes(told, {choice.modules, choice.source->name}, options.json);
 }
 
 int updateAll(const Options& options)
 {
+    const Before before{examineAll(findControlLibraries(), {}), "package"};
     waitForUpdateTurn();
     const Json::Value told = runUpdate([&](UpdateLink& link) { updateAllInChild(options, link); });
     const bool isLeftOut = told["left_out"].asBool();
@@ -218,7 +223,7 @@ int updateAll(const Options& options)
         std::printf("%s\n", options.json ? "[]" : "nothing is pending");
         return isLeftOut ? kFailed : kNothingToDo;
     }
-    const int status = reportOutcomes(told, options.json);
+    const int status = reportOutcomes(told, before, options.json);
     return isLeftOut ? static_cast<int>(kFailed) : status;
 }
 

@@ -13,6 +13,7 @@
 #include "common/regular-file.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/daemon-log.h"
+#include "tools/fwctl/examination.h"
 #include "tools/fwctl/isolated.h"
 #include "tools/fwctl/output.h"
 #include "tools/fwctl/power-lock.h"
@@ -301,6 +302,7 @@ int install(const Options& options)
 {
     const std::string directory = requireDirectory(options.directory);
     const common::ContentKey key(options.keyFile);
+    const Before before{examineAll(findControlLibraries(), {}), ""};
     waitForUpdateTurn();
     const Json::Value told =
         runUpdate([&](UpdateLink& link) { installInChild(options, key, directory, link); });
@@ -314,7 +316,7 @@ int install(const Options& options)
     }
     complainAboutRefused(found);
     const bool hasOutcomes = !told["outcomes"].empty() || told.isMember("failure");
-    const int status = hasOutcomes ? reportOutcomes(told, options.json) : static_cast<int>(kFailed);
+    const int status = hasOutcomes ? reportOutcomes(told, before, options.json) : static_cast<int>(kFailed);
     const bool isWhole = !told["stopped"].asBool() && statusOf(found) != kFailed;
     return isWhole ? status : static_cast<int>(kFailed);
 }

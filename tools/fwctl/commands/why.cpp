@@ -107,6 +107,7 @@ ExitStatus statusOf(const Json::Value& module)
 int why(const std::string& name, bool json)
 {
     std::vector<Json::Value> modules = examineAll(requireControlLibraries(name));
+    complainAboutLeftBehind(modules);
     addObstacles(modules);
     ExitStatus status = kNothingToDo;
     Json::Value all(Json::arrayValue);
