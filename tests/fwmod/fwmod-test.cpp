@@ -1,4 +1,5 @@
 // fwmod as a maker types it: the program itself, its output and its exit status.
+#include <csignal>
 #include <gio/gio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -419,6 +420,69 @@ TEST_F(Fwmod, MissingPackerIsNamed)
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.err, "fwmod: mksquashfs was not found: install squashfs-tools\n");
     EXPECT_EQ(names(), (std::vector<std::string>{"Tuner.bin", "info.json"}));
+}
+
+// However it ends, and whatever program it waits for meanwhile.
+TEST_F(Fwmod, NothingStaysOfAPackageThatWasInterrupted)
+{
+    makeInformation();
+    fs::create_directories(directory / "bin");
+    fs::create_directories(directory / "temporary");
+    writeBytes(directory / "bin/mksquashfs", "#!/bin/sh\necho $$ > \"$STARTED.part\"\n"
+                                             "mv \"$STARTED.part\" \"$STARTED\"\nexec sleep 60\n");
+    fs::permissions(directory / "bin/mksquashfs", fs::perms::owner_all);
+    const std::string script = R"(
+        export TMPDIR=$PWD/temporary PATH=$PWD/bin:$PATH STARTED=$PWD/started
+        env --default-signal "$@" &
+        until test -e started; do sleep 0.02; done
+        ls -d temporary/fwmod-* || exit 100
+        kill -$SIGNAL $!
+        wait $!
+        status=$?
+        test $SIGNAL != KILL || sleep 1 # nobody can wait for the end of that
+        ls temporary
+        ! grep -q sleep /proc/$(cat started)/cmdline 2>/dev/null || echo "the packer goes on"
+        rm started
+        exit $status)";
+    for (const auto& [name, number] :
+         {std::pair("INT", SIGINT), std::pair("TERM", SIGTERM), std::pair("HUP", SIGHUP),
+          std::pair("QUIT", SIGQUIT), std::pair("XCPU", SIGXCPU), std::pair("KILL", SIGKILL)}) {
+        std::vector<std::string> words = {"env", std::string("SIGNAL=") + name, "bash", "-c", script, "bash",
+                                          FWMOD};
+        const std::vector<std::string> command = packageAs("empTuner");
+        words.insert(words.end(), command.begin(), command.end());
+        const Outcome outcome = runProgram(words, directory.path());
+        EXPECT_EQ(outcome.status, 128 + number) << name << outcome.err;
+        EXPECT_THAT(outcome.out, testing::MatchesRegex("temporary/fwmod-[^\n]*\n")) << name;
+        EXPECT_EQ(names(), (std::vector<std::string>{"Tuner.bin", "bin", "info.json", "temporary"})) << name;
+    }
+}
+
+TEST_F(Fwmod, FileThatMayNotGrowIsAFailedWrite)
+{
+    makeInformation();
+    fs::create_directories(directory / "temporary");
+    std::vector<std::string> words = {
+        "bash", "-c", "ulimit -f 8; TMPDIR=$PWD/temporary exec env --default-signal=XFSZ \"$@\"", "bash",
+        FWMOD};
+    const std::vector<std::string> command = packageAs("empTuner");
+    words.insert(words.end(), command.begin(), command.end());
+    const Outcome outcome = runProgram(words, directory.path());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, AllOf(HasSubstr("cannot copy Tuner.bin into "), HasSubstr("File too large")));
+    EXPECT_TRUE(fs::is_empty(directory / "temporary"));
+}
+
+TEST_F(Fwmod, PackageOfAnEndlessImageIsRefusedUnread)
+{
+    makeInformation();
+    writeBytes(directory / "endless", "");
+    fs::resize_file(directory / "endless", std::uintmax_t{1} << 42); // reading it takes an hour
+    const Outcome outcome = runProgram(
+        {"timeout", "20", FWMOD, "package", "--image", "endless", "--info", "info.json", "--id", "empTuner"},
+        directory.path());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "fwmod: endless is too large: a package may hold 4 GiB\n");
 }
 
 TEST_F(Fwmod, PackageIntoAMissingDirectoryFails)

@@ -4,9 +4,12 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <gio/gio.h>
 #include <memory>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "common/file-copy.h"
@@ -56,14 +59,20 @@ Environment reproducibleEnvironment()
 
 // ---- Interruption ----
 
-constexpr int kInterruptions[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr int kInterruptions[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU};
 
-// The name of the file being written, for the handler: it may call little more than unlink.
+// What has to be put away, for the handler, which may call little more than unlink.
 char unfinishedName[PATH_MAX];
 volatile sig_atomic_t isUnfinished = 0;
+volatile sig_atomic_t removerOfScratch = 0; // its process, or 0
+volatile sig_atomic_t lifeOfScratch = -1;
 
-void removeUnfinished(int signal)
+void putAway(int signal)
 {
+    if (removerOfScratch != 0) {
+        close(lifeOfScratch);
+        waitpid(removerOfScratch, nullptr, 0);
+    }
     if (isUnfinished != 0) {
         unlink(unfinishedName);
     }
@@ -73,22 +82,29 @@ void removeUnfinished(int signal)
     raise(signal);
 }
 
-void watchInterruptions(const fs::path& unfinished)
+// Only of signals that would end the program: others are ignored, or seen to by whoever watches them.
+void watchInterruptions()
+{
+    struct sigaction action = {};
+    action.sa_handler = putAway;
+    for (const int signal : kInterruptions) {
+        struct sigaction before = {};
+        if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_DFL) {
+            sigaction(signal, &action, nullptr);
+        }
+    }
+}
+
+void watchUnfinished(const fs::path& unfinished)
 {
     if (unfinished.string().size() >= sizeof unfinishedName) {
         return; // the file system will refuse the name
     }
     std::strcpy(unfinishedName, unfinished.c_str());
     isUnfinished = 1;
-    struct sigaction action = {};
-    action.sa_handler = removeUnfinished;
-    for (const int signal : kInterruptions) {
-        struct sigaction before = {};
-        if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler != SIG_IGN) {
-            sigaction(signal, &action, nullptr);
-        }
-    }
+    watchInterruptions();
 }
+
 } // namespace
 
 void requireReadable(const fs::path& path)
@@ -184,7 +200,7 @@ NewFile::NewFile(fs::path target)
         throw common::Failure("cannot write " + target_.string() + ": make the directory " +
                               directory.string() + " first");
     }
-    watchInterruptions(unfinished_);
+    watchUnfinished(unfinished_);
 }
 
 NewFile::~NewFile()
@@ -214,21 +230,104 @@ void refuseOverwriting(const fs::path& output, const std::vector<fs::path>& inpu
     }
 }
 
-ScratchDirectory::ScratchDirectory()
+// ---- ScratchDirectory ----
+
+namespace
+{
+bool removeTree(const fs::path& path)
+{
+    std::error_code error;
+    fs::remove_all(path, error);
+    if (!error) {
+        return true;
+    }
+    // A directory that its owner may not write, by a package or a library.
+    for (fs::recursive_directory_iterator entry(path, error), end; !error && entry != end;) {
+        std::error_code ignored;
+        if (entry->symlink_status(ignored).type() == fs::file_type::directory) {
+            fs::permissions(entry->path(), fs::perms::owner_all, ignored);
+        }
+        entry.increment(error);
+    }
+    fs::remove_all(path, error);
+    return !error;
+}
+
+// In a process of its own: nothing that ends the program, or its whole group, must keep it from its work.
+[[noreturn]] void removeAfterwards(const fs::path& path, int life)
+{
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, nullptr);
+    setsid();
+    prctl(PR_SET_NAME, "fwmod-remover");
+    dup2(life, STDIN_FILENO);
+    close_range(STDERR_FILENO + 1, ~0U, 0);
+    close(STDOUT_FILENO); // which somebody may read to its end
+    close(STDERR_FILENO);
+    char word = 0;
+    if (read(STDIN_FILENO, &word, 1) == 1) {
+        _exit(0); // it is to stay
+    }
+    constexpr int kMostTries = 100; // a set that ends may still write into it
+    for (int attempt = 0; !removeTree(path) && attempt < kMostTries; ++attempt) {
+        usleep(100 * 1000);
+    }
+    _exit(0);
+}
+} // namespace
+
+ScratchDirectory::ScratchDirectory(const std::string& prefix)
 {
     GError* raw = nullptr;
-    const Text made(g_dir_make_tmp("fwmod-XXXXXX", &raw));
+    const Text made(g_dir_make_tmp((prefix + "XXXXXX").c_str(), &raw));
     const Error error(raw);
     if (!made) {
-        throw common::Failure(std::string("cannot make a temporary directory: ") + error->message);
+        throw common::Failure(std::string("cannot make a directory for temporary files: ") + error->message +
+                              " (set TMPDIR to one that can be written)");
     }
-    path_ = made.get();
+    path_ = fs::absolute(made.get());
+    try {
+        startRemover();
+    } catch (...) { // no destructor runs for what was not made
+        removeTree(path_);
+        throw;
+    }
+}
+
+void ScratchDirectory::startRemover()
+{
+    int ends[2] = {};
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        failOn(path_, "watch over");
+    }
+    remover_ = fork();
+    if (remover_ == 0) {
+        removeAfterwards(path_, ends[0]);
+    }
+    close(ends[0]);
+    life_ = ends[1];
+    if (remover_ < 0) {
+        close(life_);
+        failOn(path_, "start a process that removes");
+    }
+    lifeOfScratch = life_;
+    removerOfScratch = remover_;
+    watchInterruptions();
+}
+
+void ScratchDirectory::keep()
+{
+    if (write(life_, "k", 1) != 1) {
+        failOn(path_, "keep");
+    }
 }
 
 ScratchDirectory::~ScratchDirectory()
 {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
+    removerOfScratch = 0;
+    close(life_);
+    waitpid(remover_, nullptr, 0);
 }
 
 void writeText(const fs::path& path, const std::string& text)
@@ -244,6 +343,15 @@ void writeText(const fs::path& path, const std::string& text)
     file.commit();
 }
 
+namespace
+{
+// In the child. The program's files go with this one, and so must it.
+void endWithParent(void*)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+}
+} // namespace
+
 std::string runProgram(const std::vector<std::string>& arguments, const std::string& package)
 {
     GError* raw = nullptr;
@@ -252,7 +360,7 @@ std::string runProgram(const std::vector<std::string>& arguments, const std::str
     int status = 0;
     const gboolean started =
         g_spawn_sync(nullptr, pointersTo(arguments).data(), reproducibleEnvironment().get(),
-                     G_SPAWN_SEARCH_PATH, nullptr, nullptr, &rawOutput, &rawErrors, &status, &raw);
+                     G_SPAWN_SEARCH_PATH, endWithParent, nullptr, &rawOutput, &rawErrors, &status, &raw);
     const Text output(rawOutput);
     const Text errors(rawErrors);
     Error error(raw);
@@ -267,7 +375,7 @@ std::string runProgram(const std::vector<std::string>& arguments, const std::str
         return output ? output.get() : "";
     }
     error.reset(rawExit);
-    throw common::Failure(arguments[0] + " failed (" + error->message + "):\n" +
-                          (errors ? errors.get() : ""));
+    const std::string said = errors ? g_strchomp(errors.get()) : "";
+    throw common::Failure(arguments[0] + " failed: " + (said.empty() ? error->message : said));
 }
 } // namespace fwmod

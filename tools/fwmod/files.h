@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace fwmod
@@ -45,19 +46,25 @@ private:
 // Throws WrongUse when `output` is one of the inputs; empty names are none.
 void refuseOverwriting(const std::filesystem::path& output, const std::vector<std::filesystem::path>& inputs);
 
-// A private directory, removed with all it holds.
+// A private directory for temporary files, removed with all it holds: with the object, and in any case when
+// the program ends, however that comes about. A signal that is not caught otherwise waits for it; after
+// SIGKILL a process that does nothing else sees to it a moment later. One at a time, made while there is one
+// thread.
 class ScratchDirectory
 {
 public:
-    ScratchDirectory();
+    explicit ScratchDirectory(const std::string& prefix = "fwmod-");
     ~ScratchDirectory();
     ScratchDirectory(const ScratchDirectory&) = delete;
     ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-
-    const std::filesystem::path& path() const { return path_; }
+    const std::filesystem::path& path() const { return path_; } // absolute
+    void keep();                                                // it stays
 
 private:
+    void startRemover();
     std::filesystem::path path_;
+    pid_t remover_ = -1;
+    int life_ = -1; // of this process, for the remover: a pipe that nobody else holds open
 };
 
 void writeText(const std::filesystem::path& path, const std::string& text);

@@ -39,6 +39,8 @@ void occupyStandardStreams()
 int run(int argc, char** argv)
 {
     std::signal(SIGPIPE, SIG_IGN); // a reader that goes away is a failed write: what was begun is put away
+    std::signal(SIGXFSZ,
+                [](int) {}); // "ulimit -f": a failed write as well. Programs that we start are ended by it
     occupyStandardStreams();
     common::CommandLine program("fwmod", "Makes and checks what a firmware module consists of.");
     program.footer(

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <memory>
 
+#include "common/file-copy.h"
+#include "common/package-image.h"
 #include "common/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
@@ -24,14 +26,21 @@ struct Options {
 };
 
 void copyInto(const fs::path& from, const fs::path& to)
+try {
+    common::copyFile(from, to);
+    fs::permissions(to, fs::perms(0644)); // not those of the maker's file: reproducible
+} catch (const fs::filesystem_error& error) {
+    throw common::Failure("cannot copy " + from.string() + " into " + to.parent_path().string() + ": " +
+                          error.code().message() + " (TMPDIR may name another directory)");
+}
+
+void refuseTooLarge(const fs::path& image)
 {
-    std::error_code error;
-    fs::copy_file(from, to, error);
-    if (!error) {
-        fs::permissions(to, fs::perms(0644), error); // not those of the maker's file: reproducible
-    }
-    if (error) {
-        throw common::Failure("cannot copy " + from.string() + ": " + error.message());
+    constexpr std::uintmax_t kMost = common::PackageImage::kMostBytes;
+    requireReadable(image);
+    if (fs::file_size(image) > kMost) {
+        throw common::Failure(image.string() + " is too large: a package may hold " +
+                              std::to_string(kMost >> 30) + " GiB");
     }
 }
 
@@ -47,6 +56,7 @@ int package(const Options& options)
 {
     const std::string firmware = firmwareName(options.identifier, "--id");
     const fs::path output = options.output.empty() ? options.identifier + ".img" : options.output;
+    refuseTooLarge(options.image);
     const InformationReport report = checkInformation(options.information, fs::path(options.image));
     if (!report.accepted) {
         throw common::Failure("the daemon would refuse the package:\n" +
