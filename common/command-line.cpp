@@ -320,6 +320,9 @@ int CommandLine::parseAndRun(int argc, char** argv)
     if (!command.run_) {
         return tellWrongUse("a command is missing");
     }
+    if (preparation_) {
+        preparation_();
+    }
     return command.run_();
 }
 

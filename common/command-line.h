@@ -90,6 +90,9 @@ public:
     template <typename Action>
     void onRun(Action action);
 
+    // Done before any action, and not for --help or --version. What it throws is told like an action's.
+    void beforeRun(const std::function<void()>& preparation) { preparation_ = preparation; }
+
     // Reads the arguments and runs the chosen action; returns the program's exit status. Errors go to
     // standard error, with the program's name; an argument that one of them repeats is shown in one line, and
     // not at any length. Lets pass what is no std::exception.
@@ -112,6 +115,7 @@ private:
     CLI::App* app_;
     const CommandLine* parent_ = nullptr;
     Run run_;
+    std::function<void()> preparation_;
     std::vector<std::unique_ptr<CommandLine>> commands_;
     std::vector<std::unique_ptr<CommandLine>> groups_;
     std::vector<std::string> arguments_; // as they were typed, longest first

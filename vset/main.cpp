@@ -1,4 +1,5 @@
 // vset: a virtual television on a PC, with a private root, system bus, loop devices and clock.
+#include "common/room.h"
 #include "vset/commands/commands.h"
 
 namespace
@@ -50,6 +51,7 @@ int main(int argc, char** argv)
 {
     common::CommandLine program("vset", "A virtual television on a PC");
     program.footer(kExamples);
+    program.beforeRun(common::requireRoom);
     for (const common::Command& command : kCommands) {
         command.define(program.command(command.name, command.summary));
     }

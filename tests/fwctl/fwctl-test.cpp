@@ -926,6 +926,22 @@ TEST_F(Fwctl, WrongUseEndsWithStatusTwo)
     }
 }
 
+TEST_F(Fwctl, TooSmallALimitIsToldBeforeAnythingIsDone)
+{
+    const std::pair<const char*, const char*> kCases[] = {
+        {"ulimit -n 9", "a process may open only 9 files here: raise the limit (ulimit -n 64)"},
+        {"ulimit -v 30000", "a process may have only 30000 KiB of memory here: raise the limit (ulimit -v"},
+    };
+    for (const auto& [limit, text] : kCases) {
+        for (const char* command : {"list", "why tuner", "check", "update tuner", "doctor", "watch"}) {
+            const Outcome outcome = set.run(std::string(limit) + "; fwctl " + command + "; echo status $?");
+            EXPECT_THAT(outcome.err, HasSubstr(text)) << command;
+            EXPECT_EQ(outcome.out, "status 1\n") << command;
+        }
+    }
+    EXPECT_THAT(set.run("ulimit -Sn 9; fwctl update tuner").out, HasSubstr("tuner: updated"));
+}
+
 TEST_F(Fwctl, UnknownModuleEndsWithStatusFour)
 {
     for (const char* arguments : {"why nobody", "update nobody"}) {

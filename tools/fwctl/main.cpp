@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/room.h"
 #include "tools/fwctl/commands/command.h"
 
 namespace fwctl
@@ -40,6 +41,7 @@ int main(int argc, char** argv)
     std::signal(SIGPIPE, SIG_IGN); // a reader that goes away is a failed write, not a half-done update
     common::CommandLine program("fwctl", "Shows, checks and updates the firmware of this set's modules.");
     program.footer(fwctl::kFooter);
+    program.beforeRun(common::requireRoom);
     for (const common::Command& command : fwctl::kCommands) {
         command.define(program.command(command.name, command.summary));
     }
