@@ -207,7 +207,9 @@ CommandLine& CommandLine::group(Choice choice, const std::string& name, const st
 CommandLine::CommandLine(const std::string& name, const std::string& summary)
     : own_(std::make_unique<CLI::App>(summary, name)), app_(own_.get())
 {
-    app_->set_version_flag("--version", name + " " + version(), "Print version and commit, and end");
+    app_->set_version_flag("--version", name + " " + version(), "Print version and commit, and end")
+        ->disable_flag_override();
+    app_->get_help_ptr()->disable_flag_override();
 }
 
 CommandLine::CommandLine(CLI::App* app, const CommandLine* parent) : app_(app), parent_(parent) {}
@@ -311,6 +313,14 @@ int CommandLine::parseAndRun(int argc, char** argv)
         app_->parse(argc, argv);
     } catch (const CLI::ExtrasError&) {
         return tellWrongUse(unexpected(app_->remaining(true), !chosen().commands_.empty()));
+    } catch (const CLI::RequiredError& error) { // an option that there is not may stand in its place
+        const std::vector<std::string> extras = app_->remaining(true);
+        const bool isOption = !extras.empty() && extras.front().rfind('-', 0) == 0;
+        return tellWrongUse(isOption ? unexpected(extras, false) : error.what());
+    } catch (const CLI::ArgumentMismatch& error) {
+        const std::string text = error.what();
+        const bool isFlag = text.find("flag override") != std::string::npos;
+        return tellWrongUse(isFlag ? "--" + text.substr(0, text.find(' ')) + " takes no value" : text);
     } catch (const CLI::Success& wish) {
         return app_->exit(wish); // --help
     } catch (const CLI::ParseError& error) {

@@ -31,8 +31,11 @@ void requirePrivate(const std::string& path, int file)
 {
     struct stat status = {};
     if (fstat(file, &status) != 0 || (status.st_mode & 077) != 0) {
-        throw Failure("warning: others may read the key file " + path + ": it is refused until \"chmod 600 " +
-                      path + "\", and the key should be taken as known to others");
+        throw Failure(
+            "others may read the key file " + path +
+            ", and it was not used: have a new key made if anybody may have read it, or else make the "
+            "file your own (chmod 600 " +
+            path + ") and try again");
     }
 }
 

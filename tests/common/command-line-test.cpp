@@ -171,6 +171,7 @@ TEST(CommandLine, NamesTheCommandThatIsNotBelowAnother)
 TEST(CommandLine, NamesTheOptionThatIsNot)
 {
     EXPECT_THAT(type({"play", "hello", "--quiet"}).errors, HasSubstr("--quiet"));
+    EXPECT_THAT(type({"play", "--quiet"}).errors, HasSubstr("there is no option \"--quiet\""));
     EXPECT_THAT(type({"stop", "--quiet"}).errors, HasSubstr("there is no option \"--quiet\""));
     EXPECT_THAT(type({"stop", "now"}).errors, HasSubstr("\"now\" was not expected"));
 }
@@ -203,6 +204,18 @@ TEST(CommandLine, TellsVersionAndCommit)
     EXPECT_EQ(typed.errors, "");
     EXPECT_EQ(typed.output, "player " + std::string(common::version()) + "\n");
     EXPECT_THAT(common::version(), MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+ \\(commit [^ ]+\\)"));
+}
+
+TEST(CommandLine, TakesNothingBesideTheVersionAsAWish)
+{
+    const Typed typed = type({"--version=" + std::string(100'000, '1')});
+    EXPECT_EQ(typed.status, 2);
+    EXPECT_EQ(typed.errors, "player: --version takes no value\n\"player --help\" says more.\n");
+    EXPECT_EQ(typed.output, "");
+    EXPECT_EQ(type({"--help=x"}).errors, "player: --help takes no value\n\"player --help\" says more.\n");
+    for (const char* word : {"x", "play", "--help"}) {
+        EXPECT_NE(type({"--version", word}).output.find("player "), std::string::npos) << word;
+    }
 }
 
 TEST(CommandLine, KnowsTheVersionOfTheProgramAlone)

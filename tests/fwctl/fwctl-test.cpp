@@ -879,7 +879,7 @@ TEST_F(FwctlUsb, KeyFilesThatAreNoneAreRefused)
     set.write("/root/letters", std::string(64, 'g'), 0600);
     set.write("/root/empty", "", 0600);
     const std::pair<const char*, const char*> kCases[] = {
-        {"open", "others may read the key file"},
+        {"open", "others may read the key file /root/open, and it was not used: have a new key"},
         {"short", "is no content key"},
         {"long", "is no content key"},
         {"letters", "is no content key"},
@@ -897,6 +897,19 @@ TEST_F(FwctlUsb, KeyFilesThatAreNoneAreRefused)
 }
 
 // ---- watch ----
+
+TEST_F(Fwctl, AUserWhomTheSetDoesNotKnowIsToldSo)
+{
+    const Outcome outcome =
+        set.run("for command in list doctor watch; do "
+                "setpriv --reuid 12345 --clear-groups fwctl $command; echo status $?; done");
+    constexpr const char* kText = "the system bus refuses the user number 12345, whom this set does not know";
+    EXPECT_THAT(outcome.out, HasSubstr("but panel, tuner: " + std::string(kText)));
+    EXPECT_THAT(outcome.out, HasSubstr("✗ " + std::string(kText)));
+    EXPECT_THAT(outcome.out, HasSubstr("-> run fwctl as root or as the daemon's user\n"));
+    EXPECT_THAT(outcome.err, HasSubstr("fwctl: " + std::string(kText) + ": run fwctl as root"));
+    EXPECT_THAT(outcome.out, HasSubstr("status 1\n"));
+}
 
 TEST_F(Fwctl, WatchShowsTheUpdateAsItRuns)
 {

@@ -31,7 +31,7 @@ void addDaemons(const SetScene& scene, bool isOnScreen, Obstacles& found)
 {
     const DaemonState& daemon = scene.daemon;
     if (!daemon.hasBus) {
-        found.push_back({"no-bus", "the system bus does not answer: whether the daemon runs is unknown", ""});
+        found.push_back({"no-bus", problemOfBus().text + ": whether the daemon runs is unknown", ""});
     } else if (daemon.pid == 0) {
         found.push_back({"no-daemon", "the daemon does not run: it checks again at the next boot",
                          "or use \"fwctl update\""});

@@ -117,6 +117,17 @@ DaemonState findDaemon()
     return state;
 }
 
+BusProblem problemOfBus()
+{
+    const uid_t user = geteuid();
+    if (getpwuid(user) == nullptr) {
+        return {"the system bus refuses the user number " + std::to_string(user) +
+                    ", whom this set does not know",
+                "run fwctl as root or as the daemon's user"};
+    }
+    return {"the system bus does not answer", "start the set's platform"};
+}
+
 std::optional<uid_t> daemonUser()
 {
     const DaemonState daemon = findDaemon();

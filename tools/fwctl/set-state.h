@@ -24,6 +24,13 @@ struct DaemonState {
 };
 DaemonState findDaemon();
 
+// Why this process has no bus, when it has none, and what to do about it.
+struct BusProblem {
+    std::string text;
+    std::string advice;
+};
+BusProblem problemOfBus();
+
 // The user that the daemon runs as, also when it does not run just now: by the bus, by the owner of the
 // update semaphore, by its usual name. Empty when the set does not tell.
 std::optional<uid_t> daemonUser();

@@ -367,8 +367,8 @@ void checkSurroundings(const Scene& scene, Findings& found)
     }
     if (!scene.set.daemon.hasBus) {
         found.push_back({"no-bus",
-                         "the system bus does not answer: whether the daemon runs is unknown",
-                         "start the set's platform",
+                         problemOfBus().text + ": whether the daemon runs is unknown",
+                         problemOfBus().advice,
                          {}});
     }
     if (access("/usr/lib/libkZORUser.so", F_OK) != 0) {

@@ -201,7 +201,8 @@ void Watch::connectToBus()
 {
     bus_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
     if (!bus_) {
-        throw common::Failure("the system bus does not answer: is the set's platform running?");
+        const BusProblem problem = problemOfBus();
+        throw common::Failure(problem.text + ": " + problem.advice);
     }
     g_dbus_connection_set_exit_on_close(bus_.get(), FALSE);
     g_bus_watch_name_on_connection(bus_.get(), "org.pellor.tv.tarnwick", G_BUS_NAME_WATCHER_FLAGS_NONE,
