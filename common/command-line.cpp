@@ -323,6 +323,10 @@ int CommandLine::parseAndRun(int argc, char** argv)
         return tellWrongUse(isFlag ? "--" + text.substr(0, text.find(' ')) + " takes no value" : text);
     } catch (const CLI::Success& wish) {
         return app_->exit(wish); // --help
+    } catch (const CLI::RequiredError& error) {
+        // What was taken for an option, such as "-nan", may be the very thing that is missed.
+        const std::vector<std::string> extras = app_->remaining(true);
+        return tellWrongUse(extras.empty() ? error.what() : unexpected(extras, !chosen().commands_.empty()));
     } catch (const CLI::ParseError& error) {
         return tellWrongUse(error.what());
     }

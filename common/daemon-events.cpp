@@ -143,14 +143,6 @@ const size_t kDaemonTextCount = std::size(kDaemonTexts);
 namespace
 {
 
-std::string_view withoutLineEnd(std::string_view text)
-{
-    while (!text.empty() && text.back() == '\n') {
-        text.remove_suffix(1);
-    }
-    return text;
-}
-
 bool isWholeNumber(std::string_view text)
 {
     const bool isSigned = !text.empty() && text.front() == '-';

@@ -121,6 +121,14 @@ std::optional<LogRecord> parseLogLine(const std::string& line)
     return record;
 }
 
+std::string_view withoutLineEnd(std::string_view text)
+{
+    while (!text.empty() && text.back() == '\n') {
+        text.remove_suffix(1);
+    }
+    return text;
+}
+
 std::string priorityName(int priority)
 {
     constexpr int kLowest = 3;

@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace common
 {
@@ -39,6 +40,9 @@ void takePlaceFromMessage(LogRecord& record);
 
 // Nothing for a line that is not a whole record. `line` without its end.
 std::optional<LogRecord> parseLogLine(const std::string& line);
+
+// The message as a person is told it: the daemon ends some of its own with a line's end.
+std::string_view withoutLineEnd(std::string_view message);
 
 // "debug", "info", "warning", "error", or the number.
 std::string priorityName(int priority);

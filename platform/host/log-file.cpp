@@ -65,7 +65,8 @@ bool isOurs(const Shared& log, int file, struct statx& status)
 
 int openLog()
 {
-    const int opened = open(kLogFile, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666);
+    const int opened =
+        open(kLogFile, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
     if (opened < 0 || opened >= kLowestDescriptor) {
         return opened;
     }

@@ -470,7 +470,7 @@ std::string TrialSet::lastWords() const
     }
     const std::size_t early = records_.size() - std::min(kShown, records_.size());
     for (std::size_t index = early; index < records_.size(); ++index) {
-        text += "  the daemon: " + records_[index].message + "\n";
+        text += "  the daemon: " + std::string(common::withoutLineEnd(records_[index].message)) + "\n";
     }
     return text;
 }

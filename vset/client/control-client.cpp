@@ -27,7 +27,6 @@ constexpr const char* kMountPath = "/org/pellor/psmount";
 constexpr const char* kMountControl = "org.pellor.psmount.Control";
 constexpr const char* kSocket = "/run/dbus/system_bus_socket";
 constexpr const char* kThisSet = "this set";
-constexpr int kTimeoutMilliseconds = 10000;
 
 // A text as the bus takes it; GLib would send another one in the place of bytes that are none.
 const char* busText(const std::string& text)
@@ -105,7 +104,7 @@ std::string notRunningText(const std::string& whereabouts)
 
 // ---- The way to a bus ----
 
-int connectSocket(const std::string& path, const std::string& whereabouts)
+int connectSocket(const std::string& path, const std::string& whereabouts, std::chrono::milliseconds longest)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -114,8 +113,10 @@ int connectSocket(const std::string& path, const std::string& whereabouts)
     }
     path.copy(address.sun_path, path.size());
     Descriptor bus(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const timeval limit = {kTimeoutMilliseconds / 1000, 0}; // of the handshake; GIO does not block later
+    // Of the handshake; GIO does not block later.
+    const timeval limit = {longest.count() / 1000, longest.count() % 1000 * 1000};
     setsockopt(bus.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    setsockopt(bus.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     if (connect(bus.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         return bus.release();
     }
@@ -167,9 +168,13 @@ struct Unref {
 
 } // namespace
 
-ControlClient ControlClient::ofSet(const std::string& set)
+ControlClient ControlClient::ofSet(const std::string& set, std::chrono::milliseconds longest)
 {
     if (access((set + "/root").c_str(), F_OK) != 0) {
+        if (errno != ENOENT && errno != ENOTDIR) {
+            throw ControlError("the set " + set +
+                               " cannot be opened: " + std::generic_category().message(errno));
+        }
         throw ControlError("there is no set in " + set + ": make one with `vset new " + set + "`");
     }
     // A socket's path has at most 107 bytes, a set's directory may have more: the way goes over a descriptor.
@@ -178,19 +183,20 @@ ControlClient ControlClient::ofSet(const std::string& set)
         throw ControlError(notRunningText("set " + set));
     }
     return ControlClient("/proc/self/fd/" + std::to_string(directory.get()) + "/system_bus_socket",
-                         "set " + set);
+                         "set " + set, longest);
 }
 
 ControlClient ControlClient::inside()
 {
-    return ControlClient(kSocket, kThisSet);
+    return ControlClient(kSocket, kThisSet, std::chrono::seconds(10));
 }
 
-ControlClient::ControlClient(const std::string& socketPath, const std::string& whereabouts)
-    : whereabouts_(whereabouts), context_(g_main_context_new())
+ControlClient::ControlClient(const std::string& socketPath, const std::string& whereabouts,
+                             std::chrono::milliseconds longest)
+    : whereabouts_(whereabouts), longest_(static_cast<int>(longest.count())), context_(g_main_context_new())
 {
     const ThreadContext ours(context_.get());
-    Descriptor bus(connectSocket(socketPath, whereabouts));
+    Descriptor bus(connectSocket(socketPath, whereabouts, longest));
     authenticate(bus.get(), whereabouts);
     common::ErrorSlot error;
     const std::unique_ptr<GSocket, Unref> socket(g_socket_new_from_fd(bus.get(), error.address()));
@@ -204,7 +210,11 @@ ControlClient::ControlClient(const std::string& socketPath, const std::string& w
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION, nullptr, nullptr,
                                           error.address()));
     if (bus_ == nullptr) {
-        failToReach(whereabouts, error.text());
+        // The bus takes everybody's connection, and closes those of users that its set does not know.
+        const bool isClosed = g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CLOSED) != FALSE;
+        failToReach(whereabouts,
+                    error.text() +
+                        (isClosed && geteuid() != 0 ? " (it belongs to another user? then use sudo)" : ""));
     }
 }
 
@@ -236,7 +246,7 @@ common::GlibPointer<GVariant> ControlClient::callInterface(const char* interface
     common::ErrorSlot error;
     common::GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
         bus_.get(), kPlatformName, kPlatformPath, interface, method, parameters, G_VARIANT_TYPE(replyType),
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, kTimeoutMilliseconds, nullptr, error.address()));
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, longest_, nullptr, error.address()));
     if (reply == nullptr) {
         throw ControlError(textForPerson(error, whereabouts_));
     }
@@ -321,10 +331,10 @@ void ControlClient::setMountFault(const std::string& name, int returned, int res
 {
     const std::string method = name.substr(name.find('_') + 1); // PS_Mount is Mount there
     common::ErrorSlot error;
-    const common::GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
-        bus_.get(), kMountName, kMountPath, kMountControl, "SetFault",
-        g_variant_new("(siii)", method.c_str(), returned, result, count), nullptr,
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, kTimeoutMilliseconds, nullptr, error.address()));
+    const common::GlibPointer<GVariant> reply(
+        g_dbus_connection_call_sync(bus_.get(), kMountName, kMountPath, kMountControl, "SetFault",
+                                    g_variant_new("(siii)", method.c_str(), returned, result, count), nullptr,
+                                    G_DBUS_CALL_FLAGS_NO_AUTO_START, longest_, nullptr, error.address()));
     if (reply == nullptr) {
         throw ControlError("the mount service of " + whereabouts_ + ": " + error.text());
     }

@@ -25,8 +25,10 @@ public:
 class ControlClient
 {
 public:
-    // Of the running set in the directory `set`, as `vset run` got it.
-    static ControlClient ofSet(const std::string& set);
+    // Of the running set in the directory `set`, as `vset run` got it. So long a call, and the way to the
+    // bus, may take.
+    static ControlClient ofSet(const std::string& set,
+                               std::chrono::milliseconds longest = std::chrono::seconds(10));
     // Of the set that this process runs in.
     static ControlClient inside();
 
@@ -65,7 +67,8 @@ public:
                           std::chrono::milliseconds limit) const;
 
 private:
-    ControlClient(const std::string& socketPath, const std::string& whereabouts);
+    ControlClient(const std::string& socketPath, const std::string& whereabouts,
+                  std::chrono::milliseconds longest);
 
     common::GlibPointer<GVariant> call(const char* method, GVariant* parameters,
                                        const char* replyType = "()") const;
@@ -74,6 +77,7 @@ private:
     void setMountFault(const std::string& call, int returned, int result, int count) const;
 
     std::string whereabouts_; // of the set, for error texts
+    int longest_;             // milliseconds of a call
     common::GlibPointer<GMainContext> context_;
     common::GlibPointer<GDBusConnection> bus_;
 };

@@ -60,6 +60,13 @@ ClockState jumped(ClockState state, double seconds)
     return state;
 }
 
+// A page of a full disk's file kills who writes it.
+bool hasRoom(int file)
+{
+    errno = posix_fallocate(file, 0, sizeof(ClockPage));
+    return errno == 0;
+}
+
 [[noreturn]] void fail(const std::string& what)
 {
     throw std::system_error(errno, std::generic_category(), what);
@@ -91,7 +98,8 @@ ClockFile::ClockFile(const std::string& path, Opening opening)
     if (file_ < 0) {
         fail("cannot open " + path);
     }
-    const bool isReady = flock(file_, LOCK_EX) == 0 && ftruncate(file_, sizeof(ClockPage)) == 0;
+    const bool isReady =
+        flock(file_, LOCK_EX) == 0 && ftruncate(file_, sizeof(ClockPage)) == 0 && hasRoom(file_);
     if (isReady) {
         memory_ = mmap(nullptr, sizeof(ClockPage), PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
     }

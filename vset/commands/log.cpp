@@ -77,8 +77,7 @@ void printRecord(const LogRecord& record, bool isColoured)
     const std::string place = common::visible(placeOf(record));
     placeWidth = std::min(kWidest, std::max(placeWidth, place.size()));
 
-    std::string message = record.message;
-    message.erase(message.find_last_not_of('\n') + 1);
+    const std::string_view message = common::withoutLineEnd(record.message);
     const std::string clock = record.time.size() >= 23 ? record.time.substr(11, 12) : record.time;
     std::printf("%s%s  %-7s  %s  %-*s  %s%s\n", isColoured ? colourOf(record.priority) : "",
                 common::visible(clock).c_str(), priorityName(record.priority).c_str(),

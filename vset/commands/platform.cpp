@@ -189,7 +189,8 @@ void runFault(const FaultOptions& options)
     }
     const bool isDelay = options.delay.has_value();
     const bool isResult = options.result.has_value();
-    if (options.call.empty() && !options.isReset && (isDelay || isResult)) {
+    const bool isOrder = isDelay || isResult || options.count || !options.argument.empty();
+    if (options.call.empty() && isOrder) {
         throw common::WrongUse("fault: CALL: which call shall fail or be late?");
     }
     const ControlClient client = ControlClient::ofSet(options.set);

@@ -1,7 +1,9 @@
 // vset new, run, exec, clock: the set itself.
 #include <cstdio>
 #include <memory>
+#include <unistd.h>
 
+#include "common/visible-text.h"
 #include "vset/commands/commands.h"
 #include "vset/launcher/exec.h"
 #include "vset/launcher/leader.h"
@@ -31,7 +33,9 @@ void defineNew(common::CommandLine& command)
         if (!options->isBare) {
             directory.installDaemon();
         }
-        std::printf("%s\n", directory.path().c_str());
+        // For a script as it is; a person's terminal shall not obey it.
+        const std::string path = directory.path();
+        std::printf("%s\n", (isatty(STDOUT_FILENO) != 0 ? common::visible(path) : path).c_str());
     });
 }
 

@@ -95,15 +95,27 @@ constexpr Identity kUpdate{kUpdateUser, kSystemGroup, true};
 
 // ---- Processes ----
 
-sigset_t handledSignals()
+sigset_t endingSignals()
 {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
         sigaddset(&signals, number);
     }
     return signals;
 }
+
+sigset_t handledSignals()
+{
+    sigset_t signals = endingSignals();
+    sigaddset(&signals, SIGCHLD);
+    return signals;
+}
+
+// The set was asked to end before it was up.
+struct EndedAtStart {
+    int signal;
+};
 
 void becomeUser(const Identity& identity, bool rootless)
 {
@@ -179,7 +191,7 @@ private:
     // What tells, by one byte, that the service which was started can be used.
     UniqueFd startTelling(Service& service, std::vector<std::string> arguments, const char* fdOption,
                           const Identity& identity, bool onClock);
-    static void waitUntilReady(const Service& service, const UniqueFd& ready);
+    void waitUntilReady(const Service& service, const UniqueFd& ready) const;
     void startBus();
     void startServices();
     std::vector<std::string> mountServiceCommand() const;
@@ -210,6 +222,7 @@ private:
     int powerPipe_;
     mode_t callersMask_ = 022;
     UniqueFd signals_;
+    UniqueFd endings_; // the same without those of children, for the time of the start
     Service bus_{"dbus-daemon"};
     Service mounts_{"psmountd", -1, &Init::restartMountService};
     Service platform_{"platformd", -1, &Init::restartPlatform};
@@ -259,15 +272,19 @@ UniqueFd Init::startTelling(Service& service, std::vector<std::string> arguments
     return std::move(ready.readEnd);
 }
 
-void Init::waitUntilReady(const Service& service, const UniqueFd& ready)
+void Init::waitUntilReady(const Service& service, const UniqueFd& ready) const
 {
-    pollfd waiting{ready.get(), POLLIN, 0};
+    pollfd waiting[] = {{ready.get(), POLLIN, 0}, {endings_.get(), POLLIN, 0}};
     int events = 0;
     do {
-        events = poll(&waiting, 1, kReadyTimeoutMs);
+        events = poll(waiting, std::size(waiting), kReadyTimeoutMs);
     } while (events < 0 && errno == EINTR);
+    signalfd_siginfo signal{};
+    if (waiting[1].revents != 0 && read(endings_.get(), &signal, sizeof signal) == sizeof signal) {
+        throw EndedAtStart{static_cast<int>(signal.ssi_signo)};
+    }
     char byte = 0;
-    if (events > 0 && read(ready.get(), &byte, 1) == 1) {
+    if (waiting[0].revents != 0 && read(ready.get(), &byte, 1) == 1) {
         return;
     }
     throw Error(std::string(service.name) + (events == 0 ? " does not get ready" : " ended at its start") +
@@ -395,6 +412,8 @@ int Init::run(const std::function<void()>& onUp)
     const sigset_t handled = handledSignals();
     check(sigprocmask(SIG_BLOCK, &handled, nullptr), "cannot block signals");
     signals_ = UniqueFd(check(signalfd(-1, &handled, SFD_CLOEXEC), "cannot receive signals"));
+    const sigset_t ending = endingSignals();
+    endings_ = UniqueFd(check(signalfd(-1, &ending, SFD_CLOEXEC), "cannot receive signals"));
     callersMask_ = umask(022); // of the set's files; the command gets its own back
     composeRoot(plan_.root);
     if (plan_.television() && access("/usr/bin/tarnwick", X_OK) != 0) {
@@ -402,8 +421,12 @@ int Init::run(const std::function<void()>& onUp)
                     "`");
     }
     cleanEnvironment(plan_.tools, plan_.root.clock);
-    startBus();
-    startServices();
+    try {
+        startBus();
+        startServices();
+    } catch (const EndedAtStart& end) {
+        return 128 + end.signal;
+    }
     orders_.emplace();
     onUp();
     startMain();

@@ -137,9 +137,12 @@ End Leader::boot()
     return end;
 }
 
-// Signals from the terminal reach the set's processes by themselves; others are handed on to PID 1.
+// Signals from the terminal reach the set's processes by themselves; others are handed on to PID 1, which is
+// killed when it makes nothing of them.
 int Leader::waitForEnd(pid_t init)
 {
+    constexpr timespec kPatience{20, 0}; // far beyond what PID 1 gives its command and its services
+    bool isAsked = false;
     sigset_t handled;
     sigemptyset(&handled);
     for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
@@ -151,8 +154,12 @@ int Leader::waitForEnd(pid_t init)
     pid_t ended = 0;
     while ((ended = waitpid(init, &status, WNOHANG)) == 0) {
         siginfo_t signal{};
-        if (sigwaitinfo(&handled, &signal) > 0 && signal.si_signo != SIGCHLD && signal.si_code != SI_KERNEL) {
-            kill(init, signal.si_signo);
+        const int number = sigtimedwait(&handled, &signal, isAsked ? &kPatience : nullptr);
+        if (number > 0 && number != SIGCHLD && signal.si_code != SI_KERNEL) {
+            kill(init, number);
+            isAsked = true;
+        } else if (number < 0 && errno == EAGAIN) {
+            kill(init, SIGKILL);
         }
     }
     check(ended, "cannot wait for the set");

@@ -1,5 +1,6 @@
 #include "vset/launcher/set-directory.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -112,23 +113,83 @@ bool isMachineId(const std::string& text)
            text.find_first_not_of("0123456789abcdef") == kMachineIdSize - 1 && text.back() == '\n';
 }
 
-int runProgram(std::vector<const char*> arguments)
+struct Ended {
+    int status = 0;
+    std::string said; // to standard output and error
+};
+
+std::string readAll(const UniqueFd& pipe)
+{
+    std::string text;
+    char block[4096];
+    ssize_t size = 0;
+    while ((size = read(pipe.get(), block, sizeof block)) > 0 || (size < 0 && errno == EINTR)) {
+        text.append(block, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    }
+    return text;
+}
+
+Ended runProgram(std::vector<const char*> arguments)
 {
     arguments.push_back(nullptr);
+    Pipe said = makePipe();
+    posix_spawn_file_actions_t streams;
+    posix_spawn_file_actions_init(&streams);
+    posix_spawn_file_actions_adddup2(&streams, said.writeEnd.get(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&streams, said.writeEnd.get(), STDERR_FILENO);
     pid_t process = 0;
-    const int error = posix_spawnp(&process, arguments[0], nullptr, nullptr,
+    const int error = posix_spawnp(&process, arguments[0], &streams, nullptr,
                                    const_cast<char* const*>(arguments.data()), environ);
+    posix_spawn_file_actions_destroy(&streams);
     if (error != 0) {
         throw Error(std::string("cannot start ") + arguments[0] + ": " + std::strerror(error));
     }
-    return shellStatus(waitFor(process));
+    said.writeEnd.reset();
+    Ended ended;
+    ended.said = readAll(said.readEnd);
+    ended.status = shellStatus(waitFor(process));
+    return ended;
 }
 
-// A component of the build tree; whether it worked, after cmake has said why not.
-bool install(const BuildTree& tree, const char* component, const fs::path& prefix)
+// What went wrong, in one line, of what cmake says around it: "CMake Error at FILE:LINE (file):", then the
+// text in lines of their own, then "Call Stack".
+std::string reasonIn(const std::string& said)
 {
-    return runProgram({tree.cmake.c_str(), "--install", tree.build.c_str(), "--prefix", prefix.c_str(),
-                       "--component", component}) == 0;
+    const size_t error = said.find("CMake Error");
+    const size_t begin = error == std::string::npos ? error : said.find(":\n", error);
+    std::istringstream words(begin == std::string::npos ? said : said.substr(begin + 1));
+    std::string reason;
+    for (std::string word; words >> word && word != "Call";) {
+        reason += (reason.empty() ? "" : " ") + word;
+    }
+    constexpr const char* kCaller = "file INSTALL ";
+    return reason.rfind(kCaller, 0) == 0 ? reason.substr(std::strlen(kCaller)) : reason;
+}
+
+// At the end cmake lists in its build tree what it has put where, which nobody reads here, and a plain user
+// may not write there.
+bool lacksOnlyTheList(const Ended& ended)
+{
+    constexpr const char* kError = "CMake Error";
+    const size_t first = ended.said.find(kError);
+    return first != std::string::npos && ended.said.find(kError, first + 1) == std::string::npos &&
+           ended.said.find("install_manifest_", first) != std::string::npos;
+}
+
+// A component of the build tree, with `what` in it, which `target` builds.
+void install(const BuildTree& tree, const char* component, const fs::path& prefix, const std::string& what,
+             const std::string& target)
+{
+    const Ended ended = runProgram({tree.cmake.c_str(), "--install", tree.build.c_str(), "--prefix",
+                                    prefix.c_str(), "--component", component});
+    if (ended.status == 0 || lacksOnlyTheList(ended)) {
+        return;
+    }
+    const std::string reason = reasonIn(ended.said);
+    const bool isBuilt = reason.rfind("cannot find", 0) != 0;
+    throw Error(what + (isBuilt ? " cannot be put into the set: " + reason
+                                : " is not built: build it first with `cmake --build " + tree.build.string() +
+                                      target + "`"));
 }
 
 // Puts the files of `tree` into `usr`. Each is a new file there: a set that runs keeps using the old ones.
@@ -191,7 +252,8 @@ SetDirectory SetDirectory::makeTemporary()
     const char* parent = std::getenv("TMPDIR");
     std::string name = std::string(parent != nullptr && *parent == '/' ? parent : "/tmp") + "/vset-XXXXXX";
     if (mkdtemp(name.data()) == nullptr) {
-        failWithErrno("cannot make a temporary set " + name);
+        failWithErrno("no temporary set can be made in " + fs::path(name).parent_path().string() +
+                      " (TMPDIR names another directory)");
     }
     check(chmod(name.c_str(), 0755), "cannot set the mode of " + name);
     return make(name);
@@ -201,7 +263,11 @@ SetDirectory SetDirectory::open(const fs::path& path)
 {
     std::error_code error;
     const fs::path canonical = fs::canonical(path, error);
-    if (error || !fs::is_directory(canonical / "root") || !fs::is_directory(canonical / "usr")) {
+    if (error && error != std::errc::no_such_file_or_directory) {
+        throw Error("the set " + path.string() + " cannot be opened: " + error.message());
+    }
+    if (error || !fs::is_directory(canonical / "root", error) ||
+        !fs::is_directory(canonical / "usr", error)) {
         throw Error("there is no set at " + path.string() + ": make one with `vset new " + path.string() +
                     "`");
     }
@@ -211,11 +277,11 @@ SetDirectory SetDirectory::open(const fs::path& path)
 SetDirectory SetDirectory::make(const fs::path& path)
 {
     std::error_code error;
-    if (fs::exists(path, error) && !fs::is_directory(path)) {
+    if (fs::exists(path, error) && !fs::is_directory(path, error)) {
         throw Error(path.string() + " is not a directory: choose another name for the set");
     }
-    const bool foreign =
-        fs::is_directory(path, error) && !fs::is_empty(path, error) && !fs::is_directory(path / "root");
+    const bool foreign = fs::is_directory(path, error) && !fs::is_empty(path, error) &&
+                         !fs::is_directory(path / "root", error);
     if (foreign) {
         throw Error(path.string() +
                     " is a directory with something else in it: choose another name for the set");
@@ -233,18 +299,20 @@ void SetDirectory::installDaemon() const
 {
     umask(022); // the set's users must be able to enter what is put there, whoever makes the set
     if (const fs::path kit = kitDirectory(); !kit.empty()) {
-        copyTree(kit / "set/usr", usr());
+        try {
+            copyTree(kit / "set/usr", usr());
+        } catch (const fs::filesystem_error& error) {
+            throw Error("the daemon cannot be put into the set: " + error.code().message() + " (" +
+                        (error.path2().empty() ? error.path1() : error.path2()).string() + ")");
+        }
         return;
     }
     const BuildTree tree = buildTree();
-    const std::string build = "`cmake --build " + tree.build.string();
-    if (!install(tree, "daemon", usr())) {
-        throw Error("the daemon could not be put into the set: build it first with " + build + "`");
-    }
+    install(tree, "daemon", usr(), "the daemon", "");
     // A television does without; who builds only the daemon gets a set all the same.
     const fs::path fwctl = tree.build / "tools/fwctl/fwctl";
-    if (access(fwctl.c_str(), X_OK) == 0 && !install(tree, "fwctl", usr())) {
-        throw Error("fwctl could not be put into the set: build it anew with " + build + " --target fwctl`");
+    if (access(fwctl.c_str(), X_OK) == 0) {
+        install(tree, "fwctl", usr(), "fwctl", " --target fwctl");
     }
 }
 

@@ -102,7 +102,7 @@ BuildTree buildTree()
 
 void note(const std::string& text)
 {
-    const std::string line = "vset: " + common::visibleLines(text) + "\n";
+    const std::string line = "vset: " + common::visible(text) + "\n";
     fputs(line.c_str(), stderr); // stderr is unbuffered: one write, whole lines also from PID 1
 }
 

@@ -10,6 +10,7 @@
 
 #include "common/errors.h"
 #include "common/file-copy.h"
+#include "common/regular-file.h"
 
 namespace vset
 {
@@ -103,20 +104,24 @@ void replace(const fs::path& target, const std::function<void(const fs::path& un
 void requireFile(const fs::path& file)
 {
     std::error_code error;
-    const fs::file_status status = fs::status(file, error);
-    if (status.type() == fs::file_type::not_found) {
+    if (fs::status(file, error).type() == fs::file_type::not_found) {
         fail(file.string(), "there is no such file");
     }
-    if (!fs::is_regular_file(status)) {
-        fail(file.string(), "is not a file");
+    const common::RegularFile readable(file);
+    if (readable.descriptor() < 0) {
+        fail(file.string(), readable.problem());
     }
 }
 
 void requireDirectory(const fs::path& directory)
 {
     std::error_code error;
-    if (!fs::exists(directory, error)) {
+    const fs::file_type type = fs::status(directory, error).type();
+    if (type == fs::file_type::not_found) {
         fail(directory.string(), "there is no such directory");
+    }
+    if (type == fs::file_type::none) {
+        fail(directory.string(), "cannot be looked into: " + error.message());
     }
     if (!fs::is_directory(directory, error)) {
         fail(directory.string(), "is not a directory");
@@ -147,7 +152,11 @@ bool isBelow(const std::string& path, const std::string& directory)
 SetContents::SetContents(const fs::path& set) : set_(set)
 {
     std::error_code error;
-    if (!fs::is_directory(set / "root", error) || !fs::is_directory(set / "usr", error)) {
+    const fs::file_type type = fs::status(set / "root", error).type();
+    if (type == fs::file_type::none) { // there may be one that cannot be looked into
+        fail("the set " + set.string() + " cannot be opened", error.message());
+    }
+    if (type != fs::file_type::directory || !fs::is_directory(set / "usr", error)) {
         throw common::Failure("there is no set at " + set.string() + ": make one with `vset new " +
                               set.string() + "`");
     }
@@ -232,7 +241,8 @@ void SetContents::putFirmware(const fs::path& directory) const
 
 void SetContents::putHardware(const fs::path& chips) const
 {
-    if (!fs::is_directory(chips)) {
+    std::error_code error;
+    if (!fs::is_directory(chips, error)) {
         putFile(chips, inset::kHardware);
         return;
     }

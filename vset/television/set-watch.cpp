@@ -26,11 +26,6 @@ constexpr std::chrono::milliseconds kBetweenLooks{50};
 constexpr std::chrono::seconds kToBeSwitchedOn{10};
 constexpr std::chrono::milliseconds kLongestLook{500}; // at a log, however long it is
 
-std::string quoted(const std::string& text)
-{
-    return "\"" + common::visible(text) + "\"";
-}
-
 std::string inSeconds(std::chrono::milliseconds time)
 {
     std::string text = std::to_string(static_cast<double>(time.count()) / 1000);
@@ -82,6 +77,20 @@ const Boot* bootIn(const SetLife& life, std::optional<int> wanted)
 
 } // namespace
 
+namespace
+{
+
+// What is left of the limit; something at the end, too, so that a limit of nothing is one look.
+std::chrono::milliseconds longestLook(Clock::time_point start, std::chrono::milliseconds limit)
+{
+    constexpr std::chrono::milliseconds kLeast{1000};
+    constexpr std::chrono::milliseconds kMost{10000};
+    const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
+    return std::clamp(limit - passed, kLeast, kMost);
+}
+
+} // namespace
+
 void waitFor(const fs::path& set, const Condition& condition, std::chrono::milliseconds limit)
 {
     const Clock::time_point start = Clock::now();
@@ -89,7 +98,7 @@ void waitFor(const fs::path& set, const Condition& condition, std::chrono::milli
     while (true) {
         const bool isOnNow = isAlive(set, readLife(set)); // before the look: what it did at its end counts
         wasOn = wasOn || isOnNow;
-        if (wasOn && condition.isSo()) {
+        if (wasOn && condition.isSo(longestLook(start, limit))) {
             return;
         }
         const auto passed = Clock::now() - start;
@@ -113,7 +122,7 @@ void waitFor(const fs::path& set, const Condition& condition, std::chrono::milli
 
 Condition isUp(const fs::path& set, std::optional<int> boot)
 {
-    const auto isSo = [set, boot] {
+    const auto isSo = [set, boot](auto) {
         const SetLife life = readLife(set);
         const Boot* const meant = bootIn(life, boot);
         return meant != nullptr && meant->isUp;
@@ -124,12 +133,12 @@ Condition isUp(const fs::path& set, std::optional<int> boot)
 
 Condition isOff(const fs::path& set)
 {
-    return {"the set to be off", [set] { return !isOn(set); }, [set] { return lifeText(set); }, true};
+    return {"the set to be off", [set](auto) { return !isOn(set); }, [set] { return lifeText(set); }, true};
 }
 
 Condition hasEnded(const fs::path& set, std::optional<int> status, std::optional<int> boot)
 {
-    const auto isSo = [set, status, boot] {
+    const auto isSo = [set, status, boot](auto) {
         const SetLife life = readLife(set);
         const Boot* const meant = bootIn(life, boot);
         if (meant == nullptr || !meant->daemonEnded) {
@@ -176,7 +185,7 @@ public:
             found_ > 0 ? std::to_string(found_) + " of " + std::to_string(wanted_.count) + " such messages; "
                        : "";
         const std::string said =
-            last_.empty() ? "the daemon has said nothing" : "the daemon said " + quoted(last_);
+            last_.empty() ? "the daemon has said nothing" : "the daemon said " + common::inQuotes(last_);
         return count + said + "; " + lifeText(set_);
     }
 
@@ -206,8 +215,8 @@ private:
         if (!common::isOfDaemon(record)) {
             return true;
         }
-        last_ = record.message;
-        const bool isIt = wanted_.isWhole ? record.message == wanted_.text
+        last_ = common::withoutLineEnd(record.message);
+        const bool isIt = wanted_.isWhole ? last_ == common::withoutLineEnd(wanted_.text)
                                           : record.message.find(wanted_.text) != std::string::npos;
         found_ += isIt ? 1 : 0;
         return true;
@@ -227,8 +236,8 @@ Condition hasSaid(const fs::path& set, const Text& text)
 {
     const auto watch = std::make_shared<LogWatch>(set, text);
     const std::string times = text.count == 1 ? "" : " " + std::to_string(text.count) + " times";
-    return {"the daemon to say " + quoted(text.text) + times, [watch] { return watch->isSo(); },
-            [watch] { return watch->seen(); }};
+    return {"the daemon to say " + common::inQuotes(text.text) + times,
+            [watch](auto) { return watch->isSo(); }, [watch] { return watch->seen(); }};
 }
 
 // ---- Files, platform ----
@@ -240,7 +249,7 @@ Condition fileIs(const fs::path& set, const std::string& path, bool isThere)
         std::error_code error;
         return fs::exists(fs::symlink_status(file, error));
     };
-    return {path + (isThere ? " to be there" : " to be gone"), [=] { return exists() == isThere; },
+    return {path + (isThere ? " to be there" : " to be gone"), [=](auto) { return exists() == isThere; },
             [=] { return std::string(exists() ? "it is there; " : "it is not there; ") + lifeText(set); }};
 }
 
@@ -254,10 +263,10 @@ public:
     using Look = std::function<std::string(const Json::Value& snapshot)>;
     PlatformWatch(fs::path set, Look look) : set_(std::move(set)), look_(std::move(look)) {}
 
-    bool is(const std::string& wanted)
+    bool is(const std::string& wanted, std::chrono::milliseconds longest)
     {
         try {
-            seen_ = look_(ControlClient::ofSet(set_).snapshot());
+            seen_ = look_(ControlClient::ofSet(set_, longest).snapshot());
             return seen_ == wanted;
         } catch (const ControlError& error) {
             seen_ = error.what();
@@ -276,7 +285,7 @@ Condition platformIs(const fs::path& set, const std::string& what, const std::st
                      PlatformWatch::Look look)
 {
     const auto watch = std::make_shared<PlatformWatch>(set, std::move(look));
-    return {what + " " + common::visible(wanted), [=] { return watch->is(wanted); },
+    return {what + " " + common::visible(wanted), [=](auto longest) { return watch->is(wanted, longest); },
             [=] { return watch->seen() + "; " + lifeText(set); }};
 }
 
@@ -285,9 +294,9 @@ Condition platformIs(const fs::path& set, const std::string& what, const std::st
 Condition progressIs(const fs::path& set, const std::string& module, int atLeast)
 {
     const auto seen = std::make_shared<std::string>("nothing");
-    const auto isSo = [set, module, atLeast, seen] {
+    const auto isSo = [set, module, atLeast, seen](auto longest) {
         try {
-            const auto reply = ControlClient::ofSet(set).callConsole("GetModules", nullptr, "(s)");
+            const auto reply = ControlClient::ofSet(set, longest).callConsole("GetModules", nullptr, "(s)");
             const char* text = nullptr;
             g_variant_get(reply.get(), "(&s)", &text);
             *seen = "no such module";

@@ -19,7 +19,8 @@ namespace vset
 // become so any more.
 struct Condition {
     std::string what; // ends the sentence "waited in vain: "
-    std::function<bool()> isSo;
+    // `longest`: so long it may ask a platform that does not answer.
+    std::function<bool(std::chrono::milliseconds longest)> isSo;
     std::function<std::string()> seen; // what there was instead, for the person
     bool ofSetThatIsOff = false;       // the set need not be on for it, nor come on
 };

@@ -94,7 +94,7 @@ Write readWrite(const std::vector<vset::LogRecord>& records)
     for (const vset::LogRecord& record : records) {
         const Kind kind = common::readDaemonMessage(record.message).kind;
         if (common::isComplaint(record.message)) {
-            write.reason = record.message;
+            write.reason = common::withoutLineEnd(record.message);
         }
         if (kind == Kind::kUpdateBegun) {
             write.verdict = "unfinished";
@@ -257,7 +257,7 @@ bool Trial::run()
         report();
     }
     if (!result_.problem.empty()) {
-        std::fprintf(stderr, "fwmod: %s\n", common::visible(result_.problem).c_str());
+        std::fprintf(stderr, "fwmod: %s\n", common::visibleLines(result_.problem).c_str());
     }
     if (options_.isJson) {
         std::puts(common::indentedJson(toJson()).c_str());

@@ -1,9 +1,12 @@
 #include "vset/platformd/bus/control.h"
 
 #include <algorithm>
+#include <numeric>
 #include <optional>
+#include <utility>
 
 #include "common/json-text.h"
+#include "common/visible-text.h"
 #include "platform-interfaces.h"
 #include "vset/platformd/bus/services.h"
 
@@ -17,17 +20,34 @@ constexpr const char* kInvalid = "org.pellor.platform.Error.Invalid";
 
 using Fault = std::optional<std::string>; // what is wrong with an order
 
+// So many letters have to be put in, left out or changed to get from one word to the other.
+size_t distance(const std::string& from, const std::string& to)
+{
+    std::vector<size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < from.size(); ++i) {
+        size_t diagonal = std::exchange(row[0], i + 1);
+        for (size_t j = 0; j < to.size(); ++j) {
+            const size_t changed = diagonal + (from[i] == to[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({row[j + 1] + 1, row[j] + 1, changed});
+        }
+    }
+    return row.back();
+}
+
 Fault checkCall(const std::string& call)
 {
     const std::vector<std::string> names = Services::callNames();
     if (std::find(names.begin(), names.end(), call) != names.end()) {
         return std::nullopt;
     }
-    std::string text = "there is no platform call \"" + call + "\"; there are:";
-    for (const std::string& name : names) {
-        text += "\n  " + name;
-    }
-    return text;
+    return "there is no platform call " + common::inQuotes(call) + "; nearest to it is " +
+           *std::min_element(names.begin(), names.end(),
+                             [&call](const auto& one, const auto& other) {
+                                 return distance(call, one) < distance(call, other);
+                             }) +
+           " (docs/vset-commands.md lists them)";
 }
 
 // ---- Orders ----

@@ -1,0 +1,84 @@
+#!/bin/bash
+# What vset says when something is wrong: the reason, where, and what to do, in a line of its own words.
+. "$(dirname "$0")/vset-common.bash" "$1"
+[ "$(id -u)" = 0 ] || skip "needs root"
+cd "$work" || exit 1
+set_=$work/set
+as_user() { setpriv --reuid 4242 --regid 4242 --clear-groups "$@"; }
+# one_line STATUS TEXT COMMAND...: as expect, and nothing but one line of printable characters.
+one_line() {
+    expect "$@"
+    [ "$("${@:3}" 2>&1 </dev/null | wc -l)" = 1 ] || fail "not one line from: ${*:3} ($("${@:3}" 2>&1 </dev/null))"
+    "${@:3}" 2>&1 </dev/null | LC_ALL=C grep -qP '[\x00-\x08\x0b-\x1f\x7f]' && fail "what steers a terminal from: ${*:3}"
+}
+
+# ---- new ----
+one_line 0 "$set_" "$vset" new "$set_"
+mkdir -m 777 users
+one_line 0 "$work/users/set" as_user "$vset" new "$work/users/set"
+[ -x users/set/usr/bin/tarnwick ] || fail "the daemon is not in a plain user's set"
+mkdir small
+if mount -t tmpfs -o size=300k tmpfs small 2>/dev/null; then
+    one_line 1 "No space left on device" "$vset" new "$work/small/set"
+    umount small
+fi
+one_line 1 "circle: Too many levels" bash -c "ln -sf circle circle; '$vset' new circle"
+one_line 1 "TMPDIR" env TMPDIR=/nonexistent "$vset" run --temporary -- true
+
+# ---- put ----
+ln -sf circle circle
+mkfifo pipe
+touch $'a\nb'
+for kind in library package firmware hardware stick key; do
+    one_line 1 "circle" "$vset" put "$set_" $kind circle
+    one_line 1 "Too many levels of symbolic links" "$vset" put "$set_" $kind circle
+    one_line 1 "pipe: is not a" "$vset" put "$set_" $kind pipe
+    one_line 1 'a\nc: there is no such' "$vset" put "$set_" $kind $'a\nc'
+done
+one_line 1 "Too many levels of symbolic links" "$vset" put circle library x.so
+one_line 1 "Too many levels of symbolic links" "$vset" wait circle on
+one_line 1 "Too many levels of symbolic links" "$vset" run circle
+
+# ---- Orders ----
+expect 2 "CALL" "$vset" fault "$set_" --count 3
+expect 2 "CALL" "$vset" fault "$set_" --for x
+expect 2 'no option "-nan"' "$vset" reply "$set_" -nan 0
+expect 2 'no option "-nan"' "$vset" reply "$set_" 1 -nan
+printf '#!/bin/sh\nprintf "2026-01-31T12:00:00.000000Z\\t2\\t6\\tFWUPDATE\\t1\\t1\\tmain\\t\\t\\t\\tx.cpp: f(1) > Error: all is lost!\\\\n\\n" >>/var/log/platform.log\n' >"$work/daemon"
+install -m 755 daemon "$set_/usr/bin/tarnwick"
+: >"$work/run"
+"$vset" run "$set_" >"$work/run" 2>&1 &
+leader=$!
+started+=("$leader")
+expect 0 "" "$vset" wait "$set_" on
+expect 0 "" "$vset" wait "$set_" ended
+one_line 1 'nearest to it is pralis_get_int' "$vset" fault "$set_" pralis_getint
+one_line 1 'no platform call "nosuch"' "$vset" fault "$set_" nosuch
+one_line 1 'the daemon said "Error: all is lost!";' "$vset" wait "$set_" says x --limit 0.1
+expect 0 "" "$vset" wait "$set_" says "Error: all is lost!" --whole --limit 1
+for command in show console modules "get x" power "power standby"; do
+    # shellcheck disable=SC2086 # words
+    one_line 1 "belongs to another user? then use sudo" as_user "$vset" ${command%% *} "$set_" ${command#"${command%% *}"}
+done
+one_line 1 "Permission denied" as_user "$vset" clock "$set_"
+
+# ---- A platform that does not answer ----
+init=$(init_of "$set_") || exit 1
+platform=$(pgrep -P "$init" platformd)
+kill -STOP "$platform"
+SECONDS=0
+expect 1 "not within 0.2 s" "$vset" wait "$set_" power standby --limit 0.2
+expect 1 "not within 0.2 s" "$vset" wait "$set_" progress x 1 --limit 0.2
+[ $SECONDS -lt 8 ] || fail "a limit of 0.2 s lasted $SECONDS s"
+kill -TERM "$leader"
+within 10 is_gone "$leader" || fail "a set whose platform does not answer does not end"
+
+# ---- A set that is asked to end while it starts ----
+mkdir "$work/tools" && cp -r "$tools/." "$work/tools/" && printf '#!/bin/sh\nexec sleep 1000\n' >"$work/tools/psmountd"
+"$work/tools/vset" run "$set_" -- true 2>/dev/null &
+leader=$!
+started+=("$leader")
+sleep 1
+kill -TERM "$leader"
+within 8 is_gone "$leader" || fail "a set whose service does not get ready cannot be ended"
+conclude
