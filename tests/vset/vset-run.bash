@@ -87,7 +87,7 @@ expect 1 "not running" "$vset" exec "$set_" -- true
 expect 0 "" "$vset" run "$set_" -- true # at once again
 
 # ---- Where the clock library cannot be preloaded from ----
-mkdir "$work/with blank" && cp "$vset" "$work/with blank/"
+mkdir "$work/with blank" && cp "$vset" "$tools/build-tree" "$work/with blank/"
 expect 1 "without blanks" "$work/with blank/vset" run "$set_" --clock-rate 1 -- true
 
 # ---- A command that takes no notice is ended with its set ----
