@@ -1,9 +1,12 @@
 #include "common/json-text.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <glib.h>
 #include <json/json.h>
 #include <memory>
+
+#include "common/visible-text.h"
 
 namespace common
 {
@@ -18,6 +21,35 @@ std::string firstLine(const std::string& text)
     return line;
 }
 
+// A character that a terminal would obey rather than draw, as JSON can write it too.
+std::string escaped(char32_t character)
+{
+    char text[16];
+    if (character < 0x10000) {
+        std::snprintf(text, sizeof text, "\\u%04x", static_cast<unsigned int>(character));
+    } else {
+        const char32_t rest = character - 0x10000;
+        std::snprintf(text, sizeof text, "\\u%04x\\u%04x", static_cast<unsigned int>(0xd800 + (rest >> 10)),
+                      static_cast<unsigned int>(0xdc00 + (rest & 0x3ff)));
+    }
+    return text;
+}
+
+// Outside of its strings a JSON text has ASCII alone, with line ends and blanks.
+std::string withoutHidden(const std::string& text)
+{
+    std::string shown;
+    const char* at = text.c_str();
+    while (*at != '\0') {
+        const gunichar character = g_utf8_get_char(at);
+        const char* const next = g_utf8_next_char(at);
+        const bool isHidden = character >= 0x7f && !isShown(character);
+        shown += isHidden ? escaped(character) : std::string(at, static_cast<size_t>(next - at));
+        at = next;
+    }
+    return shown;
+}
+
 std::string write(const Json::Value& value, const char* indentation)
 {
     Json::StreamWriterBuilder writer;
@@ -29,7 +61,7 @@ std::string write(const Json::Value& value, const char* indentation)
         text = valid;
         g_free(valid);
     }
-    return text;
+    return withoutHidden(text);
 }
 
 } // namespace

@@ -27,7 +27,8 @@ std::optional<Json::Value> parseJsonObject(std::string_view text, std::string* w
                                            const JsonLimits& limits = {});
 
 // On one line, without a line end; indented by two blanks. UTF-8 as it is, and nothing but UTF-8: what else a
-// value holds, a file's name or a package's text, stands as U+FFFD. Whoever carries the text on relies on it.
+// value holds, a file's name or a package's text, stands as U+FFFD. What would steer a terminal or the
+// direction of writing stands as \uXXXX. Whoever carries the text on relies on it.
 std::string compactJson(const Json::Value& value);
 std::string indentedJson(const Json::Value& value);
 

@@ -6,22 +6,7 @@
 namespace common
 {
 
-namespace
-{
-
-std::string escaped(std::string_view bytes)
-{
-    std::string shown;
-    for (const char c : bytes) {
-        char hex[8];
-        std::snprintf(hex, sizeof hex, "\\x%02X", static_cast<unsigned char>(c));
-        shown += c == '\n' ? "\\n" : c == '\t' ? "\\t" : c == '\r' ? "\\r" : hex;
-    }
-    return shown;
-}
-
-// What is drawn as itself; not what moves the cursor, turns the writing or cannot be seen.
-bool isShown(gunichar character)
+bool isShown(char32_t character)
 {
     switch (g_unichar_type(character)) {
     case G_UNICODE_CONTROL:
@@ -34,6 +19,20 @@ bool isShown(gunichar character)
     default:
         return true;
     }
+}
+
+namespace
+{
+
+std::string escaped(std::string_view bytes)
+{
+    std::string shown;
+    for (const char c : bytes) {
+        char hex[8];
+        std::snprintf(hex, sizeof hex, "\\x%02X", static_cast<unsigned char>(c));
+        shown += c == '\n' ? "\\n" : c == '\t' ? "\\t" : c == '\r' ? "\\r" : hex;
+    }
+    return shown;
 }
 
 // The first character of `text` as it is shown; it is taken off.

@@ -8,6 +8,9 @@
 namespace common
 {
 
+// Whether a character is drawn as itself: not what moves the cursor, turns the writing or cannot be seen.
+bool isShown(char32_t character);
+
 // `text` in one line of valid UTF-8: control characters, line breaks, what steers a terminal or the direction
 // of writing, and bytes that are no UTF-8 stand as \n, \t, \r or \xNN, a byte at a time. A backslash stays as
 // it is.

@@ -36,6 +36,19 @@ TEST(JsonText, WritesNothingButUtf8)
     EXPECT_TRUE(parseJson(text));
 }
 
+TEST(JsonText, SteersNoTerminalAndIsReadAsItWas)
+{
+    // Escape, delete, a control of two bytes, writing from the right, and a tag beyond the first plane.
+    const std::string hostile = "a\x1b[2J\x7f\u009b\u202e\U000e0001\u00e4\n";
+    Json::Value value;
+    value["text"] = hostile;
+    for (const std::string& text : {common::compactJson(value), common::indentedJson(value)}) {
+        EXPECT_THAT(text, HasSubstr(R"(a\u001b[2J\u007f\u009b\u202e\udb40\udc01)"
+                                    "\u00e4\\n"));
+        EXPECT_EQ((*parseJson(text))["text"], hostile);
+    }
+}
+
 TEST(JsonText, RefusesNestingBeyondTheLimitWithoutAnException)
 {
     std::string why;

@@ -503,10 +503,9 @@ TEST_F(Fwmod, NothingInAFileSteersTheTerminal)
     writeBytes(directory / "info.json",
                "{\"version\": \"1.1\\u001b[2J\\nThe daemon accepts\", \"odd\\u0007\": \"\x9b\"}");
     const std::vector<std::string> commands[] = {
-        {"info", "--check", "info.json"},
-        {"inspect", "info.json"},
-        {"diff", "info.json", "Tuner.bin"},
-        packageAs("empTuner"),
+        {"info", "--check", "info.json"},      {"inspect", "info.json"},
+        {"diff", "info.json", "Tuner.bin"},    packageAs("empTuner"),
+        {"new", "tuner", "-o", "\x1b[2J\x9b"}, {"inspect", "--json", "info.json"},
     };
     for (const auto& command : commands) {
         const Outcome outcome = fwmod(command);

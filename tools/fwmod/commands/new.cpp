@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "common/visible-text.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
@@ -249,7 +250,7 @@ int makeModule(const Options& options)
                 "  cd %s\n"
                 "  cmake -B build && cmake --build build\n"
                 "  ctest --test-dir build\n",
-                name.c_str(), output.c_str());
+                name.c_str(), common::visible(output).c_str());
     return 0;
 }
 } // namespace
