@@ -313,10 +313,6 @@ int CommandLine::parseAndRun(int argc, char** argv)
         app_->parse(argc, argv);
     } catch (const CLI::ExtrasError&) {
         return tellWrongUse(unexpected(app_->remaining(true), !chosen().commands_.empty()));
-    } catch (const CLI::RequiredError& error) { // an option that there is not may stand in its place
-        const std::vector<std::string> extras = app_->remaining(true);
-        const bool isOption = !extras.empty() && extras.front().rfind('-', 0) == 0;
-        return tellWrongUse(isOption ? unexpected(extras, false) : error.what());
     } catch (const CLI::ArgumentMismatch& error) {
         const std::string text = error.what();
         const bool isFlag = text.find("flag override") != std::string::npos;
