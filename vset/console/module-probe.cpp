@@ -1,23 +1,33 @@
 // module-probe LIBRARY: asks a control library about its hardware, in a process of its own.
 //
-// Nothing is changed: only the questions of the plug-in interface are put. A library that hangs or crashes
-// does so here; whoever starts this sets the time limit. Prints one JSON object:
+// Nothing is changed: only the questions of the plug-in interface are put, in a process below this one. What
+// the library starts there is ended after it, and what it prints is dropped. A library that hangs does so
+// here; whoever starts this sets the time limit. Prints one JSON object:
 //
 //   {"name", "entry_points": {NAME: true|false, ...}, "identifier", "version", "progress"}
 //
 // identifier, version and progress are null where the library does not answer; "error" tells why it cannot be
 // loaded. Exit status: 0 asked, 1 not loadable, 2 wrong use.
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <dlfcn.h>
 #include <filesystem>
 #include <glib.h>
+#include <iterator>
+#include <optional>
+#include <poll.h>
 #include <string>
 #include <strings.h>
+#include <sys/mman.h>
 #include <tarnwick/control.h>
+#include <unistd.h>
 
 #include "common/command-line.h"
+#include "common/contained-process.h"
 #include "common/entry-points.h"
 #include "common/json-text.h"
 
@@ -93,11 +103,8 @@ void ask(const Library& library, const std::string& name, Json::Value& answer)
     answer["progress"] = library.progress();
 }
 
-int probe(const std::string& path)
+Json::Value askLibrary(const std::string& path)
 {
-    if (!std::filesystem::exists(path)) {
-        throw common::WrongUse("there is no file " + path);
-    }
     Json::Value answer;
     answer["name"] = std::filesystem::path(path).stem().string();
     for (const char* fact : {"identifier", "version", "progress"}) {
@@ -109,8 +116,49 @@ int probe(const std::string& path)
     } else {
         answer["error"] = dlerror();
     }
-    std::printf("%s\n", common::compactJson(answer).c_str());
-    return library.isLoaded() ? EXIT_SUCCESS : EXIT_FAILURE;
+    return answer;
+}
+
+// In the process of the library: its own prints go elsewhere, the answer into this file.
+void writeAnswer(int file, const std::string& path)
+{
+    const std::string text = common::compactJson(askLibrary(path)) + "\n";
+    (void)!write(file, text.data(), text.size()); // what is missing is no JSON, and taken for no answer
+}
+
+void waitForEnd(common::ContainedProcess& process)
+{
+    while (!process.hasEnded()) {
+        constexpr int kNextLook = 20; // milliseconds
+        pollfd waiting[] = {{process.output(), POLLIN, 0}, {process.news(), POLLIN, 0}};
+        poll(waiting, std::size(waiting), kNextLook);
+        char prints[4096];
+        while (read(process.output(), prints, sizeof prints) > 0) { // of no interest, but they have to go
+        }
+    }
+}
+
+int probe(const std::string& path)
+{
+    if (!std::filesystem::exists(path)) {
+        throw common::WrongUse("there is no file " + path);
+    }
+    const int file = memfd_create("answer", MFD_CLOEXEC);
+    if (file < 0) {
+        throw common::Failure(std::string("no room for an answer: ") + std::strerror(errno));
+    }
+    common::ContainedProcess process([&] { writeAnswer(file, path); },
+                                     common::ContainedProcess::Orphaned::kEnds);
+    waitForEnd(process);
+    char answer[65536];
+    const ssize_t size = pread(file, answer, sizeof answer, 0);
+    const std::string text(answer, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    const std::optional<Json::Value> told = common::parseJsonObject(text);
+    if (!told) {
+        throw common::Failure("the library ended the process that asked it");
+    }
+    std::fputs(text.c_str(), stdout);
+    return told->isMember("error") ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
 } // namespace
