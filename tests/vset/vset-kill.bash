@@ -47,4 +47,26 @@ for victim in leader init; do
     expect 0 "" "$vset" run "$set_" -- true
     rm -rf "$set_" || fail "$victim: the directory cannot be removed"
 done
+# ---- A command that is asked to end before its temporary set is on leaves none ----
+for moment in 0.02 0.03 0.04 0.05 0.07; do
+    for signal in TERM INT; do
+        timeout -s $signal $moment "$vset" run --temporary -- sleep 10 2>/dev/null
+        within 5 test -z "$(ls -A "$TMPDIR")" || fail "SIG$signal after $moment s leaves $(ls "$TMPDIR")"
+    done
+done
+
+# ---- What a killed `vset put` has left is removed by the next one ----
+"$vset" new --bare "$work/put" >/dev/null
+chips=$work/put/root/var/lib/hardware
+echo chip >"$work/chip"
+sleep 1000 &
+started+=($!)
+touch "$chips/.chip.$!" "$chips/.chip.of-a-person" # of one that works, and of nobody
+(exec sleep 0) &
+wait $!
+mkdir "$chips/.chip.$!" && touch "$chips/.chip.$!/file"
+expect 0 "" "$vset" put "$work/put" hardware "$work/chip"
+[ ! -e "$chips/.chip.$!" ] || fail "what a killed put has left stays"
+[ -e "$chips/.chip.${started[-1]}" ] || fail "another put's work is removed"
+[ -e "$chips/.chip.of-a-person" ] || fail "a file that no put has made is removed"
 conclude

@@ -91,6 +91,16 @@ void mapCaller(pid_t init)
     writeFile(proc / "gid_map", "0 " + std::to_string(getegid()) + " 1");
 }
 
+sigset_t endingSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
+        sigaddset(&signals, number);
+    }
+    return signals;
+}
+
 class Leader
 {
 public:
@@ -143,11 +153,8 @@ int Leader::waitForEnd(pid_t init)
 {
     constexpr timespec kPatience{20, 0}; // far beyond what PID 1 gives its command and its services
     bool isAsked = false;
-    sigset_t handled;
-    sigemptyset(&handled);
-    for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
-        sigaddset(&handled, number);
-    }
+    sigset_t handled = endingSignals();
+    sigaddset(&handled, SIGCHLD);
     sigset_t previous;
     check(sigprocmask(SIG_BLOCK, &handled, &previous), "cannot block signals");
     int status = 0;
@@ -167,10 +174,29 @@ int Leader::waitForEnd(pid_t init)
     return shellStatus(status);
 }
 
+// From here on they are looked for: one that came before the set boots must not leave a temporary set behind.
+void holdEndingSignals()
+{
+    const sigset_t signals = endingSignals();
+    check(sigprocmask(SIG_BLOCK, &signals, nullptr), "cannot block signals");
+}
+
+// The signal that has come meanwhile.
+std::optional<int> takeEndingSignal()
+{
+    const sigset_t signals = endingSignals();
+    constexpr timespec kNow{0, 0};
+    const int number = sigtimedwait(&signals, nullptr, &kNow);
+    return number > 0 ? std::optional(number) : std::nullopt;
+}
+
 int liveThroughReboots(const InitPlan& plan, const SetLock& lock)
 {
     Leader leader(plan, lock);
     while (true) {
+        if (const std::optional<int> number = takeEndingSignal()) {
+            return 128 + *number;
+        }
         const End end = leader.boot();
         if (end.request != PowerRequest::kReboot) {
             return end.status;
@@ -244,6 +270,7 @@ int runSet(const RunOptions& options)
     const fs::path tools = executableDirectory();
     const std::vector<fs::path> binds = bindList(options.binds, ownDirectories(tools));
     checkRootless(options, rootless);
+    holdEndingSignals();
 
     const SetDirectory set = options.set ? SetDirectory::open(*options.set) : SetDirectory::makeTemporary();
     const TemporarySet temporary(options.set ? nullptr : &set);

@@ -1,6 +1,7 @@
 #include "vset/television/set-contents.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -78,6 +79,28 @@ bool keepOwnerAndMode(const fs::path& target, const fs::path& unfinished)
     return true;
 }
 
+bool isGone(const std::string& process)
+{
+    const bool isNumber = !process.empty() && process.size() < 10 &&
+                          process.find_first_not_of("0123456789") == std::string::npos;
+    return isNumber && kill(std::stoi(process), 0) != 0 && errno == ESRCH;
+}
+
+// What a program that was killed at its work has left beside `target`.
+void removeLeftovers(const fs::path& target)
+{
+    const std::string begin = "." + target.filename().string() + ".";
+    std::error_code error;
+    fs::directory_iterator entry(target.parent_path(), error);
+    for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        if (name.rfind(begin, 0) == 0 && isGone(name.substr(begin.size()))) {
+            std::error_code ignored;
+            fs::remove_all(entry->path(), ignored);
+        }
+    }
+}
+
 // Makes `target` by way of a hidden neighbour, which `make` fills. Directories are exchanged one after the
 // other: rename() puts none over a full one.
 void replace(const fs::path& target, const std::function<void(const fs::path& unfinished)>& make,
@@ -86,6 +109,7 @@ void replace(const fs::path& target, const std::function<void(const fs::path& un
     const fs::path unfinished = unfinishedNameOf(target);
     try {
         fs::create_directories(target.parent_path());
+        removeLeftovers(target);
         make(unfinished);
         if (!isSameFile || !keepOwnerAndMode(target, unfinished)) {
             giveToOwnerOf(target.parent_path(), unfinished);
