@@ -62,6 +62,9 @@ expect 1 "its name has to end in .img" put package build/tuner.so
 expect 1 "there is no such directory" put firmware nowhere
 expect 1 "there is no stick.bin in it" put firmware stick
 expect 1 "there is no such directory" put stick nowhere
+mkdir -p special/below && mkfifo special/below/pipe
+expect 1 "special/below/pipe is not a file but a pipe: take it away" put stick special
+expect 1 "special/below/pipe is not a file but a pipe: take it away" put hardware special
 expect 1 "is no public key in PEM form" put key build/tuner.so
 expect 1 "there is no set at none: make one with" "$vset" put none library build/tuner.so
 expect 2 "" put

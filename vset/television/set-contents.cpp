@@ -27,13 +27,22 @@ namespace fs = std::filesystem;
 }
 
 // Runs what throws std::filesystem errors; they leave as ours, with the whole sentence.
+std::string reasonOf(const fs::filesystem_error& error)
+{
+    if (error.code() ==
+        std::errc::not_supported) { // the copying's own word for what is neither file nor link
+        return error.path1().string() + " " + common::problemOfSpecialFile(error.path1()) + ": take it away";
+    }
+    return error.code().message() + " (" + (error.path2().empty() ? error.path1() : error.path2()).string() +
+           ")";
+}
+
 void attempt(const std::string& what, const std::function<void()>& action)
 {
     try {
         action();
     } catch (const fs::filesystem_error& error) {
-        fail(what, error.code().message() + " (" +
-                       (error.path2().empty() ? error.path1() : error.path2()).string() + ")");
+        fail(what, reasonOf(error));
     }
 }
 
