@@ -150,7 +150,7 @@ Option CommandLine::text(const std::string& names, std::string& value, const std
 
 Option CommandLine::texts(const std::string& names, std::vector<std::string>& values, const std::string& help)
 {
-    CLI::Option* const option = app_->add_option(names, values, help);
+    CLI::Option* const option = app_->add_option(names, values, help)->check(notEmpty());
     if (!option->get_positional()) {
         option->allow_extra_args(false);
     }

@@ -1,6 +1,5 @@
 #include "common/json-text.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <glib.h>
 #include <json/json.h>
@@ -16,8 +15,12 @@ namespace
 
 std::string firstLine(const std::string& text)
 {
-    std::string line = text.substr(0, text.find_last_not_of('\n') + 1);
-    std::replace(line.begin(), line.end(), '\n', ' ');
+    const size_t begin = text.rfind("* ", 0) == 0 ? 2 : 0; // "* Line 1, Column 1\n  Syntax error\n"
+    std::string line;
+    for (const char c : text.substr(begin, text.find_last_not_of('\n') + 1 - begin)) {
+        const bool isRepeated = c == ' ' && !line.empty() && line.back() == ' ';
+        line += c == '\n' ? ": " : std::string(isRepeated ? 0 : 1, c);
+    }
     return line;
 }
 

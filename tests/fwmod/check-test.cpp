@@ -61,6 +61,24 @@ protected:
     TemporaryDirectory directory;
 };
 
+// Somebody has named the whole disk.
+TEST_F(Check, DirectoryOfMoreThanASetCanBeGivenIsNotCopied)
+{
+    fs::create_directory(directory / "hardware");
+    for (int number = 0; number <= 10000; ++number) {
+        writeBytes(directory / "hardware" / std::to_string(number), "");
+    }
+    fs::create_directory(directory / "temporary");
+    const Outcome outcome = runProgram({"env", "TMPDIR=" + (directory / "temporary").string(), FWMOD, "check",
+                                        kExamples / "tuner.so", "--hardware", "hardware"},
+                                       directory.path());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err,
+              "fwmod: hardware holds more than 10000 files, too much to copy into a set: name the "
+              "module's own directory\n");
+    EXPECT_THAT(namesIn(directory / "temporary"), IsEmpty());
+}
+
 TEST_F(Check, DocumentIsTheListOfFindings)
 {
     const Outcome outcome = check({"--list-findings"});

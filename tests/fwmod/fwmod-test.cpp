@@ -548,6 +548,44 @@ TEST_F(Fwmod, PipeIsNeverWaitedFor)
     }
 }
 
+// Whatever is given, a line says what is wrong, where, and what to do.
+TEST_F(Fwmod, MessagesSayWhatIsWrongAndWhatToDo)
+{
+    writeBytes(directory / "Tuner.bin", "x");
+    writeBytes(directory / "tuner.so", "x");
+    writeBytes(directory / "info.json", R"({"crc":-5,"expected_time":[]})");
+    writeBytes(directory / "broken.json", "{");
+    const std::string tooLong(5000, 'x');
+    struct Case {
+        std::vector<std::string> command;
+        int status;
+        const char* said;
+    };
+    const Case kCases[] = {
+        {{"info", "--check", "info.json"},
+         1,
+         "refused: crc -5: not a whole number from 0 to 4294967295, as fwmod crc prints it: the daemon refuses "
+         "the file; correct the value\n"},
+        {{"info", "--check", "info.json"}, 1, "expected_time []: not a whole number of seconds"},
+        {{"info", "--check", "broken.json"}, 1, "not JSON: Line 1, Column 2: Missing '}'"},
+        {{"new", std::string(125, 'x')},
+         2,
+         "the identifier that follows from the name is too long: at most 127"},
+        {{"new", "tuner", "-o", tooLong}, 1, "fwmod: cannot look at xxx"},
+        {{"info", "--version", "1", "--image", "Tuner.bin", "-o", tooLong}, 1, "fwmod: cannot look at xxx"},
+        {{"check", "tuner.so", "--hardware", tooLong}, 1, "fwmod: cannot look at xxx"},
+        {{"check", "tuner.so", "--hardware", "Tuner.bin/x"}, 1, "--hardware Tuner.bin/x is not a directory"},
+        {{"inspect", "Tuner.bin", "--public-key", tooLong}, 1, "neither an encrypted"},
+        {{"crc", ""}, 2, "FILE: is empty"},
+    };
+    for (const Case& c : kCases) {
+        const Outcome outcome = fwmod(c.command);
+        EXPECT_EQ(outcome.status, c.status) << c.said << outcome.err;
+        EXPECT_THAT(outcome.out + outcome.err, AllOf(HasSubstr(c.said), Not(HasSubstr("filesystem error"))));
+        EXPECT_LT(outcome.err.size(), 500U) << c.said;
+    }
+}
+
 TEST_F(Fwmod, HelpOfEveryCommandHasAnExample)
 {
     for (const char* command : {"new", "crc", "info", "package", "usb", "inspect", "diff"}) {

@@ -9,6 +9,7 @@
 #include <gio/gio.h>
 #include <memory>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -107,15 +108,20 @@ void watchUnfinished(const fs::path& unfinished)
 
 } // namespace
 
-void requireReadable(const fs::path& path)
+fs::file_status statusOf(const fs::path& path)
 {
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
-    if (status.type() == fs::file_type::not_found) {
-        throw common::Failure(path.string() + " does not exist: check the path");
-    }
-    if (error) {
+    if (status.type() != fs::file_type::not_found && error) {
         throw common::Failure("cannot look at " + path.string() + ": " + error.message());
+    }
+    return status;
+}
+
+void requireReadable(const fs::path& path)
+{
+    if (!fs::exists(statusOf(path))) {
+        throw common::Failure(path.string() + " does not exist: check the path");
     }
     const std::string special = common::problemOfSpecialFile(path);
     if (!special.empty()) {
@@ -128,7 +134,7 @@ void requireReadable(const fs::path& path)
 
 void requireDirectory(const fs::path& path, const char* option)
 {
-    if (!path.empty() && !fs::is_directory(path)) {
+    if (!path.empty() && !fs::is_directory(statusOf(path))) {
         throw common::Failure(std::string(option) + " " + path.string() +
                               " is not a directory: check the path");
     }
@@ -148,8 +154,32 @@ void requireRoomForSet(const fs::path& directory)
     }
 }
 
+namespace
+{
+// By what it takes on the disk: hardware is often a large file with little in it.
+void refuseTooMuch(const fs::path& directory)
+{
+    constexpr std::size_t kMostEntries = 10000;
+    constexpr std::int64_t kMostBytes = std::int64_t{4} << 30;
+    std::size_t entries = 0;
+    std::int64_t bytes = 0;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
+        struct stat status = {};
+        bytes += lstat(entry.path().c_str(), &status) == 0 ? std::int64_t{status.st_blocks} * 512 : 0;
+        if (++entries > kMostEntries || bytes > kMostBytes) {
+            throw common::Failure(directory.string() + " holds more than " +
+                                  (entries > kMostEntries ? "10000 files" : "4 GiB") +
+                                  ", too much to copy into a set: name the module's own directory");
+        }
+    }
+}
+} // namespace
+
 void copyIntoSet(const fs::path& from, const fs::path& to)
 try {
+    if (fs::is_directory(from)) {
+        refuseTooMuch(from);
+    }
     fs::create_directories(to.parent_path());
     common::copyTree(from, to);
 } catch (const fs::filesystem_error& error) {
@@ -192,11 +222,12 @@ NewFile::NewFile(fs::path target)
     : target_(std::move(target)), unfinished_(target_.string() + "." + std::to_string(getpid()) + ".new")
 {
     // Renaming onto a device or a pipe would put a file in its place.
-    if (fs::exists(target_) && !fs::is_regular_file(target_)) {
+    const fs::file_status status = statusOf(target_);
+    if (fs::exists(status) && !fs::is_regular_file(status)) {
         throw common::Failure(target_.string() + " exists and is not a file: name the file to write");
     }
     const fs::path directory = target_.has_parent_path() ? target_.parent_path() : ".";
-    if (!fs::is_directory(directory)) {
+    if (!fs::is_directory(statusOf(directory))) {
         throw common::Failure("cannot write " + target_.string() + ": make the directory " +
                               directory.string() + " first");
     }

@@ -10,6 +10,9 @@
 namespace fwmod
 {
 
+// What is there, if anything. Throws when that cannot be told.
+std::filesystem::file_status statusOf(const std::filesystem::path& path);
+
 // Throws unless `path` is a regular file that can be read.
 void requireReadable(const std::filesystem::path& path);
 
@@ -20,6 +23,7 @@ void requireDirectory(const std::filesystem::path& path, const char* option);
 void requireRoomForSet(const std::filesystem::path& directory);
 
 // A file, or a directory with all it holds, into a set; holes stay holes. Directories above `to` are made.
+// Throws for a directory with more than a set can be given: somebody has named "/".
 void copyIntoSet(const std::filesystem::path& from, const std::filesystem::path& to);
 
 // The checksum that the daemon computes over the file.

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "common/json-text.h"
+#include "common/progress-line.h"
 #include "common/regular-file.h"
 #include "common/visible-text.h"
 #include "tools/fwmod/commands/command.h"
@@ -41,6 +42,26 @@ using Differences = std::vector<Difference>;
 // As a package hands out its files.
 using Source = Package::Source;
 
+// Tells on a terminal how far the reading of something large is.
+Source watched(const Source& source, std::uint64_t size, const std::string& what)
+{
+    constexpr std::uint64_t kLarge = std::uint64_t{64} << 20;
+    if (isatty(STDERR_FILENO) == 0 || size < kLarge) {
+        return source;
+    }
+    const std::shared_ptr<common::ProgressLine> line(new common::ProgressLine,
+                                                     [](common::ProgressLine* shown) {
+                                                         shown->clear();
+                                                         delete shown;
+                                                     });
+    return [source, size, what, line, done = std::uint64_t{0}](char* buffer, std::size_t room) mutable {
+        const std::size_t count = source(buffer, room);
+        done += count;
+        line->show(what, static_cast<unsigned int>(done * 100 / size));
+        return count;
+    };
+}
+
 Source sourceOf(const fs::path& path)
 {
     requireReadable(path);
@@ -48,13 +69,14 @@ Source sourceOf(const fs::path& path)
     if (file->descriptor() < 0) {
         throw common::Failure(path.string() + " " + file->problem());
     }
-    return [file, path](char* buffer, std::size_t size) {
+    const Source source = [file, path](char* buffer, std::size_t size) {
         const ssize_t count = read(file->descriptor(), buffer, size);
         if (count < 0) {
             throw common::Failure("cannot read all of " + path.string() + ": " + std::strerror(errno));
         }
         return static_cast<std::size_t>(count);
     };
+    return watched(source, fs::file_size(path), path.filename());
 }
 
 std::size_t fill(const Source& source, std::vector<char>& bytes)
@@ -198,7 +220,7 @@ void compareFilesInside(const fs::path& a, const fs::path& b, Differences& diffe
         const Source source = left.open(entry.path);
         const Source other = right.open(entry.path);
         if (source && other) {
-            compareBytes("/" + entry.path, source, other, differences);
+            compareBytes("/" + entry.path, watched(source, entry.size, entry.path), other, differences);
         }
     }
 }

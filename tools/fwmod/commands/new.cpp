@@ -117,7 +117,7 @@ Words wordsFor(const std::string& name, const Kind& kind, const Language& langua
         {"@NAME@", name},
         {"@KIND@", kind.name},
         {"@IDENTIFIER@", kind.isExternal ? "" : identifier},
-        {"@FIRMWARE@", firmwareName(identifier, name + " would have the identifier")},
+        {"@FIRMWARE@", firmwareName(identifier, "the identifier that follows from the name")},
         {"@SUFFIX@", language.suffix},
         {"@LANGUAGES@", language.cmake},
     };
@@ -181,13 +181,24 @@ std::vector<File> fillTemplate(const Words& words, const std::string& name, cons
 
 // ---- The new directory ----
 
+bool isEmpty(const fs::path& directory)
+{
+    std::error_code error;
+    const bool isEmpty = fs::is_empty(directory, error);
+    if (error) {
+        throw common::Failure("cannot look into " + directory.string() + ": " + error.message());
+    }
+    return isEmpty;
+}
+
 // Removes what it made unless everything was made. Signals wait meanwhile, so that they find all or nothing.
 class NewDirectory
 {
 public:
     explicit NewDirectory(const fs::path& path) : path_(path)
     {
-        if (fs::exists(path) && (!fs::is_directory(path) || !fs::is_empty(path))) {
+        const fs::file_status status = statusOf(path);
+        if (fs::exists(status) && (!fs::is_directory(status) || !isEmpty(path))) {
             throw common::Failure(path.string() +
                                   " exists and is not an empty directory: choose another with -o");
         }

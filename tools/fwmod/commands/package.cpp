@@ -59,8 +59,9 @@ int package(const Options& options)
     refuseTooLarge(options.image);
     const InformationReport report = checkInformation(options.information, fs::path(options.image));
     if (!report.accepted) {
-        throw common::Failure("the daemon would refuse the package:\n" +
-                              formatReport(options.information, report));
+        std::string text = formatReport(options.information, report);
+        text.pop_back(); // the last line's end
+        throw common::Failure("the daemon would refuse the package:\n" + text);
     }
     refuseOverwriting(output, {options.image, options.information});
 

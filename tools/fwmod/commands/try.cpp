@@ -11,6 +11,7 @@
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/control-library.h"
+#include "tools/fwmod/images/package.h"
 #include "tools/fwmod/trial-set.h"
 
 namespace fwmod
@@ -713,6 +714,7 @@ void checkFiles(const Options& options)
     requireReadable(options.library);
     if (!options.package.empty()) {
         requireReadable(options.package);
+        const Package readable(options.package); // throws, before a set is made for nothing
     }
     requireDirectory(options.firmware, "--firmware");
     requireDirectory(options.hardware, "--hardware");

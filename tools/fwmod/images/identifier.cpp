@@ -20,7 +20,8 @@ std::string firmwareName(const std::string& identifier, const std::string& sourc
                                ": the daemon refuses anything but ASCII letters and digits");
     }
     if (identifier.size() >= TARNWICK_CONTROL_TEXT_SIZE) {
-        throw common::WrongUse(source + ": at most 127 characters, getEMPID has room for no more");
+        throw common::WrongUse(source +
+                               " is too long: at most 127 characters, getEMPID has room for no more");
     }
     const std::size_t at = identifier.find("emp");
     if (at == std::string::npos) {

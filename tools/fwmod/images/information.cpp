@@ -98,13 +98,14 @@ Meaning meaningOfUiUse(const Json::Value* value)
 struct Key {
     const char* name;
     Meaning (*meaning)(const Json::Value* value);
+    const char* expected; // of any value that the daemon can take
 };
 
 constexpr Key kKeys[] = {
-    {"version", meaningOfVersion},
-    {"crc", meaningOfCrc},
-    {"expected_time", meaningOfExpectedTime},
-    {"ui_use", meaningOfUiUse},
+    {"version", meaningOfVersion, "a text"},
+    {"crc", meaningOfCrc, "a whole number from 0 to 4294967295, as fwmod crc prints it"},
+    {"expected_time", meaningOfExpectedTime, "a whole number of seconds from 0 to 4294967295"},
+    {"ui_use", meaningOfUiUse, "a text"},
 };
 
 bool isKnown(const std::string& name)
@@ -124,9 +125,9 @@ InformationFinding explain(const Key& key, const Json::Value& root)
     try {
         const Meaning meaning = key.meaning(value);
         return {meaning.kind, key.name, written, meaning.text};
-    } catch (const Json::Exception& error) {
+    } catch (const Json::Exception&) {
         return {Kind::Refused, key.name, written,
-                std::string(error.what()) + ": the daemon refuses the file; correct the value"};
+                std::string("not ") + key.expected + ": the daemon refuses the file; correct the value"};
     }
 }
 

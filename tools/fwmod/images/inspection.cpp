@@ -84,7 +84,7 @@ bool isEncryptedImage(const fs::path& path)
 
 std::vector<signature::TrustedKey> readTrusted(const std::string& path)
 {
-    if (!fs::exists(path)) {
+    if (!fs::exists(statusOf(path))) {
         throw common::Failure(path + " does not exist: give a public key or a directory of them");
     }
     std::vector<signature::TrustedKey> keys;

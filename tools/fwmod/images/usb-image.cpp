@@ -1,9 +1,9 @@
 #include "tools/fwmod/images/usb-image.h"
 
 #include <algorithm>
-#include <boost/crc.hpp>
 #include <vector>
 
+#include "src/src/fw-update-checksum.h"
 #include "tools/fwmod/commands/command.h"
 
 namespace fwmod
@@ -23,14 +23,13 @@ public:
         const auto size = static_cast<std::int64_t>(content_.header.size());
         const std::int64_t wanted = std::clamp<std::int64_t>(size - content_.plainSize, 0, count);
         std::copy_n(data, wanted, content_.header.begin() + std::min(content_.plainSize, size));
-        checksum_.process_bytes(data + wanted, static_cast<std::size_t>(count - wanted));
-        content_.payloadChecksum = checksum_.checksum();
+        content_.payloadChecksum =
+            extendChecksum(content_.payloadChecksum, data + wanted, static_cast<std::size_t>(count - wanted));
         content_.plainSize += count;
     }
 
 private:
     usb::Content& content_;
-    boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> checksum_;
 };
 } // namespace
 
