@@ -36,6 +36,13 @@ for kind in library package firmware hardware stick key; do
     one_line 1 'a\nc: there is no such' "$vset" put "$set_" $kind $'a\nc'
 done
 one_line 1 "Too many levels of symbolic links" "$vset" put circle library x.so
+mkdir -p stick/deep && mkfifo stick/deep/pipe
+one_line 1 "stick/deep/pipe is not a file but a pipe" "$vset" put "$set_" stick stick
+one_line 1 "stick/deep/pipe is not a file but a pipe" "$vset" usb "$set_" insert stick
+for around in "$work" "$set_" "$set_/root/opt"; do
+    one_line 1 "the set lies in it" "$vset" put "$set_" stick "$around"
+done
+[ -z "$(ls -A "$set_/root/opt/media")" ] || fail "unfinished sticks are left: $(ls -A "$set_/root/opt/media")"
 one_line 1 "Too many levels of symbolic links" "$vset" wait circle on
 one_line 1 "Too many levels of symbolic links" "$vset" run circle
 
@@ -52,7 +59,7 @@ leader=$!
 started+=("$leader")
 expect 0 "" "$vset" wait "$set_" on
 expect 0 "" "$vset" wait "$set_" ended
-one_line 1 'nearest to it is pralis_get_int' "$vset" fault "$set_" pralis_getint
+one_line 1 'pralis_get_int?' "$vset" fault "$set_" pralis_getint
 one_line 1 'no platform call "nosuch"' "$vset" fault "$set_" nosuch
 one_line 1 'the daemon said "Error: all is lost!";' "$vset" wait "$set_" says x --limit 0.1
 expect 0 "" "$vset" wait "$set_" says "Error: all is lost!" --whole --limit 1

@@ -13,6 +13,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "common/visible-text.h"
 #include "vset/client/set-file.h"
 
 namespace vset
@@ -297,7 +298,7 @@ std::vector<fs::path> bindList(const std::vector<fs::path>& wanted, const std::v
     std::vector<fs::path> all;
     for (const fs::path& path : wanted) {
         if (!fs::is_directory(path)) {
-            throw common::WrongUse("-b " + path.string() + " is not a directory");
+            throw common::WrongUse("-b " + common::inQuotes(path.string()) + " is not a directory");
         }
         all.push_back(fs::canonical(path));
         refuseReserved(all.back());

@@ -243,8 +243,9 @@ void SetLock::publish(const RunningSet& running) const
 {
     const std::string text = std::to_string(running.init) + (running.rootless ? " rootless" : " root") +
                              (running.clock ? " clock" : " no-clock") + "\n";
-    check(ftruncate(file_.get(), 0), "cannot write the set's lock file");
-    check(pwrite(file_.get(), text.data(), text.size(), 0), "cannot write the set's lock file");
+    constexpr const char* kFailure = "cannot write the set's .vset/lock";
+    check(ftruncate(file_.get(), 0), kFailure);
+    check(pwrite(file_.get(), text.data(), text.size(), 0), kFailure);
 }
 
 SetDirectory SetDirectory::makeTemporary()

@@ -1,5 +1,6 @@
 #include "vset/television/set-contents.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -26,7 +27,6 @@ namespace fs = std::filesystem;
     throw common::Failure(what + ": " + why);
 }
 
-// Runs what throws std::filesystem errors; they leave as ours, with the whole sentence.
 std::string reasonOf(const fs::filesystem_error& error)
 {
     if (error.code() ==
@@ -37,6 +37,7 @@ std::string reasonOf(const fs::filesystem_error& error)
            ")";
 }
 
+// Runs what throws std::filesystem errors; they leave as ours, with the whole sentence.
 void attempt(const std::string& what, const std::function<void()>& action)
 {
     try {
@@ -168,6 +169,17 @@ void requireName(const fs::path& file, const char* extension, const char* exampl
     }
 }
 
+// A tree of the PC, to `unfinished`, which does not lie in it: the copy would have no end.
+void copyTreeFrom(const fs::path& from, const fs::path& unfinished)
+{
+    const fs::path source = fs::weakly_canonical(from);
+    const fs::path target = fs::weakly_canonical(unfinished);
+    if (std::mismatch(source.begin(), source.end(), target.begin(), target.end()).first == source.end()) {
+        fail(from.string(), "the set lies in it: put a directory that is outside of it");
+    }
+    common::copyTree(from, unfinished);
+}
+
 // "SET/firmware/" and "SET/firmware" are the same directory.
 std::string lastNameOf(const fs::path& directory)
 {
@@ -268,7 +280,7 @@ void SetContents::putFirmware(const fs::path& directory) const
     }
     attempt("cannot put " + directory.string() + " into the set", [&] {
         replace(outside(inset::kBuiltInFirmware) / name,
-                [&](const fs::path& unfinished) { common::copyTree(directory, unfinished); });
+                [&](const fs::path& unfinished) { copyTreeFrom(directory, unfinished); });
     });
 }
 
@@ -282,7 +294,7 @@ void SetContents::putHardware(const fs::path& chips) const
     attempt("cannot put " + chips.string() + " into the set", [&] {
         for (const fs::directory_entry& chip : fs::directory_iterator(chips)) {
             replace(outside(inset::kHardware) / chip.path().filename(),
-                    [&](const fs::path& unfinished) { common::copyTree(chip.path(), unfinished); });
+                    [&](const fs::path& unfinished) { copyTreeFrom(chip.path(), unfinished); });
         }
     });
 }
@@ -292,7 +304,7 @@ void SetContents::putStick(const fs::path& directory) const
     requireDirectory(directory);
     attempt("the stick cannot be inserted", [&] {
         replace(outside(inset::kStick),
-                [&](const fs::path& unfinished) { common::copyTree(directory, unfinished); });
+                [&](const fs::path& unfinished) { copyTreeFrom(directory, unfinished); });
     });
 }
 

@@ -42,11 +42,14 @@ Fault checkCall(const std::string& call)
     if (std::find(names.begin(), names.end(), call) != names.end()) {
         return std::nullopt;
     }
-    return "there is no platform call " + common::inQuotes(call) + "; nearest to it is " +
-           *std::min_element(names.begin(), names.end(),
-                             [&call](const auto& one, const auto& other) {
-                                 return distance(call, one) < distance(call, other);
-                             }) +
+    const auto isNearer = [&call](const std::string& one, const std::string& other) {
+        return distance(call, one) < distance(call, other);
+    };
+    const std::string nearest = *std::min_element(names.begin(), names.end(), isNearer);
+    const bool isMeant = distance(call, nearest) <= nearest.size() / 3;
+    return "there is no platform call " + common::inQuotes(call) +
+           (isMeant ? ": " + nearest + "?"
+                    : ": they are named as in their headers, such as " + names.front()) +
            " (docs/vset-commands.md lists them)";
 }
 
