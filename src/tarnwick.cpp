@@ -131,6 +131,17 @@ int pwrctl_subscribe_poweroff_event_cb(pwrctl_poweroff_info*, void*)
     return 0;
 }
 
+// Stands between the platform, which is C, and a callback of ours that may throw.
+template <auto callback, typename Event>
+int guarded(Event* event, void* data)
+{
+    runToTheEnd([&] { callback(event, data); });
+    return 0;
+}
+
+constexpr pwrctl_state_cb kOnStateChanged = guarded<pwrctl_state_changed_cb, pwrctl_state_info>;
+constexpr pwrctl_poweroff_cb kOnPowerOff = guarded<pwrctl_subscribe_poweroff_event_cb, pwrctl_poweroff_info>;
+
 void pralis_notify_key_changed_cb(keynode* node, void*)
 {
     if (node == nullptr) {
@@ -208,10 +219,10 @@ gboolean startBootWorker(gpointer)
 
 void register_callback()
 {
-    if (pwrctl_subscribe_state_changed_event(pwrctl_state_changed_cb, nullptr) != 0) {
+    if (pwrctl_subscribe_state_changed_event(kOnStateChanged, nullptr) != 0) {
         FWLOGE("Error: pwrctl_subscribe_state_changed_event() failed");
     }
-    if (pwrctl_subscribe_poweroff_event(pwrctl_subscribe_poweroff_event_cb, nullptr) != 0) {
+    if (pwrctl_subscribe_poweroff_event(kOnPowerOff, nullptr) != 0) {
         FWLOGE("Error: pwrctl_subscribe_poweroff_event() failed");
     }
     if (pralis_notify_key_changed(kMirroringKey, pralis_notify_key_changed_cb, nullptr) != 0) {
@@ -245,8 +256,8 @@ void service_finalize()
     if (g_main_loop_is_running(g_main_loop)) {
         g_main_loop_quit(g_main_loop);
     }
-    pwrctl_unsubscribe_state_changed_event(pwrctl_state_changed_cb);
-    pwrctl_unsubscribe_poweroff_event(pwrctl_subscribe_poweroff_event_cb);
+    pwrctl_unsubscribe_state_changed_event(kOnStateChanged);
+    pwrctl_unsubscribe_poweroff_event(kOnPowerOff);
     pwrctl_unlock_state(2);
     hangwatch_unregister_watchdog_service();
     removeTimer(id_watchdog);
@@ -258,7 +269,12 @@ void service_finalize()
 
 int main()
 {
-    if (service_initialize() != 0) {
+    int initialized = -1;
+    if (!runToTheEnd([&] { initialized = service_initialize(); }) && !isFinalizing) {
+        isTaskRunning = true; // it threw before the service was one: that has an end as well
+        service_finalize();
+    }
+    if (initialized != 0) {
         FWLOGE("Error: service_initialize fail!\n"); // and on: the worker ends the service in its own way
     }
     if (startBootWorker(nullptr) == TRUE) {

@@ -80,7 +80,9 @@ int FWUpdateUIA::check_update_module(bool taskRunning)
 
 gboolean state_wrapper_timer_cb(gpointer)
 {
-    return FWUpdateUIA::FWSVC_state_handler(FWUpdateUIA::getInstance());
+    gboolean goesOn = FALSE;
+    runToTheEnd([&] { goesOn = FWUpdateUIA::FWSVC_state_handler(FWUpdateUIA::getInstance()); });
+    return goesOn;
 }
 
 gboolean FWUpdateUIA::FWSVC_state_handler(gpointer data)
@@ -275,7 +277,7 @@ void FWUpdateUIA::pralis_fwstatus_UI_cb(keynode* node, void* user_data)
     }
     const int answer = pralis_keynode_get_int(node);
     FWLOGE("fwstatus_ui_cb val %d", answer);
-    agentOf(user_data)->answerFromUI(answer);
+    runToTheEnd([&] { agentOf(user_data)->answerFromUI(answer); });
 }
 
 // Tests and sets the state in one step, so that the end of the launch cannot fall in between.

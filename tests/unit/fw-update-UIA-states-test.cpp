@@ -1,4 +1,5 @@
 #include <filesystem>
+#include <new>
 #include <pthread.h>
 #include <string>
 #include <thread>
@@ -69,6 +70,23 @@ TEST_F(FWUpdateUIAStates, BelongToTheOneAgentWhenTheHandlerIsGivenNone)
     agent.FWSVC_set_state(FWSVC_UI_CANCELLED);
     EXPECT_EQ(FWUpdateUIA::FWSVC_state_handler(nullptr), TRUE);
     EXPECT_EQ(state(), FWSVC_FINISH);
+}
+
+// The timer is called by C code, which knows of no exceptions.
+TEST_F(FWUpdateUIAStates, EndTheServiceWhenTheirActionThrows)
+{
+    platform.onCall("pralis_get_int", [] { throw std::bad_alloc(); });
+    agent.FWSVC_set_state(FWSVC_UI_UPDATING);
+    EXPECT_EQ(state_wrapper_timer_cb(nullptr), FALSE);
+    EXPECT_EQ(serviceFinalizeCount(), 1);
+}
+
+TEST_F(FWUpdateUIAStates, EndTheServiceWhenTheirThreadThrows)
+{
+    platform.onCall("pwrctl_get_state", [] { throw std::bad_alloc(); });
+    addPending("tuner", "empTuner", 10, "select");
+    EXPECT_TRUE(tickIn(FWSVC_MODULES_CHECKED));
+    EXPECT_TRUE(eventually([] { return serviceFinalizeCount() == 1; }));
 }
 
 TEST_F(FWUpdateUIAStates, AreShownTheSameInBothLogs)

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <dlfcn.h>
 #include <gio/gio.h>
+#include <new>
 #include <pthread.h>
 #include <thread>
 
@@ -99,6 +100,37 @@ TEST_F(Tarnwick, OutlivesTheBus)
 TEST_F(Tarnwick, TriesAgainToStartItsWorkerWithoutAThreadForIt)
 {
     refusedThreads = 2;
+    EXPECT_EXIT(tarnwickMain(), ExitedWithCode(0), "");
+}
+
+// ---- What nobody catches ends the process as everything else does ----
+
+void runOutOfMemory()
+{
+    throw std::bad_alloc();
+}
+
+TEST_F(Tarnwick, EndsInOrderAfterAnExceptionOnItsWorker)
+{
+    platform.onCall("FlagpostIsDone", runOutOfMemory);
+    EXPECT_EXIT(tarnwickMain(), ExitedWithCode(0), "");
+}
+
+TEST_F(Tarnwick, EndsInOrderAfterAnExceptionAtItsStart)
+{
+    installControl("tuner").answers.onCall = [](const std::string&) { runOutOfMemory(); };
+    EXPECT_EXIT(tarnwickMain(), ExitedWithCode(0), "");
+}
+
+TEST_F(Tarnwick, EndsInOrderAfterAnExceptionWhenTheSetIsSwitchedOff)
+{
+    installControl("tuner").answers.onCall = [](const std::string& function) {
+        if (function == "allUpdateDone") {
+            runOutOfMemory();
+        }
+    };
+    platform.onCall("FlagpostIsDone", [] { std::this_thread::sleep_for(std::chrono::minutes(1)); });
+    platform.onCall("pralis_notify_key_changed", [&] { platform.powerOff(0); }); // the last subscription
     EXPECT_EXIT(tarnwickMain(), ExitedWithCode(0), "");
 }
 
