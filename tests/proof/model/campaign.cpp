@@ -14,8 +14,8 @@
 #include <unistd.h>
 #include <utility>
 
-#include "tests/proof/model/daemon.h"
-#include "tests/proof/model/places.h"
+#include "tests/proof/process/daemon.h"
+#include "tests/proof/process/places.h"
 
 namespace proof
 {

@@ -84,31 +84,6 @@ struct NamedSet {
     std::vector<Module> modules;
 };
 
-Source sound(int verdict, const char* uiUse, uint32_t expected)
-{
-    return {Source::kSound, verdict, uiUse, expected};
-}
-
-Source broken()
-{
-    return {Source::kBroken, 1, "none", 60};
-}
-
-Module alpha(const Source& builtIn, const Source& package)
-{
-    return {"alpha", "empAlpha", builtIn, package};
-}
-
-Module beta(const Source& builtIn, const Source& package)
-{
-    return {"beta", "empBeta", builtIn, package};
-}
-
-Module gamma(const Source& builtIn, const Source& package)
-{
-    return {"gamma", "empGamma", builtIn, package};
-}
-
 // In the order of the names of their files, which is that of the registry.
 const std::vector<NamedSet>& sets()
 {

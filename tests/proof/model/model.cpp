@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "tests/proof/model/modules.h"
 #include "tests/proof/model/stage.h"
 
 namespace proof

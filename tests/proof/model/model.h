@@ -12,21 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "tests/proof/model/modules.h"
+#include "tests/proof/process/television.h"
 
 namespace proof
 {
-
-// A set before the service starts.
-struct Television {
-    std::vector<Module> modules; // in the order of the registry
-    bool isFactory = false;      // the factory marker is there
-    bool wereAsked = false;      // packages were requested earlier in this boot
-    bool isManagerReady = true;  // so is the package manager
-    bool isEager = false;
-    int working = 0;                   // another component's update session
-    std::vector<std::string> failures; // calls that fail the first time
-};
 
 class Model
 {

@@ -8,25 +8,10 @@
 #include <string>
 
 #include "tests/proof/model/stage.h"
+#include "tests/proof/process/television.h"
 
 namespace proof
 {
-
-// What lies at one place that a module's image may come from.
-struct Source {
-    enum Content { kAbsent, kBroken, kSound }; // broken: the checksum is another one
-    Content content = kAbsent;
-    int verdict = 0; // of the control library on its version
-    std::string uiUse = "none";
-    uint32_t expected = 0; // seconds
-};
-
-struct Module {
-    std::string name;
-    std::string id; // of its package, "emp" and more; empty for an external module
-    Source builtIn;
-    Source package;
-};
 
 constexpr int kFromPackage = 2; // who asks for a check or an update
 constexpr int kFromSystem = 6;

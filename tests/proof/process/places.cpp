@@ -1,4 +1,4 @@
-#include "tests/proof/model/places.h"
+#include "tests/proof/process/places.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,6 +16,8 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "tests/proof/process/failing.h"
 
 namespace proof
 {
@@ -46,21 +48,22 @@ Function* real(Function*, const char* name)
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+} // namespace
+
 // An image of the one byte 1, whose checksum is known without a computation, and its information file.
-void writeSource(const fs::path& directory, const std::string& firmware, const Source& source)
+void Places::writeSource(const std::string& directory, const std::string& firmware, const Source& source)
 {
     if (source.content == Source::kAbsent) {
         return;
     }
-    fs::create_directories(directory);
-    std::ofstream(directory / (firmware + ".bin")) << '\1';
-    std::ofstream(directory / "info.json")
+    const fs::path place = directory;
+    fs::create_directories(place);
+    std::ofstream(place / (firmware + ".bin")) << '\1';
+    std::ofstream(place / "info.json")
         << R"({"version": ")" << source.verdict << R"(", "crc": )"
         << (source.content == Source::kBroken ? 1 : 28458147) << R"(, "expected_time": )" << source.expected
         << R"(, "ui_use": ")" << source.uiUse << "\"}";
 }
-
-} // namespace
 
 void Places::write(const std::string& directory, const Television& television)
 {
@@ -79,6 +82,9 @@ void Places::write(const std::string& directory, const Television& television)
         if (module.package.content != Source::kAbsent) {
             std::ofstream(directory + kPackages + "/" + module.id + ".img");
             writeSource(directory + kPackages + "/" + module.id + ".tree", firmware, module.package);
+            Source spoilt = module.package;
+            spoilt.content = Source::kBroken;
+            writeSource(directory + kPackages + "/" + module.id + ".spoilt", firmware, spoilt);
         }
     }
 }
@@ -136,8 +142,9 @@ std::optional<std::string> Places::find(const std::string& path) const
         return id.empty() || mountPoints.count(id) != 0 ? std::optional<std::string>(root + "/tmp")
                                                         : std::nullopt;
     }
+    const char* const tree = spoilt.count(id) != 0 ? ".spoilt" : ".tree";
     return mountsOf(id) > 0
-               ? std::optional<std::string>(root + kPackages + "/" + id + ".tree" + inside.substr(id.size()))
+               ? std::optional<std::string>(root + kPackages + "/" + id + tree + inside.substr(id.size()))
                : std::nullopt;
 }
 
@@ -247,6 +254,7 @@ extern "C" {
 
 int stat(const char* path, struct stat* status)
 {
+    const failing::Aside aside;
     static const auto realStat =
         reinterpret_cast<int (*)(const char*, struct stat*)>(dlsym(RTLD_NEXT, "stat"));
     std::string place;
@@ -271,6 +279,7 @@ int lstat64(const char* path, struct stat64* status)
 
 int access(const char* path, int mode)
 {
+    const failing::Aside aside;
     std::string place;
     const char* const found = placeOf(path, place);
     return found != nullptr ? faccessat(AT_FDCWD, found, mode, 0) : -1;
@@ -278,6 +287,7 @@ int access(const char* path, int mode)
 
 int open(const char* path, int flags, ...)
 {
+    const failing::Aside aside;
     va_list arguments;
     va_start(arguments, flags);
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
@@ -287,6 +297,7 @@ int open(const char* path, int flags, ...)
 
 int open64(const char* path, int flags, ...)
 {
+    const failing::Aside aside;
     va_list arguments;
     va_start(arguments, flags);
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
@@ -296,16 +307,19 @@ int open64(const char* path, int flags, ...)
 
 FILE* fopen(const char* path, const char* mode)
 {
+    const failing::Aside aside;
     return openStream(path, mode);
 }
 
 FILE* fopen64(const char* path, const char* mode)
 {
+    const failing::Aside aside;
     return openStream(path, mode);
 }
 
 char* realpath(const char* path, char* resolved)
 {
+    const failing::Aside aside;
     static auto* const realCall = real(&realpath, "realpath");
     std::string place;
     const char* const found = placeOf(path, place);
@@ -314,6 +328,7 @@ char* realpath(const char* path, char* resolved)
 
 int mkdir(const char* path, mode_t mode)
 {
+    const failing::Aside aside;
     static auto* const realCall = real(&mkdir, "mkdir");
     if (places == nullptr) {
         return realCall(path, mode);
@@ -323,6 +338,7 @@ int mkdir(const char* path, mode_t mode)
 
 int remove(const char* path)
 {
+    const failing::Aside aside;
     static auto* const realCall = real(&remove, "remove");
     if (places == nullptr) {
         return realCall(path);
@@ -342,6 +358,11 @@ int unlink(const char* path)
 
 DIR* opendir(const char* path)
 {
+    static constexpr failing::Result results[] = {{"ENOENT", 0, ENOENT}, {"EMFILE", 0, EMFILE}};
+    if (failing::ask("opendir", results, path) != nullptr) {
+        return nullptr;
+    }
+    const failing::Aside aside;
     static auto* const realCall = real(&opendir, "opendir");
     std::string place;
     const char* const found = placeOf(path, place);
@@ -354,16 +375,27 @@ DIR* opendir(const char* path)
 
 dirent* readdir(DIR* directory)
 {
+    static constexpr failing::Result results[] = {{"EIO", 0, EIO}};
+    if (failing::ask("readdir", results) != nullptr) {
+        return nullptr;
+    }
+    const failing::Aside aside;
     return nextEntry(directory);
 }
 
 dirent64* readdir64(DIR* directory)
 {
+    static constexpr failing::Result results[] = {{"EIO", 0, EIO}};
+    if (failing::ask("readdir", results) != nullptr) {
+        return nullptr;
+    }
+    const failing::Aside aside;
     return reinterpret_cast<dirent64*>(nextEntry(directory));
 }
 
 int closedir(DIR* directory)
 {
+    const failing::Aside aside;
     static auto* const realCall = real(&closedir, "closedir");
     listings.erase(directory);
     return realCall(directory);

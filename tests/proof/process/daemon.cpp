@@ -1,4 +1,4 @@
-#include "tests/proof/model/daemon.h"
+#include "tests/proof/process/daemon.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,9 +16,11 @@
 #include "platform/include/ps_mount.h"
 #include "platform/include/trace_logger.h"
 #include "src/src/fw-update-UIA.h"
-#include "tests/proof/model/control-calls.h"
-#include "tests/proof/model/machine.h"
-#include "tests/proof/model/places.h"
+#include "tests/proof/process/control-answers.h"
+#include "tests/proof/process/control-calls.h"
+#include "tests/proof/process/failing.h"
+#include "tests/proof/process/machine.h"
+#include "tests/proof/process/places.h"
 
 int tarnwick_main(); // the daemon's main, renamed as it was compiled
 
@@ -33,6 +35,7 @@ constexpr const char* kProgress = "memory/ep_firmware_update_app/fw_update_progr
 constexpr const char* kWorking = "memory/enterprise/swupgrade/working_status";
 constexpr const char* kMirroring = "memory/menu/network/screenmirroring/smsrc_status";
 constexpr int kErrorOfUpdate = EIO;
+constexpr int kSecondsOfAnImage = 5;
 
 struct Daemon {
     const Television* television;
@@ -47,7 +50,8 @@ struct Daemon {
 
 Daemon* self = nullptr;
 
-// What the fake platform was asked meanwhile stands before the line.
+} // namespace
+
 void note(const std::string& line)
 {
     std::vector<std::string> calls = fakePlatform().callsSince(self->callsSeen);
@@ -57,6 +61,9 @@ void note(const std::string& line)
         self->trace.push_back(line);
     }
 }
+
+namespace
+{
 
 void end(const std::string& how)
 {
@@ -103,12 +110,11 @@ std::string idOf(const std::string& name)
     return "";
 }
 
-int doUpdate()
+int doUpdate(const std::string& mode)
 {
-    const std::string mode = self->updateMode;
-    if (mode == "hang") {
+    if (mode == "hang" || mode == "late") {
         machine::hang();
-    } else if (mode != "quick") {
+    } else if (mode != "quick" && mode != "at-once") {
         machine::sleep((mode == "slow" ? 5000 : 100) * machine::kMillisecond);
     }
     errno = kErrorOfUpdate;
@@ -119,6 +125,7 @@ int doUpdate()
 
 void run(const Television& television, const std::string& root, std::function<void()> next)
 {
+    failing::setDepth(1);
     self = new Daemon{&television, std::move(next), {}, 0, false, "ok", 42, {}};
     places = new Places(root);
     places->setMarker("/tmp/FACTORY_PRODCUTION", television.isFactory);
@@ -132,9 +139,11 @@ void run(const Television& television, const std::string& root, std::function<vo
         failOnce(function);
     }
     machine::setThreads(television.isEager ? machine::Threads::kEager : machine::Threads::kLazy);
-    tarnwick_main();
-    end("main returned");
-    abort();
+    machine::runMain([] {
+        failing::setDepth(0);
+        tarnwick_main();
+        end("main returned");
+    });
 }
 
 void apply(const std::string& event)
@@ -160,6 +169,7 @@ void apply(const std::string& event)
         {"mirror", [&] { applyKey(kMirroring, rest); }},
         {"working", [&] { platform.setSetting(kWorking, value); }},
         {"manager", [&] { places->setMarker("/run/.pkgmgr_ready", value == 1); }},
+        {"spoil", [&] { places->spoil(rest); }},
         {"factory", [&] { places->setMarker("/tmp/FACTORY_PRODCUTION", value == 1); }},
         {"launch", [&] { platform.answer("applaunch_send_launch_request", rest == "fail" ? -1 : 0); }},
         {"fail", [&] { failOnce(rest); }},
@@ -234,18 +244,40 @@ using proof::daemon::self;
 
 extern "C" int proofControlCalled(const char* module, const char* function, const char* arguments, void* out)
 {
+    const failing::Result* const refusal = control::ask(function, module);
+    const failing::Aside aside;
     const std::string asked = function;
     daemon::note(std::string(module) + " " + asked + "(" + arguments + ")");
+    if (refusal != nullptr && asked == "doUpdate" && refusal->value == 0) {
+        return daemon::doUpdate(refusal->name);
+    }
+    if (refusal != nullptr) {
+        return control::answer(function, *refusal, out);
+    }
     if (asked == "getEMPID") {
         strcpy(static_cast<char*>(out), daemon::idOf(module).c_str());
     } else if (asked == "getActiveVersion") {
         strcpy(static_cast<char*>(out), "1.0");
     } else if (asked == "getUpdateProgress") {
         *static_cast<unsigned int*>(out) = self->progress;
+    } else if (asked == "getExpectedTime") {
+        *static_cast<int*>(out) = daemon::kSecondsOfAnImage;
     } else if (asked == "doUpdate") {
-        return daemon::doUpdate();
+        return daemon::doUpdate(self->updateMode);
     }
     return daemon::fails(asked) ? -1 : 0;
+}
+
+// The content is told by its length and a sum, which is that of its bytes.
+extern "C" int proofImageWritten(const char* module, const unsigned char* data, int length)
+{
+    uint64_t sum = 0;
+    for (int at = 0; at < length; ++at) {
+        sum += data[at];
+    }
+    char text[100];
+    snprintf(text, sizeof text, "%d, %llu", length, static_cast<unsigned long long>(sum));
+    return proofControlCalled(module, "doUpdate_decryption", text, nullptr);
 }
 
 int PS_Mount(const char* command, int, int, int* result)
@@ -269,6 +301,12 @@ int PS_Umount(const char* directory, int length, int, int* result)
 
 int __norlog_print(int, int priority, const char*, const char* format, ...)
 {
+    static constexpr failing::Result results[] = {{"-1", -1, 0}};
+    const failing::Result* const refusal = failing::ask("__norlog_print", results, format);
+    if (refusal != nullptr) {
+        return -1;
+    }
+    const failing::Aside aside;
     char line[4096];
     va_list arguments;
     va_start(arguments, format);
@@ -283,12 +321,14 @@ void TraceLogger::record(int, const char*, const char*, int, const char*, ...) {
 extern "C" guint g_bus_own_name(GBusType, const gchar* name, GBusNameOwnerFlags, GBusAcquiredCallback,
                                 GBusNameAcquiredCallback, GBusNameLostCallback, gpointer, GDestroyNotify)
 {
+    const failing::Aside aside;
     daemon::note(std::string("g_bus_own_name(\"") + name + "\")");
     return 1;
 }
 
 extern "C" void quick_exit(int status) noexcept
 {
+    failing::setDepth(1);
     daemon::end("quick_exit(" + std::to_string(status) + ")");
     abort();
 }

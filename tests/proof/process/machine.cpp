@@ -1,4 +1,4 @@
-#include "tests/proof/model/machine.h"
+#include "tests/proof/process/machine.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,6 +20,8 @@
 #include <utility>
 #include <vector>
 
+#include "tests/proof/process/failing.h"
+
 namespace __cxxabiv1
 {
 struct __cxa_eh_globals;
@@ -33,6 +35,7 @@ namespace
 {
 
 constexpr size_t kStackSize = 256 * 1024;
+constexpr size_t kMainStackSize = 8 * 1024 * 1024;
 constexpr size_t kExceptionState = 16; // the caught exceptions and the number of those in flight
 
 struct Fiber {
@@ -42,6 +45,7 @@ struct Fiber {
     bool isOver = false;
     bool isSleeping = false; // stands among the sleepers
     int error = 0;
+    int depth = 0; // of the test's own code in it
     char exceptions[kExceptionState] = {};
 };
 
@@ -87,9 +91,11 @@ void switchTo(Fiber* next)
 {
     Fiber* const self = machine->current;
     self->error = errno;
+    self->depth = failing::depth();
     memcpy(self->exceptions, __cxxabiv1::__cxa_get_globals(), kExceptionState);
     machine->current = next;
     memcpy(static_cast<void*>(__cxxabiv1::__cxa_get_globals()), next->exceptions, kExceptionState);
+    failing::setDepth(next->depth);
     errno = next->error;
     swapcontext(&self->context, &next->context);
 }
@@ -150,6 +156,15 @@ void setNow(int64_t time)
     }
 }
 
+void giveStack(ucontext_t& context, size_t size)
+{
+    getcontext(&context);
+    context.uc_stack.ss_sp =
+        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    context.uc_stack.ss_size = size;
+    context.uc_link = nullptr;
+}
+
 Fiber* makeFiber(void* (*start)(void*), void* argument)
 {
     Fiber* fiber = nullptr;
@@ -158,15 +173,12 @@ Fiber* makeFiber(void* (*start)(void*), void* argument)
         machine->spare.pop_back();
     } else {
         fiber = new Fiber;
-        getcontext(&fiber->context);
-        fiber->context.uc_stack.ss_sp = mmap(nullptr, kStackSize, PROT_READ | PROT_WRITE,
-                                             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-        fiber->context.uc_stack.ss_size = kStackSize;
-        fiber->context.uc_link = nullptr;
+        giveStack(fiber->context, kStackSize);
     }
     fiber->body = start;
     fiber->argument = argument;
     fiber->isOver = false;
+    fiber->depth = 0;
     memset(fiber->exceptions, 0, kExceptionState);
     makecontext(&fiber->context, body, 0);
     return fiber;
@@ -200,6 +212,7 @@ void wakeFirst(Queue& queue)
 
 int lockMutex(pthread_mutex_t* mutex)
 {
+    const failing::Aside aside;
     static auto* const tryLock = real(&pthread_mutex_trylock, "pthread_mutex_trylock");
     while (true) {
         const int result = tryLock(mutex);
@@ -220,6 +233,7 @@ Sleepers::iterator sleepUntil(int64_t time)
 // Waits until woken, or `deadline`. 0 or ETIMEDOUT.
 int waitFor(pthread_cond_t* condition, pthread_mutex_t* mutex, std::optional<int64_t> deadline)
 {
+    const failing::Aside aside;
     auto& waiters = machine->conditions[condition];
     Fiber* const self = machine->current;
     waiters.push_back({self, deadline ? std::optional(sleepUntil(*deadline)) : std::nullopt});
@@ -237,6 +251,7 @@ int waitFor(pthread_cond_t* condition, pthread_mutex_t* mutex, std::optional<int
 
 void wakeWaiter(pthread_cond_t* condition)
 {
+    const failing::Aside aside;
     const auto waiters = machine->conditions.find(condition);
     if (waiters == machine->conditions.end() || waiters->second.empty()) {
         return;
@@ -262,6 +277,7 @@ int64_t nanoseconds(const timespec& time)
 int pollOnMain(pollfd* fds, nfds_t count, int timeout)
 {
     static auto* const realPoll = real(&poll, "poll");
+    const failing::Aside aside; // those that have their turns are not
     const int64_t limit = timeout < 0 ? INT64_MAX : machine->now + timeout * kMillisecond;
     while (true) {
         while (runNext()) {
@@ -299,6 +315,15 @@ bool isStarted()
     return machine != nullptr;
 }
 
+void runMain(void (*body)())
+{
+    ucontext_t context;
+    giveStack(context, kMainStackSize);
+    makecontext(&context, body, 0);
+    setcontext(&context);
+    abort();
+}
+
 void setThreads(Threads mode)
 {
     machine->threads = mode;
@@ -332,6 +357,7 @@ void failSemaphore()
 
 void sleep(int64_t duration)
 {
+    const failing::Aside aside;
     sleepUntil(machine->now + duration);
     block();
 }
@@ -409,9 +435,12 @@ int pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*star
     if (machine == nullptr) {
         return real(&pthread_create, "pthread_create")(id, attributes, start, argument);
     }
-    if (std::exchange(machine->failsThread, false)) {
+    static constexpr proof::failing::Result results[] = {{"EAGAIN", EAGAIN, 0}};
+    if (std::exchange(machine->failsThread, false) ||
+        proof::failing::ask("pthread_create", results) != nullptr) {
         return EAGAIN;
     }
+    const proof::failing::Aside aside;
     *id = ++machine->lastThread;
     startThread(makeFiber(start, argument));
     return 0;
@@ -432,6 +461,7 @@ int pthread_mutex_unlock(pthread_mutex_t* mutex)
 {
     static auto* const realUnlock = real(&pthread_mutex_unlock, "pthread_mutex_unlock");
     const int result = realUnlock(mutex);
+    const proof::failing::Aside aside;
     if (machine != nullptr && !machine->mutexes.empty()) {
         const auto waiting = machine->mutexes.find(mutex);
         if (waiting != machine->mutexes.end()) {
@@ -473,6 +503,7 @@ int pthread_cond_signal(pthread_cond_t* condition)
 
 int pthread_cond_broadcast(pthread_cond_t* condition)
 {
+    const proof::failing::Aside aside;
     if (machine == nullptr) {
         return real(&pthread_cond_broadcast, "pthread_cond_broadcast")(condition);
     }
@@ -486,6 +517,7 @@ int pthread_cond_broadcast(pthread_cond_t* condition)
 
 sem_t* sem_open(const char* name, int flags, ...)
 {
+    const proof::failing::Aside aside;
     static sem_t handle;
     va_list arguments;
     va_start(arguments, flags);
@@ -504,12 +536,14 @@ sem_t* sem_open(const char* name, int flags, ...)
 
 int sem_close(sem_t*)
 {
+    const proof::failing::Aside aside;
     machine->note("sem_close()");
     return 0;
 }
 
 int sem_wait(sem_t*)
 {
+    const proof::failing::Aside aside;
     while (machine->semaphore == 0) {
         machine->semaphoreQueue.push_back(machine->current);
         block();
@@ -521,6 +555,7 @@ int sem_wait(sem_t*)
 
 int sem_post(sem_t*)
 {
+    const proof::failing::Aside aside;
     ++machine->semaphore;
     machine->note("sem_post()");
     wakeFirst(machine->semaphoreQueue);

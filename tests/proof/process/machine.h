@@ -5,8 +5,8 @@
 //
 // Calls of the C library are taken over by their names (machine.cpp): nothing of the daemon knows of it.
 // Before start() they do what they always do.
-#ifndef TESTS_PROOF_MODEL_MACHINE_H
-#define TESTS_PROOF_MODEL_MACHINE_H
+#ifndef TESTS_PROOF_PROCESS_MACHINE_H
+#define TESTS_PROOF_PROCESS_MACHINE_H
 
 #include <cstdint>
 #include <functional>
@@ -15,7 +15,7 @@
 namespace proof::machine
 {
 
-enum class Threads { kLazy, kEager, kStalled }; // as in model.h
+enum class Threads { kLazy, kEager, kStalled }; // as in model/model.h
 
 constexpr int64_t kMillisecond = 1000000; // the clock counts nanoseconds
 
@@ -23,6 +23,10 @@ constexpr int64_t kMillisecond = 1000000; // the clock counts nanoseconds
 // never returns. `note` is told of semaphore calls.
 void start(std::function<void()> idle, std::function<void(const std::string&)> note);
 bool isStarted();
+
+// Runs the main thread's body where nobody stands around it: an exception that it lets out meets no handler
+// of the test's, and ends the process as it would end a program.
+[[noreturn]] void runMain(void (*body)());
 
 void setThreads(Threads mode);
 void advance(int64_t duration); // before `idle` is called again, with everything that is due meanwhile
