@@ -1,7 +1,9 @@
 #include "common/daemon-events.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <string_view>
 
@@ -190,6 +192,17 @@ int DaemonEvent::number(size_t index) const
 bool isOfDaemon(const LogRecord& record)
 {
     return record.buffer == LogBuffer::System && record.tag == "FWUPDATE";
+}
+
+bool isDaemonText(const std::string& message)
+{
+    const auto isGeneral = [](const DaemonText& text) { // which any message would fit
+        return strcmp(text.format, "%s") == 0 || strcmp(text.format, "Error: %s %s") == 0;
+    };
+    return std::any_of(std::begin(kDaemonTexts), std::end(kDaemonTexts), [&](const DaemonText& text) {
+        std::vector<std::string> values;
+        return !isGeneral(text) && fits(withoutLineEnd(text.format), withoutLineEnd(message), values);
+    });
 }
 
 DaemonEvent readDaemonMessage(const std::string& message)

@@ -100,6 +100,9 @@ bool isOfDaemon(const LogRecord& record);
 
 // A line end behind it is passed over. A text that the daemon does not have is a detail.
 DaemonEvent readDaemonMessage(const std::string& message);
+
+// Whether the daemon has a text that the message fits, whatever is put into it.
+bool isDaemonText(const std::string& message);
 // Whether the daemon complains of something, of whatever kind.
 bool isComplaint(const std::string& message);
 // Nothing for what is not of the daemon.
