@@ -110,7 +110,7 @@ std::string idOf(const std::string& name)
     return "";
 }
 
-int doUpdate(const std::string& mode)
+int doUpdate(const std::string mode) // a copy: the next updates may go otherwise meanwhile
 {
     if (mode == "hang" || mode == "late") {
         machine::hang();
