@@ -109,6 +109,20 @@ done
 for kind in sparse noise; do
     taken root/var/log/platform.log $kind 1 "not within 0.2 s" wait "$set_" says x --since ever "${short[@]}"
 done
+# What is fetched from the feed keeps its holes; what is no file is not fetched.
+put_there sparse "$set_/root/srv/feed/empSparse.img"
+put_there pipe "$set_/root/srv/feed/empPipe.img"
+put_there device "$set_/root/srv/feed/empDevice.img"
+for package in empPipe empDevice empSparse; do
+    "$vset" exec "$set_" -- gdbus call --system --dest org.pellor.platform --object-path /org/pellor/platform \
+        --method org.pellor.platform.Services.DownloadPackage 1 $package >/dev/null
+done
+fetched() { [ "$("$vset" show "$set_" packages | grep -cE "$1")" = "$2" ]; }
+within 10 fetched " failed " 2 || fail "packages: $("$vset" show "$set_" packages)"
+within 10 fetched "empSparse .* delivered " 1 || fail "packages: $("$vset" show "$set_" packages)"
+image=$set_/root/opt/usr/apps/appbinarymanager/empSparse.img
+[ "$(stat -c %s "$image")" = $((10 << 30)) ] || fail "a package is cut: $(stat -c %s "$image") bytes"
+[ "$(du -k "$image" | cut -f1)" -lt 1000 ] || fail "a package without content takes $(du -h "$image")"
 # The platform goes on beside it.
 ends 0 "state 0" "the platform" "$vset" show "$set_" power
 kill -TERM "$leader"

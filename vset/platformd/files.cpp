@@ -9,8 +9,8 @@
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
-#include <vector>
 
+#include "common/file-copy.h"
 #include "common/json-text.h"
 
 namespace vset
@@ -95,26 +95,14 @@ void replaceFile(const fs::path& target, const std::function<void(int file, cons
 
 } // namespace
 
+// With its holes: a large file with little in it does not fill the disk.
 void copyIntoPlace(const std::string& source, const std::string& target)
 {
-    const Descriptor input(open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK), source);
-    struct stat status{};
-    if (fstat(input.get(), &status) != 0) {
-        fail(source);
-    }
-    if (!S_ISREG(status.st_mode)) {
+    std::error_code ignored;
+    if (!fs::is_regular_file(fs::symlink_status(source, ignored))) {
         throw std::system_error(EINVAL, std::generic_category(), source + " is not a file");
     }
-    replaceFile(target, [&](int output, const std::string& name) {
-        std::vector<char> block(1 << 20);
-        ssize_t size = 0;
-        while ((size = read(input.get(), block.data(), block.size())) > 0) {
-            writeAll(output, block.data(), static_cast<size_t>(size), name);
-        }
-        if (size < 0) {
-            fail(source);
-        }
-    });
+    replaceFile(target, [&](int, const std::string& name) { common::copyFile(source, name); });
 }
 
 void saveJson(const std::string& path, const Json::Value& value, Keeping keeping)
