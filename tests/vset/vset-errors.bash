@@ -22,6 +22,11 @@ if mount -t tmpfs -o size=300k tmpfs small 2>/dev/null; then
     one_line 1 "No space left on device" "$vset" new "$work/small/set"
     umount small
 fi
+if mount -t tmpfs -o size=1m,nr_inodes=20 tmpfs small 2>/dev/null; then
+    one_line 1 "No space left on device" env TMPDIR="$work/small" "$vset" run --temporary -- true
+    [ -z "$(ls small)" ] || fail "a temporary set that could not be made is left: $(ls small)"
+    umount small
+fi
 one_line 1 "circle: Too many levels" bash -c "ln -sf circle circle; '$vset' new circle"
 one_line 1 "TMPDIR" env TMPDIR=/nonexistent "$vset" run --temporary -- true
 

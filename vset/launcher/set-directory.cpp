@@ -256,8 +256,14 @@ SetDirectory SetDirectory::makeTemporary()
         failWithErrno("no temporary set can be made in " + fs::path(name).parent_path().string() +
                       " (TMPDIR names another directory)");
     }
-    check(chmod(name.c_str(), 0755), "cannot set the mode of " + name);
-    return make(name);
+    try {
+        check(chmod(name.c_str(), 0755), "cannot set the mode of " + name);
+        return make(name);
+    } catch (...) {
+        std::error_code ignored;
+        fs::remove_all(name, ignored);
+        throw;
+    }
 }
 
 SetDirectory SetDirectory::open(const fs::path& path)

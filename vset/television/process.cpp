@@ -131,10 +131,12 @@ std::optional<int> Process::waitFor(std::chrono::milliseconds longest)
 
 tarnwick::Output run(const std::vector<std::string>& command)
 {
-    std::string file = std::filesystem::temp_directory_path() / "television-XXXXXX";
-    const int handle = mkstemp(file.data());
+    std::error_code error;
+    std::string file = std::filesystem::temp_directory_path(error) / "television-XXXXXX";
+    const int handle = error ? -1 : mkstemp(file.data());
     if (handle < 0) {
-        fail(file);
+        throw tarnwick::TelevisionError("no temporary file can be made (TMPDIR names another directory): " +
+                                        (error ? error.message() : file + ": " + std::strerror(errno)));
     }
     close(handle);
     std::optional<int> status;
