@@ -579,8 +579,7 @@ TEST_F(Fwctl, ASignalOfALibraryReachesItAlone)
     const std::pair<const char*, const char*> kCases[] = {
         {"signalling",
          "signalling: the control library was ended in getActiveVersion by a signal (Terminated)"},
-        {"patricidal",
-         "patricidal: the control library kills the process that started it in getActiveVersion"},
+        {"patricidal", "patricidal: the control library kills the process that started it"},
     };
     for (const auto& [name, text] : kCases) {
         set.addModule(name);
@@ -614,6 +613,16 @@ TEST_F(Fwctl, WhatALibraryPrintsIsNamedAndEscaped)
             << command;
     }
     EXPECT_EQ(list().size(), 4U) << "JSON is nothing but JSON";
+}
+
+TEST_F(Fwctl, WhatALibraryDoesToItsProcessIsNoBusinessOfTheOthers)
+{
+    set.addModule("scribbling");
+    const Json::Value modules = list();
+    ASSERT_EQ(modules.size(), 4U);
+    EXPECT_EQ(findModule(modules, "scribbling")["installed"], "1.0");
+    EXPECT_EQ(findModule(modules, "tuner")["installed"], "1.0") << "asked after it, in the same process";
+    EXPECT_EQ(findModule(modules, "tuner")["pending"], true);
 }
 
 TEST_F(Fwctl, AnUpdateThatChangesNothingIsNoUpdate)

@@ -1,13 +1,19 @@
 #include "tools/fwctl/isolated.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/random.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -41,7 +47,8 @@ void copyText(char (&field)[size], const std::string& text)
 } // namespace
 
 struct Telling::Shared {
-    Slot slots[32]; // calls at the same time; those beyond are not watched
+    unsigned long long word = 0; // see wordOf()
+    Slot slots[32];              // calls at the same time; those beyond are not watched
 };
 
 namespace
@@ -53,7 +60,11 @@ Telling::Shared* makeShared()
     if (memory == MAP_FAILED) {
         throw common::Failure(std::string("no memory for a child process: ") + std::strerror(errno));
     }
-    return new (memory) Telling::Shared;
+    auto* const shared = new (memory) Telling::Shared;
+    if (getrandom(&shared->word, sizeof shared->word, GRND_NONBLOCK) < 0) {
+        shared->word = static_cast<unsigned long long>(Clock::now().time_since_epoch().count());
+    }
+    return shared;
 }
 
 // The call that began last and has not returned; null when there is none.
@@ -107,11 +118,16 @@ void runWork(const Work& work, int pipe, Telling::Shared& shared, Child::Orphane
 }
 } // namespace
 
+std::string Telling::wordOf(const Shared& shared)
+{
+    return std::to_string(shared.word) + " ";
+}
+
 void Telling::put(const char* name, const Json::Value& value)
 {
     Json::Value part;
     part[name] = value;
-    const std::string line = common::compactJson(part) + "\n";
+    const std::string line = wordOf(shared_) + common::compactJson(part) + "\n";
     const std::lock_guard<std::mutex> lock(mutex_);
     for (std::size_t done = 0; done < line.size();) {
         const ssize_t count = write(pipe_, line.data() + done, line.size() - done);
@@ -200,10 +216,15 @@ Child::~Child()
 
 void Child::take(const std::string& bytes, const PartHandler& onPart)
 {
+    const std::string word = Telling::wordOf(*shared_);
     rest_ += bytes;
     std::size_t begin = 0;
     for (std::size_t end; (end = rest_.find('\n', begin)) != std::string::npos; begin = end + 1) {
-        const auto part = common::parseJsonObject(std::string_view(rest_).substr(begin, end - begin));
+        const std::string_view line = std::string_view(rest_).substr(begin, end - begin);
+        const std::size_t at = line.find(word); // behind what somebody has written without an end of line
+        const auto part = at == std::string_view::npos
+                              ? std::nullopt
+                              : common::parseJsonObject(line.substr(at + word.size()));
         if (!part) {
             continue;
         }
@@ -336,6 +357,31 @@ void merge(Json::Value& told, const Json::Value& part)
 
 constexpr const char* kBegun = "begun"; // a piece of work, by its number
 
+// What a library may have changed for all that are asked after it in the same process.
+struct Surroundings {
+    std::array<rlimit, RLIM_NLIMITS> limits{};
+    std::string directory;
+    mode_t mask = 0;
+
+    Surroundings() : mask(umask(0))
+    {
+        umask(mask);
+        for (std::size_t resource = 0; resource < limits.size(); ++resource) {
+            getrlimit(static_cast<__rlimit_resource_t>(resource), &limits[resource]);
+        }
+        char path[PATH_MAX];
+        directory = getcwd(path, sizeof path) != nullptr ? path : "";
+    }
+    bool operator==(const Surroundings& other) const
+    {
+        const auto isSame = [](const rlimit& one, const rlimit& another) {
+            return one.rlim_cur == another.rlim_cur && one.rlim_max == another.rlim_max;
+        };
+        return mask == other.mask && directory == other.directory &&
+               std::equal(limits.begin(), limits.end(), other.limits.begin(), isSame);
+    }
+};
+
 // What goes on after its work belongs to the library that was asked; a moment for what is about to end.
 void runPiece(std::size_t index, const std::function<void(std::size_t, Telling&)>& work, Telling& telling)
 {
@@ -374,13 +420,14 @@ std::vector<Json::Value> runIsolatedAll(std::size_t count,
         std::size_t current = first;
         Child child(
             [&](Telling& telling) {
-                for (std::size_t index = first; index < end; ++index) {
+                const Surroundings before;
+                for (std::size_t index = first; index < end && Surroundings() == before; ++index) {
                     runPiece(index, work, telling);
                 }
             },
             Child::Orphaned::kEnds, onLine);
         const auto onPart = [&](const Json::Value& part) {
-            if (part.isMember(kBegun)) {
+            if (part.isMember(kBegun)) { // of ours: see wordOf()
                 current = part[kBegun].asUInt64();
                 told[current] = Json::objectValue;
             } else {
@@ -389,7 +436,7 @@ std::vector<Json::Value> runIsolatedAll(std::size_t count,
         };
         const std::string failure = child.wait(onPart, [] {});
         if (failure.empty()) {
-            first = end;
+            first = current + 1;
             continue;
         }
         if (child.isUnwatched() && end > first + 1) {

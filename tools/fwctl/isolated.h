@@ -32,6 +32,9 @@ public:
     // `survives`: goes on when the parent has ended.
     Telling(int pipe, Shared& shared, bool survives);
 
+    // Begins each line that is told: a library that writes into any descriptor there is has not told it.
+    static std::string wordOf(const Shared& shared);
+
     // Every thread may.
     void put(const char* name, const Json::Value& value);
 
