@@ -76,7 +76,11 @@ void writeFile(const Package::Source& source, std::uint64_t size, const fs::path
     while (const std::size_t count = source(chunk.data(), chunk.size())) {
         const auto length = static_cast<std::ptrdiff_t>(count);
         const bool isHole = std::all_of(chunk.begin(), chunk.begin() + length, [](char c) { return c == 0; });
-        isHole ? out.seekp(length, std::ios::cur) : out.write(chunk.data(), length);
+        if (isHole) {
+            out.seekp(length, std::ios::cur);
+        } else {
+            out.write(chunk.data(), length);
+        }
     }
     out.close();
     std::error_code error(errno, std::generic_category());
