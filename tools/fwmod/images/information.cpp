@@ -1,11 +1,10 @@
 #include "tools/fwmod/images/information.h"
 
-#include <fstream>
-#include <iterator>
 #include <json/json.h>
 #include <sstream>
 
 #include "common/json-text.h"
+#include "common/regular-file.h"
 #include "common/visible-text.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/quiet-platform.h"
@@ -152,12 +151,12 @@ std::vector<InformationFinding> explainAll(const Json::Value& root)
 std::vector<InformationFinding> explainFile(const fs::path& file)
 {
     constexpr common::JsonLimits kDaemons{size_t{1} << 20, 1000}; // beyond which it takes no file
-    std::ifstream in(file, std::ios::binary);
-    std::string text(kDaemons.bytes + 1, '\0'); // so much of an endless one tells that it is too long
-    in.read(text.data(), static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<size_t>(in.gcount()));
     std::string why;
-    if (const std::optional<Json::Value> root = common::parseJson(text, &why, kDaemons)) {
+    const std::optional<std::string> text = common::readRegularFile(file, kDaemons.bytes, why);
+    if (!text) {
+        return {{Kind::Refused, "-", "-", "it " + why}};
+    }
+    if (const std::optional<Json::Value> root = common::parseJson(*text, &why, kDaemons)) {
         return explainAll(*root);
     }
     return {{Kind::Refused, "-", "-", "not JSON: " + why}};
