@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "common/json-text.h"
+#include "common/unique-fd.h"
 #include "common/visible-text.h"
 #include "vset/platformd/contract.h"
 
@@ -51,25 +52,6 @@ public:
 
 private:
     GMainContext* context_;
-};
-
-class Descriptor
-{
-public:
-    explicit Descriptor(int file) : file_(file) {}
-    ~Descriptor()
-    {
-        if (file_ >= 0) {
-            close(file_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return file_; }
-    int release() { return std::exchange(file_, -1); }
-
-private:
-    int file_;
 };
 
 bool isMountCall(const std::string& call)
@@ -112,7 +94,7 @@ int connectSocket(const std::string& path, const std::string& whereabouts, std::
         failToReach(whereabouts, "the socket's path is too long");
     }
     path.copy(address.sun_path, path.size());
-    Descriptor bus(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    common::UniqueFd bus(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     // Of the handshake; GIO does not block later.
     const timeval limit = {longest.count() / 1000, longest.count() % 1000 * 1000};
     setsockopt(bus.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
@@ -178,7 +160,8 @@ ControlClient ControlClient::ofSet(const std::string& set, std::chrono::millisec
         throw ControlError("there is no set in " + set + ": make one with `vset new " + set + "`");
     }
     // A socket's path has at most 107 bytes, a set's directory may have more: the way goes over a descriptor.
-    const Descriptor directory(open((set + "/root/run/dbus").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const common::UniqueFd directory(
+        open((set + "/root/run/dbus").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (directory.get() < 0) {
         throw ControlError(notRunningText("set " + set));
     }
@@ -196,7 +179,7 @@ ControlClient::ControlClient(const std::string& socketPath, const std::string& w
     : whereabouts_(whereabouts), longest_(static_cast<int>(longest.count())), context_(g_main_context_new())
 {
     const ThreadContext ours(context_.get());
-    Descriptor bus(connectSocket(socketPath, whereabouts, longest));
+    common::UniqueFd bus(connectSocket(socketPath, whereabouts, longest));
     authenticate(bus.get(), whereabouts);
     common::ErrorSlot error;
     const std::unique_ptr<GSocket, Unref> socket(g_socket_new_from_fd(bus.get(), error.address()));

@@ -18,24 +18,6 @@ void failWithErrno(const std::string& what)
     throw Error(what + ": " + std::strerror(errno));
 }
 
-UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept
-{
-    if (this == &other) {
-        return *this;
-    }
-    reset();
-    fd_ = std::exchange(other.fd_, -1);
-    return *this;
-}
-
-void UniqueFd::reset()
-{
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-    fd_ = -1;
-}
-
 Pipe makePipe()
 {
     int ends[2];

@@ -8,9 +8,9 @@
 #include <stdexcept>
 #include <string>
 #include <sys/types.h>
-#include <utility>
 
 #include "common/errors.h"
+#include "common/unique-fd.h"
 
 namespace vset
 {
@@ -36,23 +36,7 @@ inline long check(long result, const std::string& what)
     return result;
 }
 
-// Owns one file descriptor; -1 means none.
-class UniqueFd
-{
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(long fd) : fd_(static_cast<int>(fd)) {}
-    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept;
-    ~UniqueFd() { reset(); }
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    void reset();
-
-private:
-    int fd_ = -1;
-};
+using common::UniqueFd;
 
 // A pipe whose two ends are closed on exec.
 struct Pipe {
