@@ -553,6 +553,7 @@ void Init::onWrite(short events)
 void Init::cutPower(const HardwareWrite& write)
 {
     kill(-1, SIGKILL);
+    plan_.life.cut(writes_, write);
     note("the power was cut at write " + std::to_string(writes_) + " (" + write.call + " to " + write.path +
          ")");
     _exit(kExitPowerCut);
@@ -608,6 +609,7 @@ std::string endOf(const char* name, int status)
 void Init::tellWrites() const
 {
     if (plan_.cutAtWrite) {
+        plan_.life.writes(writes_);
         note(std::string(plan_.television() ? "the daemon" : main_.name) + " made " +
              std::to_string(writes_) + " writes to hardware");
     }
@@ -616,7 +618,7 @@ void Init::tellWrites() const
 std::optional<int> Init::onMainEnd(int status)
 {
     tellWrites();
-    plan_.life.daemonEnded(shellStatus(status));
+    plan_.life.daemonEnded(status);
     if (!plan_.television()) {
         return shellStatus(status);
     }

@@ -1,7 +1,9 @@
 #include "vset/launcher/life-record.h"
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 #include "common/json-text.h"
 #include "vset/launcher/set-directory.h"
@@ -17,7 +19,9 @@ LifeRecord::LifeRecord(const fs::path& set)
 
 void LifeRecord::boot(int64_t logStart) const
 {
-    write("boot", "log", logStart);
+    Json::Value record;
+    record["log"] = static_cast<Json::Int64>(logStart);
+    write("boot", std::move(record));
 }
 
 void LifeRecord::up() const
@@ -25,24 +29,43 @@ void LifeRecord::up() const
     write("up");
 }
 
-void LifeRecord::daemonEnded(int status) const
+void LifeRecord::daemonEnded(int waitStatus) const
 {
-    write("ended", "status", status);
+    Json::Value record;
+    record["status"] = shellStatus(waitStatus);
+    if (WIFSIGNALED(waitStatus)) {
+        record["signal"] = WTERMSIG(waitStatus);
+    }
+    write("ended", std::move(record));
+}
+
+void LifeRecord::writes(unsigned int count) const
+{
+    Json::Value record;
+    record["count"] = count;
+    write("writes", std::move(record));
+}
+
+void LifeRecord::cut(unsigned int number, const HardwareWrite& write) const
+{
+    Json::Value record;
+    record["write"] = number;
+    record["call"] = write.call;
+    record["path"] = write.path;
+    this->write("cut", std::move(record));
 }
 
 void LifeRecord::off(int status) const
 {
-    write("off", "status", status);
+    Json::Value record;
+    record["status"] = status;
+    write("off", std::move(record));
 }
 
 // A disk that is full is no reason to end the set: who reads it then waits in vain, and says so.
-void LifeRecord::write(const char* event, const char* name, int64_t value) const
+void LifeRecord::write(const char* event, Json::Value record) const
 {
-    Json::Value record;
     record["event"] = event;
-    if (name != nullptr) {
-        record[name] = static_cast<Json::Int64>(value);
-    }
     const std::string line = common::compactJson(record) + "\n";
     (void)!::write(file_.get(), line.data(), line.size());
 }

@@ -6,8 +6,10 @@
 #define VSET_LAUNCHER_LIFE_RECORD_H
 
 #include <cstdint>
+#include <json/json.h>
 
 #include "vset/launcher/system.h"
+#include "vset/write-watch/write-watch.h"
 
 namespace vset
 {
@@ -20,11 +22,14 @@ public:
 
     void boot(int64_t logStart) const; // bytes of the set's log before this boot
     void up() const;                   // services and daemon, or command, have been started
-    void daemonEnded(int status) const;
+    void daemonEnded(int waitStatus) const;
+    // Those of the daemon, or the command, to hardware so far; in a set whose power was to be cut at one.
+    void writes(unsigned int count) const;
+    void cut(unsigned int number, const HardwareWrite& write) const;
     void off(int status) const; // exit status of `vset run`
 
 private:
-    void write(const char* event, const char* name = nullptr, int64_t value = 0) const;
+    void write(const char* event, Json::Value record = Json::objectValue) const;
 
     UniqueFd file_;
 };

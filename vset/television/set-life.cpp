@@ -19,20 +19,36 @@ int numberIn(const Json::Value& record, const char* name)
     return number.isInt() ? number.asInt() : 0;
 }
 
+std::string textIn(const Json::Value& record, const char* name)
+{
+    return record[name].isString() ? record[name].asString() : "";
+}
+
+void takeOfBoot(const std::string& event, const Json::Value& record, Boot& boot)
+{
+    if (event == "up") {
+        boot.isUp = true;
+    } else if (event == "ended") {
+        boot.daemonEnded = numberIn(record, "status");
+        boot.isBySignal = record.isMember("signal");
+    } else if (event == "writes") {
+        boot.writes = static_cast<unsigned int>(numberIn(record, "count"));
+    } else if (event == "cut") {
+        boot.cut = {static_cast<unsigned int>(numberIn(record, "write")), textIn(record, "call"),
+                    textIn(record, "path")};
+    }
+}
+
 void take(const Json::Value& record, SetLife& life)
 {
-    const std::string event = record["event"].isString() ? record["event"].asString() : "";
+    const std::string event = textIn(record, "event");
     if (event == "boot") {
         const Json::Value& start = record["log"];
-        life.boots.push_back({start.isInt64() ? start.asInt64() : 0, false, std::nullopt});
+        life.boots.emplace_back().logStart = start.isInt64() ? start.asInt64() : 0;
     } else if (event == "off") {
         life.end = numberIn(record, "status");
-    } else if (life.boots.empty()) {
-        return;
-    } else if (event == "up") {
-        life.boots.back().isUp = true;
-    } else if (event == "ended") {
-        life.boots.back().daemonEnded = numberIn(record, "status");
+    } else if (!life.boots.empty()) {
+        takeOfBoot(event, record, life.boots.back());
     }
 }
 

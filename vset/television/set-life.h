@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace vset
@@ -18,10 +19,21 @@ namespace vset
 constexpr const char* kLifeFile = ".vset/life"; // in the set's directory
 constexpr const char* kLockFile = ".vset/lock"; // held by the launcher while the set is on
 
+// Where the power was cut.
+struct PowerCut {
+    unsigned int write = 0; // to hardware, counted from 1
+    std::string call;       // "pwrite64"
+    std::string path;       // of the set
+};
+
 struct Boot {
     int64_t logStart = 0; // bytes of the set's log before it
     bool isUp = false;    // all services are there, and the daemon, or the command, has been started
     std::optional<int> daemonEnded; // exit status of the daemon (or the command), 128 + n after signal n
+    bool isBySignal = false;        // it has ended so
+    // Of the daemon (or the command) to hardware, when the power was to be cut at one and was not.
+    std::optional<unsigned int> writes;
+    std::optional<PowerCut> cut;
 };
 
 struct SetLife {
