@@ -16,12 +16,14 @@ struct GlibDeleter {
     void operator()(GMainContext* context) const { g_main_context_unref(context); }
     void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
     void operator()(char* text) const { g_free(text); }
+    void operator()(char** texts) const { g_strfreev(texts); }
     void operator()(GDBusConnection* connection) const { g_object_unref(connection); }
     void operator()(GDBusMethodInvocation* invocation) const { g_object_unref(invocation); }
 };
 
 template <typename T>
 using GlibPointer = std::unique_ptr<T, GlibDeleter>;
+using GlibStrings = GlibPointer<char*>; // that end with a null pointer
 
 // Takes the error that a GLib call may have left: throws its text, after the remote part was cut off.
 class ErrorSlot

@@ -15,9 +15,9 @@
 //
 // Paths of the set are absolute, as the set has them. Sizes are in bytes, times in seconds unless they say
 // more. Whatever fails throws TelevisionError with a text for a person; what is waited for has 30 seconds of
-// this machine's time, and the text then has the end of the set's log. The set ends and its directory is
-// removed with the object, and with this process. One thread at a time; several televisions may be used at
-// once.
+// this machine's time unless it says more, and the text then has the end of the set's log. The set ends with
+// the object, which removes its directory, and with this process; Ctrl-C at the terminal is this process's to
+// answer. One thread at a time; several televisions may be used at once.
 //
 // Link to Tarnwick::television (find_package(TarnwickTelevision)). The set is run by the `vset` of the same
 // kit.
@@ -43,14 +43,29 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// A set that was switched on to lose its power has lost it: out of whatever was called or waited for then.
+// what(): "the power was cut at write 90 (pwrite64 to /var/lib/hardware/tuner)".
+class PowerWasCut : public TelevisionError
+{
+public:
+    using TelevisionError::TelevisionError;
+};
+
 // Power states of a set; other numbers up to 255 are states too.
 constexpr int kNormal = 0;
 constexpr int kStandby = 2;
 
-// What a program said on both its outputs, and its exit status: 128 + n after signal n.
+// What a program said, and its exit status: 128 + n after signal n.
 struct Output {
     int status = 0;
-    std::string text;
+    std::string text;   // of standard output
+    std::string errors; // of standard error
+};
+
+// How a program ended.
+struct End {
+    int status = 0; // as in Output
+    bool isBySignal = false;
 };
 
 // A record of the daemon in the platform's log.
@@ -62,10 +77,27 @@ struct Message {
     int64_t time = 0;   // of the set, microseconds since 1970 UTC
 };
 
+// How a set is made.
+struct Making {
+    std::filesystem::path vset = {};      // the program; empty: that of the kit this library belongs to
+    std::filesystem::path directory = {}; // where; empty: a new one among the temporary files
+    bool isRootless = false;              // one user for all, as a plain user has it anyhow
+    bool isBare = false;                  // without the daemon: for programs that run alone
+};
+
+// How a program runs alone in a set.
+struct Alone {
+    std::optional<unsigned int> cutAtWrite = std::nullopt; // as switchOn() has it, of the program's writes
+    std::optional<double> clockRate = std::nullopt;        // none: it runs on this machine's clock
+    std::optional<double> limit = 30;                      // seconds; none: as long as it takes
+    std::function<void(const std::string&)> takeLine = {}; // of its standard output, as it is written
+};
+
 class Television
 {
 public:
-    // Makes the set, switched off. `vset`: the program; empty: that of the kit this library belongs to.
+    // Makes the set, switched off.
+    explicit Television(const Making& making);
     explicit Television(const std::filesystem::path& vset = {});
     ~Television();
     Television(const Television&) = delete;
@@ -89,6 +121,10 @@ public:
     std::string read(const std::string& path) const;
     bool exists(const std::string& path) const; // a dangling link does, too
 
+    // A file, or a directory with all it holds, into a directory of the set, in the place of what is called
+    // so there; under its own name when none is given. It belongs to whom that directory belongs to.
+    void put(const std::filesystem::path& from, const std::string& directory,
+             const std::string& name = "") const;
     void putLibrary(const std::filesystem::path& file, Controls where = Controls::kProduct) const;
     void putPackage(const std::filesystem::path& file, Package where = Package::kFeed) const;
     void putFirmware(const std::filesystem::path& directory) const; // NAME, with NAME.bin and info.json
@@ -105,7 +141,13 @@ public:
     // With all services but without the daemon; reboots and power-offs are only recorded. `loopNodes`: loop
     // devices that are there at first.
     void switchOnAlone(unsigned int loopNodes = 8);
-    void switchOff(); // nothing when it is off
+    // On for a program alone, with all services and without the daemon, for as long as it runs; its exit
+    // status. Reboots and power-offs are only recorded. It is found in the set's PATH.
+    int runAlone(const std::vector<std::string>& words, const Alone& how = {});
+    // As a person does, with the power-off event; waits until the last power lock is gone and the set is off.
+    // Nothing when it is off.
+    void powerOff();
+    void switchOff(); // at once and in good order, without the event; nothing when it is off
     void cutPower();  // at once: nothing of the set gets to do anything any more
     bool isOn();
     // The set's end by itself; the exit status of `vset run`: 0 after a power-off, 3 after a cut at a write.
@@ -114,6 +156,11 @@ public:
     void reboot();
     void waitForBoot(int number); // 1 is the one of switchOn()
     int boots() const;
+    // Writes to hardware of the daemon, or the program, in the newest boot of a set whose power was to be cut
+    // at one and was not; nothing while it may write on.
+    std::optional<unsigned int> writes() const;
+    // What the launcher of the set, and a program that runs alone, wrote to standard error.
+    std::string launcherOutput() const;
 
     // ---- The daemon ----
 
@@ -122,6 +169,8 @@ public:
     bool daemonRuns();
     int waitForDaemon(); // exit status; of the newest boot
     void killDaemon();   // SIGKILL, and waits for its end
+    // Of the newest boot; nothing while it runs.
+    std::optional<End> daemonEnd() const;
     // /proc/PID/status of a daemon that startDaemon() has started.
     std::string daemonStatus() const;
     // What the daemon and its libraries wrote to standard error.
@@ -130,6 +179,7 @@ public:
     // ---- The log: the daemon's records in the platform's log, of all its runs ----
 
     std::vector<Message> messages() const;
+    std::vector<Message> messagesOfBoot() const; // of the newest one
     std::vector<std::string> texts() const;
     bool said(const std::string& text) const { return countOf(text) > 0; } // the whole text
     size_t countOf(const std::string& text) const;
@@ -139,10 +189,15 @@ public:
     // The end of it, for the person who reads a failure.
     std::string logTail() const;
 
+    // What happens from now on is told while this object waits for something: in sentences, with the set's
+    // seconds since the daemon's start. `tell` uses no television.
+    void tellStory(std::function<void(const std::string& line)> tell);
+
     // ---- Platform ----
 
     void setPower(int state);
     int power();
+    size_t powerLocks(); // that are held
     int setting(const std::string& key);
     void setSetting(const std::string& key, int value);
     // `call` as its header declares it gives `result` instead of doing anything, so often; negative: until
@@ -151,6 +206,12 @@ public:
     void resetFaults();
     // The next upgrade UI accepts, declines ("accept", "decline", "close", "ignore") so much later.
     void answerUpgradeUi(const std::string& answer, unsigned int afterMilliseconds = 0);
+    // What it shows: "offer", "finished" ...; empty when it is not on the screen.
+    std::string upgradeUiView();
+    void clickUpgradeUi(const std::string& button); // "accept", "decline", "close"
+    // Percent of its write, as the module's control library itself tells it to another process; nothing when
+    // it tells none, or there is no such module.
+    std::optional<int> progress(const std::string& module);
 
     // ---- Clock of the set ----
 
@@ -169,8 +230,13 @@ public:
     // The set's mount table, lines that begin with /dev/loop.
     std::vector<std::string> loopMounts() const;
 
-    // Waits until it is so. `what` ends the sentence "this did not happen: ".
-    void waitUntil(const std::function<bool()>& isSo, const std::string& what);
+    // ---- Waiting ----
+
+    // Until it is so. `what` ends the sentence "this did not happen: ".
+    void waitUntil(const std::function<bool()>& isSo, const std::string& what, double limit = 30);
+    // Is called some twenty times a second while this object waits for something, or for a program. What it
+    // throws ends the wait: the way for an interruption.
+    void watchWaits(std::function<void()> look);
 
 private:
     struct Inside;

@@ -57,7 +57,7 @@ void updateByTechnician(Television& tv)
 {
     tv.switchOnAlone();
     const tarnwick::Output told = tv.execute({"fwctl", "update", "--", "@NAME@"});
-    expect(told.status == 0, told.text.c_str());
+    expect(told.status == 0, (told.text + told.errors).c_str());
 }
 
 void tell(const char* library, const char* offer)

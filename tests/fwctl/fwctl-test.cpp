@@ -119,7 +119,7 @@ TEST_F(Fwctl, ListAndWhyChangeNothingWhileAnUpdateRuns)
                 "wait $!");
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     for (const char* trace : {"/var/list", "/var/why"}) {
-        const std::string calls = readFile(set.file(trace));
+        const std::string calls = set.read(trace);
         EXPECT_THAT(calls, HasSubstr("panel.so")) << "the trace must show what was done";
         EXPECT_THAT(changesIn(calls), IsEmpty());
     }
@@ -172,7 +172,7 @@ TEST_F(Fwctl, WhyTellsADamagedPackage)
 
 TEST_F(Fwctl, WhySurvivesAPackageCutOffAnywhere)
 {
-    const std::string whole = readFile(set.file(kPackage));
+    const std::string whole = set.read(kPackage);
     std::string script;
     // The last bytes only fill the image up to a whole block: it can be read without them.
     for (std::size_t size = 0; size + 4096 < whole.size(); size += whole.size() / 7) {
@@ -223,7 +223,7 @@ void expectSame(const TwoAnswers& answers, const std::string& what)
 TEST_F(Fwctl, TheRetoldCheckAgreesWithTheDaemonsOwn)
 {
     const std::string panel = "/usr/lib/firmware/ext/Panel/";
-    const Json::Value good = parse(readFile(set.file(panel + "info.json")));
+    const Json::Value good = parse(set.read(panel + "info.json"));
     const auto with = [&](const char* key, const Json::Value& value) {
         Json::Value changed = good;
         changed[key] = value;
@@ -253,7 +253,7 @@ TEST_F(Fwctl, TheRetoldCheckAgreesWithTheDaemonsOwn)
     for (const auto& [what, text] : kInformation) {
         set.write(panel + "info.json", text);
         set.write("/var/package/info.json", text); // and the same as the tuner's package
-        set.write("/var/package/Tuner.bin", readFile(set.file(panel + "Panel.bin")));
+        set.write("/var/package/Tuner.bin", set.read(panel + "Panel.bin"));
         expectSame(askBoth(set, std::string("mksquashfs /var/package ") + kPackage +
                                     " -noappend -all-root -quiet -no-progress >/dev/null; "),
                    what);
@@ -292,7 +292,7 @@ TEST_F(Fwctl, UpdateWritesTheHardwareAndShowsProgress)
     EXPECT_EQ(outcome.out, "tuner: updated, 1.1 is installed\n");
     EXPECT_THAT(outcome.err, ContainsRegex("tuner \\[#+\\.+\\] [1-9]0 %"));
     EXPECT_EQ(findModule(list(), "tuner")["installed"], "1.1");
-    EXPECT_FALSE(fs::exists(set.file(kPackage))) << "an installed package is removed";
+    EXPECT_FALSE(fs::exists(set.outside(kPackage))) << "an installed package is removed";
 }
 
 TEST_F(Fwctl, LateUpdateIsWaitedForAndHasAStatusOfItsOwn)
@@ -314,7 +314,7 @@ TEST_F(Fwctl, LateUpdateIsWaitedForAndHasAStatusOfItsOwn)
 
 TEST_F(Fwctl, UpdateWithoutAnImageHasNothingToDo)
 {
-    fs::remove(set.file(kPackage));
+    fs::remove(set.outside(kPackage));
     const Outcome outcome = set.run("fwctl update tuner");
     EXPECT_EQ(outcome.status, 3);
     EXPECT_THAT(outcome.out, HasSubstr("there is no package"));
@@ -514,7 +514,7 @@ TEST_F(Fwctl, NothingWaitsForAPipeInTheImagesPlace)
     for (const char* place :
          {"/opt/usr/apps/appbinarymanager/empTuner.img", "/usr/lib/firmware/ext/Panel/Panel.bin",
           "/usr/lib/firmware/ext/Panel/info.json"}) {
-        const fs::path path = set.file(place);
+        const fs::path path = set.outside(place);
         fs::remove(path);
         ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
         const Outcome outcome = set.run("for command in list 'why tuner' 'why panel' check doctor "
@@ -703,8 +703,8 @@ TEST_F(Fwctl, TwoLibrariesOfOneFirmwareAreToldApart)
 {
     set.addSystemImage("Doomed");
     set.addModule("exits");
-    fs::copy(set.file("/prd/usr/fwupdate/controls/exits.so"),
-             set.file("/prd/usr/fwupdate/controls/alike.so"));
+    fs::copy(set.outside("/prd/usr/fwupdate/controls/exits.so"),
+             set.outside("/prd/usr/fwupdate/controls/alike.so"));
     const Outcome outcome = set.run("fwctl update exits --source system; fwctl doctor");
     EXPECT_THAT(outcome.out, HasSubstr("exits: failed, 1.0 is installed"));
     EXPECT_THAT(outcome.out, Not(HasSubstr("alike: failed")));
@@ -716,7 +716,8 @@ TEST_F(Fwctl, DoctorSaysWhyLibrariesCannotBeUsed)
     for (const char* module : {"incomplete", "unbound", "misnamed"}) {
         set.addModule(module);
     }
-    fs::copy(set.file("/usr/fwupdate/controls/panel.so"), set.file("/prd/usr/fwupdate/controls/panel.so"));
+    fs::copy(set.outside("/usr/fwupdate/controls/panel.so"),
+             set.outside("/prd/usr/fwupdate/controls/panel.so"));
     set.write("/prd/usr/fwupdate/controls/text.so", "not a library");
     set.write("/opt/usr/apps/appbinarymanager/empNobody.img", "whose?");
     const Outcome outcome = set.run("fwctl doctor");
@@ -835,7 +836,7 @@ TEST_F(FwctlUsb, WrongKeyInstallsNothing)
 
 TEST_F(FwctlUsb, ARefusedImageIsAFailureWithItsReason)
 {
-    const std::string whole = readFile(set.file("/opt/media/USBDriveA/Tuner.bin"));
+    const std::string whole = set.read("/opt/media/USBDriveA/Tuner.bin");
     std::string altered = whole;
     altered[20] = static_cast<char>(altered[20] ^ 1); // in the version
     const std::pair<std::string, const char*> kCases[] = {

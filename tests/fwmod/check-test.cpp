@@ -167,7 +167,9 @@ TEST_F(Check, PipeAmongTheHardwareIsNamed)
     ASSERT_EQ(mkfifo((directory / "hardware/chip").c_str(), 0600), 0);
     const Outcome outcome = check({kExamples / "tuner.so", "--hardware", "hardware"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_THAT(outcome.err, HasSubstr("cannot copy hardware/chip into the set: it is no file"));
+    EXPECT_THAT(
+        outcome.err,
+        HasSubstr("cannot put hardware into the set: hardware/chip is not a file but a pipe: take it away"));
     EXPECT_EQ(namesIn(directory.path()), std::vector<std::string>{"hardware"});
 }
 

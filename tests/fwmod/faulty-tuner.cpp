@@ -5,6 +5,21 @@
 #include <tarnwick/control.h>
 #include <unistd.h>
 
+#if defined(FORKING)
+namespace
+{
+// Leaves a process behind in whoever loads the library, with all that it has open.
+__attribute__((constructor)) void leaveProcess()
+{
+    if (fork() == 0) {
+        while (true) {
+            pause();
+        }
+    }
+}
+} // namespace
+#endif
+
 int setContext(const char*, int, char*)
 {
     return 0;
@@ -39,5 +54,5 @@ int doUpdate(const char*, unsigned long)
 #elif defined(CRASHING)
     std::abort();
 #endif
-    return 0; // IDLE: nothing was done
+    return 0; // IDLE, FORKING: nothing was done
 }

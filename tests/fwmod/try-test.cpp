@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -244,6 +245,13 @@ TEST_F(Try, ACrashOfTheDaemonIsTold)
     EXPECT_THAT(tried.out, AllOf(HasSubstr("unfinished"), HasSubstr("tarnwick was ended by signal 6")));
 }
 
+TEST_F(Try, ALibraryThatLeavesProcessesBehindHoldsNobody)
+{
+    const Outcome tried = runTry(faulty("forking"));
+    EXPECT_EQ(tried.status, 1);
+    EXPECT_THAT(tried.out, AllOf(HasSubstr("yes  the daemon's verdict is success"), HasSubstr("Not good.")));
+}
+
 // ---- Nothing to update, or not in this way ----
 
 TEST_F(Try, AnOldPackageIsExplained)
@@ -252,6 +260,7 @@ TEST_F(Try, AnOldPackageIsExplained)
         runTry({kExamples / "tuner.so", "--package", kOld / "empTuner.img", "--hardware", hardware("tuner")});
     EXPECT_EQ(tried.status, 1);
     EXPECT_THAT(tried.err, HasSubstr("the library calls 1.0 not newer"));
+    EXPECT_THAT(tried.err, AllOf(ContainsRegex("says:\n."), Not(HasSubstr("\\n"))));
 }
 
 TEST_F(Try, APackageWithAnotherNameIsNotAskedFor)
@@ -303,6 +312,41 @@ TEST_F(Try, AReaderThatGoesAwayLeavesNoSet)
     const Outcome tried = runProgram(script);
     EXPECT_EQ(tried.status, 1);
     EXPECT_THAT(tried.err, HasSubstr("its reader has gone"));
+}
+
+// ---- Starts that fail ----
+
+// TearDown() sees what is left.
+TEST_F(Try, AStartThatFailsLeavesNothing)
+{
+    // The set's own files are larger than any file may be: `vset new` is ended by the system.
+    std::vector<std::string> script = {"bash", "-c", "ulimit -f 8; \"$@\"", "bash"};
+    const std::vector<std::string> command = words(tuner());
+    script.insert(script.end(), command.begin(), command.end());
+    const Outcome unmade = runProgram(script);
+    EXPECT_EQ(unmade.status, 1) << unmade.out;
+    EXPECT_THAT(unmade.err, HasSubstr("vset new"));
+
+    const fs::path firmware = directory_ / "Panel";
+    fs::create_directory(firmware);
+    ASSERT_EQ(mkfifo((firmware / "Panel.bin").c_str(), 0600), 0);
+    const Outcome unfilled = runTry({kExamples / "panel.so", "--firmware", firmware, "--accept"});
+    EXPECT_EQ(unfilled.status, 1);
+    EXPECT_THAT(unfilled.err, HasSubstr("Panel.bin is not a file but a pipe: take it away"));
+}
+
+TEST_F(Try, ASetThatEndsInTheMiddleIsToldInLines)
+{
+    const std::string killing = "story=$0; \"$@\" >\"$story\" & try=$!; "
+                                "until grep -q 'writes the image' \"$story\"; do sleep 0.05; done; "
+                                "kill $(pgrep -P $try -f ' run '); wait $try";
+    std::vector<std::string> script = {"bash", "-c", killing, directory_ / "story"};
+    const std::vector<std::string> command = words(tuner());
+    script.insert(script.end(), command.begin(), command.end());
+    const Outcome tried = runProgram(script);
+    EXPECT_EQ(tried.status, 1);
+    EXPECT_THAT(tried.err,
+                AllOf(ContainsRegex("fwmod: the set has ended before this: .*\n"), Not(HasSubstr("\\n"))));
 }
 
 // ---- Interruption ----

@@ -26,10 +26,13 @@ protected:
         installPending("alpha", scriptOf("milliseconds", updateMilliseconds), {"1.1", 20, "none"});
         startPending();
     }
+    // `text` is all that it says, as a person at a terminal has it.
     Output fwctl(std::vector<std::string> arguments)
     {
         arguments.insert(arguments.begin(), "fwctl");
-        return tv.execute(arguments);
+        Output said = tv.execute(arguments);
+        said.text += said.errors;
+        return said;
     }
     Output usb(const std::string& command)
     {

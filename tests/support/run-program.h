@@ -8,7 +8,7 @@
 #include <vector>
 
 struct Outcome {
-    int status; // as a shell tells it: 128 + signal when one ended it; -1 when it could not be started
+    int status = -1; // as a shell tells it: 128 + signal when one ended it; -1 when it could not be started
     std::string out;
     std::string err;
 };

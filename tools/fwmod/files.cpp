@@ -13,7 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "common/file-copy.h"
+#include "common/glib-pointers.h"
 #include "common/regular-file.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/commands/command.h"
@@ -25,18 +25,6 @@ namespace fs = std::filesystem;
 
 namespace
 {
-template <typename T, void (*release)(T*)>
-struct Releaser {
-    void operator()(T* pointer) const { release(pointer); }
-};
-using Error = std::unique_ptr<GError, Releaser<GError, g_error_free>>;
-using Environment = std::unique_ptr<char*, Releaser<char*, g_strfreev>>;
-
-struct TextReleaser {
-    void operator()(char* text) const { g_free(text); }
-};
-using Text = std::unique_ptr<char, TextReleaser>;
-
 [[noreturn]] void failOn(const fs::path& path, const std::string& action)
 {
     throw common::Failure("cannot " + action + " " + path.string() + ": " + std::strerror(errno));
@@ -53,9 +41,9 @@ std::vector<char*> pointersTo(const std::vector<std::string>& arguments)
 }
 
 // mksquashfs takes its times from this variable as well, and then refuses those of its command line.
-Environment reproducibleEnvironment()
+common::GlibStrings reproducibleEnvironment()
 {
-    return Environment(g_environ_unsetenv(g_get_environ(), "SOURCE_DATE_EPOCH"));
+    return common::GlibStrings(g_environ_unsetenv(g_get_environ(), "SOURCE_DATE_EPOCH"));
 }
 
 // ---- Interruption ----
@@ -154,11 +142,12 @@ void requireRoomForSet(const fs::path& directory)
     }
 }
 
-namespace
-{
 // By what it takes on the disk: hardware is often a large file with little in it.
-void refuseTooMuch(const fs::path& directory)
-{
+void refuseTooMuchForSet(const fs::path& directory)
+try {
+    if (directory.empty()) {
+        return;
+    }
     constexpr std::size_t kMostEntries = 10000;
     constexpr std::int64_t kMostBytes = std::int64_t{4} << 30;
     std::size_t entries = 0;
@@ -172,22 +161,8 @@ void refuseTooMuch(const fs::path& directory)
                                   ", too much to copy into a set: name the module's own directory");
         }
     }
-}
-} // namespace
-
-void copyIntoSet(const fs::path& from, const fs::path& to)
-try {
-    if (fs::is_directory(from)) {
-        refuseTooMuch(from);
-    }
-    fs::create_directories(to.parent_path());
-    common::copyTree(from, to);
 } catch (const fs::filesystem_error& error) {
-    const bool isSpecial = error.code() == std::errc::not_supported;
-    const fs::path& what = error.path1().empty() ? from : error.path1();
-    throw common::Failure(
-        "cannot copy " + what.string() + " into the set: " +
-        (isSpecial ? "it is no file, directory or link; take it away" : error.code().message()));
+    throw common::Failure("cannot look through " + directory.string() + ": " + error.code().message());
 }
 
 namespace
@@ -310,11 +285,10 @@ bool removeTree(const fs::path& path)
 
 ScratchDirectory::ScratchDirectory(const std::string& prefix)
 {
-    GError* raw = nullptr;
-    const Text made(g_dir_make_tmp((prefix + "XXXXXX").c_str(), &raw));
-    const Error error(raw);
+    common::ErrorSlot error;
+    const common::GlibPointer<char> made(g_dir_make_tmp((prefix + "XXXXXX").c_str(), error.address()));
     if (!made) {
-        throw common::Failure(std::string("cannot make a directory for temporary files: ") + error->message +
+        throw common::Failure("cannot make a directory for temporary files: " + error.text() +
                               " (set TMPDIR to one that can be written)");
     }
     path_ = fs::absolute(made.get());
@@ -385,28 +359,25 @@ void endWithParent(void*)
 
 std::string runProgram(const std::vector<std::string>& arguments, const std::string& package)
 {
-    GError* raw = nullptr;
+    common::ErrorSlot error;
     char* rawOutput = nullptr;
     char* rawErrors = nullptr;
     int status = 0;
-    const gboolean started =
-        g_spawn_sync(nullptr, pointersTo(arguments).data(), reproducibleEnvironment().get(),
-                     G_SPAWN_SEARCH_PATH, endWithParent, nullptr, &rawOutput, &rawErrors, &status, &raw);
-    const Text output(rawOutput);
-    const Text errors(rawErrors);
-    Error error(raw);
-    if (started == FALSE && g_error_matches(raw, G_SPAWN_ERROR, G_SPAWN_ERROR_NOENT) != FALSE) {
+    const gboolean isStarted = g_spawn_sync(
+        nullptr, pointersTo(arguments).data(), reproducibleEnvironment().get(), G_SPAWN_SEARCH_PATH,
+        endWithParent, nullptr, &rawOutput, &rawErrors, &status, error.address());
+    const common::GlibPointer<char> output(rawOutput);
+    const common::GlibPointer<char> errors(rawErrors);
+    if (g_error_matches(error.get(), G_SPAWN_ERROR, G_SPAWN_ERROR_NOENT) != FALSE) {
         throw common::Failure(arguments[0] + " was not found: install " + package);
     }
-    if (started == FALSE) {
-        throw common::Failure("cannot start " + arguments[0] + ": " + error->message);
+    if (isStarted == FALSE) {
+        throw common::Failure("cannot start " + arguments[0] + ": " + error.text());
     }
-    GError* rawExit = nullptr;
-    if (g_spawn_check_wait_status(status, &rawExit) != FALSE) {
+    if (g_spawn_check_wait_status(status, error.address()) != FALSE) {
         return output ? output.get() : "";
     }
-    error.reset(rawExit);
     const std::string said = errors ? g_strchomp(errors.get()) : "";
-    throw common::Failure(arguments[0] + " failed: " + (said.empty() ? error->message : said));
+    throw common::Failure(arguments[0] + " failed: " + (said.empty() ? error.text() : said));
 }
 } // namespace fwmod

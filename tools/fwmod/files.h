@@ -19,12 +19,11 @@ void requireReadable(const std::filesystem::path& path);
 // Throws unless `path` is a directory, or empty because the option was not given.
 void requireDirectory(const std::filesystem::path& path, const char* option);
 
-// Throws unless there is room for a virtual set in the directory for temporary files.
+// Throws unless there is room for a virtual set in the directory, which lies in that for temporary files.
 void requireRoomForSet(const std::filesystem::path& directory);
 
-// A file, or a directory with all it holds, into a set; holes stay holes. Directories above `to` are made.
-// Throws for a directory with more than a set can be given: somebody has named "/".
-void copyIntoSet(const std::filesystem::path& from, const std::filesystem::path& to);
+// Throws for a directory with more than a set can be given: somebody has named "/". Empty: as above.
+void refuseTooMuchForSet(const std::filesystem::path& directory);
 
 // The checksum that the daemon computes over the file.
 unsigned int imageChecksum(const std::filesystem::path& path);

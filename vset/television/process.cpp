@@ -1,5 +1,6 @@
 #include "vset/television/process.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -26,15 +27,28 @@ namespace
     throw tarnwick::TelevisionError(what + ": " + std::strerror(errno));
 }
 
-[[noreturn]] void runChild(char* const* arguments, int input, int output)
+// Where only calls that a signal handler may make are allowed.
+[[noreturn]] void runChild(char* const* arguments, int input, int output, int errors, pid_t parent)
 {
-    // A test that is killed leaves nothing behind.
-    prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
+    setpgid(0, 0);
+    std::signal(SIGPIPE, SIG_DFL);             // ours is not its business
+    prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0); // a test that is killed leaves nothing behind
     dup2(input, STDIN_FILENO);
     dup2(output, STDOUT_FILENO);
-    dup2(output, STDERR_FILENO);
-    execvp(arguments[0], arguments);
+    dup2(errors, STDERR_FILENO);
+    if (getppid() == parent) { // else it was killed before the tie was made
+        execvp(arguments[0], arguments);
+    }
     _exit(127);
+}
+
+common::UniqueFd openForAppending(const std::string& path)
+{
+    common::UniqueFd file(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+    if (!file) {
+        fail(path);
+    }
+    return file;
 }
 
 std::string inWords(const std::vector<std::string>& command)
@@ -48,32 +62,32 @@ std::string inWords(const std::vector<std::string>& command)
 
 } // namespace
 
-Process::Process(const std::vector<std::string>& command, const std::string& output)
+Process::Process(const std::vector<std::string>& command, const std::string& output,
+                 const std::string& errors)
 {
+    const common::UniqueFd out = openForAppending(output);
+    const common::UniqueFd err = openForAppending(errors);
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
         fail("pipe");
     }
-    const int log = open(output.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (log < 0) {
-        fail(output);
-    }
+    const common::UniqueFd input(ends[0]);
+    common::UniqueFd ours(ends[1]);
     std::vector<char*> arguments; // made before the fork: nothing is allocated after it
     for (const std::string& word : command) {
         arguments.push_back(const_cast<char*>(word.c_str()));
     }
     arguments.push_back(nullptr);
+    const pid_t self = getpid();
     id_ = fork();
     if (id_ == 0) {
-        runChild(arguments.data(), ends[0], log);
+        runChild(arguments.data(), input.get(), out.get(), err.get(), self);
     }
-    close(ends[0]);
-    close(log);
-    input_ = ends[1];
     if (id_ < 0) {
         fail("fork");
     }
-    handle_ = static_cast<int>(syscall(SYS_pidfd_open, id_, 0));
+    input_ = std::move(ours);
+    handle_.reset(static_cast<int>(syscall(SYS_pidfd_open, id_, 0)));
 }
 
 Process::~Process()
@@ -83,7 +97,6 @@ Process::~Process()
         kill(id_, SIGKILL);
         waitFor(kPatience);
     }
-    close(handle_);
 }
 
 pid_t Process::child() const
@@ -99,10 +112,7 @@ pid_t Process::child() const
 
 void Process::closeInput()
 {
-    if (input_ >= 0) {
-        close(input_);
-    }
-    input_ = -1;
+    input_.reset();
 }
 
 void Process::signal(int number) const
@@ -112,14 +122,32 @@ void Process::signal(int number) const
     }
 }
 
-std::optional<int> Process::waitFor(std::chrono::milliseconds longest)
+std::optional<int> Process::waitFor(std::chrono::milliseconds longest, const Meanwhile& meanwhile)
 {
-    if (status_) {
-        return status_;
+    constexpr std::chrono::milliseconds kTick{50};
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point end = Clock::now() + longest;
+    while (true) {
+        // Also after a signal has ended the wait: the caller's handler may have been for another one.
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        const auto now = std::max(std::chrono::milliseconds(0), meanwhile ? std::min(left, kTick) : left);
+        if (const std::optional<int> status = takeEnd(static_cast<int>(now.count()))) {
+            return status;
+        }
+        if (Clock::now() >= end) {
+            return std::nullopt;
+        }
+        if (meanwhile) {
+            meanwhile();
+        }
     }
-    pollfd end{handle_, POLLIN, 0};
-    if (poll(&end, 1, static_cast<int>(longest.count())) <= 0) {
-        return std::nullopt;
+}
+
+std::optional<int> Process::takeEnd(int longest)
+{
+    pollfd end{handle_.get(), POLLIN, 0};
+    if (status_ || poll(&end, 1, longest) <= 0) {
+        return status_;
     }
     int status = 0;
     if (waitpid(id_, &status, 0) != id_) {
@@ -129,37 +157,67 @@ std::optional<int> Process::waitFor(std::chrono::milliseconds longest)
     return status_;
 }
 
-tarnwick::Output run(const std::vector<std::string>& command)
+// ---- To the end ----
+
+namespace
 {
-    std::error_code error;
-    std::string file = std::filesystem::temp_directory_path(error) / "television-XXXXXX";
-    const int handle = error ? -1 : mkstemp(file.data());
-    if (handle < 0) {
-        throw tarnwick::TelevisionError("no temporary file can be made (TMPDIR names another directory): " +
-                                        (error ? error.message() : file + ": " + std::strerror(errno)));
-    }
-    close(handle);
-    std::optional<int> status;
+
+// What a program says, until somebody reads it.
+class Notes
+{
+public:
+    Notes()
     {
-        Process process(command, file);
-        process.closeInput();
-        status = process.waitFor(kPatience);
+        std::error_code error;
+        path_ = std::filesystem::temp_directory_path(error) / "television-XXXXXX";
+        if (error || !common::UniqueFd(mkostemp(path_.data(), O_CLOEXEC))) {
+            throw tarnwick::TelevisionError(
+                "no temporary file can be made (TMPDIR names another directory): " +
+                (error ? error.message() : path_ + ": " + std::strerror(errno)));
+        }
     }
-    std::ifstream in(file);
-    const std::string text{std::istreambuf_iterator<char>(in), {}};
-    std::filesystem::remove(file);
+    ~Notes()
+    {
+        std::error_code ignored;
+        std::filesystem::remove(path_, ignored);
+    }
+    Notes(const Notes&) = delete;
+    Notes& operator=(const Notes&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string text() const
+    {
+        std::ifstream in(path_);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+
+private:
+    std::string path_;
+};
+
+} // namespace
+
+tarnwick::Output run(const std::vector<std::string>& command, const Meanwhile& meanwhile,
+                     std::chrono::milliseconds longest)
+{
+    const Notes output;
+    const Notes errors;
+    Process process(command, output.path(), errors.path());
+    process.closeInput();
+    const std::optional<int> status = process.waitFor(longest, meanwhile);
     if (!status) {
-        throw tarnwick::TelevisionError("does not end: " + inWords(command) + "\n" + text);
+        throw tarnwick::TelevisionError("does not end: " + inWords(command) + "\n" + output.text() +
+                                        errors.text());
     }
-    return {*status, text};
+    return {*status, output.text(), errors.text()};
 }
 
-std::string runOrThrow(const std::vector<std::string>& command)
+std::string runOrThrow(const std::vector<std::string>& command, const Meanwhile& meanwhile)
 {
-    tarnwick::Output output = run(command);
+    tarnwick::Output output = run(command, meanwhile);
     if (output.status != 0) {
         throw tarnwick::TelevisionError(inWords(command) + " ended with status " +
-                                        std::to_string(output.status) + ": " + output.text);
+                                        std::to_string(output.status) + ": " + output.text + output.errors);
     }
     return output.text;
 }

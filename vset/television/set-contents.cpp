@@ -53,24 +53,30 @@ fs::path unfinishedNameOf(const fs::path& target)
     return target.parent_path() / ("." + target.filename().string() + "." + std::to_string(getpid()));
 }
 
-// As it is in a set that root runs: daemon and platform have users of their own. A plain user's are all one.
-void giveToOwnerOf(const fs::path& directory, const fs::path& tree)
+void give(const fs::path& path, uid_t user, gid_t group)
 {
-    struct stat owner{};
-    if (geteuid() != 0 || stat(directory.c_str(), &owner) != 0) {
-        return;
+    if (lchown(path.c_str(), user, group) != 0) {
+        throw fs::filesystem_error("chown", path, std::error_code(errno, std::generic_category()));
     }
-    const auto give = [&owner](const fs::path& path) {
-        if (lchown(path.c_str(), owner.st_uid, owner.st_gid) != 0) {
-            throw fs::filesystem_error("chown", path, std::error_code(errno, std::generic_category()));
-        }
-    };
-    give(tree);
+}
+
+void giveTree(const fs::path& tree, uid_t user, gid_t group)
+{
+    give(tree, user, group);
     if (!fs::is_directory(fs::symlink_status(tree))) {
         return;
     }
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(tree)) {
-        give(entry.path());
+        give(entry.path(), user, group);
+    }
+}
+
+// As it is in a set that root runs: daemon and platform have users of their own. A plain user's are all one.
+void giveToOwnerOf(const fs::path& directory, const fs::path& tree)
+{
+    struct stat owner{};
+    if (geteuid() == 0 && stat(directory.c_str(), &owner) == 0) {
+        giveTree(tree, owner.st_uid, owner.st_gid);
     }
 }
 
@@ -234,6 +240,11 @@ fs::path SetContents::outside(const std::string& path) const
                                  "/home, /root and /usr/fwupdate");
 }
 
+void SetContents::giveToCaller() const
+{
+    attempt("the set cannot be given to its caller", [&] { giveTree(set_, geteuid(), getegid()); });
+}
+
 void SetContents::write(const std::string& path, const std::string& content) const
 {
     const auto make = [&content](const fs::path& unfinished) {
@@ -247,12 +258,13 @@ void SetContents::write(const std::string& path, const std::string& content) con
     attempt("cannot write " + path + " of the set", [&] { replace(outside(path), make, true); });
 }
 
-void SetContents::putFile(const fs::path& file, const std::string& directory, const std::string& name) const
+void SetContents::put(const fs::path& from, const std::string& directory, const std::string& name) const
 {
-    requireFile(file);
-    const fs::path target = outside(directory) / (name.empty() ? file.filename() : fs::path(name));
-    attempt("cannot put " + file.string() + " into the set", [&] {
-        replace(target, [&](const fs::path& unfinished) { common::copyFile(file, unfinished); });
+    const fs::path ownName = from.has_filename() ? from.filename() : from.parent_path().filename();
+    const fs::path target = outside(directory) / (name.empty() ? ownName : fs::path(name));
+    attempt("cannot put " + from.string() + " into the set", [&] {
+        const fs::path real = fs::canonical(from); // a link that a person names is what it leads to
+        replace(target, [&](const fs::path& unfinished) { copyTreeFrom(real, unfinished); });
     });
 }
 
@@ -260,14 +272,14 @@ void SetContents::putLibrary(const fs::path& file, Controls where) const
 {
     requireFile(file);
     requireName(file, ".so", "tuner.so");
-    putFile(file, where == Controls::kSystem ? inset::kSystemControls : inset::kProductControls);
+    put(file, where == Controls::kSystem ? inset::kSystemControls : inset::kProductControls);
 }
 
 void SetContents::putPackage(const fs::path& file, Place where) const
 {
     requireFile(file);
     requireName(file, ".img", "empTuner.img");
-    putFile(file, where == Place::kFeed ? inset::kFeed : inset::kPackages);
+    put(file, where == Place::kFeed ? inset::kFeed : inset::kPackages);
 }
 
 void SetContents::putFirmware(const fs::path& directory) const
@@ -278,17 +290,15 @@ void SetContents::putFirmware(const fs::path& directory) const
         fail(directory.string(),
              "there is no " + name + ".bin in it: the daemon looks for NAME/NAME.bin and NAME/info.json");
     }
-    attempt("cannot put " + directory.string() + " into the set", [&] {
-        replace(outside(inset::kBuiltInFirmware) / name,
-                [&](const fs::path& unfinished) { copyTreeFrom(directory, unfinished); });
-    });
+    put(directory, inset::kBuiltInFirmware, name);
 }
 
 void SetContents::putHardware(const fs::path& chips) const
 {
     std::error_code error;
     if (!fs::is_directory(chips, error)) {
-        putFile(chips, inset::kHardware);
+        requireFile(chips);
+        put(chips, inset::kHardware);
         return;
     }
     attempt("cannot put " + chips.string() + " into the set", [&] {
@@ -333,7 +343,7 @@ void SetContents::putSigningKey(const fs::path& file) const
              "is no public key in PEM form (-----BEGIN PUBLIC KEY-----): make one of the signing "
              "key with `openssl pkey -in KEY -pubout`");
     }
-    putFile(file, inset::kSigningKeys, file.stem().string() + ".pem");
+    put(file, inset::kSigningKeys, file.stem().string() + ".pem");
 }
 
 } // namespace vset

@@ -43,9 +43,12 @@ public:
 
     // Replaces one file, which keeps owner and mode if it was there; makes missing directories.
     void write(const std::string& path, const std::string& content) const;
-    // A regular file of this machine, under another name or its own, into a directory of the set.
-    void putFile(const std::filesystem::path& file, const std::string& directory,
-                 const std::string& name = "") const;
+    // A file of this machine, or a directory with all it holds, under another name or its own, into a
+    // directory of the set.
+    void put(const std::filesystem::path& from, const std::string& directory,
+             const std::string& name = "") const;
+    // What root has made for a set without root, which has one user.
+    void giveToCaller() const;
 
     enum class Controls { kProduct, kSystem };
     enum class Place { kFeed, kDelivered };

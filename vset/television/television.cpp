@@ -18,12 +18,15 @@
 
 #include "common/daemon-events.h"
 #include "common/errors.h"
+#include "common/json-text.h"
+#include "common/unique-fd.h"
 #include "vset/client/control-client.h"
 #include "vset/client/platform-log.h"
 #include "vset/clock/clock-page.h"
 #include "vset/television/process.h"
 #include "vset/television/set-contents.h"
 #include "vset/television/set-life.h"
+#include "vset/television/set-power.h"
 #include "vset/television/users.h"
 
 namespace tarnwick
@@ -54,6 +57,11 @@ std::string readWhole(const fs::path& path)
 {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
+}
+
+std::chrono::milliseconds inMilliseconds(double seconds)
+{
+    return std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
 }
 
 // ---- The program ----
@@ -117,33 +125,44 @@ class LogWatch
 public:
     explicit LogWatch(const fs::path& directory) : handle_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK))
     {
-        inotify_add_watch(handle_, directory.c_str(), IN_MODIFY | IN_CREATE);
+        inotify_add_watch(handle_.get(), directory.c_str(), IN_MODIFY | IN_CREATE);
     }
-    ~LogWatch() { close(handle_); }
-    LogWatch(const LogWatch&) = delete;
-    LogWatch& operator=(const LogWatch&) = delete;
 
     void wait() const
     {
-        pollfd change{handle_, POLLIN, 0};
+        pollfd change{handle_.get(), POLLIN, 0};
         poll(&change, 1, 50);
         char events[4096];
-        while (::read(handle_, events, sizeof events) > 0) {
+        while (::read(handle_.get(), events, sizeof events) > 0) {
         }
     }
 
 private:
-    int handle_;
+    common::UniqueFd handle_;
 };
+
+// The daemon's records in a piece of the log.
+std::vector<Message> messagesIn(const std::string& text)
+{
+    std::vector<Message> messages;
+    std::istringstream log(text);
+    for (std::string line; std::getline(log, line);) {
+        std::optional<vset::LogRecord> record = vset::parseLogLine(line);
+        if (record && common::isOfDaemon(*record)) {
+            messages.push_back({record->priority, std::move(record->message), record->process,
+                                std::move(record->threadName), microsecondsOf(record->time)});
+        }
+    }
+    return messages;
+}
 
 // ---- Clock ----
 
 // The set's wall clock now, microseconds since 1970.
 int64_t setTime(const fs::path& clockFile)
 {
-    const int file = open(clockFile.c_str(), O_RDONLY | O_CLOEXEC);
-    void* const memory = mmap(nullptr, sizeof(vset::ClockPage), PROT_READ, MAP_SHARED, file, 0);
-    close(file);
+    const common::UniqueFd file(open(clockFile.c_str(), O_RDONLY | O_CLOEXEC));
+    void* const memory = mmap(nullptr, sizeof(vset::ClockPage), PROT_READ, MAP_SHARED, file.get(), 0);
     if (memory == MAP_FAILED) {
         throw TelevisionError("cannot read " + clockFile.string());
     }
@@ -154,45 +173,75 @@ int64_t setTime(const fs::path& clockFile)
     return (state.monotonicAt(now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec) + state.wallOffset) / 1000;
 }
 
+// ---- Platform ----
+
+// What a method of the set's console tells.
+Json::Value consoleTells(const vset::ControlClient& platform, const char* method)
+{
+    const auto reply = platform.callConsole(method, nullptr, "(s)");
+    const char* text = nullptr;
+    g_variant_get(reply.get(), "(&s)", &text);
+    if (std::optional<Json::Value> json = common::parseJson(text)) {
+        return *std::move(json);
+    }
+    throw TelevisionError(std::string("the set's console tells nonsense: ") + text);
+}
+
 } // namespace
 
 struct Television::Inside {
-    explicit Inside(const fs::path& program)
-        : vset(program.empty() ? findVset() : program), directory(makeDirectory())
+    explicit Inside(const Making& making)
+        : vset(making.vset.empty() ? findVset() : making.vset),
+          directory(making.directory.empty() ? makeDirectory() : making.directory),
+          power(vset, directory, making.isRootless)
     {
     }
 
+    void makeSet(const Making& making);
+    // The newest one, or one in which nothing has happened yet.
+    vset::Boot boot() const;
     vset::SetContents contents() const { return vset::SetContents(directory); }
     vset::SetLife life() const
     {
         return told([this] { return vset::readLife(directory); });
     }
-    fs::path said() const { return directory / "vset.out"; } // by `vset run`
-    void start(const std::vector<std::string>& arguments);
-    // After a reboot the connection is a new one.
-    vset::ControlClient platform() const { return vset::ControlClient::ofSet(directory); }
+    vset::Meanwhile meanwhile()
+    {
+        return [this] { power.look(); };
+    }
 
     fs::path vset;
     fs::path directory;
     bool isKept = false;
-    std::unique_ptr<vset::Process> power;  // `vset run`
+    vset::SetPower power;
     std::unique_ptr<vset::Process> daemon; // `vset exec`, whose child is the daemon
 };
 
-void Television::Inside::start(const std::vector<std::string>& arguments)
+void Television::Inside::makeSet(const Making& making)
 {
-    std::vector<std::string> words = {vset, "run", directory};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    // What an earlier time on has said and written down is no sign of this one.
-    std::ofstream(said(), std::ios::trunc).close();
-    fs::remove(directory / vset::kLifeFile);
-    power = std::make_unique<vset::Process>(words, said());
+    std::vector<std::string> words = {vset, "new"};
+    if (making.isBare) {
+        words.emplace_back("--bare");
+    }
+    words.emplace_back(directory);
+    vset::runOrThrow(words);
+    if (making.isRootless && geteuid() == 0) {
+        contents().giveToCaller();
+    }
 }
 
-Television::Television(const fs::path& vset) : inside_(std::make_unique<Inside>(vset))
+vset::Boot Television::Inside::boot() const
+{
+    const vset::SetLife life = this->life();
+    return life.boots.empty() ? vset::Boot{} : life.boots.back();
+}
+
+Television::Television(const fs::path& vset) : Television(Making{vset}) {}
+
+Television::Television(const Making& making) : inside_(std::make_unique<Inside>(making))
 {
     try {
-        vset::runOrThrow({inside_->vset, "new", inside_->directory});
+        told([&] { inside_->makeSet(making); });
     } catch (...) {
         std::error_code ignored;
         fs::remove_all(inside_->directory, ignored);
@@ -204,9 +253,10 @@ Television::~Television()
 {
     try {
         switchOff();
-    } catch (const std::exception&) {
-        cutPower(); // the object's end is the set's
+    } catch (...) {
+        inside_->power.cut(); // the object's end is the set's
     }
+    inside_->daemon.reset();
     std::error_code ignored;
     if (!inside_->isKept) {
         fs::remove_all(inside_->directory, ignored);
@@ -244,6 +294,11 @@ bool Television::exists(const std::string& path) const
 {
     std::error_code ignored; // what cannot be looked at is not there
     return fs::exists(fs::symlink_status(outside(path), ignored));
+}
+
+void Television::put(const fs::path& from, const std::string& directory, const std::string& name) const
+{
+    told([&] { inside_->contents().put(from, directory, name); });
 }
 
 void Television::putLibrary(const fs::path& file, Controls where) const
@@ -289,47 +344,76 @@ void Television::putSigningKey(const fs::path& file) const
 
 void Television::switchOn(std::optional<unsigned int> cutAtWrite)
 {
-    std::vector<std::string> arguments;
+    std::vector<std::string> words;
     if (cutAtWrite) {
-        arguments = {"--cut-power-at-write", std::to_string(*cutAtWrite)};
+        words = {"--cut-power-at-write", std::to_string(*cutAtWrite)};
     }
-    inside_->start(arguments);
+    inside_->daemon.reset();
+    inside_->power.start(words);
     waitForBoot(1);
 }
 
 void Television::switchOnAlone(unsigned int loopNodes)
 {
-    // The command runs once all services are usable; it ends with its input, and the set with it.
-    inside_->start(
-        {"-n", std::to_string(loopNodes), "--clock-rate", "1", "--", "sh", "-c", "echo on; exec cat"});
-    waitUntil([&] { return readWhole(inside_->said()).find("on\n") != std::string::npos; }, "the set is on");
+    inside_->daemon.reset();
+    // The command ends with its input, and the set with it.
+    inside_->power.start({"-n", std::to_string(loopNodes), "--clock-rate", "1", "--", "cat"});
+    waitForBoot(1);
+}
+
+int Television::runAlone(const std::vector<std::string>& words, const Alone& how)
+{
+    std::vector<std::string> all;
+    if (how.clockRate) {
+        all.push_back("--clock-rate=" + std::to_string(*how.clockRate));
+    }
+    if (how.cutAtWrite) {
+        all.insert(all.end(), {"--cut-power-at-write", std::to_string(*how.cutAtWrite)});
+    }
+    all.emplace_back("--");
+    all.insert(all.end(), words.begin(), words.end());
+    inside_->daemon.reset();
+    inside_->power.start(all, how.takeLine);
+    inside_->power.closeInput();
+    const auto limit = how.limit ? inMilliseconds(*how.limit) : std::chrono::hours(24 * 365);
+    const std::optional<int> status = inside_->power.waitForEnd(limit);
+    if (!status) {
+        throw TelevisionError(words[0] + " does not end in the set\n" + launcherOutput());
+    }
+    inside_->power.throwIfCut();
+    return *status;
+}
+
+void Television::powerOff()
+{
+    if (!isOn()) {
+        return;
+    }
+    inside_->power.act([](const vset::ControlClient& platform) { platform.powerOff(0); });
+    waitForEnd();
+    inside_->power.throwIfCut();
 }
 
 void Television::switchOff()
 {
-    if (inside_->power) {
-        inside_->power->closeInput();
-        inside_->power->signal(SIGTERM);
-        inside_->power->waitFor(kPatience);
-    }
-    inside_->power.reset();
+    inside_->power.end();
     inside_->daemon.reset();
 }
 
 void Television::cutPower()
 {
-    inside_->power.reset(); // the kernel ends the set with its launcher
+    inside_->power.cut();
     inside_->daemon.reset();
 }
 
 bool Television::isOn()
 {
-    return inside_->power && inside_->power->isRunning();
+    return inside_->power.isOn();
 }
 
 int Television::waitForEnd()
 {
-    const std::optional<int> status = inside_->power ? inside_->power->waitFor(kPatience) : std::nullopt;
+    const std::optional<int> status = inside_->power.waitForEnd(kPatience);
     if (!status) {
         throw TelevisionError("the set does not end\n" + logTail());
     }
@@ -338,7 +422,7 @@ int Television::waitForEnd()
 
 void Television::reboot()
 {
-    told([&] { inside_->platform().reboot(0); });
+    inside_->power.act([](const vset::ControlClient& platform) { platform.reboot(0); });
 }
 
 void Television::waitForBoot(int number)
@@ -354,6 +438,16 @@ void Television::waitForBoot(int number)
 int Television::boots() const
 {
     return static_cast<int>(inside_->life().boots.size());
+}
+
+std::optional<unsigned int> Television::writes() const
+{
+    return inside_->boot().writes;
+}
+
+std::string Television::launcherOutput() const
+{
+    return inside_->power.notes();
 }
 
 // ---- The daemon ----
@@ -372,28 +466,27 @@ bool Television::daemonRuns()
     if (inside_->daemon) {
         return inside_->daemon->isRunning();
     }
-    const vset::SetLife life = inside_->life();
-    return isOn() && !life.boots.empty() && life.boots.back().isUp && !life.boots.back().daemonEnded;
+    const vset::Boot boot = inside_->boot();
+    return isOn() && boot.isUp && !boot.daemonEnded;
 }
 
 int Television::waitForDaemon()
 {
-    if (inside_->daemon) {
-        const std::optional<int> status = inside_->daemon->waitFor(kPatience);
-        if (!status) {
-            throw TelevisionError("the daemon does not end\n" + logTail());
-        }
-        return *status;
+    if (!inside_->daemon) {
+        waitUntil([&] { return daemonEnd().has_value(); }, "the daemon ends");
+        return daemonEnd()->status;
     }
-    std::optional<int> status;
-    waitUntil(
-        [&] {
-            const vset::SetLife life = inside_->life();
-            status = life.boots.empty() ? std::nullopt : life.boots.back().daemonEnded;
-            return status.has_value();
-        },
-        "the daemon ends");
+    const std::optional<int> status = inside_->daemon->waitFor(kPatience, inside_->meanwhile());
+    if (!status) {
+        throw TelevisionError("the daemon does not end\n" + logTail());
+    }
     return *status;
+}
+
+std::optional<End> Television::daemonEnd() const
+{
+    const vset::Boot boot = inside_->boot();
+    return boot.daemonEnded ? std::optional(End{*boot.daemonEnded, boot.isBySignal}) : std::nullopt;
 }
 
 void Television::killDaemon()
@@ -401,8 +494,7 @@ void Television::killDaemon()
     if (inside_->daemon) {
         kill(inside_->daemon->child(), SIGKILL);
     } else {
-        vset::runOrThrow(
-            {inside_->vset, "exec", inside_->directory, "--", "sh", "-c", "kill -9 $(pidof tarnwick)"});
+        inside_->power.command({"exec", inside_->directory, "--", "sh", "-c", "kill -9 $(pidof tarnwick)"});
     }
     waitForDaemon();
 }
@@ -424,16 +516,14 @@ std::string Television::daemonOutput() const
 
 std::vector<Message> Television::messages() const
 {
-    std::vector<Message> messages;
-    std::istringstream log(read(vset::kLogFile));
-    for (std::string line; std::getline(log, line);) {
-        std::optional<vset::LogRecord> record = vset::parseLogLine(line);
-        if (record && common::isOfDaemon(*record)) {
-            messages.push_back({record->priority, std::move(record->message), record->process,
-                                std::move(record->threadName), microsecondsOf(record->time)});
-        }
-    }
-    return messages;
+    return messagesIn(read(vset::kLogFile));
+}
+
+std::vector<Message> Television::messagesOfBoot() const
+{
+    const std::string log = read(vset::kLogFile);
+    const auto start = static_cast<size_t>(inside_->boot().logStart);
+    return messagesIn(start <= log.size() ? log.substr(start) : log); // shorter: it was emptied since
 }
 
 std::vector<std::string> Television::texts() const
@@ -474,65 +564,102 @@ std::string Television::logTail() const
     for (size_t index = all.size() - std::min(all.size(), kShown); index < all.size(); ++index) {
         text += "  " + std::to_string(all[index].priority) + "  " + all[index].text + "\n";
     }
-    return text + readWhole(inside_->said()) + daemonOutput();
+    return text + launcherOutput() + daemonOutput();
+}
+
+void Television::tellStory(std::function<void(const std::string&)> tell)
+{
+    told([&] { inside_->power.tellStory(std::move(tell)); });
 }
 
 // ---- Platform ----
 
 void Television::setPower(int state)
 {
-    told([&] { inside_->platform().setPowerState(state); });
+    inside_->power.act([&](const vset::ControlClient& platform) { platform.setPowerState(state); });
 }
 
 int Television::power()
 {
-    return told([&] { return inside_->platform().snapshot()["power"]["state"].asInt(); });
+    return inside_->power.act(
+        [](const vset::ControlClient& platform) { return platform.snapshot()["power"]["state"].asInt(); });
+}
+
+size_t Television::powerLocks()
+{
+    return inside_->power.act([](const vset::ControlClient& platform) {
+        return static_cast<size_t>(platform.snapshot()["locks"]["held"].size());
+    });
 }
 
 int Television::setting(const std::string& key)
 {
-    return told([&] {
-        const Json::Value settings = inside_->platform().snapshot()["settings"];
-        if (!settings.isMember(key)) {
-            throw TelevisionError("there is no settings key \"" + key + "\"");
-        }
-        return settings[key]["value"].asInt();
-    });
+    const Json::Value settings = inside_->power.act(
+        [](const vset::ControlClient& platform) { return platform.snapshot()["settings"]; });
+    if (!settings.isMember(key)) {
+        throw TelevisionError("there is no settings key \"" + key + "\"");
+    }
+    return settings[key]["value"].asInt();
 }
 
 void Television::setSetting(const std::string& key, int value)
 {
-    told([&] { inside_->platform().setSetting(key, value); });
+    inside_->power.act([&](const vset::ControlClient& platform) { platform.setSetting(key, value); });
 }
 
 void Television::setFault(const std::string& call, int result, int count)
 {
-    told([&] { inside_->platform().setFault(call, result, count); });
+    inside_->power.act([&](const vset::ControlClient& platform) { platform.setFault(call, result, count); });
 }
 
 void Television::resetFaults()
 {
-    told([&] { inside_->platform().resetFaults(); });
+    inside_->power.act([](const vset::ControlClient& platform) { platform.resetFaults(); });
 }
 
 void Television::answerUpgradeUi(const std::string& answer, unsigned int afterMilliseconds)
 {
-    told([&] {
-        inside_->platform().callConsole("SetUpgradeUI",
-                                        g_variant_new("(su)", answer.c_str(), afterMilliseconds));
+    inside_->power.act([&](const vset::ControlClient& platform) {
+        platform.callConsole("SetUpgradeUI", g_variant_new("(su)", answer.c_str(), afterMilliseconds));
     });
+}
+
+std::string Television::upgradeUiView()
+{
+    const Json::Value screen = inside_->power.act(
+        [](const vset::ControlClient& platform) { return consoleTells(platform, "Snapshot")["screen"]; });
+    return screen["shown"].asBool() ? screen["view"].asString() : "";
+}
+
+void Television::clickUpgradeUi(const std::string& button)
+{
+    inside_->power.act([&](const vset::ControlClient& platform) {
+        platform.callConsole("Click", g_variant_new("(s)", button.c_str()));
+    });
+}
+
+std::optional<int> Television::progress(const std::string& module)
+{
+    const Json::Value modules = inside_->power.act(
+        [](const vset::ControlClient& platform) { return consoleTells(platform, "GetModules"); });
+    for (const Json::Value& each : modules) {
+        if (each["name"] == module && each["progress"].isInt()) {
+            return each["progress"].asInt();
+        }
+    }
+    return std::nullopt;
 }
 
 // ---- Clock ----
 
 void Television::setClockRate(double rate)
 {
-    vset::runOrThrow({inside_->vset, "clock", inside_->directory, "--rate", std::to_string(rate)});
+    inside_->power.command({"clock", inside_->directory, "--rate", std::to_string(rate)});
 }
 
 void Television::jump(double seconds)
 {
-    vset::runOrThrow({inside_->vset, "clock", inside_->directory, "--jump", std::to_string(seconds)});
+    inside_->power.command({"clock", inside_->directory, "--jump", std::to_string(seconds)});
 }
 
 void Television::freezeAfterStart(double seconds)
@@ -555,14 +682,14 @@ Output Television::execute(const std::vector<std::string>& words) const
 {
     std::vector<std::string> all = {inside_->vset, "exec", inside_->directory, "--"};
     all.insert(all.end(), words.begin(), words.end());
-    return vset::run(all);
+    return vset::run(all, inside_->meanwhile());
 }
 
 Output Television::command(const std::string& name, const std::vector<std::string>& words) const
 {
     std::vector<std::string> all = {inside_->vset, name, inside_->directory};
     all.insert(all.end(), words.begin(), words.end());
-    return vset::run(all);
+    return vset::run(all, inside_->meanwhile());
 }
 
 std::vector<std::string> Television::loopMounts() const
@@ -577,20 +704,28 @@ std::vector<std::string> Television::loopMounts() const
     return lines;
 }
 
-void Television::waitUntil(const std::function<bool()>& isSo, const std::string& what)
+// ---- Waiting ----
+
+void Television::waitUntil(const std::function<bool()>& isSo, const std::string& what, double limit)
 {
     const LogWatch watch(outside("/var/log"));
-    const auto end = std::chrono::steady_clock::now() + kPatience;
+    const auto end = std::chrono::steady_clock::now() + inMilliseconds(limit);
     while (!isSo()) {
+        inside_->power.look();
         if (std::chrono::steady_clock::now() > end) {
             throw TelevisionError("this did not happen: " + what + "\n" + logTail());
         }
-        if (inside_->power && !inside_->power->isRunning() && !isSo()) {
-            throw TelevisionError("the set has ended before this: " + what + "\n" +
-                                  readWhole(inside_->said()));
+        if (inside_->power.hasEnded() && !isSo()) {
+            inside_->power.failOnEnd(what);
         }
         watch.wait();
     }
+    inside_->power.look();
+}
+
+void Television::watchWaits(std::function<void()> look)
+{
+    inside_->power.watch(std::move(look));
 }
 
 } // namespace tarnwick

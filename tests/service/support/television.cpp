@@ -76,6 +76,11 @@ std::string formatInformation(const Information& information, const std::string&
     return json.toStyledString();
 }
 
+fs::path vsetProgram()
+{
+    return kVset;
+}
+
 Television::Television() : tarnwick::Television(kVset) {}
 
 // ---- Contents ----

@@ -57,6 +57,8 @@ struct Information {
 unsigned int imageChecksum(const std::string& image);
 std::string formatInformation(const Information& information, const std::string& image);
 
+fs::path vsetProgram();
+
 class Television : public tarnwick::Television
 {
 public:

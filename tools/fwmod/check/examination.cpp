@@ -1,12 +1,10 @@
 #include "tools/fwmod/check/examination.h"
 
 #include <algorithm>
-#include <fstream>
-#include <memory>
 #include <optional>
 #include <tarnwick/control.h>
-#include <unistd.h>
 
+#include "include/tarnwick/television.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/check/cut-survey.h"
 #include "tools/fwmod/check/protocol/job.h"
@@ -18,7 +16,7 @@
 #include "tools/fwmod/images/inspection.h"
 #include "tools/fwmod/interruption.h"
 #include "tools/fwmod/programs.h"
-#include "vset/television/users.h"
+#include "vset/television/set-contents.h"
 
 namespace fwmod
 {
@@ -27,8 +25,6 @@ namespace fs = std::filesystem;
 
 namespace
 {
-using vset::kSystemGroup;
-using vset::kUpdateUser;
 constexpr double kHaste = 100;            // the set's clock, where no duration is measured
 constexpr unsigned int kUnknownTime = 60; // seconds, for a module without an information file
 
@@ -42,18 +38,6 @@ std::string libraryName(const fs::path& file)
 }
 
 // ---- The set ----
-
-void giveToDaemon(const fs::path& directory)
-{
-    if (geteuid() != 0) {
-        return; // a set without root has one user
-    }
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
-        if (lchown(entry.path().c_str(), kUpdateUser, kSystemGroup) != 0) {
-            throw common::Failure("cannot give " + entry.path().string() + " to the daemon's user");
-        }
-    }
-}
 
 using ShowProgress = std::function<void(const std::string&, unsigned int)>;
 
@@ -79,18 +63,18 @@ private:
     std::vector<CutTrial> takeCuts(const Report& report);
     void finishCuts(CutSurvey& survey, const std::vector<CutTrial>& hasty);
     Report run(const char* mode, std::optional<double> clockRate);
-    std::optional<Report> follow(const std::vector<std::string>& words, const fs::path& errors);
+    std::optional<Report> follow(const char* mode, std::optional<double> clockRate);
+    [[noreturn]] void failOnExaminer() const;
     void take(const Report& report);
     void tellMeasured(const Measured& measured);
     void checkNames(const std::string& identifier) const;
-    fs::path inSet(const std::string& path) const { return set_ / "root" / path.substr(1); }
 
     const InterruptionWatch watch_; // also while the set is removed
     const ExaminationRequest& request_;
     ShowProgress showProgress_;
     fs::path examiner_;
     ScratchDirectory scratch_;
-    fs::path set_ = scratch_.path() / "set";
+    std::optional<tarnwick::Television> set_;
     Job job_;
     ExaminationResult result_;
 };
@@ -113,14 +97,16 @@ bool Examination::judgeFile()
 void Examination::makeSet()
 {
     requireRoomForSet(scratch_.path());
-    runProgram({vsetProgram(), "new", "--bare", set_}, "the kit");
+    tarnwick::Making making{vsetProgram(), scratch_.path()};
+    making.isBare = true;
+    set_.emplace(making);
+    set_->watchWaits(InterruptionWatch::check);
     const std::string name = libraryName(request_.library);
-    const std::string library = "/prd/usr/fwupdate/controls/" + name + ".so";
-    copyIntoSet(request_.library, inSet(library));
-    fs::permissions(inSet(library), fs::perms(0755));
+    const std::string library = std::string(vset::inset::kProductControls) + "/" + name + ".so";
+    set_->put(request_.library, vset::inset::kProductControls, name + ".so");
+    fs::permissions(set_->outside(library), fs::perms(0755));
     if (!request_.hardware.empty()) {
-        copyIntoSet(request_.hardware, inSet("/var/lib/hardware"));
-        giveToDaemon(inSet("/var/lib/hardware"));
+        set_->putHardware(request_.hardware);
         job_.hasHardware = true;
     }
     job_.name = name;
@@ -168,9 +154,10 @@ void Examination::addPackage()
     }
     const std::string identifier = request_.package.stem();
     const std::string firmware = firmwareName(identifier, "--package: the name");
-    const std::string directory = "/opt/usr/apps/appbinarymanager/emps/" + identifier;
-    unpackPackage(request_.package, inSet(directory));
-    useInformation(inSet(directory), firmware + ".bin", request_.package);
+    const std::string directory = std::string(vset::inset::kPackages) + "/emps/" + identifier;
+    const fs::path unpacked = set_->outside(directory);
+    unpackPackage(request_.package, unpacked);
+    useInformation(unpacked, firmware + ".bin", request_.package);
     job_.image = directory + "/" + firmware + ".bin";
     job_.imageDirectory = directory;
 }
@@ -178,9 +165,9 @@ void Examination::addPackage()
 void Examination::addFirmware()
 {
     const std::string name = fs::canonical(request_.firmware).filename();
-    const std::string directory = "/usr/lib/firmware/ext/" + name;
+    const std::string directory = std::string(vset::inset::kBuiltInFirmware) + "/" + name;
     const std::string image = name + ".bin";
-    copyIntoSet(request_.firmware, set_ / directory.substr(1));
+    set_->put(request_.firmware, vset::inset::kBuiltInFirmware, name);
     job_.imageDirectory = directory;
     if (job_.isExternal) {
         job_.image = job_.name;
@@ -218,52 +205,49 @@ void Examination::checkNames(const std::string& identifier) const
 
 // ---- The examiner ----
 
-[[noreturn]] void failWith(const fs::path& errors)
-{
-    std::ifstream in(errors);
-    const std::string text{std::istreambuf_iterator<char>(in), {}};
-    throw common::Failure("the library could not be examined: " +
-                          (text.empty() ? "vset ended without a word; is there room in memory and in " +
-                                              errors.parent_path().string() + "?"
-                                        : "\n" + text));
-}
+constexpr const char* kJobFile = "/srv/job.json"; // in the set
 
 Report Examination::run(const char* mode, std::optional<double> clockRate)
 {
-    writeJob(job_, inSet("/srv/job.json"));
-    std::vector<std::string> words = {vsetProgram(), "run", set_};
-    if (clockRate) {
-        words.push_back("--clock-rate=" + std::to_string(*clockRate));
-    }
-    words.insert(words.end(), {"--", examiner_, "/srv/job.json", mode});
-
-    const fs::path errors = scratch_.path() / "errors";
+    writeJob(job_, set_->outside(kJobFile));
     // Twice: on a loaded PC the services of a set whose clock is fast may time out at their start.
     for (int attempt = 0; attempt < 2; ++attempt) {
-        if (const std::optional<Report> report = follow(words, errors)) {
+        if (const std::optional<Report> report = follow(mode, clockRate)) {
             return *report;
         }
     }
-    failWith(errors);
+    failOnExaminer();
+}
+
+void Examination::failOnExaminer() const
+{
+    const std::string text = set_->launcherOutput();
+    throw common::Failure("the library could not be examined: " +
+                          (text.empty() ? "vset ended without a word; is there room in memory and in " +
+                                              set_->set().parent_path().string() + "?"
+                                        : "\n" + text));
 }
 
 // The report of a set that has come to its end.
-std::optional<Report> Examination::follow(const std::vector<std::string>& words, const fs::path& errors)
+std::optional<Report> Examination::follow(const char* mode, std::optional<double> clockRate)
 {
-    RunningProgram program(words, errors);
     std::optional<Report> report;
-    while (const std::optional<std::string> text = program.readLine()) {
-        auto line = fwmod::readLine(*text);
+    tarnwick::Alone alone;
+    alone.clockRate = clockRate;
+    alone.limit.reset(); // the examiner has limits of its own
+    alone.takeLine = [&](const std::string& text) {
+        auto line = readLine(text);
         if (!line) {
-            continue;
+            return;
         }
         if (const Progress* const progress = std::get_if<Progress>(&*line)) {
             showProgress_(progress->text, progress->percent);
         } else {
             report = std::get<Report>(*std::move(line));
         }
-    }
-    return program.hasSucceeded() ? report : std::nullopt;
+    };
+    const int status = set_->runAlone({examiner_, kJobFile, mode}, alone);
+    return status == 0 ? report : std::nullopt;
 }
 
 void Examination::take(const Report& report)

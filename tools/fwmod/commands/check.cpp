@@ -47,6 +47,8 @@ int check(const Options& options)
     }
     requireDirectory(request.firmware, "--firmware");
     requireDirectory(request.hardware, "--hardware");
+    refuseTooMuchForSet(request.firmware);
+    refuseTooMuchForSet(request.hardware);
 
     common::ProgressLine line;
     const struct Clearing { // also before what is told of a failure

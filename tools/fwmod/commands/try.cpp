@@ -1,18 +1,20 @@
 // fwmod try: the module alone on a virtual set, through the whole story of an update, and what is true then.
-#include <csignal>
+#include <algorithm>
 #include <memory>
-#include <sstream>
 #include <unistd.h>
 
 #include "common/daemon-events.h"
 #include "common/json-text.h"
 #include "common/visible-text.h"
+#include "include/tarnwick/television.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/control-library.h"
 #include "tools/fwmod/images/package.h"
-#include "tools/fwmod/trial-set.h"
+#include "tools/fwmod/interruption.h"
+#include "tools/fwmod/programs.h"
+#include "vset/television/set-contents.h"
 
 namespace fwmod
 {
@@ -22,22 +24,17 @@ namespace fs = std::filesystem;
 namespace
 {
 using Kind = common::DaemonEventKind;
-using std::chrono::seconds;
 using std::chrono::steady_clock;
+using tarnwick::PowerWasCut;
+using tarnwick::Television;
 
 constexpr unsigned int kMostWrites = 1'000'000'000;
 constexpr unsigned int kGraceSeconds = 600; // after the daemon's start, in which a standby only ends it
-constexpr int kStandby = 2;
-constexpr seconds kPatience(60);
+constexpr double kPatience = 60;            // seconds
 constexpr std::chrono::milliseconds kProgressPause(500);
 // Where nothing is measured. At this pace a bus call still has five seconds of this PC's.
 constexpr double kQuickRate = 5;
 
-constexpr const char* kProductControls = "/prd/usr/fwupdate/controls";
-constexpr const char* kSystemControls = "/usr/fwupdate/controls";
-constexpr const char* kSystemImages = "/usr/lib/firmware/ext";
-constexpr const char* kFeed = "/srv/feed";
-constexpr const char* kGoodEnd = "tarnwick ended with status 0"; // as vset says it
 constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
 
 struct Options {
@@ -84,33 +81,39 @@ struct Result {
     }
 };
 
-Write readWrite(const std::vector<vset::LogRecord>& records)
+Write readWrite(const std::vector<tarnwick::Message>& messages)
 {
     Write write;
-    double start = 0;
-    const auto end = [&](const char* verdict, const vset::LogRecord& record) {
+    int64_t start = 0;
+    const auto end = [&](const char* verdict, const tarnwick::Message& message) {
         write.verdict = verdict;
-        write.duration = vset::secondsOf(record).value_or(start) - start;
+        write.duration = static_cast<double>(message.time - start) / 1e6;
     };
-    for (const vset::LogRecord& record : records) {
-        const Kind kind = common::readDaemonMessage(record.message).kind;
-        if (common::isComplaint(record.message)) {
-            write.reason = common::withoutLineEnd(record.message);
+    for (const tarnwick::Message& message : messages) {
+        const Kind kind = common::readDaemonMessage(message.text).kind;
+        if (common::isComplaint(message.text)) {
+            write.reason = common::withoutLineEnd(message.text);
         }
         if (kind == Kind::kUpdateBegun) {
             write.verdict = "unfinished";
-            start = vset::secondsOf(record).value_or(0);
+            start = message.time;
         } else if (kind == Kind::kUpdateTimedOut) {
-            end("time-out", record);
+            end("time-out", message);
         } else if (write.verdict == "time-out") {
             continue; // what comes after it is lost
         } else if (kind == Kind::kUpdateFailed) {
-            end("failure", record);
+            end("failure", message);
         } else if (kind == Kind::kUpdateSucceeded) {
-            end("success", record);
+            end("success", message);
         }
     }
     return write;
+}
+
+std::string textOf(const tarnwick::End& end)
+{
+    return end.isBySignal ? "tarnwick was ended by signal " + std::to_string(end.status - 128)
+                          : "tarnwick ended with status " + std::to_string(end.status);
 }
 
 std::string textOf(const Json::Value& value)
@@ -195,9 +198,11 @@ public:
         : options_(options), name_(options.library.stem()), story_(options.isJson ? stderr : stdout)
     {
     }
+    ~Trial();
     bool run(); // whether the module was updated, and everything is true
 
 private:
+    void makeSet();
     void fill();
     void tryModule();
     void tryExternalModule();
@@ -206,6 +211,8 @@ private:
     void chapter(const std::string& title);
     void prove(const std::string& text, bool isTrue) { result_.proofs.push_back({text, isTrue}); }
 
+    bool said(Kind kind) const;
+    bool hasReached(int state) const;
     bool isFoundPending();
     Json::Value examine();
     void checkNames(const Json::Value& module) const;
@@ -219,7 +226,6 @@ private:
     void updateOnScreen();
     void awaitWrite(const std::string& what, const std::function<bool()>& isOver);
     void showProgress();
-    std::string view();
     void proveNothingIsLeft();
     void tellCut(const PowerWasCut& cut);
     void surviveCut();
@@ -234,16 +240,29 @@ private:
     const std::string name_; // of the library
     std::FILE* const story_;
     const InterruptionWatch watch_; // also while the set is removed
-    std::optional<TrialSet> set_;
+    std::optional<ScratchDirectory> scratch_;
+    std::optional<Television> set_;
     Result result_;
     bool hasRebooted_ = false; // by itself, after the update
-    unsigned int shownProgress_ = 0;
+    int shownProgress_ = 0;
     steady_clock::time_point nextProgress_;
 };
+
+Trial::~Trial()
+{
+    if (!set_) {
+        return;
+    }
+    set_.reset();
+    if (options_.isKept) {
+        say("The set stays in " + scratch_->path().string());
+    }
+}
 
 bool Trial::run()
 {
     try {
+        makeSet();
         fill();
         if (isExternal(options_)) {
             tryExternalModule();
@@ -278,24 +297,41 @@ void Trial::chapter(const std::string& title)
     say(isBold ? "\n\033[1m" + title + "\033[0m" : "\n" + title);
 }
 
-void Trial::fill()
+void Trial::makeSet()
 {
-    set_.emplace(options_.isRootless, story_);
+    const fs::path vset = vsetProgram();
+    scratch_.emplace("fwmod-try-");
+    requireRoomForSet(scratch_->path());
+    set_.emplace(tarnwick::Making{vset, scratch_->path(), options_.isRootless});
     if (options_.isKept) {
+        scratch_->keep();
         set_->keep();
     }
-    say("A virtual set for " + name_ + " alone, in " + set_->path().string() +
+    set_->tellStory([this](const std::string& line) { say(common::visible(line)); });
+    set_->watchWaits([this] {
+        InterruptionWatch::check();
+        if (std::ferror(story_) != 0) {
+            throw common::Failure("the story cannot be written: its reader has gone, or the disk is full");
+        }
+    });
+}
+
+void Trial::fill()
+{
+    say("A virtual set for " + name_ + " alone, in " + set_->set().string() +
         (options_.isKept ? "" : " until the end"));
     const bool isBuiltIn = !isExternal(options_) && options_.package.empty();
-    set_->add(options_.library, isBuiltIn ? kSystemControls : kProductControls, name_ + ".so");
+    set_->put(options_.library, isBuiltIn ? vset::inset::kSystemControls : vset::inset::kProductControls,
+              name_ + ".so");
     if (!options_.package.empty()) {
-        set_->add(options_.package, kFeed, options_.package.filename());
+        set_->put(options_.package, vset::inset::kFeed);
     }
     if (!options_.firmware.empty()) {
-        set_->add(options_.firmware, kSystemImages, fs::canonical(options_.firmware).filename());
+        set_->put(options_.firmware, vset::inset::kBuiltInFirmware,
+                  fs::canonical(options_.firmware).filename());
     }
     if (!options_.hardware.empty()) {
-        set_->addHardware(options_.hardware);
+        set_->putHardware(options_.hardware);
     }
 }
 
@@ -326,16 +362,33 @@ void Trial::tryModule()
 
 // ---- What the daemon finds ----
 
+bool Trial::said(Kind kind) const
+{
+    const std::vector<tarnwick::Message> messages = set_->messagesOfBoot();
+    return std::any_of(messages.begin(), messages.end(), [&](const tarnwick::Message& message) {
+        return common::readDaemonMessage(message.text).kind == kind;
+    });
+}
+
+bool Trial::hasReached(int state) const
+{
+    const std::vector<tarnwick::Message> messages = set_->messagesOfBoot();
+    return std::any_of(messages.begin(), messages.end(), [&](const tarnwick::Message& message) {
+        const common::DaemonEvent event = common::readDaemonMessage(message.text);
+        return event.kind == Kind::kState && event.number(0) == state;
+    });
+}
+
 // At a boot: waits until the daemon has decided, and says whether it stays for an update.
 bool Trial::isFoundPending()
 {
-    set_->waitFor("the daemon to check the module", kPatience,
-                  [this] { return set_->said(Kind::kPending) || set_->daemonEnd(); });
-    if (set_->said(Kind::kPending)) {
+    set_->waitUntil([this] { return said(Kind::kPending) || set_->daemonEnd(); },
+                    "the daemon checks the module", kPatience);
+    if (said(Kind::kPending)) {
         return true;
     }
-    if (*set_->daemonEnd() != kGoodEnd) {
-        throw common::Failure(*set_->daemonEnd() + " while it loaded or asked the control library");
+    if (const tarnwick::End end = *set_->daemonEnd(); end.status != 0) {
+        throw common::Failure(textOf(end) + " while it loaded or asked the control library");
     }
     return false;
 }
@@ -343,14 +396,12 @@ bool Trial::isFoundPending()
 // The module as "fwctl why" sees it, with the daemon's own code.
 Json::Value Trial::examine()
 {
-    const TrialSet::Output told = set_->run({"fwctl", "why", "--json", "--", name_});
-    Json::Value modules;
-    std::istringstream text(told.text);
-    std::string errors;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), text, &modules, &errors) || modules.empty()) {
+    const tarnwick::Output told = set_->execute({"fwctl", "why", "--json", "--", name_});
+    const std::optional<Json::Value> modules = common::parseJson(told.text);
+    if (!modules || !modules->isArray() || modules->empty()) {
         throw common::Failure("the module cannot be examined: " + told.errors);
     }
-    const Json::Value& module = modules[0];
+    const Json::Value& module = (*modules)[0];
     if (module.isMember("failure")) {
         throw common::Failure("the control library fails: " + module["failure"].asString());
     }
@@ -400,7 +451,7 @@ void Trial::failNotPending()
     checkNames(module);
     const bool isBlank = module["installed"].isNull() && options_.hardware.empty();
     throw common::Failure("the daemon finds nothing to update. \"fwctl why\" in the set says:\n" +
-                          set_->run({"fwctl", "why", "--", name_}).text +
+                          set_->execute({"fwctl", "why", "--", name_}).text +
                           (isBlank ? "Without --hardware the set's /var/lib/hardware is empty." : ""));
 }
 
@@ -413,14 +464,14 @@ void Trial::bootForTheFirstTime()
     const Json::Value module = examine();
     checkNames(module);
     awaitDelivery(module);
-    set_->switchOff();
+    set_->powerOff();
 }
 
 void Trial::awaitDelivery(const Json::Value& module)
 {
     const std::string package = module["package"].asString();
-    set_->waitFor("the package service to deliver " + package, kPatience,
-                  [&] { return fs::exists(set_->file(package)); });
+    set_->waitUntil([&] { return set_->exists(package); }, "the package service delivers " + package,
+                    kPatience);
     say("              The package service has put it in place: " + package);
 }
 
@@ -456,60 +507,59 @@ void Trial::updateAtStandby(const Json::Value& module)
     if (isOffered) {
         say("              The viewer does not answer the offer.");
     }
-    set_->waitFor("the daemon to wait for a standby", kPatience, [&] {
-        return isOffered ? set_->hasReached(FWSVC_UI_SHOWN) || set_->hasReached(FWSVC_UI_CANCELLED)
-                         : set_->hasReached(FWSVC_MODULES_CHECKED);
-    });
+    const auto isWaiting = [&] {
+        return isOffered ? hasReached(FWSVC_UI_SHOWN) || hasReached(FWSVC_UI_CANCELLED)
+                         : hasReached(FWSVC_MODULES_CHECKED);
+    };
+    set_->waitUntil(isWaiting, "the daemon waits for a standby", kPatience);
     set_->setClockRate(1);
     chapter("Ten minutes later (the set's clock jumps), the viewer presses the standby button");
-    set_->jumpClock(kGraceSeconds);
-    set_->act([](const vset::ControlClient& platform) { platform.setPowerState(kStandby); });
-    awaitWrite("the daemon to end after the update", [this] { return set_->daemonEnd().has_value(); });
-    const bool hasEndedWell = *set_->daemonEnd() == kGoodEnd;
-    prove("the daemon ended with status 0", hasEndedWell);
-    if (!hasEndedWell) {
-        result_.write->reason = *set_->daemonEnd();
+    set_->jump(kGraceSeconds);
+    set_->setPower(tarnwick::kStandby);
+    awaitWrite("the daemon ends after the update", [this] { return set_->daemonEnd().has_value(); });
+    const tarnwick::End end = *set_->daemonEnd();
+    prove("the daemon ended with status 0", end.status == 0);
+    if (end.status != 0) {
+        result_.write->reason = textOf(end);
     }
     proveNothingIsLeft();
-    prove("no power lock is held", set_->snapshot()["locks"]["held"].empty());
+    prove("no power lock is held", set_->powerLocks() == 0);
 }
 
 void Trial::updateOnScreen()
 {
-    const auto click = [this](const char* button) {
-        set_->act([&](const vset::ControlClient& platform) {
-            platform.callConsole("Click", g_variant_new("(s)", button));
-        });
-    };
-    set_->waitFor("the offer on the screen", kPatience, [this] { return view() == "offer"; });
+    set_->waitUntil([this] { return set_->upgradeUiView() == "offer"; }, "the offer is on the screen",
+                    kPatience);
     set_->setClockRate(1);
     chapter("The viewer accepts the update on the screen");
-    click("accept");
-    awaitWrite("the upgrade UI to tell the end of the update", [this] { return view() == "finished"; });
+    set_->clickUpgradeUi("accept");
+    awaitWrite("the upgrade UI tells the end of the update",
+               [this] { return set_->upgradeUiView() == "finished"; });
     proveNothingIsLeft();
     if (result_.write->verdict != "success") {
         return; // the daemon asks for no reboot then
     }
     chapter("The viewer closes the message, and the set restarts");
     set_->setClockRate(kQuickRate);
-    set_->forget();
-    click("close");
+    set_->clickUpgradeUi("close");
     // It would wait for a power lock.
-    set_->waitFor("the set to reboot", kPatience, [this] { return set_->said(Kind::kStarted); });
+    set_->waitUntil([this] { return set_->boots() > 1 && said(Kind::kStarted); }, "the set reboots",
+                    kPatience);
     hasRebooted_ = true;
 }
 
 void Trial::awaitWrite(const std::string& what, const std::function<bool()>& isOver)
 {
     nextProgress_ = steady_clock::now() + kProgressPause;
-    set_->waitFor(what, kPatience + seconds(result_.expectedSeconds), [&] {
+    const auto isOverYet = [&] {
         if (isOver()) {
             return true;
         }
         showProgress();
         return false;
-    });
-    result_.write = readWrite(set_->records());
+    };
+    set_->waitUntil(isOverYet, what, kPatience + result_.expectedSeconds);
+    result_.write = readWrite(set_->messagesOfBoot());
     const Write& write = *result_.write;
     prove("the daemon's verdict is success", write.verdict == "success");
     if (write.verdict == "success") {
@@ -520,30 +570,22 @@ void Trial::awaitWrite(const std::string& what, const std::function<bool()>& isO
 // What the library itself says in another process; for one that keeps its progress to itself, nothing.
 void Trial::showProgress()
 {
-    if (steady_clock::now() < nextProgress_ || readWrite(set_->records()).verdict != "unfinished") {
+    if (steady_clock::now() < nextProgress_ || readWrite(set_->messagesOfBoot()).verdict != "unfinished") {
         return;
     }
     nextProgress_ = steady_clock::now() + kProgressPause;
-    for (const Json::Value& module : set_->console("GetModules")) {
-        const Json::Value& progress = module["progress"];
-        if (!progress.isUInt() || progress.asUInt() <= shownProgress_) {
-            continue;
-        }
-        shownProgress_ = progress.asUInt();
-        say("              " + name_ + ": " + progress.asString() + " % written, says its control library");
+    const int percent = set_->progress(name_).value_or(0);
+    if (percent > shownProgress_) {
+        shownProgress_ = percent;
+        say("              " + name_ + ": " + std::to_string(percent) +
+            " % written, says its control library");
     }
-}
-
-std::string Trial::view()
-{
-    const Json::Value screen = set_->console("Snapshot")["screen"];
-    return screen["shown"].asBool() ? screen["view"].asString() : "";
 }
 
 void Trial::proveNothingIsLeft()
 {
-    prove("no package is left mounted", set_->snapshot()["mounts"].empty());
-    prove("the update list is gone", !fs::exists(set_->file(kUpdateList)));
+    prove("no package is left mounted", set_->loopMounts().empty());
+    prove("the update list is gone", !set_->exists(kUpdateList));
 }
 
 // ---- Power cut ----
@@ -577,7 +619,7 @@ void Trial::surviveCut()
 
 void Trial::failUncut()
 {
-    set_->switchOff();
+    set_->powerOff();
     const unsigned int writes = set_->writes().value_or(0);
     const std::string asked = std::to_string(*options_.powerCut);
     if (writes == 0) {
@@ -595,7 +637,7 @@ void Trial::failUncut()
 void Trial::bootAfterwards()
 {
     if (!hasRebooted_) {
-        set_->switchOff();
+        set_->powerOff();
         chapter("The set is switched on again");
         set_->switchOn();
         set_->setClockRate(kQuickRate);
@@ -620,7 +662,7 @@ void Trial::tryExternalModule()
     set_->setClockRate(kQuickRate);
     isFoundPending();
     result_.before = examine()["installed"];
-    set_->switchOff();
+    set_->powerOff();
     chapter("A technician updates the module");
     say("The daemon leaves external modules out: \"fwctl update " + name_ + "\" has the library do it.");
     try {
@@ -647,7 +689,10 @@ void Trial::tryExternalModule()
 void Trial::updateDirectly(std::optional<unsigned int> powerCut)
 {
     const auto start = steady_clock::now();
-    const int status = set_->runAlone({"fwctl", "update", "--", name_}, powerCut);
+    const auto tellLine = [this](const std::string& line) { say("              " + common::visible(line)); };
+    // What it complains of belongs to the story as well.
+    const int status = set_->runAlone({"sh", "-c", "exec \"$@\" 2>&1", "sh", "fwctl", "update", "--", name_},
+                                      {powerCut, 1.0, std::nullopt, tellLine});
     Write write;
     write.verdict = status == 0 ? "success" : "failure";
     write.duration = std::chrono::duration<double>(steady_clock::now() - start).count();
@@ -705,7 +750,7 @@ Json::Value Trial::toJson() const
         json["facts"].append(fact);
     }
     json["problem"] = result_.problem.empty() ? Json::Value() : Json::Value(result_.problem);
-    json["set"] = options_.isKept && set_ ? Json::Value(set_->path().string()) : Json::Value();
+    json["set"] = options_.isKept && set_ ? Json::Value(set_->set().string()) : Json::Value();
     return json;
 }
 
@@ -718,6 +763,8 @@ void checkFiles(const Options& options)
     }
     requireDirectory(options.firmware, "--firmware");
     requireDirectory(options.hardware, "--hardware");
+    refuseTooMuchForSet(options.firmware);
+    refuseTooMuchForSet(options.hardware);
 }
 
 int tryModule(const Options& options)
