@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "tools/fwctl/set-state.h"
-#include "tools/fwctl/turn-holder.h"
+#include "tools/fwctl/turn/turn-holder.h"
 
 namespace fwctl
 {

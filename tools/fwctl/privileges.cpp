@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/modules/isolated.h"
 #include "tools/fwctl/set-state.h"
 
 namespace fwctl

@@ -6,14 +6,14 @@
 #include "common/json-text.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/daemon-log.h"
-#include "tools/fwctl/examination.h"
-#include "tools/fwctl/isolated.h"
-#include "tools/fwctl/library-calls.h"
+#include "tools/fwctl/modules/daemon-log.h"
+#include "tools/fwctl/modules/examination.h"
+#include "tools/fwctl/modules/isolated.h"
+#include "tools/fwctl/modules/library-calls.h"
+#include "tools/fwctl/modules/replay.h"
 #include "tools/fwctl/obstacles.h"
 #include "tools/fwctl/output.h"
 #include "tools/fwctl/privileges.h"
-#include "tools/fwctl/replay.h"
 
 namespace fwctl
 {

@@ -7,15 +7,15 @@
 #include "common/daemon-events.h"
 #include "common/json-text.h"
 #include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/daemon-log.h"
-#include "tools/fwctl/examination.h"
-#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/modules/daemon-log.h"
+#include "tools/fwctl/modules/examination.h"
+#include "tools/fwctl/modules/isolated.h"
+#include "tools/fwctl/modules/registry.h"
+#include "tools/fwctl/modules/replay.h"
 #include "tools/fwctl/output.h"
-#include "tools/fwctl/power-lock.h"
-#include "tools/fwctl/registry.h"
-#include "tools/fwctl/replay.h"
-#include "tools/fwctl/update-child.h"
-#include "tools/fwctl/update-turn.h"
+#include "tools/fwctl/turn/power-lock.h"
+#include "tools/fwctl/turn/update-child.h"
+#include "tools/fwctl/turn/update-turn.h"
 
 namespace fwctl
 {

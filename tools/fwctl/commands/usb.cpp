@@ -12,14 +12,14 @@
 #include "common/json-text.h"
 #include "common/regular-file.h"
 #include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/daemon-log.h"
-#include "tools/fwctl/examination.h"
-#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/modules/daemon-log.h"
+#include "tools/fwctl/modules/examination.h"
+#include "tools/fwctl/modules/isolated.h"
+#include "tools/fwctl/modules/registry.h"
 #include "tools/fwctl/output.h"
-#include "tools/fwctl/power-lock.h"
-#include "tools/fwctl/registry.h"
-#include "tools/fwctl/update-child.h"
-#include "tools/fwctl/update-turn.h"
+#include "tools/fwctl/turn/power-lock.h"
+#include "tools/fwctl/turn/update-child.h"
+#include "tools/fwctl/turn/update-turn.h"
 
 namespace fwctl
 {

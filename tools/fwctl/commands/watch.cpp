@@ -11,9 +11,9 @@
 #include "pralis.h"
 #include "pwrctl.h"
 #include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/isolated.h"
+#include "tools/fwctl/modules/isolated.h"
 #include "tools/fwctl/set-state.h"
-#include "tools/fwctl/turn-holder.h"
+#include "tools/fwctl/turn/turn-holder.h"
 
 namespace fwctl
 {

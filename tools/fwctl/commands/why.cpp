@@ -5,7 +5,7 @@
 
 #include "common/json-text.h"
 #include "tools/fwctl/commands/command.h"
-#include "tools/fwctl/examination.h"
+#include "tools/fwctl/modules/examination.h"
 #include "tools/fwctl/obstacles.h"
 #include "tools/fwctl/output.h"
 

@@ -1,0 +1,24 @@
+// Package mounts of the set, as the kernel lists them.
+#ifndef TOOLS_FWCTL_MODULES_MOUNTS_H
+#define TOOLS_FWCTL_MODULES_MOUNTS_H
+
+#include <string>
+#include <vector>
+
+namespace fwctl
+{
+
+// Mount points under the package mount directory, without a trailing "/"; stacked mounts count each.
+std::vector<std::string> packageMountPoints();
+
+constexpr const char* kPackageMounts = "/opt/usr/apps/appbinarymanager/emps/";
+
+// Why the daemon's user cannot make a mount point among kPackageMounts: "Permission denied"; empty when it
+// can, and when this process may not find out.
+std::string problemOfMountDirectory();
+
+bool isMountPoint(const std::string& directory);
+
+} // namespace fwctl
+
+#endif

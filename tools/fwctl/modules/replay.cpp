@@ -1,0 +1,409 @@
+#include "tools/fwctl/modules/replay.h"
+
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "common/json-text.h"
+#include "common/memory-file.h"
+#include "common/package-image.h"
+#include "common/regular-file.h"
+#include "src/src/fw-update-checksum.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/modules/daemon-log.h"
+#include "tools/fwctl/modules/mounts.h"
+
+namespace fwctl
+{
+
+namespace
+{
+struct Finding {
+    bool passed;
+    std::string detail;
+    std::string advice; // what to do, when it did not pass
+};
+
+// Where the two files of a source are read: in the directory that the daemon reads, or in a package image
+// that is not mounted there.
+class SourceFiles
+{
+public:
+    explicit SourceFiles(std::string directory) : directory_(std::move(directory)) {}
+    void readFrom(std::unique_ptr<common::PackageImage> package) { package_ = std::move(package); }
+
+    bool contains(const std::string& name)
+    {
+        return package_ ? package_->contains(name) : FWUpdateSymbol::file_exists(directory_ + name);
+    }
+    // Why the daemon could not read the file, though something is there; see common::problemOfSpecialFile().
+    std::string problemOf(const std::string& name)
+    {
+        return package_ ? package_->problemOf(name) : common::problemOfSpecialFile(directory_ + name);
+    }
+    // Has `reader` read a small file from a path. False when the package is damaged.
+    bool read(const std::string& name, const std::function<void(const std::string&)>& reader)
+    {
+        if (!package_) {
+            reader(directory_ + name);
+            return true;
+        }
+        const common::MemoryFile copy;
+        const bool isComplete = package_->read(
+            name, [&](const char* bytes, std::size_t count) { return copy.append(bytes, count); });
+        reader(copy.path());
+        return isComplete;
+    }
+    // The daemon's checksum of the file. False when the package is damaged.
+    bool takeChecksum(FWUpdateSymbol& module, const std::string& name, unsigned int& checksum)
+    {
+        if (!package_) {
+            checksum = module.getBinaryCRC32(directory_ + name);
+            return true;
+        }
+        checksum = 0;
+        return package_->read(name, [&](const char* bytes, std::size_t count) {
+            checksum = extendChecksum(checksum, reinterpret_cast<const unsigned char*>(bytes), count);
+            return true;
+        });
+    }
+
+private:
+    std::string directory_;
+    std::unique_ptr<common::PackageImage> package_;
+};
+
+std::string directoryOf(const std::string& path)
+{
+    return path.substr(0, path.rfind('/') + 1);
+}
+
+std::string join(const std::vector<std::string>& texts)
+{
+    std::string joined;
+    for (const std::string& text : texts) {
+        joined += (joined.empty() ? "" : "; ") + text;
+    }
+    return joined;
+}
+
+// A file of a package is read under a name that tells nobody anything.
+std::string withPath(std::string text, const std::string& readAs, const std::string& path)
+{
+    const std::size_t place = text.find(readAs);
+    return !readAs.empty() && place != std::string::npos ? text.replace(place, readAs.size(), path) : text;
+}
+
+// What an accepted information file says less clearly than its maker thinks.
+std::string remarksOn(const std::string& path)
+{
+    constexpr std::pair<const char*, const char*> kDefaults[] = {
+        {"version", "0000"}, {"crc", "0"}, {"expected_time", "300 seconds"}, {"ui_use", "none"}};
+    std::ifstream file(path);
+    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::optional<Json::Value> parsed = common::parseJsonObject(text);
+    if (!parsed) {
+        return "";
+    }
+    const Json::Value& root = *parsed;
+    std::string remarks;
+    for (const auto& [key, value] : kDefaults) {
+        if (!root.isMember(key)) {
+            remarks += std::string("; no \"") + key + "\": " + value + " is taken";
+        }
+    }
+    const Json::Value uiUse = root.get("ui_use", "none");
+    if (!uiUse.isString() || (uiUse != "select" && uiUse != "force" && uiUse != "none")) {
+        remarks += "; \"ui_use\" " + common::compactJson(uiUse) + " counts as none";
+    }
+    return remarks;
+}
+
+class Replay
+{
+public:
+    Replay(FWUpdateSymbol& module, const ImageSource& source, std::string mountProblem)
+        : module_(module), source_(source), mountProblem_(std::move(mountProblem)),
+          imagePath_(module.getBinaryPath(source.type)),
+          informationPath_(module.getInformationPath(source.type)), files_(directoryOf(informationPath_)),
+          imageName_(module.firmwareName + ".bin")
+    {
+    }
+
+    Json::Value run();
+    std::string findSpecialFile();
+
+private:
+    static Finding notAFile(const std::string& path, const std::string& problem);
+    Finding hasName();
+    Finding hasPackage();
+    Finding canBeMounted();
+    Finding hasImage();
+    Finding hasInformation();
+    Finding informationIsValid();
+    Finding screenMayOffer();
+    Finding checksumMatches();
+    Finding isNewer();
+    Finding readMountedPackage(const std::string& reason);
+
+    struct Step {
+        const char* test;
+        Finding (Replay::*take)();
+        bool (*applies)(UPDATE_TYPE type);
+    };
+    static bool always(UPDATE_TYPE) { return true; }
+    static bool toPackages(UPDATE_TYPE type) { return type == UPDATE_TYPE_EMP; }
+    static bool toSystemImages(UPDATE_TYPE type) { return type == UPDATE_TYPE_BUILTIN; }
+    static const Step kSteps[];
+
+    FWUpdateSymbol& module_;
+    const ImageSource& source_;
+    std::string mountProblem_;
+    std::string imagePath_;
+    std::string informationPath_;
+    SourceFiles files_;
+    std::string imageName_;
+    bool hasReadInformation_ = false;
+    Json::Value verdict_;
+};
+
+const Replay::Step Replay::kSteps[] = {
+    {"firmware name", &Replay::hasName, Replay::always},
+    {"package", &Replay::hasPackage, Replay::toPackages},
+    {"mount", &Replay::canBeMounted, Replay::toPackages},
+    {"image", &Replay::hasImage, Replay::always},
+    {"information file", &Replay::hasInformation, Replay::always},
+    {"information", &Replay::informationIsValid, Replay::always},
+    {"screen", &Replay::screenMayOffer, Replay::toSystemImages},
+    {"checksum", &Replay::checksumMatches, Replay::always},
+    {"version", &Replay::isNewer, Replay::always},
+};
+
+Json::Value Replay::run()
+{
+    Json::Value steps(Json::arrayValue);
+    bool passed = true;
+    for (const Step& step : kSteps) {
+        if (!passed || !step.applies(source_.type)) {
+            continue;
+        }
+        const Finding finding = (this->*step.take)();
+        passed = finding.passed;
+        Json::Value told;
+        told["test"] = step.test;
+        told["passed"] = finding.passed;
+        told["detail"] = finding.detail;
+        told["advice"] = finding.advice;
+        steps.append(told);
+    }
+    Json::Value result;
+    result["source"] = source_.name;
+    result["checked_by_daemon"] = source_.checkedByDaemon;
+    result["image"] = imagePath_;
+    result["offered"] = hasReadInformation_ ? Json::Value(module_.information.version) : Json::Value();
+    result["verdict"] = verdict_;
+    result["newer"] = passed && verdict_ == 1;
+    result["steps"] = steps;
+    return result;
+}
+
+std::string Replay::findSpecialFile()
+{
+    std::string problem =
+        source_.type == UPDATE_TYPE_EMP ? common::problemOfSpecialFile(module_.empImagePath) : "";
+    if (!problem.empty()) {
+        return module_.empImagePath + " " + problem;
+    }
+    if (source_.type == UPDATE_TYPE_EMP && (!module_.getIMGExists() || !hasPackage().passed)) {
+        return ""; // the daemon's check ends before it opens a file
+    }
+    problem = files_.problemOf(imageName_);
+    if (!problem.empty()) {
+        return imagePath_ + " " + problem;
+    }
+    problem = files_.problemOf("info.json");
+    return problem.empty() ? "" : informationPath_ + " " + problem;
+}
+
+Finding Replay::hasName()
+{
+    if (module_.firmwareName.empty()) {
+        return {false, "the library gave no identifier", "have the library's getEMPID corrected"};
+    }
+    return {true, module_.firmwareName, ""};
+}
+
+Finding Replay::hasPackage()
+{
+    if (!module_.isEMP) {
+        return {false, "the identifier " + module_.EMPName + " is refused",
+                "have the library's getEMPID answer letters and digits with a lower-case \"emp\""};
+    }
+    if (!module_.getIMGExists()) {
+        return {false, module_.empImagePath + " is not there",
+                "nothing to do when no update is published; otherwise see whether the download failed"};
+    }
+    const std::string problem = common::problemOfSpecialFile(module_.empImagePath);
+    if (!problem.empty()) {
+        return notAFile(module_.empImagePath, problem);
+    }
+    try {
+        files_.readFrom(std::make_unique<common::PackageImage>(module_.empImagePath));
+        return {true, module_.empImagePath, ""};
+    } catch (const common::Failure& error) {
+        return readMountedPackage(error.what());
+    }
+}
+
+// The daemon makes the mount point when there is none.
+Finding Replay::canBeMounted()
+{
+    const std::string directory = directoryOf(informationPath_);
+    struct stat status = {};
+    const bool exists = stat(directory.substr(0, directory.size() - 1).c_str(), &status) == 0;
+    if (exists && !S_ISDIR(status.st_mode)) {
+        return {false, directory + " is no directory", "remove what stands there"};
+    }
+    if (!exists && !mountProblem_.empty()) {
+        return {false,
+                std::string(kPackageMounts) + " cannot be written by the daemon's user: " + mountProblem_,
+                "\"fwctl doctor --fix\" gives it back"};
+    }
+    return {true, directory, ""};
+}
+
+// The kernel may know file systems that we cannot read, and the mount service may read files that we may not.
+Finding Replay::readMountedPackage(const std::string& reason)
+{
+    const std::string directory = directoryOf(informationPath_);
+    const std::string detail = module_.empImagePath + " " + reason;
+    if (isMountPoint(directory.substr(0, directory.size() - 1))) {
+        return {true, detail + "; what is mounted was read instead", ""};
+    }
+    return {false, detail, "remove the file, and have the package downloaded again (restart the set)"};
+}
+
+// Nothing is opened that is no file: the daemon's code would wait for the other end of a pipe, for ever.
+Finding Replay::notAFile(const std::string& path, const std::string& problem)
+{
+    return {false, path + " " + problem,
+            "remove it, and put the file there: the daemon hangs or fails with it"};
+}
+
+Finding Replay::hasImage()
+{
+    const std::string problem = files_.problemOf(imageName_);
+    if (!problem.empty()) {
+        return notAFile(imagePath_, problem);
+    }
+    if (!files_.contains(imageName_)) {
+        return {false, imagePath_ + " is not there",
+                source_.type == UPDATE_TYPE_EMP ? "have the package made again with that file in it"
+                                                : "nothing to do unless this source should have one"};
+    }
+    return {true, imagePath_, ""};
+}
+
+Finding Replay::hasInformation()
+{
+    const std::string problem = files_.problemOf("info.json");
+    if (!problem.empty()) {
+        return notAFile(informationPath_, problem);
+    }
+    if (!files_.contains("info.json")) {
+        return {false, informationPath_ + " is not there", "put an information file beside the image"};
+    }
+    return {true, informationPath_, ""};
+}
+
+Finding Replay::informationIsValid()
+{
+    takeDaemonMessages();
+    bool accepted = false;
+    std::string readAs;
+    const bool complete = files_.read("info.json", [&](const std::string& path) {
+        readAs = path;
+        accepted = module_.loadInformation(path);
+    });
+    const std::string messages = withPath(join(takeDaemonMessages()), readAs, informationPath_);
+    if (!accepted || !complete) {
+        return {false, complete ? messages : "the package is damaged",
+                "correct the information file (\"fwmod info --check\" tells each value)"};
+    }
+    hasReadInformation_ = true;
+    std::string remarks;
+    files_.read("info.json", [&](const std::string& path) { remarks = remarksOn(path); });
+    const FWInformation& values = module_.information;
+    return {true,
+            "version " + values.version + ", crc " + std::to_string(values.crc) + ", " +
+                std::to_string(values.expected_time) + " s, ui_use " + values.ui_use + remarks,
+            ""};
+}
+
+Finding Replay::screenMayOffer()
+{
+    if (module_.information.ui_use == "none") {
+        return {false, "ui_use is \"none\": an image of the system must be offered on the screen",
+                "set \"ui_use\" to \"select\" or \"force\" in " + informationPath_};
+    }
+    return {true, "ui_use is \"" + module_.information.ui_use + "\"", ""};
+}
+
+Finding Replay::checksumMatches()
+{
+    unsigned int checksum = 0;
+    const bool complete = files_.takeChecksum(module_, imageName_, checksum);
+    const std::string found = std::to_string(checksum);
+    const std::string expected = std::to_string(module_.information.crc);
+    if (!complete) {
+        return {false, "the package is damaged", "remove it, and have it downloaded again (restart the set)"};
+    }
+    if (module_.information.crc != checksum) {
+        return {false, "the image has " + found + ", the information file wants " + expected,
+                "copy or download the image again; if it is right, correct \"crc\""};
+    }
+    return {true, found, ""};
+}
+
+Finding Replay::isNewer()
+{
+    const std::string offered = module_.information.version;
+    char emptyContext[] = "";
+    int verdict = 0;
+    module_.setContext(source_.caller, emptyContext);
+    const int result = module_.checkVersion(offered.c_str(), &verdict);
+    if (result != 0) {
+        return {false,
+                "the library cannot compare " + offered + " (it returns " + std::to_string(result) + ")",
+                "see whether the hardware answers and the version is one that the library knows"};
+    }
+    verdict_ = verdict;
+    module_.updateType = source_.type;
+    module_.needUpdate = (verdict == 1);
+    module_.expectedUpdateTime = module_.information.expected_time;
+    if (verdict < 1) {
+        return {false,
+                "the library calls " + offered + " not newer (verdict " + std::to_string(verdict) + ")",
+                "nothing to do: the module is up to date"};
+    }
+    if (verdict > 1) {
+        return {false, "the library answers " + std::to_string(verdict) + ", only 1 makes a module pending",
+                "have the library's checkVersion corrected"};
+    }
+    return {true, "the library calls " + offered + " newer", ""};
+}
+} // namespace
+
+Json::Value replayCheck(FWUpdateSymbol& module, const ImageSource& source, const std::string& mountProblem)
+{
+    return Replay(module, source, mountProblem).run();
+}
+
+std::string findSpecialFile(FWUpdateSymbol& module, const ImageSource& source)
+{
+    return Replay(module, source, "").findSpecialFile();
+}
+
+} // namespace fwctl

@@ -1,0 +1,217 @@
+#include "tools/fwctl/turn/update-child.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "common/progress-line.h"
+#include "common/visible-text.h"
+#include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/output.h"
+#include "tools/fwctl/privileges.h"
+
+namespace fwctl
+{
+
+namespace
+{
+constexpr const char* kTurnWanted = "turn_wanted";
+constexpr const char* kRefused = "refused";
+
+// The parent is the one that answers Ctrl-C. No signal must cut off what is written, neither here nor in a
+// program that the library has started.
+void heedNoSignal()
+{
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTTOU}) {
+        std::signal(signal, SIG_IGN);
+    }
+}
+
+class Pipe
+{
+public:
+    Pipe()
+    {
+        if (pipe2(ends_, O_CLOEXEC) != 0) {
+            throw common::Failure(std::string("cannot make a pipe: ") + std::strerror(errno));
+        }
+    }
+    ~Pipe()
+    {
+        closeEnd(0);
+        closeEnd(1);
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+
+    int reading() const { return ends_[0]; }
+    int writing() const { return ends_[1]; }
+    void closeEnd(int index)
+    {
+        if (ends_[index] >= 0) {
+            close(ends_[index]);
+        }
+        ends_[index] = -1;
+    }
+
+private:
+    int ends_[2] = {-1, -1};
+};
+
+// The turn goes back however the work ends: the parent may be gone.
+struct Settling {
+    UpdateTurn& turn;
+    ~Settling() { turn.settle(); }
+};
+
+void runInChild(const std::function<void(UpdateLink&)>& work, Telling& telling, UpdateTurn& turn,
+                Pipe& permission, uid_t user)
+{
+    permission.closeEnd(1); // else our own end would keep us waiting when the parent has ended
+    heedNoSignal();
+    UpdateLink link(telling, turn, permission.reading());
+    const Settling settling{turn};
+    try {
+        becomeUser(user);
+        prepareUpdateSemaphore();
+        work(link);
+    } catch (const common::CommandError& error) {
+        Json::Value refused;
+        refused["status"] = error.status();
+        refused["text"] = error.what();
+        telling.put(kRefused, refused);
+    }
+}
+
+// The parent's end.
+class Supervisor
+{
+public:
+    explicit Supervisor(const std::function<void(UpdateLink&)>& work);
+    Json::Value run();
+
+private:
+    void take(const Json::Value& part);
+    void sayAboveProgress(const std::string& line);
+    void tryToGiveTurn();
+    void completeOutcomes(const std::string& failure);
+
+    uid_t user_;
+    UpdateTurn turn_;
+    Pipe permission_;
+    Child child_;
+    TurnWait wait_;
+    common::ProgressLine line_;
+    Json::Value told_{Json::objectValue};
+    bool isTurnWanted_ = false;
+};
+
+Supervisor::Supervisor(const std::function<void(UpdateLink&)>& work)
+    : user_(requireUpdater()), turn_(user_),
+      child_([this, &work](Telling& telling) { runInChild(work, telling, turn_, permission_, user_); },
+             Child::Orphaned::kGoesOn,
+             [this](const std::string& line) { sayAboveProgress("fwctl: " + line); })
+{
+    permission_.closeEnd(0);
+}
+
+void Supervisor::sayAboveProgress(const std::string& line)
+{
+    line_.clear();
+    std::fprintf(stderr, "%s\n", common::visible(line).c_str());
+}
+
+void Supervisor::take(const Json::Value& part)
+{
+    if (part.isMember("say")) {
+        sayAboveProgress(part["say"].asString());
+    } else if (part.isMember("progress")) {
+        line_.show(part["progress"][0].asString(), part["progress"][1].asUInt());
+    } else if (part.isMember(kTurnWanted)) {
+        isTurnWanted_ = true;
+        tryToGiveTurn();
+    } else {
+        for (const std::string& name : part.getMemberNames()) {
+            told_[name] = part[name];
+        }
+    }
+}
+
+void Supervisor::tryToGiveTurn()
+{
+    if (!isTurnWanted_) {
+        return;
+    }
+    if (!turn_.tryToTake(child_.process())) {
+        wait_.tell();
+        return;
+    }
+    isTurnWanted_ = false;
+    const char byte = 1;
+    const ssize_t written = write(permission_.writing(), &byte, 1);
+    static_cast<void>(written); // a child that has ended is noticed anyway, and the turn given back
+}
+
+void Supervisor::completeOutcomes(const std::string& failure)
+{
+    for (Json::Value& outcome : told_["outcomes"]) {
+        if (outcome["result"] == "started") {
+            outcome["result"] = "failed";
+            outcome["reason"] = failure;
+        }
+    }
+}
+
+Json::Value Supervisor::run()
+{
+    const std::string failure =
+        child_.wait([this](const Json::Value& part) { take(part); }, [this] { tryToGiveTurn(); });
+    turn_.settle();
+    line_.finish();
+    if (child_.leftBehind() > 0) {
+        complain(leftBehindText(child_.leftBehind()));
+    }
+    if (told_.isMember(kRefused)) {
+        throw common::CommandError(told_[kRefused]["status"].asInt(), told_[kRefused]["text"].asString());
+    }
+    if (!failure.empty()) {
+        told_["failure"] = failure;
+        told_["culprit"] = child_.culprit();
+        completeOutcomes(failure);
+    }
+    return told_;
+}
+} // namespace
+
+void UpdateLink::tellProgress(const std::string& module, unsigned int percent)
+{
+    Json::Value progress(Json::arrayValue);
+    progress.append(module);
+    progress.append(percent);
+    telling_.put("progress", progress);
+}
+
+void UpdateLink::takeTurn()
+{
+    telling_.put(kTurnWanted, true);
+    char byte = 0;
+    ssize_t count = 0;
+    do {
+        count = read(permission_, &byte, 1);
+    } while (count < 0 && errno == EINTR);
+    if (count == 1) {
+        return;
+    }
+    turn_.settle(); // the parent may have taken it, and been killed before it could say so
+    _exit(1);
+}
+
+Json::Value runUpdate(const std::function<void(UpdateLink&)>& work)
+{
+    return Supervisor(work).run();
+}
+
+} // namespace fwctl
