@@ -21,30 +21,35 @@ struct Run {
     GSubprocess* process = nullptr;
     std::function<void(const std::optional<std::string>&)> done;
     RealTimer limit;
+    std::string output = std::string(kMostOutput + 1, '\0'); // one more shows that it is too much
 
     ~Run() { g_clear_object(&process); }
 };
-
-std::optional<std::string> outputOf(GSubprocess* process, GAsyncResult* result)
-{
-    GBytes* output = nullptr;
-    const gboolean isRead = g_subprocess_communicate_finish(process, result, &output, nullptr, nullptr);
-    std::optional<std::string> text;
-    if (isRead != FALSE && output != nullptr && g_bytes_get_size(output) <= kMostOutput &&
-        g_subprocess_get_successful(process) != FALSE) {
-        gsize size = 0;
-        const auto* const data = static_cast<const char*>(g_bytes_get_data(output, &size));
-        text = data == nullptr ? std::string() : std::string(data, size);
-    }
-    g_clear_pointer(&output, g_bytes_unref);
-    return text;
-}
 
 void onEnd(GObject* process, GAsyncResult* result, gpointer data)
 {
     const std::unique_ptr<Run> run(static_cast<Run*>(data));
     run->limit.stop();
-    guarded("what a program said", [&] { run->done(outputOf(G_SUBPROCESS(process), result)); });
+    const bool hasEnded = g_subprocess_wait_finish(G_SUBPROCESS(process), result, nullptr) != FALSE;
+    std::optional<std::string> said;
+    if (hasEnded && g_subprocess_get_successful(run->process) != FALSE && run->output.size() <= kMostOutput) {
+        said = std::move(run->output);
+    }
+    guarded("what a program said", [&] { run->done(said); });
+}
+
+// It has said all that it will, or more than anybody wants.
+void onOutput(GObject* stream, GAsyncResult* result, gpointer data)
+{
+    auto* const run = static_cast<Run*>(data);
+    gsize size = 0;
+    const bool isRead =
+        g_input_stream_read_all_finish(G_INPUT_STREAM(stream), result, &size, nullptr) != FALSE;
+    run->output.resize(size);
+    if (!isRead || size > kMostOutput) {
+        g_subprocess_force_exit(run->process);
+    }
+    g_subprocess_wait_async(run->process, nullptr, onEnd, run);
 }
 
 gboolean onNotStarted(gpointer data)
@@ -75,7 +80,8 @@ void runProgram(const std::vector<std::string>& command, int64_t limit,
     }
     run->limit.start(limit, [raw = run.get()] { g_subprocess_force_exit(raw->process); });
     Run* const started = run.release();
-    g_subprocess_communicate_async(started->process, nullptr, nullptr, onEnd, started);
+    g_input_stream_read_all_async(g_subprocess_get_stdout_pipe(started->process), started->output.data(),
+                                  started->output.size(), G_PRIORITY_DEFAULT, nullptr, onOutput, started);
 }
 
 std::string besideThisProgram(const std::string& name)

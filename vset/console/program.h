@@ -12,7 +12,7 @@ namespace vset
 
 // Starts `command` and hands over what it wrote to standard output; nothing when it could not be started,
 // failed, wrote more than a megabyte or did not end within `limit` milliseconds of the PC's time, in which
-// case it is killed. Main thread; `done` is called there, never before this returns.
+// two cases it is killed at once. Main thread; `done` is called there, never before this returns.
 void runProgram(const std::vector<std::string>& command, int64_t limit,
                 std::function<void(const std::optional<std::string>&)> done);
 
