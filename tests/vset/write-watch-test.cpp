@@ -45,6 +45,13 @@ protected:
     // calls.
     std::vector<std::string> watch(const std::function<void()>& work, unsigned int last = 0)
     {
+        return watch(work, last, [](vset::WriteWatch& watch, const vset::HardwareWrite& write, std::size_t) {
+            watch.allow(write);
+        });
+    }
+    using Answer = std::function<void(vset::WriteWatch&, const vset::HardwareWrite&, std::size_t)>;
+    std::vector<std::string> watch(const std::function<void()>& work, unsigned int last, const Answer& answer)
+    {
         int sockets[2];
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sockets), 0);
         const pid_t child = fork();
@@ -64,12 +71,14 @@ protected:
             if (!write) {
                 continue;
             }
-            EXPECT_EQ(write->path, chip());
+            if (write->call != "sync") {
+                EXPECT_EQ(write->path, chip());
+            }
             calls.push_back(write->call);
             if (calls.size() == last) {
                 kill(child, SIGKILL);
             } else {
-                watch.allow(*write);
+                answer(watch, *write, calls.size());
             }
         }
         int status = 0;
@@ -112,6 +121,51 @@ TEST_F(WriteWatchTest, SeesRenamingAndRemovingByAnyPath)
         unlink(chip().c_str());
     });
     EXPECT_THAT(calls, ElementsAre("rename", "rename", "renameat", "unlink"));
+}
+
+TEST_F(WriteWatchTest, SeesEveryFlushAndWhatNeedsNone)
+{
+    std::vector<bool> areLasting;
+    const auto calls = watch(
+        [this] {
+            const int file = open(chip().c_str(), O_RDWR | O_CREAT, 0600);
+            (void)!write(file, "a", 1);
+            fsync(file);
+            syncfs(file);
+            sync();
+            const int lasting = open(chip().c_str(), O_RDWR | O_SYNC);
+            (void)!write(lasting, "b", 1);
+        },
+        0,
+        [&](vset::WriteWatch& watch, const vset::HardwareWrite& write, std::size_t) {
+            areLasting.push_back(write.isLasting);
+            watch.allow(write);
+        });
+    EXPECT_THAT(calls, ElementsAre("write", "fsync", "syncfs", "sync", "write"));
+    EXPECT_THAT(areLasting, ElementsAre(false, false, false, false, true));
+}
+
+TEST_F(WriteWatchTest, ARefusedWriteFailsAndASpoiltOneDoesNot)
+{
+    const auto work = [this] {
+        const int file = open(chip().c_str(), O_WRONLY | O_CREAT, 0600);
+        const bool isWritten = write(file, "one", 3) == 3;
+        const bool isRefused = write(file, "two", 3) == -1 && errno == EIO;
+        const bool isSpoilt = write(file, "333", 3) == 3 && pwrite(file, "444", 3, 6) == 3;
+        (void)!write(file, isWritten && isRefused && isSpoilt ? "+" : "-", 1);
+    };
+    watch(work, 0, [](vset::WriteWatch& watch, const vset::HardwareWrite& write, std::size_t number) {
+        if (number == 2) {
+            watch.refuse(write, EIO);
+        } else if (number != 3 && number != 4) {
+            watch.allow(write);
+        } else if (!watch.spoil(write)) {
+            ADD_FAILURE() << "write " << number << " could not be spoilt";
+            watch.allow(write);
+        }
+    });
+    const std::string spoilt = {'3', static_cast<char>(~'3'), '3', '+', static_cast<char>(~'4'), '4'};
+    EXPECT_EQ(chipContent(), "one" + spoilt) << "the last one of all begins where the third has ended";
 }
 
 TEST_F(WriteWatchTest, AKilledProcessHasWrittenWhatCameBefore)

@@ -4,15 +4,18 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <memory>
 #include <seccomp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <system_error>
 #include <unistd.h>
@@ -42,6 +45,7 @@ constexpr Call kCalls[] = {
     {"splice", 2, Size::Argument, 4},  {"copy_file_range", 2, Size::Argument, 4},
     {"ftruncate", 0, Size::None, 0},   {"fallocate", 0, Size::None, 0},
     {"fsync", 0, Size::None, 0},       {"fdatasync", 0, Size::None, 0},
+    {"syncfs", 0, Size::None, 0},      {"sync_file_range", 0, Size::None, 0},
     {"ioctl", 0, Size::None, 0, true},
 };
 
@@ -64,6 +68,12 @@ constexpr PathCall kPathCalls[] = {
     {"symlinkat", 1, 2},
     {"truncate", kWorkingDirectory, 0},
 };
+
+// Calls that flush without naming a file.
+struct Flush {
+    const char* name;
+};
+constexpr Flush kFlushes[] = {{"sync"}, {"msync"}};
 
 // Where programs leave notes, streams and locks: nothing there is hardware.
 constexpr const char* kPassing[] = {
@@ -200,18 +210,47 @@ std::uint64_t bytesOf(const Call& call, const seccomp_notif& notice)
     return 0;
 }
 
+std::string fieldOf(const fs::path& file, const std::string& name)
+{
+    std::ifstream in(file);
+    for (std::string word; in >> word;) {
+        if (word == name + ":") {
+            in >> word;
+            return word;
+        }
+    }
+    return "";
+}
+
+bool isSynchronous(const seccomp_notif& notice, unsigned int argument)
+{
+    const fs::path file = "/proc/" + std::to_string(notice.pid) + "/fdinfo/" +
+                          std::to_string(static_cast<int>(notice.data.args[argument]));
+    const unsigned long flags = std::strtoul(fieldOf(file, "flags").c_str(), nullptr, 8);
+    return (flags & O_DSYNC) != 0; // O_SYNC has it, too
+}
+
 std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
 {
-    HardwareWrite write{notice.id, static_cast<pid_t>(notice.pid), "", "", 0};
+    HardwareWrite write;
+    write.id = notice.id;
+    write.thread = static_cast<pid_t>(notice.pid);
+    std::copy(std::begin(notice.data.args), std::end(notice.data.args), write.arguments.begin());
+    if (const Flush* const flush = findCall(kFlushes, notice)) {
+        write.call = flush->name;
+        return write;
+    }
     if (const Call* const call = findCall(kCalls, notice)) {
         const fs::path link = descriptorLink(notice, call->descriptorArgument);
         std::error_code gone;
         write.call = call->name;
         write.path = fs::read_symlink(link, gone);
         write.bytes = bytesOf(*call, notice);
-        if (call->devicesOnly && !isDevice(link)) {
+        const bool isToDevice = isDevice(link);
+        if (call->devicesOnly && !isToDevice) {
             return std::nullopt;
         }
+        write.isLasting = isToDevice || isSynchronous(notice, call->descriptorArgument);
     } else if (const PathCall* const pathCall = findCall(kPathCalls, notice)) {
         write.call = pathCall->name;
         write.path = pathOf(*pathCall, notice);
@@ -277,6 +316,7 @@ void submitToWatch(int socket)
     }
     addRules(filter.get(), kCalls);
     addRules(filter.get(), kPathCalls);
+    addRules(filter.get(), kFlushes);
     check(seccomp_load(filter.get()),
           "this system does not let a process's writes be watched (seccomp user notification)");
     const int listener = seccomp_notify_fd(filter.get());
@@ -306,6 +346,60 @@ std::optional<HardwareWrite> WriteWatch::next()
     }
     allow(notice.id);
     return std::nullopt;
+}
+
+void WriteWatch::answer(std::uint64_t id, std::int64_t value, int error)
+{
+    seccomp_notif_resp answer{};
+    answer.id = id;
+    answer.val = value;
+    answer.error = -error;
+    if (ioctl(listener_, SECCOMP_IOCTL_NOTIF_SEND, &answer) != 0 && errno != ENOENT) {
+        fail("cannot answer a write");
+    }
+}
+
+void WriteWatch::refuse(const HardwareWrite& write, int error)
+{
+    answer(write.id, 0, error);
+}
+
+namespace
+{
+// The same open file, with the same position; -1 when the system does not let us have it.
+int copyOfDescriptor(pid_t thread, int descriptor)
+{
+    const std::string process = fieldOf("/proc/" + std::to_string(thread) + "/status", "Tgid");
+    const int handle =
+        static_cast<int>(syscall(SYS_pidfd_open, std::strtol(process.c_str(), nullptr, 10), 0));
+    const int copy = handle < 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_getfd, handle, descriptor, 0));
+    close(handle);
+    return copy;
+}
+} // namespace
+
+bool WriteWatch::spoil(const HardwareWrite& write)
+{
+    const bool hasPosition = write.call == "pwrite64";
+    std::vector<char> data(write.bytes);
+    const iovec here{data.data(), data.size()};
+    const iovec there{reinterpret_cast<void*>(write.arguments[1]), data.size()}; // of that process
+    if ((!hasPosition && write.call != "write") || data.empty() ||
+        process_vm_readv(write.thread, &here, 1, &there, 1, 0) != static_cast<ssize_t>(data.size())) {
+        return false;
+    }
+    const int file = copyOfDescriptor(write.thread, static_cast<int>(write.arguments[0]));
+    if (file < 0) {
+        return false;
+    }
+    data[data.size() / 2] = static_cast<char>(~data[data.size() / 2]);
+    const ssize_t written =
+        hasPosition ? pwrite(file, data.data(), data.size(), static_cast<off_t>(write.arguments[3]))
+                    : ::write(file, data.data(), data.size());
+    const int error = written < 0 ? errno : 0;
+    close(file);
+    answer(write.id, error == 0 ? written : 0, error);
+    return true;
 }
 
 void WriteWatch::allow(std::uint64_t id)

@@ -6,12 +6,14 @@
 //
 // "Hardware" is what outlives a power cut: device nodes and files, but for those where programs leave notes
 // (/tmp, /run, /proc, /dev/shm, /var/log, the packages). A flush counts as a write, because it orders those
-// around it, and so do renaming, linking and removing. Not seen: stores into mapped memory.
+// around it (sync and msync name no file, and have no path), and so do renaming, linking and removing. Not
+// seen: stores into mapped memory.
 //
 // Linux 5.5 or later. A process can be watched once. Errors are std::system_error.
 #ifndef VSET_WRITE_WATCH_WRITE_WATCH_H
 #define VSET_WRITE_WATCH_WRITE_WATCH_H
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -26,6 +28,8 @@ struct HardwareWrite {
     std::string call;        // "pwrite64"
     std::string path;        // as the watched process sees it
     std::uint64_t bytes = 0; // asked for; 0 for a call that writes none, such as a flush
+    bool isLasting = false;  // needs no flush: to a device, or a file that was opened for synchronous writing
+    std::array<std::uint64_t, 6> arguments{}; // the call's
 };
 
 // In the process that is to be watched, before it starts threads: puts the filter in place and hands the
@@ -52,8 +56,16 @@ public:
     // Lets the call happen. Not to be called is to leave it waiting.
     void allow(const HardwareWrite& write) { allow(write.id); }
 
+    // Lets it fail with an errno instead.
+    void refuse(const HardwareWrite& write, int error);
+
+    // Makes the write as worn-out hardware does: with success, but one byte in its middle is another one.
+    // False when it is none that this can be done to; it still waits then.
+    bool spoil(const HardwareWrite& write);
+
 private:
     void allow(std::uint64_t id);
+    void answer(std::uint64_t id, std::int64_t value, int error);
 
     int listener_;
 };
