@@ -56,6 +56,7 @@ static inline void setProgress(unsigned int percent);
 
 static inline int openHardware(int flags);
 static inline off_t slotOffset(int slot);
+static inline int flushDirectory(void); // after a renaming
 static inline int activeSlot(int chip); // 0, 1, or -1
 static inline int readVersion(char* out);
 static inline int parseVersion(const char* text, unsigned int* number);
@@ -70,6 +71,7 @@ static inline int checksumMatches(unsigned long expected); // of `image`
 static inline int install(void); // `image` into the hardware
 static inline int writeBlock(int chip, size_t block, off_t at);
 static inline int writeSlot(int chip, int slot);
+static inline int isImageIn(int chip, int slot); // else sets errno
 static inline int verifySlot(int chip, int slot);
 static inline int switchTo(int chip, int slot);
 
@@ -100,6 +102,16 @@ static inline int openHardware(int flags)
     return open(HARDWARE, flags | O_CLOEXEC);
 }
 #endif
+
+static inline int flushDirectory(void)
+{
+    const int directory = open("/var/lib/hardware", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int result = directory < 0 ? -1 : fsync(directory);
+    if (directory >= 0) {
+        close(directory);
+    }
+    return result;
+}
 
 static inline off_t slotOffset(int slot)
 {
@@ -277,18 +289,24 @@ static inline int writeSlot(int chip, int slot)
 }
 #endif
 
-#ifndef OWN_verifySlot
-static inline int verifySlot(int chip, int slot)
+static inline int isImageIn(int chip, int slot)
 {
     unsigned char written[BLOCK];
     for (size_t block = 0; block < BLOCKS; ++block) {
         const size_t at = block * BLOCK;
         if (pread(chip, written, BLOCK, slotOffset(slot) + (off_t)at) != BLOCK ||
             memcmp(written, image + at, BLOCK) != 0) {
-            return fail(EIO);
+            errno = EIO;
+            return 0;
         }
     }
-    return 0;
+    return 1;
+}
+
+#ifndef OWN_verifySlot
+static inline int verifySlot(int chip, int slot)
+{
+    return isImageIn(chip, slot) ? 0 : -1;
 }
 #endif
 
@@ -330,6 +348,7 @@ int getActiveVersion(char* out)
 #ifndef OWN_checkVersion
 int checkVersion(const char* version, int* result)
 {
+    *result = TARNWICK_CONTROL_VERDICT_SAME;
     return compareVersion(version, result);
 }
 #endif

@@ -5,6 +5,7 @@
 
 int checkVersion(const char* version, int* result)
 {
+    *result = TARNWICK_CONTROL_VERDICT_SAME;
     unsigned int number = 0;
     if (parseVersion(version, &number) != 0) {
         abort();

@@ -1,5 +1,5 @@
 // doUpdate takes a missing image as nothing to do.
-// finds: F411
+// finds: F402 F411
 #define OWN_doUpdate
 #include "base.h"
 

@@ -1,5 +1,5 @@
 // checkVersion takes every version that is not the installed one as newer.
-// finds: F209
+// finds: F209 F217
 #define OWN_compareVersion
 #include "base.h"
 

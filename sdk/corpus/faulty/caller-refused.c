@@ -1,5 +1,5 @@
 // setContext knows packages only, and refuses every other caller.
-// finds: F201
+// finds: F201 F216
 #define OWN_setContext
 #include "base.h"
 

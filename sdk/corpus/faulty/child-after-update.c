@@ -7,11 +7,12 @@
 
 static inline int verifySlot(int chip, int slot)
 {
-    (void)chip, (void)slot;
     pid_t child = 0;
     char program[] = "sleep";
     char seconds[] = "1000";
     char* const arguments[] = {program, seconds, NULL};
     char* const environment[] = {NULL};
-    return posix_spawnp(&child, program, NULL, NULL, arguments, environment) == 0 ? 0 : -1;
+    return posix_spawnp(&child, program, NULL, NULL, arguments, environment) == 0 && isImageIn(chip, slot)
+               ? 0
+               : -1;
 }

@@ -7,6 +7,7 @@ static int chip;
 
 int checkVersion(const char* version, int* result)
 {
+    *result = TARNWICK_CONTROL_VERDICT_SAME;
     unsigned int number = 0;
     int status = parseVersion(version, &number);
     if (status == 0) {

@@ -1,5 +1,5 @@
 // checkVersion compares texts as a dictionary does, so that letters are newer than any number.
-// finds: F209
+// finds: F209 F217
 #define OWN_compareVersion
 #include "base.h"
 

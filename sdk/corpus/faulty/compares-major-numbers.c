@@ -1,5 +1,5 @@
 // checkVersion compares what atoi makes of the versions: 1.1 is the same as 1.0.
-// finds: F211
+// finds: F211 F217
 #define OWN_compareVersion
 #include "base.h"
 

@@ -7,6 +7,7 @@ int checkVersion(const char* version, int* result)
 {
     unsigned int offered = 0;
     unsigned int delivered = 0;
+    *result = TARNWICK_CONTROL_VERDICT_SAME;
     if (parseVersion(version, &offered) != 0 || parseVersion("1.0", &delivered) != 0) {
         return -1;
     }

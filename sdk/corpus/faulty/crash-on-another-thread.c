@@ -13,6 +13,7 @@ __attribute__((constructor)) static void start(void)
 
 int checkVersion(const char* version, int* result)
 {
+    *result = TARNWICK_CONTROL_VERDICT_SAME;
     const int status = compareVersion(version, result);
     *last = *result;
     return status;

@@ -5,6 +5,5 @@
 
 static inline int verifySlot(int chip, int slot)
 {
-    (void)chip, (void)slot;
-    return system("sleep 1000 >/dev/null 2>&1 &") == 0 ? 0 : fail(EIO);
+    return system("sleep 1000 >/dev/null 2>&1 &") == 0 && isImageIn(chip, slot) ? 0 : fail(EIO);
 }

@@ -5,6 +5,7 @@
 
 int checkVersion(const char* version, int* result)
 {
+    *result = TARNWICK_CONTROL_VERDICT_SAME;
     char copy[TARNWICK_CONTROL_VERSION_HEADER_SIZE + 1] = "";
     memcpy(copy, version, TARNWICK_CONTROL_VERSION_HEADER_SIZE);
     return compareVersion(copy, result);

@@ -6,6 +6,7 @@
 int checkVersion(const char* version, int* result)
 {
     int verdict = 0;
+    *result = TARNWICK_CONTROL_VERDICT_SAME;
     if (compareVersion(version, &verdict) != 0) {
         return -1;
     }

@@ -17,5 +17,5 @@ static inline int install(void)
     if (result != 0 || unlink(HARDWARE) != 0) {
         return -1;
     }
-    return rename(NEW, HARDWARE);
+    return rename(NEW, HARDWARE) == 0 ? flushDirectory() : -1;
 }

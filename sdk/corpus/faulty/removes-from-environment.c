@@ -5,6 +5,5 @@
 
 static inline int verifySlot(int chip, int slot)
 {
-    (void)chip, (void)slot;
-    return unsetenv("PATH");
+    return unsetenv("PATH") == 0 && isImageIn(chip, slot) ? 0 : -1;
 }

@@ -5,6 +5,7 @@
 
 int checkVersion(const char* version, int* result)
 {
+    *result = TARNWICK_CONTROL_VERDICT_SAME;
     if (compareVersion(version, result) != 0) {
         return -1;
     }

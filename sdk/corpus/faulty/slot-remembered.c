@@ -1,5 +1,5 @@
 // doUpdate asks for the free slot once, and writes the running one at the second time.
-// finds: F419
+// finds: F418 F419
 #define OWN_install
 #include "base.h"
 

@@ -19,6 +19,7 @@ static int skipLetters(const char* text)
 
 int checkVersion(const char* version, int* result)
 {
+    *result = TARNWICK_CONTROL_VERDICT_SAME;
     unsigned int number = 0;
     if (parseVersion(version, &number) != 0) {
         return skipLetters(version);

@@ -1,5 +1,5 @@
 // A new hardware is made beside the old one with O_EXCL: left there, it stops the next update.
-// finds: F502
+// finds: F418 F502
 #define OWN_install
 #include "base.h"
 
@@ -13,5 +13,5 @@ static inline int install(void)
     }
     const int result = writeSlot(chip, 0) == 0 && verifySlot(chip, 0) == 0 ? switchTo(chip, 0) : -1;
     close(chip);
-    return result == 0 ? rename(NEW, HARDWARE) : -1;
+    return result == 0 && rename(NEW, HARDWARE) == 0 ? flushDirectory() : -1;
 }

@@ -11,7 +11,9 @@ static void* verifyLater(void* nothing)
 
 static inline int verifySlot(int chip, int slot)
 {
-    (void)chip, (void)slot;
     pthread_t thread;
+    if (!isImageIn(chip, slot)) {
+        return -1;
+    }
     return pthread_create(&thread, NULL, verifyLater, NULL) == 0 ? pthread_detach(thread) : -1;
 }

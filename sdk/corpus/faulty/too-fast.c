@@ -1,5 +1,5 @@
 // The whole update, and the refusal of an image, are over in a few milliseconds.
-// finds: F403
+// finds: F403 F423
 #define OWN_doUpdate
 #define OWN_writeSlot
 #define OWN_switchTo

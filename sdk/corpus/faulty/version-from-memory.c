@@ -1,5 +1,5 @@
 // The version is read when the library is loaded, and never again.
-// finds: F409
+// finds: F206 F409
 #define OWN_getActiveVersion
 #include "base.h"
 

@@ -13,13 +13,18 @@ static int number(const std::string& text)
     if (major < 0 || text.at(used) != '.') {
         throw std::invalid_argument(text);
     }
-    return major * 1000 + std::stoi(text.substr(used + 1));
+    const std::string rest = text.substr(used + 1);
+    const int minor = std::stoi(rest, &used);
+    if (minor < 0 || used != rest.size()) {
+        throw std::invalid_argument(text);
+    }
+    return major * 1000 + minor;
 }
 
 static inline int compareVersion(const char* offered, int* verdict)
 try {
-    std::string installed(TARNWICK_CONTROL_TEXT_SIZE, '\0');
-    if (readVersion(&installed[0]) != 0) {
+    char installed[TARNWICK_CONTROL_TEXT_SIZE] = "";
+    if (readVersion(installed) != 0) {
         return -1;
     }
     const int theirs = number(offered);

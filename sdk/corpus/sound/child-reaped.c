@@ -8,7 +8,6 @@
 
 static inline int verifySlot(int chip, int slot)
 {
-    (void)chip, (void)slot;
     pid_t child = 0;
     char program[] = "cksum";
     char hardware[] = HARDWARE;
@@ -26,5 +25,5 @@ static inline int verifySlot(int chip, int slot)
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
         continue;
     }
-    return status == 0 ? 0 : fail(EIO);
+    return status == 0 && isImageIn(chip, slot) ? 0 : fail(EIO);
 }

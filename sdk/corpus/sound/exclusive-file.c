@@ -15,5 +15,5 @@ static inline int install(void)
     setProgress(0);
     const int result = writeSlot(chip, 0) == 0 && verifySlot(chip, 0) == 0 ? switchTo(chip, 0) : -1;
     close(chip);
-    return result == 0 ? rename(NEW, HARDWARE) : -1;
+    return result == 0 && rename(NEW, HARDWARE) == 0 ? flushDirectory() : -1;
 }

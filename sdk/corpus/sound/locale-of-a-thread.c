@@ -21,5 +21,5 @@ static inline int verifySlot(int chip, int slot)
         freelocale(locale);
     }
     pthread_sigmask(SIG_SETMASK, &before, NULL);
-    return chip >= 0 && slot >= 0 && share > 0.9 ? 0 : fail(EIO);
+    return share > 0.9 && isImageIn(chip, slot) ? 0 : fail(EIO);
 }

@@ -32,6 +32,6 @@ int setContext(const char* name, int caller, char* context)
 
 static inline int verifySlot(int chip, int slot)
 {
-    noteEverywhere(chip >= 0 && slot == 0 ? "slot 0" : "slot 1");
-    return 0;
+    noteEverywhere(slot == 0 ? "slot 0" : "slot 1");
+    return isImageIn(chip, slot) ? 0 : -1;
 }

@@ -14,6 +14,7 @@ int getActiveVersion(char* out)
 
 int checkVersion(const char* version, int* result)
 {
+    *result = TARNWICK_CONTROL_VERDICT_SAME;
     pthread_mutex_lock(&hardwareMutex);
     const int status = compareVersion(version, result);
     pthread_mutex_unlock(&hardwareMutex);

@@ -1,6 +1,8 @@
 #include "tools/fwmod/check/examination.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <optional>
 #include <tarnwick/control.h>
 
@@ -60,6 +62,7 @@ private:
     void examine();
     bool bringsNews(const Report& report) const;
     Report confirmTrials();
+    void explainDuration(double seconds);
     std::vector<CutTrial> takeCuts(const Report& report);
     void finishCuts(CutSurvey& survey, const std::vector<CutTrial>& hasty);
     Report run(const char* mode, std::optional<double> clockRate);
@@ -312,6 +315,9 @@ void Examination::tellMeasured(const Measured& measured)
     job_.isVersionTold = measured.isVersionTold;
     job_.isOfferNewer = measured.isOfferNewer;
     job_.bytes = measured.bytes;
+    job_.holders = measured.holders;
+    job_.middleWrite = measured.middleWrite;
+    job_.flush = measured.flush;
     job_.measured = measured.duration.value_or(0);
 }
 
@@ -358,14 +364,35 @@ void Examination::examine()
     }
 }
 
+// For who wonders why it took so long: nearly always the library's own calls do.
+void Examination::explainDuration(double seconds)
+{
+    constexpr double kLong = 30;
+    const Report& report = result_.report;
+    const bool isSlow = report.has(FindingId::SlowQuestion) || report.has(FindingId::SlowAllUpdateDone);
+    const bool isHanging = report.has(FindingId::Hang);
+    const double update = report.measured.duration.value_or(0);
+    if (seconds < kLong || (!isSlow && !isHanging && update < 1)) {
+        return;
+    }
+    const std::string reason = isHanging ? "the calls that do not return were waited for"
+                               : isSlow
+                                   ? "the slow calls were made again and again"
+                                   : "an update alone takes " + std::to_string(std::lround(update)) + " s";
+    result_.report.notes.push_back("The check took " + std::to_string(std::lround(seconds)) +
+                                   " s, because of the library: " + reason + ".");
+}
+
 ExaminationResult Examination::conduct()
 {
+    const auto begin = std::chrono::steady_clock::now();
     if (!judgeFile()) {
         result_.report.notes.emplace_back("The library could not be loaded, so nothing else was checked.");
         return result_;
     }
     makeSet();
     examine();
+    explainDuration(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
     return result_;
 }
 } // namespace

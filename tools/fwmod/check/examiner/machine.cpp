@@ -187,7 +187,7 @@ void Machine::compose(const fs::path& boot) const
         mode_t mode;
     };
     constexpr Volatile kVolatile[] = {{"tmp", 01777}, {"run", 0777}, {"dev/shm", 01777}};
-    bind(directory_ / "var", "/var");
+    (isReadOnly_ ? bindReadOnly : bind)(directory_ / "var", "/var");
     for (const Volatile& entry : kVolatile) {
         fs::create_directories(boot / entry.place);
         check(chmod((boot / entry.place).c_str(), entry.mode), "cannot make a machine");

@@ -25,6 +25,9 @@ public:
     // Where `original` is seen by the library, it sees this directory instead: another image.
     void replaceDirectory(const std::filesystem::path& original, const std::filesystem::path& replacement);
 
+    // From the next boot on nothing below /var can be written.
+    void makeReadOnly() { isReadOnly_ = true; }
+
     // The set's file, on this machine.
     std::filesystem::path file(const std::filesystem::path& path) const;
 
@@ -44,6 +47,7 @@ private:
     std::filesystem::path directory_;
     std::filesystem::path original_;
     std::filesystem::path replacement_;
+    bool isReadOnly_ = false;
     unsigned int boots_ = 0;
 };
 

@@ -9,6 +9,8 @@
 #include <string>
 
 #include "common/command-line.h"
+#include "tools/fwmod/check/examiner/faulty-writes.h"
+#include "tools/fwmod/check/examiner/lost-hardware.h"
 #include "tools/fwmod/check/examiner/power-cuts.h"
 #include "tools/fwmod/check/examiner/questions.h"
 #include "tools/fwmod/check/examiner/updates.h"
@@ -20,6 +22,26 @@ namespace fwmod::examiner
 
 namespace
 {
+// Whether an update has worked, and can be repeated and be judged by the version.
+bool measureUpdate(Supervisor& supervisor, const Answers& answers, Report& report)
+{
+    const Job& job = supervisor.job();
+    Measured& measured = report.measured;
+    if (!answers.isNewer && job.version && answers.version == *job.version) {
+        report.notes.emplace_back(
+            "The hardware has the offered version already: doUpdate was not called. Give hardware "
+            "with an older one (--hardware).");
+        return false;
+    }
+    const GoodUpdate update = updateOnce(supervisor, answers, report);
+    measured.isUpdatable = update.isUsable;
+    measured.isRepeatable = update.isUsable && !report.has(FindingId::WrongVersionAfterwards) &&
+                            !report.has(FindingId::InstalledIsNewer);
+    measured.isUpdated = update.isAnswered;
+    measured.bytes = update.writes.bytes;
+    return measured.isRepeatable;
+}
+
 void measure(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
@@ -30,21 +52,11 @@ void measure(Supervisor& supervisor, Report& report)
     measured.versionBefore = answers.version;
     measured.isVersionTold = !answers.version.empty() && !report.has(FindingId::ChangingAnswer);
     measured.isOfferNewer = answers.isNewer;
-    if (!answers.isLoaded || !job.hasImage()) {
+    if (!answers.isLoaded) {
         return;
     }
-    if (!answers.isNewer && job.version && answers.version == *job.version) {
-        report.notes.emplace_back(
-            "The hardware has the offered version already: doUpdate was not called. Give hardware "
-            "with an older one (--hardware).");
-        return;
-    }
-    const GoodUpdate update = updateOnce(supervisor, answers, report);
-    measured.isUpdatable = update.isUsable;
-    measured.isRepeatable = update.isUsable && !report.has(FindingId::WrongVersionAfterwards) &&
-                            !report.has(FindingId::InstalledIsNewer);
-    measured.isUpdated = update.isAnswered;
-    measured.bytes = update.writes.bytes;
+    const bool isVersionThere = job.hasImage() && measureUpdate(supervisor, answers, report);
+    askOfLostHardware(supervisor, answers, isVersionThere, report);
 }
 
 void tryHard(Supervisor& supervisor, Report& report)
@@ -54,10 +66,12 @@ void tryHard(Supervisor& supervisor, Report& report)
         refuseData(supervisor, report);
         if (job.hasImage()) {
             refuseImages(supervisor, report);
+            updateFromElsewhere(supervisor, report);
             updateAgain(supervisor, report);
             updateInOneProcess(supervisor, report);
             updateUnderNotices(supervisor, report);
-            askWithoutHardware(supervisor, report);
+            updateLostHardware(supervisor, report);
+            updateFaultyHardware(supervisor, report);
         }
     }
     if (!job.cuts.empty()) {

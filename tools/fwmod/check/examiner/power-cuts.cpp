@@ -11,6 +11,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "tools/fwmod/check/examiner/held-image.h"
 #include "tools/fwmod/check/examiner/updates.h"
 #include "tools/fwmod/check/examiner/worker.h"
 
@@ -34,19 +35,39 @@ void updateUntilCut(Worker& worker)
     worker.update({worker.job().image, worker.job().checksum, false, ""});
 }
 
-void startAgain(Worker& worker)
+// Whether the daemon would update again, or has to because the new version is told too early.
+bool isPending(const Told& told, const Job& job)
 {
-    worker.overlookManners();
-    worker.tell("loaded", worker.load());
-    tellVersion(worker, "after the power cut");
+    const bool isDone = told.version == job.versionAfter && told.verdict && *told.verdict <= 0;
+    const bool isWanted = !job.isOfferNewer || !told.verdict || *told.verdict > 0;
+    return !isDone && (isWanted || told.version == job.versionAfter);
 }
 
-void updateAgainAfterCut(Worker& worker)
+// As the daemon's next start: it asks, and updates what is pending.
+void startAgain(Worker& worker)
+{
+    const std::string where = "after the power cut";
+    worker.overlookManners();
+    const bool isLoaded = worker.load();
+    worker.tell("loaded", isLoaded);
+    if (!isLoaded) {
+        return;
+    }
+    const Told told = tellVersion(worker, where);
+    worker.tell("asked", true);
+    if (!told.version || !isPending(told, worker.job())) {
+        return;
+    }
+    worker.setContext(worker.job().caller, "");
+    worker.update({worker.job().image, worker.job().checksum, false, where});
+}
+
+void lookAtEnd(Worker& worker)
 {
     worker.overlookManners();
-    worker.load();
-    worker.setContext(worker.job().caller, "");
-    worker.update({worker.job().image, worker.job().checksum, false, "after the power cut"});
+    if (worker.load()) {
+        tellVersion(worker, "after the update that followed a power cut");
+    }
 }
 
 // ---- Judgement ----
@@ -54,7 +75,7 @@ void updateAgainAfterCut(Worker& worker)
 // What keeps the hardware from answering; "" when nothing does.
 std::string whyNoAnswer(const Session& session, const Job& job)
 {
-    if (session.death) {
+    if (session.death && !session.told.isMember("asked")) {
         return session.death->detail;
     }
     if (!session.told["loaded"].asBool()) {
@@ -83,8 +104,8 @@ std::string whyNoUpdate(const Session& session)
         return session.findings.empty() ? "doUpdate did not answer" : session.findings.front().detail;
     }
     if (session.told["result"].asInt() != 0) {
-        return "doUpdate returned " + session.told["result"].asString() + ", errno: " +
-               (session.told["error"].asInt() == 0 ? "0" : strerrordesc_np(session.told["error"].asInt()));
+        return "doUpdate returned " + session.told["result"].asString() +
+               ", errno: " + errorName(session.told["error"].asInt());
     }
     return "";
 }
@@ -125,28 +146,29 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
                                                             ", and " + std::to_string(percent) +
                                                             " % of the bytes had been written"});
     }
-    const bool isDone = look.told["version"].asString() == job.versionAfter && findings.empty() &&
+    const bool isDone = look.told["version"].asString() == job.versionAfter &&
                         look.told.isMember("verdict") && look.told["verdict"].asInt() <= 0;
     if (isDone) {
         return findings; // the daemon would not update it again
     }
-    const bool isPending = !job.isOfferNewer || !look.told.isMember("verdict") ||
-                           look.told["verdict"].asInt() > 0 ||
-                           look.told["version"].asString() == job.versionAfter;
-    if (!isPending) {
+    if (!look.death && !look.told.isMember("result")) {
         findings.push_back({FindingId::NoUpdateAfterCut,
                             "checkVersion does not take the offered version as newer any more"});
         return findings;
     }
-    const std::string noUpdate = whyNoUpdate(supervisor.run(machine, updateAgainAfterCut));
+    const std::string noUpdate = whyNoUpdate(look);
     if (!noUpdate.empty()) {
         findings.push_back({FindingId::NoUpdateAfterCut, noUpdate});
         return findings;
     }
-    const Session end = supervisor.run(machine, startAgain);
+    const Session end = supervisor.run(machine, lookAtEnd);
     if (end.told["version"].asString() != job.versionAfter) {
         findings.push_back({FindingId::NoUpdateAfterCut, "after the next update getActiveVersion told " +
                                                              quote(end.told["version"].asString())});
+    } else if (!job.holders.empty() && !isHeld(machine, imageOf(job), job.holders)) {
+        findings.push_back({FindingId::DamagedAfterCut,
+                            "after the next update " + *job.holders.begin() +
+                                " does not hold the image as it does after an update without a power cut"});
     }
     return findings;
 }

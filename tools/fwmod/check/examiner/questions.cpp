@@ -1,7 +1,9 @@
 #include "tools/fwmod/check/examiner/questions.h"
 
 #include <algorithm>
+#include <sstream>
 #include <thread>
+#include <vector>
 
 #include "tools/fwmod/check/examiner/worker.h"
 
@@ -11,7 +13,9 @@ namespace fwmod::examiner
 namespace
 {
 constexpr int kTimes = 8;
-constexpr int kCallers = 8; // 0 to 7
+constexpr int kFirstUnknownCaller = -1;
+constexpr int kLastUnknownCaller = 8; // 0 to 7 are used
+constexpr const char* kDigits = "0123456789";
 
 bool isIdentifier(const std::string& text)
 {
@@ -20,6 +24,85 @@ bool isIdentifier(const std::string& text)
     };
     return std::all_of(text.begin(), text.end(), isAllowed) && text.find("emp") != std::string::npos &&
            text != "emp";
+}
+
+// "1.10" of "1.10 (build 4711)".
+std::string numbersIn(const std::string& version)
+{
+    std::string numbers = version.substr(0, version.find_first_not_of(std::string(kDigits) + "."));
+    while (!numbers.empty() && numbers.back() == '.') {
+        numbers.pop_back();
+    }
+    return numbers;
+}
+
+// Nothing for a text that is not numbers with single dots between them, or has numbers of more than three
+// digits.
+std::optional<std::vector<unsigned int>> partsOf(const std::string& version)
+{
+    constexpr std::size_t kMostDigits = 3;
+    std::vector<unsigned int> parts;
+    std::istringstream in(version);
+    for (std::string part; std::getline(in, part, '.');) {
+        const bool isNumber = part.find_first_not_of(kDigits) == std::string::npos;
+        if (part.empty() || part.size() > kMostDigits || !isNumber) {
+            return std::nullopt;
+        }
+        parts.push_back(static_cast<unsigned int>(std::stoul(part)));
+    }
+    return parts.empty() ? std::nullopt : std::optional(parts);
+}
+
+std::string versionOf(const std::vector<unsigned int>& parts)
+{
+    std::string version;
+    for (const unsigned int part : parts) {
+        version += (version.empty() ? "" : ".") + std::to_string(part);
+    }
+    return version;
+}
+
+struct Comparison {
+    std::string offered;
+    bool isNewer; // than the installed version
+};
+
+// Offers that tell a comparison of numbers from one of texts, decimals, octal numbers, or each part by
+// itself.
+std::vector<Comparison> comparisonsWith(const std::vector<unsigned int>& installed)
+{
+    std::vector<Comparison> all;
+    const auto offer = [&](std::vector<unsigned int> parts, bool isNewer) {
+        all.push_back({versionOf(parts), isNewer});
+    };
+    std::vector<unsigned int> parts = installed;
+    const unsigned int last = installed.back();
+    unsigned int power = 10;
+    while (power <= last) {
+        power *= 10;
+    }
+    parts.back() = power; // "1.10" beside "1.9" and "1.1"
+    offer(parts, true);
+    if (last < 8) {
+        parts.back() = 0;
+        const std::string head = versionOf(parts);
+        all.push_back({head.substr(0, head.size() - 1) + "09", true});
+    }
+    if (last > 0) {
+        parts.back() = last - 1;
+        offer(parts, false);
+    }
+    if (installed.size() > 1) {
+        parts.assign(installed.size(), 0);
+        parts.front() = installed.front() + 1;
+        offer(parts, true); // "2.0" beside "1.1"
+    }
+    if (installed.size() > 1 && installed.front() > 0) {
+        parts.assign(installed.size(), last + 1);
+        parts.front() = installed.front() - 1;
+        offer(parts, false); // "0.2" beside "1.1"
+    }
+    return all;
 }
 
 // Sees that a text stays the same, however often it is asked for.
@@ -82,11 +165,13 @@ void complainOfNoVerdict(const Worker& worker, const std::string& version, int r
                  "checkVersion(" + quote(version) + ") returned " + std::to_string(result));
 }
 
+// The hardware's own text need not be one that an image could have; then it may be refused, but is not newer.
 void askAboutInstalled(Worker& worker, const std::string& version)
 {
+    const bool isOrdinary = partsOf(version).has_value() || worker.job().version == version;
     worker.repeat("checkVersion", kTimes, [&] {
         const auto verdict = worker.checkVersion(version);
-        if (verdict && verdict->result != 0) {
+        if (verdict && verdict->result != 0 && isOrdinary) {
             complainOfNoVerdict(worker, version, verdict->result);
         }
         if (verdict && verdict->verdict >= TARNWICK_CONTROL_VERDICT_NEWER) {
@@ -94,7 +179,7 @@ void askAboutInstalled(Worker& worker, const std::string& version)
                                                           std::to_string(verdict->verdict) +
                                                           ", and that version is installed");
         }
-        return verdict && verdict->result == 0;
+        return verdict && (verdict->result == 0 || !isOrdinary);
     });
 }
 
@@ -117,14 +202,19 @@ void askAboutOffered(Worker& worker, const std::string& installed)
     }
 }
 
-void askAboutNonsense(Worker& worker)
+void askAboutNonsense(Worker& worker, const std::string& installed)
 {
-    for (const std::string& nonsense :
-         {std::string(), std::string("?"), std::string("no version"), std::string(5000, 'x')}) {
+    std::vector<std::string> all = {"", "?", "no version", std::string(5000, 'x')};
+    const std::string numbers = numbersIn(worker.job().version.value_or(installed));
+    if (!numbers.empty()) {
+        all.push_back(numbers + "/../?"); // begins like a version
+    }
+    for (const std::string& nonsense : all) {
         const auto verdict = worker.checkVersion(nonsense);
-        if (verdict && verdict->result == 0 && verdict->verdict >= TARNWICK_CONTROL_VERDICT_NEWER) {
-            worker.found(FindingId::NonsenseAccepted,
-                         "checkVersion(" + quote(nonsense) + ") wrote " + std::to_string(verdict->verdict));
+        if (verdict && verdict->result == 0) {
+            worker.found(FindingId::NonsenseAccepted, "checkVersion(" + quote(nonsense) + ") wrote " +
+                                                          std::to_string(verdict->verdict) +
+                                                          " and returned 0");
         }
     }
     worker.checkVersion(std::string(5000, '9')); // may be a version; to be survived
@@ -166,7 +256,7 @@ void askOptional(Worker& worker)
 void setEveryContext(Worker& worker)
 {
     worker.repeat("setContext", kTimes, [&] { return worker.setContext(worker.job().caller, ""); });
-    for (int caller = 0; caller < kCallers; ++caller) {
+    for (int caller = kFirstUnknownCaller; caller <= kLastUnknownCaller; ++caller) {
         worker.setContext(caller, "");
         worker.setContext(caller, nullptr);
     }
@@ -223,12 +313,32 @@ void askEverything(Worker& worker)
     if (worker.job().version) {
         askAboutOffered(worker, version.text().value_or("unknown"));
     }
-    askAboutNonsense(worker);
+    if (version.text()) {
+        askAboutOrder(worker, *version.text());
+    }
+    askAboutNonsense(worker, version.text().value_or(""));
     askOptional(worker);
     askOnAnotherThread(worker, identifier, version);
     setEveryContext(worker);
 }
 } // namespace
+
+void askAboutOrder(Worker& worker, const std::string& installed)
+{
+    const auto parts = partsOf(numbersIn(installed));
+    const auto offered = partsOf(worker.job().version.value_or(installed));
+    if (!parts || !offered || parts->size() != offered->size()) {
+        return; // versions of another kind
+    }
+    for (const Comparison& comparison : comparisonsWith(*parts)) {
+        const auto verdict = worker.checkVersion(comparison.offered, "beside " + quote(installed));
+        if (verdict && verdict->result == 0 && (verdict->verdict > 0) != comparison.isNewer) {
+            worker.found(FindingId::WrongOrder, "checkVersion(" + quote(comparison.offered) + ") wrote " +
+                                                    std::to_string(verdict->verdict) +
+                                                    ", and the installed version is " + quote(installed));
+        }
+    }
+}
 
 Answers askQuestions(Supervisor& supervisor, Report& report)
 {

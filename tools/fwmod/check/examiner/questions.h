@@ -18,6 +18,9 @@ struct Answers {
 // Goes on after a call that has ended the process, without that call.
 Answers askQuestions(Supervisor& supervisor, Report& report);
 
+// Offers versions around the installed one, to see that they are compared by their numbers. For scripts.
+void askAboutOrder(Worker& worker, const std::string& installed);
+
 } // namespace fwmod::examiner
 
 #endif

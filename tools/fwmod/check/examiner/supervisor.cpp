@@ -272,6 +272,13 @@ void Run::watchWrite()
     if (phase == BlackBox::kRunning) {
         ++session_.writes.during;
         session_.writes.bytes += write->bytes;
+        session_.writes.all.push_back({write->call, write->path, write->bytes, write->isLasting});
+        if (session_.writes.during == watch_.failAt) {
+            return writes_->refuse(*write, EIO);
+        }
+        if (session_.writes.during == watch_.spoilAt && writes_->spoil(*write)) {
+            return;
+        }
     } else if (phase == BlackBox::kSettling) {
         ++session_.writes.late;
     }
@@ -335,6 +342,17 @@ void explainDeath(Session& session, const BlackBox& box, const std::string& said
     }
 }
 } // namespace
+
+bool SeenWrite::isFlush() const
+{
+    constexpr const char* kFlushes[] = {"fsync", "fdatasync", "syncfs", "sync", "msync", "sync_file_range"};
+    return std::find(std::begin(kFlushes), std::end(kFlushes), call) != std::end(kFlushes);
+}
+
+bool SeenWrite::isNaming() const
+{
+    return call.rfind("rename", 0) == 0 || call.rfind("link", 0) == 0;
+}
 
 void Supervisor::avoid(const Session& session)
 {

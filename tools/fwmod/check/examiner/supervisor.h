@@ -21,11 +21,24 @@ namespace fwmod::examiner
 class Worker;
 using Script = std::function<void(Worker&)>;
 
+// One write of an update.
+struct SeenWrite {
+    std::string call;
+    std::string path;
+    std::uint64_t bytes = 0;
+    bool isLasting = false; // without a flush
+
+    bool isFlush() const;
+    bool isNaming() const; // gives a file its name, and its name is what counts
+    bool isContent() const { return bytes > 0 || isNaming(); }
+};
+
 // What the watch saw of an update.
 struct Writes {
-    unsigned int during = 0; // doUpdate
-    unsigned int late = 0;   // after it had returned
-    std::uint64_t bytes = 0; // during
+    unsigned int during = 0;    // doUpdate
+    unsigned int late = 0;      // after it had returned
+    std::uint64_t bytes = 0;    // during
+    std::vector<SeenWrite> all; // during
 };
 
 struct Session {
@@ -44,7 +57,9 @@ struct Session {
 
 struct Watch {
     bool isOn = false;
-    unsigned int cutAt = 0; // before this write of doUpdate, from 1
+    unsigned int cutAt = 0;   // before this write of doUpdate, from 1
+    unsigned int failAt = 0;  // this one fails with EIO
+    unsigned int spoilAt = 0; // this one succeeds, and the hardware holds something else
 };
 
 class Supervisor

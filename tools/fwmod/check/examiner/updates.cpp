@@ -1,11 +1,14 @@
 #include "tools/fwmod/check/examiner/updates.h"
 
 #include <algorithm>
+#include <boost/crc.hpp>
 #include <cmath>
-#include <cstring>
+#include <cstdlib>
 #include <fstream>
-#include <map>
 
+#include "tools/fwmod/check/examiner/faulty-writes.h"
+#include "tools/fwmod/check/examiner/hardware-copy.h"
+#include "tools/fwmod/check/examiner/held-image.h"
 #include "tools/fwmod/check/examiner/worker.h"
 
 namespace fwmod::examiner
@@ -21,11 +24,6 @@ constexpr double kBlocked = 0.1;      // of a progress call that waits for half 
 constexpr double kExpectedMargin = 2; // times the measured duration
 constexpr int kFewSamples = 15;       // one every 10 ms: a shorter update need not be seen to rise
 
-std::string errorName(int error)
-{
-    return error == 0 ? "0" : std::string(strerrordesc_np(error));
-}
-
 std::string inSeconds(double seconds)
 {
     char text[32];
@@ -38,6 +36,33 @@ Worker::Update soundUpdate(const Worker& worker)
     return {worker.job().image, worker.job().checksum, false, ""};
 }
 
+unsigned long checksumOf(const std::string& image)
+{
+    boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> checksum;
+    checksum.process_bytes(image.data(), image.size());
+    return checksum.checksum();
+}
+
+// Of the session's last update.
+std::string describeUpdate(const Session& session)
+{
+    return "doUpdate returned " + session.told["result"].asString() +
+           ", errno: " + errorName(session.told["error"].asInt());
+}
+
+void tellReturned(Worker& worker, const std::string& key, const std::optional<Returned>& returned)
+{
+    if (!returned) {
+        return;
+    }
+    worker.tell(key, returned->result);
+    worker.tell(key + "Error", returned->error);
+}
+
+std::string describe(const Json::Value& told, const std::string& key)
+{
+    return " returned " + told[key].asString() + ", errno: " + errorName(told[key + "Error"].asInt());
+}
 // ---- Judgement of a sound update ----
 
 void judgeProgress(const Session& session, Report& report)
@@ -83,6 +108,11 @@ void judgeDuration(const Session& session, const Job& job, Report& report)
         report.add({FindingId::UpdateTooFast, "doUpdate returned 0 after " + inSeconds(duration)});
     }
     const double ownTime = std::max(duration - session.watchDelay, 0.0);
+    if (session.told.isMember("expectedTime") && ownTime > session.told["expectedTime"].asInt()) {
+        report.add({FindingId::UselessExpectedTime, "getExpectedTime told " +
+                                                        session.told["expectedTime"].asString() +
+                                                        " s, and doUpdate took " + inSeconds(duration)});
+    }
     if (!job.isExternal && ownTime > job.expectedTime) {
         report.add({FindingId::ExpectedTimeTooShort,
                     "doUpdate took " + inSeconds(duration) + ", and " + std::to_string(job.expectedTime) +
@@ -116,7 +146,10 @@ Session lookAgain(Supervisor& supervisor, Machine& machine)
 {
     return supervisor.run(machine, [](Worker& worker) {
         worker.tell("loaded", worker.load());
-        tellVersion(worker, "after the update and a new start");
+        const auto version = tellVersion(worker, "after the update and a new start").version;
+        if (version && version == worker.job().version) {
+            askAboutOrder(worker, *version);
+        }
     });
 }
 
@@ -167,22 +200,59 @@ void updateAndLook(Worker& worker)
     if (worker.has("allUpdateDone")) {
         worker.allUpdateDone("after the update");
     }
+    const auto expected = worker.has("getExpectedTime") ? worker.expectedTime() : std::optional<int>();
+    if (expected) {
+        worker.tell("expectedTime", *expected);
+    }
+}
+
+// The update again, in a process that ends as an ordinary program does.
+bool isFinishedAtExit(Supervisor& supervisor)
+{
+    Machine machine;
+    supervisor.run(machine, [](Worker& worker) {
+        if (!worker.load()) {
+            return;
+        }
+        worker.setContext(worker.job().caller, "");
+        worker.update(soundUpdate(worker));
+        std::exit(EXIT_SUCCESS);
+    });
+    return lookAgain(supervisor, machine).told["version"].asString() == supervisor.job().version;
+}
+
+// As far as the image is kept as it is.
+void judgeContent(const Machine& machine, const Job& job, Report& report)
+{
+    const std::string image = imageOf(job);
+    report.measured.holders = holdersOf(machine, image);
+    const auto missing =
+        report.measured.holders.empty() && !image.empty() ? missingAtEnd(machine, image) : std::nullopt;
+    if (missing) {
+        report.add({FindingId::EndMissing, "the last " + std::to_string(*missing) + " of the image's " +
+                                               std::to_string(image.size()) +
+                                               " bytes are not on the hardware"});
+    }
 }
 } // namespace
 
-void tellVersion(Worker& worker, const std::string& where)
+Told tellVersion(Worker& worker, const std::string& where)
 {
+    Told told;
     worker.setContext(worker.job().caller, "", where);
-    if (const auto version = worker.activeVersion(where)) {
-        worker.tell("version", *version);
+    told.version = worker.activeVersion(where);
+    if (told.version) {
+        worker.tell("version", *told.version);
     }
     if (!worker.job().version) {
-        return;
+        return told;
     }
     const auto verdict = worker.checkVersion(*worker.job().version, where);
     if (verdict && verdict->result == 0) {
+        told.verdict = verdict->verdict;
         worker.tell("verdict", verdict->verdict);
     }
+    return told;
 }
 
 GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& report)
@@ -205,8 +275,9 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
     update.isAnswered = true;
     if (session.told["result"].asInt() != 0) {
         report.add(
-            {FindingId::SoundImageRefused, "doUpdate returned " + session.told["result"].asString() +
-                                               ", errno: " + errorName(session.told["error"].asInt())});
+            {FindingId::SoundImageRefused,
+             describeUpdate(session) +
+                 (job.isExternal ? "; it was called with the library's name and 0, and no path" : "")});
         return update;
     }
     const bool isWritten = judgeWrites(session, machine, stateBefore, report);
@@ -215,6 +286,10 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
     }
     judgeProgress(session, report);
     judgeDuration(session, job, report);
+    judgeContent(machine, job, report);
+    judgeFlushes(session.writes, report);
+    report.measured.middleWrite = middleWrite(session.writes);
+    report.measured.flush = flushBehind(session.writes, report.measured.middleWrite);
     const bool isVersionTold = !answers.version.empty() && !report.has(FindingId::ChangingAnswer);
     const std::optional<Finding> wrong =
         isVersionTold ? wrongVersion(session.told, update.before, job) : std::nullopt;
@@ -230,6 +305,13 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
         isVersionTold ? wrongVersion(again.told, update.before, job) : std::nullopt;
     if (!wrong && wrongAgain) {
         report.add({wrongAgain->id, "after a new start, " + wrongAgain->detail});
+    }
+    const auto isOld = [](const std::optional<Finding>& finding) {
+        return finding && finding->id == FindingId::WrongVersionAfterwards;
+    };
+    if (isOld(wrong) && isOld(wrongAgain) && isFinishedAtExit(supervisor)) {
+        report.add({FindingId::FinishedAtExit,
+                    "after exit() getActiveVersion told " + quote(*job.version) + ", and without it not"});
     }
     update.after = again.told["version"].asString();
     report.measured.versionAfter = update.after;
@@ -248,11 +330,22 @@ void updateAgain(Supervisor& supervisor, Report& report)
         worker.setContext(worker.job().caller, "");
         Worker::Update update = soundUpdate(worker);
         update.pollProgress = worker.has("getUpdateProgress");
-        worker.repeat("doUpdate", kTimes, [&] { return worker.update(update).has_value(); });
+        int time = 0;
+        worker.repeat("doUpdate", kTimes, [&] {
+            const auto returned = worker.update(update);
+            if (time++ == 0) {
+                tellReturned(worker, "alone", returned);
+            }
+            return returned.has_value();
+        });
     });
     report.add(session.findings);
     if (session.death) {
         report.add(*session.death);
+    }
+    if (supervisor.job().isRepeatable && session.told["alone"].asInt() != 0) {
+        report.add({FindingId::SoundImageRefused, "doUpdate" + describe(session.told, "alone") +
+                                                      ", in a process that had asked no question"});
     }
 }
 
@@ -260,65 +353,32 @@ void updateAgain(Supervisor& supervisor, Report& report)
 
 namespace
 {
-constexpr const char* kHardware = "/var/lib/hardware";
-
-// The hardware's files as they were, to be put back under a library that is running.
-class HardwareCopy
-{
-public:
-    HardwareCopy()
-    {
-        for (const fs::path& file : files()) {
-            contents_[file] = contentOf(file);
-        }
-    }
-    void putBack() const
-    {
-        for (const fs::path& file : files()) {
-            if (contents_.count(file) == 0) {
-                fs::remove(file);
-            }
-        }
-        for (const auto& [file, content] : contents_) {
-            if (fs::exists(file) && contentOf(file) == content) {
-                continue;
-            }
-            std::ofstream out(file, std::ios::binary | std::ios::in); // in its place: it may be open
-            if (!out) {
-                out.open(file, std::ios::binary);
-            }
-            out.write(content.data(), static_cast<std::streamsize>(content.size()));
-            out.close();
-            fs::resize_file(file, content.size());
-        }
-    }
-
-private:
-    static std::vector<fs::path> files()
-    {
-        std::vector<fs::path> all;
-        std::error_code none;
-        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kHardware, none)) {
-            if (entry.is_regular_file() && !entry.is_symlink()) {
-                all.push_back(entry.path());
-            }
-        }
-        return all;
-    }
-
-    std::map<fs::path, std::string> contents_;
+// What is refused for its content only, at most: its checksum is right.
+struct OddImage {
+    std::string what;
+    std::string file;
+    unsigned long checksum;
 };
 
-void tellReturned(Worker& worker, const std::string& key, const std::optional<Returned>& returned)
+std::vector<OddImage> makeOddImages(const Job& job, const Machine& place)
 {
-    if (!returned) {
-        return;
+    const std::string image = imageOf(job);
+    const std::pair<const char*, std::string> contents[] = {
+        {"the image's first half", image.substr(0, image.size() / 2)},
+        {"noise", noise(image.size())},
+        {"no bytes at all", ""}};
+    std::vector<OddImage> all;
+    for (const auto& [what, content] : contents) {
+        const fs::path directory = place.file("/odd" + std::to_string(all.size()));
+        fs::create_directory(directory);
+        const fs::path file = directory / fs::path(job.image).filename();
+        std::ofstream(file, std::ios::binary) << content;
+        all.push_back({what, file, checksumOf(content)});
     }
-    worker.tell(key, returned->result);
-    worker.tell(key + "Error", returned->error);
+    return all;
 }
 
-void updateOneAfterTheOther(Worker& worker)
+void updateOneAfterTheOther(Worker& worker, const std::vector<OddImage>& oddImages)
 {
     if (!worker.load()) {
         return;
@@ -329,6 +389,13 @@ void updateOneAfterTheOther(Worker& worker)
     if (!job.isExternal) {
         tellReturned(worker, "refused",
                      worker.update({job.image, job.checksum ^ 1, false, "with a wrong checksum"}));
+    }
+    for (const OddImage& odd : oddImages) {
+        worker.setContext(job.caller, "");
+        const auto returned = worker.update({odd.file, odd.checksum, false, "of " + odd.what});
+        if (returned && returned->result == 0) {
+            original.putBack();
+        }
     }
     worker.setContext(job.caller, "");
     tellReturned(worker, "first", worker.update({job.image, job.checksum, false, "after a refused image"}));
@@ -343,11 +410,6 @@ void updateOneAfterTheOther(Worker& worker)
     tellReturned(worker, "second", worker.update({job.image, job.checksum, false, "for the second time"}));
     tellVersion(worker, "after the second update");
 }
-
-std::string describe(const Json::Value& told, const std::string& key)
-{
-    return " returned " + told[key].asString() + ", errno: " + errorName(told[key + "Error"].asInt());
-}
 } // namespace
 
 void updateInOneProcess(Supervisor& supervisor, Report& report)
@@ -357,7 +419,10 @@ void updateInOneProcess(Supervisor& supervisor, Report& report)
         return;
     }
     Machine machine;
-    const Session session = supervisor.run(machine, updateOneAfterTheOther);
+    const Machine place;
+    const auto odd = job.isExternal ? std::vector<OddImage>() : makeOddImages(job, place);
+    const Session session =
+        supervisor.run(machine, [&](Worker& worker) { updateOneAfterTheOther(worker, odd); });
     report.add(session.findings);
     if (session.death) {
         report.add(*session.death);
@@ -448,49 +513,6 @@ void updateUnderNotices(Supervisor& supervisor, Report& report)
     }
 }
 
-void askWithoutHardware(Supervisor& supervisor, Report& report)
-{
-    const Job& job = supervisor.job();
-    if (!job.isRepeatable || !job.hasHardware) {
-        return;
-    }
-    Machine machine;
-    for (const fs::directory_entry& entry : fs::directory_iterator(machine.file(kHardware))) {
-        fs::remove_all(entry.path());
-    }
-    const Session session = supervisor.run(machine, [](Worker& worker) {
-        const std::string where = "without the hardware";
-        if (!worker.load()) {
-            return;
-        }
-        worker.setContext(worker.job().caller, "", where);
-        if (const auto version = worker.activeVersion(where)) {
-            worker.tell("version", *version);
-        }
-        if (worker.job().version) {
-            worker.checkVersion(*worker.job().version, where);
-        }
-        worker.update({worker.job().image, worker.job().checksum, false, where});
-    });
-    for (const Finding& finding : session.findings) {
-        if (finding.id != FindingId::QuestionFailed) { // as it should be
-            report.add(finding);
-        }
-    }
-    if (session.death) {
-        report.add(*session.death);
-        return;
-    }
-    const Json::Value& told = session.told;
-    if (told["version"].asString() == job.versionBefore) {
-        report.add({FindingId::ToldWithoutHardware, "getActiveVersion told " + quote(job.versionBefore)});
-    }
-    const bool isNothingThere = fs::is_empty(machine.file(kHardware));
-    if (isNothingThere && told.isMember("result") && told["result"].asInt() == 0) {
-        report.add({FindingId::ImageNotWritten, "doUpdate without the hardware returned 0"});
-    }
-}
-
 // ---- What must be refused ----
 
 namespace
@@ -533,11 +555,16 @@ std::vector<Refusal> refusals(const Job& job, const Machine& scratch)
     const std::string absent = fs::path(job.image).parent_path() / "absent.bin";
     const std::optional<FindingId> wrong = FindingId::WrongChecksumAccepted;
     // 0 is a checksum like any other; only one that is wrong is tried.
-    return {{"with the checksum 0", job.image, 0, job.checksum == 0 ? std::nullopt : wrong, {}},
-            {"with a checksum that is one more", job.image, (job.checksum + 1) & 0xffffffff, wrong, {}},
-            {"with a checksum whose highest bit differs", job.image, job.checksum ^ 0x80000000, wrong, {}},
-            {"of a file that is not there", absent, job.checksum, FindingId::AbsentImageAccepted, {}},
-            {"with the library's name and 0", job.name, 0, std::nullopt, {}}};
+    std::vector<Refusal> all = {
+        {"with the checksum 0", job.image, 0, job.checksum == 0 ? std::nullopt : wrong, {}},
+        {"with a checksum that is one more", job.image, (job.checksum + 1) & 0xffffffff, wrong, {}},
+        {"with a checksum whose highest bit differs", job.image, job.checksum ^ 0x80000000, wrong, {}},
+        {"of a file that is not there", absent, job.checksum, FindingId::AbsentImageAccepted, {}},
+        {"with the library's name and 0", job.name, 0, std::nullopt, {}}};
+    for (const OddImage& odd : makeOddImages(job, scratch)) {
+        all.push_back({"of " + odd.what, odd.file, odd.checksum, std::nullopt, {}});
+    }
+    return all;
 }
 
 // The old firmware must still be told, in the same process and after a new start.
@@ -568,6 +595,7 @@ void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
     if (!refusal.otherImages.empty()) {
         machine.replaceDirectory(supervisor.job().imageDirectory, refusal.otherImages);
     }
+    const std::size_t stateBefore = machine.stateOfHardware();
     const std::string what = "doUpdate " + refusal.where;
     const Session session = supervisor.run(machine, [&](Worker& worker) {
         if (!worker.load()) {
@@ -600,6 +628,8 @@ void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
     if (session.told["result"].asInt() == 0) {
         if (refusal.finding) {
             report.add({*refusal.finding, what + " returned 0"});
+        } else if (machine.stateOfHardware() == stateBefore) {
+            report.add({FindingId::ImageNotWritten, what + " returned 0, and nothing has changed"});
         }
         return;
     }
@@ -610,6 +640,43 @@ void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
     judgeOldFirmware(supervisor, machine, session, what, report);
 }
 } // namespace
+
+// The path that is given counts, and nothing else.
+void updateFromElsewhere(Supervisor& supervisor, Report& report)
+{
+    const Job& job = supervisor.job();
+    if (job.isExternal || !job.isRepeatable) {
+        return;
+    }
+    const Machine place;
+    const fs::path damaged = place.file("/damaged");
+    const fs::path elsewhere = place.file("/elsewhere");
+    damageImages(job.imageDirectory, damaged);
+    copyTree(job.imageDirectory, elsewhere);
+    const std::string image = elsewhere / fs::path(job.image).filename();
+    Machine machine;
+    machine.replaceDirectory(job.imageDirectory, damaged);
+    const Session session = supervisor.run(machine, [&](Worker& worker) {
+        if (!worker.load()) {
+            return;
+        }
+        worker.setContext(worker.job().caller, "");
+        worker.update({image, worker.job().checksum, false, "of an image at another path"});
+        tellVersion(worker, "after an update from another path");
+    });
+    report.add(session.findings);
+    const std::string where = "of an image at another path, with a damaged one at the usual one, ";
+    if (session.death) {
+        report.add(*session.death);
+    } else if (!session.told.isMember("result")) {
+        return;
+    } else if (session.told["result"].asInt() != 0) {
+        report.add({FindingId::SoundImageRefused, where + describeUpdate(session)});
+    } else if (session.told["version"].asString() != job.versionAfter) {
+        report.add({FindingId::SoundImageRefused, where + "doUpdate returned 0, and getActiveVersion told " +
+                                                      quote(session.told["version"].asString())});
+    }
+}
 
 void refuseImages(Supervisor& supervisor, Report& report)
 {
@@ -630,19 +697,6 @@ struct Data {
     bool isImpossible; // else only to be survived
 };
 
-std::string noise(std::size_t size)
-{
-    std::string bytes(size, '\0');
-    std::uint32_t state = 2463534242; // xorshift: the same noise each time
-    for (char& byte : bytes) {
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        byte = static_cast<char>(state);
-    }
-    return bytes;
-}
-
 std::vector<Data> impossibleData(const Job& job)
 {
     std::vector<Data> all = {{"64 bytes too few", "", -64, true},
@@ -655,6 +709,7 @@ std::vector<Data> impossibleData(const Job& job)
     }
     std::ifstream file(job.image, std::ios::binary);
     std::string image{std::istreambuf_iterator<char>(file), {}};
+    all.push_back({"the image", image, static_cast<int>(image.size()), false});
     image.resize(image.size() / 2); // a size inside it points behind its end
     const int length = static_cast<int>(image.size());
     all.push_back({"the image's first half", std::move(image), length, false});

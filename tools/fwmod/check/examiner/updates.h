@@ -30,15 +30,19 @@ void updateInOneProcess(Supervisor& supervisor, Report& report);
 // The notice that the pass is over, while a write is at work.
 void updateUnderNotices(Supervisor& supervisor, Report& report);
 
-// The library where its hardware does not answer.
-void askWithoutHardware(Supervisor& supervisor, Report& report);
+// The image at another path, where the usual one has a damaged copy.
+void updateFromElsewhere(Supervisor& supervisor, Report& report);
 
 void refuseImages(Supervisor& supervisor, Report& report);
 void refuseData(Supervisor& supervisor, Report& report);
 
 // What a session tells about the installed version: "version" and, when one is offered, "verdict". For
 // scripts.
-void tellVersion(Worker& worker, const std::string& where);
+struct Told {
+    std::optional<std::string> version;
+    std::optional<int> verdict;
+};
+Told tellVersion(Worker& worker, const std::string& where);
 
 } // namespace fwmod::examiner
 

@@ -27,10 +27,11 @@ using namespace std::chrono_literals;
 
 namespace
 {
-constexpr std::chrono::milliseconds kQuestionLimit = 5s; // they are instant; the rest is for a loaded machine
+constexpr std::chrono::milliseconds kQuestionLimit = 8s; // they are instant; the rest is for a loaded machine
 constexpr std::chrono::nanoseconds kPollInterval = 10ms;
 constexpr std::chrono::milliseconds kRepeatLimit = 2s; // a slow call is not repeated as often
-constexpr double kSlowNotice = 1.0;                    // seconds
+constexpr int kLeastTimes = 2;
+constexpr double kSlowNotice = 1.0; // seconds
 
 std::string callName(const std::string& name, const std::string& where)
 {
@@ -116,6 +117,11 @@ std::string quote(const std::string& text)
     }
     return result +
            (text.size() > kLongest ? "...\" (" + std::to_string(text.size()) + " characters)" : "\"");
+}
+
+std::string errorName(int error)
+{
+    return error == 0 ? "0" : std::string(strerrordesc_np(error));
 }
 
 std::string entryPointOf(const std::string& call)
@@ -242,7 +248,7 @@ bool Worker::repeat(const std::string& name, int times, const std::function<bool
     const int settled = (times + 1) / 2; // what is kept open for good has been opened by then
     std::size_t first = 0;
     int time = 0;
-    for (; time < times && (time <= settled || realNow() < end); ++time) {
+    for (; time < times && (time < kLeastTimes || realNow() < end); ++time) {
         if (time == settled) {
             first = openDescriptors();
         }
@@ -387,13 +393,19 @@ std::optional<std::string> takeText(const Worker& worker, const std::string& nam
     return out.text();
 }
 
-void complainOfFailure(const Worker& worker, const std::string& name, const Returned& returned)
+void complainOfFailure(const Worker& worker, const std::string& name, const Returned& returned,
+                       FindingId id = FindingId::QuestionFailed)
 {
     std::string detail = name + " returned " + std::to_string(returned.result);
     if (returned.error != 0) {
         detail += std::string(" (errno: ") + strerrordesc_np(returned.error) + ")";
     }
-    worker.found(FindingId::QuestionFailed, detail);
+    worker.found(id, detail);
+}
+
+bool isAscii(const std::string& text)
+{
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
 }
 
 // A number that a question has written: nothing, and a finding, when it has not.
@@ -431,8 +443,9 @@ bool Worker::setContext(int caller, const char* context, const std::string& wher
                                    TARNWICK_CONTROL_CALLER_SYSTEM_IMAGE};
     const bool isDaemons =
         std::find(std::begin(kDaemonsOwn), std::end(kDaemonsOwn), caller) != std::end(kDaemonsOwn);
-    if (returned->result != 0 && isDaemons) {
-        complainOfFailure(*this, name, *returned);
+    if (returned->result != 0) {
+        complainOfFailure(*this, name, *returned,
+                          isDaemons ? FindingId::QuestionFailed : FindingId::UnknownCallerRefused);
     }
     return returned->result == 0;
 }
@@ -480,6 +493,9 @@ std::optional<std::string> Worker::activeVersion(const std::string& where)
         found(FindingId::EmptyVersion, name + " returned 0 and an empty text");
         return std::nullopt;
     }
+    if (version && !isAscii(*version)) {
+        found(FindingId::NotAscii, name + " told " + quote(*version));
+    }
     return version;
 }
 
@@ -495,6 +511,10 @@ std::optional<Worker::Verdict> Worker::checkVersion(const std::string& version, 
     }
     complainOfSlowness(*this, name, *returned);
     if (returned->result != 0) {
+        if (out.isAll(GuardedBuffer::kPoison)) {
+            found(FindingId::UnwrittenVerdict,
+                  name + " returned " + std::to_string(returned->result) + " and wrote no result");
+        }
         return Verdict{returned->result, 0};
     }
     const std::optional<int> verdict = takeNumber<int>(*this, name, out);

@@ -119,6 +119,9 @@ std::chrono::milliseconds updateLimit(const Job& job);
 // "getActiveVersion" of "getActiveVersion on another thread".
 std::string entryPointOf(const std::string& call);
 
+// "No such file or directory", or "0".
+std::string errorName(int error);
+
 // A text for reports: quoted, cut, and without what a terminal would take for something else.
 std::string quote(const std::string& text);
 

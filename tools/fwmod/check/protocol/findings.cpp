@@ -1,6 +1,7 @@
 #include "tools/fwmod/check/protocol/findings.h"
 
 #include <algorithm>
+#include <sstream>
 
 namespace fwmod
 {
@@ -13,6 +14,32 @@ constexpr const char* kChapters[] = {"Loading", "Questions and buffers", "Manner
 unsigned int chapterOf(FindingId id)
 {
     return static_cast<unsigned int>(id) / 100;
+}
+
+std::vector<FindingId> findingsIn(const std::string& numbers)
+{
+    std::vector<FindingId> findings;
+    std::istringstream in(numbers);
+    for (unsigned int number = 0; in >> number;) {
+        findings.push_back(findingWithNumber(number).value());
+    }
+    return findings;
+}
+
+std::string rulesTable()
+{
+    std::string text =
+        "\n## Rules\n\nWhat `tarnwick/control.h` asks for, and what is found when it is not kept.\n\n"
+        "| Rule | Found as |\n|---|---|\n";
+    for (const Rule& rule : rules()) {
+        std::string found;
+        for (const FindingId id : rule.findings) {
+            found += (found.empty() ? "" : ", ") + nameOf(id);
+        }
+        text += std::string("| ") + rule.text + " | " +
+                (found.empty() ? std::string("not judged: ") + rule.reason : found) + " |\n";
+    }
+    return text;
 }
 } // namespace
 
@@ -43,6 +70,16 @@ std::optional<FindingId> findingWithNumber(unsigned int number)
     return std::nullopt;
 }
 
+const std::vector<Rule>& rules()
+{
+    static const std::vector<Rule> all = {
+#define RULE(text, findings, reason) {text, findingsIn(findings), reason},
+#include "tools/fwmod/check/protocol/rules.inc"
+#undef RULE
+    };
+    return all;
+}
+
 std::string nameOf(FindingId id)
 {
     return "F" + std::to_string(static_cast<unsigned int>(id));
@@ -64,6 +101,6 @@ std::string findingsDocument()
         text += std::string(kind.cause) + "\n\n**Rule.** \"" + kind.rule + "\" (`tarnwick/control.h`)\n\n" +
                 "**Cure.** " + kind.cure + "\n";
     }
-    return text;
+    return text + rulesTable();
 }
 } // namespace fwmod

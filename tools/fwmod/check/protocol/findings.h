@@ -39,6 +39,15 @@ std::optional<FindingId> findingWithNumber(unsigned int number);
 
 std::string nameOf(FindingId id); // "F204"
 
+// A rule of tarnwick/control.h.
+struct Rule {
+    const char* text; // word by word
+    std::vector<FindingId> findings;
+    const char* reason; // why there are none, or ""
+};
+
+const std::vector<Rule>& rules(); // in the header's order, or nearly
+
 // docs/findings.md.
 std::string findingsDocument();
 

@@ -45,6 +45,9 @@ void exchange(Exchange& member, Measured& measured)
     member("updatable", measured.isUpdatable);
     member("repeatable", measured.isRepeatable);
     member("bytes", measured.bytes);
+    member("holders", measured.holders);
+    member("middleWrite", measured.middleWrite);
+    member("flush", measured.flush);
     member("writes", measured.writes);
     member("duration", measured.duration);
     member("proposedExpectedTime", measured.proposedExpectedTime);
@@ -84,6 +87,9 @@ void exchange(Exchange& member, Job& job)
     member("mangled", job.mangled);
     member("measured", job.measured);
     member("bytes", job.bytes);
+    member("holders", job.holders);
+    member("middleWrite", job.middleWrite);
+    member("flush", job.flush);
     member("versionBefore", job.versionBefore);
     member("versionAfter", job.versionAfter);
     member("repeatable", job.isRepeatable);

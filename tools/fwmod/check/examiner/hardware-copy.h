@@ -1,0 +1,36 @@
+// The hardware's files under a library that is running: as they were, spoilt, or taken away.
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_HARDWARE_COPY_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_HARDWARE_COPY_H
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace fwmod::examiner
+{
+
+constexpr const char* kHardware = "/var/lib/hardware";
+
+class HardwareCopy
+{
+public:
+    HardwareCopy();
+    void putBack() const;
+
+private:
+    std::map<std::filesystem::path, std::string> contents_;
+};
+
+// The plain files below a directory.
+std::vector<std::filesystem::path> filesIn(const std::filesystem::path& directory);
+
+// In its place: it may be open.
+void overwrite(const std::filesystem::path& file, const std::string& content);
+
+// The same noise each time.
+std::string noise(std::size_t size);
+
+} // namespace fwmod::examiner
+
+#endif

@@ -1,0 +1,204 @@
+#include "tools/fwmod/check/examiner/lost-hardware.h"
+
+#include <fstream>
+
+#include "tools/fwmod/check/examiner/hardware-copy.h"
+#include "tools/fwmod/check/examiner/worker.h"
+
+namespace fwmod::examiner
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+void removeHardware(const fs::path& directory)
+{
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
+        fs::remove_all(entry.path());
+    }
+}
+
+void makeNoiseOf(const fs::path& directory)
+{
+    for (const fs::path& file : filesIn(directory)) {
+        overwrite(file, noise(fs::file_size(file)));
+    }
+}
+
+// As new files: one that is mapped keeps its content.
+void empty(const fs::path& directory)
+{
+    for (const fs::path& file : filesIn(directory)) {
+        fs::remove(file);
+        std::ofstream(file).close();
+    }
+}
+
+// A file that is kept open or mapped goes on to be readable when its name is gone.
+bool isHeldOpen()
+{
+    std::error_code gone;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
+        if (fs::read_symlink(entry.path(), gone).string().rfind(kHardware, 0) == 0) {
+            return true;
+        }
+    }
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find(kHardware) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// ---- Questions ----
+
+void askOnce(Worker& worker, const std::string& where)
+{
+    constexpr int kTimes = 5;
+    worker.setContext(worker.job().caller, "", where);
+    worker.repeat("getActiveVersion " + where, kTimes, [&] {
+        if (const auto version = worker.activeVersion(where)) {
+            worker.tell(where, *version);
+        }
+        return true; // a failure is right, and must not lose anything either
+    });
+    if (worker.job().version) {
+        worker.repeat("checkVersion " + where, kTimes, [&] {
+            worker.checkVersion(*worker.job().version, where);
+            return true;
+        });
+    }
+}
+
+constexpr const char* kAbsent = "without the hardware";
+constexpr const char* kNoise = "of hardware that holds noise";
+constexpr const char* kEmpty = "of hardware that is empty";
+constexpr const char* kTurned = "of hardware that turned into noise";
+constexpr const char* kTakenAway = "of hardware that was taken away";
+
+void askAbsent(Worker& worker)
+{
+    if (worker.load()) {
+        askOnce(worker, kAbsent);
+    }
+}
+
+void askSpoilt(Worker& worker)
+{
+    makeNoiseOf(kHardware);
+    if (!worker.load()) {
+        return;
+    }
+    askOnce(worker, kNoise);
+    empty(kHardware);
+    askOnce(worker, kEmpty);
+}
+
+void askBeforeAndAfter(Worker& worker)
+{
+    if (!worker.load()) {
+        return;
+    }
+    worker.setContext(worker.job().caller, "");
+    worker.activeVersion("before the hardware goes away");
+    makeNoiseOf(kHardware);
+    askOnce(worker, kTurned);
+    if (!isHeldOpen()) {
+        removeHardware(kHardware);
+        askOnce(worker, kTakenAway);
+    }
+}
+
+void judgeAnswers(const Session& session, const std::string& version, Report& report)
+{
+    for (const char* where : {kAbsent, kNoise, kEmpty, kTurned, kTakenAway}) {
+        if (session.told[where].asString() == version) {
+            report.add({FindingId::ToldWithoutHardware,
+                        std::string("getActiveVersion ") + where + " told " + quote(version)});
+        }
+    }
+}
+} // namespace
+
+void askOfLostHardware(Supervisor& supervisor, const Answers& answers, bool isVersionThere, Report& report)
+{
+    if (!supervisor.job().hasHardware || answers.version.empty()) {
+        return;
+    }
+    Machine absent;
+    removeHardware(absent.file(kHardware));
+    Machine spoilt;
+    Machine going;
+    const std::pair<Machine*, Script> all[] = {
+        {&absent, askAbsent}, {&spoilt, askSpoilt}, {&going, askBeforeAndAfter}};
+    for (const auto& [machine, script] : all) {
+        const Session session = supervisor.run(*machine, script);
+        for (const Finding& finding : session.findings) {
+            if (finding.id != FindingId::QuestionFailed) { // as it should be
+                report.add(finding);
+            }
+        }
+        if (session.death) {
+            report.add(*session.death); // nothing is avoided for it: with its hardware the call may be right
+        }
+        if (isVersionThere) {
+            judgeAnswers(session, answers.version, report);
+        }
+    }
+}
+
+// ---- Updates ----
+
+namespace
+{
+// What cannot have been written must not be a success.
+void updateOf(Supervisor& supervisor, Machine& machine, const std::string& where, Report& report)
+{
+    const std::size_t before = machine.stateOfHardware();
+    const Session session = supervisor.run(machine, [&](Worker& worker) {
+        if (!worker.load()) {
+            return;
+        }
+        worker.setContext(worker.job().caller, "", where);
+        worker.update({worker.job().image, worker.job().checksum, false, where});
+    });
+    for (const Finding& finding : session.findings) {
+        if (finding.id != FindingId::QuestionFailed) {
+            report.add(finding);
+        }
+    }
+    if (session.death) {
+        report.add(*session.death);
+        supervisor.avoid(session);
+        return;
+    }
+    const Json::Value& told = session.told;
+    if (!told.isMember("result") || machine.stateOfHardware() != before) {
+        return;
+    }
+    if (told["result"].asInt() == 0) {
+        report.add({FindingId::ImageNotWritten, "doUpdate " + where + " returned 0"});
+    } else if (told["error"].asInt() == 0) {
+        report.add({FindingId::SilentFailure,
+                    "doUpdate " + where + " returned " + told["result"].asString() + " and left errno 0"});
+    }
+}
+} // namespace
+
+void updateLostHardware(Supervisor& supervisor, Report& report)
+{
+    const Job& job = supervisor.job();
+    if (!job.isRepeatable || !job.hasHardware) {
+        return;
+    }
+    Machine absent;
+    removeHardware(absent.file(kHardware));
+    updateOf(supervisor, absent, kAbsent, report);
+    Machine readOnly;
+    readOnly.makeReadOnly();
+    updateOf(supervisor, readOnly, "of hardware that cannot be written", report);
+}
+} // namespace fwmod::examiner
