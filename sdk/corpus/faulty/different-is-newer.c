@@ -1,0 +1,16 @@
+// checkVersion takes whatever differs as newer.
+// finds: F217
+#define OWN_checkVersion
+#include "chip.h"
+
+int checkVersion(const char* version, int* result)
+{
+    char active[TARNWICK_CONTROL_TEXT_SIZE];
+    unsigned long v[4];
+    *result = TARNWICK_CONTROL_VERDICT_SAME;
+    if (chipVersion(active) != 0 || parseVersion(version, v) != 0) {
+        return -1;
+    }
+    *result = strcmp(version, active) != 0;
+    return 0;
+}

@@ -1,0 +1,20 @@
+// The new file is renamed over the old one without a flush.
+// finds: F423
+#define OWN_chipWrite
+#include "chip.h"
+
+static int chipWrite(const unsigned char* data, size_t n)
+{
+    int fd = open(CHIP ".next", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        return -1;
+    }
+    if (writeBlocks(fd, data, n) != 0) {
+        return closeFailed(fd);
+    }
+    close(fd);
+    if (verify(CHIP ".next", data, n) != 0 || rename(CHIP ".next", CHIP) != 0) {
+        return -1;
+    }
+    return 0;
+}
