@@ -1,5 +1,6 @@
 #include "tools/fwmod/check/examiner/hardware-copy.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <fstream>
 #include <system_error>
@@ -57,15 +58,20 @@ void HardwareCopy::putBack() const
 
 std::string noise(std::size_t size)
 {
-    std::string bytes(size, '\0');
+    constexpr std::size_t kBlock = 4096; // repeated: to make it of megabytes takes its time
+    std::string block(std::min(size, kBlock), '\0');
     std::uint32_t state = 2463534242; // xorshift: the same noise each time
-    for (char& byte : bytes) {
+    for (char& byte : block) {
         state ^= state << 13;
         state ^= state >> 17;
         state ^= state << 5;
         byte = static_cast<char>(state);
     }
+    std::string bytes;
+    bytes.reserve(size);
+    while (bytes.size() < size) {
+        bytes.append(block, 0, size - bytes.size());
+    }
     return bytes;
 }
-
 } // namespace fwmod::examiner

@@ -48,28 +48,29 @@ std::string imageOf(const Job& job)
     return job.isExternal || !job.hasImage() ? "" : contentOf(job.image);
 }
 
-std::set<std::string> holdersOf(const Machine& machine, const std::string& image)
+Holders holdersOf(const Machine& machine, const std::string& image)
 {
-    std::set<std::string> exact;
-    std::set<std::string> around;
+    Holders exact;
+    Holders around;
     if (image.empty()) {
         return {};
     }
     for (const auto& [path, content] : hardwareOf(machine)) {
         if (content == image) {
-            exact.insert(path);
+            exact[path] = content.size();
         } else if (contains(content, image)) {
-            around.insert(path);
+            around[path] = content.size();
         }
     }
     return exact.empty() ? around : exact;
 }
 
-bool isHeld(const Machine& machine, const std::string& image, const std::set<std::string>& holders)
+bool isHeld(const Machine& machine, const std::string& image, const Holders& holders)
 {
-    const std::set<std::string> now = holdersOf(machine, image);
-    return std::any_of(now.begin(), now.end(),
-                       [&](const std::string& path) { return holders.count(path) != 0; });
+    return std::any_of(holders.begin(), holders.end(), [&](const auto& holder) {
+        const std::string content = contentOf(machine.file(holder.first));
+        return holder.second == image.size() ? content == image : contains(content, image);
+    });
 }
 
 std::optional<std::size_t> missingAtEnd(const Machine& machine, const std::string& image)

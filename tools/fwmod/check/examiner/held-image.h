@@ -2,8 +2,9 @@
 #ifndef TOOLS_FWMOD_CHECK_EXAMINER_HELD_IMAGE_H
 #define TOOLS_FWMOD_CHECK_EXAMINER_HELD_IMAGE_H
 
+#include <cstdint>
+#include <map>
 #include <optional>
-#include <set>
 #include <string>
 
 #include "tools/fwmod/check/examiner/machine.h"
@@ -15,11 +16,13 @@ namespace fwmod::examiner
 // Of the image that the job has: "" for an external module, which finds its own.
 std::string imageOf(const Job& job);
 
-// The files that are the image, or where there is none, those with the image in them. The set's paths.
-std::set<std::string> holdersOf(const Machine& machine, const std::string& image);
+// The files that are the image, or where there is none, those with the image in them: the set's paths, and
+// sizes.
+using Holders = std::map<std::string, std::uint64_t>;
+Holders holdersOf(const Machine& machine, const std::string& image);
 
 // Whether one of those files holds it as well as it did after an update that nothing disturbed.
-bool isHeld(const Machine& machine, const std::string& image, const std::set<std::string>& holders);
+bool isHeld(const Machine& machine, const std::string& image, const Holders& holders);
 
 // How many bytes at the image's end are missing, when a file has all the others: of an image that is nowhere
 // whole.

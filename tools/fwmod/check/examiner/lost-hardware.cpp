@@ -12,6 +12,8 @@ namespace fs = std::filesystem;
 
 namespace
 {
+constexpr std::uintmax_t kMostNoise = 64 << 20; // bytes: it is all made in memory
+
 void removeHardware(const fs::path& directory)
 {
     for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
@@ -112,6 +114,15 @@ void askBeforeAndAfter(Worker& worker)
     }
 }
 
+std::uintmax_t sizeOfHardware(const Machine& machine)
+{
+    std::uintmax_t size = 0;
+    for (const fs::path& file : filesIn(machine.file(kHardware))) {
+        size += fs::file_size(file);
+    }
+    return size;
+}
+
 void judgeAnswers(const Session& session, const std::string& version, Report& report)
 {
     for (const char* where : {kAbsent, kNoise, kEmpty, kTurned, kTakenAway}) {
@@ -132,12 +143,15 @@ void askOfLostHardware(Supervisor& supervisor, const Answers& answers, bool isVe
     removeHardware(absent.file(kHardware));
     Machine spoilt;
     Machine going;
-    const std::pair<Machine*, Script> all[] = {
-        {&absent, askAbsent}, {&spoilt, askSpoilt}, {&going, askBeforeAndAfter}};
+    std::vector<std::pair<Machine*, Script>> all = {{&absent, askAbsent}};
+    if (sizeOfHardware(spoilt) <= kMostNoise) {
+        all.insert(all.end(), {{&spoilt, askSpoilt}, {&going, askBeforeAndAfter}});
+    }
     for (const auto& [machine, script] : all) {
         const Session session = supervisor.run(*machine, script);
         for (const Finding& finding : session.findings) {
-            if (finding.id != FindingId::QuestionFailed) { // as it should be
+            // As it should be; and what is told of noise need not be text.
+            if (finding.id != FindingId::QuestionFailed && finding.id != FindingId::NotAscii) {
                 report.add(finding);
             }
         }

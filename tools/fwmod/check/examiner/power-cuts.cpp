@@ -167,7 +167,7 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
                                                              quote(end.told["version"].asString())});
     } else if (!job.holders.empty() && !isHeld(machine, imageOf(job), job.holders)) {
         findings.push_back({FindingId::DamagedAfterCut,
-                            "after the next update " + *job.holders.begin() +
+                            "after the next update " + job.holders.begin()->first +
                                 " does not hold the image as it does after an update without a power cut"});
     }
     return findings;

@@ -28,16 +28,17 @@ struct Job {
     std::map<std::string, std::string> mangled; // entry point and its C++ name, where only that is exported
 
     // From the update that was measured.
-    double measured = 0;           // seconds that it took; 0 before it
-    std::uint64_t bytes = 0;       // that it wrote
-    std::string versionBefore;     // that it replaced
-    std::string versionAfter;      // and brought
-    std::set<std::string> holders; // files of the hardware that hold the image, as it is, behind it
-    unsigned int middleWrite = 0;  // of its content, by number from 1; 0: none was seen
-    unsigned int flush = 0;        // behind that
-    bool isRepeatable = false;     // it worked, and can be repeated
-    bool isVersionTold = false;    // when nothing is wrong, and the same each time
-    bool isOfferNewer = false;     // by the library's own judgement
+    double measured = 0;       // seconds that it took; 0 before it
+    std::uint64_t bytes = 0;   // that it wrote
+    std::string versionBefore; // that it replaced
+    std::string versionAfter;  // and brought
+    std::map<std::string, std::uint64_t>
+        holders;                  // files of the hardware with the image in them behind it, and sizes
+    unsigned int middleWrite = 0; // of its content, by number from 1; 0: none was seen
+    unsigned int flush = 0;       // behind that
+    bool isRepeatable = false;    // it worked, and can be repeated
+    bool isVersionTold = false;   // when nothing is wrong, and the same each time
+    bool isOfferNewer = false;    // by the library's own judgement
 
     std::set<unsigned int> cuts; // the writes, from 1, before which the power is cut
     bool isCutsOnly = false;     // leave out everything else

@@ -30,15 +30,16 @@ struct Measured {
     std::string identifier;                   // "" when there is no sound one
     std::optional<std::string> versionBefore; // "" when none was told
     std::optional<std::string> versionAfter;
-    bool isVersionTold = false;    // when nothing is wrong, and the same each time
-    bool isOfferNewer = false;     // by the library's own judgement
-    bool isUpdated = false;        // doUpdate returned
-    bool isUpdatable = false;      // and it worked, and its writes were seen: the power can be cut
-    bool isRepeatable = false;     // and the right version was told: an update can be judged by it
-    std::uint64_t bytes = 0;       // written
-    std::set<std::string> holders; // files of the hardware that hold the image afterwards, as it is
-    unsigned int middleWrite = 0;  // of its content, by number from 1; 0: none was seen
-    unsigned int flush = 0;        // behind that
+    bool isVersionTold = false; // when nothing is wrong, and the same each time
+    bool isOfferNewer = false;  // by the library's own judgement
+    bool isUpdated = false;     // doUpdate returned
+    bool isUpdatable = false;   // and it worked, and its writes were seen: the power can be cut
+    bool isRepeatable = false;  // and the right version was told: an update can be judged by it
+    std::uint64_t bytes = 0;    // written
+    std::map<std::string, std::uint64_t>
+        holders;                  // files of the hardware with the image in them behind it, and sizes
+    unsigned int middleWrite = 0; // of its content, by number from 1; 0: none was seen
+    unsigned int flush = 0;       // behind that
     std::optional<unsigned int> writes;
     std::optional<double> duration;
     std::optional<unsigned int> proposedExpectedTime;
