@@ -1,5 +1,5 @@
 // The new file is appended to what a power cut has left.
-// finds: F424
+// finds: F424 F504
 #define OWN_chipWrite
 #include "chip.h"
 
