@@ -30,8 +30,8 @@
  * leave a function (the daemon calls through C linkage), and no function may end the process, change its
  * directory, its signal handlers, its locale, its environment or its file mode mask, or leave a timer or an
  * alarm running: the process is shared with every other module. Close what a call has opened, and nothing
- * else; wait for its children. The daemon's own libraries (GLib, Boost, JsonCpp and what they need) are in that
- * process, and their names come first: export nothing but the nine functions.
+ * else; wait for its children. The daemon's own libraries (GLib, Boost, JsonCpp and what they need) are in
+ * that process, and their names come first: export nothing but the nine functions.
  *
  *
  * Threads
@@ -67,9 +67,9 @@
  *   - The process may end, or the power be cut, between any two writes, also in the middle of doUpdate. The
  *     next start must cope: write in an order in which the old or the new firmware is complete at every
  *     moment, and let the next doUpdate start over or resume. Flush the new firmware (fsync) before the write
- *     that makes it the active one, and that write (of a name: the directory) before you return. Hardware that has room for one firmware only
- *     tells a version below every other, such as 0.0, until there is a whole one again. Destructors and exit
- *     handlers do not run.
+ *     that makes it the active one, and that write (of a name: the directory) before you return. Hardware
+ *     that has room for one firmware only tells a version below every other, such as 0.0, until there is a
+ *     whole one again. Destructors and exit handlers do not run.
  *
  * The interface is frozen: names, types and numbers below do not change.
  */
@@ -137,15 +137,16 @@ TARNWICK_CONTROL_EXPORT int getActiveVersion(char* out);
  * Required. Compares the offered version with the installed one and writes the verdict into *result:
  * TARNWICK_CONTROL_VERDICT_NEWER to have it installed, SAME or OLDER when it is not needed. Values above 1
  * are taken as "install" by an update that is already running, but do not make the module pending: do not use
- * them. Always write *result, also with a failure. A version that cannot be understood, to its last character,
- * is a failure, not a verdict. Versions of numbers and dots are compared number by number from the left, in base
- * 10 and without regard to leading zeros: 1.10 is newer than 1.9, 2.0 newer than 1.1, and 0.9 older than both.
+ * them. Always write *result, also with a failure. A version that cannot be understood, to its last
+ * character, is a failure, not a verdict. Versions of numbers and dots are compared number by number from the
+ * left, in base 10 and without regard to leading zeros: 1.10 is newer than 1.9, 2.0 newer than 1.1, and 0.9
+ * older than both.
  *
  * The text need not be spelled as getActiveVersion spells its own, nor does getActiveVersion's have to be
- * understood here. It comes from "version" in the image's information file, of any length. For an encrypted USB image it is the
- * 64-byte version header, and there any negative verdict counts as "needs an update" in the list of pending
- * modules, although it is not installed.
- * Called at boot for every image found, and again immediately before doUpdate.
+ * understood here. It comes from "version" in the image's information file, of any length. For an encrypted
+ * USB image it is the 64-byte version header, and there any negative verdict counts as "needs an update" in
+ * the list of pending modules, although it is not installed. Called at boot for every image found, and again
+ * immediately before doUpdate.
  */
 TARNWICK_CONTROL_EXPORT int checkVersion(const char* version, int* result);
 
@@ -160,8 +161,8 @@ TARNWICK_CONTROL_EXPORT int checkVersion(const char* version, int* result);
  *   doUpdate(NAME, 0)          NAME is the library name: find and check the image yourself. External modules
  *                              only ever see this form.
  *
- * Hardware may take a write and hold something else: read back what was written. A write or a flush that fails
- * is a failure of the update.
+ * Hardware may take a write and hold something else: read back what was written. A write or a flush that
+ * fails is a failure of the update.
  *
  * Runs on a worker thread of its own; the updates of two modules do not overlap, but see "Time, time-outs,
  * power" for how long it may and must take and for what happens when it is interrupted. When it fails, the
