@@ -232,37 +232,47 @@ std::optional<DaemonEvent> readDaemonEvent(const LogRecord& record)
 namespace
 {
 
-constexpr std::array<const char*, kDaemonStates> kStateNames = {
-    "initialising",
-    "initialised",
-    "requesting packages",
-    "packages requested",
-    "checking modules",
-    "modules checked",
-    "waiting for the package manager",
-    "package manager checked",
-    "launching the upgrade UI",
-    "launch attempts ended",
-    "upgrade UI shown, waiting for the user",
-    "accepted",
-    "updating",
-    "update done",
-    "waiting for the UI to close",
-    "upgrade UI closed",
-    "cancelled",
-    "finished with the UI",
-    "reboot to be requested",
-    "reboot requested",
-    "finalising",
-    "finalised",
+struct StateWords {
+    const char* name;
+    const char* label;
 };
+
+constexpr std::array<StateWords, kDaemonStates> kStates = {{
+    {"initialising", "initialising"},
+    {"initialised", "initialised"},
+    {"requesting packages", "asking packages"},
+    {"packages requested", "packages requested"},
+    {"checking modules", "checking modules"},
+    {"modules checked", "modules checked"},
+    {"waiting for the package manager", "package mgr wait"},
+    {"package manager checked", "may be offered?"},
+    {"launching the upgrade UI", "launching the UI"},
+    {"launch attempts ended", "launch done"},
+    {"upgrade UI shown, waiting for the user", "offer shown"},
+    {"accepted", "accepted"},
+    {"updating", "updating"},
+    {"update done", "update done"},
+    {"waiting for the UI to close", "waiting for close"},
+    {"upgrade UI closed", "UI closed"},
+    {"cancelled", "cancelled"},
+    {"finished with the UI", "UI finished"},
+    {"reboot to be requested", "reboot"},
+    {"reboot requested", "reboot requested"},
+    {"finalising", "finalising"},
+    {"finalised", "finalised"},
+}};
 static_assert(kDaemonStates == FWSVC_FINALIZED + 1);
 
 } // namespace
 
 const char* daemonStateName(int state)
 {
-    return state >= 0 && state < kDaemonStates ? kStateNames[static_cast<size_t>(state)] : nullptr;
+    return state >= 0 && state < kDaemonStates ? kStates[static_cast<size_t>(state)].name : nullptr;
+}
+
+const char* daemonStateLabel(int state)
+{
+    return state >= 0 && state < kDaemonStates ? kStates[static_cast<size_t>(state)].label : nullptr;
 }
 
 } // namespace common

@@ -111,8 +111,9 @@ std::optional<DaemonEvent> readDaemonEvent(const LogRecord& record);
 // ---- States ----
 
 constexpr int kDaemonStates = 22;
-// "modules checked"; nullptr for a number that is no state.
-const char* daemonStateName(int state);
+// Both nullptr for a number that is no state.
+const char* daemonStateName(int state);  // "waiting for the package manager"
+const char* daemonStateLabel(int state); // the same in at most 18 characters, for a drawing
 
 // ---- The table, for its test ----
 

@@ -48,6 +48,9 @@ test("an accepted update is watched, reboots the set, and leaves nothing pending
 
   await page.locator(kOffer).waitFor();
   await waitFor("state 10", async () => (await state()) === "10");
+  assert.equal(await stateName(), "upgrade UI shown, waiting for the user", "as the set calls it");
+  assert.equal(await page.locator('[data-state="10"] .label').textContent(), "offer shown");
+  assert.equal(await page.locator("[data-state] .label").count(), 22);
   await page.locator('[data-module="panel"] .chip.warm').waitFor();
   assert.match(await page.locator("#app-text").textContent(), /about 14 seconds/);
   assert.equal(await page.locator('[data-module="panel"] .installed').textContent(), "1.0");

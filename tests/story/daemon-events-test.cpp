@@ -16,6 +16,7 @@ namespace fs = std::filesystem;
 using common::DaemonEventKind;
 using common::DaemonText;
 using testing::ElementsAre;
+using testing::HasSubstr;
 
 // ---- The texts of the sources ----
 
@@ -179,6 +180,36 @@ TEST(DaemonEvents, OfALogAreTheDaemonsOwnInThePlatformsLog)
     record.buffer = common::LogBuffer::System;
     record.tag = "OTHER";
     EXPECT_FALSE(common::readDaemonEvent(record));
+}
+
+// ---- States ----
+
+TEST(DaemonStates, HaveANameEachAndALabelThatFitsIntoADrawing)
+{
+    std::set<std::string> names;
+    std::set<std::string> labels;
+    for (int state = 0; state < common::kDaemonStates; ++state) {
+        names.insert(common::daemonStateName(state));
+        labels.insert(common::daemonStateLabel(state));
+        EXPECT_LE(std::string(common::daemonStateLabel(state)).size(), 18U) << state;
+    }
+    EXPECT_EQ(names.size(), static_cast<size_t>(common::kDaemonStates));
+    EXPECT_EQ(labels.size(), static_cast<size_t>(common::kDaemonStates));
+    for (const int none : {-1, common::kDaemonStates}) {
+        EXPECT_EQ(common::daemonStateName(none), nullptr);
+        EXPECT_EQ(common::daemonStateLabel(none), nullptr);
+    }
+}
+
+TEST(DaemonStates, AreCalledSoInTheDocumentThatDrawsThem)
+{
+    std::ifstream in(STATES_DOCUMENT);
+    const std::string document{std::istreambuf_iterator<char>(in), {}};
+    for (int state = 0; state < common::kDaemonStates; ++state) {
+        const std::string number = std::to_string(state);
+        EXPECT_THAT(document, HasSubstr("    s" + number + ": " + number + " " +
+                                        common::daemonStateName(state) + "\n"));
+    }
 }
 
 // ---- Sentences ----

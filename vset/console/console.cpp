@@ -11,6 +11,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/daemon-events.h"
 #include "common/json-text.h"
 #include "console-interface.h"
 #include "vset/console/real-time.h"
@@ -45,8 +46,8 @@ constexpr size_t kRecordsAtGreeting = 2500;
 // Sections of the platform's model, and our own.
 constexpr const char* kModelSections[] = {"power",    "locks",    "reboots",  "settings", "flags",
                                           "launches", "packages", "watchdog", "mounts"};
-constexpr const char* kOwnSections[] = {"set",    "daemon",   "way", "modules",
-                                        "screen", "switches", "usb", "feed"};
+constexpr const char* kOwnSections[] = {"set",    "daemon",   "states", "way", "modules",
+                                        "screen", "switches", "usb",    "feed"};
 
 // `number` lets a page tell what it has already.
 Json::Value toJson(const LogRecord& record, uint64_t number)
@@ -217,6 +218,19 @@ Json::Value Console::feedSection()
     return json;
 }
 
+// What the daemon's states are called; it never changes.
+Json::Value Console::statesSection()
+{
+    Json::Value json = Json::arrayValue;
+    for (int number = 0; number < common::kDaemonStates; ++number) {
+        Json::Value state;
+        state["name"] = common::daemonStateName(number);
+        state["label"] = common::daemonStateLabel(number);
+        json.append(state);
+    }
+    return json;
+}
+
 Json::Value Console::sectionOf(const std::string& name) const
 {
     if (name == "set") {
@@ -224,6 +238,9 @@ Json::Value Console::sectionOf(const std::string& name) const
     }
     if (name == "daemon") {
         return daemon_.snapshot();
+    }
+    if (name == "states") {
+        return statesSection();
     }
     if (name == "way") {
         return way_.toJson();

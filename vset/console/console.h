@@ -46,6 +46,7 @@ private:
     Json::Value setSection() const;
     Json::Value switchesSection() const;
     static Json::Value feedSection();
+    static Json::Value statesSection();
     Json::Value greeting() const;
     void mark(const std::string& section);
     void push();

@@ -3,29 +3,30 @@
 import {$, clock, element, replace, setText, svg} from "./dom.js";
 import {passedStates} from "./way.js";
 
-export const kStates = [
-  {name: "starting", at: [0, 0], text: "The daemon initialises: modules, semaphore, watchdog."},
-  {name: "initialised", at: [1, 0], text: "The boot worker starts."},
-  {name: "fetching packages", at: [2, 0], text: "Every module's package is requested, once per boot."},
-  {name: "packages requested", label: "packages asked", at: [3, 0], text: "The boot flag is raised next."},
-  {name: "checking modules", at: [4, 0], text: "Each module is checked against both image sources; the list is written."},
-  {name: "modules checked", at: [5, 0], text: "The next second decides: offer, wait for standby, or end."},
-  {name: "waiting for packages", at: [5, 1], label: "package mgr wait", text: "Up to 60 s for the package manager."},
-  {name: "may it be offered?", at: [4, 1], label: "may be offered?", text: "Power on, not in the factory, nobody else updating."},
-  {name: "launching the UI", at: [3, 1], text: "Up to nine attempts, then 5 s for the application to start."},
-  {name: "launch done", at: [2, 1], text: "Shown or not: the next second tells."},
-  {name: "offer shown", at: [1, 1], text: "The user decides, without a limit in time."},
-  {name: "accepted", at: [1, 2], text: "The update starts within a second."},
-  {name: "updating", at: [2, 2], text: "One module after the other is written."},
-  {name: "update done", at: [3, 2], text: "The UI is told that it is finished."},
-  {name: "waiting for close", at: [4, 2], text: "Until the user closes the UI, without a limit in time."},
-  {name: "UI closed", at: [5, 2], text: "Reboot if an upgrade ran; otherwise it stays here."},
-  {name: "declined", at: [0, 2], label: "declined, closed", text: "The user declined, or the UI could not be shown."},
-  {name: "finishing", at: [0, 3], text: "Ends, unless modules wait for the update at standby."},
-  {name: "reboot", at: [6, 2], text: "The reboot is requested."},
-  {name: "rebooting", at: [6, 3], text: "The set goes down."},
-  {name: "finalising", at: [2, 3], text: "The daemon gives back what it holds."},
-  {name: "ended", at: [3, 3], text: "The process is gone."},
+// Where each state stands, and what happens in it; what it is called, the set tells (`states`: name, label).
+const kStates = [
+  {at: [0, 0], text: "The daemon initialises: modules, semaphore, watchdog."},
+  {at: [1, 0], text: "The boot worker starts."},
+  {at: [2, 0], text: "Every module's package is requested, once per boot."},
+  {at: [3, 0], text: "The boot flag is raised next."},
+  {at: [4, 0], text: "Each module is checked against both image sources; the list is written."},
+  {at: [5, 0], text: "The next second decides: offer, wait for standby, or end."},
+  {at: [5, 1], text: "Up to 60 s for the package manager."},
+  {at: [4, 1], text: "Power on, not in the factory, nobody else updating."},
+  {at: [3, 1], text: "Up to nine attempts, then 5 s for the application to start."},
+  {at: [2, 1], text: "Shown or not: the next second tells."},
+  {at: [1, 1], text: "The user decides, without a limit in time."},
+  {at: [1, 2], text: "The update starts within a second."},
+  {at: [2, 2], text: "One module after the other is written."},
+  {at: [3, 2], text: "The UI is told that it is finished."},
+  {at: [4, 2], text: "Until the user closes the UI, without a limit in time."},
+  {at: [5, 2], text: "Reboot if an upgrade ran; otherwise it stays here."},
+  {at: [0, 2], text: "The user declined, or the UI could not be shown."},
+  {at: [0, 3], text: "Ends, unless modules wait for the update at standby."},
+  {at: [6, 2], text: "The reboot is requested."},
+  {at: [6, 3], text: "The set goes down."},
+  {at: [2, 3], text: "The daemon gives back what it holds."},
+  {at: [3, 3], text: "The process is gone."},
 ];
 
 const kColumn = 142;
@@ -61,17 +62,17 @@ function edge([from, to, label]) {
       "text-anchor": isAcross ? "middle" : "start"}, label) : "");
 }
 
-function box(state) {
+function box(state, {name, label}) {
   const [x, y] = corner(state);
-  const {name, label, text} = kStates[state];
+  const {text} = kStates[state];
   return svg("g", {"data-state": state},
     svg("title", {}, `${state}: ${name}. ${text}`),
     svg("rect", {class: "box", x, y, width: kBox[0], height: kBox[1], rx: 11}),
     svg("text", {class: "number", x: x + kBox[0] / 2, y: y + 23, "text-anchor": "middle"}, String(state)),
-    svg("text", {class: "label", x: x + kBox[0] / 2, y: y + 41, "text-anchor": "middle"}, label ?? name));
+    svg("text", {class: "label", x: x + kBox[0] / 2, y: y + 41, "text-anchor": "middle"}, label));
 }
 
-function drawing() {
+function drawing(words) {
   const width = 2 * kLeft + 6 * kColumn + kBox[0];
   const height = kTop + 3 * kRow + kBox[1] + 14;
   const [groupX, groupY] = corner(10);
@@ -86,7 +87,7 @@ function drawing() {
       svg("polygon", {class: "arrow", points: `${side - 4.5},${corner(16)[1] - 8} ${side},${corner(16)[1]} ${side + 4.5},${corner(16)[1] - 8}`}),
       svg("text", {class: "edge-text", x: side + 7, y: groupY + kBox[1] / 2 - 7}, "4 declined")),
     ...kEdges.map(edge),
-    ...kStates.map((_, state) => box(state)),
+    ...words.map((each, state) => box(state, each)),
     ...notes.map(([state, text]) => svg("text", {class: "edge-text", x: centre(state)[0], y: corner(state)[1] + kBox[1] + 16, "text-anchor": "middle"}, text)),
     svg("text", {class: "edge-text", x: centre(5)[0] + 8, y: corner(5)[1] + kBox[1] + 20}, "none to offer: 20, or stay"),
     svg("text", {class: "edge-text", x: corner(21)[0] + kBox[0] + 10, y: centre(21)[1] + 4}, "20 and 21: from any state"));
@@ -97,7 +98,6 @@ export class Machine {
   constructor(model) {
     this.model = model;
     this.chosen = null; // a run's start; null: the latest
-    $("machine").append(drawing());
     $("run-choice").onchange = (event) => {
       const isLatest = event.target.selectedIndex === 0;
       this.chosen = isLatest ? null : Number(event.target.value);
@@ -111,6 +111,8 @@ export class Machine {
   }
 
   update() {
+    if (!this.model.states) return; // the set has not told yet
+    if (!$("machine").hasChildNodes()) $("machine").append(drawing(this.model.states));
     this.showRuns();
     const run = this.run();
     const steps = run?.steps ?? [];
@@ -119,6 +121,10 @@ export class Machine {
     this.showState(run, last, isAlive);
     this.mark(steps, isAlive);
     this.list(steps);
+  }
+
+  nameOf(state) {
+    return this.model.states[state]?.name ?? "unknown";
   }
 
   showRuns() {
@@ -132,8 +138,8 @@ export class Machine {
   showState(run, last, isAlive) {
     setText($("state-number"), last ? String(last.state) : "–");
     $("state-number").toggleAttribute("data-ended", !isAlive);
-    setText($("state-name"), !last ? "no daemon has run yet" : isAlive ? kStates[last.state]?.name ?? "unknown"
-      : last.state === 21 ? "ended" : `ended in ${last.state}, ${kStates[last.state]?.name}`);
+    setText($("state-name"), !last ? "no daemon has run yet" : isAlive ? this.nameOf(last.state)
+      : last.state === 21 ? "ended" : `ended in ${last.state}, ${this.nameOf(last.state)}`);
     setText($("state-text"), !last ? "" : isAlive ? kStates[last.state]?.text ?? "" : this.why(run));
   }
 
@@ -166,7 +172,7 @@ export class Machine {
     setText($("way-count"), steps.length ? `(${steps.length} steps)` : "");
     replace($("way-list"), ...steps.map((step) => element("li", {},
       element("span", {class: "note"}, clock(step.time_ms, true)), element("strong", {}, String(step.state)),
-      element("span", {}, kStates[step.state]?.name ?? "", " ",
+      element("span", {}, this.nameOf(step.state), " ",
         element("span", {class: "note"}, step.source === "logged" ? "" : `inferred: “${step.reason}”`)))));
   }
 }

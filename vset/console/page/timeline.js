@@ -1,7 +1,6 @@
 // The timeline: states, power, locks, flags, mounts and threads of the daemon, beside each other.
 
 import {$, clock, element, seconds} from "./dom.js";
-import {kStates} from "./machine.js";
 
 // A thread is called after what it logged; its own name says less.
 const kRoles = [
@@ -79,7 +78,7 @@ export class Timeline {
       run.steps.forEach((step, index) => {
         const next = run.steps[index + 1]?.time_ms ?? run.end_ms ?? (this.model.isAlive(run) ? null : step.time_ms);
         bars.push({start: step.time_ms, end: next, text: String(step.state),
-          kind: step.source === "logged" ? "" : "inferred", title: kStates[step.state]?.name});
+          kind: step.source === "logged" ? "" : "inferred", title: this.model.states?.[step.state]?.name});
       });
     }
     return ["service state", bars];
