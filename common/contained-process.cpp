@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "common/errors.h"
+#include "common/pipe.h"
 
 namespace common
 {
@@ -100,35 +101,6 @@ unsigned endLeftBehind(std::chrono::milliseconds grace)
 
 namespace
 {
-
-class Pipe
-{
-public:
-    Pipe()
-    {
-        if (pipe2(ends_, O_CLOEXEC) != 0) {
-            throw Failure(std::string("cannot make a pipe for a child process: ") + std::strerror(errno));
-        }
-    }
-    ~Pipe()
-    {
-        for (const int end : ends_) {
-            if (end >= 0) {
-                close(end);
-            }
-        }
-    }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-
-    int reading() const { return ends_[0]; }
-    int writing() const { return ends_[1]; }
-    void closeWriting() { close(std::exchange(ends_[1], -1)); }
-    int takeReading() { return std::exchange(ends_[0], -1); }
-
-private:
-    int ends_[2];
-};
 
 struct Start {
     pid_t process; // -1: none, because of `error`
@@ -267,21 +239,21 @@ void Watcher::run(const std::function<void()>& work, int outputOfWork)
 
 ContainedProcess::ContainedProcess(const std::function<void()>& work, Orphaned orphaned)
 {
-    Pipe output;
-    Pipe report;
-    fcntl(output.reading(), F_SETFL, O_NONBLOCK);
+    Pipe output = makePipe();
+    Pipe report = makePipe();
+    fcntl(output.reading.get(), F_SETFL, O_NONBLOCK);
     std::fflush(nullptr); // else it is printed twice
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t self = getpid();
     watcher_ = fork();
     if (watcher_ == 0) {
-        Watcher(self, report.writing(), output.reading(), orphaned).run(work, output.writing());
+        Watcher(self, report.writing.get(), output.reading.get(), orphaned).run(work, output.writing.get());
     }
     const int reason = errno;
-    output_ = output.takeReading();
-    report_ = report.takeReading();
+    output_ = output.reading.release();
+    report_ = report.reading.release();
     if (watcher_ > 0) {
-        report.closeWriting();
+        report.writing.reset();
     }
     Start start{-1, reason};
     if (watcher_ > 0 && read(report_, &start, sizeof start) != sizeof start) {

@@ -12,6 +12,7 @@
 
 #include "common/file-copy.h"
 #include "common/json-text.h"
+#include "common/unique-fd.h"
 
 namespace vset
 {
@@ -28,23 +29,13 @@ constexpr const char* kUnfinished = ".unfinished-";
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-class Descriptor
+common::UniqueFd opened(int number, const std::string& path)
 {
-public:
-    Descriptor(int number, const std::string& path) : number_(number)
-    {
-        if (number_ < 0) {
-            fail(path);
-        }
+    if (number < 0) {
+        fail(path);
     }
-    ~Descriptor() { close(number_); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return number_; }
-
-private:
-    int number_;
-};
+    return common::UniqueFd(number);
+}
 
 void writeAll(int file, const char* data, size_t size, const std::string& path)
 {
@@ -63,7 +54,8 @@ void writeAll(int file, const char* data, size_t size, const std::string& path)
 
 void synchronizeDirectory(const fs::path& directory)
 {
-    const Descriptor descriptor(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), directory);
+    const common::UniqueFd descriptor =
+        opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), directory);
     if (fsync(descriptor.get()) != 0) {
         fail(directory);
     }
@@ -75,7 +67,7 @@ void replaceFile(const fs::path& target, const std::function<void(int file, cons
 {
     const bool isForGood = keeping == Keeping::kForGood;
     std::string name = target.parent_path() / (kUnfinished + target.filename().string() + "-XXXXXX");
-    const Descriptor file(mkostemp(name.data(), O_CLOEXEC), name);
+    const common::UniqueFd file = opened(mkostemp(name.data(), O_CLOEXEC), name);
     try {
         fill(file.get(), name);
         if (fchmod(file.get(), 0644) != 0 || (isForGood && fsync(file.get()) != 0)) {
@@ -120,7 +112,7 @@ std::optional<std::string> readFile(const std::string& path, size_t limit)
     if (number < 0) {
         return std::nullopt;
     }
-    const Descriptor file(number, path);
+    const common::UniqueFd file = opened(number, path);
     struct stat status{};
     if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return std::nullopt;

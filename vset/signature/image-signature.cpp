@@ -14,6 +14,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/unique-fd.h"
+
 namespace signature
 {
 
@@ -30,25 +32,6 @@ constexpr std::size_t kKeyIdOffset = 12;
 constexpr std::size_t kLengthOffset = 20;
 constexpr std::size_t kChunkSize = 65536;
 constexpr off_t kLargestKeyFile = 65536; // bytes; a key of the scheme has some 800
-
-class Descriptor
-{
-public:
-    explicit Descriptor(int number) : number_(number) {}
-    ~Descriptor()
-    {
-        if (number_ >= 0) {
-            close(number_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return number_; }
-    int release() { return std::exchange(number_, -1); }
-
-private:
-    int number_;
-};
 
 struct Release {
     void operator()(FILE* file) const { fclose(file); }
@@ -114,7 +97,7 @@ Verdict check(int descriptor, off_t size, EVP_PKEY* key)
 int openRegularFile(const char* path)
 {
     // Without waiting: opening a pipe would last until somebody writes into it.
-    Descriptor descriptor(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    common::UniqueFd descriptor(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status = {};
     if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return -1;
@@ -124,7 +107,7 @@ int openRegularFile(const char* path)
 
 Key readPublicKey(const std::string& path)
 {
-    Descriptor descriptor(openRegularFile(path.c_str()));
+    common::UniqueFd descriptor(openRegularFile(path.c_str()));
     struct stat status = {};
     if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0 || status.st_size > kLargestKeyFile) {
         return nullptr; // what is larger would be searched to its end

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/pipe.h"
 #include "common/progress-line.h"
 #include "common/visible-text.h"
 #include "tools/fwctl/commands/command.h"
@@ -30,37 +31,6 @@ void heedNoSignal()
     }
 }
 
-class Pipe
-{
-public:
-    Pipe()
-    {
-        if (pipe2(ends_, O_CLOEXEC) != 0) {
-            throw common::Failure(std::string("cannot make a pipe: ") + std::strerror(errno));
-        }
-    }
-    ~Pipe()
-    {
-        closeEnd(0);
-        closeEnd(1);
-    }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-
-    int reading() const { return ends_[0]; }
-    int writing() const { return ends_[1]; }
-    void closeEnd(int index)
-    {
-        if (ends_[index] >= 0) {
-            close(ends_[index]);
-        }
-        ends_[index] = -1;
-    }
-
-private:
-    int ends_[2] = {-1, -1};
-};
-
 // The turn goes back however the work ends: the parent may be gone.
 struct Settling {
     UpdateTurn& turn;
@@ -68,11 +38,11 @@ struct Settling {
 };
 
 void runInChild(const std::function<void(UpdateLink&)>& work, Telling& telling, UpdateTurn& turn,
-                Pipe& permission, uid_t user)
+                common::Pipe& permission, uid_t user)
 {
-    permission.closeEnd(1); // else our own end would keep us waiting when the parent has ended
+    permission.writing.reset(); // else our own end would keep us waiting when the parent has ended
     heedNoSignal();
-    UpdateLink link(telling, turn, permission.reading());
+    UpdateLink link(telling, turn, permission.reading.get());
     const Settling settling{turn};
     try {
         becomeUser(user);
@@ -101,7 +71,7 @@ private:
 
     uid_t user_;
     UpdateTurn turn_;
-    Pipe permission_;
+    common::Pipe permission_ = common::makePipe();
     Child child_;
     TurnWait wait_;
     common::ProgressLine line_;
@@ -115,7 +85,7 @@ Supervisor::Supervisor(const std::function<void(UpdateLink&)>& work)
              Child::Orphaned::kGoesOn,
              [this](const std::string& line) { sayAboveProgress("fwctl: " + line); })
 {
-    permission_.closeEnd(0);
+    permission_.reading.reset();
 }
 
 void Supervisor::sayAboveProgress(const std::string& line)
@@ -151,7 +121,7 @@ void Supervisor::tryToGiveTurn()
     }
     isTurnWanted_ = false;
     const char byte = 1;
-    const ssize_t written = write(permission_.writing(), &byte, 1);
+    const ssize_t written = write(permission_.writing.get(), &byte, 1);
     static_cast<void>(written); // a child that has ended is noticed anyway, and the turn given back
 }
 

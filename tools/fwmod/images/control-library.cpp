@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "common/entry-points.h"
+#include "common/unique-fd.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/damaged.h"
@@ -24,21 +25,6 @@ constexpr std::string_view kGnuName{ELF_NOTE_GNU, sizeof ELF_NOTE_GNU}; // its t
 
 struct ElfRelease {
     void operator()(Elf* elf) const { elf_end(elf); }
-};
-
-class Descriptor
-{
-public:
-    explicit Descriptor(const std::filesystem::path& path) : number_(open(path.c_str(), O_RDONLY | O_CLOEXEC))
-    {
-    }
-    ~Descriptor() { close(number_); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return number_; }
-
-private:
-    int number_;
 };
 
 bool isExported(const GElf_Sym& symbol)
@@ -157,7 +143,7 @@ bool isElf(const std::filesystem::path& file)
 ControlLibrary readControlLibrary(const std::filesystem::path& file)
 {
     elf_version(EV_CURRENT);
-    const Descriptor descriptor(file);
+    const common::UniqueFd descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
     const std::unique_ptr<Elf, ElfRelease> elf(elf_begin(descriptor.get(), ELF_C_READ, nullptr));
     GElf_Ehdr header;
     if (!elf || elf_kind(elf.get()) != ELF_K_ELF || gelf_getehdr(elf.get(), &header) == nullptr) {

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "common/json-text.h"
+#include "common/unique-fd.h"
 #include "tools/fwmod/check/examiner/black-box.h"
 #include "tools/fwmod/check/examiner/process-state.h"
 #include "tools/fwmod/check/examiner/worker.h"
@@ -30,28 +31,6 @@ namespace fwmod::examiner
 
 namespace
 {
-class Descriptor
-{
-public:
-    explicit Descriptor(int number = -1) : number_(number) {}
-    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept
-    {
-        std::swap(number_, other.number_);
-        return *this;
-    }
-    ~Descriptor()
-    {
-        if (number_ >= 0) {
-            close(number_);
-        }
-    }
-    int get() const { return number_; }
-
-private:
-    int number_;
-};
-
 int check(int result, const char* what)
 {
     if (result < 0) {
@@ -61,9 +40,9 @@ int check(int result, const char* what)
 }
 
 // Its ticks are the PC's, whatever the set's clock does.
-Descriptor makeTicks()
+common::UniqueFd makeTicks()
 {
-    Descriptor ticks(check(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC), "cannot make a timer"));
+    common::UniqueFd ticks(check(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC), "cannot make a timer"));
     const itimerspec every = {{0, 20'000'000}, {0, 20'000'000}};
     check(timerfd_settime(ticks.get(), 0, &every, nullptr), "cannot start a timer");
     return ticks;
@@ -125,8 +104,8 @@ public:
     {
         std::array<int, 2> ends{};
         check(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), "cannot make a channel");
-        own_ = Descriptor(ends[0]);
-        workers_ = Descriptor(ends[1]);
+        own_ = common::UniqueFd(ends[0]);
+        workers_ = common::UniqueFd(ends[1]);
         job_ = &job;
         suspects_ = &suspects;
     }
@@ -151,10 +130,10 @@ private:
     Watch watch_;
     ProcessorDelay delay_; // of the watching itself, during which a write waits
     BlackBox& box_;
-    Descriptor output_;
-    Descriptor ticks_;
-    Descriptor own_;
-    Descriptor workers_;
+    common::UniqueFd output_;
+    common::UniqueFd ticks_;
+    common::UniqueFd own_;
+    common::UniqueFd workers_;
     const Job* job_;
     const std::set<std::string>* suspects_;
 
@@ -192,7 +171,7 @@ void Run::work(const Script& script)
 Session Run::conduct(Machine& machine, const Script& script)
 {
     keeper_ = machine.boot([&] { work(script); }, &box_.status);
-    workers_ = Descriptor();
+    workers_ = common::UniqueFd();
     if (watch_.isOn) {
         writes_ = std::make_unique<vset::WriteWatch>(own_.get());
     }

@@ -1,0 +1,34 @@
+// A pipe between this process and its children: nobody else inherits its ends.
+#ifndef COMMON_PIPE_H
+#define COMMON_PIPE_H
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
+
+#include "common/errors.h"
+#include "common/unique-fd.h"
+
+namespace common
+{
+
+struct Pipe {
+    UniqueFd reading;
+    UniqueFd writing;
+};
+
+// Throws Failure when the system has no descriptors left.
+inline Pipe makePipe()
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        throw Failure(std::string("cannot make a pipe for a child process: ") + std::strerror(errno));
+    }
+    return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+}
+
+} // namespace common
+
+#endif
