@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <regex>
 
 #include "common/version.h"
 #include "common/visible-text.h"
@@ -69,6 +70,26 @@ namespace
 
 constexpr const char* kNotEmpty = "not empty";
 
+// Where a list may stand the parser takes "[a,b]" apart. An end that no argument of a process can have keeps
+// it whole.
+constexpr char kKept = '\0';
+
+std::string kept(std::string argument)
+{
+    if (!argument.empty() && argument.back() == ']') {
+        argument += kKept;
+    }
+    return argument;
+}
+
+std::string asTyped(std::string argument)
+{
+    if (!argument.empty() && argument.back() == kKept) {
+        argument.pop_back();
+    }
+    return argument;
+}
+
 // An empty file name or word is a script's empty variable.
 CLI::Validator notEmpty()
 {
@@ -96,7 +117,8 @@ Option& Option::oneOf(const std::vector<std::string>& words)
     for (const std::string& word : words) {
         list += (list.empty() ? "" : ", ") + word;
     }
-    const auto isOneOfThem = [words, list](const std::string& text) {
+    const auto isOneOfThem = [words, list](const std::string& argument) {
+        const std::string text = asTyped(argument);
         const bool isKnown = std::find(words.begin(), words.end(), text) != words.end();
         return isKnown ? std::string() : inQuotes(text) + " is none of " + list;
     };
@@ -141,7 +163,8 @@ Option declared(CLI::Option* option, const char* word)
 
 Option CommandLine::text(const std::string& names, std::string& value, const std::string& help)
 {
-    CLI::Option* const option = app_->add_option(names, value, help)->check(notEmpty());
+    const auto take = [&value](const std::string& text) { value = asTyped(text); };
+    CLI::Option* const option = app_->add_option_function<std::string>(names, take, help)->check(notEmpty());
     if (!value.empty()) {
         option->default_str(value);
     }
@@ -150,7 +173,12 @@ Option CommandLine::text(const std::string& names, std::string& value, const std
 
 Option CommandLine::texts(const std::string& names, std::vector<std::string>& values, const std::string& help)
 {
-    CLI::Option* const option = app_->add_option(names, values, help)->check(notEmpty());
+    const auto take = [&values](const std::vector<std::string>& texts) {
+        values.clear();
+        std::transform(texts.begin(), texts.end(), std::back_inserter(values), asTyped);
+    };
+    CLI::Option* const option =
+        app_->add_option_function<std::vector<std::string>>(names, take, help)->check(notEmpty());
     if (!option->get_positional()) {
         option->allow_extra_args(false);
     }
@@ -159,13 +187,13 @@ Option CommandLine::texts(const std::string& names, std::vector<std::string>& va
 
 Option CommandLine::path(const std::string& names, std::filesystem::path& value, const std::string& help)
 {
-    const auto take = [&value](const std::string& text) { value = text; };
+    const auto take = [&value](const std::string& text) { value = asTyped(text); };
     return declared(app_->add_option_function<std::string>(names, take, help)->check(notEmpty()), "PATH");
 }
 
 Option CommandLine::flag(const std::string& names, bool& value, const std::string& help)
 {
-    return Option(app_->add_flag(names, value, help));
+    return Option(app_->add_flag(names, value, help)->disable_flag_override());
 }
 
 namespace
@@ -184,7 +212,7 @@ Option CommandLine::addNumber(const std::string& names, const std::string& help,
 {
     const auto take = [store = std::move(store), name = lastName(names)](const std::string& text) {
         try {
-            store(text);
+            store(asTyped(text));
         } catch (const WrongUse& error) {
             throw CLI::ValidationError(name, error.what());
         }
@@ -296,35 +324,67 @@ int CommandLine::tellWrongUse(const std::string& problem) const
 namespace
 {
 
+// The parser's own sentences, and what a person needs to read instead. They hold names of options, and
+// nothing typed.
+struct Wording {
+    std::regex sentence;
+    const char* plain;
+};
+
+std::string inPlainWords(const std::string& sentence)
+{
+    static const Wording kWordings[] = {
+        {std::regex("(.*) was given a disallowed flag override"), "--$1 takes no value"},
+        {std::regex("(.*): [0-9]+ required .*missing"), "$1: a value is missing"},
+        {std::regex("(.*): At Most 1 required but received [0-9]+"), "$1 is given more than once"},
+        {std::regex("(?:Exactly|At least) 1 option from \\[(.*)\\] is required"), "one of $1 is required"},
+        {std::regex(".* from \\[(.*)\\].*"), "only one of $1 can be given"},
+        {std::regex("(.*) excludes (.*)"), "$1 and $2 cannot be given together"},
+        {std::regex("(.*) requires (.*)"), "$1 needs $2 as well"},
+    };
+    for (const Wording& wording : kWordings) {
+        if (std::regex_match(sentence, wording.sentence)) {
+            std::string plain = std::regex_replace(sentence, wording.sentence, wording.plain);
+            replaceAll(plain, ",", ", ");
+            return plain;
+        }
+    }
+    return sentence;
+}
+
 std::string unexpected(const std::vector<std::string>& extras, bool hasCommands)
 {
-    const std::string word = extras.empty() ? "" : extras.front();
-    if (word.rfind('-', 0) == 0) {
+    const std::string word = extras.empty() ? "" : asTyped(extras.front());
+    if (word.rfind('-', 0) == 0 && word != "--") {
         return "there is no option " + inQuotes(word);
     }
-    return hasCommands ? "there is no command " + inQuotes(word) : inQuotes(word) + " was not expected";
+    return hasCommands && word != "--" ? "there is no command " + inQuotes(word)
+                                       : inQuotes(word) + " was not expected";
 }
 
 } // namespace
 
 int CommandLine::parseAndRun(int argc, char** argv)
 {
+    std::vector<std::string> arguments;
+    for (int index = argc - 1; index > 0; --index) { // it takes them from the end
+        arguments.push_back(kept(argv[index]));
+    }
     try {
-        app_->parse(argc, argv);
+        app_->parse(std::move(arguments));
     } catch (const CLI::ExtrasError&) {
         return tellWrongUse(unexpected(app_->remaining(true), !chosen().commands_.empty()));
-    } catch (const CLI::ArgumentMismatch& error) {
-        const std::string text = error.what();
-        const bool isFlag = text.find("flag override") != std::string::npos;
-        return tellWrongUse(isFlag ? "--" + text.substr(0, text.find(' ')) + " takes no value" : text);
     } catch (const CLI::Success& wish) {
         return app_->exit(wish); // --help
     } catch (const CLI::RequiredError& error) {
         // What was taken for an option, such as "-nan", may be the very thing that is missed.
         const std::vector<std::string> extras = app_->remaining(true);
-        return tellWrongUse(extras.empty() ? error.what() : unexpected(extras, !chosen().commands_.empty()));
+        return tellWrongUse(extras.empty() ? inPlainWords(error.what())
+                                           : unexpected(extras, !chosen().commands_.empty()));
+    } catch (const CLI::ValidationError& error) {
+        return tellWrongUse(error.what()); // what was typed is in it
     } catch (const CLI::ParseError& error) {
-        return tellWrongUse(error.what());
+        return tellWrongUse(inPlainWords(error.what()));
     }
     const CommandLine& command = chosen();
     if (!command.run_) {

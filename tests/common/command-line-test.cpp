@@ -8,6 +8,7 @@
 namespace
 {
 
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
@@ -37,7 +38,7 @@ void declare(common::CommandLine& program, Typed& typed)
     play.number("-n,--count", typed.count, common::Range<unsigned int>{1, 250}, "How many");
     const common::Option offset = play.number("--offset", typed.offset, common::Range<int>{-10, 10}, "Where");
     play.flag("--loud", typed.isLoud, "Loudly").excludes(offset);
-    play.texts("REST", typed.rest, "The rest");
+    play.texts("REST", typed.rest, "The rest").mayBeEmpty();
     play.onRun([&typed] { typed.ran = "play"; });
     common::CommandLine& stop = program.command("stop", "Stops");
     stop.onRun([&typed]() -> int {
@@ -49,6 +50,16 @@ void declare(common::CommandLine& program, Typed& typed)
     open.text("--title", typed.tune, "A title").mayBeEmpty();
     open.onRun(
         [&typed] { throw std::runtime_error("cannot open " + typed.file.string() + ": no such file"); });
+    common::CommandLine& either = program.command("either", "One of two");
+    common::CommandLine& two = either.group(common::CommandLine::Choice::kExactlyOne, "two", "The two");
+    two.text("--one", typed.tune, "One");
+    two.text("--other", typed.word, "The other");
+    either.onRun([&typed] { typed.ran = "either"; });
+    common::CommandLine& perhaps = program.command("perhaps", "One of two, or none");
+    common::CommandLine& some = perhaps.group(common::CommandLine::Choice::kAtMostOne, "some", "Some");
+    some.flag("--this", typed.isLoud, "This");
+    some.text("--that", typed.word, "That");
+    perhaps.onRun([&typed] { typed.ran = "perhaps"; });
     common::CommandLine& choose = program.command("choose", "Chooses");
     choose.command("left", "Left").onRun([&typed] { typed.ran = "left"; });
 }
@@ -184,7 +195,8 @@ TEST(CommandLine, ShowsWhatSteersATerminal)
 TEST(CommandLine, TellsWhatIsMissingOrContradicts)
 {
     EXPECT_EQ(type({"play"}).errors, "player: WORD is required\n\"player play --help\" says more.\n");
-    EXPECT_THAT(type({"play", "x", "--loud", "--offset", "1"}).errors, HasSubstr("excludes"));
+    EXPECT_THAT(type({"play", "x", "--loud", "--offset", "1"}).errors,
+                HasSubstr("--offset and --loud cannot be given together"));
     EXPECT_EQ(type({}).errors, "player: a command is missing\n\"player --help\" says more.\n");
 }
 
@@ -230,6 +242,47 @@ TEST(CommandLine, EndsWithTheStatusOfTheFailure)
     EXPECT_EQ(typed.ran, "stop");
     EXPECT_EQ(typed.status, 7);
     EXPECT_EQ(typed.errors, "player: it cannot be stopped\n");
+}
+
+struct Wrong {
+    std::vector<std::string> words;
+    const char* answer;
+};
+
+// None of these sentences is the parser's.
+TEST(CommandLine, ThatIsWrongIsAnsweredInPlainWords)
+{
+    const Wrong kWrongs[] = {
+        {{"play", "x", "--tune"}, "player: --tune: a value is missing"},
+        {{"play", "x", "--count"}, "player: --count: a value is missing"},
+        {{"play", "x", "--tune", "a", "--tune", "b"}, "player: --tune is given more than once"},
+        {{"play", "x", "--loud=maybe"}, "player: --loud takes no value"},
+        {{"play", "x", "--loud=no"}, "player: --loud takes no value"},
+        {{"play"}, "player: WORD is required"},
+        {{"either"}, "player: one of --one, --other is required"},
+        {{"either", "--one", "a", "--other", "b"}, "player: only one of --one, --other can be given"},
+        {{"perhaps", "--this", "--that", "b"}, "player: only one of --this, --that can be given"},
+        {{"stop", "--", "now"}, "player: \"now\" was not expected"},
+        {{"--", "play"}, "player: \"--\" was not expected"},
+    };
+    for (const Wrong& wrong : kWrongs) {
+        const Typed typed = type(wrong.words);
+        EXPECT_EQ(typed.status, 2);
+        EXPECT_EQ(typed.errors.substr(0, typed.errors.find('\n')), wrong.answer);
+    }
+}
+
+// The parser would make two words of the first, and nothing of the second.
+TEST(CommandLine, BracketsAreLettersLikeOthers)
+{
+    const Typed typed = type({"play", "[a,b]", "--tune", "[c]", "--", "[d,e]", "[]", "[ -e x ]", "f]", ""});
+    EXPECT_EQ(typed.word, "[a,b]");
+    EXPECT_EQ(typed.tune, "[c]");
+    EXPECT_THAT(typed.rest, ElementsAre("[d,e]", "[]", "[ -e x ]", "f]", ""));
+    EXPECT_EQ(type({"play", "x", "--tune=[c,d]"}).tune, "[c,d]");
+    EXPECT_EQ(type({"open", "[a]"}).errors, "player: cannot open [a]: no such file\n");
+    EXPECT_THAT(type({"[a,b]"}).errors, HasSubstr("there is no command \"[a,b]\"\n"));
+    EXPECT_THAT(type({"play", "x", "--count", "[2]"}).errors, HasSubstr("\"[2]\" is not a whole number"));
 }
 
 } // namespace

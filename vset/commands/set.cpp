@@ -87,7 +87,8 @@ void defineRun(common::CommandLine& command)
                    "Set seconds per second of the PC");
     command.number("--cut-power-at-write", options.cutAtWrite, kWrites,
                    "Cut the power when the daemon (or CMD) is about to write to hardware for the N-th time");
-    command.texts("CMD", options.command, "After --: a command; the set lives as long as it does");
+    command.texts("CMD", options.command, "After --: a command; the set lives as long as it does")
+        .mayBeEmpty(); // an argument of it, that is
     command.footer(
         "Without CMD the set is a television: the daemon runs, and reboots and power-offs are carried out.\n"
         "With CMD they are only recorded, and the daemon is the command's to start.");
@@ -102,7 +103,7 @@ void defineExec(common::CommandLine& command)
     };
     const auto options = std::make_shared<Options>();
     takeSet(command, options->set);
-    command.texts("CMD", options->words, "After --: the command").required();
+    command.texts("CMD", options->words, "After --: the command").required().mayBeEmpty();
     command.onRun([options] { executeInSet(options->set, options->words); });
 }
 

@@ -732,7 +732,7 @@ void executeCommand(const std::vector<std::string>& command)
     execvp(arguments[0], arguments.data());
     const int error = errno;
     const bool missing = error == ENOENT;
-    note("cannot run " + command[0] + ": " + std::strerror(error) +
+    note("cannot run " + common::shortened(command[0]) + ": " + std::strerror(error) +
          (missing ? " (in the set; a directory of the PC is made visible with -b)" : ""));
     _exit(missing ? 127 : 126);
 }
