@@ -6,9 +6,9 @@
 namespace common
 {
 
-// Enough descriptors (a lower soft limit is raised), address space and threads for a program that uses the
-// bus and starts others. Throws Failure, which names the limit (as the shell's ulimit does), when there is
-// less. Any thread may call it; a process is started for it, and has ended.
+// Enough descriptors (a lower soft limit is raised), address space, stack and threads for a program that uses
+// the bus and starts others. Throws Failure, which names the limit (as the shell's ulimit does), when there
+// is less. Any thread may call it; a process is started for it, and has ended.
 void requireRoom();
 
 } // namespace common

@@ -1,6 +1,8 @@
 // A program that is given less than it needs.
+#include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -67,6 +69,21 @@ TEST(Room, TooLittleMemoryIsTold)
     const rlim_t little = rlim_t{50} << 20;
     EXPECT_THAT(complaintWith(RLIMIT_AS, {little, little}),
                 HasSubstr("only 51200 KiB of memory here: raise"));
+}
+
+TEST(Room, TooLittleStackIsTold)
+{
+    EXPECT_EQ(complaintWith(RLIMIT_STACK, {64 << 10, 64 << 10}),
+              "a thread may have only 64 KiB of stack here: raise the limit (ulimit -s 512), and try again");
+}
+
+// It says nothing of the limits.
+TEST(Room, AKilledTrialIsNotBlamedOnALimit)
+{
+    static bool isKilled = true;
+    pthread_atfork(nullptr, nullptr, [] { isKilled ? std::raise(SIGKILL) : 0; });
+    EXPECT_NO_THROW(common::requireRoom());
+    isKilled = false;
 }
 
 TEST(Room, TooFewProcessesAreTold)

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/room.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/interruption.h"
 
@@ -59,6 +60,7 @@ int run(int argc, char** argv)
     for (const common::Command& command : kCommands) {
         command.define(program.command(command.name, command.summary));
     }
+    program.beforeRun(common::requireRoom);
     try {
         return program.main(argc, argv);
     } catch (const Interrupted& interruption) {
