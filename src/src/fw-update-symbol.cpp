@@ -82,6 +82,13 @@ bool bindEntryPoints(void* handle, SYMFunction& functions)
     return true;
 }
 
+// The loader would wait for a writer, and the service with it.
+bool isPipe(const char* path)
+{
+    struct stat file = {};
+    return stat(path, &file) == 0 && S_ISFIFO(file.st_mode);
+}
+
 } // namespace
 
 bool isExternalName(const std::string& name)
@@ -113,9 +120,10 @@ int FWUpdateSymbol::loadSymbol(const std::string& libraryName)
         return -1;
     }
     libName = libraryName;
-    handle = dlopen(resolved.get(), RTLD_NOW);
+    const bool isWaitedFor = isPipe(resolved.get());
+    handle = isWaitedFor ? nullptr : dlopen(resolved.get(), RTLD_NOW);
     if (handle == nullptr) {
-        const char* const error = dlerror();
+        const char* const error = isWaitedFor ? "not a regular file" : dlerror();
         FWLOG_NORLOG(FWLOG_ERROR, "Error: dlsym libfile: %s error: %s\n", path.c_str(), error);
         // The loader tells its error once, and the platform log has had it.
         TRACE_RECORD(FWLOG_ERROR, "Error: dlsym libfile: %s error: %s\n", path.c_str(), "");

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <sys/stat.h>
 #include <thread>
 #include <type_traits>
 
@@ -488,6 +489,16 @@ TEST_F(FWUpdateSymbolRefused, ADirectoryIsLogged)
     EXPECT_EQ(module.loadSymbol("tuner"), -1);
     ASSERT_THAT(platform.log(), SizeIs(2));
     EXPECT_THAT(platform.log().at(0).text, testing::StartsWith("Error: dlsym libfile: " + path + " error: "));
+}
+
+// Nobody ever writes into it.
+TEST_F(FWUpdateSymbolRefused, APipeIsNotWaitedFor)
+{
+    const std::string path = std::string(set::kControls) + "/tuner.so";
+    ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+    FWUpdateSymbol module("tuner");
+    EXPECT_EQ(module.loadSymbol("tuner"), -1);
+    EXPECT_EQ(platform.log().at(0).text, "Error: dlsym libfile: " + path + " error: not a regular file\n");
 }
 
 TEST_F(FWUpdateSymbolRefused, ALibraryThatCallsWhatNobodyHasIsRefusedAtOnce)
