@@ -168,7 +168,14 @@ Texts leavesNoMount(const Story& story, const Trace& trace)
     return texts;
 }
 
-// The check that stands before a write; empty: it does.
+// The failure that the call on that line was met with; empty: none.
+std::string failureOf(const Trace& trace, long at)
+{
+    const std::string before = at > 0 ? trace[static_cast<size_t>(at) - 1] : "";
+    return startsWith(before, "fails: ") ? before : "";
+}
+
+// What is missing of the check that stands before a write; empty: nothing.
 std::string missingCheck(const Trace& trace, long write, const std::string& module, const std::string& image)
 {
     const long asked = lastBefore(trace, write, module + " checkVersion(");
@@ -176,14 +183,14 @@ std::string missingCheck(const Trace& trace, long write, const std::string& modu
     if (asked < 0 || told < 0) {
         return "its library was not asked before";
     }
-    if (asked > 0 && startsWith(trace[static_cast<size_t>(asked) - 1], "fails: checkVersion") &&
-        !has(trace[static_cast<size_t>(asked) - 1], "verdict=2")) {
+    const bool isStick = image.empty(); // whose library may refuse the context
+    if (!isStick && has(failureOf(trace, told), "setContext")) {
+        return "its library had refused the context";
+    }
+    if (has(failureOf(trace, asked), "checkVersion") && !has(failureOf(trace, asked), "verdict=2")) {
         return "its library had not agreed";
     }
-    if (!isAnyBetween(trace, asked, write, image)) {
-        return "its image was not checked";
-    }
-    return "";
+    return isAnyBetween(trace, asked, write, image) ? "" : "its image was not checked";
 }
 
 // `MODULE doUpdate("PATH", SUM)`, or the content of an encrypted image.
