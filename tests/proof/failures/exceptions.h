@@ -13,9 +13,10 @@ namespace proof
 
 struct Exception {
     const char* invariant;
-    const char* text;  // of the breach, in part
-    const char* call;  // which has failed, at least once
-    const char* story; // null: in any
+    const char* text;   // of the breach, in part
+    const char* call;   // which has failed, at least once
+    const char* beside; // and which has failed as well; null: none
+    const char* story;  // null: in any
     const char* reason;
 };
 const std::vector<Exception>& exceptions();
