@@ -301,15 +301,14 @@ void defineStory(common::CommandLine& command)
     command.number("--boot", options->boot, kBoots, "From the N-th boot on since the set was switched on")
         .called("N");
     command.text("--after", options->after, "Leave out what came until the daemon said this").called("TEXT");
-    command.footer(
-        "Seconds are the set's own, counted from the start of the daemon.\n"
-        "For the messages themselves see `vset log`.\n"
-        "Exit status with --until and --until-end: 1 when the daemon ended in another way, or its set "
-        "did, before that.\n"
-        "Examples:\n"
-        "  vset story /tmp/tv -f\n"
-        "  vset story /tmp/tv --boot 2 --until \"update start\"\n"
-        "  vset story /tmp/tv --boot 2 --after \"update start\" --until-end");
+    command.footer("Seconds are the set's own, counted from the start of the daemon.\n"
+                   "For the messages themselves see `vset log`.\n"
+                   "Exit status with --until and --until-end: "
+                   "1 when the daemon ended in another way, or its set did, before that.\n"
+                   "Examples:\n"
+                   "  vset story /tmp/tv -f\n"
+                   "  vset story /tmp/tv --boot 2 --until \"update start\"\n"
+                   "  vset story /tmp/tv --boot 2 --after \"update start\" --until-end");
     command.onRun([options] { tellStory(*options); });
 }
 

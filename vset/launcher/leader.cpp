@@ -216,9 +216,8 @@ void checkRootless(const RunOptions& options, bool rootless)
     }
     const bool complete = access("/usr/bin/squashfuse", X_OK) == 0 && access("/dev/fuse", R_OK | W_OK) == 0;
     if (!complete) {
-        note("images cannot be mounted in this set: install squashfuse and fuse3, and make /dev/fuse "
-             "accessible "
-             "(chmod 0666 /dev/fuse), or run it as root");
+        note("images cannot be mounted in this set: install squashfuse and fuse3, "
+             "and make /dev/fuse accessible (chmod 0666 /dev/fuse), or run it as root");
     }
 }
 

@@ -484,15 +484,14 @@ void defineDoctor(common::CommandLine& command)
     };
     auto options = std::make_shared<Options>();
     command.flag("--fix", options->fix,
-                 "Mend what is safe: unmount what nobody uses, give back a turn to update that "
-                 "nobody\nhas, remove a list without a daemon, make missing directories");
+                 "Mend what is safe: unmount what nobody uses, give back a turn to update that nobody\n"
+                 "has, remove a list without a daemon, make missing directories");
     command.flag("--json", options->json, "For a program: one JSON array");
-    command.footer(
-        "Without --fix it changes nothing. Exit status: 0 nothing found, or all of it mended; 5 something "
-        "is left.\n"
-        "Examples:\n"
-        "  fwctl doctor\n"
-        "  fwctl doctor --fix");
+    command.footer("Without --fix it changes nothing. "
+                   "Exit status: 0 nothing found, or all of it mended; 5 something is left.\n"
+                   "Examples:\n"
+                   "  fwctl doctor\n"
+                   "  fwctl doctor --fix");
     command.onRun([options] { return doctor(options->fix, options->json); });
 }
 

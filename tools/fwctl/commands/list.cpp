@@ -159,8 +159,8 @@ void defineList(common::CommandLine& command)
     command.flag("--json", *json, "For a program: one JSON array");
     command.footer(
         "Changes nothing on the set: nothing is mounted, written or logged.\n"
-        "PACKAGE and SYSTEM are the versions offered by the package and by the system image; a line below "
-        "says\n"
+        "PACKAGE and SYSTEM are the versions offered by the package and by the system image; "
+        "a line below says\n"
         "what keeps a pending module from being updated now. Exit status: 0, also with broken modules.\n"
         "Examples:\n"
         "  fwctl list\n"

@@ -248,10 +248,10 @@ void defineUpdate(common::CommandLine& command)
     command.flag("--json", options->json, "For a program: one JSON array");
     command.flag("-v,--verbose", options->verbose, "Show the daemon's messages on standard error");
     command.footer(
-        "Waits while another program updates, and says which. Ctrl-C ends the waiting (status 130), but not "
-        "an\n"
-        "update that has begun. --all takes packages only, like the daemon's own run. Needs root or the "
-        "daemon's\n"
+        "Waits while another program updates, and says which. "
+        "Ctrl-C ends the waiting (status 130), but not an\n"
+        "update that has begun. --all takes packages only, like the daemon's own run. "
+        "Needs root or the daemon's\n"
         "user. Exit status: 0 updated, 3 nothing newer, 1 failed, 4 no such module, 6 updated late.\n"
         "Examples:\n"
         "  fwctl update tuner\n"

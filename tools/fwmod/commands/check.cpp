@@ -91,8 +91,8 @@ void defineCheck(common::CommandLine& command)
     command.flag("--list-findings", options->listFindings, "Print what can be found, with cause and cure");
     command.footer(
         "The library is called as the daemon does, in a virtual set that is gone afterwards: questions,\n"
-        "an update, updates that must be refused, and updates whose power is cut. No privileges are "
-        "needed.\n"
+        "an update, updates that must be refused, and updates whose power is cut. "
+        "No privileges are needed.\n"
         "Exit status: 0 no error was found (there may be warnings), 1 errors, or it could not be checked,\n"
         "2 wrong use.\n"
         "Examples:\n"

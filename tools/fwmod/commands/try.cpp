@@ -628,7 +628,7 @@ void Trial::failUncut()
             "not cut (stores into mapped memory are not seen)");
     }
     throw common::Failure("the update made only " + std::to_string(writes) +
-                          " writes to hardware, so the power was " + "not cut at write " + asked +
+                          " writes to hardware, so the power was not cut at write " + asked +
                           ": choose one from 1 to " + std::to_string(writes));
 }
 
