@@ -18,6 +18,10 @@ struct GlibDeleter {
     void operator()(char* text) const { g_free(text); }
     void operator()(char** texts) const { g_strfreev(texts); }
     void operator()(GDBusConnection* connection) const { g_object_unref(connection); }
+    void operator()(GSocket* socket) const { g_object_unref(socket); }
+    void operator()(GSocketConnection* connection) const { g_object_unref(connection); }
+    void operator()(GCancellable* cancellable) const { g_object_unref(cancellable); }
+    void operator()(GDateTime* time) const { g_date_time_unref(time); }
     void operator()(GDBusMethodInvocation* invocation) const { g_object_unref(invocation); }
 };
 

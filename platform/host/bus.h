@@ -5,23 +5,17 @@
 #ifndef PLATFORM_HOST_BUS_H
 #define PLATFORM_HOST_BUS_H
 
-#include <gio/gio.h>
-#include <memory>
 #include <string>
+
+#include "common/glib-pointers.h"
 
 namespace platform
 {
 
 inline constexpr int kFailure = -1;
 
-struct Unref {
-    void operator()(GVariant* variant) const { g_variant_unref(variant); }
-    void operator()(gpointer object) const { g_object_unref(object); }
-    void operator()(GError* error) const { g_error_free(error); }
-};
-
-using Variant = std::unique_ptr<GVariant, Unref>;
-using Connection = std::unique_ptr<GDBusConnection, Unref>;
+using Variant = common::GlibPointer<GVariant>;
+using Connection = common::GlibPointer<GDBusConnection>;
 
 // A service of the set: its name, object and interface on the bus.
 struct Service {

@@ -80,19 +80,19 @@ private:
 
     void countDown()
     {
-        for (GCancellable* late : takeLate()) {
-            g_cancellable_cancel(late); // outside the lock: the call may end, and remove itself, at once
-            g_object_unref(late);
+        for (const common::GlibPointer<GCancellable>& late : takeLate()) {
+            g_cancellable_cancel(
+                late.get()); // outside the lock: the call may end, and remove itself, at once
         }
     }
 
-    std::vector<GCancellable*> takeLate()
+    std::vector<common::GlibPointer<GCancellable>> takeLate()
     {
-        std::vector<GCancellable*> late;
+        std::vector<common::GlibPointer<GCancellable>> late;
         const std::lock_guard<std::mutex> lock(mutex_);
         for (Deadline* deadline : waiting_) {
             if (--deadline->ticksLeft_ == 0) {
-                late.push_back(G_CANCELLABLE(g_object_ref(deadline->cancellable_)));
+                late.emplace_back(G_CANCELLABLE(g_object_ref(deadline->cancellable())));
             }
         }
         return late;
@@ -111,7 +111,6 @@ Deadline::Deadline() : cancellable_(g_cancellable_new()), ticksLeft_(kTicksOfACa
 Deadline::~Deadline()
 {
     Ticker::instance().remove(this);
-    g_object_unref(cancellable_);
 }
 
 } // namespace platform

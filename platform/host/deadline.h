@@ -6,7 +6,7 @@
 #ifndef PLATFORM_HOST_DEADLINE_H
 #define PLATFORM_HOST_DEADLINE_H
 
-#include <gio/gio.h>
+#include "common/glib-pointers.h"
 
 namespace platform
 {
@@ -20,12 +20,12 @@ public:
     Deadline& operator=(const Deadline&) = delete;
 
     // Cancelled when the time is over. Owned by this object.
-    GCancellable* cancellable() const { return cancellable_; }
+    GCancellable* cancellable() const { return cancellable_.get(); }
 
 private:
     friend class Ticker;
 
-    GCancellable* cancellable_;
+    common::GlibPointer<GCancellable> cancellable_;
     int ticksLeft_;
 };
 

@@ -2,10 +2,11 @@
 #ifndef TESTS_SUPPORT_RUN_PROGRAM_H
 #define TESTS_SUPPORT_RUN_PROGRAM_H
 
-#include <gio/gio.h>
 #include <string>
 #include <sys/wait.h>
 #include <vector>
+
+#include "common/glib-pointers.h"
 
 struct Outcome {
     int status = -1; // as a shell tells it: 128 + signal when one ended it; -1 when it could not be started
@@ -20,9 +21,8 @@ inline int shellStatus(int waitStatus)
 
 inline std::string takeText(char* text)
 {
-    std::string taken = text != nullptr ? text : "";
-    g_free(text);
-    return taken;
+    const common::GlibPointer<char> owned(text);
+    return owned ? owned.get() : "";
 }
 
 // In this process's own directory when none is given.

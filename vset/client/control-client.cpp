@@ -144,10 +144,6 @@ void authenticate(int bus, const std::string& whereabouts)
     sendAll(bus, "BEGIN\r\n"sv, whereabouts);
 }
 
-struct Unref {
-    void operator()(gpointer object) const { g_object_unref(object); }
-};
-
 } // namespace
 
 ControlClient ControlClient::ofSet(const std::string& set, std::chrono::milliseconds longest)
@@ -182,12 +178,12 @@ ControlClient::ControlClient(const std::string& socketPath, const std::string& w
     common::UniqueFd bus(connectSocket(socketPath, whereabouts, longest));
     authenticate(bus.get(), whereabouts);
     common::ErrorSlot error;
-    const std::unique_ptr<GSocket, Unref> socket(g_socket_new_from_fd(bus.get(), error.address()));
+    const common::GlibPointer<GSocket> socket(g_socket_new_from_fd(bus.get(), error.address()));
     if (socket == nullptr) {
         failToReach(whereabouts, error.text());
     }
     bus.release(); // the socket's from here on
-    const std::unique_ptr<GSocketConnection, Unref> stream(
+    const common::GlibPointer<GSocketConnection> stream(
         g_socket_connection_factory_create_connection(socket.get()));
     bus_.reset(g_dbus_connection_new_sync(G_IO_STREAM(stream.get()), nullptr,
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION, nullptr, nullptr,

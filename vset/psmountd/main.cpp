@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "common/command-line.h"
+#include "common/glib-pointers.h"
 #include "common/visible-text.h"
 #include "vset/psmountd/mount-service.h"
 
@@ -168,21 +169,21 @@ bool publish(GDBusConnection* bus, Server& server)
 
 int serve(Server& server)
 {
-    GError* error = nullptr;
-    GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+    common::ErrorSlot error;
+    const common::GlibPointer<GDBusConnection> bus(
+        g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.address()));
     if (bus == nullptr) {
-        std::fprintf(stderr, "psmountd: there is no system bus: %s\n", error->message);
-        g_error_free(error);
+        std::fprintf(stderr, "psmountd: there is no system bus: %s\n", error.text().c_str());
         return EXIT_FAILURE;
     }
-    g_dbus_connection_set_exit_on_close(bus, FALSE);
+    g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
     server.loop = g_main_loop_new(nullptr, FALSE);
-    if (!publish(bus, server)) {
+    if (!publish(bus.get(), server)) {
         std::fputs("psmountd: cannot publish the service\n", stderr);
         return EXIT_FAILURE;
     }
-    g_bus_own_name_on_connection(bus, kName, G_BUS_NAME_OWNER_FLAGS_NONE, onNameAcquired, onNameLost, &server,
-                                 nullptr);
+    g_bus_own_name_on_connection(bus.get(), kName, G_BUS_NAME_OWNER_FLAGS_NONE, onNameAcquired, onNameLost,
+                                 &server, nullptr);
     g_main_loop_run(server.loop);
     return server.nameLost ? EXIT_FAILURE : EXIT_SUCCESS;
 }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "common/command-line.h"
+#include "common/glib-pointers.h"
 #include "common/json-text.h"
 #include "common/visible-text.h"
 #include "norlog.h"
@@ -63,11 +64,6 @@ public:
         : options_(options), offer_(extrasOf(options)), loop_(g_main_loop_new(nullptr, FALSE))
     {
     }
-    ~Application()
-    {
-        g_main_loop_unref(loop_);
-        g_clear_object(&bus_);
-    }
     Application(const Application&) = delete;
     Application& operator=(const Application&) = delete;
 
@@ -84,22 +80,20 @@ public:
         if (options_.behaviour != "interactive" && options_.behaviour != "ignore") {
             g_timeout_add(options_.after, onOwnClick, this);
         }
-        g_main_loop_run(loop_);
+        g_main_loop_run(loop_.get());
     }
 
 private:
     void connect()
     {
-        GError* error = nullptr;
-        bus_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+        common::ErrorSlot error;
+        bus_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.address()));
         if (bus_ == nullptr) {
-            const std::string text = error->message;
-            g_error_free(error);
-            throw std::runtime_error("there is no system bus: " + text);
+            throw std::runtime_error("there is no system bus: " + error.text());
         }
-        g_dbus_connection_signal_subscribe(bus_, vset::kPlatformName, vset::kConsoleInterface, "ScreenInput",
-                                           vset::kPlatformPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onInput,
-                                           this, nullptr);
+        g_dbus_connection_signal_subscribe(bus_.get(), vset::kPlatformName, vset::kConsoleInterface,
+                                           "ScreenInput", vset::kPlatformPath, nullptr,
+                                           G_DBUS_SIGNAL_FLAGS_NONE, onInput, this, nullptr);
     }
 
     void show()
@@ -107,7 +101,7 @@ private:
         say(kInfo, offer_.line());
         draw();
         if (offer_.view() == upgradeUI::View::Closed) {
-            g_main_loop_quit(loop_);
+            g_main_loop_quit(loop_.get());
         }
         const bool isAutomatic = options_.behaviour == "accept" || options_.behaviour == "close" ||
                                  options_.behaviour == "decline";
@@ -120,10 +114,10 @@ private:
     {
         const std::string json = common::compactJson(offer_.screen());
         // Without a screen the UI still does its part.
-        g_dbus_connection_call(bus_, vset::kPlatformName, vset::kPlatformPath, vset::kConsoleInterface,
+        g_dbus_connection_call(bus_.get(), vset::kPlatformName, vset::kPlatformPath, vset::kConsoleInterface,
                                "UpdateScreen", g_variant_new("(s)", json.c_str()), nullptr,
                                G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
-        g_dbus_connection_flush_sync(bus_, nullptr, nullptr);
+        g_dbus_connection_flush_sync(bus_.get(), nullptr, nullptr);
     }
 
     void click(const std::string& button)
@@ -185,8 +179,8 @@ private:
 
     Options options_;
     upgradeUI::Offer offer_;
-    GMainLoop* loop_;
-    GDBusConnection* bus_ = nullptr;
+    common::GlibPointer<GMainLoop> loop_;
+    common::GlibPointer<GDBusConnection> bus_;
 };
 
 } // namespace

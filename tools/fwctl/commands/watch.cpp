@@ -55,12 +55,8 @@ private:
 
 std::string timeOfDay()
 {
-    GDateTime* const now = g_date_time_new_now_local();
-    char* const text = g_date_time_format(now, "%H:%M:%S");
-    const std::string copy = text;
-    g_free(text);
-    g_date_time_unref(now);
-    return copy;
+    const common::GlibPointer<GDateTime> now(g_date_time_new_now_local());
+    return common::GlibPointer<char>(g_date_time_format(now.get(), "%H:%M:%S")).get();
 }
 
 // ---- What the platform's headers offer ----
