@@ -87,10 +87,8 @@ export class Television {
       stream.on("data", (data) => { this.output += data; });
     }
     this.ended = new Promise((resolve) => this.process.on("exit", resolve));
-    this.url = await waitFor("the console's address", () => {
-      if (this.process.exitCode !== null) throw new Error(`the set ended: ${this.output}`);
-      return this.output.match(/^console: (http:\S+)$/m)?.[1];
-    });
+    this.vset("wait", this.set, "on", "--limit", String(kPatience / 1000));
+    this.url = this.vset("console", this.set).trim();
     return this.url;
   }
 
