@@ -63,7 +63,8 @@ std::optional<int> FakePlatform::enter(const std::string& function, const std::s
         state.calls.push_back(function + "(" + arguments + ")");
         const auto known = state.actions.find(function);
         action = known != state.actions.end() ? known->second : nullptr;
-        for (const std::string& script : {function + ":" + key, function}) {
+        const std::string scriptOfKey = function + ":" + key;
+        for (const std::string& script : {scriptOfKey, function}) {
             const auto answers = state.answers.find(script);
             if (scripted || answers == state.answers.end()) {
                 continue;

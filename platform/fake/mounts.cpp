@@ -161,7 +161,7 @@ namespace
 MountRequest commandRequest(MountOperation operation, const char* command, int length, int flags, int result)
 {
     const std::string buffer(command, static_cast<size_t>(length));
-    return {operation, buffer.c_str(), buffer, length, flags, result};
+    return {operation, buffer.substr(0, buffer.find('\0')), buffer, length, flags, result};
 }
 
 } // namespace
