@@ -82,7 +82,7 @@ private:
             text << "fault " << textOf(fault) << '\n';
         }
         std::vector<Breach> breaches = breachesIn(story, trace);
-        if (isToldAllTheSame(trace)) {
+        if (isToldAllTheSame(story, trace)) {
             const std::vector<Breach> missed = missedMilestones(story, trace);
             breaches.insert(breaches.end(), missed.begin(), missed.end());
         }

@@ -321,8 +321,9 @@ std::vector<Breach> breachesIn(const Story& story, const Trace& trace)
     return breaches;
 }
 
-bool isToldAllTheSame(const Trace& trace)
+bool isToldAllTheSame(const Story& story, const Trace& trace)
 {
+    const bool hasNextStandby = std::count(story.events.begin(), story.events.end(), "power:0>2") > 1;
     constexpr const char* kMadeGood[] = {"pthread_create",
                                          "sem_wait#1=EINTR",
                                          "sem_wait#2=EINTR",
@@ -341,10 +342,8 @@ bool isToldAllTheSame(const Trace& trace)
             return startsWith(trace[at], std::string("fails: ") + call);
         };
         const std::string before = at > 0 ? trace[at - 1] : "";
-        const bool isWorker = before == "sem_wait()"; // its update counts as failed
-        const bool isStandby =
-            has(before, "try fw update") && // only the next standby makes it good
-            lastBefore(trace, static_cast<long>(trace.size()), "try fw update") < static_cast<long>(at);
+        const bool isWorker = before == "sem_wait()";                           // its update counts as failed
+        const bool isStandby = has(before, "try fw update") && !hasNextStandby; // which makes it good
         if (std::none_of(std::begin(kMadeGood), std::end(kMadeGood), isIt) || isWorker || isStandby) {
             return false;
         }

@@ -26,7 +26,7 @@ std::vector<Breach> breachesIn(const Story& story, const std::vector<std::string
 
 // Whether nothing failed but what is made good: a thread that is started a moment later, a wait that a signal
 // ended.
-bool isToldAllTheSame(const std::vector<std::string>& trace);
+bool isToldAllTheSame(const Story& story, const std::vector<std::string>& trace);
 
 // Where the story did not happen as it is told.
 std::vector<Breach> missedMilestones(const Story& story, const std::vector<std::string>& trace);
