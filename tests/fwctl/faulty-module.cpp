@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <pthread.h>
+#include <semaphore.h>
 #include <stdexcept>
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -26,6 +28,30 @@ __attribute__((constructor)) static void hang()
     for (;;) {
         pause();
     }
+}
+#endif
+
+#ifdef UNLINKS_THE_SEMAPHORE
+__attribute__((constructor)) static void unlinkSemaphore()
+{
+    sem_unlink("/SEM_UPDATE_CONTROL");
+}
+#endif
+
+#ifdef POSTS_THE_SEMAPHORE
+__attribute__((constructor)) static void postSemaphore()
+{
+    sem_t* const semaphore = sem_open("/SEM_UPDATE_CONTROL", 0);
+    for (int count = 0; semaphore != SEM_FAILED && count < 5; ++count) {
+        sem_post(semaphore);
+    }
+}
+#endif
+
+#ifdef REMOVES_FILES
+__attribute__((constructor)) static void removeFile()
+{
+    unlink("/var/of-root/file");
 }
 #endif
 
@@ -86,6 +112,9 @@ int getActiveVersion(char* out)
     }
     const rlimit none = {0, 0};
     setrlimit(RLIMIT_NOFILE, &none);
+#endif
+#ifdef ENDS_ITS_THREAD
+    pthread_exit(nullptr);
 #endif
 #ifdef KILLS_IN_GETACTIVEVERSION
     kill(KILLS_IN_GETACTIVEVERSION);

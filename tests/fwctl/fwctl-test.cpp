@@ -583,9 +583,11 @@ TEST_F(Fwctl, ASignalOfALibraryReachesItAlone)
     };
     for (const auto& [name, text] : kCases) {
         set.addModule(name);
-        const Outcome outcome = set.run("fwctl list; echo status $?; fwctl doctor; echo doctor $?; "
-                                        "rm /prd/usr/fwupdate/controls/" +
-                                        std::string(name) + ".so");
+        // As the user that the library has there: only then may it signal the process that started it.
+        const Outcome outcome =
+            set.run("as='setpriv --reuid fwupdate --init-groups'; $as fwctl list; "
+                    "echo status $?; $as fwctl doctor; echo doctor $?; rm /prd/usr/fwupdate/controls/" +
+                    std::string(name) + ".so");
         EXPECT_THAT(outcome.err, HasSubstr(text));
         EXPECT_THAT(outcome.out, ContainsRegex("tuner +package +1.0 +1.1"));
         EXPECT_THAT(outcome.out, AllOf(HasSubstr("status 0\n"), HasSubstr("doctor 5\n")));
@@ -635,6 +637,42 @@ TEST_F(Fwctl, AnUpdateThatChangesNothingIsNoUpdate)
                 HasSubstr("lying: failed, 1.0 is installed: the control library reports success, but its "
                           "version is the same as before (1.1 was offered)\nstatus 1\n"));
     EXPECT_THAT(outcome.out, HasSubstr("\"result\":\"failed\""));
+}
+
+TEST_F(Fwctl, AnUpdateWhoseVersionCannotBeAskedIsNone)
+{
+    set.addSystemImage("Doomed");
+    const std::pair<const char*, const char*> kCases[] = {
+        {"untold", "the control library was ended in getActiveVersion by a signal (Interrupt)"},
+        {"slain", "the control library was killed in getActiveVersion"},
+        {"threadless", "the control library ends its thread in getActiveVersion"},
+    };
+    for (const auto& [name, reason] : kCases) {
+        set.addModule(name);
+        const std::string command =
+            "env --default-signal=INT timeout 40 fwctl update " + std::string(name) + " --source system";
+        const Outcome outcome =
+            set.run(command + "; echo status $?; " + command +
+                    " --json; echo again $?; rm /prd/usr/fwupdate/controls/" + name + ".so");
+        EXPECT_EQ(outcome.out.substr(0, outcome.out.find("\n[") + 1),
+                  name +
+                      std::string(": failed, what is installed cannot be told: the control library reports "
+                                  "success, but cannot tell its version: ") +
+                      reason + "\nstatus 1\n")
+            << outcome.err;
+        EXPECT_THAT(outcome.out, AllOf(HasSubstr("\"result\":\"failed\""), HasSubstr("again 1\n"))) << name;
+        EXPECT_THAT(outcome.err, Not(HasSubstr("were not tried"))) << name;
+    }
+}
+
+TEST_F(Fwctl, ALibraryIsAskedWithTheRightsOfTheDaemonsUser)
+{
+    set.addModule("removing");
+    for (const char* command : {"list", "why removing", "doctor", "check"}) {
+        const Outcome outcome = set.run("mkdir -p /var/of-root; touch /var/of-root/file; fwctl " +
+                                        std::string(command) + "; ls /var/of-root");
+        EXPECT_THAT(outcome.out, HasSubstr("\nfile\n")) << command;
+    }
 }
 
 // ---- A terminal ----

@@ -81,6 +81,13 @@ void becomeUser(uid_t user)
     }
 }
 
+void becomeLikelyUpdater()
+{
+    if (const std::optional<uid_t> user = likelyUpdater()) {
+        becomeUser(*user);
+    }
+}
+
 void becomeDaemonUser()
 {
     becomeUser(requireUpdater());

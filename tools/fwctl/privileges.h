@@ -18,6 +18,9 @@ std::optional<uid_t> likelyUpdater();
 // Goes on as `user`, which requireUpdater() gave. To be called while there is a single thread.
 void becomeUser(uid_t user);
 
+// Goes on as that one, when there is one. In a child that runs a library's code.
+void becomeLikelyUpdater();
+
 // Called by a command before it acts. Root goes on as the daemon's user, so that the daemon can later open
 // and remove what is made here (the update semaphore, directories, hardware files). Throws Failure for any
 // other user. To be called while there is a single thread.

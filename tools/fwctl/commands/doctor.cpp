@@ -71,6 +71,7 @@ std::string pathOf(const Json::Value& module)
 Json::Value inspectInChild(const std::string& path)
 {
     return runIsolated([&](Telling& telling) {
+        becomeLikelyUpdater();
         const LibrarySymbols found = telling.call("loading", "", [&] { return inspectLibrary(path); });
         telling.put("error", found.loaderError);
         for (const auto& [name, texts] :

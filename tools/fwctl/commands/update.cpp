@@ -63,7 +63,7 @@ void updateExternal(Registry& registry, FWUpdateSymbol& module, UpdateMonitor& m
     monitor.follow(module);
     char emptyContext[] = "";
     const int result = registry.manager().doUpdateFirmware(module.getLibName(), FW_CALLER_EMP, emptyContext);
-    Json::Value outcomes = completeOutcomes(monitor);
+    Json::Value outcomes = finishedOutcomes(monitor);
     for (Json::Value& outcome : outcomes) {
         outcome["result"] = result == 0 ? "updated" : "failed";
     }
@@ -109,7 +109,7 @@ void updateInChild(const Options& options, const Choice& choice, UpdateLink& lin
     char emptyContext[] = "";
     const PowerLock lock(1, choice.seconds);
     registry.manager().doUpdateFirmware(options.module, choice.source->caller, emptyContext);
-    const Json::Value outcomes = completeOutcomes(monitor);
+    const Json::Value outcomes = finishedOutcomes(monitor);
     if (outcomes.empty()) {
         link.telling().put("unstarted", takeLastComplaint());
     } else {
@@ -157,7 +157,7 @@ void updateAllInChild(const Options& options, UpdateLink& link)
     UpdateMonitor monitor(registry.manager().firmwareItems, link);
     registry.follow(&monitor);
     registry.manager().doUpdateFirmwareAll(FW_CALLER_EMP);
-    link.tellOutcomes(completeOutcomes(monitor));
+    link.tellOutcomes(finishedOutcomes(monitor));
 }
 
 // ---- In the parent ----

@@ -282,7 +282,7 @@ void installInChild(const Options& options, const common::ContentKey& key, const
     const PowerLock lock(count, seconds);
     takeDaemonMessages();
     const bool isWhole = manager.doUpdateUSB(key.data(), directory.c_str()) == 0;
-    link.tellOutcomes(completeOutcomes(monitor));
+    link.tellOutcomes(finishedOutcomes(monitor));
     link.telling().put("stopped", !isWhole);
     if (!isWhole) {
         tellErrors(link);

@@ -10,6 +10,7 @@
 #include "tools/fwctl/modules/library-calls.h"
 #include "tools/fwctl/modules/mounts.h"
 #include "tools/fwctl/modules/replay.h"
+#include "tools/fwctl/privileges.h"
 
 namespace fwctl
 {
@@ -101,14 +102,22 @@ void tellSources(FWUpdateSymbol& module, const std::string& mountProblem, Tellin
     }
 }
 
+// With the rights that it has in the daemon, and no more.
+FWUpdateSymbol& loadInChild(const ControlLibrary& library, Telling& telling, bool& isBound)
+{
+    becomeLikelyUpdater();
+    auto& module = *new FWUpdateSymbol(
+        library.name, library.usr); // never unloaded: a library is not asked to tear itself down
+    isBound = telling.call("loading", library.name, [&] { return module.loadSymbol(library.name); }) == 0;
+    watchCalls(module, telling);
+    return module;
+}
+
 void examineInChild(const ControlLibrary& library, const std::string& mountProblem, Telling& telling)
 {
     takeDaemonMessages();
-    auto& module = *new FWUpdateSymbol(
-        library.name, library.usr); // never unloaded: a library is not asked to tear itself down
-    const bool isBound =
-        telling.call("loading", library.name, [&] { return module.loadSymbol(library.name); }) == 0;
-    watchCalls(module, telling);
+    bool isBound = false;
+    FWUpdateSymbol& module = loadInChild(library, telling, isBound);
     telling.put("load_messages", asArray(takeDaemonMessages()));
     telling.put("kind", kindOf(module, isBound));
     tellNames(module, telling);
@@ -196,6 +205,15 @@ std::vector<Json::Value> examineAll(const std::vector<ControlLibrary>& libraries
 Json::Value examine(const ControlLibrary& library, const LibrarySpeech::Listener& onLine)
 {
     return examineAll({library}, onLine).front();
+}
+
+Json::Value askForVersion(const ControlLibrary& library)
+{
+    const auto ask = [&](Telling& telling) {
+        bool isBound = false;
+        telling.put("installed", installedVersion(loadInChild(library, telling, isBound)));
+    };
+    return runIsolated(ask, [](const std::string&) {});
 }
 
 void complainAboutLeftBehind(const std::vector<Json::Value>& modules)

@@ -1,7 +1,7 @@
 // What the daemon would find out about a module, without mounting, unmounting or writing anything.
 //
-// A module's control library runs in a child process (isolated.h). The answers are JSON objects, which is
-// also what --json prints:
+// A module's control library runs in a child process (isolated.h), as the daemon's user when root asks. The
+// answers are JSON objects, which is also what --json prints:
 //
 //   module, directory           the library's name, and where it lies
 //   kind                        "package", "external", or "unusable" when it could not be bound
@@ -61,6 +61,10 @@ std::vector<ControlLibrary> requireControlLibraries(const std::string& name);
 Json::Value examine(const ControlLibrary& library, const LibrarySpeech::Listener& onLine = complain);
 std::vector<Json::Value> examineAll(const std::vector<ControlLibrary>& libraries,
                                     const LibrarySpeech::Listener& onLine = complain);
+
+// "installed" alone, as the library tells it in a process that has done nothing else; "failure" as above.
+// What it prints is dropped.
+Json::Value askForVersion(const ControlLibrary& library);
 
 // Says on standard error which of them left processes behind.
 void complainAboutLeftBehind(const std::vector<Json::Value>& modules);

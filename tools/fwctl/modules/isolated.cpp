@@ -79,19 +79,22 @@ const Slot* latestCall(const Telling::Shared& shared)
     return latest;
 }
 
+bool isWriting(const Telling::Shared& shared)
+{
+    return std::any_of(std::begin(shared.slots), std::end(shared.slots),
+                       [](const Slot& slot) { return slot.since != 0 && slot.writes; });
+}
+
 // The call that takes too long. None counts while hardware is being written: that must not be cut off.
 const Slot* overdueCall(const Telling::Shared& shared)
 {
+    if (isWriting(shared)) {
+        return nullptr;
+    }
     const Slot* overdue = nullptr;
     for (const Slot& slot : shared.slots) {
         const Clock::rep since = slot.since;
-        if (since == 0) {
-            continue;
-        }
-        if (slot.writes) {
-            return nullptr;
-        }
-        if (Clock::now() - Clock::time_point(Clock::duration(since)) > kCallLimit) {
+        if (since != 0 && Clock::now() - Clock::time_point(Clock::duration(since)) > kCallLimit) {
             overdue = &slot;
         }
     }
@@ -114,6 +117,14 @@ void runWork(const Work& work, int pipe, Telling::Shared& shared, Child::Orphane
         telling.put(kWorkDone, true);
     } catch (const std::exception& error) {
         telling.put(kException, error.what());
+    } catch (const abi::__forced_unwind&) { // without this thread the others would keep the process for ever
+        while (isWriting(shared)) {
+            usleep(100'000);
+        }
+        const Slot* const call = latestCall(shared);
+        telling.put(kException, std::string("the control library ends its thread") +
+                                    (call != nullptr ? std::string(" in ") + call->entryPoint : ""));
+        _exit(1);
     }
 }
 } // namespace
@@ -181,6 +192,12 @@ Telling::Call::~Call()
         static_cast<Slot*>(slot_)->since = 0;
         static_cast<Slot*>(slot_)->isUsed = false;
     }
+}
+
+void Telling::Call::staysIfNobodyGoesOn()
+{
+    const bool isWorks = gettid() == getpid();
+    slot_ = isWorks ? nullptr : slot_;
 }
 
 // ---- The parent's end ----

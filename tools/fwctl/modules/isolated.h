@@ -7,6 +7,7 @@
 #define TOOLS_FWCTL_MODULES_ISOLATED_H
 
 #include <chrono>
+#include <cxxabi.h>
 #include <functional>
 #include <json/json.h>
 #include <memory>
@@ -50,15 +51,24 @@ public:
         Call(const Call&) = delete;
         Call& operator=(const Call&) = delete;
 
+        // A library that ends the thread which does the work has not returned: the parent names it.
+        void staysIfNobodyGoesOn();
+
     private:
         void* slot_;
     };
 
     template <typename Function>
-    auto call(const std::string& entryPoint, const std::string& module, Function function)
+    auto call(const std::string& entryPoint, const std::string& module, Function function,
+              bool writes = false)
     {
-        const Call call(*this, entryPoint, module);
-        return function();
+        Call call(*this, entryPoint, module, writes);
+        try {
+            return function();
+        } catch (const abi::__forced_unwind&) {
+            call.staysIfNobodyGoesOn();
+            throw; // must not be kept from going on
+        }
     }
 
 private:

@@ -36,9 +36,9 @@ template <typename... Arguments>
 int callWatched(const Watcher& watcher, const std::function<int(Arguments...)>& original,
                 Arguments... arguments)
 {
-    const Telling::Call call(watcher.telling, watcher.entryPoint, watcher.module, watcher.writes);
     try {
-        const int result = original(arguments...);
+        const int result = watcher.telling.call(
+            watcher.entryPoint, watcher.module, [&] { return original(arguments...); }, watcher.writes);
         if (result != 0) {
             watcher.report(watcher.entryPoint + " returns " + std::to_string(result));
         }

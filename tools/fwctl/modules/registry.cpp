@@ -69,21 +69,23 @@ void requireLoadable()
     }
 }
 
-Json::Value installedVersion(FWUpdateSymbol& module)
-{
-    FWUpdateSymbol::TextBuffer version = {};
-    return module.getActiveVersion(version) == 0 ? version : "unknown";
-}
+constexpr const char* kUnknown = "unknown";
 
-// Asked for in a process of its own, after the one that updated has failed.
-std::string askForInstalled(const std::string& name)
+// In a process of its own, as the next one finds it: neither what the library remembers of its update nor
+// what it does to its process counts. A version that cannot be had is no proof of an update.
+void askForInstalled(Json::Value& outcome)
 {
-    std::string version = "unknown";
-    for (const ControlLibrary& library : requireControlLibraries(name)) {
-        const Json::Value module = examine(library, {});
-        version = module["installed"].isNull() ? version : module["installed"].asString();
+    outcome["installed"] = kUnknown;
+    std::string problem;
+    for (const ControlLibrary& library : requireControlLibraries(outcome["module"].asString())) {
+        const Json::Value told = askForVersion(library);
+        outcome["installed"] = told["installed"].isNull() ? outcome["installed"] : told["installed"];
+        problem = told.isMember("failure") ? ": " + told["failure"].asString() : problem;
     }
-    return version;
+    if (outcome["result"] == "updated" && outcome["installed"] == kUnknown) {
+        outcome["result"] = "failed";
+        outcome["reason"] = "the control library reports success, but cannot tell its version" + problem;
+    }
 }
 
 // Null when it is not known.
@@ -122,7 +124,9 @@ void judge(Json::Value& outcome, const Before& before)
 void print(const Json::Value& outcome)
 {
     const std::string late = outcome["late"].asBool() ? ", after more than the expected time" : "";
-    const std::string installed = outcome["installed"].asString() + " is installed";
+    const std::string installed = outcome["installed"] == kUnknown
+                                      ? "what is installed cannot be told"
+                                      : outcome["installed"].asString() + " is installed";
     const std::string result = outcome["result"].asString();
     const std::string head = outcome["module"].asString() + ": ";
     if (result == "updated") {
@@ -192,13 +196,11 @@ FWUpdateSymbol& Registry::find(const std::string& name)
     throw NoSuchModule(name);
 }
 
-Json::Value completeOutcomes(UpdateMonitor& monitor)
+Json::Value finishedOutcomes(UpdateMonitor& monitor)
 {
     Json::Value all(Json::arrayValue);
     for (const UpdateOutcome& outcome : monitor.finish()) {
-        Json::Value told = asJson(outcome);
-        told["installed"] = installedVersion(*outcome.module);
-        all.append(told);
+        all.append(asJson(outcome));
     }
     return all;
 }
@@ -211,9 +213,7 @@ int reportOutcomes(Json::Value told, const Before& before, bool json)
         throw common::Failure((culprit.empty() ? "" : culprit + ": ") + told["failure"].asString());
     }
     for (Json::Value& outcome : outcomes) {
-        if (!outcome.isMember("installed")) {
-            outcome["installed"] = askForInstalled(outcome["module"].asString());
-        }
+        askForInstalled(outcome);
         judge(outcome, before);
         if (!json) {
             print(outcome);

@@ -32,8 +32,8 @@ private:
     std::atomic<UpdateMonitor*> monitor_{nullptr};
 };
 
-// The monitor's outcomes with the versions that are installed now, for reportOutcomes().
-Json::Value completeOutcomes(UpdateMonitor& monitor);
+// What has become of the updates, for reportOutcomes().
+Json::Value finishedOutcomes(UpdateMonitor& monitor);
 
 // What modules told before an update of theirs, as examine() tells it, and the image source of the update
 // (empty: none of those that it looks at).
@@ -43,8 +43,8 @@ struct Before {
 };
 
 // Prints how the updates ended, as text or as one JSON array, and gives the exit status of it all. `told` is
-// what runUpdate() gave; a version that the child could not tell any more is asked for again. A library that
-// reports success and tells the version of before has not updated anything.
+// what runUpdate() gave; the versions that are installed now are asked for here. A library that reports
+// success and tells the version of before, or none, has not updated anything.
 int reportOutcomes(Json::Value told, const Before& before, bool json);
 
 } // namespace fwctl

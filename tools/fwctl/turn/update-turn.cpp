@@ -1,5 +1,6 @@
 #include "tools/fwctl/turn/update-turn.h"
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -7,6 +8,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <memory>
 #include <semaphore.h>
 #include <thread>
@@ -87,13 +89,25 @@ void explainInterrupt(int)
     errno = error;
 }
 
-void setInterruptHandler(void (*handler)(int))
+using Actions = std::array<struct sigaction, std::size(kInterrupts)>;
+
+// Gives what was done about them before.
+Actions explainInterrupts()
 {
     struct sigaction action = {};
-    action.sa_handler = handler;
+    action.sa_handler = explainInterrupt;
     action.sa_flags = SA_RESTART;
-    for (const int signal : kInterrupts) {
-        sigaction(signal, &action, nullptr);
+    Actions before{};
+    for (std::size_t index = 0; index < before.size(); ++index) {
+        sigaction(kInterrupts[index], &action, &before[index]);
+    }
+    return before;
+}
+
+void setActions(const Actions& actions)
+{
+    for (std::size_t index = 0; index < actions.size(); ++index) {
+        sigaction(kInterrupts[index], &actions[index], nullptr);
     }
 }
 
@@ -185,6 +199,8 @@ bool postNobodys(TurnRecord& record)
     record.setPhase(TurnPhase::kIdle);
     return isPosted;
 }
+
+Actions actionsBefore; // the turn was taken
 } // namespace
 
 bool UpdateTurn::tryToTake(pid_t child)
@@ -198,7 +214,7 @@ bool UpdateTurn::tryToTake(pid_t child)
     isParents_ = take();
     record_.setPhase(isParents_ ? TurnPhase::kTaken : TurnPhase::kIdle);
     if (isParents_) {
-        setInterruptHandler(explainInterrupt);
+        actionsBefore = explainInterrupts();
     } else {
         record_.unlock();
     }
@@ -216,6 +232,10 @@ void UpdateTurn::settle()
         record_.setPhase(TurnPhase::kIdle);
     } else if (record_.phase() != TurnPhase::kIdle) {
         postNobodys(record_);
+    }
+    if (isParents_) { // what comes now may be cut off, and what is started now heeds signals as ever
+        setActions(actionsBefore);
+        isParents_ = false;
     }
 }
 

@@ -40,7 +40,7 @@ public:
     explicit UpdateTurn(uid_t owner) : record_(owner) {}
 
     // In the parent of `child`: takes the turn when it is free. False when somebody else has it. From then on
-    // Ctrl-C and the like only get an explanation.
+    // Ctrl-C and the like only get an explanation, until settle().
     bool tryToTake(pid_t child);
 
     // In the child when its work is done, and in the parent when the child has ended: whoever comes first
