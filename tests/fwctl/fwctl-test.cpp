@@ -665,6 +665,39 @@ TEST_F(Fwctl, AnUpdateWhoseVersionCannotBeAskedIsNone)
     }
 }
 
+TEST_F(Fwctl, ALibraryThatRemovesTheSemaphoreIsNamedAndNotWaitedFor)
+{
+    set.addModule("unlinking");
+    for (const char* command : {"update unlinking", "update tuner", "update --all"}) {
+        const Outcome outcome = set.run("timeout 30 fwctl " + std::string(command));
+        EXPECT_EQ(outcome.status, 1) << command;
+        EXPECT_THAT(outcome.err, HasSubstr("controls/unlinking.so: the control library removes the update "
+                                           "semaphore in loading"))
+            << command;
+    }
+}
+
+TEST_F(Fwctl, DoctorSetsASemaphoreThatWasPostedTooOftenToOne)
+{
+    set.addModule("posting");
+    const Outcome outcome =
+        set.run("fwctl update tuner; fwctl doctor; echo found $?; fwctl doctor --fix; echo mended $?; "
+                "od -An -tu4 -N4 /dev/shm/sem.SEM_UPDATE_CONTROL");
+    EXPECT_THAT(outcome.out, ContainsRegex("the update semaphore stands at [0-9]+ instead of 1"));
+    EXPECT_THAT(outcome.out, HasSubstr("found 5\n"));
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr("\n    mended\n"), ContainsRegex("mended 0\n +1\n")));
+}
+
+TEST_F(Fwctl, DoctorTellsADaemonThatHangsInItsStart)
+{
+    set.addModule("stuck-at-start");
+    const Outcome outcome = set.run("tarnwick & sleep 1; fwctl doctor; echo found $?; kill -9 $!");
+    EXPECT_THAT(outcome.out,
+                ContainsRegex("✗ the daemon \\(process [0-9]+\\) has started, but is not on the bus"));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("does not run")));
+    EXPECT_THAT(outcome.out, HasSubstr("found 5\n"));
+}
+
 TEST_F(Fwctl, ALibraryIsAskedWithTheRightsOfTheDaemonsUser)
 {
     set.addModule("removing");

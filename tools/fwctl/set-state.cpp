@@ -33,7 +33,30 @@ namespace fs = std::filesystem;
 namespace
 {
 constexpr const char* kDaemonName = "org.pellor.tv.tarnwick";
+constexpr const char* kDaemonProgram = "tarnwick";
 constexpr const char* kDaemonUser = "fwupdate"; // when neither the bus nor the semaphore tells
+
+std::string nameOf(const fs::path& process)
+{
+    std::ifstream file(process / "comm");
+    std::string name;
+    std::getline(file, name);
+    return name;
+}
+
+// 0: there is none.
+pid_t processNamed(const std::string& name)
+{
+    std::error_code error;
+    for (fs::directory_iterator process("/proc", error), end; !error && process != end;
+         process.increment(error)) {
+        const pid_t pid = std::atoi(process->path().filename().c_str());
+        if (pid > 0 && nameOf(process->path()) == name && isRunning(pid)) {
+            return pid;
+        }
+    }
+    return 0;
+}
 
 // A number that the bus knows of the owner of the daemon's name.
 std::optional<guint32> askBus(GDBusConnection* bus, const char* method)
@@ -111,7 +134,9 @@ DaemonState findDaemon()
     state.hasBus = true;
     state.pid = static_cast<pid_t>(askBus(bus.get(), "GetConnectionUnixProcessID").value_or(0));
     state.user = askBus(bus.get(), "GetConnectionUnixUser").value_or(0);
-    if (state.pid != 0) {
+    if (state.pid == 0) {
+        state.starting = processNamed(kDaemonProgram);
+    } else {
         state.seconds = ageOnTheSetsClock(bus.get(), state.pid).value_or(ageOf(state.pid));
     }
     return state;
@@ -212,13 +237,6 @@ std::vector<pid_t> threadsWaitingOn(const fs::path& process, const Range& range)
     return waiting;
 }
 
-std::string nameOf(const fs::path& process)
-{
-    std::ifstream file(process / "comm");
-    std::string name;
-    std::getline(file, name);
-    return name;
-}
 } // namespace
 
 SemaphoreState peekUpdateSemaphore()

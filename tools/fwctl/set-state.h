@@ -18,9 +18,10 @@ constexpr const char* kFactoryMarker = "/tmp/FACTORY_PRODCUTION"; // the platfor
 
 struct DaemonState {
     bool hasBus = false; // the system bus answers
-    pid_t pid = 0;       // 0: the daemon does not run
-    uid_t user = 0;      // when it runs
-    long seconds = 0;    // since its start, by the set's clock where the set tells
+    pid_t pid = 0;       // 0: it has not come to the bus
+    pid_t starting = 0; // then: a process of the daemon's name, which has not yet; 0: the daemon does not run
+    uid_t user = 0;     // when it runs
+    long seconds = 0;   // since its start, by the set's clock where the set tells
 };
 DaemonState findDaemon();
 

@@ -56,7 +56,7 @@ struct Scene {
     // Without a bus nobody can tell whether the daemon runs.
     bool isIdle() const
     {
-        return set.daemon.hasBus && set.daemon.pid == 0 &&
+        return set.daemon.hasBus && set.daemon.pid == 0 && set.daemon.starting == 0 &&
                (set.turn.kind == TurnState::Kind::kFree || set.turn.kind == TurnState::Kind::kNobodys);
     }
 };
@@ -218,6 +218,13 @@ void checkSemaphore(const Scene& scene, Findings& found)
                          "restart the set: the daemon makes it anew",
                          {}});
     }
+    if (state.value > 1) {
+        found.push_back({"raised-semaphore",
+                         "the update semaphore stands at " + std::to_string(state.value) +
+                             " instead of 1: updates no longer wait for each other",
+                         "set it to 1, and find out which program or control library has posted it",
+                         [&scene] { return scene.updater && UpdateTurn::lowerRaised(*scene.updater); }});
+    }
     if (scene.set.turn.kind == TurnState::Kind::kNobodys) {
         found.push_back(
             {"stuck-semaphore",
@@ -235,7 +242,8 @@ void checkUpdateList(const Scene& scene, Findings& found)
         return;
     }
     const auto removeList = [] { return unlink(kUpdateListPath) == 0; };
-    const bool isOrphan = scene.set.daemon.hasBus && scene.set.daemon.pid == 0;
+    const DaemonState& daemon = scene.set.daemon;
+    const bool isOrphan = daemon.hasBus && daemon.pid == 0 && daemon.starting == 0;
     if (S_ISLNK(status.st_mode)) {
         found.push_back({"list-link",
                          std::string(kUpdateListPath) + " is a symbolic link: the daemon refuses to check",
@@ -379,7 +387,15 @@ void checkSurroundings(const Scene& scene, Findings& found)
                          {},
                          true});
     }
-    if (scene.set.daemon.hasBus && scene.set.daemon.pid == 0) {
+    if (scene.set.daemon.starting != 0) {
+        found.push_back(
+            {"daemon-starting",
+             "the daemon (process " + std::to_string(scene.set.daemon.starting) +
+                 ") has started, but is not on the bus: when that lasts, it hangs in its start",
+             "try again in a moment; then move away the control libraries named above, and restart "
+             "the set",
+             {}});
+    } else if (scene.set.daemon.hasBus && scene.set.daemon.pid == 0) {
         found.push_back({"no-daemon",
                          "the daemon does not run: normal when it found nothing to do",
                          "it starts with the set",
@@ -484,9 +500,10 @@ void defineDoctor(common::CommandLine& command)
         bool json = false;
     };
     auto options = std::make_shared<Options>();
-    command.flag("--fix", options->fix,
-                 "Mend what is safe: unmount what nobody uses, give back a turn to update that nobody\n"
-                 "has, remove a list without a daemon, make missing directories");
+    command.flag(
+        "--fix", options->fix,
+        "Mend what is safe: unmount what nobody uses, give back a turn to update that nobody\n"
+        "has, set a semaphore above 1 to 1, remove a list without a daemon, make missing directories");
     command.flag("--json", options->json, "For a program: one JSON array");
     command.footer("Without --fix it changes nothing. "
                    "Exit status: 0 nothing found, or all of it mended; 5 something is left.\n"

@@ -11,6 +11,7 @@
 #include "tools/fwctl/modules/isolated.h"
 #include "tools/fwctl/modules/library-calls.h"
 #include "tools/fwctl/output.h"
+#include "tools/fwctl/set-state.h"
 
 namespace fwctl
 {
@@ -58,13 +59,16 @@ void requireLoadable()
             auto* const module = new FWUpdateSymbol(libraries[index].name, libraries[index].usr);
             telling.call("loading", libraries[index].name,
                          [&] { return module->loadSymbol(libraries[index].name); });
+            if (!peekUpdateSemaphore().exists) { // it was made before
+                throw common::Failure("the control library removes the update semaphore in loading");
+            }
         },
         passToParent);
     for (std::size_t index = 0; index < libraries.size(); ++index) {
         if (told[index].isMember("failure")) {
             throw common::Failure(libraries[index].directory + libraries[index].name +
                                   ".so: " + told[index]["failure"].asString() +
-                                  "; move it away: the daemon cannot start with it either");
+                                  "; move it away: the daemon fails with it as well");
         }
     }
 }

@@ -137,6 +137,10 @@ private:
 
 void TurnWait::tell()
 {
+    if (!peekUpdateSemaphore().exists) {
+        throw common::Failure("the update semaphore was removed while fwctl waited for it: find out which "
+                              "program or control library does that, and try again");
+    }
     constexpr long kLooksBetween = 5; // the whole set is searched for the holder, which is not for every look
     if (looks_++ % kLooksBetween != 0) {
         return;
@@ -237,6 +241,20 @@ void UpdateTurn::settle()
         setActions(actionsBefore);
         isParents_ = false;
     }
+}
+
+bool UpdateTurn::lowerRaised(uid_t owner)
+{
+    TurnRecord record(owner);
+    const Semaphore semaphore = record.lock() ? openSemaphore() : nullptr;
+    if (!semaphore) {
+        return false;
+    }
+    int value = 0;
+    while (sem_getvalue(semaphore.get(), &value) == 0 && value > 1) {
+        sem_trywait(semaphore.get());
+    }
+    return value <= 1;
 }
 
 bool UpdateTurn::freeNobodys(uid_t owner)

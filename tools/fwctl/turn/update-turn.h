@@ -51,6 +51,9 @@ public:
     // Gives back a turn that is nobody's, and only such a one; true when it did. Throws Failure.
     static bool freeNobodys(uid_t owner);
 
+    // Sets a semaphore that somebody has posted too often to 1 again; true when it did. Throws Failure.
+    static bool lowerRaised(uid_t owner);
+
 private:
     TurnRecord record_;
     bool isParents_ = false; // it has taken the turn
