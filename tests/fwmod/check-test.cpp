@@ -79,6 +79,29 @@ TEST_F(Check, DirectoryOfMoreThanASetCanBeGivenIsNotCopied)
     EXPECT_THAT(namesIn(directory / "temporary"), IsEmpty());
 }
 
+// It would be read after each of hundreds of trials, holes and all.
+TEST_F(Check, HardwareOfAGreatLengthIsRefusedAtOnce)
+{
+    fs::create_directory(directory / "hardware");
+    writeBytes(directory / "hardware/tuner", "");
+    fs::resize_file(directory / "hardware/tuner", std::uintmax_t{10} << 30);
+    const Outcome outcome = check({kExamples / "tuner.so", "--hardware", "hardware"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err,
+              "fwmod: hardware/tuner is 10240 MiB long, and is read again and again: 1024 MiB are the "
+              "most; give a shorter one, with what the module uses of it\n");
+}
+
+// What another program says stands below, without empty lines around it.
+TEST_F(Check, ProgramThatTheSetNeedsIsToldWhenItIsMissing)
+{
+    const Outcome outcome =
+        runProgram({"env", "PATH=/nowhere", FWMOD, "check", kExamples / "tuner.so"}, directory.path());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, AllOf(testing::StartsWith("fwmod: the library could not be examined:\nvset: "),
+                                   HasSubstr("dbus-daemon"), Not(HasSubstr("\n\n"))));
+}
+
 TEST_F(Check, DocumentIsTheListOfFindings)
 {
     const Outcome outcome = check({"--list-findings"});

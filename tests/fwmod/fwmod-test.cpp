@@ -1,5 +1,7 @@
 // fwmod as a maker types it: the program itself, its output and its exit status.
 #include <csignal>
+#include <cstring>
+#include <elf.h>
 #include <gio/gio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -237,7 +239,7 @@ constexpr InformationCase kInformation[] = {
     {R"({"Version":"1.2"})", 0, R"(warning: Version "1.2": the daemon does not read this key)"},
     {R"([1])", 1, "refused: - [1]: no JSON object"},
     {R"(null)", 0, "warning: version -: absent"},
-    {R"({"version":)", 1, "refused: - -: not JSON"},
+    {R"({"version":)", 1, "refused: not JSON"},
     {"", 1, "the daemon logs: Error: json loadInformation fail.(info.json)"},
 };
 
@@ -428,7 +430,7 @@ TEST_F(Fwmod, NothingStaysOfAPackageThatWasInterrupted)
     makeInformation();
     fs::create_directories(directory / "bin");
     fs::create_directories(directory / "temporary");
-    writeBytes(directory / "bin/mksquashfs", "#!/bin/sh\necho $$ > \"$STARTED.part\"\n"
+    writeBytes(directory / "bin/mksquashfs", "#!/bin/sh\necho half >\"$2\"\necho $$ > \"$STARTED.part\"\n"
                                              "mv \"$STARTED.part\" \"$STARTED\"\nexec sleep 60\n");
     fs::permissions(directory / "bin/mksquashfs", fs::perms::owner_all);
     const std::string script = R"(
@@ -455,6 +457,111 @@ TEST_F(Fwmod, NothingStaysOfAPackageThatWasInterrupted)
         EXPECT_EQ(outcome.status, 128 + number) << name << outcome.err;
         EXPECT_THAT(outcome.out, testing::MatchesRegex("temporary/fwmod-[^\n]*\n")) << name;
         EXPECT_EQ(names(), (std::vector<std::string>{"Tuner.bin", "bin", "info.json", "temporary"})) << name;
+    }
+}
+
+// The helper that removes them is one process, and a process can be killed.
+TEST_F(Fwmod, NothingStaysWhenTheHelperIsKilled)
+{
+    makeInformation();
+    fs::create_directories(directory / "bin");
+    fs::create_directories(directory / "temporary");
+    writeBytes(directory / "bin/mksquashfs",
+               "#!/bin/sh\necho half >\"$2\"\n"
+               "for child in $(cat /proc/$PPID/task/$PPID/children); do\n"
+               "    test $child = $$ || { kill -KILL $child && echo killed >&2; }\n"
+               "done\necho no >&2\nexit 1\n");
+    fs::permissions(directory / "bin/mksquashfs", fs::perms::owner_all);
+    std::vector<std::string> words = {"bash", "-c", "TMPDIR=$PWD/temporary PATH=$PWD/bin:$PATH \"$@\"",
+                                      "bash", FWMOD};
+    const std::vector<std::string> command = packageAs("empTuner");
+    words.insert(words.end(), command.begin(), command.end());
+    const Outcome outcome = runProgram(words, directory.path());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "fwmod: mksquashfs failed: killed\nno\n");
+    EXPECT_TRUE(fs::is_empty(directory / "temporary"));
+    EXPECT_EQ(names(), (std::vector<std::string>{"Tuner.bin", "bin", "info.json", "temporary"}));
+}
+
+// mksquashfs says that something could not be written, and not what.
+TEST_F(Fwmod, FileThatCannotBeWrittenIsNamed)
+{
+    makeInformation();
+    fs::create_directories(directory / "bin");
+    writeBytes(directory / "bin/mksquashfs",
+               "#!/bin/sh\necho 'Write failed because No space left on device' >&2\nexit 1\n");
+    fs::permissions(directory / "bin/mksquashfs", fs::perms::owner_all);
+    const auto package = [&](const std::string& output, const std::string& path = "/usr/bin:/bin") {
+        std::vector<std::string> words = packageAs("empTuner");
+        words.insert(words.begin(), {"env", "PATH=" + path, FWMOD});
+        words.insert(words.end(), {"-o", output});
+        return runProgram(words, directory.path());
+    };
+    EXPECT_EQ(package("/proc/version").err, "fwmod: cannot write /proc/version: No such file or directory\n");
+    EXPECT_EQ(package("Tuner.bin/x").err, "fwmod: cannot write Tuner.bin/x: Tuner.bin is not a directory\n");
+    EXPECT_EQ(package("nowhere/x").err, "fwmod: cannot write nowhere/x: make the directory nowhere first\n");
+    EXPECT_EQ(package("full.img", directory / "bin").err,
+              "fwmod: cannot write full.img: No space left on device\n");
+    EXPECT_EQ(names(), (std::vector<std::string>{"Tuner.bin", "bin", "info.json"}));
+}
+
+TEST_F(Fwmod, DirectoryForTemporaryFilesIsNamedInShort)
+{
+    makeInformation();
+    for (const std::string& place : {std::string("/nowhere"), "/" + std::string(100000, 'x')}) {
+        std::vector<std::string> words = packageAs("empTuner");
+        words.insert(words.begin(), {"env", "TMPDIR=" + place, FWMOD});
+        const Outcome outcome = runProgram(words, directory.path());
+        EXPECT_EQ(outcome.status, 1);
+        EXPECT_THAT(outcome.err,
+                    testing::StartsWith("fwmod: cannot make a directory for temporary files in /"));
+        EXPECT_THAT(outcome.err, testing::EndsWith(" (set TMPDIR to one that can be written)\n"));
+        EXPECT_LT(outcome.err.size(), 400U);
+    }
+}
+
+// The program headers of an example that are then changed, or its whole text.
+TEST_F(Fwmod, LibraryThatNoLoaderTakesIsDamaged)
+{
+    const std::string sound = readBytes(fs::path(SAMPLE_IMAGES).parent_path() / "tuner.so");
+    const auto inspect = [&](const std::string& bytes) {
+        writeBytes(directory / "tuner.so", bytes);
+        return fwmod({"inspect", "tuner.so"});
+    };
+    ASSERT_EQ(inspect(sound).status, 0);
+    Elf64_Ehdr header;
+    ASSERT_GE(sound.size(), sizeof header);
+    std::memcpy(&header, sound.data(), sizeof header);
+    const auto withHeader = [&](auto change) {
+        Elf64_Ehdr changed = header;
+        change(changed);
+        return std::string(sound).replace(0, sizeof changed, reinterpret_cast<const char*>(&changed),
+                                          sizeof changed);
+    };
+    const auto withPart = [&](auto change) {
+        for (std::size_t at = header.e_phoff;; at += header.e_phentsize) {
+            Elf64_Phdr part;
+            std::memcpy(&part, sound.data() + at, sizeof part);
+            if (part.p_type == PT_LOAD) {
+                change(part);
+                return std::string(sound).replace(at, sizeof part, reinterpret_cast<const char*>(&part),
+                                                  sizeof part);
+            }
+        }
+    };
+    const std::pair<std::string, const char*> cases[] = {
+        {withHeader([](Elf64_Ehdr& e) { e.e_phoff = 0, e.e_phnum = 0; }), "nothing in it can be loaded"},
+        {withHeader([](Elf64_Ehdr& e) { e.e_phoff = 0x7fffffff; }), "the file ends too soon"},
+        {withPart([](Elf64_Phdr& p) { p.p_filesz = 1ULL << 40; }), "the file ends too soon"},
+        {withPart([](Elf64_Phdr& p) { p.p_offset = 1ULL << 40; }), "the file ends too soon"},
+        {withPart([](Elf64_Phdr& p) { p.p_memsz = 1ULL << 40; }), "cannot be 1099511627776 bytes in memory"},
+        {withPart([](Elf64_Phdr& p) { p.p_memsz = 1; }), "cannot be 1 bytes in memory"},
+        {sound.substr(0, 4), "is a damaged library: the file ends too soon"},
+    };
+    for (const auto& [bytes, words] : cases) {
+        const Outcome outcome = inspect(bytes);
+        EXPECT_EQ(outcome.status, 1) << words;
+        EXPECT_THAT(outcome.out + outcome.err, HasSubstr(words));
     }
 }
 

@@ -349,6 +349,19 @@ TEST_F(Try, ASetThatEndsInTheMiddleIsToldInLines)
                 AllOf(ContainsRegex("fwmod: the set has ended before this: .*\n"), Not(HasSubstr("\\n"))));
 }
 
+TEST_F(Try, ASetThatWasKilledIsToldSo)
+{
+    const std::string killing = "story=$0; \"$@\" >\"$story\" & try=$!; "
+                                "until grep -q 'writes the image' \"$story\"; do sleep 0.05; done; "
+                                "kill -KILL $(pgrep -P $try -f ' run '); wait $try";
+    std::vector<std::string> script = {"bash", "-c", killing, directory_ / "story"};
+    const std::vector<std::string> command = words(tuner());
+    script.insert(script.end(), command.begin(), command.end());
+    const Outcome tried = runProgram(script);
+    EXPECT_EQ(tried.status, 1);
+    EXPECT_THAT(tried.err, HasSubstr("\nvset was ended by signal 9\n"));
+}
+
 // ---- Interruption ----
 
 bool isUsed(const fs::path& directory)

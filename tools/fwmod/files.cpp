@@ -15,6 +15,8 @@
 
 #include "common/glib-pointers.h"
 #include "common/regular-file.h"
+#include "common/unique-fd.h"
+#include "common/visible-text.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/commands/command.h"
 
@@ -143,7 +145,7 @@ void requireRoomForSet(const fs::path& directory)
 }
 
 // By what it takes on the disk: hardware is often a large file with little in it.
-void refuseTooMuchForSet(const fs::path& directory)
+void refuseTooMuchForSet(const fs::path& directory, std::optional<std::uintmax_t> mostRead)
 try {
     if (directory.empty()) {
         return;
@@ -155,6 +157,12 @@ try {
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
         struct stat status = {};
         bytes += lstat(entry.path().c_str(), &status) == 0 ? std::int64_t{status.st_blocks} * 512 : 0;
+        if (mostRead && entry.is_regular_file() && entry.file_size() > *mostRead) {
+            throw common::Failure(
+                entry.path().string() + " is " + std::to_string(entry.file_size() >> 20) +
+                " MiB long, and is read again and again: " + std::to_string(*mostRead >> 20) +
+                " MiB are the most; give a shorter one, with what the module uses of it");
+        }
         if (++entries > kMostEntries || bytes > kMostBytes) {
             throw common::Failure(directory.string() + " holds more than " +
                                   (entries > kMostEntries ? "10000 files" : "4 GiB") +
@@ -202,11 +210,20 @@ NewFile::NewFile(fs::path target)
         throw common::Failure(target_.string() + " exists and is not a file: name the file to write");
     }
     const fs::path directory = target_.has_parent_path() ? target_.parent_path() : ".";
-    if (!fs::is_directory(statusOf(directory))) {
-        throw common::Failure("cannot write " + target_.string() + ": make the directory " +
-                              directory.string() + " first");
+    const fs::file_status parent = statusOf(directory);
+    if (!fs::is_directory(parent)) {
+        throw common::Failure("cannot write " + target_.string() + ": " +
+                              (fs::exists(parent) ? directory.string() + " is not a directory"
+                                                  : "make the directory " + directory.string() + " first"));
     }
     watchUnfinished(unfinished_);
+    // Tried now: what writes it may be another program, which tells no name.
+    const common::UniqueFd tried(open(unfinished_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    if (!tried) {
+        isUnfinished = 0;
+        failOn(target_, "write");
+    }
+    unlink(unfinished_.c_str());
 }
 
 NewFile::~NewFile()
@@ -279,19 +296,23 @@ bool removeTree(const fs::path& path)
     for (int attempt = 0; !removeTree(path) && attempt < kMostTries; ++attempt) {
         usleep(100 * 1000);
     }
+    if (isUnfinished != 0) { // what the result was called when the program was killed
+        unlink(unfinishedName);
+    }
     _exit(0);
 }
 } // namespace
 
 ScratchDirectory::ScratchDirectory(const std::string& prefix)
 {
-    common::ErrorSlot error;
-    const common::GlibPointer<char> made(g_dir_make_tmp((prefix + "XXXXXX").c_str(), error.address()));
-    if (!made) {
-        throw common::Failure("cannot make a directory for temporary files: " + error.text() +
+    const fs::path directory = g_get_tmp_dir();
+    std::string name = fs::absolute(directory / (prefix + "XXXXXX"));
+    if (mkdtemp(name.data()) == nullptr) {
+        throw common::Failure("cannot make a directory for temporary files in " +
+                              common::shortened(directory.string()) + ": " + std::strerror(errno) +
                               " (set TMPDIR to one that can be written)");
     }
-    path_ = fs::absolute(made.get());
+    path_ = name;
     try {
         startRemover();
     } catch (...) { // no destructor runs for what was not made
@@ -323,7 +344,8 @@ void ScratchDirectory::startRemover()
 
 void ScratchDirectory::keep()
 {
-    if (write(life_, "k", 1) != 1) {
+    isKept_ = true;
+    if (write(life_, "k", 1) != 1 && errno != EPIPE) { // without a remover it stays anyway
         failOn(path_, "keep");
     }
 }
@@ -332,7 +354,11 @@ ScratchDirectory::~ScratchDirectory()
 {
     removerOfScratch = 0;
     close(life_);
-    waitpid(remover_, nullptr, 0);
+    int status = 0;
+    waitpid(remover_, &status, 0);
+    if (status != 0 && !isKept_) { // somebody has ended it
+        removeTree(path_);
+    }
 }
 
 void writeText(const fs::path& path, const std::string& text)
@@ -350,10 +376,12 @@ void writeText(const fs::path& path, const std::string& text)
 
 namespace
 {
-// In the child. The program's files go with this one, and so must it.
-void endWithParent(void*)
+// In the child. The program's files go with this one, and so must it. A file that may not grow is a failed
+// write.
+void prepareChild(void*)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::signal(SIGXFSZ, SIG_IGN);
 }
 } // namespace
 
@@ -365,7 +393,7 @@ std::string runProgram(const std::vector<std::string>& arguments, const std::str
     int status = 0;
     const gboolean isStarted = g_spawn_sync(
         nullptr, pointersTo(arguments).data(), reproducibleEnvironment().get(), G_SPAWN_SEARCH_PATH,
-        endWithParent, nullptr, &rawOutput, &rawErrors, &status, error.address());
+        prepareChild, nullptr, &rawOutput, &rawErrors, &status, error.address());
     const common::GlibPointer<char> output(rawOutput);
     const common::GlibPointer<char> errors(rawErrors);
     if (g_error_matches(error.get(), G_SPAWN_ERROR, G_SPAWN_ERROR_NOENT) != FALSE) {

@@ -2,7 +2,9 @@
 #ifndef TOOLS_FWMOD_FILES_H
 #define TOOLS_FWMOD_FILES_H
 
+#include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -23,7 +25,9 @@ void requireDirectory(const std::filesystem::path& path, const char* option);
 void requireRoomForSet(const std::filesystem::path& directory);
 
 // Throws for a directory with more than a set can be given: somebody has named "/". Empty: as above.
-void refuseTooMuchForSet(const std::filesystem::path& directory);
+// With `mostRead`, also one with a file that is longer, holes included.
+void refuseTooMuchForSet(const std::filesystem::path& directory,
+                         std::optional<std::uintmax_t> mostRead = std::nullopt);
 
 // The checksum that the daemon computes over the file.
 unsigned int imageChecksum(const std::filesystem::path& path);
@@ -51,8 +55,8 @@ void refuseOverwriting(const std::filesystem::path& output, const std::vector<st
 
 // A private directory for temporary files, removed with all it holds: with the object, and in any case when
 // the program ends, however that comes about. A signal that is not caught otherwise waits for it; after
-// SIGKILL a process that does nothing else sees to it a moment later. One at a time, made while there is one
-// thread.
+// SIGKILL a process that does nothing else sees to it a moment later, and to the NewFile that was begun
+// before. One at a time, made while there is one thread.
 class ScratchDirectory
 {
 public:
@@ -67,6 +71,7 @@ private:
     void startRemover();
     std::filesystem::path path_;
     pid_t remover_ = -1;
+    bool isKept_ = false;
     int life_ = -1; // of this process, for the remover: a pipe that nobody else holds open
 };
 

@@ -77,7 +77,13 @@ std::optional<int> SetPower::waitForEnd(std::chrono::milliseconds longest)
 std::string SetPower::notes() const
 {
     std::ifstream in(set_ / kNotes, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    const std::string said{std::istreambuf_iterator<char>(in), {}};
+    const std::optional<int> status =
+        launcher_ ? launcher_->waitFor(std::chrono::milliseconds(0)) : std::nullopt;
+    if (said.empty() && status && *status > 128) {
+        return "vset was ended by signal " + std::to_string(*status - 128) + "\n";
+    }
+    return said;
 }
 
 // ---- In every wait ----

@@ -224,9 +224,11 @@ Report Examination::run(const char* mode, std::optional<double> clockRate)
 
 void Examination::failOnExaminer() const
 {
-    const std::string text = set_->launcherOutput();
-    throw common::Failure("the library could not be examined: " +
-                          (text.empty() ? "vset ended without a word; is there room in memory and in " +
+    std::string text = set_->launcherOutput();
+    text.erase(0, text.find_first_not_of('\n')); // each part ends and begins with its own
+    text.erase(text.find_last_not_of('\n') + 1);
+    throw common::Failure("the library could not be examined:" +
+                          (text.empty() ? " vset ended without a word; is there room in memory and in " +
                                               set_->set().parent_path().string() + "?"
                                         : "\n" + text));
 }

@@ -25,6 +25,9 @@ struct Options {
     bool listFindings = false;
 };
 
+// Compared after every trial, of which there are hundreds.
+constexpr std::uintmax_t kLongestHardware = std::uintmax_t{1} << 30;
+
 bool isColourWanted()
 {
     const char* const refused = std::getenv("NO_COLOR");
@@ -48,7 +51,7 @@ int check(const Options& options)
     requireDirectory(request.firmware, "--firmware");
     requireDirectory(request.hardware, "--hardware");
     refuseTooMuchForSet(request.firmware);
-    refuseTooMuchForSet(request.hardware);
+    refuseTooMuchForSet(request.hardware, kLongestHardware);
 
     common::ProgressLine line;
     const struct Clearing { // also before what is told of a failure
@@ -84,7 +87,8 @@ void defineCheck(common::CommandLine& command)
         .excludes(package);
     command.path(
         "--hardware", request.hardware,
-        "A directory with the hardware's files, seen as /var/lib/hardware; nothing in it is changed");
+        "A directory with the hardware's files, seen as /var/lib/hardware; nothing in it is changed. "
+        "Each may be 1 GiB long");
     command.flag("--every-write", request.everyWrite,
                  "Cut the power at every write of an update; by default at 300 of them at most");
     command.flag("--json", options->json, "Print JSON");

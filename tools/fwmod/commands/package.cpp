@@ -1,6 +1,8 @@
 // fwmod package: the file system image that the daemon mounts read-only to find a module's image. The same
 // input gives the same bytes, on every machine and at any time.
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include "common/file-copy.h"
@@ -44,12 +46,30 @@ void refuseTooLarge(const fs::path& image)
     }
 }
 
-// Times, owners and modes are fixed; one block size and compressor that every set's kernel reads.
-void makeFileSystem(const fs::path& tree, const fs::path& output)
+// Which of the usual reasons a text of another program tells; 0 for none of them.
+int errorIn(const std::string& text)
 {
-    runProgram({"mksquashfs", tree, output, "-noappend", "-no-progress", "-quiet", "-no-xattrs", "-all-root",
-                "-root-mode", "0755", "-all-time", "0", "-mkfs-time", "0", "-comp", "gzip", "-b", "131072"},
+    for (const int error : {ENOSPC, EDQUOT, EFBIG, EIO, EROFS, EACCES}) {
+        if (text.find(std::strerror(error)) != std::string::npos) {
+            return error;
+        }
+    }
+    return 0;
+}
+
+// Times, owners and modes are fixed; one block size and compressor that every set's kernel reads.
+void makeFileSystem(const fs::path& tree, const fs::path& unfinished, const fs::path& output)
+try {
+    runProgram({"mksquashfs", tree, unfinished, "-noappend", "-no-progress", "-quiet", "-no-xattrs",
+                "-all-root", "-root-mode", "0755", "-all-time", "0", "-mkfs-time", "0", "-comp", "gzip", "-b",
+                "131072"},
                "squashfs-tools");
+} catch (const common::Failure& failure) {
+    const int error = errorIn(failure.what());
+    if (error == 0) {
+        throw;
+    }
+    throw common::Failure("cannot write " + output.string() + ": " + std::strerror(error));
 }
 
 int package(const Options& options)
@@ -65,11 +85,11 @@ int package(const Options& options)
     }
     refuseOverwriting(output, {options.image, options.information});
 
+    NewFile result(output); // before the directory, which sees to it when the program is killed
     const ScratchDirectory tree;
     copyInto(options.image, tree.path() / (firmware + ".bin"));
     copyInto(options.information, tree.path() / "info.json");
-    NewFile result(output);
-    makeFileSystem(tree.path(), result.path());
+    makeFileSystem(tree.path(), result.path(), output);
     result.commit();
     std::printf("%s: %s.bin and info.json, version %s, crc %u\n", common::visible(output.string()).c_str(),
                 firmware.c_str(), common::visible(report.values.version).c_str(),

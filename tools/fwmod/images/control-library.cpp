@@ -103,24 +103,43 @@ std::string mangledNameOf(const std::string& function, const std::set<std::strin
     return found != names.end() && found->compare(0, beginning.size(), beginning) == 0 ? *found : "";
 }
 
-// The dynamic loader maps what the program headers name, and crashes where the file ends too soon.
-bool isWhole(Elf* elf, std::uintmax_t fileSize)
+constexpr const char* kTooShort = "the file ends too soon";
+
+// Of a part that is mapped. The dynamic loader crashes where the file ends too soon.
+std::string damageOf(const GElf_Phdr& part, std::uintmax_t fileSize)
+{
+    constexpr GElf_Xword kMostMemory = GElf_Xword{1} << 32;
+    if (part.p_offset > fileSize || part.p_filesz > fileSize - part.p_offset) {
+        return kTooShort;
+    }
+    if (part.p_memsz < part.p_filesz || part.p_memsz > kMostMemory) {
+        return "a part of it cannot be " + std::to_string(part.p_memsz) + " bytes in memory";
+    }
+    return "";
+}
+
+// The loader goes by the program headers alone, whatever the sections say.
+std::string damageOf(Elf* elf, std::uintmax_t fileSize)
 {
     std::size_t count = 0;
     if (elf_getphdrnum(elf, &count) != 0) {
-        return false;
+        return kTooShort;
     }
+    bool isLoadable = false;
     for (std::size_t index = 0; index < count; ++index) {
-        GElf_Phdr header;
-        if (gelf_getphdr(elf, static_cast<int>(index), &header) == nullptr) {
-            return false;
+        GElf_Phdr part;
+        if (gelf_getphdr(elf, static_cast<int>(index), &part) == nullptr) {
+            return kTooShort;
         }
-        if (header.p_type == PT_LOAD &&
-            (header.p_offset > fileSize || header.p_filesz > fileSize - header.p_offset)) {
-            return false;
+        if (part.p_type != PT_LOAD) {
+            continue;
+        }
+        isLoadable = true;
+        if (std::string damage = damageOf(part, fileSize); !damage.empty()) {
+            return damage;
         }
     }
-    return count > 0;
+    return isLoadable ? "" : "nothing in it can be loaded: it has no program headers for that";
 }
 
 // The program's own header says what this machine is.
@@ -147,12 +166,17 @@ ControlLibrary readControlLibrary(const std::filesystem::path& file)
     const std::unique_ptr<Elf, ElfRelease> elf(elf_begin(descriptor.get(), ELF_C_READ, nullptr));
     GElf_Ehdr header;
     if (!elf || elf_kind(elf.get()) != ELF_K_ELF || gelf_getehdr(elf.get(), &header) == nullptr) {
-        throw Damaged(kLibraryKind, file.string() + " is a damaged library: " + elf_errmsg(-1));
+        const int error = elf_errno(); // libelf says nothing of a file that ends within its header
+        throw Damaged(kLibraryKind, file.string() + " is a damaged library: " +
+                                        (error == 0 ? kTooShort : elf_errmsg(error)));
     }
     const std::set<std::string> names = exportsOf(elf.get());
-    ControlLibrary library{header.e_type == ET_DYN,  isWhole(elf.get(), std::filesystem::file_size(file)),
-                           isForThisMachine(header), file.stem(),
-                           buildIdOf(elf.get()),     {}};
+    ControlLibrary library{header.e_type == ET_DYN,
+                           isForThisMachine(header),
+                           file.stem(),
+                           buildIdOf(elf.get()),
+                           damageOf(elf.get(), std::filesystem::file_size(file)),
+                           {}};
     for (const common::EntryPoint& entry : common::kEntryPoints) {
         library.entryPoints.push_back(
             {entry.name, entry.isRequired, names.count(entry.name) != 0, mangledNameOf(entry.name, names)});
@@ -173,7 +197,7 @@ std::string whyNotLoadable(const std::filesystem::path& file)
         if (!library.isForThisMachine) {
             return "it is for another processor";
         }
-        return library.isWhole ? "" : "the file ends too soon";
+        return library.damage;
     } catch (const common::Failure& error) {
         return error.what();
     }

@@ -18,10 +18,10 @@ struct EntryPointState {
 
 struct ControlLibrary {
     bool isSharedObject;     // can be loaded at all
-    bool isWhole;            // every part that would be loaded is in the file
     bool isForThisMachine;   // same processor and word size as this program; a set may differ
     std::string libraryName; // as setContext gets it: the file's name without ".so"
     std::string buildId;     // bytes; empty when the linker was told to leave it out
+    std::string damage;      // why the dynamic loader would not take what the file holds; empty when it would
     std::vector<EntryPointState> entryPoints;
 };
 

@@ -215,13 +215,19 @@ std::string formatInformation(const FWInformation& values)
     return common::indentedJson(root) + "\n";
 }
 
+std::string textOf(const InformationFinding& finding)
+{
+    if (finding.key == "-" && finding.value == "-") { // of the whole file
+        return finding.text;
+    }
+    return finding.key + " " + finding.value + ": " + finding.text;
+}
+
 std::string formatReport(const fs::path& file, const InformationReport& report)
 {
     std::ostringstream out;
     for (const InformationFinding& finding : report.findings) {
-        out << common::visible(std::string(nameOf(finding.kind)) + ": " + finding.key + " " + finding.value +
-                               ": " + finding.text)
-            << "\n";
+        out << common::visible(std::string(nameOf(finding.kind)) + ": " + textOf(finding)) << "\n";
     }
     for (const std::string& line : report.log) {
         out << "the daemon logs: " << common::visible(line) << "\n";

@@ -38,6 +38,9 @@ void compareChecksum(InformationReport& report, unsigned int checksum, const std
 // The text of an information file.
 std::string formatInformation(const FWInformation& values);
 
+// What was found, with the key and the value, where it is of one.
+std::string textOf(const InformationFinding& finding);
+
 // For people: one line a finding, the daemon's log lines, and the verdict.
 std::string formatReport(const std::filesystem::path& file, const InformationReport& report);
 

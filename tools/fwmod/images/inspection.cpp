@@ -218,7 +218,7 @@ void addInformation(const InformationReport& report, Inspection& result)
     }
     bool isExplained = false;
     for (const InformationFinding& finding : report.findings) {
-        const std::string line = finding.key + " " + finding.value + ": " + finding.text;
+        const std::string line = textOf(finding);
         if (finding.kind == InformationFinding::Kind::Refused) {
             result.problems.push_back(line);
             isExplained = true;
@@ -344,6 +344,8 @@ void inspectLibrary(const InspectionRequest& request, Inspection& result)
     result.add("entry points", present.empty() ? "none" : present, entries);
     if (!library.isSharedObject) {
         result.problems.push_back("not a shared library: link it with -shared");
+    } else if (!library.damage.empty()) {
+        result.problems.push_back("damaged: " + library.damage);
     }
     if (fs::path(request.file).extension() != ".so") {
         result.problems.push_back("the daemon opens NAME.so only: rename the file");
