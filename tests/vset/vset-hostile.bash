@@ -77,6 +77,43 @@ for kind in pipe socket directory device circle; do
     rm -rf "$set_/root/var/log/platform.log" && : >"$set_/root/var/log/platform.log"
 done
 
+# ---- A set that is on is known by its own first process, and by a lock that nobody can replace ----
+sleep 1000 &
+stranger=$!
+started+=("$stranger")
+for init in $stranger 1 $$; do
+    echo "$init root no-clock" >"$set_/.vset/lock"
+    ends 1 "is not running" "the PC's process $init" flock "$set_/.vset/lock" "$vset" exec "$set_" -- touch "$work/on-the-pc"
+    for command in "exec $set_ -- touch $work/on-the-pc" "clock $set_" "fault $set_ service platformd crash"; do
+        # shellcheck disable=SC2086 # words
+        ends 1 "first process" "the PC's process $init" flock "$set_" "$vset" $command
+    done
+done
+[ ! -e "$work/on-the-pc" ] || fail "a command meant for a set ran on the PC"
+ln -sf /nowhere/x "$set_/.vset/lock"
+ends 1 "lock is a link that leads nowhere" "a dangling lock" "$vset" run "$set_" -- true
+ln -sf /etc/hostname "$set_/.vset/lock"
+ends 1 "lock is not a file but a link" "a linked lock" "$vset" run "$set_" -- true
+rm "$set_/.vset/lock"
+mv "$set_/.vset" "$set_/.kept" && ln -s /nowhere/x "$set_/.vset"
+ends 1 ".vset is in the way" "a dangling .vset" "$vset" run "$set_" -- true
+rm "$set_/.vset" && mv "$set_/.kept" "$set_/.vset"
+"$vset" run "$set_" -- sleep 1000 2>/dev/null &
+leader=$!
+started+=("$leader")
+within 20 is_up "$set_" || fail "the set does not come up"
+init=$(init_of "$set_")
+rm "$set_/.vset/lock"
+ends 1 "already running" "the lock is gone" "$vset" run "$set_" -- true
+ends 1 "does not name the first process" "the lock is gone" "$vset" exec "$set_" -- true
+echo "$stranger root no-clock" >"$set_/.vset/lock"
+ends 1 "already running" "another lock" "$vset" run "$set_" -- true
+ends 1 "does not name the first process" "another lock" "$vset" exec "$set_" -- true
+echo "$init root no-clock" >"$set_/.vset/lock"
+ends 0 "" "the lock as it was" "$vset" exec "$set_" -- true
+kill -TERM "$leader"
+within 20 is_gone "$leader" || fail "a set whose lock was replaced does not end"
+
 # ---- Too much, too little, anything ----
 refused .vset/life sparse wait "$set_" off "${short[@]}"
 refused .vset/life sparse story "$set_" --until x "${short[@]}"

@@ -18,7 +18,8 @@ namespace fs = std::filesystem;
 
 [[noreturn]] void refuse(const fs::path& path, const std::string& problem)
 {
-    throw common::Failure(path.string() + " " + problem + ": remove it, `vset run` makes a new one");
+    throw common::Failure(path.string() + " " + problem +
+                          ": end the set if it is on, then remove this, and `vset run` makes a new one");
 }
 
 // Not even a link.
@@ -90,6 +91,17 @@ void requireFileOrNothing(const fs::path& path)
     const std::string problem = common::problemOfSpecialFile(path);
     if (!problem.empty()) {
         refuse(path, problem);
+    }
+    if (stat(path.c_str(), &status) != 0 && !isNothing(path)) {
+        refuse(path, "is a link that leads nowhere");
+    }
+}
+
+void requireOwnFileOrNothing(const fs::path& path)
+{
+    requireFileOrNothing(path);
+    if (fs::is_symlink(fs::symlink_status(path))) {
+        refuse(path, "is not a file but a link");
     }
 }
 

@@ -27,6 +27,9 @@ std::string lastLineOf(const std::filesystem::path& path);
 // device, a link that leads nowhere or in a circle.
 void requireFileOrNothing(const std::filesystem::path& path);
 
+// The same of a file that only the launcher makes: nor any link.
+void requireOwnFileOrNothing(const std::filesystem::path& path);
+
 } // namespace vset
 
 #endif

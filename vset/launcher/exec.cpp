@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <sched.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,17 +16,11 @@ namespace vset
 namespace
 {
 
-UniqueFd openProcess(pid_t process)
-{
-    return UniqueFd(check(syscall(SYS_pidfd_open, process, 0), "the set has just ended"));
-}
-
 void enterNamespaces(const RunningSet& running)
 {
-    const UniqueFd init = openProcess(running.init);
     // Root can enter another user's set; a user can enter only his own.
     const int user = running.rootless ? CLONE_NEWUSER : 0;
-    if (setns(init.get(), user | CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS) != 0) {
+    if (setns(running.process.get(), user | CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS) != 0) {
         failWithErrno("cannot enter the set (it belongs to another user? then use sudo)");
     }
     if (!running.rootless) {
@@ -65,17 +58,14 @@ void handOn(int number)
 
 void executeInSet(const fs::path& set, const std::vector<std::string>& command)
 {
-    const std::optional<RunningSet> running = SetDirectory::open(set).running();
-    if (!running) {
-        throw Error("set " + set.string() + " is not running: start it with `vset run " + set.string() + "`");
-    }
+    const RunningSet running = SetDirectory::open(set).running();
     std::error_code error;
     const fs::path workingDirectory = fs::current_path(error);
-    enterNamespaces(*running);
+    enterNamespaces(running);
     commandProcess = fork(); // only a child is in the set's process namespace
     check(commandProcess, "cannot start the command");
     if (commandProcess == 0) {
-        runChild(command, workingDirectory, running->clock);
+        runChild(command, workingDirectory, running.clock);
     }
     for (const int number : {SIGINT, SIGQUIT}) {
         std::signal(number, SIG_IGN); // from the terminal: the command's to answer

@@ -20,12 +20,7 @@ void resetClock(const SetDirectory& set, double rate, bool isRootless)
 std::string changeClock(const fs::path& path, const ClockChange& change)
 {
     const SetDirectory set = SetDirectory::open(path);
-    const std::optional<RunningSet> running = set.running();
-    if (!running) {
-        throw Error("set " + path.string() + " is not running: start it with `vset run " + path.string() +
-                    "`");
-    }
-    if (!running->clock) {
+    if (!set.running().clock) {
         throw Error("set " + path.string() +
                     " runs without a clock: start its command with `vset run --clock-rate 1`");
     }

@@ -5,11 +5,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <spawn.h>
 #include <sstream>
 #include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
 
@@ -226,11 +228,58 @@ int flockPatiently(int file)
     return result;
 }
 
+// The first of a process namespace of its own, by its last number.
+bool isFirstOfNamespace(const fs::path& process)
+{
+    std::ifstream status(process / "status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("NSpid:", 0) == 0) {
+            return line.substr(line.find_last_of(" \t") + 1) == "1";
+        }
+    }
+    return false;
+}
+
+// Nothing when there is none any more, or only what is left of a process that has ended.
+std::optional<struct stat> look(const fs::path& ofProcess)
+{
+    struct stat status{};
+    if (stat(ofProcess.c_str(), &status) == 0) {
+        return status;
+    }
+    if (errno != ENOENT && errno != ESRCH) {
+        failWithErrno("cannot look at the set's first process (it belongs to another user? then use sudo)");
+    }
+    return std::nullopt;
+}
+
+// Who entered another process in the belief that it is the set's would be on the PC, as root. Nothing when it
+// has just ended.
+std::optional<bool> isFirstProcessOf(const RunningSet& running, const fs::path& root)
+{
+    const fs::path process = "/proc/" + std::to_string(running.init);
+    const auto mounts = look(process / "ns/mnt");
+    const auto itsRoot = look(process / "root/.");
+    const bool isFirst = isFirstOfNamespace(process);
+    // What was looked at was this process, and not a later one of the same number.
+    const bool isThere =
+        syscall(SYS_pidfd_send_signal, running.process.get(), 0, nullptr, 0) == 0 || errno == EPERM;
+    if (!mounts || !itsRoot || !isThere) {
+        return std::nullopt;
+    }
+    struct stat own{};
+    struct stat wanted{};
+    check(stat("/proc/self/ns/mnt", &own), "cannot look at this process's namespace");
+    check(stat(root.c_str(), &wanted), "cannot look at " + root.string());
+    const bool isRoot = itsRoot->st_dev == wanted.st_dev && itsRoot->st_ino == wanted.st_ino;
+    return isFirst && isRoot && mounts->st_ino != own.st_ino;
+}
+
 } // namespace
 
 UniqueFd openOwnFile(const fs::path& path, int flags)
 {
-    requireFileOrNothing(path);
+    requireOwnFileOrNothing(path);
     constexpr int kOpening = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
     UniqueFd file(open(path.c_str(), flags | kOpening, 0644));
     if (!file) {
@@ -244,8 +293,8 @@ void SetLock::publish(const RunningSet& running) const
     const std::string text = std::to_string(running.init) + (running.rootless ? " rootless" : " root") +
                              (running.clock ? " clock" : " no-clock") + "\n";
     constexpr const char* kFailure = "cannot write the set's .vset/lock";
-    check(ftruncate(file_.get(), 0), kFailure);
-    check(pwrite(file_.get(), text.data(), text.size(), 0), kFailure);
+    check(pwrite(file_.get(), text.data(), text.size(), 0), kFailure); // first: nobody reads an empty file
+    check(ftruncate(file_.get(), static_cast<off_t>(text.size())), kFailure);
 }
 
 SetDirectory SetDirectory::makeTemporary()
@@ -325,35 +374,55 @@ void SetDirectory::installDaemon() const
 
 SetLock SetDirectory::lock() const
 {
-    const fs::path file = path_ / kLockFile;
-    UniqueFd lockFd = openOwnFile(file, O_RDWR | O_CREAT);
-    if (flockPatiently(lockFd.get()) == 0) {
-        SetLock lock(std::move(lockFd));
-        lock.publish({}); // a set that was killed left its process identifier
-        return lock;
-    }
-    if (errno != EWOULDBLOCK) {
-        failWithErrno("cannot lock " + file.string());
-    }
-    throw Error("set " + path_.string() + " is already running: use `vset exec`, or end it first");
+    makeDirectory(path_ / kDirectories[0].path, kDirectories[0]); // the lock file's
+    const auto take = [this](const UniqueFd& file) {
+        if (flockPatiently(file.get()) == 0) {
+            return;
+        }
+        if (errno != EWOULDBLOCK) {
+            failWithErrno("cannot lock " + path_.string());
+        }
+        throw Error("set " + path_.string() + " is already running: use `vset exec`, or end it first");
+    };
+    requireOwnFileOrNothing(path_ / kLockFile);
+    UniqueFd directory = openToLock(path_);
+    take(directory); // first: who is refused makes no file
+    UniqueFd lockFd = openOwnFile(path_ / kLockFile, O_RDWR | O_CREAT);
+    take(lockFd);
+    SetLock lock(std::move(lockFd), std::move(directory));
+    lock.publish({}); // a set that was killed left its process identifier
+    return lock;
 }
 
-std::optional<RunningSet> SetDirectory::running() const
+RunningSet SetDirectory::running() const
 {
-    const fs::path file = path_ / kLockFile;
+    const std::string set = "set " + path_.string();
+    const Error off(set + " is not running: start it with `vset run " + path_.string() + "`");
     if (!isOn(path_)) {
-        return std::nullopt;
+        throw off;
     }
-    std::istringstream text(readSetFile(file).value_or(""));
+    const fs::path file = path_ / kLockFile;
+    const Error spoilt(file.string() + " does not name the first process of " + set +
+                       ", which is on: somebody has changed it; end the set, and run it again");
+    const std::optional<std::string> text = readSetFile(file);
+    std::istringstream words(text.value_or("lost"));
     RunningSet running;
     std::string mode;
     std::string clock;
-    text >> running.init >> mode >> clock;
+    words >> running.init >> mode >> clock;
     if (running.init <= 0) {
-        return std::nullopt; // about to start
+        const bool isStarting = text && (text->empty() || *text == "0 root no-clock\n");
+        throw isStarting ? Error(set + " is starting: wait for it with `vset wait " + path_.string() + " on`")
+                         : spoilt;
     }
     running.rootless = mode == "rootless";
     running.clock = clock == "clock";
+    running.process = UniqueFd(syscall(SYS_pidfd_open, running.init, 0));
+    const std::optional<bool> isIt =
+        running.process ? isFirstProcessOf(running, root()) : std::optional<bool>();
+    if (!isIt.value_or(false)) {
+        throw isIt ? spoilt : off; // or just ended
+    }
     return running;
 }
 

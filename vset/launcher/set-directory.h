@@ -6,8 +6,6 @@
 #ifndef VSET_LAUNCHER_SET_DIRECTORY_H
 #define VSET_LAUNCHER_SET_DIRECTORY_H
 
-#include <optional>
-
 #include "vset/launcher/system.h"
 #include "vset/television/users.h"
 
@@ -19,17 +17,19 @@ struct RunningSet {
     pid_t init = 0;        // PID 1 of the set, as this command sees it
     bool rootless = false; // the set has a user namespace of its own
     bool clock = false;    // its processes run with the clock library
+    UniqueFd process = {}; // PID 1 again, as no other process can be
 };
 
 // Held by the leader and by PID 1: the set counts as running until both are gone.
 class SetLock
 {
 public:
-    explicit SetLock(UniqueFd file) : file_(std::move(file)) {}
+    SetLock(UniqueFd file, UniqueFd directory) : file_(std::move(file)), directory_(std::move(directory)) {}
     void publish(const RunningSet& running) const;
 
 private:
     UniqueFd file_;
+    UniqueFd directory_;
 };
 
 // Opens, to be written, a file that the launcher keeps in the set: no link, and never waiting for somebody at
@@ -58,7 +58,9 @@ public:
 
     // Throws Error when the set is running. Waits a moment for who only looks whether it is.
     SetLock lock() const;
-    std::optional<RunningSet> running() const;
+    // This set's own first process, for certain. Throws Error when the set is off or not up yet, when its
+    // lock file names another process, or when it is another user's.
+    RunningSet running() const;
 
     // Creates what is missing of the skeleton; what exists keeps its contents.
     void complete() const;

@@ -1,9 +1,13 @@
 #include "vset/television/set-life.h"
 
+#include <cerrno>
+#include <fcntl.h>
 #include <sstream>
 #include <string>
 #include <sys/file.h>
+#include <system_error>
 
+#include "common/errors.h"
 #include "common/json-text.h"
 #include "vset/client/set-file.h"
 
@@ -66,10 +70,23 @@ SetLife readLife(const std::filesystem::path& set)
     return life;
 }
 
+common::UniqueFd openToLock(const std::filesystem::path& set)
+{
+    common::UniqueFd directory(open(set.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) {
+        const int error = errno;
+        throw common::Failure("cannot look into " + set.string() + ": " +
+                              std::generic_category().message(error) +
+                              (error == EACCES ? " (it belongs to another user? then use sudo)" : ""));
+    }
+    return directory;
+}
+
 bool isOn(const std::filesystem::path& set)
 {
-    const std::unique_ptr<common::RegularFile> lock = openSetFile(set / kLockFile);
-    return lock != nullptr && flock(lock->descriptor(), LOCK_SH | LOCK_NB) != 0; // given back with the object
+    openSetFile(set / kLockFile); // what stands in its place is told of
+    const common::UniqueFd directory = openToLock(set);
+    return flock(directory.get(), LOCK_SH | LOCK_NB) != 0; // given back with the descriptor
 }
 
 } // namespace vset

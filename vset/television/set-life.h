@@ -13,11 +13,13 @@
 #include <string>
 #include <vector>
 
+#include "common/unique-fd.h"
+
 namespace vset
 {
 
 constexpr const char* kLifeFile = ".vset/life"; // in the set's directory
-constexpr const char* kLockFile = ".vset/lock"; // held by the launcher while the set is on
+constexpr const char* kLockFile = ".vset/lock"; // its PID 1; locked by the launcher, as the directory is
 
 // Where the power was cut.
 struct PowerCut {
@@ -43,6 +45,10 @@ struct SetLife {
 
 // As it stands now; no boot when the set was never on. A line that is not whole yet is left out.
 SetLife readLife(const std::filesystem::path& set);
+
+// The set's directory, which its launcher locks (flock): files in it can be replaced while the set is on, and
+// another launcher would then see a lock of its own.
+common::UniqueFd openToLock(const std::filesystem::path& set);
 
 // Whether a launcher holds the set: from before its first boot, over reboots, to its end.
 bool isOn(const std::filesystem::path& set);
