@@ -77,6 +77,11 @@ for kind in pipe socket directory device circle; do
     rm -rf "$set_/root/var/log/platform.log" && : >"$set_/root/var/log/platform.log"
 done
 
+rm -f "$set_/root/var/log/platform.log" && (umask 077 && : >"$set_/root/var/log/platform.log")
+ends 0 "written" "a log of root's alone" "$vset" run "$set_" -- \
+    setpriv --reuid 901 --regid 900 --clear-groups sh -c 'echo x >>/var/log/platform.log && echo written'
+: >"$set_/root/var/log/platform.log"
+
 # ---- A set that is on is known by its own first process, and by a lock that nobody can replace ----
 sleep 1000 &
 stranger=$!
@@ -114,6 +119,73 @@ ends 0 "" "the lock as it was" "$vset" exec "$set_" -- true
 kill -TERM "$leader"
 within 20 is_gone "$leader" || fail "a set whose lock was replaced does not end"
 
+# ---- Links that lead out of the set: nothing is put where they lead ----
+mkdir -p out stick/deep build/Panel && echo x >stick/deep/x && echo x >build/Panel/Panel.bin && ln -s Panel build/Linked
+touch tuner.so empTuner.img chip && printf -- '-----BEGIN PUBLIC KEY-----\n' >maker.pem
+# led PATH COMMAND...: a link in the place of that directory of the set, or of the one above it.
+led() {
+    local way
+    for way in "$set_/$1" "$(dirname "$set_/$1")"; do
+        mkdir -p "$way" && mv "$way" "$work/kept"
+        ln -s "$work/out" "$way"
+        ends 1 "${way##*/}: is in the way: a set has a directory there" "a link for $way" "$vset" "${@:2}"
+        rm "$way" && mv "$work/kept" "$way"
+    done
+    [ -z "$(ls -A "$work/out")" ] || fail "outside of the set now: $(ls -A "$work/out") (vset ${*:2})"
+}
+led root/prd/usr/fwupdate/controls put "$set_" library tuner.so
+led usr/fwupdate/controls put "$set_" library tuner.so --system
+led root/srv/feed put "$set_" package empTuner.img
+led root/opt/usr/apps/appbinarymanager put "$set_" package empTuner.img --delivered
+led usr/lib/firmware/ext put "$set_" firmware build/Panel
+led root/var/lib/hardware put "$set_" hardware chip
+led root/var/lib/signature/keys put "$set_" key maker.pem
+led root/opt/media put "$set_" stick stick
+led root/opt/media usb "$set_" insert stick
+mkdir out/USBDriveA && rmdir "$set_/root/opt/media" && ln -s "$work/out" "$set_/root/opt/media"
+ends 1 "media: is in the way" "a link for the slot" "$vset" usb "$set_" remove
+[ -d out/USBDriveA ] || fail "a stick outside of the set was removed"
+rm "$set_/root/opt/media" && mkdir "$set_/root/opt/media" && chown 900:900 "$set_/root/opt/media"
+# A link at the very place is replaced, not followed; one that a person names is what it leads to.
+echo kept >kept-file && ln -s "$work/kept-file" "$set_/root/srv/feed/empTuner.img"
+ends 0 "" "a link for the file" "$vset" put "$set_" package empTuner.img
+[ "$(cat kept-file)" = kept ] && [ ! -L "$set_/root/srv/feed/empTuner.img" ] || fail "a link at the very place is followed"
+ln -s stick linked-stick
+for command in "put $set_ stick" "usb $set_ insert"; do
+    # shellcheck disable=SC2086 # words
+    ends 0 "" "a linked stick" "$vset" $command linked-stick
+    [ ! -L "$set_/root/opt/media/USBDriveA" ] && [ -e "$set_/root/opt/media/USBDriveA/deep/x" ] || fail "the stick is a link in the set"
+done
+ends 1 "is no file of the set's own" ".. out of the set" "$vset" wait "$set_" file /tmp/../../../../etc/hostname "${short[@]}"
+# Several at once: each is whole.
+for round in 1 2 3 4 5; do
+    "$vset" put "$set_" stick stick >"$work/at-once" 2>&1 &
+    other=$!
+    ends 0 "" "two at once, round $round" "$vset" put "$set_" stick stick
+    wait "$other" || fail "two at once, round $round: $(cat "$work/at-once")"
+    [ -e "$set_/root/opt/media/USBDriveA/deep/x" ] || fail "two at once: half a stick"
+done
+mkdir "$set_/.vset/put.999999999.abcdef"
+head -c 100000 "$vset" >large.so
+ends 1 "File too large" "ulimit -f" bash -c "ulimit -f 2; '$vset' put '$set_' library large.so"
+[ -z "$(ls -d "$set_"/.vset/put.* 2>/dev/null)" ] || fail "what was put together is left: $(ls "$set_/.vset")"
+for name in etc dev; do
+    mv "$set_/root/$name" "$work/kept" 2>/dev/null
+    ln -s /nowhere/x "$set_/root/$name"
+    ends 1 "root/$name is in the way: a set has a directory there" "a link for /$name" "$vset" run "$set_" -- true
+    rm "$set_/root/$name"
+done
+
+# ---- A control library that is none, a log that cannot be shown ----
+mkfifo pipe && ln -s l1 l2 && ln -s l2 l1
+ends 1 "pipe is not a file but a pipe" "a pipe" "$tools/module-probe" pipe
+ends 1 "l1 cannot be opened: Too many levels of symbolic links" "a circle" "$tools/module-probe" l1
+printf '2026-01-31T12:00:00.000000Z\t2\t6\tFWUPDATE\t1\t1\tmain\t\t\t\tx.cpp: f(1) > service initialize\\n\n' >"$set_/root/var/log/platform.log"
+for command in "log $set_ -f" "story $set_ -f" "story $set_ --until never"; do
+    ends 1 "cannot write to standard output" "a full disk" bash -c "'$vset' $command >/dev/full"
+    ends 1 "cannot write to standard output" "a closed output" bash -c "'$vset' $command >&-"
+done
+
 # ---- Too much, too little, anything ----
 refused .vset/life sparse wait "$set_" off "${short[@]}"
 refused .vset/life sparse story "$set_" --until x "${short[@]}"
@@ -146,6 +218,10 @@ done
 for kind in sparse noise; do
     taken root/var/log/platform.log $kind 1 "not within 0.2 s" wait "$set_" says x --since ever "${short[@]}"
 done
+SECONDS=0
+ends 1 "no platform call" "a very long name" "$vset" fault "$set_" "$(head -c 100000 /dev/zero | tr '\0' x)"
+ends 0 "state 0" "the platform after a very long name" "$vset" show "$set_" power
+[ $SECONDS -lt 5 ] || fail "a very long name keeps the platform for $SECONDS s"
 # What is fetched from the feed keeps its holes; what is no file is not fetched.
 put_there sparse "$set_/root/srv/feed/empSparse.img"
 put_there pipe "$set_/root/srv/feed/empPipe.img"

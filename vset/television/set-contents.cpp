@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <sys/stat.h>
@@ -13,6 +16,7 @@
 #include "common/errors.h"
 #include "common/file-copy.h"
 #include "common/regular-file.h"
+#include "common/unique-fd.h"
 
 namespace vset
 {
@@ -47,12 +51,6 @@ void attempt(const std::string& what, const std::function<void()>& action)
     }
 }
 
-// Not under the name that somebody may be looking for, but on the same file system.
-fs::path unfinishedNameOf(const fs::path& target)
-{
-    return target.parent_path() / ("." + target.filename().string() + "." + std::to_string(getpid()));
-}
-
 void give(const fs::path& path, uid_t user, gid_t group)
 {
     if (lchown(path.c_str(), user, group) != 0) {
@@ -71,15 +69,6 @@ void giveTree(const fs::path& tree, uid_t user, gid_t group)
     }
 }
 
-// As it is in a set that root runs: daemon and platform have users of their own. A plain user's are all one.
-void giveToOwnerOf(const fs::path& directory, const fs::path& tree)
-{
-    struct stat owner{};
-    if (geteuid() == 0 && stat(directory.c_str(), &owner) == 0) {
-        giveTree(tree, owner.st_uid, owner.st_gid);
-    }
-}
-
 // A file that is written anew stays whose it was, and open to whom it was.
 bool keepOwnerAndMode(const fs::path& target, const fs::path& unfinished)
 {
@@ -95,50 +84,146 @@ bool keepOwnerAndMode(const fs::path& target, const fs::path& unfinished)
     return true;
 }
 
-bool isGone(const std::string& process)
+// A directory of the set, held open. The set's own programs may put a link in its place, or in the place of
+// any on the way to it: none is followed, since it would lead to the PC's own files.
+class HeldDirectory
 {
-    const bool isNumber = !process.empty() && process.size() < 10 &&
-                          process.find_first_not_of("0123456789") == std::string::npos;
-    return isNumber && kill(std::stoi(process), 0) != 0 && errno == ESRCH;
-}
+public:
+    enum class Missing { kIsMade, kIsNothing };
 
-// What a program that was killed at its work has left beside `target`.
-void removeLeftovers(const fs::path& target)
-{
-    const std::string begin = "." + target.filename().string() + ".";
-    std::error_code error;
-    fs::directory_iterator entry(target.parent_path(), error);
-    for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
-        if (name.rfind(begin, 0) == 0 && isGone(name.substr(begin.size()))) {
-            std::error_code ignored;
-            fs::remove_all(entry->path(), ignored);
+    HeldDirectory(const fs::path& set, const fs::path& path, Missing missing) : path_(path)
+    {
+        constexpr int kOpening = O_PATH | O_DIRECTORY | O_CLOEXEC;
+        directory_ = common::UniqueFd(open(set.c_str(), kOpening));
+        fs::path reached = set;
+        for (const fs::path& name : path.lexically_relative(set)) {
+            reached /= name;
+            if (missing == Missing::kIsMade) {
+                mkdirat(directory_.get(), name.c_str(), 0755);
+            }
+            directory_ = common::UniqueFd(openat(directory_.get(), name.c_str(), kOpening | O_NOFOLLOW));
+            if (!directory_) {
+                break;
+            }
         }
+        if (!directory_ && (errno != ENOENT || missing == Missing::kIsMade)) {
+            const int error = errno;
+            if (error == ENOTDIR || error == ELOOP) {
+                fail(reached.string(), "is in the way: a set has a directory there");
+            }
+            throw fs::filesystem_error("open", reached, std::error_code(error, std::generic_category()));
+        }
+    }
+
+    bool isThere() const { return static_cast<bool>(directory_); }
+    int directory() const { return directory_.get(); }
+    const fs::path& path() const { return path_; }
+    // For functions that take paths; good as long as this object.
+    fs::path by(const fs::path& name) const
+    {
+        return fs::path("/proc/self/fd") / std::to_string(directory_.get()) / name;
+    }
+
+private:
+    fs::path path_;
+    common::UniqueFd directory_;
+};
+
+// As it is in a set that root runs: daemon and platform have users of their own. A plain user's are all one.
+void giveToOwnerOf(const HeldDirectory& place, const fs::path& tree)
+{
+    struct stat owner{};
+    if (geteuid() == 0 && fstat(place.directory(), &owner) == 0) {
+        giveTree(tree, owner.st_uid, owner.st_gid);
     }
 }
 
-// Makes `target` by way of a hidden neighbour, which `make` fills. Directories are exchanged one after the
-// other: rename() puts none over a full one.
-void replace(const fs::path& target, const std::function<void(const fs::path& unfinished)>& make,
-             bool isSameFile = false)
+// Where something is put together: beside the set's own files, so that nobody in it sees it or has a hand in
+// it before it is whole.
+class Workshop
 {
-    const fs::path unfinished = unfinishedNameOf(target);
-    try {
-        fs::create_directories(target.parent_path());
-        removeLeftovers(target);
-        make(unfinished);
-        if (!isSameFile || !keepOwnerAndMode(target, unfinished)) {
-            giveToOwnerOf(target.parent_path(), unfinished);
+public:
+    explicit Workshop(const fs::path& set)
+    {
+        const HeldDirectory place(set, set / ".vset", HeldDirectory::Missing::kIsMade);
+        removeLeftovers(place.path());
+        directory_ = place.path() / (kBegin + std::to_string(getpid()) + ".XXXXXX");
+        std::string name = directory_;
+        if (mkdtemp(name.data()) == nullptr) {
+            throw fs::filesystem_error("mkdir", place.path(),
+                                       std::error_code(errno, std::generic_category()));
         }
-        if (fs::is_directory(fs::symlink_status(target))) {
-            fs::remove_all(target);
-        }
-        fs::rename(unfinished, target);
-    } catch (...) {
+        directory_ = name;
+    }
+    ~Workshop()
+    {
         std::error_code ignored;
-        fs::remove_all(unfinished, ignored);
-        throw;
+        fs::remove_all(directory_, ignored);
     }
+    Workshop(const Workshop&) = delete;
+    Workshop& operator=(const Workshop&) = delete;
+
+    fs::path at(const fs::path& name) const { return directory_ / name; }
+
+private:
+    static inline const std::string kBegin = "put.";
+
+    static bool isGone(const std::string& process)
+    {
+        const bool isNumber = !process.empty() && process.size() < 10 &&
+                              process.find_first_not_of("0123456789") == std::string::npos;
+        return isNumber && kill(std::stoi(process), 0) != 0 && errno == ESRCH;
+    }
+
+    // Of a program that was killed at its work.
+    static void removeLeftovers(const fs::path& directory)
+    {
+        std::error_code error;
+        fs::directory_iterator entry(directory, error);
+        for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+            const std::string name = entry->path().stem().string(); // without the random part
+            if (name.rfind(kBegin, 0) == 0 && isGone(name.substr(kBegin.size()))) {
+                std::error_code ignored;
+                fs::remove_all(entry->path(), ignored);
+            }
+        }
+    }
+
+    fs::path directory_;
+};
+
+// Under its name, in one step, even where a full directory or another such step is; what was there is in the
+// workshop then.
+void moveIn(const fs::path& finished, const HeldDirectory& place, const fs::path& name)
+{
+    constexpr int kTries = 100; // somebody puts and removes things there as well
+    for (int tries = 0; tries < kTries; ++tries) {
+        for (const unsigned int how : {RENAME_NOREPLACE, RENAME_EXCHANGE}) {
+            if (renameat2(AT_FDCWD, finished.c_str(), place.directory(), name.c_str(), how) == 0) {
+                return;
+            }
+            if (errno != EEXIST && errno != ENOENT) {
+                throw fs::filesystem_error("rename", place.path() / name,
+                                           std::error_code(errno, std::generic_category()));
+            }
+        }
+    }
+    fail((place.path() / name).string(), "somebody else puts it there and removes it all the time");
+}
+
+// Replaces `target` of the set by what `make` makes.
+void replace(const fs::path& set, const fs::path& target,
+             const std::function<void(const fs::path& unfinished)>& make, bool isSameFile = false)
+{
+    const HeldDirectory place(set, target.parent_path(), HeldDirectory::Missing::kIsMade);
+    const Workshop workshop(set);
+    const fs::path name = target.filename();
+    const fs::path unfinished = workshop.at(name);
+    make(unfinished);
+    if (!isSameFile || !keepOwnerAndMode(place.by(name), unfinished)) {
+        giveToOwnerOf(place, unfinished);
+    }
+    moveIn(unfinished, place, name);
 }
 
 void requireFile(const fs::path& file)
@@ -175,13 +260,16 @@ void requireName(const fs::path& file, const char* extension, const char* exampl
     }
 }
 
-// A tree of the PC, to `unfinished`, which does not lie in it: the copy would have no end.
-void copyTreeFrom(const fs::path& from, const fs::path& unfinished)
+// A tree of the PC, to `unfinished`, which is for that directory of the set. Neither lies in the tree: the
+// copy would have no end, or hold what it replaces.
+void copyTreeFrom(const fs::path& from, const fs::path& unfinished, const fs::path& directory)
 {
     const fs::path source = fs::weakly_canonical(from);
-    const fs::path target = fs::weakly_canonical(unfinished);
-    if (std::mismatch(source.begin(), source.end(), target.begin(), target.end()).first == source.end()) {
-        fail(from.string(), "the set lies in it: put a directory that is outside of it");
+    for (const fs::path& each : {unfinished, directory}) {
+        const fs::path to = fs::weakly_canonical(each);
+        if (std::mismatch(source.begin(), source.end(), to.begin(), to.end()).first == source.end()) {
+            fail(from.string(), "the set lies in it: put a directory that is outside of it");
+        }
     }
     common::copyTree(from, unfinished);
 }
@@ -216,7 +304,8 @@ SetContents::SetContents(const fs::path& set) : set_(set)
 std::optional<fs::path> SetContents::find(const std::string& path) const
 {
     // The rest of /usr is the PC's own; /lib is a link to /usr/lib.
-    const std::string real = isBelow(path, "/lib/firmware/ext") ? "/usr" + path : path;
+    const std::string plain = fs::path(path).lexically_normal(); // ".." does not lead out of the set
+    const std::string real = isBelow(plain, "/lib/firmware/ext") ? "/usr" + plain : plain;
     const fs::path relative = fs::path(real).relative_path();
     for (const char* top : {"/usr/fwupdate", inset::kBuiltInFirmware, "/usr/bin", "/usr/lib"}) {
         if (isBelow(real, top)) {
@@ -255,7 +344,7 @@ void SetContents::write(const std::string& path, const std::string& content) con
             throw fs::filesystem_error("write", unfinished, std::error_code(errno, std::generic_category()));
         }
     };
-    attempt("cannot write " + path + " of the set", [&] { replace(outside(path), make, true); });
+    attempt("cannot write " + path + " of the set", [&] { replace(set_, outside(path), make, true); });
 }
 
 void SetContents::put(const fs::path& from, const std::string& directory, const std::string& name) const
@@ -264,7 +353,8 @@ void SetContents::put(const fs::path& from, const std::string& directory, const 
     const fs::path target = outside(directory) / (name.empty() ? ownName : fs::path(name));
     attempt("cannot put " + from.string() + " into the set", [&] {
         const fs::path real = fs::canonical(from); // a link that a person names is what it leads to
-        replace(target, [&](const fs::path& unfinished) { copyTreeFrom(real, unfinished); });
+        replace(set_, target,
+                [&](const fs::path& unfinished) { copyTreeFrom(real, unfinished, target.parent_path()); });
     });
 }
 
@@ -303,8 +393,10 @@ void SetContents::putHardware(const fs::path& chips) const
     }
     attempt("cannot put " + chips.string() + " into the set", [&] {
         for (const fs::directory_entry& chip : fs::directory_iterator(chips)) {
-            replace(outside(inset::kHardware) / chip.path().filename(),
-                    [&](const fs::path& unfinished) { copyTreeFrom(chip.path(), unfinished); });
+            replace(set_, outside(inset::kHardware) / chip.path().filename(),
+                    [&](const fs::path& unfinished) {
+                        copyTreeFrom(chip.path(), unfinished, outside(inset::kHardware));
+                    });
         }
     });
 }
@@ -313,15 +405,19 @@ void SetContents::putStick(const fs::path& directory) const
 {
     requireDirectory(directory);
     attempt("the stick cannot be inserted", [&] {
-        replace(outside(inset::kStick),
-                [&](const fs::path& unfinished) { copyTreeFrom(directory, unfinished); });
+        const fs::path real = fs::canonical(directory);
+        replace(set_, outside(inset::kStick), [&](const fs::path& unfinished) {
+            copyTreeFrom(real, unfinished, outside(inset::kUsbSlot));
+        });
     });
 }
 
 void SetContents::removeStick() const
 {
     std::error_code error;
-    const bool wasThere = fs::remove_all(outside(inset::kStick), error) > 0;
+    const fs::path stick = outside(inset::kStick);
+    const HeldDirectory slot(set_, stick.parent_path(), HeldDirectory::Missing::kIsNothing);
+    const bool wasThere = slot.isThere() && fs::remove_all(slot.by(stick.filename()), error) > 0;
     if (error) {
         fail("the stick cannot be removed", error.message());
     }
