@@ -69,6 +69,12 @@ const char* colourOf(int priority)
     return priority == 5 ? "\033[33m" : priority <= 3 ? "\033[2m" : "";
 }
 
+// Where the output is a full disk, or closed, nobody will read the rest. Its end is told by the program's.
+bool isWritten()
+{
+    return std::ferror(stdout) == 0;
+}
+
 void printRecord(const LogRecord& record, bool isColoured)
 {
     // The column grows with what came so far, so that the log stays aligned without knowing its end.
@@ -119,7 +125,7 @@ void runLog(const LogOptions& options)
         } else {
             printRecord(record, isColoured);
         }
-        return true;
+        return isWritten();
     };
     if (options.isFollowing) {
         reader.follow(print);
@@ -272,10 +278,10 @@ void tellStory(const StoryOptions& options)
     if (options.onlyNew) {
         reader.skipToLatest(0);
     }
-    const auto take = [&part](const LogRecord& record) { return part.take(record); };
+    const auto take = [&part](const LogRecord& record) { return part.take(record) && isWritten(); };
     if (options.hasEnd()) {
         reader.follow(take, [&end] { return end(); });
-        if (!part.isTold()) {
+        if (!part.isTold() && isWritten()) {
             throw common::Failure(end.reason());
         }
     } else if (options.isFollowing || options.limit) {
