@@ -23,6 +23,7 @@
 #include <string>
 #include <strings.h>
 #include <sys/mman.h>
+#include <system_error>
 #include <tarnwick/control.h>
 #include <unistd.h>
 
@@ -30,6 +31,7 @@
 #include "common/contained-process.h"
 #include "common/entry-points.h"
 #include "common/json-text.h"
+#include "common/regular-file.h"
 
 namespace
 {
@@ -140,8 +142,12 @@ void waitForEnd(common::ContainedProcess& process)
 
 int probe(const std::string& path)
 {
-    if (!std::filesystem::exists(path)) {
+    std::error_code error;
+    if (std::filesystem::status(path, error).type() == std::filesystem::file_type::not_found) {
         throw common::WrongUse("there is no file " + path);
+    }
+    if (const common::RegularFile file(path); file.descriptor() < 0) { // the loader would wait for a pipe
+        throw common::Failure(path + " " + file.problem());
     }
     const int file = memfd_create("answer", MFD_CLOEXEC);
     if (file < 0) {
