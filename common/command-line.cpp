@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <regex>
 
+#include "common/plain-words.h"
 #include "common/version.h"
 #include "common/visible-text.h"
 
@@ -411,7 +412,7 @@ int CommandLine::main(int argc, char** argv)
         tell(error.what());
         return error.status();
     } catch (const std::exception& error) {
-        tell(error.what());
+        tell(plainWords(error));
         return kStatusFailed;
     }
 }

@@ -1,4 +1,6 @@
 // vset: a virtual television on a PC, with a private root, system bus, loop devices and clock.
+#include <csignal>
+
 #include "common/room.h"
 #include "vset/commands/commands.h"
 
@@ -49,6 +51,8 @@ Exit status: 0 done (or the command's own), 1 failure, 2 wrong use, 3 the power 
 
 int main(int argc, char** argv)
 {
+    // "ulimit -f": a write that fails, and says so. Programs that are started are ended by it, as ever.
+    std::signal(SIGXFSZ, [](int) {});
     common::CommandLine program("vset", "A virtual television on a PC");
     program.footer(kExamples);
     program.beforeRun(common::requireRoom);

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "common/plain-words.h"
 #include "vset/launcher/init.h"
 
 namespace vset
@@ -42,7 +43,7 @@ void enterNamespaces(const RunningSet& running)
         prepareForProgram();
         executeCommand(command);
     } catch (const std::exception& error) {
-        note(error.what());
+        note(common::plainWords(error));
         _exit(126);
     }
 }

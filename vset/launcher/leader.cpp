@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "common/plain-words.h"
 #include "vset/launcher/init.h"
 #include "vset/launcher/loop-slot.h"
 #include "vset/launcher/set-clock.h"
@@ -55,7 +56,7 @@ pid_t waitForLeader(int leaderPipe)
         const auto publish = [&] { lock.publish({self, plan.root.rootless, plan.root.clock}); };
         _exit(runInit(plan, powerPipe, publish));
     } catch (const std::exception& error) {
-        note(error.what());
+        note(common::plainWords(error));
         _exit(EXIT_FAILURE);
     }
 }

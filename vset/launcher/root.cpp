@@ -13,6 +13,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "common/file-copy.h"
 #include "common/visible-text.h"
 #include "vset/client/set-file.h"
 
@@ -69,7 +70,7 @@ void touch(const fs::path& path)
 
 void composeUsr(const RootPlan& plan, const fs::path& root)
 {
-    fs::create_directory(root / "usr");
+    makePlainDirectory(root / "usr");
     // A relative lower directory needs no quoting, whatever characters the set's path has.
     check(chdir(plan.set.path().c_str()), "cannot enter " + plan.set.path().string());
     const char* options = plan.rootless ? "lowerdir=usr:/usr,userxattr" : "lowerdir=usr:/usr";
@@ -84,7 +85,7 @@ void composeUsr(const RootPlan& plan, const fs::path& root)
         if (fs::is_symlink(host) && !fs::is_symlink(inside)) {
             fs::copy_symlink(host, inside);
         } else if (!fs::is_symlink(host) && fs::is_directory(host)) {
-            fs::create_directory(inside);
+            makePlainDirectory(inside);
             bindReadOnly(host, inside);
         }
     }
@@ -109,7 +110,7 @@ void takeOverConfiguration(const fs::path& name, const fs::path& etc)
         fs::create_directory(etc / name);
         bindReadOnly(host, etc / name);
     } else if (fs::is_regular_file(status)) {
-        fs::copy_file(host, etc / name);
+        common::copyFile(host, etc / name);
     }
 }
 
@@ -146,7 +147,7 @@ std::string accountTable(const fs::path& hostFile,
 
 void composeEtc(const RootPlan& plan, const fs::path& etc)
 {
-    fs::create_directory(etc);
+    makePlainDirectory(etc);
     mountOn("etc", etc, "tmpfs", MS_NODEV | MS_NOSUID, "mode=0755");
     for (const char* name : kHostConfiguration) {
         takeOverConfiguration(name, etc);
@@ -212,7 +213,7 @@ void takeOverDevice(const RootPlan& plan, const fs::path& dev, const char* name)
 
 void composeDev(const RootPlan& plan, const fs::path& dev)
 {
-    fs::create_directory(dev);
+    makePlainDirectory(dev);
     mountOn("dev", dev, "tmpfs", MS_NOSUID, "mode=0755");
     for (const char* name : {"null", "zero", "full", "random", "urandom", "tty", "fuse"}) {
         takeOverDevice(plan, dev, name);
@@ -253,10 +254,10 @@ void shieldKernel(const fs::path& proc)
 
 void composeKernelFiles(const fs::path& root, const UniqueFd& sys)
 {
-    fs::create_directory(root / "proc");
+    makePlainDirectory(root / "proc");
     mountOn("proc", root / "proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
     shieldKernel(root / "proc");
-    fs::create_directory(root / "sys");
+    makePlainDirectory(root / "sys");
     makeReadOnly(sys.get());
     attachTree(sys, root / "sys");
 }

@@ -78,19 +78,31 @@ constexpr const char* kLogs[] = {"platform.log", "dbus-daemon.out", "psmountd.ou
 
 void makeDirectory(const fs::path& path, const Directory& directory)
 {
-    if (mkdir(path.c_str(), 0755) != 0) {
-        if (errno != EEXIST) {
-            failWithErrno("cannot make " + path.string());
-        }
-        if (!fs::is_directory(fs::symlink_status(path))) {
-            throw Error(path.string() + " is in the way: a set has a directory there");
-        }
+    if (!makePlainDirectory(path)) {
         return;
     }
     if (geteuid() == 0) {
         check(chown(path.c_str(), directory.owner, directory.group), "cannot give away " + path.string());
     }
     check(chmod(path.c_str(), directory.mode), "cannot set the mode of " + path.string());
+}
+
+// All users of a set log; whoever has put another file in the place of the log may have forgotten that, and
+// nothing of the set would be told any more. A link is left as it is: it may lead out of the set.
+void openToAllUsers(const fs::path& log)
+{
+    constexpr mode_t kMode = 0666;
+    const std::string failure = "the set's programs cannot write " + log.string();
+    const UniqueFd file(open(log.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!file && errno == ELOOP) {
+        return;
+    }
+    check(file.get(), failure);
+    struct stat status{};
+    check(fstat(file.get(), &status), failure);
+    if ((status.st_mode & kMode) != kMode && fchmod(file.get(), kMode) != 0 && geteuid() == 0) {
+        failWithErrno(failure);
+    }
 }
 
 std::string randomMachineId()
@@ -432,8 +444,9 @@ void SetDirectory::complete() const
         makeDirectory(path_ / directory.path, directory);
     }
     const fs::path varRun = root() / "var/run";
-    if (!fs::exists(fs::symlink_status(varRun))) {
-        fs::create_symlink("../run", varRun); // where older programs look for the system bus
+    // Where older programs look for the system bus. Another command may be making the same set.
+    if (symlink("../run", varRun.c_str()) != 0 && errno != EEXIST) {
+        failWithErrno("cannot make " + varRun.string());
     }
     for (const char* name : kLogs) {
         requireFileOrNothing(root() / "var/log" / name);
@@ -441,9 +454,8 @@ void SetDirectory::complete() const
     const fs::path platformLog = root() / "var/log/platform.log";
     if (!fs::exists(fs::symlink_status(platformLog))) {
         writeFile(platformLog, "");
-        check(chmod(platformLog.c_str(), 0666),
-              "cannot set the mode of " + platformLog.string()); // all users log
     }
+    openToAllUsers(platformLog);
     if (!isMachineId(readSetFile(machineIdFile(), kMachineIdSize).value_or(""))) {
         writeFile(machineIdFile(), randomMachineId());
     }

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,6 +41,20 @@ void writeFile(const fs::path& path, const std::string& text, mode_t mode)
         check(count, "cannot write " + path.string());
         written += static_cast<size_t>(count);
     }
+}
+
+bool makePlainDirectory(const fs::path& path)
+{
+    if (mkdir(path.c_str(), 0755) == 0) {
+        return true;
+    }
+    if (errno != EEXIST) {
+        failWithErrno("cannot make " + path.string());
+    }
+    if (!fs::is_directory(fs::symlink_status(path))) {
+        throw Error(path.string() + " is in the way: a set has a directory there");
+    }
+    return false;
 }
 
 int shellStatus(int waitStatus)

@@ -49,6 +49,10 @@ Pipe makePipe();
 // yet.
 void writeFile(const fs::path& path, const std::string& text, mode_t mode = 0644);
 
+// False when it is there already. A link in its place is none: what is made or mounted in it would be outside
+// of the set. Throws Error.
+bool makePlainDirectory(const fs::path& path);
+
 // Exit status as a shell reports it: the process's own, or 128 + signal.
 int shellStatus(int waitStatus);
 
