@@ -36,6 +36,16 @@ started+=("$leader")
 within 20 test -e "$set_/root/tmp/ready" || fail "the set does not come up: $(cat "$work/said")"
 expect 0 "set" "${as_user[@]}" "$vset" exec "$set_" -- cat /etc/hostname
 expect 0 "uid 0" "$vset" exec "$set_" -- sh -c 'echo "uid $(id -u)"' # root may enter it as well
+other_user=(setpriv --reuid 12346 --regid 12346 --clear-groups)
+if [ "$(id -u)" = 0 ]; then
+    for command in "show $set_ power" "poweroff $set_" "reboot $set_" "power $set_ standby" "set $set_ memory/x 1" \
+        "property $set_ 128 x" "fault $set_ pralis_get_int" "ui $set_ decline" "mirroring $set_ on"; do
+        # shellcheck disable=SC2086 # words
+        expect 1 "belongs to another user? then use sudo" "${other_user[@]}" "$vset" $command
+    done
+fi
+expect 0 "state 0" "$vset" show "$set_" power # root may
+expect 0 "state 0" "${as_user[@]}" "$vset" show "$set_" power
 expect 0 "+30." "${as_user[@]}" "$vset" clock "$set_" --jump 30
 expect 1 "already running" "${as_user[@]}" "$vset" run "$set_" -u -- true
 expect 0 "(0, 0)" "${as_user[@]}" "$vset" exec "$set_" -- gdbus call --system -d org.pellor.psmount \

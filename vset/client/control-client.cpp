@@ -63,9 +63,13 @@ std::string textForPerson(const common::ErrorSlot& error, const std::string& whe
 {
     const GError* const reason = error.get();
     const bool isGone = g_error_matches(reason, G_IO_ERROR, G_IO_ERROR_CLOSED) != FALSE ||
-                        g_error_matches(reason, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) != FALSE ||
-                        g_error_matches(reason, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY) != FALSE ||
-                        g_error_matches(reason, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER) != FALSE;
+                        g_error_matches(reason, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY) != FALSE;
+    const bool isMissing = g_error_matches(reason, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) != FALSE ||
+                           g_error_matches(reason, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER) != FALSE;
+    if (isMissing) {
+        return "the platform of " + whereabouts + " is not there: it is starting, or has just ended" +
+               (whereabouts == kThisSet ? "" : "; `vset wait " + whereabouts.substr(4) + " on` waits for it");
+    }
     return isGone ? "the platform of " + whereabouts + " is gone (" + error.text() + ")" : error.text();
 }
 
@@ -105,7 +109,9 @@ int connectSocket(const std::string& path, const std::string& whereabouts, std::
     if (errno == ENOENT || errno == ECONNREFUSED) {
         throw ControlError(notRunningText(whereabouts));
     }
-    failToReach(whereabouts, std::generic_category().message(errno));
+    const int error = errno;
+    failToReach(whereabouts, std::generic_category().message(error) +
+                                 (error == EACCES ? " (it belongs to another user? then use sudo)" : ""));
 }
 
 void sendAll(int bus, std::string_view text, const std::string& whereabouts)

@@ -21,6 +21,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/plain-words.h"
 #include "common/visible-text.h"
 #include "vset/client/set-file.h"
 #include "vset/launcher/crash-order.h"
@@ -258,7 +259,7 @@ void Init::start(Service& service, std::vector<std::string> arguments, const Ide
         }
         executeCommand(arguments);
     } catch (const std::exception& error) {
-        note(error.what());
+        note(common::plainWords(error));
         _exit(126);
     }
 }
@@ -293,7 +294,9 @@ void Init::waitUntilReady(const Service& service, const UniqueFd& ready) const
 
 void Init::startBus()
 {
-    if (mkdir("/run/dbus", 0755) != 0 && errno != EEXIST) {
+    // A set without root cannot tell the PC's other users from its own root: they do not get so far.
+    const mode_t mode = plan_.root.rootless ? 0700 : 0755;
+    if (mkdir("/run/dbus", mode) != 0 && errno != EEXIST) {
         failWithErrno("cannot make /run/dbus");
     }
     writeFile(kBusConfigurationPath, kBusConfiguration);
@@ -381,7 +384,7 @@ void Init::startCommand(const WatchSocket& watch)
         }
         executeCommand(plan_.command);
     } catch (const std::exception& error) {
-        note(error.what());
+        note(common::plainWords(error));
         _exit(126);
     }
 }
