@@ -157,6 +157,18 @@ for command in "put $set_ stick" "usb $set_ insert"; do
     [ ! -L "$set_/root/opt/media/USBDriveA" ] && [ -e "$set_/root/opt/media/USBDriveA/deep/x" ] || fail "the stick is a link in the set"
 done
 ends 1 "is no file of the set's own" ".. out of the set" "$vset" wait "$set_" file /tmp/../../../../etc/hostname "${short[@]}"
+ln -s "$work" "$set_/root/srv/out" && ln -s /srv/feed "$set_/root/srv/in"
+"$vset" run "$set_" -- sleep 1000 2>/dev/null &
+leader=$!
+started+=("$leader")
+within 20 is_up "$set_" || fail "the set does not come up"
+ends 1 "it is not there" "a link to the PC" "$vset" wait "$set_" file /srv/out/kept-file "${short[@]}"
+ends 0 "" "a link in the set" "$vset" wait "$set_" file /srv/in/empTuner.img "${short[@]}"
+ends 0 "" "a file of the set" "$vset" wait "$set_" file //srv/feed/empTuner.img "${short[@]}"
+ends 1 "is no UTF-8" "a button that is no text" "$vset" ui "$set_" click $'\xff\xfe'
+kill -TERM "$leader"
+within 20 is_gone "$leader" || fail "the set does not end"
+ends 1 "there is no set at" "a log of no set" "$vset" log nowhere
 # Several at once: each is whole.
 for round in 1 2 3 4 5; do
     "$vset" put "$set_" stick stick >"$work/at-once" 2>&1 &

@@ -29,15 +29,6 @@ constexpr const char* kMountControl = "org.pellor.psmount.Control";
 constexpr const char* kSocket = "/run/dbus/system_bus_socket";
 constexpr const char* kThisSet = "this set";
 
-// A text as the bus takes it; GLib would send another one in the place of bytes that are none.
-const char* busText(const std::string& text)
-{
-    if (g_utf8_validate(text.c_str(), -1, nullptr) == FALSE) {
-        throw ControlError("\"" + common::visible(text) + "\" is no UTF-8, which a set's texts consist of");
-    }
-    return text.c_str();
-}
-
 // Makes `context` the one that GIO answers this thread in.
 class ThreadContext
 {
@@ -151,6 +142,14 @@ void authenticate(int bus, const std::string& whereabouts)
 }
 
 } // namespace
+
+const char* busText(const std::string& text)
+{
+    if (g_utf8_validate(text.c_str(), -1, nullptr) == FALSE) {
+        throw ControlError("\"" + common::visible(text) + "\" is no UTF-8, which a set's texts consist of");
+    }
+    return text.c_str();
+}
 
 ControlClient ControlClient::ofSet(const std::string& set, std::chrono::milliseconds longest)
 {

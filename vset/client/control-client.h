@@ -22,6 +22,10 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// A text for callConsole(), as long as `text`: GLib would send another one in the place of bytes that are no
+// UTF-8, which are refused here. Throws ControlError.
+const char* busText(const std::string& text);
+
 class ControlClient
 {
 public:

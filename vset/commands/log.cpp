@@ -115,7 +115,7 @@ void runLog(const LogOptions& options)
     const int lowest = priorityNumber(options.priority);
     const char* const noColour = std::getenv("NO_COLOR");
     const bool isColoured = isatty(STDOUT_FILENO) != 0 && (noColour == nullptr || *noColour == '\0');
-    LogReader reader(options.set + "/root" + kLogFile);
+    LogReader reader(SetDirectory::open(options.set).root() / "var/log/platform.log");
     const auto print = [&](const LogRecord& record) {
         if (!isWanted(record, options, lowest)) {
             return true;

@@ -180,7 +180,7 @@ void defineUi(common::CommandLine& command)
     click.text("BUTTON", options->button, "accept, decline or close").required();
     click.onRun([options] {
         ControlClient::ofSet(options->set)
-            .callConsole("Click", g_variant_new("(s)", options->button.c_str()));
+            .callConsole("Click", g_variant_new("(s)", busText(options->button)));
     });
     command.onRun([options] { printScreen(options->set); });
     command.footer("Examples:\n"

@@ -1,12 +1,17 @@
 #include "vset/television/set-watch.h"
 
 #include <algorithm>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
 #include <system_error>
 #include <thread>
+#include <unistd.h>
 
 #include "common/daemon-events.h"
 #include "common/errors.h"
 #include "common/json-text.h"
+#include "common/unique-fd.h"
 #include "common/visible-text.h"
 #include "vset/client/control-client.h"
 #include "vset/client/platform-log.h"
@@ -242,13 +247,29 @@ Condition hasSaid(const fs::path& set, const Text& text)
 
 // ---- Files, platform ----
 
+namespace
+{
+
+// A link on the way leads where it does in the set: never to the PC's files.
+bool isInRoot(const fs::path& root, const fs::path& file)
+{
+    const common::UniqueFd directory(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    open_how how{};
+    how.flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+    how.resolve = RESOLVE_IN_ROOT;
+    const common::UniqueFd found(syscall(SYS_openat2, directory.get(), file.c_str(), &how, sizeof how));
+    return static_cast<bool>(found);
+}
+
+} // namespace
+
 Condition fileIs(const fs::path& set, const std::string& path, bool isThere)
 {
-    const fs::path file = SetContents(set).outside(path);
-    const auto exists = [file] {
-        std::error_code error;
-        return fs::exists(fs::symlink_status(file, error));
-    };
+    const fs::path file = SetContents(set).outside(path).lexically_relative(set);
+    const bool isOfRoot = *file.begin() == "root";
+    const fs::path root = isOfRoot ? set / "root" : set;
+    const fs::path inRoot = isOfRoot ? file.lexically_relative("root") : file;
+    const auto exists = [root, inRoot] { return isInRoot(root, inRoot); };
     return {path + (isThere ? " to be there" : " to be gone"), [=](auto) { return exists() == isThere; },
             [=] { return std::string(exists() ? "it is there; " : "it is not there; ") + lifeText(set); }};
 }
