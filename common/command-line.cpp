@@ -3,8 +3,11 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <csignal>
 #include <cstdio>
+#include <poll.h>
 #include <regex>
+#include <unistd.h>
 
 #include "common/plain-words.h"
 #include "common/version.h"
@@ -397,12 +400,29 @@ int CommandLine::parseAndRun(int argc, char** argv)
     return command.run_();
 }
 
+namespace
+{
+
+// Whoever had enough of the output need not be told. The signal may have been ignored for other writes, by
+// the program or by the library of its bus.
+void endWithReader()
+{
+    pollfd output{STDOUT_FILENO, 0, 0};
+    if (poll(&output, 1, 0) > 0 && (output.revents & POLLERR) != 0) {
+        std::signal(SIGPIPE, SIG_DFL);
+        std::raise(SIGPIPE);
+    }
+}
+
+} // namespace
+
 int CommandLine::main(int argc, char** argv)
 {
     try {
         arguments_ = typed(argc, argv);
         const int status = parseAndRun(argc, argv);
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+            endWithReader();
             throw Failure("cannot write to standard output");
         }
         return status;
