@@ -87,7 +87,7 @@ Entry::Kind kindOf(const sqfs_inode_generic_t& inode)
 template <typename Object>
 Object* require(Object* object)
 {
-    return object != nullptr ? object : throw Failure("no memory to read the package");
+    return object != nullptr ? object : throw NoMemory("no memory to read the package");
 }
 } // namespace
 

@@ -12,8 +12,15 @@
 #include <string>
 #include <vector>
 
+#include "common/errors.h"
+
 namespace common
 {
+
+// The process lacks it: the package may be sound.
+struct NoMemory : Failure {
+    using Failure::Failure;
+};
 
 class PackageImage
 {

@@ -48,6 +48,14 @@ __attribute__((constructor)) static void postSemaphore()
 }
 #endif
 
+#ifdef LOWERS_ITS_MEMORY
+__attribute__((constructor)) static void lowerMemory()
+{
+    const rlimit little = {1 << 20, 1 << 20};
+    setrlimit(RLIMIT_AS, &little);
+}
+#endif
+
 #ifdef REMOVES_FILES
 __attribute__((constructor)) static void removeFile()
 {
@@ -112,6 +120,11 @@ int getActiveVersion(char* out)
     }
     const rlimit none = {0, 0};
     setrlimit(RLIMIT_NOFILE, &none);
+#endif
+#ifdef CLOSES_FILES
+    for (int descriptor = 3; descriptor < 1024; ++descriptor) {
+        close(descriptor);
+    }
 #endif
 #ifdef ENDS_ITS_THREAD
     pthread_exit(nullptr);

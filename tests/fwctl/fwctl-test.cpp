@@ -688,6 +688,39 @@ TEST_F(Fwctl, DoctorSetsASemaphoreThatWasPostedTooOftenToOne)
     EXPECT_THAT(outcome.out, AllOf(HasSubstr("\n    mended\n"), ContainsRegex("mended 0\n +1\n")));
 }
 
+TEST_F(Fwctl, ALibraryThatClosesFilesOfOthersIsTold)
+{
+    set.addModule("closing");
+    EXPECT_THAT(set.run("fwctl list").err,
+                HasSubstr("closing: a control library closes files of the process that asks it"));
+}
+
+TEST_F(Fwctl, APackageIsNotBlamedForMemoryThatALibraryTakesAway)
+{
+    set.addModule("starving");
+    const Outcome outcome = set.run("fwctl why starving");
+    EXPECT_THAT(outcome.out, Not(HasSubstr("have the package downloaded again")));
+    EXPECT_THAT(outcome.out, HasSubstr("has lowered a limit of its process")) << outcome.err;
+}
+
+TEST_F(Fwctl, DoctorTellsAPipeAmongTheLibraries)
+{
+    const Outcome outcome = set.run("mkfifo /prd/usr/fwupdate/controls/pipe.so; timeout 8 fwctl doctor");
+    EXPECT_EQ(outcome.status, 5) << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr("controls/pipe.so: it is not a file but a pipe\n"
+                                       "    -> remove it, and put the library there\n"));
+}
+
+TEST_F(Fwctl, AReaderThatGoesAwayEndsItInSilence)
+{
+    for (const char* command : {"list", "doctor", "--help"}) {
+        const Outcome outcome =
+            set.run("bash -c 'fwctl " + std::string(command) + " | true; echo ${PIPESTATUS[0]}'");
+        EXPECT_EQ(outcome.out, "141\n") << command;
+        EXPECT_EQ(outcome.err, "") << command;
+    }
+}
+
 TEST_F(Fwctl, DoctorTellsADaemonThatHangsInItsStart)
 {
     set.addModule("stuck-at-start");

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "common/json-text.h"
+#include "common/regular-file.h"
 #include "src/src/fw-update-mount-manager.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/modules/daemon-log.h"
@@ -70,6 +71,12 @@ std::string pathOf(const Json::Value& module)
 
 Json::Value inspectInChild(const std::string& path)
 {
+    const std::string special = common::problemOfSpecialFile(path);
+    if (!special.empty()) { // the loader would wait for the other end of a pipe
+        Json::Value told;
+        told["error"] = "it " + special;
+        return told;
+    }
     return runIsolated([&](Telling& telling) {
         becomeLikelyUpdater();
         const LibrarySymbols found = telling.call("loading", "", [&] { return inspectLibrary(path); });
@@ -302,7 +309,9 @@ void checkLibraries(const Scene& scene, Findings& found)
         } else if (module["kind"] == "unusable") {
             found.push_back({"unusable-library",
                              path + ": " + loadReason(module, scene.symbols.at(path)),
-                             "have the library corrected by its maker",
+                             common::problemOfSpecialFile(path).empty()
+                                 ? "have the library corrected by its maker"
+                                 : "remove it, and put the library there",
                              {}});
         }
     }

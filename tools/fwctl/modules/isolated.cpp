@@ -47,8 +47,9 @@ void copyText(char (&field)[size], const std::string& text)
 } // namespace
 
 struct Telling::Shared {
-    unsigned long long word = 0; // see wordOf()
-    Slot slots[32];              // calls at the same time; those beyond are not watched
+    unsigned long long word = 0;       // see wordOf()
+    std::atomic<bool> isCutOff{false}; // somebody has closed the pipe in the child
+    Slot slots[32];                    // calls at the same time; those beyond are not watched
 };
 
 namespace
@@ -146,7 +147,8 @@ void Telling::put(const char* name, const Json::Value& value)
             if (survives_) {
                 return;
             }
-            _exit(1); // nobody listens any more
+            shared_.isCutOff = errno == EBADF; // else nobody listens any more
+            _exit(1);
         }
         done += count > 0 ? static_cast<std::size_t>(count) : 0;
     }
@@ -340,6 +342,9 @@ std::string Child::failureOf(const common::ContainedProcess::End& end)
     }
     if (!exception_.empty()) {
         return exception_;
+    }
+    if (!isDone_ && shared_->isCutOff) {
+        return "a control library closes files of the process that asks it, which are not its own";
     }
     if (!isDone_) {
         return who + " ends the process" + where + " (exit status " + std::to_string(WEXITSTATUS(status)) +

@@ -252,6 +252,11 @@ Finding Replay::hasPackage()
     try {
         files_.readFrom(std::make_unique<common::PackageImage>(module_.empImagePath));
         return {true, module_.empImagePath, ""};
+    } catch (const common::NoMemory& error) {
+        return {
+            false, module_.empImagePath + ": " + error.what(),
+            "free memory; if there is enough, the control library has lowered a limit of its process: have it "
+            "corrected"};
     } catch (const common::Failure& error) {
         return readMountedPackage(error.what());
     }
