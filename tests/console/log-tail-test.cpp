@@ -44,6 +44,9 @@ TEST(LogTail, ReadsTheEndOfALongLogInWholeRecords)
         EXPECT_EQ(number, first + told - 1);
     });
     tail.start();
+    while (first + told < kRecords) { // a busy PC reads the rest at its next looks
+        g_main_context_iteration(nullptr, TRUE);
+    }
     EXPECT_GT(told, 1000);
     EXPECT_LT(told, kRecords / 4);
     EXPECT_EQ(first + told, kRecords);
