@@ -5,7 +5,7 @@
 #include <json/json.h>
 #include <memory>
 
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 
 namespace common
 {

@@ -1,7 +1,7 @@
 // vset: a virtual television on a PC, with a private root, system bus, loop devices and clock.
 #include <csignal>
 
-#include "common/room.h"
+#include "common/process/room.h"
 #include "vset/commands/commands.h"
 
 namespace

@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "common/command-line.h"
+#include "common/terminal/command-line.h"
 #include "common/version.h"
 
 namespace

@@ -9,7 +9,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "common/contained-process.h"
+#include "common/process/contained-process.h"
 
 namespace
 {

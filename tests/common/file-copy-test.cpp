@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "common/file-copy.h"
+#include "common/files/file-copy.h"
 
 namespace fs = std::filesystem;
 

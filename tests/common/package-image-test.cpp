@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 
 #include "common/errors.h"
-#include "common/package-image.h"
+#include "common/files/package-image.h"
 #include "tests/support/run-program.h"
 #include "tests/support/temporary-directory.h"
 

@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "common/regular-file.h"
+#include "common/files/regular-file.h"
 
 namespace
 {

@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include "common/errors.h"
-#include "common/room.h"
+#include "common/process/room.h"
 
 namespace
 {

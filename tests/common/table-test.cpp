@@ -1,7 +1,7 @@
 // Columns on a terminal.
 #include <gtest/gtest.h>
 
-#include "common/table.h"
+#include "common/terminal/table.h"
 
 namespace
 {

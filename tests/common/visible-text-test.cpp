@@ -1,7 +1,7 @@
 // Foreign texts on a terminal.
 #include <gtest/gtest.h>
 
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 
 namespace
 {

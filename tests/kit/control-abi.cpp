@@ -7,7 +7,7 @@
 #include <tarnwick/control.h>
 #include <type_traits>
 
-#include "common/entry-points.h"
+#include "common/daemon/entry-points.h"
 
 #define ABI_SAME_TYPE(function, type)                                                                        \
     static_assert(std::is_same<decltype(function), type>::value, #function " has changed")
@@ -36,7 +36,7 @@ constexpr bool isTheList()
     }
     return true;
 }
-static_assert(isTheList(), "common/entry-points.h has other functions than the interface");
+static_assert(isTheList(), "common/daemon/entry-points.h has other functions than the interface");
 } // namespace
 
 int main(int argc, char** argv)

@@ -6,7 +6,7 @@
 #include <iterator>
 #include <set>
 
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
 #include "vset/story/narrator.h"
 
 namespace
@@ -121,7 +121,7 @@ TEST(DaemonEvents, EveryTextOfTheSourcesIsInTheTable)
     EXPECT_GT(formats.size(), 100U);
     for (const std::string& format : formats) {
         EXPECT_EQ(known.count(format), 1U)
-            << "the daemon says \"" << format << "\": give it a row in common/daemon-events.cpp";
+            << "the daemon says \"" << format << "\": give it a row in common/daemon/daemon-events.cpp";
     }
 }
 

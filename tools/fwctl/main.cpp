@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "common/room.h"
+#include "common/process/room.h"
 #include "tools/fwctl/commands/command.h"
 
 namespace fwctl

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <string>
 
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 
 namespace fwctl
 {

@@ -13,10 +13,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "common/files/regular-file.h"
+#include "common/files/unique-fd.h"
 #include "common/glib-pointers.h"
-#include "common/regular-file.h"
-#include "common/unique-fd.h"
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/commands/command.h"
 

@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "common/room.h"
+#include "common/process/room.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/interruption.h"
 

@@ -12,9 +12,9 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/files/unique-fd.h"
 #include "common/json-text.h"
-#include "common/unique-fd.h"
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "vset/platformd/contract.h"
 
 namespace vset

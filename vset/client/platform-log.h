@@ -9,8 +9,8 @@
 #include <optional>
 #include <string>
 
-#include "common/log-record.h"
-#include "common/regular-file.h"
+#include "common/daemon/log-record.h"
+#include "common/files/regular-file.h"
 
 namespace vset
 {

@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "common/regular-file.h"
+#include "common/files/regular-file.h"
 
 namespace vset
 {

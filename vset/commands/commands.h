@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "common/command-line.h"
+#include "common/terminal/command-line.h"
 
 namespace vset
 {

@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "common/json-text.h"
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "vset/client/platform-log.h"
 #include "vset/commands/commands.h"
 #include "vset/launcher/set-directory.h"

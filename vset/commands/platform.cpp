@@ -5,7 +5,7 @@
 #include <memory>
 #include <optional>
 
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "vset/client/control-client.h"
 #include "vset/commands/commands.h"
 #include "vset/commands/show.h"

@@ -3,7 +3,7 @@
 #include <memory>
 #include <unistd.h>
 
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "vset/commands/commands.h"
 #include "vset/launcher/exec.h"
 #include "vset/launcher/leader.h"

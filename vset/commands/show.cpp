@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "common/json-text.h"
-#include "common/table.h"
-#include "common/visible-text.h"
+#include "common/terminal/table.h"
+#include "common/terminal/visible-text.h"
 #include "vset/client/control-client.h"
 #include "vset/commands/commands.h"
 

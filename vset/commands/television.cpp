@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "common/json-text.h"
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "vset/client/control-client.h"
 #include "vset/commands/commands.h"
 #include "vset/television/set-contents.h"

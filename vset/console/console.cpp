@@ -11,7 +11,7 @@
 #include <unistd.h>
 #include <utility>
 
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
 #include "common/json-text.h"
 #include "console-interface.h"
 #include "vset/console/real-time.h"

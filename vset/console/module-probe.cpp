@@ -27,11 +27,11 @@
 #include <tarnwick/control.h>
 #include <unistd.h>
 
-#include "common/command-line.h"
-#include "common/contained-process.h"
-#include "common/entry-points.h"
+#include "common/daemon/entry-points.h"
+#include "common/files/regular-file.h"
 #include "common/json-text.h"
-#include "common/regular-file.h"
+#include "common/process/contained-process.h"
+#include "common/terminal/command-line.h"
 
 namespace
 {

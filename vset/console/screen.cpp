@@ -7,7 +7,7 @@
 
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "vset/console/program.h"
 #include "vset/platformd/guarded.h"
 

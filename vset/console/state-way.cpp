@@ -2,7 +2,7 @@
 
 #include <glib.h>
 
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
 
 namespace vset
 {

@@ -4,7 +4,7 @@
 #include <system_error>
 #include <utility>
 
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 
 namespace vset
 {

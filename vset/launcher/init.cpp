@@ -22,7 +22,7 @@
 #include <utility>
 
 #include "common/plain-words.h"
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "vset/client/set-file.h"
 #include "vset/launcher/crash-order.h"
 #include "vset/platformd/contract.h"

@@ -13,8 +13,8 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include "common/file-copy.h"
-#include "common/visible-text.h"
+#include "common/files/file-copy.h"
+#include "common/terminal/visible-text.h"
 #include "vset/client/set-file.h"
 
 namespace vset

@@ -9,7 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 
 namespace vset
 {

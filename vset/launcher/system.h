@@ -10,7 +10,7 @@
 #include <sys/types.h>
 
 #include "common/errors.h"
-#include "common/unique-fd.h"
+#include "common/files/unique-fd.h"
 
 namespace vset
 {

@@ -10,9 +10,9 @@
 #include <system_error>
 #include <unistd.h>
 
-#include "common/file-copy.h"
+#include "common/files/file-copy.h"
+#include "common/files/unique-fd.h"
 #include "common/json-text.h"
-#include "common/unique-fd.h"
 
 namespace vset
 {

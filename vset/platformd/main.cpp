@@ -9,8 +9,8 @@
 #include <memory>
 #include <unistd.h>
 
-#include "common/command-line.h"
 #include "common/glib-pointers.h"
+#include "common/terminal/command-line.h"
 #include "vset/console/console.h"
 #include "vset/platformd/bus/control.h"
 #include "vset/platformd/bus/services.h"

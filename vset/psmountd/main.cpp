@@ -9,9 +9,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "common/command-line.h"
 #include "common/glib-pointers.h"
-#include "common/visible-text.h"
+#include "common/terminal/command-line.h"
+#include "common/terminal/visible-text.h"
 #include "vset/psmountd/mount-service.h"
 
 namespace

@@ -14,7 +14,7 @@
 #include <unistd.h>
 #include <utility>
 
-#include "common/unique-fd.h"
+#include "common/files/unique-fd.h"
 
 namespace signature
 {

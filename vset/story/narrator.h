@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
 
 namespace vset
 {

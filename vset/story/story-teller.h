@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
 #include "vset/client/platform-log.h"
 #include "vset/story/narrator.h"
 

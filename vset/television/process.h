@@ -9,7 +9,7 @@
 #include <sys/types.h>
 #include <vector>
 
-#include "common/unique-fd.h"
+#include "common/files/unique-fd.h"
 #include "include/tarnwick/television.h"
 
 namespace vset

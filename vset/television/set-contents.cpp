@@ -14,9 +14,9 @@
 #include <unistd.h>
 
 #include "common/errors.h"
-#include "common/file-copy.h"
-#include "common/regular-file.h"
-#include "common/unique-fd.h"
+#include "common/files/file-copy.h"
+#include "common/files/regular-file.h"
+#include "common/files/unique-fd.h"
 
 namespace vset
 {

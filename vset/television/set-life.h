@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "common/unique-fd.h"
+#include "common/files/unique-fd.h"
 
 namespace vset
 {

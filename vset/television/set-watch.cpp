@@ -8,11 +8,11 @@
 #include <thread>
 #include <unistd.h>
 
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
 #include "common/errors.h"
+#include "common/files/unique-fd.h"
 #include "common/json-text.h"
-#include "common/unique-fd.h"
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "vset/client/control-client.h"
 #include "vset/client/platform-log.h"
 #include "vset/television/set-contents.h"

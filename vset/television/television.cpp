@@ -16,10 +16,10 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
 #include "common/errors.h"
+#include "common/files/unique-fd.h"
 #include "common/json-text.h"
-#include "common/unique-fd.h"
 #include "vset/client/control-client.h"
 #include "vset/client/platform-log.h"
 #include "vset/clock/clock-page.h"

@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "common/command-line.h"
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
-#include "common/visible-text.h"
+#include "common/terminal/command-line.h"
+#include "common/terminal/visible-text.h"
 #include "norlog.h"
 #include "pralis.h"
 #include "vset/platformd/contract.h"

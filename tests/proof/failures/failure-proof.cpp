@@ -8,9 +8,9 @@
 #include <thread>
 #include <unistd.h>
 
-#include "common/command-line.h"
-#include "common/progress-line.h"
-#include "common/table.h"
+#include "common/terminal/command-line.h"
+#include "common/terminal/progress-line.h"
+#include "common/terminal/table.h"
 #include "tests/proof/failures/campaign.h"
 #include "tests/proof/failures/exceptions.h"
 

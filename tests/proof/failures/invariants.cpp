@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
 #include "platform/fake/fake-platform.h"
 #include "tests/proof/failures/wrapped-calls.h"
 #include "tests/proof/process/machine.h"

@@ -4,7 +4,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "common/command-line.h"
+#include "common/terminal/command-line.h"
 #include "tests/proof/process/daemon.h"
 #include "tests/proof/process/failing.h"
 

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "common/command-line.h"
+#include "common/terminal/command-line.h"
 #include "tests/proof/model/campaign.h"
 
 namespace

@@ -2,8 +2,8 @@
 #ifndef TOOLS_FWCTL_COMMANDS_COMMAND_H
 #define TOOLS_FWCTL_COMMANDS_COMMAND_H
 
-#include "common/command-line.h"
-#include "common/visible-text.h"
+#include "common/terminal/command-line.h"
+#include "common/terminal/visible-text.h"
 
 namespace fwctl
 {

@@ -14,8 +14,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/files/regular-file.h"
 #include "common/json-text.h"
-#include "common/regular-file.h"
 #include "src/src/fw-update-mount-manager.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/modules/daemon-log.h"

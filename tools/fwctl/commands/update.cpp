@@ -4,7 +4,7 @@
 #include <iterator>
 #include <memory>
 
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
 #include "common/json-text.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/modules/daemon-log.h"

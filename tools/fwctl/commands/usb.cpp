@@ -7,10 +7,10 @@
 #include <optional>
 #include <sys/stat.h>
 
-#include "common/content-key.h"
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
+#include "common/files/content-key.h"
+#include "common/files/regular-file.h"
 #include "common/json-text.h"
-#include "common/regular-file.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/modules/daemon-log.h"
 #include "tools/fwctl/modules/examination.h"

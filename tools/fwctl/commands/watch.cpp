@@ -7,7 +7,7 @@
 
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "pralis.h"
 #include "pwrctl.h"
 #include "tools/fwctl/commands/command.h"

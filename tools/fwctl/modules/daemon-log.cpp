@@ -7,7 +7,7 @@
 #include <mutex>
 #include <utility>
 
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
 #include "norlog.h"
 #include "trace_logger.h"
 

@@ -1,6 +1,6 @@
 // Work that runs control libraries in a child process, so that one that crashes, hangs, throws or ends the
 // process costs its own answer and nothing else; so does one that prints, sends signals or starts others
-// (common/contained-process.h).
+// (common/process/contained-process.h).
 //
 // To be used while fwctl has a single thread and no connection to the bus: the child is a plain fork.
 #ifndef TOOLS_FWCTL_MODULES_ISOLATED_H
@@ -16,7 +16,7 @@
 #include <sys/types.h>
 #include <vector>
 
-#include "common/contained-process.h"
+#include "common/process/contained-process.h"
 #include "tools/fwctl/modules/library-speech.h"
 #include "tools/fwctl/output.h"
 

@@ -5,7 +5,7 @@
 #include <elf.h>
 #include <link.h>
 
-#include "common/entry-points.h"
+#include "common/daemon/entry-points.h"
 
 namespace fwctl
 {

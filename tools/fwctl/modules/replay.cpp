@@ -6,10 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/files/memory-file.h"
+#include "common/files/package-image.h"
+#include "common/files/regular-file.h"
 #include "common/json-text.h"
-#include "common/memory-file.h"
-#include "common/package-image.h"
-#include "common/regular-file.h"
 #include "src/src/fw-update-checksum.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/modules/daemon-log.h"

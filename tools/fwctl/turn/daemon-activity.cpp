@@ -4,7 +4,7 @@
 #include <map>
 #include <unistd.h>
 
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
 
 namespace fwctl
 {

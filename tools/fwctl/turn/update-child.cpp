@@ -7,9 +7,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "common/pipe.h"
-#include "common/progress-line.h"
-#include "common/visible-text.h"
+#include "common/process/pipe.h"
+#include "common/terminal/progress-line.h"
+#include "common/terminal/visible-text.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/output.h"
 #include "tools/fwctl/privileges.h"

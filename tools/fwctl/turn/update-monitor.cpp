@@ -4,8 +4,8 @@
 #include <chrono>
 #include <unistd.h>
 
-#include "common/daemon-events.h"
-#include "common/progress-line.h"
+#include "common/daemon/daemon-events.h"
+#include "common/terminal/progress-line.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwctl/modules/daemon-log.h"
 

@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "common/json-text.h"
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "tools/fwmod/check/protocol/findings.h"
 
 namespace fwmod

@@ -5,7 +5,7 @@
 #include <memory>
 #include <unistd.h>
 
-#include "common/progress-line.h"
+#include "common/terminal/progress-line.h"
 #include "tools/fwmod/check/check-report.h"
 #include "tools/fwmod/check/examination.h"
 #include "tools/fwmod/check/protocol/findings.h"

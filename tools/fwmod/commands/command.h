@@ -2,7 +2,7 @@
 #ifndef TOOLS_FWMOD_COMMANDS_COMMAND_H
 #define TOOLS_FWMOD_COMMANDS_COMMAND_H
 
-#include "common/command-line.h"
+#include "common/terminal/command-line.h"
 
 namespace fwmod
 {

@@ -3,7 +3,7 @@
 #include <memory>
 #include <vector>
 
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 

@@ -8,10 +8,10 @@
 #include <set>
 #include <unistd.h>
 
+#include "common/files/regular-file.h"
 #include "common/json-text.h"
-#include "common/progress-line.h"
-#include "common/regular-file.h"
-#include "common/visible-text.h"
+#include "common/terminal/progress-line.h"
+#include "common/terminal/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/inspection.h"

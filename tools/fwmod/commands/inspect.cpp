@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "common/json-text.h"
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/images/inspection.h"
 

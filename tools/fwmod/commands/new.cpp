@@ -11,7 +11,7 @@
 #include <memory>
 #include <vector>
 
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <memory>
 
-#include "common/file-copy.h"
-#include "common/package-image.h"
-#include "common/visible-text.h"
+#include "common/files/file-copy.h"
+#include "common/files/package-image.h"
+#include "common/terminal/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/identifier.h"

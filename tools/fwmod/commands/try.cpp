@@ -3,9 +3,9 @@
 #include <memory>
 #include <unistd.h>
 
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
 #include "common/json-text.h"
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "include/tarnwick/television.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/commands/command.h"

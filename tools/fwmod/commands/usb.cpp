@@ -14,8 +14,8 @@
 #include <unistd.h>
 #include <vector>
 
-#include "common/regular-file.h"
-#include "common/visible-text.h"
+#include "common/files/regular-file.h"
+#include "common/terminal/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/usb-image.h"

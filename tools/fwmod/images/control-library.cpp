@@ -10,8 +10,8 @@
 #include <set>
 #include <unistd.h>
 
-#include "common/entry-points.h"
-#include "common/unique-fd.h"
+#include "common/daemon/entry-points.h"
+#include "common/files/unique-fd.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/damaged.h"

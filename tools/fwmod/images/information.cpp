@@ -3,9 +3,9 @@
 #include <json/json.h>
 #include <sstream>
 
+#include "common/files/regular-file.h"
 #include "common/json-text.h"
-#include "common/regular-file.h"
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/quiet-platform.h"
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <unistd.h>
 
-#include "common/memory-file.h"
+#include "common/files/memory-file.h"
 #include "src/src/fw-update-checksum.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"

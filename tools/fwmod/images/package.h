@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "common/package-image.h"
+#include "common/files/package-image.h"
 #include "tools/fwmod/images/damaged.h"
 
 namespace fwmod

@@ -13,7 +13,7 @@
 #include <openssl/evp.h>
 #include <tarnwick/control.h>
 
-#include "common/content-key.h"
+#include "common/files/content-key.h"
 
 namespace fwmod
 {

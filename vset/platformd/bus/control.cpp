@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "common/json-text.h"
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "platform-interfaces.h"
 #include "vset/platformd/bus/services.h"
 

@@ -10,7 +10,7 @@
 #include <unistd.h>
 #include <utility>
 
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 #include "vset/platformd/files.h"
 #include "vset/platformd/guarded.h"
 

@@ -20,7 +20,7 @@
 #include <system_error>
 #include <unistd.h>
 
-#include "common/file-copy.h"
+#include "common/files/file-copy.h"
 
 namespace fwmod::examiner
 {

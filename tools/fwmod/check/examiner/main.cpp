@@ -8,7 +8,7 @@
 #include <fstream>
 #include <string>
 
-#include "common/command-line.h"
+#include "common/terminal/command-line.h"
 #include "tools/fwmod/check/examiner/faulty-writes.h"
 #include "tools/fwmod/check/examiner/lost-hardware.h"
 #include "tools/fwmod/check/examiner/power-cuts.h"

@@ -18,8 +18,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/files/unique-fd.h"
 #include "common/json-text.h"
-#include "common/unique-fd.h"
 #include "tools/fwmod/check/examiner/black-box.h"
 #include "tools/fwmod/check/examiner/process-state.h"
 #include "tools/fwmod/check/examiner/worker.h"

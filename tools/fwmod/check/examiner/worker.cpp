@@ -14,7 +14,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "common/entry-points.h"
+#include "common/daemon/entry-points.h"
 #include "common/json-text.h"
 #include "tools/fwmod/check/examiner/guarded-buffer.h"
 #include "tools/fwmod/check/examiner/process-state.h"

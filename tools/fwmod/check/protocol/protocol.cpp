@@ -4,8 +4,8 @@
 #include <stdexcept>
 
 #include "common/errors.h"
+#include "common/files/regular-file.h"
 #include "common/json-text.h"
-#include "common/regular-file.h"
 #include "tools/fwmod/check/protocol/job.h"
 #include "tools/fwmod/check/protocol/report.h"
 

@@ -1,6 +1,6 @@
 // Owns one file descriptor.
-#ifndef COMMON_UNIQUE_FD_H
-#define COMMON_UNIQUE_FD_H
+#ifndef COMMON_FILES_UNIQUE_FD_H
+#define COMMON_FILES_UNIQUE_FD_H
 
 #include <unistd.h>
 #include <utility>

@@ -2,8 +2,8 @@
 //
 // One line for each; platform/host/platform-log.cpp says how its fields are separated and escaped. No state;
 // any thread.
-#ifndef COMMON_LOG_RECORD_H
-#define COMMON_LOG_RECORD_H
+#ifndef COMMON_DAEMON_LOG_RECORD_H
+#define COMMON_DAEMON_LOG_RECORD_H
 
 #include <optional>
 #include <string>

@@ -1,4 +1,4 @@
-#include "common/command-line.h"
+#include "common/terminal/command-line.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -10,8 +10,8 @@
 #include <unistd.h>
 
 #include "common/plain-words.h"
+#include "common/terminal/visible-text.h"
 #include "common/version.h"
-#include "common/visible-text.h"
 
 namespace common
 {

@@ -1,6 +1,6 @@
 // Copies of files that keep their holes: hardware is often a large file with little in it.
-#ifndef COMMON_FILE_COPY_H
-#define COMMON_FILE_COPY_H
+#ifndef COMMON_FILES_FILE_COPY_H
+#define COMMON_FILES_FILE_COPY_H
 
 #include <filesystem>
 

@@ -1,4 +1,4 @@
-#include "common/regular-file.h"
+#include "common/files/regular-file.h"
 
 #include <algorithm>
 #include <cerrno>

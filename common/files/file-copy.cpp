@@ -1,4 +1,4 @@
-#include "common/file-copy.h"
+#include "common/files/file-copy.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -6,8 +6,8 @@
 //
 // This header is narrow on purpose: the library behind it, CLI11, takes ten seconds to compile, and only
 // command-line.cpp includes it. One thread.
-#ifndef COMMON_COMMAND_LINE_H
-#define COMMON_COMMAND_LINE_H
+#ifndef COMMON_TERMINAL_COMMAND_LINE_H
+#define COMMON_TERMINAL_COMMAND_LINE_H
 
 #include <filesystem>
 #include <functional>

@@ -2,15 +2,15 @@
 //
 // Every text of the daemon stands in one table, word for word as its sources have it, so that a text that is
 // added or changed there is noticed by a test. No state; any thread.
-#ifndef COMMON_DAEMON_EVENTS_H
-#define COMMON_DAEMON_EVENTS_H
+#ifndef COMMON_DAEMON_DAEMON_EVENTS_H
+#define COMMON_DAEMON_DAEMON_EVENTS_H
 
 #include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "common/log-record.h"
+#include "common/daemon/log-record.h"
 
 namespace common
 {

@@ -1,7 +1,7 @@
 // What a program needs of the system before it begins. GLib and control libraries end the process, or answer
 // wrongly, where they cannot have a descriptor or a thread: better nothing is begun than that.
-#ifndef COMMON_ROOM_H
-#define COMMON_ROOM_H
+#ifndef COMMON_PROCESS_ROOM_H
+#define COMMON_PROCESS_ROOM_H
 
 namespace common
 {

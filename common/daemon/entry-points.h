@@ -1,6 +1,6 @@
 // The functions that a control library exports (tarnwick/control.h), for programs that look them up by name.
-#ifndef COMMON_ENTRY_POINTS_H
-#define COMMON_ENTRY_POINTS_H
+#ifndef COMMON_DAEMON_ENTRY_POINTS_H
+#define COMMON_DAEMON_ENTRY_POINTS_H
 
 #include <stdexcept>
 #include <string_view>

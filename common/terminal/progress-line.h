@@ -1,7 +1,7 @@
 // One line of progress on standard error: drawn over on a terminal, whose width it keeps to, and written anew
 // every tenth otherwise.
-#ifndef COMMON_PROGRESS_LINE_H
-#define COMMON_PROGRESS_LINE_H
+#ifndef COMMON_TERMINAL_PROGRESS_LINE_H
+#define COMMON_TERMINAL_PROGRESS_LINE_H
 
 #include <string>
 

@@ -1,4 +1,4 @@
-#include "common/daemon-events.h"
+#include "common/daemon/daemon-events.h"
 
 #include <algorithm>
 #include <array>

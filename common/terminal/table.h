@@ -1,7 +1,7 @@
 // A table on a terminal: columns that are as wide as their widest cell, control characters shown and not
 // obeyed.
-#ifndef COMMON_TABLE_H
-#define COMMON_TABLE_H
+#ifndef COMMON_TERMINAL_TABLE_H
+#define COMMON_TERMINAL_TABLE_H
 
 #include <string>
 #include <vector>

@@ -1,7 +1,7 @@
 // The content key of encrypted images: in one place of memory, wiped when it is done with. One reader for all
 // programs, so that what the maker's takes the technician's takes, too.
-#ifndef COMMON_CONTENT_KEY_H
-#define COMMON_CONTENT_KEY_H
+#ifndef COMMON_FILES_CONTENT_KEY_H
+#define COMMON_FILES_CONTENT_KEY_H
 
 #include <cstddef>
 #include <string>

@@ -1,4 +1,4 @@
-#include "common/package-image.h"
+#include "common/files/package-image.h"
 
 #include <algorithm>
 #include <array>
@@ -14,7 +14,7 @@
 #include <sqfs/super.h>
 
 #include "common/errors.h"
-#include "common/regular-file.h"
+#include "common/files/regular-file.h"
 
 namespace common
 {

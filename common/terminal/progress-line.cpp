@@ -1,4 +1,4 @@
-#include "common/progress-line.h"
+#include "common/terminal/progress-line.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -6,7 +6,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 
 namespace common
 {

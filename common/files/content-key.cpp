@@ -1,4 +1,4 @@
-#include "common/content-key.h"
+#include "common/files/content-key.h"
 
 #include <cerrno>
 #include <cstring>
@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "common/errors.h"
-#include "common/regular-file.h"
+#include "common/files/regular-file.h"
 
 namespace common
 {

@@ -1,4 +1,4 @@
-#include "common/log-record.h"
+#include "common/daemon/log-record.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 // Texts that come from packages, control libraries and files, on a terminal: shown, never obeyed.
-#ifndef COMMON_VISIBLE_TEXT_H
-#define COMMON_VISIBLE_TEXT_H
+#ifndef COMMON_TERMINAL_VISIBLE_TEXT_H
+#define COMMON_TERMINAL_VISIBLE_TEXT_H
 
 #include <string>
 #include <string_view>

@@ -1,4 +1,4 @@
-#include "common/contained-process.h"
+#include "common/process/contained-process.h"
 
 #include <algorithm>
 #include <array>
@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "common/errors.h"
-#include "common/pipe.h"
+#include "common/process/pipe.h"
 
 namespace common
 {

@@ -10,8 +10,8 @@
 //
 // To be used while this process has a single thread: the others are plain forks. It becomes the one that
 // orphans are given to (PR_SET_CHILD_SUBREAPER). Errors are Failure.
-#ifndef COMMON_CONTAINED_PROCESS_H
-#define COMMON_CONTAINED_PROCESS_H
+#ifndef COMMON_PROCESS_CONTAINED_PROCESS_H
+#define COMMON_PROCESS_CONTAINED_PROCESS_H
 
 #include <chrono>
 #include <functional>

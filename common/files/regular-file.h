@@ -1,7 +1,7 @@
 // Opens files that a person or a stick has named: a pipe or a device under that name must not make a program
 // wait, nor be read.
-#ifndef COMMON_REGULAR_FILE_H
-#define COMMON_REGULAR_FILE_H
+#ifndef COMMON_FILES_REGULAR_FILE_H
+#define COMMON_FILES_REGULAR_FILE_H
 
 #include <cstddef>
 #include <optional>

@@ -1,6 +1,6 @@
 // A pipe between this process and its children: nobody else inherits its ends.
-#ifndef COMMON_PIPE_H
-#define COMMON_PIPE_H
+#ifndef COMMON_PROCESS_PIPE_H
+#define COMMON_PROCESS_PIPE_H
 
 #include <cerrno>
 #include <cstring>
@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include "common/errors.h"
-#include "common/unique-fd.h"
+#include "common/files/unique-fd.h"
 
 namespace common
 {

@@ -1,4 +1,4 @@
-#include "common/room.h"
+#include "common/process/room.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -2,8 +2,8 @@
 //
 // Not thread-safe. An image of any size needs one buffer only. Texts of Failure are to be put behind the
 // image's path: "is no squashfs image".
-#ifndef COMMON_PACKAGE_IMAGE_H
-#define COMMON_PACKAGE_IMAGE_H
+#ifndef COMMON_FILES_PACKAGE_IMAGE_H
+#define COMMON_FILES_PACKAGE_IMAGE_H
 
 #include <cstddef>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "common/memory-file.h"
+#include "common/files/memory-file.h"
 
 #include <sys/mman.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // A file without a place in any directory, for functions that read paths.
-#ifndef COMMON_MEMORY_FILE_H
-#define COMMON_MEMORY_FILE_H
+#ifndef COMMON_FILES_MEMORY_FILE_H
+#define COMMON_FILES_MEMORY_FILE_H
 
 #include <cstddef>
 #include <string>

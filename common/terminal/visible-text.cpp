@@ -1,4 +1,4 @@
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 
 #include <cstdio>
 #include <glib.h>

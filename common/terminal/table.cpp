@@ -1,10 +1,10 @@
-#include "common/table.h"
+#include "common/terminal/table.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <glib.h>
 
-#include "common/visible-text.h"
+#include "common/terminal/visible-text.h"
 
 namespace common
 {
