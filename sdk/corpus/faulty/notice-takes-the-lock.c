@@ -1,6 +1,6 @@
 // allUpdateDone waits for the mutex that doUpdate holds.
 // finds: F420
-#define BLOCK_US 200000
+#define BLOCK_US 80000
 #define OWN_allUpdateDone
 #include "chip.h"
 
