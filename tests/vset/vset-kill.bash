@@ -57,16 +57,17 @@ done
 
 # ---- What a killed `vset put` has left is removed by the next one ----
 "$vset" new --bare "$work/put" >/dev/null
-chips=$work/put/root/var/lib/hardware
+workshops=$work/put/.vset
+mkdir -p "$workshops"
 echo chip >"$work/chip"
 sleep 1000 &
 started+=($!)
-touch "$chips/.chip.$!" "$chips/.chip.of-a-person" # of one that works, and of nobody
+mkdir "$workshops/put.$!.abcdef" "$workshops/put.of-a-person" # of one that works, and of nobody
 (exec sleep 0) &
 wait $!
-mkdir "$chips/.chip.$!" && touch "$chips/.chip.$!/file"
+mkdir "$workshops/put.$!.abcdef" && touch "$workshops/put.$!.abcdef/file"
 expect 0 "" "$vset" put "$work/put" hardware "$work/chip"
-[ ! -e "$chips/.chip.$!" ] || fail "what a killed put has left stays"
-[ -e "$chips/.chip.${started[-1]}" ] || fail "another put's work is removed"
-[ -e "$chips/.chip.of-a-person" ] || fail "a file that no put has made is removed"
+[ ! -e "$workshops/put.$!.abcdef" ] || fail "what a killed put has left stays"
+[ -e "$workshops/put.${started[-1]}.abcdef" ] || fail "another put's work is removed"
+[ -e "$workshops/put.of-a-person" ] || fail "a file that no put has made is removed"
 conclude
