@@ -102,6 +102,21 @@ TEST_F(Check, ProgramThatTheSetNeedsIsToldWhenItIsMissing)
                                    HasSubstr("dbus-daemon"), Not(HasSubstr("\n\n"))));
 }
 
+TEST_F(Check, JUnitReportHasACaseForEachError)
+{
+    writeBytes(directory / "tuner.so", "no library");
+    EXPECT_EQ(check({"tuner.so", "--junit", "report.xml"}).status, 1);
+    const std::string report = readBytes(directory / "report.xml");
+    EXPECT_THAT(report, testing::StartsWith("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites>\n"));
+    EXPECT_THAT(report,
+                AllOf(HasSubstr("<testsuite name=\"fwmod check tuner.so\""), HasSubstr(" failures=\"1\""),
+                      HasSubstr("<failure type=\"F101\" message=\"F101: not a shared library"),
+                      HasSubstr("name=\"not F201: a question is answered with a failure\"")));
+    const Outcome outcome = check({"tuner.so", "--junit", "nowhere/report.xml"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "fwmod: nowhere/report.xml cannot be written: give another file\n");
+}
+
 TEST_F(Check, DocumentIsTheListOfFindings)
 {
     const Outcome outcome = check({"--list-findings"});

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <sstream>
+#include <utility>
+#include <vector>
 
+#include "common/findings/findings-form.h"
 #include "common/json-text.h"
 #include "common/terminal/visible-text.h"
 #include "tools/fwmod/check/protocol/findings.h"
@@ -13,66 +15,9 @@ namespace fwmod
 
 namespace
 {
-constexpr std::size_t kWidth = 100;
-constexpr std::size_t kIndent = 11; // of what stands under a finding's title
-constexpr std::size_t kMostDetails = 5;
-
-enum class Colour { Red = 31, Green = 32, Yellow = 33 };
-
-std::string coloured(const std::string& text, Colour colour, bool isColoured)
+common::Finding toldOf(const FindingKind& kind, const std::vector<std::string>& seen)
 {
-    if (!isColoured) {
-        return text;
-    }
-    return "\033[1;" + std::to_string(static_cast<int>(colour)) + "m" + text + "\033[0m";
-}
-
-// "    cause  text ...", wrapped, with the lines after the first one under the text.
-std::string paragraph(const std::string& label, const std::string& text)
-{
-    std::string result;
-    std::string line = "    " + label + std::string(kIndent - 4 - label.size(), ' ');
-    std::istringstream words(text);
-    bool isFirst = true;
-    for (std::string word; words >> word; isFirst = false) {
-        if (!isFirst && line.size() + 1 + word.size() > kWidth) {
-            result += line + "\n";
-            line = std::string(kIndent, ' ') + word;
-            continue;
-        }
-        line += (isFirst ? "" : " ") + word;
-    }
-    return result + line + "\n";
-}
-
-const char* nameOf(Severity severity)
-{
-    return severity == Severity::Error ? "error" : "warning";
-}
-
-std::vector<std::string> shortened(std::vector<std::string> details)
-{
-    if (details.size() <= kMostDetails) {
-        return details;
-    }
-    const std::size_t rest = details.size() - kMostDetails + 1;
-    details.resize(kMostDetails - 1);
-    details.push_back("and " + std::to_string(rest) + " more like these");
-    return details;
-}
-
-std::string formatFinding(const FindingKind& kind, const std::vector<std::string>& details, bool isColoured)
-{
-    const bool isError = kind.severity == Severity::Error;
-    std::string text = coloured(nameOf(kind.id) + " " + nameOf(kind.severity),
-                                isError ? Colour::Red : Colour::Yellow, isColoured) +
-                       ": " + kind.title + "\n";
-    const char* label = "seen";
-    for (const std::string& detail : shortened(details)) {
-        text += paragraph(label, common::visible(detail));
-        label = "";
-    }
-    return text + paragraph("cause", kind.cause) + paragraph("cure", kind.cure) + "\n";
+    return {nameOf(kind.id), kind.severity, kind.title, kind.cause, kind.cure, seen};
 }
 
 unsigned int countOf(const ExaminationResult& result, Severity severity)
@@ -127,7 +72,7 @@ std::string formatForPeople(const std::string& library, const ExaminationResult&
 {
     std::string text;
     for (const auto& [id, details] : result.report.findings) {
-        text += formatFinding(findingKind(id), details, isColoured);
+        text += common::findingForPeople(toldOf(findingKind(id), details), isColoured);
     }
     if (result.report.calls > 0) {
         text += describeWork(result);
@@ -135,15 +80,8 @@ std::string formatForPeople(const std::string& library, const ExaminationResult&
     for (const std::string& note : result.report.notes) {
         text += "Note: " + common::visible(note) + "\n";
     }
-    const std::string shown = common::visible(library);
-    const unsigned int errors = countOf(result, Severity::Error);
-    const unsigned int warnings = countOf(result, Severity::Warning);
-    if (errors + warnings == 0) {
-        return text + coloured(shown + ": sound, nothing was found.", Colour::Green, isColoured) + "\n";
-    }
-    const std::string sum =
-        shown + ": " + counted(errors, "error") + ", " + counted(warnings, "warning") + ".";
-    return text + coloured(sum, errors > 0 ? Colour::Red : Colour::Yellow, isColoured) + "\n";
+    return text + common::sumForPeople(library, countOf(result, Severity::Error),
+                                       countOf(result, Severity::Warning), isColoured);
 }
 
 std::string formatForPrograms(const std::string& library, const ExaminationResult& result)
@@ -153,19 +91,7 @@ std::string formatForPrograms(const std::string& library, const ExaminationResul
     root["verdict"] = verdictOf(result);
     root["findings"] = Json::arrayValue;
     for (const auto& [id, details] : result.report.findings) {
-        const FindingKind& kind = findingKind(id);
-        Json::Value entry;
-        entry["id"] = nameOf(id);
-        entry["severity"] = nameOf(kind.severity);
-        entry["title"] = kind.title;
-        std::string joined;
-        for (const std::string& detail : shortened(details)) {
-            joined += (joined.empty() ? "" : "; ") + detail;
-        }
-        entry["detail"] = joined;
-        entry["cause"] = kind.cause;
-        entry["cure"] = kind.cure;
-        root["findings"].append(entry);
+        root["findings"].append(common::findingForPrograms(toldOf(findingKind(id), details)));
     }
     root["notes"] = Json::arrayValue;
     for (const std::string& note : result.report.notes) {
@@ -185,5 +111,24 @@ std::string formatForPrograms(const std::string& library, const ExaminationResul
     measured["calls"] = result.report.calls;
     measured["power_cuts"] = result.cuts;
     return common::indentedJson(root) + "\n";
+}
+
+// A case for each error that a library can have; a warning fails none, as it does not fail the check.
+std::string formatForJUnit(const std::string& library, const ExaminationResult& result, double seconds)
+{
+    std::vector<common::TestCase> cases;
+    for (const FindingKind& kind : findingKinds()) {
+        if (kind.severity == Severity::Warning) {
+            continue;
+        }
+        common::TestCase one{
+            "not " + nameOf(kind.id) + ": " + kind.title, cases.empty() ? seconds : 0, {}, ""};
+        const auto found = result.report.findings.find(kind.id);
+        if (found != result.report.findings.end()) {
+            one.findings.push_back(toldOf(kind, found->second));
+        }
+        cases.push_back(std::move(one));
+    }
+    return common::junitReport("fwmod check " + library, cases);
 }
 } // namespace fwmod

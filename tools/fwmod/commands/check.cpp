@@ -1,10 +1,12 @@
 // fwmod check: loads a control library as the daemon would, in a virtual set of its own, and reports what is
 // wrong with it.
+#include <chrono>
 #include <cstdio>
-#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <unistd.h>
 
+#include "common/findings/findings-form.h"
 #include "common/terminal/progress-line.h"
 #include "tools/fwmod/check/check-report.h"
 #include "tools/fwmod/check/examination.h"
@@ -22,17 +24,12 @@ namespace
 struct Options {
     ExaminationRequest request;
     bool json = false;
+    fs::path junit;
     bool listFindings = false;
 };
 
 // Compared after every trial, of which there are hundreds.
 constexpr std::uintmax_t kLongestHardware = std::uintmax_t{1} << 30;
-
-bool isColourWanted()
-{
-    const char* const refused = std::getenv("NO_COLOR");
-    return isatty(STDOUT_FILENO) != 0 && (refused == nullptr || *refused == '\0');
-}
 
 int check(const Options& options)
 {
@@ -59,6 +56,7 @@ int check(const Options& options)
         common::ProgressLine& line;
     } clearing{line};
     const bool isWatched = isatty(STDERR_FILENO) != 0;
+    const auto begin = std::chrono::steady_clock::now();
     const ExaminationResult result =
         examineLibrary(request, [&](const std::string& what, unsigned int percent) {
             if (isWatched) {
@@ -67,8 +65,12 @@ int check(const Options& options)
         });
     line.clear();
     const std::string library = request.library.filename();
+    if (!options.junit.empty()) {
+        const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+        common::writeReport(options.junit, formatForJUnit(library, result, taken.count()));
+    }
     const std::string text = options.json ? formatForPrograms(library, result)
-                                          : formatForPeople(library, result, isColourWanted());
+                                          : formatForPeople(library, result, common::isColourWanted());
     std::fputs(text.c_str(), stdout);
     return hasErrors(result) ? 1 : 0;
 }
@@ -92,6 +94,9 @@ void defineCheck(common::CommandLine& command)
     command.flag("--every-write", request.everyWrite,
                  "Cut the power at every write of an update; by default at 300 of them at most");
     command.flag("--json", options->json, "Print JSON");
+    command
+        .path("--junit", options->junit, "Write a JUnit report to this file as well; errors are its failures")
+        .called("FILE");
     command.flag("--list-findings", options->listFindings, "Print what can be found, with cause and cure");
     command.footer(
         "The library is called as the daemon does, in a virtual set that is gone afterwards: questions,\n"

@@ -3,20 +3,20 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <cxxabi.h>
 #include <exception>
 #include <new>
 #include <pthread.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <system_error>
 #include <unistd.h>
 
-#include "tools/fwmod/check/examiner/guarded-buffer.h"
+#include "common/process/guarded-buffer.h"
 
 namespace fwmod::examiner
 {
+
+using common::GuardedBuffer;
 
 namespace
 {
@@ -105,13 +105,6 @@ void noteCrash(int signal, siginfo_t* information, void*)
     std::abort();
 }
 } // namespace
-
-std::int64_t realNow()
-{
-    timespec now{};
-    syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now); // the C library's may be the set's clock
-    return now.tv_sec * std::int64_t{1000000000} + now.tv_nsec;
-}
 
 BlackBox& makeBlackBox()
 {

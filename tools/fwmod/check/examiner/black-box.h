@@ -10,11 +10,12 @@
 #include <chrono>
 #include <cstdint>
 
+#include "common/process/process-state.h"
+
 namespace fwmod::examiner
 {
 
-// The PC's own time in nanoseconds, also in a set whose clock is faster: limits are in it.
-std::int64_t realNow();
+using common::realNow; // limits are in the PC's own time, also in a set whose clock is faster
 
 struct BlackBox {
     static constexpr int kThreads = 2; // that call the library at the same time: the update, the progress

@@ -20,8 +20,8 @@
 
 #include "common/files/unique-fd.h"
 #include "common/json-text.h"
+#include "common/process/process-state.h"
 #include "tools/fwmod/check/examiner/black-box.h"
-#include "tools/fwmod/check/examiner/process-state.h"
 #include "tools/fwmod/check/examiner/worker.h"
 #include "tools/fwmod/check/protocol/report.h"
 #include "vset/write-watch/write-watch.h"
@@ -128,7 +128,7 @@ private:
     void checkLimits();
 
     Watch watch_;
-    ProcessorDelay delay_; // of the watching itself, during which a write waits
+    common::ProcessorDelay delay_; // of the watching itself, during which a write waits
     BlackBox& box_;
     common::UniqueFd output_;
     common::UniqueFd ticks_;

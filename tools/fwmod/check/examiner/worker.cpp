@@ -16,12 +16,17 @@
 
 #include "common/daemon/entry-points.h"
 #include "common/json-text.h"
-#include "tools/fwmod/check/examiner/guarded-buffer.h"
-#include "tools/fwmod/check/examiner/process-state.h"
+#include "common/process/guarded-buffer.h"
+#include "common/process/process-state.h"
 #include "tools/fwmod/check/protocol/report.h"
 
 namespace fwmod::examiner
 {
+
+using common::GuardedBuffer;
+using common::openDescriptors;
+using common::ProcessorDelay;
+using common::ProcessState;
 
 using namespace std::chrono_literals;
 
@@ -210,6 +215,32 @@ void Worker::requireOwnDescriptors(const std::string& name)
     }
 }
 
+namespace
+{
+FindingId findingOf(common::ProcessChange::Kind kind)
+{
+    using Kind = common::ProcessChange::Kind;
+    switch (kind) {
+    case Kind::kDirectory:
+        return FindingId::WorkingDirectory;
+    case Kind::kSignals:
+        return FindingId::SignalHandling;
+    case Kind::kLocale:
+        return FindingId::Locale;
+    case Kind::kEnvironment:
+        return FindingId::Environment;
+    case Kind::kFileModeMask:
+        return FindingId::FileModeMask;
+    case Kind::kTimer:
+        return FindingId::TimerLeft;
+    case Kind::kThread:
+        return FindingId::ThreadLeft;
+    default:
+        return FindingId::ChildLeft;
+    }
+}
+} // namespace
+
 std::optional<Returned> Worker::call(const std::string& name, std::chrono::milliseconds limit,
                                      const std::function<int()>& function)
 {
@@ -236,8 +267,8 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
         return returned;
     }
     const ProcessState after = before->settled();
-    for (const Finding& change : before->changesIn(after)) {
-        found(change.id, name + ": " + change.detail);
+    for (const common::ProcessChange& change : before->changesIn(after)) {
+        found(findingOf(change.kind), name + ": " + change.seen);
     }
     return returned;
 }

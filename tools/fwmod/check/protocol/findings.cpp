@@ -25,22 +25,6 @@ std::vector<FindingId> findingsIn(const std::string& numbers)
     }
     return findings;
 }
-
-std::string rulesTable()
-{
-    std::string text =
-        "\n## Rules\n\nWhat `tarnwick/control.h` asks for, and what is found when it is not kept.\n\n"
-        "| Rule | Found as |\n|---|---|\n";
-    for (const Rule& rule : rules()) {
-        std::string found;
-        for (const FindingId id : rule.findings) {
-            found += (found.empty() ? "" : ", ") + nameOf(id);
-        }
-        text += std::string("| ") + rule.text + " | " +
-                (found.empty() ? std::string("not judged: ") + rule.reason : found) + " |\n";
-    }
-    return text;
-}
 } // namespace
 
 const std::vector<FindingKind>& findingKinds()
@@ -87,20 +71,25 @@ std::string nameOf(FindingId id)
 
 std::string findingsDocument()
 {
-    std::string text = "# What fwmod check finds\n\n"
-                       "Made from the checker's own table with `fwmod check --list-findings`; do not edit.\n"
-                       "An error keeps a module from being updated or does harm; a warning does not.\n";
-    unsigned int chapter = 0;
+    constexpr const char* kHeader = "tarnwick/control.h";
+    common::FindingsPage page;
+    page.head = "# What fwmod check finds\n\n"
+                "Made from the checker's own table with `fwmod check --list-findings`; do not edit.\n"
+                "An error keeps a module from being updated or does harm; a warning does not.\n";
+    page.ruleHead = "What `tarnwick/control.h` asks for, and what is found when it is not kept.";
     for (const FindingKind& kind : findingKinds()) {
-        if (chapterOf(kind.id) != chapter) {
-            chapter = chapterOf(kind.id);
-            text += std::string("\n## ") + kChapters[chapter - 1] + "\n";
-        }
-        text += "\n### " + nameOf(kind.id) + ": " + kind.title + "\n\n";
-        text += kind.severity == Severity::Error ? "*Error.* " : "*Warning.* ";
-        text += std::string(kind.cause) + "\n\n**Rule.** \"" + kind.rule + "\" (`tarnwick/control.h`)\n\n" +
-                "**Cure.** " + kind.cure + "\n";
+        page.entries.push_back({{nameOf(kind.id), kind.severity, kind.title, kind.cause, kind.cure, {}},
+                                kind.rule,
+                                kHeader,
+                                kChapters[chapterOf(kind.id) - 1]});
     }
-    return text + rulesTable();
+    for (const Rule& rule : rules()) {
+        std::vector<std::string> names;
+        for (const FindingId id : rule.findings) {
+            names.push_back(nameOf(id));
+        }
+        page.rules.push_back({rule.text, "", names, rule.reason});
+    }
+    return common::findingsDocument(page);
 }
 } // namespace fwmod

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "common/findings/findings-form.h"
+
 namespace fwmod
 {
 
@@ -22,7 +24,7 @@ struct Finding {
     std::string detail;
 };
 
-enum class Severity { Error, Warning };
+using common::Severity;
 
 struct FindingKind {
     FindingId id;

@@ -1,4 +1,4 @@
-#include "tools/fwmod/check/examiner/guarded-buffer.h"
+#include "common/process/guarded-buffer.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -9,7 +9,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-namespace fwmod::examiner
+namespace common
 {
 
 namespace
@@ -157,4 +157,4 @@ GuardedBuffer::Hit GuardedBuffer::describeHit(const void* address, char* words, 
     }
     return Hit::None;
 }
-} // namespace fwmod::examiner
+} // namespace common

@@ -1,12 +1,12 @@
 // Memory for a call's argument that ends at a page's end, with a page behind it (and one before it) that
 // nobody may touch: an overrun by one byte is a fault at once, and its address tells whose it was.
-#ifndef TOOLS_FWMOD_CHECK_EXAMINER_GUARDED_BUFFER_H
-#define TOOLS_FWMOD_CHECK_EXAMINER_GUARDED_BUFFER_H
+#ifndef COMMON_PROCESS_GUARDED_BUFFER_H
+#define COMMON_PROCESS_GUARDED_BUFFER_H
 
 #include <cstddef>
 #include <string>
 
-namespace fwmod::examiner
+namespace common
 {
 
 class GuardedBuffer
@@ -48,6 +48,6 @@ private:
     unsigned char* data_;
 };
 
-} // namespace fwmod::examiner
+} // namespace common
 
 #endif

@@ -1,29 +1,35 @@
 // What belongs to the whole process and must be after a call as it was before: looked at on the thread that
 // calls.
-#ifndef TOOLS_FWMOD_CHECK_EXAMINER_PROCESS_STATE_H
-#define TOOLS_FWMOD_CHECK_EXAMINER_PROCESS_STATE_H
+#ifndef COMMON_PROCESS_PROCESS_STATE_H
+#define COMMON_PROCESS_PROCESS_STATE_H
 
 #include <array>
 #include <chrono>
 #include <clocale>
 #include <csignal>
+#include <cstdint>
 #include <set>
 #include <string>
 #include <sys/types.h>
 #include <vector>
 
-#include "tools/fwmod/check/protocol/findings.h"
-
-namespace fwmod::examiner
+namespace common
 {
+
+// Something that a call has left otherwise, and what was seen, without the call's name.
+struct ProcessChange {
+    enum class Kind { kDirectory, kSignals, kLocale, kEnvironment, kFileModeMask, kTimer, kThread, kProcess };
+    Kind kind;
+    std::string seen;
+};
 
 class ProcessState
 {
 public:
     static ProcessState now();
 
-    // What `later` has otherwise, each as a finding's number and what was seen, without the call's name.
-    std::vector<Finding> changesIn(const ProcessState& later) const;
+    // What `later` has otherwise.
+    std::vector<ProcessChange> changesIn(const ProcessState& later) const;
 
     // The state after a call: what the call has started gets a moment to end. A thread that was joined or a
     // child that was reaped may stay visible for that long.
@@ -39,8 +45,11 @@ private:
     std::array<void (*)(int), NSIG> handlers_{};
     sigset_t blocked_{};
     std::set<pid_t> threads_;
-    std::set<pid_t> processes_;
+    std::set<pid_t> processes_; // all that this process's namespace has
 };
+
+// Nanoseconds of the PC's monotonic clock, whatever the set's clock does.
+std::int64_t realNow();
 
 // The number of this process's open descriptors.
 std::size_t openDescriptors();
@@ -59,6 +68,6 @@ private:
     int file_;
 };
 
-} // namespace fwmod::examiner
+} // namespace common
 
 #endif

@@ -1,8 +1,10 @@
-#include "tools/fwmod/check/examiner/process-state.h"
+#include "common/process/process-state.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -11,9 +13,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-#include "tools/fwmod/check/examiner/black-box.h"
-
-namespace fwmod::examiner
+namespace common
 {
 
 namespace fs = std::filesystem;
@@ -176,46 +176,53 @@ ProcessState ProcessState::settled() const
     }
 }
 
-std::vector<Finding> ProcessState::changesIn(const ProcessState& later) const
+std::vector<ProcessChange> ProcessState::changesIn(const ProcessState& later) const
 {
-    std::vector<Finding> changes;
+    using Kind = ProcessChange::Kind;
+    std::vector<ProcessChange> changes;
     if (later.directory_ != directory_) {
-        changes.push_back({FindingId::WorkingDirectory, "from " + directory_ + " to " + later.directory_});
+        changes.push_back({Kind::kDirectory, "from " + directory_ + " to " + later.directory_});
     }
     for (std::size_t signal = 1; signal < handlers_.size(); ++signal) {
         if (later.handlers_[signal] != handlers_[signal]) {
-            changes.push_back(
-                {FindingId::SignalHandling, "the disposition of " + signalName(static_cast<int>(signal))});
+            changes.push_back({Kind::kSignals, "the disposition of " + signalName(static_cast<int>(signal))});
         }
     }
     for (int signal = 1; signal < NSIG; ++signal) {
         if (sigismember(&later.blocked_, signal) != sigismember(&blocked_, signal)) {
-            changes.push_back({FindingId::SignalHandling, "the thread's mask, at " + signalName(signal)});
+            changes.push_back({Kind::kSignals, "the thread's mask, at " + signalName(signal)});
         }
     }
     if (later.locale_ != locale_) {
-        changes.push_back({FindingId::Locale, "from " + locale_ + " to " + later.locale_});
+        changes.push_back({Kind::kLocale, "from " + locale_ + " to " + later.locale_});
     } else if (later.threadLocale_ != threadLocale_) {
-        changes.push_back({FindingId::Locale, "that of the calling thread"});
+        changes.push_back({Kind::kLocale, "that of the calling thread"});
     }
     if (later.environment_ != environment_) {
-        changes.push_back({FindingId::Environment, firstDifference(environment_, later.environment_)});
+        changes.push_back({Kind::kEnvironment, firstDifference(environment_, later.environment_)});
     }
     if (later.mask_ != mask_) {
-        changes.push_back({FindingId::FileModeMask, "from " + mask_ + " to " + later.mask_});
+        changes.push_back({Kind::kFileModeMask, "from " + mask_ + " to " + later.mask_});
     }
     if (later.timers_ > timers_) {
-        changes.push_back({FindingId::TimerLeft, counted(later.timers_ - timers_, "timer")});
+        changes.push_back({Kind::kTimer, counted(later.timers_ - timers_, "timer")});
     }
     const std::size_t threads = without(later.threads_, threads_).size();
     if (threads > 0) {
-        changes.push_back({FindingId::ThreadLeft, counted(threads, "thread")});
+        changes.push_back({Kind::kThread, counted(threads, "thread")});
     }
     const std::size_t processes = without(later.processes_, processes_).size();
     if (processes > 0) {
-        changes.push_back({FindingId::ChildLeft, counted(processes, "process") + " or not waited for"});
+        changes.push_back({Kind::kProcess, counted(processes, "process") + " or not waited for"});
     }
     return changes;
+}
+
+std::int64_t realNow()
+{
+    timespec now{};
+    syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now); // the C library's may be the set's clock
+    return now.tv_sec * std::int64_t{1000000000} + now.tv_nsec;
 }
 
 std::size_t openDescriptors()
@@ -244,4 +251,4 @@ std::chrono::nanoseconds ProcessorDelay::soFar() const
     }
     return std::chrono::nanoseconds(waiting);
 }
-} // namespace fwmod::examiner
+} // namespace common
