@@ -56,6 +56,15 @@ __attribute__((constructor)) static void lowerMemory()
 }
 #endif
 
+#ifdef HAS_NO_FILES_IN_DOUPDATE
+static void forbidFiles()
+{
+    const rlimit none = {0, 0};
+    setrlimit(RLIMIT_NOFILE, &none);
+    usleep(200'000); // the process wants one meanwhile
+}
+#endif
+
 #ifdef REMOVES_FILES
 __attribute__((constructor)) static void removeFile()
 {
@@ -148,7 +157,9 @@ int getActiveVersion(char* out)
 
 int checkVersion(const char*, int* result)
 {
-#ifdef IS_OLD
+#if defined(VERDICT)
+    *result = VERDICT;
+#elif defined(IS_OLD)
     *result = TARNWICK_CONTROL_VERDICT_NEWER;
 #else
     *result = TARNWICK_CONTROL_VERDICT_SAME;
@@ -176,6 +187,8 @@ int doUpdate(const char*, unsigned long)
     std::abort();
 #elif defined(EXITS_IN_DOUPDATE)
     _exit(0);
+#elif defined(HAS_NO_FILES_IN_DOUPDATE)
+    forbidFiles();
 #elif defined(LIES_IN_DOUPDATE)
     return 0;
 #elif defined(THROWS_IN_DOUPDATE)

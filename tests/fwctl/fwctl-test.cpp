@@ -399,6 +399,39 @@ TEST_F(Fwctl, DoctorMendsWhatAKilledUpdateLeavesBehind)
     EXPECT_THAT(outcome.err, HasSubstr("fwctl doctor --fix"));
 }
 
+// Without root another program reads the packages, and it can end.
+TEST(FwctlRootless, DoctorUnmountsWhatCannotBeReadAnyMore)
+{
+    VirtualSet set(true);
+    const Outcome outcome = set.run(
+        "fwctl check; kill -9 $(pgrep -x squashfuse); fwctl list; fwctl why tuner; echo why $?; fwctl check; "
+        "fwctl doctor; echo found $?; fwctl doctor --fix; echo mended $?; "
+        "fwctl check >/tmp/check; cd /opt/usr/apps/appbinarymanager/emps/empTuner; pkill -9 -x squashfuse; "
+        "fwctl doctor --fix | grep -cx ' *mended'; grep emps /proc/mounts; cd /; fwctl update tuner; echo updated $?");
+    EXPECT_THAT(outcome.out, ContainsRegex("\ntuner +package +1[.]0 +- +- +no "));
+    EXPECT_THAT(outcome.out,
+                HasSubstr("✗ mount: /opt/usr/apps/appbinarymanager/emps/empTuner/ is mounted, but "
+                          "cannot be read any more: Transport endpoint is not connected\n"
+                          "      -> \"fwctl doctor --fix\" unmounts it\n"));
+    EXPECT_THAT(outcome.out,
+                AllOf(HasSubstr("why 3\n"), HasSubstr("\ntuner: not pending\n"), HasSubstr("found 5\n")));
+    EXPECT_THAT(outcome.out,
+                HasSubstr("✓ /opt/usr/apps/appbinarymanager/emps/empTuner is mounted, but cannot "
+                          "be read any more (Transport endpoint is not connected)"));
+    EXPECT_THAT(outcome.out, HasSubstr("mended 0\n1\ntuner: updated, 1.1 is installed\nupdated 0\n"))
+        << outcome.err;
+}
+
+TEST_F(Fwctl, AVerdictThatIsNoneIsNamedAsTheReason)
+{
+    set.addModule("overdone");
+    const Outcome outcome = set.run("fwctl update overdone; echo updated $?; fwctl check");
+    EXPECT_THAT(outcome.out, HasSubstr("overdone: cannot be updated: the library answers 2147483647, only 1 "
+                                       "makes a module pending\nupdated 1\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("\n  package: the library answers 2147483647, only 1 makes a module "
+                                       "pending\n"));
+}
+
 // ---- What may happen to an update ----
 
 TEST_F(Fwctl, AnUpdateWhoseParentIsKilledIsFinishedAndItsTurnGivenBack)
@@ -693,6 +726,15 @@ TEST_F(Fwctl, ALibraryThatClosesFilesOfOthersIsTold)
     set.addModule("closing");
     EXPECT_THAT(set.run("fwctl list").err,
                 HasSubstr("closing: a control library closes files of the process that asks it"));
+}
+
+TEST_F(Fwctl, WhatGlibSaysIsNoWordOfTheLibrary)
+{
+    set.addModule("fileless");
+    set.addSystemImage("Doomed");
+    const Outcome outcome = set.run("fwctl update fileless --source system");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, Not(HasSubstr("fileless says: (")));
 }
 
 TEST_F(Fwctl, APackageIsNotBlamedForMemoryThatALibraryTakesAway)

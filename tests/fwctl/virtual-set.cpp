@@ -10,7 +10,7 @@ namespace
 const fs::path kExamples = EXAMPLES;
 } // namespace
 
-VirtualSet::VirtualSet() : Television(fs::path(VSET))
+VirtualSet::VirtualSet(bool isRootless) : Television(tarnwick::Making{VSET, {}, isRootless})
 {
     const fs::path images = kExamples / "images";
     putLibrary(kExamples / "tuner.so");

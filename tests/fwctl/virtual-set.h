@@ -11,7 +11,7 @@
 class VirtualSet : public tarnwick::Television
 {
 public:
-    VirtualSet();
+    explicit VirtualSet(bool isRootless = false);
 
     // Switches the set on for a shell script, in which fwctl is found.
     Outcome run(const std::string& script);

@@ -25,9 +25,9 @@ struct Options {
     bool verbose = false;
 };
 
-std::string reasonOf(FWUpdateSymbol& module, const ImageSource& source)
+std::string reasonOf(FWUpdateSymbol& module, const ImageSource& source, int verdict)
 {
-    const std::string error = takeLastComplaint();
+    const std::string error = verdict > 1 ? textOfOddVerdict(verdict) : takeLastComplaint();
     const bool isNameless = source.type == UPDATE_TYPE_EMP && !module.isEMP;
     return isNameless ? "the identifier \"" + module.EMPName + "\" is refused" : error;
 }
@@ -43,7 +43,7 @@ Json::Value checkSource(FWUpdateSymbol& module, const ImageSource& source)
     result["verdict"] = verdict;
     result["newer"] = verdict == 1;
     result["offered"] = verdict >= 0 ? Json::Value(module.information.version) : Json::Value();
-    result["reason"] = verdict == 1 ? "" : special.empty() ? reasonOf(module, source) : special;
+    result["reason"] = verdict == 1 ? "" : special.empty() ? reasonOf(module, source, verdict) : special;
     return result;
 }
 

@@ -16,7 +16,6 @@
 
 #include "common/files/regular-file.h"
 #include "common/json-text.h"
-#include "src/src/fw-update-mount-manager.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/modules/daemon-log.h"
 #include "tools/fwctl/modules/examination.h"
@@ -198,13 +197,18 @@ void checkDirectories(const Scene&, Findings& found)
 
 void checkMounts(const Scene& scene, Findings& found)
 {
-    if (!scene.isIdle()) {
-        return; // they are in use
-    }
     for (const std::string& directory : packageMountPoints()) {
-        found.push_back({"stale-mount", directory + " is mounted, and nothing runs that would use it",
-                         "unmount it",
-                         [directory] { return FWMountManager::getInstance().UMount(directory) == 0; }});
+        const std::string problem = problemOfMount(directory);
+        const auto fix = [directory] { return unmount(directory); };
+        if (!problem.empty()) { // of no use to anybody
+            found.push_back({"dead-mount",
+                             directory + " is mounted, but cannot be read any more (" + problem +
+                                 "): its package can be neither checked nor installed",
+                             "unmount it", fix});
+        } else if (scene.isIdle()) {
+            found.push_back({"stale-mount", directory + " is mounted, and nothing runs that would use it",
+                             "unmount it", fix});
+        }
     }
 }
 
@@ -511,7 +515,7 @@ void defineDoctor(common::CommandLine& command)
     auto options = std::make_shared<Options>();
     command.flag(
         "--fix", options->fix,
-        "Mend what is safe: unmount what nobody uses, give back a turn to update that nobody\n"
+        "Mend what is safe: unmount what nobody uses or can read, give back a turn to update that nobody\n"
         "has, set a semaphore above 1 to 1, remove a list without a daemon, make missing directories");
     command.flag("--json", options->json, "For a program: one JSON array");
     command.footer("Without --fix it changes nothing. "

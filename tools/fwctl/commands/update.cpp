@@ -108,10 +108,11 @@ void updateInChild(const Options& options, const Choice& choice, UpdateLink& lin
     takeDaemonMessages();
     char emptyContext[] = "";
     const PowerLock lock(1, choice.seconds);
-    registry.manager().doUpdateFirmware(options.module, choice.source->caller, emptyContext);
+    const int verdict =
+        registry.manager().doUpdateFirmware(options.module, choice.source->caller, emptyContext);
     const Json::Value outcomes = finishedOutcomes(monitor);
     if (outcomes.empty()) {
-        link.telling().put("unstarted", takeLastComplaint());
+        link.telling().put("unstarted", verdict > 1 ? textOfOddVerdict(verdict) : takeLastComplaint());
     } else {
         link.tellOutcomes(outcomes);
     }

@@ -30,7 +30,9 @@ void LibrarySpeech::say(const std::string& text)
         return;
     }
     const std::string shown = text.size() <= kLongestLine ? text : text.substr(0, kLongestLine) + "...";
-    tell(speaker_.empty() ? shown : speaker_ + " says: " + shown);
+    // Of fwctl's own libraries, in what the control library has made of their process.
+    const bool isGlibs = text.rfind("(process:", 0) == 0;
+    tell(speaker_.empty() ? shown : speaker_ + (isGlibs ? ", in its process: " : " says: ") + shown);
 }
 
 void LibrarySpeech::change(const std::string& speaker)

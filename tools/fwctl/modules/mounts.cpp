@@ -7,8 +7,11 @@
 #include <memory>
 #include <mntent.h>
 #include <optional>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include "ps_mount.h"
 #include "tools/fwctl/modules/isolated.h"
 #include "tools/fwctl/privileges.h"
 
@@ -38,6 +41,22 @@ std::vector<std::string> packageMountPoints()
         }
     }
     return found;
+}
+
+std::string problemOfMount(const std::string& directory)
+{
+    struct stat status = {};
+    const bool isReadable = stat(directory.c_str(), &status) == 0 || errno == ENOENT || errno == EACCES;
+    return isReadable ? "" : std::strerror(errno);
+}
+
+// The mount manager asks for a directory first, and a dead mount is none.
+bool unmount(const std::string& directory)
+{
+    int result = -1;
+    const int returned = PS_Umount(directory.c_str(), static_cast<int>(directory.size()), 0, &result);
+    return (returned == 0 && result == 0) || (!problemOfMount(directory).empty() &&
+                                              umount2(directory.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0);
 }
 
 std::string problemOfMountDirectory()

@@ -13,6 +13,14 @@ std::vector<std::string> packageMountPoints();
 
 constexpr const char* kPackageMounts = "/opt/usr/apps/appbinarymanager/emps/";
 
+// Why nothing below a mount point can be read: "Transport endpoint is not connected", when the program that
+// reads the package has ended. Empty when there is nothing of the kind.
+std::string problemOfMount(const std::string& directory);
+
+// Through the mount service, as the daemon does it; a dead mount that is still in use is taken out of sight.
+// False, with errno, when it stays.
+bool unmount(const std::string& directory);
+
 // Why the daemon's user cannot make a mount point among kPackageMounts: "Permission denied"; empty when it
 // can, and when this process may not find out.
 std::string problemOfMountDirectory();

@@ -266,8 +266,14 @@ Finding Replay::hasPackage()
 Finding Replay::canBeMounted()
 {
     const std::string directory = directoryOf(informationPath_);
+    const std::string mountPoint = directory.substr(0, directory.size() - 1);
+    const std::string problem = problemOfMount(mountPoint);
+    if (!problem.empty()) {
+        return {false, directory + " is mounted, but cannot be read any more: " + problem,
+                "\"fwctl doctor --fix\" unmounts it"};
+    }
     struct stat status = {};
-    const bool exists = stat(directory.substr(0, directory.size() - 1).c_str(), &status) == 0;
+    const bool exists = stat(mountPoint.c_str(), &status) == 0;
     if (exists && !S_ISDIR(status.st_mode)) {
         return {false, directory + " is no directory", "remove what stands there"};
     }
@@ -394,12 +400,16 @@ Finding Replay::isNewer()
                 "nothing to do: the module is up to date"};
     }
     if (verdict > 1) {
-        return {false, "the library answers " + std::to_string(verdict) + ", only 1 makes a module pending",
-                "have the library's checkVersion corrected"};
+        return {false, textOfOddVerdict(verdict), "have the library's checkVersion corrected"};
     }
     return {true, "the library calls " + offered + " newer", ""};
 }
 } // namespace
+
+std::string textOfOddVerdict(int verdict)
+{
+    return "the library answers " + std::to_string(verdict) + ", only 1 makes a module pending";
+}
 
 Json::Value replayCheck(FWUpdateSymbol& module, const ImageSource& source, const std::string& mountProblem)
 {

@@ -16,6 +16,9 @@ Json::Value replayCheck(FWUpdateSymbol& module, const ImageSource& source, const
 // what it is. Empty when there is no such thing.
 std::string findSpecialFile(FWUpdateSymbol& module, const ImageSource& source);
 
+// What to say of a verdict of checkVersion above 1.
+std::string textOfOddVerdict(int verdict);
+
 } // namespace fwctl
 
 #endif
