@@ -1,10 +1,12 @@
 // fwmod usb, inspect and diff as a maker types them, checked with the openssl command.
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 #include "tests/support/temporary-directory.h"
@@ -344,6 +346,19 @@ TEST_F(FwmodUsb, InterruptionLeavesNothing)
     Words words = usb();
     words.insert(words.begin(), {"timeout", "--preserve-status", "0.3", FWMOD});
     EXPECT_EQ(runProgram(words, directory.path()).status, 128 + SIGTERM);
+    EXPECT_EQ(names(), inputs);
+}
+
+// Nobody can wait for the end of what is still at work for a killed program.
+TEST_F(FwmodUsb, KillLeavesNothing)
+{
+    ASSERT_EQ(truncate((directory / "payload").c_str(), 2000000000), 0); // takes seconds
+    Words words = usb();
+    words.insert(words.begin(), {"timeout", "--signal=KILL", "0.3", FWMOD});
+    EXPECT_EQ(runProgram(words, directory.path()).status, 128 + SIGKILL);
+    for (int time = 0; time < 100 && names() != inputs; ++time) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
     EXPECT_EQ(names(), inputs);
 }
 

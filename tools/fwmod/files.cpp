@@ -55,14 +55,14 @@ constexpr int kInterruptions[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU};
 // What has to be put away, for the handler, which may call little more than unlink.
 char unfinishedName[PATH_MAX];
 volatile sig_atomic_t isUnfinished = 0;
-volatile sig_atomic_t removerOfScratch = 0; // its process, or 0
-volatile sig_atomic_t lifeOfScratch = -1;
+volatile sig_atomic_t remover = 0; // its process, or 0
+volatile sig_atomic_t lifeOfRemover = -1;
 
 void putAway(int signal)
 {
-    if (removerOfScratch != 0) {
-        close(lifeOfScratch);
-        waitpid(removerOfScratch, nullptr, 0);
+    if (remover != 0) {
+        close(lifeOfRemover);
+        waitpid(remover, nullptr, 0);
     }
     if (isUnfinished != 0) {
         unlink(unfinishedName);
@@ -253,7 +253,7 @@ void refuseOverwriting(const fs::path& output, const std::vector<fs::path>& inpu
     }
 }
 
-// ---- ScratchDirectory ----
+// ---- Removing, whatever happens ----
 
 namespace
 {
@@ -261,7 +261,7 @@ bool removeTree(const fs::path& path)
 {
     std::error_code error;
     fs::remove_all(path, error);
-    if (!error) {
+    if (!error || path.empty()) {
         return true;
     }
     // A directory that its owner may not write, by a package or a library.
@@ -303,6 +303,46 @@ bool removeTree(const fs::path& path)
 }
 } // namespace
 
+Remover::Remover(fs::path tree) : tree_(std::move(tree))
+{
+    int ends[2] = {};
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        throw common::Failure(std::string("cannot make a pipe: ") + std::strerror(errno));
+    }
+    process_ = fork();
+    if (process_ == 0) {
+        removeAfterwards(tree_, ends[0]);
+    }
+    close(ends[0]);
+    life_ = ends[1];
+    if (process_ < 0) {
+        close(life_);
+        throw common::Failure(std::string("cannot start a process: ") + std::strerror(errno));
+    }
+    lifeOfRemover = life_;
+    remover = process_;
+    watchInterruptions();
+}
+
+void Remover::keepAll()
+{
+    isAllKept_ = true;
+    if (write(life_, "k", 1) != 1 && errno != EPIPE) { // without the process it stays anyway
+        failOn(tree_, "keep");
+    }
+}
+
+Remover::~Remover()
+{
+    remover = 0;
+    close(life_);
+    int status = 0;
+    waitpid(process_, &status, 0);
+    if (status != 0 && !isAllKept_) { // somebody has ended it
+        removeTree(tree_);
+    }
+}
+
 ScratchDirectory::ScratchDirectory(const std::string& prefix)
 {
     const fs::path directory = g_get_tmp_dir();
@@ -314,50 +354,10 @@ ScratchDirectory::ScratchDirectory(const std::string& prefix)
     }
     path_ = name;
     try {
-        startRemover();
-    } catch (...) { // no destructor runs for what was not made
+        remover_.emplace(path_);
+    } catch (...) { // nobody else does it
         removeTree(path_);
         throw;
-    }
-}
-
-void ScratchDirectory::startRemover()
-{
-    int ends[2] = {};
-    if (pipe2(ends, O_CLOEXEC) != 0) {
-        failOn(path_, "watch over");
-    }
-    remover_ = fork();
-    if (remover_ == 0) {
-        removeAfterwards(path_, ends[0]);
-    }
-    close(ends[0]);
-    life_ = ends[1];
-    if (remover_ < 0) {
-        close(life_);
-        failOn(path_, "start a process that removes");
-    }
-    lifeOfScratch = life_;
-    removerOfScratch = remover_;
-    watchInterruptions();
-}
-
-void ScratchDirectory::keep()
-{
-    isKept_ = true;
-    if (write(life_, "k", 1) != 1 && errno != EPIPE) { // without a remover it stays anyway
-        failOn(path_, "keep");
-    }
-}
-
-ScratchDirectory::~ScratchDirectory()
-{
-    removerOfScratch = 0;
-    close(life_);
-    int status = 0;
-    waitpid(remover_, &status, 0);
-    if (status != 0 && !isKept_) { // somebody has ended it
-        removeTree(path_);
     }
 }
 

@@ -53,26 +53,38 @@ private:
 // Throws WrongUse when `output` is one of the inputs; empty names are none.
 void refuseOverwriting(const std::filesystem::path& output, const std::vector<std::filesystem::path>& inputs);
 
+// A process that does nothing but wait until this one ends or the object does, and then removes the directory
+// `tree`, if one is named, and the NewFile that was begun before and not committed: a moment later, where
+// this one was killed. A signal that is not caught otherwise waits for it. One at a time, made while there is
+// one thread.
+class Remover
+{
+public:
+    explicit Remover(std::filesystem::path tree = {});
+    ~Remover();
+    Remover(const Remover&) = delete;
+    Remover& operator=(const Remover&) = delete;
+    void keepAll(); // nothing is removed
+
+private:
+    std::filesystem::path tree_;
+    pid_t process_ = -1;
+    bool isAllKept_ = false;
+    int life_ = -1; // of this process: a pipe that nobody else holds open
+};
+
 // A private directory for temporary files, removed with all it holds: with the object, and in any case when
-// the program ends, however that comes about. A signal that is not caught otherwise waits for it; after
-// SIGKILL a process that does nothing else sees to it a moment later, and to the NewFile that was begun
-// before. One at a time, made while there is one thread.
+// the program ends, however that comes about, by a Remover.
 class ScratchDirectory
 {
 public:
     explicit ScratchDirectory(const std::string& prefix = "fwmod-");
-    ~ScratchDirectory();
-    ScratchDirectory(const ScratchDirectory&) = delete;
-    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
     const std::filesystem::path& path() const { return path_; } // absolute
-    void keep();                                                // it stays
+    void keep() { remover_->keepAll(); }                        // it stays
 
 private:
-    void startRemover();
     std::filesystem::path path_;
-    pid_t remover_ = -1;
-    bool isKept_ = false;
-    int life_ = -1; // of this process, for the remover: a pipe that nobody else holds open
+    std::optional<Remover> remover_;
 };
 
 void writeText(const std::filesystem::path& path, const std::string& text);

@@ -269,10 +269,11 @@ int makeImage(const Options& options)
                       {options.payload, options.keyFile, options.signKey, options.headerFile});
     requireReadable(options.payload);
     refuseTooLarge(options.payload);
+    NewFile result(options.output);
+    const Remover afterKill; // made before a key is in memory, which it would have as well
     const signature::Key signKey = readSigningKey(options.signKey);
     const common::ContentKey key(options.keyFile);
 
-    NewFile result(options.output);
     ImageWriter out(result.path(), signKey.get());
     out.writeSigned(iv.data(), iv.size());
     encrypt(header, options.payload, usb::makeCipher(key, iv, true).get(), out);
