@@ -117,9 +117,9 @@ std::set<pid_t> without(const std::set<pid_t>& all, const std::set<pid_t>& known
     return rest;
 }
 
-std::string counted(std::size_t number, const char* what)
+std::string leftRunning(std::size_t number, const char* one, const char* several)
 {
-    return std::to_string(number) + " " + what + (number == 1 ? " is" : "s are") + " left running";
+    return std::to_string(number) + " " + (number == 1 ? one : several) + " left running";
 }
 
 // The first entry that one list has and the other has not.
@@ -205,15 +205,16 @@ std::vector<ProcessChange> ProcessState::changesIn(const ProcessState& later) co
         changes.push_back({Kind::kFileModeMask, "from " + mask_ + " to " + later.mask_});
     }
     if (later.timers_ > timers_) {
-        changes.push_back({Kind::kTimer, counted(later.timers_ - timers_, "timer")});
+        changes.push_back({Kind::kTimer, leftRunning(later.timers_ - timers_, "timer is", "timers are")});
     }
     const std::size_t threads = without(later.threads_, threads_).size();
     if (threads > 0) {
-        changes.push_back({Kind::kThread, counted(threads, "thread")});
+        changes.push_back({Kind::kThread, leftRunning(threads, "thread is", "threads are")});
     }
     const std::size_t processes = without(later.processes_, processes_).size();
     if (processes > 0) {
-        changes.push_back({Kind::kProcess, counted(processes, "process") + " or not waited for"});
+        changes.push_back(
+            {Kind::kProcess, leftRunning(processes, "process is", "processes are") + " or not waited for"});
     }
     return changes;
 }

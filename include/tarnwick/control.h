@@ -28,10 +28,10 @@
  * Every function returns int: 0 is success, any other value failure. A failure is logged by the daemon with
  * the value and, after doUpdate, with errno, so set errno to the cause. Nothing is retried. No exception may
  * leave a function (the daemon calls through C linkage), and no function may end the process, change its
- * directory, its signal handlers, its locale, its environment or its file mode mask, or leave a timer or an
- * alarm running: the process is shared with every other module. Close what a call has opened, and nothing
- * else; wait for its children. The daemon's own libraries (GLib, Boost, JsonCpp and what they need) are in
- * that process, and their names come first: export nothing but the nine functions.
+ * directory, its signal handlers, its locale, its environment, its file mode mask or its limits (setrlimit),
+ * or leave a timer or an alarm running: the process is shared with every other module. Close what a call has
+ * opened, and nothing else; wait for its children. The daemon's own libraries (GLib, Boost, JsonCpp and what
+ * they need) are in that process, and their names come first: export nothing but the nine functions.
  *
  *
  * Threads

@@ -26,6 +26,7 @@ TEST(Job, IsReadAsItWasWritten)
     const TemporaryDirectory directory;
     fwmod::Job job;
     job.name = "tuner";
+    job.library = "/tuner.so";
     job.version = "1.1";
     job.cuts = {1, 7};
     fwmod::writeJob(job, directory / "job");
@@ -43,6 +44,21 @@ TEST(Job, IsNeitherWaitedForNorReadForEver)
     std::filesystem::resize_file(directory / "endless", std::uintmax_t{1} << 42);
     EXPECT_THAT(whyRefused(directory / "pipe"), testing::EndsWith("pipe is not a file but a pipe"));
     EXPECT_THAT(whyRefused(directory / "endless"), testing::EndsWith("is longer than 16777216 bytes"));
+}
+
+TEST(Job, NamesALibrary)
+{
+    const TemporaryDirectory directory;
+    const std::pair<const char*, const char*> kCases[] = {
+        {"{}", "it names no library"},
+        {R"({"name": "tuner"})", "it names no library"},
+        {R"({"name": "tuner", "library": 1})", "1 is not a text"},
+    };
+    for (const auto& [text, problem] : kCases) {
+        writeBytes(directory / "job", text);
+        EXPECT_THAT(whyRefused(directory / "job"), testing::HasSubstr("cannot read the job ")) << text;
+        EXPECT_THAT(whyRefused(directory / "job"), testing::HasSubstr(problem)) << text;
+    }
 }
 
 } // namespace

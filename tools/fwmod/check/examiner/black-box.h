@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdint>
 
+#include "common/process/limits-keeper.h"
 #include "common/process/process-state.h"
 
 namespace fwmod::examiner
@@ -38,6 +39,7 @@ struct BlackBox {
     int status;                      // of the worker, as waitpid tells it; written by the keeper
     char lastWords[400];             // what the crash handler saw
     char closedBy[160];              // the call that has closed what is not its own
+    common::LimitChanges limits;     // by the latest call
 };
 
 // Zeroed, and shared with every process forked from here on. Never released: a program makes few.

@@ -295,6 +295,10 @@ void explainDeath(Session& session, const BlackBox& box, const std::string& said
                                 session.lastCall + " closed one that was open before it"};
         return;
     }
+    if (box.limits.areForGood) {
+        session.death = Finding{FindingId::LimitChanged, call + ": " + box.limits.words};
+        return;
+    }
     if (box.threadEnded) {
         session.death =
             Finding{FindingId::ProcessEnded, call + " ended the thread that called it (pthread_exit)"};

@@ -187,6 +187,7 @@ ino_t leadsTo(int descriptor)
 int callOnThread(const std::function<int()>& function, BlackBox& box)
 {
     try {
+        const common::LimitsKeeper limits(box.limits);
         return function();
     } catch (const abi::__forced_unwind&) {
         box.threadEnded = true;
@@ -263,6 +264,10 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
         found(FindingId::Exception, name + " threw something that is no std::exception");
     }
     requireOwnDescriptors(name);
+    if (box_.limits.words[0] != '\0') {
+        found(FindingId::LimitChanged, name + ": " + box_.limits.words);
+        box_.limits.words[0] = '\0';
+    }
     if (!before) {
         return returned;
     }

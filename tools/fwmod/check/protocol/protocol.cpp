@@ -202,7 +202,13 @@ private:
     static void read(const Json::Value& from, unsigned int& value) { value = from.asUInt(); }
     static void read(const Json::Value& from, std::uint64_t& value) { value = from.asUInt64(); }
     static void read(const Json::Value& from, double& value) { value = from.asDouble(); }
-    static void read(const Json::Value& from, std::string& value) { value = from.asString(); }
+    static void read(const Json::Value& from, std::string& value)
+    {
+        if (!from.isString() && !from.isNull()) { // it would make a text of a number
+            throw std::runtime_error(common::compactJson(from) + " is not a text");
+        }
+        value = from.asString();
+    }
     static void read(const Json::Value& from, FindingId& value)
     {
         const std::optional<FindingId> id = findingWithNumber(from.asUInt());
@@ -328,7 +334,14 @@ Job readJob(const std::filesystem::path& file)
         throw std::runtime_error("cannot read the job " + file.string() + ": " + why);
     }
     Job job;
-    Reader::read(*root, job);
+    try {
+        Reader::read(*root, job);
+    } catch (const std::exception& error) {
+        throw std::runtime_error("cannot read the job " + file.string() + ": " + error.what());
+    }
+    if (job.name.empty() || job.library.empty()) {
+        throw std::runtime_error("cannot read the job " + file.string() + ": it names no library");
+    }
     return job;
 }
 
