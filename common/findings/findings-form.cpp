@@ -9,6 +9,7 @@
 
 #include "common/errors.h"
 #include "common/glib-pointers.h"
+#include "common/terminal/terminal.h"
 #include "common/terminal/visible-text.h"
 
 namespace common
@@ -110,8 +111,7 @@ Json::Value findingForPrograms(const Finding& finding)
 
 bool isColourWanted()
 {
-    const char* const refused = std::getenv("NO_COLOR");
-    return isatty(STDOUT_FILENO) != 0 && (refused == nullptr || *refused == '\0');
+    return isColoured(STDOUT_FILENO);
 }
 
 std::string sumForPeople(const std::string& checked, unsigned int errors, unsigned int warnings,

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <poll.h>
 #include <regex>
 #include <unistd.h>
@@ -260,6 +261,14 @@ void CommandLine::footer(const std::string& text)
     app_->footer(text);
 }
 
+std::optional<std::size_t> CommandLine::wordsBehindDashes() const
+{
+    if (parent_ != nullptr) {
+        return parent_->wordsBehindDashes();
+    }
+    return dashesAt_ ? std::optional(wordCount_ - *dashesAt_ - 1) : std::nullopt;
+}
+
 const CommandLine& CommandLine::chosen() const
 {
     for (const auto& command : commands_) {
@@ -293,6 +302,17 @@ std::vector<std::string> typed(int argc, char** argv)
     std::sort(arguments.begin(), arguments.end(),
               [](const std::string& one, const std::string& other) { return one.size() > other.size(); });
     return arguments;
+}
+
+// Counted without the program's own name.
+std::optional<std::size_t> findDashes(int argc, char** argv)
+{
+    for (int index = 1; index < argc; ++index) {
+        if (std::strcmp(argv[index], "--") == 0) {
+            return static_cast<std::size_t>(index - 1);
+        }
+    }
+    return std::nullopt;
 }
 
 void replaceAll(std::string& text, const std::string& part, const std::string& other)
@@ -370,6 +390,9 @@ std::string unexpected(const std::vector<std::string>& extras, bool hasCommands)
 
 int CommandLine::parseAndRun(int argc, char** argv)
 {
+    if (dashesAt_ == 0U && !commands_.empty()) { // a word behind them names no command
+        return tellWrongUse("\"--\" was not expected");
+    }
     std::vector<std::string> arguments;
     for (int index = argc - 1; index > 0; --index) { // it takes them from the end
         arguments.push_back(kept(argv[index]));
@@ -381,8 +404,10 @@ int CommandLine::parseAndRun(int argc, char** argv)
     } catch (const CLI::Success& wish) {
         return app_->exit(wish); // --help
     } catch (const CLI::RequiredError& error) {
-        // What was taken for an option, such as "-nan", may be the very thing that is missed.
-        const std::vector<std::string> extras = app_->remaining(true);
+        // What was taken for an option, such as "-nan", may be the very thing that is missed; a "--" with
+        // nothing behind it is not.
+        std::vector<std::string> extras = app_->remaining(true);
+        extras.erase(std::remove(extras.begin(), extras.end(), "--"), extras.end());
         return tellWrongUse(extras.empty() ? inPlainWords(error.what())
                                            : unexpected(extras, !chosen().commands_.empty()));
     } catch (const CLI::ValidationError& error) {
@@ -420,6 +445,8 @@ int CommandLine::main(int argc, char** argv)
 {
     try {
         arguments_ = typed(argc, argv);
+        wordCount_ = static_cast<std::size_t>(std::max(argc - 1, 0));
+        dashesAt_ = findDashes(argc, argv);
         const int status = parseAndRun(argc, argv);
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
             endWithReader();

@@ -93,6 +93,10 @@ public:
     // Done before any action, and not for --help or --version. What it throws is told like an action's.
     void beforeRun(const std::function<void()>& preparation) { preparation_ = preparation; }
 
+    // How many words were typed behind a "--" of its own, once the command line has been read; nothing
+    // without one.
+    std::optional<std::size_t> wordsBehindDashes() const;
+
     // Reads the arguments and runs the chosen action; returns the program's exit status. Errors go to
     // standard error, with the program's name; an argument that one of them repeats is shown in one line, and
     // not at any length. Lets pass what is no std::exception.
@@ -119,6 +123,8 @@ private:
     std::vector<std::unique_ptr<CommandLine>> commands_;
     std::vector<std::unique_ptr<CommandLine>> groups_;
     std::vector<std::string> arguments_; // as they were typed, longest first
+    std::size_t wordCount_ = 0;
+    std::optional<std::size_t> dashesAt_; // the words before them
 };
 
 // A row of a program's table of commands: `define` declares what the command takes and does.

@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "common/terminal/terminal.h"
 #include "common/terminal/visible-text.h"
 
 namespace common
@@ -45,23 +46,23 @@ std::string lineOf(const std::string& name, unsigned int percent, size_t width)
 
 } // namespace
 
-ProgressLine::ProgressLine() : isTerminal_(isatty(STDERR_FILENO) != 0) {}
+ProgressLine::ProgressLine() : isDrawn_(isDrawable(STDERR_FILENO)) {}
 
 void ProgressLine::show(const std::string& name, unsigned int percent)
 {
     percent = std::min(percent, 100U); // a library may count on
-    const unsigned int step = isTerminal_ ? percent : percent / 10 * 10;
-    const std::string line = lineOf(visible(name), step, isTerminal_ ? columns() : kUnlimited);
+    const unsigned int step = isDrawn_ ? percent : percent / 10 * 10;
+    const std::string line = lineOf(visible(name), step, isDrawn_ ? columns() : kUnlimited);
     if (line == last_) {
         return;
     }
-    std::fprintf(stderr, isTerminal_ ? "\r%s\033[K" : "%s\n", line.c_str());
+    std::fprintf(stderr, isDrawn_ ? "\r%s\033[K" : "%s\n", line.c_str());
     last_ = line;
 }
 
 void ProgressLine::finish()
 {
-    if (isTerminal_ && !last_.empty()) {
+    if (isDrawn_ && !last_.empty()) {
         std::fprintf(stderr, "\n");
     }
     last_.clear();
@@ -69,7 +70,7 @@ void ProgressLine::finish()
 
 void ProgressLine::clear()
 {
-    if (isTerminal_ && !last_.empty()) {
+    if (isDrawn_ && !last_.empty()) {
         std::fprintf(stderr, "\r\033[K");
     }
     last_.clear();

@@ -93,6 +93,22 @@ std::string shortened(std::string_view text)
     return firstOf(text, kBegin) + "..." + visible(end);
 }
 
+std::string inShell(std::string_view text)
+{
+    constexpr std::string_view kPlain =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./+,:@%=";
+    if (!text.empty() && text.find_first_not_of(kPlain) == std::string_view::npos) {
+        return std::string(text);
+    }
+    std::string escaped;
+    for (const char c : text) {
+        escaped += c == '\'' || c == '\\' ? std::string("\\") + c : std::string(1, c);
+    }
+    const std::string shown = visible(escaped); // \n, \xNN: the shell knows them as well
+    const bool isLiteral = shown == text;
+    return (isLiteral ? "'" : "$'") + shown + "'";
+}
+
 std::string visibleLines(std::string_view text)
 {
     std::string shown;

@@ -23,6 +23,9 @@ std::string inQuotes(std::string_view text);
 // The same without quotation marks, for the path of a file: of a very long one the beginning and the end.
 std::string shortened(std::string_view text);
 
+// A file's name as it can be pasted into a shell's line: quoted where that is needed.
+std::string inShell(std::string_view text);
+
 // visible() line by line, for a message that may have several. A text of others that is put into a message is
 // made visible by itself, so that it cannot begin a line.
 std::string visibleLines(std::string_view text);

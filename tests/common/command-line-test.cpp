@@ -25,6 +25,7 @@ struct Typed {
     unsigned int count = 8;
     int offset = 0;
     std::vector<std::string> rest;
+    std::optional<std::size_t> behindDashes;
     bool isLoud = false;
     std::string ran;
 };
@@ -39,7 +40,10 @@ void declare(common::CommandLine& program, Typed& typed)
     const common::Option offset = play.number("--offset", typed.offset, common::Range<int>{-10, 10}, "Where");
     play.flag("--loud", typed.isLoud, "Loudly").excludes(offset);
     play.texts("REST", typed.rest, "The rest").mayBeEmpty();
-    play.onRun([&typed] { typed.ran = "play"; });
+    play.onRun([&typed, &play] {
+        typed.ran = "play";
+        typed.behindDashes = play.wordsBehindDashes();
+    });
     common::CommandLine& stop = program.command("stop", "Stops");
     stop.onRun([&typed]() -> int {
         typed.ran = "stop";
@@ -94,6 +98,14 @@ TEST(CommandLine, StoresWhatIsTyped)
     EXPECT_EQ(typed.offset, -7);
     EXPECT_EQ(typed.rest, (std::vector<std::string>{"-x", "y"}));
     EXPECT_EQ(typed.ran, "play");
+}
+
+TEST(CommandLine, CountsWhatStandsBehindDashes)
+{
+    EXPECT_EQ(type({"play", "hello", "x"}).behindDashes, std::nullopt);
+    EXPECT_EQ(type({"play", "hello", "--"}).behindDashes, 0U);
+    EXPECT_EQ(type({"play", "hello", "--", "y", "--", "-z"}).behindDashes, 3U);
+    EXPECT_EQ(type({"play", "--", "hello"}).behindDashes, 1U);
 }
 
 TEST(CommandLine, LeavesAloneWhatIsNotTyped)
@@ -264,12 +276,19 @@ TEST(CommandLine, ThatIsWrongIsAnsweredInPlainWords)
         {{"perhaps", "--this", "--that", "b"}, "player: only one of --this, --that can be given"},
         {{"stop", "--", "now"}, "player: \"now\" was not expected"},
         {{"--", "play"}, "player: \"--\" was not expected"},
+        {{"open", "--"}, "player: FILE is required"},
+        {{"play", "--"}, "player: WORD is required"},
     };
     for (const Wrong& wrong : kWrongs) {
         const Typed typed = type(wrong.words);
         EXPECT_EQ(typed.status, 2);
         EXPECT_EQ(typed.errors.substr(0, typed.errors.find('\n')), wrong.answer);
     }
+}
+
+TEST(CommandLine, PointsToNoCommandBehindDashes)
+{
+    EXPECT_EQ(type({"--", "stop"}).errors, "player: \"--\" was not expected\n\"player --help\" says more.\n");
 }
 
 // The parser would make two words of the first, and nothing of the second.

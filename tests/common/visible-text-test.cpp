@@ -6,6 +6,7 @@
 namespace
 {
 
+using common::inShell;
 using common::visible;
 
 TEST(VisibleText, LeavesOrdinaryTextAsItIs)
@@ -73,6 +74,31 @@ TEST(VisibleText, ShowsBytesThatAreNoText)
     EXPECT_EQ(visible("a\xFF\xC3"), "a\\xFF\\xC3");
     EXPECT_EQ(visible("\xED\xA0\x80"), "\\xED\\xA0\\x80"); // half of a surrogate pair
     EXPECT_EQ(visible("\xC0\x80"), "\\xC0\\x80");          // an overlong zero
+}
+
+// What a shell makes of a line.
+std::string printedByShell(const std::string& quoted)
+{
+    const std::string script = "printf %s " + quoted;
+    setenv("SCRIPT", script.c_str(), 1);
+    FILE* const shell = popen("bash -c \"$SCRIPT\"", "r");
+    char text[256] = {};
+    const std::size_t size = fread(text, 1, sizeof text, shell);
+    pclose(shell);
+    return std::string(text, size);
+}
+
+TEST(VisibleText, IsQuotedForAShellWhereThatIsNeeded)
+{
+    EXPECT_EQ(inShell("/tmp/my-set_1.so"), "/tmp/my-set_1.so");
+    EXPECT_EQ(inShell("b c"), "'b c'");
+    EXPECT_EQ(inShell(""), "''");
+    for (const std::string text :
+         {"b c", "it's", "a\nb", "back\\slash", "$HOME `x` \"y\"", "\033[31mred", "~", "a\\nb"}) {
+        const std::string quoted = inShell(text);
+        EXPECT_EQ(printedByShell(quoted), text) << quoted;
+        EXPECT_EQ(visible(quoted), quoted);
+    }
 }
 
 } // namespace

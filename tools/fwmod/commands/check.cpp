@@ -55,11 +55,10 @@ int check(const Options& options)
         ~Clearing() { line.clear(); }
         common::ProgressLine& line;
     } clearing{line};
-    const bool isWatched = isatty(STDERR_FILENO) != 0;
     const auto begin = std::chrono::steady_clock::now();
     const ExaminationResult result =
         examineLibrary(request, [&](const std::string& what, unsigned int percent) {
-            if (isWatched) {
+            if (line.isDrawn()) {
                 line.show(what, percent);
             }
         });

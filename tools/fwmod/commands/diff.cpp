@@ -11,6 +11,7 @@
 #include "common/files/regular-file.h"
 #include "common/json-text.h"
 #include "common/terminal/progress-line.h"
+#include "common/terminal/terminal.h"
 #include "common/terminal/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
@@ -46,7 +47,7 @@ using Source = Package::Source;
 Source watched(const Source& source, std::uint64_t size, const std::string& what)
 {
     constexpr std::uint64_t kLarge = std::uint64_t{64} << 20;
-    if (isatty(STDERR_FILENO) == 0 || size < kLarge) {
+    if (!common::isDrawable(STDERR_FILENO) || size < kLarge) {
         return source;
     }
     const std::shared_ptr<common::ProgressLine> line(new common::ProgressLine,

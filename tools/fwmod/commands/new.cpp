@@ -261,7 +261,7 @@ int makeModule(const Options& options)
                 "  cd %s\n"
                 "  cmake -B build && cmake --build build\n"
                 "  ctest --test-dir build\n",
-                name.c_str(), common::visible(output).c_str());
+                name.c_str(), common::inShell(output).c_str());
     return 0;
 }
 } // namespace

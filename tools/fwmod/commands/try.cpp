@@ -5,6 +5,7 @@
 
 #include "common/daemon/daemon-events.h"
 #include "common/json-text.h"
+#include "common/terminal/terminal.h"
 #include "common/terminal/visible-text.h"
 #include "include/tarnwick/television.h"
 #include "src/src/fw-update-symbol.h"
@@ -293,7 +294,7 @@ void Trial::say(const std::string& text)
 
 void Trial::chapter(const std::string& title)
 {
-    const bool isBold = isatty(fileno(story_)) != 0 && std::getenv("NO_COLOR") == nullptr;
+    const bool isBold = common::isColoured(fileno(story_));
     say(isBold ? "\n\033[1m" + title + "\033[0m" : "\n" + title);
 }
 
