@@ -1,5 +1,6 @@
 // fwctl as a technician types it, on a virtual set.
 #include <cstdlib>
+#include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <iostream>
@@ -383,7 +384,7 @@ TEST_F(Fwctl, AnotherUserIsToldWhatItTakes)
 TEST_F(Fwctl, DoctorMendsWhatAKilledUpdateLeavesBehind)
 {
     const Outcome outcome =
-        set.run("fwctl update tuner & sleep 1; kill -9 $! $(pgrep -P $(pgrep -P $!)); wait $! ; "
+        set.run("fwctl update tuner & sleep 1; kill -9 $! $(pgrep -P $(pgrep -o -P $!)); wait $! ; "
                 "fwctl doctor; echo found $?; "
                 "fwctl update tuner; echo refused $?; "
                 "fwctl doctor --fix; echo mended $?; "
@@ -446,7 +447,7 @@ TEST_F(Fwctl, AnUpdateWhoseParentIsKilledIsFinishedAndItsTurnGivenBack)
 
 TEST_F(Fwctl, AnUpdateWhoseChildIsKilledHasFailedAndItsTurnIsGivenBack)
 {
-    const Outcome outcome = set.run("fwctl update tuner & sleep 1; kill -9 $(pgrep -P $(pgrep -P $!)); "
+    const Outcome outcome = set.run("fwctl update tuner & sleep 1; kill -9 $(pgrep -P $(pgrep -o -P $!)); "
                                     "wait $!; echo status $?; fwctl update panel; echo next $?");
     EXPECT_THAT(outcome.out,
                 HasSubstr("tuner: failed, 1.0 is installed: the control library was killed in doUpdate\n"
@@ -456,10 +457,31 @@ TEST_F(Fwctl, AnUpdateWhoseChildIsKilledHasFailedAndItsTurnIsGivenBack)
 
 TEST_F(Fwctl, AnUpdateWhoseWatcherIsKilledIsFinished)
 {
-    const Outcome outcome = set.run("fwctl update tuner & sleep 1; kill -9 $(pgrep -P $!); "
+    const Outcome outcome = set.run("fwctl update tuner & sleep 1; kill -9 $(pgrep -o -P $!); "
                                     "wait $!; echo status $?; fwctl update panel; echo next $?");
     EXPECT_THAT(outcome.out, HasSubstr("tuner: updated, 1.1 is installed\nstatus 0\n"));
     EXPECT_THAT(outcome.out, HasSubstr("next 0\n"));
+}
+
+TEST_F(Fwctl, AnUpdateTellsItsResultBeforeTheSetRebootsThatWaitedForIt)
+{
+    set.write("/usr/bin/tarnwick", "#!/bin/sh\nsleep 1000\n", 0755);
+    set.switchOn();
+    const std::pair<const char*, int> kUpdates[] = {{"tuner", 0}, {"--all", 1}}; // the panel has no package
+    for (const auto& update : kUpdates) {
+        std::future<tarnwick::Output> told = std::async(std::launch::async, [&] {
+            return set.execute({FWCTL_DIRECTORY "/fwctl", "update", update.first});
+        });
+        set.waitUntil([&] { return set.progress("tuner").value_or(100) % 100 > 0; }, "the update to begin");
+        const int boots = set.boots();
+        set.reboot();
+        const tarnwick::Output output = told.get();
+        EXPECT_THAT(output.text, HasSubstr("tuner: updated, 1.1 is installed")) << output.errors;
+        EXPECT_EQ(output.status, update.second) << output.text << output.errors;
+        set.waitForBoot(boots + 1);
+        set.putHardware(EXAMPLES "/images/1.0/hardware");
+        set.putPackage(EXAMPLES "/images/1.1/empTuner.img", tarnwick::Television::Package::kDelivered);
+    }
 }
 
 TEST_F(Fwctl, KilledAtRandomMomentsNeverStaysStuck)

@@ -47,7 +47,7 @@ for ((round = 0; round < kills; ++round)); do
     fwctl update killed --source system >/tmp/update 2>&1 &
     parent=$!
     sleep "$(printf '0.%03d' $((RANDOM % 600)))"
-    watcher=$(pgrep -P "$parent" | tail -1)
+    watcher=$(pgrep -o -P "$parent")
     child=$([[ -z $watcher ]] || pgrep -P "$watcher" | tail -1)
     kinds=(parent child watcher both)
     kind=${kinds[RANDOM % 4]}

@@ -99,6 +99,7 @@ void updateInChild(const Options& options, const Choice& choice, UpdateLink& lin
         requireReadable(module, *choice.source);
     }
     link.takeTurn();
+    link.keepPower(powerTime(1, choice.seconds));
     UpdateMonitor monitor(registry.manager().firmwareItems, link);
     registry.follow(&monitor);
     if (module.getSymbolType() == 1) {
@@ -107,7 +108,7 @@ void updateInChild(const Options& options, const Choice& choice, UpdateLink& lin
     }
     takeDaemonMessages();
     char emptyContext[] = "";
-    const PowerLock lock(1, choice.seconds);
+    const PowerLock lock(powerTime(1, choice.seconds));
     const int verdict =
         registry.manager().doUpdateFirmware(options.module, choice.source->caller, emptyContext);
     const Json::Value outcomes = finishedOutcomes(monitor);
@@ -150,11 +151,26 @@ void checkAll(FWUpdateSymbolManager& manager, UpdateLink& link)
     link.telling().put("left_out", !isComplete);
 }
 
+// As the daemon's run expects it.
+uint32_t powerTimeOf(FWUpdateSymbolManager& manager)
+{
+    unsigned int count = 0;
+    uint32_t seconds = 0;
+    for (FWUpdateSymbol& module : manager.firmwareItems) {
+        if (module.getNeedUpdate()) {
+            ++count;
+            seconds += static_cast<uint32_t>(module.getExpectedUpdateTime());
+        }
+    }
+    return powerTime(count, seconds);
+}
+
 void updateAllInChild(const Options& options, UpdateLink& link)
 {
     Registry registry(link, options.verbose);
     link.takeTurn();
     checkAll(registry.manager(), link);
+    link.keepPower(powerTimeOf(registry.manager())); // the run itself locks it for as long as it lasts
     UpdateMonitor monitor(registry.manager().firmwareItems, link);
     registry.follow(&monitor);
     registry.manager().doUpdateFirmwareAll(FW_CALLER_EMP);

@@ -279,7 +279,8 @@ void installInChild(const Options& options, const common::ContentKey& key, const
     link.takeTurn();
     UpdateMonitor monitor(manager.firmwareItems, link);
     registry.follow(&monitor);
-    const PowerLock lock(count, seconds);
+    link.keepPower(powerTime(count, seconds));
+    const PowerLock lock(powerTime(count, seconds));
     takeDaemonMessages();
     const bool isWhole = manager.doUpdateUSB(key.data(), directory.c_str()) == 0;
     link.tellOutcomes(finishedOutcomes(monitor));

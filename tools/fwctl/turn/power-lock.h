@@ -7,15 +7,22 @@
 namespace fwctl
 {
 
+// Milliseconds for `count` updates that take `seconds` together; with the margin that the daemon adds.
+uint32_t powerTime(unsigned int count, uint32_t seconds);
+
 class PowerLock
 {
 public:
-    // For `count` updates that take `seconds` together; with the margin that the daemon adds.
-    PowerLock(unsigned int count, uint32_t seconds);
+    explicit PowerLock(uint32_t milliseconds);
     ~PowerLock();
     PowerLock(const PowerLock&) = delete;
     PowerLock& operator=(const PowerLock&) = delete;
 };
+
+// Locks the power as well, in a process of its own and until this one has ended: a set that goes off, or
+// reboots, as soon as the update gives its lock back does so before anybody has read how it went. Only while
+// this process has no other thread.
+void keepPowerUntilEnd(uint32_t milliseconds);
 
 } // namespace fwctl
 

@@ -13,6 +13,7 @@
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/output.h"
 #include "tools/fwctl/privileges.h"
+#include "tools/fwctl/turn/power-lock.h"
 
 namespace fwctl
 {
@@ -100,6 +101,9 @@ void Supervisor::take(const Json::Value& part)
         sayAboveProgress(part["say"].asString());
     } else if (part.isMember("progress")) {
         line_.show(part["progress"][0].asString(), part["progress"][1].asUInt());
+    } else if (part.isMember("power")) {
+        constexpr uint32_t kToTellMs = 5000; // the new versions are asked for, too
+        keepPowerUntilEnd(part["power"].asUInt() + kToTellMs);
     } else if (part.isMember(kTurnWanted)) {
         isTurnWanted_ = true;
         tryToGiveTurn();

@@ -4,6 +4,7 @@
 #ifndef TOOLS_FWCTL_TURN_UPDATE_CHILD_H
 #define TOOLS_FWCTL_TURN_UPDATE_CHILD_H
 
+#include <cstdint>
 #include <functional>
 #include <json/json.h>
 #include <string>
@@ -31,6 +32,9 @@ public:
     void tellProgress(const std::string& module, unsigned int percent);
     // Objects with module, result ("started" until it is known) and reason; each time all of them.
     void tellOutcomes(const Json::Value& outcomes) { telling_.put("outcomes", outcomes); }
+
+    // The set shall not go off in so many milliseconds, nor before the parent has told the result.
+    void keepPower(uint32_t milliseconds) { telling_.put("power", milliseconds); }
 
     // Waits until the parent has the turn. Does not return when the parent ends before.
     void takeTurn();
