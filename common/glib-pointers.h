@@ -4,8 +4,10 @@
 
 #include <gio/gio.h>
 #include <memory>
+#include <pwd.h>
 #include <stdexcept>
 #include <string>
+#include <unistd.h>
 
 namespace common
 {
@@ -54,6 +56,23 @@ public:
 private:
     GError* error_ = nullptr;
 };
+
+// The system bus, from inside of a set. Throws std::runtime_error with the reason why there is none.
+inline GlibPointer<GDBusConnection> systemBus()
+{
+    ErrorSlot error;
+    GlibPointer<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.address()));
+    if (bus != nullptr) {
+        return bus;
+    }
+    // It takes everybody's connection, and closes those of users that it does not know.
+    if (g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CLOSED) != FALSE &&
+        getpwuid(geteuid()) == nullptr) {
+        throw std::runtime_error("the system bus refuses the user number " + std::to_string(geteuid()) +
+                                 ", whom this set does not know");
+    }
+    throw std::runtime_error("there is no system bus: " + error.text());
+}
 
 } // namespace common
 

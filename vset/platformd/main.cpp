@@ -32,11 +32,7 @@ public:
 
     int run()
     {
-        common::ErrorSlot error;
-        bus_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.address()));
-        if (bus_ == nullptr) {
-            throw std::runtime_error("there is no system bus: " + error.text());
-        }
+        bus_ = common::systemBus();
         g_dbus_connection_set_exit_on_close(bus_.get(), FALSE);
         g_signal_connect(bus_.get(), "closed", G_CALLBACK(onClosed), this);
         vset::SetModel set(bus_.get(), options_.isPowerCycled);

@@ -169,13 +169,7 @@ bool publish(GDBusConnection* bus, Server& server)
 
 int serve(Server& server)
 {
-    common::ErrorSlot error;
-    const common::GlibPointer<GDBusConnection> bus(
-        g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.address()));
-    if (bus == nullptr) {
-        std::fprintf(stderr, "psmountd: there is no system bus: %s\n", error.text().c_str());
-        return EXIT_FAILURE;
-    }
+    const common::GlibPointer<GDBusConnection> bus = common::systemBus();
     g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
     server.loop = g_main_loop_new(nullptr, FALSE);
     if (!publish(bus.get(), server)) {

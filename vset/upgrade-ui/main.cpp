@@ -86,11 +86,7 @@ public:
 private:
     void connect()
     {
-        common::ErrorSlot error;
-        bus_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.address()));
-        if (bus_ == nullptr) {
-            throw std::runtime_error("there is no system bus: " + error.text());
-        }
+        bus_ = common::systemBus();
         g_dbus_connection_signal_subscribe(bus_.get(), vset::kPlatformName, vset::kConsoleInterface,
                                            "ScreenInput", vset::kPlatformPath, nullptr,
                                            G_DBUS_SIGNAL_FLAGS_NONE, onInput, this, nullptr);
