@@ -60,6 +60,18 @@ within 10 nobody || fail "processes are left"
 wait 2>/dev/null
 expect 0 "" "${as_user[@]}" "$vset" run "$set_" -u -- true
 
+# ---- What root has put into a set serves a run without root, and the next one with it ----
+if [ "$(id -u)" = 0 ]; then
+    roots=$work/roots
+    "$vset" new --bare "$roots" >/dev/null && touch "$work/chip"
+    expect 0 "" "$vset" put "$roots" hardware "$work/chip"
+    writes=(sh -c 'echo x >>/var/lib/hardware/chip && mktemp -d /opt/usr/apps/appbinarymanager/emps/XXXXXX >/dev/null && echo written')
+    expect 0 "written" "$vset" run "$roots" -u -- "${writes[@]}"
+    expect 0 "written" "$vset" run "$roots" -- setpriv --reuid 901 --regid 900 --clear-groups "${writes[@]}"
+    [ "$(stat -c %u:%g "$roots/root/var/lib/hardware/chip" "$roots/root/opt/media" | tr '\n' ' ')" = "901:900 900:900 " ] ||
+        fail "the set's users have not got back what is theirs: $(stat -c '%n %u:%g' "$roots/root/var/lib/hardware/chip" "$roots/root/opt/media")"
+fi
+
 # ---- Images, where FUSE can be used ----
 can_mount() { command -v squashfuse >/dev/null && "$@" test -r /dev/fuse -a -w /dev/fuse; }
 if can_mount "${as_user[@]}"; then

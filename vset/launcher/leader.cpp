@@ -276,6 +276,7 @@ int runSet(const RunOptions& options)
     const TemporarySet temporary(options.set ? nullptr : &set);
     std::optional<SetLock> lock = set.lock();
     set.complete();
+    set.giveToUsers(rootless);
     const LifeRecord life(set.path());
     // The television always has a clock that can be set; a command gets it when asked, because a preloaded
     // library is not every program's (a sanitizer's, a static one's) liking.

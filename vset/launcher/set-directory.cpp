@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -15,8 +16,10 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/terminal/visible-text.h"
 #include "vset/client/set-file.h"
-#include "vset/television/set-life.h"
+#include "vset/client/set-lock.h"
+#include "vset/television/workshop.h"
 
 extern char** environ;
 
@@ -152,8 +155,11 @@ Ended runProgram(std::vector<const char*> arguments)
     posix_spawn_file_actions_adddup2(&streams, said.writeEnd.get(), STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&streams, said.writeEnd.get(), STDERR_FILENO);
     pid_t process = 0;
+    // It says what it cannot write ("ulimit -f") when the signal does not end it.
+    const auto before = std::signal(SIGXFSZ, SIG_IGN);
     const int error = posix_spawnp(&process, arguments[0], &streams, nullptr,
                                    const_cast<char* const*>(arguments.data()), environ);
+    std::signal(SIGXFSZ, before);
     posix_spawn_file_actions_destroy(&streams);
     if (error != 0) {
         throw Error(std::string("cannot start ") + arguments[0] + ": " + std::strerror(error));
@@ -180,6 +186,14 @@ std::string reasonIn(const std::string& said)
     return reason.rfind(kCaller, 0) == 0 ? reason.substr(std::strlen(kCaller)) : reason;
 }
 
+std::string whyNot(const Ended& ended)
+{
+    const bool isSaid = ended.said.find("CMake Error") != std::string::npos;
+    return isSaid               ? reasonIn(ended.said)
+           : ended.status > 128 ? "cmake was ended by signal " + std::to_string(ended.status - 128)
+                                : "cmake ended with status " + std::to_string(ended.status);
+}
+
 // At the end cmake lists in its build tree what it has put where, which nobody reads here, and a plain user
 // may not write there.
 bool lacksOnlyTheList(const Ended& ended)
@@ -199,7 +213,7 @@ void install(const BuildTree& tree, const char* component, const fs::path& prefi
     if (ended.status == 0 || lacksOnlyTheList(ended)) {
         return;
     }
-    const std::string reason = reasonIn(ended.said);
+    const std::string reason = whyNot(ended);
     const bool isBuilt = reason.rfind("cannot find", 0) != 0;
     throw Error(what + (isBuilt ? " cannot be put into the set: " + reason
                                 : " is not built: build it first with `cmake --build " + tree.build.string() +
@@ -211,12 +225,37 @@ void copyTree(const fs::path& tree, const fs::path& usr)
 {
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(tree)) {
         const fs::path target = usr / entry.path().lexically_relative(tree);
-        if (entry.is_directory()) {
-            fs::create_directories(target);
+        if (entry.is_directory() && !entry.is_symlink()) {
+            makePlainDirectory(target);
             continue;
+        }
+        if (fs::is_directory(fs::symlink_status(target))) {
+            throw Error(target.string() + " is in the way: a set has a file there");
         }
         fs::remove(target);
         fs::copy(entry.path(), target, fs::copy_options::copy_symlinks);
+    }
+}
+
+// What a set is made of, from the build tree, as the kit has it. A television does without fwctl: who builds
+// only the daemon gets a set all the same.
+void stage(const fs::path& directory)
+{
+    const BuildTree tree = buildTree();
+    install(tree, "daemon", directory, "the daemon", "");
+    if (access((tree.build / "tools/fwctl/fwctl").c_str(), X_OK) == 0) {
+        install(tree, "fwctl", directory, "fwctl", " --target fwctl");
+    }
+}
+
+// Else the first file of another user's would be told, and not why.
+void requireOwn(const fs::path& set)
+{
+    struct stat status{};
+    check(stat((set / "usr").c_str(), &status), "cannot look at " + set.string());
+    if (geteuid() != 0 && geteuid() != status.st_uid) {
+        throw Error("the set " + set.string() +
+                    " belongs to another user: choose another name for one of your own");
     }
 }
 
@@ -336,8 +375,8 @@ SetDirectory SetDirectory::open(const fs::path& path)
     }
     if (error || !fs::is_directory(canonical / "root", error) ||
         !fs::is_directory(canonical / "usr", error)) {
-        throw Error("there is no set at " + path.string() + ": make one with `vset new " + path.string() +
-                    "`");
+        throw Error("there is no set at " + path.string() + ": make one with `vset new " +
+                    common::inShell(path.string()) + "`");
     }
     return SetDirectory(canonical);
 }
@@ -366,21 +405,18 @@ SetDirectory SetDirectory::make(const fs::path& path)
 void SetDirectory::installDaemon() const
 {
     umask(022); // the set's users must be able to enter what is put there, whoever makes the set
-    if (const fs::path kit = kitDirectory(); !kit.empty()) {
-        try {
-            copyTree(kit / "set/usr", usr());
-        } catch (const fs::filesystem_error& error) {
-            throw Error("the daemon cannot be put into the set: " + error.code().message() + " (" +
-                        (error.path2().empty() ? error.path1() : error.path2()).string() + ")");
+    requireOwn(path_);
+    const fs::path kit = kitDirectory();
+    try {
+        const Workshop workshop(path_);
+        const fs::path staged = kit.empty() ? workshop.at("usr") : kit / "set/usr";
+        if (kit.empty()) {
+            stage(staged);
         }
-        return;
-    }
-    const BuildTree tree = buildTree();
-    install(tree, "daemon", usr(), "the daemon", "");
-    // A television does without; who builds only the daemon gets a set all the same.
-    const fs::path fwctl = tree.build / "tools/fwctl/fwctl";
-    if (access(fwctl.c_str(), X_OK) == 0) {
-        install(tree, "fwctl", usr(), "fwctl", " --target fwctl");
+        copyTree(staged, usr());
+    } catch (const fs::filesystem_error& error) {
+        throw Error("the daemon cannot be put into the set: " + error.code().message() + " (" +
+                    (error.path2().empty() ? error.path1() : error.path2()).string() + ")");
     }
 }
 
@@ -409,7 +445,8 @@ SetLock SetDirectory::lock() const
 RunningSet SetDirectory::running() const
 {
     const std::string set = "set " + path_.string();
-    const Error off(set + " is not running: start it with `vset run " + path_.string() + "`");
+    const Error off(set + " is not running: start it with `vset run " + common::inShell(path_.string()) +
+                    "`");
     if (!isOn(path_)) {
         throw off;
     }
@@ -424,7 +461,8 @@ RunningSet SetDirectory::running() const
     words >> running.init >> mode >> clock;
     if (running.init <= 0) {
         const bool isStarting = text && (text->empty() || *text == "0 root no-clock\n");
-        throw isStarting ? Error(set + " is starting: wait for it with `vset wait " + path_.string() + " on`")
+        throw isStarting ? Error(set + " is starting: wait for it with `vset wait " +
+                                 common::inShell(path_.string()) + " on`")
                          : spoilt;
     }
     running.rootless = mode == "rootless";
@@ -458,6 +496,21 @@ void SetDirectory::complete() const
     openToAllUsers(platformLog);
     if (!isMachineId(readSetFile(machineIdFile(), kMachineIdSize).value_or(""))) {
         writeFile(machineIdFile(), randomMachineId());
+    }
+}
+
+void SetDirectory::giveToUsers(bool isRootless) const
+{
+    for (const Directory& directory : kDirectories) {
+        const bool hasOwner = directory.owner != 0 && geteuid() == 0;
+        const fs::path path = path_ / directory.path;
+        struct stat status{};
+        check(lstat(path.c_str(), &status), "cannot look at " + path.string());
+        if (hasOwner && isRootless && status.st_uid == directory.owner) {
+            giveTree(path, 0, 0);
+        } else if (hasOwner && !isRootless && status.st_uid == 0) {
+            giveTree(path, directory.owner, directory.group);
+        }
     }
 }
 

@@ -64,6 +64,10 @@ public:
 
     // Creates what is missing of the skeleton; what exists keeps its contents.
     void complete() const;
+    // What root has made or run with the set's own users is root's in a set without root, which has no other,
+    // and theirs again when root runs it as usual. After complete(), which sees that no link leads out of the
+    // set.
+    void giveToUsers(bool isRootless) const;
     // A fresh /tmp and /run, as at every boot. Only while the set does not run.
     void wipeVolatile() const;
     // Removes the whole directory.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,11 +11,13 @@
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
+#include <vector>
 
 #include "common/errors.h"
 #include "common/files/file-copy.h"
 #include "common/files/regular-file.h"
-#include "common/files/unique-fd.h"
+#include "common/terminal/visible-text.h"
+#include "vset/television/workshop.h"
 
 namespace vset
 {
@@ -51,24 +52,6 @@ void attempt(const std::string& what, const std::function<void()>& action)
     }
 }
 
-void give(const fs::path& path, uid_t user, gid_t group)
-{
-    if (lchown(path.c_str(), user, group) != 0) {
-        throw fs::filesystem_error("chown", path, std::error_code(errno, std::generic_category()));
-    }
-}
-
-void giveTree(const fs::path& tree, uid_t user, gid_t group)
-{
-    give(tree, user, group);
-    if (!fs::is_directory(fs::symlink_status(tree))) {
-        return;
-    }
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(tree)) {
-        give(entry.path(), user, group);
-    }
-}
-
 // A file that is written anew stays whose it was, and open to whom it was.
 bool keepOwnerAndMode(const fs::path& target, const fs::path& unfinished)
 {
@@ -84,51 +67,6 @@ bool keepOwnerAndMode(const fs::path& target, const fs::path& unfinished)
     return true;
 }
 
-// A directory of the set, held open. The set's own programs may put a link in its place, or in the place of
-// any on the way to it: none is followed, since it would lead to the PC's own files.
-class HeldDirectory
-{
-public:
-    enum class Missing { kIsMade, kIsNothing };
-
-    HeldDirectory(const fs::path& set, const fs::path& path, Missing missing) : path_(path)
-    {
-        constexpr int kOpening = O_PATH | O_DIRECTORY | O_CLOEXEC;
-        directory_ = common::UniqueFd(open(set.c_str(), kOpening));
-        fs::path reached = set;
-        for (const fs::path& name : path.lexically_relative(set)) {
-            reached /= name;
-            if (missing == Missing::kIsMade) {
-                mkdirat(directory_.get(), name.c_str(), 0755);
-            }
-            directory_ = common::UniqueFd(openat(directory_.get(), name.c_str(), kOpening | O_NOFOLLOW));
-            if (!directory_) {
-                break;
-            }
-        }
-        if (!directory_ && (errno != ENOENT || missing == Missing::kIsMade)) {
-            const int error = errno;
-            if (error == ENOTDIR || error == ELOOP) {
-                fail(reached.string(), "is in the way: a set has a directory there");
-            }
-            throw fs::filesystem_error("open", reached, std::error_code(error, std::generic_category()));
-        }
-    }
-
-    bool isThere() const { return static_cast<bool>(directory_); }
-    int directory() const { return directory_.get(); }
-    const fs::path& path() const { return path_; }
-    // For functions that take paths; good as long as this object.
-    fs::path by(const fs::path& name) const
-    {
-        return fs::path("/proc/self/fd") / std::to_string(directory_.get()) / name;
-    }
-
-private:
-    fs::path path_;
-    common::UniqueFd directory_;
-};
-
 // As it is in a set that root runs: daemon and platform have users of their own. A plain user's are all one.
 void giveToOwnerOf(const HeldDirectory& place, const fs::path& tree)
 {
@@ -137,60 +75,6 @@ void giveToOwnerOf(const HeldDirectory& place, const fs::path& tree)
         giveTree(tree, owner.st_uid, owner.st_gid);
     }
 }
-
-// Where something is put together: beside the set's own files, so that nobody in it sees it or has a hand in
-// it before it is whole.
-class Workshop
-{
-public:
-    explicit Workshop(const fs::path& set)
-    {
-        const HeldDirectory place(set, set / ".vset", HeldDirectory::Missing::kIsMade);
-        removeLeftovers(place.path());
-        directory_ = place.path() / (kBegin + std::to_string(getpid()) + ".XXXXXX");
-        std::string name = directory_;
-        if (mkdtemp(name.data()) == nullptr) {
-            throw fs::filesystem_error("mkdir", place.path(),
-                                       std::error_code(errno, std::generic_category()));
-        }
-        directory_ = name;
-    }
-    ~Workshop()
-    {
-        std::error_code ignored;
-        fs::remove_all(directory_, ignored);
-    }
-    Workshop(const Workshop&) = delete;
-    Workshop& operator=(const Workshop&) = delete;
-
-    fs::path at(const fs::path& name) const { return directory_ / name; }
-
-private:
-    static inline const std::string kBegin = "put.";
-
-    static bool isGone(const std::string& process)
-    {
-        const bool isNumber = !process.empty() && process.size() < 10 &&
-                              process.find_first_not_of("0123456789") == std::string::npos;
-        return isNumber && kill(std::stoi(process), 0) != 0 && errno == ESRCH;
-    }
-
-    // Of a program that was killed at its work.
-    static void removeLeftovers(const fs::path& directory)
-    {
-        std::error_code error;
-        fs::directory_iterator entry(directory, error);
-        for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
-            const std::string name = entry->path().stem().string(); // without the random part
-            if (name.rfind(kBegin, 0) == 0 && isGone(name.substr(kBegin.size()))) {
-                std::error_code ignored;
-                fs::remove_all(entry->path(), ignored);
-            }
-        }
-    }
-
-    fs::path directory_;
-};
 
 // Under its name, in one step, even where a full directory or another such step is; what was there is in the
 // workshop then.
@@ -260,18 +144,39 @@ void requireName(const fs::path& file, const char* extension, const char* exampl
     }
 }
 
-// A tree of the PC, to `unfinished`, which is for that directory of the set. Neither lies in the tree: the
-// copy would have no end, or hold what it replaces.
-void copyTreeFrom(const fs::path& from, const fs::path& unfinished, const fs::path& directory)
+// The copy of a tree with the set in it would have no end, or hold what it replaces.
+void requireNotIn(const fs::path& from, const fs::path& ofSet)
 {
     const fs::path source = fs::weakly_canonical(from);
-    for (const fs::path& each : {unfinished, directory}) {
-        const fs::path to = fs::weakly_canonical(each);
-        if (std::mismatch(source.begin(), source.end(), to.begin(), to.end()).first == source.end()) {
-            fail(from.string(), "the set lies in it: put a directory that is outside of it");
-        }
+    const fs::path to = fs::weakly_canonical(ofSet);
+    if (std::mismatch(source.begin(), source.end(), to.begin(), to.end()).first == source.end()) {
+        fail(from.string(), "the set lies in it: put a directory that is outside of it");
     }
+}
+
+// A tree of the PC, to `unfinished`, which is for that directory of the set.
+void copyTreeFrom(const fs::path& from, const fs::path& unfinished, const fs::path& directory)
+{
+    requireNotIn(from, unfinished);
+    requireNotIn(from, directory);
     common::copyTree(from, unfinished);
+}
+
+// All of them, before the first of them is seen in the set.
+void replaceAll(const fs::path& set, const fs::path& directory, const fs::path& chips)
+{
+    requireNotIn(chips, directory);
+    const HeldDirectory place(set, directory, HeldDirectory::Missing::kIsMade);
+    const Workshop workshop(set);
+    std::vector<fs::path> names;
+    for (const fs::directory_entry& chip : fs::directory_iterator(chips)) {
+        const fs::path& name = names.emplace_back(chip.path().filename());
+        copyTreeFrom(chip.path(), workshop.at(name), directory);
+        giveToOwnerOf(place, workshop.at(name));
+    }
+    for (const fs::path& name : names) {
+        moveIn(workshop.at(name), place, name);
+    }
 }
 
 // "SET/firmware/" and "SET/firmware" are the same directory.
@@ -297,7 +202,7 @@ SetContents::SetContents(const fs::path& set) : set_(set)
     }
     if (type != fs::file_type::directory || !fs::is_directory(set / "usr", error)) {
         throw common::Failure("there is no set at " + set.string() + ": make one with `vset new " +
-                              set.string() + "`");
+                              common::inShell(set.string()) + "`");
     }
 }
 
@@ -391,14 +296,8 @@ void SetContents::putHardware(const fs::path& chips) const
         put(chips, inset::kHardware);
         return;
     }
-    attempt("cannot put " + chips.string() + " into the set", [&] {
-        for (const fs::directory_entry& chip : fs::directory_iterator(chips)) {
-            replace(set_, outside(inset::kHardware) / chip.path().filename(),
-                    [&](const fs::path& unfinished) {
-                        copyTreeFrom(chip.path(), unfinished, outside(inset::kHardware));
-                    });
-        }
-    });
+    attempt("cannot put " + chips.string() + " into the set",
+            [&] { replaceAll(set_, outside(inset::kHardware), chips); });
 }
 
 void SetContents::putStick(const fs::path& directory) const
