@@ -55,6 +55,14 @@ expect 1 "there is no stick in the slot" "$vset" usb "$set_" remove
 expect 0 "" put key build/maker.pub.pem
 lies root/var/lib/signature/keys/maker.pub.pem "$(cat build/maker.pub.pem)"
 
+# A directory of chips is put whole, or not at all.
+mkdir -p more/a more/z && mkfifo more/z/pipe
+expect 1 "more/z/pipe is not a file but a pipe" put hardware more
+[ ! -e "$set_/root/var/lib/hardware/a" ] || fail "half of the chips are there"
+SECONDS=0
+expect 1 "/: the set lies in it" put hardware /
+[ $SECONDS -lt 5 ] && [ ! -e "$set_/root/var/lib/hardware/etc" ] || fail "the PC's files are chips"
+
 expect 1 "there is no such file" put library nowhere.so
 expect 1 "is not a file" put library build
 expect 1 "its name has to end in .so" put library build/empTuner.img
@@ -122,6 +130,16 @@ expect 0 "" wait_for absent /tmp/list
 (sleep 0.5 && tell list "x") &
 expect 0 "" wait_for file /tmp/list
 expect 1 "it is there" wait_for absent /tmp/list --limit 0.1
+for link in /nowhere/x loop "$work/chips/tuner"; do
+    ln -sfT "$link" "$set_/root/tmp/loop"
+    expect 1 "it is a link that leads nowhere" wait_for file /tmp/loop --limit 0.1
+    expect 0 "" wait_for absent /tmp/loop --limit 0.1
+done
+for link in /tmp/list list /usr/bin/env; do
+    ln -sfT "$link" "$set_/root/tmp/loop"
+    expect 0 "" wait_for file /tmp/loop --limit 0.1
+    expect 1 "it is there" wait_for absent /tmp/loop --limit 0.1
+done
 expect 0 "" wait_for power on
 expect 1 "Seen last: 0;" wait_for power standby --limit 0.2
 (sleep 0.5 && "$vset" power "$set_" standby) &

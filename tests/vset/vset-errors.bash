@@ -27,8 +27,29 @@ if mount -t tmpfs -o size=1m,nr_inodes=20 tmpfs small 2>/dev/null; then
     [ -z "$(ls small)" ] || fail "a temporary set that could not be made is left: $(ls small)"
     umount small
 fi
+one_line 1 "set belongs to another user" as_user "$vset" new "$set_"
+one_line 1 "small: File too large" bash -c "ulimit -f 1; '$vset' new small-file 2>&1 | sed 's/.*\(File too large\).*/small: \1/'; exit \${PIPESTATUS[0]}"
+"$vset" new --bare in-the-way >/dev/null && mkdir -p in-the-way/usr/bin/tarnwick/x
+one_line 1 "usr/bin/tarnwick is in the way: a set has a file there" "$vset" new in-the-way
+rm -rf in-the-way/usr/bin && touch in-the-way/usr/bin
+one_line 1 "usr/bin is in the way: a set has a directory there" "$vset" new in-the-way
+[ -z "$(ls -d ./*/.vset/put.* 2>/dev/null)" ] || fail "what was put together is left: $(ls -d ./*/.vset/put.*)"
+one_line 1 "'no set'\`" "$vset" run 'no set'
+one_line 1 "\$'a\\nb'\`" "$vset" wait $'a\nb' on
+one_line 1 'dbus-daemon ended at its start: cannot run dbus-daemon: No such file or directory (PATH is "", without /usr/bin)' \
+    env PATH= "$vset" run --temporary -- true
 one_line 1 "circle: Too many levels" bash -c "ln -sf circle circle; '$vset' new circle"
 one_line 1 "TMPDIR" env TMPDIR=/nonexistent "$vset" run --temporary -- true
+
+# ---- Words ----
+for words in "$set_ --temporary -- true" "--temporary $set_ -- true" "$set_ --temporary"; do
+    # shellcheck disable=SC2086 # words
+    expect 2 "SET and --temporary cannot be given together" "$vset" run $words
+done
+expect 0 "yes" "$vset" run --temporary -- echo yes
+expect 0 "yes" "$vset" run --temporary echo yes
+expect 0 "a|--|b|" "$vset" run --temporary -- printf '%s|' a -- b
+expect 2 "CMD is required" "$vset" exec "$set_" --
 
 # ---- put ----
 ln -sf circle circle
@@ -68,11 +89,21 @@ one_line 1 'pralis_get_int?' "$vset" fault "$set_" pralis_getint
 one_line 1 'no platform call "nosuch"' "$vset" fault "$set_" nosuch
 one_line 1 'the daemon said "Error: all is lost!";' "$vset" wait "$set_" says x --limit 0.1
 expect 0 "" "$vset" wait "$set_" says "Error: all is lost!" --whole --limit 1
+# escapes KIND: so many lines of the log on such a terminal hold any.
+escapes() { TERM=$1 script -qec "'$vset' log '$set_'" /dev/null </dev/null | grep -c $'\e'; }
+[ "$(escapes xterm)" -gt 0 ] || fail "an error in the log has no colour on a terminal"
+[ "$(escapes dumb)" = 0 ] || fail "escapes for a terminal that knows none"
+# Told without the daemon's start, a story counts from its first sentence.
+"$vset" exec "$set_" -- sh -c "printf '2026-01-31T12:00:00.000000Z\t2\t6\tFWUPDATE\t1\t1\tmain\t\t\t\tx.cpp: f(1) > no update module item!\\\\n\n' >>/var/log/platform.log"
+expect 0 " 0.0 s  Nothing is pending." "$vset" story "$set_"
 for command in show console modules "get x" power "power standby"; do
     # shellcheck disable=SC2086 # words
     one_line 1 "belongs to another user? then use sudo" as_user "$vset" ${command%% *} "$set_" ${command#"${command%% *}"}
 done
 one_line 1 "Permission denied" as_user "$vset" clock "$set_"
+
+one_line 1 "the system bus refuses the user number 12345, whom this set does not know" \
+    "$vset" exec "$set_" -- setpriv --reuid 12345 --clear-groups "$tools/upgrade-ui"
 
 # ---- A platform that does not answer ----
 init=$(init_of "$set_") || exit 1
@@ -85,6 +116,20 @@ expect 1 "not within 0.2 s" "$vset" wait "$set_" progress x 1 --limit 0.2
 kill -TERM "$leader"
 within 10 is_gone "$leader" || fail "a set whose platform does not answer does not end"
 
+# ---- A set of a command, and one whose bus somebody has taken away ----
+"$vset" run "$set_" -- sleep 1000 2>/dev/null &
+leader=$!
+started+=("$leader")
+expect 0 "" "$vset" wait "$set_" on
+expect 1 "its command runs" "$vset" wait "$set_" ended --limit 0.1
+rm "$set_/root/run/dbus/system_bus_socket"
+one_line 1 "is on, but its bus cannot be reached" "$vset" show "$set_" power
+mkfifo "$set_/root/run/dbus/system_bus_socket"
+one_line 1 "is on, but its bus cannot be reached" "$vset" get "$set_" x
+kill -TERM "$leader"
+within 10 is_gone "$leader" || fail "a set without its bus does not end"
+one_line 1 "is not running: start it with" "$vset" show "$set_" power
+
 # ---- A set that is asked to end while it starts ----
 mkdir "$work/tools" && cp -r "$tools/." "$work/tools/" && printf '#!/bin/sh\nexec sleep 1000\n' >"$work/tools/psmountd"
 "$work/tools/vset" run "$set_" -- true 2>/dev/null &
@@ -93,4 +138,6 @@ started+=("$leader")
 sleep 1
 kill -TERM "$leader"
 within 8 is_gone "$leader" || fail "a set whose service does not get ready cannot be ended"
+printf '#!/bin/sh\nkill -9 $$\n' >"$work/tools/psmountd"
+one_line 1 "psmountd was ended by signal 9 at its start: it said nothing" "$work/tools/vset" run "$set_" -- true
 conclude

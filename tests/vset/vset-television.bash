@@ -99,6 +99,9 @@ for ((crash = 1; crash <= 2; crash++)); do
     within 20 starts $((crash + 1)) || fail "no start after crash $crash: $(cat "$work/said")"
 done
 grep -q "platformd was ended by signal 9 and is started again" "$work/said" || fail "not told: $(cat "$work/said")"
+"$vset" exec "$set_" -- sh -c 'kill -TERM $(cat /var/lib/platform/process)' # it says goodbye, and has no reason to
+within 20 starts 4 || fail "a platform that somebody has ended is not started again: $(cat "$work/said")"
+grep -q "platformd ended with status 0 and is started again" "$work/said" || fail "not told: $(cat "$work/said")"
 "$vset" exec "$set_" -- sh -c 'kill -9 $(pidof psmountd)'
 psmountd_is_back() { "$vset" exec "$set_" -- gdbus introspect --system -d org.pellor.psmount -o / >/dev/null 2>&1; }
 within 20 psmountd_is_back || fail "the mount service is not started again: $(cat "$work/said")"
@@ -130,6 +133,7 @@ crash_until_gone() { is_gone "$leader" || { crash 2>/dev/null; false; }; }
 within 30 crash_until_gone || fail "a service that goes on crashing does not end the set: $(cat "$work/said")"
 wait "$leader"
 [ $? = 1 ] || fail "a service that goes on crashing is no failure"
+grep -q "platformd was ended by signal 9: the set cannot do without it" "$work/said" || fail "not told: $(cat "$work/said")"
 
 for signal in TERM INT; do
     : >"$work/said" # at once: what an earlier one has said is no sign of this one

@@ -15,6 +15,7 @@
 #include "common/files/unique-fd.h"
 #include "common/json-text.h"
 #include "common/terminal/visible-text.h"
+#include "vset/client/set-lock.h"
 #include "vset/platformd/contract.h"
 
 namespace vset
@@ -59,7 +60,9 @@ std::string textForPerson(const common::ErrorSlot& error, const std::string& whe
                            g_error_matches(reason, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER) != FALSE;
     if (isMissing) {
         return "the platform of " + whereabouts + " is not there: it is starting, or has just ended" +
-               (whereabouts == kThisSet ? "" : "; `vset wait " + whereabouts.substr(4) + " on` waits for it");
+               (whereabouts == kThisSet
+                    ? ""
+                    : "; `vset wait " + common::inShell(whereabouts.substr(4)) + " on` waits for it");
     }
     return isGone ? "the platform of " + whereabouts + " is gone (" + error.text() + ")" : error.text();
 }
@@ -70,8 +73,14 @@ std::string notRunningText(const std::string& whereabouts)
         return "there is no system bus of a set at " + std::string(kSocket) +
                ": start this program with `vset run SET -- ...` or `vset exec SET -- ...`";
     }
-    return whereabouts + " is not running: start it with `vset run " +
-           whereabouts.substr(whereabouts.find(' ') + 1) + "`";
+    const std::string set = whereabouts.substr(whereabouts.find(' ') + 1);
+    if (isOn(set)) {
+        return whereabouts +
+               " is on, but its bus cannot be reached: it is starting, or going off; else somebody has "
+               "taken " +
+               std::string(kSocket) + " away in it, and it has to be run again";
+    }
+    return whereabouts + " is not running: start it with `vset run " + common::inShell(set) + "`";
 }
 
 [[noreturn]] void failToReach(const std::string& whereabouts, const std::string& why)
@@ -158,7 +167,8 @@ ControlClient ControlClient::ofSet(const std::string& set, std::chrono::millisec
             throw ControlError("the set " + set +
                                " cannot be opened: " + std::generic_category().message(errno));
         }
-        throw ControlError("there is no set in " + set + ": make one with `vset new " + set + "`");
+        throw ControlError("there is no set in " + set + ": make one with `vset new " + common::inShell(set) +
+                           "`");
     }
     // A socket's path has at most 107 bytes, a set's directory may have more: the way goes over a descriptor.
     const common::UniqueFd directory(

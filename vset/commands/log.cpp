@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -10,8 +9,10 @@
 #include <unistd.h>
 
 #include "common/json-text.h"
+#include "common/terminal/terminal.h"
 #include "common/terminal/visible-text.h"
 #include "vset/client/platform-log.h"
+#include "vset/client/set-lock.h"
 #include "vset/commands/commands.h"
 #include "vset/launcher/set-directory.h"
 #include "vset/story/story-teller.h"
@@ -113,8 +114,7 @@ void printRecordAsJson(const LogRecord& record)
 void runLog(const LogOptions& options)
 {
     const int lowest = priorityNumber(options.priority);
-    const char* const noColour = std::getenv("NO_COLOR");
-    const bool isColoured = isatty(STDOUT_FILENO) != 0 && (noColour == nullptr || *noColour == '\0');
+    const bool isColoured = common::isColoured(STDOUT_FILENO);
     LogReader reader(SetDirectory::open(options.set).root() / "var/log/platform.log");
     const auto print = [&](const LogRecord& record) {
         if (!isWanted(record, options, lowest)) {
@@ -148,7 +148,7 @@ void defineLog(common::CommandLine& command)
     command.text("--grep", options->text, "Only records that contain this text");
     command.flag("--json", options->isJson, "One JSON object a line, for programs");
     command.footer("Columns: time (UTC of the set), priority, log, call location, message.\n"
-                   "Coloured on a terminal, unless NO_COLOR is set.\n"
+                   "Coloured on a terminal that knows colours, unless NO_COLOR is set.\n"
                    "Example: vset log /tmp/tv -f --priority info --grep update");
     command.onRun([options] { runLog(*options); });
 }
@@ -192,7 +192,7 @@ public:
             return Wanted::kNoMore;
         }
         if (!wasOn_ && passed() > kToBeSwitchedOn) {
-            reason_ = "the set is off: switch it on with `vset run " + set_.string() + "`";
+            reason_ = "the set is off: switch it on with `vset run " + common::inShell(set_.string()) + "`";
         } else if (const std::optional<int> status = daemonStatus()) {
             reason_ = "the daemon has ended before that, with status " + std::to_string(*status);
         } else if (wasOn_ && !isOn(set_)) {
@@ -307,7 +307,8 @@ void defineStory(common::CommandLine& command)
     command.number("--boot", options->boot, kBoots, "From the N-th boot on since the set was switched on")
         .called("N");
     command.text("--after", options->after, "Leave out what came until the daemon said this").called("TEXT");
-    command.footer("Seconds are the set's own, counted from the start of the daemon.\n"
+    command.footer("Seconds are the set's own, counted from the start of the daemon, or else from the first "
+                   "sentence.\n"
                    "For the messages themselves see `vset log`.\n"
                    "Exit status with --until and --until-end: "
                    "1 when the daemon ended in another way, or its set did, before that.\n"

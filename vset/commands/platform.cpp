@@ -40,7 +40,7 @@ void defineGet(common::CommandLine& command)
         const Json::Value settings = ControlClient::ofSet(options->set).snapshot()["settings"];
         if (!settings.isMember(options->key)) {
             throw ControlError("there is no settings key \"" + common::visible(options->key) +
-                               "\": `vset show " + options->set + " settings` lists them");
+                               "\": `vset show " + common::inShell(options->set) + " settings` lists them");
         }
         std::printf("%d\n", settings[options->key]["value"].asInt());
     });

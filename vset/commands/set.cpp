@@ -51,13 +51,25 @@ struct RunArguments {
     RunOptions run;
 };
 
-int run(RunArguments& arguments)
+// With --temporary the first word is the command's, unless it was meant for a set: by its place before the
+// "--", or by what it names.
+bool isMeantForSet(const RunArguments& arguments, std::optional<std::size_t> wordsBehindDashes)
+{
+    std::error_code error;
+    return wordsBehindDashes ? *wordsBehindDashes == arguments.run.command.size()
+                             : fs::is_directory(arguments.set, error);
+}
+
+int run(RunArguments& arguments, std::optional<std::size_t> wordsBehindDashes)
 {
     RunOptions& options = arguments.run;
     options.binds.assign(arguments.binds.begin(), arguments.binds.end());
     if (arguments.isTemporary && !arguments.set.empty()) {
-        options.command.insert(options.command.begin(),
-                               arguments.set); // "--temporary -- CMD": there is no SET
+        if (isMeantForSet(arguments, wordsBehindDashes)) {
+            throw common::WrongUse("SET and --temporary cannot be given together: a temporary set has a "
+                                   "directory of its own");
+        }
+        options.command.insert(options.command.begin(), arguments.set);
     } else if (!arguments.isTemporary && arguments.set.empty()) {
         throw common::WrongUse("run: SET is required (or --temporary)");
     } else if (!arguments.isTemporary) {
@@ -92,7 +104,7 @@ void defineRun(common::CommandLine& command)
     command.footer(
         "Without CMD the set is a television: the daemon runs, and reboots and power-offs are carried out.\n"
         "With CMD they are only recorded, and the daemon is the command's to start.");
-    command.onRun([arguments] { return run(*arguments); });
+    command.onRun([arguments, &command] { return run(*arguments, command.wordsBehindDashes()); });
 }
 
 void defineExec(common::CommandLine& command)

@@ -17,12 +17,22 @@ namespace vset
 namespace
 {
 
+// A set that is going off takes nobody in any more: its first process is none then, or no other is made
+// beside it.
+[[noreturn]] void failToEnter(const std::string& what)
+{
+    if (errno == ESRCH || errno == ENOMEM) {
+        throw Error("the set is just going off, or reboots");
+    }
+    failWithErrno(what);
+}
+
 void enterNamespaces(const RunningSet& running)
 {
     // Root can enter another user's set; a user can enter only his own.
     const int user = running.rootless ? CLONE_NEWUSER : 0;
     if (setns(running.process.get(), user | CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS) != 0) {
-        failWithErrno("cannot enter the set (it belongs to another user? then use sudo)");
+        failToEnter("cannot enter the set (it belongs to another user? then use sudo)");
     }
     if (!running.rootless) {
         return;
@@ -64,7 +74,9 @@ void executeInSet(const fs::path& set, const std::vector<std::string>& command)
     const fs::path workingDirectory = fs::current_path(error);
     enterNamespaces(running);
     commandProcess = fork(); // only a child is in the set's process namespace
-    check(commandProcess, "cannot start the command");
+    if (commandProcess < 0) {
+        failToEnter("cannot start the command");
+    }
     if (commandProcess == 0) {
         runChild(command, workingDirectory, running.clock);
     }

@@ -150,8 +150,39 @@ void putEnvironment(const char* name, const std::string& value)
 // What a service said last; a temporary set is gone by the time that somebody looks.
 std::string lastLine(const fs::path& log)
 {
-    const std::string last = lastLineOf(log);
+    constexpr std::string_view kOurs = "vset: "; // of a service that could not be run
+    std::string last = lastLineOf(log);
+    last.erase(0, last.rfind(kOurs, 0) == 0 ? kOurs.size() : 0);
     return last.empty() ? "it said nothing" : common::visible(last);
+}
+
+std::string endOf(const char* name, int status)
+{
+    if (WIFSIGNALED(status)) {
+        return std::string(name) + " was ended by signal " + std::to_string(WTERMSIG(status));
+    }
+    return std::string(name) + " ended with status " + std::to_string(WEXITSTATUS(status));
+}
+
+// The wait status of a process that has ended or is about to; nothing when it goes on all the same.
+std::optional<int> endSoon(pid_t process)
+{
+    constexpr int kTickMs = 10;
+    for (int waited = 0; waited < kShutdownMs; waited += kTickMs) {
+        int status = 0;
+        if (waitpid(process, &status, WNOHANG) == process) {
+            return status;
+        }
+        poll(nullptr, 0, kTickMs);
+    }
+    return std::nullopt;
+}
+
+// Whether it has ended of its own accord, for a reason that it tells in its file. Who is asked to end by
+// somebody's signal has none, whether it dies of that or says goodbye.
+bool hasReason(int status)
+{
+    return WIFEXITED(status) && WEXITSTATUS(status) != 0;
 }
 
 // A process that is to be watched hands its write filter over here; none when it is not.
@@ -288,8 +319,14 @@ void Init::waitUntilReady(const Service& service, const UniqueFd& ready) const
     if (waiting[0].revents != 0 && read(ready.get(), &byte, 1) == 1) {
         return;
     }
-    throw Error(std::string(service.name) + (events == 0 ? " does not get ready" : " ended at its start") +
-                ": " + lastLine(fs::path("/var/log") / (std::string(service.name) + ".out")));
+    const std::string said = lastLine(fs::path("/var/log") / (std::string(service.name) + ".out"));
+    if (events == 0) {
+        throw Error(std::string(service.name) + " does not get ready: " + said);
+    }
+    const std::optional<int> status = endSoon(service.process);
+    const bool isBySignal = status && WIFSIGNALED(*status);
+    throw Error((isBySignal ? endOf(service.name, *status) : std::string(service.name) + " ended") +
+                " at its start: " + said);
 }
 
 void Init::startBus()
@@ -420,8 +457,8 @@ int Init::run(const std::function<void()>& onUp)
     callersMask_ = umask(022); // of the set's files; the command gets its own back
     composeRoot(plan_.root);
     if (plan_.television() && access("/usr/bin/tarnwick", X_OK) != 0) {
-        throw Error("the set has no daemon: put it there with `vset new " + plan_.root.set.path().string() +
-                    "`");
+        throw Error("the set has no daemon: put it there with `vset new " +
+                    common::inShell(plan_.root.set.path().string()) + "`");
     }
     cleanEnvironment(plan_.tools, plan_.root.clock);
     try {
@@ -433,7 +470,7 @@ int Init::run(const std::function<void()>& onUp)
     orders_.emplace();
     onUp();
     startMain();
-    plan_.life.up();
+    plan_.life.up(!plan_.television());
     return live();
 }
 
@@ -503,11 +540,11 @@ std::string Init::letCrash(const CrashOrder& order)
 }
 
 // How long the set does without a service that has ended so; nothing when it is not started again: when it
-// says itself that it cannot go on, when it goes on crashing, and in a set of a command, which may be trying
+// has a reason to end, when it goes on crashing, and in a set of a command, which may be trying
 // just that.
 std::optional<std::chrono::milliseconds> Init::downtimeAfter(Service& service, int status) const
 {
-    if (service.startAgain == nullptr || !WIFSIGNALED(status)) {
+    if (service.startAgain == nullptr || hasReason(status)) {
         return std::nullopt;
     }
     if (service.downtime) {
@@ -601,14 +638,6 @@ std::optional<int> Init::reap()
     return std::nullopt;
 }
 
-std::string endOf(const char* name, int status)
-{
-    if (WIFSIGNALED(status)) {
-        return std::string(name) + " was ended by signal " + std::to_string(WTERMSIG(status));
-    }
-    return std::string(name) + " ended with status " + std::to_string(WEXITSTATUS(status));
-}
-
 void Init::tellWrites() const
 {
     if (plan_.cutAtWrite) {
@@ -646,10 +675,12 @@ std::optional<int> Init::onServiceEnd(Service& service, int status)
              " ms");
         return std::nullopt;
     }
-    note(endOf(service.name, status) + ", see " +
-         (plan_.root.set.root() / "var/log" / service.name).string() + ".out");
+    const std::string file = (plan_.root.set.root() / "var/log" / service.name).string() + ".out";
+    note(endOf(service.name, status) + (hasReason(status)    ? ", see " + file
+                                        : plan_.television() ? ": the set cannot do without it"
+                                                             : " and stays away"));
     if (plan_.television()) {
-        return endTelevision(EXIT_FAILURE); // no use without it
+        return endTelevision(EXIT_FAILURE);
     }
     return std::nullopt; // the command may be testing just that
 }
@@ -725,6 +756,23 @@ void cleanEnvironment(const fs::path& tools, bool clock)
                    (options != nullptr ? std::string(options) + ":" : "") + "verify_asan_link_order=0");
 }
 
+namespace
+{
+
+std::string adviceOnMissing(const std::string& program)
+{
+    const char* const path = std::getenv("PATH");
+    const std::string directories = ":" + std::string(path != nullptr ? path : "") + ":";
+    const bool isSearched = program.find('/') == std::string::npos;
+    if (isSearched && directories.find(":/usr/bin:") == std::string::npos) {
+        return " (PATH is " + common::inQuotes(directories.substr(1, directories.size() - 2)) +
+               ", without /usr/bin)";
+    }
+    return " (in the set; a directory of the PC is made visible with -b)";
+}
+
+} // namespace
+
 void executeCommand(const std::vector<std::string>& command)
 {
     std::vector<char*> arguments;
@@ -736,7 +784,7 @@ void executeCommand(const std::vector<std::string>& command)
     const int error = errno;
     const bool missing = error == ENOENT;
     note("cannot run " + common::shortened(command[0]) + ": " + std::strerror(error) +
-         (missing ? " (in the set; a directory of the PC is made visible with -b)" : ""));
+         (missing ? adviceOnMissing(command[0]) : ""));
     _exit(missing ? 127 : 126);
 }
 

@@ -24,9 +24,11 @@ void LifeRecord::boot(int64_t logStart) const
     write("boot", std::move(record));
 }
 
-void LifeRecord::up() const
+void LifeRecord::up(bool isCommand) const
 {
-    write("up");
+    Json::Value record;
+    record["command"] = isCommand;
+    write("up", std::move(record));
 }
 
 void LifeRecord::daemonEnded(int waitStatus) const

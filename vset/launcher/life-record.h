@@ -21,7 +21,7 @@ public:
     explicit LifeRecord(const fs::path& set);
 
     void boot(int64_t logStart) const; // bytes of the set's log before this boot
-    void up() const;                   // services and daemon, or command, have been started
+    void up(bool isCommand) const;     // services and daemon, or command, have been started
     void daemonEnded(int waitStatus) const;
     // Those of the daemon, or the command, to hardware so far; in a set whose power was to be cut at one.
     void writes(unsigned int count) const;
@@ -29,7 +29,7 @@ public:
     void off(int status) const; // exit status of `vset run`
 
 private:
-    void write(const char* event, Json::Value record = Json::objectValue) const;
+    void write(const char* event, Json::Value record) const;
 
     UniqueFd file_;
 };

@@ -29,11 +29,12 @@ std::optional<std::string> StoryTeller::tell(const LogRecord& record)
     if (sentence.empty() || !now) {
         return std::nullopt;
     }
-    if (event->kind == common::DaemonEventKind::kStarted) { // every start of the daemon counts from 0
+    // Every start of the daemon counts from 0. It may not be among what is told, and others speak as it does.
+    if (event->kind == common::DaemonEventKind::kStarted || !start_) {
         start_ = *now;
     }
     char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%8.1f s  ", *now - start_);
+    std::snprintf(seconds, sizeof seconds, "%8.1f s  ", *now - *start_);
     return seconds + sentence;
 }
 

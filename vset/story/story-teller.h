@@ -24,7 +24,7 @@ public:
 
 private:
     Narrator narrator_;
-    double start_ = 0;
+    std::optional<double> start_;
 };
 
 } // namespace vset

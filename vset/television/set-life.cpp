@@ -1,13 +1,8 @@
 #include "vset/television/set-life.h"
 
-#include <cerrno>
-#include <fcntl.h>
 #include <sstream>
 #include <string>
-#include <sys/file.h>
-#include <system_error>
 
-#include "common/errors.h"
 #include "common/json-text.h"
 #include "vset/client/set-file.h"
 
@@ -32,6 +27,7 @@ void takeOfBoot(const std::string& event, const Json::Value& record, Boot& boot)
 {
     if (event == "up") {
         boot.isUp = true;
+        boot.isCommand = record["command"] == true;
     } else if (event == "ended") {
         boot.daemonEnded = numberIn(record, "status");
         boot.isBySignal = record.isMember("signal");
@@ -68,25 +64,6 @@ SetLife readLife(const std::filesystem::path& set)
         }
     }
     return life;
-}
-
-common::UniqueFd openToLock(const std::filesystem::path& set)
-{
-    common::UniqueFd directory(open(set.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!directory) {
-        const int error = errno;
-        throw common::Failure("cannot look into " + set.string() + ": " +
-                              std::generic_category().message(error) +
-                              (error == EACCES ? " (it belongs to another user? then use sudo)" : ""));
-    }
-    return directory;
-}
-
-bool isOn(const std::filesystem::path& set)
-{
-    openSetFile(set / kLockFile); // what stands in its place is told of
-    const common::UniqueFd directory = openToLock(set);
-    return flock(directory.get(), LOCK_SH | LOCK_NB) != 0; // given back with the descriptor
 }
 
 } // namespace vset

@@ -2,7 +2,7 @@
 // daemon, and its own end. It stands in SET/.vset/life, one JSON object a line; docs/vset-commands.md lists
 // them.
 //
-// Both throw common::Failure, with what to do, when there is something else than a file where they stand. One
+// It throws common::Failure, with what to do, when there is something else than a file where it stands. One
 // thread.
 #ifndef VSET_TELEVISION_SET_LIFE_H
 #define VSET_TELEVISION_SET_LIFE_H
@@ -13,13 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "common/files/unique-fd.h"
-
 namespace vset
 {
 
 constexpr const char* kLifeFile = ".vset/life"; // in the set's directory
-constexpr const char* kLockFile = ".vset/lock"; // its PID 1; locked by the launcher, as the directory is
 
 // Where the power was cut.
 struct PowerCut {
@@ -29,8 +26,9 @@ struct PowerCut {
 };
 
 struct Boot {
-    int64_t logStart = 0; // bytes of the set's log before it
-    bool isUp = false;    // all services are there, and the daemon, or the command, has been started
+    int64_t logStart = 0;   // bytes of the set's log before it
+    bool isUp = false;      // all services are there, and the daemon, or the command, has been started
+    bool isCommand = false; // the latter
     std::optional<int> daemonEnded; // exit status of the daemon (or the command), 128 + n after signal n
     bool isBySignal = false;        // it has ended so
     // Of the daemon (or the command) to hardware, when the power was to be cut at one and was not.
@@ -45,13 +43,6 @@ struct SetLife {
 
 // As it stands now; no boot when the set was never on. A line that is not whole yet is left out.
 SetLife readLife(const std::filesystem::path& set);
-
-// The set's directory, which its launcher locks (flock): files in it can be replaced while the set is on, and
-// another launcher would then see a lock of its own.
-common::UniqueFd openToLock(const std::filesystem::path& set);
-
-// Whether a launcher holds the set: from before its first boot, over reboots, to its end.
-bool isOn(const std::filesystem::path& set);
 
 } // namespace vset
 

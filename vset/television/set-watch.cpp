@@ -1,6 +1,7 @@
 #include "vset/television/set-watch.h"
 
 #include <algorithm>
+#include <climits>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
@@ -15,6 +16,7 @@
 #include "common/terminal/visible-text.h"
 #include "vset/client/control-client.h"
 #include "vset/client/platform-log.h"
+#include "vset/client/set-lock.h"
 #include "vset/television/set-contents.h"
 #include "vset/television/set-life.h"
 
@@ -45,6 +47,11 @@ bool isAlive(const fs::path& set, const SetLife& life)
     return isOn(set) && !life.boots.empty() && !life.end;
 }
 
+const char* nameOfMain(const Boot& boot)
+{
+    return boot.isCommand ? "command" : "daemon";
+}
+
 std::string lifeText(const fs::path& set)
 {
     const SetLife life = readLife(set);
@@ -56,9 +63,9 @@ std::string lifeText(const fs::path& set)
     if (life.boots.empty() || !life.boots.back().isUp) {
         return boot + ", not up yet";
     }
-    const std::optional<int> ended = life.boots.back().daemonEnded;
-    return boot + ", its daemon " +
-           (ended ? "has ended with status " + std::to_string(*ended) : std::string("runs"));
+    const Boot& latest = life.boots.back();
+    return boot + ", its " + nameOfMain(latest) + " " +
+           (latest.daemonEnded ? "has ended with status " + std::to_string(*latest.daemonEnded) : "runs");
 }
 
 // The boot that is meant, once there is one.
@@ -113,7 +120,7 @@ void waitFor(const fs::path& set, const Condition& condition, std::chrono::milli
             }
             if (passed > std::min<Clock::duration>(limit, kToBeSwitchedOn)) {
                 throw common::Failure("the set in " + set.string() + " is off: switch it on with `vset run " +
-                                      set.string() + "`");
+                                      common::inShell(set.string()) + "`");
             }
         }
         if (passed > limit) {
@@ -150,13 +157,14 @@ Condition hasEnded(const fs::path& set, std::optional<int> status, std::optional
             return false;
         }
         if (status && *status != *meant->daemonEnded) {
-            throw common::Failure("the daemon has ended with status " + std::to_string(*meant->daemonEnded) +
-                                  ", not " + std::to_string(*status));
+            throw common::Failure("the " + std::string(nameOfMain(*meant)) + " has ended with status " +
+                                  std::to_string(*meant->daemonEnded) + ", not " + std::to_string(*status));
         }
         return true;
     };
-    return {"the daemon's end" + (boot ? " in boot " + std::to_string(*boot) : std::string()), isSo,
-            [set] { return lifeText(set); }};
+    return {"the end of the daemon, or of the command," +
+                (boot ? " in boot " + std::to_string(*boot) : std::string()),
+            isSo, [set] { return lifeText(set); }};
 }
 
 // ---- What the daemon says ----
@@ -250,15 +258,38 @@ Condition hasSaid(const fs::path& set, const Text& text)
 namespace
 {
 
-// A link on the way leads where it does in the set: never to the PC's files.
-bool isInRoot(const fs::path& root, const fs::path& file)
+// A link leads where it does in the set: never to the PC's files.
+common::UniqueFd openInRoot(const fs::path& root, const fs::path& file, int flags)
 {
     const common::UniqueFd directory(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     open_how how{};
-    how.flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+    how.flags = static_cast<unsigned int>(O_PATH | O_CLOEXEC | flags);
     how.resolve = RESOLVE_IN_ROOT;
-    const common::UniqueFd found(syscall(SYS_openat2, directory.get(), file.c_str(), &how, sizeof how));
-    return static_cast<bool>(found);
+    return common::UniqueFd(syscall(SYS_openat2, directory.get(), file.c_str(), &how, sizeof how));
+}
+
+// What lies in no directory of the set is the PC's, which the set sees at the same place.
+bool leadsToShared(const common::UniqueFd& link)
+{
+    char target[PATH_MAX];
+    const ssize_t size = readlinkat(link.get(), "", target, sizeof target);
+    const fs::path path = fs::path(std::string(target, static_cast<size_t>(std::max<ssize_t>(size, 0))));
+    const std::string top = path.is_absolute() ? *std::next(path.lexically_normal().begin()) : fs::path();
+    constexpr const char* kShared[] = {"usr", "bin", "sbin", "lib", "lib64"};
+    std::error_code error;
+    return std::find(std::begin(kShared), std::end(kShared), top) != std::end(kShared) &&
+           fs::exists(path, error);
+}
+
+enum class Found { kNothing, kDeadLink, kFile };
+
+Found look(const fs::path& root, const fs::path& file)
+{
+    if (openInRoot(root, file, 0)) {
+        return Found::kFile;
+    }
+    const common::UniqueFd link = openInRoot(root, file, O_NOFOLLOW);
+    return !link ? Found::kNothing : leadsToShared(link) ? Found::kFile : Found::kDeadLink;
 }
 
 } // namespace
@@ -269,9 +300,13 @@ Condition fileIs(const fs::path& set, const std::string& path, bool isThere)
     const bool isOfRoot = *file.begin() == "root";
     const fs::path root = isOfRoot ? set / "root" : set;
     const fs::path inRoot = isOfRoot ? file.lexically_relative("root") : file;
-    const auto exists = [root, inRoot] { return isInRoot(root, inRoot); };
-    return {path + (isThere ? " to be there" : " to be gone"), [=](auto) { return exists() == isThere; },
-            [=] { return std::string(exists() ? "it is there; " : "it is not there; ") + lifeText(set); }};
+    const auto isSo = [=](auto) { return (look(root, inRoot) == Found::kFile) == isThere; };
+    const auto seen = [=] {
+        constexpr const char* kWords[] = {"it is not there; ", "it is a link that leads nowhere; ",
+                                          "it is there; "};
+        return kWords[static_cast<size_t>(look(root, inRoot))] + lifeText(set);
+    };
+    return {common::visible(path) + (isThere ? " to be there" : " to be gone"), isSo, seen};
 }
 
 namespace
