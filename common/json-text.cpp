@@ -5,6 +5,7 @@
 #include <json/json.h>
 #include <memory>
 
+#include "common/glib-pointers.h"
 #include "common/terminal/visible-text.h"
 
 namespace common
@@ -60,9 +61,8 @@ std::string write(const Json::Value& value, const char* indentation)
     writer["emitUTF8"] = true;
     std::string text = Json::writeString(writer, value);
     if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) == FALSE) {
-        char* const valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
-        text = valid;
-        g_free(valid);
+        const GlibPointer<char> valid(g_utf8_make_valid(text.data(), static_cast<gssize>(text.size())));
+        text = valid.get();
     }
     return withoutHidden(text);
 }

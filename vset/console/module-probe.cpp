@@ -29,6 +29,7 @@
 
 #include "common/daemon/entry-points.h"
 #include "common/files/regular-file.h"
+#include "common/glib-pointers.h"
 #include "common/json-text.h"
 #include "common/process/contained-process.h"
 #include "common/terminal/command-line.h"
@@ -59,10 +60,8 @@ public:
             return Json::nullValue;
         }
         buffer[TARNWICK_CONTROL_TEXT_SIZE] = '\0';
-        char* const valid = g_utf8_make_valid(buffer, -1);
-        const Json::Value value(valid);
-        g_free(valid);
-        return value;
+        const common::GlibPointer<char> valid(g_utf8_make_valid(buffer, -1));
+        return Json::Value(valid.get());
     }
 
     Json::Value progress() const

@@ -127,32 +127,31 @@ Fault replyLaunch(SetModel& set, const Client&, GVariant* parameters)
     return set.launches.reply(request, result);
 }
 
-Fault setFault(SetModel& set, const Client&, GVariant* parameters)
+// A call, what it is about, the result or the delay that it gets, and how often.
+template <typename Value>
+Fault orderOnCall(Faults& faults, GVariant* parameters, const char* format,
+                  void (Faults::*order)(const std::string&, const std::string&, Value, int))
 {
     const char* call = nullptr;
     const char* argument = nullptr;
-    int result = 0;
+    Value value{};
     int count = 0;
-    g_variant_get(parameters, "(&s&sii)", &call, &argument, &result, &count);
+    g_variant_get(parameters, format, &call, &argument, &value, &count);
     if (auto fault = checkCall(call)) {
         return fault;
     }
-    set.faults.setResult(call, argument, result, count);
+    (faults.*order)(call, argument, value, count);
     return std::nullopt;
+}
+
+Fault setFault(SetModel& set, const Client&, GVariant* parameters)
+{
+    return orderOnCall(set.faults, parameters, "(&s&sii)", &Faults::setResult);
 }
 
 Fault setDelay(SetModel& set, const Client&, GVariant* parameters)
 {
-    const char* call = nullptr;
-    const char* argument = nullptr;
-    guint32 delay = 0;
-    int count = 0;
-    g_variant_get(parameters, "(&s&sui)", &call, &argument, &delay, &count);
-    if (auto fault = checkCall(call)) {
-        return fault;
-    }
-    set.faults.setDelay(call, argument, delay, count);
-    return std::nullopt;
+    return orderOnCall(set.faults, parameters, "(&s&sui)", &Faults::setDelay);
 }
 
 Fault resetFaults(SetModel& set, const Client&, GVariant* parameters)
