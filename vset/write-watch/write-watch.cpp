@@ -10,10 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <seccomp.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -86,20 +83,6 @@ constexpr const char* kPassing[] = {
     "/dev/urandom", "/dev/fuse",
     "/memfd:",      "/opt/usr/apps/appbinarymanager/"}; // packages: the daemon removes them
 
-[[noreturn]] void fail(const char* what)
-{
-    throw std::system_error(errno, std::generic_category(), what);
-}
-
-void check(int result, const char* what)
-{
-    if (result >= 0) {
-        return;
-    }
-    errno = -result; // as libseccomp reports it
-    fail(what);
-}
-
 template <typename Table>
 auto findCall(const Table& calls, const seccomp_notif& notice)
 {
@@ -110,11 +93,10 @@ auto findCall(const Table& calls, const seccomp_notif& notice)
 }
 
 template <typename Table>
-void addRules(scmp_filter_ctx filter, const Table& calls)
+void hold(CallFilter& filter, const Table& calls)
 {
     for (const auto& call : calls) {
-        check(seccomp_rule_add(filter, SCMP_ACT_NOTIFY, seccomp_syscall_resolve_name(call.name), 0),
-              "cannot make the write filter");
+        filter.hold(call.name);
     }
 }
 
@@ -258,110 +240,30 @@ std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
     return isHardware(write.path) ? std::optional(write) : std::nullopt;
 }
 
-// ---- The listening end on its way to the watcher ----
-
-struct DescriptorMessage {
-    char byte = 0; // a message must have content
-    iovec content{&byte, 1};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-    msghdr header{};
-
-    DescriptorMessage()
-    {
-        header.msg_iov = &content;
-        header.msg_iovlen = 1;
-        header.msg_control = control.data();
-        header.msg_controllen = control.size();
-    }
-};
-
-void sendDescriptor(int socket, int descriptor)
-{
-    DescriptorMessage message;
-    cmsghdr* const control = CMSG_FIRSTHDR(&message.header);
-    control->cmsg_level = SOL_SOCKET;
-    control->cmsg_type = SCM_RIGHTS;
-    control->cmsg_len = CMSG_LEN(sizeof descriptor);
-    std::memcpy(CMSG_DATA(control), &descriptor, sizeof descriptor);
-    if (sendmsg(socket, &message.header, MSG_NOSIGNAL) != 1) {
-        fail("cannot hand over the write filter");
-    }
-}
-
-int receiveDescriptor(int socket)
-{
-    DescriptorMessage message;
-    ssize_t length = 0;
-    do {
-        length = recvmsg(socket, &message.header, MSG_CMSG_CLOEXEC);
-    } while (length < 0 && errno == EINTR);
-    const cmsghdr* const control = length == 1 ? CMSG_FIRSTHDR(&message.header) : nullptr;
-    if (control == nullptr || control->cmsg_type != SCM_RIGHTS) {
-        errno = length < 0 ? errno : ECONNRESET;
-        fail("the process to be watched has not handed over its write filter");
-    }
-    int descriptor = -1;
-    std::memcpy(&descriptor, CMSG_DATA(control), sizeof descriptor);
-    return descriptor;
-}
-
 } // namespace
 
 void submitToWatch(int socket)
 {
-    const std::unique_ptr<void, decltype(&seccomp_release)> filter(seccomp_init(SCMP_ACT_ALLOW),
-                                                                   &seccomp_release);
-    if (!filter) {
-        fail("cannot make the write filter");
-    }
-    addRules(filter.get(), kCalls);
-    addRules(filter.get(), kPathCalls);
-    addRules(filter.get(), kFlushes);
-    check(seccomp_load(filter.get()),
-          "this system does not let a process's writes be watched (seccomp user notification)");
-    const int listener = seccomp_notify_fd(filter.get());
-    check(listener, "cannot get the write filter's listener");
-    sendDescriptor(socket, listener);
-    close(listener);
-}
-
-WriteWatch::WriteWatch(int socket) : listener_(receiveDescriptor(socket)) {}
-
-WriteWatch::~WriteWatch()
-{
-    close(listener_);
+    CallFilter filter(CallFilter::Others::kPass);
+    hold(filter, kCalls);
+    hold(filter, kPathCalls);
+    hold(filter, kFlushes);
+    filter.submit(socket);
 }
 
 std::optional<HardwareWrite> WriteWatch::next()
 {
-    seccomp_notif notice{}; // the kernel insists on zeros
-    if (ioctl(listener_, SECCOMP_IOCTL_NOTIF_RECV, &notice) != 0) {
-        if (errno == ENOENT || errno == EINTR) {
-            return std::nullopt; // it was killed while it waited
-        }
-        fail("cannot watch the process");
+    const std::optional<seccomp_notif> notice = listener_.next();
+    std::optional<HardwareWrite> write = notice ? hardwareWriteIn(*notice) : std::nullopt;
+    if (notice && !write) {
+        listener_.letPass(notice->id);
     }
-    if (std::optional<HardwareWrite> write = hardwareWriteIn(notice)) {
-        return write;
-    }
-    allow(notice.id);
-    return std::nullopt;
-}
-
-void WriteWatch::answer(std::uint64_t id, std::int64_t value, int error)
-{
-    seccomp_notif_resp answer{};
-    answer.id = id;
-    answer.val = value;
-    answer.error = -error;
-    if (ioctl(listener_, SECCOMP_IOCTL_NOTIF_SEND, &answer) != 0 && errno != ENOENT) {
-        fail("cannot answer a write");
-    }
+    return write;
 }
 
 void WriteWatch::refuse(const HardwareWrite& write, int error)
 {
-    answer(write.id, 0, error);
+    listener_.answer(write.id, 0, error);
 }
 
 namespace
@@ -398,18 +300,8 @@ bool WriteWatch::spoil(const HardwareWrite& write)
                     : ::write(file, data.data(), data.size());
     const int error = written < 0 ? errno : 0;
     close(file);
-    answer(write.id, error == 0 ? written : 0, error);
+    listener_.answer(write.id, error == 0 ? written : 0, error);
     return true;
-}
-
-void WriteWatch::allow(std::uint64_t id)
-{
-    seccomp_notif_resp answer{};
-    answer.id = id;
-    answer.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
-    if (ioctl(listener_, SECCOMP_IOCTL_NOTIF_SEND, &answer) != 0 && errno != ENOENT) {
-        fail("cannot let a write pass");
-    }
 }
 
 } // namespace vset

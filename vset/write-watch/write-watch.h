@@ -19,6 +19,8 @@
 #include <string>
 #include <sys/types.h>
 
+#include "vset/write-watch/call-listener.h"
+
 namespace vset
 {
 
@@ -41,20 +43,17 @@ class WriteWatch
 {
 public:
     // Takes the listening end from the other end of the socket; waits for it.
-    explicit WriteWatch(int socket);
-    ~WriteWatch();
-    WriteWatch(const WriteWatch&) = delete;
-    WriteWatch& operator=(const WriteWatch&) = delete;
+    explicit WriteWatch(int socket) : listener_(socket) {}
 
     // For poll(): readable when a call waits; hung up once the last watched process has ended.
-    int descriptor() const { return listener_; }
+    int descriptor() const { return listener_.descriptor(); }
 
     // Takes the call that waits. Nothing when it is none to hardware, which has been let pass, or when the
     // process has ended meanwhile. Blocks when no call waits.
     std::optional<HardwareWrite> next();
 
     // Lets the call happen. Not to be called is to leave it waiting.
-    void allow(const HardwareWrite& write) { allow(write.id); }
+    void allow(const HardwareWrite& write) { listener_.letPass(write.id); }
 
     // Lets it fail with an errno instead.
     void refuse(const HardwareWrite& write, int error);
@@ -64,10 +63,7 @@ public:
     bool spoil(const HardwareWrite& write);
 
 private:
-    void allow(std::uint64_t id);
-    void answer(std::uint64_t id, std::int64_t value, int error);
-
-    int listener_;
+    CallListener listener_;
 };
 
 } // namespace vset
