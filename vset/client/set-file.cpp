@@ -22,11 +22,15 @@ namespace fs = std::filesystem;
                           ": end the set if it is on, then remove this, and `vset run` makes a new one");
 }
 
-// Not even a link.
-bool isNothing(const fs::path& path)
+// Whether there was not even a link when it could not be opened, with that errno. A set that is switched on
+// makes its files meanwhile: one that has come since then is nothing to complain of.
+bool wasNothing(const fs::path& path, int error)
 {
     struct stat status = {};
-    return lstat(path.c_str(), &status) != 0 && errno == ENOENT;
+    if (lstat(path.c_str(), &status) != 0) {
+        return errno == ENOENT;
+    }
+    return error == ENOENT && !S_ISLNK(status.st_mode);
 }
 
 [[noreturn]] void refuse(const fs::path& path, const std::string& problem, int error)
@@ -47,7 +51,7 @@ std::unique_ptr<common::RegularFile> openSetFile(const fs::path& path)
     if (file->descriptor() >= 0) {
         return file;
     }
-    if (isNothing(path)) {
+    if (wasNothing(path, error)) {
         return nullptr;
     }
     refuse(path, file->problem(), error);
@@ -59,7 +63,7 @@ std::optional<std::string> readSetFile(const fs::path& path, std::size_t most)
     std::string problem;
     std::optional<std::string> text = common::readRegularFile(path, most, problem);
     const int error = errno;
-    if (!text && !isNothing(path)) {
+    if (!text && !wasNothing(path, error)) {
         refuse(path, problem, error);
     }
     return text;
@@ -92,7 +96,7 @@ void requireFileOrNothing(const fs::path& path)
     if (!problem.empty()) {
         refuse(path, problem);
     }
-    if (stat(path.c_str(), &status) != 0 && !isNothing(path)) {
+    if (stat(path.c_str(), &status) != 0 && !wasNothing(path, errno)) {
         refuse(path, "is a link that leads nowhere");
     }
 }
