@@ -1,0 +1,501 @@
+#include "tests/proof/crashes/lane.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <set>
+
+#include "common/daemon/daemon-events.h"
+#include "common/files/file-copy.h"
+#include "common/json-text.h"
+#include "sdk/examples/common/firmware.h"
+#include "vset/clock/clock-file.h"
+
+namespace proof
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using tarnwick::Television;
+
+const fs::path kLibraries = EXAMPLE_LIBRARIES;
+const fs::path kImages = CRASH_IMAGES;
+constexpr const char* kWatchedDaemon = WATCHED_DAEMON;
+
+constexpr const char* kChips[] = {"tuner", "panel", "soundbar"};
+constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager";
+constexpr const char* kList = "/tmp/fwupdate-off-list.txt";
+constexpr const char* kLog = "/var/log/platform.log";
+constexpr const char* kPending = "need update item, wait ui or bg fw update";
+
+// An update of some blocks then takes milliseconds, and the time-outs of the daemon are seconds of this
+// machine still.
+constexpr double kFastClock = 50;
+// A tick of the state machine that comes before a thread has started repeats what it does: with an offer, the
+// ticks stay far apart.
+constexpr double kOfferClock = 5;
+constexpr double kPatience = 20; // seconds of this machine, for what comes at once unless it never comes
+
+struct Hit {
+}; // out of any wait
+
+bool isThere(const fs::path& path)
+{
+    std::error_code ignored;
+    return fs::exists(fs::symlink_status(path, ignored));
+}
+
+std::string readFile(const fs::path& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// As the daemon of a set is, with a program in its place that lets it be watched.
+void putWatchedDaemon(const fs::path& set)
+{
+    const fs::path real = set / "usr" / fs::path(kRealDaemon).lexically_relative("/usr");
+    fs::create_directories(real.parent_path());
+    fs::rename(set / "usr/bin/tarnwick", real);
+    fs::copy_file(kWatchedDaemon, set / "usr/bin/tarnwick");
+}
+
+std::vector<unsigned char> payloadOf(const std::string& firmware, const std::string& version)
+{
+    const std::string file = readFile(kImages / version / firmware / (firmware + ".bin"));
+    const auto image = parseImage(reinterpret_cast<const unsigned char*>(file.data()), file.size());
+    return image ? image->payload : std::vector<unsigned char>();
+}
+
+std::string firmwareOf(const std::string& chip)
+{
+    return std::string(1, static_cast<char>(std::toupper(static_cast<unsigned char>(chip[0])))) +
+           chip.substr(1);
+}
+
+const std::vector<unsigned char>& payloadFor(const std::string& chip, const std::string& version)
+{
+    static std::map<std::pair<std::string, std::string>, std::vector<unsigned char>> known;
+    const auto [place, isNew] = known.try_emplace({chip, version});
+    if (isNew) {
+        place->second = payloadOf(firmwareOf(chip), version);
+    }
+    return place->second;
+}
+
+std::string textOf(const tarnwick::End& end)
+{
+    return end.isBySignal ? "signal " + std::to_string(end.status - 128)
+                          : "status " + std::to_string(end.status);
+}
+
+} // namespace
+
+const std::vector<CrashPromise>& crashPromises()
+{
+    static const std::vector<CrashPromise> all = {
+        {"firmware", "every chip has the old firmware or the new one, complete, wherever it is hit"},
+        {"offered", "by the second boot the chip has the offered version"},
+        {"rest", "the next boots come to rest: the daemon ends with status 0"},
+        {"exit", "a daemon whose call has failed ends with status 0, or when the set is switched off"},
+        {"killed", "the locks of a daemon that was killed are released"},
+        {"doctor", "fwctl doctor names what was left, and nothing else, and mends it"},
+        {"left",
+         "the next boots leave no mount of a written package, no list, no lock, and the semaphore at 1"},
+        {"files", "no half file is left, neither among the packages nor with the hardware"},
+        {"message", "the daemon says nothing but its own texts"},
+    };
+    return all;
+}
+
+Lane::Lane(const fs::path& directory) : tv(tarnwick::Making{VSET_PROGRAM, directory})
+{
+    putWatchedDaemon(tv.set());
+    tv.putLibrary(kLibraries / "tuner.so");
+    tv.putLibrary(kLibraries / "EXT-soundbar.so");
+    tv.putLibrary(kLibraries / "panel.so", Television::Controls::kSystem);
+}
+
+void Lane::breach(const char* promise, const std::string& text)
+{
+    outcome.breaches.push_back({promise, text});
+    told(std::string("NOT SO, ") + promise + ": " + text);
+}
+
+void Lane::told(const std::string& text) const
+{
+    if (tell) {
+        tell(text);
+    }
+}
+
+// ---- A run ----
+
+CrashOutcome Lane::run(const CrashStory& itsStory, const std::optional<Point>& itsPoint, bool isItExamined,
+                       const std::function<void(const std::string&)>& itsTell)
+{
+    story = &itsStory;
+    point = itsPoint;
+    isExamined = isItExamined;
+    tell = itsTell;
+    clockRate = story->source == CrashStory::Source::kBuiltIn ? kOfferClock : kFastClock;
+    if (!runOnce()) {
+        clockRate = 1; // this machine may have been too busy for that pace
+        told("again, at the real pace");
+        runOnce();
+        outcome.isMadeAgain = true;
+    }
+    return outcome;
+}
+
+// False when the set has not come to rest.
+bool Lane::runOnce()
+{
+    outcome = {};
+    try {
+        prepare();
+        hitBoot();
+        recover();
+        return true;
+    } catch (const std::exception& error) {
+        breach("rest", error.what());
+        tv.cutPower();
+        return false;
+    }
+}
+
+void Lane::quicken(std::optional<double> jump) const
+{
+    vset::ClockFile(tv.set() / ".vset/clock", vset::ClockFile::Opening::kExisting).change({clockRate, jump});
+}
+
+void Lane::prepare()
+{
+    using Source = CrashStory::Source;
+    const fs::path root = tv.set() / "root";
+    for (const fs::path& directory : {root / "var/lib/platform", root / "srv/feed", root / "var/log"}) {
+        for (const auto& entry : fs::directory_iterator(directory)) {
+            fs::remove_all(entry);
+        }
+    }
+    const fs::path packages = tv.outside(kPackages);
+    for (const auto& entry : fs::directory_iterator(packages)) {
+        if (entry.path().filename() != "emps") {
+            fs::remove_all(entry);
+        }
+    }
+    for (const char* chip : kChips) {
+        tv.putHardware(kImages / "1.0/hardware" / chip);
+    }
+    tv.putFirmware(kImages / (story->source == Source::kBuiltIn ? "1.1" : "1.0") / "Panel");
+    if (story->source != Source::kBuiltIn) {
+        tv.putPackage(kImages / "1.1" / (std::string("emp") + story->firmware + ".img"),
+                      story->source == Source::kFeed ? Television::Package::kFeed
+                                                     : Television::Package::kDelivered);
+    }
+}
+
+bool Lane::said(const std::string& text) const
+{
+    return readFile(tv.outside(kLog)).find(text) != std::string::npos;
+}
+
+// From the power switch to the daemon's end. Throws Hit when the guard has stopped it before.
+void Lane::live(CallGuard* guard)
+{
+    fs::remove(tv.outside(kLog));
+    tv.watchWaits([guard] {
+        if (guard != nullptr && guard->hasHit()) {
+            throw Hit();
+        }
+    });
+    tv.switchOn();
+    if (story->source != CrashStory::Source::kFeed || guard == nullptr) {
+        quicken();
+    }
+    playToRest(guard);
+}
+
+void Lane::playToRest(CallGuard* guard)
+{
+    const bool isBuiltIn = story->source == CrashStory::Source::kBuiltIn;
+    if (isBuiltIn) {
+        tv.answerUpgradeUi("accept", 100);
+    }
+    tv.waitUntil([&] { return isAtRest() || said(kPending); }, "the check ends", kPatience);
+    if (isAtRest() && guard != nullptr) {
+        waitForDelivery();
+    }
+    if (!isBuiltIn && !isAtRest()) {
+        // By the main loop, which runs once the daemon hears of the power.
+        tv.waitUntil([&] { return isAtRest() || said("Expected Time Check Done"); }, "the offers are counted",
+                     kPatience);
+        quicken(600.0);
+        tv.setPower(tarnwick::kStandby);
+    }
+    tv.waitUntil([&] { return isAtRest(); }, "the daemon ends", kPatience);
+    told("the daemon ended: " + textOf(*tv.daemonEnd()) + ", in boot " + std::to_string(tv.boots()));
+}
+
+void Lane::waitForDelivery()
+{
+    if (story->source == CrashStory::Source::kFeed && said("Request (empTuner) emp download")) {
+        const std::string package = std::string(kPackages) + "/empTuner.img";
+        tv.waitUntil([&] { return tv.exists(package); }, "the package is delivered", kPatience);
+    }
+}
+
+void Lane::hitBoot()
+{
+    const bool isFailing = point && point->fault == FaultKind::kFailing;
+    CallGuard guard(tv.set(), point);
+    try {
+        live(isFailing ? nullptr : &guard);
+    } catch (const Hit&) {
+        tv.watchWaits({});
+        afterHit(guard);
+        return;
+    } catch (const tarnwick::TelevisionError& error) {
+        if (!isFailing) {
+            throw;
+        }
+        told(error.what());
+    }
+    outcome.isHit = guard.hasHit();
+    if (isFailing) {
+        judgeFailing();
+    }
+    judgeMessages();
+    tv.switchOff();
+    guard.finish();
+    outcome.calls = guard.calls();
+    judgeFirmware("after the boot in which it happened");
+}
+
+void Lane::afterHit(CallGuard& guard)
+{
+    outcome.isHit = true;
+    if (point->isCut()) {
+        tv.cutPower();
+        guard.finish();
+        told("the power is cut");
+        if (point->fault != FaultKind::kCut) {
+            guard.loseUnflushed(point->fault == FaultKind::kTorn);
+        }
+    } else {
+        tv.waitUntil([&] { return isAtRest(); }, "the daemon is gone", kPatience);
+        told("the daemon is killed");
+        judgeKilled();
+        tv.switchOff();
+        guard.finish();
+    }
+    judgeFirmware("at that moment");
+}
+
+void Lane::recover()
+{
+    for (int boot = 1; boot <= 2; ++boot) {
+        told("boot " + std::to_string(boot) + " after it");
+        live(nullptr);
+        judgeMessages();
+        judgeFirmware("after a boot");
+        const auto version =
+            SlottedFlash(tv.outside(std::string("/var/lib/hardware/") + story->chip), {}).activeVersion();
+        if (version == "1.1") {
+            judgeEnd();
+            tv.switchOff();
+            return;
+        }
+        tv.switchOff();
+    }
+    breach("offered", "two boots later the chip has not got version 1.1");
+}
+
+// ---- What is there ----
+
+fs::path Lane::insideSet(const std::string& path) const
+{
+    std::ifstream lock(tv.set() / ".vset/lock");
+    std::string init;
+    lock >> init;
+    return "/proc/" + init + path;
+}
+
+Lane::Leftovers Lane::leftovers()
+{
+    Leftovers left;
+    std::ifstream mounts(insideSet("/mounts"));
+    for (std::string line; std::getline(mounts, line);) {
+        if (line.rfind("/dev/loop", 0) == 0) {
+            left.mounts.push_back(line);
+        }
+    }
+    const std::string semaphore = readFile(insideSet("/root/dev/shm/sem.SEM_UPDATE_CONTROL"));
+    if (semaphore.size() >= sizeof(std::uint32_t)) {
+        std::uint32_t value = 0;
+        std::memcpy(&value, semaphore.data(), sizeof value);
+        left.semaphore = static_cast<int>(value);
+    }
+    left.isListThere = isThere(tv.outside(kList));
+    left.locks = tv.powerLocks();
+    return left;
+}
+
+// ---- What must be so ----
+
+void Lane::judgeFirmware(const char* when)
+{
+    for (const std::string chip : kChips) {
+        const SlottedFlash flash(tv.outside("/var/lib/hardware/" + chip), {});
+        const auto version = flash.activeVersion();
+        const auto firmware = flash.activeFirmware();
+        const bool isWhole = version && firmware && (*version == "1.0" || *version == "1.1") &&
+                             *firmware == payloadFor(chip, *version);
+        if (!isWhole) {
+            breach("firmware", std::string(when) + " " + chip + " has " +
+                                   (version ? "a damaged version " + *version : "no firmware at all"));
+        }
+    }
+}
+
+void Lane::judgeKilled()
+{
+    Leftovers left = leftovers();
+    for (int look = 0; left.locks > 0 && look < 100; ++look) { // the platform hears of the end from the bus
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        left = leftovers();
+    }
+    if (left.locks > 0) {
+        breach("killed", std::to_string(left.locks) + " power locks are still held");
+    }
+    if (isExamined) {
+        judgeDoctor(left, "after the daemon was killed");
+        judgeMended();
+    }
+}
+
+void Lane::judgeFailing()
+{
+    if (!isAtRest()) {
+        tv.powerOff(); // what ends every service
+        if (!said("service finalize")) {
+            const bool isDeaf = said("pwrctl_subscribe_poweroff_event() failed");
+            breach("exit", std::string("the daemon has not ended, not even when the set was switched off") +
+                               (isDeaf ? ", of which it had no event" : ""));
+        }
+        return;
+    }
+    const tarnwick::End end = *tv.daemonEnd();
+    if (end.status != 0) {
+        breach("exit", "the daemon ended with " + textOf(end) + ": " + tv.daemonOutput());
+        return;
+    }
+    const Leftovers left = leftovers();
+    if (left.semaphore != 1 || left.isListThere || left.locks > 0) {
+        breach("exit", "it ended with the semaphore at " + std::to_string(left.semaphore) + ", " +
+                           std::to_string(left.locks) + " power locks" +
+                           (left.isListThere ? ", and the list" : ""));
+    }
+}
+
+void Lane::judgeEnd()
+{
+    const tarnwick::End end = *tv.daemonEnd();
+    if (end.status != 0) {
+        breach("rest", "the daemon of a later boot ended with " + textOf(end));
+    }
+    const Leftovers left = leftovers();
+    const bool isWritten = said(std::string("[ ") + story->firmware + " update succeeded ]");
+    // A check mounts a package, and leaves it so; a write takes it away.
+    const std::size_t most = isWritten ? 0 : 1;
+    if (left.mounts.size() > most) {
+        breach("left", std::to_string(left.mounts.size()) + " mounts, not " + std::to_string(most));
+    }
+    if (left.semaphore != 1 || left.isListThere || left.locks > 0) {
+        breach("left", "the semaphore at " + std::to_string(left.semaphore) + ", " +
+                           std::to_string(left.locks) + " power locks" +
+                           (left.isListThere ? ", and the list" : ""));
+    }
+    if (isExamined) {
+        judgeDoctor(left, "after the next boots");
+    }
+    judgeFiles();
+}
+
+void Lane::judgeDoctor(const Leftovers& left, const char* when)
+{
+    const tarnwick::Output output = tv.execute({"fwctl", "doctor", "--json"});
+    const auto findings = common::parseJson(output.text);
+    if (!findings) {
+        breach("doctor", std::string(when) + " it says: " + output.text + output.errors);
+        return;
+    }
+    std::multiset<std::string> ids;
+    for (const Json::Value& finding : *findings) {
+        if (!finding["note"].asBool()) {
+            ids.insert(finding["id"].asString());
+        }
+    }
+    std::multiset<std::string> expected;
+    for (std::size_t mount = 0; mount < left.mounts.size(); ++mount) {
+        expected.insert("stale-mount");
+    }
+    if (left.semaphore == 0) {
+        expected.insert("stuck-semaphore");
+    }
+    if (left.isListThere) {
+        expected.insert("orphaned-list");
+    }
+    const auto joined = [](const std::multiset<std::string>& all) {
+        std::string text;
+        for (const std::string& each : all) {
+            text += " " + each;
+        }
+        return text.empty() ? " nothing" : text;
+    };
+    if (ids != expected) {
+        breach("doctor",
+               std::string(when) + " it finds" + joined(ids) + " where there is" + joined(expected));
+    }
+}
+
+void Lane::judgeMended()
+{
+    const tarnwick::Output output = tv.execute({"fwctl", "doctor", "--fix"});
+    const Leftovers left = leftovers();
+    if (!left.mounts.empty() || left.semaphore != 1 || left.isListThere) {
+        breach("doctor", "--fix has not mended it: " + output.text + output.errors);
+    }
+}
+
+void Lane::judgeFiles()
+{
+    const auto isExpected = [](const fs::path& path) {
+        const std::string name = path.filename();
+        return name == "empTuner.img" || name == "emps" ||
+               std::find(std::begin(kChips), std::end(kChips), name) != std::end(kChips);
+    };
+    for (const char* directory : {kPackages, "/var/lib/hardware"}) {
+        for (const auto& entry : fs::directory_iterator(tv.outside(directory))) {
+            if (!isExpected(entry.path())) {
+                breach("files", std::string(directory) + " has " + entry.path().filename().string());
+            }
+        }
+    }
+}
+
+void Lane::judgeMessages()
+{
+    for (const tarnwick::Message& message : tv.messages()) {
+        if (!common::isDaemonText(message.text)) {
+            breach("message", message.text);
+        }
+    }
+}
+
+} // namespace proof
