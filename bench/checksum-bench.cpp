@@ -1,17 +1,16 @@
-// The checksum of a large image beside the byte-wise template that defines it and beside the reads alone, in
-// the same run. All read a file from the page cache in the same pieces:
-//   checksum-bench                    21 repetitions in random order, about a minute
-//   checksum-bench --benchmark_...    as the options of Google Benchmark say
+// The checksum of a large image beside the byte-wise template that defines it, beside the reads alone, and
+// beside the command that has another checksum of the same width. All read a file from the page cache, all
+// but the command in the same pieces.
 
-#include <benchmark/benchmark.h>
 #include <boost/crc.hpp>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <string>
+#include <memory>
+#include <stdexcept>
 #include <vector>
 
-#include "bench/ratios.h"
+#include "bench/child.h"
+#include "bench/measure.h"
 #include "bench/temporary-file.h"
 #include "src/src/fw-update-symbol.h"
 
@@ -21,82 +20,68 @@ namespace
 using bench::File;
 using bench::TemporaryFile;
 
-constexpr int kImageSize = 256 << 20;
-
 // Bytes without a pattern.
-class Image
+std::shared_ptr<TemporaryFile> makeImage(int size)
 {
-public:
-    Image()
-    {
-        std::vector<unsigned char> bytes(1 << 20);
-        uint32_t random = 1;
-        for (int written = 0; written < kImageSize; written += static_cast<int>(bytes.size())) {
-            for (unsigned char& byte : bytes) {
-                random = random * 1664525 + 1013904223;
-                byte = static_cast<unsigned char>(random >> 24);
-            }
-            if (fwrite(bytes.data(), 1, bytes.size(), file.file.get()) != bytes.size()) {
-                perror("checksum-bench: cannot write the image");
-                exit(EXIT_FAILURE);
-            }
+    auto image = std::make_shared<TemporaryFile>();
+    std::vector<unsigned char> bytes(1 << 20);
+    uint32_t random = 1;
+    for (int written = 0; written < size; written += static_cast<int>(bytes.size())) {
+        for (unsigned char& byte : bytes) {
+            random = random * 1664525 + 1013904223;
+            byte = static_cast<unsigned char>(random >> 24);
         }
-        file.file.reset();
+        image->append(bytes.data(), bytes.size());
     }
-
-    TemporaryFile file;
-};
-
-const std::string& imagePath()
-{
-    static const Image image;
-    return image.file.path;
+    image->finish();
+    return image;
 }
 
 // Hands the file to `take` in the pieces in which the daemon reads it.
 template <typename Take>
-void readImage(Take take)
+void readImage(const TemporaryFile& image, Take take)
 {
-    const File file{fopen(imagePath().c_str(), "r"), fclose};
+    const File file{fopen(image.path.c_str(), "r"), fclose};
     unsigned char chunk[32768];
     while (const size_t count = fread(chunk, 1, sizeof chunk, file.get())) {
         take(chunk, count);
     }
 }
 
-void byteWiseTemplate(benchmark::State& state)
+uint32_t sumByTemplate(const TemporaryFile& image)
 {
-    for (auto _ : state) {
-        boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> crc;
-        readImage([&](const unsigned char* bytes, size_t count) { crc.process_bytes(bytes, count); });
-        benchmark::DoNotOptimize(crc.checksum());
-    }
-    state.SetBytesProcessed(state.iterations() * kImageSize);
+    boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> crc;
+    readImage(image, [&](const unsigned char* bytes, size_t count) { crc.process_bytes(bytes, count); });
+    return crc.checksum();
 }
-BENCHMARK(byteWiseTemplate)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void daemonChecksum(benchmark::State& state)
+void declare()
 {
-    FWUpdateSymbol module("bench");
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(module.getBinaryCRC32(imagePath()));
-    }
-    state.SetBytesProcessed(state.iterations() * kImageSize);
+    const auto image = makeImage(bench::isTrial() ? 2 << 20 : 256 << 20);
+    const uint32_t expected = sumByTemplate(*image);
+    const auto declareSum = [expected](const std::string& name, const std::function<uint32_t()>& sum) {
+        bench::add(name, [=](bench::Sample& sample) {
+            uint32_t found = 0;
+            sample.time([&] { found = sum(); });
+            if (found != expected) {
+                throw std::runtime_error("another checksum");
+            }
+        });
+    };
+    declareSum("byteWiseTemplate", [image] { return sumByTemplate(*image); });
+    declareSum("daemon", [image] { return FWUpdateSymbol("bench").getBinaryCRC32(image->path); });
+    bench::add("rawReads", [image](bench::Sample& sample) {
+        volatile unsigned char kept = 0;
+        sample.time([&] { readImage(*image, [&](const unsigned char* bytes, size_t) { kept = *bytes; }); });
+    });
+    bench::add("cksum", [image](bench::Sample& sample) {
+        sample.time([&] { bench::runProgram({"cksum", image->path}); });
+    });
 }
-BENCHMARK(daemonChecksum)->Unit(benchmark::kMillisecond)->UseRealTime();
-
-void rawReads(benchmark::State& state)
-{
-    for (auto _ : state) {
-        readImage([](const unsigned char* bytes, size_t) { benchmark::DoNotOptimize(*bytes); });
-    }
-    state.SetBytesProcessed(state.iterations() * kImageSize);
-}
-BENCHMARK(rawReads)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    return bench::runWithRatios(argc, argv, "byteWiseTemplate");
+    return bench::main(argc, argv, declare);
 }

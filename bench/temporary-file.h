@@ -1,10 +1,13 @@
-// What is measured on files is measured on one of these.
+// What is measured on a file is measured on one of these.
 #ifndef BENCH_TEMPORARY_FILE_H
 #define BENCH_TEMPORARY_FILE_H
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <unistd.h>
 
@@ -21,17 +24,26 @@ public:
     {
         const int descriptor = mkstemp(path.data());
         if (descriptor < 0) {
-            perror("no temporary file");
-            exit(EXIT_FAILURE);
+            throw std::runtime_error(path + " cannot be made: " + strerror(errno));
         }
-        file.reset(fdopen(descriptor, "wb"));
+        file_.reset(fdopen(descriptor, "wb"));
     }
     ~TemporaryFile() { unlink(path.c_str()); }
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
 
+    void append(const void* bytes, size_t count)
+    {
+        if (fwrite(bytes, 1, count, file_.get()) != count) {
+            throw std::runtime_error(path + " cannot be written: " + strerror(errno));
+        }
+    }
+    void finish() { file_.reset(); }
+
     std::string path = "/tmp/tarnwick-bench-XXXXXX";
-    File file{nullptr, fclose};
+
+private:
+    File file_{nullptr, fclose};
 };
 
 } // namespace bench

@@ -1,0 +1,130 @@
+// The daemon while it waits for the viewer's standby, beside the least that has its name and its heartbeat:
+// how often a minute they wake up, and what memory they keep for themselves. All are looked at over the same
+// stretches of time.
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "bench/bus-name.h"
+#include "bench/child.h"
+#include "bench/measure.h"
+#include "bench/set-room.h"
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using Clock = bench::Sample::Clock;
+using Seconds = std::chrono::duration<double>;
+
+constexpr const char* kBus = "unix:path=/run/dbus/system_bus_socket";
+
+// The number behind `key` in a file of /proc with such lines.
+double valueOf(const fs::path& path, const std::string& key)
+{
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words(line);
+        std::string name;
+        double value = 0;
+        if (words >> name >> value && name == key + ":") {
+            return value;
+        }
+    }
+    throw std::runtime_error(path.string() + " has no " + key);
+}
+
+class Idler
+{
+public:
+    // Idle from `settled` on.
+    Idler(const std::vector<std::string>& words, const std::string& name, Seconds settling) : child_(words)
+    {
+        bench::BusName(kBus, name).waitUntilOwned();
+        since_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(settling);
+    }
+
+    // Since the last look, which was at least `window` ago when this returns.
+    void look(bench::Sample& sample, Seconds window)
+    {
+        if (count_ < 0) {
+            std::this_thread::sleep_until(since_);
+            count_ = wakeUps();
+            processor_ = child_.processorSeconds();
+        }
+        std::this_thread::sleep_until(since_ + window);
+        const Seconds elapsed = Clock::now() - since_;
+        const double count = wakeUps();
+        const double processor = child_.processorSeconds();
+        sample.set(elapsed.count(), processor - processor_);
+        sample.note("wakeUps", (count - count_) * 60 / elapsed.count());
+        const fs::path memory = proc() / "smaps_rollup";
+        sample.note("kilobytes", valueOf(memory, "Private_Clean") + valueOf(memory, "Private_Dirty"));
+        count_ = count;
+        processor_ = processor;
+        since_ = Clock::now();
+    }
+
+private:
+    fs::path proc() const { return "/proc/" + std::to_string(child_.id()); }
+
+    // Of all its threads: how often they stopped waiting.
+    double wakeUps() const
+    {
+        double sum = 0;
+        for (const auto& thread : fs::directory_iterator(proc() / "task")) {
+            sum += valueOf(thread.path() / "status", "voluntary_ctxt_switches");
+        }
+        return sum;
+    }
+
+    bench::Child child_;
+    Clock::time_point since_;
+    double count_ = -1;
+    double processor_ = 0;
+};
+
+// A set in which the tuner's package waits to be written at standby.
+void putTuner()
+{
+    const fs::path examples = EXAMPLES;
+    const auto put = [](const fs::path& from, const fs::path& directory) {
+        fs::copy_file(from, directory / from.filename(), fs::copy_options::overwrite_existing);
+    };
+    put(examples / "tuner.so", bench::kControls);
+    put(examples / "images/1.1/empTuner.img", bench::kPackages);
+    put(examples / "images/1.0/hardware/tuner", "/var/lib/hardware");
+}
+
+void declare()
+{
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", kBus, 1);
+    setenv("DBUS_SESSION_BUS_ADDRESS", kBus, 1);
+    putTuner();
+    const Seconds window(bench::isTrial() ? 0.3 : 10);
+    const auto declareIdler = [window](const std::string& title, const std::vector<std::string>& words,
+                                       const std::string& name) {
+        const auto idler = std::make_shared<Idler>(words, name, Seconds(bench::isTrial() ? 0.2 : 4));
+        bench::add(title, [idler, window](bench::Sample& sample) { idler->look(sample, window); });
+    };
+    declareIdler("daemon", {TARNWICK_PROGRAM}, "org.pellor.tv.tarnwick");
+    declareIdler("bareService", {BARE_SERVICE, "org.pellor.tv.bare"}, "org.pellor.tv.bare");
+    const std::string settings = "/usr/libexec/dconf-service";
+    if (bench::hasProgram(settings)) {
+        declareIdler("settingsService", {settings}, "ca.desrt.dconf");
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const int status = bench::enterSet(argv);
+    return status != 0 ? status : bench::main(argc, argv, declare);
+}

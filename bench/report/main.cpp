@@ -1,0 +1,134 @@
+// bench-report: makes a table, JSON, a picture and a part of a document of what the rows have measured.
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "bench/report/picture.h"
+#include "bench/report/results.h"
+#include "bench/report/words.h"
+#include "common/errors.h"
+#include "common/json-text.h"
+#include "common/terminal/command-line.h"
+#include "common/terminal/table.h"
+
+namespace bench
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr const char* kBegin = "<!-- measured: scripts/measure speed writes from here on -->\n";
+constexpr const char* kEnd = "<!-- to here -->\n";
+
+struct Wanted {
+    fs::path directory;
+    fs::path json;
+    fs::path picture;
+    fs::path document;
+};
+
+void write(const fs::path& path, const std::string& text)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+    out.close();
+    if (!out) {
+        throw common::Failure(path.string() + ": cannot be written");
+    }
+}
+
+std::string joined(const std::vector<std::string>& cells)
+{
+    std::string line = "|";
+    for (const std::string& cell : cells) {
+        line += " " + cell + " |";
+    }
+    return line + "\n";
+}
+
+// `picture`: as the document names it; empty when there is none.
+std::string markdownOf(const Results& results, const std::string& picture)
+{
+    std::string text = "Medians of " + std::to_string(results.runs()) + " alternating runs";
+    for (const std::string& sentence : machine()) {
+        text += "; " + sentence;
+    }
+    text +=
+        ".\n\n" + joined(headings()) + joined({"---", "---:", "---", "---:", "---:", "---", "---:", "---"});
+    for (const Result& result : results.lines()) {
+        text += joined(cellsOf(result));
+    }
+    return picture.empty() ? text : text + "\n![Times of the limit, as measured](" + picture + ")\n";
+}
+
+// Between the two marks of the document.
+void putIntoDocument(const fs::path& path, const std::string& text)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::string content{std::istreambuf_iterator<char>(in), {}};
+    const size_t begin = content.find(kBegin);
+    const size_t end = content.find(kEnd);
+    if (begin == std::string::npos || end == std::string::npos || end < begin) {
+        throw common::Failure(path.string() + ": has no lines between which the table belongs, " +
+                              std::string(kBegin, strlen(kBegin) - 1) + " and " +
+                              std::string(kEnd, strlen(kEnd) - 1));
+    }
+    const size_t from = begin + strlen(kBegin);
+    write(path, content.replace(from, end - from, "\n" + text + "\n"));
+}
+
+void print(const Results& results)
+{
+    common::Table table(headings());
+    for (const Result& result : results.lines()) {
+        table.add(cellsOf(result));
+    }
+    table.print("nothing was measured");
+    printf("\nMedians of %zu alternating runs\n", results.runs());
+    for (const std::string& sentence : machine()) {
+        printf("%s\n", sentence.c_str());
+    }
+}
+
+void report(const Wanted& wanted)
+{
+    const Results results(wanted.directory);
+    print(results);
+    if (!wanted.json.empty()) {
+        Json::Value all(Json::objectValue);
+        for (const std::string& sentence : machine()) {
+            all["machine"].append(sentence);
+        }
+        all["rows"] = results.json();
+        write(wanted.json, common::indentedJson(all) + "\n");
+    }
+    if (!wanted.picture.empty()) {
+        write(wanted.picture, pictureOf(results));
+    }
+    if (!wanted.document.empty()) {
+        const fs::path from = fs::absolute(wanted.document).parent_path();
+        const fs::path picture =
+            wanted.picture.empty() ? fs::path() : fs::absolute(wanted.picture).lexically_relative(from);
+        putIntoDocument(wanted.document, markdownOf(results, picture.string()));
+    }
+}
+
+} // namespace
+
+} // namespace bench
+
+int main(int argc, char** argv)
+{
+    bench::Wanted wanted;
+    common::CommandLine line("bench-report", "Shows what the rows of the table of speeds have measured");
+    line.path("DIRECTORY", wanted.directory, "with ROW.json of each row, as ROW-bench writes it").required();
+    line.path("--json", wanted.json, "write every figure there, with its lowest and highest");
+    line.path("--picture", wanted.picture, "draw it there, as SVG");
+    line.path("--document", wanted.document, "put the table between its two marks there");
+    line.onRun([&] { bench::report(wanted); });
+    return line.main(argc, argv);
+}

@@ -1,0 +1,152 @@
+// A virtual set from `vset run` to a command and to the daemon's name, and boots of one set one after the
+// other, beside what is in them: a bus with a service on it, and new namespaces alone.
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+
+#include "bench/bus-name.h"
+#include "bench/child.h"
+#include "bench/measure.h"
+#include "include/tarnwick/television.h"
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using Clock = bench::Sample::Clock;
+
+constexpr const char* kDaemonName = "org.pellor.tv.tarnwick";
+constexpr std::chrono::seconds kPatience{10};
+
+// As soon as it answers.
+std::unique_ptr<bench::BusName> watch(const std::string& address)
+{
+    const auto limit = Clock::now() + kPatience;
+    while (true) {
+        try {
+            return std::make_unique<bench::BusName>(address, kDaemonName);
+        } catch (const std::runtime_error&) {
+            if (Clock::now() > limit) {
+                throw;
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
+        }
+    }
+}
+
+std::string busOf(const fs::path& set)
+{
+    return "unix:path=" + (set / "root/run/dbus/system_bus_socket").string();
+}
+
+// A set with a module whose package is pending, so that its daemon stays.
+class Set
+{
+public:
+    Set() : television(fs::path(VSET_PROGRAM))
+    {
+        const fs::path examples = EXAMPLES;
+        television.putLibrary(examples / "tuner.so");
+        television.putPackage(examples / "images/1.1/empTuner.img",
+                              tarnwick::Television::Package::kDelivered);
+        television.putHardware(examples / "images/1.0/hardware");
+    }
+
+    tarnwick::Television television;
+};
+
+void runToName(bench::Sample& sample, const Set& set)
+{
+    const fs::path& directory = set.television.set();
+    fs::remove(directory / "root/run/dbus/system_bus_socket"); // that of the last time
+    std::optional<bench::Child> vset;
+    sample.time([&] {
+        vset.emplace(std::vector<std::string>{VSET_PROGRAM, "run", directory});
+        watch(busOf(directory))->waitUntilOwned();
+    });
+}
+
+// Boots one after the other, from the request of a reboot until the daemon has its name again.
+class Boots
+{
+public:
+    void go(bench::Sample& sample, int count)
+    {
+        tarnwick::Television& television = set_.television;
+        const std::string address = busOf(television.set());
+        if (!television.isOn()) {
+            television.switchOn();
+        }
+        auto name = watch(address);
+        name->waitUntilOwned();
+        sample.time(
+            [&] {
+                television.reboot();
+                name->waitUntilBusIsGone();
+                name = watch(address);
+                name->waitUntilOwned();
+            },
+            count);
+        first_ = first_ == 0 ? sample.elapsed() : first_;
+        sample.note("first", first_ * 1e3); // of the set's life: the later ones are to be no slower
+    }
+
+private:
+    Set set_;
+    double first_ = 0;
+};
+
+// The least that has to be started for a name on a bus of one's own.
+void startBare(bench::Sample& sample)
+{
+    std::string directory = fs::temp_directory_path() / "bench-bus-XXXXXX";
+    if (mkdtemp(directory.data()) == nullptr) {
+        throw std::runtime_error("no directory " + directory);
+    }
+    const std::string address = "unix:path=" + directory + "/bus";
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
+    {
+        std::optional<bench::Child> bus;
+        std::optional<bench::Child> service;
+        sample.time([&] {
+            bus.emplace(
+                std::vector<std::string>{"dbus-daemon", "--session", "--nofork", "--address=" + address});
+            const auto name = watch(address);
+            service.emplace(std::vector<std::string>{BARE_SERVICE, kDaemonName});
+            name->waitUntilOwned();
+        });
+    }
+    unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    fs::remove_all(directory);
+}
+
+void declare()
+{
+    const auto set = std::make_shared<Set>();
+    bench::add("toName", [set](bench::Sample& sample) { runToName(sample, *set); });
+    const auto boots = std::make_shared<Boots>();
+    const int count = bench::isTrial() ? 1 : 20;
+    bench::add("reboot", [=](bench::Sample& sample) { boots->go(sample, count); });
+    bench::add("busAndService", startBare);
+    bench::add("toCommand", [](bench::Sample& sample) {
+        sample.time([] { bench::runProgram({VSET_PROGRAM, "run", "--temporary", "--", "true"}); });
+    });
+    bench::add("namespaces", [](bench::Sample& sample) {
+        sample.time([] {
+            bench::runProgram(
+                {"unshare", "--mount", "--pid", "--ipc", "--uts", "--fork", "--mount-proc", "true"});
+        });
+    });
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    return bench::main(argc, argv, declare);
+}
