@@ -1,5 +1,5 @@
 # What is built beside the daemon. A television's own platform libraries are not on this PC's virtual set, so with them
-# it is the daemon, and fwctl if it is asked for.
+# it is the daemon, and fwctl and the check of these libraries if they are asked for.
 set(TARNWICK_PLATFORM_LIBRARIES "" CACHE STRING
     "Libraries with the calls of platform/include (names, paths, CMake targets, pkg-config); empty: the PC's own")
 
@@ -10,6 +10,7 @@ else()
 endif()
 option(TARNWICK_TOOLS "Build the virtual set, fwctl, fwmod and the maker's kit" ${tools})
 option(TARNWICK_FWCTL "Build fwctl, the technician's command" ${TARNWICK_TOOLS})
+option(TARNWICK_PLATFORM_CHECK "Build tarnwick-platform-check, which tries a set's platform libraries" ${TARNWICK_TOOLS})
 option(BUILD_TESTING "Build the tests" ${TARNWICK_TOOLS})
 
 if(TARNWICK_TOOLS AND TARNWICK_PLATFORM_LIBRARIES)

@@ -1,6 +1,8 @@
 /* Deadlock watchdog: a registered service must notify it before its period has passed.
  *
- * Results: 0 success, negative failure. */
+ * Results: 0 success, negative failure. The daemon registers once with 60, notifies from its main loop every
+ * five seconds, and unregisters at its end, also when it was never registered, which may fail but does no
+ * harm. A service that notifies in time is left alone, and so is one that has unregistered. */
 #ifndef HANGWATCH_H
 #define HANGWATCH_H
 

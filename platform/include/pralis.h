@@ -1,7 +1,18 @@
 /* Settings store: integer keys with change notification.
  *
- * Results: 0 success, negative failure. Every call may be made from any thread; change callbacks
- * arrive on the thread that runs the default GLib main context, whichever thread subscribed. */
+ * Results: 0 success, negative failure. Every call may be made from any thread, the daemon's main loop
+ * among them, and answers within half a second.
+ *
+ * What the daemon relies on:
+ * - A value that was written is what every process reads from then on, any int, and no other key has changed
+ *   by it.
+ * - Change callbacks arrive on the thread that runs the default GLib main context, whichever thread
+ *   subscribed and whether or not that thread still lives; never inside a call.
+ * - They come in the order of the changes, within two seconds, also of changes that the process itself has
+ *   made. A write of the value that the key already has may be told or not.
+ * - A subscription alone is no change. A callback may make any call of this header, the end of its own
+ *   subscription included.
+ * - Key and user data belong to the caller: the key is gone when the call has returned. */
 #ifndef PRALIS_H
 #define PRALIS_H
 
@@ -19,9 +30,11 @@ int pralis_get_int(const char* key, int* value);
 
 int pralis_set_int(const char* key, int value);
 
-/* Calls `cb` with `user_data` after every change of `key` until pralis_ignore_key_changed. */
+/* Calls `cb` with `user_data` after every change of `key`, and of no other key, once, until
+ * pralis_ignore_key_changed. */
 int pralis_notify_key_changed(const char* key, pralis_key_changed_cb cb, void* user_data);
 
+/* None comes after it has returned, whatever has changed before. Other keys and callbacks stay subscribed. */
 int pralis_ignore_key_changed(const char* key, pralis_key_changed_cb cb);
 
 /* The new value itself, not a status. */

@@ -1,4 +1,8 @@
 // In-process trace recorder: keeps messages with the place they were logged from.
+//
+// What the daemon relies on: any thread may record, and a record takes no longer than a twentieth of a
+// second. The text has any length, and is kept whole, formatted once with the values of this call; "%m"
+// stands for the errno that the caller held. errno is left as it was. What is kept in memory has a bound.
 #ifndef TRACE_LOGGER_H
 #define TRACE_LOGGER_H
 

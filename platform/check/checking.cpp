@@ -1,0 +1,424 @@
+#include "platform/check/checking.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "common/errors.h"
+#include "common/process/contained-process.h"
+#include "common/process/process-state.h"
+#include "common/terminal/visible-text.h"
+#include "platform/check/trial-page.h"
+
+namespace platformcheck
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::nanoseconds kCallLimit = 10s;
+constexpr std::chrono::seconds kQuietLimit = 25s; // without a call
+constexpr std::chrono::seconds kTrialLimit = 180s;
+
+// ---- What the check needs ----
+
+// Beside this program in a build tree, below its prefix when it is installed.
+fs::path companion(const char* name, const char* installed)
+{
+    const fs::path self = fs::read_symlink("/proc/self/exe").parent_path();
+    for (const fs::path& path : {self / name, self.parent_path() / installed / name}) {
+        if (fs::exists(path)) {
+            return path;
+        }
+    }
+    return {};
+}
+
+class WorkDirectory
+{
+public:
+    WorkDirectory()
+    {
+        std::string pattern = fs::temp_directory_path() / "platform-check-XXXXXX";
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw common::Failure("cannot make a directory to work in: " + std::string(std::strerror(errno)));
+        }
+        path_ = pattern;
+    }
+    ~WorkDirectory()
+    {
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
+    WorkDirectory(const WorkDirectory&) = delete;
+    WorkDirectory& operator=(const WorkDirectory&) = delete;
+    const fs::path& path() const { return path_; }
+
+private:
+    fs::path path_;
+};
+
+constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager"; // as the daemon has them
+
+bool isUsable(const fs::path& directory)
+{
+    return access(directory.c_str(), W_OK | X_OK) == 0;
+}
+
+fs::path usualDirectory(const fs::path& work)
+{
+    const fs::path mounts = fs::path(kPackages) / "emps";
+    return (isUsable(mounts) ? mounts : work) / "empPlatformCheck";
+}
+
+// The image where packages lie, because a mount service may take none from elsewhere. There is none for an
+// empty path.
+class PlacedImage
+{
+public:
+    explicit PlacedImage(const fs::path& image) : path_(image)
+    {
+        const fs::path place = fs::path(kPackages) / "empPlatformCheck.img";
+        std::error_code error;
+        if (image.empty() || !isUsable(kPackages) || fs::equivalent(image.parent_path(), kPackages, error)) {
+            return;
+        }
+        if (fs::copy_file(image, place, fs::copy_options::overwrite_existing, error)) {
+            path_ = place;
+            isCopy_ = true;
+        }
+    }
+    ~PlacedImage()
+    {
+        std::error_code ignored;
+        if (isCopy_) {
+            fs::remove(path_, ignored);
+        }
+    }
+    PlacedImage(const PlacedImage&) = delete;
+    PlacedImage& operator=(const PlacedImage&) = delete;
+    const fs::path& path() const { return path_; }
+
+private:
+    fs::path path_;
+    bool isCopy_ = false;
+};
+
+// ---- One trial ----
+
+// The last line that is no empty one.
+std::string lastLine(const std::string& output)
+{
+    const std::size_t end = output.find_last_not_of(" \n\r\t");
+    if (end == std::string::npos) {
+        return "";
+    }
+    const std::size_t begin = output.rfind('\n', end);
+    const std::size_t from = begin == std::string::npos ? 0 : begin + 1;
+    return output.substr(from, end + 1 - from);
+}
+
+std::string signalName(int signal)
+{
+    const char* const name = sigabbrev_np(signal);
+    return name == nullptr ? "signal " + std::to_string(signal) : std::string("SIG") + name;
+}
+
+// How it has come to its end, other than by itself.
+struct Ending {
+    bool isLate = false; // and was ended
+    int status = 0;
+    std::string output; // its last part
+};
+
+class Checker
+{
+public:
+    Checker(const CheckOptions& options,
+            const std::function<void(const std::string&, unsigned int)>& showProgress)
+        : options_(options), showProgress_(showProgress),
+          program_(companion("platform-trial", "libexec/tarnwick-platform-check")),
+          image_(options.image.empty() ? companion("platform-check.img", "share/tarnwick-platform-check")
+                                       : fs::absolute(options.image))
+    {
+        if (program_.empty()) {
+            throw common::Failure(
+                "the program platform-trial, which belongs to this one, is missing: install the "
+                "component platform-check again");
+        }
+    }
+
+    CheckReport run();
+
+private:
+    std::vector<const ListedTrial*> chosen() const;
+    std::vector<std::string> argumentsOf(const ListedTrial& trial, const fs::path& page) const;
+    Ending runProcess(const std::vector<std::string>& arguments, const TrialPage& page);
+    void runTrial(const ListedTrial& trial);
+    void gather(TrialReport& report, const TrialPage& page, const Ending& ending);
+    void add(TrialReport& report, FindingId id, const std::string& seen);
+    void showNow();
+
+    const CheckOptions& options_;
+    const std::function<void(const std::string&, unsigned int)>& showProgress_;
+    fs::path program_;
+    WorkDirectory work_;
+    PlacedImage image_;
+    CheckReport report_;
+    std::string title_;
+    unsigned int percent_ = 0;
+    bool isRefused_ = false; // nothing else is to be tried
+};
+
+std::vector<const ListedTrial*> Checker::chosen() const
+{
+    for (const std::string& name : options_.trials) {
+        const auto isNamed = [&](const ListedTrial& trial) { return name == trial.name; };
+        if (std::none_of(std::begin(kTrials), std::end(kTrials), isNamed)) {
+            std::string all;
+            for (const ListedTrial& trial : kTrials) {
+                all += std::string(all.empty() ? "" : ", ") + trial.name;
+            }
+            throw common::WrongUse("there is no trial " + common::inQuotes(name) + ": " + all);
+        }
+    }
+    std::vector<const ListedTrial*> trials;
+    for (const ListedTrial& trial : kTrials) {
+        const bool isNamed = std::count(options_.trials.begin(), options_.trials.end(), trial.name) > 0;
+        const bool isWanted = isNamed || options_.trials.empty() || trial.when == When::kFirst ||
+                              trial.when == When::kEnclosing;
+        const bool isAllowed = (trial.when != When::kWithReboot || options_.isReboot) &&
+                               (trial.when != When::kWithPerson || options_.seconds > 0);
+        if (isWanted && isAllowed) {
+            trials.push_back(&trial);
+        }
+    }
+    return trials;
+}
+
+std::vector<std::string> Checker::argumentsOf(const ListedTrial& trial, const fs::path& page) const
+{
+    const fs::path content =
+        options_.image.empty() ? companion("platform-check.content", "share/tarnwick-platform-check") : "";
+    const fs::path directory = options_.directory.empty()
+                                   ? usualDirectory(work_.path())
+                                   : fs::absolute(options_.directory) / "empPlatformCheck";
+    std::vector<std::string> arguments = {
+        program_,     trial.name,    "--page",  page,      "--work",
+        work_.path(), "--directory", directory, "--token", std::to_string(getpid())};
+    const std::pair<const char*, std::string> more[] = {
+        {"--image", image_.path()},
+        {"--content", content},
+        {"--package", options_.package},
+        {"--seconds", options_.seconds > 0 ? std::to_string(options_.seconds) : ""}};
+    for (const auto& [option, value] : more) {
+        if (!value.empty()) {
+            arguments.insert(arguments.end(), {option, value});
+        }
+    }
+    if (!options_.isLogTextJudged) {
+        arguments.emplace_back("--no-log-text");
+    }
+    return arguments;
+}
+
+[[noreturn]] void execute(const std::vector<std::string>& arguments, const fs::path& preload)
+{
+    std::vector<char*> words;
+    for (const std::string& argument : arguments) {
+        words.push_back(const_cast<char*>(argument.c_str()));
+    }
+    words.push_back(nullptr);
+    if (!preload.empty()) {
+        const char* const others = std::getenv("LD_PRELOAD");
+        setenv("LD_PRELOAD",
+               (preload.string() + (others == nullptr ? "" : std::string(":") + others)).c_str(), 1);
+    }
+    execv(words[0], words.data());
+    dprintf(STDERR_FILENO, "%s cannot be started: %s\n", words[0], std::strerror(errno));
+    _exit(127);
+}
+
+void takeOutput(int pipe, std::string& output)
+{
+    constexpr std::size_t kMost = 64 * 1024;
+    std::array<char, 4096> chunk{};
+    for (ssize_t count = 0; (count = read(pipe, chunk.data(), chunk.size())) > 0;) {
+        output.append(chunk.data(), static_cast<std::size_t>(count));
+    }
+    if (output.size() > kMost) {
+        output.erase(0, output.size() - kMost);
+    }
+}
+
+// Whether a trial has come to a stop: a call that does not return, or nothing at all that happens.
+class Patience
+{
+public:
+    Patience(const TrialPage& page, std::chrono::seconds quiet) : page_(page), quiet_(quiet) {}
+
+    bool isOver()
+    {
+        const Clock::time_point now = Clock::now();
+        const unsigned int calls = page_.calls;
+        if (calls != calls_) {
+            calls_ = calls;
+            latest_ = now;
+        }
+        const OldestCall call = oldestCall(page_);
+        const std::chrono::nanoseconds underWay(call.since == 0 ? 0 : common::realNow() - call.since);
+        return underWay > kCallLimit || now - latest_ > quiet_ || now - begin_ > kTrialLimit + quiet_;
+    }
+
+private:
+    const TrialPage& page_;
+    std::chrono::seconds quiet_; // for so long a trial may wait without a call
+    unsigned int calls_ = 0;
+    Clock::time_point begin_ = Clock::now();
+    Clock::time_point latest_ = begin_;
+};
+
+Ending Checker::runProcess(const std::vector<std::string>& arguments, const TrialPage& page)
+{
+    const fs::path preload = options_.preload.empty() ? fs::path() : fs::absolute(options_.preload);
+    common::ContainedProcess process([&] { execute(arguments, preload); },
+                                     common::ContainedProcess::Orphaned::kEnds);
+    Patience patience(page, kQuietLimit + (options_.isReboot ? 60s : 0s) +
+                                std::chrono::seconds(2 * options_.seconds));
+    Ending ending;
+    while (!process.hasEnded()) {
+        std::array<pollfd, 2> news = {pollfd{process.output(), POLLIN, 0}, pollfd{process.news(), POLLIN, 0}};
+        poll(news.data(), news.size(), 100);
+        takeOutput(process.output(), ending.output);
+        showNow();
+        if (!ending.isLate && patience.isOver()) {
+            ending.isLate = true;
+            process.kill();
+        }
+    }
+    takeOutput(process.output(), ending.output);
+    const common::ContainedProcess::End end = process.wait();
+    ending.status = end.status;
+    return ending;
+}
+
+void Checker::add(TrialReport& report, FindingId id, const std::string& seen)
+{
+    for (Seen* const findings : {&report.findings, &report_.findings}) {
+        std::vector<std::string>& all = (*findings)[id];
+        if (std::find(all.begin(), all.end(), seen) == all.end()) {
+            all.push_back(seen);
+        }
+    }
+}
+
+// A call that has not come to its end, or where else it was.
+std::string placeOf(const OldestCall& call, const ListedTrial& trial)
+{
+    return call.name.empty() ? std::string(trial.title) +
+                                   ": between two calls, in a callback, or on a thread of the platform"
+                             : call.name;
+}
+
+void Checker::gather(TrialReport& report, const TrialPage& page, const Ending& ending)
+{
+    for (const Told& line : readLines(page)) {
+        const auto id = findingWithNumber(line.number);
+        if (line.kind == Line::kFinding && id) {
+            add(report, *id, line.text);
+        } else if (line.kind == Line::kNote) {
+            report_.notes.push_back(line.text);
+        } else if (line.kind == Line::kLibrary) {
+            report_.libraries.push_back(line.text);
+        } else if (line.kind == Line::kRefusal) {
+            throw common::Failure(line.text);
+        }
+    }
+    report_.calls += page.calls;
+    if (page.isDone && !ending.isLate) {
+        return;
+    }
+    const OldestCall call = oldestCall(page);
+    const std::string place = placeOf(call, *report.trial);
+    const std::string last = lastLine(ending.output);
+    const std::string said = last.empty() ? "" : "; its last words: " + last;
+    const bool isFree = call.name.rfind("free()", 0) == 0;
+    if (report.trial->when == When::kWithReboot && !ending.isLate) {
+        return; // the set ends, and this with it
+    }
+    if (!page.isStarted) {
+        isRefused_ = true;
+        add(report, FindingId::NotLoaded,
+            ending.isLate
+                ? "nothing had begun after " + std::to_string(kQuietLimit.count()) + " s"
+                : (WIFSIGNALED(ending.status) ? signalName(WTERMSIG(ending.status)) + " at the start" + said
+                   : last.empty()             ? "the process has ended with status " +
+                                        std::to_string(WEXITSTATUS(ending.status)) + " at its start"
+                                  : last));
+    } else if (ending.isLate) {
+        add(report, FindingId::NoReturn, place);
+    } else if (WIFSIGNALED(ending.status)) {
+        const std::string words(page.lastWords, strnlen(page.lastWords, sizeof page.lastWords));
+        const FindingId id = isFree                   ? FindingId::TextNotOwned
+                             : page.isArgumentTouched ? FindingId::ArgumentTouched
+                                                      : FindingId::Crashed;
+        add(report, id, place + ": " + (words.empty() ? signalName(WTERMSIG(ending.status)) : words) + said);
+    } else {
+        add(report, FindingId::Ended,
+            place + ": status " + std::to_string(WEXITSTATUS(ending.status)) + said);
+    }
+}
+
+void Checker::showNow()
+{
+    showProgress_(title_, percent_);
+}
+
+void Checker::runTrial(const ListedTrial& trial)
+{
+    title_ = trial.title;
+    showNow();
+    const fs::path file = work_.path() / "page";
+    const SharedPage page = makePage(file);
+    const Clock::time_point begin = Clock::now();
+    const Ending ending = runProcess(argumentsOf(trial, file), *page);
+    report_.trials.push_back({&trial, std::chrono::duration<double>(Clock::now() - begin).count(), {}});
+    gather(report_.trials.back(), *page, ending);
+}
+
+CheckReport Checker::run()
+{
+    const std::vector<const ListedTrial*> trials = chosen();
+    unsigned int done = 0;
+    for (const ListedTrial* const trial : trials) {
+        percent_ = ++done * 100 / static_cast<unsigned int>(trials.size() + 1);
+        runTrial(*trial);
+        if (isRefused_) {
+            report_.notes.emplace_back(
+                "nothing else was tried, as the platform's libraries cannot be loaded");
+            break;
+        }
+    }
+    return std::move(report_);
+}
+
+} // namespace
+
+CheckReport checkPlatform(const CheckOptions& options,
+                          const std::function<void(const std::string&, unsigned int)>& showProgress)
+{
+    return Checker(options, showProgress).run();
+}
+
+} // namespace platformcheck

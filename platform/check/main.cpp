@@ -1,0 +1,208 @@
+// tarnwick-platform-check: whether a set's own client libraries do what the daemon relies on.
+#include <cstdio>
+#include <unistd.h>
+
+#include "common/findings/findings-form.h"
+#include "common/json-text.h"
+#include "common/process/room.h"
+#include "common/terminal/command-line.h"
+#include "common/terminal/progress-line.h"
+#include "common/terminal/visible-text.h"
+#include "platform/check/checking.h"
+
+namespace platformcheck
+{
+
+namespace
+{
+
+struct Options {
+    CheckOptions check;
+    bool isJson = false;
+    bool isList = false;
+    bool isLogTextUnjudged = false;
+    std::filesystem::path junit;
+};
+
+unsigned int countOf(const CheckReport& report, common::Severity severity)
+{
+    unsigned int count = 0;
+    for (const auto& [id, seen] : report.findings) {
+        count += findingKind(id).severity == severity ? 1 : 0;
+    }
+    return count;
+}
+
+// ---- Reports ----
+
+void printForPeople(const CheckReport& report)
+{
+    const bool isColoured = common::isColourWanted();
+    std::string text;
+    for (const auto& [id, seen] : report.findings) {
+        text += common::findingForPeople(told(id, seen), isColoured);
+    }
+    text += "Checked with " + std::to_string(report.calls) + " calls in " +
+            std::to_string(report.trials.size()) + " trials.\n";
+    for (const std::string& library : report.libraries) {
+        text += "Library: " + common::visible(library) + "\n";
+    }
+    for (const std::string& note : report.notes) {
+        text += "Note: " + common::visible(note) + "\n";
+    }
+    text += common::sumForPeople("the platform", countOf(report, common::Severity::Error),
+                                 countOf(report, common::Severity::Warning), isColoured);
+    std::fputs(text.c_str(), stdout);
+}
+
+Json::Value textsOf(const std::vector<std::string>& texts)
+{
+    Json::Value array = Json::arrayValue;
+    for (const std::string& text : texts) {
+        array.append(text);
+    }
+    return array;
+}
+
+const char* verdictOf(const CheckReport& report)
+{
+    if (report.findings.empty()) {
+        return "sound";
+    }
+    return countOf(report, common::Severity::Error) > 0 ? "faulty" : "usable";
+}
+
+void printForPrograms(const CheckReport& report)
+{
+    Json::Value root;
+    root["libraries"] = textsOf(report.libraries);
+    root["verdict"] = verdictOf(report);
+    root["findings"] = Json::arrayValue;
+    for (const auto& [id, seen] : report.findings) {
+        root["findings"].append(common::findingForPrograms(told(id, seen)));
+    }
+    root["notes"] = textsOf(report.notes);
+    root["trials"] = Json::arrayValue;
+    for (const TrialReport& trial : report.trials) {
+        Json::Value entry;
+        entry["name"] = trial.trial->name;
+        entry["title"] = trial.trial->title;
+        entry["seconds"] = trial.seconds;
+        entry["findings"] = Json::arrayValue;
+        for (const auto& found : trial.findings) {
+            entry["findings"].append(nameOf(found.first));
+        }
+        root["trials"].append(entry);
+    }
+    root["measured"]["calls"] = report.calls;
+    std::fputs((common::indentedJson(root) + "\n").c_str(), stdout);
+}
+
+std::string junitOf(const CheckReport& report)
+{
+    std::vector<common::TestCase> cases;
+    for (const TrialReport& trial : report.trials) {
+        common::TestCase one{trial.trial->title, trial.seconds, {}, ""};
+        for (const auto& [id, seen] : trial.findings) {
+            one.findings.push_back(told(id, seen));
+        }
+        cases.push_back(std::move(one));
+    }
+    return common::junitReport("tarnwick-platform-check", cases);
+}
+
+// ---- The command ----
+
+void requireReadable(const std::filesystem::path& file)
+{
+    if (!file.empty() && (access(file.c_str(), R_OK) != 0 || !std::filesystem::is_regular_file(file))) {
+        throw common::WrongUse(common::shortened(file.string()) + " is no file that can be read");
+    }
+}
+
+int check(const Options& options)
+{
+    if (options.isList) {
+        std::fputs(findingsDocument().c_str(), stdout);
+        return 0;
+    }
+    requireReadable(options.check.image);
+    requireReadable(options.check.preload);
+    if (!options.check.directory.empty() && !std::filesystem::is_directory(options.check.directory)) {
+        throw common::WrongUse(common::shortened(options.check.directory.string()) + " is no directory");
+    }
+    common::ProgressLine line;
+    const bool isWatched = isatty(STDERR_FILENO) != 0;
+    const CheckReport report =
+        checkPlatform(options.check, [&](const std::string& what, unsigned int percent) {
+            if (isWatched) {
+                line.show(what, percent);
+            }
+        });
+    line.clear();
+    if (!options.junit.empty()) {
+        common::writeReport(options.junit, junitOf(report));
+    }
+    options.isJson ? printForPrograms(report) : printForPeople(report);
+    return report.findings.empty() ? 0 : common::kStatusFailed;
+}
+
+constexpr const char* kFooter =
+    "Run it on the set, as the user that the daemon has, or as root, while the daemon does not run. The keys\n"
+    "that are written get their values back; nothing is switched off, launched or rebooted without being asked\n"
+    "for.\n"
+    "Exit status: 0 nothing was found, 1 something was, or it could not be checked, 2 wrong use.\n"
+    "Examples:\n"
+    "  tarnwick-platform-check\n"
+    "  tarnwick-platform-check --json --junit report.xml\n"
+    "  tarnwick-platform-check --trial mount --trial node --image /opt/sample.img\n"
+    "  tarnwick-platform-check --list-findings";
+
+void define(common::CommandLine& program, Options& options)
+{
+    program
+        .path("--image", options.check.image,
+              "The squashfs image to mount; by default a small one of its own")
+        .called("FILE");
+    program
+        .path("--directory", options.check.directory,
+              "Mount below this directory; by default where packages are")
+        .called("DIR");
+    program.text("--package", options.check.package, "Ask for this package, which the store has")
+        .called("IDENTIFIER");
+    program.path("--preload", options.check.preload, "Put this library before the platform's, to try it")
+        .called("LIB");
+    program.texts("--trial", options.check.trials, "Make this trial only; may be repeated").called("NAME");
+    program.number(
+        "--with-standby", options.check.seconds, common::Range<unsigned int>{1, 3600},
+        "Wait so many seconds for somebody who puts the set to standby and back, and judge what is told");
+    program.flag("--with-reboot", options.check.isReboot,
+                 "Request a reboot at the end: the set is gone then");
+    program.flag(
+        "--no-log-text", options.isLogTextUnjudged,
+        "Do not look for the texts of the logs in what is written: they are packed or encrypted here");
+    program.flag("--json", options.isJson, "Print JSON");
+    program.path("--junit", options.junit, "Write a JUnit report to this file as well").called("FILE");
+    program.flag("--list-findings", options.isList, "Print what can be found, with cause and cure");
+    program.footer(kFooter);
+    program.onRun([&options] {
+        options.check.isLogTextJudged = !options.isLogTextUnjudged;
+        return check(options);
+    });
+}
+
+} // namespace
+
+} // namespace platformcheck
+
+int main(int argc, char** argv)
+{
+    using namespace platformcheck;
+    common::CommandLine program(
+        "tarnwick-platform-check",
+        "Tries whether this set's client libraries do what the firmware-update daemon relies on.");
+    Options options;
+    define(program, options);
+    program.beforeRun(common::requireRoom);
+    return program.main(argc, argv);
+}

@@ -1,0 +1,116 @@
+// What holds for all calls: that they are there, that the bus takes the daemon's name, and the end by a
+// reboot.
+
+#include <dlfcn.h>
+#include <gio/gio.h>
+#include <set>
+
+#include "common/glib-pointers.h"
+#include "platform/check/trial.h"
+
+namespace platformcheck
+{
+
+namespace
+{
+
+constexpr const char* kFunctions[] = {
+    "pralis_get_int",
+    "pralis_set_int",
+    "pralis_notify_key_changed",
+    "pralis_ignore_key_changed",
+    "pralis_keynode_get_int",
+    "pwrctl_get_state",
+    "pwrctl_subscribe_state_changed_event",
+    "pwrctl_unsubscribe_state_changed_event",
+    "pwrctl_subscribe_poweroff_event",
+    "pwrctl_unsubscribe_poweroff_event",
+    "pwrctl_lock_state",
+    "pwrctl_unlock_state",
+    "pwrctl_request_reboot",
+    "applaunch_create",
+    "applaunch_destroy",
+    "applaunch_add_extra_data",
+    "applaunch_set_app_id",
+    "applaunch_send_launch_request",
+    "sysprop_get_value_string",
+    "FlagpostEventDone",
+    "FlagpostIsDone",
+    "FlagpostResetEvent",
+    "hangwatch_register_watchdog_service",
+    "hangwatch_watchdog_notify",
+    "hangwatch_unregister_watchdog_service",
+    "PS_Mount",
+    "PS_Mknod",
+    "PS_Umount",
+    "_ZN16appbinaryManager21ABM_DownloadAppBinaryEPFvRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEiPvES8_S7_",
+    "__norlog_print",
+    "_ZN11TraceLogger6recordEiPKcS1_iS1_z",
+};
+
+void tryLoading(Trial& trial)
+{
+    std::set<std::string> libraries;
+    for (const char* const name : kFunctions) {
+        void* const address = dlsym(RTLD_DEFAULT, name);
+        if (!trial.require(address != nullptr, FindingId::MissingFunction, name)) {
+            continue;
+        }
+        Dl_info place = {};
+        if (dladdr(address, &place) != 0 && libraries.insert(place.dli_fname).second) {
+            trial.tellLibrary(place.dli_fname);
+        }
+    }
+}
+
+// ---- The bus ----
+
+constexpr const char* kBusName = "org.pellor.tv.tarnwick";
+
+struct Name {
+    bool isAcquired = false;
+    bool isLost = false;
+};
+
+void tryName(Trial& trial)
+{
+    common::ErrorSlot error;
+    const common::GlibPointer<GDBusConnection> bus(
+        g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.address()));
+    if (bus == nullptr) {
+        trial.found(FindingId::NoBus, error.text());
+        return;
+    }
+    const common::GlibPointer<GVariant> reply(
+        g_dbus_connection_call_sync(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                    "org.freedesktop.DBus", "NameHasOwner", g_variant_new("(s)", kBusName),
+                                    G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr));
+    gboolean isOwned = FALSE;
+    if (reply != nullptr) {
+        g_variant_get(reply.get(), "(b)", &isOwned);
+    }
+    if (isOwned != FALSE) {
+        trial.refuse("the daemon runs on this set and uses what is to be checked: end it, or check before it "
+                     "starts");
+        return;
+    }
+    Name name;
+    const guint id = g_bus_own_name(
+        G_BUS_TYPE_SYSTEM, kBusName, G_BUS_NAME_OWNER_FLAGS_NONE, nullptr,
+        [](GDBusConnection*, const gchar*, gpointer data) { static_cast<Name*>(data)->isAcquired = true; },
+        [](GDBusConnection*, const gchar*, gpointer data) { static_cast<Name*>(data)->isLost = true; }, &name,
+        nullptr);
+    trial.iterate(5s, [&] { return name.isAcquired || name.isLost; });
+    trial.require(name.isAcquired, FindingId::NameRefused,
+                  name.isLost ? "the bus does not give it" : "no answer within 5 s");
+    g_bus_unown_name(id);
+}
+
+} // namespace
+
+std::vector<TrialKind> processTrials()
+{
+    return {{"load", tryLoading}, {"bus", tryName}};
+}
+
+} // namespace platformcheck

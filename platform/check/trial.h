@@ -1,0 +1,134 @@
+// One trial: calls of the platform as the daemon makes them, in a process of their own, judged.
+#ifndef PLATFORM_CHECK_TRIAL_H
+#define PLATFORM_CHECK_TRIAL_H
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "common/process/process-state.h"
+#include "platform/check/findings.h"
+#include "platform/check/trial-page.h"
+
+namespace platformcheck
+{
+
+using namespace std::chrono_literals;
+
+// What the trials are told on their command line.
+struct TrialOptions {
+    std::filesystem::path page;      // the file of its TrialPage
+    std::filesystem::path work;      // a directory of this check
+    std::filesystem::path image;     // to be mounted; may be empty
+    std::filesystem::path content;   // what a file in it holds; empty when that is not known
+    std::filesystem::path directory; // where it is mounted
+    std::string package;             // to be asked for; empty: one that no store has
+    unsigned int token = 0;          // of this check: two trials of one check have the same
+    unsigned int seconds = 0;        // to wait for a person
+    bool isLogTextJudged = true;
+};
+
+class Trial
+{
+public:
+    Trial(TrialPage& page, TrialOptions options) : page_(page), options_(std::move(options)) {}
+
+    const TrialOptions& options() const { return options_; }
+
+    // A call, on any thread: marked, so that a crash or a hang is told by its name; its time is taken, and an
+    // exception becomes a finding, with the call's result a failure.
+    template <typename Function>
+    auto call(const char* name, Function function) -> std::invoke_result_t<Function>;
+
+    // The same for calls that give 0 or a negative result; any other is a finding.
+    template <typename Function>
+    int result(const char* name, Function function)
+    {
+        return judged(name, call(name, function));
+    }
+
+    // Each on any thread. `require` gives what it is given.
+    void found(FindingId id, const std::string& seen);
+    bool require(bool isRight, FindingId id, const std::string& seen);
+    void note(const std::string& text);
+    void tellLibrary(const std::string& path);
+    void refuse(const std::string& reason);
+    bool hasFound() const { return hasFound_; }
+
+    // Runs the default main context until `isOver`, or until the time is up. True when it is over.
+    bool iterate(std::chrono::milliseconds most, const std::function<bool()>& isOver = [] { return false; });
+
+    // What the calls' times say, and what they have changed in the process.
+    void judgeTimes();
+
+    static bool isInsideCall(); // of this thread
+
+private:
+    class Mark;
+    int judged(const char* name, int result);
+
+    TrialPage& page_;
+    TrialOptions options_;
+    std::mutex mutex_;
+    std::map<std::string, std::vector<std::chrono::nanoseconds>> times_;
+    std::map<FindingId, unsigned int> told_;
+    std::atomic<bool> hasFound_{false};
+};
+
+// Marks a call for as long as it lives.
+class Trial::Mark
+{
+public:
+    Mark(Trial& trial, const char* name);
+    ~Mark();
+    Mark(const Mark&) = delete;
+    Mark& operator=(const Mark&) = delete;
+
+private:
+    Trial& trial_;
+    const char* name_;
+    TrialPage::Call* slot_;
+    std::int64_t begin_;
+    std::chrono::nanoseconds delayBefore_;
+};
+
+template <typename Function>
+auto Trial::call(const char* name, Function function) -> std::invoke_result_t<Function>
+{
+    using Result = std::invoke_result_t<Function>;
+    try {
+        const Mark mark(*this, name);
+        return function();
+    } catch (const std::exception& error) {
+        found(FindingId::Exception, std::string(name) + ": " + error.what());
+    } catch (...) {
+        found(FindingId::Exception, std::string(name) + ": something that is no std::exception");
+    }
+    if constexpr (!std::is_void_v<Result>) {
+        return std::is_same_v<Result, bool> ? Result{} : static_cast<Result>(-1);
+    }
+}
+
+// By the name that trial-list.h has.
+struct TrialKind {
+    const char* name;
+    void (*run)(Trial&);
+};
+
+std::vector<TrialKind> processTrials(); // load, bus
+std::vector<TrialKind> settingsTrials();
+std::vector<TrialKind> powerTrials();
+std::vector<TrialKind> serviceTrials();
+std::vector<TrialKind> mountTrials();
+std::vector<TrialKind> logTrials();
+std::vector<TrialKind> repeatTrials();
+
+} // namespace platformcheck
+
+#endif

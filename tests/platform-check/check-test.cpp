@@ -1,0 +1,118 @@
+// The check on the platform of a virtual set, and on the same with one fault.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <sstream>
+
+#include "tests/support/run-program.h"
+#include "tests/support/temporary-directory.h"
+
+namespace
+{
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class PlatformCheck : public testing::Test
+{
+protected:
+    Outcome check(const std::vector<std::string>& arguments)
+    {
+        std::vector<std::string> line = {
+            VSET, "run", "--temporary", "-b", BUILD, "-b", directory.path(), "--", PLATFORM_CHECK};
+        line.insert(line.end(), arguments.begin(), arguments.end());
+        return runProgram(line, directory.path());
+    }
+    // The numbers that are found with the fault, and what was seen of the first.
+    std::vector<std::string> found(const std::string& fault, const std::vector<std::string>& trials)
+    {
+        std::vector<std::string> arguments = {"--json", "--preload", FAULTS + fault + ".so"};
+        for (const std::string& trial : trials) {
+            arguments.insert(arguments.end(), {"--trial", trial});
+        }
+        const Outcome outcome = check(arguments);
+        EXPECT_EQ(outcome.status, 1) << outcome.err << outcome.out;
+        Json::Value root;
+        std::istringstream(outcome.out) >> root;
+        std::vector<std::string> numbers;
+        for (const Json::Value& finding : root["findings"]) {
+            numbers.push_back(finding["id"].asString());
+        }
+        detail = root["findings"].empty() ? "" : root["findings"][0]["detail"].asString();
+        return numbers;
+    }
+
+    TemporaryDirectory directory;
+    std::string detail;
+};
+
+TEST_F(PlatformCheck, ThePlatformOfAVirtualSetIsSound)
+{
+    const Outcome outcome = check({"--junit", directory / "report.xml"});
+    EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr("libtarnwick-platform.so.1\n"),
+                                   HasSubstr("the platform: sound, nothing was found.\n")));
+    const std::string report = readBytes(directory / "report.xml");
+    EXPECT_THAT(report,
+                AllOf(HasSubstr("<testsuite name=\"tarnwick-platform-check\""), HasSubstr(" failures=\"0\""),
+                      HasSubstr("name=\"Mounts\""), HasSubstr("name=\"Changes of settings\"")));
+}
+
+struct Fault {
+    const char* name;
+    const char* trial;
+    std::vector<std::string> numbers;
+    const char* seen;
+};
+
+TEST_F(PlatformCheck, EachFaultIsFoundForItsOwnReason)
+{
+    const Fault faults[] = {
+        {"crash", "power-state", {"P103"}, "pwrctl_get_state: SIGABRT"},
+        {"hang", "flags-shared", {"P105"}, "FlagpostIsDone"},
+        {"exit", "property", {"P104"}, "sysprop_get_value_string: status 0"},
+        {"throw", "power-locks", {"P120", "P306"}, "pwrctl_lock_state: no connection"},
+        {"shared-key",
+         "settings",
+         {"P204"},
+         "11 was written to memory/ep_firmware_update_app/fw_update_status, 13 was read"},
+        {"inside", "notifications", {"P210"}, ""},
+        {"leak", "again-flags", {"P109"}, "Flags, again and again: "},
+        {"descriptors", "again-power", {"P107"}, "Power state and locks, again and again: "},
+        {"short-log", "platform-log", {"P603"}, "the end of a record of 6000 characters"},
+        {"wrong-errno", "platform-log", {"P604"}, "a record with \"%m\" and errno EXDEV"},
+    };
+    for (const Fault& fault : faults) {
+        const std::vector<std::string> numbers = found(fault.name, {fault.trial});
+        EXPECT_THAT(numbers, testing::IsSupersetOf(fault.numbers)) << fault.name;
+        EXPECT_THAT(detail, HasSubstr(fault.seen)) << fault.name;
+    }
+}
+
+TEST_F(PlatformCheck, WrongUseIsToldFromFailure)
+{
+    const std::pair<std::vector<std::string>, const char*> cases[] = {
+        {{"--trial", "everything"}, "there is no trial \"everything\": load, bus, "},
+        {{"--image", "/nowhere.img"}, "/nowhere.img is no file that can be read"},
+        {{"--directory", "/nowhere"}, "/nowhere is no directory"},
+        {{"--preload", "/nowhere.so"}, "/nowhere.so is no file that can be read"},
+        {{"--with-standby", "0"}, "--with-standby"},
+    };
+    for (const auto& [arguments, text] : cases) {
+        const Outcome outcome = check(arguments);
+        EXPECT_EQ(outcome.status, 2) << arguments[1];
+        EXPECT_THAT(outcome.err, AllOf(testing::StartsWith("tarnwick-platform-check: "), HasSubstr(text)));
+        EXPECT_EQ(outcome.out, "");
+    }
+}
+
+TEST_F(PlatformCheck, DocumentIsTheListOfFindings)
+{
+    const Outcome outcome = runProgram({PLATFORM_CHECK, "--list-findings"}, directory.path());
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_TRUE(outcome.out == readBytes(FINDINGS_DOCUMENT))
+        << "write it anew: tarnwick-platform-check --list-findings > docs/platform-findings.md";
+}
+
+} // namespace
