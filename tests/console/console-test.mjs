@@ -43,7 +43,7 @@ const passed = () => page.locator("#way-list li strong").allTextContents();
 
 test("an accepted update is watched, reboots the set, and leaves nothing pending", {timeout: 5 * kPatience}, async () => {
   television.addPanel("select");
-  television.addModule("EXT-soundbar", "root/prd/usr/fwupdate/controls");
+  television.addModule("EXT-soundbar");
   await open();
 
   await page.locator(kOffer).waitFor();

@@ -1,7 +1,7 @@
 // A virtual television for a test, and a browser that looks at its console.
 
 import {execFileSync, spawn} from "node:child_process";
-import {cpSync, mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync, existsSync} from "node:fs";
+import {mkdirSync, mkdtempSync, readFileSync, rmSync, writeFileSync, existsSync} from "node:fs";
 import {tmpdir} from "node:os";
 import {join} from "node:path";
 import {chromium} from "playwright-core";
@@ -40,11 +40,14 @@ export class Television {
     return join(this.set, ...parts);
   }
 
+  put(...words) {
+    this.vset("put", this.set, ...words);
+  }
+
   // Hardware with version 1.0 and its control library.
-  addModule(name, directory) {
-    this.vset("put", this.set, "library", join(EXAMPLES, `${name}.so`),
-      ...(directory.startsWith("usr/") ? ["--system"] : []));
-    this.vset("put", this.set, "hardware", join(EXAMPLES, "images/1.0/hardware", name.replace("EXT-", "")));
+  addModule(name, ...where) {
+    this.put("library", join(EXAMPLES, `${name}.so`), ...where);
+    this.put("hardware", join(EXAMPLES, "images/1.0/hardware", name.replace("EXT-", "")));
   }
 
   // A directory of this machine with an encrypted image of the tuner, for the USB slot; its content key is
@@ -61,23 +64,23 @@ export class Television {
 
   // The panel, with an image in the system image: large enough that a person can watch it being written.
   addPanel(uiUse, bytes = 1 << 20) {
-    this.addModule("panel", "usr/fwupdate/controls");
-    const directory = this.path("usr/lib/firmware/ext/Panel");
-    mkdirSync(directory, {recursive: true});
+    this.addModule("panel", "--system");
+    const directory = join(this.scratch, "Panel");
+    rmSync(directory, {recursive: true, force: true});
+    mkdirSync(directory);
     const image = join(directory, "Panel.bin");
-    rmSync(image, {force: true});
     execFileSync(join(EXAMPLES, "make-image"), ["panel", "1.1", String(bytes), image]);
-    rmSync(join(directory, "info.json"), {force: true});
     execFileSync(FWMOD, ["info", "--version", "1.1", "--image", image, "--expected-time", "14", "--ui-use", uiUse,
       "-o", join(directory, "info.json")]);
+    this.put("firmware", directory);
   }
 
   addTuner() {
-    this.addModule("tuner", "root/prd/usr/fwupdate/controls");
+    this.addModule("tuner");
     // In the feed, and fetched in an earlier boot already: a package that comes now is seen at the next start.
-    for (const place of ["root/srv/feed", "root/opt/usr/apps/appbinarymanager"]) {
-      cpSync(join(EXAMPLES, "images/1.1/empTuner.img"), this.path(place, "empTuner.img"));
-    }
+    const image = join(EXAMPLES, "images/1.1/empTuner.img");
+    this.put("package", image);
+    this.put("package", image, "--delivered");
   }
 
   async switchOn() {
