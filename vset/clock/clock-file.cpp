@@ -29,7 +29,7 @@ constexpr double kNanosecondsPerSecond = kNanoseconds;
 // on.
 constexpr int64_t kEndOfWall = 4'102'444'800 * kNanoseconds;
 // Back and forth again and again, monotonic time would leave what 64 bits hold.
-constexpr int64_t kLongestUptime = 150 * int64_t{365 * 86400} * kNanoseconds;
+constexpr int64_t kLongestUptime = 150 * int64_t{365} * 86400 * kNanoseconds;
 
 // Asked of the kernel itself: in the set, the library function tells the set's time.
 int64_t hostTime(clockid_t clock)

@@ -5,6 +5,7 @@
 #ifndef VSET_CONSOLE_CONSOLE_H
 #define VSET_CONSOLE_CONSOLE_H
 
+#include <array>
 #include <functional>
 #include <gio/gio.h>
 #include <json/json.h>
@@ -54,6 +55,8 @@ private:
     void watchModules();
 
     // ---- Orders: orders.cpp ----
+    static constexpr size_t kOrderCount = 13;
+    static const std::array<Order, kOrderCount> kOrders;
     static const Order* findOrder(const std::function<bool(const Order&)>& isMeant);
     static Json::Value orderOf(const std::string& method, GVariant* parameters);
     Fault carryOut(const Json::Value& message);

@@ -1,4 +1,5 @@
 // What a person can order, on the page or by a command: one table for both.
+#include <algorithm>
 #include <array>
 
 #include "common/glib-pointers.h"
@@ -50,91 +51,85 @@ struct Console::Order {
     Fault (*carryOut)(Console& console, const Json::Value& order);
 };
 
+const std::array<Console::Order, Console::kOrderCount> Console::kOrders{{
+    {"power",
+     nullptr,
+     {},
+     [](Console& console, const Json::Value& order) -> Fault {
+         if (!order["state"].isInt()) {
+             return "a power state is a number";
+         }
+         return console.set_.power.setState(order["state"].asInt());
+     }},
+    {"poweroff",
+     nullptr,
+     {},
+     [](Console& console, const Json::Value&) -> Fault {
+         console.set_.power.requestPowerOff(kPersonsPowerOff, person());
+         return std::nullopt;
+     }},
+    {"reboot",
+     nullptr,
+     {},
+     [](Console& console, const Json::Value&) -> Fault {
+         console.set_.power.requestReboot(kPersonsReboot, person());
+         return std::nullopt;
+     }},
+    {"mirroring",
+     "SetMirroring",
+     {"on"},
+     [](Console& console, const Json::Value& order) { return console.setMirroring(isOn(order)); }},
+    {"factory",
+     "SetFactory",
+     {"on"},
+     [](Console& console, const Json::Value& order) { return console.setFactory(isOn(order)); }},
+    {"package-manager",
+     "SetPackageManager",
+     {"on"},
+     [](Console& console, const Json::Value& order) { return console.setPackageManager(isOn(order)); }},
+    {"ui",
+     "SetUpgradeUI",
+     {"behaviour", "after"},
+     [](Console& console, const Json::Value& order) -> Fault {
+         if (!order["behaviour"].isString() || !order["after"].isUInt()) {
+             return "the upgrade UI's behaviour is a name and a time";
+         }
+         return console.setUpgradeUI(order["behaviour"].asString(), order["after"].asUInt());
+     }},
+    {"click",
+     "Click",
+     {"button"},
+     [](Console& console, const Json::Value& order) -> Fault {
+         return order["button"].isString() ? console.screen_.click(order["button"].asString())
+                                           : Fault("a button has a name");
+     }},
+    {"clock-jump",
+     "JumpClock",
+     {"seconds"},
+     [](Console& console, const Json::Value& order) -> Fault {
+         return order["seconds"].isNumeric()
+                    ? console.changeClock({std::nullopt, order["seconds"].asDouble()})
+                    : Fault("a clock jumps by a number of seconds");
+     }},
+    {"clock-rate",
+     "SetClockRate",
+     {"rate"},
+     [](Console& console, const Json::Value& order) -> Fault {
+         return order["rate"].isNumeric() ? console.changeClock({order["rate"].asDouble(), std::nullopt})
+                                          : Fault("a clock's rate is a number");
+     }},
+    {"usb-begin", nullptr, {}, [](Console& console, const Json::Value&) { return console.usb_.begin(); }},
+    {"usb-insert", nullptr, {}, [](Console& console, const Json::Value&) { return console.usb_.insert(); }},
+    {"usb-remove",
+     "RemoveUsb",
+     {},
+     [](Console& console, const Json::Value&) { return console.usb_.remove(); }},
+}};
+
 const Console::Order* Console::findOrder(const std::function<bool(const Order&)>& isMeant)
 {
-    static constexpr Order kOrders[] = {
-        {"power",
-         nullptr,
-         {},
-         [](Console& console, const Json::Value& order) -> Fault {
-             if (!order["state"].isInt()) {
-                 return "a power state is a number";
-             }
-             return console.set_.power.setState(order["state"].asInt());
-         }},
-        {"poweroff",
-         nullptr,
-         {},
-         [](Console& console, const Json::Value&) -> Fault {
-             console.set_.power.requestPowerOff(kPersonsPowerOff, person());
-             return std::nullopt;
-         }},
-        {"reboot",
-         nullptr,
-         {},
-         [](Console& console, const Json::Value&) -> Fault {
-             console.set_.power.requestReboot(kPersonsReboot, person());
-             return std::nullopt;
-         }},
-        {"mirroring",
-         "SetMirroring",
-         {"on"},
-         [](Console& console, const Json::Value& order) { return console.setMirroring(isOn(order)); }},
-        {"factory",
-         "SetFactory",
-         {"on"},
-         [](Console& console, const Json::Value& order) { return console.setFactory(isOn(order)); }},
-        {"package-manager",
-         "SetPackageManager",
-         {"on"},
-         [](Console& console, const Json::Value& order) { return console.setPackageManager(isOn(order)); }},
-        {"ui",
-         "SetUpgradeUI",
-         {"behaviour", "after"},
-         [](Console& console, const Json::Value& order) -> Fault {
-             if (!order["behaviour"].isString() || !order["after"].isUInt()) {
-                 return "the upgrade UI's behaviour is a name and a time";
-             }
-             return console.setUpgradeUI(order["behaviour"].asString(), order["after"].asUInt());
-         }},
-        {"click",
-         "Click",
-         {"button"},
-         [](Console& console, const Json::Value& order) -> Fault {
-             return order["button"].isString() ? console.screen_.click(order["button"].asString())
-                                               : Fault("a button has a name");
-         }},
-        {"clock-jump",
-         "JumpClock",
-         {"seconds"},
-         [](Console& console, const Json::Value& order) -> Fault {
-             return order["seconds"].isNumeric()
-                        ? console.changeClock({std::nullopt, order["seconds"].asDouble()})
-                        : Fault("a clock jumps by a number of seconds");
-         }},
-        {"clock-rate",
-         "SetClockRate",
-         {"rate"},
-         [](Console& console, const Json::Value& order) -> Fault {
-             return order["rate"].isNumeric() ? console.changeClock({order["rate"].asDouble(), std::nullopt})
-                                              : Fault("a clock's rate is a number");
-         }},
-        {"usb-begin", nullptr, {}, [](Console& console, const Json::Value&) { return console.usb_.begin(); }},
-        {"usb-insert",
-         nullptr,
-         {},
-         [](Console& console, const Json::Value&) { return console.usb_.insert(); }},
-        {"usb-remove",
-         "RemoveUsb",
-         {},
-         [](Console& console, const Json::Value&) { return console.usb_.remove(); }},
-    };
-    for (const Order& order : kOrders) {
-        if (isMeant(order)) {
-            return &order;
-        }
-    }
-    return nullptr;
+    const auto* const found = std::find_if(kOrders.begin(), kOrders.end(), isMeant);
+    return found == kOrders.end() ? nullptr : found;
 }
 
 Json::Value Console::orderOf(const std::string& method, GVariant* parameters)

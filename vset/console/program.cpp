@@ -65,6 +65,7 @@ void runProgram(const std::vector<std::string>& command, int64_t limit,
                 std::function<void(const std::optional<std::string>&)> done)
 {
     std::vector<const char*> words;
+    words.reserve(command.size() + 1);
     for (const std::string& word : command) {
         words.push_back(word.c_str());
     }

@@ -27,7 +27,8 @@ std::vector<std::string> commandLine(const Launch& request, const UiBehaviour& b
                                    std::to_string(behaviour.after)};
     for (const auto& [key, value] : request.extras) {
         words.emplace_back("--extra");
-        words.push_back(key + "=" + value);
+        words.push_back(key);
+        words.back().append("=").append(value);
     }
     return words;
 }
@@ -66,6 +67,7 @@ bool Screen::launch(const Launch& request, const UiBehaviour& behaviour)
     }
     const std::vector<std::string> command = commandLine(request, behaviour);
     std::vector<const char*> words;
+    words.reserve(command.size() + 1);
     for (const std::string& word : command) {
         words.push_back(word.c_str());
     }

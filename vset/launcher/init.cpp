@@ -28,8 +28,6 @@
 #include "vset/platformd/contract.h"
 #include "vset/write-watch/write-watch.h"
 
-extern char** environ;
-
 namespace vset
 {
 
@@ -218,8 +216,8 @@ private:
         std::deque<Clock::time_point> crashes = {};                       // not ordered, the latest ones
     };
 
-    void start(Service& service, std::vector<std::string> arguments, const Identity& identity, bool onClock,
-               int inheritedFd, const WatchSocket& watch = {});
+    void start(Service& service, const std::vector<std::string>& arguments, const Identity& identity,
+               bool onClock, int inheritedFd, const WatchSocket& watch = {});
     // What tells, by one byte, that the service which was started can be used.
     UniqueFd startTelling(Service& service, std::vector<std::string> arguments, const char* fdOption,
                           const Identity& identity, bool onClock);
@@ -266,8 +264,8 @@ private:
     unsigned int writes_ = 0;
 };
 
-void Init::start(Service& service, std::vector<std::string> arguments, const Identity& identity, bool onClock,
-                 int inheritedFd, const WatchSocket& watch)
+void Init::start(Service& service, const std::vector<std::string>& arguments, const Identity& identity,
+                 bool onClock, int inheritedFd, const WatchSocket& watch)
 {
     service.process = fork();
     check(service.process, std::string("cannot start ") + service.name);
@@ -300,7 +298,7 @@ UniqueFd Init::startTelling(Service& service, std::vector<std::string> arguments
 {
     Pipe ready = makePipe();
     arguments.push_back(fdOption + std::to_string(ready.writeEnd.get()));
-    start(service, std::move(arguments), identity, onClock, ready.writeEnd.get());
+    start(service, arguments, identity, onClock, ready.writeEnd.get());
     return std::move(ready.readEnd);
 }
 
@@ -776,6 +774,7 @@ std::string adviceOnMissing(const std::string& program)
 void executeCommand(const std::vector<std::string>& command)
 {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string& argument : command) {
         arguments.push_back(const_cast<char*>(argument.c_str()));
     }

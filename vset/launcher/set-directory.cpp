@@ -21,8 +21,6 @@
 #include "vset/client/set-lock.h"
 #include "vset/television/workshop.h"
 
-extern char** environ;
-
 namespace vset
 {
 

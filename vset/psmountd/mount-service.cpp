@@ -19,8 +19,6 @@
 #include "vset/psmountd/command-line.h"
 #include "vset/psmountd/loop-device.h"
 
-extern char** environ;
-
 namespace psmount
 {
 

@@ -74,6 +74,7 @@ Process::Process(const std::vector<std::string>& command, const std::string& out
     const common::UniqueFd input(ends[0]);
     common::UniqueFd ours(ends[1]);
     std::vector<char*> arguments; // made before the fork: nothing is allocated after it
+    arguments.reserve(command.size() + 1);
     for (const std::string& word : command) {
         arguments.push_back(const_cast<char*>(word.c_str()));
     }
