@@ -34,6 +34,17 @@ one_line 1 "usr/bin/tarnwick is in the way: a set has a file there" "$vset" new 
 rm -rf in-the-way/usr/bin && touch in-the-way/usr/bin
 one_line 1 "usr/bin is in the way: a set has a directory there" "$vset" new in-the-way
 [ -z "$(ls -d ./*/.vset/put.* 2>/dev/null)" ] || fail "what was put together is left: $(ls -d ./*/.vset/put.*)"
+for round in 1 2 3; do
+    "$vset" new at-once >"$work/at-once-said" 2>&1 &
+    other=$!
+    one_line 0 "$work/at-once" "$vset" new at-once
+    wait "$other" || fail "two at once, round $round: $(cat "$work/at-once-said")"
+done
+expect 0 "" test -x at-once/usr/bin/tarnwick
+for limit in 0 1 64; do
+    one_line 1 "File too large" bash -c "ulimit -f $limit; '$vset' run --temporary -- true"
+    [ -z "$(ls -A "$TMPDIR")" ] || fail "ulimit -f $limit leaves $(ls "$TMPDIR")"
+done
 one_line 1 "'no set'\`" "$vset" run 'no set'
 one_line 1 "\$'a\\nb'\`" "$vset" wait $'a\nb' on
 one_line 1 'dbus-daemon ended at its start: cannot run dbus-daemon: No such file or directory (PATH is "", without /usr/bin)' \

@@ -193,8 +193,9 @@ public:
         }
         if (!wasOn_ && passed() > kToBeSwitchedOn) {
             reason_ = "the set is off: switch it on with `vset run " + common::inShell(set_.string()) + "`";
-        } else if (const std::optional<int> status = daemonStatus()) {
-            reason_ = "the daemon has ended before that, with status " + std::to_string(*status);
+        } else if (const std::optional<Boot> ended = endedBoot()) {
+            reason_ = "the " + std::string(nameOfMain(*ended)) + " has ended before that, with status " +
+                      std::to_string(*ended->daemonEnded);
         } else if (wasOn_ && !isOn(set_)) {
             reason_ = "the set has gone off before that";
         }
@@ -211,10 +212,11 @@ private:
     {
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
     }
-    std::optional<int> daemonStatus() const
+    std::optional<Boot> endedBoot() const
     {
         const SetLife life = readLife(set_);
-        return wasOn_ && life.boots.size() >= boot_ ? life.boots.back().daemonEnded : std::nullopt;
+        const bool isIt = wasOn_ && life.boots.size() >= boot_ && life.boots.back().daemonEnded;
+        return isIt ? std::optional(life.boots.back()) : std::nullopt;
     }
 
     std::filesystem::path set_;

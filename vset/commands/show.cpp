@@ -19,7 +19,6 @@ namespace
 {
 
 using common::Table;
-using common::visible;
 
 // ---- Cells ----
 
@@ -48,7 +47,7 @@ std::string secondsText(const Json::Value& milliseconds)
 
 std::string clientText(const Json::Value& client)
 {
-    const std::string command = client["command"].asString();
+    std::string command = client["command"].asString();
     if (client["pid"].asInt() == 0) {
         return command;
     }

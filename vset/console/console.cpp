@@ -368,7 +368,7 @@ void Console::takeLog(const LogRecord& record)
 
 Console::Fault Console::setFactory(bool isOn)
 {
-    const Fault fault = isOn ? touch(kFactoryMarker) : removeFile(kFactoryMarker);
+    Fault fault = isOn ? touch(kFactoryMarker) : removeFile(kFactoryMarker);
     if (fault) {
         return fault;
     }
@@ -409,7 +409,7 @@ Console::Fault Console::changeClock(const ClockChange& change)
 Console::Fault Console::setUpgradeUI(const std::string& name, unsigned int after)
 {
     const UiBehaviour behaviour{name, after};
-    if (const Fault fault = faultOf(behaviour)) {
+    if (Fault fault = faultOf(behaviour)) {
         return fault;
     }
     behaviour_ = behaviour;

@@ -19,7 +19,7 @@ public:
     static constexpr size_t kKept = 4000; // records
     // Of a log that is there already, its end of this size is read: a set that has booted a thousand times
     // boots as fast as a new one.
-    static constexpr int64_t kLatestBytes = 256 * 1024;
+    static constexpr int64_t kLatestBytes = 256 << 10;
 
     LogTail() = default;
 

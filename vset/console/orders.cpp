@@ -155,7 +155,7 @@ Console::Fault Console::carryOut(const Json::Value& message)
     if (order == nullptr) {
         return "there is no order \"" + name + "\"";
     }
-    const Fault fault = order->carryOut(*this, message);
+    Fault fault = order->carryOut(*this, message);
     for (const char* section : {"usb", "switches", "power"}) {
         mark(section);
     }

@@ -218,27 +218,35 @@ void install(const BuildTree& tree, const char* component, const fs::path& prefi
                                       target + "`"));
 }
 
-// Puts the files of `tree` into `usr`. Each is a new file there: a set that runs keeps using the old ones.
-void copyTree(const fs::path& tree, const fs::path& usr)
+// Puts the files of `tree`, which is in the set, into `usr`. Each is a new file there, in one step: a set
+// that runs keeps using the old ones, and another command that does the same is not in the way.
+void moveTree(const fs::path& tree, const fs::path& usr)
 {
+    std::vector<fs::path> files;
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(tree)) {
-        const fs::path target = usr / entry.path().lexically_relative(tree);
         if (entry.is_directory() && !entry.is_symlink()) {
-            makePlainDirectory(target);
-            continue;
+            makePlainDirectory(usr / entry.path().lexically_relative(tree));
+        } else {
+            files.push_back(entry.path());
         }
+    }
+    for (const fs::path& file : files) {
+        const fs::path target = usr / file.lexically_relative(tree);
         if (fs::is_directory(fs::symlink_status(target))) {
             throw Error(target.string() + " is in the way: a set has a file there");
         }
-        fs::remove(target);
-        fs::copy(entry.path(), target, fs::copy_options::copy_symlinks);
+        fs::rename(file, target);
     }
 }
 
-// What a set is made of, from the build tree, as the kit has it. A television does without fwctl: who builds
-// only the daemon gets a set all the same.
+// What a set is made of, from the kit or the build tree. A television does without fwctl: who builds only the
+// daemon gets a set all the same.
 void stage(const fs::path& directory)
 {
+    if (const fs::path kit = kitDirectory(); !kit.empty()) {
+        fs::copy(kit / "set/usr", directory, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+        return;
+    }
     const BuildTree tree = buildTree();
     install(tree, "daemon", directory, "the daemon", "");
     if (access((tree.build / "tools/fwctl/fwctl").c_str(), X_OK) == 0) {
@@ -385,8 +393,9 @@ SetDirectory SetDirectory::make(const fs::path& path)
     if (fs::exists(path, error) && !fs::is_directory(path, error)) {
         throw Error(path.string() + " is not a directory: choose another name for the set");
     }
+    // Of a set that another command is just making there is .vset alone, at first.
     const bool foreign = fs::is_directory(path, error) && !fs::is_empty(path, error) &&
-                         !fs::is_directory(path / "root", error);
+                         !fs::is_directory(path / "root", error) && !fs::is_directory(path / ".vset", error);
     if (foreign) {
         throw Error(path.string() +
                     " is a directory with something else in it: choose another name for the set");
@@ -404,14 +413,10 @@ void SetDirectory::installDaemon() const
 {
     umask(022); // the set's users must be able to enter what is put there, whoever makes the set
     requireOwn(path_);
-    const fs::path kit = kitDirectory();
     try {
         const Workshop workshop(path_);
-        const fs::path staged = kit.empty() ? workshop.at("usr") : kit / "set/usr";
-        if (kit.empty()) {
-            stage(staged);
-        }
-        copyTree(staged, usr());
+        stage(workshop.at("usr"));
+        moveTree(workshop.at("usr"), usr());
     } catch (const fs::filesystem_error& error) {
         throw Error("the daemon cannot be put into the set: " + error.code().message() + " (" +
                     (error.path2().empty() ? error.path1() : error.path2()).string() + ")");

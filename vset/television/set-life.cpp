@@ -54,6 +54,11 @@ void take(const Json::Value& record, SetLife& life)
 
 } // namespace
 
+const char* nameOfMain(const Boot& boot)
+{
+    return boot.isCommand ? "command" : "daemon";
+}
+
 SetLife readLife(const std::filesystem::path& set)
 {
     SetLife life;

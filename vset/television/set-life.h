@@ -41,6 +41,9 @@ struct SetLife {
     std::optional<int> end;  // exit status of `vset run`; nothing while the set is on, or when it was killed
 };
 
+// "daemon" or "command".
+const char* nameOfMain(const Boot& boot);
+
 // As it stands now; no boot when the set was never on. A line that is not whole yet is left out.
 SetLife readLife(const std::filesystem::path& set);
 

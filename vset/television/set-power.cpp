@@ -77,7 +77,7 @@ std::optional<int> SetPower::waitForEnd(std::chrono::milliseconds longest)
 std::string SetPower::notes() const
 {
     std::ifstream in(set_ / kNotes, std::ios::binary);
-    const std::string said{std::istreambuf_iterator<char>(in), {}};
+    std::string said{std::istreambuf_iterator<char>(in), {}};
     const std::optional<int> status =
         launcher_ ? launcher_->waitFor(std::chrono::milliseconds(0)) : std::nullopt;
     if (said.empty() && status && *status > 128) {

@@ -47,11 +47,6 @@ bool isAlive(const fs::path& set, const SetLife& life)
     return isOn(set) && !life.boots.empty() && !life.end;
 }
 
-const char* nameOfMain(const Boot& boot)
-{
-    return boot.isCommand ? "command" : "daemon";
-}
-
 std::string lifeText(const fs::path& set)
 {
     const SetLife life = readLife(set);

@@ -146,7 +146,7 @@ std::string textAt(pid_t process, std::uint64_t address)
 
 std::string pathOf(const PathCall& call, const seccomp_notif& notice)
 {
-    const std::string text = textAt(static_cast<pid_t>(notice.pid), notice.data.args[call.pathArgument]);
+    std::string text = textAt(static_cast<pid_t>(notice.pid), notice.data.args[call.pathArgument]);
     if (text.empty() || text.front() == '/') {
         return text;
     }
