@@ -258,6 +258,31 @@ TEST_F(FWUpdateSemaphore, IsMadeByDestroyingOneThatWasNeverThere)
     EXPECT_TRUE(exists(kSemaphoreFile));
 }
 
+// Its file is the C library's own, with another layout in processes of 32 and of 64 bits: those of one set
+// have to be of one kind (docs/install.md).
+constexpr bool kIs32Bits = sizeof(void*) == 4;
+
+TEST_F(FWUpdateSemaphore, IsAFileOfTheProcessorsOwnSize)
+{
+    sem_t* const semaphore = common.create_semaphore();
+    ASSERT_NE(semaphore, nullptr);
+    EXPECT_EQ(std::filesystem::file_size(kSemaphoreFile), kIs32Bits ? 16u : 32u);
+    sem_close(semaphore);
+}
+
+TEST_F(FWUpdateSemaphore, OfTheOtherKindOfProcessorHasAnotherValue)
+{
+    constexpr char kOneOf64Bits = 1;
+    constexpr char kOneOf32Bits = 1 << 1; // above the bit that tells whether anybody waits
+    std::string file(kIs32Bits ? 32 : 16, '\0');
+    file[0] = kIs32Bits ? kOneOf64Bits : kOneOf32Bits;
+    writeFile(kSemaphoreFile, file);
+    sem_t* const semaphore = common.create_semaphore();
+    ASSERT_NE(semaphore, nullptr);
+    EXPECT_EQ(valueOf(semaphore), kIs32Bits ? 0 : 2); // nobody's turn ever, or two at once
+    sem_close(semaphore);
+}
+
 TEST_F(FWUpdateSemaphore, ThatCannotBeOpenedIsNullAndLogged)
 {
     std::filesystem::create_directory(kSemaphoreFile);

@@ -91,6 +91,31 @@ TEST_F(FWUpdateFile, OfAnotherKindDoesNotOpenAndStaysClosed)
     EXPECT_EQ(openDescriptors(), before);
 }
 
+// A processor of 32 bits has such sizes and times only in the types that are asked for.
+TEST_F(FWUpdateFile, OfFourGibibytesAndMoreOpens)
+{
+    constexpr uintmax_t kSize = (uintmax_t{4} << 30) + 1;
+    writeFile(kPath, "text");
+    fs::resize_file(kPath, kSize);
+    EXPECT_TRUE(openToRead(kPath));
+    EXPECT_TRUE(openToReplace(kPath));
+    EXPECT_EQ(fs::file_size(kPath), 0u);
+}
+
+TEST_F(FWUpdateFile, FromAfterTheLastSecondOf32BitsOpens)
+{
+    writeFile(kPath, "text");
+    const time_t kAfter = static_cast<time_t>(uint64_t{1} << 32); // in February 2106
+    const timespec times[] = {{kAfter, 0}, {kAfter, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, kPath.c_str(), times, 0), 0);
+    struct stat status;
+    ASSERT_EQ(stat(kPath.c_str(), &status), 0);
+    if (status.st_mtime != kAfter) {
+        GTEST_SKIP() << "the file system under /tmp has no such times";
+    }
+    EXPECT_TRUE(openToRead(kPath));
+}
+
 TEST_F(FWUpdateFile, IsMadeOrEmptiedToBeReplaced)
 {
     for (const char* content : {"a longer text", "text"}) {

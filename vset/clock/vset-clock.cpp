@@ -6,6 +6,9 @@
 // no such wait (conditions, semaphores and locks of the C library, select, epoll) it is cut into slices of
 // the PC's time, and after each the clock is read again.
 //
+// Times have 64 bits here. A C library that had times of 32 bits first has each such call twice: this file
+// stands in front of those with 64, vset-clock-narrow.cpp of the others.
+//
 // All threads call in here at any time, also before main and from other libraries' constructors: there is no
 // lock and no allocation, and what is set up lazily is set up atomically.
 
@@ -86,20 +89,36 @@ private:
 #pragma GCC diagnostic ignored                                                                               \
     "-Wignored-attributes" // a function's type as it is declared, attributes and all
 #endif
-#define REAL(function) Real<decltype(::function)> real_##function(#function)
-REAL(clock_gettime);
-REAL(clock_nanosleep);
-REAL(ppoll);
-REAL(pselect);
+#define REAL_AS(function, name) Real<decltype(::function)> real_##function(name)
+#define REAL(function) REAL_AS(function, #function)
+#if __TIMESIZE == 32
+#define REAL_WIDE(function, name) REAL_AS(function, name)
+#define PPOLL_CHECKED __ppoll64_chk
+#else
+#define REAL_WIDE(function, name) REAL(function)
+#define PPOLL_CHECKED __ppoll_chk
+#endif
+static_assert(sizeof(time_t) == 8, "compile it with _TIME_BITS=64");
+REAL_WIDE(clock_gettime, "__clock_gettime64");
+REAL_WIDE(clock_nanosleep, "__clock_nanosleep_time64");
+REAL_WIDE(ppoll, "__ppoll64");
+REAL_WIDE(pselect, "__pselect64");
 REAL(epoll_pwait);
-REAL(pthread_cond_clockwait);
+REAL_WIDE(pthread_cond_clockwait, "__pthread_cond_clockwait64");
 REAL(pthread_cond_signal);
 REAL(pthread_cond_broadcast);
-REAL(pthread_mutex_clocklock);
-REAL(pthread_rwlock_clockrdlock);
-REAL(pthread_rwlock_clockwrlock);
-REAL(sem_clockwait);
+REAL_WIDE(pthread_mutex_clocklock, "__pthread_mutex_clocklock64");
+REAL_WIDE(pthread_rwlock_clockrdlock, "__pthread_rwlock_clockrdlock64");
+REAL_WIDE(pthread_rwlock_clockwrlock, "__pthread_rwlock_clockwrlock64");
+REAL_WIDE(sem_clockwait, "__sem_clockwait64");
 REAL(syscall);
+
+// The kernel's wait on a word of memory, with a time of 64 bits.
+#ifdef SYS_futex_time64
+constexpr long kFutex = SYS_futex_time64;
+#else
+constexpr long kFutex = SYS_futex;
+#endif
 
 // ---- Clocks ----
 
@@ -283,9 +302,9 @@ int sleepUntil(const Deadline& deadline)
             return 0;
         }
         const timespec end = deadline.realEnd();
-        const long result = real_syscall(SYS_futex, changeWord(deadline.page()), FUTEX_WAIT_BITSET,
-                                         static_cast<long>(sequence), &end, nullptr,
-                                         static_cast<long>(FUTEX_BITSET_MATCH_ANY));
+        const long result =
+            real_syscall(kFutex, changeWord(deadline.page()), FUTEX_WAIT_BITSET, static_cast<long>(sequence),
+                         &end, nullptr, static_cast<long>(FUTEX_BITSET_MATCH_ANY));
         if (result == 0 || errno == ETIMEDOUT || errno == EAGAIN) {
             continue;
         }
@@ -397,8 +416,8 @@ namespace
 
 constexpr nfds_t kMostDescriptors = 64; // more are waited for in slices
 
-// A descriptor of this thread that becomes readable when the page has changed. Its number and the process it
-// belongs to are kept together: a forked process must not read what is its parent's.
+// A descriptor of this thread that becomes readable when the page has changed. The process it belongs to is
+// kept as well: a forked process must not read what is its parent's.
 class ChangeDescriptor
 {
 public:
@@ -420,21 +439,19 @@ public:
     }
 
 private:
-    static constexpr int kNumberBits = 24;
-
     static int find()
     {
-        const auto kept = reinterpret_cast<uintptr_t>(pthread_getspecific(key_));
-        const auto process = static_cast<uintptr_t>(getpid());
-        if (kept != 0 && kept >> kNumberBits == process && isInotify(numberOf(kept))) {
+        void* const kept = pthread_getspecific(key_);
+        const pid_t process = getpid();
+        if (kept != nullptr && owner_ == process && isInotify(numberOf(kept))) {
             return numberOf(kept);
         }
-        if (kept != 0) {
-            closeKept(reinterpret_cast<void*>(kept));
+        if (kept != nullptr) {
+            closeKept(kept);
         }
         const int made = make();
-        const uintptr_t value = made < 0 ? 0 : process << kNumberBits | static_cast<uintptr_t>(made + 1);
-        pthread_setspecific(key_, reinterpret_cast<void*>(value));
+        owner_ = process;
+        pthread_setspecific(key_, reinterpret_cast<void*>(static_cast<intptr_t>(made) + 1));
         return made;
     }
 
@@ -448,7 +465,7 @@ private:
         return -1;
     }
 
-    static int numberOf(uintptr_t kept) { return static_cast<int>(kept & ((1U << kNumberBits) - 1)) - 1; }
+    static int numberOf(void* kept) { return static_cast<int>(reinterpret_cast<intptr_t>(kept)) - 1; }
 
     // A program may close what it has not opened, and get the number for something of its own.
     static bool isInotify(int descriptor)
@@ -463,7 +480,7 @@ private:
 
     static void closeKept(void* kept)
     {
-        const int descriptor = numberOf(reinterpret_cast<uintptr_t>(kept));
+        const int descriptor = numberOf(kept);
         if (isInotify(descriptor)) {
             close(descriptor);
         }
@@ -472,6 +489,8 @@ private:
     static inline pthread_once_t once_ = PTHREAD_ONCE_INIT;
     static inline pthread_key_t key_{};
     static inline bool hasKey_ = false;
+    // In the room that each thread has from its beginning: finding it allocates nothing.
+    __attribute__((tls_model("initial-exec"))) static inline thread_local pid_t owner_ = 0;
 };
 
 int pollUntil(const Deadline& deadline, pollfd* descriptors, nfds_t count, int change, const sigset_t* mask)
@@ -534,8 +553,8 @@ EXPORTED int __poll_chk(pollfd* descriptors, nfds_t count, int timeoutMs, size_t
     return poll(descriptors, count, timeoutMs);
 }
 
-EXPORTED int __ppoll_chk(pollfd* descriptors, nfds_t count, const timespec* timeout, const sigset_t* mask,
-                         size_t size)
+EXPORTED int PPOLL_CHECKED(pollfd* descriptors, nfds_t count, const timespec* timeout, const sigset_t* mask,
+                           size_t size)
 {
     if (size / sizeof(pollfd) < count) {
         __builtin_trap();
@@ -582,7 +601,8 @@ EXPORTED int select(int count, fd_set* reading, fd_set* writing, fd_set* failing
     if (timeout->tv_sec < 0 || timeout->tv_usec < 0) {
         return failWith(EINVAL);
     }
-    const timespec duration{timeout->tv_sec + timeout->tv_usec / 1000000, timeout->tv_usec % 1000000 * 1000};
+    timespec duration = toTimespec(timeout->tv_usec % 1000000 * 1000);
+    duration.tv_sec = timeout->tv_sec + timeout->tv_usec / 1000000;
     timespec start{};
     clock_gettime(CLOCK_MONOTONIC, &start);
     const int result = pselect(count, reading, writing, failing, &duration, nullptr);
@@ -791,9 +811,8 @@ long futexWait(const long* arguments, const Deadline& deadline)
     const int error = waitInSlices(deadline, [&](const timespec& end) {
         const long match = command == FUTEX_WAIT ? static_cast<long>(FUTEX_BITSET_MATCH_ANY) : arguments[5];
         const long operation = FUTEX_WAIT_BITSET | (arguments[1] & FUTEX_PRIVATE_FLAG); // absolute, monotonic
-        return real_syscall(SYS_futex, arguments[0], operation, arguments[2], &end, nullptr, match) < 0
-                   ? errno
-                   : 0;
+        return real_syscall(kFutex, arguments[0], operation, arguments[2], &end, nullptr, match) < 0 ? errno
+                                                                                                     : 0;
     });
     return error == 0 ? 0 : failWith(error);
 }
@@ -801,8 +820,21 @@ long futexWait(const long* arguments, const Deadline& deadline)
 bool isTimedFutexWait(long number, const long* arguments)
 {
     const long command = arguments[1] & FUTEX_CMD_MASK;
-    return number == SYS_futex && (command == FUTEX_WAIT || command == FUTEX_WAIT_BITSET) &&
-           arguments[3] != 0;
+    return (number == SYS_futex || number == kFutex) &&
+           (command == FUTEX_WAIT || command == FUTEX_WAIT_BITSET) && arguments[3] != 0;
+}
+
+// Its time, which the older call has in two words of the processor.
+timespec timeOfFutexWait(long number, const long* arguments)
+{
+    if (number != kFutex) {
+        const auto* words = reinterpret_cast<const long*>(arguments[3]);
+        timespec time{};
+        time.tv_sec = words[0];
+        time.tv_nsec = words[1];
+        return time;
+    }
+    return *reinterpret_cast<const timespec*>(arguments[3]);
 }
 
 } // namespace
@@ -817,14 +849,14 @@ EXPORTED long syscall(long number, ...)
     }
     va_end(list);
     const vset::ClockPage* page = isTimedFutexWait(number, arguments) ? clockPage() : nullptr;
-    const auto* time = page != nullptr ? reinterpret_cast<const timespec*>(arguments[3]) : nullptr;
-    if (time == nullptr || !isValid(*time)) {
+    const timespec time = page != nullptr ? timeOfFutexWait(number, arguments) : timespec{};
+    if (page == nullptr || !isValid(time)) {
         return real_syscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
                             arguments[5]);
     }
     if ((arguments[1] & FUTEX_CMD_MASK) == FUTEX_WAIT) {
-        return futexWait(arguments, Deadline::after(*page, fromTimespec(*time)));
+        return futexWait(arguments, Deadline::after(*page, fromTimespec(time)));
     }
     const Kind kind = (arguments[1] & FUTEX_CLOCK_REALTIME) != 0 ? Kind::kWall : Kind::kMonotonic;
-    return futexWait(arguments, {*page, kind, fromTimespec(*time)});
+    return futexWait(arguments, {*page, kind, fromTimespec(time)});
 }
