@@ -1,3 +1,4 @@
+#include <cstdint>
 #include <filesystem>
 #include <new>
 #include <pthread.h>
@@ -26,7 +27,7 @@ public:
     {
         pthread_getattr_default_np(&usual);
         pthread_attr_t excessive = usual;
-        pthread_attr_setstacksize(&excessive, size_t{1} << 60);
+        pthread_attr_setstacksize(&excessive, SIZE_MAX / 4 * 3);
         pthread_setattr_default_np(&excessive);
     }
     ~NoThreads() { pthread_setattr_default_np(&usual); }
