@@ -132,10 +132,9 @@ int check(const Options& options)
         throw common::WrongUse(common::shortened(options.check.directory.string()) + " is no directory");
     }
     common::ProgressLine line;
-    const bool isWatched = isatty(STDERR_FILENO) != 0;
     const CheckReport report =
         checkPlatform(options.check, [&](const std::string& what, unsigned int percent) {
-            if (isWatched) {
+            if (line.isDrawn()) {
                 line.show(what, percent);
             }
         });

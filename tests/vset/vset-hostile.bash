@@ -96,7 +96,10 @@ for init in $stranger 1 $$; do
 done
 [ ! -e "$work/on-the-pc" ] || fail "a command meant for a set ran on the PC"
 ln -sf /nowhere/x "$set_/.vset/lock"
-ends 1 "lock is a link that leads nowhere" "a dangling lock" "$vset" run "$set_" -- true
+for command in "run $set_ -- true" "exec $set_ -- true" "show $set_" "wait $set_ on --limit 0.1"; do
+    # shellcheck disable=SC2086 # words
+    ends 1 "lock is a link that leads nowhere" "a dangling lock" "$vset" $command
+done
 ln -sf /etc/hostname "$set_/.vset/lock"
 ends 1 "lock is not a file but a link" "a linked lock" "$vset" run "$set_" -- true
 rm "$set_/.vset/lock"

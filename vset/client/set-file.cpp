@@ -38,7 +38,7 @@ bool wasNothing(const fs::path& path, int error)
     if (error == EACCES) {
         throw common::Failure(path.string() + " " + problem + " (it belongs to another user? then use sudo)");
     }
-    refuse(path, problem);
+    refuse(path, error == ENOENT ? "is a link that leads nowhere" : problem);
 }
 
 } // namespace
