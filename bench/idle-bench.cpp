@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -43,50 +44,61 @@ double valueOf(const fs::path& path, const std::string& key)
 class Idler
 {
 public:
-    // Idle from `settled` on.
-    Idler(const std::vector<std::string>& words, const std::string& name, Seconds settling) : child_(words)
+    Idler(const std::vector<std::string>& words, const std::string& name) : child_(words)
     {
         bench::BusName(kBus, name).waitUntilOwned();
-        since_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(settling);
     }
 
-    // Since the last look, which was at least `window` ago when this returns.
+    void begin()
+    {
+        since_ = Clock::now();
+        wakeUps_ = wakeUps();
+        processor_ = child_.processorSeconds();
+    }
+
+    // Since the last look, which was at least `window` ago when this goes on.
     void look(bench::Sample& sample, Seconds window)
     {
-        if (count_ < 0) {
-            std::this_thread::sleep_until(since_);
-            count_ = wakeUps();
-            processor_ = child_.processorSeconds();
-        }
         std::this_thread::sleep_until(since_ + window);
         const Seconds elapsed = Clock::now() - since_;
-        const double count = wakeUps();
-        const double processor = child_.processorSeconds();
-        sample.set(elapsed.count(), processor - processor_);
-        sample.note("wakeUps", (count - count_) * 60 / elapsed.count());
+        const ByThread before = wakeUps_;
+        const double processor = processor_;
+        begin();
+        sample.set(elapsed.count(), processor_ - processor);
+        sample.note("wakeUps", sumOfRises(before, wakeUps_) * 60 / elapsed.count());
         const fs::path memory = proc() / "smaps_rollup";
         sample.note("kilobytes", valueOf(memory, "Private_Clean") + valueOf(memory, "Private_Dirty"));
-        count_ = count;
-        processor_ = processor;
-        since_ = Clock::now();
     }
 
 private:
+    using ByThread = std::map<std::string, double>;
+
     fs::path proc() const { return "/proc/" + std::to_string(child_.id()); }
 
-    // Of all its threads: how often they stopped waiting.
-    double wakeUps() const
+    // How often each of its threads stopped waiting.
+    ByThread wakeUps() const
+    {
+        ByThread counts;
+        for (const auto& thread : fs::directory_iterator(proc() / "task")) {
+            counts[thread.path().filename()] = valueOf(thread.path() / "status", "voluntary_ctxt_switches");
+        }
+        return counts;
+    }
+
+    // Threads come and go meanwhile: the library's pool lets them end.
+    static double sumOfRises(const ByThread& before, const ByThread& after)
     {
         double sum = 0;
-        for (const auto& thread : fs::directory_iterator(proc() / "task")) {
-            sum += valueOf(thread.path() / "status", "voluntary_ctxt_switches");
+        for (const auto& [thread, count] : after) {
+            const auto known = before.find(thread);
+            sum += count - (known == before.end() ? 0 : known->second);
         }
         return sum;
     }
 
     bench::Child child_;
     Clock::time_point since_;
-    double count_ = -1;
+    ByThread wakeUps_;
     double processor_ = 0;
 };
 
@@ -107,17 +119,23 @@ void declare()
     setenv("DBUS_SYSTEM_BUS_ADDRESS", kBus, 1);
     setenv("DBUS_SESSION_BUS_ADDRESS", kBus, 1);
     putTuner();
-    const Seconds window(bench::isTrial() ? 0.3 : 10);
-    const auto declareIdler = [window](const std::string& title, const std::vector<std::string>& words,
-                                       const std::string& name) {
-        const auto idler = std::make_shared<Idler>(words, name, Seconds(bench::isTrial() ? 0.2 : 4));
-        bench::add(title, [idler, window](bench::Sample& sample) { idler->look(sample, window); });
+    std::vector<std::shared_ptr<Idler>> idlers;
+    const auto declareIdler = [&](const std::string& title, const std::vector<std::string>& words,
+                                  const std::string& name) {
+        const auto idler = std::make_shared<Idler>(words, name);
+        const Seconds window(bench::isTrial() ? 0.3 : 10); // two heartbeats
+        bench::add(title, [=](bench::Sample& sample) { idler->look(sample, window); });
+        idlers.push_back(idler);
     };
     declareIdler("daemon", {TARNWICK_PROGRAM}, "org.pellor.tv.tarnwick");
     declareIdler("bareService", {BARE_SERVICE, "org.pellor.tv.bare"}, "org.pellor.tv.bare");
     const std::string settings = "/usr/libexec/dconf-service";
     if (bench::hasProgram(settings)) {
         declareIdler("settingsService", {settings}, "ca.desrt.dconf");
+    }
+    std::this_thread::sleep_for(Seconds(bench::isTrial() ? 0.2 : 4)); // until they have begun to wait
+    for (const auto& idler : idlers) {
+        idler->begin();
     }
 }
 

@@ -66,11 +66,14 @@ double Sample::processorSeconds()
     return sum;
 }
 
-void Sample::set(double elapsed, double processor)
+void Sample::set(double elapsed, std::optional<double> processor)
 {
     elapsed_ = elapsed;
-    processor_ = processor;
-    note("processor", processor * 1e3);
+    processor_ = processor.value_or(0);
+    figures_.erase("processor");
+    if (processor) {
+        note("processor", *processor * 1e3);
+    }
 }
 
 void add(const std::string& name, const std::function<void(Sample&)>& once)

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace bench
@@ -36,8 +37,8 @@ public:
         set(std::chrono::duration<double>(Clock::now() - begin).count() / count,
             (processorSeconds() - processor) / count);
     }
-    // What was measured in another way, in seconds.
-    void set(double elapsed, double processor);
+    // What was measured in another way, in seconds. Without `processor`: that was not to be seen from here.
+    void set(double elapsed, std::optional<double> processor = std::nullopt);
     // A figure beside the times.
     void note(const std::string& name, double value) { figures_[name] = value; }
 

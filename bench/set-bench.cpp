@@ -69,35 +69,38 @@ void runToName(bench::Sample& sample, const Set& set)
         vset.emplace(std::vector<std::string>{VSET_PROGRAM, "run", directory});
         watch(busOf(directory))->waitUntilOwned();
     });
+    sample.set(sample.elapsed());
 }
 
-// Boots one after the other, from the request of a reboot until the daemon has its name again.
+// Boots of one set, one after the other, from the end of the bus until the daemon has its name on the next:
+// the second that a set takes its leave for is not in it.
 class Boots
 {
 public:
     void go(bench::Sample& sample, int count)
     {
-        tarnwick::Television& television = set_.television;
-        const std::string address = busOf(television.set());
-        if (!television.isOn()) {
-            television.switchOn();
+        if (!television_.isOn()) {
+            television_.switchOn();
+            watch()->waitUntilOwned();
         }
-        auto name = watch(address);
-        name->waitUntilOwned();
-        sample.time(
-            [&] {
-                television.reboot();
-                name->waitUntilBusIsGone();
-                name = watch(address);
-                name->waitUntilOwned();
-            },
-            count);
-        first_ = first_ == 0 ? sample.elapsed() : first_;
+        double elapsed = 0;
+        for (int i = 0; i < count; ++i) {
+            const auto old = watch();
+            television_.reboot();
+            old->waitUntilBusIsGone();
+            sample.time([&] { watch()->waitUntilOwned(); });
+            elapsed += sample.elapsed() / count;
+        }
+        sample.set(elapsed); // most of the work is another process's, as below
+        first_ = first_ == 0 ? elapsed : first_;
         sample.note("first", first_ * 1e3); // of the set's life: the later ones are to be no slower
     }
 
 private:
+    std::unique_ptr<bench::BusName> watch() { return ::watch(busOf(television_.set())); }
+
     Set set_;
+    tarnwick::Television& television_ = set_.television;
     double first_ = 0;
 };
 
@@ -120,6 +123,7 @@ void startBare(bench::Sample& sample)
             service.emplace(std::vector<std::string>{BARE_SERVICE, kDaemonName});
             name->waitUntilOwned();
         });
+        sample.set(sample.elapsed());
     }
     unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
     fs::remove_all(directory);
@@ -130,7 +134,7 @@ void declare()
     const auto set = std::make_shared<Set>();
     bench::add("toName", [set](bench::Sample& sample) { runToName(sample, *set); });
     const auto boots = std::make_shared<Boots>();
-    const int count = bench::isTrial() ? 1 : 20;
+    const int count = bench::isTrial() ? 1 : 5;
     bench::add("reboot", [=](bench::Sample& sample) { boots->go(sample, count); });
     bench::add("busAndService", startBare);
     bench::add("toCommand", [](bench::Sample& sample) {

@@ -155,7 +155,7 @@ inline constexpr std::array kComparisons = {
                kNone,
                {35, Of::kItself}},
     Comparison{"set",
-               "boots, each request to the name",
+               "boots of one set, each to the name",
                "ms",
                {"reboot"},
                {"reboot", "first", "the set's first boots"},
