@@ -22,6 +22,7 @@
 #include "appbinary_manager.h"
 #include "fw-update-checksum.h"
 #include "fw-update-file.h"
+#include "fw-update-library.h"
 #include "fw-update-log.h"
 #include "fw-update-mount-manager.h"
 
@@ -82,13 +83,6 @@ bool bindEntryPoints(void* handle, SYMFunction& functions)
     return true;
 }
 
-// The loader would wait for a writer, and the service with it.
-bool isPipe(const char* path)
-{
-    struct stat file = {};
-    return stat(path, &file) == 0 && S_ISFIFO(file.st_mode);
-}
-
 } // namespace
 
 bool isExternalName(const std::string& name)
@@ -120,11 +114,10 @@ int FWUpdateSymbol::loadSymbol(const std::string& libraryName)
         return -1;
     }
     libName = libraryName;
-    const bool isWaitedFor = isPipe(resolved.get());
-    handle = isWaitedFor ? nullptr : dlopen(resolved.get(), RTLD_NOW);
+    std::string error;
+    handle = openLibrary(resolved.get(), RTLD_NOW, error);
     if (handle == nullptr) {
-        const char* const error = isWaitedFor ? "not a regular file" : dlerror();
-        FWLOG_NORLOG(FWLOG_ERROR, "Error: dlsym libfile: %s error: %s\n", path.c_str(), error);
+        FWLOG_NORLOG(FWLOG_ERROR, "Error: dlsym libfile: %s error: %s\n", path.c_str(), error.c_str());
         // The loader tells its error once, and the platform log has had it.
         TRACE_RECORD(FWLOG_ERROR, "Error: dlsym libfile: %s error: %s\n", path.c_str(), "");
         return -1;
@@ -569,10 +562,10 @@ VerifyFile* findVerifyFile()
     if (VerifyFile* const known = verifyFile) {
         return known;
     }
-    void* const library = dlopen("/usr/lib/libkZORUser.so", RTLD_LAZY);
+    std::string reason;
+    void* const library = openLibrary("/usr/lib/libkZORUser.so", RTLD_LAZY, reason);
     if (library == nullptr) {
-        const char* const error = dlerror();
-        FWLOGE("[zor][%s] pHandle Error: %s\n", "UserCaller", error);
+        FWLOGE("[zor][%s] pHandle Error: %s\n", "UserCaller", reason.c_str());
         return nullptr;
     }
     dlerror();

@@ -1,12 +1,15 @@
 // Finding and binding a control library, the module's names, and the calls into the library.
+#include <algorithm>
 #include <cstring>
 #include <dlfcn.h>
 #include <filesystem>
 #include <functional>
+#include <link.h>
 #include <string>
 #include <sys/stat.h>
 #include <thread>
 #include <type_traits>
+#include <vector>
 
 #include "src/src/fw-update-symbol.h"
 #include "tests/support/set-test.h"
@@ -499,6 +502,75 @@ TEST_F(FWUpdateSymbolRefused, APipeIsNotWaitedFor)
     FWUpdateSymbol module("tuner");
     EXPECT_EQ(module.loadSymbol("tuner"), -1);
     EXPECT_EQ(platform.log().at(0).text, "Error: dlsym libfile: " + path + " error: not a regular file\n");
+}
+
+using Part = ElfW(Phdr);
+
+std::vector<Part> partsOf(const std::string& library)
+{
+    ElfW(Ehdr) header;
+    memcpy(&header, library.data(), sizeof header);
+    std::vector<Part> parts(header.e_phnum);
+    memcpy(parts.data(), library.data() + header.e_phoff, parts.size() * sizeof(Part));
+    return parts;
+}
+
+std::string withParts(std::string library, const std::vector<Part>& parts)
+{
+    ElfW(Ehdr) header;
+    memcpy(&header, library.data(), sizeof header);
+    memcpy(library.data() + header.e_phoff, parts.data(), parts.size() * sizeof(Part));
+    return library;
+}
+
+class FWUpdateSymbolDamaged : public FWUpdateSymbolRefused
+{
+protected:
+    void SetUp() override
+    {
+        FWUpdateSymbolRefused::SetUp();
+        copyControl("tuner");
+        whole = readFile(path);
+    }
+
+    void expectRefused(const std::string& library, const std::string& reason)
+    {
+        writeFile(path, library);
+        platform.reset();
+        FWUpdateSymbol module("tuner");
+        EXPECT_EQ(module.loadSymbol("tuner"), -1);
+        EXPECT_EQ(platform.log().at(0).text,
+                  "Error: dlsym libfile: " + path + " error: " + path + ": " + reason + "\n");
+    }
+
+    const std::string path = std::string(set::kControls) + "/tuner.so";
+    std::string whole;
+};
+
+// The loader maps what the program headers name, and what is missing behind the file's end is a bus error.
+TEST_F(FWUpdateSymbolDamaged, ALibraryThatWasCutIsRefusedWhereverTheCutIs)
+{
+    size_t end = 0;
+    for (const Part& part : partsOf(whole)) {
+        end = std::max<size_t>(end, part.p_type == PT_LOAD ? part.p_offset + part.p_filesz : 0);
+    }
+    for (size_t sixteenth = 1; sixteenth < 16; ++sixteenth) {
+        expectRefused(whole.substr(0, end * sixteenth / 16), "the file ends too soon");
+    }
+    expectRefused(whole.substr(0, end - 1), "the file ends too soon");
+}
+
+TEST_F(FWUpdateSymbolDamaged, ALibraryWhoseHeadersLeadTheLoaderAstrayIsRefused)
+{
+    constexpr size_t kAway = size_t{1} << 30;
+    for (const unsigned int type : {PT_LOAD, PT_DYNAMIC, PT_NOTE}) {
+        std::vector<Part> parts = partsOf(whole);
+        const auto damaged =
+            std::find_if(parts.begin(), parts.end(), [&](const Part& part) { return part.p_type == type; });
+        ASSERT_NE(damaged, parts.end());
+        damaged->p_vaddr += kAway;
+        expectRefused(withParts(whole, parts), "program headers contradict each other");
+    }
 }
 
 TEST_F(FWUpdateSymbolRefused, ALibraryThatCallsWhatNobodyHasIsRefusedAtOnce)
