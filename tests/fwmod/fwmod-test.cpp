@@ -538,11 +538,11 @@ TEST_F(Fwmod, LibraryThatNoLoaderTakesIsDamaged)
         return std::string(sound).replace(0, sizeof changed, reinterpret_cast<const char*>(&changed),
                                           sizeof changed);
     };
-    const auto withPart = [&](auto change) {
+    const auto withPart = [&](auto change, Elf64_Word type = PT_LOAD) {
         for (std::size_t at = header.e_phoff;; at += header.e_phentsize) {
             Elf64_Phdr part;
             std::memcpy(&part, sound.data() + at, sizeof part);
-            if (part.p_type == PT_LOAD) {
+            if (part.p_type == type) {
                 change(part);
                 return std::string(sound).replace(at, sizeof part, reinterpret_cast<const char*>(&part),
                                                   sizeof part);
@@ -556,6 +556,13 @@ TEST_F(Fwmod, LibraryThatNoLoaderTakesIsDamaged)
         {withPart([](Elf64_Phdr& p) { p.p_offset = 1ULL << 40; }), "the file ends too soon"},
         {withPart([](Elf64_Phdr& p) { p.p_memsz = 1ULL << 40; }), "cannot be 1099511627776 bytes in memory"},
         {withPart([](Elf64_Phdr& p) { p.p_memsz = 1; }), "cannot be 1 bytes in memory"},
+        {withPart([](Elf64_Phdr& p) { p.p_align = 3; }), "cannot be mapped where it belongs"},
+        {withPart([](Elf64_Phdr& p) { p.p_vaddr += 16; }), "cannot be mapped where it belongs"},
+        {withPart([](Elf64_Phdr& p) { p.p_vaddr = 1ULL << 40; }), "program headers contradict each other"},
+        {withPart([](Elf64_Phdr& p) { p.p_vaddr = 1ULL << 40; }, PT_DYNAMIC), "contradict each other"},
+        {withPart([](Elf64_Phdr& p) { p.p_vaddr = 1ULL << 40; }, PT_NOTE), "contradict each other"},
+        {withPart([](Elf64_Phdr& p) { p.p_type = PT_NULL; }, PT_DYNAMIC), "it has no dynamic section"},
+        {withHeader([](Elf64_Ehdr& e) { e.e_phentsize = 55; }), "nothing in it can be loaded"},
         {sound.substr(0, 4), "is a damaged library: the file ends too soon"},
     };
     for (const auto& [bytes, words] : cases) {

@@ -12,6 +12,7 @@
 
 #include "common/daemon/entry-points.h"
 #include "common/files/unique-fd.h"
+#include "src/src/fw-update-library.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/damaged.h"
@@ -105,41 +106,62 @@ std::string mangledNameOf(const std::string& function, const std::set<std::strin
 
 constexpr const char* kTooShort = "the file ends too soon";
 
-// Of a part that is mapped. The dynamic loader crashes where the file ends too soon.
-std::string damageOf(const GElf_Phdr& part, std::uintmax_t fileSize)
+// What the dynamic loader refuses in a part that it is to map.
+std::string refusalOf(const GElf_Phdr& part)
 {
     constexpr GElf_Xword kMostMemory = GElf_Xword{1} << 32;
-    if (part.p_offset > fileSize || part.p_filesz > fileSize - part.p_offset) {
-        return kTooShort;
-    }
+    constexpr GElf_Xword kSmallestPage = 4096;
     if (part.p_memsz < part.p_filesz || part.p_memsz > kMostMemory) {
         return "a part of it cannot be " + std::to_string(part.p_memsz) + " bytes in memory";
+    }
+    if (part.p_align % kSmallestPage != 0 || ((part.p_vaddr - part.p_offset) & (part.p_align - 1)) != 0) {
+        return "a part of it cannot be mapped where it belongs";
     }
     return "";
 }
 
-// The loader goes by the program headers alone, whatever the sections say.
-std::string damageOf(Elf* elf, std::uintmax_t fileSize)
+// False when the file has not what it says.
+bool readParts(Elf* elf, std::vector<GElf_Phdr>& parts)
 {
     std::size_t count = 0;
     if (elf_getphdrnum(elf, &count) != 0) {
+        return false;
+    }
+    GElf_Phdr part;
+    while (parts.size() < count && gelf_getphdr(elf, static_cast<int>(parts.size()), &part) != nullptr) {
+        parts.push_back(part);
+    }
+    return parts.size() == count;
+}
+
+// The loader goes by the program headers alone, whatever the sections say.
+std::string damageOf(Elf* elf, const GElf_Ehdr& header, std::uintmax_t fileSize)
+{
+    std::vector<GElf_Phdr> parts;
+    if (!readParts(elf, parts)) {
         return kTooShort;
     }
-    bool isLoadable = false;
-    for (std::size_t index = 0; index < count; ++index) {
-        GElf_Phdr part;
-        if (gelf_getphdr(elf, static_cast<int>(index), &part) == nullptr) {
-            return kTooShort;
-        }
-        if (part.p_type != PT_LOAD) {
-            continue;
-        }
-        isLoadable = true;
-        if (std::string damage = damageOf(part, fileSize); !damage.empty()) {
-            return damage;
+    std::vector<LibraryPart> known;
+    std::set<GElf_Word> types;
+    for (const GElf_Phdr& part : parts) {
+        known.push_back({part.p_type, part.p_offset, part.p_filesz, part.p_vaddr, part.p_memsz});
+        types.insert(part.p_type);
+    }
+    if (!isWhole(known, fileSize)) {
+        return kTooShort;
+    }
+    for (const GElf_Phdr& part : parts) {
+        if (std::string refusal = part.p_type == PT_LOAD ? refusalOf(part) : ""; !refusal.empty()) {
+            return refusal;
         }
     }
-    return isLoadable ? "" : "nothing in it can be loaded: it has no program headers for that";
+    if (types.count(PT_LOAD) == 0 || header.e_phentsize != gelf_fsize(elf, ELF_T_PHDR, 1, EV_CURRENT)) {
+        return "nothing in it can be loaded: it has no program headers for that";
+    }
+    if (types.count(PT_DYNAMIC) == 0) {
+        return "it has no dynamic section: link it as a shared library";
+    }
+    return isConsistent(known) ? "" : "its program headers contradict each other";
 }
 
 // The program's own header says what this machine is.
@@ -175,7 +197,7 @@ ControlLibrary readControlLibrary(const std::filesystem::path& file)
                            isForThisMachine(header),
                            file.stem(),
                            buildIdOf(elf.get()),
-                           damageOf(elf.get(), std::filesystem::file_size(file)),
+                           damageOf(elf.get(), header, std::filesystem::file_size(file)),
                            {}};
     for (const common::EntryPoint& entry : common::kEntryPoints) {
         library.entryPoints.push_back(
