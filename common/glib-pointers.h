@@ -24,6 +24,7 @@ struct GlibDeleter {
     void operator()(GSocketConnection* connection) const { g_object_unref(connection); }
     void operator()(GCancellable* cancellable) const { g_object_unref(cancellable); }
     void operator()(GDateTime* time) const { g_date_time_unref(time); }
+    void operator()(GDBusMessage* message) const { g_object_unref(message); }
     void operator()(GDBusMethodInvocation* invocation) const { g_object_unref(invocation); }
 };
 
