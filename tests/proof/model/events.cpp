@@ -268,6 +268,15 @@ std::string randomEvent(std::mt19937_64& random)
     return kEvents[0].event;
 }
 
+std::vector<std::string> eventNames()
+{
+    std::vector<std::string> names;
+    for (const Weighted& one : kEvents) {
+        names.emplace_back(one.event);
+    }
+    return names;
+}
+
 const std::vector<std::string>& fewEvents()
 {
     static const std::vector<std::string> few = {"tick",      "wait:6000", "jump:600",    "power:0>2",

@@ -25,6 +25,8 @@ Television televisionOf(const std::string& set);
 
 std::string randomSet(std::mt19937_64& random);
 std::string randomEvent(std::mt19937_64& random);
+// All that come by chance.
+std::vector<std::string> eventNames();
 // For every sequence of some length: the events that change most.
 const std::vector<std::string>& fewEvents();
 
