@@ -234,11 +234,6 @@ fs::path SetContents::outside(const std::string& path) const
                                  "/home, /root and /usr/fwupdate");
 }
 
-void SetContents::giveToCaller() const
-{
-    attempt("the set cannot be given to its caller", [&] { giveTree(set_, geteuid(), getegid()); });
-}
-
 void SetContents::write(const std::string& path, const std::string& content) const
 {
     const auto make = [&content](const fs::path& unfinished) {

@@ -47,8 +47,6 @@ public:
     // directory of the set.
     void put(const std::filesystem::path& from, const std::string& directory,
              const std::string& name = "") const;
-    // What root has made for a set without root, which has one user.
-    void giveToCaller() const;
 
     enum class Controls { kProduct, kSystem };
     enum class Place { kFeed, kDelivered };

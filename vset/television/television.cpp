@@ -225,9 +225,6 @@ void Television::Inside::makeSet(const Making& making)
     }
     words.emplace_back(directory);
     vset::runOrThrow(words);
-    if (making.isRootless && geteuid() == 0) {
-        contents().giveToCaller();
-    }
 }
 
 vset::Boot Television::Inside::boot() const
