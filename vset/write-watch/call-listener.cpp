@@ -109,8 +109,8 @@ void CallFilter::submit(int socket)
         fail("cannot hand over the filter");
     }
     if (others_ == Others::kHeld) {
-        check(seccomp_rule_add(filter_.get(), SCMP_ACT_ALLOW, SCMP_SYS(sendmsg), 1,
-                               SCMP_A0_32(SCMP_CMP_EQ, static_cast<scmp_datum_t>(way))),
+        const scmp_arg_cmp isWay{0, SCMP_CMP_EQ, static_cast<scmp_datum_t>(way), 0};
+        check(seccomp_rule_add_array(filter_.get(), SCMP_ACT_ALLOW, SCMP_SYS(sendmsg), 1, &isWay),
               "cannot make the filter");
     }
     check(seccomp_load(filter_.get()),
