@@ -170,6 +170,10 @@ int list(const CrashCampaign& campaign, const Options& options)
     for (const proof::CrashPromise& promise : proof::crashPromises()) {
         printf("    %-8s %s\n", promise.name, promise.text);
     }
+    printf("Where it does not when a call fails, and why:\n");
+    for (const proof::CrashException& exception : proof::crashExceptions()) {
+        printf("    %-8s %s: %s\n", exception.promise, exception.text, exception.reason);
+    }
     return 0;
 }
 

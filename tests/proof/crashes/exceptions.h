@@ -11,9 +11,7 @@ namespace proof
 
 struct CrashException {
     const char* promise;
-    const char* text;  // of the breach, in part
-    const char* calls; // separated by blanks; "" for any
-    const char* error; // "" for any
+    const char* text; // of the breach, in part
     const char* reason;
 };
 const std::vector<CrashException>& crashExceptions();

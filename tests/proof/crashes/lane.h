@@ -72,6 +72,7 @@ private:
     Leftovers leftovers();
     void judgeFirmware(const char* when);
     void judgeKilled();
+    bool isSubscribed(const char* event) const;
     void judgeFailing();
     void judgeEnd();
     void judgeDoctor(const Leftovers& left, const char* when);
