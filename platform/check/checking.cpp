@@ -209,8 +209,9 @@ std::vector<const ListedTrial*> Checker::chosen() const
 
 std::vector<std::string> Checker::argumentsOf(const ListedTrial& trial, const fs::path& page) const
 {
-    const fs::path content =
-        options_.image.empty() ? companion("platform-check.content", "share/tarnwick-platform-check") : "";
+    const auto own = [this](const char* name) {
+        return options_.image.empty() ? companion(name, "share/tarnwick-platform-check") : fs::path();
+    };
     const fs::path directory = options_.directory.empty()
                                    ? usualDirectory(work_.path())
                                    : fs::absolute(options_.directory) / "empPlatformCheck";
@@ -219,7 +220,9 @@ std::vector<std::string> Checker::argumentsOf(const ListedTrial& trial, const fs
         work_.path(), "--directory", directory, "--token", std::to_string(getpid())};
     const std::pair<const char*, std::string> more[] = {
         {"--image", image_.path()},
-        {"--content", content},
+        {"--content", own("platform-check.content")},
+        {"--other", own("platform-check-other.img")},
+        {"--other-content", own("platform-check-other.content")},
         {"--package", options_.package},
         {"--seconds", options_.seconds > 0 ? std::to_string(options_.seconds) : ""}};
     for (const auto& [option, value] : more) {
@@ -245,6 +248,8 @@ std::vector<std::string> Checker::argumentsOf(const ListedTrial& trial, const fs
         setenv("LD_PRELOAD",
                (preload.string() + (others == nullptr ? "" : std::string(":") + others)).c_str(), 1);
     }
+    // What the C library keeps for each thread after free() counts as allocated, and fills up for long.
+    setenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0", 1);
     execv(words[0], words.data());
     dprintf(STDERR_FILENO, "%s cannot be started: %s\n", words[0], std::strerror(errno));
     _exit(127);

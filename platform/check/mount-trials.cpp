@@ -177,10 +177,9 @@ void judgeOptions(Trial& trial, const fs::path& directory)
                   "\"nosuid\" is not among its options");
 }
 
-void judgeContent(Trial& trial, const fs::path& directory)
+void judgeContent(Trial& trial, const fs::path& directory, const fs::path& content)
 {
     std::error_code error;
-    const fs::path& content = trial.options().content;
     if (content.empty()) {
         const bool isEmpty = fs::is_empty(directory, error);
         trial.require(!isEmpty && !error, FindingId::WrongContent, "the directory is empty");
@@ -199,6 +198,19 @@ void judgeBusy(Trial& trial, const fs::path& directory)
     trial.require(isThere, FindingId::BusyUnmounted, "a directory of it was open: " + busy.text());
 }
 
+// The length says where the path ends, whatever stands behind it.
+void judgeLength(Trial& trial, const fs::path& directory)
+{
+    const std::string path = directory.string();
+    GuardedBuffer longer("the directory", path + "-behind-its-end");
+    Answer answer;
+    answer.returned = trial.call("PS_Umount", [&] {
+        return PS_Umount(longer.as<const char>(), static_cast<int>(path.size()), 0, &answer.result);
+    });
+    trial.require(answer.ok() && !isMounted(directory), FindingId::ReadPastLength,
+                  "with other bytes behind the last one: " + answer.text());
+}
+
 void tryMount(Trial& trial)
 {
     if (trial.options().image.empty()) {
@@ -214,27 +226,31 @@ void tryMount(Trial& trial)
     const std::string source = mountedAt(place.path()).back();
     trial.require(source.rfind("/dev/loop", 0) == 0, FindingId::NotALoopDevice, source);
     judgeOptions(trial, place.path());
-    judgeContent(trial, place.path());
+    judgeContent(trial, place.path(), trial.options().content);
     judgeBusy(trial, place.path());
     if (isMounted(place.path())) {
         unmountSoundly(trial, place.path());
     }
-    for (int time = 0; time < 3 && mountSoundly(trial, image, place.path()); ++time) {
-        judgeContent(trial, place.path());
+    if (mountSoundly(trial, image, place.path())) {
+        judgeLength(trial, place.path());
+    }
+    for (int time = 0; time < 3 && !isMounted(place.path()) && mountSoundly(trial, image, place.path());
+         ++time) {
+        judgeContent(trial, place.path(), trial.options().content);
         unmountSoundly(trial, place.path());
     }
 }
 
-// The image once more beside itself, by a name as long as a package's may be; the image itself where that
+// An image where packages lie, by a name as long as a package's may be; the image itself where that
 // cannot be made.
 class LongNamed
 {
 public:
-    explicit LongNamed(const fs::path& image) : path_(image)
+    LongNamed(const fs::path& image, const fs::path& packages) : path_(image)
     {
         std::error_code error;
-        const fs::path copy = image.parent_path() / ("emp" + std::string(120, 'L') + ".img");
-        if (access(image.parent_path().c_str(), W_OK | X_OK) == 0 && fs::copy_file(image, copy, error)) {
+        const fs::path copy = packages / ("emp" + std::string(120, 'L') + ".img");
+        if (access(packages.c_str(), W_OK | X_OK) == 0 && fs::copy_file(image, copy, error)) {
             path_ = copy;
             isCopy_ = true;
         }
@@ -259,15 +275,17 @@ void tryTwoMounts(Trial& trial)
     if (trial.options().image.empty()) {
         return;
     }
-    const LongNamed longNamed(trial.options().image);
+    const bool hasOther = !trial.options().other.empty();
+    const LongNamed longNamed(hasOther ? trial.options().other : trial.options().image,
+                              trial.options().image.parent_path());
     const MountPoint first(trial, "");
     const MountPoint second(trial, "2");
     if (!mountSoundly(trial, trial.options().image, first.path()) ||
         !mountSoundly(trial, longNamed.path(), second.path())) {
         return;
     }
-    judgeContent(trial, first.path());
-    judgeContent(trial, second.path());
+    judgeContent(trial, first.path(), trial.options().content);
+    judgeContent(trial, second.path(), hasOther ? trial.options().otherContent : trial.options().content);
     unmountSoundly(trial, first.path());
     trial.require(isMounted(second.path()), FindingId::OtherUnmounted,
                   second.path().string() + " is gone with " + first.path().string());

@@ -1,6 +1,7 @@
 // pwrctl.h.
 
 #include <algorithm>
+#include <atomic>
 #include <gio/gio.h>
 #include <thread>
 #include <unistd.h>
@@ -59,6 +60,18 @@ int onPowerOff(pwrctl_poweroff_info* info, void* data)
 int otherState(pwrctl_state_info* info, void* data)
 {
     return onState(info, data);
+}
+
+Trial* trialOfCallbacks = nullptr;
+std::atomic<int> endedItself{0};
+
+// As the daemon's does, which ends the service.
+int onStateOnce(pwrctl_state_info*, void*)
+{
+    trialOfCallbacks->call("pwrctl_unsubscribe_state_changed_event",
+                           [] { return pwrctl_unsubscribe_state_changed_event(onStateOnce); });
+    ++endedItself;
+    return 0;
 }
 
 int state(Trial& trial)
@@ -209,10 +222,14 @@ void tryChanges(Trial& trial)
     }
     followChanges(trial, 2);
     end(trial, kStateCalls);
+    trialOfCallbacks = &trial;
+    trial.call("pwrctl_subscribe_state_changed_event",
+               [] { return pwrctl_subscribe_state_changed_event(onStateOnce, nullptr); });
     const int before = state(trial);
-    trial.iterate(std::chrono::seconds(std::min(trial.options().seconds, 5U)),
-                  [&] { return state(trial) != before; });
+    trial.iterate(std::chrono::seconds(trial.options().seconds), [&] { return state(trial) != before; });
     trial.iterate(500ms);
+    trial.require(state(trial) == before || endedItself > 0, FindingId::EventMissed,
+                  "by the second of two callbacks, after the end of the first one");
     trial.require(taken(stateEvents).empty(), FindingId::EventAfterEnd, "a change was told after the end");
 }
 

@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <gio/gio.h>
 #include <set>
+#include <unistd.h>
 
 #include "common/glib-pointers.h"
 #include "platform/check/trial.h"
@@ -72,6 +73,20 @@ struct Name {
     bool isLost = false;
 };
 
+// The process that has it; 0 when the bus does not say.
+guint32 ownerOfName(GDBusConnection* bus)
+{
+    const common::GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
+        bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "GetConnectionUnixProcessID", g_variant_new("(s)", kBusName), G_VARIANT_TYPE("(u)"),
+        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr));
+    guint32 process = 0;
+    if (reply != nullptr) {
+        g_variant_get(reply.get(), "(u)", &process);
+    }
+    return process;
+}
+
 void tryName(Trial& trial)
 {
     common::ErrorSlot error;
@@ -88,6 +103,10 @@ void tryName(Trial& trial)
     gboolean isOwned = FALSE;
     if (reply != nullptr) {
         g_variant_get(reply.get(), "(b)", &isOwned);
+    }
+    if (isOwned != FALSE && ownerOfName(bus.get()) == static_cast<guint32>(getpid())) {
+        trial.found(FindingId::NameRefused, "a library of this process has taken it for itself");
+        return;
     }
     if (isOwned != FALSE) {
         trial.refuse("the daemon runs on this set and uses what is to be checked: end it, or check before it "

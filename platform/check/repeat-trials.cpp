@@ -10,6 +10,7 @@
 #include <fstream>
 #include <gio/gio.h>
 #include <malloc.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -17,6 +18,7 @@
 
 #include "appbinary_manager.h"
 #include "applaunch.h"
+#include "common/files/unique-fd.h"
 #include "flagpost.h"
 #include "hangwatch.h"
 #include "norlog.h"
@@ -35,6 +37,7 @@ namespace
 {
 
 constexpr const char* kStatus = "memory/ep_firmware_update_app/fw_update_status";
+constexpr const char* kWorking = "memory/enterprise/swupgrade/working_status";
 constexpr const char* kProgress = "memory/ep_firmware_update_app/fw_update_progress";
 
 // ---- What grows ----
@@ -342,6 +345,20 @@ std::vector<TrialKind> kindsOf(std::index_sequence<indices...>)
 
 // ---- Together ----
 
+// A descriptor of this thread's own: whoever closes a number twice, or one that is not his, closes it now and
+// then.
+bool keepDescriptor()
+{
+    const common::UniqueFd own(memfd_create("platform-check", MFD_CLOEXEC));
+    struct stat before = {};
+    struct stat after = {};
+    if (own.get() < 0 || fstat(own.get(), &before) != 0) {
+        return true; // there is none to be had
+    }
+    std::this_thread::sleep_for(200us);
+    return fstat(own.get(), &after) == 0 && before.st_ino == after.st_ino && before.st_dev == after.st_dev;
+}
+
 // What one thread does: whether it got what it must.
 using Work = std::function<bool()>;
 
@@ -350,6 +367,14 @@ bool writeAndRead(Trial& trial, const char* key, int value)
     int read = -1;
     return trial.call("pralis_set_int", [=] { return pralis_set_int(key, value); }) == 0 &&
            trial.call("pralis_get_int", [&] { return pralis_get_int(key, &read); }) == 0 && read == value;
+}
+
+constexpr int kResting = 321;
+
+bool readResting(Trial& trial, const char* key)
+{
+    int read = -1;
+    return trial.call("pralis_get_int", [&] { return pralis_get_int(key, &read); }) == 0 && read == kResting;
 }
 
 bool raiseAndLower(Trial& trial, const char* flag)
@@ -391,25 +416,29 @@ bool makeRequest(Trial& trial)
 struct Worker {
     const char* what;
     Work work;
+    FindingId otherwise = FindingId::NotTogether;
 };
 
 void runTogether(Trial& trial, const std::vector<Worker>& workers)
 {
+    constexpr int kRounds = 60; // of each, or so
+    std::atomic<int> rounds{0};
     std::atomic<bool> isOver{false};
     std::vector<std::thread> threads;
     for (const Worker& worker : workers) {
-        threads.emplace_back([&trial, &worker, &isOver] {
+        threads.emplace_back([&trial, &worker, &rounds, &isOver] {
             while (!isOver) {
                 if (!worker.work()) {
-                    trial.found(FindingId::NotTogether,
+                    trial.found(worker.otherwise,
                                 std::string(worker.what) + ": wrong beside other calls, and right alone");
                     return;
                 }
+                ++rounds;
                 std::this_thread::sleep_for(1ms); // the machine is for others, too
             }
         });
     }
-    trial.iterate(400ms);
+    trial.iterate(4s, [&] { return rounds >= kRounds * static_cast<int>(workers.size()); });
     isOver = true;
     for (std::thread& thread : threads) {
         thread.join();
@@ -418,6 +447,7 @@ void runTogether(Trial& trial, const std::vector<Worker>& workers)
 
 void tryTogether(Trial& trial)
 {
+    trial.call("pralis_set_int", [] { return pralis_set_int(kWorking, kResting); });
     const std::vector<Worker> all = {
         {"a key",
          [&] {
@@ -434,6 +464,9 @@ void tryTogether(Trial& trial)
         {"a lock of kind 0", [&] { return lockAndUnlock(trial, 0); }},
         {"a lock of kind 2", [&] { return lockAndUnlock(trial, 2); }},
         {"the power state", [&] { return trial.call("pwrctl_get_state", pwrctl_get_state) >= 0; }},
+        {"a key that nobody writes", [&] { return readResting(trial, kWorking); }},
+        {"a descriptor of others", keepDescriptor, FindingId::DescriptorClosed},
+        {"a descriptor of others", keepDescriptor, FindingId::DescriptorClosed},
         {"the version", [&] { return readVersion(trial); }},
         {"the version", [&] { return readVersion(trial); }},
         {"a launch", [&] { return makeRequest(trial); }},

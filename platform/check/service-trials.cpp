@@ -1,5 +1,6 @@
 // flagpost.h, hangwatch.h, sysprop.h, appbinary_manager.h, applaunch.h.
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -101,6 +102,7 @@ void tryWatchdog(Trial& trial)
                            "with " + std::to_string(kPeriod) + resultIs(registered))) {
             return;
         }
+        trial.iterate(time == 0 ? 5200ms : 0ms); // the daemon's first notice comes after five seconds
         for (int notice = 0; notice < 3; ++notice) {
             const int notified = trial.result("hangwatch_watchdog_notify", hangwatch_watchdog_notify);
             trial.require(notified == 0, FindingId::WatchdogNotNotified, "notified" + resultIs(notified));
@@ -186,13 +188,47 @@ bool request(Trial& trial, const std::string& package)
     return isTaken;
 }
 
+// The daemon asks for none, but another program of the same set may, and the next version of this one.
+struct PackageEnd {
+    std::atomic<int> calls{0};
+    std::atomic<pid_t> thread{0};
+    std::atomic<bool> isInsideCall{false};
+};
+
+void onPackage(const std::string&, int, void* data)
+{
+    auto* const end = static_cast<PackageEnd*>(data);
+    end->thread = gettid();
+    end->isInsideCall = Trial::isInsideCall();
+    ++end->calls;
+}
+
+void judgePackageCallback(Trial& trial, const std::string& package)
+{
+    static PackageEnd end; // the callback may come at any time
+    const bool isTaken = trial.call("ABM_DownloadAppBinary", [&] {
+        return appbinaryManager::ABM_DownloadAppBinary(onPackage, &end, package);
+    });
+    trial.iterate(2s, [] { return end.calls > 0; });
+    trial.require(end.calls == 0 || end.thread == getpid(), FindingId::PackageCallback,
+                  "on thread " + std::to_string(end.thread) + ", while the main loop runs on " +
+                      std::to_string(getpid()));
+    trial.require(!end.isInsideCall, FindingId::PackageCallback, "inside the call that asks for the package");
+    trial.require(isTaken || end.calls == 0, FindingId::PackageCallback, "of a request that was not taken");
+}
+
 void tryPackages(Trial& trial)
 {
     const std::string& known = trial.options().package;
     const std::string package = known.empty() ? "empTarnwickPlatformCheck" : known;
-    trial.require(request(trial, package), FindingId::PackageRefused,
-                  package + (known.empty() ? ", which the store may not have" : ""));
+    const bool isTaken = request(trial, package);
+    if (known.empty() && !isTaken) {
+        trial.note("a package that the store may not have is refused: give one that it has with --package");
+    } else {
+        trial.require(isTaken, FindingId::PackageRefused, package);
+    }
     trial.iterate(700ms); // its end has nobody to be told to
+    judgePackageCallback(trial, package);
     request(trial, "emp" + std::string(200, 'X'));
     trial.iterate(300ms);
 }

@@ -139,6 +139,8 @@ void judgeProcess(Trial& trial, const common::ProcessState& before, const Sentin
             trial.found(findingOf(change.kind), change.seen);
         }
     }
+    trial.require(g_main_context_get_thread_default() == nullptr, FindingId::ContextLeft,
+                  "the calling thread has another default main context than before");
     const int lost = sentinels.firstLost();
     trial.require(lost < 0, FindingId::DescriptorClosed, "number " + std::to_string(lost));
 }
@@ -184,6 +186,8 @@ int main(int argc, char** argv)
     program.path("--work", options.work, "A directory to work in").required();
     program.path("--image", options.image, "The image to mount");
     program.path("--content", options.content, "What the image's file \"content\" holds");
+    program.path("--other", options.other, "A second image");
+    program.path("--other-content", options.otherContent, "What its file \"content\" holds");
     program.path("--directory", options.directory, "Where it is mounted");
     program.text("--package", options.package, "The package to ask for");
     program.number("--token", options.token, common::Range<unsigned int>{0, 999999999}, "The check's number");

@@ -23,10 +23,12 @@ using namespace std::chrono_literals;
 
 // What the trials are told on their command line.
 struct TrialOptions {
-    std::filesystem::path page;      // the file of its TrialPage
-    std::filesystem::path work;      // a directory of this check
-    std::filesystem::path image;     // to be mounted; may be empty
-    std::filesystem::path content;   // what a file in it holds; empty when that is not known
+    std::filesystem::path page;    // the file of its TrialPage
+    std::filesystem::path work;    // a directory of this check
+    std::filesystem::path image;   // to be mounted; may be empty
+    std::filesystem::path content; // what a file in it holds; empty when that is not known
+    std::filesystem::path other;   // a second image, to be mounted beside it; may be empty
+    std::filesystem::path otherContent;
     std::filesystem::path directory; // where it is mounted
     std::string package;             // to be asked for; empty: one that no store has
     unsigned int token = 0;          // of this check: two trials of one check have the same
