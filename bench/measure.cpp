@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <sys/resource.h>
 #include <vector>
 
@@ -40,6 +41,21 @@ void repeat(benchmark::State& state, const std::function<void(Sample&)>& once)
         }
     }
 }
+
+// The runs alone: what the library computes of them may be no number, and no JSON then.
+class RunsAsJson : public benchmark::JSONReporter
+{
+public:
+    void ReportRuns(const std::vector<Run>& reports) override
+    {
+        std::vector<Run> runs;
+        std::copy_if(reports.begin(), reports.end(), std::back_inserter(runs),
+                     [](const Run& run) { return run.run_type == Run::RT_Iteration; });
+        if (!runs.empty()) {
+            JSONReporter::ReportRuns(runs);
+        }
+    }
+};
 
 // Takes the word out of the arguments.
 bool take(std::vector<char*>& arguments, const char* word)
@@ -93,10 +109,11 @@ int main(int argc, char** argv, const std::function<void()>& declare)
 {
     std::vector<char*> arguments(argv, argv + argc);
     isOnce = take(arguments, "--once");
+    const bool isJson = take(arguments, "--json");
     std::string defaults[] = {isOnce ? "--benchmark_repetitions=1" : "--benchmark_repetitions=21",
                               "--benchmark_enable_random_interleaving=true",
-                              isOnce ? "--benchmark_report_aggregates_only=false"
-                                     : "--benchmark_report_aggregates_only=true"};
+                              isOnce || isJson ? "--benchmark_report_aggregates_only=false"
+                                               : "--benchmark_report_aggregates_only=true"};
     for (std::string& option : defaults) {
         arguments.insert(arguments.begin() + 1, option.data()); // the last of a kind counts
     }
@@ -112,7 +129,9 @@ int main(int argc, char** argv, const std::function<void()>& declare)
         fprintf(stderr, "%s: %s\n", argv[0], error.what());
         return 1;
     }
-    const size_t measured = benchmark::RunSpecifiedBenchmarks();
+    RunsAsJson json;
+    const size_t measured =
+        isJson ? benchmark::RunSpecifiedBenchmarks(&json) : benchmark::RunSpecifiedBenchmarks();
     return measured == 0 || hasFailed ? 1 : 0;
 }
 

@@ -3,7 +3,8 @@
 //
 //   ROW-bench                  21 repetitions: a table with medians
 //   ROW-bench --once           each once and on little, for its function: the figures mean nothing
-//   ROW-bench --benchmark_...  as the options of Google Benchmark say, such as --benchmark_format=json
+//   ROW-bench --json           every run as JSON, as Google Benchmark writes it
+//   ROW-bench --benchmark_...  as the options of Google Benchmark say
 //
 // Times are in milliseconds. One thread.
 #ifndef BENCH_MEASURE_H

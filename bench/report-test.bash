@@ -17,7 +17,7 @@ must grep -q 'holds no figures' "$work/errors"
 
 for row in "$@"; do
     name=${row##*/}
-    "$row" --once --benchmark_format=json --benchmark_repetitions=3 >"$work/${name%-bench}.json" 2>"$work/errors"
+    "$row" --once --json --benchmark_repetitions=3 >"$work/${name%-bench}.json" 2>"$work/errors"
 done
 printf 'Before\n<!-- measured: scripts/measure speed writes from here on -->\nold\n<!-- to here -->\nAfter\n' >"$work/document.md"
 for _ in 1 2; do # the second time finds the marks where the first has left them
@@ -25,6 +25,7 @@ for _ in 1 2; do # the second time finds the marks where the first has left them
 done
 must grep -q 'checksum of 256 MiB .* raw reads .* byte-wise template .* 0.22 of the peer: ' "$work/table"
 must grep -q '3 alternating runs' "$work/table"
+must grep -q 'wake-ups, idle .* bare service with a heartbeat' "$work/table"
 must grep -q '"byteWiseTemplate"' "$work/all"
 must grep -q '"runs": 3\|"runs" : 3' "$work/all"
 must grep -q '^</svg>$' "$work/picture.svg"
