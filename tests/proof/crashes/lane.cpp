@@ -392,6 +392,8 @@ bool Lane::isSubscribed(const char* event) const
 void Lane::judgeFailing()
 {
     if (!isAtRest()) {
+        clockRate = 1; // the set leaves its programs a second to react
+        quicken();
         const bool isTold = isSubscribed("poweroff");
         tv.powerOff(); // what ends every service that hears of it
         if (!said("service finalize")) {
