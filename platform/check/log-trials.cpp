@@ -23,6 +23,9 @@ namespace platformcheck
 namespace
 {
 
+// Not __FILE__, which would tell where this program was built.
+constexpr const char* kHere = "log-trials.cpp";
+
 constexpr int kSystemBuffer = 2;
 constexpr int kError = 6;
 constexpr std::size_t kLongText = 6000;
@@ -93,7 +96,7 @@ int errnoAfter = 0;
                                int result = 0;                                                               \
                                errno = kHeld;                                                                \
                                if (isTrace) {                                                                \
-                                   TRACE_RECORD(priority, __VA_ARGS__);                                      \
+                                   TraceLogger::record(priority, kHere, __func__, __LINE__, __VA_ARGS__);    \
                                } else {                                                                      \
                                    result =                                                                  \
                                        __norlog_print(kSystemBuffer, priority, "FWUPDATE", __VA_ARGS__);     \
@@ -116,8 +119,9 @@ void logOnThreads(Trial& trial, bool isTrace, unsigned int token)
             for (int number = 0; number < kRecordsOfThread; ++number) {
                 trial.call(isTrace ? "TraceLogger::record" : "__norlog_print", [&] {
                     if (isTrace) {
-                        TRACE_RECORD(kError, "thread %d, %u, record %03d %s end", thread, token, number,
-                                     kThreadText);
+                        TraceLogger::record(kError, kHere, __func__, __LINE__,
+                                            "thread %d, %u, record %03d %s end", thread, token, number,
+                                            kThreadText);
                         return 0;
                     }
                     return __norlog_print(kSystemBuffer, kError, "FWUPDATE",

@@ -36,6 +36,9 @@ namespace platformcheck
 namespace
 {
 
+// Not __FILE__, which would tell where this program was built.
+constexpr const char* kHere = "repeat-trials.cpp";
+
 constexpr const char* kStatus = "memory/ep_firmware_update_app/fw_update_status";
 constexpr const char* kWorking = "memory/enterprise/swupgrade/working_status";
 constexpr const char* kProgress = "memory/ep_firmware_update_app/fw_update_progress";
@@ -311,7 +314,9 @@ void platformLogOnce(Trial& trial)
 
 void traceLogOnce(Trial& trial)
 {
-    trial.call("TraceLogger::record", [] { TRACE_RECORD(3, "%s: %d", "the check of the platform logs", 7); });
+    trial.call("TraceLogger::record", [] {
+        TraceLogger::record(3, kHere, __func__, __LINE__, "%s: %d", "the check of the platform logs", 7);
+    });
 }
 
 constexpr Repeated kRepeated[] = {

@@ -6,7 +6,7 @@ _tarnwick-platform-check()
     if [[ $current == -* ]]; then
         words=$(tarnwick-platform-check --help 2>/dev/null | grep -o -- '--[a-z][a-z-]*' | sort -u)
     elif [[ $previous == --trial ]]; then
-        words=$(tarnwick-platform-check --trial ? 2>&1 | sed 's/.*": //; s/,//g')
+        words=$(tarnwick-platform-check --trial "?" 2>&1 | sed 's/.*": //; s/,//g')
     else
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         return
