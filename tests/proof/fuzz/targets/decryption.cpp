@@ -19,8 +19,13 @@ constexpr unsigned char kIv[16] = {4, 5, 6};
 constexpr int kTrailer = 534;
 constexpr int kUntouched = -7;
 
+// Nobody else releases it, and nobody must find it afterwards.
 struct Free {
-    void operator()(void* memory) const { std::free(memory); }
+    void operator()(void* memory) const
+    {
+        cipher_buf_all = nullptr;
+        std::free(memory);
+    }
 };
 
 std::vector<unsigned char> inOnePiece(std::string_view content, int isEncrypted)
