@@ -21,6 +21,7 @@
 
 #include "common/errors.h"
 #include "common/process/pipe.h"
+#include "common/process/process-stat.h"
 
 namespace common
 {
@@ -36,22 +37,6 @@ struct CloseDirectory {
     void operator()(DIR* directory) const { closedir(directory); }
 };
 
-// 0 when there is no such process, or it has ended.
-pid_t parentOf(const char* process)
-{
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(
-        std::fopen(("/proc/" + std::string(process) + "/stat").c_str(), "re"), &std::fclose);
-    std::array<char, 512> text{};
-    if (!file || std::fread(text.data(), 1, text.size() - 1, file.get()) == 0) {
-        return 0;
-    }
-    const char* const nameEnd = std::strrchr(text.data(), ')'); // a name may have anything in it
-    char state = 0;
-    int parent = 0;
-    const bool isRead = nameEnd != nullptr && std::sscanf(nameEnd, ") %c %d", &state, &parent) == 2;
-    return isRead && state != 'Z' && state != 'X' ? parent : 0;
-}
-
 std::vector<pid_t> ownChildren()
 {
     std::vector<pid_t> found;
@@ -59,7 +44,9 @@ std::vector<pid_t> ownChildren()
     const dirent* entry = nullptr;
     while (processes && (entry = readdir(processes.get())) != nullptr) {
         const pid_t process = std::atoi(entry->d_name);
-        if (process > 0 && parentOf(entry->d_name) == getpid()) {
+        const std::optional<ProcessStat> stat =
+            process > 0 ? readProcessStat("/proc/" + std::to_string(process)) : std::nullopt;
+        if (stat && !stat->hasEnded() && stat->parent == getpid()) {
             found.push_back(process);
         }
     }
@@ -294,7 +281,11 @@ void ContainedProcess::kill() const
 // True when the watcher has reported the end.
 bool ContainedProcess::hear()
 {
-    ::kill(watcher_, SIGCONT); // it heeds no signal, but a SIGSTOP it must
+    constexpr std::chrono::milliseconds kPause{100}; // each wakes it, and this is asked for every line
+    if (const Clock::time_point now = Clock::now(); now - woken_ >= kPause) {
+        woken_ = now;
+        ::kill(watcher_, SIGCONT); // it heeds no signal, but a SIGSTOP it must
+    }
     pollfd news{report_, POLLIN, 0};
     if (poll(&news, 1, 0) <= 0) {
         return false;

@@ -63,7 +63,8 @@ private:
     pid_t watcher_ = -1;
     pid_t process_ = -1;
     int output_ = -1;
-    int report_ = -1; // of the watcher
+    int report_ = -1;                             // of the watcher
+    std::chrono::steady_clock::time_point woken_; // the watcher, last
     std::optional<End> end_;
 };
 

@@ -13,6 +13,8 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "common/process/process-stat.h"
+
 namespace common
 {
 
@@ -98,10 +100,8 @@ std::size_t runningTimers()
 
 bool isAsleep(pid_t thread)
 {
-    std::ifstream in("/proc/self/task/" + std::to_string(thread) + "/stat");
-    const std::string text{std::istreambuf_iterator<char>(in), {}};
-    const std::size_t name = text.rfind(") "); // the name may hold anything
-    return name != std::string::npos && (text[name + 2] == 'S' || text[name + 2] == 'D');
+    const std::optional<ProcessStat> stat = readProcessStat("/proc/self/task/" + std::to_string(thread));
+    return stat && stat->isAsleep();
 }
 
 std::string signalName(int signal)

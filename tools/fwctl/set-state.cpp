@@ -14,7 +14,6 @@
 #include <json/json.h>
 #include <pwd.h>
 #include <semaphore.h>
-#include <sstream>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -22,6 +21,7 @@
 
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
+#include "common/process/process-stat.h"
 
 namespace fwctl
 {
@@ -87,21 +87,15 @@ std::optional<Json::Value> askPlatform(GDBusConnection* bus)
     return common::parseJsonObject(text);
 }
 
-// Seconds since a process started; field 22 of its "stat", counted behind the name, which may hold anything.
+// Seconds since a process started.
 long ageOf(pid_t pid)
 {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    std::istringstream fields(text.substr(std::min(text.size(), text.rfind(')') + 1)));
-    std::string skipped;
-    for (int field = 3; field < 22; ++field) {
-        fields >> skipped;
-    }
-    long ticks = 0;
+    const auto stat = common::readProcessStat("/proc/" + std::to_string(pid));
     double uptime = 0;
-    fields >> ticks;
     std::ifstream("/proc/uptime") >> uptime;
-    return std::max(0L, static_cast<long>(uptime) - ticks / sysconf(_SC_CLK_TCK));
+    const unsigned long long start =
+        stat ? stat->startTicks / static_cast<unsigned>(sysconf(_SC_CLK_TCK)) : 0;
+    return std::max(0L, static_cast<long>(uptime) - static_cast<long>(start));
 }
 
 // A virtual set has a time of its own, of which the kernel's figures know nothing; its platform tells when
@@ -289,10 +283,8 @@ SemaphoreUsers findSemaphoreUsers()
 
 bool isRunning(pid_t process)
 {
-    std::ifstream stat("/proc/" + std::to_string(process) + "/stat");
-    const std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    const std::size_t name = text.rfind(')'); // "412 (name) S ...": the name may hold anything
-    return name != std::string::npos && name + 2 < text.size() && text[name + 2] != 'Z';
+    const auto stat = common::readProcessStat("/proc/" + std::to_string(process));
+    return stat && !stat->hasEnded();
 }
 
 } // namespace fwctl
