@@ -1,5 +1,6 @@
 #include "common/json-text.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <glib.h>
 #include <json/json.h>
@@ -42,6 +43,10 @@ std::string escaped(char32_t character)
 // Outside of its strings a JSON text has ASCII alone, with line ends and blanks.
 std::string withoutHidden(const std::string& text)
 {
+    const auto isPlain = [](char c) { return c >= 0 && c < 0x7f; };
+    if (std::all_of(text.begin(), text.end(), isPlain)) {
+        return text; // nearly always
+    }
     std::string shown;
     const char* at = text.c_str();
     while (*at != '\0') {
@@ -54,17 +59,41 @@ std::string withoutHidden(const std::string& text)
     return shown;
 }
 
-std::string write(const Json::Value& value, const char* indentation)
+Json::StreamWriterBuilder writerWith(const char* indentation)
 {
     Json::StreamWriterBuilder writer;
     writer["indentation"] = indentation;
     writer["emitUTF8"] = true;
+    return writer;
+}
+
+std::string write(const Json::Value& value, const Json::StreamWriterBuilder& writer)
+{
     std::string text = Json::writeString(writer, value);
     if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) == FALSE) {
         const GlibPointer<char> valid(g_utf8_make_valid(text.data(), static_cast<gssize>(text.size())));
         text = valid.get();
     }
     return withoutHidden(text);
+}
+
+} // namespace
+
+namespace
+{
+
+Json::CharReaderBuilder builderTo(int depth)
+{
+    Json::CharReaderBuilder builder;
+    builder["stackLimit"] = depth;
+    return builder;
+}
+
+Json::CharReader* readerTo(int depth)
+{
+    constexpr int kUsual = JsonLimits{}.depth;
+    static const Json::CharReaderBuilder usual = builderTo(kUsual); // costs more than to read a line
+    return depth == kUsual ? usual.newCharReader() : builderTo(depth).newCharReader();
 }
 
 } // namespace
@@ -77,9 +106,7 @@ std::optional<Json::Value> parseJson(std::string_view text, std::string* why, co
         reason = "longer than " + std::to_string(limits.bytes) + " bytes";
         return std::nullopt;
     }
-    Json::CharReaderBuilder builder;
-    builder["stackLimit"] = limits.depth;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    const std::unique_ptr<Json::CharReader> reader(readerTo(limits.depth));
     Json::Value value;
     try {
         if (reader->parse(text.data(), text.data() + text.size(), &value, &reason)) {
@@ -106,12 +133,14 @@ std::optional<Json::Value> parseJsonObject(std::string_view text, std::string* w
 
 std::string compactJson(const Json::Value& value)
 {
-    return write(value, "");
+    static const Json::StreamWriterBuilder writer = writerWith(""); // costs more than to write a line
+    return write(value, writer);
 }
 
 std::string indentedJson(const Json::Value& value)
 {
-    return write(value, "  ");
+    static const Json::StreamWriterBuilder writer = writerWith("  ");
+    return write(value, writer);
 }
 
 } // namespace common
