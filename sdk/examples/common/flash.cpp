@@ -218,21 +218,34 @@ int writeHeader(int chip, unsigned slot, const Header& header)
 }
 } // namespace
 
+// Four bytes at a time, each with a table for its distance from the end of the four: images are long.
 std::uint32_t systemCrc32(const unsigned char* data, std::size_t size, std::uint32_t previous)
 {
-    static const auto table = [] {
-        std::array<std::uint32_t, 256> remainders{};
-        for (std::uint32_t byte = 0; byte < remainders.size(); ++byte) {
+    static const auto tables = [] {
+        std::array<std::array<std::uint32_t, 256>, 4> remainders{};
+        for (std::uint32_t byte = 0; byte < 256; ++byte) {
             std::uint32_t rest = byte << 24;
             for (int bit = 0; bit < 8; ++bit) {
                 rest = (rest & 0x80000000U) != 0 ? (rest << 1) ^ 0x01B23CA3U : rest << 1;
             }
-            remainders[byte] = rest;
+            remainders[0][byte] = rest;
+        }
+        for (std::size_t distance = 1; distance < remainders.size(); ++distance) {
+            for (std::size_t byte = 0; byte < 256; ++byte) {
+                const std::uint32_t nearer = remainders[distance - 1][byte];
+                remainders[distance][byte] = (nearer << 8) ^ remainders[0][nearer >> 24];
+            }
         }
         return remainders;
     }();
-    for (std::size_t i = 0; i < size; ++i) {
-        previous = (previous << 8) ^ table[(previous >> 24) ^ data[i]];
+    for (; size >= 4; size -= 4, data += 4) {
+        previous ^= std::uint32_t{data[0]} << 24 | std::uint32_t{data[1]} << 16 |
+                    std::uint32_t{data[2]} << 8 | std::uint32_t{data[3]};
+        previous = tables[3][previous >> 24] ^ tables[2][previous >> 16 & 0xFFU] ^
+                   tables[1][previous >> 8 & 0xFFU] ^ tables[0][previous & 0xFFU];
+    }
+    for (; size > 0; --size, ++data) {
+        previous = (previous << 8) ^ tables[0][(previous >> 24) ^ *data];
     }
     return previous;
 }

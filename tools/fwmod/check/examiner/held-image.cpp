@@ -1,6 +1,9 @@
 #include "tools/fwmod/check/examiner/held-image.h"
 
 #include <algorithm>
+#include <gio/gio.h>
+#include <memory>
+#include <string_view>
 #include <vector>
 
 #include "tools/fwmod/check/examiner/hardware-copy.h"
@@ -23,10 +26,29 @@ std::map<std::string, std::string> hardwareOf(const Machine& machine)
     return contents;
 }
 
-bool contains(const std::string& content, const std::string& part)
+bool contains(std::string_view content, const std::string& part)
 {
-    return content.find(part) != std::string::npos;
+    return content.find(part) != std::string_view::npos;
 }
+
+// A file's content without a copy: a chip has megabytes, and is looked at after each power cut.
+class MappedFile
+{
+public:
+    explicit MappedFile(const fs::path& file) : file_(g_mapped_file_new(file.c_str(), FALSE, nullptr)) {}
+    std::string_view content() const // none when it cannot be read
+    {
+        const char* const bytes = file_ ? g_mapped_file_get_contents(file_.get()) : nullptr;
+        return bytes != nullptr ? std::string_view(bytes, g_mapped_file_get_length(file_.get()))
+                                : std::string_view();
+    }
+
+private:
+    struct Unmap {
+        void operator()(GMappedFile* file) const { g_mapped_file_unref(file); }
+    };
+    std::unique_ptr<GMappedFile, Unmap> file_;
+};
 
 // The longest beginning of the image that is somewhere in the content.
 std::size_t longestBeginning(const std::string& content, const std::string& image)
@@ -68,7 +90,8 @@ Holders holdersOf(const Machine& machine, const std::string& image)
 bool isHeld(const Machine& machine, const std::string& image, const Holders& holders)
 {
     return std::any_of(holders.begin(), holders.end(), [&](const auto& holder) {
-        const std::string content = contentOf(machine.file(holder.first));
+        const MappedFile file(machine.file(holder.first));
+        const std::string_view content = file.content();
         return holder.second == image.size() ? content == image : contains(content, image);
     });
 }

@@ -213,13 +213,13 @@ void Run::step()
 
 void Run::receive()
 {
-    std::string text(64 * 1024, '\0');
-    const ssize_t length = recv(own_.get(), text.data(), text.size(), 0);
+    std::array<char, 65536> packet; // not cleared each time
+    const ssize_t length = recv(own_.get(), packet.data(), packet.size(), 0);
     if (length <= 0) {
         isOpen_ = false;
         return;
     }
-    text.resize(static_cast<std::size_t>(length));
+    const std::string text(packet.data(), static_cast<std::size_t>(length));
     if (const std::optional<Finding> finding = readFinding(text)) {
         session_.findings.push_back(*finding);
         return;

@@ -236,6 +236,26 @@ void judgeContent(const Machine& machine, const Job& job, Report& report)
                                                " bytes are not on the hardware"});
     }
 }
+// In the process that has updated, and after a new start.
+void judgeVersions(Supervisor& supervisor, const Session& session, const Session& again, Report& report)
+{
+    const Job& job = supervisor.job();
+    const std::string before = session.told["before"].asString();
+    const std::optional<Finding> wrong = wrongVersion(session.told, before, job);
+    const std::optional<Finding> wrongAgain = wrongVersion(again.told, before, job);
+    if (wrong) {
+        report.add(*wrong);
+    } else if (wrongAgain) {
+        report.add({wrongAgain->id, "after a new start, " + wrongAgain->detail});
+    }
+    const auto isOld = [](const std::optional<Finding>& finding) {
+        return finding && finding->id == FindingId::WrongVersionAfterwards;
+    };
+    if (isOld(wrong) && isOld(wrongAgain) && isFinishedAtExit(supervisor)) {
+        report.add({FindingId::FinishedAtExit,
+                    "after exit() getActiveVersion told " + quote(*job.version) + ", and without it not"});
+    }
+}
 } // namespace
 
 Told tellVersion(Worker& worker, const std::string& where)
@@ -293,28 +313,14 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
     report.measured.middleWrite = middleWrite(session.writes);
     report.measured.flush = flushBehind(session.writes, report.measured.middleWrite);
     const bool isVersionTold = !answers.version.empty() && !report.has(FindingId::ChangingAnswer);
-    const std::optional<Finding> wrong =
-        isVersionTold ? wrongVersion(session.told, update.before, job) : std::nullopt;
-    if (wrong) {
-        report.add(*wrong);
-    }
     const Session again = lookAgain(supervisor, machine);
+    if (isVersionTold) {
+        judgeVersions(supervisor, session, again, report);
+    }
     if (again.death) {
         report.add(*again.death);
     }
     report.add(again.findings);
-    const std::optional<Finding> wrongAgain =
-        isVersionTold ? wrongVersion(again.told, update.before, job) : std::nullopt;
-    if (!wrong && wrongAgain) {
-        report.add({wrongAgain->id, "after a new start, " + wrongAgain->detail});
-    }
-    const auto isOld = [](const std::optional<Finding>& finding) {
-        return finding && finding->id == FindingId::WrongVersionAfterwards;
-    };
-    if (isOld(wrong) && isOld(wrongAgain) && isFinishedAtExit(supervisor)) {
-        report.add({FindingId::FinishedAtExit,
-                    "after exit() getActiveVersion told " + quote(*job.version) + ", and without it not"});
-    }
     update.after = again.told["version"].asString();
     report.measured.versionAfter = update.after;
     update.isUsable = isWritten && isVersionTold && !session.death && !again.death;
