@@ -195,16 +195,19 @@ void checkDirectories(const Scene&, Findings& found)
 
 // ---- Leftovers ----
 
+std::string textOfDeadMount(const std::string& directory, const std::string& problem)
+{
+    return directory + " is mounted, but cannot be read any more (" + problem +
+           "): its package can be neither checked nor installed";
+}
+
 void checkMounts(const Scene& scene, Findings& found)
 {
     for (const std::string& directory : packageMountPoints()) {
         const std::string problem = problemOfMount(directory);
         const auto fix = [directory] { return unmount(directory); };
         if (!problem.empty()) { // of no use to anybody
-            found.push_back({"dead-mount",
-                             directory + " is mounted, but cannot be read any more (" + problem +
-                                 "): its package can be neither checked nor installed",
-                             "unmount it", fix});
+            found.push_back({"dead-mount", textOfDeadMount(directory, problem), "unmount it", fix});
         } else if (scene.isIdle()) {
             found.push_back({"stale-mount", directory + " is mounted, and nothing runs that would use it",
                              "unmount it", fix});

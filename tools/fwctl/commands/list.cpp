@@ -60,7 +60,7 @@ std::string image(const Json::Value& module)
     std::string path = "-";
     for (const Json::Value& source : module["sources"]) {
         const bool isPending = module["pending"].asBool() && source["source"] == module["pending_source"];
-        const std::string found =
+        std::string found =
             source["source"] == "package" ? module["package"].asString() : source["image"].asString();
         if (isPending) {
             return found;

@@ -126,15 +126,13 @@ Json::Value describe(FWUpdateSymbol& module, const std::string& directory,
 }
 
 // The daemon's code opens what is there, and waits for ever for the other end of a pipe.
-void requireRegularImages(FWUpdateSymbolManager& manager, const std::string& directory)
+void requireRegularImage(const FWUpdateSymbol& module, const std::string& directory)
 {
-    for (FWUpdateSymbol& module : manager.firmwareItems) {
-        const std::string path = directory + module.getFirmwareName() + ".bin";
-        const std::string problem = module.isEMP ? common::problemOfSpecialFile(path) : "";
-        if (!problem.empty()) {
-            throw common::Failure(module.getLibName() + ": " + path + " " + problem +
-                                  ": remove it from the stick, or copy the image anew");
-        }
+    const std::string path = directory + module.getFirmwareName() + ".bin";
+    const std::string problem = module.isEMP ? common::problemOfSpecialFile(path) : "";
+    if (!problem.empty()) {
+        throw common::Failure(module.getLibName() + ": " + path + " " + problem +
+                              ": remove it from the stick, or copy the image anew");
     }
 }
 
@@ -142,7 +140,9 @@ void requireRegularImages(FWUpdateSymbolManager& manager, const std::string& dir
 Json::Value probe(FWUpdateSymbolManager& manager, const common::ContentKey& key, const std::string& directory,
                   UpdateLink& link)
 {
-    requireRegularImages(manager, directory);
+    for (const FWUpdateSymbol& module : manager.firmwareItems) {
+        requireRegularImage(module, directory);
+    }
     takeDaemonMessages();
     int seconds = 0;
     unsigned int count = 0;

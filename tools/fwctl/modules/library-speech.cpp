@@ -46,7 +46,7 @@ void LibrarySpeech::change(const std::string& speaker)
 
 void LibrarySpeech::take(const std::string& bytes)
 {
-    constexpr std::size_t kMostKept = 64 * 1024; // of a line without an end
+    constexpr std::size_t kMostKept = std::size_t{64} * 1024; // of a line without an end
     rest_ += bytes;
     std::size_t begin = 0;
     for (std::size_t end; (end = rest_.find('\n', begin)) != std::string::npos; begin = end + 1) {

@@ -20,7 +20,7 @@ using common::GuardedBuffer;
 
 namespace
 {
-constexpr std::size_t kStackSize = 64 * 1024;
+constexpr std::size_t kStackSize = std::size_t{64} * 1024;
 
 BlackBox* box = nullptr;
 thread_local int ownCall = 0;

@@ -202,11 +202,10 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
 
 unsigned int laneCount(std::size_t cuts)
 {
-    constexpr unsigned int kMostLanes = 8;
-    constexpr unsigned int kForEachProcessor = 2; // hardware and namespaces make a lane wait half of its time
-    const unsigned int processors = std::max(std::thread::hardware_concurrency(), 1U);
-    return static_cast<unsigned int>(
-        std::min<std::size_t>({kMostLanes, kForEachProcessor * processors, cuts}));
+    constexpr std::size_t kMostLanes = 8;
+    constexpr std::size_t kForEachProcessor = 2; // hardware and namespaces make a lane wait half of its time
+    const std::size_t processors = std::max(std::thread::hardware_concurrency(), 1U);
+    return static_cast<unsigned int>(std::min({kMostLanes, kForEachProcessor * processors, cuts}));
 }
 
 void tellProgress(std::size_t done, std::size_t total)

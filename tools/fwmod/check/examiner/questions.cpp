@@ -72,8 +72,8 @@ struct Comparison {
 std::vector<Comparison> comparisonsWith(const std::vector<unsigned int>& installed)
 {
     std::vector<Comparison> all;
-    const auto offer = [&](std::vector<unsigned int> parts, bool isNewer) {
-        all.push_back({versionOf(parts), isNewer});
+    const auto offer = [&](const std::vector<unsigned int>& offered, bool isNewer) {
+        all.push_back({versionOf(offered), isNewer});
     };
     std::vector<unsigned int> parts = installed;
     const unsigned int last = installed.back();

@@ -13,6 +13,7 @@ namespace fwmod
 {
 
 enum class FindingId : unsigned int {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): an enumerator takes none
 #define FINDING(number, name, severity, rule, title, cause, cure) name = number,
 #include "tools/fwmod/check/protocol/findings.inc"
 #undef FINDING
