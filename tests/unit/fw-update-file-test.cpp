@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -62,9 +63,10 @@ TEST_F(FWUpdateFile, IsReadAcrossTheBordersOfItsChunks)
 
 TEST_F(FWUpdateFile, OfNoSizeIsReadAsFarAsItGoes)
 {
+    ASSERT_EQ(prctl(PR_SET_NAME, "who reads"), 0); // an emulator's name may be there otherwise
     std::string text;
     EXPECT_TRUE(readWhole("/proc/self/comm", SIZE_MAX, text));
-    EXPECT_EQ(text, "fw-update-file-\n"); // cut by the kernel
+    EXPECT_EQ(text, "who reads\n");
 }
 
 TEST_F(FWUpdateFile, ThatIsADirectoryOpensAndIsEmpty)

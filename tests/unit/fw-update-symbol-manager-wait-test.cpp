@@ -47,7 +47,10 @@ extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t
                                       const timespec* deadline)
 {
     using Wait = int (*)(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*);
-    static const auto wait = reinterpret_cast<Wait>(dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
+    // Times that are wider than the processor's words have calls of their own.
+    constexpr const char* kCall =
+        sizeof(time_t) > sizeof(long) ? "__pthread_cond_clockwait64" : "pthread_cond_clockwait";
+    static const auto wait = reinterpret_cast<Wait>(dlsym(RTLD_NEXT, kCall));
     const std::function<bool()> first = std::exchange(beforeWait, nullptr);
     return first && first() ? 0 : wait(condition, mutex, clock, deadline);
 }
