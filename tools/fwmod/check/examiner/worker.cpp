@@ -524,7 +524,7 @@ std::optional<std::string> Worker::activeVersion(const std::string& where)
         found(FindingId::UnwrittenAnswer, name + " returned 0 and wrote no version");
         return std::nullopt;
     }
-    const std::optional<std::string> version = takeText(*this, name, out);
+    std::optional<std::string> version = takeText(*this, name, out);
     if (version && version->empty()) {
         found(FindingId::EmptyVersion, name + " returned 0 and an empty text");
         return std::nullopt;
