@@ -1,0 +1,187 @@
+// pwrctl.h
+#include <algorithm>
+#include <thread>
+
+#include "pwrctl.h"
+#include "tests/platform/proof.h"
+#include "vset/client/control-client.h"
+
+namespace proof
+{
+
+namespace
+{
+
+constexpr int kLong = 2000; // milliseconds
+
+struct Change {
+    int previous;
+    int current;
+    std::thread::id thread;
+};
+
+std::vector<Change> told;
+
+int note(pwrctl_state_info* info, void*)
+{
+    told.push_back({info->prev_state, info->cur_state, std::this_thread::get_id()});
+    return 0;
+}
+
+int noteAndEnd(pwrctl_state_info* info, void* data)
+{
+    note(info, data);
+    return pwrctl_unsubscribe_state_changed_event(noteAndEnd);
+}
+
+int ignorePowerOff(pwrctl_poweroff_info*, void*)
+{
+    return 0;
+}
+
+const vset::ControlClient& control()
+{
+    static const vset::ControlClient client = vset::ControlClient::inside();
+    return client;
+}
+
+// Each proof begins with a set that is on.
+class Standby
+{
+public:
+    Standby() { control().setPowerState(2); }
+    ~Standby() { control().setPowerState(0); }
+    Standby(const Standby&) = delete;
+    Standby& operator=(const Standby&) = delete;
+};
+
+void standbyOnce(pwrctl_state_cb cb = note)
+{
+    pwrctl_subscribe_state_changed_event(cb, nullptr);
+    const Standby standby;
+    until([] { return !told.empty(); }, kLong);
+}
+
+std::string statesTold()
+{
+    standbyOnce();
+    return !told.empty() && told[0].previous == 0 && told[0].current == 2 ? "" : "other states were told";
+}
+
+std::string threadTold()
+{
+    standbyOnce();
+    return !told.empty() && told[0].thread == std::this_thread::get_id() ? "" : "told on another thread";
+}
+
+std::string toldAfterUnsubscribe()
+{
+    standbyOnce();
+    pwrctl_unsubscribe_state_changed_event(note);
+    runLoop(200); // the way back is told, or not
+    told.clear();
+    const Standby standby;
+    runLoop(500);
+    return told.empty() ? "" : "told after the end of the subscription";
+}
+
+std::string everyChangeTold()
+{
+    standbyOnce();
+    return until([] { return told.size() == 2; }, kLong) ? "" : "the second change was not told";
+}
+
+std::string currentState()
+{
+    pwrctl_get_state();
+    const Standby standby;
+    return pwrctl_get_state() == 2 ? "" : "the state before the change is given";
+}
+
+std::vector<int> heldKinds()
+{
+    std::vector<int> kinds;
+    const Json::Value held = control().snapshot()["locks"]["held"];
+    for (const Json::Value& lock : held) {
+        kinds.push_back(lock["kind"].asInt());
+    }
+    return kinds;
+}
+
+std::string kindsApart()
+{
+    pwrctl_lock_state(0, 60000);
+    pwrctl_lock_state(2, 60000);
+    pwrctl_unlock_state(0);
+    return heldKinds() == std::vector<int>{2} ? "" : "the release of kind 0 has released kind 2";
+}
+
+std::string released()
+{
+    pwrctl_lock_state(2, 60000);
+    pwrctl_unlock_state(2);
+    return heldKinds().empty() ? "" : "still held after its release";
+}
+
+std::string heldAfter(unsigned int duration, int milliseconds, bool isExpected)
+{
+    pwrctl_lock_state(2, duration);
+    runLoop(milliseconds);
+    return heldKinds().empty() != isExpected ? ""
+           : isExpected                      ? "gone before its time"
+                                             : "held after its time";
+}
+
+std::string returnsAtOnce()
+{
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point begin = Clock::now();
+    pwrctl_lock_state(2, 2000);
+    return Clock::now() - begin < std::chrono::milliseconds(1500) ? "" : "it takes as long as the lock";
+}
+
+std::string fromAnotherThread()
+{
+    int result = -99;
+    std::thread([&] { result = pwrctl_lock_state(2, 1000); }).join();
+    return result == 0 ? "" : "it fails on another thread";
+}
+
+} // namespace
+
+const std::vector<Proof>& powerProofs()
+{
+    static const std::vector<Proof> proofs = {
+        {"power-state-stale", currentState},
+        {"power-state-inverted", [] { return pwrctl_get_state() == 0 ? "" : "on is not 0"; }},
+        {"power-states-swapped", statesTold},
+        {"power-told-elsewhere", threadTold},
+        {"power-told-after-unsubscribe", toldAfterUnsubscribe},
+        {"power-told-once", everyChangeTold},
+        {"power-unsubscribe-waits",
+         [] {
+             standbyOnce(noteAndEnd);
+             return "";
+         },
+         kHangs},
+        {"power-locks-one-kind", kindsApart},
+        {"power-lock-kept", released},
+        {"power-lock-too-short", [] { return heldAfter(60000, 500, true); }},
+        {"power-lock-endless", [] { return heldAfter(300, 900, false); }},
+        {"power-lock-waits", returnsAtOnce},
+        {"power-one-thread-only", fromAnotherThread},
+        {"power-unlock-aborts",
+         [] {
+             pwrctl_unlock_state(7);
+             return "";
+         },
+         128 + 6},
+        {"power-off-refused",
+         [] { return pwrctl_subscribe_poweroff_event(ignorePowerOff, nullptr) == 0 ? "" : "refused"; }},
+        {"power-memory-grows",
+         [] { return growth("KiB", residentKilobytes, 800, [] { pwrctl_get_state(); }); }},
+    };
+    return proofs;
+}
+
+} // namespace proof

@@ -1,0 +1,265 @@
+// applaunch.h, sysprop.h, flagpost.h, hangwatch.h, appbinary_manager.h
+#include <chrono>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <thread>
+#include <unistd.h>
+
+#include "appbinary_manager.h"
+#include "applaunch.h"
+#include "flagpost.h"
+#include "hangwatch.h"
+#include "sysprop.h"
+#include "tests/platform/proof.h"
+#include "vset/client/control-client.h"
+
+namespace proof
+{
+
+namespace
+{
+
+constexpr int kAborted = 128 + 6;
+constexpr int kSegmentationFault = 128 + 11;
+constexpr int kBrokenPipe = 128 + 13;
+constexpr int kVersionKey = 128;
+constexpr int kUnknownKey = 9999;
+
+// ---- Launches ----
+
+applaunch_h newRequest()
+{
+    applaunch_h request = nullptr;
+    applaunch_create(&request);
+    return request;
+}
+
+std::string madeAndDestroyed()
+{
+    applaunch_h request = nullptr;
+    const bool isMade = applaunch_create(&request) == 0;
+    if (isMade && request == nullptr) {
+        return "made with success, and null";
+    }
+    applaunch_destroy(request);
+    return "";
+}
+
+std::string sent(const char* application)
+{
+    applaunch_h request = newRequest();
+    applaunch_set_app_id(request, application);
+    applaunch_send_launch_request(request, nullptr, nullptr);
+    applaunch_destroy(request);
+    return "";
+}
+
+std::string textsOfTheirTime()
+{
+    applaunch_h request = newRequest();
+    char key[32] = "updatetype";
+    char value[32] = "general";
+    applaunch_add_extra_data(request, key, value);
+    key[0] = value[0] = '#';
+    applaunch_set_app_id(request, "com.olvessa.tv.proof");
+    applaunch_send_launch_request(request, nullptr, nullptr);
+    const Json::Value launches = vset::ControlClient::inside().snapshot()["launches"];
+    const Json::Value extra = launches[launches.size() - 1]["extras"][0];
+    applaunch_destroy(request);
+    return extra["key"] == "updatetype" && extra["value"] == "general" ? "" : "other texts were sent";
+}
+
+std::string nullRequest()
+{
+    return applaunch_set_app_id(nullptr, "com.olvessa.tv.proof") < 0 ? "" : "success without a request";
+}
+
+// ---- System information ----
+
+std::string ownText()
+{
+    for (int times = 0; times < 3; ++times) {
+        char* text = nullptr;
+        if (sysprop_get_value_string(kVersionKey, &text) == 0) {
+            free(text);
+        }
+    }
+    return "";
+}
+
+std::string twoTexts()
+{
+    char* one = nullptr;
+    char* two = nullptr;
+    sysprop_get_value_string(kVersionKey, &one);
+    const std::string before = one;
+    sysprop_get_value_string(kVersionKey, &two);
+    const bool isIts = one != two && before == one;
+    if (isIts) {
+        free(one);
+        free(two);
+    }
+    return isIts ? "" : "the first text has been freed";
+}
+
+std::string unknownProperty()
+{
+    char* text = nullptr;
+    const bool hasSucceeded = sysprop_get_value_string(kUnknownKey, &text) == 0;
+    const bool hasText = text != nullptr;
+    free(text);
+    return hasSucceeded && !hasText ? "success, and no text" : "";
+}
+
+// ---- Flags ----
+
+constexpr const char* kFlag = "/tmp/.proof-one";
+
+std::string raised()
+{
+    FlagpostEventDone(kFlag);
+    return FlagpostIsDone(kFlag) >= 1 ? "" : "raised, and told as not raised";
+}
+
+std::string lowered()
+{
+    FlagpostEventDone(kFlag);
+    FlagpostResetEvent(kFlag);
+    return FlagpostIsDone(kFlag) < 1 ? "" : "lowered, and told as raised";
+}
+
+std::string flagsApart()
+{
+    FlagpostResetEvent("/tmp/.proof-other");
+    FlagpostEventDone(kFlag);
+    return FlagpostIsDone("/tmp/.proof-other") < 1 ? "" : "another flag is raised as well";
+}
+
+std::string flagOfAnotherProcess()
+{
+    const std::string flag = "/tmp/.proof-" + std::to_string(getpid());
+    inAnotherProcess("--raise", flag);
+    return FlagpostIsDone(flag.c_str()) >= 1 ? "" : "not raised here";
+}
+
+std::string seenTwice()
+{
+    FlagpostEventDone(kFlag);
+    FlagpostIsDone(kFlag);
+    return FlagpostIsDone(kFlag) >= 1 ? "" : "not raised any more";
+}
+
+std::string raisedTwice()
+{
+    FlagpostEventDone(kFlag);
+    FlagpostEventDone(kFlag);
+    FlagpostResetEvent(kFlag);
+    return "";
+}
+
+std::string descriptorOfTheCaller()
+{
+    FlagpostIsDone(kFlag);
+    const int mine = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    FlagpostIsDone(kFlag);
+    return fcntl(mine, F_GETFD) >= 0 ? "" : "the caller's descriptor is closed";
+}
+
+// ---- Watchdog ----
+
+std::string registered(int times)
+{
+    for (; times > 0; --times) {
+        if (hangwatch_register_watchdog_service(60) != 0) {
+            return "refused";
+        }
+        hangwatch_unregister_watchdog_service();
+    }
+    return "";
+}
+
+std::string periodKept()
+{
+    hangwatch_register_watchdog_service(60);
+    sleep(5);
+    hangwatch_unregister_watchdog_service();
+    return "";
+}
+
+std::string noticeAtOnce()
+{
+    hangwatch_register_watchdog_service(60);
+    const auto begin = std::chrono::steady_clock::now();
+    hangwatch_watchdog_notify();
+    const auto taken = std::chrono::steady_clock::now() - begin;
+    hangwatch_unregister_watchdog_service();
+    return taken < std::chrono::seconds(5) ? "" : "it takes longer than the time to the next one";
+}
+
+// ---- Packages ----
+
+std::thread::id toldOn;
+
+void note(const std::string&, int, void*)
+{
+    toldOn = std::this_thread::get_id();
+}
+
+std::string threadTold()
+{
+    std::ofstream("/srv/feed/empProof.img") << "image";
+    appbinaryManager::ABM_DownloadAppBinary(note, nullptr, "empProof");
+    until([] { return toldOn != std::thread::id(); }, 3000);
+    return toldOn == std::this_thread::get_id() ? "" : "told on another thread";
+}
+
+std::string unknownPackage()
+{
+    appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, "empNobodys");
+    return "";
+}
+
+} // namespace
+
+const std::vector<Proof>& serviceProofs()
+{
+    static const std::vector<Proof> proofs = {
+        {"launch-no-handle", madeAndDestroyed},
+        {"launch-freed-twice", madeAndDestroyed, kAborted},
+        {"launch-never-freed",
+         [] { return growth("KiB", residentKilobytes, 2000, [] { madeAndDestroyed(); }); }},
+        {"launch-texts-kept", textsOfTheirTime},
+        {"launch-null-callback-called", [] { return sent("com.olvessa.tv.proof"); }, kSegmentationFault},
+        {"launch-null-request-crashes", nullRequest, kSegmentationFault},
+        {"launch-waits-for-answer", [] { return sent("com.olvessa.tv.proof"); }, kHangs},
+        {"property-static", ownText, kAborted},
+        {"property-success-without-value", unknownProperty},
+        {"property-freed-again", twoTexts},
+        {"property-copy-kept", [] { return growth("KiB", residentKilobytes, 1500, [] { ownText(); }); }},
+        {"property-crashes-unknown", unknownProperty, kSegmentationFault},
+        {"flags-inverted", raised},
+        {"flags-never-lowered", lowered},
+        {"flags-names-cut", flagsApart},
+        {"flags-of-the-process", flagOfAnotherProcess},
+        {"flags-lowered-by-looking", seenTwice},
+        {"flags-raised-waits", raisedTwice, kHangs},
+        {"flags-close-twice", descriptorOfTheCaller},
+        {"watchdog-refused", [] { return registered(1); }},
+        {"watchdog-once", [] { return registered(2); }},
+        {"watchdog-impatient", periodKept, 128 + 9},
+        {"watchdog-slow", noticeAtOnce},
+        {"watchdog-broken-pipe",
+         [] {
+             hangwatch_watchdog_notify();
+             return "";
+         },
+         kBrokenPipe},
+        {"package-unknown-waits", unknownPackage, kHangs},
+        {"package-null-callback-called", unknownPackage, kSegmentationFault},
+        {"package-told-elsewhere", threadTold},
+    };
+    return proofs;
+}
+
+} // namespace proof

@@ -1,0 +1,209 @@
+// pralis.h
+#include <fcntl.h>
+#include <thread>
+#include <unistd.h>
+
+#include "pralis.h"
+#include "tests/platform/proof.h"
+
+namespace proof
+{
+
+namespace
+{
+
+constexpr const char* kKey = "proof/one";
+constexpr const char* kOtherKey = "proof/other";
+constexpr const char* kStatusKey = "memory/ep_firmware_update_app/fw_update_status";
+constexpr const char* kProgressKey = "memory/ep_firmware_update_app/fw_update_progress";
+constexpr int kLong = 2000; // milliseconds
+
+struct Told {
+    int value;
+    std::thread::id thread;
+    void* data;
+};
+
+std::vector<Told> told;
+
+void note(keynode* node, void* data)
+{
+    told.push_back({pralis_keynode_get_int(node), std::this_thread::get_id(), data});
+}
+
+int valueOf(const char* key)
+{
+    int value = -99;
+    pralis_get_int(key, &value);
+    return value;
+}
+
+// One change, and what is told of it within a moment after the first.
+void changeOnce(int value)
+{
+    pralis_set_int(kKey, 1);
+    pralis_notify_key_changed(kKey, note, &told);
+    pralis_set_int(kKey, value);
+    until([] { return !told.empty(); }, kLong);
+    runLoop(300);
+}
+
+std::string keptValue(int value)
+{
+    pralis_set_int(kKey, 5);
+    pralis_set_int(kKey, value);
+    return valueOf(kKey) == value ? "" : "another value is read";
+}
+
+std::string toldValue()
+{
+    changeOnce(9);
+    return told.size() == 1 && told[0].value == 9 ? "" : "another value was told";
+}
+
+std::string toldThread()
+{
+    changeOnce(9);
+    return !told.empty() && told[0].thread == std::this_thread::get_id() ? "" : "told on another thread";
+}
+
+std::string toldThreadOfAnothersWrite()
+{
+    pralis_set_int(kKey, 1);
+    pralis_notify_key_changed(kKey, note, nullptr);
+    std::thread([] { pralis_set_int(kKey, 2); }).join();
+    until([] { return !told.empty(); }, kLong);
+    return !told.empty() && told[0].thread == std::this_thread::get_id() ? "" : "told on the writer's thread";
+}
+
+std::string toldAfterIgnore()
+{
+    changeOnce(9);
+    pralis_ignore_key_changed(kKey, note);
+    told.clear();
+    pralis_set_int(kKey, 3);
+    runLoop(500);
+    return told.empty() ? "" : "told after the end of the subscription";
+}
+
+std::string otherKeyAfterIgnore()
+{
+    pralis_notify_key_changed(kKey, note, nullptr);
+    pralis_notify_key_changed(kOtherKey, note, nullptr);
+    pralis_ignore_key_changed(kKey, note);
+    pralis_set_int(kOtherKey, 3);
+    return until([] { return !told.empty(); }, kLong) ? "" : "the other key's change was not told";
+}
+
+std::string eachChange()
+{
+    pralis_notify_key_changed(kKey, note, nullptr);
+    for (int value = 1; value <= 3; ++value) {
+        pralis_set_int(kKey, value);
+    }
+    until([] { return told.size() == 3; }, kLong);
+    return told.size() == 3 ? "" : std::to_string(told.size()) + " of three changes were told";
+}
+
+std::string readBesideAnother()
+{
+    pralis_set_int(kKey, 1);
+    pralis_set_int(kOtherKey, 2);
+    int wrong = 0;
+    std::thread other([&] {
+        for (int i = 0; i < 100; ++i) {
+            wrong += valueOf(kOtherKey) == 2 ? 0 : 1;
+        }
+    });
+    int wrongHere = 0;
+    for (int i = 0; i < 100; ++i) {
+        wrongHere += valueOf(kKey) == 1 ? 0 : 1;
+    }
+    other.join();
+    return wrong + wrongHere == 0 ? "" : "the other key's value is read";
+}
+
+std::string textThatIsGone()
+{
+    char name[64] = "proof/one";
+    pralis_notify_key_changed(name, note, nullptr);
+    for (char& character : name) {
+        character = '#';
+    }
+    pralis_set_int(kKey, 3);
+    return until([] { return !told.empty(); }, kLong) ? ""
+                                                      : "not told once the name's memory has something else";
+}
+
+std::string failedRead()
+{
+    int value = 4711;
+    const int result = pralis_get_int("proof/none", &value);
+    return result == 0 || (result < 0 && value == 4711) ? "" : "the value was touched";
+}
+
+std::string failedReadWithoutException()
+{
+    try {
+        failedRead();
+        return "";
+    } catch (...) {
+        return "an exception";
+    }
+}
+
+} // namespace
+
+const std::vector<Proof>& settingsProofs()
+{
+    static const std::vector<Proof> proofs = {
+        {"settings-not-kept", [] { return keptValue(getpid()); }},
+        {"settings-negative-lost", [] { return keptValue(-1); }},
+        {"settings-long-keys-mixed",
+         [] {
+             pralis_set_int(kStatusKey, 1);
+             pralis_set_int(kProgressKey, 77);
+             return valueOf(kStatusKey) == 1 ? "" : "one key's write has changed another";
+         }},
+        {"settings-failure-writes-value", failedRead},
+        {"settings-throws", failedReadWithoutException},
+        {"settings-exits", failedRead, 0},
+        {"settings-no-notification",
+         [] {
+             changeOnce(9);
+             return told.empty() ? "nothing was told" : "";
+         }},
+        {"settings-notified-twice",
+         [] {
+             changeOnce(9);
+             return told.size() == 1 ? "" : "told twice";
+         }},
+        {"settings-user-data-lost",
+         [] {
+             changeOnce(9);
+             return !told.empty() && told[0].data == &told ? "" : "told with another pointer";
+         }},
+        {"settings-notified-elsewhere", toldThread},
+        {"settings-notified-inside-set", toldThreadOfAnothersWrite},
+        {"settings-told-after-ignore", toldAfterIgnore},
+        {"settings-ignore-ends-all", otherKeyAfterIgnore},
+        {"settings-old-value-told", toldValue},
+        {"settings-node-gives-status", toldValue},
+        {"settings-changes-merged", eachChange},
+        {"settings-set-waits-for-loop", [] { return keptValue(7); }, kHangs},
+        {"settings-answers-mixed", readBesideAnother},
+        {"settings-key-kept", textThatIsGone},
+        {"settings-descriptors-grow",
+         [] { return growth("descriptors", openDescriptors, 5, [] { valueOf(kStatusKey); }); }},
+        {"settings-threads-grow",
+         [] {
+             return growth("threads", threads, 5, [] {
+                 pralis_notify_key_changed(kKey, note, nullptr);
+                 pralis_ignore_key_changed(kKey, note);
+             });
+         }},
+    };
+    return proofs;
+}
+
+} // namespace proof
