@@ -1,4 +1,5 @@
 // applaunch.h: a request that was sent is the file /run/tv/launch, for whoever starts applications.
+#include <cstdio>
 #include <fstream>
 #include <string>
 
@@ -39,7 +40,8 @@ int applaunch_set_app_id(applaunch_h request, const char* app_id)
 
 int applaunch_send_launch_request(applaunch_h request, applaunch_reply_cb, void*)
 {
-    std::ofstream file(tv::runFile("launch"), std::ios::trunc);
+    const std::string made = tv::runFile("launch.part"); // whoever waits for the file finds it whole
+    std::ofstream file(made, std::ios::trunc);
     file << request->application << "\n" << request->extras << std::flush;
-    return file.good() ? 0 : -1;
+    return file.good() && std::rename(made.c_str(), tv::runFile("launch").c_str()) == 0 ? 0 : -1;
 }
