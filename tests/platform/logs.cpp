@@ -1,4 +1,5 @@
 // norlog.h, trace_logger.h
+#include <atomic>
 #include <cerrno>
 #include <fstream>
 #include <sstream>
@@ -71,18 +72,36 @@ std::string percentInValue()
     return count(name) == 1 ? "" : "written as something else";
 }
 
+// Each text names its thread, and so does each record. Both threads begin when both are there.
 std::string twoThreads()
 {
-    const auto write = [](const std::string& name, int lines) {
-        for (int line = 0; line < lines; ++line) {
-            __norlog_print(kSystem, kError, "PROOF", "%s", name.c_str());
+    constexpr int kLines = 60;
+    const std::string name = mark("thread");
+    std::atomic<int> there{0};
+    const auto write = [&] {
+        const std::string text = name + " " + std::to_string(gettid()) + ".";
+        ++there;
+        while (there < 2) {
+            std::this_thread::yield();
+        }
+        for (int line = 0; line < kLines; ++line) {
+            __norlog_print(kSystem, kError, "PROOF", "%s", text.c_str());
         }
     };
-    std::thread other(write, mark("other"), 100);
-    write(mark("one"), 60); // fewer: texts that change places are seen
+    std::thread other(write);
+    write();
     other.join();
-    return count(mark("other")) == 100 && count(mark("one")) == 60 ? ""
-                                                                   : "one's text in the place of the other's";
+    std::istringstream lines(log());
+    int own = 0;
+    for (std::string line; std::getline(lines, line);) {
+        const size_t at = line.find(name + " ");
+        if (at != std::string::npos) {
+            const std::string thread =
+                line.substr(at + name.size() + 1, line.find('.', at) - at - name.size() - 1);
+            own += line.find("\t" + thread + "\t") < at ? 1 : 0;
+        }
+    }
+    return own == 2 * kLines ? "" : "one's text in the place of the other's";
 }
 
 std::string beforeQuickExit()
