@@ -247,7 +247,9 @@ TEST_F(PlatformLog, NoRecordOfSeveralWritersIsLostWhenTheLogIsMovedAgainAndAgain
         writer.join();
     }
     __norlog_print(2, 6, "T", "last");
-    moved.emplace_back(vset::kLogFile);
+    if (std::filesystem::exists(vset::kLogFile)) { // else the one that was moved last has got it
+        moved.emplace_back(vset::kLogFile);
+    }
     std::map<std::string, int> seen;
     for (const std::string& path : moved) {
         vset::LogReader reader(path);
