@@ -104,12 +104,6 @@ bool isAsleep(pid_t thread)
     return stat && stat->isAsleep();
 }
 
-std::string signalName(int signal)
-{
-    const char* const name = sigabbrev_np(signal);
-    return name != nullptr ? std::string("SIG") + name : "signal " + std::to_string(signal);
-}
-
 std::set<pid_t> without(const std::set<pid_t>& all, const std::set<pid_t>& known)
 {
     std::set<pid_t> rest;
@@ -174,6 +168,12 @@ ProcessState ProcessState::settled() const
         }
         pause(5ms);
     }
+}
+
+std::string signalName(int signal)
+{
+    const char* const name = sigabbrev_np(signal);
+    return name != nullptr ? std::string("SIG") + name : "signal " + std::to_string(signal);
 }
 
 std::vector<ProcessChange> ProcessState::changesIn(const ProcessState& later) const

@@ -51,6 +51,9 @@ private:
 // Nanoseconds of the PC's monotonic clock, whatever the set's clock does.
 std::int64_t realNow();
 
+// "SIGTERM", or "signal 77" for one without a name.
+std::string signalName(int signal);
+
 // The number of this process's open descriptors.
 std::size_t openDescriptors();
 

@@ -279,12 +279,6 @@ void Run::checkLimits()
     }
 }
 
-const char* signalName(int signal)
-{
-    const char* const name = sigabbrev_np(signal);
-    return name != nullptr ? name : "unknown";
-}
-
 void explainDeath(Session& session, const BlackBox& box, const std::string& said)
 {
     const std::string call = session.lastCall.empty() ? "the library, outside of a call" : session.lastCall;
@@ -321,7 +315,7 @@ void explainDeath(Session& session, const BlackBox& box, const std::string& said
         session.death = Finding{FindingId::ProcessEnded, call + " called abort" + quoted};
     } else {
         session.death =
-            Finding{FindingId::Crash, call + " was ended by SIG" + signalName(signal) + words + quoted};
+            Finding{FindingId::Crash, call + " was ended by " + common::signalName(signal) + words + quoted};
     }
 }
 } // namespace
