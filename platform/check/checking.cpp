@@ -94,7 +94,8 @@ public:
         if (image.empty() || !isUsable(kPackages) || fs::equivalent(image.parent_path(), kPackages, error)) {
             return;
         }
-        if (fs::copy_file(image, place, fs::copy_options::overwrite_existing, error)) {
+        fs::remove(place, error); // what a check that was killed has left; a link there is not followed
+        if (fs::copy_file(image, place, error)) {
             path_ = place;
             isCopy_ = true;
         }
@@ -129,12 +130,6 @@ std::string lastLine(const std::string& output)
     return output.substr(from, end + 1 - from);
 }
 
-std::string signalName(int signal)
-{
-    const char* const name = sigabbrev_np(signal);
-    return name == nullptr ? "signal " + std::to_string(signal) : std::string("SIG") + name;
-}
-
 // How it has come to its end, other than by itself.
 struct Ending {
     bool isLate = false; // and was ended
@@ -167,6 +162,7 @@ private:
     Ending runProcess(const std::vector<std::string>& arguments, const TrialPage& page);
     void runTrial(const ListedTrial& trial);
     void gather(TrialReport& report, const TrialPage& page, const Ending& ending);
+    void gatherEnding(TrialReport& report, const TrialPage& page, const Ending& ending);
     void add(TrialReport& report, FindingId id, const std::string& seen);
     void showNow();
 
@@ -336,10 +332,32 @@ std::string placeOf(const OldestCall& call, const ListedTrial& trial)
                              : call.name;
 }
 
+// What is found in a trial that did not even begin.
+std::string whyNotBegun(const Ending& ending, const std::string& last, const std::string& said)
+{
+    if (ending.isLate) {
+        return "nothing had begun after " + std::to_string(kQuietLimit.count()) + " s";
+    }
+    if (WIFSIGNALED(ending.status)) {
+        return common::signalName(WTERMSIG(ending.status)) + " at the start" + said;
+    }
+    return !last.empty() ? last
+                         : "the process has ended with status " + std::to_string(WEXITSTATUS(ending.status)) +
+                               " at its start";
+}
+
+FindingId crashOf(const OldestCall& call, const TrialPage& page)
+{
+    if (call.name.rfind("free()", 0) == 0) {
+        return FindingId::TextNotOwned;
+    }
+    return page.isArgumentTouched ? FindingId::ArgumentTouched : FindingId::Crashed;
+}
+
 void Checker::gather(TrialReport& report, const TrialPage& page, const Ending& ending)
 {
     for (const Told& line : readLines(page)) {
-        const auto id = findingWithNumber(line.number);
+        const auto id = findingsTable().withNumber(line.number);
         if (line.kind == Line::kFinding && id) {
             add(report, *id, line.text);
         } else if (line.kind == Line::kNote) {
@@ -351,34 +369,29 @@ void Checker::gather(TrialReport& report, const TrialPage& page, const Ending& e
         }
     }
     report_.calls += page.calls;
-    if (page.isDone && !ending.isLate) {
+    const bool isSetEnding = report.trial->when == When::kWithReboot; // and this with it
+    if (!ending.isLate && (page.isDone || isSetEnding)) {
         return;
     }
+    gatherEnding(report, page, ending);
+}
+
+// Of a trial that did not come to its own end.
+void Checker::gatherEnding(TrialReport& report, const TrialPage& page, const Ending& ending)
+{
     const OldestCall call = oldestCall(page);
     const std::string place = placeOf(call, *report.trial);
     const std::string last = lastLine(ending.output);
     const std::string said = last.empty() ? "" : "; its last words: " + last;
-    const bool isFree = call.name.rfind("free()", 0) == 0;
-    if (report.trial->when == When::kWithReboot && !ending.isLate) {
-        return; // the set ends, and this with it
-    }
     if (!page.isStarted) {
         isRefused_ = true;
-        add(report, FindingId::NotLoaded,
-            ending.isLate
-                ? "nothing had begun after " + std::to_string(kQuietLimit.count()) + " s"
-                : (WIFSIGNALED(ending.status) ? signalName(WTERMSIG(ending.status)) + " at the start" + said
-                   : last.empty()             ? "the process has ended with status " +
-                                        std::to_string(WEXITSTATUS(ending.status)) + " at its start"
-                                  : last));
+        add(report, FindingId::NotLoaded, whyNotBegun(ending, last, said));
     } else if (ending.isLate) {
         add(report, FindingId::NoReturn, place);
     } else if (WIFSIGNALED(ending.status)) {
         const std::string words(page.lastWords, strnlen(page.lastWords, sizeof page.lastWords));
-        const FindingId id = isFree                   ? FindingId::TextNotOwned
-                             : page.isArgumentTouched ? FindingId::ArgumentTouched
-                                                      : FindingId::Crashed;
-        add(report, id, place + ": " + (words.empty() ? signalName(WTERMSIG(ending.status)) : words) + said);
+        add(report, crashOf(call, page),
+            place + ": " + (words.empty() ? common::signalName(WTERMSIG(ending.status)) : words) + said);
     } else {
         add(report, FindingId::Ended,
             place + ": status " + std::to_string(WEXITSTATUS(ending.status)) + said);

@@ -3,11 +3,9 @@
 #ifndef PLATFORM_CHECK_FINDINGS_H
 #define PLATFORM_CHECK_FINDINGS_H
 
-#include <optional>
 #include <string>
-#include <vector>
 
-#include "common/findings/findings-form.h"
+#include "common/findings/findings-table.h"
 
 namespace platformcheck
 {
@@ -18,32 +16,10 @@ enum class FindingId : unsigned int {
 #undef FINDING
 };
 
-struct FindingKind {
-    FindingId id;
-    common::Severity severity;
-    const char* source; // a file of platform/
-    const char* rule;   // in it, word by word
-    const char* title;
-    const char* cause;
-    const char* cure;
-};
+using FindingKind = common::FindingKind<FindingId>;
+using Rule = common::FindingRule<FindingId>; // of a header, or of the page that is about all of them
 
-const std::vector<FindingKind>& findingKinds(); // by number
-const FindingKind& findingKind(FindingId id);
-std::optional<FindingId> findingWithNumber(unsigned int number);
-
-std::string nameOf(FindingId id); // "P204"
-common::Finding told(FindingId id, const std::vector<std::string>& seen);
-
-// A rule of a header, or of the page that is about all of them.
-struct Rule {
-    const char* source;
-    const char* text; // word by word
-    std::vector<FindingId> findings;
-    const char* reason; // why there are none, or ""
-};
-
-const std::vector<Rule>& rules();
+const common::FindingsTable<FindingId>& findingsTable(); // "P204"
 
 // docs/platform-findings.md.
 std::string findingsDocument();

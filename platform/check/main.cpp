@@ -28,7 +28,7 @@ unsigned int countOf(const CheckReport& report, common::Severity severity)
 {
     unsigned int count = 0;
     for (const auto& [id, seen] : report.findings) {
-        count += findingKind(id).severity == severity ? 1 : 0;
+        count += findingsTable().kind(id).severity == severity ? 1 : 0;
     }
     return count;
 }
@@ -40,7 +40,7 @@ void printForPeople(const CheckReport& report)
     const bool isColoured = common::isColourWanted();
     std::string text;
     for (const auto& [id, seen] : report.findings) {
-        text += common::findingForPeople(told(id, seen), isColoured);
+        text += common::findingForPeople(findingsTable().told(id, seen), isColoured);
     }
     text += "Checked with " + std::to_string(report.calls) + " calls in " +
             std::to_string(report.trials.size()) + " trials.\n";
@@ -79,7 +79,7 @@ void printForPrograms(const CheckReport& report)
     root["verdict"] = verdictOf(report);
     root["findings"] = Json::arrayValue;
     for (const auto& [id, seen] : report.findings) {
-        root["findings"].append(common::findingForPrograms(told(id, seen)));
+        root["findings"].append(common::findingForPrograms(findingsTable().told(id, seen)));
     }
     root["notes"] = textsOf(report.notes);
     root["trials"] = Json::arrayValue;
@@ -90,7 +90,7 @@ void printForPrograms(const CheckReport& report)
         entry["seconds"] = trial.seconds;
         entry["findings"] = Json::arrayValue;
         for (const auto& found : trial.findings) {
-            entry["findings"].append(nameOf(found.first));
+            entry["findings"].append(findingsTable().nameOf(found.first));
         }
         root["trials"].append(entry);
     }
@@ -104,7 +104,7 @@ std::string junitOf(const CheckReport& report)
     for (const TrialReport& trial : report.trials) {
         common::TestCase one{trial.trial->title, trial.seconds, {}, ""};
         for (const auto& [id, seen] : trial.findings) {
-            one.findings.push_back(told(id, seen));
+            one.findings.push_back(findingsTable().told(id, seen));
         }
         cases.push_back(std::move(one));
     }

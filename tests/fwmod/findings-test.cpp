@@ -31,24 +31,27 @@ TEST(Findings, EveryRuleStandsInTheHeader)
 {
     const std::string header = wordsOfHeader();
     ASSERT_THAT(header, testing::HasSubstr("A control library is"));
-    for (const fwmod::FindingKind& kind : fwmod::findingKinds()) {
-        EXPECT_GT(std::string(kind.rule).size(), 8U) << nameOf(kind.id);
-        EXPECT_NE(header.find(kind.rule), std::string::npos) << nameOf(kind.id) << ": " << kind.rule;
+    for (const fwmod::FindingKind& kind : fwmod::findingsTable().kinds()) {
+        EXPECT_GT(std::string(kind.rule).size(), 8U) << fwmod::findingsTable().nameOf(kind.id);
+        EXPECT_NE(header.find(kind.rule), std::string::npos)
+            << fwmod::findingsTable().nameOf(kind.id) << ": " << kind.rule;
     }
 }
 
 TEST(Findings, EveryFindingBelongsToARuleOfTheTable)
 {
     const std::string header = wordsOfHeader();
-    for (const fwmod::Rule& rule : fwmod::rules()) {
+    for (const fwmod::Rule& rule : fwmod::findingsTable().rules()) {
         EXPECT_NE(header.find(rule.text), std::string::npos) << rule.text;
         EXPECT_NE(rule.findings.empty(), std::string(rule.reason).empty()) << rule.text;
     }
-    for (const fwmod::FindingKind& kind : fwmod::findingKinds()) {
+    for (const fwmod::FindingKind& kind : fwmod::findingsTable().kinds()) {
         const auto has = [&](const fwmod::Rule& rule) {
             return std::count(rule.findings.begin(), rule.findings.end(), kind.id) > 0;
         };
-        EXPECT_TRUE(std::any_of(fwmod::rules().begin(), fwmod::rules().end(), has)) << nameOf(kind.id);
+        EXPECT_TRUE(
+            std::any_of(fwmod::findingsTable().rules().begin(), fwmod::findingsTable().rules().end(), has))
+            << fwmod::findingsTable().nameOf(kind.id);
     }
 }
 
@@ -72,7 +75,9 @@ TEST(Findings, EveryBiddingSentenceOfTheHeaderIsInTheTable)
         const auto isIn = [&](const fwmod::Rule& rule) {
             return sentence.find(rule.text) != std::string::npos;
         };
-        EXPECT_TRUE(std::any_of(fwmod::rules().begin(), fwmod::rules().end(), isIn)) << sentence;
+        EXPECT_TRUE(
+            std::any_of(fwmod::findingsTable().rules().begin(), fwmod::findingsTable().rules().end(), isIn))
+            << sentence;
     }
     EXPECT_GT(bidding, 25U);
 }
@@ -80,13 +85,13 @@ TEST(Findings, EveryBiddingSentenceOfTheHeaderIsInTheTable)
 TEST(Findings, NumbersRiseAndAreFoundAgain)
 {
     unsigned int before = 0;
-    for (const fwmod::FindingKind& kind : fwmod::findingKinds()) {
+    for (const fwmod::FindingKind& kind : fwmod::findingsTable().kinds()) {
         const auto number = static_cast<unsigned int>(kind.id);
         EXPECT_GT(number, before);
-        EXPECT_EQ(fwmod::findingWithNumber(number), kind.id);
+        EXPECT_EQ(fwmod::findingsTable().withNumber(number), kind.id);
         before = number;
     }
-    EXPECT_EQ(fwmod::findingWithNumber(999), std::nullopt);
+    EXPECT_EQ(fwmod::findingsTable().withNumber(999), std::nullopt);
 }
 
 } // namespace

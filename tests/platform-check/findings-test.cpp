@@ -10,11 +10,11 @@
 namespace
 {
 
-// A file of platform/ in one line, with one blank between two words and without the marks of comments and
-// lists.
+// A file of the source tree in one line, with one blank between two words and without the marks of comments
+// and lists.
 std::string wordsOf(const std::string& source)
 {
-    std::ifstream in(PLATFORM + source);
+    std::ifstream in(SOURCES + source);
     std::string text;
     for (std::string word; in >> word;) {
         const bool isMark = word == "*" || word == "//" || word == "/*" || word == "*/" || word == "-";
@@ -30,12 +30,12 @@ bool isIn(const std::string& source, const std::string& rule)
 
 TEST(PlatformFindings, EveryRuleStandsWhereItIsSaidToStand)
 {
-    for (const platformcheck::FindingKind& kind : platformcheck::findingKinds()) {
-        EXPECT_GT(std::string(kind.rule).size(), 8U) << nameOf(kind.id);
+    for (const platformcheck::FindingKind& kind : platformcheck::findingsTable().kinds()) {
+        EXPECT_GT(std::string(kind.rule).size(), 8U) << platformcheck::findingsTable().nameOf(kind.id);
         EXPECT_TRUE(isIn(kind.source, kind.rule))
-            << nameOf(kind.id) << ", " << kind.source << ": " << kind.rule;
+            << platformcheck::findingsTable().nameOf(kind.id) << ", " << kind.source << ": " << kind.rule;
     }
-    for (const platformcheck::Rule& rule : platformcheck::rules()) {
+    for (const platformcheck::Rule& rule : platformcheck::findingsTable().rules()) {
         EXPECT_TRUE(isIn(rule.source, rule.text)) << rule.source << ": " << rule.text;
         EXPECT_NE(rule.findings.empty(), std::string(rule.reason).empty()) << rule.text;
     }
@@ -43,25 +43,26 @@ TEST(PlatformFindings, EveryRuleStandsWhereItIsSaidToStand)
 
 TEST(PlatformFindings, EveryFindingBelongsToARuleOfTheTable)
 {
-    for (const platformcheck::FindingKind& kind : platformcheck::findingKinds()) {
+    for (const platformcheck::FindingKind& kind : platformcheck::findingsTable().kinds()) {
         const auto has = [&](const platformcheck::Rule& rule) {
             return std::count(rule.findings.begin(), rule.findings.end(), kind.id) > 0;
         };
-        EXPECT_TRUE(std::any_of(platformcheck::rules().begin(), platformcheck::rules().end(), has))
-            << nameOf(kind.id);
+        EXPECT_TRUE(std::any_of(platformcheck::findingsTable().rules().begin(),
+                                platformcheck::findingsTable().rules().end(), has))
+            << platformcheck::findingsTable().nameOf(kind.id);
     }
 }
 
 TEST(PlatformFindings, NumbersRiseAndAreFoundAgain)
 {
     unsigned int before = 0;
-    for (const platformcheck::FindingKind& kind : platformcheck::findingKinds()) {
+    for (const platformcheck::FindingKind& kind : platformcheck::findingsTable().kinds()) {
         const auto number = static_cast<unsigned int>(kind.id);
         EXPECT_GT(number, before);
-        EXPECT_EQ(platformcheck::findingWithNumber(number), kind.id);
+        EXPECT_EQ(platformcheck::findingsTable().withNumber(number), kind.id);
         before = number;
     }
-    EXPECT_EQ(platformcheck::findingWithNumber(999), std::nullopt);
+    EXPECT_EQ(platformcheck::findingsTable().withNumber(999), std::nullopt);
 }
 
 } // namespace

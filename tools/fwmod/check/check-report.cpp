@@ -15,16 +15,12 @@ namespace fwmod
 
 namespace
 {
-common::Finding toldOf(const FindingKind& kind, const std::vector<std::string>& seen)
-{
-    return {nameOf(kind.id), kind.severity, kind.title, kind.cause, kind.cure, seen};
-}
-
 unsigned int countOf(const ExaminationResult& result, Severity severity)
 {
     return static_cast<unsigned int>(std::count_if(
-        result.report.findings.begin(), result.report.findings.end(),
-        [severity](const auto& finding) { return findingKind(finding.first).severity == severity; }));
+        result.report.findings.begin(), result.report.findings.end(), [severity](const auto& finding) {
+            return findingsTable().kind(finding.first).severity == severity;
+        }));
 }
 
 std::string counted(unsigned int number, const std::string& what)
@@ -72,7 +68,7 @@ std::string formatForPeople(const std::string& library, const ExaminationResult&
 {
     std::string text;
     for (const auto& [id, details] : result.report.findings) {
-        text += common::findingForPeople(toldOf(findingKind(id), details), isColoured);
+        text += common::findingForPeople(findingsTable().told(id, details), isColoured);
     }
     if (result.report.calls > 0) {
         text += describeWork(result);
@@ -91,7 +87,7 @@ std::string formatForPrograms(const std::string& library, const ExaminationResul
     root["verdict"] = verdictOf(result);
     root["findings"] = Json::arrayValue;
     for (const auto& [id, details] : result.report.findings) {
-        root["findings"].append(common::findingForPrograms(toldOf(findingKind(id), details)));
+        root["findings"].append(common::findingForPrograms(findingsTable().told(id, details)));
     }
     root["notes"] = Json::arrayValue;
     for (const std::string& note : result.report.notes) {
@@ -117,15 +113,17 @@ std::string formatForPrograms(const std::string& library, const ExaminationResul
 std::string formatForJUnit(const std::string& library, const ExaminationResult& result, double seconds)
 {
     std::vector<common::TestCase> cases;
-    for (const FindingKind& kind : findingKinds()) {
+    for (const FindingKind& kind : findingsTable().kinds()) {
         if (kind.severity == Severity::Warning) {
             continue;
         }
-        common::TestCase one{
-            "not " + nameOf(kind.id) + ": " + kind.title, cases.empty() ? seconds : 0, {}, ""};
+        common::TestCase one{"not " + findingsTable().nameOf(kind.id) + ": " + kind.title,
+                             cases.empty() ? seconds : 0,
+                             {},
+                             ""};
         const auto found = result.report.findings.find(kind.id);
         if (found != result.report.findings.end()) {
-            one.findings.push_back(toldOf(kind, found->second));
+            one.findings.push_back(findingsTable().told(kind.id, found->second));
         }
         cases.push_back(std::move(one));
     }

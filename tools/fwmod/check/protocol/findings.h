@@ -3,11 +3,9 @@
 #ifndef TOOLS_FWMOD_CHECK_PROTOCOL_FINDINGS_H
 #define TOOLS_FWMOD_CHECK_PROTOCOL_FINDINGS_H
 
-#include <optional>
 #include <string>
-#include <vector>
 
-#include "common/findings/findings-form.h"
+#include "common/findings/findings-table.h"
 
 namespace fwmod
 {
@@ -26,30 +24,10 @@ struct Finding {
 };
 
 using common::Severity;
+using FindingKind = common::FindingKind<FindingId>;
+using Rule = common::FindingRule<FindingId>; // of tarnwick/control.h
 
-struct FindingKind {
-    FindingId id;
-    Severity severity;
-    const char* rule; // of tarnwick/control.h, word by word
-    const char* title;
-    const char* cause;
-    const char* cure;
-};
-
-const std::vector<FindingKind>& findingKinds(); // by number
-const FindingKind& findingKind(FindingId id);
-std::optional<FindingId> findingWithNumber(unsigned int number);
-
-std::string nameOf(FindingId id); // "F204"
-
-// A rule of tarnwick/control.h.
-struct Rule {
-    const char* text; // word by word
-    std::vector<FindingId> findings;
-    const char* reason; // why there are none, or ""
-};
-
-const std::vector<Rule>& rules(); // in the header's order, or nearly
+const common::FindingsTable<FindingId>& findingsTable(); // "F204"
 
 // docs/findings.md.
 std::string findingsDocument();

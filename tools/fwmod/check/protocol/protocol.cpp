@@ -211,7 +211,7 @@ private:
     }
     static void read(const Json::Value& from, FindingId& value)
     {
-        const std::optional<FindingId> id = findingWithNumber(from.asUInt());
+        const std::optional<FindingId> id = findingsTable().withNumber(from.asUInt());
         if (!id) {
             throw std::runtime_error("there is no finding " + from.asString());
         }
