@@ -176,10 +176,14 @@ void CrashCampaign::run(const std::vector<CrashRun>& runs, const Take& take) con
     std::vector<pid_t> processes;
     std::fflush(nullptr);
     for (unsigned int lane = 0; lane < std::min<std::size_t>(lanes_, runs.size()); ++lane) {
-        processes.push_back(fork());
-        if (processes.back() == 0) {
+        const pid_t process = fork();
+        if (process == 0) {
             runLane(runs, next, directory_ / ("lane-" + std::to_string(lane)), ends[1]);
         }
+        if (process < 0) {
+            fail("cannot start a lane");
+        }
+        processes.push_back(process);
     }
     close(ends[1]);
     char* text = nullptr;

@@ -329,6 +329,17 @@ fs::path Lane::insideSet(const std::string& path) const
     return "/proc/" + init + path;
 }
 
+bool Lane::Leftovers::areAsAfterAnEnd() const
+{
+    return semaphore == 1 && !isListThere && locks == 0;
+}
+
+std::string Lane::Leftovers::text() const
+{
+    return "the semaphore at " + std::to_string(semaphore) + ", " + std::to_string(locks) + " power locks" +
+           (isListThere ? ", and the list" : "");
+}
+
 Lane::Leftovers Lane::leftovers()
 {
     Leftovers left;
@@ -408,10 +419,8 @@ void Lane::judgeFailing()
         return;
     }
     const Leftovers left = leftovers();
-    if (left.semaphore != 1 || left.isListThere || left.locks > 0) {
-        breach("exit", "it ended with the semaphore at " + std::to_string(left.semaphore) + ", " +
-                           std::to_string(left.locks) + " power locks" +
-                           (left.isListThere ? ", and the list" : ""));
+    if (!left.areAsAfterAnEnd()) {
+        breach("exit", "it ended with " + left.text());
     }
 }
 
@@ -428,10 +437,8 @@ void Lane::judgeEnd()
     if (left.mounts.size() > most) {
         breach("left", std::to_string(left.mounts.size()) + " mounts, not " + std::to_string(most));
     }
-    if (left.semaphore != 1 || left.isListThere || left.locks > 0) {
-        breach("left", "the semaphore at " + std::to_string(left.semaphore) + ", " +
-                           std::to_string(left.locks) + " power locks" +
-                           (left.isListThere ? ", and the list" : ""));
+    if (!left.areAsAfterAnEnd()) {
+        breach("left", left.text());
     }
     if (isExamined) {
         judgeDoctor(left, "after the next boots");

@@ -54,6 +54,9 @@ private:
         int semaphore = 1;
         bool isListThere = false;
         std::size_t locks = 0;
+
+        bool areAsAfterAnEnd() const; // the mounts are judged apart
+        std::string text() const;     // of all but the mounts
     };
 
     bool runOnce();
