@@ -1,5 +1,4 @@
 // Files of a set that are read while its launcher makes them.
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -7,6 +6,7 @@
 #include <thread>
 
 #include "common/errors.h"
+#include "tests/support/temporary-directory.h"
 #include "vset/client/set-file.h"
 
 namespace
@@ -17,15 +17,6 @@ namespace fs = std::filesystem;
 class SetFileTest : public testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        std::string name = fs::temp_directory_path() / "set-file-XXXXXX";
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        directory_ = name;
-        path_ = directory_ / "life";
-    }
-    void TearDown() override { fs::remove_all(directory_); }
-
     // While the file comes and goes, thousands of times.
     void lookMeanwhile(const std::function<void()>& look) const
     {
@@ -42,8 +33,8 @@ protected:
         launcher.join();
     }
 
-    fs::path directory_;
-    fs::path path_;
+    const TemporaryDirectory directory_;
+    const fs::path path_ = directory_ / "life";
 };
 
 TEST_F(SetFileTest, ThatComesWhileItIsReadIsNoFault)
