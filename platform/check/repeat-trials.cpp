@@ -123,7 +123,6 @@ void repeat(Trial& trial, const Repeated& repeated)
     for (const Growth& growth : kGrowths) {
         growing.push_back(&growth);
     }
-    std::vector<long> grown(growing.size(), 0);
     for (int window = 0; window < kFirstWindows; ++window) {
         runWindow(trial, repeated);
     }
