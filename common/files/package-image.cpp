@@ -14,7 +14,9 @@
 #include <sqfs/super.h>
 
 #include "common/errors.h"
+#include "common/files/lzo.h"
 #include "common/files/regular-file.h"
+#include "common/files/squashfs-tables.h"
 
 namespace common
 {
@@ -88,6 +90,40 @@ template <typename Object>
 Object* require(Object* object)
 {
     return object != nullptr ? object : throw NoMemory("no memory to read the package");
+}
+} // namespace
+
+namespace
+{
+
+// ---- What its blocks are packed with ----
+
+// The one compressor of the kernel's that the reader does not bring. It has no state, and the reader asks for
+// nothing but blocks to be unpacked.
+sqfs_compressor_t* makeLzo()
+{
+    auto* const lzo = new sqfs_compressor_t{};
+    lzo->base.destroy = [](sqfs_object_t* object) { delete reinterpret_cast<sqfs_compressor_t*>(object); };
+    lzo->base.copy = [](const sqfs_object_t*) { return &makeLzo()->base; };
+    lzo->do_block = [](sqfs_compressor_t*, const sqfs_u8* in, sqfs_u32 size, sqfs_u8* out, sqfs_u32 room) {
+        const std::optional<std::size_t> count = unpackLzo(in, size, out, room);
+        return count ? static_cast<sqfs_s32>(*count) : sqfs_s32{SQFS_ERROR_CORRUPTED};
+    };
+    return lzo;
+}
+
+sqfs_compressor_t* makeCompressor(const sqfs_super_t& super)
+{
+    const auto compression = static_cast<SQFS_COMPRESSOR>(super.compression_id);
+    if (compression == SQFS_COMP_LZO) {
+        return makeLzo();
+    }
+    sqfs_compressor_config_t config;
+    check(sqfs_compressor_config_init(&config, compression, super.block_size, SQFS_COMP_FLAG_UNCOMPRESS),
+          "is compressed in an unknown way");
+    sqfs_compressor_t* compressor = nullptr;
+    check(sqfs_compressor_create(&config, &compressor), "is compressed in a way that cannot be read");
+    return compressor;
 }
 } // namespace
 
@@ -208,13 +244,12 @@ PackageImage::PackageImage(const std::string& path) : squashfs_(std::make_unique
         throw Failure(std::string("cannot be opened: ") + std::strerror(errno));
     }
     check(sqfs_super_read(&fs.super, fs.file.get()), "is no squashfs image, or a damaged one");
-    sqfs_compressor_config_t config;
-    const auto compression = static_cast<SQFS_COMPRESSOR>(fs.super.compression_id);
-    check(sqfs_compressor_config_init(&config, compression, fs.super.block_size, SQFS_COMP_FLAG_UNCOMPRESS),
-          "is compressed in an unknown way");
-    sqfs_compressor_t* compressor = nullptr;
-    check(sqfs_compressor_create(&config, &compressor), "is compressed in a way that cannot be read");
-    fs.compressor.reset(compressor);
+    fs.compressor.reset(makeCompressor(fs.super));
+    if ((fs.super.flags & SQFS_FLAG_COMPRESSOR_OPTIONS) != 0 && fs.compressor->read_options != nullptr) {
+        check(fs.compressor->read_options(fs.compressor.get(), fs.file.get()),
+              "is compressed in an unknown way");
+    }
+    requireMountableTables(*fs.file, fs.super);
     fs.directory.reset(require(sqfs_dir_reader_create(&fs.super, fs.compressor.get(), fs.file.get(), 0)));
     fs.data.reset(
         require(sqfs_data_reader_create(fs.file.get(), fs.super.block_size, fs.compressor.get(), 0)));

@@ -1,6 +1,7 @@
 // Packages as somebody else may have made them.
 #include <algorithm>
 #include <gmock/gmock.h>
+#include <map>
 #include <random>
 #include <sys/stat.h>
 
@@ -65,6 +66,99 @@ TEST_F(PackageImageTest, ListsWhatIsInIt)
     EXPECT_EQ(source(text, sizeof text), 0U);
 }
 
+// All that the kernel mounts is read, whatever it is packed with.
+TEST_F(PackageImageTest, ReadsWhatAnyCompressorHasPacked)
+{
+    std::mt19937 random(2);
+    const auto noise = [&](std::size_t size, unsigned letters) {
+        std::string text(size, '\0');
+        std::generate(text.begin(), text.end(), [&] { return static_cast<char>(random() % letters); });
+        return text;
+    };
+    // Literals and matches, short and long, near and far.
+    std::string mixed;
+    for (std::size_t piece = 0; mixed.size() < 400000; ++piece) {
+        const std::size_t from = mixed.empty() ? 0 : random() % mixed.size();
+        mixed += piece % 3 == 0 ? noise(random() % 600, 256) : mixed.substr(from, random() % 3000);
+    }
+    const std::map<std::string, std::string> files = {{"empty", ""},
+                                                      {"zeros", std::string(200000, '\0')},
+                                                      {"noise", noise(100000, 256)},
+                                                      {"letters", noise(200000, 3)},
+                                                      {"mixed", mixed},
+                                                      {"small", "abcabcabcabcabcabcabcabcabc"}};
+    for (const auto& [name, text] : files) {
+        writeBytes(directory / "tree" / name, text);
+    }
+    const std::vector<std::vector<std::string>> ways = {
+        {"gzip"},
+        {"xz"},
+        {"lz4"},
+        {"zstd"},
+        {"lzo"},
+        {"lzo", "-Xalgorithm", "lzo1x_1"},
+        {"lzo", "-Xalgorithm", "lzo1x_1_11"},
+        {"lzo", "-Xalgorithm", "lzo1x_1_15", "-b", "1M"},
+        {"lzo", "-Xcompression-level", "1", "-b", "4K"},
+    };
+    for (std::vector<std::string> way : ways) {
+        const std::string told = testing::PrintToString(way);
+        way.insert(way.begin(), "-comp");
+        PackageImage image(pack(way));
+        EXPECT_EQ(image.list().size(), files.size()) << told;
+        for (const auto& [name, text] : files) {
+            std::string read;
+            EXPECT_TRUE(image.read(name,
+                                   [&](const char* bytes, std::size_t count) {
+                                       read.append(bytes, count);
+                                       return true;
+                                   }))
+                << told << name;
+            EXPECT_TRUE(read == text) << told << name;
+        }
+    }
+}
+
+// The kernel reads these tables before it mounts.
+TEST_F(PackageImageTest, RefusesTablesThatTheKernelRefuses)
+{
+    writeBytes(directory / "tree/file", "text");
+    struct Change {
+        std::size_t place; // in the superblock
+        char byte;
+        const char* reason;
+    };
+    const Change changes[] = {
+        {4, '\0', "has a damaged table of exported files"}, // how many files
+        {27, '\xff', "has a damaged table of owners"},      // how many owners
+        {41, '\x40', "is cut off: it says that it has"},    // its size
+        {60, '\0', "has a damaged table of attributes"},    // where the tables are
+        {90, '\x01', "has a damaged table of exported files"},
+    };
+    const std::string sound = readBytes(pack());
+    for (const Change& change : changes) {
+        std::string bytes = sound;
+        ASSERT_NE(bytes[change.place], change.byte) << change.place;
+        bytes[change.place] = change.byte;
+        writeBytes(directory / "image", bytes);
+        EXPECT_THAT(whyNotListed(directory / "image"), HasSubstr(change.reason)) << change.place;
+    }
+}
+
+TEST_F(PackageImageTest, TakesTablesOfManyBlocks)
+{
+    for (int number = 0; number < 3000; ++number) {
+        writeBytes(directory / "tree" / std::to_string(number), "text");
+    }
+    std::string owners;
+    for (int number = 0; number < 3000; ++number) {
+        owners += std::to_string(number) + " m 644 " + std::to_string(number) + " 0\n";
+    }
+    writeBytes(directory / "owners", owners);
+    EXPECT_EQ(PackageImage(pack({"-pf", "owners"})).list().size(), 3000U);
+    EXPECT_EQ(PackageImage(pack({"-no-exports", "-no-fragments"})).list().size(), 3000U);
+}
+
 // Some kilobytes that would fill a disk.
 TEST_F(PackageImageTest, RefusesToListMoreBytesThanAPackageMayHold)
 {
@@ -112,14 +206,21 @@ TEST_F(PackageImageTest, SaysWhatIsNoPackage)
 }
 
 // Wherever a byte is another one, it is read or refused; not a crash, nor an endless loop.
-TEST_F(PackageImageTest, BearsDamage)
+class DamagedPackage : public PackageImageTest, public testing::WithParamInterface<std::vector<std::string>>
+{
+};
+INSTANTIATE_TEST_SUITE_P(Packed, DamagedPackage,
+                         testing::Values(std::vector<std::string>{"-noI", "-noD"}, // most bytes matter
+                                         std::vector<std::string>{"-comp", "lzo"}));
+
+TEST_P(DamagedPackage, IsReadOrRefused)
 {
     std::mt19937 random(1);
     fs::create_directory(directory / "tree/deep");
     writeBytes(directory / "tree/deep/file", std::string(3000, 'x'));
     writeBytes(directory / "tree/file", std::string(200000, 'y'));
     fs::create_symlink("deep/file", directory / "tree/link");
-    const std::string sound = readBytes(pack({"-noI", "-noD"})); // so that most bytes matter
+    const std::string sound = readBytes(pack(GetParam()));
     for (int round = 0; round < 1000; ++round) {
         std::string damaged = sound;
         for (unsigned int change = 0; change <= random() % 4; ++change) {
