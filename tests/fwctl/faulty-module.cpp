@@ -157,6 +157,9 @@ int getActiveVersion(char* out)
 
 int checkVersion(const char*, int* result)
 {
+#ifdef CRASHES_IN_CHECKVERSION
+    raise(SIGABRT);
+#endif
 #if defined(VERDICT)
     *result = VERDICT;
 #elif defined(IS_OLD)
@@ -189,6 +192,11 @@ int doUpdate(const char*, unsigned long)
     _exit(0);
 #elif defined(HAS_NO_FILES_IN_DOUPDATE)
     forbidFiles();
+#elif defined(WAITS_IN_DOUPDATE)
+    close(open("/tmp/at-work", O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    while (access("/tmp/go-on", F_OK) != 0) {
+        usleep(20'000);
+    }
 #elif defined(LIES_IN_DOUPDATE)
     return 0;
 #elif defined(THROWS_IN_DOUPDATE)

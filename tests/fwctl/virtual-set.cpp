@@ -52,6 +52,11 @@ void VirtualSet::addModule(const std::string& name)
     putLibrary(fs::path(FAULTY_MODULES) / (name + ".so"));
 }
 
+std::string moments(const std::string& script)
+{
+    return ". " MOMENTS "; " + script;
+}
+
 std::string readFile(const fs::path& path)
 {
     std::ifstream in(path, std::ios::binary);

@@ -59,6 +59,19 @@ bool unmount(const std::string& directory)
                                               umount2(directory.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0);
 }
 
+std::set<std::string> mountsSince(const std::vector<std::string>& before,
+                                  const std::set<std::string>& directories)
+{
+    std::set<std::string> since;
+    for (const std::string& mounted : packageMountPoints()) {
+        if (directories.count(mounted) > 0 &&
+            std::find(before.begin(), before.end(), mounted) == before.end()) {
+            since.insert(mounted);
+        }
+    }
+    return since;
+}
+
 std::string problemOfMountDirectory()
 {
     const std::optional<uid_t> user = likelyUpdater();

@@ -2,6 +2,7 @@
 #ifndef TOOLS_FWCTL_MODULES_MOUNTS_H
 #define TOOLS_FWCTL_MODULES_MOUNTS_H
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,10 @@ std::string problemOfMount(const std::string& directory);
 // Through the mount service, as the daemon does it; a dead mount that is still in use is taken out of sight.
 // False, with errno, when it stays.
 bool unmount(const std::string& directory);
+
+// Which of `directories` are package mounts now, but not among `before`: an update has left them.
+std::set<std::string> mountsSince(const std::vector<std::string>& before,
+                                  const std::set<std::string>& directories);
 
 // Why the daemon's user cannot make a mount point among kPackageMounts: "Permission denied"; empty when it
 // can, and when this process may not find out.

@@ -169,11 +169,12 @@ int statusOf(const Json::Value& outcomes)
 Registry::Registry(UpdateLink& link, bool verbose) : manager_(*FWUpdateSymbolManager::getInstance())
 {
     requireLoadable();
-    if (verbose) {
-        forwardDaemonLog([&link](const std::string& message) { link.say("  | " + message); });
-    } else {
-        forwardDaemonLog();
-    }
+    forwardDaemonLog([&link, verbose](const std::string& message) {
+        link.noteDaemonMessage(message);
+        if (verbose) {
+            link.say("  | " + message);
+        }
+    });
     const auto load = [this] {
         const Silence silence; // they have had their say when each was loaded by itself
         return manager_.getIsReady(false);

@@ -7,10 +7,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/daemon/daemon-events.h"
 #include "common/process/pipe.h"
 #include "common/terminal/progress-line.h"
 #include "common/terminal/visible-text.h"
 #include "tools/fwctl/commands/command.h"
+#include "tools/fwctl/modules/mounts.h"
 #include "tools/fwctl/output.h"
 #include "tools/fwctl/privileges.h"
 #include "tools/fwctl/turn/power-lock.h"
@@ -22,6 +24,16 @@ namespace
 {
 constexpr const char* kTurnWanted = "turn_wanted";
 constexpr const char* kRefused = "refused";
+constexpr const char* kMounted = "mounted";
+
+using Mounts = std::vector<std::string>; // before the update
+
+void unmountAll(const std::set<std::string>& directories)
+{
+    for (const std::string& directory : directories) {
+        unmount(directory); // what stays is for doctor to find
+    }
+}
 
 // The parent is the one that answers Ctrl-C. No signal must cut off what is written, neither here nor in a
 // program that the library has started.
@@ -32,19 +44,25 @@ void heedNoSignal()
     }
 }
 
-// The turn goes back however the work ends: the parent may be gone.
+// The turn goes back however the work ends, and no mount stays: the parent may be gone.
 struct Settling {
     UpdateTurn& turn;
-    ~Settling() { turn.settle(); }
+    const UpdateLink& link;
+    const Mounts& before;
+    ~Settling()
+    {
+        unmountAll(mountsSince(before, link.mounted()));
+        turn.settle();
+    }
 };
 
 void runInChild(const std::function<void(UpdateLink&)>& work, Telling& telling, UpdateTurn& turn,
-                common::Pipe& permission, uid_t user)
+                common::Pipe& permission, uid_t user, const Mounts& before)
 {
     permission.writing.reset(); // else our own end would keep us waiting when the parent has ended
     heedNoSignal();
     UpdateLink link(telling, turn, permission.reading.get());
-    const Settling settling{turn};
+    const Settling settling{turn, link, before};
     try {
         becomeUser(user);
         prepareUpdateSemaphore();
@@ -69,9 +87,12 @@ private:
     void sayAboveProgress(const std::string& line);
     void tryToGiveTurn();
     void completeOutcomes(const std::string& failure);
+    void unmountLeft();
 
     uid_t user_;
     UpdateTurn turn_;
+    Mounts before_ = packageMountPoints();
+    std::set<std::string> mounted_;
     common::Pipe permission_ = common::makePipe();
     Child child_;
     TurnWait wait_;
@@ -82,9 +103,9 @@ private:
 
 Supervisor::Supervisor(const std::function<void(UpdateLink&)>& work)
     : user_(requireUpdater()), turn_(user_),
-      child_([this, &work](Telling& telling) { runInChild(work, telling, turn_, permission_, user_); },
-             Child::Orphaned::kGoesOn,
-             [this](const std::string& line) { sayAboveProgress("fwctl: " + line); })
+      child_(
+          [this, &work](Telling& telling) { runInChild(work, telling, turn_, permission_, user_, before_); },
+          Child::Orphaned::kGoesOn, [this](const std::string& line) { sayAboveProgress("fwctl: " + line); })
 {
     permission_.reading.reset();
 }
@@ -104,6 +125,8 @@ void Supervisor::take(const Json::Value& part)
     } else if (part.isMember("power")) {
         constexpr uint32_t kToTellMs = 5000; // the new versions are asked for, too
         keepPowerUntilEnd(part["power"].asUInt() + kToTellMs);
+    } else if (part.isMember(kMounted)) {
+        mounted_.insert(part[kMounted].asString());
     } else if (part.isMember(kTurnWanted)) {
         isTurnWanted_ = true;
         tryToGiveTurn();
@@ -139,10 +162,21 @@ void Supervisor::completeOutcomes(const std::string& failure)
     }
 }
 
+// What a child that crashed has left. In a process of its own: this one stays without the bus, see
+// isolated.h.
+void Supervisor::unmountLeft()
+{
+    const std::set<std::string> left = mountsSince(before_, mounted_);
+    if (!left.empty()) {
+        runIsolated([&](Telling&) { unmountAll(left); });
+    }
+}
+
 Json::Value Supervisor::run()
 {
     const std::string failure =
         child_.wait([this](const Json::Value& part) { take(part); }, [this] { tryToGiveTurn(); });
+    unmountLeft();
     turn_.settle();
     line_.finish();
     if (child_.leftBehind() > 0) {
@@ -166,6 +200,22 @@ void UpdateLink::tellProgress(const std::string& module, unsigned int percent)
     progress.append(module);
     progress.append(percent);
     telling_.put("progress", progress);
+}
+
+void UpdateLink::noteDaemonMessage(const std::string& message)
+{
+    const common::DaemonEvent event = common::readDaemonMessage(message);
+    if (event.kind == common::DaemonEventKind::kMounted) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        mounted_.insert(event.values[2]);
+        telling_.put(kMounted, event.values[2]);
+    }
+}
+
+std::set<std::string> UpdateLink::mounted() const
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return mounted_;
 }
 
 void UpdateLink::takeTurn()

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <functional>
 #include <json/json.h>
+#include <mutex>
+#include <set>
 #include <string>
 
 #include "tools/fwctl/modules/isolated.h"
@@ -33,6 +35,11 @@ public:
     // Objects with module, result ("started" until it is known) and reason; each time all of them.
     void tellOutcomes(const Json::Value& outcomes) { telling_.put("outcomes", outcomes); }
 
+    // Of the daemon's code: what that mounts does not outlast the update, unless it was mounted before. The
+    // daemon leaves the package of a failed update mounted for its next try; here nobody has one.
+    void noteDaemonMessage(const std::string& message);
+    std::set<std::string> mounted() const;
+
     // The set shall not go off in so many milliseconds, nor before the parent has told the result.
     void keepPower(uint32_t milliseconds) { telling_.put("power", milliseconds); }
 
@@ -42,6 +49,8 @@ public:
 private:
     Telling& telling_;
     UpdateTurn& turn_;
+    mutable std::mutex mutex_;
+    std::set<std::string> mounted_;
     int permission_; // a byte comes from the parent with the turn
 };
 
