@@ -147,16 +147,16 @@ TEST_F(PackageImageTest, RefusesTablesThatTheKernelRefuses)
 
 TEST_F(PackageImageTest, TakesTablesOfManyBlocks)
 {
-    for (int number = 0; number < 3000; ++number) {
+    for (int number = 0; number < 1500; ++number) {
         writeBytes(directory / "tree" / std::to_string(number), "text");
     }
     std::string owners;
-    for (int number = 0; number < 3000; ++number) {
+    for (int number = 0; number < 1500; ++number) {
         owners += std::to_string(number) + " m 644 " + std::to_string(number) + " 0\n";
     }
     writeBytes(directory / "owners", owners);
-    EXPECT_EQ(PackageImage(pack({"-pf", "owners"})).list().size(), 3000U);
-    EXPECT_EQ(PackageImage(pack({"-no-exports", "-no-fragments"})).list().size(), 3000U);
+    EXPECT_EQ(PackageImage(pack({"-pf", "owners"})).list().size(), 1500U);
+    EXPECT_EQ(PackageImage(pack({"-no-exports", "-no-fragments"})).list().size(), 1500U);
 }
 
 // Some kilobytes that would fill a disk.
