@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/terminal/command-line.h"
+#include "common/terminal/shard.h"
 #include "common/version.h"
 
 namespace
@@ -302,6 +303,28 @@ TEST(CommandLine, BracketsAreLettersLikeOthers)
     EXPECT_EQ(type({"open", "[a]"}).errors, "player: cannot open [a]: no such file\n");
     EXPECT_THAT(type({"[a,b]"}).errors, HasSubstr("there is no command \"[a,b]\"\n"));
     EXPECT_THAT(type({"play", "x", "--count", "[2]"}).errors, HasSubstr("\"[2]\" is not a whole number"));
+}
+
+TEST(Shards, AreWrittenAsOneOfSoMany)
+{
+    const common::Shard shard = common::shardFrom("2/8");
+    EXPECT_EQ(shard.number, 2U);
+    EXPECT_EQ(shard.of, 8U);
+    EXPECT_TRUE(common::shardFrom("").isWhole());
+    for (const char* wrong : {"2", "9/8", "0/8", "/", "2/8/8", "-1/8", "2/0"}) {
+        EXPECT_THROW(common::shardFrom(wrong), common::WrongUse) << wrong;
+    }
+}
+
+TEST(Shards, ShareEachPieceOnce)
+{
+    for (uint64_t piece = 0; piece < 20; ++piece) {
+        int owners = 0;
+        for (unsigned int number = 1; number <= 3; ++number) {
+            owners += common::Shard{number, 3}.has(piece) ? 1 : 0;
+        }
+        EXPECT_EQ(owners, 1) << piece;
+    }
 }
 
 } // namespace

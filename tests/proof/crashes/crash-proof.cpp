@@ -12,6 +12,7 @@
 
 #include "common/terminal/command-line.h"
 #include "common/terminal/progress-line.h"
+#include "common/terminal/shard.h"
 #include "tests/proof/crashes/campaign.h"
 #include "tests/proof/crashes/exceptions.h"
 
@@ -34,29 +35,6 @@ struct Options {
     unsigned int doctorEach = 1;
     bool isListed = false;
 };
-
-struct Shard {
-    unsigned int number = 1;
-    unsigned int of = 1;
-};
-
-Shard shardFrom(const std::string& text)
-{
-    constexpr common::Range<unsigned int> kNumbers{1, 100000};
-    const std::size_t slash = text.find('/');
-    if (text.empty()) {
-        return {};
-    }
-    if (slash == std::string::npos) {
-        throw common::WrongUse("--shard " + text + ": it is written 2/8, the second of eight");
-    }
-    const Shard shard{common::numberFrom(text.substr(0, slash), kNumbers),
-                      common::numberFrom(text.substr(slash + 1), kNumbers)};
-    if (shard.number > shard.of) {
-        throw common::WrongUse("--shard " + text + ": there are only " + std::to_string(shard.of));
-    }
-    return shard;
-}
 
 // Counts the runs, and tells those in which a promise does not hold.
 class Account
@@ -200,11 +178,10 @@ int runOne(const CrashCampaign& campaign, const Options& options)
 
 std::vector<CrashRun> chosenRuns(const std::vector<Point>& all, const Options& options)
 {
-    const Shard shard = shardFrom(options.shard);
+    const common::Shard shard = common::shardFrom(options.shard);
     std::vector<Point> mine;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(mine), [&](const Point& point) {
-        return proof::hashOf(textOf(point)) % shard.of == shard.number - 1;
-    });
+    std::copy_if(all.begin(), all.end(), std::back_inserter(mine),
+                 [&](const Point& point) { return shard.has(proof::hashOf(textOf(point))); });
     if (options.sample > 0) {
         mine = sampleOf(mine, options.sample, options.seed);
     }
@@ -248,7 +225,7 @@ int run(const Options& options)
     } catch (const std::invalid_argument& problem) {
         throw common::WrongUse(problem.what());
     }
-    shardFrom(options.shard);
+    common::shardFrom(options.shard);
     if (geteuid() != 0) {
         throw common::Failure("it takes root: the daemon of a set is a user of its own");
     }

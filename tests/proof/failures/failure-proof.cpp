@@ -10,6 +10,7 @@
 
 #include "common/terminal/command-line.h"
 #include "common/terminal/progress-line.h"
+#include "common/terminal/shard.h"
 #include "common/terminal/table.h"
 #include "tests/proof/failures/campaign.h"
 #include "tests/proof/failures/exceptions.h"
@@ -23,6 +24,7 @@ using proof::Verdict;
 struct Options {
     std::string only;
     std::string story;
+    std::string shard;
     unsigned int pairs = 0;
     unsigned int seed = 1;
     unsigned int processes = std::max(1U, std::thread::hardware_concurrency());
@@ -156,6 +158,17 @@ int runOne(FailureCampaign& campaign, const Options& options)
     return account.breaches == 0 ? 0 : common::kStatusFailed;
 }
 
+std::vector<proof::Run> partOf(const std::vector<proof::Run>& runs, const common::Shard& shard)
+{
+    std::vector<proof::Run> part;
+    for (size_t at = 0; at < runs.size(); ++at) {
+        if (shard.has(at)) {
+            part.push_back(runs[at]);
+        }
+    }
+    return part;
+}
+
 int runEvery(FailureCampaign& campaign, const Options& options)
 {
     const auto begin = std::chrono::steady_clock::now();
@@ -170,6 +183,8 @@ int runEvery(FailureCampaign& campaign, const Options& options)
     const size_t singles = runs.size();
     const std::vector<proof::Run> pairs = pairsOf(firsts, options.pairs, options.seed);
     runs.insert(runs.end(), pairs.begin(), pairs.end());
+    const common::Shard shard = common::shardFrom(options.shard);
+    runs = partOf(runs, shard);
 
     Account account(firsts.size() + runs.size());
     for (const Verdict& first : firsts) {
@@ -190,7 +205,7 @@ int runEvery(FailureCampaign& campaign, const Options& options)
                    exception.call, exception.reason);
             continue;
         }
-        if (options.story.empty() && exception.beside == nullptr) {
+        if (options.story.empty() && shard.isWhole() && exception.beside == nullptr) {
             printf("'%s' holds always after %s: the exception has no reason any more\n", exception.invariant,
                    exception.call);
             ++account.breaches;
@@ -213,6 +228,7 @@ int run(const Options& options)
     } catch (const std::invalid_argument& problem) {
         throw common::WrongUse(problem.what());
     }
+    common::shardFrom(options.shard);
     FailureCampaign campaign(options.processes);
     if (options.isListed) {
         return list(campaign, options.story);
@@ -235,6 +251,8 @@ int main(int argc, char** argv)
     common::Option pairs = line.number("--pairs", options.pairs, common::Range<unsigned int>{0, 100000000},
                                        "so many pairs of failures as well, by chance");
     pairs.excludes(only).excludes(listed);
+    common::Option shard = line.text("--shard", options.shard, "the runs of one machine among several");
+    shard.called("K/N").excludes(only).excludes(listed);
     line.number("--seed", options.seed, common::Range<unsigned int>{0, 1000000000}, "which chance");
     line.number("--processes", options.processes, common::Range<unsigned int>{1, 256}, "runs at once");
     line.flag("--show", options.isShown, "with --only: what the daemon calls and says");

@@ -242,17 +242,27 @@ std::optional<Difference> Campaign::runRandom(uint64_t events, uint64_t seed)
     return std::nullopt;
 }
 
-std::optional<Difference> Campaign::runEvery(const Case& beginning, int depth)
+std::optional<Difference> Campaign::runEvery(const Case& beginning, int depth, const common::Shard& shard)
 {
     const size_t given = beginning.events.size();
+    const std::vector<std::string>& few = fewEvents();
+    size_t first = 0;
     Session session(*this, beginning.set, [&](Session& self) -> std::optional<std::string> {
         if (self.length() < given) {
             return beginning.events[self.length()];
         }
         if (self.length() < given + static_cast<size_t>(depth)) {
-            const std::vector<std::string>& few = fewEvents();
+            // Beyond the second event all that follows is of the same part.
+            const bool isSecond = self.length() == given + 1;
+            std::vector<size_t> mine;
             for (size_t at = 0; at < few.size(); ++at) {
-                if (at + 1 == few.size() || self.fork()) { // the last one needs no copy
+                if (!isSecond || shard.has(first * few.size() + at)) {
+                    mine.push_back(at);
+                }
+            }
+            for (const size_t at : mine) {
+                if (at == mine.back() || self.fork()) { // the last one needs no copy
+                    first = self.length() == given ? at : first;
                     return few[at];
                 }
             }

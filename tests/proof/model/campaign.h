@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/terminal/shard.h"
 #include "tests/proof/model/events.h"
 
 namespace proof
@@ -33,8 +34,9 @@ public:
 
     // Sequences by chance, the same ones for a seed, until that many events have happened or two differ.
     std::optional<Difference> runRandom(uint64_t events, uint64_t seed);
-    // Every sequence of up to `depth` events after that beginning.
-    std::optional<Difference> runEvery(const Case& beginning, int depth);
+    // Every sequence of up to `depth` events after that beginning. A part of the work is told by the first
+    // two of them.
+    std::optional<Difference> runEvery(const Case& beginning, int depth, const common::Shard& shard = {});
     std::optional<Difference> run(const Case& one);
     // The same difference, or another one, with the fewest events that leave one.
     Difference shrink(Difference found);

@@ -45,12 +45,14 @@ int main(int argc, char** argv)
     bool isShown = false;
     std::string repeated;
     std::string beginning;
+    std::string shard;
     common::CommandLine line("model-proof", "runs the daemon and a model of it side by side");
     line.number("--events", events, common::Range<int>{1, 1000000000}, "events by chance");
     line.number("--seed", seed, common::Range<int>{0, 1000000000}, "which chance");
     common::Option every =
         line.number("--every", depth, common::Range<int>{1, 12}, "every sequence of so many events instead");
     line.text("--from", beginning, "with --every: after this case").called("CASE");
+    line.text("--shard", shard, "with --every: the sequences of one machine among several").called("K/N");
     common::Option one = line.text("--repeat", repeated, "one case alone: 'SET: EVENT...'").called("CASE");
     one.excludes(every);
     line.flag("--show", isShown, "with --repeat: what the daemon calls and says");
@@ -63,7 +65,8 @@ int main(int argc, char** argv)
             return tell(campaign, campaign.run(caseOf(repeated)));
         }
         if (every.isGiven()) {
-            return tell(campaign, campaign.runEvery(caseOf(beginning.empty() ? "mixed" : beginning), depth));
+            return tell(campaign, campaign.runEvery(caseOf(beginning.empty() ? "mixed" : beginning), depth,
+                                                    common::shardFrom(shard)));
         }
         return tell(campaign, campaign.runRandom(static_cast<uint64_t>(events), static_cast<uint64_t>(seed)));
     });
