@@ -123,9 +123,9 @@ kill -STOP "$platform"
 SECONDS=0
 expect 1 "not within 0.2 s" "$vset" wait "$set_" power standby --limit 0.2
 expect 1 "not within 0.2 s" "$vset" wait "$set_" progress x 1 --limit 0.2
-[ $SECONDS -lt 8 ] || fail "a limit of 0.2 s lasted $SECONDS s"
+[ $SECONDS -lt 20 ] || fail "a limit of 0.2 s lasted $SECONDS s"
 kill -TERM "$leader"
-within 10 is_gone "$leader" || fail "a set whose platform does not answer does not end"
+within 60 is_gone "$leader" || fail "a set whose platform does not answer does not end"
 
 # ---- A set of a command, and one whose bus somebody has taken away ----
 "$vset" run "$set_" -- sleep 1000 2>/dev/null &
@@ -138,17 +138,17 @@ one_line 1 "is on, but its bus cannot be reached" "$vset" show "$set_" power
 mkfifo "$set_/root/run/dbus/system_bus_socket"
 one_line 1 "is on, but its bus cannot be reached" "$vset" get "$set_" x
 kill -TERM "$leader"
-within 10 is_gone "$leader" || fail "a set without its bus does not end"
+within 60 is_gone "$leader" || fail "a set without its bus does not end"
 one_line 1 "is not running: start it with" "$vset" show "$set_" power
 
 # ---- A set that is asked to end while it starts ----
-mkdir "$work/tools" && cp -r "$tools/." "$work/tools/" && printf '#!/bin/sh\nexec sleep 1000\n' >"$work/tools/psmountd"
+mkdir "$work/tools" && cp -r "$tools/." "$work/tools/" && printf '#!/bin/sh\necho it runs\nexec sleep 1000\n' >"$work/tools/psmountd"
 "$work/tools/vset" run "$set_" -- true 2>/dev/null &
 leader=$!
 started+=("$leader")
-sleep 1
+within 60 grep -qs "it runs" "$set_/root/var/log/psmountd.out" || fail "the service does not start"
 kill -TERM "$leader"
-within 8 is_gone "$leader" || fail "a set whose service does not get ready cannot be ended"
+within 15 is_gone "$leader" || fail "a set whose service does not get ready cannot be ended"
 printf '#!/bin/sh\nkill -9 $$\n' >"$work/tools/psmountd"
 one_line 1 "psmountd was ended by signal 9 at its start: it said nothing" "$work/tools/vset" run "$set_" -- true
 conclude

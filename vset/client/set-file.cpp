@@ -69,7 +69,7 @@ std::optional<std::string> readSetFile(const fs::path& path, std::size_t most)
     return text;
 }
 
-std::string lastLineOf(const fs::path& path)
+std::string lastLineOf(const fs::path& path, off_t begin)
 {
     constexpr off_t kLongest = 4096;
     const common::RegularFile file(path);
@@ -78,8 +78,8 @@ std::string lastLineOf(const fs::path& path)
         return "";
     }
     char end[kLongest];
-    const ssize_t size =
-        pread(file.descriptor(), end, kLongest, std::max<off_t>(status.st_size - kLongest, 0));
+    const off_t from = std::max<off_t>(status.st_size - kLongest, begin <= status.st_size ? begin : 0);
+    const ssize_t size = pread(file.descriptor(), end, kLongest, from);
     std::string text(end, static_cast<size_t>(std::max<ssize_t>(size, 0)));
     text.erase(text.find_last_not_of('\n') + 1);
     return text.substr(text.find_last_of('\n') + 1);

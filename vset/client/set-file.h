@@ -20,8 +20,9 @@ std::unique_ptr<common::RegularFile> openSetFile(const std::filesystem::path& pa
 // What stands in it; nothing when there is nothing under that name. `most`: bytes.
 std::optional<std::string> readSetFile(const std::filesystem::path& path, std::size_t most = 4 << 20);
 
-// The last line of what stands there, and no end of a line; empty when there is none, or no file.
-std::string lastLineOf(const std::filesystem::path& path);
+// The last line of what stands there from byte `begin` on, and no end of a line; empty when there is none, or
+// no file. In a file that is shorter than that everything counts.
+std::string lastLineOf(const std::filesystem::path& path, off_t begin = 0);
 
 // Throws when something is there that no program of ours would take for a file: a pipe, a directory, a
 // device, a link that leads nowhere or in a circle.

@@ -129,12 +129,16 @@ void becomeUser(const Identity& identity, bool rootless)
     check(setresuid(identity.user, identity.user, identity.user), "cannot change the user");
 }
 
+fs::path outputOf(const std::string& service)
+{
+    return "/var/log/" + service + ".out";
+}
+
 // Standard streams of a service: nothing to read, everything it says into its own file.
 void redirectToLog(const std::string& name)
 {
     const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    const std::string path = "/var/log/" + name + ".out";
-    const UniqueFd log = openOwnFile(path, O_WRONLY | O_CREAT | O_APPEND);
+    const UniqueFd log = openOwnFile(outputOf(name), O_WRONLY | O_CREAT | O_APPEND);
     dup2(null, STDIN_FILENO);
     dup2(log.get(), STDOUT_FILENO);
     dup2(log.get(), STDERR_FILENO);
@@ -145,11 +149,12 @@ void putEnvironment(const char* name, const std::string& value)
     check(setenv(name, value.c_str(), 1), "cannot change the environment");
 }
 
-// What a service said last; a temporary set is gone by the time that somebody looks.
-std::string lastLine(const fs::path& log)
+// What a service has said last, from byte `begin` of its file on: what is older is of an earlier start. A
+// temporary set is gone by the time that somebody looks.
+std::string lastLine(const std::string& service, off_t begin)
 {
     constexpr std::string_view kOurs = "vset: "; // of a service that could not be run
-    std::string last = lastLineOf(log);
+    std::string last = lastLineOf(outputOf(service), begin);
     last.erase(0, last.rfind(kOurs, 0) == 0 ? kOurs.size() : 0);
     return last.empty() ? "it said nothing" : common::visible(last);
 }
@@ -214,6 +219,7 @@ private:
         std::optional<std::chrono::milliseconds> downtime = std::nullopt; // its crash was ordered
         std::optional<Clock::time_point> due = std::nullopt;              // when it is to be started again
         std::deque<Clock::time_point> crashes = {};                       // not ordered, the latest ones
+        off_t saidBefore = 0; // bytes of its output when it was started
     };
 
     void start(Service& service, const std::vector<std::string>& arguments, const Identity& identity,
@@ -267,6 +273,8 @@ private:
 void Init::start(Service& service, const std::vector<std::string>& arguments, const Identity& identity,
                  bool onClock, int inheritedFd, const WatchSocket& watch)
 {
+    struct stat output = {};
+    service.saidBefore = stat(outputOf(service.name).c_str(), &output) == 0 ? output.st_size : 0;
     service.process = fork();
     check(service.process, std::string("cannot start ") + service.name);
     if (service.process != 0) {
@@ -317,7 +325,7 @@ void Init::waitUntilReady(const Service& service, const UniqueFd& ready) const
     if (waiting[0].revents != 0 && read(ready.get(), &byte, 1) == 1) {
         return;
     }
-    const std::string said = lastLine(fs::path("/var/log") / (std::string(service.name) + ".out"));
+    const std::string said = lastLine(service.name, service.saidBefore);
     if (events == 0) {
         throw Error(std::string(service.name) + " does not get ready: " + said);
     }
@@ -441,7 +449,7 @@ void Init::startMain()
         watch_.emplace(watch.watcher.get());
     } catch (const std::exception& error) { // a command has told the reason itself
         throw Error(error.what() +
-                    (plan_.television() ? ": " + lastLine("/var/log/tarnwick.out") : std::string()));
+                    (plan_.television() ? ": " + lastLine(main_.name, main_.saidBefore) : std::string()));
     }
 }
 
