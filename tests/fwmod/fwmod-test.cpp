@@ -441,10 +441,13 @@ TEST_F(Fwmod, NothingStaysOfAPackageThatWasInterrupted)
         kill -$SIGNAL $!
         wait $!
         status=$?
-        test $SIGNAL != KILL || sleep 1 # nobody can wait for the end of that
+        for try in {1..600}; do # nobody can wait for what removes it after a KILL
+            [[ $SIGNAL == KILL ]] && ls temporary | grep -q . || break
+            sleep 0.1
+        done
         ls temporary
         packing() { grep -q sleep /proc/$(cat started)/cmdline 2>/dev/null; }
-        for try in {1..100}; do ! packing || sleep 0.02; done # who is killed is gone a moment later
+        for try in {1..3000}; do ! packing || sleep 0.02; done # who is killed is gone a moment later
         ! packing || echo "the packer goes on"
         rm started
         exit $status)";

@@ -337,9 +337,10 @@ TEST_F(Try, AStartThatFailsLeavesNothing)
 
 TEST_F(Try, ASetThatEndsInTheMiddleIsToldInLines)
 {
-    const std::string killing = "story=$0; \"$@\" >\"$story\" & try=$!; "
-                                "until grep -q 'writes the image' \"$story\"; do sleep 0.05; done; "
-                                "kill $(pgrep -P $try -f ' run '); wait $try";
+    const std::string killing =
+        "story=$0; \"$@\" >\"$story\" & try=$!; "
+        "until grep -q 'writes the image' \"$story\" || ! kill -0 $try; do sleep 0.05; done; "
+        "kill $(pgrep -P $try -f ' run '); wait $try";
     std::vector<std::string> script = {"bash", "-c", killing, directory_ / "story"};
     const std::vector<std::string> command = words(tuner());
     script.insert(script.end(), command.begin(), command.end());
@@ -351,9 +352,10 @@ TEST_F(Try, ASetThatEndsInTheMiddleIsToldInLines)
 
 TEST_F(Try, ASetThatWasKilledIsToldSo)
 {
-    const std::string killing = "story=$0; \"$@\" >\"$story\" & try=$!; "
-                                "until grep -q 'writes the image' \"$story\"; do sleep 0.05; done; "
-                                "kill -KILL $(pgrep -P $try -f ' run '); wait $try";
+    const std::string killing =
+        "story=$0; \"$@\" >\"$story\" & try=$!; "
+        "until grep -q 'writes the image' \"$story\" || ! kill -0 $try; do sleep 0.05; done; "
+        "kill -KILL $(pgrep -P $try -f ' run '); wait $try";
     std::vector<std::string> script = {"bash", "-c", killing, directory_ / "story"};
     const std::vector<std::string> command = words(tuner());
     script.insert(script.end(), command.begin(), command.end());
@@ -391,7 +393,7 @@ TEST_F(Try, AnInterruptionLeavesNoSetAndNoProcess)
         }
         _exit(127);
     }
-    for (int tries = 0; tries < 600 && readBytes(story).find("writes the image") == std::string::npos;
+    for (int tries = 0; tries < 1800 && readBytes(story).find("writes the image") == std::string::npos;
          ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
@@ -401,7 +403,7 @@ TEST_F(Try, AnInterruptionLeavesNoSetAndNoProcess)
     waitpid(process, &status, 0);
     EXPECT_EQ(shellStatus(status), 128 + SIGINT) << readBytes(story);
     // vset's last process, which gives the kernel's loop devices back, may stay for a moment.
-    for (int tries = 0; tries < 100 && isUsed(temporary()); ++tries) {
+    for (int tries = 0; tries < 1200 && isUsed(temporary()); ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     EXPECT_FALSE(isUsed(temporary()));

@@ -179,11 +179,14 @@ TEST_F(Modules, ContentThatIsTooShortIsRefused)
 TEST_F(Modules, KilledUpdateLeavesTheOldVersionAndTheNextOneSucceeds)
 {
     const Library panel("panel");
+    const std::string before = readBytes(kHardware / "panel");
     const pid_t child = fork();
     if (child == 0) {
         _exit(panel.update(imageOf("1.1", "Panel"), checksumOf("1.1", "Panel")));
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(400)); // of at least 1600
+    while (readBytes(kHardware / "panel") == before && waitpid(child, nullptr, WNOHANG) == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     kill(child, SIGKILL);
     int status = 0;
     waitpid(child, &status, 0);

@@ -1,22 +1,25 @@
 // Fixtures of the update manager's and the UI agent's tests: modules that a test makes one by one, in an
 // order of its own, with packages and system images that are newer than what is installed.
 //
-// Header only. A module's library takes 150 ms for an update unless the test says otherwise: one that returns
-// at once may end before the manager waits for it, and then counts as timed out.
+// Header only. A module's library ends its update when the manager waits for that, unless the test says
+// otherwise: one that ends before counts as timed out.
 #ifndef TESTS_SUPPORT_MANAGER_TEST_H
 #define TESTS_SUPPORT_MANAGER_TEST_H
 
 #include <atomic>
 #include <chrono>
 #include <fcntl.h>
+#include <filesystem>
 #include <future>
 #include <semaphore.h>
 #include <set>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
+#include "common/process/process-stat.h"
 #include "src/src/fw-update-symbol-manager.h"
 #include "tests/support/service-finalize.h"
 #include "tests/support/set-test.h"
@@ -36,6 +39,21 @@ bool eventually(Condition condition, std::chrono::seconds limit = std::chrono::s
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return true;
+}
+
+// In a library's call: until every other thread of this process sleeps at two looks in a row, as the one does
+// then that waits for the update.
+inline void untilOthersSleep()
+{
+    int looks = 0;
+    eventually([&] {
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            const auto stat = common::readProcessStat(task.path());
+            const bool isOurs = task.path().filename() == std::to_string(gettid());
+            looks = isOurs || !stat || stat->isAsleep() ? looks : -1;
+        }
+        return ++looks >= 2;
+    });
 }
 
 // A door that a test opens: whoever calls pass() waits for it.
@@ -91,7 +109,7 @@ protected:
         library.answers.empId = identifier;
         library.answers.onCall = [](const std::string& function) {
             if (function == "doUpdate") {
-                std::this_thread::sleep_for(std::chrono::milliseconds(150));
+                untilOthersSleep();
             }
         };
         manager.firmwareItems.emplace_back(name);

@@ -344,7 +344,7 @@ TEST_F(FWUpdateUIAStates, UpdateWhatTheUserAccepted)
         if (function == "doUpdate") {
             during = state();
             EXPECT_EQ(platform.setting(kStatusKey), 2);
-            std::this_thread::sleep_for(std::chrono::milliseconds(150));
+            untilOthersSleep();
         }
     };
     EXPECT_TRUE(tickIn(FWSVC_UI_ACCEPTED));

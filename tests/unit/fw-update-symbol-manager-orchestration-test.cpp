@@ -90,7 +90,7 @@ TEST_F(FWUpdateSymbolManagerTimeout, RunsTheUpdateOnAThreadOfItsOwn)
     tuner.library.answers.onCall = [&](const std::string& function) {
         if (function == "doUpdate") {
             updater = std::this_thread::get_id();
-            std::this_thread::sleep_for(milliseconds(150));
+            untilOthersSleep();
         }
     };
     wrap(tuner);
@@ -104,7 +104,7 @@ TEST_F(FWUpdateSymbolManagerTimeout, HoldsTheSemaphoreDuringTheUpdateOnly)
     tuner.library.answers.onCall = [&](const std::string& function) {
         if (function == "doUpdate") {
             during = semaphoreValue();
-            std::this_thread::sleep_for(milliseconds(150));
+            untilOthersSleep();
         }
     };
     EXPECT_EQ(semaphoreValue(), 1);
@@ -192,7 +192,7 @@ TEST_F(FWUpdateSymbolManagerTimeout, TakesAnExceptionInTheUpdateForAFailure)
     TestModule tuner = addPending("tuner", "empTuner", 10);
     tuner.library.answers.onCall = [](const std::string& function) {
         if (function == "doUpdate") {
-            std::this_thread::sleep_for(milliseconds(150));
+            untilOthersSleep();
             throw std::logic_error("a library that throws");
         }
     };
@@ -350,7 +350,7 @@ TEST_F(FWUpdateSymbolManagerAll, HoldsThePowerLockUntilEveryModuleWasUpdatedAndN
         if (!platform.heldPowerLocks().empty()) {
             lockedCalls.push_back(function);
         }
-        std::this_thread::sleep_for(milliseconds(150));
+        untilOthersSleep();
     };
     run();
     EXPECT_THAT(lockedCalls, ElementsAre("setContext", "checkVersion", "doUpdate", "allUpdateDone"));
@@ -384,7 +384,7 @@ TEST_F(FWUpdateSymbolManagerAll, VisitsTheModulesInTheRegistrysOrder)
                                                                   name = std::string(name)](auto& function) {
             if (function == "doUpdate") {
                 updated.push_back(name);
-                std::this_thread::sleep_for(milliseconds(150));
+                untilOthersSleep();
             }
         };
     }
@@ -461,7 +461,7 @@ TEST_F(FWUpdateSymbolManagerAll, CountsAModuleAsDoneAfterItsUpdate)
     panel.library.answers.onCall = [&](const std::string& function) {
         if (function == "doUpdate") {
             doneBefore = manager.doneUpdateTime;
-            std::this_thread::sleep_for(milliseconds(150));
+            untilOthersSleep();
         }
     };
     run();
@@ -688,7 +688,7 @@ TEST_F(FWUpdateSymbolManagerUI, NamesTheModuleDuringItsUpdateOnly)
     tuner.library.answers.onCall = [&](const std::string& function) {
         if (function == "doUpdate") {
             nameDuring = manager.currentUpdateName;
-            std::this_thread::sleep_for(milliseconds(150));
+            untilOthersSleep();
         }
     };
     manager.doUpdateFirmwareUI(1);
@@ -718,7 +718,7 @@ TEST_F(FWUpdateSymbolManagerUI, DeletesTheListAfterTheModulesAreNoticed)
         if (function == "allUpdateDone") {
             wasListed = exists(kListPath);
         }
-        std::this_thread::sleep_for(milliseconds(150));
+        untilOthersSleep();
     };
     manager.doUpdateFirmwareUI(1);
     EXPECT_TRUE(wasListed);

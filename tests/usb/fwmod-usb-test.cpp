@@ -244,8 +244,11 @@ TEST_F(FwmodUsbPassword, IsAskedForAndAWrongOneIsCalledSo)
 TEST_F(FwmodUsbPassword, InterruptedQuestionEndsTheProgramAndLeavesTheTerminalAsItWas)
 {
     writeBytes(directory / "terminal", "trap : INT\n\"$@\"\necho \"ended with $?\"\nstty -a\n");
-    const Outcome outcome = runIn({}, "{ sleep 1; printf '\\003'; sleep 1; } | "
-                                      "script -qec \"sh terminal $*\" /dev/null");
+    const Outcome outcome = runIn(
+        {},
+        "mkfifo keys; exec 3<>keys; env --default-signal=INT,QUIT script -qefc \"sh terminal $*\" /dev/null <keys >told & "
+        "until grep -q assword told || ! kill -0 $!; do sleep 0.05; done; printf '\\003' >&3; "
+        "until grep -q 'ended with' told || ! kill -0 $!; do sleep 0.05; done; exec 3>&-; wait $!; cat told");
     EXPECT_THAT(outcome.out, HasSubstr("ended with 130"));
     EXPECT_THAT(outcome.out, HasSubstr(" echo "));
     EXPECT_THAT(outcome.out, Not(HasSubstr("private key"))); // which there is
@@ -356,7 +359,7 @@ TEST_F(FwmodUsb, KillLeavesNothing)
     Words words = usb();
     words.insert(words.begin(), {"timeout", "--signal=KILL", "0.3", FWMOD});
     EXPECT_EQ(runProgram(words, directory.path()).status, 128 + SIGKILL);
-    for (int time = 0; time < 100 && names() != inputs; ++time) {
+    for (int time = 0; time < 1200 && names() != inputs; ++time) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     EXPECT_EQ(names(), inputs);

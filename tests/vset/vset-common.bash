@@ -43,7 +43,8 @@ expect() {
     case $output in *"$text"*) ;; *) fail "no \"$text\" from: $* ($output)" ;; esac
 }
 
-# within SECONDS COMMAND...: the command succeeds before long.
+# within SECONDS COMMAND...: the command succeeds before long. What comes at once on a PC that does nothing else is
+# given a minute or more.
 within() {
     local end=$((SECONDS + $1))
     shift

@@ -5,7 +5,7 @@
 [ "$(id -u)" = 0 ] || skip "needs root"
 cd "$work" || exit 1
 set_=$work/set
-longest=6 # seconds of a command whose limit is 0.2, on a busy machine
+longest=25 # seconds of a command whose limit is 0.2, on a busy machine; without that limit it takes 30
 "$vset" new --bare "$set_" >/dev/null
 
 # put_there KIND PATH
@@ -109,7 +109,7 @@ rm "$set_/.vset" && mv "$set_/.kept" "$set_/.vset"
 "$vset" run "$set_" -- sleep 1000 2>/dev/null &
 leader=$!
 started+=("$leader")
-within 20 is_up "$set_" || fail "the set does not come up"
+within 90 is_up "$set_" || fail "the set does not come up"
 init=$(init_of "$set_")
 rm "$set_/.vset/lock"
 ends 1 "already running" "the lock is gone" "$vset" run "$set_" -- true
@@ -120,7 +120,7 @@ ends 1 "does not name the first process" "another lock" "$vset" exec "$set_" -- 
 echo "$init root no-clock" >"$set_/.vset/lock"
 ends 0 "" "the lock as it was" "$vset" exec "$set_" -- true
 kill -TERM "$leader"
-within 20 is_gone "$leader" || fail "a set whose lock was replaced does not end"
+within 90 is_gone "$leader" || fail "a set whose lock was replaced does not end"
 
 # ---- Links that lead out of the set: nothing is put where they lead ----
 mkdir -p out stick/deep build/Panel && echo x >stick/deep/x && echo x >build/Panel/Panel.bin && ln -s Panel build/Linked
@@ -164,13 +164,13 @@ ln -s "$work" "$set_/root/srv/out" && ln -s /srv/feed "$set_/root/srv/in"
 "$vset" run "$set_" -- sleep 1000 2>/dev/null &
 leader=$!
 started+=("$leader")
-within 20 is_up "$set_" || fail "the set does not come up"
+within 90 is_up "$set_" || fail "the set does not come up"
 ends 1 "it is not there" "a link to the PC" "$vset" wait "$set_" file /srv/out/kept-file "${short[@]}"
 ends 0 "" "a link in the set" "$vset" wait "$set_" file /srv/in/empTuner.img "${short[@]}"
 ends 0 "" "a file of the set" "$vset" wait "$set_" file //srv/feed/empTuner.img "${short[@]}"
 ends 1 "is no UTF-8" "a button that is no text" "$vset" ui "$set_" click $'\xff\xfe'
 kill -TERM "$leader"
-within 20 is_gone "$leader" || fail "the set does not end"
+within 90 is_gone "$leader" || fail "the set does not end"
 ends 1 "there is no set at" "a log of no set" "$vset" log nowhere
 # Several at once: each is whole.
 for round in 1 2 3 4 5; do
@@ -226,7 +226,7 @@ rm -f "$set_/root/var/log/platform.log"
 "$vset" run "$set_" --clock-rate 1 -- sleep 1000 2>/dev/null &
 leader=$!
 started+=("$leader")
-within 20 is_up "$set_" || fail "the set does not come up"
+within 90 is_up "$set_" || fail "the set does not come up"
 for kind in pipe socket directory device circle; do
     refused root/var/log/platform.log $kind wait "$set_" says x "${short[@]}"
 done
@@ -236,7 +236,7 @@ done
 SECONDS=0
 ends 1 "no platform call" "a very long name" "$vset" fault "$set_" "$(head -c 100000 /dev/zero | tr '\0' x)"
 ends 0 "state 0" "the platform after a very long name" "$vset" show "$set_" power
-[ $SECONDS -lt 5 ] || fail "a very long name keeps the platform for $SECONDS s"
+[ $SECONDS -lt 20 ] || fail "a very long name keeps the platform for $SECONDS s"
 # What is fetched from the feed keeps its holes; what is no file is not fetched.
 put_there sparse "$set_/root/srv/feed/empSparse.img"
 put_there pipe "$set_/root/srv/feed/empPipe.img"
@@ -246,13 +246,13 @@ for package in empPipe empDevice empSparse; do
         --method org.pellor.platform.Services.DownloadPackage 1 $package >/dev/null
 done
 fetched() { [ "$("$vset" show "$set_" packages | grep -cE "$1")" = "$2" ]; }
-within 10 fetched " failed " 2 || fail "packages: $("$vset" show "$set_" packages)"
-within 10 fetched "empSparse .* delivered " 1 || fail "packages: $("$vset" show "$set_" packages)"
+within 60 fetched " failed " 2 || fail "packages: $("$vset" show "$set_" packages)"
+within 60 fetched "empSparse .* delivered " 1 || fail "packages: $("$vset" show "$set_" packages)"
 image=$set_/root/opt/usr/apps/appbinarymanager/empSparse.img
 [ "$(stat -c %s "$image")" = $((10 << 30)) ] || fail "a package is cut: $(stat -c %s "$image") bytes"
 [ "$(du -k "$image" | cut -f1)" -lt 1000 ] || fail "a package without content takes $(du -h "$image")"
 # The platform goes on beside it.
 ends 0 "state 0" "the platform" "$vset" show "$set_" power
 kill -TERM "$leader"
-within 20 is_gone "$leader" || fail "a set with a strange log does not end"
+within 90 is_gone "$leader" || fail "a set with a strange log does not end"
 conclude

@@ -28,7 +28,7 @@ for victim in leader init; do
     "$vset" run "$set_" -- sh -c "$mount_two" >/dev/null 2>&1 &
     leader=$!
     started+=("$leader")
-    within 20 test -e "$set_/root/tmp/ready" || fail "$victim: the set does not mount two images"
+    within 90 test -e "$set_/root/tmp/ready" || fail "$victim: the set does not mount two images"
     no_loop && fail "$victim: the loop devices are not seen from here"
     init=$(init_of "$set_") || { fail "the set has no PID 1"; conclude; }
     # From outside every process of the set is a descendant of PID 1 or has its process namespace.
@@ -41,8 +41,8 @@ for victim in leader init; do
     esac
     wait "$leader" 2>/dev/null
     nobody() { [ -z "$(inhabitants)" ]; }
-    within 10 nobody || fail "$victim: processes are left: $(inhabitants)"
-    within 10 no_loop || fail "$victim: a loop device is still bound"
+    within 60 nobody || fail "$victim: processes are left: $(inhabitants)"
+    within 60 no_loop || fail "$victim: a loop device is still bound"
     grep -q "$set_" /proc/mounts && fail "$victim: a mount is left"
     expect 0 "" "$vset" run "$set_" -- true
     rm -rf "$set_" || fail "$victim: the directory cannot be removed"
@@ -51,7 +51,7 @@ done
 for moment in 0.02 0.03 0.04 0.05 0.07; do
     for signal in TERM INT; do
         timeout -s $signal $moment "$vset" run --temporary -- sleep 10 2>/dev/null
-        within 5 test -z "$(ls -A "$TMPDIR")" || fail "SIG$signal after $moment s leaves $(ls "$TMPDIR")"
+        within 60 test -z "$(ls -A "$TMPDIR")" || fail "SIG$signal after $moment s leaves $(ls "$TMPDIR")"
     done
 done
 

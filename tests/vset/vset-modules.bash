@@ -31,7 +31,7 @@ library dying 'raise(SIGSEGV)'
 : >"$work/run"
 "$vset" run "$set_" -- sleep 1000 2>"$work/run" &
 started+=($!)
-within 20 is_up "$set_" || fail "the set does not come up"
+within 90 is_up "$set_" || fail "the set does not come up"
 before=$("$vset" exec "$set_" -- pgrep -o platformd)
 modules=$("$vset" modules "$set_" 2>&1) || fail "modules: $modules"
 for name in orphan daemon printing group; do
@@ -44,5 +44,5 @@ grep -q "^parent " <<<"$modules" || fail "parent is missing: $modules"
 [ "$("$vset" exec "$set_" -- pgrep -o platformd)" = "$before" ] || fail "a library has ended the platform"
 left() { "$vset" exec "$set_" -- pgrep -fa module-probe >"$work/left"; }
 gone() { ! left; }
-within 10 gone || fail "processes of libraries are left: $(cat "$work/left")"
+within 60 gone || fail "processes of libraries are left: $(cat "$work/left")"
 conclude

@@ -9,7 +9,7 @@ set_=$work/set
 "$vset" run "$set_" --clock-rate 1 -- sleep 100000 2>/dev/null &
 leader=$!
 started+=("$leader")
-within 20 is_up "$set_" || fail "the set does not come up"
+within 90 is_up "$set_" || fail "the set does not come up"
 
 # All that is known of the set, without what goes on by itself.
 state() {

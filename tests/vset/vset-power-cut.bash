@@ -50,7 +50,7 @@ cut_daemon() {
     : >"$work/said" # at once: what an earlier one has said is no sign of this one
     "$vset" run "$set_" "$@" --cut-power-at-write 4 >"$work/said" 2>&1 &
     started+=($!)
-    within 20 grep -q "tarnwick ended with status 7" "$work/said" || fail "not told: $(cat "$work/said")"
+    within 90 grep -q "tarnwick ended with status 7" "$work/said" || fail "not told: $(cat "$work/said")"
     grep -q "vset: the daemon made 3 writes to hardware" "$work/said" || fail "no count: $(cat "$work/said")"
     life_tells writes '"count":3'
     life_tells ended '"status":7'

@@ -33,7 +33,7 @@ expect 0 "$set_" "${as_user[@]}" "$vset" new --bare "$set_"
     2>"$work/said" &
 leader=$!
 started+=("$leader")
-within 20 test -e "$set_/root/tmp/ready" || fail "the set does not come up: $(cat "$work/said")"
+within 90 test -e "$set_/root/tmp/ready" || fail "the set does not come up: $(cat "$work/said")"
 expect 0 "set" "${as_user[@]}" "$vset" exec "$set_" -- cat /etc/hostname
 expect 0 "uid 0" "$vset" exec "$set_" -- sh -c 'echo "uid $(id -u)"' # root may enter it as well
 other_user=(setpriv --reuid 12346 --regid 12346 --clear-groups)
@@ -56,7 +56,7 @@ inhabitants() { ls -l /proc/[0-9]*/ns/pid 2>/dev/null | grep -F "$namespace"; }
 [ "$(inhabitants | wc -l)" -ge 4 ] || fail "too few processes to prove anything"
 kill -9 "$leader"
 nobody() { [ -z "$(inhabitants)" ]; }
-within 10 nobody || fail "processes are left"
+within 60 nobody || fail "processes are left"
 wait 2>/dev/null
 expect 0 "" "${as_user[@]}" "$vset" run "$set_" -u -- true
 

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <map>
 #include <memory>
 #include <signal.h>
@@ -186,15 +187,19 @@ TEST_F(PlatformLog, WritersOfSeveralProgramsNeverMix)
 TEST_F(PlatformLog, ALogThatWasMovedAwayIsBegunAnewAndFollowed)
 {
     std::vector<std::string> followed;
+    std::promise<void> begun;
     std::thread reader([&] {
         vset::LogReader log(vset::kLogFile);
         log.follow([&](const vset::LogRecord& record) {
+            if (followed.empty()) {
+                begun.set_value();
+            }
             followed.push_back(record.message);
             return record.message != "after";
         });
     });
     __norlog_print(2, 6, "T", "before");
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    begun.get_future().wait();
     ASSERT_EQ(rename(vset::kLogFile, "/var/log/platform.log.1"), 0);
     __norlog_print(2, 6, "T", "after");
     reader.join();
