@@ -2,16 +2,15 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <set>
 
 #include "common/daemon/daemon-events.h"
 #include "common/files/file-copy.h"
 #include "common/json-text.h"
-#include "sdk/examples/common/firmware.h"
+#include "tests/proof/chips.h"
+#include "tests/proof/left-over.h"
 #include "vset/client/control-client.h"
 #include "vset/clock/clock-file.h"
 
@@ -25,12 +24,9 @@ namespace fs = std::filesystem;
 using tarnwick::Television;
 
 const fs::path kLibraries = EXAMPLE_LIBRARIES;
-const fs::path kImages = CRASH_IMAGES;
 constexpr const char* kWatchedDaemon = WATCHED_DAEMON;
 
-constexpr const char* kChips[] = {"tuner", "panel", "soundbar"};
 constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager";
-constexpr const char* kList = "/tmp/fwupdate-off-list.txt";
 constexpr const char* kLog = "/var/log/platform.log";
 constexpr const char* kPending = "need update item, wait ui or bg fw update";
 
@@ -45,12 +41,6 @@ constexpr double kPatience = 20; // seconds of this machine, for what comes at o
 struct Hit {
 }; // out of any wait
 
-bool isThere(const fs::path& path)
-{
-    std::error_code ignored;
-    return fs::exists(fs::symlink_status(path, ignored));
-}
-
 std::string readFile(const fs::path& path)
 {
     std::ifstream in(path, std::ios::binary);
@@ -64,29 +54,6 @@ void putWatchedDaemon(const fs::path& set)
     fs::create_directories(real.parent_path());
     fs::rename(set / "usr/bin/tarnwick", real);
     fs::copy_file(kWatchedDaemon, set / "usr/bin/tarnwick");
-}
-
-std::vector<unsigned char> payloadOf(const std::string& firmware, const std::string& version)
-{
-    const std::string file = readFile(kImages / version / firmware / (firmware + ".bin"));
-    const auto image = parseImage(reinterpret_cast<const unsigned char*>(file.data()), file.size());
-    return image ? image->payload : std::vector<unsigned char>();
-}
-
-std::string firmwareOf(const std::string& chip)
-{
-    return std::string(1, static_cast<char>(std::toupper(static_cast<unsigned char>(chip[0])))) +
-           chip.substr(1);
-}
-
-const std::vector<unsigned char>& payloadFor(const std::string& chip, const std::string& version)
-{
-    static std::map<std::pair<std::string, std::string>, std::vector<unsigned char>> known;
-    const auto [place, isNew] = known.try_emplace({chip, version});
-    if (isNew) {
-        place->second = payloadOf(firmwareOf(chip), version);
-    }
-    return place->second;
 }
 
 std::string textOf(const tarnwick::End& end)
@@ -190,12 +157,12 @@ void Lane::prepare()
             fs::remove_all(entry);
         }
     }
-    for (const char* chip : kChips) {
-        tv.putHardware(kImages / "1.0/hardware" / chip);
+    for (const std::string& chip : chips()) {
+        tv.putHardware(chipImages() / "1.0/hardware" / chip);
     }
-    tv.putFirmware(kImages / (story->source == Source::kBuiltIn ? "1.1" : "1.0") / "Panel");
+    tv.putFirmware(chipImages() / (story->source == Source::kBuiltIn ? "1.1" : "1.0") / "Panel");
     if (story->source != Source::kBuiltIn) {
-        tv.putPackage(kImages / "1.1" / (std::string("emp") + story->firmware + ".img"),
+        tv.putPackage(chipImages() / "1.1" / (std::string("emp") + story->firmware + ".img"),
                       story->source == Source::kFeed ? Television::Package::kFeed
                                                      : Television::Package::kDelivered);
     }
@@ -307,9 +274,7 @@ void Lane::recover()
         live(nullptr);
         judgeMessages();
         judgeFirmware("after a boot");
-        const auto version =
-            SlottedFlash(tv.outside(std::string("/var/lib/hardware/") + story->chip), {}).activeVersion();
-        if (version == "1.1") {
+        if (versionOn(tv, story->chip) == "1.1") {
             judgeEnd();
             tv.switchOff();
             return;
@@ -321,68 +286,24 @@ void Lane::recover()
 
 // ---- What is there ----
 
-fs::path Lane::insideSet(const std::string& path) const
-{
-    std::ifstream lock(tv.set() / ".vset/lock");
-    std::string init;
-    lock >> init;
-    return "/proc/" + init + path;
-}
-
-bool Lane::Leftovers::areAsAfterAnEnd() const
-{
-    return semaphore == 1 && !isListThere && locks == 0;
-}
-
-std::string Lane::Leftovers::text() const
-{
-    return "the semaphore at " + std::to_string(semaphore) + ", " + std::to_string(locks) + " power locks" +
-           (isListThere ? ", and the list" : "");
-}
-
-Lane::Leftovers Lane::leftovers()
-{
-    Leftovers left;
-    std::ifstream mounts(insideSet("/mounts"));
-    for (std::string line; std::getline(mounts, line);) {
-        if (line.rfind("/dev/loop", 0) == 0) {
-            left.mounts.push_back(line);
-        }
-    }
-    const std::string semaphore = readFile(insideSet("/root/dev/shm/sem.SEM_UPDATE_CONTROL"));
-    if (semaphore.size() >= sizeof(std::uint32_t)) {
-        std::uint32_t value = 0;
-        std::memcpy(&value, semaphore.data(), sizeof value);
-        left.semaphore = static_cast<int>(value);
-    }
-    left.isListThere = isThere(tv.outside(kList));
-    left.locks = tv.powerLocks();
-    return left;
-}
-
 // ---- What must be so ----
 
 void Lane::judgeFirmware(const char* when)
 {
-    for (const std::string chip : kChips) {
-        const SlottedFlash flash(tv.outside("/var/lib/hardware/" + chip), {});
-        const auto version = flash.activeVersion();
-        const auto firmware = flash.activeFirmware();
-        const bool isWhole = version && firmware && (*version == "1.0" || *version == "1.1") &&
-                             *firmware == payloadFor(chip, *version);
-        if (!isWhole) {
-            breach("firmware", std::string(when) + " " + chip + " has " +
-                                   (version ? "a damaged version " + *version : "no firmware at all"));
+    for (const std::string& chip : chips()) {
+        const std::string damage = damageOn(tv, chip);
+        if (!damage.empty()) {
+            breach("firmware", std::string(when) + " " + chip + " has " + damage);
         }
     }
 }
 
 void Lane::judgeKilled()
 {
-    Leftovers left = leftovers();
+    LeftOver left = leftOverIn(tv);
     for (int look = 0; left.locks > 0 && look < 100; ++look) { // the platform hears of the end from the bus
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        left = leftovers();
+        left = leftOverIn(tv);
     }
     if (left.locks > 0) {
         breach("killed", std::to_string(left.locks) + " power locks are still held");
@@ -418,8 +339,8 @@ void Lane::judgeFailing()
         breach("exit", "the daemon ended with " + textOf(end) + ": " + tv.daemonOutput());
         return;
     }
-    const Leftovers left = leftovers();
-    if (!left.areAsAfterAnEnd()) {
+    const LeftOver left = leftOverIn(tv);
+    if (!left.isAsAfterAnEnd()) {
         breach("exit", "it ended with " + left.text());
     }
 }
@@ -430,14 +351,14 @@ void Lane::judgeEnd()
     if (end.status != 0) {
         breach("rest", "the daemon of a later boot ended with " + textOf(end));
     }
-    const Leftovers left = leftovers();
+    const LeftOver left = leftOverIn(tv);
     const bool isWritten = said(std::string("[ ") + story->firmware + " update succeeded ]");
     // A check mounts a package, and leaves it so; a write takes it away.
     const std::size_t most = isWritten ? 0 : 1;
     if (left.mounts.size() > most) {
         breach("left", std::to_string(left.mounts.size()) + " mounts, not " + std::to_string(most));
     }
-    if (!left.areAsAfterAnEnd()) {
+    if (!left.isAsAfterAnEnd()) {
         breach("left", left.text());
     }
     if (isExamined) {
@@ -446,7 +367,7 @@ void Lane::judgeEnd()
     judgeFiles();
 }
 
-void Lane::judgeDoctor(const Leftovers& left, const char* when)
+void Lane::judgeDoctor(const LeftOver& left, const char* when)
 {
     const tarnwick::Output output = tv.execute({"fwctl", "doctor", "--json"});
     const auto findings = common::parseJson(output.text);
@@ -486,7 +407,7 @@ void Lane::judgeDoctor(const Leftovers& left, const char* when)
 void Lane::judgeMended()
 {
     const tarnwick::Output output = tv.execute({"fwctl", "doctor", "--fix"});
-    const Leftovers left = leftovers();
+    const LeftOver left = leftOverIn(tv);
     if (!left.mounts.empty() || left.semaphore != 1 || left.isListThere) {
         breach("doctor", "--fix has not mended it: " + output.text + output.errors);
     }
@@ -497,7 +418,7 @@ void Lane::judgeFiles()
     const auto isExpected = [](const fs::path& path) {
         const std::string name = path.filename();
         return name == "empTuner.img" || name == "emps" ||
-               std::find(std::begin(kChips), std::end(kChips), name) != std::end(kChips);
+               std::find(chips().begin(), chips().end(), name) != chips().end();
     };
     for (const char* directory : {kPackages, "/var/lib/hardware"}) {
         for (const auto& entry : fs::directory_iterator(tv.outside(directory))) {

@@ -13,6 +13,7 @@
 #include "tests/proof/crashes/call-guard.h"
 #include "tests/proof/crashes/point.h"
 #include "tests/proof/crashes/story.h"
+#include "tests/proof/left-over.h"
 
 namespace proof
 {
@@ -48,17 +49,6 @@ public:
                      const std::function<void(const std::string&)>& tell = {});
 
 private:
-    // What a program that ended in the middle may have left in the running set.
-    struct Leftovers {
-        std::vector<std::string> mounts;
-        int semaphore = 1;
-        bool isListThere = false;
-        std::size_t locks = 0;
-
-        bool areAsAfterAnEnd() const; // the mounts are judged apart
-        std::string text() const;     // of all but the mounts
-    };
-
     bool runOnce();
     void prepare();
     void quicken(std::optional<double> jump = std::nullopt) const;
@@ -71,14 +61,12 @@ private:
     void afterHit(CallGuard& guard);
     void recover();
 
-    std::filesystem::path insideSet(const std::string& path) const; // of a running one
-    Leftovers leftovers();
     void judgeFirmware(const char* when);
     void judgeKilled();
     bool isSubscribed(const char* event) const;
     void judgeFailing();
     void judgeEnd();
-    void judgeDoctor(const Leftovers& left, const char* when);
+    void judgeDoctor(const LeftOver& left, const char* when);
     void judgeMended();
     void judgeFiles();
     void judgeMessages();

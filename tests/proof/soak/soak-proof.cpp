@@ -1,0 +1,218 @@
+// Boots a set, updates it, puts it to standby and reboots it, thousands of times, and tells what does not
+// stay as it is.
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <iterator>
+#include <optional>
+#include <random>
+#include <string>
+#include <unistd.h>
+
+#include "common/terminal/command-line.h"
+#include "common/terminal/progress-line.h"
+#include "common/terminal/table.h"
+#include "tests/proof/soak/soaked-set.h"
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using proof::SoakedSet;
+using proof::SoakPlan;
+
+struct Options {
+    unsigned int cycles = 100;
+    unsigned int seed = 1;
+    unsigned int only = 0;
+};
+
+constexpr double kMebibyte = 1 << 20;
+// Of a service, in ten thousand cycles, and in a run that is too short for a line through its values.
+constexpr double kMostGrowth = 4;
+constexpr double kMostInAShortRun = 16;
+constexpr unsigned int kCyclesForALine = 200;
+
+constexpr proof::SoakFault kFaults[] = {
+    {"pralis_get_int", -1, 1},
+    {"pralis_set_int", -1, 2},
+    {"PS_Mount", -1, 1},
+    {"pwrctl_lock_state", -1, 1},
+    {"hangwatch_register_watchdog_service", -5, 1},
+    {"hangwatch_watchdog_notify", -1, 2},
+    {"sysprop_get_value_string", -1, 1},
+};
+
+// The same for a seed and a cycle, whatever came before. `canBeAccepted`: the set reboots by itself.
+SoakPlan planOf(unsigned int seed, unsigned int cycle, SoakedSet::Way way)
+{
+    const bool isTelevision = way == SoakedSet::Way::kTelevision;
+    std::mt19937_64 random((uint64_t{seed} << 32) + 2 * cycle + (isTelevision ? 1 : 0));
+    const auto oneIn = [&](unsigned int number) { return random() % number == 0; };
+    SoakPlan plan;
+    plan.offer = oneIn(4) ? SoakPlan::Offer::kNothing : SoakPlan::Offer::kStandby;
+    for (const char* module : {"panel", "soundbar"}) {
+        if (oneIn(2)) {
+            plan.modules.emplace_back(module);
+        }
+    }
+    if (isTelevision && oneIn(10)) {
+        plan.offer = SoakPlan::Offer::kAccept;
+        plan.modules = {"panel"};
+    } else if (oneIn(5)) {
+        plan.killedAfter = static_cast<unsigned int>(random() % 400);
+    } else if (!isTelevision && oneIn(3)) {
+        plan.fault = kFaults[random() % std::size(kFaults)];
+    }
+    return plan;
+}
+
+class Place
+{
+public:
+    Place()
+    {
+        std::string name = fs::temp_directory_path() / "soak-proof-XXXXXX";
+        if (mkdtemp(name.data()) == nullptr) {
+            throw std::system_error(errno, std::generic_category(), name);
+        }
+        path_ = name;
+    }
+    ~Place()
+    {
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
+    Place(const Place&) = delete;
+    Place& operator=(const Place&) = delete;
+    const fs::path& path() const { return path_; }
+
+private:
+    fs::path path_;
+};
+
+class Soak
+{
+public:
+    explicit Soak(const Options& options) : options_(options) {}
+
+    int run()
+    {
+        const auto begin = std::chrono::steady_clock::now();
+        for (unsigned int cycle = 1; cycle <= options_.cycles; ++cycle) {
+            if (options_.only == 0 || cycle == options_.only) {
+                live(cycle);
+            }
+            line_.show(line_.isDrawn() ? "cycle " + std::to_string(cycle)
+                                       : "soak", // the same: a line for a tenth
+                       static_cast<unsigned int>(uint64_t{cycle} * 100 / options_.cycles));
+        }
+        line_.clear();
+        judgeMemory();
+        const std::chrono::duration<double> duration = std::chrono::steady_clock::now() - begin;
+        tell(duration.count());
+        return breaches_ == 0 ? 0 : common::kStatusFailed;
+    }
+
+private:
+    struct Named {
+        const char* name;
+        SoakedSet set;
+    };
+
+    void live(unsigned int cycle)
+    {
+        for (Named* each : {&television_, &services_}) {
+            const SoakPlan plan =
+                planOf(options_.seed, cycle,
+                       each == &television_ ? SoakedSet::Way::kTelevision : SoakedSet::Way::kServices);
+            for (const std::string& breach : each->set.live(plan)) {
+                tellBreach(std::string(each->name) + ", cycle " + std::to_string(cycle) + " (" +
+                           SoakedSet::textOf(plan) + "): " + breach);
+            }
+        }
+    }
+
+    void tellBreach(const std::string& text)
+    {
+        constexpr std::size_t kShown = 50;
+        if (++breaches_ <= kShown) {
+            line_.clear();
+            printf("%s\n", text.c_str());
+            fflush(stdout);
+        }
+    }
+
+    void judgeMemory()
+    {
+        for (const Named* each : {&television_, &services_}) {
+            for (const auto& [name, course] : each->set.memory()) {
+                const bool isLine = course.size() >= kCyclesForALine;
+                const double grown =
+                    (isLine ? course.growthIn(10000) : course.highest() - course.first()) / kMebibyte;
+                if (grown > (isLine ? kMostGrowth : kMostInAShortRun)) {
+                    tellBreach(std::string(each->name) + ", " + name + " grows by " + std::to_string(grown) +
+                               " MiB" + (isLine ? " in 10,000 cycles" : ""));
+                }
+            }
+        }
+    }
+
+    void tell(double seconds) const
+    {
+        common::Table table({"SET", "SERVICE", "MiB AT FIRST", "AT LAST", "AT MOST", "IN 10,000 CYCLES"});
+        for (const Named* each : {&television_, &services_}) {
+            for (const auto& [name, course] : each->set.memory()) {
+                const auto shown = [](double bytes) {
+                    char text[32];
+                    snprintf(text, sizeof text, "%.2f", bytes / kMebibyte);
+                    return std::string(text);
+                };
+                table.add({each->name, name, shown(course.first()), shown(course.last()),
+                           shown(course.highest()),
+                           course.size() >= kCyclesForALine ? shown(course.growthIn(10000)) : "-"});
+            }
+        }
+        table.print("no service was seen");
+        for (const Named* each : {&television_, &services_}) {
+            const proof::SoakFigures& figures = each->set.figures();
+            printf("%s: %zu boots, %zu updates, %zu kills, %zu faults, %llu messages to the console's page\n",
+                   each->name, figures.boots, figures.updates, figures.kills, figures.faults,
+                   static_cast<unsigned long long>(figures.messages));
+        }
+        printf("%u cycles (seed %u) in %.0f s: ", options_.only == 0 ? options_.cycles : 1, options_.seed,
+               seconds);
+        printf(breaches_ == 0 ? "all of it stays as it is\n" : "%zu times something was not as it must be\n",
+               breaches_);
+    }
+
+    Options options_;
+    Place place_;
+    Named television_{"reboots", {place_.path() / "reboots", SoakedSet::Way::kTelevision}};
+    Named services_{"stays on", {place_.path() / "stays-on", SoakedSet::Way::kServices}};
+    common::ProgressLine line_;
+    std::size_t breaches_ = 0;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    common::CommandLine line("soak-proof",
+                             "boots, updates, puts to standby and reboots a set, again and again");
+    line.number("--cycles", options.cycles, common::Range<unsigned int>{1, 10000000}, "so often");
+    line.number("--seed", options.seed, common::Range<unsigned int>{0, 1000000000}, "which chance");
+    line.number("--only", options.only, common::Range<unsigned int>{1, 10000000}, "this cycle alone");
+    line.onRun([&] {
+        if (geteuid() != 0) {
+            throw common::Failure("it takes root: the daemon of a set is a user of its own");
+        }
+        if (options.only > options.cycles) {
+            options.cycles = options.only;
+        }
+        return Soak(options).run();
+    });
+    return line.main(argc, argv);
+}
