@@ -11,7 +11,7 @@ HOUR = 60 * MINUTE
 
 MODEL_SEEDS = 8
 MODEL_EVENTS = 1_000_000
-MODEL_PIECES = 4  # of every sequence of up to 6 events
+MODEL_PIECES = 16  # of every sequence of up to 6 events
 FAILURE_PIECES = 10
 FAILURE_PAIRS = 200_000  # of all pieces together
 CRASH_PIECES = 60
@@ -102,7 +102,7 @@ def model(_tree: Path, seed: int) -> Iterator[Draft]:
         yield Draft(f"seed {each}", (program, "--events", str(MODEL_EVENTS), "--seed", str(each)), 150, needs)
     for piece in range(1, MODEL_PIECES + 1):
         shard = f"{piece}/{MODEL_PIECES}"
-        yield Draft(f"every 6, {shard}", (program, "--every", "6", "--shard", shard), 50, needs)
+        yield Draft(f"every 6, {shard}", (program, "--every", "6", "--shard", shard), 60, needs)
 
 
 def failure(_tree: Path, seed: int) -> Iterator[Draft]:
@@ -218,7 +218,7 @@ KINDS = (
         {"runs": r"came to pass in (\d+) runs"},
     ),
     Kind("crash", "the daemon hit at each of its system calls", crash, {"points": r"of which (\d+) were tried"}),
-    Kind("soak", "boot, standby, update, reboot, again and again", soak, {"cycles": r"(\d+) cycles"}),
+    Kind("soak", "boot, standby, update, reboot, again and again", soak, {"cycles": r"(\d+) cycles \(seed"}),
     Kind("fuzz", "inputs that libFuzzer makes up", fuzz, {"inputs": r"(\d+) inputs tried"}),
     Kind("sanitizer", "the tests with sanitizers", sanitizers, TESTS),
     Kind("lint", "clang-tidy over every source", lint, SOURCES),
