@@ -193,12 +193,12 @@ on_a_set = scripted(
     ("unit, what bites", "scripts/test-unit --bites", 10 * MINUTE, "all"),
     *(
         (f"packages, {step}", f"scripts/test-packages --only {step}", 3 * MINUTE, "all packages")
-        for step in ("lint", "contents", "sbom", "update", "purge", "tests")
+        for step in ("lint", "contents", "hardening", "sbom", "update", "purge", "tests")
     ),
     ("packages, twice", "scripts/test-packages --twice", 15 * MINUTE, "packages"),
     ("armhf", "scripts/cross armhf --test --story", 20 * MINUTE, ""),
     ("arm64", "scripts/cross arm64 --test --story", 20 * MINUTE, ""),
-    ("Debian 13", "scripts/try-debian13", 10 * MINUTE, ""),
+    ("Debian 13", "scripts/try-debian13", 40 * MINUTE, ""),
 )
 
 TESTS = {"tests": r"tests passed, \d+ tests failed out of (\d+)"}
