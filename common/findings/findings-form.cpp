@@ -1,13 +1,18 @@
 #include "common/findings/findings-form.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
+#include <cstring>
+#include <fcntl.h>
 #include <glib.h>
 #include <sstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "common/errors.h"
+#include "common/files/unique-fd.h"
 #include "common/glib-pointers.h"
 #include "common/terminal/terminal.h"
 #include "common/terminal/visible-text.h"
@@ -189,13 +194,47 @@ std::string junitReport(const std::string& suite, const std::vector<TestCase>& c
            body + "  </testsuite>\n</testsuites>\n";
 }
 
+namespace
+{
+
+[[noreturn]] void refuseReport(const std::filesystem::path& file, const std::string& reason)
+{
+    throw Failure(shortened(file.string()) + " cannot be written (" + reason + "): give another file");
+}
+
+} // namespace
+
+void requireWritable(const std::filesystem::path& file)
+{
+    struct stat status = {};
+    if (stat(file.c_str(), &status) != 0 && errno == ENOENT) {
+        const std::filesystem::path directory = file.has_parent_path() ? file.parent_path() : ".";
+        if (access(directory.c_str(), W_OK | X_OK) != 0) {
+            refuseReport(file, std::strerror(errno));
+        }
+    } else if (S_ISDIR(status.st_mode)) {
+        refuseReport(file, std::strerror(EISDIR));
+    } else if (access(file.c_str(), W_OK) != 0) {
+        refuseReport(file, std::strerror(errno));
+    }
+}
+
 void writeReport(const std::filesystem::path& file, const std::string& text)
 {
-    std::ofstream out(file, std::ios::binary);
-    out << text;
-    out.close();
-    if (!out) {
-        throw Failure(shortened(file.string()) + " cannot be written: give another file");
+    UniqueFd out(open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666));
+    if (out.get() < 0) {
+        refuseReport(file, errno == ENXIO ? "nobody reads it" : std::strerror(errno));
+    }
+    fcntl(out.get(), F_SETFL, 0); // a reader that is there may take its time
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t count = write(out.get(), text.data() + done, text.size() - done);
+        if (count < 0 && errno != EINTR) {
+            refuseReport(file, std::strerror(errno));
+        }
+        done += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+    }
+    if (close(out.release()) != 0) {
+        refuseReport(file, std::strerror(errno));
     }
 }
 

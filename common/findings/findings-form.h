@@ -44,7 +44,10 @@ struct TestCase {
 
 std::string junitReport(const std::string& suite, const std::vector<TestCase>& cases);
 
-// Throws Failure when the file cannot be written.
+// Before the work: throws Failure when it is known already that the report could not be written there.
+void requireWritable(const std::filesystem::path& file);
+
+// Throws Failure when the file cannot be written. Waits for nobody to read a pipe.
 void writeReport(const std::filesystem::path& file, const std::string& text);
 
 // ---- The page of all findings ----

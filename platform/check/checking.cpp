@@ -12,6 +12,7 @@
 
 #include "common/errors.h"
 #include "common/process/contained-process.h"
+#include "common/process/interruption.h"
 #include "common/process/process-state.h"
 #include "common/terminal/visible-text.h"
 #include "platform/check/trial-page.h"
@@ -50,9 +51,14 @@ class WorkDirectory
 public:
     WorkDirectory()
     {
-        std::string pattern = fs::temp_directory_path() / "platform-check-XXXXXX";
+        std::error_code none; // is told by the next line
+        const fs::path directory = fs::temp_directory_path(none);
+        const char* const wanted = std::getenv("TMPDIR");
+        const std::string named = none && wanted != nullptr ? wanted : directory.string();
+        std::string pattern = named + "/platform-check-XXXXXX";
         if (mkdtemp(pattern.data()) == nullptr) {
-            throw common::Failure("cannot make a directory to work in: " + std::string(std::strerror(errno)));
+            throw common::Failure("cannot make a directory to work in, in " + common::shortened(named) +
+                                  ": " + std::strerror(errno) + " (set TMPDIR to one that can be written)");
         }
         path_ = pattern;
     }
@@ -166,6 +172,7 @@ private:
     void add(TrialReport& report, FindingId id, const std::string& seen);
     void showNow();
 
+    const common::InterruptionWatch watch_; // also while what was made is removed
     const CheckOptions& options_;
     const std::function<void(const std::string&, unsigned int)>& showProgress_;
     fs::path program_;
@@ -303,6 +310,9 @@ Ending Checker::runProcess(const std::vector<std::string>& arguments, const Tria
         poll(news.data(), news.size(), 100);
         takeOutput(process.output(), ending.output);
         showNow();
+        if (common::InterruptionWatch::times() > 1) {
+            process.kill(); // what it would have put back stays as it is
+        }
         if (!ending.isLate && patience.isOver()) {
             ending.isLate = true;
             process.kill();
@@ -422,6 +432,7 @@ CheckReport Checker::run()
     for (const ListedTrial* const trial : trials) {
         percent_ = ++done * 100 / static_cast<unsigned int>(trials.size() + 1);
         runTrial(*trial);
+        common::InterruptionWatch::check(); // after the trial, which has given the keys their values back
         if (isRefused_) {
             report_.notes.emplace_back(
                 "nothing else was tried, as the platform's libraries cannot be loaded");

@@ -1,9 +1,14 @@
 // tarnwick-platform-check: whether a set's own client libraries do what the daemon relies on.
+#include <array>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <unistd.h>
 
 #include "common/findings/findings-form.h"
 #include "common/json-text.h"
+#include "common/process/interruption.h"
 #include "common/process/room.h"
 #include "common/terminal/command-line.h"
 #include "common/terminal/progress-line.h"
@@ -120,16 +125,38 @@ void requireReadable(const std::filesystem::path& file)
     }
 }
 
+// What is no image is not for the platform to be blamed for.
+void requireImage(const std::filesystem::path& file)
+{
+    requireReadable(file);
+    if (file.empty()) {
+        return;
+    }
+    constexpr std::uintmax_t kMost = std::uintmax_t{1} << 30; // it is copied to where packages lie
+    std::array<char, 4> magic{};
+    std::ifstream(file, std::ios::binary).read(magic.data(), magic.size());
+    if (std::memcmp(magic.data(), "hsqs", magic.size()) != 0) {
+        throw common::WrongUse(common::shortened(file.string()) + " is no squashfs image");
+    }
+    if (std::filesystem::file_size(file) > kMost) {
+        throw common::WrongUse(common::shortened(file.string()) +
+                               " is longer than 1 GiB: a small one will do");
+    }
+}
+
 int check(const Options& options)
 {
     if (options.isList) {
         std::fputs(findingsDocument().c_str(), stdout);
         return 0;
     }
-    requireReadable(options.check.image);
+    requireImage(options.check.image);
     requireReadable(options.check.preload);
     if (!options.check.directory.empty() && !std::filesystem::is_directory(options.check.directory)) {
         throw common::WrongUse(common::shortened(options.check.directory.string()) + " is no directory");
+    }
+    if (!options.junit.empty()) {
+        common::requireWritable(options.junit);
     }
     common::ProgressLine line;
     const CheckReport report =
@@ -139,17 +166,17 @@ int check(const Options& options)
             }
         });
     line.clear();
+    options.isJson ? printForPrograms(report) : printForPeople(report);
     if (!options.junit.empty()) {
         common::writeReport(options.junit, junitOf(report));
     }
-    options.isJson ? printForPrograms(report) : printForPeople(report);
     return report.findings.empty() ? 0 : common::kStatusFailed;
 }
 
 constexpr const char* kFooter =
     "Run it on the set, as the user that the daemon has, or as root, while the daemon does not run. The keys\n"
     "that are written get their values back; nothing is switched off, launched or rebooted without being asked\n"
-    "for.\n"
+    "for. Ctrl-C ends it after the trial under way, and once more at once.\n"
     "Exit status: 0 nothing was found, 1 something was, or it could not be checked, 2 wrong use.\n"
     "Examples:\n"
     "  tarnwick-platform-check\n"
@@ -203,5 +230,12 @@ int main(int argc, char** argv)
     Options options;
     define(program, options);
     program.beforeRun(common::requireRoom);
-    return program.main(argc, argv);
+    try {
+        return program.main(argc, argv);
+    } catch (const common::Interrupted& interruption) {
+        std::fprintf(stderr, "tarnwick-platform-check: interrupted, and nothing is told of what was found\n");
+        std::fflush(stdout);
+        raise(interruption.signal); // as it usually does: it ends the program
+        return common::kStatusFailed;
+    }
 }

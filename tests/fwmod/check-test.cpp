@@ -114,7 +114,9 @@ TEST_F(Check, JUnitReportHasACaseForEachError)
                       HasSubstr("name=\"not F201: a question is answered with a failure\"")));
     const Outcome outcome = check({"tuner.so", "--junit", "nowhere/report.xml"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.err, "fwmod: nowhere/report.xml cannot be written: give another file\n");
+    EXPECT_EQ(outcome.err,
+              "fwmod: nowhere/report.xml cannot be written (No such file or directory): give another file\n");
+    EXPECT_EQ(outcome.out, "") << "it is told before the work";
 }
 
 TEST_F(Check, DocumentIsTheListOfFindings)

@@ -1,8 +1,10 @@
 // The check on the platform of a virtual set, and on the same with one fault.
+#include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <sstream>
+#include <sys/stat.h>
 
 #include "tests/support/run-program.h"
 #include "tests/support/temporary-directory.h"
@@ -95,6 +97,7 @@ TEST_F(PlatformCheck, WrongUseIsToldFromFailure)
     const std::pair<std::vector<std::string>, const char*> cases[] = {
         {{"--trial", "everything"}, "there is no trial \"everything\": load, bus, "},
         {{"--image", "/nowhere.img"}, "/nowhere.img is no file that can be read"},
+        {{"--image", "/etc/passwd"}, "/etc/passwd is no squashfs image"},
         {{"--directory", "/nowhere"}, "/nowhere is no directory"},
         {{"--preload", "/nowhere.so"}, "/nowhere.so is no file that can be read"},
         {{"--with-standby", "0"}, "--with-standby"},
@@ -104,6 +107,47 @@ TEST_F(PlatformCheck, WrongUseIsToldFromFailure)
         EXPECT_EQ(outcome.status, 2) << arguments[1];
         EXPECT_THAT(outcome.err, AllOf(testing::StartsWith("tarnwick-platform-check: "), HasSubstr(text)));
         EXPECT_EQ(outcome.out, "");
+    }
+}
+
+TEST_F(PlatformCheck, AReportThatCannotBeWrittenIsToldBeforeTheWorkOrBesideWhatWasFound)
+{
+    const Outcome before = check({"--junit", "/nowhere/report.xml"});
+    EXPECT_EQ(before.status, 1);
+    EXPECT_THAT(before.err, HasSubstr("/nowhere/report.xml cannot be written (No such file or directory)"));
+    EXPECT_EQ(before.out, "");
+    ASSERT_EQ(mkfifo((directory / "pipe").c_str(), 0600), 0);
+    const Outcome after = check({"--trial", "load", "--junit", directory / "pipe"});
+    EXPECT_EQ(after.status, 1);
+    EXPECT_THAT(after.err, HasSubstr("/pipe cannot be written (nobody reads it)"));
+    EXPECT_THAT(after.out, HasSubstr("the platform: sound"));
+}
+
+TEST_F(PlatformCheck, ADirectoryThatIsNotThereIsNamed)
+{
+    const Outcome outcome =
+        runProgram({"env", "TMPDIR=/nowhere", PLATFORM_CHECK, "--trial", "load"}, directory.path());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("in /nowhere: No such file or directory (set TMPDIR to one that"));
+}
+
+// It is the daemon's own keys that a trial writes, and the daemon's directory where the image is.
+TEST_F(PlatformCheck, AnInterruptedCheckPutsBackWhatItHasChanged)
+{
+    for (const std::string signal : {"INT", "TERM", "HUP"}) {
+        const std::string script =
+            "values() { gdbus call --system --dest org.pellor.platform --object-path /org/pellor/platform "
+            "--method org.pellor.platform.Control.Snapshot | grep -o '\"value\":[0-9-]*'; ls "
+            "/opt/usr/apps/appbinarymanager; }; values >/var/before; "
+            "env --default-signal " PLATFORM_CHECK " --trial settings-shared & "
+            "while kill -0 $! 2>/dev/null && values | cmp -s - /var/before; do :; done; "
+            "kill -" +
+            signal + " $!; wait $!; echo ended $?; values | diff /var/before - && echo as before";
+        const Outcome outcome =
+            runProgram({VSET, "run", "--temporary", "-b", BUILD, "--", "sh", "-c", script}, directory.path());
+        const int number = signal == "INT" ? SIGINT : signal == "TERM" ? SIGTERM : SIGHUP;
+        EXPECT_EQ(outcome.out, "ended " + std::to_string(128 + number) + "\nas before\n") << outcome.err;
+        EXPECT_THAT(outcome.err, HasSubstr("tarnwick-platform-check: interrupted"));
     }
 }
 

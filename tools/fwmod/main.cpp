@@ -5,9 +5,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/process/interruption.h"
 #include "common/process/room.h"
 #include "tools/fwmod/commands/command.h"
-#include "tools/fwmod/interruption.h"
 
 namespace fwmod
 {
@@ -63,7 +63,7 @@ int run(int argc, char** argv)
     program.beforeRun(common::requireRoom);
     try {
         return program.main(argc, argv);
-    } catch (const Interrupted& interruption) {
+    } catch (const common::Interrupted& interruption) {
         std::fprintf(stderr, "fwmod: interrupted, and the set has ended\n");
         std::fflush(stdout);
         raise(interruption.signal); // as it usually does: it ends the program

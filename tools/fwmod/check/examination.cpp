@@ -6,6 +6,7 @@
 #include <optional>
 #include <tarnwick/control.h>
 
+#include "common/process/interruption.h"
 #include "include/tarnwick/television.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/check/cut-survey.h"
@@ -16,7 +17,6 @@
 #include "tools/fwmod/images/identifier.h"
 #include "tools/fwmod/images/information.h"
 #include "tools/fwmod/images/inspection.h"
-#include "tools/fwmod/interruption.h"
 #include "tools/fwmod/programs.h"
 #include "vset/television/set-contents.h"
 
@@ -72,7 +72,7 @@ private:
     void tellMeasured(const Measured& measured);
     void checkNames(const std::string& identifier) const;
 
-    const InterruptionWatch watch_; // also while the set is removed
+    const common::InterruptionWatch watch_; // also while the set is removed
     const ExaminationRequest& request_;
     ShowProgress showProgress_;
     fs::path examiner_;
@@ -103,7 +103,7 @@ void Examination::makeSet()
     tarnwick::Making making{vsetProgram(), scratch_.path()};
     making.isBare = true;
     set_.emplace(making);
-    set_->watchWaits(InterruptionWatch::check);
+    set_->watchWaits(common::InterruptionWatch::check);
     const std::string name = libraryName(request_.library);
     const std::string library = std::string(vset::inset::kProductControls) + "/" + name + ".so";
     set_->put(request_.library, vset::inset::kProductControls, name + ".so");

@@ -50,6 +50,10 @@ int check(const Options& options)
     refuseTooMuchForSet(request.firmware);
     refuseTooMuchForSet(request.hardware, kLongestHardware);
 
+    if (!options.junit.empty()) {
+        common::requireWritable(options.junit);
+    }
+
     common::ProgressLine line;
     const struct Clearing { // also before what is told of a failure
         ~Clearing() { line.clear(); }
@@ -64,13 +68,13 @@ int check(const Options& options)
         });
     line.clear();
     const std::string library = request.library.filename();
-    if (!options.junit.empty()) {
-        const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
-        common::writeReport(options.junit, formatForJUnit(library, result, taken.count()));
-    }
+    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
     const std::string text = options.json ? formatForPrograms(library, result)
                                           : formatForPeople(library, result, common::isColourWanted());
     std::fputs(text.c_str(), stdout);
+    if (!options.junit.empty()) {
+        common::writeReport(options.junit, formatForJUnit(library, result, taken.count()));
+    }
     return hasErrors(result) ? 1 : 0;
 }
 } // namespace

@@ -5,6 +5,7 @@
 
 #include "common/daemon/daemon-events.h"
 #include "common/json-text.h"
+#include "common/process/interruption.h"
 #include "common/terminal/terminal.h"
 #include "common/terminal/visible-text.h"
 #include "include/tarnwick/television.h"
@@ -13,7 +14,6 @@
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/control-library.h"
 #include "tools/fwmod/images/package.h"
-#include "tools/fwmod/interruption.h"
 #include "tools/fwmod/programs.h"
 #include "vset/television/set-contents.h"
 
@@ -240,7 +240,7 @@ private:
     const Options& options_;
     const std::string name_; // of the library
     std::FILE* const story_;
-    const InterruptionWatch watch_; // also while the set is removed
+    const common::InterruptionWatch watch_; // also while the set is removed
     std::optional<ScratchDirectory> scratch_;
     std::optional<Television> set_;
     Result result_;
@@ -271,7 +271,7 @@ bool Trial::run()
             tryModule();
         }
     } catch (const std::exception& error) {
-        InterruptionWatch::check();
+        common::InterruptionWatch::check();
         result_.problem = error.what();
     }
     if (result_.write || !result_.before.isNull() || !result_.proofs.empty()) {
@@ -310,7 +310,7 @@ void Trial::makeSet()
     }
     set_->tellStory([this](const std::string& line) { say(common::visible(line)); });
     set_->watchWaits([this] {
-        InterruptionWatch::check();
+        common::InterruptionWatch::check();
         if (std::ferror(story_) != 0) {
             throw common::Failure("the story cannot be written: its reader has gone, or the disk is full");
         }

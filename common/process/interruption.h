@@ -1,16 +1,17 @@
 // SIGINT, SIGTERM, SIGHUP and SIGQUIT for commands that have something to put away: every wait looks, and
 // ends with an exception, which main turns into the usual end of a program by a signal.
-#ifndef TOOLS_FWMOD_INTERRUPTION_H
-#define TOOLS_FWMOD_INTERRUPTION_H
+#ifndef COMMON_PROCESS_INTERRUPTION_H
+#define COMMON_PROCESS_INTERRUPTION_H
 
-namespace fwmod
+namespace common
 {
 
 struct Interrupted {
     int signal;
 };
 
-// While it lives, the signals are only noted, for the waits to see. One at a time.
+// While it lives, the signals are only noted, for the waits to see; one that the program was told to ignore
+// stays ignored. One at a time.
 class InterruptionWatch
 {
 public:
@@ -20,8 +21,9 @@ public:
     InterruptionWatch& operator=(const InterruptionWatch&) = delete;
 
     static void check(); // throws Interrupted
+    static int times();  // how often there was one: who asks again wants the end at once
 };
 
-} // namespace fwmod
+} // namespace common
 
 #endif

@@ -1,14 +1,15 @@
-#include "tools/fwmod/interruption.h"
+#include "common/process/interruption.h"
 
 #include <array>
 #include <csignal>
 
-namespace fwmod
+namespace common
 {
 
 namespace
 {
 volatile sig_atomic_t interruption = 0;
+volatile sig_atomic_t count = 0;
 constexpr std::array<int, 4> kInterruptions = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 std::array<struct sigaction, kInterruptions.size()> usual;
 } // namespace
@@ -16,8 +17,12 @@ std::array<struct sigaction, kInterruptions.size()> usual;
 InterruptionWatch::InterruptionWatch()
 {
     interruption = 0;
+    count = 0;
     struct sigaction action = {};
-    action.sa_handler = [](int signal) { interruption = signal; };
+    action.sa_handler = [](int signal) {
+        interruption = signal;
+        count = count + 1;
+    };
     for (std::size_t index = 0; index < kInterruptions.size(); ++index) {
         sigaction(kInterruptions[index], nullptr, &usual[index]);
         if (usual[index].sa_handler != SIG_IGN) { // by nohup, or a shell for its background
@@ -33,10 +38,15 @@ InterruptionWatch::~InterruptionWatch()
     }
 }
 
+int InterruptionWatch::times()
+{
+    return count;
+}
+
 void InterruptionWatch::check()
 {
     if (interruption != 0) {
         throw Interrupted{interruption};
     }
 }
-} // namespace fwmod
+} // namespace common
