@@ -89,13 +89,22 @@ std::optional<int> compareVersions(const std::string& offered, const std::string
     return *left > *right ? 1 : -1;
 }
 
-std::vector<unsigned char> formatImage(const Image& image)
+namespace
+{
+std::string firstLineOf(const Image& image)
 {
     char line[kLineSize];
     const std::uint32_t crc = systemCrc32(image.payload.data(), image.payload.size());
     std::snprintf(line, sizeof line, "%.31s %.63s %zu %08x\n", image.hardware.c_str(), image.version.c_str(),
                   image.payload.size(), static_cast<unsigned int>(crc));
-    std::vector<unsigned char> bytes(line, line + std::strlen(line));
+    return line;
+}
+} // namespace
+
+std::vector<unsigned char> formatImage(const Image& image)
+{
+    const std::string line = firstLineOf(image);
+    std::vector<unsigned char> bytes(line.begin(), line.end());
     bytes.insert(bytes.end(), image.payload.begin(), image.payload.end());
     return bytes;
 }
@@ -117,10 +126,9 @@ std::optional<Image> parseImage(const unsigned char* data, std::size_t size)
     }
 
     Image image{hardware, version, {lineEnd + 1, data + size}};
-    // Written back, it must be the same bytes: one comparison for size, checksum and everything sscanf lets
+    // Written back, it must be the same line: one comparison for size, checksum and everything sscanf lets
     // pass.
-    const std::vector<unsigned char> again = formatImage(image);
-    if (image.payload.empty() || again.size() != size || !std::equal(again.begin(), again.end(), data)) {
+    if (image.payload.empty() || firstLineOf(image) != line + "\n") {
         return notAnImage();
     }
     return image;
@@ -132,13 +140,20 @@ std::optional<std::vector<unsigned char>> readImageFile(const std::string& path)
     if (!file) {
         return std::nullopt;
     }
-    std::vector<unsigned char> bytes(kImageSize + 1);
-    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file.get()));
-    if (std::ferror(file.get()) != 0) {
-        return std::nullopt;
+    std::vector<unsigned char> bytes;
+    struct stat status{};
+    if (fstat(fileno(file.get()), &status) == 0) {
+        bytes.reserve(std::min(static_cast<std::size_t>(status.st_size), kImageSize));
     }
-    if (bytes.size() > kImageSize) {
-        errno = EFBIG;
+    unsigned char piece[65536];
+    while (const std::size_t count = std::fread(piece, 1, sizeof piece, file.get())) {
+        if (bytes.size() + count > kImageSize) {
+            errno = EFBIG;
+            return std::nullopt;
+        }
+        bytes.insert(bytes.end(), piece, piece + count);
+    }
+    if (std::ferror(file.get()) != 0) {
         return std::nullopt;
     }
     return bytes;
