@@ -15,13 +15,17 @@ namespace fs = std::filesystem;
 namespace bench
 {
 
-int enterSet(char** argv)
+int enterSet(char** argv, SetClock clock)
 {
     if (fs::is_directory(kPackages) && fs::is_directory(kBuiltIn)) {
         return 0;
     }
     const std::string self = fs::read_symlink("/proc/self/exe");
-    std::vector<const char*> words = {VSET_PROGRAM, "run", "--temporary", "--", self.c_str()};
+    std::vector<const char*> words = {VSET_PROGRAM, "run", "--temporary"};
+    if (clock == SetClock::kAtPace) {
+        words.insert(words.end(), {"--clock-rate", "1"});
+    }
+    words.insert(words.end(), {"--", self.c_str()});
     for (char** argument = argv + 1; *argument != nullptr; ++argument) {
         words.push_back(*argument);
     }

@@ -1,4 +1,4 @@
-// The inside of a virtual set, for rows that need the places of one: without its clock, as on a television.
+// The inside of a virtual set, for rows that need the places of one.
 #ifndef BENCH_SET_ROOM_H
 #define BENCH_SET_ROOM_H
 
@@ -12,9 +12,11 @@ constexpr const char* kControls = "/prd/usr/fwupdate/controls";
 constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager";
 constexpr const char* kBuiltIn = "/lib/firmware/ext";
 
+enum class SetClock { kNone, kAtPace }; // none: as on a television
+
 // Goes on in a temporary set of its own, unless this process is in one: for the beginning of `main`. Returns
 // the exit status when there is none to be had.
-int enterSet(char** argv);
+int enterSet(char** argv, SetClock clock = SetClock::kNone);
 
 // Modules NAME0, NAME1 ... with a library of their own, which says that every image is newer.
 class Modules

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <optional>
 
 #include "bench/report/picture.h"
 #include "bench/report/results.h"
@@ -26,6 +27,7 @@ constexpr const char* kEnd = "<!-- to here -->\n";
 
 struct Wanted {
     fs::path directory;
+    std::optional<unsigned int> took; // seconds, the whole measuring
     fs::path json;
     fs::path picture;
     fs::path document;
@@ -41,6 +43,17 @@ void write(const fs::path& path, const std::string& text)
     }
 }
 
+// What it was measured on, and for how long.
+std::vector<std::string> surroundings(const Wanted& wanted)
+{
+    std::vector<std::string> sentences = machine();
+    if (wanted.took) {
+        sentences.push_back("measured in " + std::to_string(*wanted.took / 60) + " min " +
+                            std::to_string(*wanted.took % 60) + " s");
+    }
+    return sentences;
+}
+
 std::string joined(const std::vector<std::string>& cells)
 {
     std::string line = "|";
@@ -50,13 +63,33 @@ std::string joined(const std::vector<std::string>& cells)
     return line + "\n";
 }
 
+// "17 of 19 goals met; missed: fwmod check of the tuner".
+std::string goalsInShort(const Results& results)
+{
+    size_t met = 0;
+    size_t all = 0;
+    std::string missed;
+    for (const Result& result : results.lines()) {
+        for (const Goal& goal : result.compared->goals) {
+            const std::optional<bool> isReached = result.isReached(goal);
+            all += isReached ? 1 : 0;
+            met += isReached.value_or(false) ? 1 : 0;
+            if (!isReached.value_or(true)) {
+                missed += (missed.empty() ? "; missed: " : ", ") + std::string(result.compared->title);
+            }
+        }
+    }
+    return std::to_string(met) + " of " + std::to_string(all) + " goals met" + missed;
+}
+
 // `picture`: as the document names it; empty when there is none.
-std::string markdownOf(const Results& results, const std::string& picture)
+std::string markdownOf(const Results& results, const Wanted& wanted, const std::string& picture)
 {
     std::string text = "Medians of " + std::to_string(results.runs()) + " alternating runs";
-    for (const std::string& sentence : machine()) {
+    for (const std::string& sentence : surroundings(wanted)) {
         text += "; " + sentence;
     }
+    text += ". " + goalsInShort(results);
     text +=
         ".\n\n" + joined(headings()) + joined({"---", "---:", "---", "---:", "---:", "---", "---:", "---"});
     for (const Result& result : results.lines()) {
@@ -81,15 +114,15 @@ void putIntoDocument(const fs::path& path, const std::string& text)
     write(path, content.replace(from, end - from, "\n" + text + "\n"));
 }
 
-void print(const Results& results)
+void print(const Results& results, const Wanted& wanted)
 {
     common::Table table(headings());
     for (const Result& result : results.lines()) {
         table.add(cellsOf(result));
     }
     table.print("nothing was measured");
-    printf("\nMedians of %zu alternating runs\n", results.runs());
-    for (const std::string& sentence : machine()) {
+    printf("\n%s\nMedians of %zu alternating runs\n", goalsInShort(results).c_str(), results.runs());
+    for (const std::string& sentence : surroundings(wanted)) {
         printf("%s\n", sentence.c_str());
     }
 }
@@ -97,10 +130,10 @@ void print(const Results& results)
 void report(const Wanted& wanted)
 {
     const Results results(wanted.directory);
-    print(results);
+    print(results, wanted);
     if (!wanted.json.empty()) {
         Json::Value all(Json::objectValue);
-        for (const std::string& sentence : machine()) {
+        for (const std::string& sentence : surroundings(wanted)) {
             all["machine"].append(sentence);
         }
         all["rows"] = results.json();
@@ -113,7 +146,7 @@ void report(const Wanted& wanted)
         const fs::path from = fs::absolute(wanted.document).parent_path();
         const fs::path picture =
             wanted.picture.empty() ? fs::path() : fs::absolute(wanted.picture).lexically_relative(from);
-        putIntoDocument(wanted.document, markdownOf(results, picture.string()));
+        putIntoDocument(wanted.document, markdownOf(results, wanted, picture.string()));
     }
 }
 
@@ -126,6 +159,8 @@ int main(int argc, char** argv)
     bench::Wanted wanted;
     common::CommandLine line("bench-report", "Shows what the rows of the table of speeds have measured");
     line.path("DIRECTORY", wanted.directory, "with ROW.json of each row, as ROW-bench writes it").required();
+    line.number("--took", wanted.took, common::Range<unsigned int>{0, 1'000'000},
+                "seconds that the measuring took, to be told");
     line.path("--json", wanted.json, "write every figure there, with its lowest and highest");
     line.path("--picture", wanted.picture, "draw it there, as SVG");
     line.path("--document", wanted.document, "put the table between its two marks there");

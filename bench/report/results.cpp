@@ -50,9 +50,8 @@ std::optional<double> Result::ratio(const std::optional<double>& base) const
     return ours / *base;
 }
 
-std::optional<bool> Result::isReached() const
+std::optional<bool> Result::isReached(const Goal& goal) const
 {
-    const Goal& goal = compared->goal;
     const std::optional<double> figure = goal.of == Of::kItself  ? std::optional(ours)
                                          : goal.of == Of::kLimit ? ofLimit()
                                          : goal.of == Of::kPeer  ? ofPeer()

@@ -25,7 +25,8 @@ struct Result {
 
     std::optional<double> ofLimit() const { return ratio(limit); }
     std::optional<double> ofPeer() const { return ratio(peer); }
-    std::optional<bool> isReached() const; // the goal, if there is one
+    // Whether a goal of the line is reached; nothing when there is none, or not what it is compared with.
+    std::optional<bool> isReached(const Goal& goal) const;
 
 private:
     std::optional<double> ratio(const std::optional<double>& base) const;

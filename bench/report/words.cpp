@@ -32,6 +32,25 @@ std::string valueIn(const char* file, const std::string& begin, char separator)
     return "unknown";
 }
 
+// As it was set out: 35, not 35.0.
+std::string plain(double value)
+{
+    std::array<char, 32> text{};
+    snprintf(text.data(), text.size(), "%g", value);
+    return text.data();
+}
+
+std::string written(double value, const std::string& unit, std::string (*write)(double))
+{
+    if (unit == "ms" && value < 1) {
+        return write(value * 1e3) + " us";
+    }
+    if (unit == "ms" && value >= 1000) {
+        return write(value / 1e3) + " s";
+    }
+    return write(value) + " " + unit;
+}
+
 std::string ratioOf(const std::optional<double>& ratio)
 {
     return ratio ? digits(*ratio) : "";
@@ -42,19 +61,28 @@ std::string baseOf(const std::optional<double>& value, const Figure& figure, con
     return value ? withUnit(*value, unit) + ", " + figure.title : "";
 }
 
-std::string goalOf(const Result& result)
+// "at most 1.5 us: met", "at most 0.55 of the peer: missed".
+std::string goalOf(const Result& result, const Goal& goal)
 {
-    const Goal& goal = result.compared->goal;
-    const std::optional<bool> isReached = result.isReached();
+    const std::optional<bool> isReached = result.isReached(goal);
     if (!isReached) {
         return "";
     }
-    const std::string base = goal.of == Of::kItself  ? result.compared->unit
-                             : goal.of == Of::kLimit ? "of the limit"
-                                                     : "of the peer";
-    std::array<char, 32> most{};
-    snprintf(most.data(), most.size(), "%g ", goal.most);
-    return most.data() + base + (*isReached ? ": reached" : ": missed");
+    const std::string most =
+        goal.of == Of::kItself
+            ? written(goal.most, result.compared->unit, plain)
+            : plain(goal.most) + (goal.of == Of::kLimit ? " of the limit" : " of the peer");
+    return "at most " + most + (*isReached ? ": met" : ": missed");
+}
+
+std::string goalsOf(const Result& result)
+{
+    std::string text;
+    for (const Goal& goal : result.compared->goals) {
+        const std::string one = goalOf(result, goal);
+        text += (text.empty() || one.empty() ? "" : "; ") + one;
+    }
+    return text;
 }
 
 } // namespace
@@ -69,18 +97,12 @@ std::string digits(double value)
 
 std::string withUnit(double value, const std::string& unit)
 {
-    if (unit == "ms" && value < 1) {
-        return digits(value * 1e3) + " us";
-    }
-    if (unit == "ms" && value >= 1000) {
-        return digits(value / 1e3) + " s";
-    }
-    return digits(value) + " " + unit;
+    return written(value, unit, digits);
 }
 
 std::vector<std::string> headings()
 {
-    return {"What", "Ours", "Limit", "Of the limit", "Processor", "Peer", "Of the peer", "Goal"};
+    return {"What", "Ours", "Limit", "Of the limit", "Processor", "Peer", "Of the peer", "Goals"};
 }
 
 std::vector<std::string> cellsOf(const Result& result)
@@ -93,7 +115,7 @@ std::vector<std::string> cellsOf(const Result& result)
             ratioOf(result.processorOfLimit),
             baseOf(result.peer, compared.peer, compared.unit),
             ratioOf(result.ofPeer()),
-            goalOf(result)};
+            goalsOf(result)};
 }
 
 std::vector<std::string> machine()
