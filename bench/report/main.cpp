@@ -3,13 +3,13 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <optional>
 
 #include "bench/report/picture.h"
 #include "bench/report/results.h"
 #include "bench/report/words.h"
 #include "common/errors.h"
+#include "common/files/whole-file.h"
 #include "common/json-text.h"
 #include "common/terminal/command-line.h"
 #include "common/terminal/table.h"
@@ -101,8 +101,7 @@ std::string markdownOf(const Results& results, const Wanted& wanted, const std::
 // Between the two marks of the document.
 void putIntoDocument(const fs::path& path, const std::string& text)
 {
-    std::ifstream in(path, std::ios::binary);
-    std::string content{std::istreambuf_iterator<char>(in), {}};
+    std::string content = common::readWhole(path);
     const size_t begin = content.find(kBegin);
     const size_t end = content.find(kEnd);
     if (begin == std::string::npos || end == std::string::npos || end < begin) {

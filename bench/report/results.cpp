@@ -1,10 +1,9 @@
 #include "bench/report/results.h"
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 
 #include "common/errors.h"
+#include "common/files/whole-file.h"
 #include "common/json-text.h"
 
 namespace bench
@@ -84,10 +83,8 @@ Results::Results(const std::filesystem::path& directory)
 
 void Results::read(const std::string& row, const std::filesystem::path& file)
 {
-    std::ifstream in(file);
-    const std::string text{std::istreambuf_iterator<char>(in), {}};
     std::string why;
-    const std::optional<Json::Value> content = common::parseJsonObject(text, &why);
+    const std::optional<Json::Value> content = common::parseJsonObject(common::readWhole(file), &why);
     if (!content) {
         throw common::Failure(file.string() + ": " + why);
     }

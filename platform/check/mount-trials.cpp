@@ -6,13 +6,13 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "common/files/unique-fd.h"
+#include "common/files/whole-file.h"
 #include "common/process/guarded-buffer.h"
 #include "platform/check/trial.h"
 #include "ps_mount.h"
@@ -111,12 +111,6 @@ std::size_t loopDevicesWith(const fs::path& file)
     return held;
 }
 
-std::string bytesOf(const fs::path& file)
-{
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
 // A directory of this check to mount on, unmounted and removed at the end whatever was found.
 class MountPoint
 {
@@ -188,8 +182,8 @@ void judgeContent(Trial& trial, const fs::path& directory, const fs::path& conte
         trial.require(!isEmpty && !error, FindingId::WrongContent, "the directory is empty");
         return;
     }
-    trial.require(bytesOf(directory / "content") == bytesOf(content), FindingId::WrongContent,
-                  "its file \"content\" is another or missing");
+    trial.require(common::readWhole(directory / "content") == common::readWhole(content),
+                  FindingId::WrongContent, "its file \"content\" is another or missing");
 }
 
 void judgeBusy(Trial& trial, const fs::path& directory)

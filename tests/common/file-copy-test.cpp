@@ -2,12 +2,12 @@
 #include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "common/files/file-copy.h"
+#include "common/files/whole-file.h"
 
 namespace fs = std::filesystem;
 
@@ -32,11 +32,6 @@ protected:
         std::ofstream(directory / name, std::ios::binary) << text;
         return directory / name;
     }
-    static std::string read(const fs::path& file)
-    {
-        std::ifstream in(file, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
     static blkcnt_t blocksOf(const fs::path& file)
     {
         struct stat status = {};
@@ -56,7 +51,7 @@ TEST_F(FileCopy, HolesStayHoles)
     common::copyFile(chip, directory / "copy");
     EXPECT_EQ(fs::file_size(directory / "copy"), kSize);
     EXPECT_LE(blocksOf(directory / "copy"), 64) << "in blocks of 512 bytes";
-    EXPECT_TRUE(read(directory / "copy") == read(chip));
+    EXPECT_TRUE(common::readWhole(directory / "copy") == common::readWhole(chip));
 }
 
 TEST_F(FileCopy, ReplacesWhatIsThereAndKeepsTheMode)
@@ -65,10 +60,10 @@ TEST_F(FileCopy, ReplacesWhatIsThereAndKeepsTheMode)
     fs::permissions(file, fs::perms(0750));
     write("copy", std::string(200000, 'y'));
     common::copyFile(file, directory / "copy");
-    EXPECT_TRUE(read(directory / "copy") == read(file));
+    EXPECT_TRUE(common::readWhole(directory / "copy") == common::readWhole(file));
     EXPECT_EQ(fs::status(directory / "copy").permissions(), fs::perms(0750));
     common::copyFile(write("empty", ""), directory / "copy");
-    EXPECT_EQ(read(directory / "copy"), "");
+    EXPECT_EQ(common::readWhole(directory / "copy"), "");
 }
 
 TEST_F(FileCopy, TreeComesWithItsLinks)
@@ -77,10 +72,10 @@ TEST_F(FileCopy, TreeComesWithItsLinks)
     write("tree/inner/file", "text");
     fs::create_symlink("inner/file", directory / "tree/link");
     common::copyTree(directory / "tree", directory / "copy");
-    EXPECT_EQ(read(directory / "copy/inner/file"), "text");
+    EXPECT_EQ(common::readWhole(directory / "copy/inner/file"), "text");
     EXPECT_EQ(fs::read_symlink(directory / "copy/link"), "inner/file");
     common::copyTree(directory / "tree", directory / "copy"); // over what is there
-    EXPECT_EQ(read(directory / "copy/link"), "text");
+    EXPECT_EQ(common::readWhole(directory / "copy/link"), "text");
 }
 
 TEST_F(FileCopy, PipeIsRefusedAtOnceAndNamed)

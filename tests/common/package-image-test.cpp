@@ -7,6 +7,7 @@
 
 #include "common/errors.h"
 #include "common/files/package-image.h"
+#include "common/files/whole-file.h"
 #include "tests/support/run-program.h"
 #include "tests/support/temporary-directory.h"
 
@@ -135,7 +136,7 @@ TEST_F(PackageImageTest, RefusesTablesThatTheKernelRefuses)
         {60, '\0', "has a damaged table of attributes"},    // where the tables are
         {90, '\x01', "has a damaged table of exported files"},
     };
-    const std::string sound = readBytes(pack());
+    const std::string sound = common::readWhole(pack());
     for (const Change& change : changes) {
         std::string bytes = sound;
         ASSERT_NE(bytes[change.place], change.byte) << change.place;
@@ -220,7 +221,7 @@ TEST_P(DamagedPackage, IsReadOrRefused)
     writeBytes(directory / "tree/deep/file", std::string(3000, 'x'));
     writeBytes(directory / "tree/file", std::string(200000, 'y'));
     fs::create_symlink("deep/file", directory / "tree/link");
-    const std::string sound = readBytes(pack(GetParam()));
+    const std::string sound = common::readWhole(pack(GetParam()));
     for (int round = 0; round < 1000; ++round) {
         std::string damaged = sound;
         for (unsigned int change = 0; change <= random() % 4; ++change) {

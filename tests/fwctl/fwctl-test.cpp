@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <vector>
 
+#include "common/files/whole-file.h"
 #include "tests/fwctl/virtual-set.h"
 
 namespace fs = std::filesystem;
@@ -268,7 +269,7 @@ TEST_F(Fwctl, TheRetoldCheckAgreesWithTheDaemonsOwn)
         {"a file for a mount point", "cp /var/kept.img PACKAGE; touch EMPS/empTuner; "},
         {"a pipe for a package", "rm -f PACKAGE; mkfifo PACKAGE; "},
     };
-    set.write("/var/kept.img", readFile(fs::path(EXAMPLES) / "images/1.1/empTuner.img"));
+    set.write("/var/kept.img", common::readWhole(fs::path(EXAMPLES) / "images/1.1/empTuner.img"));
     for (const auto& [what, script] : kScenes) {
         std::string before = std::regex_replace(script, std::regex("PACKAGE"), kPackage);
         before = std::regex_replace(before, std::regex("EMPS"), "/opt/usr/apps/appbinarymanager/emps");
@@ -299,10 +300,10 @@ TEST_F(Fwctl, UpdateWritesTheHardwareAndShowsProgress)
 TEST_F(Fwctl, LateUpdateIsWaitedForAndHasAStatusOfItsOwn)
 {
     const fs::path image = fs::path(EXAMPLES) / "images/1.1/Tuner";
-    Json::Value information = parse(readFile(image / "info.json"));
+    Json::Value information = parse(common::readWhole(image / "info.json"));
     information["expected_time"] = 1; // the tuner takes some seconds
     set.write("/var/package/info.json", information.toStyledString());
-    set.write("/var/package/Tuner.bin", readFile(image / "Tuner.bin"));
+    set.write("/var/package/Tuner.bin", common::readWhole(image / "Tuner.bin"));
     const Outcome outcome = set.run(std::string("mksquashfs /var/package ") + kPackage +
                                     " -noappend -all-root -quiet -no-progress && fwctl update tuner --json");
     EXPECT_EQ(outcome.status, 6) << outcome.err;
@@ -990,7 +991,7 @@ class FwctlUsb : public Fwctl
 protected:
     void SetUp() override
     {
-        const std::string image = readFile(fs::path(EXAMPLES) / "images/1.1/Tuner/Tuner.bin");
+        const std::string image = common::readWhole(fs::path(EXAMPLES) / "images/1.1/Tuner/Tuner.bin");
         set.write("/opt/media/USBDriveA/Tuner.bin", encrypt("1.1", image));
         set.write("/root/key", kKeyHex + "\n", 0600);
     }

@@ -1,7 +1,6 @@
 #include "tests/fwctl/virtual-set.h"
 
-#include <fstream>
-#include <iterator>
+#include "common/files/whole-file.h"
 
 namespace fs = std::filesystem;
 
@@ -43,8 +42,8 @@ void VirtualSet::addSystemImage(const std::string& firmwareName)
 {
     const fs::path image = kExamples / "images/1.1/Panel";
     const std::string directory = "/usr/lib/firmware/ext/" + firmwareName + "/";
-    write(directory + "info.json", readFile(image / "info.json"));
-    write(directory + firmwareName + ".bin", readFile(image / "Panel.bin"));
+    write(directory + "info.json", common::readWhole(image / "info.json"));
+    write(directory + firmwareName + ".bin", common::readWhole(image / "Panel.bin"));
 }
 
 void VirtualSet::addModule(const std::string& name)
@@ -55,10 +54,4 @@ void VirtualSet::addModule(const std::string& name)
 std::string moments(const std::string& script)
 {
     return ". " MOMENTS "; " + script;
-}
-
-std::string readFile(const fs::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }

@@ -27,6 +27,4 @@ public:
 // The script with what is in moments.sh, which is for those that act in the middle of an update.
 std::string moments(const std::string& script);
 
-std::string readFile(const std::filesystem::path& path);
-
 #endif

@@ -5,6 +5,7 @@
 #include <json/json.h>
 #include <sys/stat.h>
 
+#include "common/files/whole-file.h"
 #include "tests/support/run-program.h"
 #include "tests/support/temporary-directory.h"
 
@@ -106,7 +107,7 @@ TEST_F(Check, JUnitReportHasACaseForEachError)
 {
     writeBytes(directory / "tuner.so", "no library");
     EXPECT_EQ(check({"tuner.so", "--junit", "report.xml"}).status, 1);
-    const std::string report = readBytes(directory / "report.xml");
+    const std::string report = common::readWhole(directory / "report.xml");
     EXPECT_THAT(report, testing::StartsWith("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites>\n"));
     EXPECT_THAT(report,
                 AllOf(HasSubstr("<testsuite name=\"fwmod check tuner.so\""), HasSubstr(" failures=\"1\""),
@@ -123,7 +124,7 @@ TEST_F(Check, DocumentIsTheListOfFindings)
 {
     const Outcome outcome = check({"--list-findings"});
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_TRUE(outcome.out == readBytes(FINDINGS_DOCUMENT))
+    EXPECT_TRUE(outcome.out == common::readWhole(FINDINGS_DOCUMENT))
         << "write it anew: fwmod check --list-findings > docs/findings.md";
 }
 
@@ -133,7 +134,7 @@ TEST_F(Check, WrongUseIsToldFromFailure)
     const std::string soundbar = kExamples / "EXT-soundbar.so";
     const std::string package = kExamples / "images/1.1/empTuner.img";
     const std::string firmware = kExamples / "images/1.1/Tuner";
-    writeBytes(directory / "Tuner.img", readBytes(package));
+    writeBytes(directory / "Tuner.img", common::readWhole(package));
     const std::pair<std::vector<std::string>, int> cases[] = {
         {{}, 2},
         {{tuner, "--what"}, 2},

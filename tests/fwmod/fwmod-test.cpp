@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <vector>
 
+#include "common/files/whole-file.h"
 #include "tests/support/run-program.h"
 #include "tests/support/temporary-directory.h"
 
@@ -76,7 +77,7 @@ TEST_F(Fwmod, NewLeavesNoPlaceholder)
     EXPECT_FALSE(fs::exists(directory / "tuner/tuner.c"));
     for (const fs::path& file : filesIn(directory / "tuner")) {
         EXPECT_THAT(file.filename(), Not(HasSubstr("NAME")));
-        EXPECT_THAT(readBytes(file), Not(testing::ContainsRegex("@[A-Z]+@"))) << file;
+        EXPECT_THAT(common::readWhole(file), Not(testing::ContainsRegex("@[A-Z]+@"))) << file;
     }
 }
 
@@ -84,7 +85,7 @@ TEST_F(Fwmod, NewAsksItsMakerToUnderstandSixtyLinesAtMost)
 {
     for (const auto& [language, file] : {std::pair("c", "tuner.c"), std::pair("c++", "tuner.cpp")}) {
         ASSERT_EQ(fwmod({"new", "tuner", "--lang", language, "-o", language}).status, 0);
-        const std::string text = readBytes(directory / language / file);
+        const std::string text = common::readWhole(directory / language / file);
         EXPECT_GT(text.size(), 1000U);
         EXPECT_LE(std::count(text.begin(), text.end(), '\n'), 60) << file;
     }
@@ -111,7 +112,7 @@ TEST_F(Fwmod, NewNamesTheModuleByTheDaemonsRules)
         const Outcome outcome = fwmod({"new", c.name, c.kind});
         EXPECT_EQ(outcome.status, 0) << outcome.err;
         EXPECT_TRUE(fs::exists(directory / c.made / (std::string(c.made) + ".cpp"))) << c.made;
-        EXPECT_THAT(readBytes(directory / c.made / "CMakeLists.txt"), HasSubstr(c.words));
+        EXPECT_THAT(common::readWhole(directory / c.made / "CMakeLists.txt"), HasSubstr(c.words));
     }
 }
 
@@ -147,7 +148,7 @@ TEST_F(Fwmod, NewOverwritesNothing)
     const Outcome again = fwmod({"new", "tuner"});
     EXPECT_EQ(again.status, 1);
     EXPECT_THAT(again.err, HasSubstr("choose another with -o"));
-    EXPECT_EQ(readBytes(directory / "tuner/tuner.cpp"), "my work");
+    EXPECT_EQ(common::readWhole(directory / "tuner/tuner.cpp"), "my work");
     EXPECT_EQ(fwmod({"new", "tuner", "-o", "tuner/tuner.cpp"}).status, 1);
 }
 
@@ -207,7 +208,7 @@ TEST_F(Fwmod, WrittenInformationIsAcceptedByTheCheck)
         "info", "--version", "1.1",    "--image", "Tuner.bin", "--expected-time",
         "8",    "--ui-use",  "select", "-o",      "info.json"};
     ASSERT_EQ(fwmod(arguments).status, 0);
-    EXPECT_EQ(readBytes(directory / "info.json"),
+    EXPECT_EQ(common::readWhole(directory / "info.json"),
               "{\n  \"crc\" : 28458147,\n  \"expected_time\" : 8,\n  \"ui_use\" : \"select\",\n"
               "  \"version\" : \"1.1\"\n}\n");
     const Outcome outcome = fwmod({"info", "--check", "info.json", "--image", "Tuner.bin"});
@@ -320,8 +321,10 @@ TEST_F(Fwmod, PackageHoldsWhatTheDaemonLooksFor)
     ASSERT_EQ(fwmod(packageAs("empTuner")).status, 0);
     ASSERT_EQ(runProgram({"unsquashfs", "-q", "-n", "-d", "tree", "empTuner.img"}, directory.path()).status,
               0);
-    EXPECT_EQ(readBytes(directory / "tree" / "Tuner.bin"), readBytes(directory / "Tuner.bin"));
-    EXPECT_EQ(readBytes(directory / "tree" / "info.json"), readBytes(directory / "info.json"));
+    EXPECT_EQ(common::readWhole(directory / "tree" / "Tuner.bin"),
+              common::readWhole(directory / "Tuner.bin"));
+    EXPECT_EQ(common::readWhole(directory / "tree" / "info.json"),
+              common::readWhole(directory / "info.json"));
     EXPECT_EQ(names(), (std::vector<std::string>{"Tuner.bin", "empTuner.img", "info.json", "tree"}));
 }
 
@@ -337,7 +340,7 @@ TEST_F(Fwmod, SameInputGivesTheSameBytesWhateverTimeModeOrEnvironment)
 {
     makeInformation();
     ASSERT_EQ(fwmod(packageAs("empTuner")).status, 0);
-    const std::string first = readBytes(directory / "empTuner.img");
+    const std::string first = common::readWhole(directory / "empTuner.img");
     fs::permissions(directory / "Tuner.bin", fs::perms(0400));
     fs::last_write_time(directory / "Tuner.bin", fs::file_time_type::clock::now() - std::chrono::hours(5000));
     std::vector<std::string> again = packageAs("empTuner");
@@ -345,7 +348,7 @@ TEST_F(Fwmod, SameInputGivesTheSameBytesWhateverTimeModeOrEnvironment)
     g_usleep(1100000); // mksquashfs counts in seconds
     const Outcome outcome = runProgram(again, directory.path());
     ASSERT_EQ(outcome.status, 0) << outcome.err;
-    EXPECT_TRUE(readBytes(directory / "empTuner.img") == first);
+    EXPECT_TRUE(common::readWhole(directory / "empTuner.img") == first);
 }
 
 // They are made by smaller programs, which are built sooner.
@@ -364,9 +367,11 @@ TEST_F(Fwmod, SampleImagesAreWhatFwmodMakesOfThem)
                          "--ui-use", sample.uiUse, "-o", "info.json"})
                       .status,
                   0);
-        EXPECT_EQ(readBytes(directory / "info.json"), readBytes(images / sample.name / "info.json"));
+        EXPECT_EQ(common::readWhole(directory / "info.json"),
+                  common::readWhole(images / sample.name / "info.json"));
         ASSERT_EQ(fwmod({"package", "--image", image, "--info", "info.json", "--id", identifier}).status, 0);
-        EXPECT_TRUE(readBytes(directory / (identifier + ".img")) == readBytes(images / (identifier + ".img")))
+        EXPECT_TRUE(common::readWhole(directory / (identifier + ".img")) ==
+                    common::readWhole(images / (identifier + ".img")))
             << identifier;
     }
 }
@@ -399,7 +404,7 @@ TEST_F(Fwmod, InfoNeverOverwritesItsImage)
     writeBytes(directory / "image", "firmware");
     const Outcome outcome = fwmod({"info", "--version", "1", "--image", "image", "-o", "image"});
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(readBytes(directory / "image"), "firmware");
+    EXPECT_EQ(common::readWhole(directory / "image"), "firmware");
 }
 
 TEST_F(Fwmod, PackageNeverOverwritesItsInput)
@@ -410,7 +415,7 @@ TEST_F(Fwmod, PackageNeverOverwritesItsInput)
         arguments.insert(arguments.end(), {"-o", input});
         EXPECT_EQ(fwmod(arguments).status, 2);
     }
-    EXPECT_EQ(readBytes(directory / "Tuner.bin").size(), 100000U);
+    EXPECT_EQ(common::readWhole(directory / "Tuner.bin").size(), 100000U);
 }
 
 TEST_F(Fwmod, MissingPackerIsNamed)
@@ -528,7 +533,7 @@ TEST_F(Fwmod, DirectoryForTemporaryFilesIsNamedInShort)
 // The program headers of an example that are then changed, or its whole text.
 TEST_F(Fwmod, LibraryThatNoLoaderTakesIsDamaged)
 {
-    const std::string sound = readBytes(fs::path(SAMPLE_IMAGES).parent_path() / "tuner.so");
+    const std::string sound = common::readWhole(fs::path(SAMPLE_IMAGES).parent_path() / "tuner.so");
     const auto inspect = [&](const std::string& bytes) {
         writeBytes(directory / "tuner.so", bytes);
         return fwmod({"inspect", "tuner.so"});

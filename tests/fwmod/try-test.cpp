@@ -11,6 +11,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/files/whole-file.h"
 #include "tests/support/run-program.h"
 #include "tests/support/temporary-directory.h"
 
@@ -369,7 +370,7 @@ TEST_F(Try, ASetThatWasKilledIsToldSo)
 bool isUsed(const fs::path& directory)
 {
     for (const fs::directory_entry& process : fs::directory_iterator("/proc")) {
-        if (readBytes(process.path() / "cmdline").find(directory) != std::string::npos) {
+        if (common::readWhole(process.path() / "cmdline").find(directory) != std::string::npos) {
             return true;
         }
     }
@@ -393,15 +394,15 @@ TEST_F(Try, AnInterruptionLeavesNoSetAndNoProcess)
         }
         _exit(127);
     }
-    for (int tries = 0; tries < 1800 && readBytes(story).find("writes the image") == std::string::npos;
-         ++tries) {
+    for (int tries = 0;
+         tries < 1800 && common::readWhole(story).find("writes the image") == std::string::npos; ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     EXPECT_TRUE(isUsed(temporary())) << "nothing runs that could be left";
     kill(process, SIGINT);
     int status = 0;
     waitpid(process, &status, 0);
-    EXPECT_EQ(shellStatus(status), 128 + SIGINT) << readBytes(story);
+    EXPECT_EQ(shellStatus(status), 128 + SIGINT) << common::readWhole(story);
     // vset's last process, which gives the kernel's loop devices back, may stay for a moment.
     for (int tries = 0; tries < 1200 && isUsed(temporary()); ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));

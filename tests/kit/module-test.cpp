@@ -12,6 +12,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "common/files/whole-file.h"
 #include "tests/support/temporary-directory.h"
 
 namespace fs = std::filesystem;
@@ -29,7 +30,7 @@ fs::path imageOf(const std::string& version, const std::string& name)
 // The checksum that the information file of the image has.
 unsigned long checksumOf(const std::string& version, const std::string& name)
 {
-    const std::string text = readBytes(kExamples / "images" / version / name / "info.json");
+    const std::string text = common::readWhole(kExamples / "images" / version / name / "info.json");
     return std::stoul(text.substr(text.find(':', text.find("\"crc\"")) + 1));
 }
 
@@ -143,7 +144,7 @@ TEST_F(Modules, UpdateFromAPackageReportsRisingProgressAndBecomesActive)
 TEST_F(Modules, WrongChecksumForeignImageAndMissingFileLeaveTheHardwareAlone)
 {
     const Library tuner("tuner");
-    const std::string before = readBytes(kHardware / "tuner");
+    const std::string before = common::readWhole(kHardware / "tuner");
     EXPECT_EQ(tuner.update(imageOf("1.1", "Tuner"), checksumOf("1.1", "Tuner") + 1), -1);
     EXPECT_EQ(errno, EBADMSG);
     EXPECT_EQ(tuner.update(imageOf("1.1", "Panel"), checksumOf("1.1", "Panel")), -1);
@@ -152,13 +153,13 @@ TEST_F(Modules, WrongChecksumForeignImageAndMissingFileLeaveTheHardwareAlone)
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(tuner.update("tuner", 0), -1);
     EXPECT_EQ(errno, ENOTSUP);
-    EXPECT_TRUE(readBytes(kHardware / "tuner") == before);
+    EXPECT_TRUE(common::readWhole(kHardware / "tuner") == before);
 }
 
 TEST_F(Modules, ContentOfAnEncryptedImageIsInstalled)
 {
     const Library panel("panel");
-    const std::string image = readBytes(imageOf("1.1", "Panel"));
+    const std::string image = common::readWhole(imageOf("1.1", "Panel"));
     EXPECT_EQ(panel.updateFromMemory(image, static_cast<int>(image.size())), 0);
     EXPECT_EQ(panel.version(), "1.1");
     int seconds = 0;
@@ -169,7 +170,7 @@ TEST_F(Modules, ContentOfAnEncryptedImageIsInstalled)
 TEST_F(Modules, ContentThatIsTooShortIsRefused)
 {
     const Library panel("panel");
-    const std::string image = readBytes(imageOf("1.1", "Panel"));
+    const std::string image = common::readWhole(imageOf("1.1", "Panel"));
     for (const int length : {-64, -1, 0, 1, 30, static_cast<int>(image.size()) - 1}) {
         EXPECT_EQ(panel.updateFromMemory(image, length), -1) << length;
     }
@@ -179,12 +180,12 @@ TEST_F(Modules, ContentThatIsTooShortIsRefused)
 TEST_F(Modules, KilledUpdateLeavesTheOldVersionAndTheNextOneSucceeds)
 {
     const Library panel("panel");
-    const std::string before = readBytes(kHardware / "panel");
+    const std::string before = common::readWhole(kHardware / "panel");
     const pid_t child = fork();
     if (child == 0) {
         _exit(panel.update(imageOf("1.1", "Panel"), checksumOf("1.1", "Panel")));
     }
-    while (readBytes(kHardware / "panel") == before && waitpid(child, nullptr, WNOHANG) == 0) {
+    while (common::readWhole(kHardware / "panel") == before && waitpid(child, nullptr, WNOHANG) == 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     kill(child, SIGKILL);

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <sys/stat.h>
 
+#include "common/files/whole-file.h"
 #include "tests/support/run-program.h"
 #include "tests/support/temporary-directory.h"
 
@@ -55,7 +56,7 @@ TEST_F(PlatformCheck, ThePlatformOfAVirtualSetIsSound)
     EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
     EXPECT_THAT(outcome.out, AllOf(HasSubstr("libtarnwick-platform.so.1\n"),
                                    HasSubstr("the platform: sound, nothing was found.\n")));
-    const std::string report = readBytes(directory / "report.xml");
+    const std::string report = common::readWhole(directory / "report.xml");
     EXPECT_THAT(report,
                 AllOf(HasSubstr("<testsuite name=\"tarnwick-platform-check\""), HasSubstr(" failures=\"0\""),
                       HasSubstr("name=\"Mounts\""), HasSubstr("name=\"Changes of settings\"")));
@@ -155,7 +156,7 @@ TEST_F(PlatformCheck, DocumentIsTheListOfFindings)
 {
     const Outcome outcome = runProgram({PLATFORM_CHECK, "--list-findings"}, directory.path());
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_TRUE(outcome.out == readBytes(FINDINGS_DOCUMENT))
+    EXPECT_TRUE(outcome.out == common::readWhole(FINDINGS_DOCUMENT))
         << "write it anew: tarnwick-platform-check --list-findings > docs/platform-findings.md";
 }
 

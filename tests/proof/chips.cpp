@@ -1,10 +1,9 @@
 #include "tests/proof/chips.h"
 
 #include <cctype>
-#include <fstream>
-#include <iterator>
 #include <map>
 
+#include "common/files/whole-file.h"
 #include "sdk/examples/common/firmware.h"
 
 namespace proof
@@ -17,8 +16,7 @@ namespace fs = std::filesystem;
 
 std::vector<unsigned char> payloadOf(const std::string& firmware, const std::string& version)
 {
-    std::ifstream in(chipImages() / version / firmware / (firmware + ".bin"), std::ios::binary);
-    const std::string file{std::istreambuf_iterator<char>(in), {}};
+    const std::string file = common::readWhole(chipImages() / version / firmware / (firmware + ".bin"));
     const auto image = parseImage(reinterpret_cast<const unsigned char*>(file.data()), file.size());
     return image ? image->payload : std::vector<unsigned char>();
 }

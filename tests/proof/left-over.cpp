@@ -3,8 +3,9 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <system_error>
+
+#include "common/files/whole-file.h"
 
 namespace proof
 {
@@ -44,8 +45,7 @@ LeftOver leftOverIn(tarnwick::Television& tv)
             left.mounts.push_back(line);
         }
     }
-    std::ifstream file(insideSet(tv, "/root/dev/shm/sem.SEM_UPDATE_CONTROL"), std::ios::binary);
-    const std::string semaphore{std::istreambuf_iterator<char>(file), {}};
+    const std::string semaphore = common::readWhole(insideSet(tv, "/root/dev/shm/sem.SEM_UPDATE_CONTROL"));
     if (semaphore.size() >= sizeof(std::uint32_t)) {
         std::uint32_t value = 0;
         std::memcpy(&value, semaphore.data(), sizeof value);

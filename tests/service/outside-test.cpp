@@ -1,6 +1,5 @@
 // What a set leaves of the machine it runs on: everything as it was, while it is on and afterwards.
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <set>
 #include <sstream>
@@ -8,6 +7,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "common/files/whole-file.h"
 #include "tests/service/support/service-test.h"
 
 namespace service
@@ -17,14 +17,6 @@ namespace
 
 // Inherited by all that a set starts, so that its processes are known from outside, however they got away.
 constexpr const char* kTagName = "VSET_OUTSIDE_TEST";
-
-std::string contentOf(const fs::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 // ---- The machine ----
 
@@ -74,7 +66,7 @@ std::set<std::string> kernelFiles()
     std::set<std::string> lines;
     for (const char* path : {"/proc/sys/kernel/hostname", "/proc/sys/kernel/core_pattern",
                              "/proc/sys/vm/overcommit_memory", "/proc/sys/kernel/sysrq"}) {
-        lines.insert(std::string(path) + " " + contentOf(path));
+        lines.insert(std::string(path) + " " + common::readWhole(path));
     }
     for (const char* path :
          {"/proc/sysrq-trigger", "/proc/irq", "/proc/sys/kernel", "/sys/block", "/sys/power"}) {
@@ -94,7 +86,7 @@ std::set<std::string> semaphores()
         }
     }
     for (const char* table : {"sem", "shm", "msg"}) {
-        std::istringstream rows(contentOf(fs::path("/proc/sysvipc") / table));
+        std::istringstream rows(common::readWhole(fs::path("/proc/sysvipc") / table));
         for (std::string key, number, rest; rows >> key >> number; std::getline(rows, rest)) {
             names.insert(std::string(table) + " " + key + " " + number);
         }
@@ -103,7 +95,7 @@ std::set<std::string> semaphores()
 }
 
 struct Machine {
-    std::set<std::string> mounts = linesOf(contentOf("/proc/self/mountinfo"));
+    std::set<std::string> mounts = linesOf(common::readWhole("/proc/self/mountinfo"));
     std::set<std::string> nodes = devices();
     std::set<std::string> kernel = kernelFiles();
     std::set<std::string> names = semaphores();
@@ -123,7 +115,7 @@ std::vector<std::string> taggedProcesses()
     std::vector<std::string> processes;
     std::error_code error;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc", error)) {
-        if (contentOf(entry.path() / "environ").find(tag) != std::string::npos) {
+        if (common::readWhole(entry.path() / "environ").find(tag) != std::string::npos) {
             processes.push_back(entry.path());
         }
     }
@@ -135,7 +127,7 @@ bool isLoopImage(const std::string& file)
 {
     std::error_code error;
     for (const fs::directory_entry& entry : fs::directory_iterator("/sys/block", error)) {
-        if (contentOf(entry.path() / "loop/backing_file").find(file) != std::string::npos) {
+        if (common::readWhole(entry.path() / "loop/backing_file").find(file) != std::string::npos) {
             return true;
         }
     }
@@ -204,7 +196,7 @@ TEST_F(Outside, NothingChangesOverAWholeStory)
     const std::vector<std::string> processes = taggedProcesses();
     EXPECT_GE(processes.size(), 6U); // leader, PID 1, bus, two services, daemon: else nothing is proven
     for (const std::string& process : processes) {
-        EXPECT_EQ(contentOf(process + "/cgroup"), contentOf("/proc/self/cgroup")) << process;
+        EXPECT_EQ(common::readWhole(process + "/cgroup"), common::readWhole("/proc/self/cgroup")) << process;
     }
     EXPECT_TRUE(isLoopImage(image));
     expectUnchanged("with mounted packages");

@@ -2,13 +2,12 @@
 // of it. The UI is the set's own application, a process beside the daemon; a test is the finger on its
 // buttons.
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "common/files/whole-file.h"
 #include "tests/service/support/service-test.h"
 
 namespace service
@@ -176,8 +175,7 @@ protected:
 Files offeredTuner()
 {
     const fs::path made = Television::examplePackage("empTuner", "1.1").parent_path() / "Tuner/Tuner.bin";
-    std::ifstream file(made, std::ios::binary);
-    const std::string image(std::istreambuf_iterator<char>(file), {});
+    const std::string image = common::readWhole(made);
     return {{"Tuner.bin", image}, {"info.json", formatInformation({"1.1", 8, "select"}, image)}};
 }
 

@@ -1,12 +1,11 @@
 // The table of the daemon's texts against the daemon's sources, and what is made of a message.
 #include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <set>
 
 #include "common/daemon/daemon-events.h"
+#include "common/files/whole-file.h"
 #include "vset/story/narrator.h"
 
 namespace
@@ -58,8 +57,7 @@ std::string takeLiterals(Source& source)
 // looked up.
 void collect(const fs::path& file, std::set<std::string>& formats)
 {
-    std::ifstream in(file);
-    Source source{{std::istreambuf_iterator<char>(in), {}}};
+    Source source{common::readWhole(file)};
     while ((source.position = source.text.find("FWLOG", source.position)) != std::string::npos) {
         const size_t open = source.text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ_", source.position);
         const std::string macro = source.text.substr(source.position, open - source.position);
@@ -203,8 +201,7 @@ TEST(DaemonStates, HaveANameEachAndALabelThatFitsIntoADrawing)
 
 TEST(DaemonStates, AreCalledSoInTheDocumentThatDrawsThem)
 {
-    std::ifstream in(STATES_DOCUMENT);
-    const std::string document{std::istreambuf_iterator<char>(in), {}};
+    const std::string document = common::readWhole(STATES_DOCUMENT);
     for (int state = 0; state < common::kDaemonStates; ++state) {
         const std::string number = std::to_string(state);
         EXPECT_THAT(document, HasSubstr("    s" + number + ": " + number + " " +

@@ -123,12 +123,6 @@ void writeFile(const std::string& path, const std::string& content)
     }
 }
 
-std::string readFile(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 bool exists(const std::string& path)
 {
     return fs::exists(path);

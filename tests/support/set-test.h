@@ -60,7 +60,6 @@ LogLine platformDebug(const std::string& text);
 
 // Creates missing parents; replaces what is there.
 void writeFile(const std::string& path, const std::string& content);
-std::string readFile(const std::string& path);
 bool exists(const std::string& path); // links followed
 
 // A package: the image file IDENTIFIER.img, and the tree that it holds when the platform mounts it.

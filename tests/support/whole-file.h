@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
@@ -62,13 +61,6 @@ inline void replaceWithCopy(const std::filesystem::path& from, const std::filesy
 {
     replaceWith(
         path, [&](const std::filesystem::path& unfinished) { std::filesystem::copy_file(from, unfinished); });
-}
-
-// Empty when it cannot be read.
-inline std::string readWhole(const std::filesystem::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 } // namespace testing_support

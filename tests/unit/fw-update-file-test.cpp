@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "common/files/whole-file.h"
 #include "src/src/fw-update-file.h"
 #include "tests/support/set-test.h"
 
@@ -125,7 +126,7 @@ TEST_F(FWUpdateFile, IsMadeOrEmptiedToBeReplaced)
         ASSERT_TRUE(file);
         fputs(content, file.get());
         fflush(file.get());
-        EXPECT_EQ(readFile(kPath), content);
+        EXPECT_EQ(common::readWhole(kPath), content);
     }
 }
 
@@ -134,7 +135,7 @@ TEST_F(FWUpdateFile, IsNotReplacedThroughALink)
     writeFile("/tmp/target", "precious");
     fs::create_symlink("/tmp/target", kPath);
     EXPECT_FALSE(openToReplace(kPath));
-    EXPECT_EQ(readFile("/tmp/target"), "precious");
+    EXPECT_EQ(common::readWhole("/tmp/target"), "precious");
 }
 
 TEST_F(FWUpdateFile, IsMadeWithTheRightsThatTheProcessGives)

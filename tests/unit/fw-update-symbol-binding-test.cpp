@@ -11,6 +11,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "common/files/whole-file.h"
 #include "src/src/fw-update-symbol.h"
 #include "tests/support/set-test.h"
 
@@ -530,7 +531,7 @@ protected:
     {
         FWUpdateSymbolRefused::SetUp();
         copyControl("tuner");
-        whole = readFile(path);
+        whole = common::readWhole(path);
     }
 
     void expectRefused(const std::string& library, const std::string& reason)

@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/files/whole-file.h"
 #include "tests/support/manager-test.h"
 
 namespace fs = std::filesystem;
@@ -92,7 +93,7 @@ TEST_F(FWUpdateSymbolManagerList, RefusesALinkAndLeavesItsTargetAlone)
     addModuleWithVerdicts("tuner", "empTuner", 1, 1);
     EXPECT_EQ(write(), -1);
     EXPECT_TRUE(fs::is_symlink(kListPath));
-    EXPECT_EQ(readFile("/tmp/target"), "precious");
+    EXPECT_EQ(common::readWhole("/tmp/target"), "precious");
     EXPECT_THAT(platform.log(),
                 ElementsAre(error("symbolic link is detected\n"), error("fail check_race_condition\n")));
 }
@@ -148,7 +149,7 @@ TEST_F(FWUpdateSymbolManagerList, LeavesTheTargetOfALinkAloneThatIsPlacedAfterTh
     addModuleWithVerdicts("tuner", "empTuner", 1, 1);
     afterNextLook = [] { fs::create_symlink("/tmp/target", kListPath); };
     EXPECT_EQ(write(), 2);
-    EXPECT_EQ(readFile("/tmp/target"), "precious");
+    EXPECT_EQ(common::readWhole("/tmp/target"), "precious");
     EXPECT_THAT(managerLines(), ElementsAre(error("Need Update [tuner][empTuner]")));
 }
 
@@ -198,7 +199,7 @@ TEST_F(FWUpdateSymbolManagerList, IsEmptyForAnEmptyRegistry)
 {
     EXPECT_EQ(write(), 0);
     EXPECT_TRUE(fs::is_regular_file(kListPath));
-    EXPECT_EQ(readFile(kListPath), "");
+    EXPECT_EQ(common::readWhole(kListPath), "");
     EXPECT_THAT(platform.log(), IsEmpty());
 }
 
@@ -206,7 +207,7 @@ TEST_F(FWUpdateSymbolManagerList, IsRewrittenFromEmpty)
 {
     writeFile(kListPath, "what an earlier check has found\n");
     EXPECT_EQ(write(), 0);
-    EXPECT_EQ(readFile(kListPath), "");
+    EXPECT_EQ(common::readWhole(kListPath), "");
 }
 
 struct Verdicts {
@@ -221,7 +222,7 @@ TEST_F(FWUpdateSymbolManagerList, CountsEverySourceAndNamesTheModuleOnce)
          {Verdicts{1, 1, 2}, {1, 0, 1}, {0, 1, 1}, {0, 0, 0}, {2, 2, 0}, {-1, -1, 0}, {1, 2, 1}}) {
         addModuleWithVerdicts("tuner", "empTuner", verdicts.builtIn, verdicts.package);
         EXPECT_EQ(write(), verdicts.count) << verdicts.builtIn << " " << verdicts.package;
-        EXPECT_EQ(readFile(kListPath), verdicts.count > 0 ? "tuner empTuner\n" : "")
+        EXPECT_EQ(common::readWhole(kListPath), verdicts.count > 0 ? "tuner empTuner\n" : "")
             << verdicts.builtIn << " " << verdicts.package;
         manager.firmwareItems.clear();
     }
@@ -233,7 +234,7 @@ TEST_F(FWUpdateSymbolManagerList, NamesThePendingModulesInTheRegistrysOrder)
     addModuleWithVerdicts("idle", "empIdle", 0, 0);
     addModuleWithVerdicts("aaa", "empAaa", 0, 1);
     EXPECT_EQ(write(), 3);
-    EXPECT_EQ(readFile(kListPath), "tuner empTuner\naaa empAaa\n");
+    EXPECT_EQ(common::readWhole(kListPath), "tuner empTuner\naaa empAaa\n");
     EXPECT_THAT(managerLines(),
                 ElementsAre(error("Need Update [tuner][empTuner]"), error("Need Update [aaa][empAaa]")));
 }
@@ -243,7 +244,7 @@ TEST_F(FWUpdateSymbolManagerList, EndsTheLineInABlankForAModuleWithoutAPackageId
     TestModule tuner = addModuleWithVerdicts("tuner", "empTuner", 1, 0);
     tuner.module.EMPName.clear();
     EXPECT_EQ(write(), 1);
-    EXPECT_EQ(readFile(kListPath), "tuner \n");
+    EXPECT_EQ(common::readWhole(kListPath), "tuner \n");
     EXPECT_THAT(managerLines(), ElementsAre(error("Need Update [tuner][]")));
 }
 
@@ -251,7 +252,7 @@ TEST_F(FWUpdateSymbolManagerList, LeavesExternalModulesOut)
 {
     addModule("EXT-hdmi", "");
     EXPECT_EQ(write(), 0);
-    EXPECT_EQ(readFile(kListPath), "");
+    EXPECT_EQ(common::readWhole(kListPath), "");
     EXPECT_THAT(platform.log(), ElementsAre(error("Error: m_fwName (ret empId)  empty.(EXT-hdmi)"),
                                             error("Error: m_fwName (ret empId)  empty.(EXT-hdmi)")));
 }
@@ -261,7 +262,7 @@ TEST_F(FWUpdateSymbolManagerList, LeavesModulesOutThatAreNotLoaded)
     manager.firmwareItems.emplace_back("absent");
     addModuleWithVerdicts("tuner", "empTuner", 1, 1);
     EXPECT_EQ(write(), 2);
-    EXPECT_EQ(readFile(kListPath), "tuner empTuner\n");
+    EXPECT_EQ(common::readWhole(kListPath), "tuner empTuner\n");
 }
 
 // ---- Checks ----
@@ -320,7 +321,7 @@ TEST_F(FWUpdateSymbolManagerList, StopsBeforeTheFirstModuleWithAnEmptyFile)
     TestModule tuner = addModuleWithVerdicts("tuner", "empTuner", 1, 1);
     bool isRunning = false;
     EXPECT_EQ(manager.writeFirmwareUpdateList(isRunning), -1);
-    EXPECT_EQ(readFile(kListPath), "");
+    EXPECT_EQ(common::readWhole(kListPath), "");
     EXPECT_THAT(tuner.library.calls(), IsEmpty());
     EXPECT_THAT(platform.log(), ElementsAre(error("Task is not running, writeFirmwareUpdateList stop")));
 }
@@ -336,7 +337,7 @@ TEST_F(FWUpdateSymbolManagerList, StopsBetweenTwoModulesAndKeepsTheLinesSoFar)
         }
     });
     EXPECT_EQ(manager.writeFirmwareUpdateList(isRunning), -1);
-    EXPECT_EQ(readFile(kListPath), "tuner empTuner\n");
+    EXPECT_EQ(common::readWhole(kListPath), "tuner empTuner\n");
     EXPECT_THAT(panel.library.calls(), IsEmpty());
     EXPECT_THAT(managerLines(), ElementsAre(error("Need Update [tuner][empTuner]"),
                                             error("Task is not running, writeFirmwareUpdateList stop")));

@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <string>
 
+#include "common/files/whole-file.h"
 #include "src/src/fw-update-symbol.h"
 #include "tests/support/set-test.h"
 
@@ -66,7 +67,7 @@ TEST_F(FWUpdateSymbolPackage, IsMountedUnderItsIdentifier)
 {
     writeFile(makePackage("empTuner").tree + "/Tuner.bin", "firmware");
     EXPECT_TRUE(module.mountEMPImage());
-    EXPECT_EQ(readFile(kMountPoint + "/Tuner.bin"), "firmware");
+    EXPECT_EQ(common::readWhole(kMountPoint + "/Tuner.bin"), "firmware");
     EXPECT_THAT(platform.log(), ElementsAre(kNoMountPoint, kMountCommand));
 }
 

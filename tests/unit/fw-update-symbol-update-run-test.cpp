@@ -7,6 +7,7 @@
 #include <sys/prctl.h>
 #include <thread>
 
+#include "common/files/whole-file.h"
 #include "src/src/fw-update-symbol.h"
 #include "tests/support/set-test.h"
 
@@ -481,7 +482,7 @@ TEST_F(FWUpdateSymbolUpdate, HasTheImageMountedWhileTheLibraryWrites)
     writePackage(information("1.2"));
     std::string content;
     recorder->answers.onCall = [&](const std::string& function) {
-        content = function == "doUpdate" ? readFile(kPackageImage) : content;
+        content = function == "doUpdate" ? common::readWhole(kPackageImage) : content;
     };
     module.updateFirmware(FW_CALLER_EMP, empty);
     EXPECT_EQ(content, kImageContent);

@@ -9,6 +9,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "common/files/whole-file.h"
 #include "tests/support/temporary-directory.h"
 #include "tests/usb/programs.h"
 #include "tests/usb/usb-test-data.h"
@@ -84,7 +85,7 @@ protected:
     // Header and payload of an image, after its signature was found good; both by the openssl command.
     std::string open(const std::string& name)
     {
-        const std::string image = readBytes(directory / name);
+        const std::string image = common::readWhole(directory / name);
         const std::size_t covered = image.size() - 512;
         writeBytes(directory / "covered", image.substr(0, covered));
         writeBytes(directory / "signature", image.substr(covered));
@@ -93,7 +94,7 @@ protected:
                                    "-signature", "signature", "covered"});
         mustRun(directory.path(), {"openssl", "enc", "-d", "-aes-256-cbc", "-K", toHex(key), "-iv",
                                    toHex(image.substr(0, kIvSize)), "-in", "secret", "-out", "plain"});
-        return readBytes(directory / "plain");
+        return common::readWhole(directory / "plain");
     }
     std::vector<std::string> names()
     {
@@ -144,15 +145,15 @@ TEST_F(FwmodUsb, SameInputGivesTheSameBytes)
 {
     ASSERT_EQ(fwmod(usb()).status, 0);
     ASSERT_EQ(fwmod(usb({{"-o", "Again.bin"}})).status, 0);
-    EXPECT_EQ(readBytes(directory / "Tuner.bin"), readBytes(directory / "Again.bin"));
+    EXPECT_EQ(common::readWhole(directory / "Tuner.bin"), common::readWhole(directory / "Again.bin"));
 }
 
 TEST_F(FwmodUsb, InitialisationVectorIsAnotherEveryTime)
 {
     ASSERT_EQ(fwmod(usb({{"--iv", ""}})).status, 0);
     ASSERT_EQ(fwmod(usb({{"--iv", ""}, {"-o", "Again.bin"}})).status, 0);
-    EXPECT_NE(readBytes(directory / "Tuner.bin").substr(0, kIvSize),
-              readBytes(directory / "Again.bin").substr(0, kIvSize));
+    EXPECT_NE(common::readWhole(directory / "Tuner.bin").substr(0, kIvSize),
+              common::readWhole(directory / "Again.bin").substr(0, kIvSize));
     EXPECT_EQ(open("Again.bin"), header("1.1") + "payload");
 }
 
@@ -164,7 +165,7 @@ TEST_F(FwmodUsb, KeyMayBeWrittenAsDigits)
     for (const std::string& text : {toHex(key), toHex(key) + "\n", toHex(key) + "\r\n", upper}) {
         writeKey("digits", text);
         ASSERT_EQ(fwmod(usb({{"--key-file", "digits"}, {"-o", "Again.bin"}})).status, 0) << text;
-        EXPECT_EQ(readBytes(directory / "Tuner.bin"), readBytes(directory / "Again.bin"));
+        EXPECT_EQ(common::readWhole(directory / "Tuner.bin"), common::readWhole(directory / "Again.bin"));
     }
 }
 
@@ -279,7 +280,7 @@ TEST_F(FwmodUsb, WrongUseWritesNothing)
         EXPECT_FALSE(outcome.err.empty());
         EXPECT_EQ(names(), inputs) << testing::PrintToString(words);
     }
-    EXPECT_EQ(readBytes(directory / "content.key"), key);
+    EXPECT_EQ(common::readWhole(directory / "content.key"), key);
 }
 
 TEST_F(FwmodUsb, WhatCannotBeDoneWritesNothing)
@@ -332,14 +333,14 @@ TEST_F(FwmodUsb, PipeIsNeitherReadNorReplaced)
 TEST_F(FwmodUsb, FullDiskLeavesTheFormerImage)
 {
     ASSERT_EQ(fwmod(usb()).status, 0);
-    const std::string before = readBytes(directory / "Tuner.bin");
+    const std::string before = common::readWhole(directory / "Tuner.bin");
     writeBytes(directory / "payload", std::string(300000, 'p'));
     Words words = usb();
     words.insert(words.begin(), {"sh", "-c", "ulimit -f 100; trap '' XFSZ; exec \"$@\"", "sh", FWMOD});
     const Outcome outcome = runProgram(words, directory.path());
     EXPECT_EQ(outcome.status, 1);
     EXPECT_THAT(outcome.err, HasSubstr("cannot write"));
-    EXPECT_EQ(readBytes(directory / "Tuner.bin"), before);
+    EXPECT_EQ(common::readWhole(directory / "Tuner.bin"), before);
     EXPECT_EQ(names(), (Words{"Tuner.bin", "content.key", "payload"}));
 }
 
@@ -419,7 +420,7 @@ TEST_F(FwmodUsb, InspectFindsWhatIsWrong)
 {
     writeBytes(directory / "payload", random.bytes(3000));
     ASSERT_EQ(fwmod(usb()).status, 0);
-    const std::string image = readBytes(directory / "Tuner.bin");
+    const std::string image = common::readWhole(directory / "Tuner.bin");
     std::string changed = image;
     changed[1000] ^= 1;
     writeBytes(directory / "changed", changed);
@@ -452,7 +453,7 @@ TEST_F(FwmodUsb, InspectShowsNoControlCharactersOfAHeader)
 TEST_F(FwmodUsb, InspectBearsAnImageThatIsCutAnywhere)
 {
     ASSERT_EQ(fwmod(usb()).status, 0);
-    const std::string image = readBytes(directory / "Tuner.bin");
+    const std::string image = common::readWhole(directory / "Tuner.bin");
     for (std::size_t size = 0; size < image.size(); size += (size < 40 || size > 560) ? 1 : 40) {
         writeBytes(directory / "cut", image.substr(0, size));
         ASSERT_EQ(inspect("cut", allKeys()).status, 1) << size;
@@ -489,7 +490,7 @@ TEST_F(FwmodUsb, InspectLooksIntoAPackage)
     fs::copy(directory / "empTuner.img", directory / "Tuner.img");
     EXPECT_EQ(inspect("Tuner.img").status, 1);
 
-    std::string damaged = readBytes(directory / "empTuner.img");
+    std::string damaged = common::readWhole(directory / "empTuner.img");
     writeBytes(directory / "empTuner.img", damaged.substr(0, 200));
     EXPECT_EQ(inspect("empTuner.img").status, 1);
     writeBytes(directory / "empTuner.img", "hsqs");
@@ -517,7 +518,7 @@ TEST_F(FwmodUsb, PackageThatHoldsTooMuchIsNotUnpacked)
         fs::create_hard_link(directory / "tree/Tuner.bin", directory / "tree" / std::to_string(copy));
     }
     mustRun(directory.path(), {"mksquashfs", "tree", "empTuner.img", "-quiet", "-no-progress"});
-    writeBytes(directory / "tuner.so", readBytes(COMPLETE_LIBRARY));
+    writeBytes(directory / "tuner.so", common::readWhole(COMPLETE_LIBRARY));
     fs::create_directory(directory / "temporary");
     const Words room = {"env", "TMPDIR=" + (directory / "temporary").string(), FWMOD};
     const Words commands[] = {{"inspect", "empTuner.img"},
@@ -567,7 +568,7 @@ TEST_F(FwmodUsb, InspectNamesTheMissingEntryPointsOfALibrary)
 
 TEST_F(FwmodUsb, InspectBearsADamagedLibrary)
 {
-    const std::string library = readBytes(COMPLETE_LIBRARY);
+    const std::string library = common::readWhole(COMPLETE_LIBRARY);
     for (int round = 0; round < 60; ++round) {
         std::string damaged = library.substr(0, static_cast<std::size_t>(random.number(4, 20000)));
         damaged.resize(library.size(), '\xff');

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/files/whole-file.h"
 #include "tests/support/temporary-directory.h"
 #include "tests/usb/programs.h"
 #include "tests/usb/usb-test-data.h"
@@ -41,7 +42,7 @@ protected:
         writeBytes(directory / "covered", covered);
         mustRun(directory.path(), {"openssl", "dgst", "-sha256", "-sign", *keys / (by + ".pem"), "-out",
                                    "signature", "covered"});
-        return covered + readBytes(directory / "signature");
+        return covered + common::readWhole(directory / "signature");
     }
     Verdict judge(const std::string& file, const std::vector<signature::TrustedKey>& trusted)
     {

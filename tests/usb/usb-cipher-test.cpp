@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/files/whole-file.h"
 #include "src/src/fw-update-symbol.h"
 #include "tests/support/temporary-directory.h"
 #include "tests/usb/programs.h"
@@ -99,7 +100,7 @@ TEST_F(UsbCipher, DecryptsWhatTheOpensslCommandHasEncrypted)
         writeBytes(directory / "plain", plain);
         mustRun(directory.path(), {"openssl", "enc", "-aes-256-cbc", "-K", toHex(key), "-iv", toHex(iv),
                                    "-in", "plain", "-out", "secret"});
-        const std::string stream = readBytes(directory / "secret") + random.bytes(kTrailerSize);
+        const std::string stream = common::readWhole(directory / "secret") + random.bytes(kTrailerSize);
         EXPECT_TRUE(run(stream, static_cast<int>(stream.size())) == plain) << size;
     }
 }
@@ -112,7 +113,7 @@ TEST_F(UsbCipher, EncryptsWhatTheOpensslCommandDecrypts)
                    run(plain + random.bytes(kTrailerSize), static_cast<int>(size) + kTrailerSize, 1));
         mustRun(directory.path(), {"openssl", "enc", "-d", "-aes-256-cbc", "-K", toHex(key), "-iv", toHex(iv),
                                    "-in", "secret", "-out", "plain"});
-        EXPECT_TRUE(readBytes(directory / "plain") == plain) << size;
+        EXPECT_TRUE(common::readWhole(directory / "plain") == plain) << size;
     }
 }
 

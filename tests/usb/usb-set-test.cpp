@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <sys/stat.h>
 
+#include "common/files/whole-file.h"
 #include "src/src/fw-update-symbol-manager.h"
 #include "tests/support/set-test.h"
 #include "tests/support/temporary-directory.h"
@@ -284,7 +285,7 @@ protected:
     ControlRecorder* control = nullptr;
     std::unique_ptr<FWUpdateSymbol> tuner;
     const std::string path = kStick + "Tuner.bin";
-    const std::string content = readFile(std::string(EXAMPLE_IMAGES) + "/1.1/Tuner/Tuner.bin");
+    const std::string content = common::readWhole(std::string(EXAMPLE_IMAGES) + "/1.1/Tuner/Tuner.bin");
 };
 
 TEST_F(UsbOnSetPulled, NothingHappensMeanwhile)

@@ -14,6 +14,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/files/whole-file.h"
 #include "vset/write-watch/write-watch.h"
 
 namespace
@@ -35,11 +36,7 @@ protected:
     void TearDown() override { fs::remove_all(directory_); }
 
     std::string chip() const { return directory_ / "chip"; }
-    std::string chipContent() const
-    {
-        std::ifstream file(chip());
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::string chipContent() const { return common::readWhole(chip()); }
 
     // Runs `work` in a watched process, which is killed at its write number `last`; 0: never. Gives the
     // calls.

@@ -8,13 +8,14 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "common/files/whole-file.h"
 
 namespace vset
 {
@@ -186,11 +187,7 @@ public:
     Notes& operator=(const Notes&) = delete;
 
     const std::string& path() const { return path_; }
-    std::string text() const
-    {
-        std::ifstream in(path_);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
+    std::string text() const { return common::readWhole(path_); }
 
 private:
     std::string path_;

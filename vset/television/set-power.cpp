@@ -1,11 +1,11 @@
 #include "vset/television/set-power.h"
 
 #include <csignal>
-#include <iterator>
 #include <system_error>
 #include <utility>
 
 #include "common/errors.h"
+#include "common/files/whole-file.h"
 #include "vset/television/set-life.h"
 
 namespace vset
@@ -76,8 +76,7 @@ std::optional<int> SetPower::waitForEnd(std::chrono::milliseconds longest)
 
 std::string SetPower::notes() const
 {
-    std::ifstream in(set_ / kNotes, std::ios::binary);
-    std::string said{std::istreambuf_iterator<char>(in), {}};
+    std::string said = common::readWhole(set_ / kNotes);
     const std::optional<int> status =
         launcher_ ? launcher_->waitFor(std::chrono::milliseconds(0)) : std::nullopt;
     if (said.empty() && status && *status > 128) {

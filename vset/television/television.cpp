@@ -8,8 +8,6 @@
 #include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <fstream>
-#include <iterator>
 #include <poll.h>
 #include <sstream>
 #include <sys/inotify.h>
@@ -19,6 +17,7 @@
 #include "common/daemon/daemon-events.h"
 #include "common/errors.h"
 #include "common/files/unique-fd.h"
+#include "common/files/whole-file.h"
 #include "common/json-text.h"
 #include "vset/client/control-client.h"
 #include "vset/client/platform-log.h"
@@ -51,12 +50,6 @@ auto told(Action action)
     } catch (const std::exception& error) {
         throw TelevisionError(error.what());
     }
-}
-
-std::string readWhole(const fs::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 std::chrono::milliseconds inMilliseconds(double seconds)
@@ -284,7 +277,7 @@ void Television::write(const std::string& path, const std::string& content) cons
 
 std::string Television::read(const std::string& path) const
 {
-    return readWhole(outside(path));
+    return common::readWhole(outside(path));
 }
 
 bool Television::exists(const std::string& path) const
@@ -501,7 +494,7 @@ std::string Television::daemonStatus() const
     if (!inside_->daemon) {
         throw TelevisionError("startDaemon() has started none");
     }
-    return readWhole("/proc/" + std::to_string(inside_->daemon->child()) + "/status");
+    return common::readWhole("/proc/" + std::to_string(inside_->daemon->child()) + "/status");
 }
 
 std::string Television::daemonOutput() const

@@ -2,12 +2,11 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <set>
 
 #include "common/daemon/daemon-events.h"
 #include "common/files/file-copy.h"
+#include "common/files/whole-file.h"
 #include "common/json-text.h"
 #include "tests/proof/chips.h"
 #include "tests/proof/left-over.h"
@@ -40,12 +39,6 @@ constexpr double kPatience = 20; // seconds of this machine, for what comes at o
 
 struct Hit {
 }; // out of any wait
-
-std::string readFile(const fs::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 // As the daemon of a set is, with a program in its place that lets it be watched.
 void putWatchedDaemon(const fs::path& set)
@@ -170,7 +163,7 @@ void Lane::prepare()
 
 bool Lane::said(const std::string& text) const
 {
-    return readFile(tv.outside(kLog)).find(text) != std::string::npos;
+    return common::readWhole(tv.outside(kLog)).find(text) != std::string::npos;
 }
 
 // From the power switch to the daemon's end. Throws Hit when the guard has stopped it before.

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "common/files/whole-file.h"
 #include "sdk/examples/common/firmware.h"
 #include "sdk/examples/common/flash.h"
 #include "tests/support/whole-file.h"
@@ -16,7 +17,6 @@
 namespace service
 {
 
-using testing_support::readWhole;
 using testing_support::replaceFile;
 using testing_support::replaceWith;
 using testing_support::replaceWithCopy;
@@ -124,7 +124,8 @@ std::string Television::activeVersion(const std::string& chip) const
 std::vector<unsigned char> Television::exampleFirmware(const std::string& firmwareName,
                                                        const std::string& version)
 {
-    const std::string file = readWhole(kExampleImages / version / firmwareName / (firmwareName + ".bin"));
+    const std::string file =
+        common::readWhole(kExampleImages / version / firmwareName / (firmwareName + ".bin"));
     const size_t line = file.find('\n') + 1; // the rest is what the hardware gets
     return {file.begin() + static_cast<std::ptrdiff_t>(line), file.end()};
 }

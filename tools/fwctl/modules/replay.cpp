@@ -1,6 +1,5 @@
 #include "tools/fwctl/modules/replay.h"
 
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <sys/stat.h>
@@ -9,6 +8,7 @@
 #include "common/files/memory-file.h"
 #include "common/files/package-image.h"
 #include "common/files/regular-file.h"
+#include "common/files/whole-file.h"
 #include "common/json-text.h"
 #include "src/src/fw-update-checksum.h"
 #include "tools/fwctl/commands/command.h"
@@ -101,9 +101,7 @@ std::string remarksOn(const std::string& path)
 {
     constexpr std::pair<const char*, const char*> kDefaults[] = {
         {"version", "0000"}, {"crc", "0"}, {"expected_time", "300 seconds"}, {"ui_use", "none"}};
-    std::ifstream file(path);
-    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    const std::optional<Json::Value> parsed = common::parseJsonObject(text);
+    const std::optional<Json::Value> parsed = common::parseJsonObject(common::readWhole(path));
     if (!parsed) {
         return "";
     }

@@ -6,11 +6,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iterator>
 #include <memory>
 #include <vector>
 
+#include "common/files/whole-file.h"
 #include "common/terminal/visible-text.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/commands/command.h"
@@ -150,8 +150,7 @@ struct File {
 std::string readText(const fs::path& path)
 {
     requireReadable(path);
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    return common::readWhole(path);
 }
 
 // The module's own file is there in every language; the other ones are skipped.

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <system_error>
 
+#include "common/files/whole-file.h"
 #include "tools/fwmod/check/examiner/machine.h"
 
 namespace fwmod::examiner
@@ -38,7 +39,7 @@ void overwrite(const fs::path& file, const std::string& content)
 HardwareCopy::HardwareCopy()
 {
     for (const fs::path& file : filesIn(kHardware)) {
-        contents_[file] = contentOf(file);
+        contents_[file] = common::readWhole(file);
     }
 }
 
@@ -50,7 +51,7 @@ void HardwareCopy::putBack() const
         }
     }
     for (const auto& [file, content] : contents_) {
-        if (!fs::exists(file) || contentOf(file) != content) {
+        if (!fs::exists(file) || common::readWhole(file) != content) {
             overwrite(file, content);
         }
     }

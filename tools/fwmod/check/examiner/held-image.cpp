@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/files/whole-file.h"
 #include "tools/fwmod/check/examiner/hardware-copy.h"
 
 namespace fwmod::examiner
@@ -21,7 +22,7 @@ std::map<std::string, std::string> hardwareOf(const Machine& machine)
     std::map<std::string, std::string> contents;
     const fs::path root = machine.file("/");
     for (const fs::path& file : filesIn(machine.file(kHardware))) {
-        contents["/" + file.lexically_relative(root).string()] = contentOf(file);
+        contents["/" + file.lexically_relative(root).string()] = common::readWhole(file);
     }
     return contents;
 }
@@ -67,7 +68,7 @@ std::size_t longestBeginning(const std::string& content, const std::string& imag
 
 std::string imageOf(const Job& job)
 {
-    return job.isExternal || !job.hasImage() ? "" : contentOf(job.image);
+    return job.isExternal || !job.hasImage() ? "" : common::readWhole(job.image);
 }
 
 Holders holdersOf(const Machine& machine, const std::string& image)

@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <fstream>
 #include <grp.h>
-#include <iterator>
 #include <linux/sched.h>
 #include <pwd.h>
 #include <sched.h>
@@ -21,6 +20,7 @@
 #include <unistd.h>
 
 #include "common/files/file-copy.h"
+#include "common/files/whole-file.h"
 
 namespace fwmod::examiner
 {
@@ -114,15 +114,6 @@ void chooseProcessNumber(unsigned int boot)
 }
 } // namespace
 
-std::string contentOf(const fs::path& file)
-{
-    std::ifstream in(file, std::ios::binary | std::ios::ate);
-    std::string content(static_cast<std::size_t>(std::max<std::streamoff>(in.tellg(), 0)), '\0');
-    in.seekg(0);
-    in.read(content.data(), static_cast<std::streamsize>(content.size()));
-    return content;
-}
-
 void makeMachineRoom(const std::string& imageDirectory)
 {
     if (!imageDirectory.empty()) {
@@ -173,7 +164,7 @@ std::size_t Machine::stateOfHardware() const
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(file("/var/lib"), gone)) {
         std::string text = entry.path();
         if (entry.is_regular_file(gone)) {
-            text += contentOf(entry.path());
+            text += common::readWhole(entry.path());
         }
         state += std::hash<std::string>()(text); // a sum: the order of a directory's entries does not count
     }

@@ -55,9 +55,6 @@ private:
 // before the first machine.
 void makeMachineRoom(const std::string& imageDirectory);
 
-// All of a file.
-std::string contentOf(const std::filesystem::path& file);
-
 // Copies directories, files and links with their owners and modes.
 void copyTree(const std::filesystem::path& from, const std::filesystem::path& to);
 

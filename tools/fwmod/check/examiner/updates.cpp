@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "common/files/whole-file.h"
 #include "tools/fwmod/check/examiner/faulty-writes.h"
 #include "tools/fwmod/check/examiner/hardware-copy.h"
 #include "tools/fwmod/check/examiner/held-image.h"
@@ -718,8 +719,7 @@ std::vector<Data> impossibleData(const Job& job)
     if (!job.hasImage()) {
         return all;
     }
-    std::ifstream file(job.image, std::ios::binary);
-    std::string image{std::istreambuf_iterator<char>(file), {}};
+    std::string image = common::readWhole(job.image);
     all.push_back({"the image", image, static_cast<int>(image.size()), false});
     image.resize(image.size() / 2); // a size inside it points behind its end
     const int length = static_cast<int>(image.size());
