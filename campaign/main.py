@@ -3,7 +3,7 @@
 A case is one command of one to some minutes. The same tree has the same cases under the same numbers everywhere, and
 a shard needs nothing from another one: it builds what its cases need. What has ended is written down at once, as a
 line of JSON and as JUnit's XML; `report` joins the lines of any number of runs into one page. docs/campaign.md has how
-it runs under ctest."""
+it runs under ctest, GNU parallel and Slurm."""
 
 import argparse
 import dataclasses
