@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <initializer_list>
 #include <sys/prctl.h>
 #include <unistd.h>
 
