@@ -377,6 +377,27 @@ bool isUsed(const fs::path& directory)
     return false;
 }
 
+// At its start, when the set is made, and when it is filled.
+TEST_F(Try, AKillLeavesNothing)
+{
+    for (const std::string moment : {"test -n \"$(ls $TMPDIR)\"", "ls $TMPDIR/*/* >/dev/null 2>&1",
+                                     "grep -q 'A virtual set for' $story"}) {
+        const std::string killing = "TMPDIR=" + temporary().string() +
+                                    "; story=" + (directory_ / "story").string() +
+                                    "; \"$@\" >$story & try=$!; until " + moment +
+                                    " || ! kill -0 $try; do :; done; kill -KILL $try; wait $try";
+        std::vector<std::string> script = {"bash", "-c", killing, "bash"};
+        const std::vector<std::string> command = words(tuner());
+        script.insert(script.end(), command.begin(), command.end());
+        const Outcome killed = runProgram(script);
+        EXPECT_EQ(killed.status, 128 + SIGKILL) << killed.err;
+        for (int tries = 0; tries < 1200 && !fs::is_empty(temporary()); ++tries) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        EXPECT_TRUE(fs::is_empty(temporary())) << moment;
+    }
+}
+
 TEST_F(Try, AnInterruptionLeavesNoSetAndNoProcess)
 {
     std::vector<std::string> arguments = words(tuner());

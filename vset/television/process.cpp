@@ -164,33 +164,29 @@ std::optional<int> Process::takeEnd(int longest)
 namespace
 {
 
-// What a program says, until somebody reads it.
+// What a program says, until somebody reads it. The file has no name from the beginning: a program that is
+// killed leaves none.
 class Notes
 {
 public:
     Notes()
     {
         std::error_code error;
-        path_ = std::filesystem::temp_directory_path(error) / "television-XXXXXX";
-        if (error || !common::UniqueFd(mkostemp(path_.data(), O_CLOEXEC))) {
+        std::string name = std::filesystem::temp_directory_path(error) / "television-XXXXXX";
+        file_.reset(error ? -1 : mkostemp(name.data(), O_CLOEXEC));
+        if (!file_) {
             throw tarnwick::TelevisionError(
                 "no temporary file can be made (TMPDIR names another directory): " +
-                (error ? error.message() : path_ + ": " + std::strerror(errno)));
+                (error ? error.message() : name + ": " + std::strerror(errno)));
         }
+        unlink(name.c_str());
     }
-    ~Notes()
-    {
-        std::error_code ignored;
-        std::filesystem::remove(path_, ignored);
-    }
-    Notes(const Notes&) = delete;
-    Notes& operator=(const Notes&) = delete;
 
-    const std::string& path() const { return path_; }
-    std::string text() const { return common::readWhole(path_); }
+    std::string path() const { return "/proc/self/fd/" + std::to_string(file_.get()); }
+    std::string text() const { return common::readWhole(path()); }
 
 private:
-    std::string path_;
+    common::UniqueFd file_;
 };
 
 } // namespace
