@@ -172,7 +172,12 @@ public:
     Notes()
     {
         std::error_code error;
-        std::string name = std::filesystem::temp_directory_path(error) / "television-XXXXXX";
+        const std::filesystem::path directory = std::filesystem::temp_directory_path(error);
+        file_.reset(error ? -1 : open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+        if (file_) {
+            return;
+        }
+        std::string name = directory / "television-XXXXXX"; // a file system that knows no such files
         file_.reset(error ? -1 : mkostemp(name.data(), O_CLOEXEC));
         if (!file_) {
             throw tarnwick::TelevisionError(
