@@ -286,7 +286,7 @@ void Lane::judgeFirmware(const char* when)
     for (const std::string& chip : chips()) {
         const std::string damage = damageOn(tv, chip);
         if (!damage.empty()) {
-            breach("firmware", std::string(when) + " " + chip + " has " + damage);
+            breach("firmware", std::string(when).append(" ").append(chip).append(" has ").append(damage));
         }
     }
 }

@@ -48,7 +48,7 @@ constexpr proof::SoakFault kFaults[] = {
 SoakPlan planOf(unsigned int seed, unsigned int cycle, SoakedSet::Way way)
 {
     const bool isTelevision = way == SoakedSet::Way::kTelevision;
-    std::mt19937_64 random((uint64_t{seed} << 32) + 2 * cycle + (isTelevision ? 1 : 0));
+    std::mt19937_64 random((uint64_t{seed} << 32) + uint64_t{2} * cycle + (isTelevision ? 1 : 0));
     const auto oneIn = [&](unsigned int number) { return random() % number == 0; };
     SoakPlan plan;
     plan.offer = oneIn(4) ? SoakPlan::Offer::kNothing : SoakPlan::Offer::kStandby;

@@ -178,6 +178,8 @@ void SoakedSet::play(const SoakPlan& plan)
 
 void SoakedSet::killAfter(unsigned int milliseconds)
 {
+    // Before its first words it may not be there yet.
+    comesTrue([&] { return isAtRest() || said("start work"); });
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
     comesTrue([&] {
         if (isAtRest()) {
@@ -258,7 +260,7 @@ void SoakedSet::judgeEnd(const SoakPlan& plan)
     for (const std::string& chip : chips()) {
         const std::string damage = damageOn(tv_, chip);
         if (!damage.empty()) {
-            breach(chip + " has " + damage);
+            breach(std::string(chip).append(" has ").append(damage));
         }
     }
     const char* const chip = plan.offer == SoakPlan::Offer::kAccept ? "panel" : "tuner";
