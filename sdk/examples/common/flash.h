@@ -33,8 +33,8 @@ std::uint32_t systemCrc32(const unsigned char* data, std::size_t size, std::uint
 class SlottedFlash
 {
 public:
-    static constexpr std::size_t kBlockSize = 4096;           // bytes written at once
-    static constexpr std::size_t kSlotSize = 2 * 1024 * 1024; // the largest firmware, in bytes
+    static constexpr std::size_t kBlockSize = 4096;                // bytes written at once
+    static constexpr std::size_t kSlotSize = std::size_t{2} << 20; // the largest firmware, in bytes
     static constexpr std::size_t kVersionSize = 64; // version text in the header, terminator included
 
     // Called after every block with the number of blocks written and their total.
