@@ -1,7 +1,8 @@
-// From the start of the daemon until its name is owned, beside the least that owns one and a service of
-// Debian's, all on the bus of the same set.
+// From the start of the daemon until its name is owned, beside the least that owns one and two services of
+// Debian's, a small one and one that updates sets as well, all on the bus of the same set.
 
 #include <cstdlib>
+#include <fstream>
 #include <unistd.h>
 
 #include "bench/bus-name.h"
@@ -34,6 +35,14 @@ void startDaemon(bench::Sample& sample, const bench::Modules& modules)
     start(sample, {TARNWICK_PROGRAM}, kDaemonName);
 }
 
+// The least that it starts with: there is nothing that it could update.
+std::string configurationOfUpdateService()
+{
+    const std::string file = "/var/tmp/bench-rauc.conf";
+    std::ofstream(file) << "[system]\ncompatible=bench\nbootloader=noop\n";
+    return file;
+}
+
 void declare()
 {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", kBus, 1);
@@ -53,6 +62,11 @@ void declare()
     if (bench::hasProgram(kSettingsService)) {
         bench::add("settingsService",
                    [](bench::Sample& sample) { start(sample, {kSettingsService}, "ca.desrt.dconf"); });
+    }
+    if (bench::hasProgram("rauc")) {
+        bench::add("updateService", [file = configurationOfUpdateService()](bench::Sample& sample) {
+            start(sample, {"rauc", "--conf", file, "service"}, "de.pengutronix.rauc");
+        });
     }
 }
 

@@ -41,7 +41,7 @@ inline constexpr std::array kComparisons = {
                "ms",
                {"daemon/10"},
                {"bareService", nullptr, "bare GLib service"},
-               {"settingsService", nullptr, "dconf-service"},
+               {"updateService", nullptr, "rauc service"},
                {{{1.45, Of::kLimit}, {0.55, Of::kPeer}}}},
     Comparison{"start",
                "start to the name, 100 modules",
