@@ -17,12 +17,12 @@ namespace fs = std::filesystem;
 namespace
 {
 
-const std::string kPath = "/tmp/opened";
+const std::string kOpened = "/tmp/opened";
 
 class FWUpdateFile : public testing::Test
 {
 protected:
-    void SetUp() override { fs::remove_all(kPath); }
+    void SetUp() override { fs::remove_all(kOpened); }
 
     static bool isInherited(const File& file)
     {
@@ -36,7 +36,7 @@ protected:
     {
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
-        kPath.copy(address.sun_path, sizeof address.sun_path - 1);
+        kOpened.copy(address.sun_path, sizeof address.sun_path - 1);
         const int socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
         ASSERT_EQ(bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
         close(socket);
@@ -46,20 +46,20 @@ protected:
 TEST_F(FWUpdateFile, IsReadThroughALink)
 {
     writeFile("/tmp/target", "text");
-    fs::create_symlink("/tmp/target", kPath);
+    fs::create_symlink("/tmp/target", kOpened);
     std::string text;
-    EXPECT_TRUE(readWhole(kPath, 4, text));
+    EXPECT_TRUE(readWhole(kOpened, 4, text));
     EXPECT_EQ(text, "text");
 }
 
 TEST_F(FWUpdateFile, IsReadAcrossTheBordersOfItsChunks)
 {
     const std::string content = std::string(4096, 'a') + std::string(4096, 'b') + "c";
-    writeFile(kPath, content);
+    writeFile(kOpened, content);
     std::string text;
-    EXPECT_TRUE(readWhole(kPath, content.size(), text));
+    EXPECT_TRUE(readWhole(kOpened, content.size(), text));
     EXPECT_EQ(text, content);
-    EXPECT_FALSE(readWhole(kPath, content.size() - 1, text));
+    EXPECT_FALSE(readWhole(kOpened, content.size() - 1, text));
 }
 
 TEST_F(FWUpdateFile, OfNoSizeIsReadAsFarAsItGoes)
@@ -83,12 +83,12 @@ TEST_F(FWUpdateFile, OfAnotherKindDoesNotOpenAndStaysClosed)
     const std::ptrdiff_t before = openDescriptors();
     EXPECT_FALSE(openToRead("/dev/zero"));
     EXPECT_FALSE(openToRead("/dev/null"));
-    ASSERT_EQ(mkfifo(kPath.c_str(), 0600), 0);
-    EXPECT_FALSE(openToRead(kPath));
-    fs::remove(kPath);
+    ASSERT_EQ(mkfifo(kOpened.c_str(), 0600), 0);
+    EXPECT_FALSE(openToRead(kOpened));
+    fs::remove(kOpened);
     makeSocket();
-    EXPECT_FALSE(openToRead(kPath));
-    EXPECT_FALSE(openToReplace(kPath));
+    EXPECT_FALSE(openToRead(kOpened));
+    EXPECT_FALSE(openToReplace(kOpened));
     EXPECT_FALSE(openToReplace("/dev/null"));
     EXPECT_FALSE(openToReplace("/tmp"));
     EXPECT_EQ(openDescriptors(), before);
@@ -98,60 +98,60 @@ TEST_F(FWUpdateFile, OfAnotherKindDoesNotOpenAndStaysClosed)
 TEST_F(FWUpdateFile, OfFourGibibytesAndMoreOpens)
 {
     constexpr uintmax_t kSize = (uintmax_t{4} << 30) + 1;
-    writeFile(kPath, "text");
-    fs::resize_file(kPath, kSize);
-    EXPECT_TRUE(openToRead(kPath));
-    EXPECT_TRUE(openToReplace(kPath));
-    EXPECT_EQ(fs::file_size(kPath), 0u);
+    writeFile(kOpened, "text");
+    fs::resize_file(kOpened, kSize);
+    EXPECT_TRUE(openToRead(kOpened));
+    EXPECT_TRUE(openToReplace(kOpened));
+    EXPECT_EQ(fs::file_size(kOpened), 0u);
 }
 
 TEST_F(FWUpdateFile, FromAfterTheLastSecondOf32BitsOpens)
 {
-    writeFile(kPath, "text");
+    writeFile(kOpened, "text");
     const time_t kAfter = static_cast<time_t>(uint64_t{1} << 32); // in February 2106
     const timespec times[] = {{kAfter, 0}, {kAfter, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, kPath.c_str(), times, 0), 0);
+    ASSERT_EQ(utimensat(AT_FDCWD, kOpened.c_str(), times, 0), 0);
     struct stat status;
-    ASSERT_EQ(stat(kPath.c_str(), &status), 0);
+    ASSERT_EQ(stat(kOpened.c_str(), &status), 0);
     if (status.st_mtime != kAfter) {
         GTEST_SKIP() << "the file system under /tmp has no such times";
     }
-    EXPECT_TRUE(openToRead(kPath));
+    EXPECT_TRUE(openToRead(kOpened));
 }
 
 TEST_F(FWUpdateFile, IsMadeOrEmptiedToBeReplaced)
 {
     for (const char* content : {"a longer text", "text"}) {
-        const File file = openToReplace(kPath);
+        const File file = openToReplace(kOpened);
         ASSERT_TRUE(file);
         fputs(content, file.get());
         fflush(file.get());
-        EXPECT_EQ(common::readWhole(kPath), content);
+        EXPECT_EQ(common::readWhole(kOpened), content);
     }
 }
 
 TEST_F(FWUpdateFile, IsNotReplacedThroughALink)
 {
     writeFile("/tmp/target", "precious");
-    fs::create_symlink("/tmp/target", kPath);
-    EXPECT_FALSE(openToReplace(kPath));
+    fs::create_symlink("/tmp/target", kOpened);
+    EXPECT_FALSE(openToReplace(kOpened));
     EXPECT_EQ(common::readWhole("/tmp/target"), "precious");
 }
 
 TEST_F(FWUpdateFile, IsMadeWithTheRightsThatTheProcessGives)
 {
     const mode_t usual = umask(027);
-    const File file = openToReplace(kPath);
+    const File file = openToReplace(kOpened);
     umask(usual);
     struct stat status;
-    ASSERT_EQ(stat(kPath.c_str(), &status), 0);
+    ASSERT_EQ(stat(kOpened.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0640u);
 }
 
 TEST_F(FWUpdateFile, IsKeptFromOtherPrograms)
 {
-    EXPECT_FALSE(isInherited(openToReplace(kPath)));
-    EXPECT_FALSE(isInherited(openToRead(kPath)));
+    EXPECT_FALSE(isInherited(openToReplace(kOpened)));
+    EXPECT_FALSE(isInherited(openToRead(kOpened)));
 }
 
 } // namespace

@@ -23,7 +23,7 @@ namespace
 constexpr const char* kImage = "/tmp/image.img";
 constexpr const char* kDestination = "/tmp/destination";
 constexpr const char* kCommand = "-o ro,loop,nodev,nosuid /tmp/image.img /tmp/destination";
-const LogLine kMountCommand = platformInfo(std::string("PsMntCmd:[") + kCommand + "]");
+const LogLine kMountOfImage = platformInfo(std::string("PsMntCmd:[") + kCommand + "]");
 
 class FWMountManagerTest : public SetTest
 {
@@ -53,7 +53,7 @@ TEST_F(FWMountManagerTest, MountsAnImageReadOnlyThroughALoopDevice)
     fs::create_directory(kDestination);
     EXPECT_EQ(manager.Mount(kImage, kDestination), 0);
     EXPECT_THAT(platform.calls(), ElementsAre("PS_Mount(\"" + std::string(kCommand) + "\")"));
-    EXPECT_THAT(platform.log(), ElementsAre(kMountCommand));
+    EXPECT_THAT(platform.log(), ElementsAre(kMountOfImage));
 }
 
 TEST_F(FWMountManagerTest, HandsOverTheWholeZeroFilledCommandBuffer)
@@ -239,7 +239,7 @@ TEST_F(FWMountManagerLoop, AreNotCountedWhenTheFirstMountSucceeds)
 {
     platform.answerMount(MountOperation::kMount, {{0, 0}});
     EXPECT_TRUE(mountImage());
-    EXPECT_THAT(platform.log(), ElementsAre(kMountCommand));
+    EXPECT_THAT(platform.log(), ElementsAre(kMountOfImage));
     EXPECT_THAT(platform.mountRequests(), SizeIs(1));
 }
 
@@ -248,7 +248,7 @@ TEST_F(FWMountManagerLoop, AreNotMadeWhileOneIsFree)
     makeNodes(8);
     makeMounts(7);
     EXPECT_FALSE(mountImage());
-    EXPECT_THAT(platform.log(), ElementsAre(kMountCommand, firstFailure(-1, 2), counts(8, 7)));
+    EXPECT_THAT(platform.log(), ElementsAre(kMountOfImage, firstFailure(-1, 2), counts(8, 7)));
     EXPECT_THAT(platform.mountRequests(MountOperation::kMknod), IsEmpty());
 }
 
@@ -257,7 +257,7 @@ TEST_F(FWMountManagerLoop, AreNotMadeWhenThereAreMoreMountsThanNodes)
     makeNodes(2);
     makeMounts(3);
     EXPECT_FALSE(mountImage());
-    EXPECT_THAT(platform.log(), ElementsAre(kMountCommand, firstFailure(-1, 2), counts(2, 3)));
+    EXPECT_THAT(platform.log(), ElementsAre(kMountOfImage, firstFailure(-1, 2), counts(2, 3)));
 }
 
 TEST_F(FWMountManagerLoop, ThatAreAllInUseAreJoinedByTheNextNumber)
@@ -266,7 +266,7 @@ TEST_F(FWMountManagerLoop, ThatAreAllInUseAreJoinedByTheNextNumber)
     makeMounts(8);
     platform.answerMount(MountOperation::kMount, {{-1, 2}, {0, 0}});
     EXPECT_TRUE(mountImage());
-    EXPECT_THAT(platform.log(), ElementsAre(kMountCommand, firstFailure(-1, 2), counts(8, 8)));
+    EXPECT_THAT(platform.log(), ElementsAre(kMountOfImage, firstFailure(-1, 2), counts(8, 8)));
     EXPECT_THAT(platform.calls(), ElementsAre("PS_Mount(\"" + std::string(kCommand) + "\")",
                                               R"(PS_Mknod("-m 0660 -Z * /dev/loop8  b 7 8"))",
                                               "PS_Mount(\"" + std::string(kCommand) + "\")"));
@@ -301,7 +301,7 @@ TEST_F(FWMountManagerLoop, ThatCannotBeMadeAreSkippedWithoutAMount)
     platform.answerMount(MountOperation::kMknod, {{0, 17}, {-1, 0}});
     platform.answerMount(MountOperation::kMount, {{-1, 2}, {0, 0}});
     EXPECT_TRUE(mountImage());
-    EXPECT_THAT(platform.log(), ElementsAre(kMountCommand, firstFailure(-1, 2), counts(1, 1),
+    EXPECT_THAT(platform.log(), ElementsAre(kMountOfImage, firstFailure(-1, 2), counts(1, 1),
                                             error("PS_Mknod error, retVal: [0], result: [17]"),
                                             error("PS_Mknod error, retVal: [-1], result: [0]")));
     EXPECT_THAT(platform.mountRequests(MountOperation::kMount), SizeIs(2));
@@ -312,7 +312,7 @@ TEST_F(FWMountManagerLoop, ThatDoNotHelpAreFollowedByTheNext)
 {
     platform.answerMount(MountOperation::kMount, {{-1, 2}, {-3, 4}, {0, 5}, {0, 0}});
     EXPECT_TRUE(mountImage());
-    EXPECT_THAT(platform.log(), ElementsAre(kMountCommand, firstFailure(-1, 2), counts(0, 0),
+    EXPECT_THAT(platform.log(), ElementsAre(kMountOfImage, firstFailure(-1, 2), counts(0, 0),
                                             furtherFailure(-3, 4), furtherFailure(0, 5)));
     EXPECT_EQ(platform.mountRequests(MountOperation::kMknod).back().text, nodeCommand(2));
 }
@@ -321,7 +321,7 @@ TEST_F(FWMountManagerLoop, OfAFirstMountWithAResultAloneAreCountedToo)
 {
     platform.answerMount(MountOperation::kMount, {{0, 6}, {0, 0}});
     EXPECT_TRUE(mountImage());
-    EXPECT_THAT(platform.log(), ElementsAre(kMountCommand, firstFailure(0, 6), counts(0, 0)));
+    EXPECT_THAT(platform.log(), ElementsAre(kMountOfImage, firstFailure(0, 6), counts(0, 0)));
 }
 
 TEST_F(FWMountManagerLoop, EndAtTheNumber249)
@@ -332,7 +332,7 @@ TEST_F(FWMountManagerLoop, EndAtTheNumber249)
     EXPECT_FALSE(mountImage());
     const LogLine failure = error("PS_Mknod error, retVal: [-1], result: [1]");
     EXPECT_THAT(platform.log(),
-                ElementsAre(kMountCommand, firstFailure(-1, 2), counts(247, 247), failure, failure, failure));
+                ElementsAre(kMountOfImage, firstFailure(-1, 2), counts(247, 247), failure, failure, failure));
     EXPECT_EQ(platform.mountRequests(MountOperation::kMknod).back().text, nodeCommand(249));
 }
 
@@ -341,7 +341,7 @@ TEST_F(FWMountManagerLoop, AreMadeUpToTheLastWhenNoneHelps)
     makeNodes(248);
     makeMounts(248);
     EXPECT_FALSE(mountImage());
-    EXPECT_THAT(platform.log(), ElementsAre(kMountCommand, firstFailure(-1, 2), counts(248, 248),
+    EXPECT_THAT(platform.log(), ElementsAre(kMountOfImage, firstFailure(-1, 2), counts(248, 248),
                                             furtherFailure(-1, 2), furtherFailure(-1, 2)));
 }
 
@@ -362,7 +362,7 @@ TEST_F(FWMountManagerLoop, AreNotMadeWhenAll250AreInUse)
     makeNodes(250);
     makeMounts(250);
     EXPECT_FALSE(mountImage());
-    EXPECT_THAT(platform.log(), ElementsAre(kMountCommand, firstFailure(-1, 2), counts(250, 250)));
+    EXPECT_THAT(platform.log(), ElementsAre(kMountOfImage, firstFailure(-1, 2), counts(250, 250)));
     EXPECT_THAT(platform.mountRequests(MountOperation::kMknod), IsEmpty());
 }
 

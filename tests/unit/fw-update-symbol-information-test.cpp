@@ -18,7 +18,7 @@ using testing::StartsWith;
 namespace
 {
 
-constexpr const char* kPath = "/tmp/info.json";
+constexpr const char* kInformation = "/tmp/info.json";
 const std::string kInformationWarning = "Warn: json does not have ui_use tag (/tmp/info.json)\n";
 
 class FWUpdateSymbolInformation : public SetTest
@@ -27,7 +27,7 @@ protected:
     void SetUp() override
     {
         SetTest::SetUp();
-        fs::remove_all(kPath);
+        fs::remove_all(kInformation);
         module.EMPName = "empTuner";
         module.firmwareName = "Tuner";
         module.empImagePath = "/opt/usr/apps/appbinarymanager/empTuner.img";
@@ -36,8 +36,8 @@ protected:
 
     bool load(const std::string& json)
     {
-        writeFile(kPath, json);
-        return module.loadInformation(kPath);
+        writeFile(kInformation, json);
+        return module.loadInformation(kInformation);
     }
     const FWInformation& information() const { return module.information; }
     // The message of a wrong type, around the text of the reader.
@@ -319,22 +319,22 @@ protected:
 // What would never end, or hold its reader until somebody writes.
 TEST_F(FWUpdateSymbolUnreadable, AFifoFailsAtOnce)
 {
-    ASSERT_EQ(mkfifo(kPath, 0600), 0);
-    expectFailure(kPath);
+    ASSERT_EQ(mkfifo(kInformation, 0600), 0);
+    expectFailure(kInformation);
 }
 
 TEST_F(FWUpdateSymbolUnreadable, ALinkToADeviceFails)
 {
-    fs::create_symlink("/dev/zero", kPath);
-    expectFailure(kPath);
+    fs::create_symlink("/dev/zero", kInformation);
+    expectFailure(kInformation);
 }
 
 TEST_F(FWUpdateSymbolUnreadable, MoreThanAMebibyteFailsAndChangesNothing)
 {
     module.information.version = "old";
     const std::string json = R"({"version": "1.2"})";
-    writeFile(kPath, json + std::string((1 << 20) + 1 - json.size(), ' '));
-    expectFailure(kPath);
+    writeFile(kInformation, json + std::string((1 << 20) + 1 - json.size(), ' '));
+    expectFailure(kInformation);
     EXPECT_EQ(information().version, "old");
 }
 
@@ -362,8 +362,8 @@ TEST_F(FWUpdateSymbolUnreadable, ADirectoryFails)
 
 TEST_F(FWUpdateSymbolUnreadable, ADanglingLinkFails)
 {
-    fs::create_symlink("/tmp/missing.json", kPath);
-    expectFailure(kPath);
+    fs::create_symlink("/tmp/missing.json", kInformation);
+    expectFailure(kInformation);
 }
 
 TEST_F(FWUpdateSymbolUnreadable, AFileInPlaceOfADirectoryFails)
@@ -541,8 +541,8 @@ TEST_F(FWUpdateSymbolInformation, AnyKindOfFileExists)
 
 TEST_F(FWUpdateSymbolInformation, WhatIsNotThereDoesNotExist)
 {
-    fs::create_symlink("/tmp/missing", kPath);
-    EXPECT_FALSE(FWUpdateSymbol::file_exists(kPath));
+    fs::create_symlink("/tmp/missing", kInformation);
+    EXPECT_FALSE(FWUpdateSymbol::file_exists(kInformation));
     EXPECT_FALSE(FWUpdateSymbol::file_exists("/tmp/missing"));
     EXPECT_FALSE(FWUpdateSymbol::file_exists(""));
 }
@@ -632,15 +632,15 @@ TEST_F(FWUpdateSymbolChecksum, OfADirectoryIsThatOfNothing)
 
 TEST_F(FWUpdateSymbolChecksum, OfAFifoIsZeroAtOnce)
 {
-    ASSERT_EQ(mkfifo(kPath, 0600), 0);
-    EXPECT_EQ(module.getBinaryCRC32(kPath), 0u);
+    ASSERT_EQ(mkfifo(kInformation, 0600), 0);
+    EXPECT_EQ(module.getBinaryCRC32(kInformation), 0u);
     EXPECT_THAT(platform.log(), ElementsAre(error("Error: binary file is NULL\n")));
 }
 
 TEST_F(FWUpdateSymbolChecksum, OfALinkToADeviceIsZero)
 {
-    fs::create_symlink("/dev/zero", kPath);
-    EXPECT_EQ(module.getBinaryCRC32(kPath), 0u);
+    fs::create_symlink("/dev/zero", kInformation);
+    EXPECT_EQ(module.getBinaryCRC32(kInformation), 0u);
     EXPECT_THAT(platform.log(), ElementsAre(error("Error: binary file is NULL\n")));
 }
 

@@ -5,6 +5,7 @@
 #include "common/files/whole-file.h"
 #include "src/src/fw-update-symbol.h"
 #include "tests/support/set-test.h"
+#include "tests/support/tuner-package.h"
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
@@ -13,12 +14,6 @@ using testing::IsEmpty;
 namespace
 {
 
-const std::string kPackage = "/opt/usr/apps/appbinarymanager/empTuner.img";
-const std::string kMountPoint = "/opt/usr/apps/appbinarymanager/emps/empTuner";
-const LogLine kNoMountPoint = error("Umount dir[" + kMountPoint + "] is invalid.");
-const LogLine kUnmounted = platformInfo("Umount dir[" + kMountPoint + "] successfully.");
-const LogLine kMountCommand =
-    platformInfo("PsMntCmd:[-o ro,loop,nodev,nosuid " + kPackage + " " + kMountPoint + "]");
 const LogLine kNoFile = error("Error: file no exist (" + kPackage + ")");
 
 class FWUpdateSymbolPackage : public SetTest

@@ -10,6 +10,7 @@
 #include "common/files/whole-file.h"
 #include "src/src/fw-update-symbol.h"
 #include "tests/support/set-test.h"
+#include "tests/support/tuner-package.h"
 
 namespace fs = std::filesystem;
 using testing::Contains;
@@ -23,19 +24,12 @@ namespace
 constexpr const char* kImageContent = "\x01"; // its checksum is the polynomial
 constexpr const char* kGoodCRC = "28458147";
 
-const std::string kMountPoint = "/opt/usr/apps/appbinarymanager/emps/empTuner";
-const std::string kPackage = "/opt/usr/apps/appbinarymanager/empTuner.img";
 const std::string kPackageImage = kMountPoint + "/Tuner.bin";
 const std::string kSandboxImage = "/opt/usr/share/sbox/Tuner/Tuner.bin";
 const std::string kBuiltInImage = "/lib/firmware/ext/Tuner/Tuner.bin";
 
 // ---- Lines that both runs share ----
 
-// Every mount begins with an unmount, for which there is no directory yet on a fresh set.
-const LogLine kNoMountPoint = error("Umount dir[" + kMountPoint + "] is invalid.");
-const LogLine kUnmounted = platformInfo("Umount dir[" + kMountPoint + "] successfully.");
-const LogLine kMountCommand =
-    platformInfo("PsMntCmd:[-o ro,loop,nodev,nosuid " + kPackage + " " + kMountPoint + "]");
 const LogLine kCheckTry = error("Tuner Firmware isNeedUpdateModules Try(tuner)");
 const LogLine kUpdateTry = error("Tuner Firmware Update Try");
 const LogLine kUpdateStart = error("========== [ Tuner update start ] ==========");
