@@ -75,16 +75,6 @@ bool copyData(int from, int to, off_t size)
     return true;
 }
 
-// The kernel's own files tell no size, whatever stands in them: they would become empty ones. False with
-// errno.
-bool isSizeTrue(int file, off_t size)
-{
-    char byte = 0;
-    const ssize_t count = size == 0 ? pread(file, &byte, 1, 0) : 0;
-    errno = count > 0 ? EINVAL : errno;
-    return count == 0;
-}
-
 bool copyContent(const fs::path& from, const fs::path& to)
 {
     const OpenFile source(from, O_RDONLY | O_NONBLOCK);
@@ -94,9 +84,6 @@ bool copyContent(const fs::path& from, const fs::path& to)
     }
     if (!S_ISREG(file.st_mode)) {
         errno = EINVAL;
-        return false;
-    }
-    if (!isSizeTrue(source.get(), file.st_size)) {
         return false;
     }
     const OpenFile target(to, O_WRONLY | O_CREAT | O_TRUNC, 0600);

@@ -24,7 +24,7 @@ struct Entry {
     unsigned long since; // when it was released, in a count of releases; 0 while it is in use
 };
 constexpr std::size_t kMostBuffers = 128;
-Entry entries[kMostBuffers];
+Entry allBuffers[kMostBuffers];
 unsigned long releases = 0;
 std::mutex entriesMutex;
 
@@ -38,7 +38,7 @@ void enter(const Entry& entry)
 {
     const std::lock_guard<std::mutex> lock(entriesMutex);
     Entry* free = nullptr;
-    for (Entry& candidate : entries) {
+    for (Entry& candidate : allBuffers) {
         const bool isFree = candidate.name == nullptr || candidate.since != 0;
         if (isFree && (free == nullptr || candidate.since < free->since)) {
             free = &candidate;
@@ -57,7 +57,7 @@ void enter(const Entry& entry)
 void leave(std::uintptr_t data)
 {
     const std::lock_guard<std::mutex> lock(entriesMutex);
-    for (Entry& entry : entries) {
+    for (Entry& entry : allBuffers) {
         if (entry.name == nullptr || entry.data != data || entry.since != 0) {
             continue;
         }
@@ -135,7 +135,7 @@ GuardedBuffer::Hit GuardedBuffer::describeHit(const void* address, char* words, 
 {
     const auto hit = reinterpret_cast<std::uintptr_t>(address);
     const std::size_t page = pageSize();
-    for (const Entry& entry : entries) {
+    for (const Entry& entry : allBuffers) {
         if (entry.name == nullptr) {
             continue;
         }

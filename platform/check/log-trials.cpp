@@ -24,7 +24,7 @@ namespace
 {
 
 // Not __FILE__, which would tell where this program was built.
-constexpr const char* kHere = "log-trials.cpp";
+constexpr const char* kLogTrials = "log-trials.cpp";
 
 constexpr int kSystemBuffer = 2;
 constexpr int kError = 6;
@@ -90,21 +90,21 @@ int errnoAfter = 0;
 
 // A macro, as the daemon's is: the compiler looks at format and values.
 #define CHECKED_RECORD(trial, isTrace, priority, ...)                                                        \
-    judgeRecord(trial, isTrace ? "TraceLogger::record" : "__norlog_print",                                   \
-                trial.call(isTrace ? "TraceLogger::record" : "__norlog_print",                               \
-                           [&] {                                                                             \
-                               int result = 0;                                                               \
-                               errno = kHeld;                                                                \
-                               if (isTrace) {                                                                \
-                                   TraceLogger::record(priority, kHere, __func__, __LINE__, __VA_ARGS__);    \
-                               } else {                                                                      \
-                                   result =                                                                  \
-                                       __norlog_print(kSystemBuffer, priority, "FWUPDATE", __VA_ARGS__);     \
-                               }                                                                             \
-                               errnoAfter = errno;                                                           \
-                               return result;                                                                \
-                           }),                                                                               \
-                errnoAfter)
+    judgeRecord(                                                                                             \
+        trial, isTrace ? "TraceLogger::record" : "__norlog_print",                                           \
+        trial.call(isTrace ? "TraceLogger::record" : "__norlog_print",                                       \
+                   [&] {                                                                                     \
+                       int result = 0;                                                                       \
+                       errno = kHeld;                                                                        \
+                       if (isTrace) {                                                                        \
+                           TraceLogger::record(priority, kLogTrials, __func__, __LINE__, __VA_ARGS__);       \
+                       } else {                                                                              \
+                           result = __norlog_print(kSystemBuffer, priority, "FWUPDATE", __VA_ARGS__);        \
+                       }                                                                                     \
+                       errnoAfter = errno;                                                                   \
+                       return result;                                                                        \
+                   }),                                                                                       \
+        errnoAfter)
 
 // Two threads at a time, each with records of its own.
 constexpr int kThreads = 2;
@@ -119,7 +119,7 @@ void logOnThreads(Trial& trial, bool isTrace, unsigned int token)
             for (int number = 0; number < kRecordsOfThread; ++number) {
                 trial.call(isTrace ? "TraceLogger::record" : "__norlog_print", [&] {
                     if (isTrace) {
-                        TraceLogger::record(kError, kHere, __func__, __LINE__,
+                        TraceLogger::record(kError, kLogTrials, __func__, __LINE__,
                                             "thread %d, %u, record %03d %s end", thread, token, number,
                                             kThreadText);
                         return 0;

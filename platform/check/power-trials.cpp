@@ -62,15 +62,15 @@ int otherState(pwrctl_state_info* info, void* data)
     return onState(info, data);
 }
 
-Trial* trialOfCallbacks = nullptr;
-std::atomic<int> endedItself{0};
+Trial* trialOfPower = nullptr;
+std::atomic<int> stateEndedItself{0};
 
 // As the daemon's does, which ends the service.
 int onStateOnce(pwrctl_state_info*, void*)
 {
-    trialOfCallbacks->call("pwrctl_unsubscribe_state_changed_event",
-                           [] { return pwrctl_unsubscribe_state_changed_event(onStateOnce); });
-    ++endedItself;
+    trialOfPower->call("pwrctl_unsubscribe_state_changed_event",
+                       [] { return pwrctl_unsubscribe_state_changed_event(onStateOnce); });
+    ++stateEndedItself;
     return 0;
 }
 
@@ -222,13 +222,13 @@ void tryChanges(Trial& trial)
     }
     followChanges(trial, 2);
     end(trial, kStateCalls);
-    trialOfCallbacks = &trial;
+    trialOfPower = &trial;
     trial.call("pwrctl_subscribe_state_changed_event",
                [] { return pwrctl_subscribe_state_changed_event(onStateOnce, nullptr); });
     const int before = state(trial);
     trial.iterate(std::chrono::seconds(trial.options().seconds), [&] { return state(trial) != before; });
     trial.iterate(500ms);
-    trial.require(state(trial) == before || endedItself > 0, FindingId::EventMissed,
+    trial.require(state(trial) == before || stateEndedItself > 0, FindingId::EventMissed,
                   "by the second of two callbacks, after the end of the first one");
     trial.require(taken(stateEvents).empty(), FindingId::EventAfterEnd, "a change was told after the end");
 }

@@ -37,11 +37,7 @@ namespace
 {
 
 // Not __FILE__, which would tell where this program was built.
-constexpr const char* kHere = "repeat-trials.cpp";
-
-constexpr const char* kStatus = "memory/ep_firmware_update_app/fw_update_status";
-constexpr const char* kWorking = "memory/enterprise/swupgrade/working_status";
-constexpr const char* kProgress = "memory/ep_firmware_update_app/fw_update_progress";
+constexpr const char* kRepeatTrials = "repeat-trials.cpp";
 
 // ---- What grows ----
 
@@ -191,12 +187,12 @@ void notificationOnce(Trial& trial)
     }
 }
 
-int onState(pwrctl_state_info*, void*)
+int ignoreState(pwrctl_state_info*, void*)
 {
     return 0;
 }
 
-int onPowerOff(pwrctl_poweroff_info*, void*)
+int ignorePowerOff(pwrctl_poweroff_info*, void*)
 {
     return 0;
 }
@@ -211,13 +207,13 @@ void powerOnce(Trial& trial)
 void powerEventsOnce(Trial& trial)
 {
     trial.call("pwrctl_subscribe_state_changed_event",
-               [] { return pwrctl_subscribe_state_changed_event(onState, nullptr); });
+               [] { return pwrctl_subscribe_state_changed_event(ignoreState, nullptr); });
     trial.call("pwrctl_subscribe_poweroff_event",
-               [] { return pwrctl_subscribe_poweroff_event(onPowerOff, nullptr); });
+               [] { return pwrctl_subscribe_poweroff_event(ignorePowerOff, nullptr); });
     trial.call("pwrctl_unsubscribe_state_changed_event",
-               [] { return pwrctl_unsubscribe_state_changed_event(onState); });
+               [] { return pwrctl_unsubscribe_state_changed_event(ignoreState); });
     trial.call("pwrctl_unsubscribe_poweroff_event",
-               [] { return pwrctl_unsubscribe_poweroff_event(onPowerOff); });
+               [] { return pwrctl_unsubscribe_poweroff_event(ignorePowerOff); });
 }
 
 void flagsOnce(Trial& trial)
@@ -314,7 +310,8 @@ void platformLogOnce(Trial& trial)
 void traceLogOnce(Trial& trial)
 {
     trial.call("TraceLogger::record", [] {
-        TraceLogger::record(3, kHere, __func__, __LINE__, "%s: %d", "the check of the platform logs", 7);
+        TraceLogger::record(3, kRepeatTrials, __func__, __LINE__, "%s: %d", "the check of the platform logs",
+                            7);
     });
 }
 

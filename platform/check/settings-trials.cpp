@@ -22,9 +22,6 @@ namespace
 
 using common::GuardedBuffer;
 
-constexpr const char* kStatus = "memory/ep_firmware_update_app/fw_update_status";
-constexpr const char* kProgress = "memory/ep_firmware_update_app/fw_update_progress";
-constexpr const char* kWorking = "memory/enterprise/swupgrade/working_status";
 constexpr const char* kMirroring = "memory/menu/network/screenmirroring/smsrc_status";
 constexpr const char* kUnknown = "memory/tarnwick/platform_check/no_such_key";
 constexpr const char* kWritten[] = {kStatus, kProgress, kWorking};
@@ -145,13 +142,13 @@ struct Note {
 // What the callbacks have heard. They are plain functions, and come on any thread.
 std::mutex heardMutex;
 std::vector<Note> heard;
-Trial* trialOfCallbacks = nullptr;
+Trial* trialOfKeys = nullptr;
 
 template <char who>
 void onChanged(keynode* node, void* data)
 {
     const bool isInside = Trial::isInsideCall();
-    const int value = node == nullptr ? 0 : trialOfCallbacks->call("pralis_keynode_get_int", [node] {
+    const int value = node == nullptr ? 0 : trialOfKeys->call("pralis_keynode_get_int", [node] {
         return pralis_keynode_get_int(node);
     });
     const std::lock_guard<std::mutex> lock(heardMutex);
@@ -310,7 +307,7 @@ void tryEnding(Trial& trial)
 
 void tryNotifications(Trial& trial)
 {
-    trialOfCallbacks = &trial;
+    trialOfKeys = &trial;
     write(trial, kStatus, 0);
     write(trial, kProgress, 0);
     trial.iterate(400ms); // what is told of it is not for who subscribes now
@@ -344,16 +341,16 @@ void onThreadWithContext(const std::function<void()>& work)
     }).join();
 }
 
-std::atomic<int> endedItself{0};
+std::atomic<int> keyEndedItself{0};
 
 // What the daemon's own callbacks do, and more: they call back.
 void onChangedOnce(keynode*, void*)
 {
     int value = 0;
-    get(*trialOfCallbacks, kWorking, value);
-    set(*trialOfCallbacks, kWorking, 0);
-    unsubscribe(*trialOfCallbacks, kStatus, onChangedOnce);
-    ++endedItself;
+    get(*trialOfKeys, kWorking, value);
+    set(*trialOfKeys, kWorking, 0);
+    unsubscribe(*trialOfKeys, kStatus, onChangedOnce);
+    ++keyEndedItself;
 }
 
 void trySubscribingOn(Trial& trial, const char* what, void (*run)(const std::function<void()>&))
@@ -405,16 +402,16 @@ void tryOrder(Trial& trial)
 
 void tryThreads(Trial& trial)
 {
-    trialOfCallbacks = &trial;
+    trialOfKeys = &trial;
     write(trial, kStatus, 0);
     trySubscribingOn(trial, "a thread that has ended", onThread);
     trySubscribingOn(trial, "a thread with a main context of its own", onThreadWithContext);
     if (subscribe(trial, kStatus, onChangedOnce, nullptr) == 0) {
         write(trial, kStatus, 2);
-        trial.iterate(2s, [] { return endedItself > 0; });
+        trial.iterate(2s, [] { return keyEndedItself > 0; });
         write(trial, kStatus, 3);
         trial.iterate(200ms);
-        trial.require(endedItself <= 1, FindingId::AfterUnsubscribe,
+        trial.require(keyEndedItself <= 1, FindingId::AfterUnsubscribe,
                       "the callback had ended its own subscription");
     }
     // Mirroring is another's key: it is listened to and not written.

@@ -21,6 +21,11 @@ namespace platformcheck
 
 using namespace std::chrono_literals;
 
+// The keys that the daemon writes.
+inline constexpr const char* kStatus = "memory/ep_firmware_update_app/fw_update_status";
+inline constexpr const char* kProgress = "memory/ep_firmware_update_app/fw_update_progress";
+inline constexpr const char* kWorking = "memory/enterprise/swupgrade/working_status";
+
 // What the trials are told on their command line.
 struct TrialOptions {
     std::filesystem::path page;    // the file of its TrialPage

@@ -23,7 +23,7 @@ constexpr int kLowestDescriptor = 3;
 // Only what is asked for: a look at the times would make every write after it set them anew.
 constexpr unsigned int kWanted = STATX_INO | STATX_NLINK;
 
-struct Shared {
+struct SharedLog {
     std::mutex opening;
     std::atomic<int> file{-1};
     std::atomic<uint64_t> device{0};
@@ -33,10 +33,10 @@ struct Shared {
 };
 
 // Never destroyed: records may be written while the process exits. A fork takes the mutex along, free.
-Shared& shared()
+SharedLog& shared()
 {
     static auto* const instance = [] {
-        auto* const made = new Shared;
+        auto* const made = new SharedLog;
         pthread_atfork([] { shared().opening.lock(); }, [] { shared().opening.unlock(); },
                        [] {
                            ++shared().forks;
@@ -52,13 +52,13 @@ uint64_t deviceOf(const struct statx& status)
     return uint64_t{status.stx_dev_major} << 32 | status.stx_dev_minor;
 }
 
-bool isKept(const Shared& log, const struct statx& status)
+bool isKept(const SharedLog& log, const struct statx& status)
 {
     return status.stx_ino == log.inode && deviceOf(status) == log.device;
 }
 
 // Whether the number is the kept file still, and not closed by somebody, or another file by now.
-bool isOurs(const Shared& log, int file, struct statx& status)
+bool isOurs(const SharedLog& log, int file, struct statx& status)
 {
     return file >= 0 && statx(file, "", AT_EMPTY_PATH, kWanted, &status) == 0 && isKept(log, status);
 }
@@ -76,7 +76,7 @@ int openLog()
 }
 
 // The number stays the same over a new file, because another thread may be about to write to it.
-int reopen(Shared& log)
+int reopen(SharedLog& log)
 {
     const std::lock_guard<std::mutex> lock(log.opening);
     const int next = openLog();
@@ -97,7 +97,7 @@ int reopen(Shared& log)
 }
 
 // Once in a tick of the kernel's clock, some milliseconds: the way along the path costs as much as a write.
-bool isTimeToLook(Shared& log)
+bool isTimeToLook(SharedLog& log)
 {
     timespec tick{};
     clock_gettime(CLOCK_MONOTONIC_COARSE, &tick);
@@ -105,13 +105,13 @@ bool isTimeToLook(Shared& log)
     return log.looked.exchange(now) != now;
 }
 
-bool isAtPath(const Shared& log)
+bool isAtPath(const SharedLog& log)
 {
     struct statx status{};
     return statx(AT_FDCWD, kLogFile, 0, kWanted, &status) == 0 && isKept(log, status);
 }
 
-int currentFile(Shared& log)
+int currentFile(SharedLog& log)
 {
     struct statx status{};
     const int file = log.file;

@@ -27,12 +27,12 @@ struct Subscription {
     guint busId = 0;
 };
 
-using Shared = std::shared_ptr<Subscription>;
+using SharedSubscription = std::shared_ptr<Subscription>;
 
 // Never destroyed: callbacks may arrive while the process exits.
 struct Registry {
     std::mutex mutex;
-    std::vector<Shared> entries;
+    std::vector<SharedSubscription> entries;
 };
 
 Registry& registry()
@@ -54,7 +54,8 @@ bool isExpectedAnswer(const Subscription& entry, GVariant* parameters)
 void onSignal(GDBusConnection*, const char*, const char*, const char*, const char*, GVariant* parameters,
               gpointer userData)
 {
-    const Shared entry = *static_cast<Shared*>(userData); // lives on when the callback unsubscribes itself
+    const SharedSubscription entry =
+        *static_cast<SharedSubscription*>(userData); // lives on when the callback unsubscribes itself
     if (!isExpectedAnswer(*entry, parameters)) {
         return;
     }
@@ -70,7 +71,7 @@ void onSignal(GDBusConnection*, const char*, const char*, const char*, const cha
 
 void deleteShared(gpointer userData)
 {
-    delete static_cast<Shared*>(userData);
+    delete static_cast<SharedSubscription*>(userData);
 }
 
 GVariant* methodArgument(const char* argument)
@@ -88,7 +89,7 @@ void subscribeAnew(GDBusConnection* bus)
 {
     Registry& all = registry();
     const std::lock_guard<std::mutex> lock(all.mutex);
-    for (const Shared& entry : all.entries) {
+    for (const SharedSubscription& entry : all.entries) {
         if (entry->subscribeMethod != nullptr && entry->isForgotten.exchange(false)) {
             // Without waiting for the answer: this is the main loop.
             g_dbus_connection_call(bus, kPlatform.name, kPlatform.path, kPlatform.interface,
@@ -107,7 +108,7 @@ void onOwnerChanged(GDBusConnection* bus, const char*, const char*, const char*,
     if (before[0] != '\0') {
         Registry& all = registry();
         const std::lock_guard<std::mutex> lock(all.mutex);
-        for (const Shared& entry : all.entries) {
+        for (const SharedSubscription& entry : all.entries) {
             entry->isForgotten = true;
         }
     }
@@ -128,17 +129,17 @@ void watchOwner(GDBusConnection* bus)
     }
 }
 
-void attach(GDBusConnection* bus, const Shared& entry)
+void attach(GDBusConnection* bus, const SharedSubscription& entry)
 {
     watchOwner(bus);
     entry->busId = g_dbus_connection_signal_subscribe(
         bus, kPlatform.name, kPlatform.interface, entry->signal.c_str(), kPlatform.path, argumentOf(*entry),
-        G_DBUS_SIGNAL_FLAGS_NONE, onSignal, new Shared(entry), deleteShared);
+        G_DBUS_SIGNAL_FLAGS_NONE, onSignal, new SharedSubscription(entry), deleteShared);
 }
 
 // GLib delivers to the main context that the subscribing thread has for itself; callbacks belong to the
 // default one, hence a thread that has its own lets a plain thread subscribe.
-void attachForDefaultContext(GDBusConnection* bus, const Shared& entry)
+void attachForDefaultContext(GDBusConnection* bus, const SharedSubscription& entry)
 {
     if (g_main_context_get_thread_default() == nullptr) {
         attach(bus, entry);
@@ -148,21 +149,22 @@ void attachForDefaultContext(GDBusConnection* bus, const Shared& entry)
 }
 
 template <typename Predicate>
-std::vector<Shared> take(Predicate isWanted)
+std::vector<SharedSubscription> take(Predicate isWanted)
 {
     Registry& all = registry();
     const std::lock_guard<std::mutex> lock(all.mutex);
-    const auto firstTaken = std::stable_partition(all.entries.begin(), all.entries.end(),
-                                                  [&](const Shared& entry) { return !isWanted(*entry); });
-    std::vector<Shared> taken(firstTaken, all.entries.end());
+    const auto firstTaken =
+        std::stable_partition(all.entries.begin(), all.entries.end(),
+                              [&](const SharedSubscription& entry) { return !isWanted(*entry); });
+    std::vector<SharedSubscription> taken(firstTaken, all.entries.end());
     all.entries.erase(firstTaken, all.entries.end());
     return taken;
 }
 
-void detach(const std::vector<Shared>& entries)
+void detach(const std::vector<SharedSubscription>& entries)
 {
     const Connection bus = connection();
-    for (const Shared& entry : entries) {
+    for (const SharedSubscription& entry : entries) {
         entry->isCancelled = true;
         if (bus != nullptr) {
             g_dbus_connection_signal_unsubscribe(bus.get(), entry->busId);
@@ -170,12 +172,12 @@ void detach(const std::vector<Shared>& entries)
     }
 }
 
-void detachOne(const Shared& wanted)
+void detachOne(const SharedSubscription& wanted)
 {
     detach(take([&](const Subscription& entry) { return &entry == wanted.get(); }));
 }
 
-bool add(const Shared& entry)
+bool add(const SharedSubscription& entry)
 {
     const Connection bus = connection();
     if (bus == nullptr) {
@@ -212,7 +214,7 @@ int subscribe(const EventKind& kind, const char* argument, CallbackIdentity iden
 int unsubscribe(const EventKind& kind, const char* argument, CallbackIdentity identity)
 {
     const std::string wantedArgument = argument == nullptr ? "" : argument;
-    const std::vector<Shared> ended = take([&](const Subscription& entry) {
+    const std::vector<SharedSubscription> ended = take([&](const Subscription& entry) {
         return entry.identity == identity && entry.signal == kind.signal && entry.argument == wantedArgument;
     });
     detach(ended);

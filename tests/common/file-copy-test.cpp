@@ -54,16 +54,6 @@ TEST_F(FileCopy, HolesStayHoles)
     EXPECT_TRUE(common::readWhole(directory / "copy") == common::readWhole(chip));
 }
 
-TEST_F(FileCopy, AFileWhoseSizeIsNotToldIsNoEmptyOne)
-{
-    for (const char* file : {"/proc/version", "/proc/self/mem"}) {
-        EXPECT_THROW(common::copyFile(file, directory / "copy"), fs::filesystem_error) << file;
-        EXPECT_FALSE(fs::exists(directory / "copy")) << file;
-    }
-    common::copyFile(write("empty", ""), directory / "copy");
-    EXPECT_TRUE(fs::is_empty(directory / "copy"));
-}
-
 TEST_F(FileCopy, ReplacesWhatIsThereAndKeepsTheMode)
 {
     const fs::path file = write("file", std::string(100000, 'x') + "end");

@@ -12,25 +12,23 @@ namespace proof
 namespace
 {
 
-constexpr int kLong = 2000; // milliseconds
-
 struct Change {
     int previous;
     int current;
     std::thread::id thread;
 };
 
-std::vector<Change> told;
+std::vector<Change> toldChanges;
 
-int note(pwrctl_state_info* info, void*)
+int noteChange(pwrctl_state_info* info, void*)
 {
-    told.push_back({info->prev_state, info->cur_state, std::this_thread::get_id()});
+    toldChanges.push_back({info->prev_state, info->cur_state, std::this_thread::get_id()});
     return 0;
 }
 
 int noteAndEnd(pwrctl_state_info* info, void* data)
 {
-    note(info, data);
+    noteChange(info, data);
     return pwrctl_unsubscribe_state_changed_event(noteAndEnd);
 }
 
@@ -55,40 +53,44 @@ public:
     Standby& operator=(const Standby&) = delete;
 };
 
-void standbyOnce(pwrctl_state_cb cb = note)
+void standbyOnce(pwrctl_state_cb cb = noteChange)
 {
     pwrctl_subscribe_state_changed_event(cb, nullptr);
     const Standby standby;
-    until([] { return !told.empty(); }, kLong);
+    until([] { return !toldChanges.empty(); }, kLong);
 }
 
 std::string statesTold()
 {
     standbyOnce();
-    return !told.empty() && told[0].previous == 0 && told[0].current == 2 ? "" : "other states were told";
+    return !toldChanges.empty() && toldChanges[0].previous == 0 && toldChanges[0].current == 2
+               ? ""
+               : "other states were told";
 }
 
-std::string threadTold()
+std::string threadOfPower()
 {
     standbyOnce();
-    return !told.empty() && told[0].thread == std::this_thread::get_id() ? "" : "told on another thread";
+    return !toldChanges.empty() && toldChanges[0].thread == std::this_thread::get_id()
+               ? ""
+               : "told on another thread";
 }
 
 std::string toldAfterUnsubscribe()
 {
     standbyOnce();
-    pwrctl_unsubscribe_state_changed_event(note);
+    pwrctl_unsubscribe_state_changed_event(noteChange);
     runLoop(200); // the way back is told, or not
-    told.clear();
+    toldChanges.clear();
     const Standby standby;
     runLoop(500);
-    return told.empty() ? "" : "told after the end of the subscription";
+    return toldChanges.empty() ? "" : "told after the end of the subscription";
 }
 
 std::string everyChangeTold()
 {
     standbyOnce();
-    return until([] { return told.size() == 2; }, kLong) ? "" : "the second change was not told";
+    return until([] { return toldChanges.size() == 2; }, kLong) ? "" : "the second change was not told";
 }
 
 std::string currentState()
@@ -155,7 +157,7 @@ const std::vector<Proof>& powerProofs()
         {"power-state-stale", currentState},
         {"power-state-inverted", [] { return pwrctl_get_state() == 0 ? "" : "on is not 0"; }},
         {"power-states-swapped", statesTold},
-        {"power-told-elsewhere", threadTold},
+        {"power-told-elsewhere", threadOfPower},
         {"power-told-after-unsubscribe", toldAfterUnsubscribe},
         {"power-told-once", everyChangeTold},
         {"power-unsubscribe-waits",

@@ -201,15 +201,15 @@ std::string noticeAtOnce()
 
 std::thread::id toldOn;
 
-void note(const std::string&, int, void*)
+void notePackage(const std::string&, int, void*)
 {
     toldOn = std::this_thread::get_id();
 }
 
-std::string threadTold()
+std::string threadOfPackage()
 {
     std::ofstream("/srv/feed/empProof.img") << "image";
-    appbinaryManager::ABM_DownloadAppBinary(note, nullptr, "empProof");
+    appbinaryManager::ABM_DownloadAppBinary(notePackage, nullptr, "empProof");
     until([] { return toldOn != std::thread::id(); }, 3000);
     return toldOn == std::this_thread::get_id() ? "" : "told on another thread";
 }
@@ -257,7 +257,7 @@ const std::vector<Proof>& serviceProofs()
          kBrokenPipe},
         {"package-unknown-waits", unknownPackage, kHangs},
         {"package-null-callback-called", unknownPackage, kSegmentationFault},
-        {"package-told-elsewhere", threadTold},
+        {"package-told-elsewhere", threadOfPackage},
     };
     return proofs;
 }

@@ -16,7 +16,6 @@ constexpr const char* kKey = "proof/one";
 constexpr const char* kOtherKey = "proof/other";
 constexpr const char* kStatusKey = "memory/ep_firmware_update_app/fw_update_status";
 constexpr const char* kProgressKey = "memory/ep_firmware_update_app/fw_update_progress";
-constexpr int kLong = 2000; // milliseconds
 
 struct Told {
     int value;
@@ -24,11 +23,11 @@ struct Told {
     void* data;
 };
 
-std::vector<Told> told;
+std::vector<Told> toldValues;
 
-void note(keynode* node, void* data)
+void noteValue(keynode* node, void* data)
 {
-    told.push_back({pralis_keynode_get_int(node), std::this_thread::get_id(), data});
+    toldValues.push_back({pralis_keynode_get_int(node), std::this_thread::get_id(), data});
 }
 
 int valueOf(const char* key)
@@ -42,9 +41,9 @@ int valueOf(const char* key)
 void changeOnce(int value)
 {
     pralis_set_int(kKey, 1);
-    pralis_notify_key_changed(kKey, note, &told);
+    pralis_notify_key_changed(kKey, noteValue, &toldValues);
     pralis_set_int(kKey, value);
-    until([] { return !told.empty(); }, kLong);
+    until([] { return !toldValues.empty(); }, kLong);
     runLoop(300);
 }
 
@@ -58,51 +57,55 @@ std::string keptValue(int value)
 std::string toldValue()
 {
     changeOnce(9);
-    return told.size() == 1 && told[0].value == 9 ? "" : "another value was told";
+    return toldValues.size() == 1 && toldValues[0].value == 9 ? "" : "another value was told";
 }
 
 std::string toldThread()
 {
     changeOnce(9);
-    return !told.empty() && told[0].thread == std::this_thread::get_id() ? "" : "told on another thread";
+    return !toldValues.empty() && toldValues[0].thread == std::this_thread::get_id()
+               ? ""
+               : "told on another thread";
 }
 
 std::string toldThreadOfAnothersWrite()
 {
     pralis_set_int(kKey, 1);
-    pralis_notify_key_changed(kKey, note, nullptr);
+    pralis_notify_key_changed(kKey, noteValue, nullptr);
     std::thread([] { pralis_set_int(kKey, 2); }).join();
-    until([] { return !told.empty(); }, kLong);
-    return !told.empty() && told[0].thread == std::this_thread::get_id() ? "" : "told on the writer's thread";
+    until([] { return !toldValues.empty(); }, kLong);
+    return !toldValues.empty() && toldValues[0].thread == std::this_thread::get_id()
+               ? ""
+               : "told on the writer's thread";
 }
 
 std::string toldAfterIgnore()
 {
     changeOnce(9);
-    pralis_ignore_key_changed(kKey, note);
-    told.clear();
+    pralis_ignore_key_changed(kKey, noteValue);
+    toldValues.clear();
     pralis_set_int(kKey, 3);
     runLoop(500);
-    return told.empty() ? "" : "told after the end of the subscription";
+    return toldValues.empty() ? "" : "told after the end of the subscription";
 }
 
 std::string otherKeyAfterIgnore()
 {
-    pralis_notify_key_changed(kKey, note, nullptr);
-    pralis_notify_key_changed(kOtherKey, note, nullptr);
-    pralis_ignore_key_changed(kKey, note);
+    pralis_notify_key_changed(kKey, noteValue, nullptr);
+    pralis_notify_key_changed(kOtherKey, noteValue, nullptr);
+    pralis_ignore_key_changed(kKey, noteValue);
     pralis_set_int(kOtherKey, 3);
-    return until([] { return !told.empty(); }, kLong) ? "" : "the other key's change was not told";
+    return until([] { return !toldValues.empty(); }, kLong) ? "" : "the other key's change was not told";
 }
 
 std::string eachChange()
 {
-    pralis_notify_key_changed(kKey, note, nullptr);
+    pralis_notify_key_changed(kKey, noteValue, nullptr);
     for (int value = 1; value <= 3; ++value) {
         pralis_set_int(kKey, value);
     }
-    until([] { return told.size() == 3; }, kLong);
-    return told.size() == 3 ? "" : std::to_string(told.size()) + " of three changes were told";
+    until([] { return toldValues.size() == 3; }, kLong);
+    return toldValues.size() == 3 ? "" : std::to_string(toldValues.size()) + " of three changes were told";
 }
 
 std::string readBesideAnother()
@@ -126,13 +129,14 @@ std::string readBesideAnother()
 std::string textThatIsGone()
 {
     char name[64] = "proof/one";
-    pralis_notify_key_changed(name, note, nullptr);
+    pralis_notify_key_changed(name, noteValue, nullptr);
     for (char& character : name) {
         character = '#';
     }
     pralis_set_int(kKey, 3);
-    return until([] { return !told.empty(); }, kLong) ? ""
-                                                      : "not told once the name's memory has something else";
+    return until([] { return !toldValues.empty(); }, kLong)
+               ? ""
+               : "not told once the name's memory has something else";
 }
 
 std::string failedRead()
@@ -171,17 +175,18 @@ const std::vector<Proof>& settingsProofs()
         {"settings-no-notification",
          [] {
              changeOnce(9);
-             return told.empty() ? "nothing was told" : "";
+             return toldValues.empty() ? "nothing was told" : "";
          }},
         {"settings-notified-twice",
          [] {
              changeOnce(9);
-             return told.size() == 1 ? "" : "told twice";
+             return toldValues.size() == 1 ? "" : "told twice";
          }},
         {"settings-user-data-lost",
          [] {
              changeOnce(9);
-             return !told.empty() && told[0].data == &told ? "" : "told with another pointer";
+             return !toldValues.empty() && toldValues[0].data == &toldValues ? ""
+                                                                             : "told with another pointer";
          }},
         {"settings-notified-elsewhere", toldThread},
         {"settings-notified-inside-set", toldThreadOfAnothersWrite},
@@ -198,8 +203,8 @@ const std::vector<Proof>& settingsProofs()
         {"settings-threads-grow",
          [] {
              return growth("threads", threads, 5, [] {
-                 pralis_notify_key_changed(kKey, note, nullptr);
-                 pralis_ignore_key_changed(kKey, note);
+                 pralis_notify_key_changed(kKey, noteValue, nullptr);
+                 pralis_ignore_key_changed(kKey, noteValue);
              });
          }},
     };

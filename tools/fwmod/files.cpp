@@ -50,7 +50,7 @@ common::GlibStrings reproducibleEnvironment()
 
 // ---- Interruption ----
 
-constexpr int kInterruptions[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU};
+constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU};
 
 // What has to be put away, for the handler, which may call little more than unlink.
 char unfinishedName[PATH_MAX];
@@ -78,7 +78,7 @@ void watchInterruptions()
 {
     struct sigaction action = {};
     action.sa_handler = putAway;
-    for (const int signal : kInterruptions) {
+    for (const int signal : kEndingSignals) {
         struct sigaction before = {};
         if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_DFL) {
             sigaction(signal, &action, nullptr);

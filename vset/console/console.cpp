@@ -30,7 +30,6 @@ constexpr const char* kInvalid = "org.pellor.platform.Error.Invalid";
 constexpr const char* kOptionsFile = "/var/lib/platform/console.json";
 constexpr const char* kFactoryMarker = "/tmp/FACTORY_PRODCUTION"; // the platform's spelling
 constexpr const char* kManagerMarker = "/run/.pkgmgr_ready";
-constexpr const char* kFeed = "/srv/feed";
 constexpr const char* kMirroringKey = "memory/menu/network/screenmirroring/smsrc_status";
 constexpr const char* kWriter = "console";
 

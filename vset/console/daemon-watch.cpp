@@ -18,7 +18,7 @@ namespace
 
 namespace fs = std::filesystem;
 
-constexpr int64_t kInterval = 200; // milliseconds of the PC's time
+constexpr int64_t kLookAtDaemon = 200; // milliseconds of the PC's time
 constexpr const char* kDaemon = "tarnwick";
 
 bool isNumber(const std::string& text)
@@ -88,7 +88,7 @@ void DaemonWatch::look()
     if (isNewList || before != process_) {
         changed.tell();
     }
-    timer_.start(kInterval, [this] { look(); });
+    timer_.start(kLookAtDaemon, [this] { look(); });
 }
 
 bool DaemonWatch::lookAtThreads(int64_t now)

@@ -10,7 +10,7 @@ namespace vset
 namespace
 {
 
-constexpr int64_t kInterval = 50; // milliseconds of the PC's time
+constexpr int64_t kLookAtLog = 50; // milliseconds of the PC's time
 // The platform has others to serve: what has come faster than that is read at the next looks.
 constexpr std::chrono::milliseconds kLongestLook{200};
 
@@ -42,7 +42,7 @@ void LogTail::look()
         drain();
     }
     isMovedAway_ = isOther && inode != inode_;
-    timer_.start(kInterval, [this] { look(); });
+    timer_.start(kLookAtLog, [this] { look(); });
 }
 
 void LogTail::reopen(unsigned long long inode)

@@ -25,7 +25,6 @@ namespace fs = std::filesystem;
 constexpr int64_t kProbeLimit = 3000; // milliseconds of the PC's time
 constexpr const char* kControlDirectories[] = {"/prd/usr/fwupdate/controls", "/usr/fwupdate/controls"};
 constexpr const char* kPackageDirectory = "/opt/usr/apps/appbinarymanager";
-constexpr const char* kFeed = "/srv/feed";
 constexpr const char* kSystemImages = "/lib/firmware/ext";
 constexpr const char* kList = "/tmp/fwupdate-off-list.txt";
 

@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 constexpr const char* kDirectory = "/opt/media";
 constexpr const char* kStick = "/opt/media/USBDriveA";
 constexpr const char* kStaging = "/opt/media/.stick-unfinished";
-constexpr const char* kUpload = ".upload-"; // beside the stick, so that a file gets its name in one step
+constexpr const char* kUnfinished = ".upload-"; // beside the stick, so that a file gets its name in one step
 constexpr int kDeepest = 8;
 constexpr int kMostShown = 100;
 
@@ -50,7 +50,7 @@ UsbSlot::UsbSlot()
     std::error_code error;
     for (const fs::directory_entry& entry : fs::directory_iterator(kDirectory, error)) {
         std::error_code ignored;
-        if (entry.path().filename().string().rfind(kUpload, 0) == 0) {
+        if (entry.path().filename().string().rfind(kUnfinished, 0) == 0) {
             fs::remove(entry.path(), ignored);
         }
     }
@@ -73,7 +73,7 @@ UsbSlot::NewFile UsbSlot::add(const std::string& name)
     if (!isSafe(fs::path(name))) {
         return {nullptr, "\"" + common::visible(name) + "\" is no name for a file on a stick"};
     }
-    const fs::path unfinished = fs::path(kDirectory) / (kUpload + std::to_string(++files_));
+    const fs::path unfinished = fs::path(kDirectory) / (kUnfinished + std::to_string(++files_));
     std::unique_ptr<StickFile> file(new StickFile(*this, name, unfinished));
     if (!file->file_) {
         return {nullptr, common::visible(name) + " cannot be written"};

@@ -19,7 +19,7 @@ namespace
 
 constexpr const char* kSocketName = "vset-orders"; // in the set's /run
 constexpr size_t kLongestMessage = 256;
-constexpr timeval kPatience{5, 0};
+constexpr timeval kPatienceWithAnswer{5, 0};
 
 sockaddr_un addressOf(const std::string& path)
 {
@@ -62,7 +62,7 @@ UniqueFd reach(const SetDirectory& set)
         failWithErrno("cannot reach set " + set.path().string() +
                       " (it belongs to another user? then use sudo)");
     }
-    check(setsockopt(sender.get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience),
+    check(setsockopt(sender.get(), SOL_SOCKET, SO_RCVTIMEO, &kPatienceWithAnswer, sizeof kPatienceWithAnswer),
           "cannot limit a wait");
     return sender;
 }

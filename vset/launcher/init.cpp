@@ -94,16 +94,6 @@ constexpr Identity kUpdate{kUpdateUser, kSystemGroup, true};
 
 // ---- Processes ----
 
-sigset_t endingSignals()
-{
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
-        sigaddset(&signals, number);
-    }
-    return signals;
-}
-
 sigset_t handledSignals()
 {
     sigset_t signals = endingSignals();

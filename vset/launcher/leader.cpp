@@ -92,16 +92,6 @@ void mapCaller(pid_t init)
     writeFile(proc / "gid_map", "0 " + std::to_string(getegid()) + " 1");
 }
 
-sigset_t endingSignals()
-{
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
-        sigaddset(&signals, number);
-    }
-    return signals;
-}
-
 class Leader
 {
 public:

@@ -57,6 +57,16 @@ bool makePlainDirectory(const fs::path& path)
     return false;
 }
 
+sigset_t endingSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
+        sigaddset(&signals, number);
+    }
+    return signals;
+}
+
 int shellStatus(int waitStatus)
 {
     return WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);

@@ -4,6 +4,7 @@
 #ifndef VSET_LAUNCHER_SYSTEM_H
 #define VSET_LAUNCHER_SYSTEM_H
 
+#include <csignal>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -52,6 +53,9 @@ void writeFile(const fs::path& path, const std::string& text, mode_t mode = 0644
 // False when it is there already. A link in its place is none: what is made or mounted in it would be outside
 // of the set. Throws Error.
 bool makePlainDirectory(const fs::path& path);
+
+// The signals that end a set, and its programs.
+sigset_t endingSignals();
 
 // Exit status as a shell reports it: the process's own, or 128 + signal.
 int shellStatus(int waitStatus);

@@ -167,10 +167,10 @@ Condition hasEnded(const fs::path& set, std::optional<int> status, std::optional
 namespace
 {
 
-class LogWatch
+class LineWatch
 {
 public:
-    LogWatch(fs::path set, Text wanted) : set_(std::move(set)), wanted_(std::move(wanted))
+    LineWatch(fs::path set, Text wanted) : set_(std::move(set)), wanted_(std::move(wanted))
     {
         std::error_code error;
         const auto size = fs::file_size(logFile(), error);
@@ -242,7 +242,7 @@ private:
 
 Condition hasSaid(const fs::path& set, const Text& text)
 {
-    const auto watch = std::make_shared<LogWatch>(set, text);
+    const auto watch = std::make_shared<LineWatch>(set, text);
     const std::string times = text.count == 1 ? "" : " " + std::to_string(text.count) + " times";
     return {"the daemon to say " + common::inQuotes(text.text) + times,
             [watch](auto) { return watch->isSo(); }, [watch] { return watch->seen(); }};

@@ -113,10 +113,10 @@ int64_t microsecondsOf(const std::string& time)
 }
 
 // Wakes a wait when a log of the set grows; other changes are looked for twenty times a second.
-class LogWatch
+class LogGrowth
 {
 public:
-    explicit LogWatch(const fs::path& directory) : handle_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK))
+    explicit LogGrowth(const fs::path& directory) : handle_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK))
     {
         inotify_add_watch(handle_.get(), directory.c_str(), IN_MODIFY | IN_CREATE);
     }
@@ -698,7 +698,7 @@ std::vector<std::string> Television::loopMounts() const
 
 void Television::waitUntil(const std::function<bool()>& isSo, const std::string& what, double limit)
 {
-    const LogWatch watch(outside("/var/log"));
+    const LogGrowth watch(outside("/var/log"));
     const auto end = std::chrono::steady_clock::now() + inMilliseconds(limit);
     while (!isSo()) {
         inside_->power.look();

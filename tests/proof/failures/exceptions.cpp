@@ -8,7 +8,7 @@ namespace proof
 namespace
 {
 
-constexpr const char* kRefused = "the platform does not take it back, and is asked once";
+constexpr const char* kNotTakenBack = "the platform does not take it back, and is asked once";
 constexpr const char* kDecryption =
     "decryption goes on over what fails in it: header and library judge the rest";
 
@@ -18,17 +18,18 @@ const std::vector<Exception>& exceptions()
 {
     static const std::vector<Exception> all = {
         {"released", "subscription of the power state", "pwrctl_unsubscribe_state_changed_event", nullptr,
-         nullptr, kRefused},
+         nullptr, kNotTakenBack},
         {"released", "subscription of power-off", "pwrctl_unsubscribe_poweroff_event", nullptr, nullptr,
-         kRefused},
-        {"released", "power lock", "pwrctl_unlock_state", nullptr, nullptr, kRefused},
-        {"released", "the watchdog", "hangwatch_unregister_watchdog_service", nullptr, nullptr, kRefused},
+         kNotTakenBack},
+        {"released", "power lock", "pwrctl_unlock_state", nullptr, nullptr, kNotTakenBack},
+        {"released", "the watchdog", "hangwatch_unregister_watchdog_service", nullptr, nullptr,
+         kNotTakenBack},
         {"released", "subscription of the status key", "pralis_ignore_key_changed", nullptr, nullptr,
-         kRefused},
-        {"released", "a launch request", "applaunch_destroy", nullptr, nullptr, kRefused},
-        {"list", "the list file", "remove", nullptr, nullptr, kRefused},
-        {"semaphore", "at 0", "sem_post", nullptr, nullptr, kRefused},
-        {"working", "at 1", "pralis_set_int", nullptr, nullptr, kRefused},
+         kNotTakenBack},
+        {"released", "a launch request", "applaunch_destroy", nullptr, nullptr, kNotTakenBack},
+        {"list", "the list file", "remove", nullptr, nullptr, kNotTakenBack},
+        {"semaphore", "at 0", "sem_post", nullptr, nullptr, kNotTakenBack},
+        {"working", "at 1", "pralis_set_int", nullptr, nullptr, kNotTakenBack},
         {"working", "at 1", "pralis_get_int", nullptr, nullptr,
          "the key is released when it reads 1: what cannot be read may be another component's"},
         {"mounts", "is mounted", "PS_Umount", nullptr, nullptr,

@@ -21,7 +21,7 @@ constexpr Result kVerdicts[] = {
     {"-1", -1, 0}, {"verdict=-1", -1, 0}, {"verdict=0", 0, 0}, {"verdict=2", 2, 0}};
 constexpr Result kWrites[] = {{"7", 7, EIO}, {"late", 0, 0}, {"at-once", 0, 0}};
 constexpr Result kTimes[] = {{"-1", -1, 0}, {"seconds=0", 0, 0}, {"seconds=-5", -5, 0}};
-constexpr Result kProgress[] = {{"-1", -1, 0}, {"percent=101", 101, 0}, {"percent=-1", -1, 0}};
+constexpr Result kProgressAnswers[] = {{"-1", -1, 0}, {"percent=101", 101, 0}, {"percent=-1", -1, 0}};
 
 struct Answers {
     const char* function;
@@ -36,9 +36,15 @@ constexpr Answers row(const char* function, const Result (&results)[count])
 }
 
 constexpr Answers kAnswers[] = {
-    row("setContext", kRefusal),          row("getEMPID", kIdentifiers),  row("getActiveVersion", kVersions),
-    row("checkVersion", kVerdicts),       row("doUpdate", kWrites),       row("allUpdateDone", kRefusal),
-    row("doUpdate_decryption", kRefusal), row("getExpectedTime", kTimes), row("getUpdateProgress", kProgress),
+    row("setContext", kRefusal),
+    row("getEMPID", kIdentifiers),
+    row("getActiveVersion", kVersions),
+    row("checkVersion", kVerdicts),
+    row("doUpdate", kWrites),
+    row("allUpdateDone", kRefusal),
+    row("doUpdate_decryption", kRefusal),
+    row("getExpectedTime", kTimes),
+    row("getUpdateProgress", kProgressAnswers),
 };
 
 bool is(const char* text, const char* other)

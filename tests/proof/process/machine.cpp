@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <dlfcn.h>
 #include <map>
 #include <optional>
 #include <poll.h>
@@ -21,6 +20,7 @@
 #include <vector>
 
 #include "tests/proof/process/failing.h"
+#include "tests/proof/process/real-call.h"
 
 namespace __cxxabiv1
 {
@@ -80,12 +80,6 @@ struct Machine {
 };
 
 Machine* machine = nullptr; // none before the start
-
-template <typename Function>
-Function* real(Function*, const char* name)
-{
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
 
 void switchTo(Fiber* next)
 {
@@ -379,6 +373,7 @@ void freeHanging()
 // ---- Calls of the C library ----
 
 using namespace proof::machine; // NOLINT: what follows are its other faces
+using proof::real;
 
 extern "C" {
 

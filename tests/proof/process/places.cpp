@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "tests/proof/process/failing.h"
+#include "tests/proof/process/real-call.h"
 
 namespace proof
 {
@@ -40,12 +41,6 @@ constexpr const char* kOfTheSet[] = {
 bool startsWith(std::string_view text, std::string_view start)
 {
     return text.substr(0, start.size()) == start;
-}
-
-template <typename Function>
-Function* real(Function*, const char* name)
-{
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 } // namespace

@@ -20,7 +20,7 @@ namespace fwctl
 
 namespace
 {
-struct Options {
+struct CheckOptions {
     bool json = false;
     bool verbose = false;
 };
@@ -73,7 +73,7 @@ Json::Value checkModule(const ControlLibrary& library)
     return told;
 }
 
-std::string verdictOn(const Json::Value& module)
+std::string checkVerdictOn(const Json::Value& module)
 {
     if (module.isMember("failure")) {
         return module["failure"].asString();
@@ -84,9 +84,9 @@ std::string verdictOn(const Json::Value& module)
     return module.isMember("unusable") ? "cannot be used: " + module["unusable"].asString() : "not pending";
 }
 
-void print(const Json::Value& module)
+void printCheck(const Json::Value& module)
 {
-    printLine(module["module"].asString() + ": " + verdictOn(module));
+    printLine(module["module"].asString() + ": " + checkVerdictOn(module));
     for (const ImageSource& source : kImageSources) {
         if (!module.isMember(source.name)) {
             continue;
@@ -101,7 +101,7 @@ void print(const Json::Value& module)
     }
 }
 
-ExitStatus statusOf(const std::vector<Json::Value>& modules)
+ExitStatus checkStatusOf(const std::vector<Json::Value>& modules)
 {
     ExitStatus status = kNothingToDo;
     for (const Json::Value& module : modules) {
@@ -113,7 +113,7 @@ ExitStatus statusOf(const std::vector<Json::Value>& modules)
     return status;
 }
 
-int check(const Options& options)
+int check(const CheckOptions& options)
 {
     becomeDaemonUser();
     if (options.verbose) {
@@ -133,7 +133,7 @@ int check(const Options& options)
     for (const Json::Value& module : modules) {
         all.append(module);
         if (!options.json) {
-            print(module);
+            printCheck(module);
         }
     }
     if (options.json) {
@@ -141,13 +141,13 @@ int check(const Options& options)
     } else if (modules.empty()) {
         complain("this set has no module: \"fwctl doctor\" looks for the reason");
     }
-    return statusOf(modules);
+    return checkStatusOf(modules);
 }
 } // namespace
 
 void defineCheck(common::CommandLine& command)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<CheckOptions>();
     command.flag("--json", options->json, "For a program: one JSON array");
     command.flag("-v,--verbose", options->verbose, "Show the daemon's messages on standard error");
     command.footer(

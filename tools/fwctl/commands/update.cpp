@@ -22,7 +22,7 @@ namespace fwctl
 
 namespace
 {
-struct Options {
+struct UpdateOptions {
     std::string module;
     bool all = false;
     std::string source;
@@ -37,7 +37,7 @@ struct Choice {
 };
 
 // The source that the daemon would take; the package when it would take none, so that its check tells why.
-Choice chooseSource(const Options& options)
+Choice chooseSource(const UpdateOptions& options)
 {
     constexpr uint32_t kUnknownSeconds = 300; // what the daemon takes as well
     Choice choice{findImageSource("package"), kUnknownSeconds, {}};
@@ -87,7 +87,7 @@ void requireReadable(FWUpdateSymbol& module, const ImageSource& source)
     }
 }
 
-void updateInChild(const Options& options, const Choice& choice, UpdateLink& link)
+void updateInChild(const UpdateOptions& options, const Choice& choice, UpdateLink& link)
 {
     Registry registry(link, options.verbose);
     FWUpdateSymbol& module = registry.find(options.module);
@@ -165,7 +165,7 @@ uint32_t powerTimeOf(FWUpdateSymbolManager& manager)
     return powerTime(count, seconds);
 }
 
-void updateAllInChild(const Options& options, UpdateLink& link)
+void updateAllInChild(const UpdateOptions& options, UpdateLink& link)
 {
     Registry registry(link, options.verbose);
     link.takeTurn();
@@ -201,7 +201,7 @@ const Unstarted& unstartedBecauseOf(const std::string& reason)
     return found == std::end(kUnstarted) ? kOtherwise : *found;
 }
 
-int reportUnstarted(const Options& options, const std::string& reason)
+int reportUnstarted(const UpdateOptions& options, const std::string& reason)
 {
     const Unstarted& kind = unstartedBecauseOf(reason);
     if (options.json) {
@@ -220,7 +220,7 @@ int reportUnstarted(const Options& options, const std::string& reason)
     return kind.status;
 }
 
-int updateOne(const Options& options)
+int updateOne(const UpdateOptions& options)
 {
     const Choice choice = chooseSource(options);
     waitForUpdateTurn();
@@ -230,7 +230,7 @@ int updateOne(const Options& options)
                : reportOutcomes(told, {choice.modules, choice.source->name}, options.json);
 }
 
-int updateAll(const Options& options)
+int updateAll(const UpdateOptions& options)
 {
     const Before before{examineAll(findControlLibraries(), {}), "package"};
     waitForUpdateTurn();
@@ -244,7 +244,7 @@ int updateAll(const Options& options)
     return isLeftOut ? static_cast<int>(kFailed) : status;
 }
 
-int update(const Options& options)
+int update(const UpdateOptions& options)
 {
     if (options.all == !options.module.empty()) {
         throw common::WrongUse("name one MODULE, or give --all (\"fwctl list\" shows the names)");
@@ -255,7 +255,7 @@ int update(const Options& options)
 
 void defineUpdate(common::CommandLine& command)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<UpdateOptions>();
     command.text("MODULE", options->module, "Name of the module, as \"fwctl list\" shows it");
     common::Option all =
         command.flag("--all", options->all, "Every pending module, as the daemon does at standby");

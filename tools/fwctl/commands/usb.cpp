@@ -30,7 +30,7 @@ using Kind = common::DaemonEventKind;
 
 constexpr const char* kTooShort = " is too short for an encrypted image"; // in our words
 
-struct Options {
+struct UsbOptions {
     std::string directory;
     std::string keyFile;
     bool json = false;
@@ -182,7 +182,7 @@ std::string explain(const std::string& reason)
     return isTooShort ? ": copy the image anew" : "";
 }
 
-std::string verdictOn(const Json::Value& module)
+std::string usbVerdictOn(const Json::Value& module)
 {
     const std::string result = module["result"].asString();
     const std::string reason = module["reason"].asString();
@@ -201,7 +201,7 @@ std::string verdictOn(const Json::Value& module)
     return reason.empty() ? "not newer" : reason;
 }
 
-void print(Json::Value found, const Options& options)
+void print(Json::Value found, const UsbOptions& options)
 {
     if (options.json) {
         found.removeMember("count");
@@ -209,7 +209,7 @@ void print(Json::Value found, const Options& options)
         return;
     }
     for (const Json::Value& module : found["modules"]) {
-        printLine(module["module"].asString() + ": " + verdictOn(module));
+        printLine(module["module"].asString() + ": " + usbVerdictOn(module));
     }
     std::printf("expected time of all together: %d s\n", found["expected_time"].asInt());
 }
@@ -219,7 +219,7 @@ bool isRefused(const Json::Value& module)
     return module["result"] == "refused";
 }
 
-int statusOf(const Json::Value& found)
+int usbStatusOf(const Json::Value& found)
 {
     const Json::Value& modules = found["modules"];
     if (std::any_of(modules.begin(), modules.end(), isRefused)) {
@@ -236,7 +236,7 @@ int statusOf(const Json::Value& found)
     throw common::Failure((culprit.empty() ? "" : culprit + ": ") + told["failure"].asString());
 }
 
-int check(const Options& options)
+int check(const UsbOptions& options)
 {
     const std::string directory = requireDirectory(options.directory);
     const common::ContentKey key(options.keyFile); // before the user changes: the file is root's
@@ -248,7 +248,7 @@ int check(const Options& options)
         throwFailure(told);
     }
     print(told["probe"], options);
-    return statusOf(told["probe"]);
+    return usbStatusOf(told["probe"]);
 }
 
 void tellErrors(UpdateLink& link)
@@ -262,7 +262,7 @@ void tellErrors(UpdateLink& link)
     link.say("fwctl: the installation stopped; modules behind the one that failed were not tried");
 }
 
-void installInChild(const Options& options, const common::ContentKey& key, const std::string& directory,
+void installInChild(const UsbOptions& options, const common::ContentKey& key, const std::string& directory,
                     UpdateLink& link)
 {
     Registry registry(link, options.verbose);
@@ -294,12 +294,12 @@ void complainAboutRefused(const Json::Value& found)
 {
     for (const Json::Value& module : found["modules"]) {
         if (isRefused(module)) {
-            complain(module["module"].asString() + ": " + verdictOn(module));
+            complain(module["module"].asString() + ": " + usbVerdictOn(module));
         }
     }
 }
 
-int install(const Options& options)
+int install(const UsbOptions& options)
 {
     const std::string directory = requireDirectory(options.directory);
     const common::ContentKey key(options.keyFile);
@@ -313,18 +313,18 @@ int install(const Options& options)
     const Json::Value& found = told["probe"];
     if (found["count"].asUInt() == 0 && !told.isMember("failure")) {
         print(found, options);
-        return statusOf(found);
+        return usbStatusOf(found);
     }
     complainAboutRefused(found);
     const bool hasOutcomes = !told["outcomes"].empty() || told.isMember("failure");
     const int status = hasOutcomes ? reportOutcomes(told, before, options.json) : static_cast<int>(kFailed);
-    const bool isWhole = !told["stopped"].asBool() && statusOf(found) != kFailed;
+    const bool isWhole = !told["stopped"].asBool() && usbStatusOf(found) != kFailed;
     return isWhole ? status : static_cast<int>(kFailed);
 }
 
-std::shared_ptr<Options> addOptions(common::CommandLine& command)
+std::shared_ptr<UsbOptions> addOptions(common::CommandLine& command)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<UsbOptions>();
     command.text("DIR", options->directory, "Directory of the stick that holds the NAME.bin files")
         .required();
     command

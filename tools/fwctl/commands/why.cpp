@@ -74,7 +74,7 @@ void printSource(const Json::Value& source)
     }
 }
 
-void print(const Json::Value& module)
+void printWhy(const Json::Value& module)
 {
     printLine(module["module"].asString() + " (" + module["directory"].asString() +
               module["module"].asString() + ".so), " + module["kind"].asString());
@@ -96,7 +96,7 @@ void print(const Json::Value& module)
 
 // ---- The command ----
 
-ExitStatus statusOf(const Json::Value& module)
+ExitStatus whyStatusOf(const Json::Value& module)
 {
     if (module.isMember("failure")) {
         return kFailed;
@@ -113,10 +113,10 @@ int why(const std::string& name, bool json)
     Json::Value all(Json::arrayValue);
     for (Json::Value& module : modules) {
         module["outcome"] = outcomeOf(module);
-        status = status == kDone ? kDone : statusOf(module);
+        status = status == kDone ? kDone : whyStatusOf(module);
         all.append(module);
         if (!json) {
-            print(module);
+            printWhy(module);
         }
     }
     if (json) {
@@ -125,7 +125,7 @@ int why(const std::string& name, bool json)
     return status;
 }
 
-struct Options {
+struct WhyOptions {
     std::string module;
     bool json = false;
 };
@@ -133,7 +133,7 @@ struct Options {
 
 void defineWhy(common::CommandLine& command)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<WhyOptions>();
     command.text("MODULE", options->module, "Name of the module, as \"fwctl list\" shows it").required();
     command.flag("--json", options->json, "For a program: one JSON array");
     command.footer(

@@ -125,7 +125,7 @@ void judge(Json::Value& outcome, const Before& before)
     }
 }
 
-void print(const Json::Value& outcome)
+void printOutcome(const Json::Value& outcome)
 {
     const std::string late = outcome["late"].asBool() ? ", after more than the expected time" : "";
     const std::string installed = outcome["installed"] == kUnknown
@@ -151,7 +151,7 @@ int failAfter(const Json::Value& outcomes, const std::string& failure)
     return kFailed;
 }
 
-int statusOf(const Json::Value& outcomes)
+int statusOfOutcomes(const Json::Value& outcomes)
 {
     int status = outcomes.empty() ? kFailed : kNothingToDo;
     for (const Json::Value& outcome : outcomes) {
@@ -221,13 +221,14 @@ int reportOutcomes(Json::Value told, const Before& before, bool json)
         askForInstalled(outcome);
         judge(outcome, before);
         if (!json) {
-            print(outcome);
+            printOutcome(outcome);
         }
     }
     if (json) {
         std::printf("%s\n", common::compactJson(outcomes).c_str());
     }
-    return told.isMember("failure") ? failAfter(outcomes, told["failure"].asString()) : statusOf(outcomes);
+    return told.isMember("failure") ? failAfter(outcomes, told["failure"].asString())
+                                    : statusOfOutcomes(outcomes);
 }
 
 } // namespace fwctl

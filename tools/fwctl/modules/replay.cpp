@@ -20,7 +20,7 @@ namespace fwctl
 
 namespace
 {
-struct Finding {
+struct StepFinding {
     bool passed;
     std::string detail;
     std::string advice; // what to do, when it did not pass
@@ -134,21 +134,21 @@ public:
     std::string findSpecialFile();
 
 private:
-    static Finding notAFile(const std::string& path, const std::string& problem);
-    Finding hasName();
-    Finding hasPackage();
-    Finding canBeMounted();
-    Finding hasImage();
-    Finding hasInformation();
-    Finding informationIsValid();
-    Finding screenMayOffer();
-    Finding checksumMatches();
-    Finding isNewer();
-    Finding readMountedPackage(const std::string& reason);
+    static StepFinding notAFile(const std::string& path, const std::string& problem);
+    StepFinding hasName();
+    StepFinding hasPackage();
+    StepFinding canBeMounted();
+    StepFinding hasImage();
+    StepFinding hasInformation();
+    StepFinding informationIsValid();
+    StepFinding screenMayOffer();
+    StepFinding checksumMatches();
+    StepFinding isNewer();
+    StepFinding readMountedPackage(const std::string& reason);
 
     struct Step {
         const char* test;
-        Finding (Replay::*take)();
+        StepFinding (Replay::*take)();
         bool (*applies)(UPDATE_TYPE type);
     };
     static bool always(UPDATE_TYPE) { return true; }
@@ -187,7 +187,7 @@ Json::Value Replay::run()
         if (!passed || !step.applies(source_.type)) {
             continue;
         }
-        const Finding finding = (this->*step.take)();
+        const StepFinding finding = (this->*step.take)();
         passed = finding.passed;
         Json::Value told;
         told["test"] = step.test;
@@ -225,7 +225,7 @@ std::string Replay::findSpecialFile()
     return problem.empty() ? "" : informationPath_ + " " + problem;
 }
 
-Finding Replay::hasName()
+StepFinding Replay::hasName()
 {
     if (module_.firmwareName.empty()) {
         return {false, "the library gave no identifier", "have the library's getEMPID corrected"};
@@ -233,7 +233,7 @@ Finding Replay::hasName()
     return {true, module_.firmwareName, ""};
 }
 
-Finding Replay::hasPackage()
+StepFinding Replay::hasPackage()
 {
     if (!module_.isEMP) {
         return {false, "the identifier " + module_.EMPName + " is refused",
@@ -261,7 +261,7 @@ Finding Replay::hasPackage()
 }
 
 // The daemon makes the mount point when there is none.
-Finding Replay::canBeMounted()
+StepFinding Replay::canBeMounted()
 {
     const std::string directory = directoryOf(informationPath_);
     const std::string mountPoint = directory.substr(0, directory.size() - 1);
@@ -284,7 +284,7 @@ Finding Replay::canBeMounted()
 }
 
 // The kernel may know file systems that we cannot read, and the mount service may read files that we may not.
-Finding Replay::readMountedPackage(const std::string& reason)
+StepFinding Replay::readMountedPackage(const std::string& reason)
 {
     const std::string directory = directoryOf(informationPath_);
     const std::string detail = module_.empImagePath + " " + reason;
@@ -295,13 +295,13 @@ Finding Replay::readMountedPackage(const std::string& reason)
 }
 
 // Nothing is opened that is no file: the daemon's code would wait for the other end of a pipe, for ever.
-Finding Replay::notAFile(const std::string& path, const std::string& problem)
+StepFinding Replay::notAFile(const std::string& path, const std::string& problem)
 {
     return {false, path + " " + problem,
             "remove it, and put the file there: the daemon hangs or fails with it"};
 }
 
-Finding Replay::hasImage()
+StepFinding Replay::hasImage()
 {
     const std::string problem = files_.problemOf(imageName_);
     if (!problem.empty()) {
@@ -315,7 +315,7 @@ Finding Replay::hasImage()
     return {true, imagePath_, ""};
 }
 
-Finding Replay::hasInformation()
+StepFinding Replay::hasInformation()
 {
     const std::string problem = files_.problemOf("info.json");
     if (!problem.empty()) {
@@ -327,7 +327,7 @@ Finding Replay::hasInformation()
     return {true, informationPath_, ""};
 }
 
-Finding Replay::informationIsValid()
+StepFinding Replay::informationIsValid()
 {
     takeDaemonMessages();
     bool accepted = false;
@@ -351,7 +351,7 @@ Finding Replay::informationIsValid()
             ""};
 }
 
-Finding Replay::screenMayOffer()
+StepFinding Replay::screenMayOffer()
 {
     if (module_.information.ui_use == "none") {
         return {false, "ui_use is \"none\": an image of the system must be offered on the screen",
@@ -360,7 +360,7 @@ Finding Replay::screenMayOffer()
     return {true, "ui_use is \"" + module_.information.ui_use + "\"", ""};
 }
 
-Finding Replay::checksumMatches()
+StepFinding Replay::checksumMatches()
 {
     unsigned int checksum = 0;
     const bool complete = files_.takeChecksum(module_, imageName_, checksum);
@@ -376,7 +376,7 @@ Finding Replay::checksumMatches()
     return {true, found, ""};
 }
 
-Finding Replay::isNewer()
+StepFinding Replay::isNewer()
 {
     const std::string offered = module_.information.version;
     char emptyContext[] = "";

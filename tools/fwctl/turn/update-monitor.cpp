@@ -16,7 +16,7 @@ namespace
 {
 constexpr std::chrono::milliseconds kPause{200};
 
-bool isAlive(pid_t thread)
+bool isThreadAlive(pid_t thread)
 {
     return access(("/proc/self/task/" + std::to_string(thread)).c_str(), F_OK) == 0;
 }
@@ -166,7 +166,7 @@ bool UpdateMonitor::waitForLateOnes()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     for (const UpdateOutcome& outcome : outcomes_) {
-        if (outcome.isLate && isAlive(outcome.thread)) {
+        if (outcome.isLate && isThreadAlive(outcome.thread)) {
             return true;
         }
     }

@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 
 namespace
 {
-struct Options {
+struct CheckOptions {
     ExaminationRequest request;
     bool json = false;
     fs::path junit;
@@ -31,7 +31,7 @@ struct Options {
 // Compared after every trial, of which there are hundreds.
 constexpr std::uintmax_t kLongestHardware = std::uintmax_t{1} << 30;
 
-int check(const Options& options)
+int check(const CheckOptions& options)
 {
     if (options.listFindings) {
         std::fputs(findingsDocument().c_str(), stdout);
@@ -81,7 +81,7 @@ int check(const Options& options)
 
 void defineCheck(common::CommandLine& command)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<CheckOptions>();
     ExaminationRequest& request = options->request;
     command.path("LIB", request.library, "The control library, NAME.so");
     common::Option const package =

@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 
 namespace
 {
-struct Options {
+struct DiffOptions {
     InspectionRequest a;
     InspectionRequest b;
     bool json = false;
@@ -228,7 +228,7 @@ void compareFilesInside(const fs::path& a, const fs::path& b, Differences& diffe
 
 // ---- Both together ----
 
-Differences compare(const Options& options, const Inspection& a, const Inspection& b)
+Differences compare(const DiffOptions& options, const Inspection& a, const Inspection& b)
 {
     Differences differences;
     if (!firstDifference(sourceOf(options.a.file), sourceOf(options.b.file))) {
@@ -248,7 +248,7 @@ Differences compare(const Options& options, const Inspection& a, const Inspectio
     return differences;
 }
 
-void printForPeople(const Options& options, const std::string& kind, const Differences& differences)
+void printForPeople(const DiffOptions& options, const std::string& kind, const Differences& differences)
 {
     const std::string a = common::visible(options.a.file);
     const std::string b = common::visible(options.b.file);
@@ -263,7 +263,7 @@ void printForPeople(const Options& options, const std::string& kind, const Diffe
     }
 }
 
-void printForPrograms(const Options& options, const Differences& differences)
+void printForPrograms(const DiffOptions& options, const Differences& differences)
 {
     Json::Value root;
     root["a"] = options.a.file;
@@ -278,7 +278,7 @@ void printForPrograms(const Options& options, const Differences& differences)
     std::puts(common::indentedJson(root).c_str());
 }
 
-int diff(const Options& options)
+int diff(const DiffOptions& options)
 try {
     const Inspection a = inspectFile(options.a);
     const Inspection b = inspectFile(options.b);
@@ -296,7 +296,7 @@ try {
 
 void defineDiff(common::CommandLine& command)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<DiffOptions>();
     command.text("A", options->a.file, "A file, usually the older one").required();
     command.text("B", options->b.file, "Another of the same kind").required();
     command.text("--key-file", options->a.keyFile,

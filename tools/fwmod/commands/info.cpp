@@ -14,7 +14,7 @@ namespace
 {
 constexpr unsigned int kLongestTime = 24 * 60 * 60; // seconds; longer ones are slips of the keyboard
 
-struct Options {
+struct InfoOptions {
     std::string version;
     std::string image;
     unsigned int expectedTime = 300; // what the daemon takes when the file does not say
@@ -23,7 +23,7 @@ struct Options {
     std::string check;
 };
 
-int check(const Options& options)
+int check(const InfoOptions& options)
 {
     const auto image =
         options.image.empty() ? std::nullopt : std::optional<std::filesystem::path>(options.image);
@@ -32,7 +32,7 @@ int check(const Options& options)
     return report.accepted ? 0 : 1;
 }
 
-int write(const Options& options)
+int write(const InfoOptions& options)
 {
     if (options.version.empty() || options.image.empty()) {
         throw common::WrongUse(
@@ -60,7 +60,7 @@ int write(const Options& options)
 
 void defineInfo(common::CommandLine& command)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<InfoOptions>();
     common::Option checked = command.text("--check", options->check, "Check this information file");
     command.text("--image", options->image, "The image that the file describes");
     common::Option writing[] = {

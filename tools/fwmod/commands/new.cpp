@@ -24,14 +24,14 @@ namespace fs = std::filesystem;
 
 namespace
 {
-struct Kind {
+struct ModuleKind {
     const char* name;
     const char* summary;
     const char* images; // where they are, for the module's README
     bool isExternal;
 };
 
-constexpr Kind kKinds[] = {
+constexpr ModuleKind kKinds[] = {
     {"emp", "Its images come as packages (the default)", "the package `@IDENTIFIER@.img`", false},
     {"builtin", "Its images lie in the system image", "the system image, in `/lib/firmware/ext/@FIRMWARE@`",
      false},
@@ -50,20 +50,20 @@ constexpr Language kLanguages[] = {
     {"c", "c", "C"},
 };
 
-struct Options {
+struct NewOptions {
     std::string name;
     std::string output;
     bool isAskedFor[std::size(kKinds)] = {};
     std::string language = kLanguages[0].name;
 };
 
-const Kind& kindOf(const Options& options)
+const ModuleKind& kindOf(const NewOptions& options)
 {
     const auto* const asked = std::find(std::begin(options.isAskedFor), std::end(options.isAskedFor), true);
     return asked == std::end(options.isAskedFor) ? kKinds[0] : kKinds[asked - options.isAskedFor];
 }
 
-const Language& languageOf(const Options& options)
+const Language& languageOf(const NewOptions& options)
 {
     return *std::find_if(std::begin(kLanguages), std::end(kLanguages),
                          [&](const Language& language) { return options.language == language.name; });
@@ -71,7 +71,7 @@ const Language& languageOf(const Options& options)
 
 // ---- Names ----
 
-std::string libraryName(const std::string& name, const Kind& kind)
+std::string libraryName(const std::string& name, const ModuleKind& kind)
 {
     const auto isAllowed = [](char c) { return isAsciiAlphanumeric(c) || c == '-' || c == '_'; };
     if (name.empty() || !std::all_of(name.begin(), name.end(), isAllowed) || !isAsciiAlphanumeric(name[0])) {
@@ -109,7 +109,7 @@ std::string identifierFor(std::string name)
 // A word and what stands for it. It may hold words that come later in the list.
 using Words = std::vector<std::pair<std::string, std::string>>;
 
-Words wordsFor(const std::string& name, const Kind& kind, const Language& language)
+Words wordsFor(const std::string& name, const ModuleKind& kind, const Language& language)
 {
     const std::string identifier = identifierFor(name);
     return {
@@ -142,7 +142,7 @@ fs::path templateDirectory()
     return found;
 }
 
-struct File {
+struct TemplateFile {
     fs::path path; // below the module's directory
     std::string text;
 };
@@ -159,17 +159,17 @@ bool isOfLanguage(const fs::path& file, const Language& language)
     return file.stem() != "NAME" || file.extension() == std::string(".") + language.suffix;
 }
 
-std::vector<File> fillTemplate(const Words& words, const std::string& name, const Language& language)
+std::vector<TemplateFile> fillTemplate(const Words& words, const std::string& name, const Language& language)
 {
     const fs::path from = templateDirectory();
-    std::vector<File> files;
+    std::vector<TemplateFile> files;
     for (const auto& entry : fs::recursive_directory_iterator(from)) {
         if (entry.is_directory() || !isOfLanguage(entry.path(), language)) {
             continue;
         }
         std::string path = entry.path().lexically_relative(from);
         replaceAll(path, "NAME", name);
-        File file{path, readText(entry.path())};
+        TemplateFile file{path, readText(entry.path())};
         for (const auto& [word, replacement] : words) {
             replaceAll(file.text, word, replacement);
         }
@@ -216,7 +216,7 @@ public:
     NewDirectory(const NewDirectory&) = delete;
     NewDirectory& operator=(const NewDirectory&) = delete;
 
-    void write(const File& file)
+    void write(const TemplateFile& file)
     {
         makeDirectory((path_ / file.path).parent_path());
         writeText(path_ / file.path, file.text);
@@ -244,15 +244,15 @@ private:
     sigset_t signals_;
 };
 
-int makeModule(const Options& options)
+int makeModule(const NewOptions& options)
 {
-    const Kind& kind = kindOf(options);
+    const ModuleKind& kind = kindOf(options);
     const Language& language = languageOf(options);
     const std::string name = libraryName(options.name, kind);
-    const std::vector<File> files = fillTemplate(wordsFor(name, kind, language), name, language);
+    const std::vector<TemplateFile> files = fillTemplate(wordsFor(name, kind, language), name, language);
     const std::string output = options.output.empty() ? name : options.output;
     NewDirectory directory(output);
-    for (const File& file : files) {
+    for (const TemplateFile& file : files) {
         directory.write(file);
     }
     directory.commit();
@@ -267,7 +267,7 @@ int makeModule(const Options& options)
 
 void defineNew(common::CommandLine& command)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<NewOptions>();
     command.text("NAME", options->name, "Name of the module, and of its library's file (NAME.so)").required();
     common::CommandLine& kinds =
         command.group(common::CommandLine::Choice::kAtMostOne, "kind", "How its images reach the hardware");

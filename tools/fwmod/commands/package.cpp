@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 
 namespace
 {
-struct Options {
+struct PackageOptions {
     std::string image;
     std::string information;
     std::string identifier;
@@ -36,7 +36,7 @@ try {
                           error.code().message() + " (TMPDIR may name another directory)");
 }
 
-void refuseTooLarge(const fs::path& image)
+void refuseTooLargeImage(const fs::path& image)
 {
     constexpr std::uintmax_t kMost = common::PackageImage::kMostBytes;
     requireReadable(image);
@@ -72,11 +72,11 @@ try {
     throw common::Failure("cannot write " + output.string() + ": " + std::strerror(error));
 }
 
-int package(const Options& options)
+int package(const PackageOptions& options)
 {
     const std::string firmware = firmwareName(options.identifier, "--id");
     const fs::path output = options.output.empty() ? options.identifier + ".img" : options.output;
-    refuseTooLarge(options.image);
+    refuseTooLargeImage(options.image);
     const InformationReport report = checkInformation(options.information, fs::path(options.image));
     if (!report.accepted) {
         std::string text = formatReport(options.information, report);
@@ -104,7 +104,7 @@ int package(const Options& options)
 
 void definePackage(common::CommandLine& command)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<PackageOptions>();
     command.text("--image", options->image, "The firmware image; called NAME.bin in the package").required();
     command.text("--info", options->information, "Its information file (fwmod info)").required();
     command.text("--id", options->identifier, "The module's identifier, as getEMPID writes it").required();

@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 
 namespace
 {
-using Kind = common::DaemonEventKind;
+using EventKind = common::DaemonEventKind;
 using std::chrono::steady_clock;
 using tarnwick::PowerWasCut;
 using tarnwick::Television;
@@ -38,7 +38,7 @@ constexpr double kQuickRate = 5;
 
 constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
 
-struct Options {
+struct TryOptions {
     fs::path library;
     fs::path package;
     fs::path firmware;
@@ -91,20 +91,20 @@ Write readWrite(const std::vector<tarnwick::Message>& messages)
         write.duration = static_cast<double>(message.time - start) / 1e6;
     };
     for (const tarnwick::Message& message : messages) {
-        const Kind kind = common::readDaemonMessage(message.text).kind;
+        const EventKind kind = common::readDaemonMessage(message.text).kind;
         if (common::isComplaint(message.text)) {
             write.reason = common::withoutLineEnd(message.text);
         }
-        if (kind == Kind::kUpdateBegun) {
+        if (kind == EventKind::kUpdateBegun) {
             write.verdict = "unfinished";
             start = message.time;
-        } else if (kind == Kind::kUpdateTimedOut) {
+        } else if (kind == EventKind::kUpdateTimedOut) {
             end("time-out", message);
         } else if (write.verdict == "time-out") {
             continue; // what comes after it is lost
-        } else if (kind == Kind::kUpdateFailed) {
+        } else if (kind == EventKind::kUpdateFailed) {
             end("failure", message);
-        } else if (kind == Kind::kUpdateSucceeded) {
+        } else if (kind == EventKind::kUpdateSucceeded) {
             end("success", message);
         }
     }
@@ -131,13 +131,13 @@ std::string oneDecimal(double value)
 
 // ---- Before a set is made ----
 
-bool isExternal(const Options& options)
+bool isExternal(const TryOptions& options)
 {
     return isExternalName(options.library.stem());
 }
 
 // What the daemon would stumble over at once.
-void checkLibrary(const Options& options)
+void checkLibrary(const TryOptions& options)
 {
     if (options.library.extension() != ".so") {
         throw common::Failure("the daemon opens NAME.so only: rename " + options.library.string());
@@ -155,7 +155,7 @@ void checkLibrary(const Options& options)
     }
 }
 
-void checkUse(const Options& options)
+void checkUse(const TryOptions& options)
 {
     if (isExternal(options) && !options.package.empty()) {
         throw common::WrongUse(
@@ -173,7 +173,7 @@ void checkUse(const Options& options)
     }
 }
 
-void checkRootless(const Options& options)
+void checkRootless(const TryOptions& options)
 {
     const bool isRootless = options.isRootless || geteuid() != 0;
     if (!isRootless || options.package.empty()) {
@@ -195,7 +195,7 @@ void checkRootless(const Options& options)
 class Trial
 {
 public:
-    explicit Trial(const Options& options)
+    explicit Trial(const TryOptions& options)
         : options_(options), name_(options.library.stem()), story_(options.isJson ? stderr : stdout)
     {
     }
@@ -212,7 +212,7 @@ private:
     void chapter(const std::string& title);
     void prove(const std::string& text, bool isTrue) { result_.proofs.push_back({text, isTrue}); }
 
-    bool said(Kind kind) const;
+    bool said(EventKind kind) const;
     bool hasReached(int state) const;
     bool isFoundPending();
     Json::Value examine();
@@ -237,7 +237,7 @@ private:
     void report() const;
     Json::Value toJson() const;
 
-    const Options& options_;
+    const TryOptions& options_;
     const std::string name_; // of the library
     std::FILE* const story_;
     const common::InterruptionWatch watch_; // also while the set is removed
@@ -363,7 +363,7 @@ void Trial::tryModule()
 
 // ---- What the daemon finds ----
 
-bool Trial::said(Kind kind) const
+bool Trial::said(EventKind kind) const
 {
     const std::vector<tarnwick::Message> messages = set_->messagesOfBoot();
     return std::any_of(messages.begin(), messages.end(), [&](const tarnwick::Message& message) {
@@ -376,16 +376,16 @@ bool Trial::hasReached(int state) const
     const std::vector<tarnwick::Message> messages = set_->messagesOfBoot();
     return std::any_of(messages.begin(), messages.end(), [&](const tarnwick::Message& message) {
         const common::DaemonEvent event = common::readDaemonMessage(message.text);
-        return event.kind == Kind::kState && event.number(0) == state;
+        return event.kind == EventKind::kState && event.number(0) == state;
     });
 }
 
 // At a boot: waits until the daemon has decided, and says whether it stays for an update.
 bool Trial::isFoundPending()
 {
-    set_->waitUntil([this] { return said(Kind::kPending) || set_->daemonEnd(); },
+    set_->waitUntil([this] { return said(EventKind::kPending) || set_->daemonEnd(); },
                     "the daemon checks the module", kPatience);
-    if (said(Kind::kPending)) {
+    if (said(EventKind::kPending)) {
         return true;
     }
     if (const tarnwick::End end = *set_->daemonEnd(); end.status != 0) {
@@ -544,7 +544,7 @@ void Trial::updateOnScreen()
     set_->setClockRate(kQuickRate);
     set_->clickUpgradeUi("close");
     // It would wait for a power lock.
-    set_->waitUntil([this] { return set_->boots() > 1 && said(Kind::kStarted); }, "the set reboots",
+    set_->waitUntil([this] { return set_->boots() > 1 && said(EventKind::kStarted); }, "the set reboots",
                     kPatience);
     hasRebooted_ = true;
 }
@@ -755,7 +755,7 @@ Json::Value Trial::toJson() const
     return json;
 }
 
-void checkFiles(const Options& options)
+void checkFiles(const TryOptions& options)
 {
     requireReadable(options.library);
     if (!options.package.empty()) {
@@ -768,7 +768,7 @@ void checkFiles(const Options& options)
     refuseTooMuchForSet(options.hardware);
 }
 
-int tryModule(const Options& options)
+int tryModule(const TryOptions& options)
 {
     checkUse(options);
     checkFiles(options);
@@ -780,7 +780,7 @@ int tryModule(const Options& options)
 
 void defineTry(common::CommandLine& command)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<TryOptions>();
     command.path("LIB", options->library, "The control library, NAME.so").required();
     command.path("--package", options->package, "Its package, IDENTIFIER.img: the package service has it");
     command.path("--firmware", options->firmware,

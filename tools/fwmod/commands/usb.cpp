@@ -30,7 +30,7 @@ namespace
 {
 constexpr std::size_t kChunkSize = 65536;
 
-struct Options {
+struct UsbOptions {
     std::string versionHeader;
     std::string headerFile;
     std::string payload;
@@ -45,11 +45,11 @@ struct Closer {
     void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
     void operator()(BIO* bytes) const { BIO_free(bytes); }
 };
-using File = std::unique_ptr<FILE, Closer>;
+using OpenFile = std::unique_ptr<FILE, Closer>;
 
-File openFile(const fs::path& path, const char* mode)
+OpenFile openFile(const fs::path& path, const char* mode)
 {
-    File file(std::fopen(path.c_str(), mode));
+    OpenFile file(std::fopen(path.c_str(), mode));
     if (!file) {
         throw common::Failure("cannot open " + path.string() + ": " + std::strerror(errno));
     }
@@ -71,7 +71,7 @@ usb::VersionHeader fillHeader(const std::string& bytes, const std::string& sourc
     return header;
 }
 
-usb::VersionHeader readHeader(const Options& options)
+usb::VersionHeader readHeader(const UsbOptions& options)
 {
     if (options.headerFile.empty()) { // a text keeps its terminator
         return fillHeader(options.versionHeader, "--version-header", usb::kVersionHeaderSize - 1);
@@ -179,7 +179,7 @@ std::int64_t imageSize(std::int64_t payloadSize)
     return static_cast<std::int64_t>(usb::kIvSize + signature::kTrailerSize) + (plain / block + 1) * block;
 }
 
-void refuseTooLarge(const fs::path& payload)
+void refuseTooLargePayload(const fs::path& payload)
 {
     const auto size = static_cast<std::int64_t>(fs::file_size(payload));
     if (size > usb::kLargestImage || imageSize(size) > usb::kLargestImage) {
@@ -232,14 +232,14 @@ private:
     }
 
     fs::path path_;
-    File file_;
+    OpenFile file_;
     std::unique_ptr<EVP_MD_CTX, Closer> digest_;
 };
 
 void encrypt(const usb::VersionHeader& header, const fs::path& payload, EVP_CIPHER_CTX* cipher,
              ImageWriter& out)
 {
-    const File in = openFile(payload, "rbe");
+    const OpenFile in = openFile(payload, "rbe");
     std::vector<unsigned char> plain(header.begin(), header.end());
     std::vector<unsigned char> secret(kChunkSize + usb::kBlockSize);
     int produced = 0;
@@ -261,14 +261,14 @@ void encrypt(const usb::VersionHeader& header, const fs::path& payload, EVP_CIPH
     out.writeSigned(secret.data(), static_cast<std::size_t>(produced));
 }
 
-int makeImage(const Options& options)
+int makeImage(const UsbOptions& options)
 {
     const usb::VersionHeader header = readHeader(options);
     const usb::Iv iv = chooseIv(options.iv);
     refuseOverwriting(options.output,
                       {options.payload, options.keyFile, options.signKey, options.headerFile});
     requireReadable(options.payload);
-    refuseTooLarge(options.payload);
+    refuseTooLargePayload(options.payload);
     NewFile result(options.output);
     const Remover afterKill; // made before a key is in memory, which it would have as well
     const signature::Key signKey = readSigningKey(options.signKey);
@@ -293,7 +293,7 @@ int makeImage(const Options& options)
 
 void defineUsb(common::CommandLine& command)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<UsbOptions>();
     common::CommandLine& header =
         command.group(common::CommandLine::Choice::kExactlyOne, "header", "What checkVersion reads");
     header.text("--version-header", options->versionHeader, "As a text, at most 63 bytes");

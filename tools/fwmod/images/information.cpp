@@ -16,44 +16,46 @@ namespace fs = std::filesystem;
 
 namespace
 {
-using Kind = InformationFinding::Kind;
+using FindingKind = InformationFinding::Kind;
 
 // ---- What the daemon makes of each value ----
 
 struct Meaning {
-    Kind kind;
+    FindingKind kind;
     std::string text;
 };
 
 Meaning meaningOfVersion(const Json::Value* value)
 {
     if (value == nullptr) {
-        return {Kind::Warning, "absent: the daemon takes \"0000\"; give the image's version"};
+        return {FindingKind::Warning, "absent: the daemon takes \"0000\"; give the image's version"};
     }
     const std::string taken = value->asString();
     if (!value->isString()) {
-        return {Kind::Warning, "not a text: the daemon takes \"" + taken + "\"; put the version in quotes"};
+        return {FindingKind::Warning,
+                "not a text: the daemon takes \"" + taken + "\"; put the version in quotes"};
     }
     if (taken.empty()) {
-        return {Kind::Warning, "empty: the module is asked about an empty version; give the image's version"};
+        return {FindingKind::Warning,
+                "empty: the module is asked about an empty version; give the image's version"};
     }
-    return {Kind::Fine, "offered to the module's checkVersion"};
+    return {FindingKind::Fine, "offered to the module's checkVersion"};
 }
 
 Meaning meaningOfNumber(const Json::Value& value, const std::string& use)
 {
     const unsigned int taken = value.asUInt();
     if (value.type() == Json::intValue || value.type() == Json::uintValue) {
-        return {Kind::Fine, use};
+        return {FindingKind::Fine, use};
     }
-    return {Kind::Warning,
+    return {FindingKind::Warning,
             "not a whole number: the daemon takes " + std::to_string(taken) + "; write it as one"};
 }
 
 Meaning meaningOfCrc(const Json::Value* value)
 {
     if (value == nullptr) {
-        return {Kind::Warning,
+        return {FindingKind::Warning,
                 "absent: the daemon takes 0, which no usual image has; add it (fwmod crc IMAGE)"};
     }
     return meaningOfNumber(*value, "compared with the image's checksum");
@@ -62,11 +64,12 @@ Meaning meaningOfCrc(const Json::Value* value)
 Meaning meaningOfExpectedTime(const Json::Value* value)
 {
     if (value == nullptr) {
-        return {Kind::Warning, "absent: the daemon takes 300 seconds; measure the update and add a margin"};
+        return {FindingKind::Warning,
+                "absent: the daemon takes 300 seconds; measure the update and add a margin"};
     }
     const Meaning meaning = meaningOfNumber(*value, "seconds; the update is given two more");
     if (value->asUInt() == 0) {
-        return {Kind::Warning, "0 seconds: the update is given only two; measure it and add a margin"};
+        return {FindingKind::Warning, "0 seconds: the update is given only two; measure it and add a margin"};
     }
     return meaning;
 }
@@ -76,22 +79,23 @@ Meaning meaningOfUiUse(const Json::Value* value)
     const std::string none =
         "the daemon takes \"none\": not offered on the screen, and refused in the system image";
     if (value == nullptr) {
-        return {Kind::Warning, "absent: " + none};
+        return {FindingKind::Warning, "absent: " + none};
     }
     if (!value->isString()) {
-        return {Kind::Warning, "not a text: " + none};
+        return {FindingKind::Warning, "not a text: " + none};
     }
     const std::string text = value->asString();
     if (text == "select") {
-        return {Kind::Fine, "the screen offers the update"};
+        return {FindingKind::Fine, "the screen offers the update"};
     }
     if (text == "force") {
-        return {Kind::Fine, "the screen forces the update"};
+        return {FindingKind::Fine, "the screen forces the update"};
     }
     if (text == "none") {
-        return {Kind::Fine, "not offered on the screen; refused in the system image"};
+        return {FindingKind::Fine, "not offered on the screen; refused in the system image"};
     }
-    return {Kind::Warning, "unknown: " + none + "; write \"select\", \"force\" or \"none\", in lower case"};
+    return {FindingKind::Warning,
+            "unknown: " + none + "; write \"select\", \"force\" or \"none\", in lower case"};
 }
 
 struct Key {
@@ -125,7 +129,7 @@ InformationFinding explain(const Key& key, const Json::Value& root)
         const Meaning meaning = key.meaning(value);
         return {meaning.kind, key.name, written, meaning.text};
     } catch (const Json::Exception&) {
-        return {Kind::Refused, key.name, written,
+        return {FindingKind::Refused, key.name, written,
                 std::string("not ") + key.expected + ": the daemon refuses the file; correct the value"};
     }
 }
@@ -133,7 +137,8 @@ InformationFinding explain(const Key& key, const Json::Value& root)
 std::vector<InformationFinding> explainAll(const Json::Value& root)
 {
     if (!root.isObject() && !root.isNull()) {
-        return {{Kind::Refused, "-", common::compactJson(root), "no JSON object: write {\"version\": ...}"}};
+        return {{FindingKind::Refused, "-", common::compactJson(root),
+                 "no JSON object: write {\"version\": ...}"}};
     }
     std::vector<InformationFinding> findings;
     for (const Key& key : kKeys) {
@@ -141,8 +146,8 @@ std::vector<InformationFinding> explainAll(const Json::Value& root)
     }
     for (const std::string& name : root.getMemberNames()) {
         if (!isKnown(name)) {
-            findings.push_back(
-                {Kind::Warning, name, common::compactJson(root[name]), "the daemon does not read this key"});
+            findings.push_back({FindingKind::Warning, name, common::compactJson(root[name]),
+                                "the daemon does not read this key"});
         }
     }
     return findings;
@@ -154,22 +159,22 @@ std::vector<InformationFinding> explainFile(const fs::path& file)
     std::string why;
     const std::optional<std::string> text = common::readRegularFile(file, kDaemons.bytes, why);
     if (!text) {
-        return {{Kind::Refused, "-", "-", "it " + why}};
+        return {{FindingKind::Refused, "-", "-", "it " + why}};
     }
     if (const std::optional<Json::Value> root = common::parseJson(*text, &why, kDaemons)) {
         return explainAll(*root);
     }
-    return {{Kind::Refused, "-", "-", "not JSON: " + why}};
+    return {{FindingKind::Refused, "-", "-", "not JSON: " + why}};
 }
 
 // ---- The verdict ----
 
-const char* nameOf(Kind kind)
+const char* nameOf(FindingKind kind)
 {
     switch (kind) {
-    case Kind::Warning:
+    case FindingKind::Warning:
         return "warning";
-    case Kind::Refused:
+    case FindingKind::Refused:
         return "refused";
     default:
         return "ok";
@@ -196,11 +201,11 @@ InformationReport checkInformation(const fs::path& file, const std::optional<fs:
 void compareChecksum(InformationReport& report, unsigned int checksum, const std::string& image)
 {
     if (report.values.crc == checksum) {
-        report.findings.push_back({Kind::Fine, "image", image, "its checksum is \"crc\""});
+        report.findings.push_back({FindingKind::Fine, "image", image, "its checksum is \"crc\""});
         return;
     }
     report.accepted = false;
-    report.findings.push_back({Kind::Refused, "image", image,
+    report.findings.push_back({FindingKind::Refused, "image", image,
                                "its checksum is " + std::to_string(checksum) +
                                    ", not \"crc\": write the file anew (fwmod info --version ...)"});
 }

@@ -368,13 +368,13 @@ void inspectUnknown(const InspectionRequest& request, Inspection& result)
     }
 }
 
-struct Kind {
+struct FileKind {
     bool (*recognises)(const fs::path& path);
     void (*inspect)(const InspectionRequest& request, Inspection& result);
 };
 
 // The trailer comes first: the encrypted bytes before it may look like anything.
-constexpr Kind kKinds[] = {
+constexpr FileKind kKinds[] = {
     {isEncryptedImage, inspectImage},
     {isPackage, inspectPackage},
     {[](const fs::path& path) { return isElf(path); }, inspectLibrary},
@@ -397,7 +397,7 @@ Inspection inspectFile(const InspectionRequest& request)
 {
     requireReadable(request.file);
     Inspection result;
-    for (const Kind& kind : kKinds) {
+    for (const FileKind& kind : kKinds) {
         if (!kind.recognises(request.file)) {
             continue;
         }

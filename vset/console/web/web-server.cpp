@@ -22,7 +22,7 @@ namespace
 constexpr const char* kSocket = "/socket";
 constexpr const char* kUploads = "/usb/";
 constexpr common::JsonLimits kOrderLimits{65536, 8};
-constexpr const char* kUpload = "upload";             // what a request keeps its file under
+constexpr const char* kUploadOfRequest = "upload";    // what a request keeps its file under
 constexpr goffset kMostUpload = UsbSlot::kMostOfFile; // bytes
 
 struct FileType {
@@ -53,12 +53,12 @@ const char* typeOf(const std::string& path)
 // The file that the request brings; null once it is refused, and for all other requests.
 StickFile* uploadOf(SoupServerMessage* message)
 {
-    return static_cast<StickFile*>(g_object_get_data(G_OBJECT(message), kUpload));
+    return static_cast<StickFile*>(g_object_get_data(G_OBJECT(message), kUploadOfRequest));
 }
 
 void keepUpload(SoupServerMessage* message, std::unique_ptr<StickFile> file)
 {
-    g_object_set_data_full(G_OBJECT(message), kUpload, file.release(),
+    g_object_set_data_full(G_OBJECT(message), kUploadOfRequest, file.release(),
                            [](gpointer kept) { delete static_cast<StickFile*>(kept); });
 }
 

@@ -12,7 +12,7 @@ namespace fwmod::examiner
 
 namespace
 {
-constexpr int kTimes = 8;
+constexpr int kTimesEach = 8;
 constexpr int kFirstUnknownCaller = -1;
 constexpr int kLastUnknownCaller = 8; // 0 to 7 are used
 constexpr const char* kDigits = "0123456789";
@@ -130,7 +130,7 @@ private:
 
 void askIdentifier(Worker& worker, SameText& identifier)
 {
-    worker.repeat("getEMPID", kTimes, [&] {
+    worker.repeat("getEMPID", kTimesEach, [&] {
         const auto text = worker.identifier();
         if (text) {
             identifier.take(*text, "");
@@ -149,7 +149,7 @@ void askIdentifier(Worker& worker, SameText& identifier)
 
 void askVersion(Worker& worker, SameText& version)
 {
-    worker.repeat("getActiveVersion", kTimes, [&] {
+    worker.repeat("getActiveVersion", kTimesEach, [&] {
         const auto text = worker.activeVersion();
         if (text) {
             version.take(*text, "");
@@ -169,7 +169,7 @@ void complainOfNoVerdict(const Worker& worker, const std::string& version, int r
 void askAboutInstalled(Worker& worker, const std::string& version)
 {
     const bool isOrdinary = partsOf(version).has_value() || worker.job().version == version;
-    worker.repeat("checkVersion", kTimes, [&] {
+    worker.repeat("checkVersion", kTimesEach, [&] {
         const auto verdict = worker.checkVersion(version);
         if (verdict && verdict->result != 0 && isOrdinary) {
             complainOfNoVerdict(worker, version, verdict->result);
@@ -219,14 +219,14 @@ void askAboutNonsense(Worker& worker, const std::string& installed)
     }
     worker.checkVersion(std::string(5000, '9')); // may be a version; to be survived
     const std::string nonsense = "no version";
-    worker.repeat("checkVersion(" + quote(nonsense) + ")", kTimes,
+    worker.repeat("checkVersion(" + quote(nonsense) + ")", kTimesEach,
                   [&] { return worker.checkVersion(nonsense).has_value(); });
 }
 
 void askOptional(Worker& worker)
 {
     if (worker.has("getExpectedTime")) {
-        worker.repeat("getExpectedTime", kTimes, [&] {
+        worker.repeat("getExpectedTime", kTimesEach, [&] {
             const auto seconds = worker.expectedTime();
             if (seconds && *seconds < 1) {
                 worker.found(FindingId::UselessExpectedTime,
@@ -236,7 +236,7 @@ void askOptional(Worker& worker)
         });
     }
     if (worker.has("getUpdateProgress")) {
-        worker.repeat("getUpdateProgress", kTimes, [&] {
+        worker.repeat("getUpdateProgress", kTimesEach, [&] {
             const auto percent = worker.progress();
             if (percent && *percent > 0 && *percent <= 100) {
                 worker.found(FindingId::EarlyProgress, "getUpdateProgress told " + std::to_string(*percent));
@@ -245,7 +245,7 @@ void askOptional(Worker& worker)
         });
     }
     if (worker.has("allUpdateDone")) {
-        worker.repeat("allUpdateDone", kTimes, [&] {
+        worker.repeat("allUpdateDone", kTimesEach, [&] {
             worker.allUpdateDone();
             return true;
         });
@@ -255,7 +255,7 @@ void askOptional(Worker& worker)
 // Every value that the interface allows, also the ones that a set seldom uses.
 void setEveryContext(Worker& worker)
 {
-    worker.repeat("setContext", kTimes, [&] { return worker.setContext(worker.job().caller, ""); });
+    worker.repeat("setContext", kTimesEach, [&] { return worker.setContext(worker.job().caller, ""); });
     for (int caller = kFirstUnknownCaller; caller <= kLastUnknownCaller; ++caller) {
         worker.setContext(caller, "");
         worker.setContext(caller, nullptr);
