@@ -251,6 +251,9 @@ std::vector<std::string> Checker::argumentsOf(const ListedTrial& trial, const fs
         setenv("LD_PRELOAD",
                (preload.string() + (others == nullptr ? "" : std::string(":") + others)).c_str(), 1);
     }
+    for (const char* const name : {"HOME", "USER", "LOGNAME", "SHELL"}) {
+        unsetenv(name); // a service has none of them
+    }
     // What the C library keeps for each thread after free() counts as allocated, and fills up for long.
     setenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0", 1);
     execv(words[0], words.data());

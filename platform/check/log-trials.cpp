@@ -27,6 +27,7 @@ namespace
 constexpr const char* kLogTrials = "log-trials.cpp";
 
 constexpr int kSystemBuffer = 2;
+constexpr int kDebug = 3;
 constexpr int kError = 6;
 constexpr std::size_t kLongText = 6000;
 
@@ -72,6 +73,25 @@ std::vector<std::string> expectedTexts(const Values& values)
     texts[kReason] = printed("reason %s, %u", std::strerror(EXDEV), values.token);
     texts[kPercent] = printed("%u=%s.", values.token, "%s%n%d");
     return texts;
+}
+
+// Where buffers end.
+std::vector<std::size_t> edgeLengths()
+{
+    std::vector<std::size_t> lengths;
+    for (std::size_t power = 128; power <= 8192; power *= 2) {
+        for (std::size_t length = power - 2; length <= power + 1; ++length) {
+            lengths.push_back(length);
+        }
+    }
+    return lengths;
+}
+
+// Its end is its own.
+std::string edgeText(std::size_t length, unsigned int token)
+{
+    const std::string end = printed("%zu of %u.", length, token);
+    return std::string(length - end.size(), 'E') + end;
 }
 
 // ---- Who logs ----
@@ -140,16 +160,23 @@ void logOnThreads(Trial& trial, bool isTrace, unsigned int token)
 void logAll(Trial& trial, bool isTrace)
 {
     const Values values{trial.options().token};
+    CHECKED_RECORD(trial, isTrace, kError, "reason %m, %u", values.token); // the very first: it opens the log
     CHECKED_RECORD(trial, isTrace, kError, "n=%d u=%llu s=%s %5.2f|", values.negative(), values.big(), "word",
                    2.5);
     CHECKED_RECORD(trial, isTrace, kError, "%s,%u,%d,end", values.longText.c_str(), values.token,
                    values.negative());
-    CHECKED_RECORD(trial, isTrace, kError, "reason %m, %u", values.token);
     CHECKED_RECORD(trial, isTrace, kError, "%u=%s.", values.token, "%s%n%d");
-    for (int priority = 3; priority <= kError; ++priority) {
-        CHECKED_RECORD(trial, isTrace, priority, "priority");
+    for (int priority = kDebug; priority <= kError; ++priority) {
+        CHECKED_RECORD(trial, isTrace, priority, "early, priority %d, %u.", priority, values.token);
+    }
+    CHECKED_RECORD(trial, isTrace, kError, "a record of the gravest priority, which may take others with it");
+    for (const std::size_t length : edgeLengths()) {
+        CHECKED_RECORD(trial, isTrace, kError, "%s", edgeText(length, values.token).c_str());
     }
     logOnThreads(trial, isTrace, values.token);
+    for (int priority = kError; priority >= kDebug; --priority) {
+        CHECKED_RECORD(trial, isTrace, priority, "late, priority %d, %u.", priority, values.token);
+    }
     trial.iterate(500ms);
     std::quick_exit(0);
 }
@@ -213,6 +240,36 @@ void judgeThreads(Trial& trial, const Traced& traced, const std::vector<std::str
                       std::to_string(missing) + " are not whole in what was written");
 }
 
+// Only where a long text is written in one piece.
+void judgeEdges(Trial& trial, const Traced& traced, const Values& values, const char* logger)
+{
+    if (traced.written.find(values.longText) == std::string::npos) {
+        return;
+    }
+    std::string missing;
+    for (const std::size_t length : edgeLengths()) {
+        if (traced.written.find(edgeText(length, values.token)) == std::string::npos) {
+            missing += (missing.empty() ? "" : ", ") + std::to_string(length);
+        }
+    }
+    trial.require(missing.empty(), FindingId::RecordCut,
+                  std::string(logger) +
+                      ": not whole in what was written: a text of so many characters: " + missing);
+}
+
+// A priority that is left out altogether is the set's own choice.
+void judgeLastRecords(Trial& trial, const Traced& traced, const char* logger)
+{
+    for (int priority = kDebug; priority <= kError; ++priority) {
+        const auto isWritten = [&](const char* when) {
+            return traced.written.find(printed("%s, priority %d, %u.", when, priority,
+                                               trial.options().token)) != std::string::npos;
+        };
+        trial.require(!isWritten("early") || isWritten("late"), FindingId::LostAtTheEnd,
+                      std::string(logger) + ": the last record of priority " + std::to_string(priority));
+    }
+}
+
 void watch(Trial& trial, const char* logger, bool isTrace)
 {
     const TrialOptions& options = trial.options();
@@ -233,6 +290,9 @@ void watch(Trial& trial, const char* logger, bool isTrace)
     } else if (options.isLogTextJudged) {
         judgeTexts(trial, traced, texts, isTrace);
         judgeThreads(trial, traced, texts, isTrace);
+        const char* const name = isTrace ? "TraceLogger::record" : "__norlog_print";
+        judgeEdges(trial, traced, Values{options.token}, name);
+        judgeLastRecords(trial, traced, name);
     }
 }
 

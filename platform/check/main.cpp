@@ -14,6 +14,7 @@
 #include "common/terminal/progress-line.h"
 #include "common/terminal/visible-text.h"
 #include "platform/check/checking.h"
+#include "platform/check/trial-list.h"
 
 namespace platformcheck
 {
@@ -159,10 +160,17 @@ int check(const Options& options)
         common::requireWritable(options.junit);
     }
     common::ProgressLine line;
+    bool isAsked = false;
     const CheckReport report =
         checkPlatform(options.check, [&](const std::string& what, unsigned int percent) {
             if (line.isDrawn()) {
                 line.show(what, percent);
+            } else if (!isAsked && what == titleOf("power-changes")) {
+                isAsked = true; // who is at the set has no line to see it on
+                std::fprintf(
+                    stderr,
+                    "tarnwick-platform-check: waiting for up to %u s: put the set to standby and back now\n",
+                    options.check.seconds);
             }
         });
     line.clear();

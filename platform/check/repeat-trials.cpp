@@ -167,11 +167,22 @@ void settingsOnce(Trial& trial)
                [&] { return pralis_get_int("memory/tarnwick/platform_check/no_such_key", &value); });
 }
 
+// Told once: the first time that it fails is what counts.
+void expectSuccess(Trial& trial, FindingId otherwise, const char* name, int (*call)())
+{
+    const int result = trial.call(name, call);
+    if (!trial.hasFound()) {
+        trial.require(result == 0, otherwise,
+                      std::string(name) + ", again and again: the result is " + std::to_string(result));
+    }
+}
+
 void subscriptionOnce(Trial& trial)
 {
-    trial.call("pralis_notify_key_changed",
-               [] { return pralis_notify_key_changed(kStatus, onKey, &heardKeys); });
-    trial.call("pralis_ignore_key_changed", [] { return pralis_ignore_key_changed(kStatus, onKey); });
+    expectSuccess(trial, FindingId::NotSubscribed, "pralis_notify_key_changed",
+                  [] { return pralis_notify_key_changed(kStatus, onKey, &heardKeys); });
+    expectSuccess(trial, FindingId::NotUnsubscribed, "pralis_ignore_key_changed",
+                  [] { return pralis_ignore_key_changed(kStatus, onKey); });
 }
 
 // The subscription of this one stands for as long as its process does.
@@ -206,14 +217,14 @@ void powerOnce(Trial& trial)
 
 void powerEventsOnce(Trial& trial)
 {
-    trial.call("pwrctl_subscribe_state_changed_event",
-               [] { return pwrctl_subscribe_state_changed_event(ignoreState, nullptr); });
-    trial.call("pwrctl_subscribe_poweroff_event",
-               [] { return pwrctl_subscribe_poweroff_event(ignorePowerOff, nullptr); });
-    trial.call("pwrctl_unsubscribe_state_changed_event",
-               [] { return pwrctl_unsubscribe_state_changed_event(ignoreState); });
-    trial.call("pwrctl_unsubscribe_poweroff_event",
-               [] { return pwrctl_unsubscribe_poweroff_event(ignorePowerOff); });
+    expectSuccess(trial, FindingId::EventsNotSubscribed, "pwrctl_subscribe_state_changed_event",
+                  [] { return pwrctl_subscribe_state_changed_event(ignoreState, nullptr); });
+    expectSuccess(trial, FindingId::EventsNotSubscribed, "pwrctl_subscribe_poweroff_event",
+                  [] { return pwrctl_subscribe_poweroff_event(ignorePowerOff, nullptr); });
+    expectSuccess(trial, FindingId::EventsNotUnsubscribed, "pwrctl_unsubscribe_state_changed_event",
+                  [] { return pwrctl_unsubscribe_state_changed_event(ignoreState); });
+    expectSuccess(trial, FindingId::EventsNotUnsubscribed, "pwrctl_unsubscribe_poweroff_event",
+                  [] { return pwrctl_unsubscribe_poweroff_event(ignorePowerOff); });
 }
 
 void flagsOnce(Trial& trial)
@@ -420,9 +431,10 @@ struct Worker {
     FindingId otherwise = FindingId::NotTogether;
 };
 
-void runTogether(Trial& trial, const std::vector<Worker>& workers)
+constexpr int kRounds = 60; // of each, or so
+
+void runTogether(Trial& trial, const std::vector<Worker>& workers, int roundsOfEach = kRounds)
 {
-    constexpr int kRounds = 60; // of each, or so
     std::atomic<int> rounds{0};
     std::atomic<bool> isOver{false};
     std::vector<std::thread> threads;
@@ -439,7 +451,7 @@ void runTogether(Trial& trial, const std::vector<Worker>& workers)
             }
         });
     }
-    trial.iterate(4s, [&] { return rounds >= kRounds * static_cast<int>(workers.size()); });
+    trial.iterate(4s, [&] { return rounds >= roundsOfEach * static_cast<int>(workers.size()); });
     isOver = true;
     for (std::thread& thread : threads) {
         thread.join();
@@ -491,12 +503,28 @@ void tryTogether(Trial& trial)
     runTogether(trial, right);
 }
 
+// As many as the daemon has at most, and of one service: the time of each call is judged beside the others.
+void tryPowerTogether(Trial& trial)
+{
+    const auto state = [&] { return trial.call("pwrctl_get_state", pwrctl_get_state) >= 0; };
+    constexpr int kEnough = 8;
+    runTogether(trial,
+                {{"a lock of kind 0", [&] { return lockAndUnlock(trial, 0); }},
+                 {"a lock of kind 2", [&] { return lockAndUnlock(trial, 2); }},
+                 {"the power state", state},
+                 {"the power state", state},
+                 {"the power state", state},
+                 {"the power state", state}},
+                kEnough);
+}
+
 } // namespace
 
 std::vector<TrialKind> repeatTrials()
 {
     std::vector<TrialKind> trials = kindsOf(std::make_index_sequence<std::size(kRepeated)>());
     trials.push_back({"together", tryTogether});
+    trials.push_back({"power-together", tryPowerTogether});
     return trials;
 }
 

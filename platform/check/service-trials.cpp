@@ -84,6 +84,23 @@ void tryFlagsOfOthers(Trial& trial)
     trial.require(!isRaised(trial, flag), FindingId::NotLowered, flag + " is not, though success was said");
     const int again = lower(trial, flag);
     trial.require(again == 0, FindingId::FlagTwice, "lowered" + resultIs(again));
+    trial.runBeside("flag-raiser"); // it was lowered at the last look here
+    trial.require(isRaised(trial, flag), FindingId::FlagNotShared,
+                  flag + " was raised by another process after a look at it");
+    trial.runBeside("flag-lowerer");
+    trial.require(!isRaised(trial, flag), FindingId::FlagNotShared,
+                  flag + " was lowered by another process after a look at it");
+    lower(trial, flag);
+}
+
+void raiseFlag(Trial& trial)
+{
+    raise(trial, flagName(trial, ""));
+}
+
+void lowerFlag(Trial& trial)
+{
+    lower(trial, flagName(trial, ""));
 }
 
 // ---- Watchdog ----
@@ -326,9 +343,11 @@ void tryNullRequest(Trial& trial)
 
 std::vector<TrialKind> serviceTrials()
 {
-    return {{"flags", tryFlags},      {"flags-shared", tryFlagsOfOthers}, {"watchdog", tryWatchdog},
-            {"property", tryVersion}, {"no-property", tryNoValue},        {"package", tryPackages},
-            {"launch", tryLaunch},    {"null-launch", tryNullRequest}};
+    return {{"flags", tryFlags},         {"flags-shared", tryFlagsOfOthers},
+            {"flag-raiser", raiseFlag},  {"flag-lowerer", lowerFlag},
+            {"watchdog", tryWatchdog},   {"property", tryVersion},
+            {"no-property", tryNoValue}, {"package", tryPackages},
+            {"launch", tryLaunch},       {"null-launch", tryNullRequest}};
 }
 
 } // namespace platformcheck

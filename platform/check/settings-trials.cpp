@@ -5,8 +5,6 @@
 #include <climits>
 #include <fstream>
 #include <gio/gio.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -126,6 +124,10 @@ void tryOtherProcess(Trial& trial)
 {
     expectValue(trial, kProgress, valueOf(trial), FindingId::NotShared);
     write(trial, kProgress, 0);
+    write(trial, kStatus, 0);
+    expectValue(trial, kStatus, 0);
+    trial.runBeside("settings-writer"); // what was read here is another value now
+    expectValue(trial, kStatus, valueOf(trial) + 1, FindingId::NotShared);
 }
 
 // ---- Notifications ----
@@ -227,29 +229,7 @@ void expectSilence(Trial& trial, char who, FindingId otherwise, const std::strin
     trial.require(heardBy(who).empty(), otherwise, situation);
 }
 
-// A process beside this one writes, as the upgrade UI does.
-void writeElsewhere(Trial& trial)
-{
-    const std::string page = trial.options().work / "page.writer";
-    const SharedPage made = makePage(page);
-    const std::string program = std::filesystem::read_symlink("/proc/self/exe");
-    const std::string token = std::to_string(trial.options().token);
-    const char* const arguments[] = {program.c_str(), "settings-writer", "--page",
-                                     page.c_str(),    "--work",          trial.options().work.c_str(),
-                                     "--token",       token.c_str(),     nullptr};
-    pid_t process = 0;
-    if (posix_spawn(&process, program.c_str(), nullptr, nullptr, const_cast<char* const*>(arguments),
-                    environ) != 0) {
-        return;
-    }
-    int status = 0;
-    const auto hasEnded = [&] { return waitpid(process, &status, WNOHANG) == process; };
-    if (!trial.iterate(10s, hasEnded)) {
-        kill(process, SIGKILL);
-        waitpid(process, &status, 0);
-    }
-}
-
+// In a process beside the other trials, as the upgrade UI does.
 void tryWriting(Trial& trial)
 {
     write(trial, kStatus, valueOf(trial) + 1);
@@ -275,7 +255,7 @@ void tryOneByOne(Trial& trial)
     expectSilence(trial, 'A', FindingId::NotifiedOfOther,
                   written(kProgress, 7) + ", and who listens to another key was told");
     forgetHeard();
-    writeElsewhere(trial);
+    trial.runBeside("settings-writer");
     expectHeard(trial, 'A', valueOf(trial) + 1, &dataOfStatus, "another process has written");
 }
 
@@ -392,12 +372,37 @@ void tryOrder(Trial& trial)
                       " were told" + (isAnyLast ? "" : ", and not the last one"));
     trial.require(!isAnyLast || std::is_sorted(values.begin(), values.end()), FindingId::NotifiedInDisorder,
                   std::to_string(kLast) + " changes were told in disorder");
+    const bool isEachOnce =
+        values.size() == kLast && std::adjacent_find(values.begin(), values.end()) == values.end();
+    trial.require(values.size() != kLast || isEachOnce, FindingId::NotifiedWrongValue,
+                  "of " + std::to_string(kLast) + " changes in a row one value was told more than once");
     unsubscribe(trial, kStatus, onChanged<'A'>);
     forgetHeard();
     write(trial, kStatus, 5);
     expectHeard(trial, 'B', 5, &dataOfProgress, "after the end of another callback's subscription",
                 FindingId::OthersUnsubscribed);
     unsubscribe(trial, kStatus, onChanged<'B'>);
+}
+
+// The main loop is busy with calls when another thread writes: what is told of it waits until they are over.
+void tryInsideCalls(Trial& trial)
+{
+    if (subscribe(trial, kStatus, onChanged<'A'>, &dataOfStatus) != 0) {
+        return;
+    }
+    forgetHeard();
+    for (const int value : {1, 2, 3, 4}) {
+        std::thread([&] { write(trial, kStatus, value); }).join();
+        g_usleep(20'000); // it is on its way
+        int read = 0;
+        get(trial, kWorking, read);
+        set(trial, kProgress, value);
+    }
+    trial.iterate(100ms);
+    for (const Note& note : heardBy('A')) {
+        trial.require(!note.isInsideCall, FindingId::CallbackThread, "inside a call of another key");
+    }
+    unsubscribe(trial, kStatus, onChanged<'A'>);
 }
 
 void tryThreads(Trial& trial)
@@ -407,9 +412,11 @@ void tryThreads(Trial& trial)
     trySubscribingOn(trial, "a thread that has ended", onThread);
     trySubscribingOn(trial, "a thread with a main context of its own", onThreadWithContext);
     if (subscribe(trial, kStatus, onChangedOnce, nullptr) == 0) {
-        write(trial, kStatus, 2);
+        for (const int value : {2, 3, 4}) { // the later ones wait when the first is told
+            write(trial, kStatus, value);
+        }
         trial.iterate(2s, [] { return keyEndedItself > 0; });
-        write(trial, kStatus, 3);
+        write(trial, kStatus, 5);
         trial.iterate(200ms);
         trial.require(keyEndedItself <= 1, FindingId::AfterUnsubscribe,
                       "the callback had ended its own subscription");
@@ -419,6 +426,7 @@ void tryThreads(Trial& trial)
         unsubscribe(trial, kMirroring, onChanged<'C'>);
     }
     tryOrder(trial);
+    tryInsideCalls(trial);
 }
 
 } // namespace

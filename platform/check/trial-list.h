@@ -49,6 +49,7 @@ inline constexpr ListedTrial kTrials[] = {
     {"platform-log", "Platform log"},
     {"trace-log", "Trace recorder"},
     {"together", "Calls of several threads"},
+    {"power-together", "Power calls of six threads"},
     {"again-settings", "Settings, again and again"},
     {"again-subscription", "Subscriptions, again and again"},
     {"again-notification", "Changes of a key, again and again"},

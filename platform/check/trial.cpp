@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <gio/gio.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <utility>
 
 namespace platformcheck
@@ -135,6 +139,27 @@ bool Trial::iterate(std::chrono::milliseconds most, const std::function<bool()>&
         }
     }
     return over;
+}
+
+void Trial::runBeside(const char* name)
+{
+    const std::string page = options_.work / "page.beside";
+    const SharedPage made = makePage(page);
+    const std::string program = std::filesystem::read_symlink("/proc/self/exe");
+    const std::string token = std::to_string(options_.token);
+    const char* const arguments[] = {program.c_str(),       name,      "--page",      page.c_str(), "--work",
+                                     options_.work.c_str(), "--token", token.c_str(), nullptr};
+    pid_t process = 0;
+    if (posix_spawn(&process, program.c_str(), nullptr, nullptr, const_cast<char* const*>(arguments),
+                    environ) != 0) {
+        return;
+    }
+    int status = 0;
+    const auto hasEnded = [&] { return waitpid(process, &status, WNOHANG) == process; };
+    if (!iterate(10s, hasEnded)) {
+        kill(process, SIGKILL);
+        waitpid(process, &status, 0);
+    }
 }
 
 void Trial::judgeTimes()

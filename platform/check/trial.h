@@ -71,6 +71,9 @@ public:
     // Runs the default main context until `isOver`, or until the time is up. True when it is over.
     bool iterate(std::chrono::milliseconds most, const std::function<bool()>& isOver = [] { return false; });
 
+    // Another trial, in a process beside this one; the default main context runs meanwhile.
+    void runBeside(const char* name);
+
     // What the calls' times say, and what they have changed in the process.
     void judgeTimes();
 

@@ -104,10 +104,17 @@ std::string twoThreads()
     return own == 2 * kLines ? "" : "one's text in the place of the other's";
 }
 
-std::string beforeQuickExit()
+std::string textOfABlock()
+{
+    const std::string name = mark("whole");
+    __norlog_print(kSystem, kError, "PROOF", "%s", (std::string(1024 - name.size(), 'x') + name).c_str());
+    return count("x" + name) == 1 ? "" : "its end is missing";
+}
+
+std::string beforeQuickExit(const char* how)
 {
     const std::string name = mark("last words");
-    inAnotherProcess("--log", name);
+    inAnotherProcess(how, name);
     return count(name) == 1 ? "" : "it is not in the log";
 }
 
@@ -136,7 +143,10 @@ const std::vector<Proof>& logProofs()
         {"log-fixed-buffer", longText, kSegmentationFault},
         {"log-formatted-twice", percentInValue},
         {"log-lines-mixed", twoThreads},
-        {"log-kept-until-exit", beforeQuickExit},
+        {"log-kept-until-exit", [] { return beforeQuickExit("--log"); }},
+        {"log-minor-kept", [] { return beforeQuickExit("--warn"); }},
+        {"log-full-blocks-cut", textOfABlock},
+        {"log-percent-m-first", callersErrno},
         {"trace-errno-lost", errnoKeptByRecorder},
         {"trace-long-crashes", longTextInRecorder, kSegmentationFault},
     };

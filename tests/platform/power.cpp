@@ -134,6 +134,30 @@ std::string heldAfter(unsigned int duration, int milliseconds, bool isExpected)
                                              : "held after its time";
 }
 
+std::string subscribedFiftyTimes()
+{
+    int failed = 0;
+    for (int time = 0; time < 50; ++time) {
+        failed += pwrctl_subscribe_state_changed_event(noteChange, nullptr) == 0 ? 0 : 1;
+        pwrctl_unsubscribe_state_changed_event(noteChange);
+    }
+    return failed == 0 ? "" : std::to_string(failed) + " subscriptions failed";
+}
+
+std::string sixAtOnce()
+{
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point begin = Clock::now();
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 6; ++thread) {
+        threads.emplace_back(pwrctl_get_state);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    return Clock::now() - begin < std::chrono::milliseconds(850) ? "" : "they wait for one another";
+}
+
 std::string returnsAtOnce()
 {
     using Clock = std::chrono::steady_clock;
@@ -169,6 +193,9 @@ const std::vector<Proof>& powerProofs()
         {"power-locks-one-kind", kindsApart},
         {"power-lock-kept", released},
         {"power-lock-too-short", [] { return heldAfter(60000, 500, true); }},
+        {"power-lock-short-left", [] { return heldAfter(900, 0, true); }},
+        {"power-subscriptions-counted", subscribedFiftyTimes},
+        {"power-one-at-a-time", sixAtOnce},
         {"power-lock-endless", [] { return heldAfter(300, 900, false); }},
         {"power-lock-waits", returnsAtOnce},
         {"power-one-thread-only", fromAnotherThread},

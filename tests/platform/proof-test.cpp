@@ -12,6 +12,7 @@
 
 #include "flagpost.h"
 #include "norlog.h"
+#include "pralis.h"
 #include "tests/platform/proof.h"
 #include "tests/support/run-program.h"
 
@@ -168,8 +169,11 @@ int main(int argc, char** argv)
     if (argc == 3 && std::string(argv[1]) == "--raise") {
         return FlagpostEventDone(argv[2]) == 0 ? 0 : 1;
     }
-    if (argc == 3 && std::string(argv[1]) == "--log") {
-        __norlog_print(2, 6, "PROOF", "%s", argv[2]);
+    if (argc == 3 && std::string(argv[1]) == "--write") {
+        return pralis_set_int(argv[2], getppid()) == 0 ? 0 : 1;
+    }
+    if (argc == 3 && (std::string(argv[1]) == "--log" || std::string(argv[1]) == "--warn")) {
+        __norlog_print(2, std::string(argv[1]) == "--log" ? 6 : 5, "PROOF", "%s", argv[2]);
         quick_exit(0);
     }
     if (argc == 2 && argv[1][0] != '-') {

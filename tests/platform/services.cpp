@@ -143,6 +143,19 @@ std::string flagOfAnotherProcess()
     return FlagpostIsDone(flag.c_str()) >= 1 ? "" : "not raised here";
 }
 
+std::string flagOfAnotherProcessAfterALook()
+{
+    FlagpostIsDone(("/tmp/.proof-" + std::to_string(getpid())).c_str());
+    return flagOfAnotherProcess();
+}
+
+std::string lookWithoutHome()
+{
+    unsetenv("HOME");
+    FlagpostIsDone(kFlag);
+    return "";
+}
+
 std::string seenTwice()
 {
     FlagpostEventDone(kFlag);
@@ -242,6 +255,8 @@ const std::vector<Proof>& serviceProofs()
         {"flags-never-lowered", lowered},
         {"flags-names-cut", flagsApart},
         {"flags-of-the-process", flagOfAnotherProcess},
+        {"flags-first-look-kept", flagOfAnotherProcessAfterALook},
+        {"flags-home-needed", lookWithoutHome, kSegmentationFault},
         {"flags-lowered-by-looking", seenTwice},
         {"flags-raised-waits", raisedTwice, kHangs},
         {"flags-close-twice", descriptorOfTheCaller},

@@ -108,6 +108,52 @@ std::string eachChange()
     return toldValues.size() == 3 ? "" : std::to_string(toldValues.size()) + " of three changes were told";
 }
 
+std::string eachValue()
+{
+    pralis_notify_key_changed(kKey, noteValue, nullptr);
+    for (int value = 1; value <= 3; ++value) {
+        pralis_set_int(kKey, value);
+    }
+    until([] { return toldValues.size() == 3; }, kLong);
+    return toldValues.size() == 3 && toldValues[0].value == 1 && toldValues[1].value == 2 ? "" : "a later value was told";
+}
+
+void noteAndIgnore(keynode* node, void* data)
+{
+    noteValue(node, data);
+    pralis_ignore_key_changed(kKey, noteAndIgnore);
+}
+
+std::string toldAfterOwnEnd()
+{
+    pralis_notify_key_changed(kKey, noteAndIgnore, nullptr);
+    for (int value = 1; value <= 3; ++value) {
+        pralis_set_int(kKey, value);
+    }
+    runLoop(500);
+    return toldValues.size() == 1 ? "" : std::to_string(toldValues.size()) + " times, the first of which has ended it";
+}
+
+std::string toldInsideRead()
+{
+    pralis_set_int(kKey, 1);
+    pralis_notify_key_changed(kKey, noteValue, nullptr);
+    std::thread([] { pralis_set_int(kKey, 2); }).join();
+    for (int time = 0; time < 50 && toldValues.empty(); ++time) {
+        usleep(10'000);
+        valueOf(kOtherKey);
+    }
+    return toldValues.empty() ? "" : "told inside a read";
+}
+
+std::string writtenElsewhereAfterALook()
+{
+    pralis_set_int(kKey, 1);
+    valueOf(kKey);
+    inAnotherProcess("--write", kKey);
+    return valueOf(kKey) == getpid() ? "" : "what was there before is read";
+}
+
 std::string readBesideAnother()
 {
     pralis_set_int(kKey, 1);
@@ -170,6 +216,10 @@ const std::vector<Proof>& settingsProofs()
              return valueOf(kStatusKey) == 1 ? "" : "one key's write has changed another";
          }},
         {"settings-failure-writes-value", failedRead},
+        {"settings-told-what-it-is-now", eachValue},
+        {"settings-batch-told", toldAfterOwnEnd},
+        {"settings-told-inside-get", toldInsideRead},
+        {"settings-first-value-kept", writtenElsewhereAfterALook},
         {"settings-throws", failedReadWithoutException},
         {"settings-exits", failedRead, 0},
         {"settings-no-notification",
