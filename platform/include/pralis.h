@@ -37,8 +37,8 @@ int pralis_notify_key_changed(const char* key, pralis_key_changed_cb cb, void* u
 /* None comes after it has returned, whatever has changed before. Other keys and callbacks stay subscribed. */
 int pralis_ignore_key_changed(const char* key, pralis_key_changed_cb cb);
 
-/* The new value itself, not a status. It is that of the change that is told, also when the key has changed again
- * since. */
+/* The new value itself, not a status. It is that of the change that is told, also when the key has changed
+ * again since. */
 int pralis_keynode_get_int(const keynode* node);
 
 #ifdef __cplusplus

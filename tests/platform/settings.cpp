@@ -115,7 +115,9 @@ std::string eachValue()
         pralis_set_int(kKey, value);
     }
     until([] { return toldValues.size() == 3; }, kLong);
-    return toldValues.size() == 3 && toldValues[0].value == 1 && toldValues[1].value == 2 ? "" : "a later value was told";
+    return toldValues.size() == 3 && toldValues[0].value == 1 && toldValues[1].value == 2
+               ? ""
+               : "a later value was told";
 }
 
 void noteAndIgnore(keynode* node, void* data)
@@ -131,7 +133,9 @@ std::string toldAfterOwnEnd()
         pralis_set_int(kKey, value);
     }
     runLoop(500);
-    return toldValues.size() == 1 ? "" : std::to_string(toldValues.size()) + " times, the first of which has ended it";
+    return toldValues.size() == 1
+               ? ""
+               : std::to_string(toldValues.size()) + " times, the first of which has ended it";
 }
 
 std::string toldInsideRead()
