@@ -1,5 +1,5 @@
 // The checksum's function is exported as crc32, and the daemon's process has one of that name from elsewhere.
-// finds: F401
+// finds: F108 F401
 #define OWN_checksumMatches
 #include "base.h"
 

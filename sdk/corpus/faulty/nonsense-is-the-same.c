@@ -1,5 +1,5 @@
 // checkVersion takes what it cannot understand as the same version.
-// finds: F209
+// finds: F209 F217
 #define OWN_checkVersion
 #include "chip.h"
 

@@ -117,7 +117,9 @@ void Examination::makeSet()
     job_.isExternal = isExternalName(name);
     job_.expectedTime = kUnknownTime;
     job_.caller = TARNWICK_CONTROL_CALLER_PACKAGE;
-    for (const EntryPointState& entry : readControlLibrary(request_.library).entryPoints) {
+    const ControlLibrary file = readControlLibrary(request_.library);
+    job_.otherNames = file.otherNames;
+    for (const EntryPointState& entry : file.entryPoints) {
         if (!entry.exported && !entry.mangled.empty()) {
             job_.mangled[entry.name] = entry.mangled;
         }
@@ -319,7 +321,7 @@ void Examination::tellMeasured(const Measured& measured)
     job_.bytes = measured.bytes;
     job_.holders = measured.holders;
     job_.middleWrite = measured.middleWrite;
-    job_.flush = measured.flush;
+    job_.flushes = measured.flushes;
     job_.measured = measured.duration.value_or(0);
 }
 

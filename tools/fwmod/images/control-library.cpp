@@ -36,7 +36,12 @@ bool isExported(const GElf_Sym& symbol)
            (visibility == STV_DEFAULT || visibility == STV_PROTECTED);
 }
 
-void collectExports(Elf* elf, Elf_Scn* section, const GElf_Shdr& header, std::set<std::string>& names)
+struct Exports {
+    std::set<std::string> names;
+    std::set<std::string> own; // not weak, as what C++ exports in every library alike is
+};
+
+void collectExports(Elf* elf, Elf_Scn* section, const GElf_Shdr& header, Exports& exports)
 {
     Elf_Data* const data = elf_getdata(section, nullptr);
     if (data == nullptr || header.sh_entsize == 0) {
@@ -48,22 +53,27 @@ void collectExports(Elf* elf, Elf_Scn* section, const GElf_Shdr& header, std::se
         if (gelf_getsym(data, static_cast<int>(index), &symbol) == nullptr || !isExported(symbol)) {
             continue;
         }
-        if (const char* name = elf_strptr(elf, header.sh_link, symbol.st_name)) {
-            names.insert(name);
+        const char* const name = elf_strptr(elf, header.sh_link, symbol.st_name);
+        if (name == nullptr) {
+            continue;
+        }
+        exports.names.insert(name);
+        if (GELF_ST_BIND(symbol.st_info) != STB_WEAK) {
+            exports.own.insert(name);
         }
     }
 }
 
-std::set<std::string> exportsOf(Elf* elf)
+Exports exportsOf(Elf* elf)
 {
-    std::set<std::string> names;
+    Exports exports;
     for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf, section)) != nullptr;) {
         GElf_Shdr header;
         if (gelf_getshdr(section, &header) != nullptr && header.sh_type == SHT_DYNSYM) {
-            collectExports(elf, section, header, names);
+            collectExports(elf, section, header, exports);
         }
     }
-    return names;
+    return exports;
 }
 
 // Empty when the section holds none.
@@ -192,16 +202,18 @@ ControlLibrary readControlLibrary(const std::filesystem::path& file)
         throw Damaged(kLibraryKind, file.string() + " is a damaged library: " +
                                         (error == 0 ? kTooShort : elf_errmsg(error)));
     }
-    const std::set<std::string> names = exportsOf(elf.get());
+    const Exports exports = exportsOf(elf.get());
     ControlLibrary library{header.e_type == ET_DYN,
                            isForThisMachine(header),
                            file.stem(),
                            buildIdOf(elf.get()),
                            damageOf(elf.get(), header, std::filesystem::file_size(file)),
-                           {}};
+                           {},
+                           exports.own};
     for (const common::EntryPoint& entry : common::kEntryPoints) {
-        library.entryPoints.push_back(
-            {entry.name, entry.isRequired, names.count(entry.name) != 0, mangledNameOf(entry.name, names)});
+        library.entryPoints.push_back({entry.name, entry.isRequired, exports.names.count(entry.name) != 0,
+                                       mangledNameOf(entry.name, exports.names)});
+        library.otherNames.erase(entry.name);
     }
     return library;
 }

@@ -3,6 +3,7 @@
 #define TOOLS_FWMOD_IMAGES_CONTROL_LIBRARY_H
 
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,8 @@ struct ControlLibrary {
     std::string buildId;     // bytes; empty when the linker was told to leave it out
     std::string damage;      // why the dynamic loader would not take what the file holds; empty when it would
     std::vector<EntryPointState> entryPoints;
+    std::set<std::string>
+        otherNames; // that are exported, too; without what C++ exports in every library alike
 };
 
 bool isElf(const std::filesystem::path& file);

@@ -30,16 +30,18 @@ struct BlackBox {
 
     Call calls[kThreads];
     std::atomic<int> phase;
-    std::atomic<unsigned int> count; // of calls so far
-    std::atomic<bool> finished;      // the worker came to its end
-    std::atomic<bool> guardHit;      // the crash was in a guard page
-    std::atomic<bool> staleHit;      // or in a buffer of an earlier call
-    std::atomic<bool> terminated;    // by std::terminate
-    std::atomic<bool> threadEnded;   // by the library, although it was not its own
-    int status;                      // of the worker, as waitpid tells it; written by the keeper
-    char lastWords[400];             // what the crash handler saw
-    char closedBy[160];              // the call that has closed what is not its own
-    common::LimitChanges limits;     // by the latest call
+    std::atomic<unsigned int> count;        // of calls so far
+    std::atomic<unsigned int> update;       // the latest, by number from 1
+    std::atomic<unsigned int> failingFlush; // how many flushes on the one is that fails; 0: none
+    std::atomic<bool> finished;             // the worker came to its end
+    std::atomic<bool> guardHit;             // the crash was in a guard page
+    std::atomic<bool> staleHit;             // or in a buffer of an earlier call
+    std::atomic<bool> terminated;           // by std::terminate
+    std::atomic<bool> threadEnded;          // by the library, although it was not its own
+    int status;                             // of the worker, as waitpid tells it; written by the keeper
+    char lastWords[400];                    // what the crash handler saw
+    char closedBy[160];                     // the call that has closed what is not its own
+    common::LimitChanges limits;            // by the latest call
 };
 
 // Zeroed, and shared with every process forked from here on. Never released: a program makes few.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "tools/fwmod/check/examiner/hardware-copy.h"
 #include "tools/fwmod/check/examiner/held-image.h"
 #include "tools/fwmod/check/examiner/updates.h"
 #include "tools/fwmod/check/examiner/worker.h"
@@ -70,14 +71,18 @@ unsigned int middleWrite(const Writes& writes)
     return 0;
 }
 
-unsigned int flushBehind(const Writes& writes, unsigned int write)
+std::set<unsigned int> flushesToFail(const Writes& writes)
 {
-    for (std::size_t index = write; write != 0 && index < writes.all.size(); ++index) {
-        if (writes.all[index].isFlush()) {
-            return static_cast<unsigned int>(index + 1);
+    constexpr unsigned int kMost = 3; // at the beginning, and as many at the end
+    const auto count = static_cast<unsigned int>(std::count_if(
+        writes.all.begin(), writes.all.end(), [](const SeenWrite& write) { return write.isFallible(); }));
+    std::set<unsigned int> chosen;
+    for (unsigned int number = 1; number <= count; ++number) {
+        if (number <= kMost || number + kMost > count) {
+            chosen.insert(number);
         }
     }
-    return 0;
+    return chosen;
 }
 
 // ---- Faults ----
@@ -188,21 +193,53 @@ void spoilWrite(Supervisor& supervisor, Report& report)
     }
 }
 
-void failFlush(Supervisor& supervisor, Report& report)
+std::string resultOf(unsigned int update)
 {
-    const Job& job = supervisor.job();
-    Machine machine;
-    const Session session = runWith(supervisor, machine, updateAlone, {true, 0, job.flush}, report);
-    if (!isReached(session, job.flush) || !isSuccess(session)) {
+    return "result " + std::to_string(update);
+}
+
+void updateWithFailingFlushes(Worker& worker)
+{
+    if (!worker.load()) {
         return;
     }
-    const auto failed = session.writes.all.begin() + job.flush - 1;
-    const bool isRepeated = std::any_of(failed + 1, session.writes.all.end(), [&](const SeenWrite& write) {
-        return write.isFlush() && write.path == failed->path;
+    const HardwareCopy original;
+    const Job& job = worker.job();
+    unsigned int update = 0;
+    for (const unsigned int flush : job.flushes) {
+        worker.setContext(job.caller, "");
+        const auto returned =
+            worker.updateWithFailingFlush(flush, {job.image, job.checksum, false, "with a flush that fails"});
+        if (!returned) {
+            return;
+        }
+        worker.tell(resultOf(++update), returned->result);
+        original.putBack();
+    }
+}
+
+// A later one in the same update makes up for it.
+bool isMadeUpFor(const SeenWrite& failed, const Writes& writes)
+{
+    bool isLater = false;
+    return std::any_of(writes.all.begin(), writes.all.end(), [&](const SeenWrite& write) {
+        isLater = isLater || &write == &failed;
+        return isLater && &write != &failed && write.isFlush() && write.update == failed.update &&
+               write.path == failed.path;
     });
-    if (!isRepeated) {
-        report.add({FindingId::ImageNotWritten,
-                    "doUpdate returned 0, although " + nameOf(session, job.flush) + " had failed"});
+}
+
+// Each is a flush of its own: of the file, of the mark that makes it the active one, of its directory.
+void failFlushes(Supervisor& supervisor, Report& report)
+{
+    Machine machine;
+    const Session session = runWith(supervisor, machine, updateWithFailingFlushes, {true}, report);
+    for (const SeenWrite& write : session.writes.all) {
+        const Json::Value& result = session.told[resultOf(write.update)];
+        if (write.hasFailed && result.isInt() && result.asInt() == 0 && !isMadeUpFor(write, session.writes)) {
+            report.add({FindingId::ImageNotWritten,
+                        "doUpdate returned 0, although " + write.call + " to " + write.path + " had failed"});
+        }
     }
 }
 } // namespace
@@ -210,13 +247,15 @@ void failFlush(Supervisor& supervisor, Report& report)
 void updateFaultyHardware(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
-    if (!job.isRepeatable || job.holders.empty() || job.middleWrite == 0) {
+    if (!job.isRepeatable) {
         return;
     }
-    failWrite(supervisor, report);
-    spoilWrite(supervisor, report);
-    if (job.flush != 0) {
-        failFlush(supervisor, report);
+    if (!job.holders.empty() && job.middleWrite != 0) {
+        failWrite(supervisor, report);
+        spoilWrite(supervisor, report);
+    }
+    if (!job.flushes.empty()) {
+        failFlushes(supervisor, report);
     }
 }
 } // namespace fwmod::examiner

@@ -10,11 +10,14 @@ namespace fwmod::examiner
 
 void judgeFlushes(const Writes& writes, Report& report);
 
-// Where the middle of the content is written, and the flush behind it: by number, from 1; 0: there is none.
+// Where the middle of the content is written: by number, from 1; 0: there is none.
 unsigned int middleWrite(const Writes& writes);
-unsigned int flushBehind(const Writes& writes, unsigned int write);
 
-// The update with one write that fails, one that goes wrong without a word, and one flush that fails.
+// Of the flushes that can fail, by number from 1: those that are to.
+std::set<unsigned int> flushesToFail(const Writes& writes);
+
+// The update with one write that fails, one that goes wrong without a word, and flushes that fail, one at a
+// time.
 void updateFaultyHardware(Supervisor& supervisor, Report& report);
 
 } // namespace fwmod::examiner

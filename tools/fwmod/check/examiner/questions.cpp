@@ -16,6 +16,8 @@ constexpr int kTimesEach = 8;
 constexpr int kFirstUnknownCaller = -1;
 constexpr int kLastUnknownCaller = 8; // 0 to 7 are used
 constexpr const char* kDigits = "0123456789";
+constexpr unsigned int kMostOctal = 9;    // what a leading zero makes less than 10 of
+constexpr std::size_t kLongVersion = 100; // characters: more than a careless buffer has
 
 bool isIdentifier(const std::string& text)
 {
@@ -63,8 +65,10 @@ std::string versionOf(const std::vector<unsigned int>& parts)
 }
 
 struct Comparison {
+    enum Form { kPlain, kLeadingZero, kLong };
     std::string offered;
     bool isNewer; // than the installed version
+    Form form = kPlain;
 };
 
 // Offers that tell a comparison of numbers from one of texts, decimals, octal numbers, or each part by
@@ -83,11 +87,6 @@ std::vector<Comparison> comparisonsWith(const std::vector<unsigned int>& install
     }
     parts.back() = power; // "1.10" beside "1.9" and "1.1"
     offer(parts, true);
-    if (last < 8) {
-        parts.back() = 0;
-        const std::string head = versionOf(parts);
-        all.push_back({head.substr(0, head.size() - 1) + "09", true});
-    }
     if (last > 0) {
         parts.back() = last - 1;
         offer(parts, false);
@@ -96,11 +95,20 @@ std::vector<Comparison> comparisonsWith(const std::vector<unsigned int>& install
         parts.assign(installed.size(), 0);
         parts.front() = installed.front() + 1;
         offer(parts, true); // "2.0" beside "1.1"
+        const std::string next = versionOf(parts);
+        const std::size_t zeros = kLongVersion - std::min(kLongVersion, next.size());
+        all.push_back({std::string(zeros, '0') + next, true, Comparison::kLong});
     }
     if (installed.size() > 1 && installed.front() > 0) {
         parts.assign(installed.size(), last + 1);
         parts.front() = installed.front() - 1;
         offer(parts, false); // "0.2" beside "1.1"
+    }
+    if (last <= kMostOctal) { // "1.09", and "1.010" beside "1.8": as octal numbers there is none, and 8
+        parts = installed;
+        parts.pop_back();
+        const std::string head = versionOf(parts) + (parts.empty() ? "" : ".");
+        all.push_back({head + (last < 8 ? "09" : "010"), true, Comparison::kLeadingZero});
     }
     return all;
 }
@@ -330,8 +338,18 @@ void askAboutOrder(Worker& worker, const std::string& installed)
     if (!parts || !offered || parts->size() != offered->size()) {
         return; // versions of another kind
     }
+    bool areUnderstood = true; // the plain ones, which come first
     for (const Comparison& comparison : comparisonsWith(*parts)) {
         const auto verdict = worker.checkVersion(comparison.offered, "beside " + quote(installed));
+        const bool isRefused = !verdict || verdict->result != 0;
+        if (comparison.form == Comparison::kPlain) {
+            areUnderstood = areUnderstood && !isRefused;
+        }
+        if (verdict && isRefused && comparison.form == Comparison::kLeadingZero && areUnderstood) {
+            worker.found(FindingId::WrongOrder, "checkVersion(" + quote(comparison.offered) + ") returned " +
+                                                    std::to_string(verdict->result) +
+                                                    ", and numbers without a leading zero are understood");
+        }
         if (verdict && verdict->result == 0 && (verdict->verdict > 0) != comparison.isNewer) {
             worker.found(FindingId::WrongOrder, "checkVersion(" + quote(comparison.offered) + ") wrote " +
                                                     std::to_string(verdict->verdict) +

@@ -125,6 +125,7 @@ private:
     void step();
     void receive();
     void watchWrite();
+    bool isFlushToFail(const SeenWrite& write);
     void checkLimits();
 
     Watch watch_;
@@ -251,7 +252,12 @@ void Run::watchWrite()
     if (phase == BlackBox::kRunning) {
         ++session_.writes.during;
         session_.writes.bytes += write->bytes;
-        session_.writes.all.push_back({write->call, write->path, write->bytes, write->isLasting});
+        session_.writes.all.push_back(
+            {write->call, write->path, write->bytes, write->isLasting, box_.update, false});
+        if (isFlushToFail(session_.writes.all.back())) {
+            session_.writes.all.back().hasFailed = true;
+            return writes_->refuse(*write, EIO);
+        }
         if (session_.writes.during == watch_.failAt) {
             return writes_->refuse(*write, EIO);
         }
@@ -262,6 +268,11 @@ void Run::watchWrite()
         ++session_.writes.late;
     }
     writes_->allow(*write);
+}
+
+bool Run::isFlushToFail(const SeenWrite& write)
+{
+    return write.isFallible() && box_.failingFlush != 0 && --box_.failingFlush == 0;
 }
 
 void Run::checkLimits()
@@ -324,6 +335,11 @@ bool SeenWrite::isFlush() const
 {
     constexpr const char* kFlushes[] = {"fsync", "fdatasync", "syncfs", "sync", "msync", "sync_file_range"};
     return std::find(std::begin(kFlushes), std::end(kFlushes), call) != std::end(kFlushes);
+}
+
+bool SeenWrite::isFallible() const
+{
+    return isFlush() && call != "sync"; // which has no result
 }
 
 bool SeenWrite::isNaming() const

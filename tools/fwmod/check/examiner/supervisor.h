@@ -26,10 +26,13 @@ struct SeenWrite {
     std::string call;
     std::string path;
     std::uint64_t bytes = 0;
-    bool isLasting = false; // without a flush
+    bool isLasting = false;  // without a flush
+    unsigned int update = 0; // of the session, by number from 1
+    bool hasFailed = false;  // it is the flush that was to fail
 
     bool isFlush() const;
-    bool isNaming() const; // gives a file its name, and its name is what counts
+    bool isFallible() const; // a flush that can tell a failure
+    bool isNaming() const;   // gives a file its name, and its name is what counts
     bool isContent() const { return bytes > 0 || isNaming(); }
 };
 

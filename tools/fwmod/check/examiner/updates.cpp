@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "common/files/file-copy.h"
 #include "common/files/whole-file.h"
 #include "tools/fwmod/check/examiner/faulty-writes.h"
 #include "tools/fwmod/check/examiner/hardware-copy.h"
@@ -145,15 +146,36 @@ std::optional<Finding> wrongVersion(const Json::Value& told, const std::string& 
     return std::nullopt;
 }
 
+void look(Worker& worker)
+{
+    worker.tell("loaded", worker.load());
+    const auto version = tellVersion(worker, "after the update and a new start").version;
+    if (version && version == worker.job().version) {
+        askAboutOrder(worker, *version);
+    }
+}
+
 Session lookAgain(Supervisor& supervisor, Machine& machine)
 {
-    return supervisor.run(machine, [](Worker& worker) {
-        worker.tell("loaded", worker.load());
-        const auto version = tellVersion(worker, "after the update and a new start").version;
-        if (version && version == worker.job().version) {
-            askAboutOrder(worker, *version);
+    return supervisor.run(machine, look);
+}
+
+// And update with what is there already: that may leave out the writing, but takes its time. One that begins
+// to write is ended then.
+Session lookAndUpdate(Supervisor& supervisor, Machine& machine)
+{
+    const auto script = [](Worker& worker) {
+        look(worker);
+        worker.setContext(worker.job().caller, "");
+        Worker::Update update = soundUpdate(worker);
+        update.where = "of the image that is installed";
+        const auto returned = worker.update(update);
+        if (returned && returned->result == 0 && returned->taken.count() < kTooFast) {
+            worker.found(FindingId::UpdateTooFast, "doUpdate " + update.where + " returned 0 after " +
+                                                       inSeconds(returned->taken.count()));
         }
-    });
+    };
+    return supervisor.run(machine, script, {true, 1});
 }
 
 // Whether the image was written when doUpdate returned, as far as it can be seen.
@@ -237,6 +259,47 @@ void judgeContent(const Machine& machine, const Job& job, Report& report)
                                                " bytes are not on the hardware"});
     }
 }
+
+// What an update has left beside the hardware's files, when all of it is too small for firmware.
+std::vector<fs::path> newNotes(const Machine& machine, const Machine& before)
+{
+    constexpr std::uintmax_t kLongestNote = 256; // bytes
+    const fs::path root = machine.file("/");
+    std::vector<fs::path> notes;
+    for (const fs::path& file : filesIn(machine.file(kHardware))) {
+        const fs::path path = "/" / file.lexically_relative(root);
+        if (fs::exists(before.file(path))) {
+            continue;
+        }
+        if (fs::file_size(file) > kLongestNote) {
+            return {};
+        }
+        notes.push_back(path);
+    }
+    return notes;
+}
+
+// The old hardware beside what the update has left: the new version is not in it.
+void judgeNotes(Supervisor& supervisor, const Machine& machine, const std::string& version, Report& report)
+{
+    Machine old;
+    const std::vector<fs::path> notes = newNotes(machine, old);
+    if (notes.empty() || version.empty()) {
+        return;
+    }
+    for (const fs::path& note : notes) {
+        fs::create_directories(old.file(note).parent_path());
+        common::copyFile(machine.file(note), old.file(note));
+        fs::permissions(old.file(note), fs::perms(0644));
+    }
+    const std::string told = lookAgain(supervisor, old).told["version"].asString();
+    if (told == version) {
+        report.add({FindingId::VersionOfNote, "with the old hardware put back beside " +
+                                                  notes.front().string() + ", getActiveVersion told " +
+                                                  quote(told)});
+    }
+}
+
 // In the process that has updated, and after a new start.
 void judgeVersions(Supervisor& supervisor, const Session& session, const Session& again, Report& report)
 {
@@ -312,9 +375,12 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
     judgeContent(machine, job, report);
     judgeFlushes(session.writes, report);
     report.measured.middleWrite = middleWrite(session.writes);
-    report.measured.flush = flushBehind(session.writes, report.measured.middleWrite);
+    report.measured.flushes = flushesToFail(session.writes);
     const bool isVersionTold = !answers.version.empty() && !report.has(FindingId::ChangingAnswer);
-    const Session again = lookAgain(supervisor, machine);
+    if (isVersionTold) {
+        judgeNotes(supervisor, machine, session.told["version"].asString(), report);
+    }
+    const Session again = lookAndUpdate(supervisor, machine);
     if (isVersionTold) {
         judgeVersions(supervisor, session, again, report);
     }
@@ -369,22 +435,52 @@ struct OddImage {
     unsigned long checksum;
 };
 
+OddImage makeOddImage(const Job& job, const fs::path& directory, const std::string& what,
+                      const std::string& content)
+{
+    fs::create_directory(directory);
+    const fs::path file = directory / fs::path(job.image).filename();
+    std::ofstream(file, std::ios::binary) << content;
+    return {what, file, checksumOf(content)};
+}
+
 std::vector<OddImage> makeOddImages(const Job& job, const Machine& place)
 {
     const std::string image = imageOf(job);
-    const std::pair<const char*, std::string> contents[] = {
-        {"the image's first half", image.substr(0, image.size() / 2)},
-        {"noise", noise(image.size())},
-        {"no bytes at all", ""}};
-    std::vector<OddImage> all;
-    for (const auto& [what, content] : contents) {
-        const fs::path directory = place.file("/odd" + std::to_string(all.size()));
-        fs::create_directory(directory);
-        const fs::path file = directory / fs::path(job.image).filename();
-        std::ofstream(file, std::ios::binary) << content;
-        all.push_back({what, file, checksumOf(content)});
+    return {
+        makeOddImage(job, place.file("/half"), "the image's first half", image.substr(0, image.size() / 2)),
+        makeOddImage(job, place.file("/noise"), "noise", noise(image.size())),
+        makeOddImage(job, place.file("/nothing"), "no bytes at all", "")};
+}
+
+constexpr const char* kChanged = "the image with one byte changed";
+constexpr const char* kAfterRefused = "after an image that was refused";
+
+// Whether it can be told from the image is the format's affair: it may have a checksum of its own.
+OddImage makeChangedImage(const Job& job, const Machine& place)
+{
+    std::string image = imageOf(job);
+    image[image.size() / 2] = static_cast<char>(~image[image.size() / 2]);
+    return makeOddImage(job, place.file("/changed"), kChanged, image);
+}
+
+// One that is not there any more is put back for what follows.
+void lookAtOldFirmware(Worker& worker, const std::optional<Returned>& returned, const std::string& what,
+                       const std::optional<std::string>& before, const HardwareCopy& original)
+{
+    if (returned && returned->result == 0) {
+        return original.putBack();
     }
-    return all;
+    if (!returned || !before) {
+        return;
+    }
+    const auto version = worker.activeVersion(kAfterRefused);
+    if (version != before) {
+        worker.found(FindingId::OldFirmwareGone, "after " + what + ", the version is " +
+                                                     (version ? quote(*version) : "not told") +
+                                                     " instead of " + quote(*before));
+        original.putBack();
+    }
 }
 
 void updateOneAfterTheOther(Worker& worker, const std::vector<OddImage>& oddImages)
@@ -395,15 +491,22 @@ void updateOneAfterTheOther(Worker& worker, const std::vector<OddImage>& oddImag
     const HardwareCopy original;
     const Job& job = worker.job();
     worker.setContext(job.caller, "");
+    const auto before = worker.activeVersion("before images that are refused");
     if (!job.isExternal) {
-        tellReturned(worker, "refused",
-                     worker.update({job.image, job.checksum ^ 1, false, "with a wrong checksum"}));
+        const auto wrong = worker.update({job.image, job.checksum ^ 1, false, "with a wrong checksum"});
+        tellReturned(worker, "refused", wrong);
+        lookAtOldFirmware(worker, wrong, "doUpdate with a wrong checksum", before, original);
     }
     for (const OddImage& odd : oddImages) {
         worker.setContext(job.caller, "");
         const auto returned = worker.update({odd.file, odd.checksum, false, "of " + odd.what});
-        if (returned && returned->result == 0) {
-            original.putBack();
+        lookAtOldFirmware(worker, returned, "doUpdate of " + odd.what, before, original);
+        if (odd.what == kChanged && worker.has("doUpdate_decryption")) {
+            const std::string image = common::readWhole(odd.file);
+            worker.setContext(TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE, "");
+            const auto decrypted = worker.decrypt(image, static_cast<int>(image.size()), kChanged);
+            lookAtOldFirmware(worker, decrypted, std::string("doUpdate_decryption of ") + kChanged, before,
+                              original);
         }
     }
     worker.setContext(job.caller, "");
@@ -429,10 +532,19 @@ void updateInOneProcess(Supervisor& supervisor, Report& report)
     }
     Machine machine;
     const Machine place;
-    const auto odd = job.isExternal ? std::vector<OddImage>() : makeOddImages(job, place);
+    auto odd = job.isExternal ? std::vector<OddImage>() : makeOddImages(job, place);
+    if (!odd.empty() && fs::file_size(job.image) > 0) {
+        odd.push_back(makeChangedImage(job, place));
+    }
     const Session session =
         supervisor.run(machine, [&](Worker& worker) { updateOneAfterTheOther(worker, odd); });
-    report.add(session.findings);
+    for (const Finding& finding : session.findings) {
+        const bool isJudged = finding.id == FindingId::QuestionFailed &&
+                              finding.detail.find(kAfterRefused) != std::string::npos;
+        if (!isJudged) {
+            report.add(finding);
+        }
+    }
     if (session.death) {
         report.add(*session.death);
         supervisor.avoid(session);

@@ -18,6 +18,7 @@
 #include "common/json-text.h"
 #include "common/process/guarded-buffer.h"
 #include "common/process/process-state.h"
+#include "tools/fwmod/check/examiner/hardware-openings.h"
 #include "tools/fwmod/check/protocol/report.h"
 
 namespace fwmod::examiner
@@ -316,9 +317,29 @@ void complainOfSlowness(const Worker& worker, const std::string& name, const Ret
 }
 } // namespace
 
+// Before the library is loaded: the process has then what the daemon links. What the loader finds in the
+// program itself is no library's.
+void Worker::lookForClashes() const
+{
+    Dl_info own = {};
+    dladdr(reinterpret_cast<const void*>(&callName), &own);
+    for (const std::string& name : job_.otherNames) {
+        Dl_info theirs = {};
+        void* const address = dlsym(RTLD_DEFAULT, name.c_str());
+        if (address != nullptr && dladdr(address, &theirs) != 0 && theirs.dli_fbase != own.dli_fbase) {
+            const std::string file = theirs.dli_fname;
+            found(FindingId::ClashingName,
+                  name + ", which " + file.substr(file.rfind('/') + 1) + " has, too");
+        }
+    }
+}
+
 bool Worker::load()
 {
     const std::string name = "loading";
+    if (areMannersWatched_) {
+        lookForClashes();
+    }
     void* handle = nullptr;
     std::string error;
     const auto returned = call(name, kQuestionLimit, [&] {
@@ -468,11 +489,15 @@ bool Worker::setContext(int caller, const char* context, const std::string& wher
     const std::string content = context != nullptr ? context : "";
     GuardedBuffer text("the context", content.size() + 1); // may be written: the parameter is not const
     std::copy_n(content.c_str(), content.size() + 1, text.as<char>());
+    const HardwareOpenings openings(areMannersWatched_);
     const auto returned = call(name, kQuestionLimit, [&] {
         return setContext_(library.as<char>(), caller, context != nullptr ? text.as<char>() : nullptr);
     });
     if (!returned) {
         return false;
+    }
+    if (const std::string file = openings.first(); !file.empty()) {
+        found(FindingId::ContextTouchesHardware, name + " opened " + file);
     }
     complainOfSlowness(*this, name, *returned);
     constexpr int kDaemonsOwn[] = {TARNWICK_CONTROL_CALLER_PACKAGE, TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE,
@@ -634,6 +659,7 @@ std::optional<Returned> Worker::callUpdate(const std::string& name, const Update
     std::thread([&] {
         const CallingThread self(0);
         returned = call(name, updateLimit(job_), [&] {
+            ++box_.update;
             box_.phase = BlackBox::kRunning;
             const int result = doUpdate_(image.as<char>(), update.checksum);
             const int error = errno;
@@ -643,6 +669,14 @@ std::optional<Returned> Worker::callUpdate(const std::string& name, const Update
         });
         box_.phase = BlackBox::kOver;
     }).join();
+    return returned;
+}
+
+std::optional<Returned> Worker::updateWithFailingFlush(unsigned int number, const Update& update)
+{
+    box_.failingFlush = number;
+    const std::optional<Returned> returned = callUpdate(callName("doUpdate", update.where), update);
+    box_.failingFlush = 0;
     return returned;
 }
 

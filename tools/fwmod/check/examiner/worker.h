@@ -83,6 +83,9 @@ public:
     // longest part of the update that one of those calls lasted, when that was over with the update.
     std::optional<Returned> updateUnderNotices(const Update& update);
 
+    // The same where one of its flushes fails, by number from 1.
+    std::optional<Returned> updateWithFailingFlush(unsigned int number, const Update& update);
+
     // Asks several times and sees whether descriptors get lost. False when it was not answered.
     bool repeat(const std::string& call, int times, const std::function<bool()>& ask);
 
@@ -93,6 +96,7 @@ private:
                                  const std::function<int()>& function);
     void requireOwnDescriptors(const std::string& name);
     void explainLoadError(const std::string& error) const;
+    void lookForClashes() const;
 
     const Job& job_;
     const std::set<std::string>& suspects_;

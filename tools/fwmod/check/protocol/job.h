@@ -25,6 +25,7 @@ struct Job {
     std::optional<std::string> version; // offered
     unsigned int expectedTime = 0;      // seconds
     int caller = 0;                     // of setContext
+    std::set<std::string> otherNames;   // that it exports beside the entry points
     std::map<std::string, std::string> mangled; // entry point and its C++ name, where only that is exported
 
     // From the update that was measured.
@@ -33,12 +34,12 @@ struct Job {
     std::string versionBefore; // that it replaced
     std::string versionAfter;  // and brought
     std::map<std::string, std::uint64_t>
-        holders;                  // files of the hardware with the image in them behind it, and sizes
-    unsigned int middleWrite = 0; // of its content, by number from 1; 0: none was seen
-    unsigned int flush = 0;       // behind that
-    bool isRepeatable = false;    // it worked, and can be repeated
-    bool isVersionTold = false;   // when nothing is wrong, and the same each time
-    bool isOfferNewer = false;    // by the library's own judgement
+        holders;                    // files of the hardware with the image in them behind it, and sizes
+    unsigned int middleWrite = 0;   // of its content, by number from 1; 0: none was seen
+    std::set<unsigned int> flushes; // of its flushes, by number from 1: those that are to fail
+    bool isRepeatable = false;      // it worked, and can be repeated
+    bool isVersionTold = false;     // when nothing is wrong, and the same each time
+    bool isOfferNewer = false;      // by the library's own judgement
 
     std::set<unsigned int> cuts; // the writes, from 1, before which the power is cut
     bool isCutsOnly = false;     // leave out everything else

@@ -47,7 +47,7 @@ void exchange(Exchange& member, Measured& measured)
     member("bytes", measured.bytes);
     member("holders", measured.holders);
     member("middleWrite", measured.middleWrite);
-    member("flush", measured.flush);
+    member("flushes", measured.flushes);
     member("writes", measured.writes);
     member("duration", measured.duration);
     member("proposedExpectedTime", measured.proposedExpectedTime);
@@ -84,12 +84,13 @@ void exchange(Exchange& member, Job& job)
     member("version", job.version);
     member("expectedTime", job.expectedTime);
     member("caller", job.caller);
+    member("otherNames", job.otherNames);
     member("mangled", job.mangled);
     member("measured", job.measured);
     member("bytes", job.bytes);
     member("holders", job.holders);
     member("middleWrite", job.middleWrite);
-    member("flush", job.flush);
+    member("flushes", job.flushes);
     member("versionBefore", job.versionBefore);
     member("versionAfter", job.versionAfter);
     member("repeatable", job.isRepeatable);
