@@ -52,6 +52,10 @@ common::GlibStrings reproducibleEnvironment()
 
 constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU};
 
+// What a remover is told. Nothing, when the program was killed.
+constexpr char kKeep = 'k';
+constexpr char kRemove = 'r';
+
 // What has to be put away, for the handler, which may call little more than unlink.
 char unfinishedName[PATH_MAX];
 volatile sig_atomic_t isUnfinished = 0;
@@ -61,6 +65,7 @@ volatile sig_atomic_t lifeOfRemover = -1;
 void putAway(int signal)
 {
     if (remover != 0) {
+        [[maybe_unused]] const ssize_t written = write(lifeOfRemover, &kRemove, 1);
         close(lifeOfRemover);
         waitpid(remover, nullptr, 0);
     }
@@ -289,11 +294,15 @@ bool removeTree(const fs::path& path)
     close(STDOUT_FILENO); // which somebody may read to its end
     close(STDERR_FILENO);
     char word = 0;
-    if (read(STDIN_FILENO, &word, 1) == 1) {
-        _exit(0); // it is to stay
+    const bool isKilled = read(STDIN_FILENO, &word, 1) != 1;
+    if (word == kKeep) {
+        _exit(0);
     }
     constexpr int kMostTries = 100; // a set that ends may still write into it
-    for (int attempt = 0; !removeTree(path) && attempt < kMostTries; ++attempt) {
+    // What a killed program had started is killed a moment later, and may until then make anew what was
+    // removed.
+    const int leastTries = isKilled ? 20 : 1;
+    for (int tries = 1; (!removeTree(path) || tries < leastTries) && tries < kMostTries; ++tries) {
         usleep(100 * 1000);
     }
     if (isUnfinished != 0) { // what the result was called when the program was killed
@@ -327,7 +336,7 @@ Remover::Remover(fs::path tree) : tree_(std::move(tree))
 void Remover::keepAll()
 {
     isAllKept_ = true;
-    if (write(life_, "k", 1) != 1 && errno != EPIPE) { // without the process it stays anyway
+    if (write(life_, &kKeep, 1) != 1 && errno != EPIPE) { // without the process it stays anyway
         failOn(tree_, "keep");
     }
 }
@@ -335,6 +344,7 @@ void Remover::keepAll()
 Remover::~Remover()
 {
     remover = 0;
+    [[maybe_unused]] const ssize_t written = write(life_, &kRemove, 1); // unread after kKeep
     close(life_);
     int status = 0;
     waitpid(process_, &status, 0);
