@@ -281,6 +281,14 @@ bool removeTree(const fs::path& path)
     return !error;
 }
 
+bool removeAll(const fs::path& tree)
+{
+    if (isUnfinished != 0) { // what the result was called when the program was killed
+        unlink(unfinishedName);
+    }
+    return removeTree(tree);
+}
+
 // In a process of its own: nothing that ends the program, or its whole group, must keep it from its work.
 [[noreturn]] void removeAfterwards(const fs::path& path, int life)
 {
@@ -302,11 +310,8 @@ bool removeTree(const fs::path& path)
     // What a killed program had started is killed a moment later, and may until then make anew what was
     // removed.
     const int leastTries = isKilled ? 20 : 1;
-    for (int tries = 1; (!removeTree(path) || tries < leastTries) && tries < kMostTries; ++tries) {
+    for (int tries = 1; (!removeAll(path) || tries < leastTries) && tries < kMostTries; ++tries) {
         usleep(100 * 1000);
-    }
-    if (isUnfinished != 0) { // what the result was called when the program was killed
-        unlink(unfinishedName);
     }
     _exit(0);
 }
