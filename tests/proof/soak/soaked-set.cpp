@@ -72,10 +72,14 @@ SoakedSet::SoakedSet(const fs::path& directory, Way way)
 {
     tv_.putLibrary(kLibraries / "tuner.so");
     tv_.putFirmware(chipImages() / "1.0/Panel");
+    tv_.switchOnAlone();
+    // Kept over reboots, and not after the boot that offers: on a busy machine the offer may be there first.
+    tv_.answerUpgradeUi("accept", 100);
     if (way_ == Way::kServices) {
-        tv_.switchOnAlone();
         ++figures_.boots;
         openConsole();
+    } else {
+        tv_.switchOff();
     }
 }
 
@@ -197,9 +201,6 @@ void SoakedSet::killAfter(unsigned int milliseconds)
 
 void SoakedSet::playToRest(const SoakPlan& plan)
 {
-    if (plan.offer == SoakPlan::Offer::kAccept) {
-        tv_.answerUpgradeUi("accept", 100);
-    }
     const auto hasCome = [&] { return isAtRest() || said(kPending); };
     if (!comesTrue(hasCome) && !plan.fault) {
         breach("the check has not ended");
