@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -54,7 +55,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(CallerToUpdateType, RefusesAnUpdateByContextWithoutAContext)
 {
-    EXPECT_THROW(CallerToUpdateType(FW_CALLER_CONTEXT, nullptr), std::logic_error);
+    EXPECT_THAT([] { CallerToUpdateType(FW_CALLER_CONTEXT, nullptr); },
+                testing::ThrowsMessage<std::logic_error>("an update by context needs a context"));
 }
 
 TEST(FWUpdateCommonTypes, KeepTheNumbersThatOtherProgramsAndTheStateRangesUse)
@@ -293,7 +295,10 @@ TEST_F(FWUpdateSemaphore, ThatCannotBeOpenedIsNullAndLogged)
 TEST_F(FWUpdateSemaphore, ThatCannotBeOpenedIsAFailedDestruction)
 {
     std::filesystem::create_directory(kSemaphoreFile);
-    EXPECT_EQ(common.destroy_semaphore(), -1);
+    const int result = common.destroy_semaphore();
+    const int reason = errno;
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(reason, EINVAL);
     EXPECT_THAT(platform.log(), ElementsAre(error("Parent\t: [sem_open] Failed\n")));
 }
 

@@ -94,6 +94,22 @@ TEST_F(FWUpdateFile, OfAnotherKindDoesNotOpenAndStaysClosed)
     EXPECT_EQ(openDescriptors(), before);
 }
 
+// What opens first in a process without an input gets the number 0.
+TEST_F(FWUpdateFile, OfTheDescriptor0IsAsGoodAsAnother)
+{
+    writeFile(kOpened, "text");
+    const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(STDIN_FILENO);
+    EXPECT_FALSE(openToRead("/dev/null"));
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1); // closed again
+    {
+        const File file = openToRead(kOpened);
+        EXPECT_TRUE(file && fileno(file.get()) == STDIN_FILENO);
+    }
+    dup2(input, STDIN_FILENO);
+    close(input);
+}
+
 // A processor of 32 bits has such sizes and times only in the types that are asked for.
 TEST_F(FWUpdateFile, OfFourGibibytesAndMoreOpens)
 {
@@ -140,12 +156,15 @@ TEST_F(FWUpdateFile, IsNotReplacedThroughALink)
 
 TEST_F(FWUpdateFile, IsMadeWithTheRightsThatTheProcessGives)
 {
-    const mode_t usual = umask(027);
-    const File file = openToReplace(kOpened);
-    umask(usual);
-    struct stat status;
-    ASSERT_EQ(stat(kOpened.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0640u);
+    for (const mode_t mask : {027u, 0u}) {
+        fs::remove(kOpened);
+        const mode_t usual = umask(mask);
+        const File file = openToReplace(kOpened);
+        umask(usual);
+        struct stat status;
+        ASSERT_EQ(stat(kOpened.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0777, 0666u & ~mask);
+    }
 }
 
 TEST_F(FWUpdateFile, IsKeptFromOtherPrograms)

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <limits>
+#include <malloc.h>
 #include <memory>
 #include <numeric>
 #include <openssl/evp.h>
@@ -27,6 +28,14 @@ namespace
 {
 
 bool isCipherRefused = false;
+bool isContextRefused = false;
+int openCiphers = 0;
+
+template <typename Function>
+Function* real(Function*, const char* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
 
 } // namespace
 
@@ -34,9 +43,25 @@ bool isCipherRefused = false;
 extern "C" int EVP_CipherInit_ex(EVP_CIPHER_CTX* context, const EVP_CIPHER* type, ENGINE* engine,
                                  const unsigned char* key, const unsigned char* iv, int enc)
 {
-    static auto* const init =
-        reinterpret_cast<decltype(&EVP_CipherInit_ex)>(dlsym(RTLD_NEXT, "EVP_CipherInit_ex"));
+    static auto* const init = real(&EVP_CipherInit_ex, "EVP_CipherInit_ex");
     return isCipherRefused ? 0 : init(context, type, engine, key, iv, enc);
+}
+
+extern "C" EVP_CIPHER_CTX* EVP_CIPHER_CTX_new()
+{
+    static auto* const make = real(&EVP_CIPHER_CTX_new, "EVP_CIPHER_CTX_new");
+    if (isContextRefused) {
+        return nullptr;
+    }
+    ++openCiphers;
+    return make();
+}
+
+extern "C" void EVP_CIPHER_CTX_free(EVP_CIPHER_CTX* context)
+{
+    static auto* const release = real(&EVP_CIPHER_CTX_free, "EVP_CIPHER_CTX_free");
+    --openCiphers;
+    release(context);
 }
 
 namespace
@@ -202,6 +227,7 @@ TEST_F(AesStream, ZeroesTheHeaderOfAShortStream)
     const Output output = run("", 0, false);
     EXPECT_EQ(output.bytes, "");
     EXPECT_EQ(std::string(output.buffer, output.buffer + kHeaderSize), header(""));
+    EXPECT_GE(malloc_usable_size(output.buffer), kHeaderSize + EVP_MAX_BLOCK_LENGTH); // a block may follow
 }
 
 // A size below zero cannot be allocated.
@@ -220,6 +246,22 @@ TEST_F(AesStream, IsNullWhenTheCipherCannotBeInitialised)
     isCipherRefused = false;
     EXPECT_EQ(output.buffer, nullptr);
     EXPECT_EQ(output.length, kUntouched);
+    EXPECT_EQ(openCiphers, 0);
+}
+
+TEST_F(AesStream, IsNullWithoutMemoryForTheCipher)
+{
+    isContextRefused = true;
+    const RawOutput output = runRaw(randomBytes(1000, 10), 1000);
+    isContextRefused = false;
+    EXPECT_EQ(output.buffer, nullptr);
+    EXPECT_EQ(output.length, kUntouched);
+}
+
+TEST_F(AesStream, GivesItsCipherBack)
+{
+    run(randomBytes(1000, 10), 1000, false);
+    EXPECT_EQ(openCiphers, 0);
 }
 
 TEST_F(AesStream, StartsAtTheCurrentPosition)
@@ -238,6 +280,12 @@ TEST_F(AesStream, StartsAtTheCurrentPosition)
 
 class Signature : public SetTest
 {
+protected:
+    static bool isLibraryLoaded()
+    {
+        void* const library = dlopen("/usr/lib/libkZORUser.so", RTLD_LAZY | RTLD_NOLOAD);
+        return library != nullptr && dlclose(library) == 0;
+    }
 };
 
 TEST_F(Signature, OfAnyFileIsGoodWithoutTheLibrary)
@@ -307,13 +355,17 @@ TEST_F(Signature, OfAnyFileIsGoodWithALibraryWithoutTheEntryPoint)
         EXPECT_EQ(zor_verify("/tmp/image.bin"), 1);
         EXPECT_EQ(zor_verify("/tmp/image.bin"), 1);
         EXPECT_THAT(platform.log(), ElementsAre(message, message));
+        EXPECT_FALSE(isLibraryLoaded());
     }));
 }
 
 TEST_F(Signature, OfAnyFileIsGoodWithAnEntryPointAtTheAddressNull)
 {
-    EXPECT_TRUE(
-        runWithSignatureLibrary("signature-null-entry", [&] { EXPECT_EQ(zor_verify("/tmp/image.bin"), 1); }));
+    EXPECT_TRUE(runWithSignatureLibrary("signature-null-entry", [&] {
+        EXPECT_EQ(zor_verify("/tmp/image.bin"), 1);
+        EXPECT_THAT(platform.log(), ElementsAre(error("[zor][UserCaller] dlsym Error: null address\n")));
+        EXPECT_FALSE(isLibraryLoaded());
+    }));
 }
 
 TEST_F(Signature, IsFoundOnceTheLibraryIsThere)

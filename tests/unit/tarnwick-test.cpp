@@ -1,4 +1,5 @@
 // The process itself on a platform and a bus of the test's own: what happens around it, seen from its end.
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -18,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "src/src/fw-update-UIA.h"
 #include "tests/support/manager-test.h"
 
 int tarnwickMain(); // the daemon's entry, which has another name here
@@ -29,6 +31,21 @@ int refusedThreads = 0; // of the next ones that the daemon asks for
 
 // What the next look of this thread at the monotonic clock shows, in nanoseconds; below zero it fails.
 thread_local std::optional<int64_t> nextLook;
+
+bool isLoopRefused = false; // the next one that is asked for
+std::atomic<bool> isLoopLeft{false};
+
+struct Timer {
+    guint id;
+    guint milliseconds;
+};
+std::vector<Timer> timers; // that the daemon has started
+
+guint known(guint id, guint milliseconds)
+{
+    timers.push_back({id, milliseconds});
+    return id;
+}
 
 template <typename Function>
 Function* real(Function*, const char* name)
@@ -64,6 +81,34 @@ extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept
     }
     *now = {shown / 1'000'000'000, shown % 1'000'000'000};
     return 0;
+}
+
+extern "C" GMainLoop* g_main_loop_new(GMainContext* context, gboolean isRunning)
+{
+    static auto* const make = real(&g_main_loop_new, "g_main_loop_new");
+    if (std::exchange(isLoopRefused, false)) {
+        throw std::bad_alloc();
+    }
+    return make(context, isRunning);
+}
+
+extern "C" void g_main_loop_run(GMainLoop* loop)
+{
+    static auto* const run = real(&g_main_loop_run, "g_main_loop_run");
+    run(loop);
+    isLoopLeft = true;
+}
+
+extern "C" guint g_timeout_add(guint milliseconds, GSourceFunc function, gpointer data)
+{
+    static auto* const start = real(&g_timeout_add, "g_timeout_add");
+    return known(start(milliseconds, function, data), milliseconds);
+}
+
+extern "C" guint g_timeout_add_seconds(guint seconds, GSourceFunc function, gpointer data)
+{
+    static auto* const start = real(&g_timeout_add_seconds, "g_timeout_add_seconds");
+    return known(start(seconds, function, data), 1000 * seconds);
 }
 
 namespace
@@ -133,12 +178,6 @@ TEST_F(Tarnwick, OutlivesTheBus)
     EXPECT_EXIT(tarnwickMain(), ExitedWithCode(0), "");
 }
 
-TEST_F(Tarnwick, TriesAgainToStartItsWorkerWithoutAThreadForIt)
-{
-    refusedThreads = 2;
-    EXPECT_EXIT(tarnwickMain(), ExitedWithCode(0), "");
-}
-
 // ---- What nobody catches ends the process as everything else does ----
 
 void runOutOfMemory()
@@ -192,6 +231,11 @@ void tellAll()
         std::cerr << call << '\n';
     }
     std::cerr << (testing::Test::HasFailure() ? "an expectation failed\n" : "");
+    for (const Timer& timer : timers) {
+        const bool isLeft = g_main_context_find_source_by_id(nullptr, timer.id) != nullptr;
+        std::cerr << "timer of " << timer.milliseconds << (isLeft ? " ms, left\n" : " ms\n");
+    }
+    std::cerr << "state " << FWUpdateUIA::getInstance()->FWSVC_get_state() << '\n';
     std::cerr << (exists("/tmp/fwupdate-off-list.txt") ? "the list is left\n" : "no list\n");
 }
 
@@ -220,12 +264,13 @@ protected:
         return library;
     }
 
-    // Starts at kStart. `play` runs when the service is up; what it leaves running is given up as a failure.
+    // Starts at `started`. `play` runs when the service is up; what it leaves running is given up as a
+    // failure.
     void live(const std::function<void()>& play)
     {
-        platform.onLog([](const std::string& text) {
+        platform.onLog([this](const std::string& text) {
             if (text == "service initialize") {
-                nextLook = kStart;
+                nextLook = started;
             }
         });
         std::thread([&] {
@@ -239,6 +284,14 @@ protected:
             std::cerr << "it did not end\n";
             _exit(4);
         }).detach();
+        liveAlone();
+    }
+
+    // Nobody plays the set.
+    static void liveAlone()
+    {
+        timers.clear();
+        isLoopLeft = false;
         at_quick_exit(tellAll);
         tarnwickMain();
     }
@@ -261,7 +314,9 @@ protected:
         return false;
     }
 
-    // The power changes, so many nanoseconds after the start.
+    int64_t started = kStart;
+
+    // The power changes, so many nanoseconds after kStart.
     std::vector<int> changePower(int previous, int current, int64_t after)
     {
         nextLook = kStart + after;
@@ -296,9 +351,23 @@ TEST_F(TarnwickLife, TellsAndAsksTheSameAtEveryStartAndEnd)
                                 "pwrctl_unsubscribe_poweroff_event()\n"
                                 "pwrctl_unlock_state(2)\n"
                                 "hangwatch_unregister_watchdog_service()\n"
-                                "no list\n"),
+                                "timer of 5000 ms\ntimer of 1000 ms\nstate 21\nno list\n"),
                       Not(HasSubstr("Error: service_initialize fail!")),
                       Not(HasSubstr("subscribe_state_changed_event() failed"))));
+}
+
+TEST_F(TarnwickLife, ItsStateIsThatOfItsStartAndOfItsEnd)
+{
+    installPending();
+    for (const char* call : {"hangwatch_register_watchdog_service", "FlagpostIsDone", "FlagpostResetEvent"}) {
+        platform.onCall(call, [call] {
+            std::cerr << "at " << call << " " << FWUpdateUIA::getInstance()->FWSVC_get_state() << '\n';
+        });
+    }
+    EXPECT_EXIT(live([&] { platform.powerOff(0); }), ExitedWithCode(0),
+                AllOf(HasSubstr("at hangwatch_register_watchdog_service 0\n"),
+                      HasSubstr("at FlagpostIsDone 1\n"), HasSubstr("at FlagpostResetEvent 20\n"),
+                      HasSubstr("state 21\n")));
 }
 
 // ---- Power and mirroring ----
@@ -341,6 +410,15 @@ TEST_F(TarnwickLife, AClockThatFailsCountsAsZero)
     };
     // Zero minus the start is far ahead: no grace period.
     EXPECT_EXIT(live(play), ExitedWithCode(0),
+                AllOf(HasSubstr("6: Failed get_current_time\n"),
+                      HasSubstr("6: prev_state [0] cur_state[2] try fw update\n")));
+}
+
+TEST_F(TarnwickLife, AClockThatFailsAtTheStartHasStartedAtZero)
+{
+    installPending();
+    started = -1;
+    EXPECT_EXIT(live([&] { changePower(0, 2, kGrace - kStart); }), ExitedWithCode(0),
                 AllOf(HasSubstr("6: Failed get_current_time\n"),
                       HasSubstr("6: prev_state [0] cur_state[2] try fw update\n")));
 }
@@ -472,7 +550,76 @@ TEST_F(TarnwickLife, ModulesHearWhenTheSetIsSwitchedOff)
                       HasSubstr("6: Try allDoUpdateDone\n6: allDoUpdateDone Done\n6: service finalize\n")));
 }
 
+// ---- End, while another thread is at something ----
+
+TEST_F(TarnwickLife, APowerOnAtItsEndIsNoReboot)
+{
+    installPending();
+    platform.onCall("pwrctl_unsubscribe_state_changed_event", [&] { changePower(2, 0, kGrace + kSecond); });
+    EXPECT_EXIT(live([&] { changePower(0, 2, kGrace); }), ExitedWithCode(0),
+                AllOf(HasSubstr("6: service finalize\n"), Not(HasSubstr("reboot"))));
+}
+
+TEST_F(TarnwickLife, AWorkerThatComesAfterItsEndChecksNothing)
+{
+    installPending();
+    static Gate fetch;
+    platform.onCall("ABM_DownloadAppBinary", [] { fetch.pass(); });
+    platform.onCall("pralis_notify_key_changed", [&] { platform.powerOff(0); }); // the last subscription
+    platform.onCall("hangwatch_unregister_watchdog_service", [&] {
+        fetch.open();
+        eventually([&] { return isLogged("need update item, wait ui or bg fw update\n"); });
+    });
+    EXPECT_EXIT(
+        liveAlone(), ExitedWithCode(0),
+        AllOf(HasSubstr("6: Task is not running, writeFirmwareUpdateList stop\n"), HasSubstr("no list\n")));
+}
+
+TEST_F(TarnwickLife, ItsMainThreadLeavesTheLoopAndSleepsUntilAnotherHasEndedIt)
+{
+    installPending();
+    platform.onCall("hangwatch_unregister_watchdog_service", [] {
+        EXPECT_TRUE(eventually([] {
+            const auto stat = common::readProcessStat("/proc/self/task/" + std::to_string(getpid()));
+            return isLoopLeft && stat && stat->isAsleep();
+        }));
+    });
+    EXPECT_EXIT(live([&] { platform.powerOff(0); }), ExitedWithCode(0),
+                AllOf(Not(HasSubstr("an expectation failed")), HasSubstr("state 21\n")));
+}
+
+TEST_F(TarnwickLife, ATimerThatHasEndedItselfIsNotEndedAgain)
+{
+    installPending();
+    const auto play = [&] {
+        EXPECT_TRUE(eventually([&] { return isLogged("5"); })); // nothing to do for the UI: no more ticks
+        untilOthersSleep();
+        platform.powerOff(0);
+    };
+    EXPECT_EXIT(live(play), ExitedWithCode(0),
+                AllOf(Not(HasSubstr("an expectation failed")), Not(HasSubstr("CRITICAL")),
+                      HasSubstr("timer of 5000 ms\ntimer of 1000 ms\n")));
+}
+
 // ---- Start ----
+
+TEST_F(TarnwickLife, TriesAgainEachSecondToStartItsWorkerWithoutAThreadForIt)
+{
+    refusedThreads = 2;
+    EXPECT_EXIT(liveAlone(), ExitedWithCode(0), HasSubstr("timer of 1000 ms"));
+}
+
+TEST_F(TarnwickLife, EndsAtOnceAfterAnExceptionBeforeItIsOne)
+{
+    installPending();
+    const auto start = [] {
+        isLoopRefused = true;
+        liveAlone();
+    };
+    EXPECT_EXIT(start(), ExitedWithCode(0),
+                AllOf(HasSubstr("6: service finalize\n"), Not(HasSubstr("start work")),
+                      Not(HasSubstr("Error: service_initialize fail!")), HasSubstr("state 21\n")));
+}
 
 TEST_F(TarnwickLife, TheWatchdogHearsEveryFiveSeconds)
 {
@@ -532,7 +679,15 @@ TEST_F(TarnwickLife, AStartWithoutModulesFails)
                 AllOf(HasSubstr("6: firmwareItems empty\n6: Error: SymbolManager load fail!\n\n"
                                 "6: Error: service_initialize fail!\n"),
                       Not(HasSubstr("hangwatch_register")), HasSubstr("4: no update module item!\n"),
-                      HasSubstr("6: service finalize\n")));
+                      HasSubstr("6: service finalize\n"), Not(HasSubstr("CRITICAL"))));
+    EXPECT_TRUE(exists("/dev/shm/sem.SEM_UPDATE_CONTROL")); // its end makes what is not there
+}
+
+TEST_F(TarnwickLife, AnExternalModuleIsOneToStartWith)
+{
+    installControl("EXT-hdmi");
+    EXPECT_EXIT(liveAlone(), ExitedWithCode(0),
+                AllOf(Not(HasSubstr("SymbolManager load fail")), HasSubstr("6: service finalize\n")));
 }
 
 TEST_F(TarnwickLife, AStartWithoutAWatchdogFails)
