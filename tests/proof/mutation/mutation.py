@@ -379,6 +379,24 @@ MAIN_TEST = "tests/unit/tarnwick-test"  # has the daemon's main in it
 DAEMON = "src/tarnwick"
 
 
+def width(test):
+    """Of how much else it is about."""
+    return len(test.reached) * (1 + test.duration)
+
+
+def in_pieces(tests):
+    """Most places are noticed by the first few: those by themselves, and ever more after them. In a piece they stand in
+    the order in which their program runs them."""
+    pieces, seconds, limit = [[]], 0, 1
+    for at, test in sorted(enumerate(tests), key=lambda pair: width(pair[1])):
+        if seconds >= limit:
+            pieces.append([])
+            seconds, limit = 0, 4 * limit
+        pieces[-1].append((at, test))
+        seconds += test.duration
+    return [[test for _, test in sorted(piece, key=lambda pair: pair[0])] for piece in pieces]
+
+
 class Breaker:
     def __init__(self, tree, sources, places, tests):
         self.tree, self.sources, self.tests = tree, sources, tests
@@ -401,7 +419,7 @@ class Breaker:
         return near
 
     def groups(self, place, label):
-        """Tests that come to the place, by program, those first that are about little else."""
+        """Tests that come to the place, of one program each, those first that are about little else."""
         near = self.numbers_near(place)
         chosen = [test for test in self.tests.all if test.label == label and not near.isdisjoint(test.reached)]
         if not chosen and place.alone:
@@ -410,7 +428,8 @@ class Breaker:
         groups = {}
         for test in chosen:
             groups.setdefault(test.program, []).append(test)
-        return sorted(groups.values(), key=lambda group: min(len(test.reached) * (1 + test.duration) for test in group))
+        pieces = [piece for group in groups.values() for piece in in_pieces(group)]
+        return sorted(pieces, key=lambda piece: min(map(width, piece)))
 
     def try_place(self, place, label):
         """Runs the tests of that label that come to the place, broken, until one fails."""

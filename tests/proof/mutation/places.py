@@ -60,7 +60,7 @@ class Place:
 
     @property
     def change(self):
-        return f"{one_line(self.original)} -> {one_line(self.broken)}"
+        return f"{one_line(self.original)} -> {one_line(self.broken)}".rstrip()
 
 
 class Source:
