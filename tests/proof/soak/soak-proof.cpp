@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <optional>
 #include <random>
@@ -26,6 +27,7 @@ struct Options {
     unsigned int cycles = 100;
     unsigned int seed = 1;
     unsigned int only = 0;
+    fs::path memory; // where each cycle's is written; empty: nowhere
 };
 
 constexpr double kMebibyte = 1 << 20;
@@ -95,7 +97,14 @@ private:
 class Soak
 {
 public:
-    explicit Soak(const Options& options) : options_(options) {}
+    explicit Soak(const Options& options) : options_(options)
+    {
+        if (!options_.memory.empty()) {
+            file_.exceptions(std::ofstream::failbit | std::ofstream::badbit);
+            file_.open(options_.memory);
+            file_ << "cycle,set,service,bytes" << std::endl;
+        }
+    }
 
     int run()
     {
@@ -131,6 +140,19 @@ private:
                 tellBreach(std::string(each->name) + ", cycle " + std::to_string(cycle) + " (" +
                            SoakedSet::textOf(plan) + "): " + breach);
             }
+            writeMemory(cycle, *each);
+        }
+    }
+
+    // At once: a run that takes hours is looked into, and may be ended.
+    void writeMemory(unsigned int cycle, const Named& each)
+    {
+        if (file_.is_open()) {
+            for (const auto& [name, course] : each.set.memory()) {
+                file_ << cycle << ',' << each.name << ',' << name << ',' << std::llround(course.latest())
+                      << '\n';
+            }
+            file_.flush();
         }
     }
 
@@ -191,6 +213,7 @@ private:
     Place place_;
     Named television_{"reboots", {place_.path() / "reboots", SoakedSet::Way::kTelevision}};
     Named services_{"stays on", {place_.path() / "stays-on", SoakedSet::Way::kServices}};
+    std::ofstream file_;
     common::ProgressLine line_;
     std::size_t breaches_ = 0;
 };
@@ -205,6 +228,7 @@ int main(int argc, char** argv)
     line.number("--cycles", options.cycles, common::Range<unsigned int>{1, 10000000}, "so often");
     line.number("--seed", options.seed, common::Range<unsigned int>{0, 1000000000}, "which chance");
     line.number("--only", options.only, common::Range<unsigned int>{1, 10000000}, "this cycle alone");
+    line.path("--memory", options.memory, "write what each service has after each cycle").called("FILE");
     line.onRun([&] {
         if (geteuid() != 0) {
             throw common::Failure("it takes root: the daemon of a set is a user of its own");

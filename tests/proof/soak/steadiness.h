@@ -37,6 +37,7 @@ class Course
 public:
     void take(double value) { values_.push_back(value); }
     std::size_t size() const { return values_.size(); }
+    double latest() const { return values_.back(); } // not before the first
     double first()
         const; // the middle one of the first tenth, once the first fifth, in which caches fill, has passed
     double last() const; // of the last tenth
