@@ -93,7 +93,7 @@ void endInGracePeriod(uint64_t elapsed, int32_t current)
     service_finalize();
 }
 
-void pwrctl_state_changed_cb(pwrctl_state_info* info, void*)
+int pwrctl_state_changed_cb(pwrctl_state_info* info, void*)
 {
     constexpr uint64_t kGracePeriod = 600 * kNanosecondsPerSecond;
     constexpr unsigned int kInterruptedUpdateReboot = 0x20000020;
@@ -104,37 +104,40 @@ void pwrctl_state_changed_cb(pwrctl_state_info* info, void*)
     const uint64_t elapsed = get_current_time() - initialize_time;
     if (isMirrovex == 1 || isFactoryProductionBooting == 1) {
         FWLOGE("Mirrovex or ProductMode, not try update");
-        return;
+        return 0;
     }
     if (elapsed < kGracePeriod) {
         endInGracePeriod(elapsed, current);
-        return;
+        return 0;
     }
     const bool isSwitchedOn = (previous == 2 || previous == 4) && current == 0;
     if (isSwitchedOn && isUpdateRunning) {
         FWLOGE("prev_state [%d] cur_state[%d] try reboot", previous, current);
         pwrctl_request_reboot(kInterruptedUpdateReboot);
         service_finalize();
-        return;
+        return 0;
     }
     if (previous == 0 && current == 2 && isStanbyUpdate == 1) {
         FWLOGE("prev_state [%d] cur_state[%d] try fw update", previous, current);
         isStanbyUpdate = startStandbyUpdate() ? 0 : 1;
     }
+    return 0;
 }
 
-void pwrctl_subscribe_poweroff_event_cb(pwrctl_poweroff_info*, void*)
+int pwrctl_subscribe_poweroff_event_cb(pwrctl_poweroff_info*, void*)
 {
     manager().allDoUpdateDone();
     service_finalize();
+    return 0;
 }
 
-// Stands between the platform, which is C and takes a result, and a callback of ours that may throw.
+// Stands between the platform, which is C, and a callback of ours that may throw.
 template <auto callback, typename Event>
 int guarded(Event* event, void* data)
 {
-    runToTheEnd([&] { callback(event, data); });
-    return 0;
+    int result = 0;
+    runToTheEnd([&] { result = callback(event, data); });
+    return result;
 }
 
 constexpr pwrctl_state_cb kOnStateChanged = guarded<pwrctl_state_changed_cb, pwrctl_state_info>;
