@@ -71,7 +71,7 @@ def parser() -> Parser:
     whole = Parser(
         prog="campaign", description=summary, epilog=rest + STATUSES, formatter_class=argparse.RawTextHelpFormatter
     )
-    commands = whole.add_subparsers(dest="action", required=True, metavar="COMMAND")
+    commands = whole.add_subparsers(dest="action", metavar="COMMAND")
 
     chosen = argparse.ArgumentParser(add_help=False)
     chosen.add_argument(
@@ -294,7 +294,10 @@ def report(_everything: list[Case], options: argparse.Namespace) -> int:
 
 
 def main(arguments: Sequence[str], make: Make = cases.cases_of) -> int:
-    options = parser().parse_args(arguments)
+    all_words = parser()
+    options = all_words.parse_args(arguments)
+    if options.action is None:  # not the parser's to require: it would hide a word that it does not know
+        all_words.error("COMMAND is required: list, run, report or prepare")
     try:
         everything = make(TREE, getattr(options, "seed", 1))
         actions = {"list": tell_list, "prepare": prepare, "run": run, "report": report}

@@ -215,9 +215,10 @@ void define(common::CommandLine& program, Options& options)
     program.flag(
         "--no-log-text", options.isLogTextUnjudged,
         "Do not look for the texts of the logs in what is written: they are packed or encrypted here");
-    program.flag("--json", options.isJson, "Print JSON");
+    const common::Option json = program.flag("--json", options.isJson, "Print JSON");
     program.path("--junit", options.junit, "Write a JUnit report to this file as well").called("FILE");
-    program.flag("--list-findings", options.isList, "Print what can be found, with cause and cure");
+    program.flag("--list-findings", options.isList, "Print what can be found, with cause and cure")
+        .excludes(json);
     program.footer(kFooter);
     program.onRun([&options] {
         options.check.isLogTextJudged = !options.isLogTextUnjudged;

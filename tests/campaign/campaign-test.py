@@ -124,6 +124,7 @@ class Listing(unittest.TestCase):
             (("report", "/nowhere.jsonl"), "/nowhere.jsonl"),
             (("report", __file__), "line 1"),
             ((), "COMMAND"),
+            (("--nosuch",), "--nosuch"),
         ):
             status, _, errors = real(*words)
             self.assertEqual((status, told in errors), (2, True), (words, errors))

@@ -138,6 +138,7 @@ TEST_F(Check, WrongUseIsToldFromFailure)
     const std::pair<std::vector<std::string>, int> cases[] = {
         {{}, 2},
         {{tuner, "--what"}, 2},
+        {{"--list-findings", "--json"}, 2},
         {{tuner, "--package", package, "--firmware", firmware}, 2},
         {{soundbar, "--package", package}, 2},
         {{tuner, "--package", "Tuner.img"}, 2}, // a name that the daemon would not look for

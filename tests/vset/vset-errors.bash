@@ -50,6 +50,8 @@ one_line 1 "\$'a\\nb'\`" "$vset" wait $'a\nb' on
 one_line 1 'dbus-daemon ended at its start: cannot run dbus-daemon: No such file or directory (PATH is "", without /usr/bin)' \
     env PATH= "$vset" run --temporary -- true
 one_line 1 "circle: Too many levels" bash -c "ln -sf circle circle; '$vset' new circle"
+one_line 1 "takes no path with a backslash" "$vset" new 'a\b'
+[[ ! -e 'a\b' ]]
 one_line 1 "TMPDIR" env TMPDIR=/nonexistent "$vset" run --temporary -- true
 
 # ---- Words ----
@@ -60,6 +62,7 @@ done
 expect 0 "yes" "$vset" run --temporary -- echo yes
 expect 0 "yes" "$vset" run --temporary echo yes
 expect 0 "a|--|b|" "$vset" run --temporary -- printf '%s|' a -- b
+expect 2 "SET is required before the --" "$vset" run -- true
 expect 2 "CMD is required" "$vset" exec "$set_" --
 
 # ---- put ----

@@ -64,6 +64,11 @@ int run(RunArguments& arguments, std::optional<std::size_t> wordsBehindDashes)
 {
     RunOptions& options = arguments.run;
     options.binds.assign(arguments.binds.begin(), arguments.binds.end());
+    std::error_code error;
+    const bool isAllBehindDashes = wordsBehindDashes && *wordsBehindDashes > options.command.size();
+    if (isAllBehindDashes && !arguments.isTemporary && !fs::is_directory(arguments.set, error)) {
+        throw common::WrongUse("run: SET is required before the -- (or --temporary)");
+    }
     if (arguments.isTemporary && !arguments.set.empty()) {
         if (isMeantForSet(arguments, wordsBehindDashes)) {
             throw common::WrongUse("SET and --temporary cannot be given together: a temporary set has a "

@@ -390,6 +390,9 @@ SetDirectory SetDirectory::open(const fs::path& path)
 SetDirectory SetDirectory::make(const fs::path& path)
 {
     std::error_code error;
+    if (fs::absolute(path, error).string().find('\\') != std::string::npos) {
+        throw Error(path.string() + ": cmake, which puts the daemon there, takes no path with a backslash");
+    }
     if (fs::exists(path, error) && !fs::is_directory(path, error)) {
         throw Error(path.string() + " is not a directory: choose another name for the set");
     }

@@ -96,11 +96,12 @@ void defineCheck(common::CommandLine& command)
         "Each may be 1 GiB long");
     command.flag("--every-write", request.everyWrite,
                  "Cut the power at every write of an update; by default at 300 of them at most");
-    command.flag("--json", options->json, "Print JSON");
+    const common::Option json = command.flag("--json", options->json, "Print JSON");
     command
         .path("--junit", options->junit, "Write a JUnit report to this file as well; errors are its failures")
         .called("FILE");
-    command.flag("--list-findings", options->listFindings, "Print what can be found, with cause and cure");
+    command.flag("--list-findings", options->listFindings, "Print what can be found, with cause and cure")
+        .excludes(json);
     command.footer(
         "The library is called as the daemon does, in a virtual set that is gone afterwards: questions,\n"
         "an update, updates that must be refused, and updates whose power is cut. "
