@@ -8,7 +8,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/mman.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -163,6 +166,42 @@ TEST_F(WriteWatchTest, ARefusedWriteFailsAndASpoiltOneDoesNot)
     });
     const std::string spoilt = {'3', static_cast<char>(~'3'), '3', '+', static_cast<char>(~'4'), '4'};
     EXPECT_EQ(chipContent(), "one" + spoilt) << "the last one of all begins where the third has ended";
+}
+
+// Whatever a library writes with: what the process sees is a success, and the positions are moved.
+TEST_F(WriteWatchTest, EveryKindOfWriteCanBeSpoilt)
+{
+    const auto work = [this] {
+        const int file = open(chip().c_str(), O_RDWR | O_CREAT, 0600);
+        const int source = memfd_create("source", 0);
+        (void)!write(source, "aaabbbcccddd", 12);
+        char first[] = "11";
+        char second[] = "2";
+        const iovec parts[] = {{first, 2}, {second, 1}};
+        off_t from = 3;
+        bool isRight = writev(file, parts, 2) == 3 && pwritev(file, parts, 2, 3) == 3;
+        lseek(file, 6, SEEK_SET);
+        isRight = isRight && sendfile(file, source, &from, 3) == 3 && from == 6;
+        lseek(source, 6, SEEK_SET);
+        isRight = isRight && sendfile(file, source, nullptr, 3) == 3 && lseek(source, 0, SEEK_CUR) == 9;
+        (void)!pwrite(file, isRight ? "+" : "-", 1, 12);
+    };
+    std::vector<std::optional<std::uint64_t>> positions;
+    watch(work, 0, [&](vset::WriteWatch& watch, const vset::HardwareWrite& write, std::size_t number) {
+        positions.push_back(write.position);
+        const auto spoilt = number < 5 ? watch.spoil(write) : std::nullopt;
+        if (!spoilt) {
+            EXPECT_EQ(number, 5U);
+            return watch.allow(write);
+        }
+        EXPECT_EQ(spoilt->wrong.size(), 3U);
+        EXPECT_EQ(spoilt->right[0], spoilt->wrong[0]);
+        EXPECT_NE(spoilt->right[1], spoilt->wrong[1]);
+    });
+    const auto with = [](char c) { return std::string{c, static_cast<char>(~c), c}; };
+    const std::string parts = {'1', static_cast<char>(~'1'), '2'};
+    EXPECT_EQ(chipContent(), parts + parts + with('b') + with('c') + "+");
+    EXPECT_THAT(positions, ElementsAre(0U, 3U, 6U, 9U, 12U));
 }
 
 TEST_F(WriteWatchTest, AKilledProcessHasWrittenWhatCameBefore)

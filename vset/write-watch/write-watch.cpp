@@ -11,12 +11,15 @@
 #include <fstream>
 #include <iterator>
 #include <seccomp.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <system_error>
 #include <unistd.h>
 #include <vector>
+
+#include "common/files/unique-fd.h"
 
 namespace vset
 {
@@ -34,15 +37,23 @@ struct Call {
     Size size;
     unsigned int sizeArgument; // the number of bytes; of a vector, its address, and behind it its length
     bool devicesOnly = false;  // on a plain file it changes nothing that lasts
+    int positionArgument = -1; // where in the file; of one without it begins where the file's own position is
 };
 constexpr Call kCalls[] = {
-    {"write", 0, Size::Argument, 2},   {"pwrite64", 0, Size::Argument, 2},
-    {"writev", 0, Size::Vector, 1},    {"pwritev", 0, Size::Vector, 1},
-    {"pwritev2", 0, Size::Vector, 1},  {"sendfile", 0, Size::Argument, 3},
-    {"splice", 2, Size::Argument, 4},  {"copy_file_range", 2, Size::Argument, 4},
-    {"ftruncate", 0, Size::None, 0},   {"fallocate", 0, Size::None, 0},
-    {"fsync", 0, Size::None, 0},       {"fdatasync", 0, Size::None, 0},
-    {"syncfs", 0, Size::None, 0},      {"sync_file_range", 0, Size::None, 0},
+    {"write", 0, Size::Argument, 2},
+    {"pwrite64", 0, Size::Argument, 2, false, 3},
+    {"writev", 0, Size::Vector, 1},
+    {"pwritev", 0, Size::Vector, 1, false, 3},
+    {"pwritev2", 0, Size::Vector, 1, false, 3},
+    {"sendfile", 0, Size::Argument, 3},
+    {"splice", 2, Size::Argument, 4},
+    {"copy_file_range", 2, Size::Argument, 4},
+    {"ftruncate", 0, Size::None, 0},
+    {"fallocate", 0, Size::None, 0},
+    {"fsync", 0, Size::None, 0},
+    {"fdatasync", 0, Size::None, 0},
+    {"syncfs", 0, Size::None, 0},
+    {"sync_file_range", 0, Size::None, 0},
     {"ioctl", 0, Size::None, 0, true},
 };
 
@@ -204,12 +215,42 @@ std::string fieldOf(const fs::path& file, const std::string& name)
     return "";
 }
 
-bool isSynchronous(const seccomp_notif& notice, unsigned int argument)
+// How a file is open, and where the next byte goes.
+struct OpenFile {
+    std::uint64_t position = 0;
+    unsigned long flags = 0;
+
+    bool isSynchronous() const { return (flags & O_DSYNC) != 0; } // O_SYNC has it, too
+};
+
+OpenFile openFileOf(const seccomp_notif& notice, unsigned int argument)
 {
-    const fs::path file = "/proc/" + std::to_string(notice.pid) + "/fdinfo/" +
-                          std::to_string(static_cast<int>(notice.data.args[argument]));
-    const unsigned long flags = std::strtoul(fieldOf(file, "flags").c_str(), nullptr, 8);
-    return (flags & O_DSYNC) != 0; // O_SYNC has it, too
+    std::ifstream in("/proc/" + std::to_string(notice.pid) + "/fdinfo/" +
+                     std::to_string(static_cast<int>(notice.data.args[argument])));
+    OpenFile file;
+    std::string name;
+    in >> name >> file.position >> name >> std::oct >> file.flags; // "pos: 4096 flags: 0100002"
+    return file;
+}
+
+// Nothing where it is known to the call alone.
+std::optional<std::uint64_t> positionOf(const Call& call, const seccomp_notif& notice, const OpenFile& file)
+{
+    constexpr std::uint64_t kOwn = -1; // pwritev2's
+    const bool isCopy =
+        call.name == std::string_view("copy_file_range") || call.name == std::string_view("splice");
+    if (isCopy && notice.data.args[3] != 0) {
+        return std::nullopt;
+    }
+    const auto argument = static_cast<unsigned int>(call.positionArgument);
+    const bool isGiven = call.positionArgument >= 0 && notice.data.args[argument] != kOwn;
+    const fs::path link = descriptorLink(notice, call.descriptorArgument);
+    std::error_code unknown;
+    if (!isGiven && (file.flags & O_APPEND) != 0) {
+        const std::uintmax_t size = fs::file_size(link, unknown);
+        return unknown ? std::nullopt : std::optional<std::uint64_t>(size);
+    }
+    return isGiven ? notice.data.args[argument] : file.position;
 }
 
 std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
@@ -232,7 +273,11 @@ std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
         if (call->devicesOnly && !isToDevice) {
             return std::nullopt;
         }
-        write.isLasting = isToDevice || isSynchronous(notice, call->descriptorArgument);
+        const OpenFile file = openFileOf(notice, call->descriptorArgument);
+        write.isLasting = isToDevice || file.isSynchronous();
+        if (write.bytes > 0) {
+            write.position = positionOf(*call, notice, file);
+        }
     } else if (const PathCall* const pathCall = findCall(kPathCalls, notice)) {
         write.call = pathCall->name;
         write.path = pathOf(*pathCall, notice);
@@ -268,40 +313,141 @@ void WriteWatch::refuse(const HardwareWrite& write, int error)
 
 namespace
 {
-// The same open file, with the same position; -1 when the system does not let us have it.
-int copyOfDescriptor(pid_t thread, int descriptor)
+// The same open file, with the same position; none when the system does not let us have it.
+common::UniqueFd copyOfDescriptor(pid_t thread, std::uint64_t descriptor)
 {
     const std::string process = fieldOf("/proc/" + std::to_string(thread) + "/status", "Tgid");
-    const int handle =
-        static_cast<int>(syscall(SYS_pidfd_open, std::strtol(process.c_str(), nullptr, 10), 0));
-    const int copy = handle < 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_getfd, handle, descriptor, 0));
-    close(handle);
-    return copy;
+    const common::UniqueFd handle(syscall(SYS_pidfd_open, std::strtol(process.c_str(), nullptr, 10), 0));
+    return common::UniqueFd(handle ? syscall(SYS_pidfd_getfd, handle.get(), static_cast<int>(descriptor), 0)
+                                   : -1);
+}
+
+// A position that a call is given the address of, and moves; of a file's own there is none.
+class GivenPosition
+{
+public:
+    GivenPosition(pid_t process, std::uint64_t address) : process_(process), address_(address) {}
+    bool isThere() const { return address_ != 0; }
+    off_t read() const
+    {
+        off_t position = 0;
+        const iovec here{&position, sizeof position};
+        const iovec there{reinterpret_cast<void*>(address_), sizeof position}; // of that process
+        return process_vm_readv(process_, &here, 1, &there, 1, 0) == sizeof position ? position : 0;
+    }
+    void move(ssize_t bytes) const
+    {
+        off_t position = read() + bytes;
+        const iovec here{&position, sizeof position};
+        const iovec there{reinterpret_cast<void*>(address_), sizeof position}; // of that process
+        [[maybe_unused]] const ssize_t length = process_vm_writev(process_, &here, 1, &there, 1, 0);
+    }
+
+private:
+    pid_t process_;
+    std::uint64_t address_;
+};
+
+// Calls that write what another file has: which argument names that, and where in each of the two.
+struct Transfer {
+    const char* name;
+    unsigned int source;
+    unsigned int sourcePosition;
+    unsigned int target;
+    int targetPosition; // -1: always the file's own
+};
+constexpr Transfer kTransfers[] = {{"sendfile", 1, 2, 0, -1}, {"copy_file_range", 0, 1, 2, 3}};
+constexpr std::uint64_t kMostSpoilt = 8 << 20; // bytes; a transfer may always do a part only
+
+const Transfer* transferOf(const HardwareWrite& write)
+{
+    const auto* const found =
+        std::find_if(std::begin(kTransfers), std::end(kTransfers),
+                     [&](const Transfer& transfer) { return write.call == transfer.name; });
+    return found == std::end(kTransfers) ? nullptr : found;
+}
+
+// In the memory of the process that waits; empty when it cannot be had.
+std::vector<char> memoryOf(const HardwareWrite& write)
+{
+    std::vector<iovec> there{{reinterpret_cast<void*>(write.arguments[1]), write.bytes}}; // of that process
+    const bool isVector = write.call == "writev" || write.call.rfind("pwritev", 0) == 0;
+    if (isVector) {
+        there.resize(std::min<std::uint64_t>(write.arguments[2], IOV_MAX));
+        const iovec here{there.data(), there.size() * sizeof(iovec)};
+        const iovec list{reinterpret_cast<void*>(write.arguments[1]), here.iov_len};
+        if (process_vm_readv(write.thread, &here, 1, &list, 1, 0) != static_cast<ssize_t>(here.iov_len)) {
+            return {};
+        }
+    } else if (write.call != "write" && write.call != "pwrite64") {
+        return {};
+    }
+    std::vector<char> data(write.bytes);
+    const iovec here{data.data(), data.size()};
+    const ssize_t length = process_vm_readv(write.thread, &here, 1, there.data(), there.size(), 0);
+    return length == static_cast<ssize_t>(data.size()) ? data : std::vector<char>();
+}
+
+std::vector<char> sourceOf(const HardwareWrite& write, const Transfer& transfer)
+{
+    const common::UniqueFd source = copyOfDescriptor(write.thread, write.arguments[transfer.source]);
+    const GivenPosition position(write.thread, write.arguments[transfer.sourcePosition]);
+    std::vector<char> data(std::min(write.bytes, kMostSpoilt));
+    const ssize_t length = position.isThere() ? pread(source.get(), data.data(), data.size(), position.read())
+                                              : read(source.get(), data.data(), data.size());
+    data.resize(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+    if (position.isThere()) {
+        position.move(static_cast<ssize_t>(data.size()));
+    }
+    return data;
+}
+
+std::string around(const std::vector<char>& data, std::size_t middle)
+{
+    constexpr std::size_t kSide = 32;
+    const std::size_t begin = middle - std::min(middle, kSide);
+    return {data.data() + begin, std::min(data.size() - begin, 2 * kSide)};
+}
+
+ssize_t put(const HardwareWrite& write, int file, const std::vector<char>& data)
+{
+    const Transfer* const transfer = transferOf(write);
+    if (transfer != nullptr && transfer->targetPosition >= 0) {
+        const GivenPosition position(write.thread,
+                                     write.arguments[static_cast<unsigned int>(transfer->targetPosition)]);
+        if (position.isThere()) {
+            const ssize_t written = pwrite(file, data.data(), data.size(), position.read());
+            position.move(std::max<ssize_t>(written, 0));
+            return written;
+        }
+    }
+    const bool isAtOwn = transfer != nullptr || write.call == "write" || write.call == "writev";
+    return isAtOwn ? ::write(file, data.data(), data.size())
+                   : pwrite(file, data.data(), data.size(), static_cast<off_t>(write.arguments[3]));
 }
 } // namespace
 
-bool WriteWatch::spoil(const HardwareWrite& write)
+std::optional<WriteWatch::Spoilt> WriteWatch::spoil(const HardwareWrite& write)
 {
-    const bool hasPosition = write.call == "pwrite64";
-    std::vector<char> data(write.bytes);
-    const iovec here{data.data(), data.size()};
-    const iovec there{reinterpret_cast<void*>(write.arguments[1]), data.size()}; // of that process
-    if ((!hasPosition && write.call != "write") || data.empty() ||
-        process_vm_readv(write.thread, &here, 1, &there, 1, 0) != static_cast<ssize_t>(data.size())) {
-        return false;
+    const Transfer* const transfer = transferOf(write);
+    const common::UniqueFd file =
+        copyOfDescriptor(write.thread, write.arguments[transfer != nullptr ? transfer->target : 0]);
+    std::vector<char> data;
+    if (file) {
+        data = transfer != nullptr ? sourceOf(write, *transfer) : memoryOf(write);
     }
-    const int file = copyOfDescriptor(write.thread, static_cast<int>(write.arguments[0]));
-    if (file < 0) {
-        return false;
+    if (data.empty()) {
+        return std::nullopt;
     }
-    data[data.size() / 2] = static_cast<char>(~data[data.size() / 2]);
-    const ssize_t written =
-        hasPosition ? pwrite(file, data.data(), data.size(), static_cast<off_t>(write.arguments[3]))
-                    : ::write(file, data.data(), data.size());
+    const std::size_t middle = data.size() / 2;
+    Spoilt spoilt;
+    spoilt.right = around(data, middle);
+    data[middle] = static_cast<char>(~data[middle]);
+    spoilt.wrong = around(data, middle);
+    const ssize_t written = put(write, file.get(), data);
     const int error = written < 0 ? errno : 0;
-    close(file);
     listener_.answer(write.id, error == 0 ? written : 0, error);
-    return true;
+    return spoilt;
 }
 
 } // namespace vset

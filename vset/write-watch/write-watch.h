@@ -31,6 +31,7 @@ struct HardwareWrite {
     std::string path;        // as the watched process sees it
     std::uint64_t bytes = 0; // asked for; 0 for a call that writes none, such as a flush
     bool isLasting = false;  // needs no flush: to a device, or a file that was opened for synchronous writing
+    std::optional<std::uint64_t> position;    // in the file, where it is known
     std::array<std::uint64_t, 6> arguments{}; // the call's
 };
 
@@ -59,8 +60,12 @@ public:
     void refuse(const HardwareWrite& write, int error);
 
     // Makes the write as worn-out hardware does: with success, but one byte in its middle is another one.
-    // False when it is none that this can be done to; it still waits then.
-    bool spoil(const HardwareWrite& write);
+    struct Spoilt {
+        std::string wrong; // what was written around that byte
+        std::string right; // and what should have been
+    };
+    // Nothing when it is none that this can be done to; it still waits then.
+    std::optional<Spoilt> spoil(const HardwareWrite& write);
 
 private:
     CallListener listener_;
