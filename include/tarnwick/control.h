@@ -66,10 +66,11 @@
  *     may be waiting: answer within a second.
  *   - The process may end, or the power be cut, between any two writes, also in the middle of doUpdate. The
  *     next start must cope: write in an order in which the old or the new firmware is complete at every
- *     moment, and let the next doUpdate start over or resume. Flush the new firmware (fsync) before the write
- *     that makes it the active one, and that write (of a name: the directory) before you return. Hardware
- *     that has room for one firmware only tells a version below every other, such as 0.0, until there is a
- *     whole one again. Destructors and exit handlers do not run.
+ *     moment, and let the next doUpdate start over or resume. What a cut-off update has left may be of
+ *     another image: do not take it for this one. Flush the new firmware (fsync) before the write that makes
+ *     it the active one, and that write (of a name: the directory) before you return. Hardware that has room
+ *     for one firmware only tells a version below every other, such as 0.0, until there is a whole one again.
+ *     Destructors and exit handlers do not run.
  *
  * The interface is frozen: names, types and numbers below do not change.
  */

@@ -22,6 +22,20 @@ static inline int readVersion(char* out)
     return versionInHead(head, out);
 }
 
+// What the head does not belong to: it comes last, and only when the rest is right.
+static inline int isRestIn(int chip)
+{
+    unsigned char written[BLOCK];
+    for (size_t block = 1; block < BLOCKS; ++block) {
+        const off_t at = slotOffset(0) + (off_t)(block * BLOCK);
+        if (pread(chip, written, BLOCK, at) != BLOCK || memcmp(written, image + block * BLOCK, BLOCK) != 0) {
+            errno = EIO;
+            return 0;
+        }
+    }
+    return 1;
+}
+
 static inline int install(void)
 {
     static const unsigned char empty[BLOCK];
@@ -36,7 +50,7 @@ static inline int install(void)
         result = writeBlock(chip, block, at);
     }
     if (result == 0) {
-        result = fdatasync(chip);
+        result = fdatasync(chip) == 0 && isRestIn(chip) ? 0 : -1;
     }
     if (result == 0) {
         result =

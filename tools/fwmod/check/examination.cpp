@@ -321,6 +321,8 @@ void Examination::tellMeasured(const Measured& measured)
     job_.bytes = measured.bytes;
     job_.holders = measured.holders;
     job_.middleWrite = measured.middleWrite;
+    job_.lateWrite = measured.lateWrite;
+    job_.keyWrites = measured.keyWrites;
     job_.flushes = measured.flushes;
     job_.measured = measured.duration.value_or(0);
 }

@@ -19,7 +19,8 @@ namespace fwmod::examiner
 using common::realNow; // limits are in the PC's own time, also in a set whose clock is faster
 
 struct BlackBox {
-    static constexpr int kThreads = 2; // that call the library at the same time: the update, the progress
+    static constexpr int kThreads =
+        2; // that call the library at the same time: the update, and what is asked meanwhile
 
     struct Call {
         std::atomic<std::int64_t> deadline; // in realNow(); 0 while none is under way
@@ -32,6 +33,8 @@ struct BlackBox {
     std::atomic<int> phase;
     std::atomic<unsigned int> count;        // of calls so far
     std::atomic<unsigned int> update;       // the latest, by number from 1
+    std::atomic<unsigned int> writes;       // that it has made so far, as far as they are watched
+    std::atomic<unsigned int> failingWrite; // of an update, by number from 1: it fails; 0: none does
     std::atomic<unsigned int> failingFlush; // how many flushes on the one is that fails; 0: none
     std::atomic<bool> finished;             // the worker came to its end
     std::atomic<bool> guardHit;             // the crash was in a guard page

@@ -88,13 +88,63 @@ Holders holdersOf(const Machine& machine, const std::string& image)
     return exact.empty() ? around : exact;
 }
 
-bool isHeld(const Machine& machine, const std::string& image, const Holders& holders)
+bool isHeld(const fs::path& root, const std::string& image, const Holders& holders)
 {
     return std::any_of(holders.begin(), holders.end(), [&](const auto& holder) {
-        const MappedFile file(machine.file(holder.first));
+        const MappedFile file(root / fs::path(holder.first).relative_path());
         const std::string_view content = file.content();
         return holder.second == image.size() ? content == image : contains(content, image);
     });
+}
+
+bool isAnywhere(const Machine& machine, const std::string& bytes)
+{
+    const std::vector<fs::path> files = filesIn(machine.file(kHardware));
+    return std::any_of(files.begin(), files.end(),
+                       [&](const fs::path& path) { return contains(MappedFile(path).content(), bytes); });
+}
+
+namespace
+{
+// Pieces of a content, evenly spread, without those that any memory has: of one byte again and again.
+struct Piece {
+    std::size_t at;
+    std::string bytes;
+};
+
+std::vector<Piece> piecesOf(std::string_view content)
+{
+    constexpr std::size_t kSize = 64;
+    constexpr std::size_t kMost = 64;
+    std::vector<Piece> pieces;
+    const std::size_t step = std::max(content.size() / kMost, kSize);
+    for (std::size_t at = 0; at + kSize <= content.size(); at += step) {
+        std::string bytes(content.substr(at, kSize));
+        if (bytes.find_first_not_of(bytes[0]) != std::string::npos) {
+            pieces.push_back({at, std::move(bytes)});
+        }
+    }
+    return pieces;
+}
+} // namespace
+
+bool isOldFirmwareGone(const Machine& machine)
+{
+    constexpr std::size_t kFew = 8;   // pieces, of which nothing can be said
+    constexpr std::size_t kMost = 10; // a tenth of them may be there
+    std::size_t all = 0;
+    std::size_t there = 0;
+    for (const fs::path& path : filesIn(kHardware)) { // the set's own, from which machines are made
+        const MappedFile old(path);
+        const MappedFile now(machine.file(path));
+        for (const Piece& piece : piecesOf(old.content())) {
+            const std::string_view same =
+                now.content().substr(std::min(piece.at, now.content().size()), piece.bytes.size());
+            there += same == piece.bytes || isAnywhere(machine, piece.bytes) ? 1 : 0;
+            ++all;
+        }
+    }
+    return all >= kFew && there * kMost <= all;
 }
 
 std::optional<std::size_t> missingAtEnd(const Machine& machine, const std::string& image)

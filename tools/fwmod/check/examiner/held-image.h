@@ -21,8 +21,19 @@ std::string imageOf(const Job& job);
 using Holders = std::map<std::string, std::uint64_t>;
 Holders holdersOf(const Machine& machine, const std::string& image);
 
-// Whether one of those files holds it as well as it did after an update that nothing disturbed.
-bool isHeld(const Machine& machine, const std::string& image, const Holders& holders);
+// Whether one of those files, below a root, holds it as well as it did after an update that nothing
+// disturbed.
+bool isHeld(const std::filesystem::path& root, const std::string& image, const Holders& holders);
+inline bool isHeld(const Machine& machine, const std::string& image, const Holders& holders)
+{
+    return isHeld(machine.file("/"), image, holders);
+}
+
+// Whether some file of the hardware has these bytes.
+bool isAnywhere(const Machine& machine, const std::string& bytes);
+
+// Whether hardly anything that the hardware held before any update is on it any more, wherever.
+bool isOldFirmwareGone(const Machine& machine);
 
 // How many bytes at the image's end are missing, when a file has all the others: of an image that is nowhere
 // whole.

@@ -123,8 +123,21 @@ std::uintmax_t sizeOfHardware(const Machine& machine)
     return size;
 }
 
+// A new chip may tell 0.0; anything else comes from somewhere.
+bool isNoVersion(const std::string& text)
+{
+    return text.find_first_not_of("0.") == std::string::npos;
+}
+
 void judgeAnswers(const Session& session, const std::string& version, Report& report)
 {
+    for (const char* where : {kAbsent, kTakenAway}) {
+        const std::string told = session.told[where].asString();
+        if (told != version && !isNoVersion(told)) {
+            report.add({FindingId::ToldWithoutHardware,
+                        std::string("getActiveVersion ") + where + " returned 0 and told " + quote(told)});
+        }
+    }
     for (const char* where : {kAbsent, kNoise, kEmpty, kTurned, kTakenAway}) {
         if (session.told[where].asString() == version) {
             report.add({FindingId::ToldWithoutHardware,
@@ -151,7 +164,9 @@ void askOfLostHardware(Supervisor& supervisor, const Answers& answers, bool isVe
         const Session session = supervisor.run(*machine, script);
         for (const Finding& finding : session.findings) {
             // As it should be; and what is told of noise need not be text.
-            if (finding.id != FindingId::QuestionFailed && finding.id != FindingId::NotAscii) {
+            if (finding.id == FindingId::QuestionFailed && finding.detail.rfind("setContext", 0) == 0) {
+                report.add({FindingId::ContextTouchesHardware, finding.detail});
+            } else if (finding.id != FindingId::QuestionFailed && finding.id != FindingId::NotAscii) {
                 report.add(finding);
             }
         }
@@ -171,13 +186,17 @@ namespace
 // What cannot have been written must not be a success.
 void updateOf(Supervisor& supervisor, Machine& machine, const std::string& where, Report& report)
 {
+    constexpr int kTimes = 4;
     const std::size_t before = machine.stateOfHardware();
     const Session session = supervisor.run(machine, [&](Worker& worker) {
         if (!worker.load()) {
             return;
         }
         worker.setContext(worker.job().caller, "", where);
-        worker.update({worker.job().image, worker.job().checksum, false, where});
+        worker.repeat("doUpdate " + where, kTimes, [&] {
+            const auto returned = worker.update({worker.job().image, worker.job().checksum, false, where});
+            return returned && returned->result != 0;
+        });
     });
     for (const Finding& finding : session.findings) {
         if (finding.id != FindingId::QuestionFailed) {

@@ -70,6 +70,8 @@ void tryHard(Supervisor& supervisor, Report& report)
             updateAgain(supervisor, report);
             updateInOneProcess(supervisor, report);
             updateUnderNotices(supervisor, report);
+            updateUnderQuestions(supervisor, report);
+            updateAfterAnotherImage(supervisor, report);
             updateLostHardware(supervisor, report);
             updateFaultyHardware(supervisor, report);
         }

@@ -4,13 +4,17 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
+#include "tools/fwmod/check/examiner/faulty-writes.h"
 #include "tools/fwmod/check/examiner/held-image.h"
 #include "tools/fwmod/check/examiner/updates.h"
 #include "tools/fwmod/check/examiner/worker.h"
@@ -118,15 +122,55 @@ std::uint64_t bytesOfFirmware(const Job& job)
     return unknown ? job.bytes : std::min<std::uint64_t>(job.bytes, size);
 }
 
+bool isNearlyAll(const Session& cut, const Job& job)
+{
+    return static_cast<double>(cut.writes.bytes) >= kNearlyAll * static_cast<double>(bytesOfFirmware(job));
+}
+
 // The new version, although most of the firmware is not there.
 bool isToldTooEarly(const Session& cut, const Session& look, const Job& job)
 {
     return job.versionBefore != job.versionAfter && look.told["version"].asString() == job.versionAfter &&
-           static_cast<double>(cut.writes.bytes) < kNearlyAll * static_cast<double>(bytesOfFirmware(job));
+           !isNearlyAll(cut, job);
+}
+
+// ---- What no flush had followed ----
+
+// The version after the same cut, where those writes have not reached the hardware.
+std::string versionWithout(Supervisor& supervisor, unsigned int cutAt, const std::vector<SeenWrite>& lost)
+{
+    Machine machine;
+    if (!supervisor.run(machine, updateUntilCut, {true, cutAt}).isCut) {
+        return "";
+    }
+    for (const SeenWrite& write : lost) {
+        lose(write, machine);
+    }
+    return supervisor.run(machine, lookAtEnd).told["version"].asString();
+}
+
+// The new version is told, and whether that comes of the last write: the ones before it may be lost, and it
+// not. Only looked at where some of them were not flushed.
+std::optional<Finding> judgeOrder(Supervisor& supervisor, const Session& cut, unsigned int cutAt)
+{
+    const Job& job = supervisor.job();
+    const std::vector<SeenWrite> open = unflushedContent(cut.writes);
+    if (open.size() < 2) {
+        return std::nullopt;
+    }
+    const auto content = std::find_if(open.rbegin() + 1, open.rend(),
+                                      [](const SeenWrite& write) { return write.isOfFirmware(); });
+    if (content == open.rend() || versionWithout(supervisor, cutAt, open) == job.versionAfter ||
+        versionWithout(supervisor, cutAt, {*content}) != job.versionAfter) {
+        return std::nullopt; // a spare copy, or the version is told of whole firmware alone
+    }
+    return Finding{FindingId::NotFlushed,
+                   "after a power cut that lost a " + content->call + " to " + content->path +
+                       ", which no flush had followed, getActiveVersion told " + quote(job.versionAfter)};
 }
 
 // Nothing when the update ended before the cut.
-std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int write)
+std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int write, bool& isOrderJudged)
 {
     const Job& job = supervisor.job();
     Machine machine;
@@ -134,6 +178,7 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
     if (!cut.isCut) {
         return std::nullopt;
     }
+    const bool isOldGone = isNearlyAll(cut, job) && isOldFirmwareGone(machine);
     const Session look = supervisor.run(machine, startAgain);
     const std::string noAnswer = whyNoAnswer(look, job);
     if (!noAnswer.empty()) {
@@ -146,8 +191,19 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
                                                             ", and " + std::to_string(percent) +
                                                             " % of the bytes had been written"});
     }
-    const bool isDone = look.told["version"].asString() == job.versionAfter &&
-                        look.told.isMember("verdict") && look.told["verdict"].asInt() <= 0;
+    const std::string version = look.told["version"].asString();
+    if (isOldGone && version == job.versionBefore && version != job.versionAfter) {
+        findings.push_back({FindingId::OldVersionOfNothing,
+                            "getActiveVersion told " + quote(version) +
+                                ", and hardly anything of what the hardware held before is there"});
+    }
+    if (version == job.versionAfter && version != job.versionBefore && !std::exchange(isOrderJudged, true)) {
+        if (const std::optional<Finding> order = judgeOrder(supervisor, cut, write)) {
+            findings.push_back(*order);
+        }
+    }
+    const bool isDone =
+        version == job.versionAfter && look.told.isMember("verdict") && look.told["verdict"].asInt() <= 0;
     if (isDone) {
         return findings; // the daemon would not update it again
     }
@@ -173,6 +229,87 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
     return findings;
 }
 
+// ---- What another image has left ----
+
+// The one before the last block of the content, of which a note may tell that it was written; nothing where
+// its place is not known.
+std::optional<SeenWrite> blockWritten(const Writes& writes)
+{
+    std::vector<SeenWrite> blocks;
+    std::copy_if(writes.all.begin(), writes.all.end(), std::back_inserter(blocks),
+                 [](const SeenWrite& write) { return write.isOfFirmware() && write.position; });
+    return blocks.size() < 2 ? std::nullopt : std::optional(blocks[blocks.size() - 2]);
+}
+
+// False when the file is not there any more by that name.
+bool changeByteOf(const SeenWrite& write, const Machine& machine)
+{
+    std::fstream file(machine.file(write.path), std::ios::binary | std::ios::in | std::ios::out);
+    const auto at = static_cast<std::streamoff>(*write.position + write.bytes / 2);
+    file.seekg(at);
+    const int byte = file.get();
+    if (byte == std::char_traits<char>::eof()) {
+        return false;
+    }
+    file.seekp(at);
+    file.put(static_cast<char>(~byte));
+    return file.good();
+}
+
+// Nothing when one of several next starts brings the offered version, and the image that belongs to it.
+std::optional<Finding> updateOverRemains(Supervisor& supervisor, Machine& machine)
+{
+    constexpr int kStarts = 3;
+    const Job& job = supervisor.job();
+    const std::string what =
+        "with a byte of what had been written changed, as an update with another image leaves it, ";
+    std::string why = "doUpdate did not answer";
+    for (int start = 0; start < kStarts; ++start) {
+        const Session look = supervisor.run(machine, startAgain);
+        if (look.death) {
+            return Finding{FindingId::NoUpdateAfterCut, what + look.death->detail};
+        }
+        if (look.told["version"].asString() == job.versionAfter) {
+            break; // the one before has worked after all
+        }
+        why = whyNoUpdate(look);
+        if (why.empty()) {
+            break;
+        }
+    }
+    const std::string version = supervisor.run(machine, lookAtEnd).told["version"].asString();
+    if (version != job.versionAfter) {
+        const std::string told = "getActiveVersion told " + quote(version) + " after the next update";
+        return Finding{FindingId::NoUpdateAfterCut,
+                       what + (why.empty() ? told : "three starts later " + why)};
+    }
+    if (!job.holders.empty() && !isHeld(machine, imageOf(job), job.holders)) {
+        return Finding{FindingId::DamagedAfterCut,
+                       what + "the next update kept it, and getActiveVersion told " + quote(version)};
+    }
+    return std::nullopt;
+}
+} // namespace
+
+void updateAfterAnotherImage(Supervisor& supervisor, Report& report)
+{
+    const Job& job = supervisor.job();
+    if (!job.isRepeatable || job.lateWrite == 0) {
+        return;
+    }
+    Machine machine;
+    const Session cut = supervisor.run(machine, updateUntilCut, {true, job.lateWrite});
+    const std::optional<SeenWrite> block = blockWritten(cut.writes);
+    if (!cut.isCut || !block || !changeByteOf(*block, machine)) {
+        return;
+    }
+    if (const std::optional<Finding> finding = updateOverRemains(supervisor, machine)) {
+        report.add(*finding);
+    }
+}
+
+namespace
+{
 // ---- Several at once ----
 
 // Each lane is a process with every so-many-th cut; a line that it writes is shorter than a pipe's atomic
@@ -183,9 +320,10 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
     try {
         Supervisor supervisor = original;
         const std::vector<unsigned int> cuts(supervisor.job().cuts.begin(), supervisor.job().cuts.end());
+        bool isOrderJudged = false; // once the new version is told
         for (std::size_t index = lane; index < cuts.size(); index += lanes) {
             const unsigned int callsBefore = supervisor.calls();
-            const std::optional<std::vector<Finding>> seen = cutAt(supervisor, cuts[index]);
+            const std::optional<std::vector<Finding>> seen = cutAt(supervisor, cuts[index], isOrderJudged);
             const CutTrial trial = {cuts[index], seen.has_value(), seen.value_or(std::vector<Finding>()),
                                     supervisor.calls() - callsBefore};
             const std::string line = lineOf(trial) + "\n";

@@ -9,6 +9,10 @@
 namespace fwmod::examiner
 {
 
+// What was written before one cut has changed since, as if it were of another image: the next updates must
+// not take it for this one's.
+void updateAfterAnotherImage(Supervisor& supervisor, Report& report);
+
 // Adds to the report what came of each cut.
 void cutPower(const Supervisor& supervisor, Report& report);
 

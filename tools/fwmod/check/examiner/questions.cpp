@@ -1,6 +1,7 @@
 #include "tools/fwmod/check/examiner/questions.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -13,6 +14,7 @@ namespace fwmod::examiner
 namespace
 {
 constexpr int kTimesEach = 8;
+constexpr std::size_t kLongContext = 300; // characters
 constexpr int kFirstUnknownCaller = -1;
 constexpr int kLastUnknownCaller = 8; // 0 to 7 are used
 constexpr const char* kDigits = "0123456789";
@@ -65,11 +67,52 @@ std::string versionOf(const std::vector<unsigned int>& parts)
 }
 
 struct Comparison {
-    enum Form { kPlain, kLeadingZero, kLong };
+    enum Form { kPlain, kLeadingZero, kLong, kLargeNumber, kMoreParts };
     std::string offered;
     bool isNewer; // than the installed version
     Form form = kPlain;
 };
+
+std::string headOf(const std::vector<unsigned int>& parts)
+{
+    const std::string head = versionOf({parts.begin(), parts.end() - 1});
+    return head.empty() ? "" : head + ".";
+}
+
+// "1.3.0" and "1.1.99" beside "1.2.4".
+void offerMiddleParts(const std::vector<unsigned int>& installed, std::vector<Comparison>& all)
+{
+    for (std::size_t at = 1; at + 1 < installed.size(); ++at) {
+        std::vector<unsigned int> parts(installed.begin(), installed.end());
+        std::fill(parts.begin() + static_cast<long>(at) + 1, parts.end(), 0);
+        ++parts[at];
+        all.push_back({versionOf(parts), true});
+        if (installed[at] > 0) {
+            parts[at] -= 2;
+            std::fill(parts.begin() + static_cast<long>(at) + 1, parts.end(), 99);
+            all.push_back({versionOf(parts), false});
+        }
+    }
+}
+
+// Numbers that are too large for a byte, two or four, or for their place in a sum; and one number more than
+// there is. They may be refused.
+void offerLargeNumbers(const std::vector<unsigned int>& installed, std::vector<Comparison>& all)
+{
+    constexpr std::uint64_t kByte = 256;
+    const std::string head = headOf(installed);
+    for (const std::uint64_t wrap : {kByte, kByte * kByte, kByte * kByte * kByte * kByte}) {
+        all.push_back({head + std::to_string(wrap + installed.back()), true, Comparison::kLargeNumber});
+    }
+    all.push_back({versionOf(installed) + ".1", true, Comparison::kMoreParts});
+    if (installed.size() < 2 || installed.front() == 0) {
+        return;
+    }
+    std::vector<unsigned int> older(installed.size(), 0);
+    older.front() = installed.front() - 1;
+    older[1] = 999; // "0.999" beside "1.1"
+    all.push_back({versionOf(older), false, Comparison::kLargeNumber});
+}
 
 // Offers that tell a comparison of numbers from one of texts, decimals, octal numbers, or each part by
 // itself.
@@ -104,11 +147,11 @@ std::vector<Comparison> comparisonsWith(const std::vector<unsigned int>& install
         parts.front() = installed.front() - 1;
         offer(parts, false); // "0.2" beside "1.1"
     }
+    offerMiddleParts(installed, all);
+    offerLargeNumbers(installed, all);
     if (last <= kMostOctal) { // "1.09", and "1.010" beside "1.8": as octal numbers there is none, and 8
-        parts = installed;
-        parts.pop_back();
-        const std::string head = versionOf(parts) + (parts.empty() ? "" : ".");
-        all.push_back({head + (last < 8 ? "09" : "010"), true, Comparison::kLeadingZero});
+        all.push_back({headOf(installed) + (last < 8 ? "09" : "010"), true, Comparison::kLeadingZero});
+        all.push_back({headOf(installed) + "0" + std::to_string(last), false, Comparison::kLeadingZero});
     }
     return all;
 }
@@ -174,21 +217,27 @@ void complainOfNoVerdict(const Worker& worker, const std::string& version, int r
 }
 
 // The hardware's own text need not be one that an image could have; then it may be refused, but is not newer.
-void askAboutInstalled(Worker& worker, const std::string& version)
+// False when it was refused and may not be.
+bool askAboutInstalledOnce(Worker& worker, const std::string& version, const std::string& where)
 {
     const bool isOrdinary = partsOf(version).has_value() || worker.job().version == version;
-    worker.repeat("checkVersion", kTimesEach, [&] {
-        const auto verdict = worker.checkVersion(version);
-        if (verdict && verdict->result != 0 && isOrdinary) {
-            complainOfNoVerdict(worker, version, verdict->result);
-        }
-        if (verdict && verdict->verdict >= TARNWICK_CONTROL_VERDICT_NEWER) {
-            worker.found(FindingId::InstalledIsNewer, "checkVersion(" + quote(version) + ") wrote " +
-                                                          std::to_string(verdict->verdict) +
-                                                          ", and that version is installed");
-        }
-        return verdict && (verdict->result == 0 || !isOrdinary);
-    });
+    const std::string words = where.empty() ? "" : " " + where;
+    const auto verdict = worker.checkVersion(version, where);
+    if (verdict && verdict->result != 0 && isOrdinary) {
+        worker.found(FindingId::QuestionFailed, "checkVersion(" + quote(version) + ")" + words +
+                                                    " returned " + std::to_string(verdict->result));
+    }
+    if (verdict && verdict->verdict >= TARNWICK_CONTROL_VERDICT_NEWER) {
+        worker.found(FindingId::InstalledIsNewer, "checkVersion(" + quote(version) + ")" + words + " wrote " +
+                                                      std::to_string(verdict->verdict) +
+                                                      ", and that version is installed");
+    }
+    return verdict && (verdict->result == 0 || !isOrdinary);
+}
+
+void askAboutInstalled(Worker& worker, const std::string& version)
+{
+    worker.repeat("checkVersion", kTimesEach, [&] { return askAboutInstalledOnce(worker, version, ""); });
 }
 
 void askAboutOffered(Worker& worker, const std::string& installed)
@@ -225,7 +274,13 @@ void askAboutNonsense(Worker& worker, const std::string& installed)
                                                           " and returned 0");
         }
     }
-    worker.checkVersion(std::string(5000, '9')); // may be a version; to be survived
+    const std::string many(5000, '9');
+    for (const std::string& odd :
+         {many, many + "." + many, std::string("1."), std::string("."), std::string("1..1"),
+          std::string("-1.0"), std::string("%s%s%n%n"), std::string("\x80\xff."),
+          std::string("1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1"), std::string(64, 'v')}) {
+        worker.checkVersion(odd); // may be a version; to be survived
+    }
     const std::string nonsense = "no version";
     worker.repeat("checkVersion(" + quote(nonsense) + ")", kTimesEach,
                   [&] { return worker.checkVersion(nonsense).has_value(); });
@@ -269,6 +324,7 @@ void setEveryContext(Worker& worker)
         worker.setContext(caller, nullptr);
     }
     worker.setContext(1, "USB");
+    worker.setContext(worker.job().caller, std::string(kLongContext, 'x').c_str());
     worker.setContext(worker.job().caller, "");
 }
 
@@ -287,7 +343,7 @@ void askOnAnotherThread(Worker& worker, SameText& identifier, SameText& version)
             version.take(*text, " " + where);
         }
         if (version.text()) {
-            worker.checkVersion(*version.text(), where);
+            askAboutInstalledOnce(worker, *version.text(), where);
         }
         if (worker.has("getUpdateProgress")) {
             worker.progress(where);

@@ -24,7 +24,6 @@
 #include "tools/fwmod/check/examiner/black-box.h"
 #include "tools/fwmod/check/examiner/worker.h"
 #include "tools/fwmod/check/protocol/report.h"
-#include "vset/write-watch/write-watch.h"
 
 namespace fwmod::examiner
 {
@@ -125,7 +124,7 @@ private:
     void step();
     void receive();
     void watchWrite();
-    bool isFlushToFail(const SeenWrite& write);
+    bool isToFail(const SeenWrite& write);
     void checkLimits();
 
     Watch watch_;
@@ -154,6 +153,7 @@ void Run::work(const Script& script)
     for (const int inherited : {own_.get(), ticks_.get(), output_.get()}) {
         close(inherited);
     }
+    setenv("LC_ALL", "C.UTF-8", 1); // for who chooses the environment's locale; the daemon keeps "C"
     if (watch_.isOn) {
         vset::submitToWatch(channel);
     }
@@ -253,15 +253,16 @@ void Run::watchWrite()
         ++session_.writes.during;
         session_.writes.bytes += write->bytes;
         session_.writes.all.push_back(
-            {write->call, write->path, write->bytes, write->isLasting, box_.update, false});
-        if (isFlushToFail(session_.writes.all.back())) {
+            {write->call, write->path, write->bytes, write->isLasting, box_.update, false, write->position});
+        ++box_.writes;
+        if (isToFail(session_.writes.all.back())) {
             session_.writes.all.back().hasFailed = true;
             return writes_->refuse(*write, EIO);
         }
         if (session_.writes.during == watch_.failAt) {
             return writes_->refuse(*write, EIO);
         }
-        if (session_.writes.during == watch_.spoilAt && writes_->spoil(*write)) {
+        if (session_.writes.during == watch_.spoilAt && (session_.spoilt = writes_->spoil(*write))) {
             return;
         }
     } else if (phase == BlackBox::kSettling) {
@@ -270,9 +271,10 @@ void Run::watchWrite()
     writes_->allow(*write);
 }
 
-bool Run::isFlushToFail(const SeenWrite& write)
+bool Run::isToFail(const SeenWrite& write)
 {
-    return write.isFallible() && box_.failingFlush != 0 && --box_.failingFlush == 0;
+    const bool isFlush = write.isFallible() && box_.failingFlush != 0 && --box_.failingFlush == 0;
+    return isFlush || (box_.failingWrite != 0 && box_.writes == box_.failingWrite);
 }
 
 void Run::checkLimits()

@@ -14,6 +14,7 @@
 #include "tools/fwmod/check/examiner/machine.h"
 #include "tools/fwmod/check/protocol/findings.h"
 #include "tools/fwmod/check/protocol/job.h"
+#include "vset/write-watch/write-watch.h"
 
 namespace fwmod::examiner
 {
@@ -26,14 +27,16 @@ struct SeenWrite {
     std::string call;
     std::string path;
     std::uint64_t bytes = 0;
-    bool isLasting = false;  // without a flush
-    unsigned int update = 0; // of the session, by number from 1
-    bool hasFailed = false;  // it is the flush that was to fail
+    bool isLasting = false;                // without a flush
+    unsigned int update = 0;               // of the session, by number from 1
+    bool hasFailed = false;                // it is the one that was to fail
+    std::optional<std::uint64_t> position; // in the file, where it is known
 
     bool isFlush() const;
     bool isFallible() const; // a flush that can tell a failure
     bool isNaming() const;   // gives a file its name, and its name is what counts
     bool isContent() const { return bytes > 0 || isNaming(); }
+    bool isOfFirmware() const { return bytes >= 256; } // less is a note or a selector
 };
 
 // What the watch saw of an update.
@@ -55,6 +58,7 @@ struct Session {
     bool wasCrash = false;
     bool wasHang = false;
     Writes writes;
+    std::optional<vset::WriteWatch::Spoilt> spoilt;
     double watchDelay = 0; // seconds that the watch may have cost the library, on a loaded machine
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/crc.hpp>
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
@@ -24,8 +25,13 @@ constexpr double kTooFast = 0.05;     // seconds; the rule is 0.1, the rest is f
 constexpr double kSlowProgress = 1.0; // seconds
 constexpr double kBlocked = 0.1;      // of a progress call that waits for half of the update
 constexpr double kExpectedMargin = 2; // times the measured duration
+constexpr int kOddTime = 600;         // seconds: a longer update is a rare one
+constexpr double kOddRatio = 700;     // of the expected time to the measured one
+constexpr unsigned int kLittle = 20;  // percent at which no update ends
 constexpr int kFewSamples = 15;       // one every 10 ms: a shorter update need not be seen to rise
 constexpr int kManySamples = 60;      // at one stage of it: a busy PC may have looked at no other
+constexpr double kMiddle = 0.5;       // of the bytes that an update writes
+constexpr double kLate = 0.8;         // behind a copy of the old firmware, before a spare one of the new
 
 std::string inSeconds(double seconds)
 {
@@ -93,6 +99,13 @@ void judgeProgress(const Session& session, Report& report)
                                                " at each of " + std::to_string(samples) +
                                                " looks during the update"});
     }
+    const unsigned int highest =
+        std::max(progress["highest"].asUInt(), session.told["progressAfter"].asUInt());
+    if (samples >= kManySamples && progress["values"].asInt() > 1 && highest < kLittle) {
+        report.add({FindingId::NoProgress, "getUpdateProgress told " + std::to_string(highest) +
+                                               " at most, at " + std::to_string(samples) +
+                                               " looks during the update and after it"});
+    }
     if (!progress["fall"].asString().empty()) {
         report.add({FindingId::FallingProgress, "getUpdateProgress fell " + progress["fall"].asString()});
     }
@@ -116,6 +129,12 @@ void judgeDuration(const Session& session, const Job& job, Report& report)
         report.add({FindingId::UselessExpectedTime, "getExpectedTime told " +
                                                         session.told["expectedTime"].asString() +
                                                         " s, and doUpdate took " + inSeconds(duration)});
+    }
+    if (session.told.isMember("expectedTime") && session.told["expectedTime"].asInt() > kOddTime &&
+        session.told["expectedTime"].asInt() > kOddRatio * duration) {
+        report.add({FindingId::UselessExpectedTime,
+                    "getExpectedTime told " + session.told["expectedTime"].asString() +
+                        " s, and doUpdate took " + inSeconds(duration) + ": are these milliseconds?"});
     }
     if (!job.isExternal && ownTime > job.expectedTime) {
         report.add({FindingId::ExpectedTimeTooShort,
@@ -220,7 +239,7 @@ void updateAndLook(Worker& worker)
     worker.update(update);
     tellVersion(worker, "after the update");
     if (worker.has("getUpdateProgress")) {
-        worker.progress("after the update");
+        worker.tell("progressAfter", worker.progress("after the update").value_or(0));
     }
     if (worker.has("allUpdateDone")) {
         worker.allUpdateDone("after the update");
@@ -300,6 +319,30 @@ void judgeNotes(Supervisor& supervisor, const Machine& machine, const std::strin
     }
 }
 
+// What no flush has followed may be lost when doUpdate has returned: a spare copy, but not what the version
+// is told of.
+void judgeEnd(Supervisor& supervisor, const Machine& machine, const Session& session, Report& report)
+{
+    const std::vector<SeenWrite> open = unflushedContent(session.writes);
+    const std::string version = session.told["version"].asString();
+    if (open.empty() || !open.back().isOfFirmware() || version.empty()) {
+        return; // less is judged by itself
+    }
+    Machine cut;
+    fs::remove_all(cut.file(kHardware));
+    copyTree(machine.file(kHardware), cut.file(kHardware));
+    for (const SeenWrite& write : open) {
+        lose(write, cut);
+    }
+    const std::string told = lookAgain(supervisor, cut).told["version"].asString();
+    if (told != version) {
+        report.add(
+            {FindingId::LastNotFlushed, "no flush came after the last write (" + open.back().call + " to " +
+                                            open.back().path + "); without it getActiveVersion " +
+                                            (told.empty() ? "tells nothing" : "tells " + quote(told))});
+    }
+}
+
 // In the process that has updated, and after a new start.
 void judgeVersions(Supervisor& supervisor, const Session& session, const Session& again, Report& report)
 {
@@ -374,11 +417,16 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
     judgeDuration(session, job, report);
     judgeContent(machine, job, report);
     judgeFlushes(session.writes, report);
-    report.measured.middleWrite = middleWrite(session.writes);
+    report.measured.middleWrite = writeAtPart(session.writes, kMiddle);
+    report.measured.lateWrite = writeAtPart(session.writes, kLate);
+    report.measured.keyWrites = keyWrites(session.writes);
     report.measured.flushes = flushesToFail(session.writes);
     const bool isVersionTold = !answers.version.empty() && !report.has(FindingId::ChangingAnswer);
     if (isVersionTold) {
         judgeNotes(supervisor, machine, session.told["version"].asString(), report);
+    }
+    if (isVersionTold && !report.has(FindingId::NotFlushed)) {
+        judgeEnd(supervisor, machine, session, report);
     }
     const Session again = lookAndUpdate(supervisor, machine);
     if (isVersionTold) {
@@ -446,11 +494,18 @@ OddImage makeOddImage(const Job& job, const fs::path& directory, const std::stri
 
 std::vector<OddImage> makeOddImages(const Job& job, const Machine& place)
 {
+    constexpr std::size_t kMore = 100'000;        // bytes: more than a careless buffer has
+    constexpr std::size_t kLargest = 4096 * 1024; // of an image that is made longer: it takes its time
     const std::string image = imageOf(job);
-    return {
+    std::vector<OddImage> all = {
         makeOddImage(job, place.file("/half"), "the image's first half", image.substr(0, image.size() / 2)),
         makeOddImage(job, place.file("/noise"), "noise", noise(image.size())),
         makeOddImage(job, place.file("/nothing"), "no bytes at all", "")};
+    if (image.size() <= kLargest) {
+        all.push_back(
+            makeOddImage(job, place.file("/longer"), "the image with noise behind it", image + noise(kMore)));
+    }
+    return all;
 }
 
 constexpr const char* kChanged = "the image with one byte changed";
@@ -480,6 +535,26 @@ void lookAtOldFirmware(Worker& worker, const std::optional<Returned>& returned, 
                                                      (version ? quote(*version) : "not told") +
                                                      " instead of " + quote(*before));
         original.putBack();
+    }
+}
+
+// What an update has brought is not there any more, and must not be told from memory.
+void lookAtHardwareOfBefore(Worker& worker, const std::optional<std::string>& before)
+{
+    const std::string where = "of hardware that was set back after an update";
+    const auto version = worker.activeVersion(where);
+    if (version && before && version != before && version == worker.job().versionAfter) {
+        worker.found(FindingId::VersionOfNote,
+                     "getActiveVersion " + where + ", in the same process, told " + quote(*version));
+    }
+    if (!worker.job().version) {
+        return;
+    }
+    const auto verdict = worker.checkVersion(*worker.job().version, where);
+    if (verdict && verdict->result == 0 && verdict->verdict <= 0 && worker.job().isOfferNewer) {
+        worker.found(FindingId::OfferNotNewer, "checkVersion(" + quote(*worker.job().version) + ") " + where +
+                                                   ", in the same process, wrote " +
+                                                   std::to_string(verdict->verdict));
     }
 }
 
@@ -516,9 +591,7 @@ void updateOneAfterTheOther(Worker& worker, const std::vector<OddImage>& oddImag
     }
     original.putBack();
     worker.setContext(job.caller, "");
-    if (job.version) {
-        worker.checkVersion(*job.version, "between two updates");
-    }
+    lookAtHardwareOfBefore(worker, before);
     tellReturned(worker, "second", worker.update({job.image, job.checksum, false, "for the second time"}));
     tellVersion(worker, "after the second update");
 }
@@ -584,7 +657,8 @@ void updateWithNotices(Worker& worker)
 }
 
 // Nothing when the update has not minded.
-std::optional<Finding> judgeNotices(const Session& session, const Job& job)
+std::optional<Finding> judgeDisturbed(const Session& session, const Job& job, FindingId finding,
+                                      const std::string& call)
 {
     const Json::Value& told = session.told;
     if (session.death) {
@@ -594,13 +668,13 @@ std::optional<Finding> judgeNotices(const Session& session, const Job& job)
         return std::nullopt;
     }
     if (told["update"].asInt() != 0) {
-        return Finding{FindingId::NoticeDisturbsUpdate,
-                       "doUpdate" + describe(told, "update") + ", after allUpdateDone was called meanwhile"};
+        return Finding{finding,
+                       "doUpdate" + describe(told, "update") + ", after " + call + " was called meanwhile"};
     }
     if (told.isMember("version") && told["version"].asString() != job.versionAfter) {
-        return Finding{FindingId::NoticeDisturbsUpdate,
-                       "after allUpdateDone during doUpdate, which returned 0, getActiveVersion told " +
-                           quote(told["version"].asString())};
+        return Finding{finding, "after " + call +
+                                    " during doUpdate, which returned 0, getActiveVersion told " +
+                                    quote(told["version"].asString())};
     }
     return std::nullopt;
 }
@@ -619,7 +693,8 @@ void updateUnderNotices(Supervisor& supervisor, Report& report)
         Machine machine;
         const Session session = supervisor.run(machine, updateWithNotices);
         report.add(session.findings);
-        const std::optional<Finding> seen = judgeNotices(session, supervisor.job());
+        const std::optional<Finding> seen =
+            judgeDisturbed(session, supervisor.job(), FindingId::NoticeDisturbsUpdate, "allUpdateDone");
         if (session.death) {
             supervisor.avoid(session);
         }
@@ -633,6 +708,45 @@ void updateUnderNotices(Supervisor& supervisor, Report& report)
         }
         if (!session.told.isMember("update")) {
             return; // there is no allUpdateDone
+        }
+    }
+}
+
+void updateUnderQuestions(Supervisor& supervisor, Report& report)
+{
+    constexpr int kTimes = 2; // where the clock is fast, a question may miss the moment
+    const Job& job = supervisor.job();
+    for (int time = 0; time < kTimes && job.isRepeatable; ++time) {
+        Machine machine;
+        const Session session =
+            supervisor.run(machine,
+                           [](Worker& worker) {
+                               if (!worker.load()) {
+                                   return;
+                               }
+                               const Worker::Update update = {worker.job().image, worker.job().checksum,
+                                                              false, "with questions"};
+                               worker.setContext(worker.job().caller, "");
+                               tellReturned(worker, "update", worker.updateUnderQuestions(update));
+                               tellVersion(worker, "after an update with questions");
+                           },
+                           {true});
+        report.add(session.findings);
+        if (session.death) {
+            supervisor.avoid(session);
+        }
+        const int error = session.told["updateError"].asInt();
+        const bool isPolite = session.told["update"].asInt() != 0 && (error == EBUSY || error == EAGAIN);
+        const std::optional<Finding> seen = judgeDisturbed(session, job, FindingId::QuestionDisturbsUpdate,
+                                                           "getActiveVersion or checkVersion");
+        if (seen && !isPolite) {
+            return report.add(*seen);
+        }
+        if (!job.holders.empty() && !isPolite && !isHeld(machine, imageOf(job), job.holders)) {
+            return report.add(
+                {FindingId::QuestionDisturbsUpdate,
+                 "after getActiveVersion or checkVersion during doUpdate, which returned 0, the "
+                 "hardware does not hold the image"});
         }
     }
 }
@@ -765,7 +879,9 @@ void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
 }
 } // namespace
 
-// The path that is given counts, and nothing else.
+// The path that is given counts, and nothing else; it may be longer than usual.
+constexpr std::size_t kLongName = 150;
+
 void updateFromElsewhere(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
@@ -774,7 +890,7 @@ void updateFromElsewhere(Supervisor& supervisor, Report& report)
     }
     const Machine place;
     const fs::path damaged = place.file("/damaged");
-    const fs::path elsewhere = place.file("/elsewhere");
+    const fs::path elsewhere = place.file("/elsewhere-" + std::string(kLongName, 'x'));
     damageImages(job.imageDirectory, damaged);
     copyTree(job.imageDirectory, elsewhere);
     const std::string image = elsewhere / fs::path(job.image).filename();
@@ -832,7 +948,6 @@ std::vector<Data> impossibleData(const Job& job)
         return all;
     }
     std::string image = common::readWhole(job.image);
-    all.push_back({"the image", image, static_cast<int>(image.size()), false});
     image.resize(image.size() / 2); // a size inside it points behind its end
     const int length = static_cast<int>(image.size());
     all.push_back({"the image's first half", std::move(image), length, false});
@@ -891,6 +1006,96 @@ void tryData(Supervisor& supervisor, const Data& data, Report& report)
     }
     judgeOldFirmware(supervisor, machine, session, what, report);
 }
+// Beginnings of the image, and its head with numbers that are too large: to be survived.
+std::vector<std::string> oddData(const std::string& image)
+{
+    constexpr std::size_t kLengths[] = {2,  4,  8,   15,  16,  31,  32,  48,  63,
+                                        64, 65, 100, 127, 128, 200, 256, 512, 1024};
+    constexpr std::size_t kHead = 64;
+    constexpr std::size_t kNumber = 4;
+    std::vector<std::string> all;
+    for (const std::size_t length : kLengths) {
+        if (length < image.size()) {
+            all.push_back(image.substr(0, length));
+        }
+    }
+    for (std::size_t at = 0; at + kNumber <= std::min(kHead, image.size()); at += kNumber) {
+        std::string changed = image.substr(0, std::min<std::size_t>(image.size(), 65536));
+        changed.replace(at, kNumber, kNumber, '\xff');
+        all.push_back(std::move(changed));
+    }
+    return all;
+}
+
+void tryOddData(Supervisor& supervisor, Report& report)
+{
+    Machine machine;
+    const std::string image = common::readWhole(supervisor.job().image);
+    const Session session = supervisor.run(machine, [&](Worker& worker) {
+        if (!worker.load() || !worker.has("doUpdate_decryption")) {
+            return;
+        }
+        const HardwareCopy original;
+        worker.setContext(TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE, "");
+        for (const std::string& data : oddData(image)) {
+            const std::string what = data.size() < 65 || data.compare(0, 64, image, 0, 64) == 0
+                                         ? "the image's first " + std::to_string(data.size()) + " bytes"
+                                         : "the image with a large number in its head";
+            const auto returned = worker.decrypt(data, static_cast<int>(data.size()), what);
+            if (!returned) {
+                return;
+            }
+            if (returned->result == 0) {
+                original.putBack();
+            }
+        }
+    });
+    report.add(session.findings);
+    if (session.death) {
+        report.add(*session.death);
+    }
+}
+
+// The same bytes as in the file must come to the same.
+void updateFromMemory(Supervisor& supervisor, Report& report)
+{
+    const Job& job = supervisor.job();
+    if (!job.isRepeatable) {
+        return;
+    }
+    Machine machine;
+    const std::string image = imageOf(job);
+    const Session session = supervisor.run(machine, [&](Worker& worker) {
+        if (!worker.load() || !worker.has("doUpdate_decryption")) {
+            return;
+        }
+        worker.setContext(TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE, "");
+        tellReturned(worker, "update", worker.decrypt(image, static_cast<int>(image.size()), "the image"));
+        tellVersion(worker, "after an update from memory");
+    });
+    report.add(session.findings);
+    const Json::Value& told = session.told;
+    const std::string call = "doUpdate_decryption(the image)";
+    if (session.death) {
+        report.add(*session.death);
+    }
+    if (session.death || !told.isMember("update")) {
+        return;
+    }
+    const int error = told["updateError"].asInt();
+    if (told["update"].asInt() != 0) {
+        const bool isLeftOut = error == ENOTSUP || error == ENOSYS; // it says that it does not do this
+        if (!isLeftOut) {
+            report.add({FindingId::MemoryImageRefused, call + describe(told, "update")});
+        }
+    } else if (told.isMember("version") && told["version"].asString() != job.versionAfter) {
+        report.add({FindingId::ImageNotWritten,
+                    call + " returned 0, and getActiveVersion told " + quote(told["version"].asString())});
+    } else if (!job.holders.empty() && !isHeld(machine, image, job.holders)) {
+        report.add(
+            {FindingId::ImageNotWritten, call + " returned 0, and the hardware does not hold the image"});
+    }
+}
 } // namespace
 
 void refuseData(Supervisor& supervisor, Report& report)
@@ -900,6 +1105,10 @@ void refuseData(Supervisor& supervisor, Report& report)
     }
     for (const Data& data : impossibleData(supervisor.job())) {
         tryData(supervisor, data, report);
+    }
+    if (supervisor.job().hasImage()) {
+        tryOddData(supervisor, report);
+        updateFromMemory(supervisor, report);
     }
 }
 } // namespace fwmod::examiner

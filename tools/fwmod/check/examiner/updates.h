@@ -30,6 +30,9 @@ void updateInOneProcess(Supervisor& supervisor, Report& report);
 // The notice that the pass is over, while a write is at work.
 void updateUnderNotices(Supervisor& supervisor, Report& report);
 
+// Questions from another thread, while a write is at work: as after a time-out.
+void updateUnderQuestions(Supervisor& supervisor, Report& report);
+
 // The image at another path, where the usual one has a damaged copy.
 void updateFromElsewhere(Supervisor& supervisor, Report& report);
 

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <filesystem>
+#include <fstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -37,7 +39,8 @@ constexpr std::chrono::milliseconds kQuestionLimit = 8s; // they are instant; th
 constexpr std::chrono::nanoseconds kPollInterval = 10ms;
 constexpr std::chrono::milliseconds kRepeatLimit = 2s; // a slow call is not repeated as often
 constexpr int kLeastTimes = 2;
-constexpr double kSlowNotice = 1.0; // seconds
+constexpr double kSlowNotice = 1.0;  // seconds
+constexpr double kDearContext = 0.4; // seconds of setContext, which is to be cheap
 
 std::string callName(const std::string& name, const std::string& where)
 {
@@ -306,9 +309,9 @@ bool Worker::repeat(const std::string& name, int times, const std::function<bool
 namespace
 {
 void complainOfSlowness(const Worker& worker, const std::string& name, const Returned& returned,
-                        FindingId id = FindingId::SlowQuestion)
+                        FindingId id = FindingId::SlowQuestion, double most = kSlowNotice)
 {
-    if (returned.taken.count() <= kSlowNotice) {
+    if (returned.taken.count() <= most) {
         return;
     }
     char text[64];
@@ -317,11 +320,22 @@ void complainOfSlowness(const Worker& worker, const std::string& name, const Ret
 }
 } // namespace
 
+namespace
+{
+// Older linkers put them into every library.
+bool isLinkersName(const std::string& name)
+{
+    constexpr const char* kNames[] = {"_init", "_fini", "__bss_start", "_edata", "_end"};
+    return std::find(std::begin(kNames), std::end(kNames), name) != std::end(kNames);
+}
+} // namespace
+
 // Before the library is loaded: the process has then what the daemon links. What the loader finds in the
 // program itself is no library's.
 void Worker::lookForClashes() const
 {
     Dl_info own = {};
+    std::string others;
     dladdr(reinterpret_cast<const void*>(&callName), &own);
     for (const std::string& name : job_.otherNames) {
         Dl_info theirs = {};
@@ -330,7 +344,13 @@ void Worker::lookForClashes() const
             const std::string file = theirs.dli_fname;
             found(FindingId::ClashingName,
                   name + ", which " + file.substr(file.rfind('/') + 1) + " has, too");
+        } else if (!isLinkersName(name)) {
+            others += (others.empty() ? "" : ", ") + name;
         }
+    }
+    if (!others.empty()) {
+        constexpr std::size_t kMost = 200; // characters
+        found(FindingId::OtherNames, others.substr(0, kMost) + (others.size() > kMost ? "..." : ""));
     }
 }
 
@@ -499,7 +519,7 @@ bool Worker::setContext(int caller, const char* context, const std::string& wher
     if (const std::string file = openings.first(); !file.empty()) {
         found(FindingId::ContextTouchesHardware, name + " opened " + file);
     }
-    complainOfSlowness(*this, name, *returned);
+    complainOfSlowness(*this, name, *returned, FindingId::SlowQuestion, kDearContext);
     constexpr int kDaemonsOwn[] = {TARNWICK_CONTROL_CALLER_PACKAGE, TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE,
                                    TARNWICK_CONTROL_CALLER_SYSTEM_IMAGE};
     const bool isDaemons =
@@ -613,6 +633,7 @@ std::optional<unsigned int> Worker::progress(const std::string& where)
     if (!returned) {
         return std::nullopt;
     }
+    complainOfSlowness(*this, name, *returned);
     if (returned->result != 0) {
         found(FindingId::NoProgress,
               name + " returned " + std::to_string(returned->result) + " while no update ran");
@@ -630,8 +651,12 @@ void Worker::allUpdateDone(const std::string& where)
 {
     const std::string name = callName("allUpdateDone", where);
     const auto returned = call(name, kQuestionLimit, [&] { return allUpdateDone_(); });
-    if (returned) {
-        complainOfSlowness(*this, name, *returned, FindingId::SlowAllUpdateDone);
+    if (!returned) {
+        return;
+    }
+    complainOfSlowness(*this, name, *returned, FindingId::SlowAllUpdateDone);
+    if (returned->result != 0) {
+        found(FindingId::NoticeFails, name + " returned " + std::to_string(returned->result));
     }
 }
 
@@ -660,6 +685,7 @@ std::optional<Returned> Worker::callUpdate(const std::string& name, const Update
         const CallingThread self(0);
         returned = call(name, updateLimit(job_), [&] {
             ++box_.update;
+            box_.writes = 0;
             box_.phase = BlackBox::kRunning;
             const int result = doUpdate_(image.as<char>(), update.checksum);
             const int error = errno;
@@ -669,14 +695,90 @@ std::optional<Returned> Worker::callUpdate(const std::string& name, const Update
         });
         box_.phase = BlackBox::kOver;
     }).join();
+    if (returned && areMannersWatched_) {
+        complainOfKeptImage(name);
+    }
     return returned;
 }
 
-std::optional<Returned> Worker::updateWithFailingFlush(unsigned int number, const Update& update)
+// The package that it is in could not be taken away.
+void Worker::complainOfKeptImage(const std::string& name) const
 {
-    box_.failingFlush = number;
+    if (job_.imageDirectory.empty()) {
+        return;
+    }
+    const auto isImage = [&](const std::string& path) {
+        return path.compare(0, job_.imageDirectory.size() + 1, job_.imageDirectory + "/") == 0;
+    };
+    std::error_code gone;
+    for (const std::filesystem::directory_entry& entry :
+         std::filesystem::directory_iterator("/proc/self/fd")) {
+        if (isImage(std::filesystem::read_symlink(entry.path(), gone))) {
+            return found(FindingId::DescriptorsLeft, name + ": the image is still open");
+        }
+    }
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        const std::size_t path = line.find('/');
+        if (path != std::string::npos && isImage(line.substr(path))) {
+            return found(FindingId::DescriptorsLeft, name + ": the image is still mapped");
+        }
+    }
+}
+
+std::optional<Returned> Worker::updateWithFault(const Fault& fault, const Update& update)
+{
+    (fault.isFlush ? box_.failingFlush : box_.failingWrite) = fault.number;
     const std::optional<Returned> returned = callUpdate(callName("doUpdate", update.where), update);
     box_.failingFlush = 0;
+    box_.failingWrite = 0;
+    return returned;
+}
+
+// What the questions answer is not judged: they may wait for the write, or fail. Gives how often they were
+// asked.
+int Worker::askDuringUpdate(const std::atomic<bool>& isOver)
+{
+    const std::string versionName = "getActiveVersion during doUpdate";
+    const std::string verdictName = "checkVersion during doUpdate";
+    const std::chrono::milliseconds limit = updateLimit(job_) + kQuestionLimit;
+    GuardedBuffer out("the version's buffer", TARNWICK_CONTROL_TEXT_SIZE);
+    GuardedBuffer offered("the offered version", job_.version.value_or("1.0"));
+    GuardedBuffer verdict("the verdict", sizeof(int));
+    int asked = 0;
+    for (; !isOver; realSleep(200us)) {
+        if (box_.phase != BlackBox::kRunning || box_.writes == 0) {
+            continue;
+        }
+        if (!isSuspect(versionName)) {
+            const CallMark mark(versionName.c_str(), limit);
+            getActiveVersion_(out.as<char>());
+        }
+        if (!isSuspect(verdictName)) {
+            const CallMark mark(verdictName.c_str(), limit);
+            checkVersion_(offered.as<char>(), verdict.as<int>());
+        }
+        ++asked;
+    }
+    return asked;
+}
+
+std::optional<Returned> Worker::updateUnderQuestions(const Update& update)
+{
+    std::atomic<bool> isOver{false};
+    int asked = 0;
+    std::thread questions([&] {
+        const CallingThread self(1);
+        try {
+            asked = askDuringUpdate(isOver);
+        } catch (...) {
+            found(FindingId::Exception, "a question during doUpdate threw");
+        }
+    });
+    const std::optional<Returned> returned = callUpdate(callName("doUpdate", update.where), update);
+    isOver = true;
+    questions.join();
+    tell("asked", asked);
     return returned;
 }
 

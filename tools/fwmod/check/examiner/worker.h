@@ -4,6 +4,7 @@
 #ifndef TOOLS_FWMOD_CHECK_EXAMINER_WORKER_H
 #define TOOLS_FWMOD_CHECK_EXAMINER_WORKER_H
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <json/json.h>
@@ -83,14 +84,24 @@ public:
     // longest part of the update that one of those calls lasted, when that was over with the update.
     std::optional<Returned> updateUnderNotices(const Update& update);
 
-    // The same where one of its flushes fails, by number from 1.
-    std::optional<Returned> updateWithFailingFlush(unsigned int number, const Update& update);
+    // The same while getActiveVersion and checkVersion are called again and again on another thread, from its
+    // first write on. Tells "asked", how often.
+    std::optional<Returned> updateUnderQuestions(const Update& update);
+
+    // The same where one of its flushes, or of all its writes, fails.
+    struct Fault {
+        bool isFlush;
+        unsigned int number; // from 1
+    };
+    std::optional<Returned> updateWithFault(const Fault& fault, const Update& update);
 
     // Asks several times and sees whether descriptors get lost. False when it was not answered.
     bool repeat(const std::string& call, int times, const std::function<bool()>& ask);
 
 private:
     std::optional<Returned> callUpdate(const std::string& name, const Update& update);
+    void complainOfKeptImage(const std::string& name) const;
+    int askDuringUpdate(const std::atomic<bool>& isOver);
     bool isSuspect(const std::string& call) const;
     std::optional<Returned> call(const std::string& name, std::chrono::milliseconds limit,
                                  const std::function<int()>& function);

@@ -47,6 +47,8 @@ void exchange(Exchange& member, Measured& measured)
     member("bytes", measured.bytes);
     member("holders", measured.holders);
     member("middleWrite", measured.middleWrite);
+    member("lateWrite", measured.lateWrite);
+    member("keyWrites", measured.keyWrites);
     member("flushes", measured.flushes);
     member("writes", measured.writes);
     member("duration", measured.duration);
@@ -90,6 +92,8 @@ void exchange(Exchange& member, Job& job)
     member("bytes", job.bytes);
     member("holders", job.holders);
     member("middleWrite", job.middleWrite);
+    member("lateWrite", job.lateWrite);
+    member("keyWrites", job.keyWrites);
     member("flushes", job.flushes);
     member("versionBefore", job.versionBefore);
     member("versionAfter", job.versionAfter);
