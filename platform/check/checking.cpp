@@ -15,7 +15,7 @@
 #include "common/process/interruption.h"
 #include "common/process/process-state.h"
 #include "common/terminal/visible-text.h"
-#include "platform/check/trial-page.h"
+#include "platform/check/trials/trial-page.h"
 
 namespace platformcheck
 {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/check/findings.h"
-#include "platform/check/trial-list.h"
+#include "platform/check/trials/trial-list.h"
 
 namespace platformcheck
 {

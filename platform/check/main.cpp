@@ -14,7 +14,7 @@
 #include "common/terminal/progress-line.h"
 #include "common/terminal/visible-text.h"
 #include "platform/check/checking.h"
-#include "platform/check/trial-list.h"
+#include "platform/check/trials/trial-list.h"
 
 namespace platformcheck
 {

@@ -7,7 +7,7 @@
 #include <unistd.h>
 #include <utility>
 
-#include "platform/check/trial.h"
+#include "platform/check/trials/trial.h"
 #include "pwrctl.h"
 
 namespace platformcheck

@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include "common/process/guarded-buffer.h"
-#include "platform/check/trial.h"
+#include "platform/check/trials/trial.h"
 #include "pralis.h"
 
 namespace platformcheck

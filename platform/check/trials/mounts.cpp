@@ -14,7 +14,7 @@
 #include "common/files/unique-fd.h"
 #include "common/files/whole-file.h"
 #include "common/process/guarded-buffer.h"
-#include "platform/check/trial.h"
+#include "platform/check/trials/trial.h"
 #include "ps_mount.h"
 
 namespace platformcheck

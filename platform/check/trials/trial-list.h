@@ -1,6 +1,6 @@
 // The trials in the order in which they are made: the check starts them, the program platform-trial has them.
-#ifndef PLATFORM_CHECK_TRIAL_LIST_H
-#define PLATFORM_CHECK_TRIAL_LIST_H
+#ifndef PLATFORM_CHECK_TRIALS_TRIAL_LIST_H
+#define PLATFORM_CHECK_TRIALS_TRIAL_LIST_H
 
 #include <cstring>
 

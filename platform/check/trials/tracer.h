@@ -1,7 +1,7 @@
 // Watches what a process writes, wherever it goes: a file, a socket, a device. So a log is seen without
 // knowing where a set keeps it.
-#ifndef PLATFORM_CHECK_TRACER_H
-#define PLATFORM_CHECK_TRACER_H
+#ifndef PLATFORM_CHECK_TRIALS_TRACER_H
+#define PLATFORM_CHECK_TRIALS_TRACER_H
 
 #include <string>
 #include <vector>

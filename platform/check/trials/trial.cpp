@@ -1,4 +1,4 @@
-#include "platform/check/trial.h"
+#include "platform/check/trials/trial.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 // One trial: calls of the platform as the daemon makes them, in a process of their own, judged.
-#ifndef PLATFORM_CHECK_TRIAL_H
-#define PLATFORM_CHECK_TRIAL_H
+#ifndef PLATFORM_CHECK_TRIALS_TRIAL_H
+#define PLATFORM_CHECK_TRIALS_TRIAL_H
 
 #include <chrono>
 #include <filesystem>
@@ -14,7 +14,7 @@
 
 #include "common/process/process-state.h"
 #include "platform/check/findings.h"
-#include "platform/check/trial-page.h"
+#include "platform/check/trials/trial-page.h"
 
 namespace platformcheck
 {

@@ -18,7 +18,7 @@
 #include "common/glib-pointers.h"
 #include "common/process/guarded-buffer.h"
 #include "common/terminal/command-line.h"
-#include "platform/check/trial.h"
+#include "platform/check/trials/trial.h"
 
 namespace platformcheck
 {

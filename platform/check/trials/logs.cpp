@@ -13,8 +13,8 @@
 #include <unistd.h>
 
 #include "norlog.h"
-#include "platform/check/tracer.h"
-#include "platform/check/trial.h"
+#include "platform/check/trials/tracer.h"
+#include "platform/check/trials/trial.h"
 #include "trace_logger.h"
 
 namespace platformcheck
@@ -24,7 +24,7 @@ namespace
 {
 
 // Not __FILE__, which would tell where this program was built.
-constexpr const char* kLogTrials = "log-trials.cpp";
+constexpr const char* kLogTrials = "logs.cpp";
 
 constexpr int kSystemBuffer = 2;
 constexpr int kDebug = 3;

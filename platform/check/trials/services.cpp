@@ -11,7 +11,7 @@
 #include "common/process/guarded-buffer.h"
 #include "flagpost.h"
 #include "hangwatch.h"
-#include "platform/check/trial.h"
+#include "platform/check/trials/trial.h"
 #include "sysprop.h"
 
 namespace platformcheck

@@ -1,4 +1,4 @@
-#include "platform/check/tracer.h"
+#include "platform/check/trials/tracer.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -22,8 +22,8 @@
 #include "flagpost.h"
 #include "hangwatch.h"
 #include "norlog.h"
-#include "platform/check/trial-list.h"
-#include "platform/check/trial.h"
+#include "platform/check/trials/trial-list.h"
+#include "platform/check/trials/trial.h"
 #include "pralis.h"
 #include "ps_mount.h"
 #include "pwrctl.h"
@@ -37,7 +37,7 @@ namespace
 {
 
 // Not __FILE__, which would tell where this program was built.
-constexpr const char* kRepeatTrials = "repeat-trials.cpp";
+constexpr const char* kRepeatTrials = "repeated.cpp";
 
 // ---- What grows ----
 

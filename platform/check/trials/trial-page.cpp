@@ -1,4 +1,4 @@
-#include "platform/check/trial-page.h"
+#include "platform/check/trials/trial-page.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,7 @@
 // What a trial shows of itself: memory that it shares with the program that has started it, so that nothing
 // of it is lost when a platform library crashes, hangs or ends the process.
-#ifndef PLATFORM_CHECK_TRIAL_PAGE_H
-#define PLATFORM_CHECK_TRIAL_PAGE_H
+#ifndef PLATFORM_CHECK_TRIALS_TRIAL_PAGE_H
+#define PLATFORM_CHECK_TRIALS_TRIAL_PAGE_H
 
 #include <atomic>
 #include <cstddef>

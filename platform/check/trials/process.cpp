@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "common/glib-pointers.h"
-#include "platform/check/trial.h"
+#include "platform/check/trials/trial.h"
 
 namespace platformcheck
 {
