@@ -1,8 +1,10 @@
-// Makes the trials, each in a process of its own with limits of time, and gathers what they tell. This
-// program is not linked to the platform: whatever its libraries do, they do to the trials.
+// Makes the trials, each in a process of its own with limits of time and some beside each other, and gathers
+// what they tell. This program is not linked to the platform: whatever its libraries do, they do to the
+// trials.
 #ifndef PLATFORM_CHECK_CHECKING_H
 #define PLATFORM_CHECK_CHECKING_H
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -42,10 +44,16 @@ struct CheckReport {
     unsigned int calls = 0; // of the platform
 };
 
-// `showProgress` is called with what is being tried, and percent, several times a second. Throws WrongUse and
-// Failure.
+struct Progress {
+    std::string what; // is being tried
+    unsigned int percent = 0;
+    std::chrono::seconds elapsed{0};
+};
+
+// `showProgress` is called several times a second. Throws WrongUse, Failure, and Interrupted when all is as
+// it was.
 CheckReport checkPlatform(const CheckOptions& options,
-                          const std::function<void(const std::string&, unsigned int)>& showProgress);
+                          const std::function<void(const Progress&)>& showProgress);
 
 } // namespace platformcheck
 
