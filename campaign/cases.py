@@ -195,6 +195,8 @@ on_a_set = scripted(
         (f"packages, {step}", f"scripts/test-packages --only {step}", 3 * MINUTE, "all packages")
         for step in ("lint", "contents", "hardening", "sbom", "update", "purge", "tests")
     ),
+    ("fresh, packages", "scripts/try-fresh packages", 15 * MINUTE, ""),
+    ("fresh, daemon", "scripts/try-fresh daemon", 5 * MINUTE, ""),
     ("packages, twice", "scripts/test-packages --twice", 15 * MINUTE, "packages"),
     ("armhf", "scripts/cross armhf --test --story", 20 * MINUTE, ""),
     ("arm64", "scripts/cross arm64 --test --story", 20 * MINUTE, ""),
