@@ -268,7 +268,6 @@ int FWUpdateSymbolManager::cntUpdateFirmware(int& uiCount, int& otherCount, bool
     uiCount = 0;
     otherCount = 0;
     force = false;
-    totalTimeMs = 0;
     for (const FWUpdateSymbol& module : firmwareItems) {
         if (module.getNeedUpdate() && module.isUISupportUpdate()) {
             expectUpdate(module);

@@ -117,9 +117,9 @@ TEST_F(FWUpdateUIAKeys, TakeAProgressThatCannotBeReadForZero)
     platform.setSetting(kProgressKey, 60);
     platform.answer("pralis_get_int", -1);
     manager.totalUpdateTimeMs = 100;
-    manager.doneUpdateTime = 40;
+    manager.doneUpdateTime = 1;
     agent.updateFWUpdateProgress(false);
-    EXPECT_THAT(platform.settingWrites(), ElementsAre(Pair(kProgressKey, 40)));
+    EXPECT_THAT(platform.settingWrites(), ElementsAre(Pair(kProgressKey, 1)));
 }
 
 TEST_F(FWUpdateUIAKeys, TellAProgressAlsoWhenItsWriteFailed)

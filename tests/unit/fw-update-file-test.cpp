@@ -62,6 +62,12 @@ TEST_F(FWUpdateFile, IsReadAcrossTheBordersOfItsChunks)
     EXPECT_FALSE(readWhole(kOpened, content.size() - 1, text));
 }
 
+TEST_F(FWUpdateFile, ThatIsNotThereIsNotRead)
+{
+    std::string text;
+    EXPECT_FALSE(readWhole(kOpened, SIZE_MAX, text));
+}
+
 TEST_F(FWUpdateFile, OfNoSizeIsReadAsFarAsItGoes)
 {
     ASSERT_EQ(prctl(PR_SET_NAME, "who reads"), 0); // an emulator's name may be there otherwise

@@ -32,8 +32,8 @@ int refusedThreads = 0; // of the next ones that the daemon asks for
 // What the next look of this thread at the monotonic clock shows, in nanoseconds; below zero it fails.
 thread_local std::optional<int64_t> nextLook;
 
-bool isLoopRefused = false; // the next one that is asked for
-std::atomic<bool> isLoopLeft{false};
+bool isLoopRefused = false;          // the next one that is asked for
+std::atomic<bool> isLoopLeft{false}; // the main thread's; the bus has one as well
 
 struct Timer {
     guint id;
@@ -96,7 +96,7 @@ extern "C" void g_main_loop_run(GMainLoop* loop)
 {
     static auto* const run = real(&g_main_loop_run, "g_main_loop_run");
     run(loop);
-    isLoopLeft = true;
+    isLoopLeft = isLoopLeft || gettid() == getpid();
 }
 
 extern "C" guint g_timeout_add(guint milliseconds, GSourceFunc function, gpointer data)
@@ -586,6 +586,24 @@ TEST_F(TarnwickLife, ItsMainThreadLeavesTheLoopAndSleepsUntilAnotherHasEndedIt)
     });
     EXPECT_EXIT(live([&] { platform.powerOff(0); }), ExitedWithCode(0),
                 AllOf(Not(HasSubstr("an expectation failed")), HasSubstr("state 21\n")));
+}
+
+TEST_F(TarnwickLife, AWorkerThatALibraryEndsIsNoEndOfTheService)
+{
+    static Gate check;
+    installPending().answers.onCall = [](const std::string& function) {
+        if (function == "checkVersion") {
+            check.open();
+            pthread_exit(nullptr);
+        }
+    };
+    platform.onCall("pralis_notify_key_changed", [&] { // the last subscription
+        check.pass();
+        untilOthersSleep();
+        platform.powerOff(0);
+    });
+    EXPECT_EXIT(liveAlone(), ExitedWithCode(0),
+                AllOf(HasSubstr("6: Try allDoUpdateDone\n"), HasSubstr("state 21\n")));
 }
 
 TEST_F(TarnwickLife, ATimerThatHasEndedItselfIsNotEndedAgain)

@@ -124,7 +124,9 @@ class Tree:
     # place that is built by itself is linked once, not into each test.
     CHANGES = {
         "src/CMakeLists.txt": [(b"add_library(tarnwick-core STATIC)", b"add_library(tarnwick-core SHARED)"),
-                               (b"-ffunction-sections", b"-w -g0 -ffunction-sections")],
+                               (b"-ffunction-sections", b"-w -g0 -ffunction-sections"),
+                               (b"add_executable(tarnwick tarnwick.cpp)",
+                                b"add_executable(tarnwick tarnwick.cpp)\ntarget_compile_options(tarnwick PRIVATE -w -g0)")],
         "tests/unit/CMakeLists.txt": [(b"SKIP_PRECOMPILE_HEADERS ON)", b"SKIP_PRECOMPILE_HEADERS ON COMPILE_OPTIONS -w)")],
     }
 
