@@ -74,6 +74,8 @@ mkdir -p special/below && mkfifo special/below/pipe
 expect 1 "special/below/pipe is not a file but a pipe: take it away" put stick special
 expect 1 "special/below/pipe is not a file but a pipe: take it away" put hardware special
 expect 1 "is no public key in PEM form" put key build/tuner.so
+head -2 build/maker.pub.pem >build/cut.pub.pem
+expect 1 "is no public key in PEM form, from" put key build/cut.pub.pem
 expect 1 "there is no set at none: make one with" "$vset" put none library build/tuner.so
 expect 2 "" put
 expect 2 "" put library

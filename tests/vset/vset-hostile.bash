@@ -124,7 +124,7 @@ within 90 is_gone "$leader" || fail "a set whose lock was replaced does not end"
 
 # ---- Links that lead out of the set: nothing is put where they lead ----
 mkdir -p out stick/deep build/Panel && echo x >stick/deep/x && echo x >build/Panel/Panel.bin && ln -s Panel build/Linked
-touch tuner.so empTuner.img chip && printf -- '-----BEGIN PUBLIC KEY-----\n' >maker.pem
+touch tuner.so empTuner.img chip && printf -- '-----BEGIN PUBLIC KEY-----\n-----END PUBLIC KEY-----\n' >maker.pem
 # led PATH COMMAND...: a link in the place of that directory of the set, or of the one above it.
 led() {
     local way

@@ -324,14 +324,16 @@ void SetContents::putSigningKey(const fs::path& file) const
 {
     requireFile(file);
     std::ifstream in(file);
-    bool isKey = false; // text may stand before it
-    for (std::string line; !isKey && std::getline(in, line);) {
-        isKey = line.rfind("-----BEGIN PUBLIC KEY", 0) == 0;
+    bool isBegun = false; // text may stand before it
+    bool isWhole = false;
+    for (std::string line; !isWhole && std::getline(in, line);) {
+        isBegun = isBegun || line.rfind("-----BEGIN PUBLIC KEY", 0) == 0;
+        isWhole = isBegun && line.rfind("-----END PUBLIC KEY", 0) == 0;
     }
-    if (!isKey) {
+    if (!isWhole) {
         fail(file.string(),
-             "is no public key in PEM form (-----BEGIN PUBLIC KEY-----): make one of the signing "
-             "key with `openssl pkey -in KEY -pubout`");
+             "is no public key in PEM form, from its -----BEGIN PUBLIC KEY----- to its END: make one of the "
+             "signing key with `openssl pkey -in KEY -pubout`");
     }
     put(file, inset::kSigningKeys, file.stem().string() + ".pem");
 }

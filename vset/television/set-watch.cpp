@@ -157,7 +157,7 @@ Condition hasEnded(const fs::path& set, std::optional<int> status, std::optional
         }
         return true;
     };
-    return {"the end of the daemon, or of the command," +
+    return {"the end of the daemon, or of the command" +
                 (boot ? " in boot " + std::to_string(*boot) : std::string()),
             isSo, [set] { return lifeText(set); }};
 }

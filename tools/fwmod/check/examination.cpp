@@ -232,7 +232,9 @@ void Examination::failOnExaminer() const
     throw common::Failure("the library could not be examined:" +
                           (text.empty() ? " vset ended without a word; is there room in memory and in " +
                                               set_->set().parent_path().string() + "?"
-                                        : "\n" + text));
+                                        : "\n" + text +
+                                              "\nIf this names no cause: a library that ends processes other "
+                                              "than its own ends the check, too"));
 }
 
 // The report of a set that has come to its end.
