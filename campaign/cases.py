@@ -15,9 +15,9 @@ MODEL_PIECES = 16  # of every sequence of up to 6 events
 FAILURE_PIECES = 10
 FAILURE_PAIRS = 200_000  # of all pieces together
 CRASH_PIECES = 60
-SOAK_PIECES = 40
-SOAK_CYCLES = 250
-SOAK_SECONDS = 2 * MINUTE
+SOAK_PIECES = 4
+SOAK_CYCLES = 2500  # memory is judged by a line, for which one run has to be long
+SOAK_SECONDS = 20 * MINUTE
 FUZZ_PIECES = 4
 FUZZ_SECONDS = 300
 

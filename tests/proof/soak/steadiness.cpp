@@ -123,7 +123,8 @@ std::size_t loopDevicesOf(const tarnwick::Television& tv)
 
 std::vector<double> Course::settled() const
 {
-    return {values_.begin() + static_cast<std::ptrdiff_t>(values_.size() / 5), values_.end()};
+    const std::size_t first = values_.size() > kCyclesToFill ? kCyclesToFill : values_.size() / 5;
+    return {values_.begin() + static_cast<std::ptrdiff_t>(first), values_.end()};
 }
 
 double Course::first() const
@@ -146,7 +147,7 @@ double Course::highest() const
     return values_.empty() ? 0 : *std::max_element(values_.begin(), values_.end());
 }
 
-double Course::growthIn(double cycles) const
+double Course::growth() const
 {
     const std::vector<double> values = settled();
     const auto count = static_cast<double>(values.size());
@@ -162,7 +163,7 @@ double Course::growthIn(double cycles) const
         together += distance * (values[at] - mean);
         alone += distance * distance;
     }
-    return together / alone * cycles;
+    return together / alone * count;
 }
 
 } // namespace proof

@@ -31,6 +31,11 @@ std::set<std::string> filesOf(const tarnwick::Television& tv);
 // Loop devices of this machine that have a file of the set.
 std::size_t loopDevicesOf(const tarnwick::Television& tv);
 
+// In so many cycles all that a service keeps of the latest is full: the console's 4,000 records of the log,
+// of which a cycle makes some thirty, and the 500 entries of each history, to which more than half of the
+// cycles add one.
+constexpr std::size_t kCyclesToFill = 1000;
+
 // A number that is taken after each cycle.
 class Course
 {
@@ -38,12 +43,13 @@ public:
     void take(double value) { values_.push_back(value); }
     std::size_t size() const { return values_.size(); }
     double latest() const { return values_.back(); } // not before the first
-    double first()
-        const; // the middle one of the first tenth, once the first fifth, in which caches fill, has passed
+    // The middle one of the first tenth, once kCyclesToFill have passed; in a course that is shorter, a fifth
+    // of it.
+    double first() const;
     double last() const; // of the last tenth
     double highest() const;
-    // By the line that fits best behind the first fifth: how much it grows in so many cycles.
-    double growthIn(double cycles) const;
+    // How much it has grown since, by the line that fits best.
+    double growth() const;
 
 private:
     std::vector<double> settled() const;
