@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <dlfcn.h>
 #include <fstream>
 #include <functional>
@@ -195,8 +196,8 @@ const std::vector<Wait>& waits()
         {"poll", [](int wait) { EXPECT_EQ(poll(nullptr, 0, wait * 1000), 0); }, true},
         {"ppoll", waitWithPpoll, true},
         {"poll in two processes", waitInTwoProcesses},
-        {"select", waitWithSelect},
-        {"epoll_wait", waitWithEpoll},
+        {"select", waitWithSelect, true},
+        {"epoll_wait", waitWithEpoll, true},
         {"condition, steady clock", waitOnStdCondition<steady_clock>},
         {"condition, system clock", waitOnStdCondition<system_clock>},
         {"pthread condition, wall time", [](int wait) { waitOnPthreadCondition(CLOCK_REALTIME, wait); }},
@@ -340,6 +341,100 @@ TEST(Conditions, WakeNobodyWithoutAReason)
     for (int round = 0; round < 5; ++round) {
         EXPECT_EQ(condition.wait_for(lock, seconds(20)), std::cv_status::timeout);
     }
+}
+
+// ---- Waits that end because of what they wait for ----
+
+class Descriptors : public testing::Test
+{
+protected:
+    Descriptors() { EXPECT_EQ(pipe(ends_), 0); }
+    ~Descriptors() override
+    {
+        close(ends_[0]);
+        close(ends_[1]);
+    }
+    // When somebody waits: 50 ms of the PC at the test's rate.
+    std::thread writeLater() const
+    {
+        return std::thread([this] {
+            usleep(60 * 50000);
+            EXPECT_EQ(write(ends_[1], "x", 1), 1);
+        });
+    }
+
+    int ends_[2];
+};
+
+TEST_F(Descriptors, EndASelect)
+{
+    fd_set reading;
+    fd_set failing;
+    for (fd_set* set : {&reading, &failing}) {
+        FD_ZERO(set);
+        FD_SET(ends_[0], set);
+    }
+    timeval timeout{600, 0};
+    std::thread writer = writeLater();
+    EXPECT_EQ(select(ends_[0] + 1, &reading, nullptr, &failing, &timeout), 1);
+    EXPECT_TRUE(FD_ISSET(ends_[0], &reading));
+    EXPECT_FALSE(FD_ISSET(ends_[0], &failing));
+    EXPECT_GT(timeout.tv_sec, 0);
+    writer.join();
+
+    fd_set writing = reading;
+    FD_SET(ends_[1], &writing);
+    EXPECT_EQ(select(ends_[1] + 1, nullptr, &writing, nullptr, &timeout), 1);
+    EXPECT_FALSE(FD_ISSET(ends_[0], &writing)) << "an end that cannot be written";
+    EXPECT_TRUE(FD_ISSET(ends_[1], &writing));
+}
+
+TEST_F(Descriptors, ThatAreClosedFailASelect)
+{
+    const int closed = dup(ends_[0]);
+    close(closed);
+    fd_set reading;
+    FD_ZERO(&reading);
+    FD_SET(closed, &reading);
+    timeval timeout{600, 0};
+    EXPECT_EQ(select(closed + 1, &reading, nullptr, nullptr, &timeout), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_TRUE(FD_ISSET(closed, &reading)) << "a call that fails leaves its sets alone";
+}
+
+TEST_F(Descriptors, EndAWaitWithEpoll)
+{
+    const int epoll = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event wanted{};
+    wanted.events = EPOLLIN | EPOLLET; // told once
+    wanted.data.fd = ends_[0];
+    ASSERT_EQ(epoll_ctl(epoll, EPOLL_CTL_ADD, ends_[0], &wanted), 0);
+    std::thread writer = writeLater();
+    epoll_event seen[2] = {};
+    EXPECT_EQ(epoll_wait(epoll, seen, 2, 600000), 1);
+    EXPECT_EQ(seen[0].data.fd, ends_[0]);
+    EXPECT_EQ(epoll_wait(epoll, seen, 2, 5000), 0);
+    writer.join();
+    close(epoll);
+    EXPECT_EQ(epoll_wait(epoll, seen, 2, 600000), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(Descriptors, LeaveSignalsToAWaitWithEpoll)
+{
+    const auto ignore = [](int) {};
+    std::signal(SIGUSR1, ignore);
+    const int epoll = epoll_create1(EPOLL_CLOEXEC);
+    const pthread_t waiter = pthread_self();
+    std::thread sender([waiter] {
+        usleep(60 * 50000);
+        pthread_kill(waiter, SIGUSR1);
+    });
+    epoll_event seen{};
+    EXPECT_EQ(epoll_wait(epoll, &seen, 1, 600000), -1);
+    EXPECT_EQ(errno, EINTR);
+    sender.join();
+    close(epoll);
 }
 
 } // namespace

@@ -4,7 +4,7 @@
 test_program=$2
 cd / || exit 1
 
-rate='Waits.AtARate*:Clocks.*:Conditions.*'
+rate='Waits.AtARate*:Clocks.*:Conditions.*:Descriptors.*'
 expect 0 "PASSED" "$vset" run --temporary --clock-rate 60 -- "$test_program" --gtest_filter="$rate"
 
 set_=$work/set

@@ -2,9 +2,9 @@
 //
 // It stands in front of the C library's calls that read a clock or wait for a time. Clocks are computed from
 // the page that `vset clock` writes. A jump or another rate takes effect at once for those who are waiting
-// already: who sleeps, polls or waits on a futex waits for a change of the page as well. Where the kernel has
-// no such wait (conditions, semaphores and locks of the C library, select, epoll) it is cut into slices of
-// the PC's time, and after each the clock is read again.
+// already: who sleeps, polls, selects or waits on a futex waits for a change of the page as well. Where the
+// wait is the C library's own affair (conditions, semaphores, locks) it is cut into slices of the PC's time,
+// and after each the clock is read again.
 //
 // Times have 64 bits here. A C library that had times of 32 bits first has each such call twice: this file
 // stands in front of those with 64, vset-clock-narrow.cpp of the others.
@@ -493,6 +493,12 @@ private:
     __attribute__((tls_model("initial-exec"))) static inline thread_local pid_t owner_ = 0;
 };
 
+// -1 for a wait that ends before it is worth one.
+int changeDescriptorFor(const Deadline& deadline)
+{
+    return deadline.slice() == kSlice ? ChangeDescriptor::get() : -1;
+}
+
 int pollUntil(const Deadline& deadline, pollfd* descriptors, nfds_t count, int change, const sigset_t* mask)
 {
     pollfd all[kMostDescriptors + 1];
@@ -529,8 +535,7 @@ EXPORTED int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout, c
         return real_ppoll(descriptors, count, timeout, mask);
     }
     const Deadline deadline = Deadline::after(*page, fromTimespec(*timeout));
-    const bool isLong = deadline.slice() == kSlice;
-    const int change = isLong && count <= kMostDescriptors ? ChangeDescriptor::get() : -1;
+    const int change = count <= kMostDescriptors ? changeDescriptorFor(deadline) : -1;
     if (change >= 0) {
         return pollUntil(deadline, descriptors, count, change, mask);
     }
@@ -562,35 +567,88 @@ EXPORTED int PPOLL_CHECKED(pollfd* descriptors, nfds_t count, const timespec* ti
     return ppoll(descriptors, count, timeout, mask);
 }
 
+namespace
+{
+
+// The sets of a select: arrays of `count` bits, which may be longer or shorter than an fd_set. They come back
+// empty from a wait in which nothing happened, so each wait starts with what was asked for.
+class SelectSets
+{
+public:
+    SelectSets(int count, fd_set* reading, fd_set* writing, fd_set* failing)
+        : count_(count), sets_{reading, writing, failing}
+    {
+        for (int index = 0; index < 3; ++index) {
+            FD_ZERO(&wanted_[index]);
+            for (int descriptor = 0; sets_[index] != nullptr && descriptor < count; ++descriptor) {
+                if (FD_ISSET(descriptor, sets_[index])) {
+                    FD_SET(descriptor, &wanted_[index]);
+                }
+            }
+        }
+    }
+
+    // As the call says it, but for `change`: that this descriptor is readable is not told.
+    int wait(const timespec& time, const sigset_t* mask, int change)
+    {
+        fd_set found[3] = {wanted_[0], wanted_[1], wanted_[2]};
+        fd_set* given[3];
+        for (int index = 0; index < 3; ++index) {
+            given[index] = sets_[index] != nullptr ? &found[index] : nullptr;
+        }
+        if (change >= 0) {
+            FD_SET(change, &found[0]);
+            given[0] = &found[0];
+        }
+        const int count = change >= count_ ? change + 1 : count_;
+        int result = real_pselect(count, given[0], given[1], given[2], &time, mask);
+        if (result < 0) {
+            return result;
+        }
+        if (change >= 0 && FD_ISSET(change, &found[0])) {
+            FD_CLR(change, &found[0]);
+            ChangeDescriptor::drain(change);
+            --result;
+        }
+        const size_t words = (static_cast<size_t>(count_) + kWordBits - 1) / kWordBits;
+        for (int index = 0; index < 3; ++index) {
+            if (sets_[index] != nullptr) {
+                __builtin_memcpy(sets_[index], &found[index], words * sizeof(long));
+            }
+        }
+        return result;
+    }
+
+private:
+    static constexpr size_t kWordBits = 8 * sizeof(long);
+
+    int count_;
+    fd_set* sets_[3];
+    fd_set wanted_[3];
+};
+
+} // namespace
+
 EXPORTED int pselect(int count, fd_set* reading, fd_set* writing, fd_set* failing, const timespec* timeout,
                      const sigset_t* mask)
 {
     const vset::ClockPage* page = clockPage();
-    if (page == nullptr || timeout == nullptr || !isValid(*timeout)) {
+    const bool isUsual = count >= 0 && count <= FD_SETSIZE;
+    if (page == nullptr || timeout == nullptr || !isValid(*timeout) || !isUsual) {
         return real_pselect(count, reading, writing, failing, timeout, mask);
     }
-    // The sets come back empty from a slice in which nothing happened, so every slice starts with copies.
-    // They are arrays of `count` bits, which may be longer or shorter than an fd_set.
-    if (count < 0 || count > FD_SETSIZE) {
-        return real_pselect(count, reading, writing, failing, timeout, mask);
+    SelectSets sets(count, reading, writing, failing);
+    const Deadline deadline = Deadline::after(*page, fromTimespec(*timeout));
+    const int change = changeDescriptorFor(deadline);
+    if (change < 0 || change >= FD_SETSIZE) {
+        return waitForEvents(deadline, [&](const timespec& slice) { return sets.wait(slice, mask, -1); });
     }
-    fd_set* const sets[] = {reading, writing, failing};
-    const size_t bytes =
-        (static_cast<size_t>(count) + 8 * sizeof(long) - 1) / (8 * sizeof(long)) * sizeof(long);
-    fd_set wanted[3];
-    for (int index = 0; index < 3; ++index) {
-        if (sets[index] != nullptr) {
-            __builtin_memcpy(&wanted[index], sets[index], bytes);
+    while (true) {
+        const int result = sets.wait(toTimespec(deadline.real(kLongest)), mask, change);
+        if (result != 0 || deadline.remaining() == 0) {
+            return result;
         }
     }
-    return waitForEvents(Deadline::after(*page, fromTimespec(*timeout)), [&](const timespec& slice) {
-        for (int index = 0; index < 3; ++index) {
-            if (sets[index] != nullptr) {
-                __builtin_memcpy(sets[index], &wanted[index], bytes);
-            }
-        }
-        return real_pselect(count, reading, writing, failing, &slice, mask);
-    });
 }
 
 EXPORTED int select(int count, fd_set* reading, fd_set* writing, fd_set* failing, timeval* timeout)
@@ -614,13 +672,40 @@ EXPORTED int select(int count, fd_set* reading, fd_set* writing, fd_set* failing
     return result;
 }
 
+namespace
+{
+
+// A set of descriptors can be polled like one of them.
+int waitOnEpoll(const Deadline& deadline, int change, int epoll, epoll_event* events, int size,
+                const sigset_t* mask)
+{
+    while (true) {
+        const int result = real_epoll_pwait(epoll, events, size, 0, mask);
+        if (result != 0) {
+            return result;
+        }
+        pollfd waiting{epoll, POLLIN, 0};
+        const int ready = pollUntil(deadline, &waiting, 1, change, mask);
+        if (ready <= 0) {
+            return ready;
+        }
+    }
+}
+
+} // namespace
+
 EXPORTED int epoll_pwait(int epoll, epoll_event* events, int size, int timeoutMs, const sigset_t* mask)
 {
     const vset::ClockPage* page = clockPage();
     if (page == nullptr || timeoutMs <= 0) {
         return real_epoll_pwait(epoll, events, size, timeoutMs, mask);
     }
-    return waitForEvents(Deadline::after(*page, timeoutMs * kMillisecond), [&](const timespec& slice) {
+    const Deadline deadline = Deadline::after(*page, timeoutMs * kMillisecond);
+    const int change = changeDescriptorFor(deadline);
+    if (change >= 0) {
+        return waitOnEpoll(deadline, change, epoll, events, size, mask);
+    }
+    return waitForEvents(deadline, [&](const timespec& slice) {
         // Rounded up, as the call has only milliseconds: otherwise the last one would be spent polling.
         const int64_t milliseconds = (fromTimespec(slice) + kMillisecond - 1) / kMillisecond;
         return real_epoll_pwait(epoll, events, size, static_cast<int>(milliseconds), mask);
