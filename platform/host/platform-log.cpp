@@ -8,7 +8,9 @@
 // name, file, function, line (the last three empty in the platform log), message. A tab, a line end or a
 // backslash inside a field is written as \t, \n, \r or \\, any other control character as \xHH.
 
+#include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -41,10 +43,18 @@ struct Location {
     int line;
 };
 
+// The characters that stand in a field as they are; the others are rare.
+constexpr std::array<bool, 256> kIsPlain = [] {
+    std::array<bool, 256> plain{};
+    for (size_t byte = 0x20; byte < plain.size(); ++byte) {
+        plain[byte] = byte != 0x7f && byte != '\\';
+    }
+    return plain;
+}();
+
 bool isPlain(char character)
 {
-    const auto byte = static_cast<unsigned char>(character);
-    return byte >= 0x20 && byte != 0x7f && byte != '\\';
+    return kIsPlain[static_cast<unsigned char>(character)];
 }
 
 void appendEscape(std::string& line, char character)
@@ -92,8 +102,9 @@ void appendField(std::string& line, const char* text)
 
 void appendField(std::string& line, long number)
 {
+    char text[24];
     line += '\t';
-    line += std::to_string(number);
+    line.append(text, std::to_chars(text, text + sizeof text, number).ptr);
 }
 
 // The date of a second is written once for each thread, not for each record.
@@ -112,43 +123,51 @@ void appendNow(std::string& line)
         strftime(known.text, sizeof known.text, "%Y-%m-%dT%H:%M:%S.", &parts);
         known.time = time.tv_sec;
     }
-    const std::string fraction = std::to_string(time.tv_nsec / 1000);
+    char fraction[] = "000000Z";
+    char* digit = fraction + 6;
+    for (long microseconds = time.tv_nsec / 1000; microseconds > 0; microseconds /= 10) {
+        *--digit = static_cast<char>('0' + microseconds % 10);
+    }
     line += known.text;
-    line.append(6 - fraction.size(), '0');
     line += fraction;
-    line += 'Z';
 }
 
-// The formatted message; errno must still be the caller's, for "%m". False for a format that cannot be
-// printed.
-__attribute__((format(printf, 2, 0))) bool formatMessage(std::string& message, const char* format,
-                                                         va_list values)
+// A message with its values in it; made while errno is the caller's, for "%m".
+class Message
 {
-    const int callersErrno = errno;
-    va_list again;
-    va_copy(again, values);
-    char small[512];
-    const int length = vsnprintf(small, sizeof small, format, values);
-    if (length >= static_cast<int>(sizeof small)) {
-        message.resize(static_cast<size_t>(length) + 1);
-        errno = callersErrno;
-        vsnprintf(message.data(), message.size(), format, again);
-        message.pop_back();
-    } else if (length >= 0) {
-        message = small;
+public:
+    __attribute__((format(printf, 2, 0))) Message(const char* format, va_list values)
+    {
+        const int callersErrno = errno;
+        va_list again;
+        va_copy(again, values);
+        length_ = vsnprintf(usual_, sizeof usual_, format, values);
+        if (length_ >= static_cast<int>(sizeof usual_)) {
+            long_.resize(static_cast<size_t>(length_) + 1);
+            errno = callersErrno;
+            vsnprintf(long_.data(), long_.size(), format, again);
+        }
+        va_end(again);
     }
-    va_end(again);
-    return length >= 0;
-}
+
+    bool isPrintable() const { return length_ >= 0; } // else the format cannot be
+    size_t length() const { return static_cast<size_t>(length_); }
+    const char* text() const { return long_.empty() ? usual_ : long_.c_str(); }
+
+private:
+    int length_;
+    char usual_[512];
+    std::string long_; // if it does not fit there
+};
 
 std::string lineOf(const char* buffer, int priority, const char* tag, const Location* place,
-                   const std::string& message)
+                   const Message& message)
 {
     const platform::Writer writer = platform::writer();
     char threadName[32] = "";
     prctl(PR_GET_NAME, threadName); // asked anew: a thread may take another name
     std::string line;
-    line.reserve(kUsualLine + message.size());
+    line.reserve(kUsualLine + message.length());
     appendNow(line);
     appendField(line, buffer);
     appendField(line, priority);
@@ -163,7 +182,7 @@ std::string lineOf(const char* buffer, int priority, const char* tag, const Loca
     } else {
         appendField(line, place->line);
     }
-    appendField(line, message.c_str());
+    appendField(line, message.text());
     line += '\n';
     return line;
 }
@@ -176,12 +195,11 @@ PLATFORM_EXPORT int __norlog_print(int log_id, int priority, const char* tag, co
     if (format == nullptr) {
         return -1;
     }
-    std::string message;
     va_list values;
     va_start(values, format);
-    const bool isPrintable = formatMessage(message, format, values);
+    const Message message(format, values);
     va_end(values);
-    if (!isPrintable) {
+    if (!message.isPrintable()) {
         return -1;
     }
     return platform::appendToLog(lineOf(std::to_string(log_id).c_str(), priority, tag, nullptr, message));
@@ -194,13 +212,12 @@ PLATFORM_EXPORT void TraceLogger::record(int priority, const char* file, const c
     if (format == nullptr) {
         return;
     }
-    std::string message;
     va_list values;
     va_start(values, format);
-    const bool isPrintable = formatMessage(message, format, values);
+    const Message message(format, values);
     va_end(values);
     const Location place = {file, function, line};
-    if (isPrintable) {
+    if (message.isPrintable()) {
         platform::appendToLog(lineOf("trace", priority, "", &place, message));
     }
 }
