@@ -8,7 +8,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <seccomp.h>
 #include <string_view>
@@ -95,12 +94,21 @@ constexpr const char* kPassing[] = {
     "/memfd:",      "/opt/usr/apps/appbinarymanager/"}; // packages: the daemon removes them
 
 template <typename Table>
-auto findCall(const Table& calls, const seccomp_notif& notice)
+std::vector<int> numbersOf(const Table& calls)
 {
-    const auto* const found = std::find_if(std::begin(calls), std::end(calls), [&](const auto& call) {
-        return seccomp_syscall_resolve_name(call.name) == notice.data.nr;
-    });
-    return found == std::end(calls) ? nullptr : found;
+    std::vector<int> numbers;
+    for (const auto& call : calls) {
+        numbers.push_back(seccomp_syscall_resolve_name(call.name));
+    }
+    return numbers;
+}
+
+template <const auto& calls>
+auto findCall(const seccomp_notif& notice)
+{
+    static const std::vector<int> numbers = numbersOf(calls); // each call that waits is looked up
+    const auto found = std::find(numbers.begin(), numbers.end(), notice.data.nr);
+    return found == numbers.end() ? nullptr : &calls[found - numbers.begin()];
 }
 
 template <typename Table>
@@ -203,16 +211,21 @@ std::uint64_t bytesOf(const Call& call, const seccomp_notif& notice)
     return 0;
 }
 
-std::string fieldOf(const fs::path& file, const std::string& name)
+// Of one of the kernel's lists.
+std::string beginningOf(const std::string& file)
 {
-    std::ifstream in(file);
-    for (std::string word; in >> word;) {
-        if (word == name + ":") {
-            in >> word;
-            return word;
-        }
-    }
-    return "";
+    const common::UniqueFd in(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    std::array<char, 1024> text{};
+    const ssize_t length = in ? read(in.get(), text.data(), text.size()) : 0;
+    return std::string(text.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+}
+
+// What stands behind a name in such a list: "flags:\t0100002\n".
+std::string fieldOf(const std::string& list, const std::string& name)
+{
+    const std::size_t at = list.find(name + ":\t");
+    const std::size_t begin = at + name.size() + 2;
+    return at == std::string::npos ? "" : list.substr(begin, list.find('\n', begin) - begin);
 }
 
 // How a file is open, and where the next byte goes.
@@ -225,11 +238,12 @@ struct OpenFile {
 
 OpenFile openFileOf(const seccomp_notif& notice, unsigned int argument)
 {
-    std::ifstream in("/proc/" + std::to_string(notice.pid) + "/fdinfo/" +
-                     std::to_string(static_cast<int>(notice.data.args[argument])));
+    const std::string list = "/proc/" + std::to_string(notice.pid) + "/fdinfo/" +
+                             std::to_string(static_cast<int>(notice.data.args[argument]));
+    const std::string text = beginningOf(list);
     OpenFile file;
-    std::string name;
-    in >> name >> file.position >> name >> std::oct >> file.flags; // "pos: 4096 flags: 0100002"
+    file.position = std::strtoull(fieldOf(text, "pos").c_str(), nullptr, 10);
+    file.flags = std::strtoul(fieldOf(text, "flags").c_str(), nullptr, 8);
     return file;
 }
 
@@ -259,11 +273,11 @@ std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
     write.id = notice.id;
     write.thread = static_cast<pid_t>(notice.pid);
     std::copy(std::begin(notice.data.args), std::end(notice.data.args), write.arguments.begin());
-    if (const Flush* const flush = findCall(kFlushes, notice)) {
+    if (const Flush* const flush = findCall<kFlushes>(notice)) {
         write.call = flush->name;
         return write;
     }
-    if (const Call* const call = findCall(kCalls, notice)) {
+    if (const Call* const call = findCall<kCalls>(notice)) {
         const fs::path link = descriptorLink(notice, call->descriptorArgument);
         std::error_code gone;
         write.call = call->name;
@@ -278,7 +292,7 @@ std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
         if (write.bytes > 0) {
             write.position = positionOf(*call, notice, file);
         }
-    } else if (const PathCall* const pathCall = findCall(kPathCalls, notice)) {
+    } else if (const PathCall* const pathCall = findCall<kPathCalls>(notice)) {
         write.call = pathCall->name;
         write.path = pathOf(*pathCall, notice);
     }
@@ -316,7 +330,7 @@ namespace
 // The same open file, with the same position; none when the system does not let us have it.
 common::UniqueFd copyOfDescriptor(pid_t thread, std::uint64_t descriptor)
 {
-    const std::string process = fieldOf("/proc/" + std::to_string(thread) + "/status", "Tgid");
+    const std::string process = fieldOf(beginningOf("/proc/" + std::to_string(thread) + "/status"), "Tgid");
     const common::UniqueFd handle(syscall(SYS_pidfd_open, std::strtol(process.c_str(), nullptr, 10), 0));
     return common::UniqueFd(handle ? syscall(SYS_pidfd_getfd, handle.get(), static_cast<int>(descriptor), 0)
                                    : -1);
