@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
+#include <optional>
 
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwctl/commands/command.h"
@@ -102,10 +103,8 @@ void tellSources(FWUpdateSymbol& module, const std::string& mountProblem, Tellin
     }
 }
 
-// With the rights that it has in the daemon, and no more.
 FWUpdateSymbol& loadInChild(const ControlLibrary& library, Telling& telling, bool& isBound)
 {
-    becomeLikelyUpdater();
     auto& module = *new FWUpdateSymbol(
         library.name, library.usr); // never unloaded: a library is not asked to tear itself down
     isBound = telling.call("loading", library.name, [&] { return module.loadSymbol(library.name); }) == 0;
@@ -113,9 +112,15 @@ FWUpdateSymbol& loadInChild(const ControlLibrary& library, Telling& telling, boo
     return module;
 }
 
-void examineInChild(const ControlLibrary& library, const std::string& mountProblem, Telling& telling)
+// With the rights that it has in the daemon, and no more.
+void examineInChild(const ControlLibrary& library, std::optional<uid_t> updater, Telling& telling)
 {
     takeDaemonMessages();
+    std::string mountProblem;
+    if (updater) {
+        becomeUser(*updater);
+        mountProblem = problemOfOwnMountDirectory();
+    }
     bool isBound = false;
     FWUpdateSymbol& module = loadInChild(library, telling, isBound);
     telling.put("load_messages", asArray(takeDaemonMessages()));
@@ -191,10 +196,10 @@ void complete(Json::Value& told, const ControlLibrary& library)
 std::vector<Json::Value> examineAll(const std::vector<ControlLibrary>& libraries,
                                     const LibrarySpeech::Listener& onLine)
 {
-    const std::string mountProblem = problemOfMountDirectory();
+    const std::optional<uid_t> updater = likelyUpdater();
     std::vector<Json::Value> told = runIsolatedAll(
         libraries.size(),
-        [&](std::size_t index, Telling& telling) { examineInChild(libraries[index], mountProblem, telling); },
+        [&](std::size_t index, Telling& telling) { examineInChild(libraries[index], updater, telling); },
         onLine);
     for (std::size_t index = 0; index < libraries.size(); ++index) {
         complete(told[index], libraries[index]);
@@ -211,6 +216,7 @@ Json::Value askForVersion(const ControlLibrary& library)
 {
     const auto ask = [&](Telling& telling) {
         bool isBound = false;
+        becomeLikelyUpdater();
         telling.put("installed", installedVersion(loadInChild(library, telling, isBound)));
     };
     return runIsolated(ask, [](const std::string&) {});

@@ -50,6 +50,9 @@ struct Telling::Shared {
     unsigned long long word = 0;       // see wordOf()
     std::atomic<bool> isCutOff{false}; // somebody has closed the pipe in the child
     Slot slots[32];                    // calls at the same time; those beyond are not watched
+    // What was put and not sent yet: to wake the parent for each would cost both more than most questions do.
+    std::atomic<std::size_t> keptSize{0};
+    char kept[std::size_t{64} * 1024] = {};
 };
 
 namespace
@@ -141,16 +144,54 @@ void Telling::put(const char* name, const Json::Value& value)
     part[name] = value;
     const std::string line = wordOf(shared_) + common::compactJson(part) + "\n";
     const std::lock_guard<std::mutex> lock(mutex_);
-    for (std::size_t done = 0; done < line.size();) {
-        const ssize_t count = write(pipe_, line.data() + done, line.size() - done);
+    if (survives_) {
+        send(line.data(), line.size());
+        return;
+    }
+    endIfCutOff();
+    if (line.size() > sizeof shared_.kept - shared_.keptSize) {
+        sendKept();
+    }
+    if (line.size() > sizeof shared_.kept) {
+        send(line.data(), line.size());
+        return;
+    }
+    std::memcpy(shared_.kept + shared_.keptSize, line.data(), line.size());
+    shared_.keptSize += line.size();
+}
+
+void Telling::sendPut()
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    sendKept();
+}
+
+void Telling::sendKept()
+{
+    send(shared_.kept, shared_.keptSize);
+    shared_.keptSize = 0;
+}
+
+void Telling::send(const char* bytes, std::size_t size)
+{
+    for (std::size_t done = 0; done < size;) {
+        const ssize_t count = write(pipe_, bytes + done, size - done);
         if (count < 0 && errno != EINTR) {
             if (survives_) {
                 return;
             }
-            shared_.isCutOff = errno == EBADF; // else nobody listens any more
-            _exit(1);
+            endIfCutOff();
+            _exit(1); // nobody listens any more
         }
         done += count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+}
+
+void Telling::endIfCutOff() const
+{
+    if (fcntl(pipe_, F_GETFD) < 0) {
+        shared_.isCutOff = true;
+        _exit(1);
     }
 }
 
@@ -258,6 +299,13 @@ void Child::take(const std::string& bytes, const PartHandler& onPart)
     rest_.erase(0, begin);
 }
 
+// What a child that has ended had not sent any more; behind a line that it may not have sent whole.
+void Child::takeKept(const PartHandler& onPart)
+{
+    const std::size_t size = std::min(shared_->keptSize.load(), sizeof shared_->kept);
+    take("\n" + std::string(shared_->kept, size), onPart);
+}
+
 // What has come through `pipe`, without waiting.
 std::string Child::readSome(int pipe)
 {
@@ -360,6 +408,7 @@ std::string Child::wait(const PartHandler& onPart, const std::function<void()>& 
         process_->kill();
     }
     const common::ContainedProcess::End end = process_->wait();
+    takeKept(onPart);
     speech_.finish();
     leftBehind_ = end.leftBehind;
     isUnwatched_ = end.isUnwatched;
@@ -413,6 +462,7 @@ void runPiece(std::size_t index, const std::function<void(std::size_t, Telling&)
     if (const unsigned left = common::endLeftBehind(kGrace); left > 0) {
         telling.put(kLeftBehind, left);
     }
+    telling.sendPut();
 }
 } // namespace
 

@@ -36,8 +36,10 @@ public:
     // Begins each line that is told: a library that writes into any descriptor there is has not told it.
     static std::string wordOf(const Shared& shared);
 
-    // Every thread may.
+    // Every thread may. It reaches the parent whatever becomes of the child: of one that survives at once, of
+    // others with sendPut(), or when the child has ended.
     void put(const char* name, const Json::Value& value);
+    void sendPut();
 
     // A call into a library, for as long as it lives: the parent's report names it, and ends the child when
     // it takes longer than kCallLimit, unless it `writes` hardware. Every thread may.
@@ -74,6 +76,9 @@ public:
 private:
     // What is printed from now on is this module's.
     void nameSpeaker(const std::string& module);
+    void send(const char* bytes, std::size_t size);
+    void sendKept();
+    void endIfCutOff() const;
 
     int pipe_;
     int output_; // where a library prints, whatever it does to its standard descriptors
@@ -118,6 +123,7 @@ private:
     bool passOn(const PartHandler& onPart, int waitMs);
     bool collect(const PartHandler& onPart, const std::function<void()>& onPause);
     void take(const std::string& bytes, const PartHandler& onPart);
+    void takeKept(const PartHandler& onPart);
     std::string failureOf(const common::ContainedProcess::End& end);
 
     Telling::Shared* shared_;

@@ -72,6 +72,11 @@ std::set<std::string> mountsSince(const std::vector<std::string>& before,
     return since;
 }
 
+std::string problemOfOwnMountDirectory()
+{
+    return access(kPackageMounts, W_OK | X_OK) == 0 ? "" : std::strerror(errno);
+}
+
 std::string problemOfMountDirectory()
 {
     const std::optional<uid_t> user = likelyUpdater();
@@ -80,8 +85,7 @@ std::string problemOfMountDirectory()
     }
     const Json::Value told = runIsolated([&](Telling& telling) {
         becomeUser(*user);
-        const bool isWritable = access(kPackageMounts, W_OK | X_OK) == 0;
-        telling.put("problem", isWritable ? "" : std::strerror(errno));
+        telling.put("problem", problemOfOwnMountDirectory());
     });
     return told["problem"].asString();
 }

@@ -29,6 +29,7 @@ std::set<std::string> mountsSince(const std::vector<std::string>& before,
 // Why the daemon's user cannot make a mount point among kPackageMounts: "Permission denied"; empty when it
 // can, and when this process may not find out.
 std::string problemOfMountDirectory();
+std::string problemOfOwnMountDirectory(); // the same of this process's user
 
 bool isMountPoint(const std::string& directory);
 
