@@ -17,6 +17,7 @@
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -51,7 +52,7 @@ constexpr const char* kBusConfiguration =
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
   <type>system</type>
-  <listen>unix:path=/run/dbus/system_bus_socket</listen>
+  <listen>systemd:</listen>
   <auth>EXTERNAL</auth>
   <policy context="default">
     <allow user="*"/>
@@ -124,6 +125,20 @@ fs::path outputOf(const std::string& service)
     return "/var/log/" + service + ".out";
 }
 
+void putEnvironment(const char* name, const std::string& value)
+{
+    check(setenv(name, value.c_str(), 1), "cannot change the environment");
+}
+
+// As the PC's own service manager hands over a socket: right behind the standard streams.
+void handOverSocket(int socket)
+{
+    constexpr int kPlace = STDERR_FILENO + 1;
+    check(socket == kPlace ? fcntl(socket, F_SETFD, 0) : dup2(socket, kPlace), "cannot hand over a socket");
+    putEnvironment("LISTEN_PID", std::to_string(getpid()));
+    putEnvironment("LISTEN_FDS", "1");
+}
+
 // Standard streams of a service: nothing to read, everything it says into its own file.
 void redirectToLog(const std::string& name)
 {
@@ -132,11 +147,6 @@ void redirectToLog(const std::string& name)
     dup2(null, STDIN_FILENO);
     dup2(log.get(), STDOUT_FILENO);
     dup2(log.get(), STDERR_FILENO);
-}
-
-void putEnvironment(const char* name, const std::string& value)
-{
-    check(setenv(name, value.c_str(), 1), "cannot change the environment");
 }
 
 // What a service has said last, from byte `begin` of its file on: what is older is of an earlier start. A
@@ -193,6 +203,12 @@ WatchSocket makeWatchSocket()
 
 // ---- The set's life ----
 
+// What a service gets from PID 1; -1: nothing.
+struct Inherited {
+    int descriptor = -1;
+    int socket = -1; // at its usual place: see handOverSocket()
+};
+
 using Clock = std::chrono::steady_clock;
 
 class Init
@@ -213,12 +229,13 @@ private:
     };
 
     void start(Service& service, const std::vector<std::string>& arguments, const Identity& identity,
-               bool onClock, int inheritedFd, const WatchSocket& watch = {});
+               bool onClock, Inherited inherited = {}, const WatchSocket& watch = {});
     // What tells, by one byte, that the service which was started can be used.
     UniqueFd startTelling(Service& service, std::vector<std::string> arguments, const char* fdOption,
-                          const Identity& identity, bool onClock);
+                          const Identity& identity, bool onClock, int socket = -1);
     void waitUntilReady(const Service& service, const UniqueFd& ready) const;
-    void startBus();
+    UniqueFd listenForBus() const;
+    UniqueFd startBus();
     void startServices();
     std::vector<std::string> mountServiceCommand() const;
     void restartMountService();
@@ -261,7 +278,7 @@ private:
 };
 
 void Init::start(Service& service, const std::vector<std::string>& arguments, const Identity& identity,
-                 bool onClock, int inheritedFd, const WatchSocket& watch)
+                 bool onClock, Inherited inherited, const WatchSocket& watch)
 {
     struct stat output = {};
     service.saidBefore = stat(outputOf(service.name).c_str(), &output) == 0 ? output.st_size : 0;
@@ -273,8 +290,11 @@ void Init::start(Service& service, const std::vector<std::string>& arguments, co
     try {
         setsid(); // Ctrl-C at the terminal is for the command, not for the services
         redirectToLog(service.name);
-        if (inheritedFd >= 0) {
-            fcntl(inheritedFd, F_SETFD, 0);
+        if (inherited.descriptor >= 0) {
+            fcntl(inherited.descriptor, F_SETFD, 0);
+        }
+        if (inherited.socket >= 0) {
+            handOverSocket(inherited.socket);
         }
         if (!onClock) {
             unsetenv("LD_PRELOAD");
@@ -292,11 +312,14 @@ void Init::start(Service& service, const std::vector<std::string>& arguments, co
 }
 
 UniqueFd Init::startTelling(Service& service, std::vector<std::string> arguments, const char* fdOption,
-                            const Identity& identity, bool onClock)
+                            const Identity& identity, bool onClock, int socket)
 {
+    constexpr int kOutOfTheWay = 10; // of a socket's place
     Pipe ready = makePipe();
-    arguments.push_back(fdOption + std::to_string(ready.writeEnd.get()));
-    start(service, arguments, identity, onClock, ready.writeEnd.get());
+    const UniqueFd told(
+        check(fcntl(ready.writeEnd.get(), F_DUPFD_CLOEXEC, kOutOfTheWay), "cannot make a pipe"));
+    arguments.push_back(fdOption + std::to_string(told.get()));
+    start(service, arguments, identity, onClock, {told.get(), socket});
     return std::move(ready.readEnd);
 }
 
@@ -325,26 +348,42 @@ void Init::waitUntilReady(const Service& service, const UniqueFd& ready) const
                 " at its start: " + said);
 }
 
-void Init::startBus()
+// Whoever connects before there is a bus behind it waits for it.
+UniqueFd Init::listenForBus() const
 {
     // A set without root cannot tell the PC's other users from its own root: they do not get so far.
     const mode_t mode = plan_.root.rootless ? 0700 : 0755;
     if (mkdir("/run/dbus", mode) != 0 && errno != EEXIST) {
         failWithErrno("cannot make /run/dbus");
     }
-    writeFile(kBusConfigurationPath, kBusConfiguration);
-    const UniqueFd ready = startTelling(
-        bus_,
-        {"dbus-daemon", std::string("--config-file=") + kBusConfigurationPath, "--nofork", "--nopidfile"},
-        "--print-address=", kRoot, false);
-    waitUntilReady(bus_, ready);
+    constexpr int kMostWaiting = 30; // as many as the bus allows for a socket of its own
+    UniqueFd socket(check(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "cannot make a socket"));
+    const sockaddr_un address{AF_UNIX, "/run/dbus/system_bus_socket"};
+    check(bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+          std::string("cannot bind ") + address.sun_path);
+    check(chmod(address.sun_path, 0777), std::string("cannot open ") + address.sun_path + " for all");
+    check(listen(socket.get(), kMostWaiting), std::string("cannot listen on ") + address.sun_path);
+    return socket;
 }
 
-// Both at once: neither needs the other.
+UniqueFd Init::startBus()
+{
+    const UniqueFd socket = listenForBus();
+    writeFile(kBusConfigurationPath, kBusConfiguration);
+    return startTelling(
+        bus_,
+        {"dbus-daemon", std::string("--config-file=") + kBusConfigurationPath, "--nofork", "--nopidfile"},
+        "--print-address=", kRoot, false, socket.get());
+}
+
+// All at once: the bus's socket is there for its clients before the bus, and neither of these needs the
+// other.
 void Init::startServices()
 {
+    const UniqueFd busReady = startBus();
     const UniqueFd mountsReady = startTelling(mounts_, mountServiceCommand(), "--ready-fd=", kRoot, false);
     const UniqueFd platformReady = startPlatform();
+    waitUntilReady(bus_, busReady);
     waitUntilReady(mounts_, mountsReady);
     if (platformReady) {
         waitUntilReady(platform_, platformReady);
@@ -360,7 +399,7 @@ std::vector<std::string> Init::mountServiceCommand() const
 // Nobody waits for a service that is started again: PID 1 has the other processes to look after.
 void Init::restartMountService()
 {
-    start(mounts_, mountServiceCommand(), kRoot, false, -1);
+    start(mounts_, mountServiceCommand(), kRoot, false);
 }
 
 std::vector<std::string> Init::platformCommand() const
@@ -384,7 +423,7 @@ UniqueFd Init::startPlatform()
 
 void Init::restartPlatform()
 {
-    start(platform_, platformCommand(), kPlatform, true, -1);
+    start(platform_, platformCommand(), kPlatform, true);
 }
 
 // For the person at the terminal, and for programs that read it there.
@@ -426,7 +465,7 @@ void Init::startMain()
 {
     WatchSocket watch = plan_.cutAtWrite ? makeWatchSocket() : WatchSocket();
     if (plan_.television()) {
-        start(main_, {"/usr/bin/tarnwick"}, kUpdate, true, -1, watch);
+        start(main_, {"/usr/bin/tarnwick"}, kUpdate, true, {}, watch);
         announceConsole();
     } else {
         startCommand(watch);
@@ -458,7 +497,6 @@ int Init::run(const std::function<void()>& onUp)
     }
     cleanEnvironment(plan_.tools, plan_.root.clock);
     try {
-        startBus();
         startServices();
     } catch (const EndedAtStart& end) {
         return 128 + end.signal;
