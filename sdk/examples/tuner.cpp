@@ -9,9 +9,9 @@ namespace
 {
 constexpr char kName[] = "tuner";          // of the library file, and of the hardware
 constexpr char kIdentifier[] = "empTuner"; // images are named Tuner
-constexpr int kExpectedSeconds = 8;        // twice what an image of ours takes
+constexpr int kExpectedSeconds = 8;        // half as long again as the largest image takes
 
-Firmware firmware{kName, std::chrono::milliseconds(25)};
+Firmware firmware{kName, std::chrono::milliseconds(10)};
 } // namespace
 
 int setContext(const char*, int, char*)

@@ -13,6 +13,7 @@
 
 #include "common/files/whole-file.h"
 #include "tests/fwctl/virtual-set.h"
+#include "tests/support/temporary-directory.h"
 
 namespace fs = std::filesystem;
 
@@ -299,11 +300,15 @@ TEST_F(Fwctl, UpdateWritesTheHardwareAndShowsProgress)
 
 TEST_F(Fwctl, LateUpdateIsWaitedForAndHasAStatusOfItsOwn)
 {
-    const fs::path image = fs::path(EXAMPLES) / "images/1.1/Tuner";
-    Json::Value information = parse(common::readWhole(image / "info.json"));
-    information["expected_time"] = 1; // the tuner takes some seconds
-    set.write("/var/package/info.json", information.toStyledString());
-    set.write("/var/package/Tuner.bin", common::readWhole(image / "Tuner.bin"));
+    const fs::path tools = EXAMPLES;
+    const TemporaryDirectory directory;
+    const std::string image = directory / "Tuner.bin";
+    const std::string information = directory / "info.json";
+    const std::string largest = "2097152"; // takes five seconds, and is expected to take one
+    ASSERT_EQ(runProgram({tools / "make-image", "tuner", "1.1", largest, image}).status, 0);
+    ASSERT_EQ(runProgram({tools / "make-information", image, "1.1", "1", "none", information}).status, 0);
+    set.write("/var/package/info.json", common::readWhole(information));
+    set.write("/var/package/Tuner.bin", common::readWhole(image));
     const Outcome outcome = set.run(std::string("mksquashfs /var/package ") + kPackage +
                                     " -noappend -all-root -quiet -no-progress && fwctl update tuner --json");
     EXPECT_EQ(outcome.status, 6) << outcome.err;

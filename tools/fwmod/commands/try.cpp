@@ -638,6 +638,9 @@ void Trial::failUncut()
 void Trial::bootAfterwards()
 {
     if (!hasRebooted_) {
+        if (set_->isOn()) {
+            set_->setClockRate(kQuickRate); // its services take their leave for a second
+        }
         set_->powerOff();
         chapter("The set is switched on again");
         set_->switchOn();
