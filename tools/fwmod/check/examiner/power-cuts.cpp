@@ -341,7 +341,7 @@ namespace
 unsigned int laneCount(std::size_t cuts)
 {
     constexpr std::size_t kMostLanes = 8;
-    constexpr std::size_t kForEachProcessor = 2; // hardware and namespaces make a lane wait half of its time
+    constexpr std::size_t kForEachProcessor = 3; // hardware and namespaces: a lane waits most of its time
     const std::size_t processors = std::max(std::thread::hardware_concurrency(), 1U);
     return static_cast<unsigned int>(std::min({kMostLanes, kForEachProcessor * processors, cuts}));
 }
