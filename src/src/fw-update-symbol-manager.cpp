@@ -268,6 +268,7 @@ int FWUpdateSymbolManager::cntUpdateFirmware(int& uiCount, int& otherCount, bool
     uiCount = 0;
     otherCount = 0;
     force = false;
+    totalTimeMs = 0;
     for (const FWUpdateSymbol& module : firmwareItems) {
         if (module.getNeedUpdate() && module.isUISupportUpdate()) {
             expectUpdate(module);
