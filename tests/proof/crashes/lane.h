@@ -66,6 +66,7 @@ private:
     bool isSubscribed(const char* event) const;
     void judgeFailing();
     void judgeEnd();
+    tarnwick::Output runDoctor(const char* option);
     void judgeDoctor(const LeftOver& left, const char* when);
     void judgeMended();
     void judgeFiles();
