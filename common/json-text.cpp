@@ -43,7 +43,8 @@ std::string escaped(char32_t character)
 // Outside of its strings a JSON text has ASCII alone, with line ends and blanks.
 std::string withoutHidden(const std::string& text)
 {
-    const auto isPlain = [](char c) { return c >= 0 && c < 0x7f; };
+    // On ARM a char has no sign.
+    const auto isPlain = [](char c) { return static_cast<unsigned char>(c) < 0x7f; };
     if (std::all_of(text.begin(), text.end(), isPlain)) {
         return text; // nearly always
     }
