@@ -79,7 +79,7 @@ extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept
         errno = EINVAL;
         return -1;
     }
-    *now = {shown / 1'000'000'000, shown % 1'000'000'000};
+    *now = {shown / 1'000'000'000, static_cast<long>(shown % 1'000'000'000)};
     return 0;
 }
 
