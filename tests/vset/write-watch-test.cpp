@@ -135,14 +135,17 @@ TEST_F(WriteWatchTest, SeesEveryFlushAndWhatNeedsNone)
             sync();
             const int lasting = open(chip().c_str(), O_RDWR | O_SYNC);
             (void)!write(lasting, "b", 1);
+            char byte[] = "c";
+            const iovec part{byte, 1};
+            (void)!pwritev2(file, &part, 1, 0, RWF_DSYNC);
         },
         0,
         [&](vset::WriteWatch& watch, const vset::HardwareWrite& write, std::size_t) {
             areLasting.push_back(write.isLasting);
             watch.allow(write);
         });
-    EXPECT_THAT(calls, ElementsAre("write", "fsync", "syncfs", "sync", "write"));
-    EXPECT_THAT(areLasting, ElementsAre(false, false, false, false, true));
+    EXPECT_THAT(calls, ElementsAre("write", "fsync", "syncfs", "sync", "write", "pwritev2"));
+    EXPECT_THAT(areLasting, ElementsAre(false, false, false, false, true, true));
 }
 
 TEST_F(WriteWatchTest, ARefusedWriteFailsAndASpoiltOneDoesNot)

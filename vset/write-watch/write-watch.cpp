@@ -11,6 +11,7 @@
 #include <iterator>
 #include <seccomp.h>
 #include <string_view>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -61,16 +62,17 @@ struct PathCall {
     const char* name;
     int directoryArgument; // what a relative path starts from; kWorkingDirectory when no argument says it
     unsigned int pathArgument;
+    bool hasSource = false; // the argument before these two, with its directory where there is one
 };
 constexpr int kWorkingDirectory = -1;
 constexpr PathCall kPathCalls[] = {
-    {"rename", kWorkingDirectory, 1},
-    {"renameat", 2, 3},
-    {"renameat2", 2, 3},
+    {"rename", kWorkingDirectory, 1, true},
+    {"renameat", 2, 3, true},
+    {"renameat2", 2, 3, true},
     {"unlink", kWorkingDirectory, 0},
     {"unlinkat", 0, 1},
-    {"link", kWorkingDirectory, 1},
-    {"linkat", 2, 3},
+    {"link", kWorkingDirectory, 1, true},
+    {"linkat", 2, 3, true},
     {"symlink", kWorkingDirectory, 1},
     {"symlinkat", 1, 2},
     {"truncate", kWorkingDirectory, 0},
@@ -267,12 +269,29 @@ std::optional<std::uint64_t> positionOf(const Call& call, const seccomp_notif& n
     return isGiven ? notice.data.args[argument] : file.position;
 }
 
+// A write of its own kind.
+bool isFlushedByItself(const Call& call, const seccomp_notif& notice)
+{
+    return call.name == std::string_view("pwritev2") && (notice.data.args[5] & (RWF_DSYNC | RWF_SYNC)) != 0;
+}
+
+// What only begins to write, or not even that, orders nothing.
+bool isNoFlush(const seccomp_notif& notice)
+{
+    const auto is = [&](const char* call) { return seccomp_syscall_resolve_name(call) == notice.data.nr; };
+    return (is("msync") && (notice.data.args[2] & MS_SYNC) == 0) ||
+           (is("sync_file_range") && (notice.data.args[3] & SYNC_FILE_RANGE_WAIT_AFTER) == 0);
+}
+
 std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
 {
     HardwareWrite write;
     write.id = notice.id;
     write.thread = static_cast<pid_t>(notice.pid);
     std::copy(std::begin(notice.data.args), std::end(notice.data.args), write.arguments.begin());
+    if (isNoFlush(notice)) {
+        return std::nullopt;
+    }
     if (const Flush* const flush = findCall<kFlushes>(notice)) {
         write.call = flush->name;
         return write;
@@ -288,13 +307,17 @@ std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
             return std::nullopt;
         }
         const OpenFile file = openFileOf(notice, call->descriptorArgument);
-        write.isLasting = isToDevice || file.isSynchronous();
+        write.isLasting = isToDevice || file.isSynchronous() || isFlushedByItself(*call, notice);
         if (write.bytes > 0) {
             write.position = positionOf(*call, notice, file);
         }
     } else if (const PathCall* const pathCall = findCall<kPathCalls>(notice)) {
         write.call = pathCall->name;
         write.path = pathOf(*pathCall, notice);
+        if (pathCall->hasSource) {
+            const bool isAt = pathCall->directoryArgument != kWorkingDirectory;
+            write.source = pathOf({pathCall->name, isAt ? 0 : kWorkingDirectory, isAt ? 1U : 0U}, notice);
+        }
     }
     return isHardware(write.path) ? std::optional(write) : std::nullopt;
 }

@@ -5,9 +5,9 @@
 // kills the process instead ends it between two writes, as a power cut would.
 //
 // "Hardware" is what outlives a power cut: device nodes and files, but for those where programs leave notes
-// (/tmp, /run, /proc, /dev/shm, /var/log, the packages). A flush counts as a write, because it orders those
-// around it (sync and msync name no file, and have no path), and so do renaming, linking and removing. Not
-// seen: stores into mapped memory.
+// (/tmp, /run, /proc, /dev/shm, /var/log, the packages). A flush that waits counts as a write, because it
+// orders those around it (sync and msync name no file, and have no path), and so do renaming, linking and
+// removing. Not seen: stores into mapped memory.
 //
 // Linux 5.5 or later. A process can be watched once. Errors are std::system_error.
 #ifndef VSET_WRITE_WATCH_WRITE_WATCH_H
@@ -29,6 +29,7 @@ struct HardwareWrite {
     pid_t thread = 0;        // that waits, as the watcher's process namespace numbers it
     std::string call;        // "pwrite64"
     std::string path;        // as the watched process sees it
+    std::string source;      // what is renamed or linked to that path
     std::uint64_t bytes = 0; // asked for; 0 for a call that writes none, such as a flush
     bool isLasting = false;  // needs no flush: to a device, or a file that was opened for synchronous writing
     std::optional<std::uint64_t> position;    // in the file, where it is known

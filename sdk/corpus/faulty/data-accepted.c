@@ -1,5 +1,5 @@
 // doUpdate_decryption takes data without content as nothing to do.
-// finds: F414
+// finds: F414 F428
 #define OWN_doUpdate_decryption
 #include "base.h"
 

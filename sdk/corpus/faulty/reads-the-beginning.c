@@ -1,5 +1,5 @@
 // checkVersion looks at the beginning of the offered version alone.
-// finds: F209
+// finds: F209 F217
 #define OWN_checkVersion
 #include "chip.h"
 

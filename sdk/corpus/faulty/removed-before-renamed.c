@@ -1,5 +1,5 @@
 // The old hardware is removed before the new one, written beside it, takes its place.
-// finds: F501
+// finds: F413 F501
 #define OWN_install
 #include "base.h"
 

@@ -1,5 +1,5 @@
 // checkVersion with a version that is no number: std::stoi throws.
-// finds: F303
+// finds: F217 F303
 #include <string>
 #define OWN_checkVersion
 #include "chip.h"

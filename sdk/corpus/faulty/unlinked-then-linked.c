@@ -1,5 +1,5 @@
 // The old file is removed before the new one has its name.
-// finds: F501
+// finds: F413 F501
 #define OWN_chipWrite
 #include "chip.h"
 

@@ -1,5 +1,5 @@
 // The version's function is called getVersion.
-// finds: F103
+// finds: F103 F109
 #define OWN_getActiveVersion
 #include "chip.h"
 

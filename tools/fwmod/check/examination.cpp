@@ -325,6 +325,7 @@ void Examination::tellMeasured(const Measured& measured)
     job_.middleWrite = measured.middleWrite;
     job_.lateWrite = measured.lateWrite;
     job_.keyWrites = measured.keyWrites;
+    job_.lastWrites = measured.lastWrites;
     job_.flushes = measured.flushes;
     job_.measured = measured.duration.value_or(0);
 }

@@ -1,5 +1,6 @@
 #include "tools/fwmod/check/examiner/black-box.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -8,6 +9,7 @@
 #include <new>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -114,6 +116,7 @@ BlackBox& makeBlackBox()
 void openBlackBox(BlackBox& shared)
 {
     box = &shared;
+    shared.process = getpid();
     std::set_terminate(noteTerminate);
     struct sigaction action = {};
     action.sa_sigaction = noteCrash;
@@ -150,4 +153,23 @@ CallMark::~CallMark()
 {
     box->calls[ownCall].deadline = 0;
 }
+
+void noteClosing(int descriptor)
+{
+    if (box != nullptr && box->process == getpid()) { // a child may close whatever there could be
+        box->closedTwice = descriptor + 1;
+    }
+}
 } // namespace fwmod::examiner
+
+// In the place of the C library's, for every library of the process: a descriptor that is not open is closed
+// unnoticed, unless another thread has got its number meanwhile.
+extern "C" int close(int descriptor)
+{
+    const long result = syscall(SYS_close, descriptor);
+    if (result != 0 && errno == EBADF && descriptor >= 0) {
+        fwmod::examiner::noteClosing(descriptor);
+        errno = EBADF;
+    }
+    return static_cast<int>(result);
+}

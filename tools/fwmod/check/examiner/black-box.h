@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <sys/types.h>
 
 #include "common/process/limits-keeper.h"
 #include "common/process/process-state.h"
@@ -43,6 +44,8 @@ struct BlackBox {
     std::atomic<bool> threadEnded;          // by the library, although it was not its own
     int status;                             // of the worker, as waitpid tells it; written by the keeper
     char lastWords[400];                    // what the crash handler saw
+    std::atomic<pid_t> process;             // the worker
+    std::atomic<int> closedTwice;           // a descriptor that was closed and was not open, and 1; 0: none
     char closedBy[160];                     // the call that has closed what is not its own
     common::LimitChanges limits;            // by the latest call
 };
@@ -52,6 +55,9 @@ BlackBox& makeBlackBox();
 
 // In the worker: its crash and terminate handlers write into this one.
 void openBlackBox(BlackBox& box);
+
+// In a worker: a descriptor was closed that is not open.
+void noteClosing(int descriptor);
 
 // On every thread of a worker, before it calls the library: which call of the box is its own, and a stack for
 // the crash handler, which else could not run when the library has used up the thread's.

@@ -1,9 +1,10 @@
 #include "tools/fwmod/check/examiner/faulty-writes.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
+#include <map>
 
-#include "common/process/process-state.h"
 #include "tools/fwmod/check/examiner/hardware-copy.h"
 #include "tools/fwmod/check/examiner/held-image.h"
 #include "tools/fwmod/check/examiner/updates.h"
@@ -21,35 +22,87 @@ bool needsFlush(const SeenWrite& write)
     return write.isContent() && !write.isLasting;
 }
 
+// Of everything, not of one file.
+bool isFlushOfAll(const SeenWrite& write)
+{
+    return write.isFlush() && (write.path.empty() || write.call == "syncfs");
+}
+
+// A flush of the directory is none of the files in it, and the other way round.
+bool isFlushOf(const SeenWrite& flush, const SeenWrite& write)
+{
+    const std::filesystem::path path = write.path;
+    return isFlushOfAll(flush) ||
+           (flush.isFlush() &&
+            flush.path == (write.isNaming() ? path.parent_path() : path).lexically_normal());
+}
+
 // A name or a selector that comes last is what counts; a spare copy may follow it, and need not be flushed.
 void judgeLastFlush(const Writes& writes, Report& report)
 {
-    const auto last = std::find_if(writes.all.rbegin(), writes.all.rend(), [](const SeenWrite& write) {
-        return write.isFlush() || write.isContent();
-    });
-    if (last != writes.all.rend() && needsFlush(*last) && !last->isOfFirmware()) {
+    const auto last = std::find_if(writes.all.rbegin(), writes.all.rend(),
+                                   [](const SeenWrite& write) { return write.isContent(); });
+    if (last == writes.all.rend() || !needsFlush(*last) || last->isOfFirmware()) {
+        return;
+    }
+    const bool isFlushed = std::any_of(writes.all.rbegin(), last,
+                                       [&](const SeenWrite& write) { return isFlushOf(write, *last); });
+    if (!isFlushed) {
         report.add({FindingId::LastNotFlushed,
-                    "no flush came after the last write (" + last->call + " to " + last->path + ")"});
+                    "no flush of it came after the last write (" + last->call + " to " + last->path + ")"});
+    }
+}
+
+// A file or a directory has another name, and so has what is in it.
+void rename(std::vector<SeenWrite>& writes, const SeenWrite& naming)
+{
+    for (SeenWrite& write : writes) {
+        if (!naming.source.empty() && write.path.rfind(naming.source, 0) == 0 &&
+            (write.path.size() == naming.source.size() || write.path[naming.source.size()] == '/')) {
+            write.path.replace(0, naming.source.size(), naming.path);
+        }
+    }
+}
+
+template <typename Condition>
+void remove(std::vector<SeenWrite>& writes, const Condition& condition)
+{
+    writes.erase(std::remove_if(writes.begin(), writes.end(), condition), writes.end());
+}
+
+// Goes on in the order of an update: what is open behind one write more.
+void addTo(std::vector<SeenWrite>& open, const SeenWrite& write)
+{
+    if (write.isFlush()) {
+        remove(open, [&](const SeenWrite& each) { return isFlushOf(write, each); });
+    } else if (write.call.rfind("unlink", 0) == 0) {
+        remove(open, [&](const SeenWrite& each) { return each.path == write.path; });
+    } else if (write.isNaming()) {
+        remove(open, [&](const SeenWrite& each) { return each.path == write.path; });
+        rename(open, write);
+    } else if (needsFlush(write) && write.bytes > 0) {
+        open.push_back(write);
     }
 }
 } // namespace
 
 void judgeFlushes(const Writes& writes, Report& report)
 {
-    bool isOpen = false; // content that no flush has followed yet
-    bool isFlushed = false;
+    std::vector<SeenWrite> open; // content that no flush of it has followed yet
     for (const SeenWrite& write : writes.all) {
-        if (write.isFlush()) {
-            isOpen = false;
-            isFlushed = true;
-        } else if (write.isNaming() && isOpen) {
-            report.add({FindingId::NotFlushed, write.path + " got its name (" + write.call +
-                                                   ") before what was written into it was flushed"});
+        const auto unflushed = std::find_if(open.begin(), open.end(), [&](const SeenWrite& each) {
+            return each.isOfFirmware() || each.path == write.source;
+        });
+        if (write.isNaming() && unflushed != open.end()) {
+            report.add({FindingId::NotFlushed,
+                        write.path + " got its name (" + write.call + ") before what was written into " +
+                            (unflushed->path == write.source ? "it" : unflushed->path) + " was flushed"});
             return;
-        } else if (needsFlush(write)) {
-            isOpen = isOpen || write.bytes > 0;
         }
+        addTo(open, write);
     }
+    const bool isFlushed = std::any_of(writes.all.begin(), writes.all.end(),
+                                       [](const SeenWrite& write) { return write.isFlush(); });
     if (!isFlushed && std::any_of(writes.all.begin(), writes.all.end(), needsFlush)) {
         report.add({FindingId::NotFlushed,
                     "there was no flush among " + std::to_string(writes.all.size()) + " writes"});
@@ -91,22 +144,31 @@ std::set<unsigned int> keyWrites(const Writes& writes)
     return chosen;
 }
 
+std::set<unsigned int> lastOfEachFile(const Writes& writes)
+{
+    constexpr std::size_t kMost = 4;
+    std::map<std::string, unsigned int> last;
+    for (std::size_t index = 0; index < writes.all.size(); ++index) {
+        if (writes.all[index].isOfFirmware()) {
+            last[writes.all[index].path] = static_cast<unsigned int>(index + 1);
+        }
+    }
+    std::set<unsigned int> chosen;
+    for (const auto& [path, write] : last) {
+        if (chosen.size() < kMost) {
+            chosen.insert(write);
+        }
+    }
+    return chosen;
+}
+
 std::vector<SeenWrite> unflushedContent(const Writes& writes)
 {
     std::vector<SeenWrite> open;
     for (const SeenWrite& write : writes.all) {
-        if (write.isFlush()) {
-            const bool isOfAll = write.path.empty() || write.call == "syncfs";
-            open.erase(
-                std::remove_if(open.begin(), open.end(),
-                               [&](const SeenWrite& each) { return isOfAll || each.path == write.path; }),
-                open.end());
-        } else if (write.isNaming()) {
-            open.clear(); // by another name now; judged above
-        } else if (needsFlush(write) && write.bytes > 0 && write.position) {
-            open.push_back(write);
-        }
+        addTo(open, write);
     }
+    remove(open, [](const SeenWrite& write) { return !write.position; });
     return open;
 }
 
@@ -186,6 +248,9 @@ Session runWith(Supervisor& supervisor, Machine& machine, const Script& script, 
     if (session.death) {
         report.add(*session.death);
     }
+    if (session.wasHang) {
+        supervisor.avoid(session); // it would take its time again and again
+    }
     return session;
 }
 
@@ -235,29 +300,71 @@ void failWrite(Supervisor& supervisor, Report& report)
 // Whether what was written wrong is there, and what should have been there is not.
 bool isWrong(const Session& session, const Machine& machine, const Job& job)
 {
-    if (!job.holders.empty()) {
-        return !isHeld(machine, imageOf(job), job.holders);
+    if (!job.holders.empty() && !isHeld(machine, imageOf(job), job.holders)) {
+        return true;
     }
     return session.spoilt && isAnywhere(machine, session.spoilt->wrong) &&
            !isAnywhere(machine, session.spoilt->right);
 }
 
-void spoilWrite(Supervisor& supervisor, unsigned int write, Report& report)
+// The image's own bytes; else it may be a copy of the old firmware, or bookkeeping.
+bool isOfImage(const Session& session, const Job& job)
+{
+    return session.spoilt && imageOf(job).find(session.spoilt->right) != std::string::npos;
+}
+
+// What must be told of an update that has failed.
+void judgeFailure(const Session& session, const std::string& what, bool isRight, const Job& job,
+                  Report& report)
+{
+    if (session.told["error"].asInt() == 0) {
+        report.add({FindingId::SilentFailure, "doUpdate, in which " + what + ", left errno 0"});
+    }
+    const std::string version = session.told["version"].asString();
+    const bool isAwaited = session.told.isMember("verdict") && session.told["verdict"].asInt() > 0;
+    const bool isOld =
+        version == job.versionBefore || (isAwaited && !version.empty()) || isVersionOfNothing(version);
+    if (!isOld && !(isRight && version == job.versionAfter)) {
+        report.add({FindingId::OldFirmwareGone, "doUpdate failed, because " + what + ", and the version is " +
+                                                    (version.empty() ? "not told" : quote(version)) +
+                                                    " instead of " + quote(job.versionBefore)});
+    }
+}
+
+void spoilWrite(Supervisor& supervisor, unsigned int write, bool isImageOnly, Report& report)
 {
     const Job& job = supervisor.job();
     Machine machine;
     const Session session = runWith(supervisor, machine, updateAlone, {true, 0, 0, write}, report);
-    if (!isReached(session, write) || !isWrong(session, machine, job)) {
+    if (!isReached(session, write) || !session.told.isMember("result") ||
+        (isImageOnly && !isOfImage(session, job))) {
         return;
     }
     const std::string what = "one byte of " + nameOf(session, write) + " became another one";
-    if (isSuccess(session)) {
+    const bool isRight = !isWrong(session, machine, job);
+    if (!isSuccess(session)) {
+        // The last write of a file may be the one that makes it the active one: only then can it be wrong.
+        judgeFailure(session, what, isRight || isImageOnly, job, report);
+    } else if (!isRight) {
         report.add({FindingId::NotReadBack, "doUpdate returned 0, although " + what});
-    } else if (session.told.isMember("result") && job.versionBefore != job.versionAfter &&
-               session.told["version"].asString() == job.versionAfter) {
-        report.add(
-            {FindingId::OldFirmwareGone, "doUpdate failed, because " + what +
-                                             ", and getActiveVersion tells the new version all the same"});
+    }
+}
+
+void spoilWrites(Supervisor& supervisor, Report& report)
+{
+    const Job& job = supervisor.job();
+    std::set<unsigned int> others = job.lastWrites;
+    for (const unsigned int write : {job.middleWrite, job.lateWrite}) {
+        others.erase(write);
+        const bool isLate = write == job.lateWrite; // no copy of the old firmware any more
+        if (write != 0 && (isLate || !job.holders.empty()) && !report.has(FindingId::NotReadBack)) {
+            spoilWrite(supervisor, write, false, report);
+        }
+    }
+    for (const unsigned int write : others) {
+        if (!report.has(FindingId::NotReadBack)) {
+            spoilWrite(supervisor, write, true, report);
+        }
     }
 }
 
@@ -276,6 +383,10 @@ std::vector<Worker::Fault> faultsOf(const Job& job)
     }
     for (const unsigned int flush : job.flushes) {
         faults.push_back({true, flush});
+    }
+    constexpr std::size_t kLeast = 3; // what is lost each time is to be seen
+    while (!faults.empty() && faults.size() < kLeast) {
+        faults.push_back(faults.back());
     }
     return faults;
 }
@@ -317,36 +428,25 @@ void updateWithFaults(Worker& worker)
         tellFailed(worker, ++update, *returned);
         original.putBack();
         if (update == 1) {
-            first = common::openDescriptors(); // with what is kept open for good
+            first = openFiles(); // with what is kept open for good
         }
     }
-    const std::size_t last = common::openDescriptors();
-    if (last > first + 1) { // another path may keep one open for good as well
+    const std::size_t last = openFiles();
+    if (last > first) {
         worker.found(FindingId::DescriptorsLeft,
                      "doUpdate, in which a write or a flush fails: " + std::to_string(last - first) +
                          " more after " + std::to_string(update - 1) + " calls");
     }
 }
 
-// A later one in the same update makes up for it.
-bool isMadeUpFor(const SeenWrite& failed, const Writes& writes)
-{
-    bool isLater = false;
-    return std::any_of(writes.all.begin(), writes.all.end(), [&](const SeenWrite& write) {
-        isLater = isLater || &write == &failed;
-        return isLater && &write != &failed && write.isFlush() && write.update == failed.update &&
-               write.path == failed.path;
-    });
-}
-
-void judgeFault(const SeenWrite& write, const Json::Value& told, const Session& session, const Job& job,
-                Report& report)
+void judgeFault(const SeenWrite& write, const Json::Value& told, const Job& job, Report& report)
 {
     const std::string what = write.call + " to " + write.path;
     const std::string version = told["version"].asString();
     if (told["result"].asInt() == 0) {
-        const bool isLost = write.isFlush() ? !isMadeUpFor(write, session.writes)
-                                            : version != job.versionAfter || !told["held"].asBool();
+        // After a flush that failed nobody knows what the hardware has, and the next one does not tell it,
+        // either.
+        const bool isLost = write.isFlush() || version != job.versionAfter || !told["held"].asBool();
         if (isLost) {
             report.add({FindingId::ImageNotWritten, "doUpdate returned 0, although " + what + " had failed"});
         }
@@ -355,7 +455,8 @@ void judgeFault(const SeenWrite& write, const Json::Value& told, const Session& 
     if (told["error"].asInt() == 0) {
         report.add({FindingId::SilentFailure, "doUpdate, in which " + what + " failed, left errno 0"});
     }
-    if (version != job.versionBefore && version != job.versionAfter && !told["awaited"].asBool()) {
+    if (version != job.versionBefore && version != job.versionAfter && !told["awaited"].asBool() &&
+        !isVersionOfNothing(version)) {
         report.add({FindingId::OldFirmwareGone, "after " + what + " had failed, the version is " +
                                                     (version.empty() ? "not told" : quote(version)) +
                                                     " instead of " + quote(job.versionBefore)});
@@ -371,7 +472,7 @@ void failOneByOne(Supervisor& supervisor, Report& report)
     for (const SeenWrite& write : session.writes.all) {
         const Json::Value& told = session.told[resultOf(write.update)];
         if (write.hasFailed && told.isObject()) {
-            judgeFault(write, told, session, supervisor.job(), report);
+            judgeFault(write, told, supervisor.job(), report);
         }
     }
 }
@@ -385,11 +486,8 @@ void updateFaultyHardware(Supervisor& supervisor, Report& report)
     }
     if (!job.holders.empty() && job.middleWrite != 0) {
         failWrite(supervisor, report);
-        spoilWrite(supervisor, job.middleWrite, report);
     }
-    if (job.lateWrite != 0 && !report.has(FindingId::NotReadBack)) {
-        spoilWrite(supervisor, job.lateWrite, report);
-    }
+    spoilWrites(supervisor, report);
     if (!job.flushes.empty() || !job.keyWrites.empty()) {
         failOneByOne(supervisor, report);
     }

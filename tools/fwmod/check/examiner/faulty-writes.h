@@ -19,6 +19,9 @@ unsigned int writeAtPart(const Writes& writes, double part);
 // The first and the last write of the content, and those that name a file: by number, from 1.
 std::set<unsigned int> keyWrites(const Writes& writes);
 
+// Where the content of each file ends, of a few.
+std::set<unsigned int> lastOfEachFile(const Writes& writes);
+
 // What was written and no flush has followed: may be lost at a power cut, or any part of it. Only what has a
 // place in a file.
 std::vector<SeenWrite> unflushedContent(const Writes& writes);

@@ -33,25 +33,56 @@ void overwrite(const fs::path& file, const std::string& content)
     }
     out.write(content.data(), static_cast<std::streamsize>(content.size()));
     out.close();
-    fs::resize_file(file, content.size());
+    std::error_code gone; // with its directory, by a library that is at work
+    fs::resize_file(file, content.size(), gone);
 }
 
 HardwareCopy::HardwareCopy()
 {
-    for (const fs::path& file : filesIn(kHardware)) {
-        contents_[file] = common::readWhole(file);
+    std::error_code none;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kHardware, none)) {
+        if (entry.is_symlink()) {
+            links_[entry.path()] = fs::read_symlink(entry.path());
+        } else if (entry.is_directory()) {
+            directories_.push_back(entry.path()); // before what is in it
+        } else if (entry.is_regular_file()) {
+            contents_[entry.path()] = common::readWhole(entry.path());
+        }
     }
+}
+
+bool HardwareCopy::isAsItWas(const fs::path& path) const
+{
+    std::error_code none;
+    const fs::file_status status = fs::symlink_status(path, none);
+    if (fs::is_directory(status)) {
+        return std::find(directories_.begin(), directories_.end(), path) != directories_.end();
+    }
+    const auto link = links_.find(path);
+    return fs::is_symlink(status) ? link != links_.end() && fs::read_symlink(path, none) == link->second
+                                  : contents_.count(path) != 0 || !fs::is_regular_file(status);
 }
 
 void HardwareCopy::putBack() const
 {
-    for (const fs::path& file : filesIn(kHardware)) {
-        if (contents_.count(file) == 0) {
-            fs::remove(file);
+    std::vector<fs::path> others;
+    std::error_code none;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kHardware, none)) {
+        if (!isAsItWas(entry.path())) {
+            others.push_back(entry.path());
         }
     }
+    for (const fs::path& other : others) {
+        fs::remove_all(other, none);
+    }
+    for (const fs::path& directory : directories_) {
+        fs::create_directory(directory, none);
+    }
+    for (const auto& [link, target] : links_) {
+        fs::create_symlink(target, link, none);
+    }
     for (const auto& [file, content] : contents_) {
-        if (!fs::exists(file) || common::readWhole(file) != content) {
+        if (!fs::exists(file, none) || common::readWhole(file) != content) {
             overwrite(file, content);
         }
     }

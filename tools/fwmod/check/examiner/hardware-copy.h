@@ -19,6 +19,10 @@ public:
     void putBack() const;
 
 private:
+    bool isAsItWas(const std::filesystem::path& path) const; // but for a file's content
+
+    std::vector<std::filesystem::path> directories_;
+    std::map<std::filesystem::path, std::filesystem::path> links_;
     std::map<std::filesystem::path, std::string> contents_;
 };
 

@@ -97,6 +97,11 @@ bool isHeld(const fs::path& root, const std::string& image, const Holders& holde
     });
 }
 
+bool isVersionOfNothing(const std::string& version)
+{
+    return !version.empty() && version.find_first_not_of("0.") == std::string::npos;
+}
+
 bool isAnywhere(const Machine& machine, const std::string& bytes)
 {
     const std::vector<fs::path> files = filesIn(machine.file(kHardware));

@@ -35,6 +35,9 @@ bool isAnywhere(const Machine& machine, const std::string& bytes);
 // Whether hardly anything that the hardware held before any update is on it any more, wherever.
 bool isOldFirmwareGone(const Machine& machine);
 
+// "0.0", as hardware tells that has no whole firmware.
+bool isVersionOfNothing(const std::string& version);
+
 // How many bytes at the image's end are missing, when a file has all the others: of an image that is nowhere
 // whole.
 std::optional<std::size_t> missingAtEnd(const Machine& machine, const std::string& image);

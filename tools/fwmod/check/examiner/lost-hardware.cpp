@@ -3,6 +3,7 @@
 #include <fstream>
 
 #include "tools/fwmod/check/examiner/hardware-copy.h"
+#include "tools/fwmod/check/examiner/held-image.h"
 #include "tools/fwmod/check/examiner/worker.h"
 
 namespace fwmod::examiner
@@ -37,18 +38,13 @@ void empty(const fs::path& directory)
     }
 }
 
-// A file that is kept open or mapped goes on to be readable when its name is gone.
+// A file that is kept open goes on to be readable when its name is gone, and a device would not. (One that is
+// mapped stays so as well, and memory that is gone has no way to tell it: that is no way to ask hardware.)
 bool isHeldOpen()
 {
     std::error_code gone;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
         if (fs::read_symlink(entry.path(), gone).string().rfind(kHardware, 0) == 0) {
-            return true;
-        }
-    }
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) {
-        if (line.find(kHardware) != std::string::npos) {
             return true;
         }
     }
@@ -83,8 +79,12 @@ constexpr const char* kTakenAway = "of hardware that was taken away";
 
 void askAbsent(Worker& worker)
 {
-    if (worker.load()) {
-        askOnce(worker, kAbsent);
+    if (!worker.load()) {
+        return;
+    }
+    askOnce(worker, kAbsent);
+    if (!worker.job().isExternal) {
+        worker.identifier(kAbsent);
     }
 }
 
@@ -105,10 +105,12 @@ void askBeforeAndAfter(Worker& worker)
         return;
     }
     worker.setContext(worker.job().caller, "");
+    const HardwareCopy original;
     worker.activeVersion("before the hardware goes away");
     makeNoiseOf(kHardware);
     askOnce(worker, kTurned);
     if (!isHeldOpen()) {
+        original.putBack();
         removeHardware(kHardware);
         askOnce(worker, kTakenAway);
     }
@@ -123,17 +125,11 @@ std::uintmax_t sizeOfHardware(const Machine& machine)
     return size;
 }
 
-// A new chip may tell 0.0; anything else comes from somewhere.
-bool isNoVersion(const std::string& text)
-{
-    return text.find_first_not_of("0.") == std::string::npos;
-}
-
 void judgeAnswers(const Session& session, const std::string& version, Report& report)
 {
     for (const char* where : {kAbsent, kTakenAway}) {
         const std::string told = session.told[where].asString();
-        if (told != version && !isNoVersion(told)) {
+        if (told != version && !told.empty() && !isVersionOfNothing(told)) {
             report.add({FindingId::ToldWithoutHardware,
                         std::string("getActiveVersion ") + where + " returned 0 and told " + quote(told)});
         }

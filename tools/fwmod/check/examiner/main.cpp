@@ -72,6 +72,7 @@ void tryHard(Supervisor& supervisor, Report& report)
             updateUnderNotices(supervisor, report);
             updateUnderQuestions(supervisor, report);
             updateAfterAnotherImage(supervisor, report);
+            cutPowerTwice(supervisor, report);
             updateLostHardware(supervisor, report);
             updateFaultyHardware(supervisor, report);
         }

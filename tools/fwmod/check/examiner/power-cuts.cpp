@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -197,7 +198,8 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
                             "getActiveVersion told " + quote(version) +
                                 ", and hardly anything of what the hardware held before is there"});
     }
-    if (version == job.versionAfter && version != job.versionBefore && !std::exchange(isOrderJudged, true)) {
+    if (version == job.versionAfter && version != job.versionBefore && findings.empty() &&
+        !std::exchange(isOrderJudged, true)) {
         if (const std::optional<Finding> order = judgeOrder(supervisor, cut, write)) {
             findings.push_back(*order);
         }
@@ -227,6 +229,33 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
                                 " does not hold the image as it does after an update without a power cut"});
     }
     return findings;
+}
+
+// ---- Two cuts in a row ----
+
+// The next update is cut, too: at its first writes, where it may put aside what it takes for firmware, and
+// further on.
+std::set<unsigned int> secondCuts(const Job& job)
+{
+    return {1, 2, 3, job.middleWrite, job.lateWrite, job.lateWrite + 1};
+}
+
+// Nothing when the hardware answers as it must.
+std::optional<Finding> cutAgain(Supervisor& supervisor, const Machine& first, unsigned int write)
+{
+    Machine machine;
+    std::filesystem::remove_all(machine.file("/var"));
+    copyTree(first.file("/var"), machine.file("/var"));
+    if (!supervisor.run(machine, updateUntilCut, {true, write}).isCut) {
+        return std::nullopt;
+    }
+    const std::string noAnswer = whyNoAnswer(supervisor.run(machine, startAgain), supervisor.job());
+    if (noAnswer.empty()) {
+        return std::nullopt;
+    }
+    return Finding{FindingId::DeadAfterCut,
+                   "the power was cut at write " + std::to_string(supervisor.job().lateWrite) +
+                       ", and in the next update at write " + std::to_string(write) + ": " + noAnswer};
 }
 
 // ---- What another image has left ----
@@ -269,8 +298,8 @@ std::optional<Finding> updateOverRemains(Supervisor& supervisor, Machine& machin
         if (look.death) {
             return Finding{FindingId::NoUpdateAfterCut, what + look.death->detail};
         }
-        if (look.told["version"].asString() == job.versionAfter) {
-            break; // the one before has worked after all
+        if (look.told["version"].asString() == job.versionAfter && !look.told.isMember("result")) {
+            return std::nullopt; // too early, which is told by itself, or the one before has worked after all
         }
         why = whyNoUpdate(look);
         if (why.empty()) {
@@ -290,6 +319,23 @@ std::optional<Finding> updateOverRemains(Supervisor& supervisor, Machine& machin
     return std::nullopt;
 }
 } // namespace
+
+void cutPowerTwice(Supervisor& supervisor, Report& report)
+{
+    const Job& job = supervisor.job();
+    if (!job.isRepeatable || job.lateWrite == 0) {
+        return;
+    }
+    Machine machine;
+    if (!supervisor.run(machine, updateUntilCut, {true, job.lateWrite}).isCut) {
+        return;
+    }
+    for (const unsigned int write : secondCuts(job)) {
+        if (const std::optional<Finding> finding = cutAgain(supervisor, machine, write)) {
+            return report.add(*finding);
+        }
+    }
+}
 
 void updateAfterAnotherImage(Supervisor& supervisor, Report& report)
 {

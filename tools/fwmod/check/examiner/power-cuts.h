@@ -9,6 +9,9 @@
 namespace fwmod::examiner
 {
 
+// The update after a power cut is cut, too.
+void cutPowerTwice(Supervisor& supervisor, Report& report);
+
 // What was written before one cut has changed since, as if it were of another image: the next updates must
 // not take it for this one's.
 void updateAfterAnotherImage(Supervisor& supervisor, Report& report);

@@ -265,6 +265,9 @@ void askAboutNonsense(Worker& worker, const std::string& installed)
     const std::string numbers = numbersIn(worker.job().version.value_or(installed));
     if (!numbers.empty()) {
         all.push_back(numbers + "/../?"); // begins like a version
+        all.push_back(numbers + ".-1");   // as a number below 0 it is a very large one
+        all.push_back(numbers + ".+1");
+        all.push_back(numbers + ". 1");
     }
     for (const std::string& nonsense : all) {
         const auto verdict = worker.checkVersion(nonsense);
@@ -274,6 +277,12 @@ void askAboutNonsense(Worker& worker, const std::string& installed)
                                                           " and returned 0");
         }
     }
+    const std::string nonsense = "no version";
+    worker.repeat("checkVersion(" + quote(nonsense) + ")", kTimesEach,
+                  [&] { return worker.checkVersion(nonsense).has_value(); });
+    if (worker.isAnySuspect("checkVersion")) {
+        return; // each of them would end a session
+    }
     const std::string many(5000, '9');
     for (const std::string& odd :
          {many, many + "." + many, std::string("1."), std::string("."), std::string("1..1"),
@@ -281,9 +290,6 @@ void askAboutNonsense(Worker& worker, const std::string& installed)
           std::string("1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1"), std::string(64, 'v')}) {
         worker.checkVersion(odd); // may be a version; to be survived
     }
-    const std::string nonsense = "no version";
-    worker.repeat("checkVersion(" + quote(nonsense) + ")", kTimesEach,
-                  [&] { return worker.checkVersion(nonsense).has_value(); });
 }
 
 void askOptional(Worker& worker)
@@ -394,12 +400,23 @@ void askAboutOrder(Worker& worker, const std::string& installed)
     if (!parts || !offered || parts->size() != offered->size()) {
         return; // versions of another kind
     }
+    const auto own = worker.checkVersion(versionOf(*parts));
+    if (own && own->result == 0 && own->verdict > 0) {
+        return; // compared with another one, which is told by itself
+    }
     bool areUnderstood = true; // the plain ones, which come first
+    bool isSomeNewer = false;  // of them
     for (const Comparison& comparison : comparisonsWith(*parts)) {
         const auto verdict = worker.checkVersion(comparison.offered, "beside " + quote(installed));
         const bool isRefused = !verdict || verdict->result != 0;
         if (comparison.form == Comparison::kPlain) {
             areUnderstood = areUnderstood && !isRefused;
+            isSomeNewer = isSomeNewer || (verdict && !isRefused && comparison.isNewer);
+        }
+        if (verdict && isRefused && comparison.form == Comparison::kPlain && isSomeNewer) {
+            worker.found(FindingId::WrongOrder, "checkVersion(" + quote(comparison.offered) + ") returned " +
+                                                    std::to_string(verdict->result) +
+                                                    ", and versions like it that are newer are understood");
         }
         if (verdict && isRefused && comparison.form == Comparison::kLeadingZero && areUnderstood) {
             worker.found(FindingId::WrongOrder, "checkVersion(" + quote(comparison.offered) + ") returned " +

@@ -252,8 +252,8 @@ void Run::watchWrite()
     if (phase == BlackBox::kRunning) {
         ++session_.writes.during;
         session_.writes.bytes += write->bytes;
-        session_.writes.all.push_back(
-            {write->call, write->path, write->bytes, write->isLasting, box_.update, false, write->position});
+        session_.writes.all.push_back({write->call, write->path, write->bytes, write->isLasting, box_.update,
+                                       false, write->position, write->source});
         ++box_.writes;
         if (isToFail(session_.writes.all.back())) {
             session_.writes.all.back().hasFailed = true;

@@ -31,6 +31,7 @@ struct SeenWrite {
     unsigned int update = 0;               // of the session, by number from 1
     bool hasFailed = false;                // it is the one that was to fail
     std::optional<std::uint64_t> position; // in the file, where it is known
+    std::string source;                    // what gets the path for its name
 
     bool isFlush() const;
     bool isFallible() const; // a flush that can tell a failure

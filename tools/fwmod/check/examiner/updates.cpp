@@ -6,6 +6,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "common/files/file-copy.h"
 #include "common/files/whole-file.h"
@@ -208,6 +210,12 @@ bool judgeWrites(const Session& session, const Machine& machine, std::size_t sta
              std::to_string(writes.during) + " writes before doUpdate returned 0, and more afterwards"});
         return false;
     }
+    const auto isOrdered = [](const SeenWrite& write) { return write.isContent() || write.isFlush(); };
+    if (std::none_of(writes.all.begin(), writes.all.end(), isOrdered) &&
+        machine.stateOfHardware() != stateBefore) {
+        report.add({FindingId::NotFlushed, "the hardware was written through mapped memory, and nothing was "
+                                           "flushed: msync needs MS_SYNC"});
+    }
     if (writes.during > 0) {
         return true;
     }
@@ -325,8 +333,8 @@ void judgeEnd(Supervisor& supervisor, const Machine& machine, const Session& ses
 {
     const std::vector<SeenWrite> open = unflushedContent(session.writes);
     const std::string version = session.told["version"].asString();
-    if (open.empty() || !open.back().isOfFirmware() || version.empty()) {
-        return; // less is judged by itself
+    if (open.empty() || version.empty()) {
+        return;
     }
     Machine cut;
     fs::remove_all(cut.file(kHardware));
@@ -420,6 +428,7 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
     report.measured.middleWrite = writeAtPart(session.writes, kMiddle);
     report.measured.lateWrite = writeAtPart(session.writes, kLate);
     report.measured.keyWrites = keyWrites(session.writes);
+    report.measured.lastWrites = lastOfEachFile(session.writes);
     report.measured.flushes = flushesToFail(session.writes);
     const bool isVersionTold = !answers.version.empty() && !report.has(FindingId::ChangingAnswer);
     if (isVersionTold) {
@@ -453,6 +462,10 @@ void updateAgain(Supervisor& supervisor, Report& report)
         worker.setContext(worker.job().caller, "");
         Worker::Update update = soundUpdate(worker);
         update.pollProgress = worker.has("getUpdateProgress");
+        const pid_t other = fork(); // a child of another module, which will wait for it
+        if (other == 0) {
+            _exit(0);
+        }
         int time = 0;
         worker.repeat("doUpdate", kTimes, [&] {
             const auto returned = worker.update(update);
@@ -461,10 +474,18 @@ void updateAgain(Supervisor& supervisor, Report& report)
             }
             return returned.has_value();
         });
+        if (other > 0 && waitpid(other, nullptr, 0) != other) {
+            worker.found(FindingId::ChildLeft,
+                         "doUpdate has waited for a child process that another module had "
+                         "started: wait for one's own by its number");
+        }
     });
     report.add(session.findings);
     if (session.death) {
         report.add(*session.death);
+    }
+    if (session.wasHang) {
+        supervisor.avoid(session);
     }
     if (supervisor.job().isRepeatable && session.told["alone"].asInt() != 0) {
         report.add({FindingId::SoundImageRefused, "doUpdate" + describe(session.told, "alone") +
@@ -494,17 +515,11 @@ OddImage makeOddImage(const Job& job, const fs::path& directory, const std::stri
 
 std::vector<OddImage> makeOddImages(const Job& job, const Machine& place)
 {
-    constexpr std::size_t kMore = 100'000;        // bytes: more than a careless buffer has
-    constexpr std::size_t kLargest = 4096 * 1024; // of an image that is made longer: it takes its time
     const std::string image = imageOf(job);
     std::vector<OddImage> all = {
         makeOddImage(job, place.file("/half"), "the image's first half", image.substr(0, image.size() / 2)),
         makeOddImage(job, place.file("/noise"), "noise", noise(image.size())),
         makeOddImage(job, place.file("/nothing"), "no bytes at all", "")};
-    if (image.size() <= kLargest) {
-        all.push_back(
-            makeOddImage(job, place.file("/longer"), "the image with noise behind it", image + noise(kMore)));
-    }
     return all;
 }
 
@@ -517,6 +532,14 @@ OddImage makeChangedImage(const Job& job, const Machine& place)
     std::string image = imageOf(job);
     image[image.size() / 2] = static_cast<char>(~image[image.size() / 2]);
     return makeOddImage(job, place.file("/changed"), kChanged, image);
+}
+
+// More than a careless buffer has.
+OddImage makeLongerImage(const Job& job, const Machine& place)
+{
+    constexpr std::size_t kMore = 8 << 20;
+    return makeOddImage(job, place.file("/longer"), "the image with 8 MiB of zeros behind it",
+                        imageOf(job) + std::string(kMore, '\0'));
 }
 
 // One that is not there any more is put back for what follows.
@@ -580,6 +603,11 @@ void updateOneAfterTheOther(Worker& worker, const std::vector<OddImage>& oddImag
             const std::string image = common::readWhole(odd.file);
             worker.setContext(TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE, "");
             const auto decrypted = worker.decrypt(image, static_cast<int>(image.size()), kChanged);
+            if (returned && returned->result != 0 && decrypted && decrypted->result == 0) {
+                worker.found(FindingId::ImpossibleDataAccepted, std::string("doUpdate_decryption(") +
+                                                                    kChanged +
+                                                                    ") returned 0, and doUpdate refuses it");
+            }
             lookAtOldFirmware(worker, decrypted, std::string("doUpdate_decryption of ") + kChanged, before,
                               original);
         }
@@ -608,6 +636,7 @@ void updateInOneProcess(Supervisor& supervisor, Report& report)
     auto odd = job.isExternal ? std::vector<OddImage>() : makeOddImages(job, place);
     if (!odd.empty() && fs::file_size(job.image) > 0) {
         odd.push_back(makeChangedImage(job, place));
+        odd.push_back(makeLongerImage(job, place));
     }
     const Session session =
         supervisor.run(machine, [&](Worker& worker) { updateOneAfterTheOther(worker, odd); });

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <cxxabi.h>
@@ -20,6 +21,7 @@
 #include "common/json-text.h"
 #include "common/process/guarded-buffer.h"
 #include "common/process/process-state.h"
+#include "tools/fwmod/check/examiner/hardware-copy.h"
 #include "tools/fwmod/check/examiner/hardware-openings.h"
 #include "tools/fwmod/check/protocol/report.h"
 
@@ -39,6 +41,7 @@ constexpr std::chrono::milliseconds kQuestionLimit = 8s; // they are instant; th
 constexpr std::chrono::nanoseconds kPollInterval = 10ms;
 constexpr std::chrono::milliseconds kRepeatLimit = 2s; // a slow call is not repeated as often
 constexpr int kLeastTimes = 2;
+constexpr int kLooksForState = 8;    // a look at the progress takes less
 constexpr double kSlowNotice = 1.0;  // seconds
 constexpr double kDearContext = 0.4; // seconds of setContext, which is to be cheap
 
@@ -178,6 +181,12 @@ bool Worker::isSuspect(const std::string& call) const
     return suspects_.count(call) != 0 || suspects_.count(entryPointOf(call)) != 0;
 }
 
+bool Worker::isAnySuspect(const std::string& entryPoint) const
+{
+    return std::any_of(suspects_.begin(), suspects_.end(),
+                       [&](const std::string& call) { return entryPointOf(call) == entryPoint; });
+}
+
 namespace
 {
 // What a descriptor leads to; 0 when it is closed.
@@ -258,6 +267,7 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
     try {
         const Stopwatch stopwatch;
         const CallMark mark(name.c_str(), limit);
+        box_.closedTwice = 0;
         errno = 0;
         const int result = callOnThread(function, box_);
         const int error = errno;
@@ -275,11 +285,25 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
     if (!before) {
         return returned;
     }
+    if (const int closed = box_.closedTwice.exchange(0); closed != 0) {
+        found(FindingId::ForeignDescriptorsClosed,
+              name + " closed descriptor " + std::to_string(closed - 1) + ", which was not open any more");
+    }
     const ProcessState after = before->settled();
     for (const common::ProcessChange& change : before->changesIn(after)) {
         found(findingOf(change.kind), name + ": " + change.seen);
     }
     return returned;
+}
+
+std::size_t openFiles()
+{
+    std::size_t mapped = 0;
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        mapped += line.find(kHardware) != std::string::npos ? 1 : 0;
+    }
+    return openDescriptors() + mapped;
 }
 
 bool Worker::repeat(const std::string& name, int times, const std::function<bool()>& ask)
@@ -290,13 +314,13 @@ bool Worker::repeat(const std::string& name, int times, const std::function<bool
     int time = 0;
     for (; time < times && (time < kLeastTimes || realNow() < end); ++time) {
         if (time == settled) {
-            first = openDescriptors();
+            first = openFiles();
         }
         if (!ask()) {
             return false;
         }
     }
-    const std::size_t last = openDescriptors();
+    const std::size_t last = openFiles();
     if (time > settled && last > first) {
         found(FindingId::DescriptorsLeft, name + ": " + std::to_string(last - first) + " more after " +
                                               std::to_string(time - settled) + " calls");
@@ -328,6 +352,13 @@ bool isLinkersName(const std::string& name)
     constexpr const char* kNames[] = {"_init", "_fini", "__bss_start", "_edata", "_end"};
     return std::find(std::begin(kNames), std::end(kNames), name) != std::end(kNames);
 }
+
+// Told by itself.
+bool isMangledEntryPoint(const Job& job, const std::string& name)
+{
+    return std::any_of(job.mangled.begin(), job.mangled.end(),
+                       [&](const auto& entry) { return entry.second == name; });
+}
 } // namespace
 
 // Before the library is loaded: the process has then what the daemon links. What the loader finds in the
@@ -344,7 +375,7 @@ void Worker::lookForClashes() const
             const std::string file = theirs.dli_fname;
             found(FindingId::ClashingName,
                   name + ", which " + file.substr(file.rfind('/') + 1) + " has, too");
-        } else if (!isLinkersName(name)) {
+        } else if (!isLinkersName(name) && !isMangledEntryPoint(job_, name)) {
             others += (others.empty() ? "" : ", ") + name;
         }
     }
@@ -543,6 +574,10 @@ std::optional<std::string> Worker::identifier(const std::string& where)
     complainOfSlowness(*this, name, *returned);
     if (returned->result != 0) {
         complainOfFailure(*this, name, *returned);
+        if (!out.isAll(0)) {
+            found(FindingId::UnwrittenAnswer, name + " returned " + std::to_string(returned->result) +
+                                                  " and wrote an identifier all the same, which is taken");
+        }
         return std::nullopt;
     }
     if (out.isAll(0)) {
@@ -823,6 +858,30 @@ std::optional<Returned> Worker::updateUnderNotices(const Update& update)
     return returned;
 }
 
+namespace
+{
+// What is put back at the end is another one's for that long. The C library's own system() ignores two
+// signals meanwhile.
+bool isWrongForAMoment(const common::ProcessChange& change)
+{
+    using Kind = common::ProcessChange::Kind;
+    const auto is = [&](int signal) {
+        return change.seen.find(common::signalName(signal)) != std::string::npos;
+    };
+    return change.kind == Kind::kDirectory || change.kind == Kind::kFileModeMask ||
+           (change.kind == Kind::kSignals && !is(SIGINT) && !is(SIGQUIT));
+}
+} // namespace
+
+void Worker::complainOfMoment(const std::string& name, const ProcessState& before) const
+{
+    for (const common::ProcessChange& change : before.changesIn(ProcessState::now())) {
+        if (isWrongForAMoment(change)) {
+            found(findingOf(change.kind), name + ", while it runs: " + change.seen);
+        }
+    }
+}
+
 std::optional<Returned> Worker::update(const Update& update)
 {
     const std::string name = callName("doUpdate", update.where);
@@ -836,10 +895,14 @@ std::optional<Returned> Worker::update(const Update& update)
         const std::string pollName = "getUpdateProgress during doUpdate";
         GuardedBuffer out("the progress", sizeof(unsigned int));
         const Stopwatch whole;
-        for (; !isOver; realSleep(kPollInterval)) {
+        const ProcessState before = ProcessState::now();
+        for (int look = 0; !isOver; realSleep(kPollInterval)) {
             isPolling = true;
             if (box_.phase != BlackBox::kRunning) {
                 continue;
+            }
+            if (look++ % kLooksForState == 0) {
+                complainOfMoment(name, before);
             }
             out.fill(GuardedBuffer::kPoison);
             int result = 0;

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/process/process-state.h"
 #include "tools/fwmod/check/examiner/black-box.h"
 #include "tools/fwmod/check/protocol/findings.h"
 #include "tools/fwmod/check/protocol/job.h"
@@ -95,12 +96,15 @@ public:
     };
     std::optional<Returned> updateWithFault(const Fault& fault, const Update& update);
 
+    bool isAnySuspect(const std::string& entryPoint) const; // whether some call of it has ended a session
+
     // Asks several times and sees whether descriptors get lost. False when it was not answered.
     bool repeat(const std::string& call, int times, const std::function<bool()>& ask);
 
 private:
     std::optional<Returned> callUpdate(const std::string& name, const Update& update);
     void complainOfKeptImage(const std::string& name) const;
+    void complainOfMoment(const std::string& name, const common::ProcessState& before) const;
     int askDuringUpdate(const std::atomic<bool>& isOver);
     bool isSuspect(const std::string& call) const;
     std::optional<Returned> call(const std::string& name, std::chrono::milliseconds limit,
@@ -127,6 +131,9 @@ private:
     tarnwick_getExpectedTime_fn* getExpectedTime_ = nullptr;
     tarnwick_getUpdateProgress_fn* getUpdateProgress_ = nullptr;
 };
+
+// Descriptors of the process, and mappings of the hardware's files: what a call must close.
+std::size_t openFiles();
 
 // How long a doUpdate may take before it counts as hanging.
 std::chrono::milliseconds updateLimit(const Job& job);

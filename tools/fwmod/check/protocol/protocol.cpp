@@ -49,6 +49,7 @@ void exchange(Exchange& member, Measured& measured)
     member("middleWrite", measured.middleWrite);
     member("lateWrite", measured.lateWrite);
     member("keyWrites", measured.keyWrites);
+    member("lastWrites", measured.lastWrites);
     member("flushes", measured.flushes);
     member("writes", measured.writes);
     member("duration", measured.duration);
@@ -94,6 +95,7 @@ void exchange(Exchange& member, Job& job)
     member("middleWrite", job.middleWrite);
     member("lateWrite", job.lateWrite);
     member("keyWrites", job.keyWrites);
+    member("lastWrites", job.lastWrites);
     member("flushes", job.flushes);
     member("versionBefore", job.versionBefore);
     member("versionAfter", job.versionAfter);
