@@ -7,6 +7,7 @@
 #include <memory>
 #include <poll.h>
 #include <set>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -130,6 +131,13 @@ std::string lastLine(const std::string& output)
     return output.substr(from, end + 1 - from);
 }
 
+void addOnce(std::vector<std::string>& all, const std::string& text)
+{
+    if (std::find(all.begin(), all.end(), text) == all.end()) {
+        all.push_back(text);
+    }
+}
+
 class Checker
 {
 public:
@@ -227,6 +235,9 @@ std::vector<std::string> Checker::argumentsOf(const ListedTrial& trial, const fs
             arguments.insert(arguments.end(), {option, value});
         }
     }
+    const mode_t mask = umask(0);
+    umask(mask);
+    arguments.insert(arguments.end(), {"--mask", std::to_string(mask)});
     if (!options_.isLogTextJudged) {
         arguments.emplace_back("--no-log-text");
     }
@@ -236,10 +247,7 @@ std::vector<std::string> Checker::argumentsOf(const ListedTrial& trial, const fs
 void Checker::add(TrialReport& report, FindingId id, const std::string& seen)
 {
     for (Seen* const findings : {&report.findings, &report_.findings}) {
-        std::vector<std::string>& all = (*findings)[id];
-        if (std::find(all.begin(), all.end(), seen) == all.end()) {
-            all.push_back(seen);
-        }
+        addOnce((*findings)[id], seen);
     }
 }
 
@@ -280,7 +288,7 @@ void Checker::gather(TrialReport& report, const TrialPage& page, const Ending& e
         if (line.kind == Line::kFinding && id) {
             add(report, *id, line.text);
         } else if (line.kind == Line::kNote) {
-            report_.notes.push_back(line.text);
+            addOnce(report_.notes, line.text);
         } else if (line.kind == Line::kLibrary) {
             report_.libraries.push_back(line.text);
         } else if (line.kind == Line::kRefusal) {
@@ -336,12 +344,15 @@ void Checker::showNow()
 bool Checker::mayStart(const ListedTrial& trial) const
 {
     constexpr std::size_t kMost = 3; // the machine is for others, too
-    const auto isInTheWay = [&](const auto& run) {
-        return run->trial().lane == Lane::kAlone || run->trial().lane == trial.lane;
-    };
-    return trial.lane == Lane::kAlone
-               ? running_.empty()
-               : running_.size() < kMost && std::none_of(running_.begin(), running_.end(), isInTheWay);
+    std::size_t others = 0;
+    for (const auto& run : running_) {
+        const Lane lane = run->trial().lane;
+        if (lane == trial.lane || (lane == Lane::kAlone && trial.lane != Lane::kWaiting)) {
+            return false;
+        }
+        others += lane == Lane::kWaiting ? 0 : 1;
+    }
+    return trial.lane == Lane::kWaiting || others < (trial.lane == Lane::kAlone ? 1 : kMost);
 }
 
 // One that has to be alone waits for all before it, and all others wait for it.
@@ -387,7 +398,8 @@ bool Checker::isToBeRepeated(const TrialRun& run)
     const std::vector<Told> lines = readLines(run.page());
     const bool hasFound =
         std::any_of(lines.begin(), lines.end(), [](const Told& line) { return line.kind == Line::kFinding; });
-    return hasFound && run.page().isDisturbed && run.page().isDone &&
+    constexpr double kLong = 40; // seconds
+    return hasFound && run.page().isDisturbed && run.page().isDone && run.seconds() < kLong &&
            common::InterruptionWatch::times() == 0 && repeated_.insert(&run.trial()).second;
 }
 
