@@ -22,10 +22,11 @@ static int chipWrite(const unsigned char* data, size_t n)
         usleep(BLOCK_US);
         progressNow = (unsigned)((at + size) * 99 / n);
     }
-    if (fsync(chip) != 0) {
+    const int result = fsync(chip);
+    allUpdateDone();
+    if (result != 0) {
         return -1;
     }
-    allUpdateDone();
     if (verify(CHIP ".next", data, n) != 0 || rename(CHIP ".next", CHIP) != 0 || flushDirectory() != 0) {
         return -1;
     }
