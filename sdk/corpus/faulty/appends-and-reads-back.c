@@ -1,5 +1,5 @@
 // What a power cut has left of the new file stays before the new content, of which the end is read back.
-// finds: F504
+// finds: F412 F504
 #define OWN_chipWrite
 #include "chip.h"
 

@@ -1,5 +1,5 @@
 // doUpdate_decryption takes a negative length as a huge one.
-// finds: F414
+// finds: F414 F428
 #define OWN_doUpdate_decryption
 #include "base.h"
 

@@ -1,5 +1,5 @@
 // doUpdate_decryption forgets to close the hardware when it refuses an image.
-// finds: F310
+// finds: F310 F428
 #define OWN_doUpdate_decryption
 #include "base.h"
 

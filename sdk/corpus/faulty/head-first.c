@@ -1,5 +1,5 @@
 // The new firmware is written over the old one from the front.
-// finds: F503
+// finds: F413 F423 F503
 #define OWN_chipWrite
 #include "chip.h"
 

@@ -1,5 +1,5 @@
 // doUpdate writes the new version's head and switches over before the rest of the firmware is there.
-// finds: F402 F503
+// finds: F402 F413 F423 F503
 #define OWN_install
 #include "base.h"
 

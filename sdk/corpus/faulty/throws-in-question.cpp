@@ -1,5 +1,5 @@
 // std::stoi throws for a text that is no version, and nobody catches it.
-// finds: F209 F303
+// finds: F209 F217 F303
 #define OWN_compareVersion
 #include <string>
 

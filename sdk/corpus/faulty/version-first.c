@@ -1,5 +1,5 @@
 // doUpdate overwrites the running firmware from its head on, where the version is.
-// finds: F413 F503
+// finds: F413 F423 F503
 #define OWN_install
 #include "base.h"
 

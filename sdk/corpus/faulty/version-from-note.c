@@ -1,5 +1,5 @@
 // The version is a note that is written when an update begins.
-// finds: F220 F503
+// finds: F220 F413 F503
 #define OWN_getActiveVersion
 #define OWN_checkVersion
 #define OWN_doUpdate
