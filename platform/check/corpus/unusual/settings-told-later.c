@@ -14,6 +14,7 @@ struct event {
     struct event* next;
     const struct watch* watch;
     int value;
+    gint64 due; // microseconds
 };
 
 static GAsyncQueue* events;
@@ -31,7 +32,8 @@ static void* hand_over(void* nothing)
 {
     for (;;) {
         struct event* event = g_async_queue_pop(events);
-        usleep(200000);
+        const gint64 left = event->due - g_get_monotonic_time();
+        usleep(left > 0 ? (useconds_t)left : 0);
         g_idle_add_full(G_PRIORITY_DEFAULT, tell, event, free);
     }
     return nothing;
@@ -52,6 +54,7 @@ static void deliver(const struct watch* watch, int value)
     struct event* event = calloc(1, sizeof *event);
     event->watch = watch;
     event->value = value;
+    event->due = g_get_monotonic_time() + 200000;
     g_async_queue_push(events, event);
 }
 
