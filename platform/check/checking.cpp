@@ -7,7 +7,6 @@
 #include <memory>
 #include <poll.h>
 #include <set>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -131,13 +130,6 @@ std::string lastLine(const std::string& output)
     return output.substr(from, end + 1 - from);
 }
 
-void addOnce(std::vector<std::string>& all, const std::string& text)
-{
-    if (std::find(all.begin(), all.end(), text) == all.end()) {
-        all.push_back(text);
-    }
-}
-
 class Checker
 {
 public:
@@ -235,9 +227,6 @@ std::vector<std::string> Checker::argumentsOf(const ListedTrial& trial, const fs
             arguments.insert(arguments.end(), {option, value});
         }
     }
-    const mode_t mask = umask(0);
-    umask(mask);
-    arguments.insert(arguments.end(), {"--mask", std::to_string(mask)});
     if (!options_.isLogTextJudged) {
         arguments.emplace_back("--no-log-text");
     }
@@ -247,7 +236,10 @@ std::vector<std::string> Checker::argumentsOf(const ListedTrial& trial, const fs
 void Checker::add(TrialReport& report, FindingId id, const std::string& seen)
 {
     for (Seen* const findings : {&report.findings, &report_.findings}) {
-        addOnce((*findings)[id], seen);
+        std::vector<std::string>& all = (*findings)[id];
+        if (std::find(all.begin(), all.end(), seen) == all.end()) {
+            all.push_back(seen);
+        }
     }
 }
 
@@ -288,7 +280,7 @@ void Checker::gather(TrialReport& report, const TrialPage& page, const Ending& e
         if (line.kind == Line::kFinding && id) {
             add(report, *id, line.text);
         } else if (line.kind == Line::kNote) {
-            addOnce(report_.notes, line.text);
+            report_.notes.push_back(line.text);
         } else if (line.kind == Line::kLibrary) {
             report_.libraries.push_back(line.text);
         } else if (line.kind == Line::kRefusal) {
@@ -344,15 +336,12 @@ void Checker::showNow()
 bool Checker::mayStart(const ListedTrial& trial) const
 {
     constexpr std::size_t kMost = 3; // the machine is for others, too
-    std::size_t others = 0;
-    for (const auto& run : running_) {
-        const Lane lane = run->trial().lane;
-        if (lane == trial.lane || (lane == Lane::kAlone && trial.lane != Lane::kWaiting)) {
-            return false;
-        }
-        others += lane == Lane::kWaiting ? 0 : 1;
-    }
-    return trial.lane == Lane::kWaiting || others < (trial.lane == Lane::kAlone ? 1 : kMost);
+    const auto isInTheWay = [&](const auto& run) {
+        return run->trial().lane == Lane::kAlone || run->trial().lane == trial.lane;
+    };
+    return trial.lane == Lane::kAlone
+               ? running_.empty()
+               : running_.size() < kMost && std::none_of(running_.begin(), running_.end(), isInTheWay);
 }
 
 // One that has to be alone waits for all before it, and all others wait for it.
@@ -398,8 +387,7 @@ bool Checker::isToBeRepeated(const TrialRun& run)
     const std::vector<Told> lines = readLines(run.page());
     const bool hasFound =
         std::any_of(lines.begin(), lines.end(), [](const Told& line) { return line.kind == Line::kFinding; });
-    constexpr double kLong = 40; // seconds
-    return hasFound && run.page().isDisturbed && run.page().isDone && run.seconds() < kLong &&
+    return hasFound && run.page().isDisturbed && run.page().isDone &&
            common::InterruptionWatch::times() == 0 && repeated_.insert(&run.trial()).second;
 }
 

@@ -6,7 +6,6 @@
 #include <stdexcept>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "ps_mount.h"
@@ -174,19 +173,6 @@ std::string modeOfNode()
     return (status.st_mode & 0777) == 0660 ? "" : "its mode is another one";
 }
 
-std::string numberOfNode()
-{
-    const char command[1024] = "-m 0660 -Z * /dev/loop63  b 7 63";
-    int result = 0;
-    PS_Mknod(command, sizeof command, 0, &result);
-    struct stat made{};
-    struct stat first{};
-    stat("/dev/loop63", &made);
-    stat("/dev/loop0", &first);
-    unlink("/dev/loop63");
-    return minor(made.st_rdev) - minor(first.st_rdev) == 63 ? "" : "it has another number";
-}
-
 std::string mountOfAnother()
 {
     const Image image("one");
@@ -215,7 +201,6 @@ const std::vector<Proof>& mountProofs()
         {"umount-past-length", directoryOfItsLength},
         {"mknod-not-made", nodeMade},
         {"mknod-mode-lost", modeOfNode},
-        {"mknod-last-digit", numberOfNode},
         {"umount-own-only", mountOfAnother},
         {"mknod-next-number", nodeMade},
     };

@@ -2,7 +2,6 @@
 #include <clocale>
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gio/gio.h>
@@ -99,25 +98,6 @@ std::string nameIsFree()
     return hasOwner == FALSE ? "" : "the daemon's name has an owner";
 }
 
-std::string localeAtStart()
-{
-    return strcmp(setlocale(LC_ALL, nullptr), "C") == 0 ? "" : "another locale at the start";
-}
-
-std::string descriptorFlags()
-{
-    const int inherited = open("/dev/null", O_RDONLY);
-    FlagpostEventDone("/tmp/.proof-flags");
-    return fcntl(inherited, F_GETFD) == 0 ? "" : "a descriptor's flags are others";
-}
-
-std::string ownAlarm()
-{
-    alarm(1000);
-    pwrctl_get_state();
-    return alarm(0) > 900 ? "" : "the caller's alarm is gone";
-}
-
 std::string threadsThatComeAndGo()
 {
     return growth("descriptors", openDescriptors, 5, [] { std::thread(pwrctl_get_state).join(); });
@@ -142,9 +122,6 @@ const std::vector<Proof>& processProofs()
         {"process-directory", directoryKept},
         {"process-children-ignored", childrenKept},
         {"process-umask", maskKept},
-        {"process-locale-when-loaded", localeAtStart},
-        {"process-descriptor-flags", descriptorFlags},
-        {"process-alarm-taken", ownAlarm},
         {"process-thread-descriptors", threadsThatComeAndGo},
         {"process-helpers-left", helpersOfFlags},
         {"process-locale",

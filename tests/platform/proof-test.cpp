@@ -120,7 +120,6 @@ constexpr Right kUnusual[] = {
     {"ends-forgiven", "power-un"},
     {"package-unknown-refused", "package"},
     {"trace-ring", "trace"},
-    {"log-in-pieces", "log-errno"},
 };
 
 INSTANTIATE_TEST_SUITE_P(, Unusual, testing::ValuesIn(kUnusual),

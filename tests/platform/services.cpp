@@ -6,7 +6,6 @@
 #include <fstream>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include "appbinary_manager.h"
 #include "applaunch.h"
@@ -78,14 +77,6 @@ std::string nullRequest()
     return applaunch_set_app_id(nullptr, "com.olvessa.tv.proof") < 0 ? "" : "success without a request";
 }
 
-std::string timeWithoutNumber()
-{
-    applaunch_h request = newRequest();
-    const int result = applaunch_add_extra_data(request, "timeinfo", "soon");
-    applaunch_destroy(request);
-    return result == 0 ? "" : "refused";
-}
-
 std::string afterFailures()
 {
     applaunch_h request = newRequest();
@@ -146,29 +137,6 @@ std::string unknownProperty()
     const bool hasText = text != nullptr;
     free(text);
     return hasSucceeded && !hasText ? "success, and no text" : "";
-}
-
-std::string textOfManyThreads()
-{
-    char* text = nullptr;
-    sysprop_get_value_string(kVersionKey, &text);
-    const std::string first = text;
-    free(text);
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < 4; ++thread) {
-        threads.emplace_back([&] {
-            for (int time = 0; time < 100; ++time) {
-                char* own = nullptr;
-                wrong += sysprop_get_value_string(kVersionKey, &own) == 0 && first == own ? 0 : 1;
-                free(own);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    return wrong == 0 ? "" : std::to_string(wrong) + " of 400 texts are wrong";
 }
 
 std::string busIsOpen()
@@ -238,15 +206,6 @@ std::string raisedTwice()
     return "";
 }
 
-std::string raisedByAnother()
-{
-    const std::string flag = "/tmp/.proof-other-" + std::to_string(getpid());
-    inAnotherProcess("--raise", flag);
-    const int result = FlagpostEventDone(flag.c_str());
-    FlagpostResetEvent(flag.c_str());
-    return result == 0 ? "" : "what another process has raised is refused";
-}
-
 std::string twentyFlags()
 {
     int refused = 0;
@@ -292,14 +251,6 @@ std::string periodKept()
     hangwatch_register_watchdog_service(60);
     sleep(5);
     hangwatch_unregister_watchdog_service();
-    return "";
-}
-
-std::string leftAlone()
-{
-    hangwatch_register_watchdog_service(60);
-    hangwatch_unregister_watchdog_service();
-    sleep(13);
     return "";
 }
 
@@ -357,7 +308,6 @@ const std::vector<Proof>& serviceProofs()
     static const std::vector<Proof> proofs = {
         {"launch-no-handle", madeAndDestroyed},
         {"launch-given-up", afterFailures},
-        {"launch-time-is-a-number", timeWithoutNumber, kAborted},
         {"launch-replied-elsewhere", threadOfReply},
         {"launch-freed-twice", madeAndDestroyed, kAborted},
         {"launch-never-freed",
@@ -368,14 +318,12 @@ const std::vector<Proof>& serviceProofs()
         {"launch-waits-for-answer", [] { return sent("com.olvessa.tv.proof"); }, kHangs},
         {"property-static", ownText, kAborted},
         {"property-closes-bus", busIsOpen},
-        {"property-made-in-one-buffer", textOfManyThreads},
         {"property-success-without-value", unknownProperty},
         {"property-freed-again", twoTexts},
         {"property-copy-kept", [] { return growth("KiB", residentKilobytes, 1500, [] { ownText(); }); }},
         {"property-crashes-unknown", unknownProperty, kSegmentationFault},
         {"flags-inverted", raised},
         {"flags-sixteen", twentyFlags},
-        {"flags-raised-by-one", raisedByAnother},
         {"flags-never-lowered", lowered},
         {"flags-names-cut", flagsApart},
         {"flags-of-the-process", flagOfAnotherProcess},
@@ -388,7 +336,6 @@ const std::vector<Proof>& serviceProofs()
         {"watchdog-once", [] { return registered(2); }},
         {"watchdog-impatient", periodKept, 128 + 9},
         {"watchdog-slow", noticeAtOnce},
-        {"watchdog-never-forgets", leftAlone, 128 + 9},
         {"watchdog-broken-pipe",
          [] {
              hangwatch_watchdog_notify();

@@ -284,12 +284,6 @@ const std::vector<Proof>& settingsProofs()
         {"settings-failure-writes-value", failedRead},
         {"settings-cache-waits-for-loop", writtenElsewhereAfterALook},
         {"settings-value-too-wide", behindTheValue},
-        {"settings-neighbour-spoilt",
-         [] {
-             pralis_set_int(kProgressKey, 77);
-             pralis_set_int(kStatusKey, 1);
-             return valueOf(kProgressKey) == 77 ? "" : "one key's write has changed another";
-         }},
         {"settings-told-fifty-times", sixtyChanges},
         {"settings-slow-now-and-then", longestOfEighty},
         {"settings-node-used-again", nodeAfterARead},

@@ -136,15 +136,6 @@ void powerOnce(Trial& trial)
                   [] { return pwrctl_unlock_state(2); });
 }
 
-// What is not there to be ended.
-static void endNothing(Trial& trial)
-{
-    trial.call("pwrctl_unlock_state", [] { return pwrctl_unlock_state(2); });
-    trial.call("pwrctl_unsubscribe_state_changed_event",
-               [] { return pwrctl_unsubscribe_state_changed_event(ignoreState); });
-    trial.call("pralis_ignore_key_changed", [] { return pralis_ignore_key_changed(kWorking, onKey); });
-}
-
 void powerEventsOnce(Trial& trial)
 {
     expectSuccess(trial, FindingId::EventsNotSubscribed, "pwrctl_subscribe_state_changed_event",
@@ -155,7 +146,6 @@ void powerEventsOnce(Trial& trial)
                   [] { return pwrctl_unsubscribe_state_changed_event(ignoreState); });
     expectSuccess(trial, FindingId::EventsNotUnsubscribed, "pwrctl_unsubscribe_poweroff_event",
                   [] { return pwrctl_unsubscribe_poweroff_event(ignorePowerOff); });
-    endNothing(trial);
 }
 
 void flagsOnce(Trial& trial)

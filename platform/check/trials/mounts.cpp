@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <linux/loop.h>
-#include <set>
 #include <sstream>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -20,7 +19,6 @@
 #include "common/files/unique-fd.h"
 #include "common/files/whole-file.h"
 #include "common/process/guarded-buffer.h"
-#include "platform/check/trials/calls-once.h"
 #include "platform/check/trials/trial.h"
 #include "ps_mount.h"
 
@@ -301,9 +299,6 @@ void tryMount(Trial& trial)
     }
     if (!isMounted(place.path())) {
         tryOtherProcess(trial);
-        for (const Trial::Context context : {Trial::Context::kNone, Trial::Context::kOwn}) {
-            trial.onThread([&] { mountedOnce(trial); }, context); // as the daemon does
-        }
     }
 }
 
@@ -450,24 +445,6 @@ void refuse(Trial& trial, const char* what, const fs::path& image, const fs::pat
     }
 }
 
-std::set<std::string> namesIn(const fs::path& directory)
-{
-    std::set<std::string> names;
-    std::error_code unreadable;
-    for (const fs::directory_entry& entry : fs::directory_iterator(directory, unreadable)) {
-        names.insert(entry.path().filename());
-    }
-    return names;
-}
-
-// What is there now and was not before.
-void judgeLeft(Trial& trial, const fs::path& directory, const std::set<std::string>& before)
-{
-    for (const std::string& name : namesIn(directory)) {
-        trial.require(before.count(name) > 0, FindingId::MountLeft, (directory / name).string());
-    }
-}
-
 void tryRefused(Trial& trial)
 {
     const std::string sample =
@@ -477,8 +454,6 @@ void tryRefused(Trial& trial)
     const Garbage head(trial, "empPlatformCheckZ", sample.substr(0, 64) + std::string(8192, '\0'));
     const fs::path& image = trial.options().image.empty() ? garbage.path() : trial.options().image;
     const MountPoint place(trial, "");
-    const fs::path around[] = {place.path().parent_path(), garbage.path().parent_path()};
-    const std::set<std::string> before[] = {namesIn(around[0]), namesIn(around[1])};
     refuse(trial, "an image that is missing", garbage.path().string() + ".missing", place.path());
     refuse(trial, "a directory that is missing", image, place.path().string() + "-missing");
     refuse(trial, "a file that is no image", garbage.path(), place.path());
@@ -487,8 +462,6 @@ void tryRefused(Trial& trial)
     if (!sample.empty()) {
         refuse(trial, "an image of which only the beginning is there", head.path(), place.path());
     }
-    judgeLeft(trial, around[0], before[0]);
-    judgeLeft(trial, around[1], before[1]);
     for (const Garbage* const one : {&garbage, &empty, &head}) {
         const std::vector<std::string> held = stillHolding(trial, one->path());
         trial.require(held.empty(), FindingId::MountLeft,
@@ -534,9 +507,9 @@ void judgeNode(Trial& trial, const std::string& node, unsigned int number)
     trial.require((status.st_mode & 07777) == 0660, FindingId::NodeNotMade, node + ": its mode is " + mode);
 }
 
-void makeNode(Trial& trial, unsigned int first)
+void tryNode(Trial& trial)
 {
-    unsigned int number = first;
+    int number = 0;
     while (number < 250 && fs::exists("/dev/loop" + std::to_string(number))) {
         ++number;
     }
@@ -550,16 +523,10 @@ void makeNode(Trial& trial, unsigned int first)
     }
     ask(trial, "PS_Mknod", PS_Mknod, command); // one that is there already: any answer, but an answer
     trial.require(isNode(node), FindingId::NodeNotMade, node + ": gone when it was made once more");
-    judgeNode(trial, node, number);
+    judgeNode(trial, node, static_cast<unsigned int>(number));
     if (unlink(node.c_str()) != 0) {
         trial.note(node + " was made for the check and stays until the next boot");
     }
-}
-
-void tryNode(Trial& trial)
-{
-    makeNode(trial, 0);
-    makeNode(trial, 43); // of two digits
 }
 
 } // namespace

@@ -131,24 +131,6 @@ void tryUnreadable(Trial& trial)
     }
 }
 
-// Each key is the last one that is written, and the others have what they had.
-void tryNeighbours(Trial& trial)
-{
-    for (const char* const last : kWritten) {
-        for (const int value : {3, -3}) {
-            for (const char* const key : kWritten) {
-                write(trial, key, 70);
-            }
-            write(trial, last, value);
-            for (const char* const key : kWritten) {
-                expectValue(trial, key, key == last ? value : 70,
-                            key == last ? FindingId::WrongValue : FindingId::OtherKeyChanged);
-            }
-        }
-    }
-    write(trial, kProgress, 77);
-}
-
 void tryValues(Trial& trial)
 {
     int mirroring = kUntouched; // nobody writes it
@@ -164,7 +146,13 @@ void tryValues(Trial& trial)
     tryEachValue(trial);
     expectValue(trial, kStatus, 11, FindingId::OtherKeyChanged);
     expectValue(trial, kWorking, 13, FindingId::OtherKeyChanged);
-    tryNeighbours(trial);
+    for (const int value : {3, -3}) { // the others' turn
+        write(trial, kStatus, value);
+        write(trial, kProgress, 77);
+        write(trial, kWorking, 2 * value);
+        expectValue(trial, kStatus, value, FindingId::OtherKeyChanged);
+        expectValue(trial, kProgress, 77, FindingId::OtherKeyChanged);
+    }
     tryUnreadable(trial);
     expectValue(trial, kProgress, 77, FindingId::OtherKeyChanged); // also after reads that have failed
     if (hasMirroring) {
@@ -186,43 +174,12 @@ void tryOthersWrite(Trial& trial, Trial::Loop loop)
     trial.onThread([&] { expectValue(trial, kStatus, valueOf(trial) + 1, FindingId::NotShared); });
 }
 
-// One key, written and read for a second.
-void keepWriting(Trial& trial, const char* key, const std::function<bool()>& isOver)
-{
-    const std::int64_t end = common::realNow() + std::chrono::nanoseconds(1s).count();
-    for (int value = 1; common::realNow() < end && !isOver() && !trial.hasFound(); ++value) {
-        if (write(trial, key, value)) {
-            expectValue(trial, key, value);
-        }
-    }
-}
-
-void writeBeside(Trial& trial)
-{
-    keepWriting(trial, kStatus, [] { return false; });
-}
-
-// Two processes write a key each, as the daemon and its UI do.
-void tryBesideAnother(Trial& trial)
-{
-    std::atomic<bool> isOver{false};
-    std::thread beside([&] {
-        trial.runBeside("settings-busy", Trial::Loop::kStands);
-        isOver = true;
-    });
-    while (!isOver && !trial.hasFound()) {
-        keepWriting(trial, kProgress, [&] { return isOver.load(); });
-    }
-    beside.join();
-}
-
 void tryOtherProcess(Trial& trial)
 {
     expectValue(trial, kProgress, valueOf(trial), FindingId::NotShared);
     write(trial, kProgress, 0);
     tryOthersWrite(trial, Trial::Loop::kRuns);
     tryOthersWrite(trial, Trial::Loop::kStands);
-    tryBesideAnother(trial);
     write(trial, kProgress, valueOf(trial) + 2);
     trial.runBeside("settings-reader", Trial::Loop::kStands);
     // Threads of one process know no more and no less.
@@ -230,7 +187,6 @@ void tryOtherProcess(Trial& trial)
     expectValue(trial, kProgress, 5);
     write(trial, kProgress, 6);
     trial.onThread([&] { expectValue(trial, kProgress, 6); });
-    write(trial, kProgress, valueOf(trial)); // as it was, as this trial may be made once more
 }
 
 void tryReading(Trial& trial)
@@ -410,9 +366,6 @@ void tryOneOfTwoKeys(Trial& trial)
         return;
     }
     forgetHeard();
-    write(trial, kStatus, 20);
-    expectHeard(trial, 'D', 20, &dataOfStatus, "one callback listens to two keys");
-    forgetHeard();
     write(trial, kProgress, 21);
     expectHeard(trial, 'D', 21, &dataOfProgress, "one callback listens to two keys");
     unsubscribe(trial, kStatus, onChanged<'D'>);
@@ -427,10 +380,6 @@ void tryOneOfTwoKeys(Trial& trial)
 void tryNotifications(Trial& trial)
 {
     trialOfKeys = &trial;
-    for (const char* const key : {kStatus, kUnknown}) { // what never began may fail, and does no harm
-        trial.call("pralis_ignore_key_changed",
-                   [=] { return pralis_ignore_key_changed(key, onChanged<'E'>); });
-    }
     write(trial, kStatus, 0);
     write(trial, kProgress, 0);
     trial.iterate(400ms); // what is told of it is not for who subscribes now
@@ -630,6 +579,7 @@ void tryLater(Trial& trial)
 {
     if (std::filesystem::exists(keptForLater(trial))) {
         expectValue(trial, kWorking, valueOf(trial) + 3);
+        write(trial, kWorking, 0);
     }
 }
 
@@ -668,7 +618,7 @@ std::vector<TrialKind> settingsTrials()
             {"settings-shared", tryOtherProcess}, {"notifications", tryNotifications},
             {"notification-threads", tryThreads}, {"settings-writer", tryWriting},
             {"settings-reader", tryReading},      {"settings-later", tryLater},
-            {"settings-busy", writeBeside},       {"settings-restore", tryRestoring}};
+            {"settings-restore", tryRestoring}};
 }
 
 } // namespace platformcheck

@@ -16,8 +16,8 @@ enum class When {
 };
 
 // Trials of different lanes are made beside each other, those of one after another. What does more than wait
-// is alone, or its calls would wait for those of others; what hardly does anything else is in nobody's way.
-enum class Lane { kAlone, kSettings, kPower, kServices, kMounts, kLogs, kWaiting };
+// is alone, or its calls would wait for those of others.
+enum class Lane { kAlone, kSettings, kPower, kServices, kMounts, kLogs };
 
 struct ListedTrial {
     const char* name;
@@ -30,7 +30,6 @@ inline constexpr ListedTrial kTrials[] = {
     {"load", "Loading", Lane::kAlone, When::kFirst},
     {"bus", "The name on the bus", Lane::kAlone, When::kFirst},
     {"settings-save", "Settings as they are", Lane::kAlone, When::kEnclosing},
-    {"watchdog", "Watchdog", Lane::kWaiting},
     {"settings", "Settings", Lane::kSettings},
     {"settings-shared", "Settings of another process", Lane::kSettings},
     {"notifications", "Changes of settings", Lane::kSettings},
@@ -42,6 +41,7 @@ inline constexpr ListedTrial kTrials[] = {
     {"power-lock-times", "Times of power locks", Lane::kPower},
     {"flags", "Flags", Lane::kServices},
     {"flags-shared", "Flags of another process", Lane::kServices},
+    {"watchdog", "Watchdog", Lane::kLogs},
     {"property", "The software's version", Lane::kServices},
     {"no-property", "Properties without a value", Lane::kServices},
     {"package", "Packages", Lane::kServices},
@@ -51,6 +51,8 @@ inline constexpr ListedTrial kTrials[] = {
     {"two-mounts", "Two mounts", Lane::kMounts},
     {"refused-mounts", "Mounts that cannot be", Lane::kMounts},
     {"node", "Nodes of loop devices", Lane::kMounts},
+    {"platform-log", "Platform log", Lane::kLogs},
+    {"trace-log", "Trace recorder", Lane::kLogs},
     {"mounts-together", "Mounts of two threads", Lane::kMounts},
     {"power-together", "Power calls of six threads", Lane::kAlone},
     {"again-settings", "Settings, again and again", Lane::kAlone},
@@ -59,7 +61,7 @@ inline constexpr ListedTrial kTrials[] = {
     {"again-power", "Power state and locks, again and again", Lane::kAlone},
     {"again-power-events", "Subscriptions to power, again and again", Lane::kAlone},
     {"again-flags", "Flags, again and again", Lane::kAlone},
-    {"again-watchdog", "Watchdog, again and again", Lane::kWaiting},
+    {"again-watchdog", "Watchdog, again and again", Lane::kAlone},
     {"again-property", "Properties, again and again", Lane::kAlone},
     {"again-package", "Packages, again and again", Lane::kAlone},
     {"again-launch", "Launches, again and again", Lane::kAlone},
@@ -72,8 +74,6 @@ inline constexpr ListedTrial kTrials[] = {
     {"together", "Calls of several threads", Lane::kAlone},
     {"again-threads", "Calls of threads that come and go", Lane::kAlone},
     {"bus-kept", "The name on the bus, beside all calls", Lane::kAlone},
-    {"platform-log", "Platform log", Lane::kLogs},
-    {"trace-log", "Trace recorder", Lane::kLogs},
     {"settings-restore", "Settings as they were", Lane::kAlone, When::kEnclosing},
     {"reboot", "Reboot", Lane::kAlone, When::kWithReboot},
 };

@@ -113,21 +113,6 @@ void Trial::keepNoise(std::chrono::nanoseconds taken)
     }
 }
 
-void Trial::keepRunnable(unsigned int threads)
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    runnable_ += threads;
-    ++samples_;
-}
-
-// Then whatever a call waits for has to wait for a processor itself.
-bool Trial::isMachineBusy()
-{
-    constexpr std::uint64_t kForEachProcessor = 4;
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return runnable_ > kForEachProcessor * std::thread::hardware_concurrency() * samples_;
-}
-
 bool Trial::isInsideCall()
 {
     return callDepth > 0;
@@ -272,22 +257,17 @@ void Trial::onThread(const std::function<void()>& work, Context context)
 // The middle one of many calls counts, and each of a few; of the longest it takes several, as a machine that
 // is busy makes one late now and then. How busy it is, the time tells for which this process's own threads
 // have waited.
-void Trial::judgeTimesOf(const std::string& name, Times& times, std::chrono::nanoseconds noise, bool isBusy)
+void Trial::judgeTimesOf(const std::string& name, Times& times, std::chrono::nanoseconds noise)
 {
     std::vector<std::chrono::nanoseconds>& first = times.first;
     std::sort(first.begin(), first.end());
     const std::chrono::nanoseconds limit = limitOf(name);
-    const bool isFew = first.size() < 20;
-    const std::chrono::nanoseconds most = limit + 2 * noise + (isBusy ? 10s : 0s);
-    const std::chrono::nanoseconds mostOfMiddle = limit + 2 * noise +
-                                                  (!isBusy ? 0ms
-                                                   : isFew ? 1500ms
-                                                           : 500ms);
+    const std::chrono::nanoseconds most = limit + 2 * noise;
     if (times.calls < 3) { // one call may have to find its service first
         require(first.front() <= limit + most, FindingId::Slow, name + " took " + inSeconds(first.front()));
         return;
     }
-    if (first[first.size() / 2] > mostOfMiddle) {
+    if (first[first.size() / 2] > most) {
         found(FindingId::Slow, name + " took " + inSeconds(first[first.size() / 2]) + ", the middle one of " +
                                    std::to_string(first.size()) + " calls");
         return;
@@ -310,13 +290,8 @@ void Trial::judgeTimes()
         const std::lock_guard<std::mutex> lock(mutex_);
         times = times_;
     }
-    const bool isBusy = isMachineBusy();
-    if (isBusy) {
-        page_.isDisturbed = true;
-        note("the machine was busy: calls that take somewhat too long may not have been seen");
-    }
     for (auto& [name, all] : times) {
-        judgeTimesOf(name, all, longestDelay_, isBusy);
+        judgeTimesOf(name, all, longestDelay_);
     }
 }
 

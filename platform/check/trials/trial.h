@@ -41,7 +41,6 @@ struct TrialOptions {
     std::string package;             // to be asked for; empty: one that no store has
     unsigned int token = 0;          // of this check: two trials of one check have the same
     unsigned int seconds = 0;        // to wait for a person
-    unsigned int mask = 022;         // of file modes, at the start
     bool isLogTextJudged = true;
 };
 
@@ -86,8 +85,6 @@ public:
 
     // So long somebody else's answer has taken, which the platform has nothing to do with.
     void keepNoise(std::chrono::nanoseconds taken);
-    // So many threads of the whole machine are running or wait for a processor now.
-    void keepRunnable(unsigned int threads);
 
     // What the calls' times say.
     void judgeTimes();
@@ -103,8 +100,7 @@ private:
     };
     int judged(const char* name, int result);
     void keepTime(const char* name, std::chrono::nanoseconds taken, std::chrono::nanoseconds delay);
-    void judgeTimesOf(const std::string& name, Times& times, std::chrono::nanoseconds noise, bool isBusy);
-    bool isMachineBusy();
+    void judgeTimesOf(const std::string& name, Times& times, std::chrono::nanoseconds noise);
     void judgeThread(const sigset_t& before);
 
     TrialPage& page_;
@@ -112,8 +108,6 @@ private:
     std::mutex mutex_;
     std::map<std::string, Times> times_;
     std::chrono::nanoseconds longestDelay_{0}; // that the machine has caused
-    std::uint64_t runnable_ = 0;               // of so many samples
-    std::uint64_t samples_ = 0;
     std::map<FindingId, unsigned int> told_;
     std::atomic<bool> hasFound_{false};
 };
