@@ -1,20 +1,21 @@
 #include "platform/check/checking.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <poll.h>
-#include <set>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "common/errors.h"
+#include "common/process/contained-process.h"
 #include "common/process/interruption.h"
 #include "common/process/process-state.h"
 #include "common/terminal/visible-text.h"
-#include "platform/check/trial-run.h"
+#include "platform/check/trials/trial-page.h"
 
 namespace platformcheck
 {
@@ -24,7 +25,12 @@ namespace fs = std::filesystem;
 namespace
 {
 
+using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::nanoseconds kCallLimit = 10s;
+constexpr std::chrono::seconds kQuietLimit = 25s; // without a call
+constexpr std::chrono::seconds kTrialLimit = 180s;
 
 // ---- What the check needs ----
 
@@ -116,7 +122,7 @@ private:
     bool isCopy_ = false;
 };
 
-// ---- What is said of a trial ----
+// ---- One trial ----
 
 // The last line that is no empty one.
 std::string lastLine(const std::string& output)
@@ -130,10 +136,18 @@ std::string lastLine(const std::string& output)
     return output.substr(from, end + 1 - from);
 }
 
+// How it has come to its end, other than by itself.
+struct Ending {
+    bool isLate = false; // and was ended
+    int status = 0;
+    std::string output; // its last part
+};
+
 class Checker
 {
 public:
-    Checker(const CheckOptions& options, const std::function<void(const Progress&)>& showProgress)
+    Checker(const CheckOptions& options,
+            const std::function<void(const std::string&, unsigned int)>& showProgress)
         : options_(options), showProgress_(showProgress),
           program_(companion("platform-trial", "libexec/tarnwick-platform-check")),
           image_(options.image.empty() ? companion("platform-check.img", "share/tarnwick-platform-check")
@@ -151,13 +165,8 @@ public:
 private:
     std::vector<const ListedTrial*> chosen() const;
     std::vector<std::string> argumentsOf(const ListedTrial& trial, const fs::path& page) const;
-    bool mayStart(const ListedTrial& trial) const;
-    void startNext();
-    void start(const ListedTrial& trial);
-    void waitForNews();
-    bool isToBeRepeated(const TrialRun& run);
-    void takeEnded();
-    void leaveRest();
+    Ending runProcess(const std::vector<std::string>& arguments, const TrialPage& page);
+    void runTrial(const ListedTrial& trial);
     void gather(TrialReport& report, const TrialPage& page, const Ending& ending);
     void gatherEnding(TrialReport& report, const TrialPage& page, const Ending& ending);
     void add(TrialReport& report, FindingId id, const std::string& seen);
@@ -165,16 +174,13 @@ private:
 
     const common::InterruptionWatch watch_; // also while what was made is removed
     const CheckOptions& options_;
-    const std::function<void(const Progress&)>& showProgress_;
+    const std::function<void(const std::string&, unsigned int)>& showProgress_;
     fs::path program_;
     WorkDirectory work_;
     PlacedImage image_;
     CheckReport report_;
-    std::vector<const ListedTrial*> waiting_; // in their order
-    std::vector<std::unique_ptr<TrialRun>> running_;
-    std::set<const ListedTrial*> repeated_;
-    std::size_t count_ = 0; // of all
-    Clock::time_point begin_ = Clock::now();
+    std::string title_;
+    unsigned int percent_ = 0;
     bool isRefused_ = false; // nothing else is to be tried
 };
 
@@ -231,6 +237,94 @@ std::vector<std::string> Checker::argumentsOf(const ListedTrial& trial, const fs
         arguments.emplace_back("--no-log-text");
     }
     return arguments;
+}
+
+[[noreturn]] void execute(const std::vector<std::string>& arguments, const fs::path& preload)
+{
+    std::vector<char*> words;
+    for (const std::string& argument : arguments) {
+        words.push_back(const_cast<char*>(argument.c_str()));
+    }
+    words.push_back(nullptr);
+    if (!preload.empty()) {
+        const char* const others = std::getenv("LD_PRELOAD");
+        setenv("LD_PRELOAD",
+               (preload.string() + (others == nullptr ? "" : std::string(":") + others)).c_str(), 1);
+    }
+    for (const char* const name : {"HOME", "USER", "LOGNAME", "SHELL"}) {
+        unsetenv(name); // a service has none of them
+    }
+    // What the C library keeps for each thread after free() counts as allocated, and fills up for long.
+    setenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0", 1);
+    execv(words[0], words.data());
+    dprintf(STDERR_FILENO, "%s cannot be started: %s\n", words[0], std::strerror(errno));
+    _exit(127);
+}
+
+void takeOutput(int pipe, std::string& output)
+{
+    constexpr std::size_t kMost = 64 * 1024;
+    std::array<char, 4096> chunk{};
+    for (ssize_t count = 0; (count = read(pipe, chunk.data(), chunk.size())) > 0;) {
+        output.append(chunk.data(), static_cast<std::size_t>(count));
+    }
+    if (output.size() > kMost) {
+        output.erase(0, output.size() - kMost);
+    }
+}
+
+// Whether a trial has come to a stop: a call that does not return, or nothing at all that happens.
+class Patience
+{
+public:
+    Patience(const TrialPage& page, std::chrono::seconds quiet) : page_(page), quiet_(quiet) {}
+
+    bool isOver()
+    {
+        const Clock::time_point now = Clock::now();
+        const unsigned int calls = page_.calls;
+        if (calls != calls_) {
+            calls_ = calls;
+            latest_ = now;
+        }
+        const OldestCall call = oldestCall(page_);
+        const std::chrono::nanoseconds underWay(call.since == 0 ? 0 : common::realNow() - call.since);
+        return underWay > kCallLimit || now - latest_ > quiet_ || now - begin_ > kTrialLimit + quiet_;
+    }
+
+private:
+    const TrialPage& page_;
+    std::chrono::seconds quiet_; // for so long a trial may wait without a call
+    unsigned int calls_ = 0;
+    Clock::time_point begin_ = Clock::now();
+    Clock::time_point latest_ = begin_;
+};
+
+Ending Checker::runProcess(const std::vector<std::string>& arguments, const TrialPage& page)
+{
+    const fs::path preload = options_.preload.empty() ? fs::path() : fs::absolute(options_.preload);
+    common::ContainedProcess process([&] { execute(arguments, preload); },
+                                     common::ContainedProcess::Orphaned::kEnds);
+    Patience patience(page, kQuietLimit + (options_.isReboot ? 60s : 0s) +
+                                std::chrono::seconds(2 * options_.seconds));
+    Ending ending;
+    while (!process.hasEnded()) {
+        std::array<pollfd, 2> news = {pollfd{process.output(), POLLIN, 0}, pollfd{process.news(), POLLIN, 0}};
+        poll(news.data(), news.size(), 100);
+        takeOutput(process.output(), ending.output);
+        showNow();
+        if (common::InterruptionWatch::times() > 1) {
+            process.kill(); // what it would have put back stays as it is
+        }
+        if (!ending.isLate && patience.isOver()) {
+            ending.isLate = true;
+            process.kill();
+        }
+    }
+    takeOutput(process.output(), ending.output);
+    const common::ContainedProcess::End end = process.wait();
+    ending.status = end.status;
+    return ending;
 }
 
 void Checker::add(TrialReport& report, FindingId id, const std::string& seen)
@@ -319,134 +413,42 @@ void Checker::gatherEnding(TrialReport& report, const TrialPage& page, const End
 
 void Checker::showNow()
 {
-    if (running_.empty()) {
-        return;
-    }
-    const auto asksForPerson = [](const auto& run) { return run->trial().when == When::kWithPerson; };
-    const auto person = std::find_if(running_.begin(), running_.end(), asksForPerson);
-    const ListedTrial& trial = (person == running_.end() ? running_.front() : *person)->trial();
-    const std::size_t ended = count_ - waiting_.size() - running_.size();
-    showProgress_({trial.title, static_cast<unsigned int>(ended * 100 / std::max(count_, std::size_t{1})),
-                   std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin_)});
+    showProgress_(title_, percent_);
 }
 
-// ---- Trials beside each other ----
-
-// Most of a trial is waiting. What one lane tries is tried by no other.
-bool Checker::mayStart(const ListedTrial& trial) const
+void Checker::runTrial(const ListedTrial& trial)
 {
-    constexpr std::size_t kMost = 3; // the machine is for others, too
-    const auto isInTheWay = [&](const auto& run) {
-        return run->trial().lane == Lane::kAlone || run->trial().lane == trial.lane;
-    };
-    return trial.lane == Lane::kAlone
-               ? running_.empty()
-               : running_.size() < kMost && std::none_of(running_.begin(), running_.end(), isInTheWay);
-}
-
-// One that has to be alone waits for all before it, and all others wait for it.
-void Checker::startNext()
-{
-    for (auto next = waiting_.begin(); next != waiting_.end();) {
-        const ListedTrial& trial = **next;
-        if (mayStart(trial) && (trial.lane != Lane::kAlone || next == waiting_.begin())) {
-            next = waiting_.erase(next);
-            start(trial);
-        } else if (trial.lane == Lane::kAlone) {
-            return;
-        } else {
-            ++next;
-        }
-    }
-}
-
-void Checker::start(const ListedTrial& trial)
-{
-    const fs::path file = work_.path() / (std::string("page.") + trial.name);
-    const fs::path preload = options_.preload.empty() ? fs::path() : fs::absolute(options_.preload);
-    const std::chrono::seconds patience =
-        std::chrono::seconds(options_.isReboot ? 60 : 0) + std::chrono::seconds(2 * options_.seconds);
-    SharedPage page = makePage(file);
-    running_.push_back(
-        std::make_unique<TrialRun>(trial, std::move(page), argumentsOf(trial, file), preload, patience));
-}
-
-void Checker::waitForNews()
-{
-    std::vector<pollfd> news;
-    for (const auto& run : running_) {
-        news.push_back({run->output(), POLLIN, 0});
-        news.push_back({run->news(), POLLIN, 0});
-    }
-    poll(news.data(), news.size(), 100);
-}
-
-// Of a busy machine nothing is believed at once: what is found once more is the platform's.
-bool Checker::isToBeRepeated(const TrialRun& run)
-{
-    const std::vector<Told> lines = readLines(run.page());
-    const bool hasFound =
-        std::any_of(lines.begin(), lines.end(), [](const Told& line) { return line.kind == Line::kFinding; });
-    return hasFound && run.page().isDisturbed && run.page().isDone &&
-           common::InterruptionWatch::times() == 0 && repeated_.insert(&run.trial()).second;
-}
-
-void Checker::takeEnded()
-{
-    for (auto run = running_.begin(); run != running_.end();) {
-        if (common::InterruptionWatch::times() > 1) {
-            (*run)->kill(); // what it would have put back stays as it is
-        }
-        if (!(*run)->hasEnded()) {
-            ++run;
-            continue;
-        }
-        const std::unique_ptr<TrialRun> ended = std::move(*run);
-        run = running_.erase(run);
-        if (isToBeRepeated(*ended)) {
-            waiting_.insert(waiting_.begin(), &ended->trial());
-            continue;
-        }
-        report_.trials.push_back({&ended->trial(), ended->seconds(), {}});
-        gather(report_.trials.back(), ended->page(), ended->ending());
-    }
-}
-
-// What a trial has changed is put back all the same.
-void Checker::leaveRest()
-{
-    const auto isToBeLeft = [this](const ListedTrial* trial) {
-        return isRefused_ || std::strcmp(trial->name, "settings-restore") != 0;
-    };
-    waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), isToBeLeft), waiting_.end());
+    title_ = trial.title;
+    showNow();
+    const fs::path file = work_.path() / "page";
+    const SharedPage page = makePage(file);
+    const Clock::time_point begin = Clock::now();
+    const Ending ending = runProcess(argumentsOf(trial, file), *page);
+    report_.trials.push_back({&trial, std::chrono::duration<double>(Clock::now() - begin).count(), {}});
+    gather(report_.trials.back(), *page, ending);
 }
 
 CheckReport Checker::run()
 {
-    waiting_ = chosen();
-    count_ = waiting_.size();
-    while (!waiting_.empty() || !running_.empty()) {
-        startNext();
-        showNow();
-        waitForNews();
-        takeEnded();
-        if (isRefused_ || common::InterruptionWatch::times() > 0) {
-            leaveRest();
+    const std::vector<const ListedTrial*> trials = chosen();
+    unsigned int done = 0;
+    for (const ListedTrial* const trial : trials) {
+        percent_ = ++done * 100 / static_cast<unsigned int>(trials.size() + 1);
+        runTrial(*trial);
+        common::InterruptionWatch::check(); // after the trial, which has given the keys their values back
+        if (isRefused_) {
+            report_.notes.emplace_back(
+                "nothing else was tried, as the platform's libraries cannot be loaded");
+            break;
         }
     }
-    common::InterruptionWatch::check();
-    if (isRefused_) {
-        report_.notes.emplace_back("nothing else was tried, as the platform's libraries cannot be loaded");
-    }
-    std::sort(report_.trials.begin(), report_.trials.end(),
-              [](const TrialReport& one, const TrialReport& other) { return one.trial < other.trial; });
     return std::move(report_);
 }
 
 } // namespace
 
 CheckReport checkPlatform(const CheckOptions& options,
-                          const std::function<void(const Progress&)>& showProgress)
+                          const std::function<void(const std::string&, unsigned int)>& showProgress)
 {
     return Checker(options, showProgress).run();
 }

@@ -1,10 +1,8 @@
-// Makes the trials, each in a process of its own with limits of time and some beside each other, and gathers
-// what they tell. This program is not linked to the platform: whatever its libraries do, they do to the
-// trials.
+// Makes the trials, each in a process of its own with limits of time, and gathers what they tell. This
+// program is not linked to the platform: whatever its libraries do, they do to the trials.
 #ifndef PLATFORM_CHECK_CHECKING_H
 #define PLATFORM_CHECK_CHECKING_H
 
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -44,16 +42,10 @@ struct CheckReport {
     unsigned int calls = 0; // of the platform
 };
 
-struct Progress {
-    std::string what; // is being tried
-    unsigned int percent = 0;
-    std::chrono::seconds elapsed{0};
-};
-
-// `showProgress` is called several times a second. Throws WrongUse, Failure, and Interrupted when all is as
-// it was.
+// `showProgress` is called with what is being tried, and percent, several times a second. Throws WrongUse and
+// Failure.
 CheckReport checkPlatform(const CheckOptions& options,
-                          const std::function<void(const Progress&)>& showProgress);
+                          const std::function<void(const std::string&, unsigned int)>& showProgress);
 
 } // namespace platformcheck
 

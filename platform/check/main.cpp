@@ -145,44 +145,6 @@ void requireImage(const std::filesystem::path& file)
     }
 }
 
-// It takes less than half a minute where calls take no time.
-std::string leftOf(const Progress& progress)
-{
-    constexpr std::chrono::seconds kUsual{45};
-    if (progress.elapsed < kUsual || progress.percent == 0) {
-        return "";
-    }
-    const auto left = progress.elapsed.count() * (100 - progress.percent) / progress.percent;
-    return "; calls take their time here, some " + std::to_string(left) + " s are left";
-}
-
-// For who has no line to see it on.
-class Teller
-{
-public:
-    void tell(const Progress& progress, unsigned int seconds)
-    {
-        if (!isAsked_ && progress.what == titleOf("power-changes")) {
-            isAsked_ = true;
-            std::fprintf(
-                stderr,
-                "tarnwick-platform-check: waiting for up to %u s: put the set to standby and back now\n",
-                seconds);
-        }
-        constexpr std::chrono::seconds kPause{45};
-        if (progress.elapsed >= told_ + kPause) {
-            told_ = progress.elapsed;
-            std::fprintf(stderr, "tarnwick-platform-check: %u %% after %lld s (%s)%s\n", progress.percent,
-                         static_cast<long long>(progress.elapsed.count()), progress.what.c_str(),
-                         leftOf(progress).c_str());
-        }
-    }
-
-private:
-    bool isAsked_ = false;
-    std::chrono::seconds told_{0};
-};
-
 int check(const Options& options)
 {
     if (options.isList) {
@@ -198,14 +160,19 @@ int check(const Options& options)
         common::requireWritable(options.junit);
     }
     common::ProgressLine line;
-    Teller teller;
-    const CheckReport report = checkPlatform(options.check, [&](const Progress& progress) {
-        if (line.isDrawn()) {
-            line.show(progress.what + leftOf(progress), progress.percent);
-        } else {
-            teller.tell(progress, options.check.seconds);
-        }
-    });
+    bool isAsked = false;
+    const CheckReport report =
+        checkPlatform(options.check, [&](const std::string& what, unsigned int percent) {
+            if (line.isDrawn()) {
+                line.show(what, percent);
+            } else if (!isAsked && what == titleOf("power-changes")) {
+                isAsked = true; // who is at the set has no line to see it on
+                std::fprintf(
+                    stderr,
+                    "tarnwick-platform-check: waiting for up to %u s: put the set to standby and back now\n",
+                    options.check.seconds);
+            }
+        });
     line.clear();
     options.isJson ? printForPrograms(report) : printForPeople(report);
     if (!options.junit.empty()) {

@@ -3,12 +3,8 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <gio/gio.h>
-#include <iterator>
-#include <string>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 #include "applaunch.h"
@@ -98,22 +94,6 @@ std::string nameIsFree()
     return hasOwner == FALSE ? "" : "the daemon's name has an owner";
 }
 
-std::string threadsThatComeAndGo()
-{
-    return growth("descriptors", openDescriptors, 5, [] { std::thread(pwrctl_get_state).join(); });
-}
-
-long ownChildren()
-{
-    std::ifstream in("/proc/self/task/" + std::to_string(getpid()) + "/children");
-    return std::distance(std::istream_iterator<std::string>(in), {});
-}
-
-std::string helpersOfFlags()
-{
-    return growth("children", ownChildren, 5, [] { FlagpostEventDone("/tmp/.proof-helpers"); });
-}
-
 } // namespace
 
 const std::vector<Proof>& processProofs()
@@ -122,8 +102,6 @@ const std::vector<Proof>& processProofs()
         {"process-directory", directoryKept},
         {"process-children-ignored", childrenKept},
         {"process-umask", maskKept},
-        {"process-thread-descriptors", threadsThatComeAndGo},
-        {"process-helpers-left", helpersOfFlags},
         {"process-locale",
          [] {
              return launch(

@@ -1,5 +1,4 @@
 // applaunch.h, sysprop.h, flagpost.h, hangwatch.h, appbinary_manager.h
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
@@ -9,7 +8,6 @@
 
 #include "appbinary_manager.h"
 #include "applaunch.h"
-#include "common/glib-pointers.h"
 #include "flagpost.h"
 #include "hangwatch.h"
 #include "sysprop.h"
@@ -77,31 +75,6 @@ std::string nullRequest()
     return applaunch_set_app_id(nullptr, "com.olvessa.tv.proof") < 0 ? "" : "success without a request";
 }
 
-std::string afterFailures()
-{
-    applaunch_h request = newRequest();
-    for (int time = 0; time < 4; ++time) {
-        applaunch_send_launch_request(request, nullptr, nullptr); // without an application
-    }
-    applaunch_set_app_id(request, "com.olvessa.tv.proof");
-    const int result = applaunch_send_launch_request(request, nullptr, nullptr);
-    applaunch_destroy(request);
-    return result == 0 ? "" : "refused after failures";
-}
-
-std::atomic<bool> isReplyElsewhere{false};
-
-std::string threadOfReply()
-{
-    static const std::thread::id self = std::this_thread::get_id();
-    applaunch_h request = newRequest();
-    applaunch_set_app_id(request, "com.olvessa.tv.proof");
-    const auto note = [](applaunch_h, int, void*) { isReplyElsewhere = std::this_thread::get_id() != self; };
-    applaunch_send_launch_request(request, note, nullptr);
-    runLoop(300);
-    return isReplyElsewhere ? "the reply came on another thread" : "";
-}
-
 // ---- System information ----
 
 std::string ownText()
@@ -137,14 +110,6 @@ std::string unknownProperty()
     const bool hasText = text != nullptr;
     free(text);
     return hasSucceeded && !hasText ? "success, and no text" : "";
-}
-
-std::string busIsOpen()
-{
-    const common::GlibPointer<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
-    g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
-    ownText();
-    return g_dbus_connection_is_closed(bus.get()) == FALSE ? "" : "the process's connection is closed";
 }
 
 // ---- Flags ----
@@ -204,18 +169,6 @@ std::string raisedTwice()
     FlagpostEventDone(kFlag);
     FlagpostResetEvent(kFlag);
     return "";
-}
-
-std::string twentyFlags()
-{
-    int refused = 0;
-    for (int flag = 0; flag < 20; ++flag) {
-        refused += FlagpostEventDone((kFlag + std::to_string(flag)).c_str()) == 0 ? 0 : 1;
-    }
-    for (int flag = 0; flag < 20; ++flag) {
-        FlagpostResetEvent((kFlag + std::to_string(flag)).c_str());
-    }
-    return refused == 0 ? "" : std::to_string(refused) + " of twenty were refused";
 }
 
 std::string descriptorOfTheCaller()
@@ -287,28 +240,12 @@ std::string unknownPackage()
     return "";
 }
 
-std::string identifierOfItsTime()
-{
-    const std::string wanted = "emp" + std::to_string(getpid()); // nobody else's
-    std::ofstream("/srv/feed/" + wanted + ".img") << "image";
-    {
-        std::string name = wanted;
-        appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, name);
-        name.assign(name.size(), '#');
-        usleep(100000);
-    }
-    const Json::Value packages = vset::ControlClient::inside().snapshot()["packages"];
-    return packages.toStyledString().find(wanted) != std::string::npos ? "" : "another one was asked for";
-}
-
 } // namespace
 
 const std::vector<Proof>& serviceProofs()
 {
     static const std::vector<Proof> proofs = {
         {"launch-no-handle", madeAndDestroyed},
-        {"launch-given-up", afterFailures},
-        {"launch-replied-elsewhere", threadOfReply},
         {"launch-freed-twice", madeAndDestroyed, kAborted},
         {"launch-never-freed",
          [] { return growth("KiB", residentKilobytes, 2000, [] { madeAndDestroyed(); }); }},
@@ -317,13 +254,11 @@ const std::vector<Proof>& serviceProofs()
         {"launch-null-request-crashes", nullRequest, kSegmentationFault},
         {"launch-waits-for-answer", [] { return sent("com.olvessa.tv.proof"); }, kHangs},
         {"property-static", ownText, kAborted},
-        {"property-closes-bus", busIsOpen},
         {"property-success-without-value", unknownProperty},
         {"property-freed-again", twoTexts},
         {"property-copy-kept", [] { return growth("KiB", residentKilobytes, 1500, [] { ownText(); }); }},
         {"property-crashes-unknown", unknownProperty, kSegmentationFault},
         {"flags-inverted", raised},
-        {"flags-sixteen", twentyFlags},
         {"flags-never-lowered", lowered},
         {"flags-names-cut", flagsApart},
         {"flags-of-the-process", flagOfAnotherProcess},
@@ -345,7 +280,6 @@ const std::vector<Proof>& serviceProofs()
         {"package-unknown-waits", unknownPackage, kHangs},
         {"package-null-callback-called", unknownPackage, kSegmentationFault},
         {"package-told-elsewhere", threadOfPackage},
-        {"package-identifier-kept", identifierOfItsTime},
     };
     return proofs;
 }

@@ -12,7 +12,6 @@
 #include <gio/gio.h>
 #include <iterator>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 #include "common/files/unique-fd.h"
@@ -146,36 +145,6 @@ void judgeProcess(Trial& trial, const common::ProcessState& before, const Sentin
     trial.require(lost < 0, FindingId::DescriptorClosed, "number " + std::to_string(lost));
 }
 
-// Asks the bus, over a connection of its own, how it is, for as long as the trial takes.
-void watchNoise(Trial& trial)
-{
-    const common::GlibPointer<char> address(
-        g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
-    constexpr auto kFlags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    const common::GlibPointer<GDBusConnection> bus(
-        address == nullptr
-            ? nullptr
-            : g_dbus_connection_new_for_address_sync(address.get(), kFlags, nullptr, nullptr, nullptr));
-    while (bus != nullptr) {
-        const std::int64_t begin = common::realNow();
-        const common::GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
-            bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer", "Ping",
-            nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr));
-        trial.keepNoise(std::chrono::nanoseconds(common::realNow() - begin));
-        if (reply == nullptr) {
-            return;
-        }
-        std::this_thread::sleep_for(20ms);
-    }
-}
-
-// Those whose writes are watched write nothing else.
-bool hasNoiseWatched(const std::string& name)
-{
-    return name.find("logger") == std::string::npos;
-}
-
 int runTrial(const std::string& name, const TrialOptions& options)
 {
     const SharedPage page = openPage(options.page);
@@ -190,17 +159,11 @@ int runTrial(const std::string& name, const TrialOptions& options)
     if (bus != nullptr) {
         g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
     }
-    static Trial trial(*page, options); // for a thread that ends with the process
-    if (hasNoiseWatched(name)) {
-        std::thread([] { watchNoise(trial); }).detach();
-        std::this_thread::sleep_for(10ms); // it is there before anything is counted
-    }
+    Trial trial(*page, options);
     const Sentinels sentinels;
     const common::ProcessState before = common::ProcessState::now();
     kind->run(trial);
     judgeProcess(trial, before, sentinels);
-    trial.require(bus == nullptr || g_dbus_connection_is_closed(bus.get()) == FALSE,
-                  FindingId::ConnectionLost, "the process's connection is closed");
     trial.judgeTimes();
     page->isDone = true;
     std::fflush(nullptr);
