@@ -207,6 +207,26 @@ TEST_F(WriteWatchTest, EveryKindOfWriteCanBeSpoilt)
     EXPECT_THAT(positions, ElementsAre(0U, 3U, 6U, 9U, 12U));
 }
 
+// The kernel takes as much as there is, or refuses all of it; who watches takes nothing.
+TEST_F(WriteWatchTest, AWriteOfMoreThanAnyMemoryHoldsCannotBeSpoilt)
+{
+    const auto work = [this] {
+        const int file = open(chip().c_str(), O_WRONLY | O_CREAT, 0600);
+        const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+        void* const two = mmap(nullptr, 2 * page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        munmap(static_cast<char*>(two) + page, page);
+        constexpr std::size_t kHuge = std::size_t{1} << (sizeof(std::size_t) * 8 - 2);
+        const ssize_t written = write(file, two, kHuge);
+        const bool isKernels = written == static_cast<ssize_t>(page) || (written == -1 && errno == EFAULT);
+        (void)!pwrite(file, isKernels ? "+" : "-", 1, 0);
+    };
+    watch(work, 0, [](vset::WriteWatch& watch, const vset::HardwareWrite& write, std::size_t number) {
+        EXPECT_EQ(number == 1 && watch.spoil(write), false);
+        watch.allow(write);
+    });
+    EXPECT_EQ(chipContent().substr(0, 1), "+");
+}
+
 TEST_F(WriteWatchTest, AKilledProcessHasWrittenWhatCameBefore)
 {
     const auto work = [this] {

@@ -65,8 +65,8 @@ int run(RunArguments& arguments, std::optional<std::size_t> wordsBehindDashes)
     RunOptions& options = arguments.run;
     options.binds.assign(arguments.binds.begin(), arguments.binds.end());
     std::error_code error;
-    const bool isAllBehindDashes = wordsBehindDashes && *wordsBehindDashes > options.command.size();
-    if (isAllBehindDashes && !arguments.isTemporary && !fs::is_directory(arguments.set, error)) {
+    const bool isCommandAlone = wordsBehindDashes && !isMeantForSet(arguments, wordsBehindDashes);
+    if (isCommandAlone && !arguments.isTemporary && !fs::is_directory(arguments.set, error)) {
         throw common::WrongUse("run: SET is required before the -- (or --temporary)");
     }
     if (arguments.isTemporary && !arguments.set.empty()) {

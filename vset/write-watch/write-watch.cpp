@@ -278,9 +278,10 @@ bool isFlushedByItself(const Call& call, const seccomp_notif& notice)
 // What only begins to write, or not even that, orders nothing.
 bool isNoFlush(const seccomp_notif& notice)
 {
-    const auto is = [&](const char* call) { return seccomp_syscall_resolve_name(call) == notice.data.nr; };
-    return (is("msync") && (notice.data.args[2] & MS_SYNC) == 0) ||
-           (is("sync_file_range") && (notice.data.args[3] & SYNC_FILE_RANGE_WAIT_AFTER) == 0);
+    static const int msyncNumber = seccomp_syscall_resolve_name("msync"); // each call that waits is looked at
+    static const int rangeNumber = seccomp_syscall_resolve_name("sync_file_range");
+    return (notice.data.nr == msyncNumber && (notice.data.args[2] & MS_SYNC) == 0) ||
+           (notice.data.nr == rangeNumber && (notice.data.args[3] & SYNC_FILE_RANGE_WAIT_AFTER) == 0);
 }
 
 std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
@@ -395,6 +396,7 @@ struct Transfer {
 };
 constexpr Transfer kTransfers[] = {{"sendfile", 1, 2, 0, -1}, {"copy_file_range", 0, 1, 2, 3}};
 constexpr std::uint64_t kMostSpoilt = 8 << 20; // bytes; a transfer may always do a part only
+constexpr std::uint64_t kMostTaken = 1 << 30; // of another process's memory; who asks for more has not got it
 
 const Transfer* transferOf(const HardwareWrite& write)
 {
@@ -417,6 +419,9 @@ std::vector<char> memoryOf(const HardwareWrite& write)
             return {};
         }
     } else if (write.call != "write" && write.call != "pwrite64") {
+        return {};
+    }
+    if (write.bytes > kMostTaken) {
         return {};
     }
     std::vector<char> data(write.bytes);

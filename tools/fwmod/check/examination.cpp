@@ -322,11 +322,7 @@ void Examination::tellMeasured(const Measured& measured)
     job_.isOfferNewer = measured.isOfferNewer;
     job_.bytes = measured.bytes;
     job_.holders = measured.holders;
-    job_.middleWrite = measured.middleWrite;
-    job_.lateWrite = measured.lateWrite;
-    job_.keyWrites = measured.keyWrites;
-    job_.lastWrites = measured.lastWrites;
-    job_.flushes = measured.flushes;
+    job_.faults = measured.faults;
     job_.measured = measured.duration.value_or(0);
 }
 

@@ -20,8 +20,8 @@ namespace fwmod::examiner
 using common::realNow; // limits are in the PC's own time, also in a set whose clock is faster
 
 struct BlackBox {
-    static constexpr int kThreads =
-        2; // that call the library at the same time: the update, and what is asked meanwhile
+    // That call the library at the same time: the update, and what is asked meanwhile.
+    static constexpr int kThreads = 2;
 
     struct Call {
         std::atomic<std::int64_t> deadline; // in realNow(); 0 while none is under way

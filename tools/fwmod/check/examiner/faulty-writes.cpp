@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <set>
+#include <system_error>
 
 #include "tools/fwmod/check/examiner/hardware-copy.h"
 #include "tools/fwmod/check/examiner/held-image.h"
@@ -111,6 +113,37 @@ void judgeFlushes(const Writes& writes, Report& report)
     judgeLastFlush(writes, report);
 }
 
+std::vector<SeenWrite> unflushedContent(const Writes& writes)
+{
+    std::vector<SeenWrite> open;
+    for (const SeenWrite& write : writes.all) {
+        addTo(open, write);
+    }
+    remove(open, [](const SeenWrite& write) { return !write.position; });
+    return open;
+}
+
+void lose(const SeenWrite& write, const Machine& machine)
+{
+    std::error_code none;
+    const std::uintmax_t size = std::filesystem::file_size(machine.file(write.path), none);
+    if (none || *write.position >= size) {
+        return; // with its name, or it was asked for alone
+    }
+    std::string old(std::min<std::uintmax_t>(write.bytes, size - *write.position), '\0');
+    std::ifstream before(write.path, std::ios::binary); // the set's own, from which machines are made
+    before.seekg(static_cast<std::streamoff>(*write.position));
+    before.read(old.data(), static_cast<std::streamsize>(old.size()));
+    std::fstream now(machine.file(write.path), std::ios::binary | std::ios::in | std::ios::out);
+    now.seekp(static_cast<std::streamoff>(*write.position));
+    now.write(old.data(), static_cast<std::streamsize>(old.size()));
+}
+
+// ---- Which writes are to fail ----
+
+namespace
+{
+// Where this part of the content is written.
 unsigned int writeAtPart(const Writes& writes, double part)
 {
     std::uint64_t before = 0;
@@ -124,7 +157,8 @@ unsigned int writeAtPart(const Writes& writes, double part)
     return 0;
 }
 
-std::set<unsigned int> keyWrites(const Writes& writes)
+// The first and the last one of the content, and those that name a file.
+std::set<unsigned int> keyWritesOf(const Writes& writes)
 {
     constexpr std::size_t kMostNames = 3;
     std::set<unsigned int> chosen;
@@ -144,6 +178,7 @@ std::set<unsigned int> keyWrites(const Writes& writes)
     return chosen;
 }
 
+// Where the content of each file ends, of a few.
 std::set<unsigned int> lastOfEachFile(const Writes& writes)
 {
     constexpr std::size_t kMost = 4;
@@ -162,27 +197,6 @@ std::set<unsigned int> lastOfEachFile(const Writes& writes)
     return chosen;
 }
 
-std::vector<SeenWrite> unflushedContent(const Writes& writes)
-{
-    std::vector<SeenWrite> open;
-    for (const SeenWrite& write : writes.all) {
-        addTo(open, write);
-    }
-    remove(open, [](const SeenWrite& write) { return !write.position; });
-    return open;
-}
-
-void lose(const SeenWrite& write, const Machine& machine)
-{
-    std::string old(write.bytes, '\0');
-    std::ifstream before(write.path, std::ios::binary); // the set's own, from which machines are made
-    before.seekg(static_cast<std::streamoff>(*write.position));
-    before.read(old.data(), static_cast<std::streamsize>(old.size()));
-    std::fstream now(machine.file(write.path), std::ios::binary | std::ios::in | std::ios::out);
-    now.seekp(static_cast<std::streamoff>(*write.position));
-    now.write(old.data(), static_cast<std::streamsize>(old.size()));
-}
-
 std::set<unsigned int> flushesToFail(const Writes& writes)
 {
     constexpr unsigned int kMost = 3; // at the beginning, and as many at the end
@@ -195,6 +209,15 @@ std::set<unsigned int> flushesToFail(const Writes& writes)
         }
     }
     return chosen;
+}
+} // namespace
+
+FaultPlaces faultPlacesOf(const Writes& writes)
+{
+    constexpr double kMiddle = 0.5;
+    constexpr double kLate = 0.8; // behind a copy of the old firmware, before a spare one of the new
+    return {writeAtPart(writes, kMiddle), writeAtPart(writes, kLate), keyWritesOf(writes),
+            lastOfEachFile(writes), flushesToFail(writes)};
 }
 
 // ---- Faults ----
@@ -270,11 +293,12 @@ void failWrite(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
     Machine machine;
-    const Session session = runWith(supervisor, machine, updateAndAgain, {true, 0, job.middleWrite}, report);
-    if (!isReached(session, job.middleWrite)) {
+    const Session session =
+        runWith(supervisor, machine, updateAndAgain, {true, 0, job.faults.middleWrite}, report);
+    if (!isReached(session, job.faults.middleWrite)) {
         return;
     }
-    const std::string what = nameOf(session, job.middleWrite);
+    const std::string what = nameOf(session, job.faults.middleWrite);
     const Json::Value& told = session.told;
     if (!told.isMember("failure")) {
         if (isSuccess(session) && !isHeld(machine, imageOf(job), job.holders)) {
@@ -353,10 +377,10 @@ void spoilWrite(Supervisor& supervisor, unsigned int write, bool isImageOnly, Re
 void spoilWrites(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
-    std::set<unsigned int> others = job.lastWrites;
-    for (const unsigned int write : {job.middleWrite, job.lateWrite}) {
+    std::set<unsigned int> others = job.faults.lastWrites;
+    for (const unsigned int write : {job.faults.middleWrite, job.faults.lateWrite}) {
         others.erase(write);
-        const bool isLate = write == job.lateWrite; // no copy of the old firmware any more
+        const bool isLate = write == job.faults.lateWrite; // no copy of the old firmware any more
         if (write != 0 && (isLate || !job.holders.empty()) && !report.has(FindingId::NotReadBack)) {
             spoilWrite(supervisor, write, false, report);
         }
@@ -378,10 +402,10 @@ std::string resultOf(unsigned int update)
 std::vector<Worker::Fault> faultsOf(const Job& job)
 {
     std::vector<Worker::Fault> faults;
-    for (const unsigned int write : job.keyWrites) {
+    for (const unsigned int write : job.faults.keyWrites) {
         faults.push_back({false, write});
     }
-    for (const unsigned int flush : job.flushes) {
+    for (const unsigned int flush : job.faults.flushes) {
         faults.push_back({true, flush});
     }
     constexpr std::size_t kLeast = 3; // what is lost each time is to be seen
@@ -484,11 +508,11 @@ void updateFaultyHardware(Supervisor& supervisor, Report& report)
     if (!job.isRepeatable) {
         return;
     }
-    if (!job.holders.empty() && job.middleWrite != 0) {
+    if (!job.holders.empty() && job.faults.middleWrite != 0) {
         failWrite(supervisor, report);
     }
     spoilWrites(supervisor, report);
-    if (!job.flushes.empty() || !job.keyWrites.empty()) {
+    if (!job.faults.flushes.empty() || !job.faults.keyWrites.empty()) {
         failOneByOne(supervisor, report);
     }
 }

@@ -237,7 +237,7 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
 // further on.
 std::set<unsigned int> secondCuts(const Job& job)
 {
-    return {1, 2, 3, job.middleWrite, job.lateWrite, job.lateWrite + 1};
+    return {1, 2, 3, job.faults.middleWrite, job.faults.lateWrite, job.faults.lateWrite + 1};
 }
 
 // Nothing when the hardware answers as it must.
@@ -254,7 +254,7 @@ std::optional<Finding> cutAgain(Supervisor& supervisor, const Machine& first, un
         return std::nullopt;
     }
     return Finding{FindingId::DeadAfterCut,
-                   "the power was cut at write " + std::to_string(supervisor.job().lateWrite) +
+                   "the power was cut at write " + std::to_string(supervisor.job().faults.lateWrite) +
                        ", and in the next update at write " + std::to_string(write) + ": " + noAnswer};
 }
 
@@ -323,11 +323,11 @@ std::optional<Finding> updateOverRemains(Supervisor& supervisor, Machine& machin
 void cutPowerTwice(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
-    if (!job.isRepeatable || job.lateWrite == 0) {
+    if (!job.isRepeatable || job.faults.lateWrite == 0) {
         return;
     }
     Machine machine;
-    if (!supervisor.run(machine, updateUntilCut, {true, job.lateWrite}).isCut) {
+    if (!supervisor.run(machine, updateUntilCut, {true, job.faults.lateWrite}).isCut) {
         return;
     }
     for (const unsigned int write : secondCuts(job)) {
@@ -340,11 +340,11 @@ void cutPowerTwice(Supervisor& supervisor, Report& report)
 void updateAfterAnotherImage(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
-    if (!job.isRepeatable || job.lateWrite == 0) {
+    if (!job.isRepeatable || job.faults.lateWrite == 0) {
         return;
     }
     Machine machine;
-    const Session cut = supervisor.run(machine, updateUntilCut, {true, job.lateWrite});
+    const Session cut = supervisor.run(machine, updateUntilCut, {true, job.faults.lateWrite});
     const std::optional<SeenWrite> block = blockWritten(cut.writes);
     if (!cut.isCut || !block || !changeByteOf(*block, machine)) {
         return;

@@ -32,8 +32,6 @@ constexpr double kOddRatio = 700;     // of the expected time to the measured on
 constexpr unsigned int kLittle = 20;  // percent at which no update ends
 constexpr int kFewSamples = 15;       // one every 10 ms: a shorter update need not be seen to rise
 constexpr int kManySamples = 60;      // at one stage of it: a busy PC may have looked at no other
-constexpr double kMiddle = 0.5;       // of the bytes that an update writes
-constexpr double kLate = 0.8;         // behind a copy of the old firmware, before a spare one of the new
 
 std::string inSeconds(double seconds)
 {
@@ -425,11 +423,7 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
     judgeDuration(session, job, report);
     judgeContent(machine, job, report);
     judgeFlushes(session.writes, report);
-    report.measured.middleWrite = writeAtPart(session.writes, kMiddle);
-    report.measured.lateWrite = writeAtPart(session.writes, kLate);
-    report.measured.keyWrites = keyWrites(session.writes);
-    report.measured.lastWrites = lastOfEachFile(session.writes);
-    report.measured.flushes = flushesToFail(session.writes);
+    report.measured.faults = faultPlacesOf(session.writes);
     const bool isVersionTold = !answers.version.empty() && !report.has(FindingId::ChangingAnswer);
     if (isVersionTold) {
         judgeNotes(supervisor, machine, session.told["version"].asString(), report);
@@ -516,11 +510,10 @@ OddImage makeOddImage(const Job& job, const fs::path& directory, const std::stri
 std::vector<OddImage> makeOddImages(const Job& job, const Machine& place)
 {
     const std::string image = imageOf(job);
-    std::vector<OddImage> all = {
+    return {
         makeOddImage(job, place.file("/half"), "the image's first half", image.substr(0, image.size() / 2)),
         makeOddImage(job, place.file("/noise"), "noise", noise(image.size())),
         makeOddImage(job, place.file("/nothing"), "no bytes at all", "")};
-    return all;
 }
 
 constexpr const char* kChanged = "the image with one byte changed";

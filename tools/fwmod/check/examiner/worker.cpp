@@ -342,10 +342,7 @@ void complainOfSlowness(const Worker& worker, const std::string& name, const Ret
     std::snprintf(text, sizeof text, " took %.1f s", returned.taken.count());
     worker.found(id, name + text);
 }
-} // namespace
 
-namespace
-{
 // Older linkers put them into every library.
 bool isLinkersName(const std::string& name)
 {

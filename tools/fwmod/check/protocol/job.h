@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/fwmod/check/protocol/fault-places.h"
+
 namespace fwmod
 {
 
@@ -34,15 +36,11 @@ struct Job {
     std::string versionBefore; // that it replaced
     std::string versionAfter;  // and brought
     std::map<std::string, std::uint64_t>
-        holders;                       // files of the hardware with the image in them behind it, and sizes
-    unsigned int middleWrite = 0;      // of its content, by number from 1; 0: none was seen
-    unsigned int lateWrite = 0;        // of its content as well, where most of it is written
-    std::set<unsigned int> keyWrites;  // by number from 1: those that are to fail beside the middle one
-    std::set<unsigned int> lastWrites; // of each file, a few, as well
-    std::set<unsigned int> flushes;    // of its flushes, by number from 1: those that are to fail
-    bool isRepeatable = false;         // it worked, and can be repeated
-    bool isVersionTold = false;        // when nothing is wrong, and the same each time
-    bool isOfferNewer = false;         // by the library's own judgement
+        holders; // files of the hardware with the image in them behind it, and sizes
+    FaultPlaces faults;
+    bool isRepeatable = false;  // it worked, and can be repeated
+    bool isVersionTold = false; // when nothing is wrong, and the same each time
+    bool isOfferNewer = false;  // by the library's own judgement
 
     std::set<unsigned int> cuts; // the writes, from 1, before which the power is cut
     bool isCutsOnly = false;     // leave out everything else

@@ -33,6 +33,16 @@ void exchange(Exchange& member, CutTrial& trial)
 }
 
 template <typename Exchange>
+void exchange(Exchange& member, FaultPlaces& places)
+{
+    member("middleWrite", places.middleWrite);
+    member("lateWrite", places.lateWrite);
+    member("keyWrites", places.keyWrites);
+    member("lastWrites", places.lastWrites);
+    member("flushes", places.flushes);
+}
+
+template <typename Exchange>
 void exchange(Exchange& member, Measured& measured)
 {
     member("loaded", measured.isLoaded);
@@ -46,11 +56,7 @@ void exchange(Exchange& member, Measured& measured)
     member("repeatable", measured.isRepeatable);
     member("bytes", measured.bytes);
     member("holders", measured.holders);
-    member("middleWrite", measured.middleWrite);
-    member("lateWrite", measured.lateWrite);
-    member("keyWrites", measured.keyWrites);
-    member("lastWrites", measured.lastWrites);
-    member("flushes", measured.flushes);
+    member("faults", measured.faults);
     member("writes", measured.writes);
     member("duration", measured.duration);
     member("proposedExpectedTime", measured.proposedExpectedTime);
@@ -92,11 +98,7 @@ void exchange(Exchange& member, Job& job)
     member("measured", job.measured);
     member("bytes", job.bytes);
     member("holders", job.holders);
-    member("middleWrite", job.middleWrite);
-    member("lateWrite", job.lateWrite);
-    member("keyWrites", job.keyWrites);
-    member("lastWrites", job.lastWrites);
-    member("flushes", job.flushes);
+    member("faults", job.faults);
     member("versionBefore", job.versionBefore);
     member("versionAfter", job.versionAfter);
     member("repeatable", job.isRepeatable);

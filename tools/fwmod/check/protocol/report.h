@@ -11,6 +11,7 @@
 #include <variant>
 #include <vector>
 
+#include "tools/fwmod/check/protocol/fault-places.h"
 #include "tools/fwmod/check/protocol/findings.h"
 
 namespace fwmod
@@ -37,12 +38,8 @@ struct Measured {
     bool isRepeatable = false;  // and the right version was told: an update can be judged by it
     std::uint64_t bytes = 0;    // written
     std::map<std::string, std::uint64_t>
-        holders;                       // files of the hardware with the image in them behind it, and sizes
-    unsigned int middleWrite = 0;      // of its content, by number from 1; 0: none was seen
-    unsigned int lateWrite = 0;        // of its content as well, where most of it is written
-    std::set<unsigned int> keyWrites;  // by number from 1: those that are to fail beside the middle one
-    std::set<unsigned int> lastWrites; // of each file, a few, as well
-    std::set<unsigned int> flushes;    // of its flushes, by number from 1: those that are to fail
+        holders; // files of the hardware with the image in them behind it, and sizes
+    FaultPlaces faults;
     std::optional<unsigned int> writes;
     std::optional<double> duration;
     std::optional<unsigned int> proposedExpectedTime;

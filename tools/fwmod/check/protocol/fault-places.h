@@ -1,0 +1,21 @@
+// Which writes and flushes of an update are to fail or to go wrong, as one that nothing disturbed has shown.
+#ifndef TOOLS_FWMOD_CHECK_PROTOCOL_FAULT_PLACES_H
+#define TOOLS_FWMOD_CHECK_PROTOCOL_FAULT_PLACES_H
+
+#include <set>
+
+namespace fwmod
+{
+
+// All by number, from 1; 0: none was seen.
+struct FaultPlaces {
+    unsigned int middleWrite = 0;      // of the content
+    unsigned int lateWrite = 0;        // of the content as well, where most of it is written
+    std::set<unsigned int> keyWrites;  // the first and the last of the content, and those that name a file
+    std::set<unsigned int> lastWrites; // where the content of each file ends, of a few
+    std::set<unsigned int> flushes;    // of the flushes that can fail: some at the beginning and at the end
+};
+
+} // namespace fwmod
+
+#endif
