@@ -62,6 +62,8 @@ init_of() {
     [ "${init:-0}" -gt 1 ] && echo "$init"
 }
 is_up() { "$vset" exec "$1" -- true 2>/dev/null; }
+# On, with all its services: its first process is there before them.
+comes_up() { "$vset" wait "$1" on --limit 90 >/dev/null; }
 is_gone() { ! kill -0 "$1" 2>/dev/null; }
 
 conclude() {

@@ -109,7 +109,7 @@ rm "$set_/.vset" && mv "$set_/.kept" "$set_/.vset"
 "$vset" run "$set_" -- sleep 1000 2>/dev/null &
 leader=$!
 started+=("$leader")
-within 90 is_up "$set_" || fail "the set does not come up"
+comes_up "$set_" || fail "the set does not come up"
 init=$(init_of "$set_")
 rm "$set_/.vset/lock"
 ends 1 "already running" "the lock is gone" "$vset" run "$set_" -- true
@@ -164,7 +164,7 @@ ln -s "$work" "$set_/root/srv/out" && ln -s /srv/feed "$set_/root/srv/in"
 "$vset" run "$set_" -- sleep 1000 2>/dev/null &
 leader=$!
 started+=("$leader")
-within 90 is_up "$set_" || fail "the set does not come up"
+comes_up "$set_" || fail "the set does not come up"
 ends 1 "it is not there" "a link to the PC" "$vset" wait "$set_" file /srv/out/kept-file "${short[@]}"
 ends 0 "" "a link in the set" "$vset" wait "$set_" file /srv/in/empTuner.img "${short[@]}"
 ends 0 "" "a file of the set" "$vset" wait "$set_" file //srv/feed/empTuner.img "${short[@]}"
@@ -226,7 +226,7 @@ rm -f "$set_/root/var/log/platform.log"
 "$vset" run "$set_" --clock-rate 1 -- sleep 1000 2>/dev/null &
 leader=$!
 started+=("$leader")
-within 90 is_up "$set_" || fail "the set does not come up"
+comes_up "$set_" || fail "the set does not come up"
 for kind in pipe socket directory device circle; do
     refused root/var/log/platform.log $kind wait "$set_" says x "${short[@]}"
 done

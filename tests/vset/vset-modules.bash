@@ -31,7 +31,7 @@ library dying 'raise(SIGSEGV)'
 : >"$work/run"
 "$vset" run "$set_" -- sleep 1000 2>"$work/run" &
 started+=($!)
-within 90 is_up "$set_" || fail "the set does not come up"
+comes_up "$set_" || fail "the set does not come up"
 before=$("$vset" exec "$set_" -- pgrep -o platformd)
 modules=$("$vset" modules "$set_" 2>&1) || fail "modules: $modules"
 for name in orphan daemon printing group; do

@@ -69,7 +69,7 @@ expect 1 "not running" "$vset" exec "$set_" -- true
 expect 1 "not running" "$vset" clock "$set_"
 "$vset" run "$set_" -- sleep 1000 2>/dev/null &
 started+=($!)
-within 90 is_up "$set_" || fail "the set does not come up"
+comes_up "$set_" || fail "the set does not come up"
 expect 1 "already running" "$vset" run "$set_" -- true
 expect 5 "" "$vset" exec "$set_" -- sh -c 'exit 5'
 expect 0 "1 vset" "$vset" exec "$set_" -- sh -c 'echo 1 $(cat /proc/1/comm)'
@@ -94,7 +94,7 @@ expect 1 "without blanks" "$work/with blank/vset" run "$set_" --clock-rate 1 -- 
 "$vset" run "$set_" -- sh -c 'trap "" TERM; while :; do sleep 1; done' 2>/dev/null &
 leader=$!
 started+=("$leader")
-within 90 is_up "$set_" || fail "the set does not come up"
+comes_up "$set_" || fail "the set does not come up"
 kill -TERM "$leader"
 within 90 is_gone "$leader" || fail "a deaf command keeps its set alive"
 conclude

@@ -60,7 +60,7 @@ first=$(init_of "$set_") || { fail "the set has no PID 1"; conclude; }
 touch "$set_/root/var/lib/platform/before"
 end_with 11
 within 90 boots 2 || fail "no second boot: $(cat "$work/said")"
-within 90 is_up "$set_"
+comes_up "$set_"
 [ "$(init_of "$set_")" != "$first" ] || fail "PID 1 outlives a reboot"
 is_gone "$first" || fail "the old PID 1 is still there"
 [ -e "$set_/root/var/lib/stays" ] || fail "a reboot loses files"
@@ -140,7 +140,7 @@ for signal in TERM INT; do
     "$vset" run "$set_" >"$work/said" 2>&1 &
     leader=$!
     started+=("$leader")
-    within 90 is_up "$set_" || fail "the television does not come up"
+    comes_up "$set_" || fail "the television does not come up"
     kill -$signal "$leader"
     within 90 is_gone "$leader" || fail "SIG$signal does not end the television"
     expect 1 "not running" "$vset" exec "$set_" -- true
