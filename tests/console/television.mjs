@@ -7,7 +7,7 @@ import {join} from "node:path";
 import {chromium} from "playwright-core";
 
 const {VSET, EXAMPLES, FWMOD, WORK, TEST_KEYS} = process.env;
-export const kPatience = 60000; // ms; the machine may be loaded
+export const kPatience = 120000; // ms; the machine may be loaded
 
 export async function waitFor(what, condition, limit = kPatience) {
   const end = Date.now() + limit;
