@@ -20,6 +20,7 @@ struct GlibDeleter {
     void operator()(char* text) const { g_free(text); }
     void operator()(char** texts) const { g_strfreev(texts); }
     void operator()(GDBusConnection* connection) const { g_object_unref(connection); }
+    void operator()(GIOStream* stream) const { g_object_unref(stream); }
     void operator()(GSocket* socket) const { g_object_unref(socket); }
     void operator()(GSocketConnection* connection) const { g_object_unref(connection); }
     void operator()(GCancellable* cancellable) const { g_object_unref(cancellable); }

@@ -16,6 +16,7 @@
 
 #include "norlog.h"
 
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -61,6 +62,12 @@ size_t memoryOfPlatform()
     size_t resident = 0;
     file >> all >> resident;
     return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+auto countOpenFiles()
+{
+    const std::string files = "/proc/" + std::to_string(findPlatform()) + "/fd";
+    return std::distance(fs::directory_iterator(files), fs::directory_iterator());
 }
 
 bool isFileIn(const char* directory)
@@ -130,6 +137,17 @@ public:
         return text;
     }
     std::string receiveHead() const { return receiveUntil("\r\n\r\n"); }
+    // Until the other side has said its last; empty when it does not come to that.
+    std::string receiveAll() const
+    {
+        std::string text;
+        char block[4096];
+        ssize_t size = 0;
+        while ((size = recv(socket_, block, sizeof block, 0)) > 0) {
+            text.append(block, static_cast<size_t>(size));
+        }
+        return size == 0 ? text : "";
+    }
 
     bool isClosed() const
     {
@@ -193,6 +211,32 @@ TEST_F(WebServer, AFileThatIsTooLargeIsRefusedAtItsHeader)
     EXPECT_FALSE(isFileIn("/opt/media"));
 }
 
+// Not when all of it has come, or never: nothing of a body is sent here.
+TEST_F(WebServer, WhatIsRefusedIsAnsweredAtItsHeaderAndTheConnectionEnds)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"Content-Length: 300000000", "413"},
+        {"Content-Length: -1", "400"},
+        {"Content-Length: 5, 5", "400"},
+        {"Content-Length: +5", "400"},
+        {"Content-Length:", "400"},
+        {"Content-Length: 99999999999999999999999", "400"},
+        {"Content-Length: 5\r\nContent-Length: 500000000", "400"},
+    };
+    const auto before = countOpenFiles();
+    for (const auto& [header, status] : cases) {
+        const Connection client;
+        client.begin("PUT /usb/f.bin", std::string(header) + "\r\n");
+        const std::string answer = client.receiveAll();
+        EXPECT_THAT(answer, StartsWith(std::string("HTTP/1.1 ") + status)) << header;
+    }
+    EXPECT_TRUE(comesTrue([before] { return countOpenFiles() <= before; }));
+    const Connection foreign;
+    foreign.send("PUT /usb/f.bin HTTP/1.1\r\nHost: elsewhere\r\nTransfer-Encoding: chunked\r\n\r\n");
+    EXPECT_THAT(foreign.receiveAll(), AllOf(StartsWith("HTTP/1.1 403"), HasSubstr("and nothing else.\n")));
+    EXPECT_FALSE(isFileIn("/opt/media"));
+}
+
 TEST_F(WebServer, ABodyThatComesAllTheSameIsNotTakenIntoMemory)
 {
     const Connection client;
@@ -250,7 +294,6 @@ TEST_F(WebServer, AFileInChunksEndsAtTheLimit)
     const std::string block = chunk(kMebibyte);
     for (int count = 0; count < 300 && client.send(block); ++count) {
     }
-    client.send("0\r\n\r\n");
     EXPECT_THAT(client.receiveHead(), StartsWith("HTTP/1.1 413"));
     EXPECT_LT(growth(), kLittle);
     EXPECT_FALSE(isFileIn("/opt/media"));

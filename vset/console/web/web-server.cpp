@@ -7,6 +7,7 @@
 
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
+#include "vset/console/web/early-answer.h"
 #include "vset/platformd/guarded.h"
 
 extern "C" { // generated for C
@@ -50,7 +51,7 @@ const char* typeOf(const std::string& path)
     return "application/octet-stream";
 }
 
-// The file that the request brings; null once it is refused, and for all other requests.
+// The file that the request brings; null for all other requests.
 StickFile* uploadOf(SoupServerMessage* message)
 {
     return static_cast<StickFile*>(g_object_get_data(G_OBJECT(message), kUploadOfRequest));
@@ -66,6 +67,29 @@ bool isUpload(SoupServerMessage* message)
 {
     const std::string path = g_uri_get_path(soup_server_message_get_uri(message));
     return std::strcmp(soup_server_message_get_method(message), "PUT") == 0 && path.rfind(kUploads, 0) == 0;
+}
+
+// 0 when none is announced; nothing for what is no number. libsoup waits without an end for a body of "-1"
+// bytes, or of more than 64 bits tell.
+std::optional<goffset> announcedLength(SoupServerMessage* message)
+{
+    constexpr size_t kMostDigits = 18;
+    const char* const announced =
+        soup_message_headers_get_list(soup_server_message_get_request_headers(message), "Content-Length");
+    if (announced == nullptr) {
+        return 0;
+    }
+    const std::string digits = announced;
+    const bool isNumber = !digits.empty() && digits.size() <= kMostDigits &&
+                          digits.find_first_not_of("0123456789") == std::string::npos;
+    return isNumber ? std::optional<goffset>(std::stoll(digits)) : std::nullopt;
+}
+
+bool isBodyToCome(SoupServerMessage* message)
+{
+    SoupMessageHeaders* const headers = soup_server_message_get_request_headers(message);
+    return soup_message_headers_get_list(headers, "Transfer-Encoding") != nullptr ||
+           announcedLength(message) != 0;
 }
 
 void answer(SoupServerMessage* message, guint status, const std::string& text)
@@ -143,8 +167,6 @@ void WebServer::onRequestStarted(SoupServer*, SoupServerMessage* message, gpoint
 
 std::optional<WebServer::Refusal> WebServer::refusalOf(SoupServerMessage* message) const
 {
-    const goffset length =
-        soup_message_headers_get_content_length(soup_server_message_get_request_headers(message));
     const bool isRead = std::strcmp(soup_server_message_get_method(message), "GET") == 0 ||
                         std::strcmp(soup_server_message_get_method(message), "HEAD") == 0;
     if (!isForUs(message)) {
@@ -153,7 +175,11 @@ std::optional<WebServer::Refusal> WebServer::refusalOf(SoupServerMessage* messag
     if (!isRead && !isFromOurPage(message)) {
         return Refusal{SOUP_STATUS_FORBIDDEN, "Only the console's own page may do that."};
     }
-    if (length > kMostUpload) {
+    const auto length = announcedLength(message);
+    if (!length) {
+        return Refusal{SOUP_STATUS_BAD_REQUEST, "The Content-Length is no number of bytes."};
+    }
+    if (*length > kMostUpload) {
         return Refusal{SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE,
                        "The file is too large: a stick takes files of " + std::to_string(kMostUpload >> 20) +
                            " MiB."};
@@ -173,17 +199,22 @@ std::optional<WebServer::Refusal> WebServer::beginUpload(SoupServerMessage* mess
     return std::nullopt;
 }
 
-// A status that is set here ends the request, whatever it asks for: at once when the client has asked for
-// leave to send its body, else after the body, which goes nowhere.
+// What is refused ends here, whatever it asks for, and before its body comes.
 void WebServer::onHeaders(SoupServerMessage* message, gpointer self)
 {
-    const bool isJudged = guarded("a request", [&] {
-        if (const auto refusal = static_cast<const WebServer*>(self)->refusalOf(message)) {
-            answer(message, refusal->status, refusal->text + "\n");
-        }
-    });
+    std::optional<Refusal> refusal;
+    const bool isJudged =
+        guarded("a request", [&] { refusal = static_cast<const WebServer*>(self)->refusalOf(message); });
     if (!isJudged) {
-        answer(message, SOUP_STATUS_INTERNAL_SERVER_ERROR, "The console cannot do that now.\n");
+        refusal = Refusal{SOUP_STATUS_INTERNAL_SERVER_ERROR, "The console cannot do that now."};
+    }
+    if (!refusal) {
+        return;
+    }
+    if (isBodyToCome(message)) {
+        answerEarly(message, refusal->status, refusal->text + "\n");
+    } else {
+        answer(message, refusal->status, refusal->text + "\n");
     }
 }
 
@@ -196,8 +227,7 @@ void WebServer::onChunk(SoupServerMessage* message, GBytes* chunk, gpointer)
     gsize size = 0;
     const auto* const data = static_cast<const char*>(g_bytes_get_data(chunk, &size));
     if (const auto fault = file->write(data, size)) {
-        answer(message, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE, *fault + "\n");
-        keepUpload(message, nullptr);
+        answerEarly(message, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE, *fault + "\n");
     }
 }
 
