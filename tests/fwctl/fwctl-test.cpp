@@ -347,6 +347,15 @@ TEST_F(Fwctl, UpdateAllTakesEveryPendingPackage)
     EXPECT_EQ(findModule(modules, "panel")["result"], "failed");
 }
 
+// The record of the turn is memory that is shared through a file: a page that is not there ends the process.
+TEST_F(Fwctl, AFullDiskForTheRecordOfTheTurnIsNamed)
+{
+    const Outcome outcome = set.run("mount -t tmpfs -o size=8k full /dev/shm; "
+                                    "head -c 8192 /dev/zero >/dev/shm/fill; fwctl update tuner; ls /dev/shm");
+    EXPECT_EQ(outcome.out, "fill\n");
+    EXPECT_THAT(outcome.err, HasSubstr("fwctl.SEM_UPDATE_CONTROL: No space left on device: make room in"));
+}
+
 TEST_F(Fwctl, ExternalModuleIsUpdatedByItsLibrary)
 {
     const Outcome outcome = set.run("fwctl update EXT-soundbar");

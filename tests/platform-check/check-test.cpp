@@ -132,6 +132,18 @@ TEST_F(PlatformCheck, ADirectoryThatIsNotThereIsNamed)
     EXPECT_THAT(outcome.err, HasSubstr("in /nowhere: No such file or directory (set TMPDIR to one that"));
 }
 
+// Memory that is shared through a file of a full disk ends by SIGBUS whoever writes to it.
+TEST_F(PlatformCheck, AFullDiskIsNamedAndNothingIsLeftThere)
+{
+    const std::string script = "mkdir full; mount -t tmpfs -o size=64k full full; "
+                               "dd if=/dev/zero of=full/fill bs=1k 2>/dev/null; "
+                               "TMPDIR=full " PLATFORM_CHECK " --trial load; echo ended $?; ls full";
+    const Outcome outcome =
+        runProgram({"unshare", "--map-root-user", "--mount", "sh", "-c", script}, directory.path());
+    EXPECT_EQ(outcome.out, "ended 1\nfill\n") << outcome.err;
+    EXPECT_THAT(outcome.err, HasSubstr("nothing can be written in full: No space left on device"));
+}
+
 // It is the daemon's own keys that a trial writes, and the daemon's directory where the image is.
 TEST_F(PlatformCheck, AnInterruptedCheckPutsBackWhatItHasChanged)
 {

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "common/errors.h"
+#include "common/files/shared-page.h"
 
 namespace vset
 {
@@ -60,13 +61,6 @@ ClockState jumped(ClockState state, double seconds)
     return state;
 }
 
-// A page of a full disk's file kills who writes it.
-bool hasRoom(int file)
-{
-    errno = posix_fallocate(file, 0, sizeof(ClockPage));
-    return errno == 0;
-}
-
 [[noreturn]] void fail(const std::string& what)
 {
     throw std::system_error(errno, std::generic_category(), what);
@@ -98,8 +92,7 @@ ClockFile::ClockFile(const std::string& path, Opening opening)
     if (file_ < 0) {
         fail("cannot open " + path);
     }
-    const bool isReady =
-        flock(file_, LOCK_EX) == 0 && ftruncate(file_, sizeof(ClockPage)) == 0 && hasRoom(file_);
+    const bool isReady = flock(file_, LOCK_EX) == 0 && common::reserve(file_, sizeof(ClockPage));
     if (isReady) {
         memory_ = mmap(nullptr, sizeof(ClockPage), PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
     }

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "common/errors.h"
+#include "common/files/shared-page.h"
 #include "common/files/unique-fd.h"
 
 namespace platformcheck
@@ -25,12 +26,13 @@ namespace
 SharedPage mapPage(const std::filesystem::path& file, int flags)
 {
     const common::UniqueFd opened(open(file.c_str(), O_RDWR | O_CLOEXEC | flags, 0600));
-    const bool isThere = opened.get() >= 0 && ftruncate(opened.get(), sizeof(TrialPage)) == 0;
+    const bool isThere = opened.get() >= 0 && common::reserve(opened.get(), sizeof(TrialPage));
     void* const memory =
         isThere ? mmap(nullptr, sizeof(TrialPage), PROT_READ | PROT_WRITE, MAP_SHARED, opened.get(), 0)
                 : MAP_FAILED;
     if (memory == MAP_FAILED) {
-        throw common::Failure("cannot share memory with a trial: " + std::string(std::strerror(errno)));
+        throw common::Failure("nothing can be written in " + file.parent_path().parent_path().string() +
+                              ": " + std::strerror(errno) + " (make room there, or set TMPDIR)");
     }
     return SharedPage(static_cast<TrialPage*>(memory));
 }

@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/files/shared-page.h"
+#include "common/files/unique-fd.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/set-state.h"
 
@@ -32,18 +34,22 @@ bool isOurs(int file)
 void make(uid_t owner)
 {
     const std::string name = std::string(kPath) + "." + std::to_string(getpid());
-    const int file = open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | kOpening, 0600);
-    if (file < 0) {
+    const common::UniqueFd file(open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | kOpening, 0600));
+    if (!file) {
         return;
     }
-    const bool isWhole = ftruncate(file, sizeof(TurnRecord::Shared)) == 0;
-    const bool isOwned = owner == geteuid() || fchown(file, owner, static_cast<gid_t>(-1)) == 0 ||
+    const bool isWhole = common::reserve(file.get(), sizeof(TurnRecord::Shared));
+    const int reason = errno;
+    const bool isOwned = owner == geteuid() || fchown(file.get(), owner, static_cast<gid_t>(-1)) == 0 ||
                          errno == EINVAL; // a user namespace of one user has no other owner to give it to
     if (isWhole && isOwned && link(name.c_str(), kPath) != 0 && errno != EEXIST) {
         // what is the matter shows when it is opened
     }
     unlink(name.c_str());
-    close(file);
+    if (!isWhole) {
+        throw common::Failure(std::string("cannot write ") + kPath + ": " + std::strerror(reason) +
+                              ": make room in /dev/shm");
+    }
 }
 
 void* mapRecord(int file, int protection)
