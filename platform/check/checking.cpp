@@ -181,19 +181,31 @@ private:
     CheckReport report_;
     std::string title_;
     unsigned int percent_ = 0;
-    bool isRefused_ = false; // nothing else is to be tried
+    std::string whyOver_; // nothing else is to be tried; empty: it is
 };
+
+// In lines of a terminal's width.
+std::string namesOfTrials()
+{
+    constexpr std::size_t kWidth = 64; // the first one has words before it
+    std::string lines;
+    std::string line;
+    for (const ListedTrial& trial : kTrials) {
+        if (line.size() + std::strlen(trial.name) > kWidth) {
+            lines += line + "\n";
+            line.clear();
+        }
+        line += std::string(trial.name) + (&trial == std::end(kTrials) - 1 ? "" : ", ");
+    }
+    return lines + line;
+}
 
 std::vector<const ListedTrial*> Checker::chosen() const
 {
     for (const std::string& name : options_.trials) {
         const auto isNamed = [&](const ListedTrial& trial) { return name == trial.name; };
         if (std::none_of(std::begin(kTrials), std::end(kTrials), isNamed)) {
-            std::string all;
-            for (const ListedTrial& trial : kTrials) {
-                all += std::string(all.empty() ? "" : ", ") + trial.name;
-            }
-            throw common::WrongUse("there is no trial " + common::inQuotes(name) + ": " + all);
+            throw common::WrongUse("there is no trial " + common::inQuotes(name) + ": " + namesOfTrials());
         }
     }
     std::vector<const ListedTrial*> trials;
@@ -373,6 +385,10 @@ void Checker::gather(TrialReport& report, const TrialPage& page, const Ending& e
         const auto id = findingsTable().withNumber(line.number);
         if (line.kind == Line::kFinding && id) {
             add(report, *id, line.text);
+            if (*id == FindingId::NoBus) {
+                whyOver_ =
+                    "as the daemon does not run without the bus, and calls that need it could but fail";
+            }
         } else if (line.kind == Line::kNote) {
             report_.notes.push_back(line.text);
         } else if (line.kind == Line::kLibrary) {
@@ -397,7 +413,7 @@ void Checker::gatherEnding(TrialReport& report, const TrialPage& page, const End
     const std::string last = lastLine(ending.output);
     const std::string said = last.empty() ? "" : "; its last words: " + last;
     if (!page.isStarted) {
-        isRefused_ = true;
+        whyOver_ = "as the platform's libraries cannot be loaded";
         add(report, FindingId::NotLoaded, whyNotBegun(ending, last, said));
     } else if (ending.isLate) {
         add(report, FindingId::NoReturn, place);
@@ -436,9 +452,8 @@ CheckReport Checker::run()
         percent_ = ++done * 100 / static_cast<unsigned int>(trials.size() + 1);
         runTrial(*trial);
         common::InterruptionWatch::check(); // after the trial, which has given the keys their values back
-        if (isRefused_) {
-            report_.notes.emplace_back(
-                "nothing else was tried, as the platform's libraries cannot be loaded");
+        if (!whyOver_.empty()) {
+            report_.notes.push_back("nothing else was tried, " + whyOver_);
             break;
         }
     }

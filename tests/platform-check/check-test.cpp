@@ -16,6 +16,7 @@ namespace
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 
 class PlatformCheck : public testing::Test
 {
@@ -105,6 +106,10 @@ TEST_F(PlatformCheck, WrongUseIsToldFromFailure)
     };
     for (const auto& [arguments, text] : cases) {
         const Outcome outcome = check(arguments);
+        std::istringstream err(outcome.err);
+        for (std::string line; std::getline(err, line);) {
+            EXPECT_LT(line.size(), 120U) << line;
+        }
         EXPECT_EQ(outcome.status, 2) << arguments[1];
         EXPECT_THAT(outcome.err, AllOf(testing::StartsWith("tarnwick-platform-check: "), HasSubstr(text)));
         EXPECT_EQ(outcome.out, "");
@@ -162,6 +167,24 @@ TEST_F(PlatformCheck, AnInterruptedCheckPutsBackWhatItHasChanged)
         EXPECT_EQ(outcome.out, "ended " + std::to_string(128 + number) + "\nas before\n") << outcome.err;
         EXPECT_THAT(outcome.err, HasSubstr("tarnwick-platform-check: interrupted"));
     }
+}
+
+// What follows from it alone is no fault of its own.
+TEST_F(PlatformCheck, WithoutABusNothingElseIsBlamed)
+{
+    const Outcome outcome =
+        runProgram({"env", "DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere", PLATFORM_CHECK}, directory.path());
+    EXPECT_EQ(outcome.status, 1) << outcome.err;
+    EXPECT_THAT(outcome.out, AllOf(testing::StartsWith("P701 error: there is no system bus\n"),
+                                   HasSubstr("Note: nothing else was tried, as the daemon does not run "
+                                             "without the bus"),
+                                   HasSubstr("the platform: 1 error, 0 warnings.\n")));
+}
+
+TEST_F(PlatformCheck, WhatFailsAloneIsNotBlamedOnOtherCalls)
+{
+    EXPECT_THAT(found("no-lock", {"power-locks", "power-together"}),
+                AllOf(testing::Contains("P306"), Not(testing::Contains("P119"))));
 }
 
 TEST_F(PlatformCheck, DocumentIsTheListOfFindings)

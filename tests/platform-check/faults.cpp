@@ -53,6 +53,11 @@ int pwrctl_lock_state(int, unsigned int)
 {
     throw std::runtime_error("no connection");
 }
+#elif defined FAULT_NO_LOCK
+int pwrctl_lock_state(int, unsigned int)
+{
+    return -1;
+}
 #elif defined FAULT_SHARED_KEY
 int pralis_set_int(const char*, int value)
 {

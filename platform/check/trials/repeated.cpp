@@ -433,8 +433,11 @@ struct Worker {
 
 constexpr int kRounds = 60; // of each, or so
 
-void runTogether(Trial& trial, const std::vector<Worker>& workers, int roundsOfEach = kRounds)
+void runTogether(Trial& trial, const std::vector<Worker>& all, int roundsOfEach = kRounds)
 {
+    std::vector<Worker> workers; // what is wrong alone is told elsewhere
+    std::copy_if(all.begin(), all.end(), std::back_inserter(workers),
+                 [](const Worker& worker) { return worker.work(); });
     std::atomic<int> rounds{0};
     std::atomic<bool> isOver{false};
     std::vector<std::thread> threads;
@@ -461,7 +464,7 @@ void runTogether(Trial& trial, const std::vector<Worker>& workers, int roundsOfE
 void tryTogether(Trial& trial)
 {
     trial.call("pralis_set_int", [] { return pralis_set_int(kWorking, kResting); });
-    const std::vector<Worker> all = {
+    const std::vector<Worker> workers = {
         {"a key",
          [&] {
              static std::atomic<int> v{0};
@@ -497,10 +500,7 @@ void tryTogether(Trial& trial)
              return true;
          }},
     };
-    std::vector<Worker> right; // what is wrong alone is told elsewhere
-    std::copy_if(all.begin(), all.end(), std::back_inserter(right),
-                 [](const Worker& worker) { return worker.work(); });
-    runTogether(trial, right);
+    runTogether(trial, workers);
 }
 
 // As many as the daemon has at most, and of one service: the time of each call is judged beside the others.
