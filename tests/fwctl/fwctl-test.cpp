@@ -21,10 +21,12 @@ namespace
 {
 using testing::AllOf;
 using testing::ContainsRegex;
+using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::StartsWith;
 
 constexpr const char* kPackage = "/opt/usr/apps/appbinarymanager/empTuner.img";
 
@@ -338,13 +340,16 @@ TEST_F(Fwctl, UpdateSaysWhatIsMissingInWordsOfItsOwn)
     EXPECT_THAT(misnamed.err, HasSubstr("the identifier \"Misnamed\" of misnamed is refused"));
 }
 
-TEST_F(Fwctl, UpdateAllTakesEveryPendingPackage)
+TEST_F(Fwctl, UpdateAllTakesEveryPendingPackageAndLeavesTheRestToTheScreen)
 {
-    const Outcome outcome = set.run("fwctl update --all --json");
-    EXPECT_EQ(outcome.status, 1) << "the panel's image is in the system image, which this run does not take";
-    const Json::Value modules = parse(outcome.out);
+    const Outcome outcome = set.run("fwctl update --all --json; echo $?; fwctl update --all; echo $?");
+    const Json::Value modules = parse(outcome.out.substr(0, outcome.out.find('\n')));
     EXPECT_EQ(findModule(modules, "tuner")["result"], "updated");
-    EXPECT_EQ(findModule(modules, "panel")["result"], "failed");
+    EXPECT_EQ(findModule(modules, "panel")["result"], "no-image");
+    EXPECT_THAT(outcome.out,
+                EndsWith("\n0\npanel: has no package; its image in the system image is offered on the "
+                         "screen; 1.0 is installed\n3\n"))
+        << outcome.err;
 }
 
 // The record of the turn is memory that is shared through a file: a page that is not there ends the process.
@@ -354,6 +359,26 @@ TEST_F(Fwctl, AFullDiskForTheRecordOfTheTurnIsNamed)
                                     "head -c 8192 /dev/zero >/dev/shm/fill; fwctl update tuner; ls /dev/shm");
     EXPECT_EQ(outcome.out, "fill\n");
     EXPECT_THAT(outcome.err, HasSubstr("fwctl.SEM_UPDATE_CONTROL: No space left on device: make room in"));
+}
+
+TEST_F(Fwctl, WhyNamesTheValueThatTheDaemonCannotTake)
+{
+    const Outcome outcome = set.run(
+        "mount -t tmpfs none /usr/lib/firmware/ext/Panel; cd /usr/lib/firmware/ext/Panel; : >Panel.bin; "
+        "for text in '[]' '{' '{\"version\": [1]}' '{\"crc\": -1}' '{\"expected_time\": 9223372036854775807}'; "
+        "do echo \"$text\" >info.json; fwctl why panel | grep -- '->'; done");
+    std::vector<std::string> advices;
+    std::istringstream out(outcome.out);
+    for (std::string line; std::getline(out, line);) {
+        if (line.find("information file") != std::string::npos) {
+            advices.push_back(line.substr(0, line.find(": correct")));
+        }
+    }
+    EXPECT_THAT(advices, ElementsAre("      -> it is no JSON object", StartsWith("      -> it is no JSON ("),
+                                     "      -> \"version\" is no text",
+                                     "      -> \"crc\" is no whole number from 0 to 4294967295",
+                                     "      -> \"expected_time\" is no whole number from 0 to 4294967295"))
+        << outcome.out << outcome.err;
 }
 
 TEST_F(Fwctl, ExternalModuleIsUpdatedByItsLibrary)
@@ -486,17 +511,15 @@ TEST_F(Fwctl, AnUpdateTellsItsResultBeforeTheSetRebootsThatWaitedForIt)
 {
     set.write("/usr/bin/tarnwick", "#!/bin/sh\nsleep 1000\n", 0755);
     set.switchOn();
-    const std::pair<const char*, int> kUpdates[] = {{"tuner", 0}, {"--all", 1}}; // the panel has no package
-    for (const auto& update : kUpdates) {
-        std::future<tarnwick::Output> told = std::async(std::launch::async, [&] {
-            return set.execute({FWCTL_DIRECTORY "/fwctl", "update", update.first});
-        });
+    for (const char* const update : {"tuner", "--all"}) {
+        std::future<tarnwick::Output> told = std::async(
+            std::launch::async, [&] { return set.execute({FWCTL_DIRECTORY "/fwctl", "update", update}); });
         set.waitUntil([&] { return set.progress("tuner").value_or(100) % 100 > 0; }, "the update to begin");
         const int boots = set.boots();
         set.reboot();
         const tarnwick::Output output = told.get();
         EXPECT_THAT(output.text, HasSubstr("tuner: updated, 1.1 is installed")) << output.errors;
-        EXPECT_EQ(output.status, update.second) << output.text << output.errors;
+        EXPECT_EQ(output.status, 0) << output.text << output.errors;
         set.waitForBoot(boots + 1);
         set.putHardware(EXAMPLES "/images/1.0/hardware");
         set.putPackage(EXAMPLES "/images/1.1/empTuner.img", tarnwick::Television::Package::kDelivered);
@@ -628,6 +651,21 @@ TEST_F(Fwctl, NothingWaitsForAPipeInTheImagesPlace)
         EXPECT_THAT(outcome.out, Not(HasSubstr(": 124\n"))) << place;
         EXPECT_THAT(outcome.out, HasSubstr("is not a file but a pipe")) << place;
     }
+}
+
+// Nobody can put a file into a package.
+TEST_F(Fwctl, APipeInAPackageIsNotToBeRemovedThere)
+{
+    const Outcome outcome =
+        set.run("mkdir /var/package; mkfifo /var/package/info.json; : >/var/package/Tuner.bin; "
+                "mksquashfs /var/package " +
+                std::string(kPackage) +
+                " -noappend -all-root -quiet -no-progress >/dev/null; fwctl why tuner; fwctl update tuner");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.out, HasSubstr("-> have the package made again with a file there: the daemon hangs"));
+    EXPECT_THAT(outcome.err, HasSubstr("info.json is not a file but a pipe, a socket or a "
+                                       "device: have the package made again with a file there\n"));
+    EXPECT_THAT(outcome.out + outcome.err, Not(HasSubstr("remove it")));
 }
 
 TEST_F(Fwctl, ALibraryThatHangsWhileLoadingIsNamedWithinTenSeconds)
@@ -1013,11 +1051,22 @@ protected:
 
 TEST_F(FwctlUsb, AnImageThatMayNotBeLookedAtIsRefusedAndNotAbsent)
 {
-    const Outcome outcome =
-        set.run("chmod 700 /opt/media/USBDriveA; fwctl usb check /opt/media/USBDriveA --key-file /root/key");
+    const Outcome outcome = set.run("cd /opt/media/USBDriveA; chmod 0 Tuner.bin; "
+                                    "fwctl usb check . --key-file /root/key");
     EXPECT_EQ(outcome.status, 1) << outcome.out;
-    EXPECT_THAT(outcome.out, HasSubstr("tuner: "));
+    EXPECT_THAT(outcome.out, ContainsRegex("tuner: .*refused: the file cannot be read"));
     EXPECT_THAT(outcome.out, Not(HasSubstr("tuner: no image on the stick")));
+}
+
+TEST_F(FwctlUsb, AStickThatMayNotBeLookedIntoIsNamedAndNotEachOfItsImages)
+{
+    const Outcome outcome =
+        set.run("chmod 700 /opt/media/USBDriveA; for command in check install; do "
+                "fwctl usb $command /opt/media/USBDriveA --key-file /root/key; echo $?; done");
+    EXPECT_EQ(outcome.out, "1\n1\n");
+    const std::string said =
+        "fwctl: the daemon's user cannot look into /opt/media/USBDriveA/: Permission denied\n";
+    EXPECT_EQ(outcome.err, said + said);
 }
 
 TEST_F(FwctlUsb, CheckFindsTheNewerImageAndItsTime)

@@ -30,6 +30,8 @@ struct UpdateOptions {
     bool verbose = false;
 };
 
+constexpr const char* kWaiting = "waiting"; // modules, for the upgrade screen
+
 struct Choice {
     const ImageSource* source;
     uint32_t seconds;                 // expected
@@ -83,7 +85,7 @@ void requireReadable(FWUpdateSymbol& module, const ImageSource& source)
     }
     const std::string special = findSpecialFile(module, source);
     if (!special.empty()) {
-        throw common::Failure(module.getLibName() + ": " + special + ": remove it, and put the file there");
+        throw common::Failure(module.getLibName() + ": " + special);
     }
 }
 
@@ -141,14 +143,26 @@ bool checkModule(FWUpdateSymbol& module, UpdateLink& link)
     return true;
 }
 
+// The daemon's run would try it all the same, and fail with the package that is not there.
+bool waitsForScreen(FWUpdateSymbol& module)
+{
+    return module.getNeedUpdate() && module.getUpdateType() == UPDATE_TYPE_BUILTIN && !module.getIMGExists();
+}
+
 // Without the daemon's list file, which is the daemon's own.
 void checkAll(FWUpdateSymbolManager& manager, UpdateLink& link)
 {
     bool isComplete = true;
+    Json::Value waiting(Json::arrayValue);
     for (FWUpdateSymbol& module : manager.firmwareItems) {
         isComplete = checkModule(module, link) && isComplete;
+        if (waitsForScreen(module)) {
+            module.needUpdate = false;
+            waiting.append(module.getLibName());
+        }
     }
     link.telling().put("left_out", !isComplete);
+    link.telling().put(kWaiting, waiting);
 }
 
 // As the daemon's run expects it.
@@ -230,12 +244,29 @@ int updateOne(const UpdateOptions& options)
                : reportOutcomes(told, {choice.modules, choice.source->name}, options.json);
 }
 
+// Behind those that were tried.
+void addWaiting(Json::Value& told)
+{
+    if (told.isMember("failure")) {
+        return;
+    }
+    for (const Json::Value& module : told[kWaiting]) {
+        Json::Value outcome;
+        outcome["module"] = module;
+        outcome["result"] = "no-image";
+        outcome["reason"] = "has no package; its image in the system image is offered on the screen";
+        outcome["late"] = false;
+        told["outcomes"].append(outcome);
+    }
+}
+
 int updateAll(const UpdateOptions& options)
 {
     const Before before{examineAll(findControlLibraries(), {}), "package"};
     waitForUpdateTurn();
-    const Json::Value told = runUpdate([&](UpdateLink& link) { updateAllInChild(options, link); });
+    Json::Value told = runUpdate([&](UpdateLink& link) { updateAllInChild(options, link); });
     const bool isLeftOut = told["left_out"].asBool();
+    addWaiting(told);
     if (!told.isMember("failure") && told["outcomes"].empty()) {
         std::printf("%s\n", options.json ? "[]" : "nothing is pending");
         return isLeftOut ? kFailed : kNothingToDo;

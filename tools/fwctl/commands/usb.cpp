@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "common/daemon/daemon-events.h"
 #include "common/files/content-key.h"
@@ -140,6 +141,10 @@ void requireRegularImage(const FWUpdateSymbol& module, const std::string& direct
 Json::Value probe(FWUpdateSymbolManager& manager, const common::ContentKey& key, const std::string& directory,
                   UpdateLink& link)
 {
+    if (access(directory.c_str(), X_OK) != 0) { // root may look into what the daemon's user may not
+        throw common::Failure("the daemon's user cannot look into " + directory + ": " +
+                              std::strerror(errno));
+    }
     for (const FWUpdateSymbol& module : manager.firmwareItems) {
         requireRegularImage(module, directory);
     }

@@ -137,6 +137,8 @@ void printOutcome(const Json::Value& outcome)
         printLine(head + "updated, " + installed + late);
     } else if (result == "not-needed") {
         printLine(head + "no update needed, " + installed);
+    } else if (result == "no-image") {
+        printLine(head + outcome["reason"].asString() + "; " + installed);
     } else {
         printLine(head + "failed" + late + ", " + installed + ": " + outcome["reason"].asString());
     }

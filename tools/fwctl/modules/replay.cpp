@@ -119,6 +119,29 @@ std::string remarksOn(const std::string& path)
     return remarks;
 }
 
+// Which value it is that the daemon's code cannot take, as its message speaks of the checksum for each; empty
+// when it is none.
+std::string faultOf(const std::string& path)
+{
+    std::string why;
+    const std::optional<Json::Value> root = common::parseJson(common::readWhole(path), &why);
+    if (!root) {
+        return "it is no JSON (" + why + ")";
+    }
+    if (!root->isObject() && !root->isNull()) {
+        return "it is no JSON object";
+    }
+    if (!root->get("version", "").isConvertibleTo(Json::stringValue)) {
+        return "\"version\" is no text";
+    }
+    for (const char* const key : {"crc", "expected_time"}) {
+        if (!root->get(key, 0).isConvertibleTo(Json::uintValue)) {
+            return std::string("\"") + key + "\" is no whole number from 0 to 4294967295";
+        }
+    }
+    return "";
+}
+
 class Replay
 {
 public:
@@ -134,7 +157,8 @@ public:
     std::string findSpecialFile();
 
 private:
-    static StepFinding notAFile(const std::string& path, const std::string& problem);
+    std::string remedyOf(const std::string& path) const;
+    StepFinding notAFile(const std::string& path, const std::string& problem) const;
     StepFinding hasName();
     StepFinding hasPackage();
     StepFinding canBeMounted();
@@ -212,17 +236,17 @@ std::string Replay::findSpecialFile()
     std::string problem =
         source_.type == UPDATE_TYPE_EMP ? common::problemOfSpecialFile(module_.empImagePath) : "";
     if (!problem.empty()) {
-        return module_.empImagePath + " " + problem;
+        return module_.empImagePath + " " + problem + ": " + remedyOf(module_.empImagePath);
     }
     if (source_.type == UPDATE_TYPE_EMP && (!module_.getIMGExists() || !hasPackage().passed)) {
         return ""; // the daemon's check ends before it opens a file
     }
     problem = files_.problemOf(imageName_);
     if (!problem.empty()) {
-        return imagePath_ + " " + problem;
+        return imagePath_ + " " + problem + ": " + remedyOf(imagePath_);
     }
     problem = files_.problemOf("info.json");
-    return problem.empty() ? "" : informationPath_ + " " + problem;
+    return problem.empty() ? "" : informationPath_ + " " + problem + ": " + remedyOf(informationPath_);
 }
 
 StepFinding Replay::hasName()
@@ -295,10 +319,17 @@ StepFinding Replay::readMountedPackage(const std::string& reason)
 }
 
 // Nothing is opened that is no file: the daemon's code would wait for the other end of a pipe, for ever.
-StepFinding Replay::notAFile(const std::string& path, const std::string& problem)
+StepFinding Replay::notAFile(const std::string& path, const std::string& problem) const
 {
-    return {false, path + " " + problem,
-            "remove it, and put the file there: the daemon hangs or fails with it"};
+    return {false, path + " " + problem, remedyOf(path) + ": the daemon hangs or fails with it"};
+}
+
+// What is in a package cannot be taken out of it.
+std::string Replay::remedyOf(const std::string& path) const
+{
+    const bool isInPackage = source_.type == UPDATE_TYPE_EMP && path != module_.empImagePath;
+    return isInPackage ? "have the package made again with a file there"
+                       : "remove it, and put the file there";
 }
 
 StepFinding Replay::hasImage()
@@ -337,9 +368,15 @@ StepFinding Replay::informationIsValid()
         accepted = module_.loadInformation(path);
     });
     const std::string messages = withPath(join(takeDaemonMessages()), readAs, informationPath_);
-    if (!accepted || !complete) {
-        return {false, complete ? messages : "the package is damaged",
-                "correct the information file (\"fwmod info --check\" tells each value)"};
+    if (!complete) {
+        return {false, "the package is damaged", "remove it, and have it downloaded again (restart the set)"};
+    }
+    if (!accepted) {
+        std::string fault;
+        files_.read("info.json", [&](const std::string& path) { fault = faultOf(path); });
+        return {false, messages,
+                (fault.empty() ? "" : fault + ": ") +
+                    "correct the information file (\"fwmod info --check\" tells each value)"};
     }
     hasReadInformation_ = true;
     std::string remarks;

@@ -12,8 +12,8 @@ namespace fwctl
 // described in examination.h. `mountProblem`: see problemOfMountDirectory().
 Json::Value replayCheck(FWUpdateSymbol& module, const ImageSource& source, const std::string& mountProblem);
 
-// Why the daemon's own check would not come to an end: the path of what is no file where it opens one, and
-// what it is. Empty when there is no such thing.
+// Why the daemon's own check would not come to an end: the path of what is no file where it opens one, what
+// it is, and what to do. Empty when there is no such thing.
 std::string findSpecialFile(FWUpdateSymbol& module, const ImageSource& source);
 
 // What to say of a verdict of checkVersion above 1.

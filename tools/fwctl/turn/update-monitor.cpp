@@ -120,8 +120,10 @@ void UpdateMonitor::note(const std::string& message)
     const bool spared = event.kind == Kind::kUpdateNotNeeded;
     for (UpdateOutcome& outcome : outcomes_) {
         const bool isStarted = outcome.result == "started";
+        // The daemon's code takes one that failed before it was waited for for a late one.
+        const bool isAtWork = isStarted && isThreadAlive(outcome.thread);
         outcome.isLate =
-            outcome.isLate || (isStarted && late && event.values[0] == outcome.module->firmwareName);
+            outcome.isLate || (isAtWork && late && event.values[0] == outcome.module->firmwareName);
         if (outcome.thread != gettid() || !isStarted) {
             continue;
         }
