@@ -87,6 +87,7 @@ Json::CharReaderBuilder builderTo(int depth)
 {
     Json::CharReaderBuilder builder;
     builder["stackLimit"] = depth;
+    builder["collectComments"] = false; // else they are written with the values again
     return builder;
 }
 

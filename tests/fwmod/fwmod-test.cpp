@@ -224,6 +224,7 @@ struct InformationCase {
 
 constexpr InformationCase kInformation[] = {
     {R"({"version":"1.2"})", 0, "warning: expected_time -: absent: the daemon takes 300 seconds"},
+    {R"({"version":"1.2"/*x*/,"crc":1})", 0, R"(ok: version "1.2": offered)"},
     {R"({"version":"1.2"})", 0, "the daemon logs: Warn: json does not have ui_use tag (info.json)"},
     {R"({})", 0, R"(warning: version -: absent: the daemon takes "0000")"},
     {R"({"version":1.10})", 0, R"(the daemon takes "1.1)"},
