@@ -33,6 +33,10 @@ one_line 1 "small: File too large" bash -c "ulimit -f 1; '$vset' new small-file 
 one_line 1 "usr/bin/tarnwick is in the way: a set has a file there" "$vset" new in-the-way
 rm -rf in-the-way/usr/bin && touch in-the-way/usr/bin
 one_line 1 "usr/bin is in the way: a set has a directory there" "$vset" new in-the-way
+one_line 1 "usr/bin is in the way: a set has a directory there" "$vset" run in-the-way -- true
+chmod 700 "$set_/usr"
+one_line 1 "$set_/usr is closed to the set's users: open it with chmod 755" "$vset" run "$set_" -- true
+chmod 755 "$set_/usr"
 [ -z "$(ls -d ./*/.vset/put.* 2>/dev/null)" ] || fail "what was put together is left: $(ls -d ./*/.vset/put.*)"
 for round in 1 2 3; do
     "$vset" new at-once >"$work/at-once-said" 2>&1 &
@@ -64,6 +68,19 @@ expect 0 "yes" "$vset" run --temporary echo yes
 expect 0 "a|--|b|" "$vset" run --temporary -- printf '%s|' a -- b
 expect 2 "SET is required before the --" "$vset" run -- true
 expect 2 "CMD is required" "$vset" exec "$set_" --
+expect 2 "run: CMD is empty" "$vset" run --temporary -- ''
+expect 2 "run: CMD is empty" "$vset" run "$set_" -- ''
+expect 2 "exec: CMD is empty" "$vset" exec "$set_" -- ''
+expect 2 "run: SET is empty" "$vset" run '' -- true
+
+# ---- Somebody else's lock ----
+echo 999999999 root no-clock >in-the-way/.vset/lock
+exec 8<in-the-way
+flock 8
+one_line 1 "in-the-way/.vset/lock does not name the first process of set" "$vset" exec in-the-way -- true
+one_line 1 "or whoever else has locked its directory" "$vset" run in-the-way -- true
+one_line 1 "or another program has locked it" "$vset" wait in-the-way on --limit 0.1
+exec 8<&-
 
 # ---- put ----
 ln -sf circle circle

@@ -60,16 +60,27 @@ bool isMeantForSet(const RunArguments& arguments, std::optional<std::size_t> wor
                              : fs::is_directory(arguments.set, error);
 }
 
-int run(RunArguments& arguments, std::optional<std::size_t> wordsBehindDashes)
+// Its arguments may be empty; a program has a name.
+void requireCommand(const std::string& name, const std::vector<std::string>& command)
+{
+    if (!command.empty() && command.front().empty()) {
+        throw common::WrongUse(name + ": CMD is empty");
+    }
+}
+
+int run(RunArguments& arguments, bool isSetGiven, std::optional<std::size_t> wordsBehindDashes)
 {
     RunOptions& options = arguments.run;
     options.binds.assign(arguments.binds.begin(), arguments.binds.end());
     std::error_code error;
     const bool isCommandAlone = wordsBehindDashes && !isMeantForSet(arguments, wordsBehindDashes);
+    if (isSetGiven && arguments.set.empty() && !(isCommandAlone && arguments.isTemporary)) {
+        throw common::WrongUse("run: SET is empty");
+    }
     if (isCommandAlone && !arguments.isTemporary && !fs::is_directory(arguments.set, error)) {
         throw common::WrongUse("run: SET is required before the -- (or --temporary)");
     }
-    if (arguments.isTemporary && !arguments.set.empty()) {
+    if (arguments.isTemporary && isSetGiven) {
         if (isMeantForSet(arguments, wordsBehindDashes)) {
             throw common::WrongUse("SET and --temporary cannot be given together: a temporary set has a "
                                    "directory of its own");
@@ -80,6 +91,7 @@ int run(RunArguments& arguments, std::optional<std::size_t> wordsBehindDashes)
     } else if (!arguments.isTemporary) {
         options.set = arguments.set;
     }
+    requireCommand("run", options.command);
     return runSet(options);
 }
 
@@ -91,7 +103,8 @@ void defineRun(common::CommandLine& command)
     constexpr common::Range<unsigned int> kLoopNodes{0, 250}; // the device numbers of a set are 0 to 249
     const auto arguments = std::make_shared<RunArguments>();
     RunOptions& options = arguments->run;
-    command.text("SET", arguments->set, "Directory of the set");
+    const common::Option set =
+        command.text("SET", arguments->set, "Directory of the set").mayBeEmpty(); // it may be CMD
     command.flag("--temporary", arguments->isTemporary,
                  "A new set that is removed afterwards, instead of SET");
     command.flag("-u,--rootless", options.rootless, "Without root: user namespace, squashfuse, one user");
@@ -109,7 +122,8 @@ void defineRun(common::CommandLine& command)
     command.footer(
         "Without CMD the set is a television: the daemon runs, and reboots and power-offs are carried out.\n"
         "With CMD they are only recorded, and the daemon is the command's to start.");
-    command.onRun([arguments, &command] { return run(*arguments, command.wordsBehindDashes()); });
+    command.onRun(
+        [arguments, set, &command] { return run(*arguments, set.isGiven(), command.wordsBehindDashes()); });
 }
 
 void defineExec(common::CommandLine& command)
@@ -121,7 +135,10 @@ void defineExec(common::CommandLine& command)
     const auto options = std::make_shared<Options>();
     takeSet(command, options->set);
     command.texts("CMD", options->words, "After --: the command").required().mayBeEmpty();
-    command.onRun([options] { executeInSet(options->set, options->words); });
+    command.onRun([options] {
+        requireCommand("exec", options->words);
+        executeInSet(options->set, options->words);
+    });
 }
 
 void defineClock(common::CommandLine& command)

@@ -68,8 +68,27 @@ void touch(const fs::path& path)
 
 // ---- /usr and the directories beside it ----
 
+// Without a word of it no program could be run any more.
+void requireUsable(const RootPlan& plan, const fs::path& root)
+{
+    for (const fs::path& directory : {root, plan.set.usr()}) {
+        const bool isClosed =
+            (fs::status(directory).permissions() & fs::perms::others_exec) == fs::perms::none;
+        if (isClosed && !plan.rootless) {
+            throw Error(directory.string() + " is closed to the set's users: open it with chmod 755");
+        }
+    }
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(plan.set.usr())) {
+        const fs::path host = "/usr" / entry.path().lexically_relative(plan.set.usr());
+        if (!entry.is_directory() && fs::is_directory(host)) {
+            throw Error(entry.path().string() + " is in the way: a set has a directory there");
+        }
+    }
+}
+
 void composeUsr(const RootPlan& plan, const fs::path& root)
 {
+    requireUsable(plan, root);
     makePlainDirectory(root / "usr");
     // A relative lower directory needs no quoting, whatever characters the set's path has.
     check(chdir(plan.set.path().c_str()), "cannot enter " + plan.set.path().string());

@@ -332,6 +332,20 @@ std::optional<bool> isFirstProcessOf(const RunningSet& running, const fs::path& 
     return isFirst && isRoot && mounts->st_ino != own.st_ino;
 }
 
+// A set whose first process has ended is locked until all of it is put away; who else has locked it stays.
+bool endsSoon(const fs::path& set)
+{
+    constexpr int kTries = 100;
+    constexpr useconds_t kPauseUs = 10000;
+    for (int tries = 0; tries < kTries; ++tries) {
+        if (!isOn(set)) {
+            return true;
+        }
+        usleep(kPauseUs);
+    }
+    return false;
+}
+
 } // namespace
 
 UniqueFd openOwnFile(const fs::path& path, int flags)
@@ -436,7 +450,9 @@ SetLock SetDirectory::lock() const
         if (errno != EWOULDBLOCK) {
             failWithErrno("cannot lock " + path_.string());
         }
-        throw Error("set " + path_.string() + " is already running: use `vset exec`, or end it first");
+        throw Error("set " + path_.string() +
+                    " is already running: use `vset exec`, or end it first (or whoever else has locked its "
+                    "directory)");
     };
     requireOwnFileOrNothing(path_ / kLockFile);
     UniqueFd directory = openToLock(path_);
@@ -476,8 +492,11 @@ RunningSet SetDirectory::running() const
     running.process = UniqueFd(syscall(SYS_pidfd_open, running.init, 0));
     const std::optional<bool> isIt =
         running.process ? isFirstProcessOf(running, root()) : std::optional<bool>();
-    if (!isIt.value_or(false)) {
-        throw isIt ? spoilt : off; // or just ended
+    if (!isIt) {
+        throw endsSoon(path_) ? off : spoilt;
+    }
+    if (!*isIt) {
+        throw spoilt;
     }
     return running;
 }

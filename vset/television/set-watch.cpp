@@ -114,8 +114,12 @@ void waitFor(const fs::path& set, const Condition& condition, std::chrono::milli
                 giveUp(condition, "the set has gone off");
             }
             if (passed > std::min<Clock::duration>(limit, kToBeSwitchedOn)) {
-                throw common::Failure("the set in " + set.string() + " is off: switch it on with `vset run " +
-                                      common::inShell(set.string()) + "`");
+                throw common::Failure(
+                    "the set in " + set.string() +
+                    (isOn(set)
+                         ? " is not up, though its directory is locked: it is starting, or another "
+                           "program has locked it"
+                         : " is off: switch it on with `vset run " + common::inShell(set.string()) + "`"));
             }
         }
         if (passed > limit) {
