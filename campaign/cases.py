@@ -137,8 +137,8 @@ def fuzz(tree: Path, _seed: int) -> Iterator[Draft]:
             yield Draft(f"{target} {piece}/{FUZZ_PIECES}", words, FUZZ_SECONDS, alone=f"fuzz-{target}")
 
 
-def corpus(_tree: Path, _seed: int) -> Iterator[Draft]:
-    command = ("ctest", "--preset", "dev", "-C", "whole", "-R", "^sdk.corpus", "-j6", "--output-on-failure")
+def kit(_tree: Path, _seed: int) -> Iterator[Draft]:
+    command = ("ctest", "--preset", "dev", "-C", "whole", "-R", "^sdk.(corpus|template)", "-j6", "--output-on-failure")
     yield Draft("whole", command, 10 * MINUTE, ("all",))
 
 
@@ -227,7 +227,7 @@ KINDS = (
     Kind("crash", "the daemon hit at each of its system calls", crash, {"points": r"of which (\d+) were tried"}),
     Kind("soak", "boot, standby, update, reboot, again and again", soak, {"cycles": r"(\d+) cycles \(seed"}),
     Kind("fuzz", "inputs that libFuzzer makes up", fuzz, {"inputs": r"(\d+) inputs tried"}),
-    Kind("corpus", "the libraries that fwmod check is to see through", corpus, TESTS),
+    Kind("kit", "every library of the corpus, every template", kit, TESTS),
     Kind("sanitizer", "the tests with sanitizers", sanitizers, TESTS),
     Kind("lint", "clang-tidy over every source", lint, SOURCES),
     Kind("analyser", "GCC's analyser over the daemon and the virtual set", analyser, SOURCES),
