@@ -11,6 +11,7 @@
 #include <sys/mman.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <thread>
@@ -103,6 +104,20 @@ TEST_F(WriteWatchTest, SeesEveryWayToWriteAFile)
         std::fclose(stream);
     });
     EXPECT_THAT(calls, ElementsAre("write", "pwrite64", "ftruncate", "fdatasync", "write"));
+}
+
+// A library may send the image to a process of its own, which writes it.
+TEST_F(WriteWatchTest, WhatGoesThroughANamedPipeLiesNowhere)
+{
+    const auto calls = watch([this] {
+        const std::string pipe = directory_ / "pipe";
+        mkfifo(pipe.c_str(), 0600);
+        const int through = open(pipe.c_str(), O_RDWR);
+        (void)!write(through, "a", 1);
+        (void)!write(open(chip().c_str(), O_WRONLY | O_CREAT, 0600), "b", 1);
+    });
+    EXPECT_THAT(calls, ElementsAre("write"));
+    EXPECT_EQ(chipContent(), "b");
 }
 
 TEST_F(WriteWatchTest, SeesRenamingAndRemovingByAnyPath)

@@ -131,10 +131,16 @@ bool isHardware(const std::string& path)
     });
 }
 
-bool isDevice(const fs::path& link)
+mode_t modeOf(const fs::path& link)
 {
     struct stat file = {};
-    return stat(link.c_str(), &file) == 0 && (S_ISCHR(file.st_mode) || S_ISBLK(file.st_mode));
+    return stat(link.c_str(), &file) == 0 ? file.st_mode : 0;
+}
+
+// What goes through it lies nowhere, also where its name is among the hardware's.
+bool isPassage(mode_t mode)
+{
+    return S_ISFIFO(mode) || S_ISSOCK(mode);
 }
 
 fs::path descriptorLink(const seccomp_notif& notice, unsigned int argument)
@@ -303,8 +309,9 @@ std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
         write.call = call->name;
         write.path = fs::read_symlink(link, gone);
         write.bytes = bytesOf(*call, notice);
-        const bool isToDevice = isDevice(link);
-        if (call->devicesOnly && !isToDevice) {
+        const mode_t mode = modeOf(link);
+        const bool isToDevice = S_ISCHR(mode) || S_ISBLK(mode);
+        if ((call->devicesOnly && !isToDevice) || isPassage(mode)) {
             return std::nullopt;
         }
         const OpenFile file = openFileOf(notice, call->descriptorArgument);

@@ -5,7 +5,8 @@
 // kills the process instead ends it between two writes, as a power cut would.
 //
 // "Hardware" is what outlives a power cut: device nodes and files, but for those where programs leave notes
-// (/tmp, /run, /proc, /dev/shm, /var/log, the packages). A flush that waits counts as a write, because it
+// (/tmp, /run, /proc, /dev/shm, /var/log, the packages), and for pipes and sockets, through which it only
+// passes. A flush that waits counts as a write, because it
 // orders those around it (sync and msync name no file, and have no path), and so do renaming, linking and
 // removing. Not seen: stores into mapped memory.
 //

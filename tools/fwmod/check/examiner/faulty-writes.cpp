@@ -1,14 +1,16 @@
 #include "tools/fwmod/check/examiner/faulty-writes.h"
 
 #include <algorithm>
+#include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
-#include <system_error>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "tools/fwmod/check/examiner/hardware-copy.h"
 #include "tools/fwmod/check/examiner/held-image.h"
+#include "tools/fwmod/check/examiner/plain-files.h"
 #include "tools/fwmod/check/examiner/updates.h"
 #include "tools/fwmod/check/examiner/worker.h"
 
@@ -125,18 +127,18 @@ std::vector<SeenWrite> unflushedContent(const Writes& writes)
 
 void lose(const SeenWrite& write, const Machine& machine)
 {
-    std::error_code none;
-    const std::uintmax_t size = std::filesystem::file_size(machine.file(write.path), none);
-    if (none || *write.position >= size) {
+    const common::UniqueFd now = openPlain(machine.file(write.path), O_RDWR);
+    struct stat file = {};
+    if (!now || fstat(now.get(), &file) != 0 || *write.position >= static_cast<std::uint64_t>(file.st_size)) {
         return; // with its name, or it was asked for alone
     }
-    std::string old(std::min<std::uintmax_t>(write.bytes, size - *write.position), '\0');
-    std::ifstream before(write.path, std::ios::binary); // the set's own, from which machines are made
-    before.seekg(static_cast<std::streamoff>(*write.position));
-    before.read(old.data(), static_cast<std::streamsize>(old.size()));
-    std::fstream now(machine.file(write.path), std::ios::binary | std::ios::in | std::ios::out);
-    now.seekp(static_cast<std::streamoff>(*write.position));
-    now.write(old.data(), static_cast<std::streamsize>(old.size()));
+    const auto position = static_cast<off_t>(*write.position);
+    const std::uint64_t rest = static_cast<std::uint64_t>(file.st_size - position);
+    std::string old(std::min(write.bytes, rest), '\0');
+    const common::UniqueFd before =
+        openPlain(write.path, O_RDONLY); // the set's own: machines are made from it
+    (void)!pread(before.get(), old.data(), old.size(), position);
+    (void)!pwrite(now.get(), old.data(), old.size(), position);
 }
 
 // ---- Which writes are to fail ----

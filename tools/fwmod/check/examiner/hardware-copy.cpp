@@ -2,51 +2,29 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <fstream>
+#include <sys/stat.h>
 #include <system_error>
 
-#include "common/files/whole-file.h"
-#include "tools/fwmod/check/examiner/machine.h"
+#include "tools/fwmod/check/examiner/plain-files.h"
 
 namespace fwmod::examiner
 {
 
 namespace fs = std::filesystem;
 
-std::vector<fs::path> filesIn(const fs::path& directory)
-{
-    std::vector<fs::path> all;
-    std::error_code none;
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory, none)) {
-        if (entry.is_regular_file() && !entry.is_symlink()) {
-            all.push_back(entry.path());
-        }
-    }
-    return all;
-}
-
-void overwrite(const fs::path& file, const std::string& content)
-{
-    std::ofstream out(file, std::ios::binary | std::ios::in);
-    if (!out) {
-        out.open(file, std::ios::binary);
-    }
-    out.write(content.data(), static_cast<std::streamsize>(content.size()));
-    out.close();
-    std::error_code gone; // with its directory, by a library that is at work
-    fs::resize_file(file, content.size(), gone);
-}
-
 HardwareCopy::HardwareCopy()
 {
-    std::error_code none;
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kHardware, none)) {
-        if (entry.is_symlink()) {
-            links_[entry.path()] = fs::read_symlink(entry.path());
-        } else if (entry.is_directory()) {
-            directories_.push_back(entry.path()); // before what is in it
-        } else if (entry.is_regular_file()) {
-            contents_[entry.path()] = common::readWhole(entry.path());
+    std::error_code gone;
+    for (const fs::path& path : everythingBelow(kHardware)) {
+        const fs::file_status status = fs::symlink_status(path, gone);
+        if (fs::is_symlink(status)) {
+            links_[path] = fs::read_symlink(path, gone);
+        } else if (fs::is_directory(status)) {
+            directories_.push_back(path); // before what is in it
+        } else if (fs::is_fifo(status)) {
+            pipes_[path] = static_cast<mode_t>(status.permissions());
+        } else if (fs::is_regular_file(status)) {
+            contents_[path] = contentOf(path);
         }
     }
 }
@@ -54,26 +32,29 @@ HardwareCopy::HardwareCopy()
 bool HardwareCopy::isAsItWas(const fs::path& path) const
 {
     std::error_code none;
-    const fs::file_status status = fs::symlink_status(path, none);
-    if (fs::is_directory(status)) {
+    switch (fs::symlink_status(path, none).type()) {
+    case fs::file_type::directory:
         return std::find(directories_.begin(), directories_.end(), path) != directories_.end();
+    case fs::file_type::symlink: {
+        const auto link = links_.find(path);
+        return link != links_.end() && fs::read_symlink(path, none) == link->second;
     }
-    const auto link = links_.find(path);
-    return fs::is_symlink(status) ? link != links_.end() && fs::read_symlink(path, none) == link->second
-                                  : contents_.count(path) != 0 || !fs::is_regular_file(status);
+    case fs::file_type::fifo:
+        return pipes_.count(path) != 0;
+    case fs::file_type::regular:
+        return contents_.count(path) != 0;
+    default:
+        return contents_.count(path) == 0; // a socket, which may be in use, or gone
+    }
 }
 
 void HardwareCopy::putBack() const
 {
-    std::vector<fs::path> others;
     std::error_code none;
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kHardware, none)) {
-        if (!isAsItWas(entry.path())) {
-            others.push_back(entry.path());
+    for (const fs::path& path : everythingBelow(kHardware)) {
+        if (!isAsItWas(path)) {
+            fs::remove_all(path, none);
         }
-    }
-    for (const fs::path& other : others) {
-        fs::remove_all(other, none);
     }
     for (const fs::path& directory : directories_) {
         fs::create_directory(directory, none);
@@ -81,8 +62,11 @@ void HardwareCopy::putBack() const
     for (const auto& [link, target] : links_) {
         fs::create_symlink(target, link, none);
     }
+    for (const auto& [pipe, mode] : pipes_) {
+        mkfifo(pipe.c_str(), mode); // fails for one that is there still
+    }
     for (const auto& [file, content] : contents_) {
-        if (!fs::exists(file, none) || common::readWhole(file) != content) {
+        if (!fs::exists(file, none) || contentOf(file) != content) {
             overwrite(file, content);
         }
     }

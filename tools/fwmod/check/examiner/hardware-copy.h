@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace fwmod::examiner
@@ -23,14 +24,9 @@ private:
 
     std::vector<std::filesystem::path> directories_;
     std::map<std::filesystem::path, std::filesystem::path> links_;
+    std::map<std::filesystem::path, mode_t> pipes_;
     std::map<std::filesystem::path, std::string> contents_;
 };
-
-// The plain files below a directory.
-std::vector<std::filesystem::path> filesIn(const std::filesystem::path& directory);
-
-// In its place: it may be open.
-void overwrite(const std::filesystem::path& file, const std::string& content);
 
 // The same noise each time.
 std::string noise(std::size_t size);

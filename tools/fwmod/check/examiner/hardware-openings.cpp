@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "tools/fwmod/check/examiner/hardware-copy.h"
+#include "tools/fwmod/check/examiner/plain-files.h"
 
 namespace fwmod::examiner
 {
@@ -20,9 +21,9 @@ HardwareOpenings::HardwareOpenings(bool isWatching)
     }
     events_ = common::UniqueFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     inotify_add_watch(events_.get(), kHardware, IN_OPEN);
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kHardware, none)) {
-        if (entry.is_directory(none)) {
-            inotify_add_watch(events_.get(), entry.path().c_str(), IN_OPEN);
+    for (const fs::path& path : everythingBelow(kHardware)) {
+        if (fs::is_directory(fs::symlink_status(path, none))) {
+            inotify_add_watch(events_.get(), path.c_str(), IN_OPEN);
         }
     }
 }

@@ -1,6 +1,7 @@
 #include "tools/fwmod/check/examiner/held-image.h"
 
 #include <algorithm>
+#include <fcntl.h>
 #include <gio/gio.h>
 #include <memory>
 #include <string_view>
@@ -8,6 +9,7 @@
 
 #include "common/files/whole-file.h"
 #include "tools/fwmod/check/examiner/hardware-copy.h"
+#include "tools/fwmod/check/examiner/plain-files.h"
 
 namespace fwmod::examiner
 {
@@ -22,7 +24,7 @@ std::map<std::string, std::string> hardwareOf(const Machine& machine)
     std::map<std::string, std::string> contents;
     const fs::path root = machine.file("/");
     for (const fs::path& file : filesIn(machine.file(kHardware))) {
-        contents["/" + file.lexically_relative(root).string()] = common::readWhole(file);
+        contents["/" + file.lexically_relative(root).string()] = contentOf(file);
     }
     return contents;
 }
@@ -36,7 +38,10 @@ bool contains(std::string_view content, const std::string& part)
 class MappedFile
 {
 public:
-    explicit MappedFile(const fs::path& file) : file_(g_mapped_file_new(file.c_str(), FALSE, nullptr)) {}
+    explicit MappedFile(const fs::path& file)
+        : file_(g_mapped_file_new_from_fd(openPlain(file, O_RDONLY).get(), FALSE, nullptr))
+    {
+    }
     std::string_view content() const // none when it cannot be read
     {
         const char* const bytes = file_ ? g_mapped_file_get_contents(file_.get()) : nullptr;

@@ -1,9 +1,10 @@
 #include "tools/fwmod/check/examiner/lost-hardware.h"
 
-#include <fstream>
+#include <system_error>
 
 #include "tools/fwmod/check/examiner/hardware-copy.h"
 #include "tools/fwmod/check/examiner/held-image.h"
+#include "tools/fwmod/check/examiner/plain-files.h"
 #include "tools/fwmod/check/examiner/worker.h"
 
 namespace fwmod::examiner
@@ -17,24 +18,33 @@ constexpr std::uintmax_t kMostNoise = 64 << 20; // bytes: it is all made in memo
 
 void removeHardware(const fs::path& directory)
 {
-    for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
-        fs::remove_all(entry.path());
+    std::error_code gone;
+    for (const fs::path& path : everythingBelow(directory)) {
+        fs::remove_all(path, gone);
     }
+}
+
+std::uintmax_t sizeOf(const fs::path& file)
+{
+    std::error_code gone;
+    const std::uintmax_t size = fs::file_size(file, gone);
+    return gone ? 0 : size;
 }
 
 void makeNoiseOf(const fs::path& directory)
 {
     for (const fs::path& file : filesIn(directory)) {
-        overwrite(file, noise(fs::file_size(file)));
+        overwrite(file, noise(sizeOf(file)));
     }
 }
 
 // As new files: one that is mapped keeps its content.
 void empty(const fs::path& directory)
 {
+    std::error_code gone;
     for (const fs::path& file : filesIn(directory)) {
-        fs::remove(file);
-        std::ofstream(file).close();
+        fs::remove(file, gone);
+        overwrite(file, "");
     }
 }
 
@@ -120,7 +130,7 @@ std::uintmax_t sizeOfHardware(const Machine& machine)
 {
     std::uintmax_t size = 0;
     for (const fs::path& file : filesIn(machine.file(kHardware))) {
-        size += fs::file_size(file);
+        size += sizeOf(file);
     }
     return size;
 }

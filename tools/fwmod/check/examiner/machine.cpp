@@ -20,7 +20,7 @@
 #include <unistd.h>
 
 #include "common/files/file-copy.h"
-#include "common/files/whole-file.h"
+#include "tools/fwmod/check/examiner/plain-files.h"
 
 namespace fwmod::examiner
 {
@@ -59,10 +59,12 @@ void copyEntry(const fs::path& from, const fs::path& to)
         fs::create_directories(to);
     } else if (fs::is_symlink(status)) {
         fs::copy_symlink(from, to);
+    } else if (fs::is_fifo(status)) {
+        check(mkfifo(to.c_str(), 0600), "cannot make the pipe " + to.string());
     } else if (fs::is_regular_file(status)) {
         common::copyFile(from, to);
     } else {
-        return; // a socket or a pipe: nothing that a power cut leaves
+        return; // a socket: nobody listens to it any more
     }
     struct stat file = {};
     check(lstat(from.c_str(), &file), "cannot look at " + from.string());
@@ -160,12 +162,9 @@ fs::path Machine::file(const fs::path& path) const
 std::size_t Machine::stateOfHardware() const
 {
     std::size_t state = 0;
-    std::error_code gone; // a library may be removing files meanwhile
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(file("/var/lib"), gone)) {
-        std::string text = entry.path();
-        if (entry.is_regular_file(gone)) {
-            text += common::readWhole(entry.path());
-        }
+    std::error_code none;
+    for (const fs::path& path : everythingBelow(file("/var/lib"))) {
+        const std::string text = path.string() + fs::read_symlink(path, none).string() + contentOf(path);
         state += std::hash<std::string>()(text); // a sum: the order of a directory's entries does not count
     }
     return state;

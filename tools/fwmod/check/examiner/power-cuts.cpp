@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <memory>
 #include <set>
@@ -17,6 +17,7 @@
 
 #include "tools/fwmod/check/examiner/faulty-writes.h"
 #include "tools/fwmod/check/examiner/held-image.h"
+#include "tools/fwmod/check/examiner/plain-files.h"
 #include "tools/fwmod/check/examiner/updates.h"
 #include "tools/fwmod/check/examiner/worker.h"
 
@@ -273,16 +274,14 @@ std::optional<SeenWrite> blockWritten(const Writes& writes)
 // False when the file is not there any more by that name.
 bool changeByteOf(const SeenWrite& write, const Machine& machine)
 {
-    std::fstream file(machine.file(write.path), std::ios::binary | std::ios::in | std::ios::out);
-    const auto at = static_cast<std::streamoff>(*write.position + write.bytes / 2);
-    file.seekg(at);
-    const int byte = file.get();
-    if (byte == std::char_traits<char>::eof()) {
+    const common::UniqueFd file = openPlain(machine.file(write.path), O_RDWR);
+    const auto at = static_cast<off_t>(*write.position + write.bytes / 2);
+    char byte = 0;
+    if (!file || pread(file.get(), &byte, 1, at) != 1) {
         return false;
     }
-    file.seekp(at);
-    file.put(static_cast<char>(~byte));
-    return file.good();
+    byte = static_cast<char>(~byte);
+    return pwrite(file.get(), &byte, 1, at) == 1;
 }
 
 // Nothing when one of several next starts brings the offered version, and the image that belongs to it.

@@ -14,6 +14,7 @@
 #include "tools/fwmod/check/examiner/faulty-writes.h"
 #include "tools/fwmod/check/examiner/hardware-copy.h"
 #include "tools/fwmod/check/examiner/held-image.h"
+#include "tools/fwmod/check/examiner/plain-files.h"
 #include "tools/fwmod/check/examiner/worker.h"
 
 namespace fwmod::examiner
