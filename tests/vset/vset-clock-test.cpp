@@ -3,6 +3,7 @@
 // forwards once the file /tmp/waiting is there.
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -174,10 +175,13 @@ void waitInTwoProcesses(int wait)
     EXPECT_EQ(status, 0);
 }
 
+// Who has slept and then fails without a cause of its own must not get one from here.
 void sleepUntilWallTime(int wait)
 {
     const timespec end = inSeconds(CLOCK_REALTIME, wait);
+    errno = 0;
     EXPECT_EQ(clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &end, nullptr), 0);
+    EXPECT_EQ(errno, 0);
 }
 
 struct Wait {

@@ -168,6 +168,19 @@ const vset::ClockPage* mapPage()
     return page->magic.load() == vset::kClockMagic ? page : nullptr;
 }
 
+// What is done on the way to an answer must not be taken for the answer's own error.
+class KeptErrno
+{
+public:
+    KeptErrno() = default;
+    ~KeptErrno() { errno = value_; }
+    KeptErrno(const KeptErrno&) = delete;
+    KeptErrno& operator=(const KeptErrno&) = delete;
+
+private:
+    int value_ = errno;
+};
+
 std::atomic<const vset::ClockPage*> mappedPage{nullptr};
 std::atomic<bool> pageSought{false};
 
@@ -178,10 +191,9 @@ const vset::ClockPage* clockPage()
     if (pageSought.load(std::memory_order_acquire)) {
         return mappedPage.load(std::memory_order_relaxed);
     }
-    const int previousErrno = errno;
+    const KeptErrno kept;
     mappedPage.store(mapPage(), std::memory_order_relaxed);
     pageSought.store(true, std::memory_order_release);
-    errno = previousErrno;
     return mappedPage.load(std::memory_order_relaxed);
 }
 
@@ -264,6 +276,7 @@ bool isValid(const timespec& time)
 template <typename Wait>
 int waitInSlices(const Deadline& deadline, Wait wait)
 {
+    const KeptErrno kept;
     while (true) {
         const bool last = deadline.remaining() == 0;
         const timespec end = deadline.sliceEnd();
@@ -296,6 +309,7 @@ const void* changeWord(const vset::ClockPage& page)
 
 int sleepUntil(const Deadline& deadline)
 {
+    const KeptErrno kept;
     while (true) {
         const uint32_t sequence = deadline.page().sequence.load();
         if (deadline.remaining() == 0) {
@@ -424,11 +438,9 @@ public:
     // -1 when there is none to be had: then one waits in slices.
     static int get()
     {
-        const int previousErrno = errno;
+        const KeptErrno kept;
         pthread_once(&once_, [] { hasKey_ = pthread_key_create(&key_, closeKept) == 0; });
-        const int descriptor = hasKey_ ? find() : -1;
-        errno = previousErrno;
-        return descriptor;
+        return hasKey_ ? find() : -1;
     }
 
     static void drain(int descriptor)
@@ -856,6 +868,7 @@ std::optional<int> waitForBothWords(const long* arguments, const Deadline& deadl
     const auto* word = reinterpret_cast<const std::atomic<uint32_t>*>(arguments[0]);
     const auto expected = static_cast<uint32_t>(arguments[2]);
     const auto own = static_cast<uint32_t>(arguments[1] & FUTEX_PRIVATE_FLAG);
+    const KeptErrno kept;
     while (true) {
         const uint32_t sequence = deadline.page().sequence.load();
         const bool last = deadline.remaining() == 0;
