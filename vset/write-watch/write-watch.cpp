@@ -282,12 +282,16 @@ bool isFlushedByItself(const Call& call, const seccomp_notif& notice)
 }
 
 // What only begins to write, or not even that, orders nothing.
-bool isNoFlush(const seccomp_notif& notice)
+bool isMsyncWithoutWaiting(const seccomp_notif& notice)
 {
-    static const int msyncNumber = seccomp_syscall_resolve_name("msync"); // each call that waits is looked at
-    static const int rangeNumber = seccomp_syscall_resolve_name("sync_file_range");
-    return (notice.data.nr == msyncNumber && (notice.data.args[2] & MS_SYNC) == 0) ||
-           (notice.data.nr == rangeNumber && (notice.data.args[3] & SYNC_FILE_RANGE_WAIT_AFTER) == 0);
+    static const int number = seccomp_syscall_resolve_name("msync"); // each call that waits is looked at
+    return notice.data.nr == number && (notice.data.args[2] & MS_SYNC) == 0;
+}
+
+bool isRangeWithoutWaiting(const seccomp_notif& notice)
+{
+    static const int number = seccomp_syscall_resolve_name("sync_file_range");
+    return notice.data.nr == number && (notice.data.args[3] & SYNC_FILE_RANGE_WAIT_AFTER) == 0;
 }
 
 std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
@@ -296,8 +300,12 @@ std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
     write.id = notice.id;
     write.thread = static_cast<pid_t>(notice.pid);
     std::copy(std::begin(notice.data.args), std::end(notice.data.args), write.arguments.begin());
-    if (isNoFlush(notice)) {
+    if (isRangeWithoutWaiting(notice)) {
         return std::nullopt;
+    }
+    if (isMsyncWithoutWaiting(notice)) {
+        write.call = kMsyncWithoutWaiting;
+        return write;
     }
     if (const Flush* const flush = findCall<kFlushes>(notice)) {
         write.call = flush->name;

@@ -25,6 +25,9 @@
 namespace vset
 {
 
+// The name that an msync without MS_SYNC has here: it is no flush, and tells that one was meant.
+constexpr const char* kMsyncWithoutWaiting = "msync without MS_SYNC";
+
 struct HardwareWrite {
     std::uint64_t id = 0;    // the kernel's
     pid_t thread = 0;        // that waits, as the watcher's process namespace numbers it
