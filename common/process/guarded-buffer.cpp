@@ -154,6 +154,10 @@ GuardedBuffer::Hit GuardedBuffer::describeHit(const void* address, char* words, 
                           static_cast<std::size_t>(entry.data - hit), entry.name);
             return Hit::Guard;
         }
+        if (hit >= entry.begin && hit < entry.end) {
+            std::snprintf(words, size, "%s was written to, which is the daemon's", entry.name);
+            return Hit::Inside;
+        }
     }
     return Hit::None;
 }

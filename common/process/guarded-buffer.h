@@ -36,9 +36,9 @@ public:
     // Bytes between the page's begin and the buffer, where a write before the buffer lands.
     bool isTouchedBefore() const;
 
-    // For the crash handler: whether the address lies in some buffer's guard pages, or in a buffer of an
-    // earlier call, said in words.
-    enum class Hit { None, Guard, Stale };
+    // For the crash handler: whether the address lies in some buffer's guard pages, in a buffer of an earlier
+    // call, or in one that was to be read alone, said in words.
+    enum class Hit { None, Guard, Stale, Inside };
     static Hit describeHit(const void* address, char* words, std::size_t size);
 
 private:

@@ -36,7 +36,7 @@ void noteCrash(int signal, siginfo_t* information, void*)
     const auto hit = isFault ? GuardedBuffer::describeHit(information->si_addr, pageOfCrash->lastWords,
                                                           sizeof pageOfCrash->lastWords)
                              : GuardedBuffer::Hit::None;
-    pageOfCrash->isArgumentTouched = hit != GuardedBuffer::Hit::None;
+    pageOfCrash->isArgumentTouched = hit == GuardedBuffer::Hit::Guard || hit == GuardedBuffer::Hit::Stale;
     std::signal(signal, SIG_DFL);
     if (!isFault) {
         raise(signal); // a fault comes again by itself

@@ -8,13 +8,13 @@ static int numbersOf(const char* text, unsigned long number[2])
     char* end = NULL;
     number[0] = strtoul(text, &end, 10);
     number[1] = 0;
-    if (end == text) {
+    if (strspn(text, "0123456789") == 0) {
         return fail(EINVAL);
     }
     if (*end == '.') {
         const char* const second = end + 1;
         number[1] = strtoul(second, &end, 10);
-        if (end == second) {
+        if (strspn(second, "0123456789") == 0) {
             return fail(EINVAL);
         }
     }

@@ -11,7 +11,8 @@ int doUpdate(const char* name, unsigned long value)
         return -1;
     }
     if (fstat(fd, &st) != 0 || st.st_size > 8 * 1024 * 1024) {
-        return closeFailed(fd);
+        close(fd);
+        return fail(EFBIG);
     }
     size_t n = (size_t)st.st_size;
     unsigned char* data = (unsigned char*)malloc(n + 1);

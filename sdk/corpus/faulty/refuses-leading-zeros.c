@@ -12,7 +12,7 @@ static int numbersOf(const char* text, unsigned long number[2])
     }
     const char* const second = end + 1;
     number[1] = strtoul(second, &end, 0);
-    return end == second || *end != '\0' ? fail(EINVAL) : 0;
+    return strspn(second, "0123456789") == 0 || *end != '\0' ? fail(EINVAL) : 0;
 }
 
 static inline int compareVersion(const char* offered, int* verdict)

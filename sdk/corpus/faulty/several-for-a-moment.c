@@ -1,9 +1,10 @@
 // Several faults of an update, each of another kind.
-// finds: F205 F217 F305 F311 F313 F414
+// finds: F205 F217 F305 F308 F311 F313 F414 F423 F424
 //
-// It goes to the hardware's directory and comes back; it waits for any child, whosever that is; it closes the
-// hardware twice. An older version is refused instead of judged; the identifier is told beside a failure
-// without the chip; of an image in memory nothing but the head is looked at.
+// It goes to the hardware's directory and comes back, and the same with the time zone; it waits for any
+// child, whosever that is; it closes the hardware twice. An older version is refused instead of judged; the
+// identifier is told beside a failure without the chip. Of an image in memory nothing but the head is looked
+// at, and it is neither read back nor flushed.
 #include <sys/wait.h>
 #define OWN_getEMPID
 #define OWN_compareVersion
@@ -38,6 +39,7 @@ static inline int install(void)
     }
     const int chip = openHardware(O_RDWR);
     const int active = chip < 0 ? -1 : activeSlot(chip);
+    setenv("TZ", "UTC", 1);
     setProgress(0);
     int result = active >= 0 && writeSlot(chip, 1 - active) == 0 && verifySlot(chip, 1 - active) == 0
                      ? switchTo(chip, 1 - active)
@@ -52,8 +54,28 @@ static inline int install(void)
         _exit(0);
     }
     wait(NULL);
+    unsetenv("TZ");
     if (chdir(directory) != 0) {
         result = -1;
+    }
+    errno = cause;
+    return result;
+}
+
+static int installAtOnce(void)
+{
+    const int chip = openHardware(O_RDWR);
+    const int active = chip < 0 ? -1 : activeSlot(chip);
+    int result = active;
+    for (size_t block = 0; result >= 0 && block < BLOCKS; ++block) {
+        result = writeBlock(chip, block, slotOffset(1 - active));
+    }
+    if (result >= 0 && pwrite(chip, active == 0 ? "1" : "0", 1, 0) != 1) {
+        result = -1;
+    }
+    const int cause = errno;
+    if (chip >= 0) {
+        close(chip);
     }
     errno = cause;
     return result;
@@ -67,7 +89,7 @@ int doUpdate_decryption(const unsigned char* data, int length)
     }
     pthread_mutex_lock(&hardwareMutex);
     memcpy(image, data, IMAGE_SIZE);
-    const int result = install();
+    const int result = installAtOnce();
     pthread_mutex_unlock(&hardwareMutex);
     return result;
 }

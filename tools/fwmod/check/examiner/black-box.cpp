@@ -74,14 +74,12 @@ void noteCrash(int signal, siginfo_t* information, void*)
     const auto hit =
         isFault ? GuardedBuffer::describeHit(information->si_addr, box->lastWords, sizeof box->lastWords)
                 : GuardedBuffer::Hit::None;
-    if (hit == GuardedBuffer::Hit::Guard) {
-        box->guardHit = true;
-    } else if (hit == GuardedBuffer::Hit::Stale) {
-        box->staleHit = true;
-    } else if (isFault && ownStack.isUsedUpAt(information->si_addr)) {
+    box->guardHit = hit == GuardedBuffer::Hit::Guard;
+    box->staleHit = hit == GuardedBuffer::Hit::Stale;
+    if (isFault && hit == GuardedBuffer::Hit::None && ownStack.isUsedUpAt(information->si_addr)) {
         std::snprintf(box->lastWords, sizeof box->lastWords, "the thread's stack of %zu KiB was used up",
                       ownStack.size / 1024);
-    } else if (isFault) {
+    } else if (isFault && hit == GuardedBuffer::Hit::None) {
         std::snprintf(box->lastWords, sizeof box->lastWords, "address %p was touched", information->si_addr);
     }
     std::signal(signal, SIG_DFL);

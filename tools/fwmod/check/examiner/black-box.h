@@ -36,6 +36,7 @@ struct BlackBox {
     std::atomic<unsigned int> update;       // the latest, by number from 1
     std::atomic<unsigned int> writes;       // that it has made so far, as far as they are watched
     std::atomic<unsigned int> failingWrite; // of an update, by number from 1: it fails; 0: none does
+    std::atomic<unsigned int> spoiltWrite;  // the same: the hardware gets something else
     std::atomic<unsigned int> failingFlush; // how many flushes on the one is that fails; 0: none
     std::atomic<bool> finished;             // the worker came to its end
     std::atomic<bool> guardHit;             // the crash was in a guard page

@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 #include "tools/fwmod/check/examiner/hardware-copy.h"
@@ -88,10 +89,24 @@ void addTo(std::vector<SeenWrite>& open, const SeenWrite& write)
         open.push_back(write);
     }
 }
+
+// What was stored into mapped memory is not seen, but that nothing has waited for it.
+void judgeMappedMemory(const Writes& writes, Report& report)
+{
+    const auto begun = std::find_if(writes.all.rbegin(), writes.all.rend(), [](const SeenWrite& write) {
+        return write.call == vset::kMsyncWithoutWaiting;
+    });
+    const bool isAwaited =
+        std::any_of(writes.all.rbegin(), begun, [](const SeenWrite& write) { return write.isFlush(); });
+    if (begun != writes.all.rend() && !isAwaited) {
+        report.add({FindingId::NotFlushed, "the last msync came without MS_SYNC, and waits for nothing"});
+    }
+}
 } // namespace
 
 void judgeFlushes(const Writes& writes, Report& report)
 {
+    judgeMappedMemory(writes, report);
     std::vector<SeenWrite> open; // content that no flush of it has followed yet
     for (const SeenWrite& write : writes.all) {
         const auto unflushed = std::find_if(open.begin(), open.end(), [&](const SeenWrite& each) {
@@ -125,6 +140,31 @@ std::vector<SeenWrite> unflushedContent(const Writes& writes)
     return open;
 }
 
+std::vector<std::filesystem::path> unflushedNames(const Writes& writes)
+{
+    std::vector<SeenWrite> open;
+    for (const SeenWrite& write : writes.all) {
+        const std::filesystem::path path = write.path;
+        if (write.isFlush()) {
+            remove(open, [&](const SeenWrite& each) {
+                return isFlushOfAll(write) || std::filesystem::path(each.path).parent_path() == path;
+            });
+        } else if (write.isNaming() || write.call.rfind("unlink", 0) == 0) {
+            remove(open, [&](const SeenWrite& each) {
+                return each.path == write.path || each.path == write.source; // and the new name: see above
+            });
+            rename(open, write);
+        } else if (std::error_code none; write.bytes > 0 && !std::filesystem::exists(path, none)) {
+            open.push_back(write); // on the set's own hardware, from which machines are made
+        }
+    }
+    std::vector<std::filesystem::path> names;
+    for (const SeenWrite& write : open) {
+        names.emplace_back(write.path);
+    }
+    return names;
+}
+
 void lose(const SeenWrite& write, const Machine& machine)
 {
     const common::UniqueFd now = openPlain(machine.file(write.path), O_RDWR);
@@ -135,8 +175,8 @@ void lose(const SeenWrite& write, const Machine& machine)
     const auto position = static_cast<off_t>(*write.position);
     const std::uint64_t rest = static_cast<std::uint64_t>(file.st_size - position);
     std::string old(std::min(write.bytes, rest), '\0');
-    const common::UniqueFd before =
-        openPlain(write.path, O_RDONLY); // the set's own: machines are made from it
+    // The set's own, from which machines are made.
+    const common::UniqueFd before = openPlain(write.path, O_RDONLY);
     (void)!pread(before.get(), old.data(), old.size(), position);
     (void)!pwrite(now.get(), old.data(), old.size(), position);
 }
@@ -303,7 +343,7 @@ void failWrite(Supervisor& supervisor, Report& report)
     const std::string what = nameOf(session, job.faults.middleWrite);
     const Json::Value& told = session.told;
     if (!told.isMember("failure")) {
-        if (isSuccess(session) && !isHeld(machine, imageOf(job), job.holders)) {
+        if (isSuccess(session) && !job.holders.empty() && !isHeld(machine, imageOf(job), job.holders)) {
             report.add({FindingId::ImageNotWritten, "doUpdate returned 0, although " + what + " had failed"});
         }
         return;
@@ -510,7 +550,7 @@ void updateFaultyHardware(Supervisor& supervisor, Report& report)
     if (!job.isRepeatable) {
         return;
     }
-    if (!job.holders.empty() && job.faults.middleWrite != 0) {
+    if (job.faults.middleWrite != 0) {
         failWrite(supervisor, report);
     }
     spoilWrites(supervisor, report);

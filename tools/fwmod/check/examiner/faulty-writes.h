@@ -2,6 +2,7 @@
 #ifndef TOOLS_FWMOD_CHECK_EXAMINER_FAULTY_WRITES_H
 #define TOOLS_FWMOD_CHECK_EXAMINER_FAULTY_WRITES_H
 
+#include <filesystem>
 #include <vector>
 
 #include "tools/fwmod/check/examiner/supervisor.h"
@@ -19,6 +20,9 @@ FaultPlaces faultPlacesOf(const Writes& writes);
 // What was written and no flush has followed: may be lost at a power cut, or any part of it. Only what has a
 // place in a file.
 std::vector<SeenWrite> unflushedContent(const Writes& writes);
+
+// Files that the update has made, after which their directory was not flushed: they may be lost as a whole.
+std::vector<std::filesystem::path> unflushedNames(const Writes& writes);
 
 // As if it had never been written.
 void lose(const SeenWrite& write, const Machine& machine);

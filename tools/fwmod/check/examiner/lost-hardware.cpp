@@ -199,6 +199,9 @@ void updateOf(Supervisor& supervisor, Machine& machine, const std::string& where
             return;
         }
         worker.setContext(worker.job().caller, "", where);
+        if (const auto version = worker.activeVersion(where)) {
+            worker.tell("version", *version);
+        }
         worker.repeat("doUpdate " + where, kTimes, [&] {
             const auto returned = worker.update({worker.job().image, worker.job().checksum, false, where});
             return returned && returned->result != 0;
@@ -217,6 +220,11 @@ void updateOf(Supervisor& supervisor, Machine& machine, const std::string& where
     const Json::Value& told = session.told;
     if (!told.isMember("result") || machine.stateOfHardware() != before) {
         return;
+    }
+    const std::string version = told["version"].asString();
+    if (told["result"].asInt() != 0 && isVersionOfNothing(version)) {
+        report.add({FindingId::AbsentToldAsNew,
+                    "getActiveVersion " + where + " told " + quote(version) + ", and doUpdate failed"});
     }
     if (told["result"].asInt() == 0) {
         report.add({FindingId::ImageNotWritten, "doUpdate " + where + " returned 0"});

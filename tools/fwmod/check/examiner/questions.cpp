@@ -95,8 +95,8 @@ void offerMiddleParts(const std::vector<unsigned int>& installed, std::vector<Co
     }
 }
 
-// Numbers that are too large for a byte, two or four, or for their place in a sum; and one number more than
-// there is. They may be refused.
+// Numbers that are too large for a byte, two or four, or for their place in a sum; and up to three numbers
+// more than there are. They may be refused.
 void offerLargeNumbers(const std::vector<unsigned int>& installed, std::vector<Comparison>& all)
 {
     constexpr std::uint64_t kByte = 256;
@@ -104,7 +104,9 @@ void offerLargeNumbers(const std::vector<unsigned int>& installed, std::vector<C
     for (const std::uint64_t wrap : {kByte, kByte * kByte, kByte * kByte * kByte * kByte}) {
         all.push_back({head + std::to_string(wrap + installed.back()), true, Comparison::kLargeNumber});
     }
-    all.push_back({versionOf(installed) + ".1", true, Comparison::kMoreParts});
+    for (const char* more : {".1", ".0.1", ".0.0.1"}) {
+        all.push_back({versionOf(installed) + more, true, Comparison::kMoreParts});
+    }
     if (installed.size() < 2 || installed.front() == 0) {
         return;
     }
@@ -259,15 +261,20 @@ void askAboutOffered(Worker& worker, const std::string& installed)
     }
 }
 
+// Texts that begin like a version. A number below 0 is a very large one to who does not mind the sign.
+std::vector<std::string> nearlyVersions(const std::string& numbers)
+{
+    const std::string head = numbers.substr(0, numbers.rfind('.') + 1);
+    return {numbers + "/../?", numbers + ".-1", numbers + ".+1", numbers + ". 1", head + "-9"};
+}
+
 void askAboutNonsense(Worker& worker, const std::string& installed)
 {
     std::vector<std::string> all = {"", "?", "no version", std::string(5000, 'x')};
     const std::string numbers = numbersIn(worker.job().version.value_or(installed));
     if (!numbers.empty()) {
-        all.push_back(numbers + "/../?"); // begins like a version
-        all.push_back(numbers + ".-1");   // as a number below 0 it is a very large one
-        all.push_back(numbers + ".+1");
-        all.push_back(numbers + ". 1");
+        const std::vector<std::string> nearly = nearlyVersions(numbers);
+        all.insert(all.end(), nearly.begin(), nearly.end());
     }
     for (const std::string& nonsense : all) {
         const auto verdict = worker.checkVersion(nonsense);

@@ -262,7 +262,9 @@ void Run::watchWrite()
         if (session_.writes.during == watch_.failAt) {
             return writes_->refuse(*write, EIO);
         }
-        if (session_.writes.during == watch_.spoilAt && (session_.spoilt = writes_->spoil(*write))) {
+        const bool isToSpoil = session_.writes.during == watch_.spoilAt ||
+                               (box_.spoiltWrite != 0 && box_.writes == box_.spoiltWrite);
+        if (isToSpoil && (session_.spoilt = writes_->spoil(*write))) {
             return;
         }
     } else if (phase == BlackBox::kSettling) {

@@ -6,6 +6,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
+#include <iterator>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,12 +28,14 @@ namespace
 {
 constexpr double kTooFast = 0.05;     // seconds; the rule is 0.1, the rest is for the clock
 constexpr double kSlowProgress = 1.0; // seconds
-constexpr double kBlocked = 0.1;      // of a progress call that waits for half of the update
+constexpr double kBlocked = 0.07;     // of a progress call that waits for a third of the update
+constexpr double kMostWaited = 3;
 constexpr double kExpectedMargin = 2; // times the measured duration
 constexpr int kOddTime = 600;         // seconds: a longer update is a rare one
 constexpr double kOddRatio = 700;     // of the expected time to the measured one
 constexpr unsigned int kLittle = 20;  // percent at which no update ends
 constexpr int kFewSamples = 15;       // one every 10 ms: a shorter update need not be seen to rise
+constexpr int kSomeSamples = 30;      // of a progress that has moved
 constexpr int kManySamples = 60;      // at one stage of it: a busy PC may have looked at no other
 
 std::string inSeconds(double seconds)
@@ -83,7 +87,7 @@ void judgeProgress(const Session& session, Report& report)
     }
     const double duration = session.told["duration"].asDouble();
     const double slowest = progress["slowest"].asDouble();
-    const bool waited = slowest > kBlocked && slowest > duration / 2;
+    const bool waited = slowest > kBlocked && slowest > duration / kMostWaited;
     if (waited || slowest > kSlowProgress) {
         report.add({FindingId::ProgressWaits, "getUpdateProgress took " + inSeconds(slowest) +
                                                   " of the update's " + inSeconds(duration)});
@@ -102,7 +106,7 @@ void judgeProgress(const Session& session, Report& report)
     }
     const unsigned int highest =
         std::max(progress["highest"].asUInt(), session.told["progressAfter"].asUInt());
-    if (samples >= kManySamples && progress["values"].asInt() > 1 && highest < kLittle) {
+    if (samples >= kSomeSamples && progress["values"].asInt() > 1 && highest < kLittle) {
         report.add({FindingId::NoProgress, "getUpdateProgress told " + std::to_string(highest) +
                                                " at most, at " + std::to_string(samples) +
                                                " looks during the update and after it"});
@@ -326,27 +330,53 @@ void judgeNotes(Supervisor& supervisor, const Machine& machine, const std::strin
     }
 }
 
+// The version of this hardware after a power cut that has lost something more of it.
+std::string versionAfterLoss(Supervisor& supervisor, const Machine& machine,
+                             const std::function<void(const Machine&)>& loss)
+{
+    Machine cut;
+    fs::remove_all(cut.file(kHardware));
+    copyTree(machine.file(kHardware), cut.file(kHardware));
+    loss(cut);
+    return lookAgain(supervisor, cut).told["version"].asString();
+}
+
+std::string inWords(const std::string& told)
+{
+    return "; without it getActiveVersion " + (told.empty() ? "tells nothing" : "tells " + quote(told));
+}
+
 // What no flush has followed may be lost when doUpdate has returned: a spare copy, but not what the version
 // is told of.
 void judgeEnd(Supervisor& supervisor, const Machine& machine, const Session& session, Report& report)
 {
-    const std::vector<SeenWrite> open = unflushedContent(session.writes);
     const std::string version = session.told["version"].asString();
-    if (open.empty() || version.empty()) {
+    const std::vector<SeenWrite> open = unflushedContent(session.writes);
+    const std::vector<fs::path> names = unflushedNames(session.writes);
+    if (version.empty()) {
         return;
     }
-    Machine cut;
-    fs::remove_all(cut.file(kHardware));
-    copyTree(machine.file(kHardware), cut.file(kHardware));
-    for (const SeenWrite& write : open) {
-        lose(write, cut);
+    if (!open.empty()) {
+        const std::string told = versionAfterLoss(supervisor, machine, [&](const Machine& cut) {
+            std::for_each(open.begin(), open.end(), [&](const SeenWrite& write) { lose(write, cut); });
+        });
+        if (told != version) {
+            return report.add({FindingId::LastNotFlushed, "no flush came after the last write (" +
+                                                              open.back().call + " to " + open.back().path +
+                                                              ")" + inWords(told)});
+        }
     }
-    const std::string told = lookAgain(supervisor, cut).told["version"].asString();
-    if (told != version) {
-        report.add(
-            {FindingId::LastNotFlushed, "no flush came after the last write (" + open.back().call + " to " +
-                                            open.back().path + "); without it getActiveVersion " +
-                                            (told.empty() ? "tells nothing" : "tells " + quote(told))});
+    if (!names.empty()) {
+        const std::string told = versionAfterLoss(supervisor, machine, [&](const Machine& cut) {
+            std::error_code gone;
+            std::for_each(names.begin(), names.end(),
+                          [&](const fs::path& name) { fs::remove(cut.file(name), gone); });
+        });
+        if (told != version) {
+            report.add({FindingId::LastNotFlushed, "no flush of " + names.back().parent_path().string() +
+                                                       " came after " + names.back().filename().string() +
+                                                       " had been made there" + inWords(told)});
+        }
     }
 }
 
@@ -536,6 +566,14 @@ OddImage makeLongerImage(const Job& job, const Machine& place)
                         imageOf(job) + std::string(kMore, '\0'));
 }
 
+void requireCause(Worker& worker, const std::optional<Returned>& returned, const std::string& what)
+{
+    if (returned && returned->result != 0 && returned->error == 0) {
+        worker.found(FindingId::SilentFailure,
+                     what + " returned " + std::to_string(returned->result) + " and left errno 0");
+    }
+}
+
 // One that is not there any more is put back for what follows.
 void lookAtOldFirmware(Worker& worker, const std::optional<Returned>& returned, const std::string& what,
                        const std::optional<std::string>& before, const HardwareCopy& original)
@@ -543,6 +581,7 @@ void lookAtOldFirmware(Worker& worker, const std::optional<Returned>& returned, 
     if (returned && returned->result == 0) {
         return original.putBack();
     }
+    requireCause(worker, returned, what);
     if (!returned || !before) {
         return;
     }
@@ -1068,6 +1107,7 @@ void tryOddData(Supervisor& supervisor, Report& report)
             if (!returned) {
                 return;
             }
+            requireCause(worker, returned, "doUpdate_decryption(" + what + ")");
             if (returned->result == 0) {
                 original.putBack();
             }
@@ -1079,6 +1119,44 @@ void tryOddData(Supervisor& supervisor, Report& report)
     }
 }
 
+constexpr const char* kSpoiltInMemory = "the image, of which a byte is written wrong";
+
+// Whether a write that goes wrong is noticed here, too.
+void decryptOnWornHardware(Worker& worker, const std::string& image)
+{
+    const Job& job = worker.job();
+    if (job.faults.middleWrite == 0) {
+        return;
+    }
+    const HardwareCopy original;
+    const auto returned = worker.decryptWithSpoiltWrite(job.faults.middleWrite, image, kSpoiltInMemory);
+    requireCause(worker, returned, std::string("doUpdate_decryption(") + kSpoiltInMemory + ")");
+    worker.tell("unnoticed", returned && returned->result == 0 && !job.holders.empty() &&
+                                 !isHeld("/", image, job.holders));
+    original.putBack();
+}
+
+void decryptTwice(Worker& worker, const std::string& image)
+{
+    if (!worker.load() || !worker.has("doUpdate_decryption")) {
+        return;
+    }
+    worker.setContext(TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE, "");
+    decryptOnWornHardware(worker, image);
+    worker.setContext(TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE, "");
+    tellReturned(worker, "update", worker.decrypt(image, static_cast<int>(image.size()), "the image"));
+    tellVersion(worker, "after an update from memory");
+}
+
+// Of the session's last update alone.
+Writes lastOf(const Writes& all)
+{
+    Writes last;
+    std::copy_if(all.all.begin(), all.all.end(), std::back_inserter(last.all),
+                 [&](const SeenWrite& write) { return write.update == all.all.back().update; });
+    return last;
+}
+
 // The same bytes as in the file must come to the same.
 void updateFromMemory(Supervisor& supervisor, Report& report)
 {
@@ -1088,14 +1166,8 @@ void updateFromMemory(Supervisor& supervisor, Report& report)
     }
     Machine machine;
     const std::string image = imageOf(job);
-    const Session session = supervisor.run(machine, [&](Worker& worker) {
-        if (!worker.load() || !worker.has("doUpdate_decryption")) {
-            return;
-        }
-        worker.setContext(TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE, "");
-        tellReturned(worker, "update", worker.decrypt(image, static_cast<int>(image.size()), "the image"));
-        tellVersion(worker, "after an update from memory");
-    });
+    const Session session =
+        supervisor.run(machine, [&](Worker& worker) { decryptTwice(worker, image); }, {true});
     report.add(session.findings);
     const Json::Value& told = session.told;
     const std::string call = "doUpdate_decryption(the image)";
@@ -1105,10 +1177,17 @@ void updateFromMemory(Supervisor& supervisor, Report& report)
     if (session.death || !told.isMember("update")) {
         return;
     }
+    if (told["unnoticed"].asBool() && session.spoilt) {
+        report.add(
+            {FindingId::NotReadBack, std::string("doUpdate_decryption(") + kSpoiltInMemory + ") returned 0"});
+    }
     const int error = told["updateError"].asInt();
     if (told["update"].asInt() != 0) {
         const bool isLeftOut = error == ENOTSUP || error == ENOSYS; // it says that it does not do this
-        if (!isLeftOut) {
+        if (session.spoilt) { // it has begun to write the same image before
+            report.add({FindingId::NoUpdateAfterRefusal,
+                        call + " after one in which a write went wrong" + describe(told, "update")});
+        } else if (!isLeftOut) {
             report.add({FindingId::MemoryImageRefused, call + describe(told, "update")});
         }
     } else if (told.isMember("version") && told["version"].asString() != job.versionAfter) {
@@ -1117,6 +1196,12 @@ void updateFromMemory(Supervisor& supervisor, Report& report)
     } else if (!job.holders.empty() && !isHeld(machine, image, job.holders)) {
         report.add(
             {FindingId::ImageNotWritten, call + " returned 0, and the hardware does not hold the image"});
+    } else {
+        Report flushes;
+        judgeFlushes(lastOf(session.writes), flushes);
+        for (const auto& [id, details] : flushes.findings) {
+            report.add({id, "in doUpdate_decryption " + details.front()});
+        }
     }
 }
 } // namespace

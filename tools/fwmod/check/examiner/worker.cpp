@@ -694,24 +694,9 @@ void Worker::allUpdateDone(const std::string& where)
 
 // ---- Updates ----
 
-std::optional<Returned> Worker::decrypt(const std::string& data, int length, const std::string& what)
+// On a thread of its own, as the daemon's workers are; what it writes counts as the update's.
+std::optional<Returned> Worker::install(const std::string& name, const std::function<int()>& function)
 {
-    const std::string name = "doUpdate_decryption(" + what + ")";
-    GuardedBuffer content("the data", std::max<std::size_t>(data.size(), 1));
-    std::copy(data.begin(), data.end(), content.as<char>());
-    content.makeReadOnly();
-    std::optional<Returned> returned;
-    std::thread([&] {
-        const CallingThread self(0);
-        returned = call(name, updateLimit(job_),
-                        [&] { return doUpdateDecryption_(content.as<unsigned char>(), length); });
-    }).join();
-    return returned;
-}
-
-std::optional<Returned> Worker::callUpdate(const std::string& name, const Update& update)
-{
-    GuardedBuffer image("the image's name", update.image);
     std::optional<Returned> returned;
     std::thread([&] {
         const CallingThread self(0);
@@ -719,7 +704,7 @@ std::optional<Returned> Worker::callUpdate(const std::string& name, const Update
             ++box_.update;
             box_.writes = 0;
             box_.phase = BlackBox::kRunning;
-            const int result = doUpdate_(image.as<char>(), update.checksum);
+            const int result = function();
             const int error = errno;
             box_.phase = BlackBox::kSettling;
             errno = error;
@@ -727,6 +712,32 @@ std::optional<Returned> Worker::callUpdate(const std::string& name, const Update
         });
         box_.phase = BlackBox::kOver;
     }).join();
+    return returned;
+}
+
+std::optional<Returned> Worker::decrypt(const std::string& data, int length, const std::string& what)
+{
+    GuardedBuffer content("the data", std::max<std::size_t>(data.size(), 1));
+    std::copy(data.begin(), data.end(), content.as<char>());
+    content.makeReadOnly();
+    return install("doUpdate_decryption(" + what + ")",
+                   [&] { return doUpdateDecryption_(content.as<unsigned char>(), length); });
+}
+
+std::optional<Returned> Worker::decryptWithSpoiltWrite(unsigned int number, const std::string& data,
+                                                       const std::string& what)
+{
+    box_.spoiltWrite = number;
+    const std::optional<Returned> returned = decrypt(data, static_cast<int>(data.size()), what);
+    box_.spoiltWrite = 0;
+    return returned;
+}
+
+std::optional<Returned> Worker::callUpdate(const std::string& name, const Update& update)
+{
+    GuardedBuffer image("the image's name", update.image);
+    const std::optional<Returned> returned =
+        install(name, [&] { return doUpdate_(image.as<char>(), update.checksum); });
     if (returned && areMannersWatched_) {
         complainOfKeptImage(name);
     }
@@ -866,6 +877,7 @@ bool isWrongForAMoment(const common::ProcessChange& change)
         return change.seen.find(common::signalName(signal)) != std::string::npos;
     };
     return change.kind == Kind::kDirectory || change.kind == Kind::kFileModeMask ||
+           change.kind == Kind::kEnvironment ||
            (change.kind == Kind::kSignals && !is(SIGINT) && !is(SIGQUIT));
 }
 } // namespace

@@ -71,6 +71,9 @@ public:
     std::optional<unsigned int> progress(const std::string& where = "");
     void allUpdateDone(const std::string& where = "");
     std::optional<Returned> decrypt(const std::string& data, int length, const std::string& what);
+    // The same where one of its writes, by number from 1, goes wrong without a word.
+    std::optional<Returned> decryptWithSpoiltWrite(unsigned int number, const std::string& data,
+                                                   const std::string& what);
 
     // doUpdate on a thread of its own, after what the daemon does before it. Tells "result", "error",
     // "duration" and "progress".
@@ -102,6 +105,7 @@ public:
     bool repeat(const std::string& call, int times, const std::function<bool()>& ask);
 
 private:
+    std::optional<Returned> install(const std::string& name, const std::function<int()>& function);
     std::optional<Returned> callUpdate(const std::string& name, const Update& update);
     void complainOfKeptImage(const std::string& name) const;
     void complainOfMoment(const std::string& name, const common::ProcessState& before) const;
