@@ -215,6 +215,21 @@ TEST_F(Check, PipeAmongTheHardwareIsNamed)
     EXPECT_EQ(namesIn(directory.path()), std::vector<std::string>{"hardware"});
 }
 
+// Of one user's processes each may end every other, unlike root's in the daemon's place.
+TEST_F(Check, LibraryThatEndsItsGroupEndsNothingButItself)
+{
+    fs::permissions(directory.path(), fs::perms::all);
+    std::vector<std::string> line = {"env", "TMPDIR=" + directory.path().string(), FWMOD, "check",
+                                     fs::path(FAULTY) / "signalling/tuner.so"};
+    if (geteuid() == 0) {
+        line.insert(line.begin(),
+                    {"setpriv", "--reuid", "12345", "--regid", "12345", "--clear-groups", "--"});
+    }
+    const Outcome outcome = runProgram(line, directory.path());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.out, HasSubstr("getActiveVersion was ended by SIGTERM")) << outcome.err;
+}
+
 TEST_F(Check, HardwareThatIsUpToDateIsNotUpdated)
 {
     const Json::Value report =

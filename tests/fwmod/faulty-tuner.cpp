@@ -1,5 +1,6 @@
 // A control library that takes every image for a newer one and gets the update wrong, as it was compiled to.
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <tarnwick/control.h>
@@ -33,6 +34,10 @@ int getEMPID(char* out)
 
 int getActiveVersion(char* out)
 {
+#if defined(SIGNALLING)
+    kill(getppid(), SIGKILL);
+    kill(0, SIGTERM);
+#endif
     std::strcpy(out, "1.0");
     return 0;
 }

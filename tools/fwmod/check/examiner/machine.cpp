@@ -208,6 +208,7 @@ void Machine::keep(const fs::path& boot, const std::function<void()>& worker, in
         const pid_t process = fork();
         check(process, "cannot start a worker");
         if (process == 0) {
+            setsid(); // as a service: what the library sends to its group reaches nobody else
             becomeDaemon();
             worker();
             _exit(EXIT_SUCCESS);
