@@ -230,6 +230,17 @@ TEST_F(Check, LibraryThatEndsItsGroupEndsNothingButItself)
     EXPECT_THAT(outcome.out, HasSubstr("getActiveVersion was ended by SIGTERM")) << outcome.err;
 }
 
+// What ends a process from outside, such as the system that is short of memory, is no fault of the library's.
+TEST_F(Check, ProcessThatIsKilledOutsideOfACallIsNotTheLibrarysCrash)
+{
+    const Outcome outcome = check({fs::path(FAULTY) / "killed/tuner.so"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_THAT(outcome.err,
+                HasSubstr("a process of the examination was ended by SIGKILL outside of any call: by "
+                          "the system, if memory is short"));
+}
+
 TEST_F(Check, HardwareThatIsUpToDateIsNotUpdated)
 {
     const Json::Value report =

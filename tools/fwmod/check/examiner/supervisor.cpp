@@ -93,6 +93,19 @@ bool isDamageReport(const std::string& said)
     return said.find("terminate called") != std::string::npos;
 }
 
+constexpr const char* kKilled =
+    "a process of the examination was ended by SIGKILL outside of any call: by the system, if memory is "
+    "short, or by somebody; run the check again";
+
+// Then it is nothing that the library's calls have done. What ends a process within a call may be their
+// doing.
+bool wasKilledOutsideOfCalls(const BlackBox& box)
+{
+    const bool isCalling = std::any_of(std::begin(box.calls), std::end(box.calls),
+                                       [](const BlackBox::Call& call) { return call.deadline != 0; });
+    return !isCalling && !box.finished && WIFSIGNALED(box.status) && WTERMSIG(box.status) == SIGKILL;
+}
+
 // One session while it runs.
 class Run
 {
@@ -183,6 +196,10 @@ Session Run::conduct(Machine& machine, const Script& script)
     check(waitpid(keeper_, &status, 0), "cannot wait for an experiment");
     if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
         throw std::runtime_error("an experiment could not be set up");
+    }
+    const bool isEndedHere = session_.isCut || overrun_;
+    if (!isEndedHere && (WIFSIGNALED(status) || wasKilledOutsideOfCalls(box_))) {
+        throw std::runtime_error(kKilled);
     }
     if (session_.told.isMember("broken")) {
         throw std::runtime_error(session_.told["broken"].asString());
