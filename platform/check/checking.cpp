@@ -187,15 +187,15 @@ private:
 // In lines of a terminal's width.
 std::string namesOfTrials()
 {
-    constexpr std::size_t kWidth = 64; // the first one has words before it
+    constexpr std::size_t kWidth = 60; // the first one has words before it
     std::string lines;
     std::string line;
     for (const ListedTrial& trial : kTrials) {
-        if (line.size() + std::strlen(trial.name) > kWidth) {
-            lines += line + "\n";
+        if (line.size() + 2 + std::strlen(trial.name) > kWidth) {
+            lines += line + ",\n";
             line.clear();
         }
-        line += std::string(trial.name) + (&trial == std::end(kTrials) - 1 ? "" : ", ");
+        line += (line.empty() ? "" : ", ") + std::string(trial.name);
     }
     return lines + line;
 }

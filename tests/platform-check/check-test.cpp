@@ -109,6 +109,7 @@ TEST_F(PlatformCheck, WrongUseIsToldFromFailure)
         std::istringstream err(outcome.err);
         for (std::string line; std::getline(err, line);) {
             EXPECT_LT(line.size(), 120U) << line;
+            EXPECT_THAT(line, Not(testing::EndsWith(" ")));
         }
         EXPECT_EQ(outcome.status, 2) << arguments[1];
         EXPECT_THAT(outcome.err, AllOf(testing::StartsWith("tarnwick-platform-check: "), HasSubstr(text)));
