@@ -2,9 +2,9 @@
 
 #include <system_error>
 
-#include "tools/fwmod/check/examiner/hardware-copy.h"
-#include "tools/fwmod/check/examiner/held-image.h"
-#include "tools/fwmod/check/examiner/plain-files.h"
+#include "tools/fwmod/check/examiner/machine/hardware-copy.h"
+#include "tools/fwmod/check/examiner/machine/held-image.h"
+#include "tools/fwmod/check/examiner/machine/plain-files.h"
 #include "tools/fwmod/check/examiner/worker.h"
 
 namespace fwmod::examiner

@@ -16,8 +16,8 @@
 #include <utility>
 
 #include "tools/fwmod/check/examiner/faulty-writes.h"
-#include "tools/fwmod/check/examiner/held-image.h"
-#include "tools/fwmod/check/examiner/plain-files.h"
+#include "tools/fwmod/check/examiner/machine/held-image.h"
+#include "tools/fwmod/check/examiner/machine/plain-files.h"
 #include "tools/fwmod/check/examiner/updates.h"
 #include "tools/fwmod/check/examiner/worker.h"
 

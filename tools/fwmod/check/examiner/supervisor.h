@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/fwmod/check/examiner/machine.h"
+#include "tools/fwmod/check/examiner/machine/machine.h"
 #include "tools/fwmod/check/protocol/findings.h"
 #include "tools/fwmod/check/protocol/job.h"
 #include "vset/write-watch/write-watch.h"

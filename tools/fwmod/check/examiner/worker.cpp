@@ -21,8 +21,8 @@
 #include "common/json-text.h"
 #include "common/process/guarded-buffer.h"
 #include "common/process/process-state.h"
-#include "tools/fwmod/check/examiner/hardware-copy.h"
-#include "tools/fwmod/check/examiner/hardware-openings.h"
+#include "tools/fwmod/check/examiner/machine/hardware-copy.h"
+#include "tools/fwmod/check/examiner/machine/hardware-openings.h"
 #include "tools/fwmod/check/protocol/report.h"
 
 namespace fwmod::examiner

@@ -1,4 +1,4 @@
-#include "tools/fwmod/check/examiner/held-image.h"
+#include "tools/fwmod/check/examiner/machine/held-image.h"
 
 #include <algorithm>
 #include <fcntl.h>
@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "common/files/whole-file.h"
-#include "tools/fwmod/check/examiner/hardware-copy.h"
-#include "tools/fwmod/check/examiner/plain-files.h"
+#include "tools/fwmod/check/examiner/machine/hardware-copy.h"
+#include "tools/fwmod/check/examiner/machine/plain-files.h"
 
 namespace fwmod::examiner
 {

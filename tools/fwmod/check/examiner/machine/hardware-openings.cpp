@@ -1,12 +1,12 @@
-#include "tools/fwmod/check/examiner/hardware-openings.h"
+#include "tools/fwmod/check/examiner/machine/hardware-openings.h"
 
 #include <filesystem>
 #include <sys/inotify.h>
 #include <system_error>
 #include <unistd.h>
 
-#include "tools/fwmod/check/examiner/hardware-copy.h"
-#include "tools/fwmod/check/examiner/plain-files.h"
+#include "tools/fwmod/check/examiner/machine/hardware-copy.h"
+#include "tools/fwmod/check/examiner/machine/plain-files.h"
 
 namespace fwmod::examiner
 {

@@ -1,4 +1,4 @@
-#include "tools/fwmod/check/examiner/plain-files.h"
+#include "tools/fwmod/check/examiner/machine/plain-files.h"
 
 #include <algorithm>
 #include <fcntl.h>

@@ -1,13 +1,13 @@
 // Where the hardware holds an image, as far as it is kept there byte for byte.
-#ifndef TOOLS_FWMOD_CHECK_EXAMINER_HELD_IMAGE_H
-#define TOOLS_FWMOD_CHECK_EXAMINER_HELD_IMAGE_H
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_HELD_IMAGE_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_HELD_IMAGE_H
 
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
 
-#include "tools/fwmod/check/examiner/machine.h"
+#include "tools/fwmod/check/examiner/machine/machine.h"
 #include "tools/fwmod/check/protocol/job.h"
 
 namespace fwmod::examiner

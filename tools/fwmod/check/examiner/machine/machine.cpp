@@ -1,4 +1,4 @@
-#include "tools/fwmod/check/examiner/machine.h"
+#include "tools/fwmod/check/examiner/machine/machine.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,7 +20,7 @@
 #include <unistd.h>
 
 #include "common/files/file-copy.h"
-#include "tools/fwmod/check/examiner/plain-files.h"
+#include "tools/fwmod/check/examiner/machine/plain-files.h"
 
 namespace fwmod::examiner
 {

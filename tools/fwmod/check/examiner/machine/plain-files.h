@@ -1,7 +1,7 @@
 // Files where a library may have put anything, at any moment: links, pipes, sockets, devices. Only plain ones
 // are opened here, never waited for, and what goes away meanwhile is left out.
-#ifndef TOOLS_FWMOD_CHECK_EXAMINER_PLAIN_FILES_H
-#define TOOLS_FWMOD_CHECK_EXAMINER_PLAIN_FILES_H
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_PLAIN_FILES_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_PLAIN_FILES_H
 
 #include <filesystem>
 #include <string>

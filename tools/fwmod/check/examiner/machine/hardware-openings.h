@@ -1,6 +1,6 @@
 // Which of the hardware's files are opened while this object lives, by whichever thread.
-#ifndef TOOLS_FWMOD_CHECK_EXAMINER_HARDWARE_OPENINGS_H
-#define TOOLS_FWMOD_CHECK_EXAMINER_HARDWARE_OPENINGS_H
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_HARDWARE_OPENINGS_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_HARDWARE_OPENINGS_H
 
 #include <string>
 

@@ -1,6 +1,6 @@
 // The hardware's files under a library that is running: as they were, spoilt, or taken away.
-#ifndef TOOLS_FWMOD_CHECK_EXAMINER_HARDWARE_COPY_H
-#define TOOLS_FWMOD_CHECK_EXAMINER_HARDWARE_COPY_H
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_HARDWARE_COPY_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_HARDWARE_COPY_H
 
 #include <filesystem>
 #include <map>

@@ -1,11 +1,11 @@
-#include "tools/fwmod/check/examiner/hardware-copy.h"
+#include "tools/fwmod/check/examiner/machine/hardware-copy.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <sys/stat.h>
 #include <system_error>
 
-#include "tools/fwmod/check/examiner/plain-files.h"
+#include "tools/fwmod/check/examiner/machine/plain-files.h"
 
 namespace fwmod::examiner
 {

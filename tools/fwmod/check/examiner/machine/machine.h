@@ -3,8 +3,8 @@
 // At a boot a process gets namespaces of its own, in which that copy is the set's /var, and everything that a
 // power cut takes away (/tmp, /run, shared memory, processes) is new. So experiments do not see each other, a
 // lock that was left in /run is gone as on a set, and one kill ends all that the library has started.
-#ifndef TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_H
-#define TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_H
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_MACHINE_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_MACHINE_H
 
 #include <filesystem>
 #include <functional>
