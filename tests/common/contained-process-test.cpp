@@ -38,8 +38,15 @@ bool isAlive(pid_t process)
 // Prints the number of a process that goes on for ever, started the given way.
 void leaveBehind(bool isDaemon)
 {
+    int printed[2];
+    if (pipe(printed) != 0) {
+        std::abort();
+    }
     if (fork() != 0) {
-        usleep(50'000); // until it has printed
+        close(printed[1]);
+        char none = 0;
+        (void)!read(printed[0], &none, 1); // until it has closed its end
+        close(printed[0]);
         return;
     }
     if (isDaemon) {
@@ -49,6 +56,7 @@ void leaveBehind(bool isDaemon)
         }
     }
     dprintf(STDOUT_FILENO, "%d\n", getpid());
+    close(printed[1]);
     while (true) {
         pause();
     }

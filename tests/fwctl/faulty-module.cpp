@@ -76,6 +76,10 @@ __attribute__((constructor)) static void removeFile()
 // One of the group, and one that has left it.
 __attribute__((constructor)) static void leaveProcesses()
 {
+    int there[2];
+    if (pipe(there) != 0) {
+        std::abort();
+    }
     for (const bool isDaemon : {false, true}) {
         if (fork() != 0) {
             continue;
@@ -84,11 +88,15 @@ __attribute__((constructor)) static void leaveProcesses()
             _exit(0);
         }
         close(open("/tmp/left-behind", O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+        close(there[1]);
         for (;;) {
             pause();
         }
     }
-    usleep(20'000); // until they are there
+    close(there[1]);
+    char none = 0;
+    (void)!read(there[0], &none, 1); // until both have closed their ends
+    close(there[0]);
 }
 #endif
 
