@@ -6,9 +6,8 @@
 //
 // "Hardware" is what outlives a power cut: device nodes and files, but for those where programs leave notes
 // (/tmp, /run, /proc, /dev/shm, /var/log, the packages), and for pipes and sockets, through which it only
-// passes. A flush that waits counts as a write, because it
-// orders those around it (sync and msync name no file, and have no path), and so do renaming, linking and
-// removing. Not seen: stores into mapped memory.
+// passes. A flush that waits counts as a write, because it orders those around it (sync and msync name no
+// file, and have no path), and so do renaming, linking and removing. Not seen: stores into mapped memory.
 //
 // Linux 5.5 or later. A process can be watched once. Errors are std::system_error.
 #ifndef VSET_WRITE_WATCH_WRITE_WATCH_H
