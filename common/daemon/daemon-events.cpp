@@ -145,6 +145,8 @@ const size_t kDaemonTextCount = std::size(kDaemonTexts);
 namespace
 {
 
+using Values = std::vector<std::string_view>;
+
 bool isWholeNumber(std::string_view text)
 {
     const bool isSigned = !text.empty() && text.front() == '-';
@@ -152,9 +154,32 @@ bool isWholeNumber(std::string_view text)
     return !digits.empty() && digits.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
+bool endsWith(std::string_view text, std::string_view end)
+{
+    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+
+bool fits(std::string_view format, std::string_view message, Values& values);
+
+// With the value of so many characters, and what follows it.
+bool fitsBehind(std::string_view rest, std::string_view message, std::size_t length, bool isNumber,
+                Values& values)
+{
+    const std::string_view value = message.substr(0, length);
+    if (isNumber && !isWholeNumber(value)) {
+        return false;
+    }
+    values.push_back(value);
+    if (fits(rest, message.substr(length), values)) {
+        return true;
+    }
+    values.pop_back();
+    return false;
+}
+
 // The conversions of the daemon's texts: numbers (%d, %llu) and texts (%s, %m), which take as much as they
-// can.
-bool fits(std::string_view format, std::string_view message, std::vector<std::string>& values)
+// can. Where a value may end is looked for, not tried: anybody may log a text of any length.
+bool fits(std::string_view format, std::string_view message, Values& values)
 {
     const size_t percent = format.find('%');
     const std::string_view literal = format.substr(0, percent);
@@ -168,18 +193,24 @@ bool fits(std::string_view format, std::string_view message, std::vector<std::st
     const bool isLong = format.substr(percent, 4) == "%llu";
     const bool isNumber = isLong || format[percent + 1] == 'd';
     const std::string_view rest = format.substr(percent + (isLong ? 4 : 2));
-    for (size_t length = message.size() + 1; length-- > 0;) {
-        const std::string_view value = message.substr(0, length);
-        if (isNumber && !isWholeNumber(value)) {
-            continue;
-        }
-        values.emplace_back(value);
-        if (fits(rest, message.substr(length), values)) {
+    const std::string_view next = rest.substr(0, rest.find('%'));
+    if (next.size() == rest.size()) { // the last value: what follows it is the message's end
+        return endsWith(message, next) &&
+               fitsBehind(rest, message, message.size() - next.size(), isNumber, values);
+    }
+    size_t length = message.rfind(next);
+    while (length != std::string_view::npos) {
+        if (fitsBehind(rest, message, length, isNumber, values)) {
             return true;
         }
-        values.pop_back();
+        length = length == 0 ? std::string_view::npos : message.rfind(next, length - 1);
     }
     return false;
+}
+
+bool fits(const DaemonText& text, const std::string& message, Values& values)
+{
+    return fits(withoutLineEnd(text.format), withoutLineEnd(message), values);
 }
 
 } // namespace
@@ -200,8 +231,8 @@ bool isDaemonText(const std::string& message)
         return strcmp(text.format, "%s") == 0 || strcmp(text.format, "Error: %s %s") == 0;
     };
     return std::any_of(std::begin(kDaemonTexts), std::end(kDaemonTexts), [&](const DaemonText& text) {
-        std::vector<std::string> values;
-        return !isGeneral(text) && fits(withoutLineEnd(text.format), withoutLineEnd(message), values);
+        Values values;
+        return !isGeneral(text) && fits(text, message, values);
     });
 }
 
@@ -209,8 +240,10 @@ DaemonEvent readDaemonMessage(const std::string& message)
 {
     DaemonEvent event;
     for (const DaemonText& text : kDaemonTexts) {
-        if (fits(withoutLineEnd(text.format), withoutLineEnd(message), event.values)) {
+        Values values;
+        if (fits(text, message, values)) {
             event.kind = text.kind;
+            event.values.assign(values.begin(), values.end());
             break;
         }
     }

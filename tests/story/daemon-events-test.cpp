@@ -209,6 +209,17 @@ TEST(DaemonStates, AreCalledSoInTheDocumentThatDrawsThem)
     }
 }
 
+// Anybody may log: who reads along must not stand still for it. A copy for each length that a value might
+// have takes this one half an hour.
+TEST(DaemonEvents, OfAMillionCharactersIsReadLikeAnother)
+{
+    const std::string name(1 << 20, 'n');
+    EXPECT_EQ(common::readDaemonMessage(name).kind, DaemonEventKind::kDetail);
+    const common::DaemonEvent event = common::readDaemonMessage(name + " update time 8 sec");
+    EXPECT_EQ(event.kind, DaemonEventKind::kTurnWanted);
+    EXPECT_THAT(event.values, ElementsAre(name, "8"));
+}
+
 // ---- Sentences ----
 
 std::string told(vset::Narrator& narrator, const std::string& message)
