@@ -21,7 +21,9 @@ struct Run {
     GSubprocess* process = nullptr;
     std::function<void(const std::optional<std::string>&)> done;
     RealTimer limit;
-    std::string output = std::string(kMostOutput + 1, '\0'); // one more shows that it is too much
+    gsize size = 0;
+    // One more shows that it is too much. Not cleared, because nearly all of it is never used.
+    const std::unique_ptr<char[]> output{new char[kMostOutput + 1]};
 
     ~Run() { g_clear_object(&process); }
 };
@@ -32,8 +34,8 @@ void onEnd(GObject* process, GAsyncResult* result, gpointer data)
     run->limit.stop();
     const bool hasEnded = g_subprocess_wait_finish(G_SUBPROCESS(process), result, nullptr) != FALSE;
     std::optional<std::string> said;
-    if (hasEnded && g_subprocess_get_successful(run->process) != FALSE && run->output.size() <= kMostOutput) {
-        said = std::move(run->output);
+    if (hasEnded && g_subprocess_get_successful(run->process) != FALSE && run->size <= kMostOutput) {
+        said.emplace(run->output.get(), run->size);
     }
     guarded("what a program said", [&] { run->done(said); });
 }
@@ -42,11 +44,9 @@ void onEnd(GObject* process, GAsyncResult* result, gpointer data)
 void onOutput(GObject* stream, GAsyncResult* result, gpointer data)
 {
     auto* const run = static_cast<Run*>(data);
-    gsize size = 0;
     const bool isRead =
-        g_input_stream_read_all_finish(G_INPUT_STREAM(stream), result, &size, nullptr) != FALSE;
-    run->output.resize(size);
-    if (!isRead || size > kMostOutput) {
+        g_input_stream_read_all_finish(G_INPUT_STREAM(stream), result, &run->size, nullptr) != FALSE;
+    if (!isRead || run->size > kMostOutput) {
         g_subprocess_force_exit(run->process);
     }
     g_subprocess_wait_async(run->process, nullptr, onEnd, run);
@@ -81,8 +81,8 @@ void runProgram(const std::vector<std::string>& command, int64_t limit,
     }
     run->limit.start(limit, [raw = run.get()] { g_subprocess_force_exit(raw->process); });
     Run* const started = run.release();
-    g_input_stream_read_all_async(g_subprocess_get_stdout_pipe(started->process), started->output.data(),
-                                  started->output.size(), G_PRIORITY_DEFAULT, nullptr, onOutput, started);
+    g_input_stream_read_all_async(g_subprocess_get_stdout_pipe(started->process), started->output.get(),
+                                  kMostOutput + 1, G_PRIORITY_DEFAULT, nullptr, onOutput, started);
 }
 
 std::string besideThisProgram(const std::string& name)

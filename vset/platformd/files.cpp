@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "common/files/file-copy.h"
+#include "common/files/regular-file.h"
 #include "common/files/unique-fd.h"
 #include "common/json-text.h"
 
@@ -108,26 +109,8 @@ void saveJson(const std::string& path, const Json::Value& value, Keeping keeping
 
 std::optional<std::string> readFile(const std::string& path, size_t limit)
 {
-    const int number = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (number < 0) {
-        return std::nullopt;
-    }
-    const common::UniqueFd file = opened(number, path);
-    struct stat status{};
-    if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-        return std::nullopt;
-    }
-    std::string text(limit + 1, '\0');
-    size_t size = 0;
-    ssize_t got = 0;
-    while (size < text.size() && (got = read(file.get(), text.data() + size, text.size() - size)) > 0) {
-        size += static_cast<size_t>(got);
-    }
-    if (got < 0 || size > limit) {
-        return std::nullopt;
-    }
-    text.resize(size);
-    return text;
+    std::string problem;
+    return common::readRegularFile(path, limit, problem);
 }
 
 Json::Value loadJson(const std::string& path)
