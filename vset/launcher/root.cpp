@@ -78,10 +78,12 @@ void requireUsable(const RootPlan& plan, const fs::path& root)
             throw Error(directory.string() + " is closed to the set's users: open it with chmod 755");
         }
     }
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(plan.set.usr())) {
-        const fs::path host = "/usr" / entry.path().lexically_relative(plan.set.usr());
-        if (!entry.is_directory() && fs::is_directory(host)) {
-            throw Error(entry.path().string() + " is in the way: a set has a directory there");
+    for (fs::recursive_directory_iterator entry(plan.set.usr()), end; entry != end; ++entry) {
+        const fs::path host = "/usr" / entry->path().lexically_relative(plan.set.usr());
+        if (!fs::is_directory(host)) {
+            entry.disable_recursion_pending(); // nothing below it can be in the way
+        } else if (!entry->is_directory()) {
+            throw Error(entry->path().string() + " is in the way: a set has a directory there");
         }
     }
 }
