@@ -38,6 +38,7 @@ constexpr int64_t kPushInterval = 60;
 constexpr int64_t kWatchInterval = 1000;
 constexpr int64_t kModuleInterval = 2000;
 constexpr int64_t kUpdateModuleInterval = 300; // while a module is being written
+constexpr int64_t kLongestWithoutLog = 1000;
 
 constexpr int kUpdatingState = 12;
 constexpr size_t kRecordsAtGreeting = 2500;
@@ -99,8 +100,10 @@ Console::Console(GDBusConnection* bus, SetModel& set)
                                     [this](const Json::Value& order) { return carryOut(order); },
                                     [this](const std::string& name) { return usb_.add(name); }})
 {
-    port_ = web_.port();
-    saveOptions(Keeping::kUntilPowerOff); // a boot waits for no disk
+    if (web_.port() != port_) {
+        port_ = web_.port();
+        saveOptions(Keeping::kUntilPowerOff); // a boot waits for no disk
+    }
     if (isFactory_) {
         touch(kFactoryMarker); // before the daemon starts, which looks only then
     }
@@ -115,13 +118,13 @@ Console::Console(GDBusConnection* bus, SetModel& set)
     modules_.changed.connect([this] { mark("modules"); });
     daemon_.changed.connect([this] { mark("daemon"); });
     daemon_.ended.connect([this](int process, int64_t time) {
+        followLog(); // its run is known from there
         if (way_.endRun(process, time)) {
             mark("way");
         }
     });
     log_.record.connect([this](const LogRecord& record) { takeLog(record); });
-    log_.start();
-    isFollowing_ = true; // what was there already is part of the greeting
+    logTimer_.start(kLongestWithoutLog, [this] { followLog(); });
     publishUrl();
     watch();
     watchModules();
@@ -262,8 +265,9 @@ Json::Value Console::sectionOf(const std::string& name) const
     return set_.snapshotOf(name);
 }
 
-Json::Value Console::sections() const
+Json::Value Console::sections()
 {
+    followLog();
     Json::Value json;
     for (const char* name : kModelSections) {
         json[name] = sectionOf(name);
@@ -274,7 +278,7 @@ Json::Value Console::sections() const
     return json;
 }
 
-Json::Value Console::greeting() const
+Json::Value Console::greeting()
 {
     Json::Value message;
     message["type"] = "greeting";
@@ -342,6 +346,16 @@ void Console::watchModules()
     }
     const int64_t interval = isUpdating ? kUpdateModuleInterval : kModuleInterval;
     moduleTimer_.start(interval, [this] { watchModules(); });
+}
+
+// When somebody asks for what is in it, or soon after the boot, which does not wait for the past to be read.
+void Console::followLog()
+{
+    if (isFollowing_) {
+        return;
+    }
+    log_.start();
+    isFollowing_ = true; // what was there already is part of the greeting
 }
 
 void Console::takeLog(const LogRecord& record)

@@ -42,13 +42,13 @@ private:
     struct Order;
 
     // ---- Sections of what is shown ----
-    Json::Value sections() const;
+    Json::Value sections();
     Json::Value sectionOf(const std::string& name) const;
     Json::Value setSection() const;
     Json::Value switchesSection() const;
     static Json::Value feedSection();
     static Json::Value statesSection();
-    Json::Value greeting() const;
+    Json::Value greeting();
     void mark(const std::string& section);
     void push();
     void watch();
@@ -71,6 +71,7 @@ private:
                 GDBusMethodInvocation* invocation);
     void handleModules(GDBusMethodInvocation* invocation);
     void onLaunch(const Launch& request);
+    void followLog();
     void takeLog(const LogRecord& record);
 
     void loadOptions();
@@ -97,6 +98,7 @@ private:
     RealTimer pushTimer_;
     RealTimer watchTimer_;
     RealTimer moduleTimer_;
+    RealTimer logTimer_;
 };
 
 } // namespace vset
