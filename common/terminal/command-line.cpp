@@ -256,6 +256,14 @@ CommandLine& CommandLine::command(const std::string& name, const std::string& su
     return *commands_.back();
 }
 
+void CommandLine::commands(const std::vector<Command>& table, const std::string& other)
+{
+    other_ = other;
+    for (const Command& row : table) {
+        table_.emplace_back(row, &command(row.name, row.summary));
+    }
+}
+
 void CommandLine::footer(const std::string& text)
 {
     app_->footer(text);
@@ -388,6 +396,34 @@ std::string unexpected(const std::vector<std::string>& extras, bool hasCommands)
 
 } // namespace
 
+// A word that is something else, such as a file of that name, defines one too many.
+void CommandLine::defineNamed(int argc, char** argv)
+{
+    for (const auto& [row, command] : table_) {
+        const auto isNamed = [name = std::string_view(row.name)](const char* word) { return word == name; };
+        if (row.define != nullptr && std::any_of(argv + std::min(argc, 1), argv + argc, isNamed)) {
+            row.define(*command);
+        }
+    }
+}
+
+// The options of a program itself have no values: its command is the first word that is none.
+void CommandLine::leaveToOther(int argc, char** argv) const
+{
+    const auto isNoOption = [](std::string_view word) { return word == "--" || word.rfind('-', 0) != 0; };
+    char** const end = argv + argc;
+    char** const word = std::find_if(argv + std::min(argc, 1), end, isNoOption);
+    const auto isWord = [&](const auto& entry) {
+        return word != end && entry.first.define == nullptr && std::string_view(*word) == entry.first.name;
+    };
+    if (std::none_of(table_.begin(), table_.end(), isWord)) {
+        return;
+    }
+    const std::string program = std::filesystem::read_symlink("/proc/self/exe").parent_path() / other_;
+    execv(program.c_str(), argv);
+    throw Failure("cannot run " + program + ", which belongs beside this program: " + std::strerror(errno));
+}
+
 int CommandLine::parseAndRun(int argc, char** argv)
 {
     if (dashesAt_ == 0U && !commands_.empty()) { // a word behind them names no command
@@ -447,6 +483,8 @@ int CommandLine::main(int argc, char** argv)
         arguments_ = typed(argc, argv);
         wordCount_ = static_cast<std::size_t>(std::max(argc - 1, 0));
         dashesAt_ = findDashes(argc, argv);
+        leaveToOther(argc, argv);
+        defineNamed(argc, argv);
         const int status = parseAndRun(argc, argv);
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
             endWithReader();

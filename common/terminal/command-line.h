@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "common/errors.h"
@@ -27,6 +28,16 @@ class Option;
 
 namespace common
 {
+
+class CommandLine;
+
+// A row of a program's table of commands: `define` declares what the command takes and does; null for what
+// another program does.
+struct Command {
+    const char* name;
+    const char* summary; // one line for "PROGRAM --help"
+    void (*define)(CommandLine& command);
+};
 
 // What a number may be, both ends included.
 template <typename Number>
@@ -82,6 +93,10 @@ public:
 
     // A subcommand; it lives as long as the program's command line.
     CommandLine& command(const std::string& name, const std::string& summary);
+    // Those of a table. Only what is named on the command line is defined, because a start takes time with
+    // each that is. `other` is beside this program, and takes its place, with the same words, for what is not
+    // defined here: libraries that few commands need are loaded for no other.
+    void commands(const std::vector<Command>& table, const std::string& other = "");
     // At the end of --help.
     void footer(const std::string& text);
     // What is done when this command, and none of its subcommands, was chosen. `action` returns the exit
@@ -106,6 +121,8 @@ private:
     using Run = std::function<int()>;
     using Store = std::function<void(const std::string&)>;
     CommandLine(CLI::App* app, const CommandLine* parent);
+    void defineNamed(int argc, char** argv);
+    void leaveToOther(int argc, char** argv) const;
 
     Option addNumber(const std::string& names, const std::string& help, const std::string& usual,
                      Store store);
@@ -121,17 +138,12 @@ private:
     Run run_;
     std::function<void()> preparation_;
     std::vector<std::unique_ptr<CommandLine>> commands_;
+    std::vector<std::pair<Command, CommandLine*>> table_;
+    std::string other_;
     std::vector<std::unique_ptr<CommandLine>> groups_;
     std::vector<std::string> arguments_; // as they were typed, longest first
     std::size_t wordCount_ = 0;
     std::optional<std::size_t> dashesAt_; // the words before them
-};
-
-// A row of a program's table of commands: `define` declares what the command takes and does.
-struct Command {
-    const char* name;
-    const char* summary; // one line for "PROGRAM --help"
-    void (*define)(CommandLine& command);
 };
 
 // The number that `text` is, all of it, if it is one of the range; else WrongUse. Decimal alone.

@@ -69,11 +69,8 @@ void declare(common::CommandLine& program, Typed& typed)
     choose.command("left", "Left").onRun([&typed] { typed.ran = "left"; });
 }
 
-Typed type(std::vector<std::string> words)
+void type(common::CommandLine& program, std::vector<std::string> words, Typed& typed)
 {
-    Typed typed;
-    common::CommandLine program("player", "A player");
-    declare(program, typed);
     words.insert(words.begin(), "player");
     std::vector<char*> arguments;
     for (std::string& word : words) {
@@ -84,6 +81,14 @@ Typed type(std::vector<std::string> words)
     typed.status = program.main(static_cast<int>(arguments.size()), arguments.data());
     typed.errors = testing::internal::GetCapturedStderr();
     typed.output = testing::internal::GetCapturedStdout();
+}
+
+Typed type(const std::vector<std::string>& words)
+{
+    Typed typed;
+    common::CommandLine program("player", "A player");
+    declare(program, typed);
+    type(program, words, typed);
     return typed;
 }
 
@@ -99,6 +104,56 @@ TEST(CommandLine, StoresWhatIsTyped)
     EXPECT_EQ(typed.offset, -7);
     EXPECT_EQ(typed.rest, (std::vector<std::string>{"-x", "y"}));
     EXPECT_EQ(typed.ran, "play");
+}
+
+// ---- A table of commands ----
+
+std::vector<std::string> definedCommands;
+std::string givenFile;
+
+constexpr common::Command kTable[] = {
+    {"read", "Reads",
+     [](common::CommandLine& command) {
+         definedCommands.emplace_back("read");
+         command.text("FILE", givenFile, "A file").required();
+         command.onRun([] {});
+     }},
+    {"write", "Writes",
+     [](common::CommandLine& command) {
+         definedCommands.emplace_back("write");
+         command.onRun([] { return 4; });
+     }},
+};
+
+Typed typeForTable(const std::vector<std::string>& words)
+{
+    definedCommands.clear();
+    givenFile.clear();
+    common::CommandLine program("table", "A table");
+    program.commands({std::begin(kTable), std::end(kTable)});
+    Typed typed;
+    type(program, words, typed);
+    return typed;
+}
+
+TEST(CommandLine, DefinesOfATableWhatIsNamed)
+{
+    EXPECT_EQ(typeForTable({"write"}).status, 4);
+    EXPECT_THAT(definedCommands, ElementsAre("write"));
+    const Typed help = typeForTable({"--help"});
+    EXPECT_THAT(help.output, testing::AllOf(HasSubstr("  read "), HasSubstr("  write ")));
+    EXPECT_THAT(definedCommands, testing::IsEmpty());
+    EXPECT_THAT(typeForTable({"read", "--help"}).output, HasSubstr("FILE"));
+    EXPECT_THAT(typeForTable({"--help", "read"}).output, HasSubstr("FILE"));
+    EXPECT_THAT(typeForTable({"wr"}).errors, HasSubstr("there is no command"));
+}
+
+TEST(CommandLine, TakesTheNameOfACommandAsAnArgument)
+{
+    EXPECT_EQ(typeForTable({"read", "write"}).status, 0);
+    EXPECT_EQ(givenFile, "write");
+    EXPECT_EQ(typeForTable({"read", "read"}).status, 0);
+    EXPECT_EQ(givenFile, "read");
 }
 
 TEST(CommandLine, CountsWhatStandsBehindDashes)

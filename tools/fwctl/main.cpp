@@ -2,6 +2,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 #include "common/process/room.h"
 #include "tools/fwctl/commands/command.h"
@@ -42,9 +43,7 @@ int main(int argc, char** argv)
     common::CommandLine program("fwctl", "Shows, checks and updates the firmware of this set's modules.");
     program.footer(fwctl::kFooter);
     program.beforeRun(common::requireRoom);
-    for (const common::Command& command : fwctl::kCommands) {
-        command.define(program.command(command.name, command.summary));
-    }
+    program.commands({std::begin(fwctl::kCommands), std::end(fwctl::kCommands)});
     const int status = program.main(argc, argv);
     std::fflush(stdout);
     std::quick_exit(status);

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <iterator>
 #include <unistd.h>
 
 #include "common/process/interruption.h"
@@ -57,9 +58,7 @@ int run(int argc, char** argv)
         "  fwmod try tuner.so --package empTuner.img\n"
         "  fwmod check tuner.so --package empTuner.img --hardware hardware\n"
         "\"fwmod COMMAND --help\" says more. Exit status: 0 done, 1 failed or refused, 2 wrong use.");
-    for (const common::Command& command : kCommands) {
-        command.define(program.command(command.name, command.summary));
-    }
+    program.commands({std::begin(kCommands), std::end(kCommands)});
     program.beforeRun(common::requireRoom);
     try {
         return program.main(argc, argv);
