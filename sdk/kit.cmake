@@ -8,7 +8,7 @@
 # component sdk. Without a component everything is installed, and so the whole kit.
 set(kit ${CMAKE_INSTALL_LIBEXECDIR}/tarnwick)
 set(kit_set ${kit}/set/usr)
-set(kit_programs vset platformd psmountd upgrade-ui module-probe control-examiner)
+set(kit_programs vset vset-control platformd psmountd upgrade-ui module-probe control-examiner)
 
 # Of the programs that run on this side of the set, one uses the set's platform library.
 set_target_properties(upgrade-ui PROPERTIES INSTALL_RPATH "$ORIGIN/set/usr/lib")

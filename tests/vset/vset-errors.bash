@@ -34,6 +34,8 @@ one_line 1 "usr/bin/tarnwick is in the way: a set has a file there" "$vset" new 
 rm -rf in-the-way/usr/bin && touch in-the-way/usr/bin
 one_line 1 "usr/bin is in the way: a set has a directory there" "$vset" new in-the-way
 one_line 1 "usr/bin is in the way: a set has a directory there" "$vset" run in-the-way -- true
+mkdir alone && cp "$tools/vset" alone
+one_line 1 "cannot run $work/alone/vset-control, which belongs beside this program" alone/vset get "$set_"
 chmod 700 "$set_/usr"
 one_line 1 "$set_/usr is closed to the set's users: open it with chmod 755" "$vset" run "$set_" -- true
 chmod 755 "$set_/usr"

@@ -5,7 +5,7 @@
 [ "$(id -u)" = 0 ] || skip "needs root"
 cd / || exit 1
 # vset looks for its services beside itself.
-mkdir "$work/tools" && cp "$tools/vset" "$tools/build-tree" "$tools/psmountd" "$tools/libvset-clock.so" "$work/tools"
+mkdir "$work/tools" && cp "$tools/vset" "$tools/vset-control" "$tools/build-tree" "$tools/psmountd" "$tools/libvset-clock.so" "$work/tools"
 vset=$work/tools/vset
 cat >"$work/tools/platformd" <<'PLATFORM'
 #!/bin/bash

@@ -13,11 +13,6 @@
 namespace vset
 {
 
-common::Option takeSet(common::CommandLine& command, std::string& set)
-{
-    return command.text("SET", set, "Directory of the set").required();
-}
-
 void defineNew(common::CommandLine& command)
 {
     struct Options {
