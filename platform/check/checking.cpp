@@ -1,20 +1,22 @@
 #include "platform/check/checking.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 #include "common/errors.h"
-#include "common/process/contained-process.h"
 #include "common/process/interruption.h"
 #include "common/process/process-state.h"
 #include "common/terminal/visible-text.h"
+#include "platform/check/trial-run.h"
 #include "platform/check/trials/trial-page.h"
 
 namespace platformcheck
@@ -26,11 +28,6 @@ namespace
 {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-
-constexpr std::chrono::nanoseconds kCallLimit = 10s;
-constexpr std::chrono::seconds kQuietLimit = 25s; // without a call
-constexpr std::chrono::seconds kTrialLimit = 180s;
 
 // ---- What the check needs ----
 
@@ -136,13 +133,6 @@ std::string lastLine(const std::string& output)
     return output.substr(from, end + 1 - from);
 }
 
-// How it has come to its end, other than by itself.
-struct Ending {
-    bool isLate = false; // and was ended
-    int status = 0;
-    std::string output; // its last part
-};
-
 class Checker
 {
 public:
@@ -165,8 +155,12 @@ public:
 private:
     std::vector<const ListedTrial*> chosen() const;
     std::vector<std::string> argumentsOf(const ListedTrial& trial, const fs::path& page) const;
-    Ending runProcess(const std::vector<std::string>& arguments, const TrialPage& page);
+    std::unique_ptr<TrialRun> start(const ListedTrial& trial, bool isAgain = false) const;
+    void waitFor(TrialRun& run);
     void runTrial(const ListedTrial& trial);
+    void finishBeside();
+    void endInterrupted(const std::vector<const ListedTrial*>& trials);
+    void gatherRun(const TrialRun& run);
     void gather(TrialReport& report, const TrialPage& page, const Ending& ending);
     void gatherEnding(TrialReport& report, const TrialPage& page, const Ending& ending);
     void add(TrialReport& report, FindingId id, const std::string& seen);
@@ -179,6 +173,7 @@ private:
     WorkDirectory work_;
     PlacedImage image_;
     CheckReport report_;
+    std::unique_ptr<TrialRun> beside_; // a trial that mostly waits
     std::string title_;
     unsigned int percent_ = 0;
     std::string whyOver_; // nothing else is to be tried; empty: it is
@@ -245,98 +240,44 @@ std::vector<std::string> Checker::argumentsOf(const ListedTrial& trial, const fs
             arguments.insert(arguments.end(), {option, value});
         }
     }
+    const mode_t mask = umask(0);
+    umask(mask);
+    arguments.insert(arguments.end(), {"--mask", std::to_string(mask)});
     if (!options_.isLogTextJudged) {
         arguments.emplace_back("--no-log-text");
     }
     return arguments;
 }
 
-[[noreturn]] void execute(const std::vector<std::string>& arguments, const fs::path& preload)
+std::unique_ptr<TrialRun> Checker::start(const ListedTrial& trial, bool isAgain) const
 {
-    std::vector<char*> words;
-    for (const std::string& argument : arguments) {
-        words.push_back(const_cast<char*>(argument.c_str()));
-    }
-    words.push_back(nullptr);
-    if (!preload.empty()) {
-        const char* const others = std::getenv("LD_PRELOAD");
-        setenv("LD_PRELOAD",
-               (preload.string() + (others == nullptr ? "" : std::string(":") + others)).c_str(), 1);
-    }
-    for (const char* const name : {"HOME", "USER", "LOGNAME", "SHELL"}) {
-        unsetenv(name); // a service has none of them
-    }
-    // What the C library keeps for each thread after free() counts as allocated, and fills up for long.
-    setenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0", 1);
-    execv(words[0], words.data());
-    dprintf(STDERR_FILENO, "%s cannot be started: %s\n", words[0], std::strerror(errno));
-    _exit(127);
-}
-
-void takeOutput(int pipe, std::string& output)
-{
-    constexpr std::size_t kMost = 64 * 1024;
-    std::array<char, 4096> chunk{};
-    for (ssize_t count = 0; (count = read(pipe, chunk.data(), chunk.size())) > 0;) {
-        output.append(chunk.data(), static_cast<std::size_t>(count));
-    }
-    if (output.size() > kMost) {
-        output.erase(0, output.size() - kMost);
-    }
-}
-
-// Whether a trial has come to a stop: a call that does not return, or nothing at all that happens.
-class Patience
-{
-public:
-    Patience(const TrialPage& page, std::chrono::seconds quiet) : page_(page), quiet_(quiet) {}
-
-    bool isOver()
-    {
-        const Clock::time_point now = Clock::now();
-        const unsigned int calls = page_.calls;
-        if (calls != calls_) {
-            calls_ = calls;
-            latest_ = now;
-        }
-        const OldestCall call = oldestCall(page_);
-        const std::chrono::nanoseconds underWay(call.since == 0 ? 0 : common::realNow() - call.since);
-        return underWay > kCallLimit || now - latest_ > quiet_ || now - begin_ > kTrialLimit + quiet_;
-    }
-
-private:
-    const TrialPage& page_;
-    std::chrono::seconds quiet_; // for so long a trial may wait without a call
-    unsigned int calls_ = 0;
-    Clock::time_point begin_ = Clock::now();
-    Clock::time_point latest_ = begin_;
-};
-
-Ending Checker::runProcess(const std::vector<std::string>& arguments, const TrialPage& page)
-{
+    const fs::path file = work_.path() / (std::string("page.") + trial.name);
     const fs::path preload = options_.preload.empty() ? fs::path() : fs::absolute(options_.preload);
-    common::ContainedProcess process([&] { execute(arguments, preload); },
-                                     common::ContainedProcess::Orphaned::kEnds);
-    Patience patience(page, kQuietLimit + (options_.isReboot ? 60s : 0s) +
-                                std::chrono::seconds(2 * options_.seconds));
-    Ending ending;
-    while (!process.hasEnded()) {
-        std::array<pollfd, 2> news = {pollfd{process.output(), POLLIN, 0}, pollfd{process.news(), POLLIN, 0}};
+    const std::chrono::seconds patience =
+        (options_.isReboot ? 60s : 0s) + std::chrono::seconds(2 * options_.seconds);
+    std::vector<std::string> arguments = argumentsOf(trial, file);
+    if (isAgain) {
+        arguments.emplace_back("--again");
+    }
+    SharedPage page = makePage(file);
+    return std::make_unique<TrialRun>(trial, std::move(page), arguments, preload, patience);
+}
+
+// The one beside it goes on meanwhile.
+void Checker::waitFor(TrialRun& run)
+{
+    while (!run.hasEnded()) {
+        std::vector<pollfd> news = {pollfd{run.output(), POLLIN, 0}, pollfd{run.news(), POLLIN, 0}};
+        if (beside_ && !beside_->hasEnded()) {
+            news.push_back({beside_->output(), POLLIN, 0});
+            news.push_back({beside_->news(), POLLIN, 0});
+        }
         poll(news.data(), news.size(), 100);
-        takeOutput(process.output(), ending.output);
         showNow();
         if (common::InterruptionWatch::times() > 1) {
-            process.kill(); // what it would have put back stays as it is
-        }
-        if (!ending.isLate && patience.isOver()) {
-            ending.isLate = true;
-            process.kill();
+            run.kill(); // what it would have put back stays as it is
         }
     }
-    takeOutput(process.output(), ending.output);
-    const common::ContainedProcess::End end = process.wait();
-    ending.status = end.status;
-    return ending;
 }
 
 void Checker::add(TrialReport& report, FindingId id, const std::string& seen)
@@ -416,7 +357,7 @@ void Checker::gatherEnding(TrialReport& report, const TrialPage& page, const End
         whyOver_ = "as the platform's libraries cannot be loaded";
         add(report, FindingId::NotLoaded, whyNotBegun(ending, last, said));
     } else if (ending.isLate) {
-        add(report, FindingId::NoReturn, place);
+        add(report, FindingId::NoReturn, place + (call.name.empty() ? "" : " had not returned after 10 s"));
     } else if (WIFSIGNALED(ending.status)) {
         const std::string words(page.lastWords, strnlen(page.lastWords, sizeof page.lastWords));
         add(report, crashOf(call, page),
@@ -432,16 +373,58 @@ void Checker::showNow()
     showProgress_(title_, percent_);
 }
 
+// Of a busy machine nothing is believed at once: what is found once more is the platform's.
+bool isDoubtful(const TrialRun& run)
+{
+    const std::vector<Told> lines = readLines(run.page());
+    const bool hasFound =
+        std::any_of(lines.begin(), lines.end(), [](const Told& line) { return line.kind == Line::kFinding; });
+    constexpr double kLong = 40; // seconds
+    return hasFound && run.page().isDisturbed && run.page().isDone && run.seconds() < kLong &&
+           common::InterruptionWatch::times() == 0;
+}
+
+void Checker::gatherRun(const TrialRun& run)
+{
+    report_.trials.push_back({&run.trial(), run.seconds(), {}});
+    gather(report_.trials.back(), run.page(), run.ending());
+}
+
 void Checker::runTrial(const ListedTrial& trial)
 {
     title_ = trial.title;
     showNow();
-    const fs::path file = work_.path() / "page";
-    const SharedPage page = makePage(file);
-    const Clock::time_point begin = Clock::now();
-    const Ending ending = runProcess(argumentsOf(trial, file), *page);
-    report_.trials.push_back({&trial, std::chrono::duration<double>(Clock::now() - begin).count(), {}});
-    gather(report_.trials.back(), *page, ending);
+    std::unique_ptr<TrialRun> run = start(trial);
+    waitFor(*run);
+    if (isDoubtful(*run)) {
+        run = start(trial, true);
+        waitFor(*run);
+    }
+    gatherRun(*run);
+}
+
+// Of the trial beside all others.
+void Checker::finishBeside()
+{
+    if (const std::unique_ptr<TrialRun> run = std::exchange(beside_, nullptr)) {
+        title_ = run->trial().title;
+        waitFor(*run);
+        gatherRun(*run);
+    }
+}
+
+// What the trials before have changed is put back all the same.
+void Checker::endInterrupted(const std::vector<const ListedTrial*>& trials)
+{
+    const auto restores = [](const ListedTrial* trial) {
+        return std::strcmp(trial->name, "settings-restore") == 0;
+    };
+    const auto last = std::find_if(trials.begin(), trials.end(), restores);
+    const bool isToBeMade = last != trials.end() && report_.trials.back().trial < *last;
+    if (isToBeMade && common::InterruptionWatch::times() == 1) {
+        runTrial(**last);
+    }
+    common::InterruptionWatch::check();
 }
 
 CheckReport Checker::run()
@@ -450,13 +433,24 @@ CheckReport Checker::run()
     unsigned int done = 0;
     for (const ListedTrial* const trial : trials) {
         percent_ = ++done * 100 / static_cast<unsigned int>(trials.size() + 1);
+        if (trial->when == When::kBeside) {
+            beside_ = start(*trial);
+            continue;
+        }
+        if (trial->when == When::kAfterBeside || trial->when == When::kEnclosing) {
+            finishBeside();
+        }
         runTrial(*trial);
-        common::InterruptionWatch::check(); // after the trial, which has given the keys their values back
+        if (common::InterruptionWatch::times() > 0) {
+            endInterrupted(trials);
+        }
         if (!whyOver_.empty()) {
             report_.notes.push_back("nothing else was tried, " + whyOver_);
             break;
         }
     }
+    std::sort(report_.trials.begin(), report_.trials.end(),
+              [](const TrialReport& one, const TrialReport& other) { return one.trial < other.trial; });
     return std::move(report_);
 }
 

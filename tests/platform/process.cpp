@@ -2,9 +2,14 @@
 #include <clocale>
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <gio/gio.h>
+#include <iterator>
+#include <string>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 #include "applaunch.h"
@@ -94,6 +99,41 @@ std::string nameIsFree()
     return hasOwner == FALSE ? "" : "the daemon's name has an owner";
 }
 
+std::string localeAtStart()
+{
+    return strcmp(setlocale(LC_ALL, nullptr), "C") == 0 ? "" : "another locale at the start";
+}
+
+std::string descriptorFlags()
+{
+    const int inherited = open("/dev/null", O_RDONLY);
+    FlagpostEventDone("/tmp/.proof-flags");
+    return fcntl(inherited, F_GETFD) == 0 ? "" : "a descriptor's flags are others";
+}
+
+std::string ownAlarm()
+{
+    alarm(1000);
+    pwrctl_get_state();
+    return alarm(0) > 900 ? "" : "the caller's alarm is gone";
+}
+
+std::string threadsThatComeAndGo()
+{
+    return growth("descriptors", openDescriptors, 5, [] { std::thread(pwrctl_get_state).join(); });
+}
+
+long ownChildren()
+{
+    std::ifstream in("/proc/self/task/" + std::to_string(getpid()) + "/children");
+    return std::distance(std::istream_iterator<std::string>(in), {});
+}
+
+std::string helpersOfFlags()
+{
+    return growth("children", ownChildren, 5, [] { FlagpostEventDone("/tmp/.proof-helpers"); });
+}
+
 } // namespace
 
 const std::vector<Proof>& processProofs()
@@ -102,6 +142,11 @@ const std::vector<Proof>& processProofs()
         {"process-directory", directoryKept},
         {"process-children-ignored", childrenKept},
         {"process-umask", maskKept},
+        {"process-locale-when-loaded", localeAtStart},
+        {"process-descriptor-flags", descriptorFlags},
+        {"process-alarm-taken", ownAlarm},
+        {"process-thread-descriptors", threadsThatComeAndGo},
+        {"process-helpers-left", helpersOfFlags},
         {"process-locale",
          [] {
              return launch(

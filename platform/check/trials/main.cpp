@@ -12,7 +12,9 @@
 #include <gio/gio.h>
 #include <iterator>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
+#include <utility>
 
 #include "common/files/unique-fd.h"
 #include "common/glib-pointers.h"
@@ -36,7 +38,7 @@ void noteCrash(int signal, siginfo_t* information, void*)
     const auto hit = isFault ? GuardedBuffer::describeHit(information->si_addr, pageOfCrash->lastWords,
                                                           sizeof pageOfCrash->lastWords)
                              : GuardedBuffer::Hit::None;
-    pageOfCrash->isArgumentTouched = hit == GuardedBuffer::Hit::Guard || hit == GuardedBuffer::Hit::Stale;
+    pageOfCrash->isArgumentTouched = hit != GuardedBuffer::Hit::None;
     std::signal(signal, SIG_DFL);
     if (!isFault) {
         raise(signal); // a fault comes again by itself
@@ -100,11 +102,22 @@ class Sentinels
 public:
     Sentinels()
     {
+        bool isKept = false; // by a program that is executed
         for (common::UniqueFd& descriptor : descriptors_) {
-            descriptor.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
+            descriptor.reset(open("/dev/null", O_RDONLY | (isKept ? 0 : O_CLOEXEC)));
+            isKept = !isKept;
         }
-        for (std::size_t index = 0; index < descriptors_.size(); index += 2) {
+        for (std::size_t index = 0; index < descriptors_.size(); index += 3) {
             descriptors_[index].reset(); // with room between them
+        }
+        flags_.fill({-1, -1}); // of those that are nobody else's
+        for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            flags_[static_cast<std::size_t>(standard)] = flagsOf(standard);
+        }
+        for (const common::UniqueFd& descriptor : descriptors_) {
+            if (descriptor.get() >= 0 && descriptor.get() < kWatched) {
+                flags_[static_cast<std::size_t>(descriptor.get())] = flagsOf(descriptor.get());
+            }
         }
     }
     // The first that is gone or another; -1 when there is none.
@@ -127,11 +140,93 @@ public:
         return -1;
     }
 
+    // The first whose own flags or whose file's flags are others; -1 when there is none.
+    int firstChanged() const
+    {
+        for (int number = 0; number < kWatched; ++number) {
+            const Flags before = flags_[static_cast<std::size_t>(number)];
+            const Flags after = flagsOf(number);
+            if (before.first >= 0 && after.first >= 0 && before != after) {
+                return number;
+            }
+        }
+        return -1;
+    }
+
 private:
+    using Flags = std::pair<int, int>;
+    static constexpr int kWatched = 64;
+    static Flags flagsOf(int number) { return {fcntl(number, F_GETFD), fcntl(number, F_GETFL)}; }
+
     std::array<common::UniqueFd, 24> descriptors_;
+    std::array<Flags, kWatched> flags_{};
 };
 
-void judgeProcess(Trial& trial, const common::ProcessState& before, const Sentinels& sentinels)
+// A timer of the process's own, far ahead.
+class OwnTimer
+{
+public:
+    OwnTimer()
+    {
+        const itimerval ahead = {{0, 0}, {kAhead, 0}};
+        setitimer(ITIMER_REAL, &ahead, nullptr);
+    }
+    bool isKept() const
+    {
+        itimerval now = {};
+        getitimer(ITIMER_REAL, &now);
+        constexpr time_t kLongest = 600; // of a trial
+        return now.it_value.tv_sec > kAhead - kLongest && now.it_value.tv_sec <= kAhead &&
+               now.it_interval.tv_sec == 0;
+    }
+
+private:
+    static constexpr time_t kAhead = 36000;
+};
+
+std::vector<int> handledSignals()
+{
+    std::vector<int> handled;
+    for (int signal = 1; signal < SIGRTMIN; ++signal) {
+        struct sigaction action = {};
+        const bool isKnown = sigaction(signal, nullptr, &action) == 0;
+        if (isKnown && action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN) {
+            handled.push_back(signal);
+        }
+    }
+    return handled;
+}
+
+// What a process has before main() without any library: this one has it from the check that has started it,
+// and from exec.
+void judgeStart(Trial& trial, const std::vector<int>& handled)
+{
+    trial.require(std::string(setlocale(LC_ALL, nullptr)) == "C", FindingId::Locale,
+                  std::string("before main(), by loading: ") + setlocale(LC_ALL, nullptr));
+    for (const int signal : handled) {
+        trial.found(FindingId::SignalHandling,
+                    common::signalName(signal) + " has a handler before main(), by loading");
+    }
+    for (const auto which : {ITIMER_REAL, ITIMER_VIRTUAL, ITIMER_PROF}) {
+        itimerval timer = {};
+        getitimer(which, &timer);
+        trial.require(timer.it_value.tv_sec == 0 && timer.it_value.tv_usec == 0, FindingId::TimerLeft,
+                      "before main(), by loading");
+    }
+    std::error_code unreadable;
+    const auto directory = [&](const std::string& process) {
+        return std::filesystem::read_symlink("/proc/" + process + "/cwd", unreadable);
+    };
+    const std::filesystem::path others = directory(std::to_string(getppid()));
+    trial.require(unreadable || directory("self") == others, FindingId::WorkingDirectory,
+                  "before main(), by loading: " + directory("self").string());
+    const mode_t mask = umask(0);
+    umask(mask);
+    trial.require(mask == trial.options().mask, FindingId::FileModeMask, "before main(), by loading");
+}
+
+void judgeProcess(Trial& trial, const common::ProcessState& before, const Sentinels& sentinels,
+                  const OwnTimer& timer)
 {
     using Kind = common::ProcessChange::Kind;
     for (const common::ProcessChange& change : before.changesIn(common::ProcessState::now())) {
@@ -143,6 +238,10 @@ void judgeProcess(Trial& trial, const common::ProcessState& before, const Sentin
                   "the calling thread has another default main context than before");
     const int lost = sentinels.firstLost();
     trial.require(lost < 0, FindingId::DescriptorClosed, "number " + std::to_string(lost));
+    const int changed = sentinels.firstChanged();
+    trial.require(changed < 0, FindingId::DescriptorClosed,
+                  "the flags of number " + std::to_string(changed) + " are others");
+    trial.require(timer.isKept(), FindingId::TimerLeft, "the process's own is gone, or another one");
 }
 
 int runTrial(const std::string& name, const TrialOptions& options)
@@ -152,6 +251,7 @@ int runTrial(const std::string& name, const TrialOptions& options)
     if (kind == nullptr) {
         throw common::WrongUse("there is no trial \"" + name + "\"");
     }
+    const std::vector<int> handled = handledSignals();
     page->isStarted = true;
     catchCrashes(*page);
     // What the daemon itself does with GLib has its own effects, on SIGPIPE for one.
@@ -159,11 +259,17 @@ int runTrial(const std::string& name, const TrialOptions& options)
     if (bus != nullptr) {
         g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
     }
-    Trial trial(*page, options);
+    static Trial trial(*page, options); // for threads that end with the process
+    if (name == "load") {
+        judgeStart(trial, handled);
+    }
+    const OwnTimer timer;
     const Sentinels sentinels;
     const common::ProcessState before = common::ProcessState::now();
     kind->run(trial);
-    judgeProcess(trial, before, sentinels);
+    judgeProcess(trial, before, sentinels, timer);
+    trial.require(bus == nullptr || g_dbus_connection_is_closed(bus.get()) == FALSE,
+                  FindingId::ConnectionLost, "the process's connection is closed");
     trial.judgeTimes();
     page->isDone = true;
     std::fflush(nullptr);
@@ -193,7 +299,10 @@ int main(int argc, char** argv)
     program.number("--token", options.token, common::Range<unsigned int>{0, 999999999}, "The check's number");
     program.number("--seconds", options.seconds, common::Range<unsigned int>{0, 3600},
                    "To wait for a person");
+    program.number("--mask", options.mask, common::Range<unsigned int>{0, 0777},
+                   "The file mode mask at its start");
     program.flag("--no-log-text", isLogTextUnjudged, "Leave the texts of the logs alone");
+    program.flag("--again", options.isAgain, "The trial was made before");
     program.onRun([&] {
         options.isLogTextJudged = !isLogTextUnjudged;
         return runTrial(name, options);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "common/glib-pointers.h"
+#include "platform/check/trials/calls-once.h"
 #include "platform/check/trials/trial.h"
 
 namespace platformcheck
@@ -125,11 +126,64 @@ void tryName(Trial& trial)
     g_bus_unown_name(id);
 }
 
+// A connection that no library knows.
+common::GlibPointer<GDBusConnection> ownConnection()
+{
+    const common::GlibPointer<char> address(
+        g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    constexpr auto kFlags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+    return common::GlibPointer<GDBusConnection>(
+        address == nullptr
+            ? nullptr
+            : g_dbus_connection_new_for_address_sync(address.get(), kFlags, nullptr, nullptr, nullptr));
+}
+
+// The daemon has its name, and makes its calls.
+void tryKeepingName(Trial& trial)
+{
+    const common::GlibPointer<GDBusConnection> watching = ownConnection();
+    Name name;
+    const guint id = g_bus_own_name(
+        G_BUS_TYPE_SYSTEM, kBusName, G_BUS_NAME_OWNER_FLAGS_NONE, nullptr,
+        [](GDBusConnection*, const gchar*, gpointer data) { static_cast<Name*>(data)->isAcquired = true; },
+        nullptr, &name, nullptr);
+    if (watching == nullptr || !trial.iterate(5s, [&] { return name.isAcquired; })) {
+        return; // is told elsewhere
+    }
+    struct Service {
+        const char* what;
+        void (*once)(Trial&);
+    };
+    constexpr Service kServices[] = {{"settings", settingsOnce},
+                                     {"subscriptions", subscriptionOnce},
+                                     {"power", powerOnce},
+                                     {"power events", powerEventsOnce},
+                                     {"flags", flagsOnce},
+                                     {"the watchdog", watchdogOnce},
+                                     {"properties", propertyOnce},
+                                     {"packages", packageOnce},
+                                     {"launches", launchOnce},
+                                     {"mounts", mountOnce},
+                                     {"the platform log", platformLogOnce},
+                                     {"the trace recorder", traceLogOnce}};
+    for (const Service& service : kServices) {
+        service.once(trial);
+        trial.iterate(20ms);
+        if (!trial.require(ownerOfName(watching.get()) == static_cast<guint32>(getpid()),
+                           FindingId::ConnectionLost,
+                           std::string("the name is lost after calls of ") + service.what)) {
+            break;
+        }
+    }
+    g_bus_unown_name(id);
+}
+
 } // namespace
 
 std::vector<TrialKind> processTrials()
 {
-    return {{"load", tryLoading}, {"bus", tryName}};
+    return {{"load", tryLoading}, {"bus", tryName}, {"bus-kept", tryKeepingName}};
 }
 
 } // namespace platformcheck

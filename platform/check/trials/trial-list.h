@@ -12,7 +12,9 @@ enum class When {
     kWithPerson, // somebody changes the power
     kWithReboot, // what they end is the set itself
     kFirst,      // it was refused, or could not be started: so would all others
-    kEnclosing   // also when a few only are chosen: it keeps what they change
+    kEnclosing,  // also when a few only are chosen: it keeps what they change
+    kBeside,     // beside the others, as it mostly waits; there is one at most
+    kAfterBeside // of the same service as that
 };
 
 struct ListedTrial {
@@ -25,6 +27,7 @@ inline constexpr ListedTrial kTrials[] = {
     {"load", "Loading", When::kFirst},
     {"bus", "The name on the bus", When::kFirst},
     {"settings-save", "Settings as they are", When::kEnclosing},
+    {"watchdog", "Watchdog", When::kBeside},
     {"settings", "Settings"},
     {"settings-shared", "Settings of another process"},
     {"notifications", "Changes of settings"},
@@ -36,7 +39,6 @@ inline constexpr ListedTrial kTrials[] = {
     {"power-lock-times", "Times of power locks"},
     {"flags", "Flags"},
     {"flags-shared", "Flags of another process"},
-    {"watchdog", "Watchdog"},
     {"property", "The software's version"},
     {"no-property", "Properties without a value"},
     {"package", "Packages"},
@@ -56,7 +58,6 @@ inline constexpr ListedTrial kTrials[] = {
     {"again-power", "Power state and locks, again and again"},
     {"again-power-events", "Subscriptions to power, again and again"},
     {"again-flags", "Flags, again and again"},
-    {"again-watchdog", "Watchdog, again and again"},
     {"again-property", "Properties, again and again"},
     {"again-package", "Packages, again and again"},
     {"again-launch", "Launches, again and again"},
@@ -64,6 +65,9 @@ inline constexpr ListedTrial kTrials[] = {
     {"again-mounted", "An image, mounted again and again"},
     {"again-platform-log", "Platform log, again and again"},
     {"again-trace-log", "Trace recorder, again and again"},
+    {"again-threads", "Calls of threads that come and go"},
+    {"bus-kept", "The name on the bus, beside all calls"},
+    {"again-watchdog", "Watchdog, again and again", When::kAfterBeside},
     {"settings-restore", "Settings as they were", When::kEnclosing},
     {"reboot", "Reboot", When::kWithReboot},
 };

@@ -29,6 +29,7 @@ struct TrialPage {
     std::atomic<bool> isStarted; // main() was reached
     std::atomic<bool> isDone;
     std::atomic<bool> isArgumentTouched; // at the crash
+    std::atomic<bool> isDisturbed;       // by a machine that may be too busy to be judged on
     std::atomic<std::uint32_t> calls;
     Call underWay[kThreads];
     char lastWords[200];

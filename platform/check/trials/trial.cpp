@@ -8,6 +8,7 @@
 #include <gio/gio.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -24,16 +25,34 @@ constexpr std::size_t kMostTimes = 256;
 struct Limit {
     const char* prefix;
     std::chrono::milliseconds most;
+    int waiting = 4; // see waitingOf()
 };
 constexpr Limit kLimits[] = {
-    {"pralis_", 500ms},       {"pwrctl_", 500ms},    {"Flagpost", 500ms}, {"hangwatch_", 500ms},
-    {"__norlog_print", 50ms}, {"TraceLogger", 50ms}, {"PS_", 10000ms},    {"", 5000ms},
+    {"pralis_", 500ms},          {"pwrctl_", 500ms},       {"Flagpost", 500ms}, {"hangwatch_", 500ms},
+    {"__norlog_print", 50ms, 1}, {"TraceLogger", 50ms, 1}, {"PS_", 10000ms},    {"", 5000ms},
 };
+
+const Limit& limitFor(const std::string& name)
+{
+    const auto fits = [&](const Limit& limit) { return name.rfind(limit.prefix, 0) == 0; };
+    return *std::find_if(std::begin(kLimits), std::end(kLimits), fits);
+}
 
 std::chrono::milliseconds limitOf(const std::string& name)
 {
-    const auto fits = [&](const Limit& limit) { return name.rfind(limit.prefix, 0) == 0; };
-    return std::find_if(std::begin(kLimits), std::end(kLimits), fits)->most;
+    return limitFor(name).most;
+}
+
+// So many have to wait for a processor when this thread has to: a call goes by a bus to a service, and its
+// answer back. A record of a log is written by the thread itself.
+int waitingOf(const std::string& name)
+{
+    return limitFor(name).waiting;
+}
+
+std::chrono::nanoseconds farBeyond(const std::string& name)
+{
+    return std::max<std::chrono::nanoseconds>(4 * limitOf(name), 1s);
 }
 
 std::chrono::nanoseconds processorDelay()
@@ -73,11 +92,28 @@ Trial::Mark::~Mark()
         slot_->since = 0;
     }
     const std::chrono::nanoseconds wall(common::realNow() - begin_);
-    const std::lock_guard<std::mutex> lock(trial_.mutex_);
-    std::vector<std::chrono::nanoseconds>& times = trial_.times_[name_];
-    if (times.size() < kMostTimes) { // what is measured here must not grow itself
-        times.reserve(kMostTimes);
-        times.push_back(wall - (processorDelay() - delayBefore_));
+    const std::chrono::nanoseconds delay = processorDelay() - delayBefore_;
+    trial_.keepTime(name_, wall - std::min(wall, waitingOf(name_) * delay), delay);
+}
+
+// What is measured here must not grow itself.
+void Trial::keepTime(const char* name, std::chrono::nanoseconds taken, std::chrono::nanoseconds delay)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Times& times = times_[name];
+    if (times.calls++ == 0) {
+        times.first.reserve(kMostTimes);
+        times.late.reserve(kMostTimes);
+    }
+    if (times.first.size() < kMostTimes) {
+        times.first.push_back(taken);
+    }
+    if (times.late.size() < kMostTimes && taken > limitOf(name)) {
+        times.late.push_back(taken);
+    }
+    longestDelay_ = std::max(longestDelay_, delay);
+    if (delay > 100ms || taken > farBeyond(name)) {
+        page_.isDisturbed = true;
     }
 }
 
@@ -129,61 +165,143 @@ void Trial::refuse(const std::string& reason)
 bool Trial::iterate(std::chrono::milliseconds most, const std::function<bool()>& isOver)
 {
     const std::int64_t end = common::realNow() + std::chrono::nanoseconds(most).count();
+    const gulong nap = most >= 5s ? 10'000 : 1000; // a long wait takes no processor time from the others
     bool over = isOver();
     while (!over && common::realNow() < end) {
         while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
         }
         over = isOver();
         if (!over) {
-            g_usleep(1000);
+            g_usleep(nap);
         }
     }
     return over;
 }
 
-void Trial::runBeside(const char* name)
+void Trial::runBeside(const char* name, Loop loop)
 {
-    const std::string page = options_.work / "page.beside";
+    const std::string page = options_.work / ("page.beside-" + std::to_string(getpid()));
     const SharedPage made = makePage(page);
     const std::string program = std::filesystem::read_symlink("/proc/self/exe");
-    const std::string token = std::to_string(options_.token);
-    const char* const arguments[] = {program.c_str(),       name,      "--page",      page.c_str(), "--work",
-                                     options_.work.c_str(), "--token", token.c_str(), nullptr};
+    std::vector<std::string> words = {program,  name,          "--page",  page,
+                                      "--work", options_.work, "--token", std::to_string(options_.token)};
+    for (const auto& [option, value] :
+         {std::pair{"--image", options_.image}, std::pair{"--directory", options_.directory}}) {
+        if (!value.empty()) {
+            words.insert(words.end(), {option, value});
+        }
+    }
+    std::vector<char*> arguments;
+    for (std::string& word : words) {
+        arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
     pid_t process = 0;
-    if (posix_spawn(&process, program.c_str(), nullptr, nullptr, const_cast<char* const*>(arguments),
-                    environ) != 0) {
+    if (posix_spawn(&process, program.c_str(), nullptr, nullptr, arguments.data(), environ) != 0) {
         return;
     }
     int status = 0;
     const auto hasEnded = [&] { return waitpid(process, &status, WNOHANG) == process; };
-    if (!iterate(10s, hasEnded)) {
+    const std::int64_t end = common::realNow() + std::chrono::nanoseconds(20s).count();
+    bool isOver = false;
+    while (!isOver && common::realNow() < end) {
+        isOver = loop == Loop::kRuns ? iterate(20ms, hasEnded) : hasEnded();
+        g_usleep(isOver ? 0 : 1000);
+    }
+    if (!isOver) {
         kill(process, SIGKILL);
         waitpid(process, &status, 0);
     }
+    for (const Told& line : readLines(*made)) {
+        if (line.kind == Line::kFinding) {
+            hasFound_ = true;
+        }
+        tell(page_, line.kind, line.text, line.number);
+    }
+    if (!isOver || WIFSIGNALED(status)) {
+        const std::string place = oldestCall(*made).name;
+        found(isOver ? FindingId::Crashed : FindingId::NoReturn,
+              (place.empty() ? std::string(name) : place) + ", in a second process" +
+                  (isOver ? ": " + common::signalName(WTERMSIG(status)) : ""));
+    }
+}
+
+void Trial::judgeThread(const sigset_t& before)
+{
+    require(g_main_context_get_thread_default() == nullptr, FindingId::ContextLeft,
+            "a thread has another default main context than before");
+    sigset_t after;
+    pthread_sigmask(SIG_SETMASK, nullptr, &after);
+    for (int signal = 1; signal < NSIG; ++signal) {
+        if (sigismember(&before, signal) != sigismember(&after, signal)) {
+            found(FindingId::SignalHandling,
+                  common::signalName(signal) + " is blocked otherwise on a thread that has called");
+        }
+    }
+    require(uselocale(nullptr) == LC_GLOBAL_LOCALE, FindingId::Locale, "of a thread that has called");
+}
+
+void Trial::onThread(const std::function<void()>& work, Context context)
+{
+    std::thread([&] {
+        GMainContext* const own = context == Context::kOwn ? g_main_context_new() : nullptr;
+        if (own != nullptr) {
+            g_main_context_push_thread_default(own);
+        }
+        sigset_t before;
+        pthread_sigmask(SIG_SETMASK, nullptr, &before);
+        work();
+        if (own != nullptr && g_main_context_get_thread_default() == own) {
+            g_main_context_pop_thread_default(own);
+        }
+        judgeThread(before);
+        if (own != nullptr) {
+            g_main_context_unref(own);
+        }
+    }).join();
+}
+
+// The middle one of many calls counts, and each of a few; of the longest it takes several, as a machine that
+// is busy makes one late now and then. How busy it is, the time tells for which this process's own threads
+// have waited.
+void Trial::judgeTimesOf(const std::string& name, Times& times, std::chrono::nanoseconds noise)
+{
+    std::vector<std::chrono::nanoseconds>& first = times.first;
+    std::sort(first.begin(), first.end());
+    const std::chrono::nanoseconds limit = limitOf(name);
+    const int waiting = waitingOf(name);
+    const std::chrono::nanoseconds most = limit + (waiting > 1 ? waiting * noise : 0ns);
+    if (times.calls < 3) { // one call may have to find its service first
+        require(first.front() <= limit + most, FindingId::Slow, name + " took " + inSeconds(first.front()));
+        return;
+    }
+    if (first[first.size() / 2] > most) {
+        found(FindingId::Slow, name + " took " + inSeconds(first[first.size() / 2]) + ", the middle one of " +
+                                   std::to_string(first.size()) + " calls");
+        return;
+    }
+    const auto longerThan = [&](std::chrono::nanoseconds some) {
+        return std::count_if(times.late.begin(), times.late.end(), [=](auto time) { return time > some; });
+    };
+    const auto late = longerThan(most);
+    const bool isSteady = late < 3 && longerThan(std::max(most, farBeyond(name))) < 2;
+    require(
+        isSteady, FindingId::Slow,
+        name + " took up to " +
+            inSeconds(times.late.empty() ? limit : *std::max_element(times.late.begin(), times.late.end())) +
+            ", and more than " + inSeconds(most) + " in " + std::to_string(late) + " of " +
+            std::to_string(times.calls) + " calls");
 }
 
 void Trial::judgeTimes()
 {
-    std::map<std::string, std::vector<std::chrono::nanoseconds>> times;
+    std::map<std::string, Times> times;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         times = times_;
     }
     for (auto& [name, all] : times) {
-        std::sort(all.begin(), all.end());
-        const std::chrono::nanoseconds limit = limitOf(name);
-        const std::chrono::nanoseconds farBeyond = std::max<std::chrono::nanoseconds>(4 * limit, 1s);
-        const auto late = std::count_if(all.begin(), all.end(), [&](auto time) { return time > farBeyond; });
-        if (all.size() < 3) { // one call may have to find its service first
-            require(all.front() <= 2 * limit, FindingId::Slow, name + " took " + inSeconds(all.front()));
-        } else if (all[all.size() / 2] > limit) {
-            found(FindingId::Slow, name + " took " + inSeconds(all[all.size() / 2]) + ", the middle one of " +
-                                       std::to_string(all.size()) + " calls");
-        } else {
-            require(late < 2, FindingId::Slow,
-                    name + " took up to " + inSeconds(all.back()) + ", more than " + inSeconds(farBeyond) +
-                        " in " + std::to_string(late) + " of " + std::to_string(all.size()) + " calls");
-        }
+        judgeTimesOf(name, all, longestDelay_);
     }
 }
 

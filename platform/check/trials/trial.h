@@ -2,7 +2,9 @@
 #ifndef PLATFORM_CHECK_TRIALS_TRIAL_H
 #define PLATFORM_CHECK_TRIALS_TRIAL_H
 
+#include <atomic>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -12,6 +14,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "common/process/guarded-buffer.h"
 #include "common/process/process-state.h"
 #include "platform/check/findings.h"
 #include "platform/check/trials/trial-page.h"
@@ -38,7 +41,9 @@ struct TrialOptions {
     std::string package;             // to be asked for; empty: one that no store has
     unsigned int token = 0;          // of this check: two trials of one check have the same
     unsigned int seconds = 0;        // to wait for a person
+    unsigned int mask = 022;         // of file modes, at the start
     bool isLogTextJudged = true;
+    bool isAgain = false; // the first time was doubtful: its traces are there
 };
 
 class Trial
@@ -71,22 +76,37 @@ public:
     // Runs the default main context until `isOver`, or until the time is up. True when it is over.
     bool iterate(std::chrono::milliseconds most, const std::function<bool()>& isOver = [] { return false; });
 
-    // Another trial, in a process beside this one; the default main context runs meanwhile.
-    void runBeside(const char* name);
+    // Another trial, in a process beside this one, whose findings are this one's.
+    enum class Loop { kRuns, kStands }; // the default main context meanwhile
+    void runBeside(const char* name, Loop loop = Loop::kRuns);
 
-    // What the calls' times say, and what they have changed in the process.
+    // Work on a thread of its own, to its end; what belongs to a thread must be as before. A main context of
+    // the thread's own is run by nobody.
+    enum class Context { kNone, kOwn };
+    void onThread(const std::function<void()>& work, Context context = Context::kNone);
+
+    // What the calls' times say.
     void judgeTimes();
 
     static bool isInsideCall(); // of this thread
 
 private:
     class Mark;
+    struct Times {
+        std::vector<std::chrono::nanoseconds> first; // of so many calls
+        std::vector<std::chrono::nanoseconds> late;  // of so many that took longer than their limit
+        std::size_t calls = 0;
+    };
     int judged(const char* name, int result);
+    void keepTime(const char* name, std::chrono::nanoseconds taken, std::chrono::nanoseconds delay);
+    void judgeTimesOf(const std::string& name, Times& times, std::chrono::nanoseconds noise);
+    void judgeThread(const sigset_t& before);
 
     TrialPage& page_;
     TrialOptions options_;
     std::mutex mutex_;
-    std::map<std::string, std::vector<std::chrono::nanoseconds>> times_;
+    std::map<std::string, Times> times_;
+    std::chrono::nanoseconds longestDelay_{0}; // that the machine has caused
     std::map<FindingId, unsigned int> told_;
     std::atomic<bool> hasFound_{false};
 };
@@ -124,6 +144,19 @@ auto Trial::call(const char* name, Function function) -> std::invoke_result_t<Fu
         return std::is_same_v<Result, bool> ? Result{} : static_cast<Result>(-1);
     }
 }
+
+// Where a call writes its answer: memory of that size and no more, which is gone after the call.
+template <typename T>
+class Place
+{
+public:
+    explicit Place(const char* name, T value = T{}) : memory_(name, sizeof(T)) { *get() = value; }
+    T* get() { return memory_.as<T>(); }
+    T operator*() { return *get(); }
+
+private:
+    common::GuardedBuffer memory_;
+};
 
 // By the name that trial-list.h has.
 struct TrialKind {
