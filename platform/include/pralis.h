@@ -5,13 +5,14 @@
  *
  * What the daemon relies on:
  * - A value that was written is what every process reads from then on, any int, and no other key has changed
- *   by it.
+ *   by it. No main loop has to run for that.
  * - Change callbacks arrive on the thread that runs the default GLib main context, whichever thread
  *   subscribed and whether or not that thread still lives; never inside a call.
  * - They come in the order of the changes, within two seconds, also of changes that the process itself has
  *   made. A write of the value that the key already has may be told or not.
  * - A subscription alone is no change. A callback may make any call of this header, the end of its own
- *   subscription included.
+ *   subscription, a write of its own key and a new subscription included. One callback may listen to several
+ *   keys, each with user data of its own.
  * - Key and user data belong to the caller: the key is gone when the call has returned. */
 #ifndef PRALIS_H
 #define PRALIS_H
@@ -34,11 +35,12 @@ int pralis_set_int(const char* key, int value);
  * pralis_ignore_key_changed. */
 int pralis_notify_key_changed(const char* key, pralis_key_changed_cb cb, void* user_data);
 
-/* None comes after it has returned, whatever has changed before. Other keys and callbacks stay subscribed. */
+/* None comes after it has returned, whatever has changed before. None comes to a later subscription either.
+ * Other keys and callbacks stay subscribed. */
 int pralis_ignore_key_changed(const char* key, pralis_key_changed_cb cb);
 
 /* The new value itself, not a status. It is that of the change that is told, also when the key has changed
- * again since. */
+ * again since, and stays so while the callback makes calls. */
 int pralis_keynode_get_int(const keynode* node);
 
 #ifdef __cplusplus

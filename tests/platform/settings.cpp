@@ -1,4 +1,5 @@
 // pralis.h
+#include <chrono>
 #include <fcntl.h>
 #include <thread>
 #include <unistd.h>
@@ -150,12 +151,73 @@ std::string toldInsideRead()
     return toldValues.empty() ? "" : "told inside a read";
 }
 
+// The main loop stands meanwhile.
 std::string writtenElsewhereAfterALook()
 {
     pralis_set_int(kKey, 1);
     valueOf(kKey);
     inAnotherProcess("--write", kKey);
     return valueOf(kKey) == getpid() ? "" : "what was there before is read";
+}
+
+std::string behindTheValue()
+{
+    struct {
+        int value = 0;
+        int behind = 77;
+    } place;
+    pralis_set_int(kKey, 5);
+    pralis_get_int(kKey, &place.value);
+    return place.behind == 77 ? "" : "what stands behind the value is another one";
+}
+
+std::string sixtyChanges()
+{
+    pralis_notify_key_changed(kKey, noteValue, nullptr);
+    for (int value = 1; value <= 60; ++value) {
+        pralis_set_int(kKey, value);
+    }
+    until([] { return toldValues.size() == 60; }, kLong);
+    return toldValues.size() == 60 ? "" : std::to_string(toldValues.size()) + " of sixty were told";
+}
+
+std::string longestOfEighty()
+{
+    using Clock = std::chrono::steady_clock;
+    int late = 0;
+    for (int value = 1; value <= 80; ++value) {
+        const Clock::time_point begin = Clock::now();
+        pralis_set_int(kKey, value);
+        late += Clock::now() - begin > std::chrono::milliseconds(600) ? 1 : 0;
+    }
+    return late < 2 ? "" : std::to_string(late) + " of eighty writes were late";
+}
+
+int valueAfterARead = 0;
+
+void readInside(keynode* node, void*)
+{
+    valueOf(kOtherKey);
+    valueAfterARead = pralis_keynode_get_int(node);
+}
+
+std::string nodeAfterARead()
+{
+    pralis_set_int(kOtherKey, 3);
+    pralis_notify_key_changed(kKey, readInside, nullptr);
+    pralis_set_int(kKey, 9);
+    until([] { return valueAfterARead != 0; }, kLong);
+    return valueAfterARead == 9 ? "" : "after a read the node has another value";
+}
+
+std::string newSubscription()
+{
+    pralis_notify_key_changed(kKey, noteValue, nullptr);
+    pralis_set_int(kKey, 4);
+    pralis_ignore_key_changed(kKey, noteValue);
+    pralis_notify_key_changed(kKey, noteValue, nullptr);
+    runLoop(400);
+    return toldValues.empty() ? "" : "a change before the subscription was told";
 }
 
 std::string readBesideAnother()
@@ -220,6 +282,18 @@ const std::vector<Proof>& settingsProofs()
              return valueOf(kStatusKey) == 1 ? "" : "one key's write has changed another";
          }},
         {"settings-failure-writes-value", failedRead},
+        {"settings-cache-waits-for-loop", writtenElsewhereAfterALook},
+        {"settings-value-too-wide", behindTheValue},
+        {"settings-neighbour-spoilt",
+         [] {
+             pralis_set_int(kProgressKey, 77);
+             pralis_set_int(kStatusKey, 1);
+             return valueOf(kProgressKey) == 77 ? "" : "one key's write has changed another";
+         }},
+        {"settings-told-fifty-times", sixtyChanges},
+        {"settings-slow-now-and-then", longestOfEighty},
+        {"settings-node-used-again", nodeAfterARead},
+        {"settings-waiting-told-to-next", newSubscription},
         {"settings-told-what-it-is-now", eachValue},
         {"settings-batch-told", toldAfterOwnEnd},
         {"settings-told-inside-get", toldInsideRead},

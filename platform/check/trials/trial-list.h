@@ -50,6 +50,7 @@ inline constexpr ListedTrial kTrials[] = {
     {"node", "Nodes of loop devices"},
     {"platform-log", "Platform log"},
     {"trace-log", "Trace recorder"},
+    {"settings-later", "Settings, some time later"},
     {"together", "Calls of several threads"},
     {"power-together", "Power calls of six threads"},
     {"again-settings", "Settings, again and again"},
