@@ -41,13 +41,13 @@ int pwrctl_unsubscribe_poweroff_event(pwrctl_poweroff_cb cb);
 
 /* Keeps the set from switching off for `duration_ms` milliseconds, or until the lock of the same
  * `kind` is released or its owner ends. Kinds (the daemon's are 0 and 2) are locked and released apart. A
- * lock that is held may be taken anew, for the new duration, and one that is held can be released. The
- * release of one that is not may succeed or fail, but when the platform tells the difference, it tells it by
- * kind and by time. */
+ * lock that is held may be taken anew, for the new duration, and one that is held can be released: by one
+ * release, however often it was taken, and by any thread. The release of one that is not may succeed or fail,
+ * but when the platform tells the difference, it tells it by kind and by time. */
 int pwrctl_lock_state(int kind, unsigned int duration_ms);
 int pwrctl_unlock_state(int kind);
 
-/* Returns before the set ends; the reboot follows within a minute. */
+/* Returns before the set ends; the reboot follows within a minute. The daemon ends right after the call. */
 int pwrctl_request_reboot(unsigned int reason);
 
 #ifdef __cplusplus

@@ -158,6 +158,36 @@ std::string sixAtOnce()
     return Clock::now() - begin < std::chrono::milliseconds(850) ? "" : "they wait for one another";
 }
 
+std::string releasedOnce()
+{
+    pwrctl_lock_state(2, 60000);
+    pwrctl_lock_state(2, 60000);
+    pwrctl_unlock_state(2);
+    return heldKinds().empty() ? "" : "held after one release";
+}
+
+std::string shorterAnew()
+{
+    pwrctl_lock_state(2, 60000);
+    return heldAfter(300, 900, false);
+}
+
+std::string quietAtLocks()
+{
+    pwrctl_subscribe_state_changed_event(noteChange, nullptr);
+    pwrctl_lock_state(2, 60000);
+    runLoop(300);
+    return toldChanges.empty() ? "" : "a lock was told as a change";
+}
+
+std::string rebootOfOneThatEnds()
+{
+    const auto requests = [] { return control().snapshot()["reboots"].size(); };
+    const Json::ArrayIndex before = requests();
+    inAnotherProcess("--reboot", "1");
+    return requests() > before ? "" : "it was not asked for";
+}
+
 std::string returnsAtOnce()
 {
     using Clock = std::chrono::steady_clock;
@@ -192,6 +222,10 @@ const std::vector<Proof>& powerProofs()
          kHangs},
         {"power-locks-one-kind", kindsApart},
         {"power-lock-kept", released},
+        {"power-lock-counted", releasedOnce},
+        {"power-lock-longest-stays", shorterAnew},
+        {"power-told-of-locks", quietAtLocks},
+        {"power-reboot-by-loop", rebootOfOneThatEnds},
         {"power-lock-too-short", [] { return heldAfter(60000, 500, true); }},
         {"power-lock-short-left", [] { return heldAfter(900, 0, true); }},
         {"power-subscriptions-counted", subscribedFiftyTimes},
