@@ -1,13 +1,16 @@
 // applaunch.h, sysprop.h, flagpost.h, hangwatch.h, appbinary_manager.h
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include "appbinary_manager.h"
 #include "applaunch.h"
+#include "common/glib-pointers.h"
 #include "flagpost.h"
 #include "hangwatch.h"
 #include "sysprop.h"
@@ -75,6 +78,39 @@ std::string nullRequest()
     return applaunch_set_app_id(nullptr, "com.olvessa.tv.proof") < 0 ? "" : "success without a request";
 }
 
+std::string timeWithoutNumber()
+{
+    applaunch_h request = newRequest();
+    const int result = applaunch_add_extra_data(request, "timeinfo", "soon");
+    applaunch_destroy(request);
+    return result == 0 ? "" : "refused";
+}
+
+std::string afterFailures()
+{
+    applaunch_h request = newRequest();
+    for (int time = 0; time < 4; ++time) {
+        applaunch_send_launch_request(request, nullptr, nullptr); // without an application
+    }
+    applaunch_set_app_id(request, "com.olvessa.tv.proof");
+    const int result = applaunch_send_launch_request(request, nullptr, nullptr);
+    applaunch_destroy(request);
+    return result == 0 ? "" : "refused after failures";
+}
+
+std::atomic<bool> isReplyElsewhere{false};
+
+std::string threadOfReply()
+{
+    static const std::thread::id self = std::this_thread::get_id();
+    applaunch_h request = newRequest();
+    applaunch_set_app_id(request, "com.olvessa.tv.proof");
+    const auto note = [](applaunch_h, int, void*) { isReplyElsewhere = std::this_thread::get_id() != self; };
+    applaunch_send_launch_request(request, note, nullptr);
+    runLoop(300);
+    return isReplyElsewhere ? "the reply came on another thread" : "";
+}
+
 // ---- System information ----
 
 std::string ownText()
@@ -110,6 +146,37 @@ std::string unknownProperty()
     const bool hasText = text != nullptr;
     free(text);
     return hasSucceeded && !hasText ? "success, and no text" : "";
+}
+
+std::string textOfManyThreads()
+{
+    char* text = nullptr;
+    sysprop_get_value_string(kVersionKey, &text);
+    const std::string first = text;
+    free(text);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([&] {
+            for (int time = 0; time < 100; ++time) {
+                char* own = nullptr;
+                wrong += sysprop_get_value_string(kVersionKey, &own) == 0 && first == own ? 0 : 1;
+                free(own);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    return wrong == 0 ? "" : std::to_string(wrong) + " of 400 texts are wrong";
+}
+
+std::string busIsOpen()
+{
+    const common::GlibPointer<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
+    ownText();
+    return g_dbus_connection_is_closed(bus.get()) == FALSE ? "" : "the process's connection is closed";
 }
 
 // ---- Flags ----
@@ -171,6 +238,27 @@ std::string raisedTwice()
     return "";
 }
 
+std::string raisedByAnother()
+{
+    const std::string flag = "/tmp/.proof-other-" + std::to_string(getpid());
+    inAnotherProcess("--raise", flag);
+    const int result = FlagpostEventDone(flag.c_str());
+    FlagpostResetEvent(flag.c_str());
+    return result == 0 ? "" : "what another process has raised is refused";
+}
+
+std::string twentyFlags()
+{
+    int refused = 0;
+    for (int flag = 0; flag < 20; ++flag) {
+        refused += FlagpostEventDone((kFlag + std::to_string(flag)).c_str()) == 0 ? 0 : 1;
+    }
+    for (int flag = 0; flag < 20; ++flag) {
+        FlagpostResetEvent((kFlag + std::to_string(flag)).c_str());
+    }
+    return refused == 0 ? "" : std::to_string(refused) + " of twenty were refused";
+}
+
 std::string descriptorOfTheCaller()
 {
     // The number may go to a thread of the bus first: more than once.
@@ -207,6 +295,14 @@ std::string periodKept()
     return "";
 }
 
+std::string leftAlone()
+{
+    hangwatch_register_watchdog_service(60);
+    hangwatch_unregister_watchdog_service();
+    sleep(13);
+    return "";
+}
+
 std::string noticeAtOnce()
 {
     hangwatch_register_watchdog_service(60);
@@ -240,12 +336,29 @@ std::string unknownPackage()
     return "";
 }
 
+std::string identifierOfItsTime()
+{
+    const std::string wanted = "emp" + std::to_string(getpid()); // nobody else's
+    std::ofstream("/srv/feed/" + wanted + ".img") << "image";
+    {
+        std::string name = wanted;
+        appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, name);
+        name.assign(name.size(), '#');
+        usleep(100000);
+    }
+    const Json::Value packages = vset::ControlClient::inside().snapshot()["packages"];
+    return packages.toStyledString().find(wanted) != std::string::npos ? "" : "another one was asked for";
+}
+
 } // namespace
 
 const std::vector<Proof>& serviceProofs()
 {
     static const std::vector<Proof> proofs = {
         {"launch-no-handle", madeAndDestroyed},
+        {"launch-given-up", afterFailures},
+        {"launch-time-is-a-number", timeWithoutNumber, kAborted},
+        {"launch-replied-elsewhere", threadOfReply},
         {"launch-freed-twice", madeAndDestroyed, kAborted},
         {"launch-never-freed",
          [] { return growth("KiB", residentKilobytes, 2000, [] { madeAndDestroyed(); }); }},
@@ -254,11 +367,15 @@ const std::vector<Proof>& serviceProofs()
         {"launch-null-request-crashes", nullRequest, kSegmentationFault},
         {"launch-waits-for-answer", [] { return sent("com.olvessa.tv.proof"); }, kHangs},
         {"property-static", ownText, kAborted},
+        {"property-closes-bus", busIsOpen},
+        {"property-made-in-one-buffer", textOfManyThreads},
         {"property-success-without-value", unknownProperty},
         {"property-freed-again", twoTexts},
         {"property-copy-kept", [] { return growth("KiB", residentKilobytes, 1500, [] { ownText(); }); }},
         {"property-crashes-unknown", unknownProperty, kSegmentationFault},
         {"flags-inverted", raised},
+        {"flags-sixteen", twentyFlags},
+        {"flags-raised-by-one", raisedByAnother},
         {"flags-never-lowered", lowered},
         {"flags-names-cut", flagsApart},
         {"flags-of-the-process", flagOfAnotherProcess},
@@ -271,6 +388,7 @@ const std::vector<Proof>& serviceProofs()
         {"watchdog-once", [] { return registered(2); }},
         {"watchdog-impatient", periodKept, 128 + 9},
         {"watchdog-slow", noticeAtOnce},
+        {"watchdog-never-forgets", leftAlone, 128 + 9},
         {"watchdog-broken-pipe",
          [] {
              hangwatch_watchdog_notify();
@@ -280,6 +398,7 @@ const std::vector<Proof>& serviceProofs()
         {"package-unknown-waits", unknownPackage, kHangs},
         {"package-null-callback-called", unknownPackage, kSegmentationFault},
         {"package-told-elsewhere", threadOfPackage},
+        {"package-identifier-kept", identifierOfItsTime},
     };
     return proofs;
 }

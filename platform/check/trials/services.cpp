@@ -1,16 +1,24 @@
 // flagpost.h, hangwatch.h, sysprop.h, appbinary_manager.h, applaunch.h.
 
+#include <algorithm>
 #include <atomic>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <new>
 #include <string>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include "appbinary_manager.h"
 #include "applaunch.h"
 #include "common/process/guarded-buffer.h"
 #include "flagpost.h"
 #include "hangwatch.h"
+#include "platform/check/trials/calls-once.h"
 #include "platform/check/trials/trial.h"
 #include "sysprop.h"
 
@@ -48,29 +56,149 @@ bool isRaised(Trial& trial, const std::string& flag)
 }
 
 // Names of this check: the daemon's own tell others something.
-std::string flagName(const Trial& trial, const char* end)
+std::string flagName(const Trial& trial, const std::string& end)
 {
     return "/tmp/.tarnwick_check_" + std::to_string(trial.options().token) + end;
+}
+
+// Names that differ in one place only, or are long.
+std::vector<std::string> similarNames(const Trial& trial)
+{
+    const std::string flag = flagName(trial, "");
+    return {flag + "_longer",
+            flag.substr(0, flag.size() - 1),
+            flagName(trial, "_X"),
+            flagName(trial, "_x"),
+            flagName(trial, "_" + std::string(150, 'f') + "1"),
+            flagName(trial, "_" + std::string(150, 'f') + "2"),
+            flagName(trial, " with blanks"),
+            flagName(trial, "_%s;'$x\""),
+            "/tmp/tarnwick_check_" + std::to_string(trial.options().token),
+            "/tmp/.tarnwick_check." + std::to_string(trial.options().token)};
+}
+
+// Each of them by itself: none of the others changes with it.
+void trySimilar(Trial& trial)
+{
+    std::vector<std::string> names; // that could be raised
+    for (const std::string& name : similarNames(trial)) {
+        trial.require(!isRaised(trial, name), FindingId::OtherFlag,
+                      name + " was raised with a flag whose name is similar");
+        const int raised = raise(trial, name);
+        if (trial.require(raised == 0 && isRaised(trial, name), FindingId::NotRaised,
+                          name + resultIs(raised))) {
+            names.push_back(name);
+        }
+    }
+    for (const std::string& name : names) {
+        trial.require(isRaised(trial, name), FindingId::OtherFlag,
+                      name + " was lowered with a flag whose name is similar");
+        const int lowered = lower(trial, name);
+        trial.require(lowered == 0 && !isRaised(trial, name), FindingId::NotLowered,
+                      name + resultIs(lowered));
+    }
+}
+
+// More than a table with few places holds, as far as there is time.
+void tryMany(Trial& trial)
+{
+    constexpr std::size_t kMany = 20;
+    const std::int64_t end = common::realNow() + std::chrono::nanoseconds(2s).count();
+    std::vector<std::string> names;
+    while (names.size() < kMany && common::realNow() < end) {
+        names.push_back(flagName(trial, "_many_" + std::to_string(names.size())));
+        const int raised = raise(trial, names.back());
+        trial.require(raised == 0, FindingId::NotRaised,
+                      "number " + std::to_string(names.size()) + resultIs(raised));
+    }
+    for (const std::string& name : names) {
+        trial.require(isRaised(trial, name), FindingId::OtherFlag,
+                      name + " of " + std::to_string(names.size()) + " flags is not raised any more");
+        lower(trial, name);
+    }
+    trial.require(!isRaised(trial, names.back()), FindingId::NotLowered, names.back());
+}
+
+// A file that tells that the flags were tried: others look at them.
+std::filesystem::path raisedForLater(const Trial& trial)
+{
+    return trial.options().work / "flag-raised";
 }
 
 void tryFlags(Trial& trial)
 {
     const std::string flag = flagName(trial, "");
-    const std::string longer = flagName(trial, "_longer");
+    if (trial.options().isAgain) {
+        lower(trial, flag);
+    }
     trial.require(!isRaised(trial, flag), FindingId::OtherFlag, "a flag is raised that nobody has raised");
+    const int never = lower(trial, flag);
+    trial.require(never == 0 && !isRaised(trial, flag), FindingId::FlagTwice,
+                  "one that was never raised, lowered" + resultIs(never));
     const int raised = raise(trial, flag);
     trial.require(raised == 0, FindingId::NotRaised, flag + resultIs(raised));
     trial.require(isRaised(trial, flag), FindingId::NotRaised, flag + " is not, though success was said");
-    trial.require(!isRaised(trial, longer) && !isRaised(trial, flag.substr(0, flag.size() - 1)),
-                  FindingId::OtherFlag, "a flag with a longer or a shorter name was raised with it");
     const int again = raise(trial, flag);
     trial.require(again == 0 && isRaised(trial, flag), FindingId::FlagTwice, "raised" + resultIs(again));
-    raise(trial, longer);
-    lower(trial, longer);
-    trial.require(isRaised(trial, flag), FindingId::OtherFlag,
-                  "a flag was lowered with one whose name is longer");
-    trial.require(!isRaised(trial, longer), FindingId::NotLowered,
-                  longer + " is not, though success was said");
+    for (const char* const odd : {"", "x", "/", "/tmp", "/tmp/", "tmp/x"}) { // whatever they answer
+        isRaised(trial, odd);
+        lower(trial, odd);
+    }
+    trySimilar(trial);
+    tryMany(trial);
+    trial.require(isRaised(trial, flag), FindingId::OtherFlag, "a flag was lowered with others");
+    if (raise(trial, flagName(trial, "_later")) == 0) {
+        std::ofstream(raisedForLater(trial)) << "raised\n";
+    }
+}
+
+// One flag, up and down for a moment.
+void keepChanging(Trial& trial, const std::string& flag, const std::function<bool()>& isOver)
+{
+    const std::int64_t end = common::realNow() + std::chrono::nanoseconds(150ms).count();
+    while (common::realNow() < end && !isOver() && !trial.hasFound()) {
+        raise(trial, flag);
+        const bool isUp = isRaised(trial, flag);
+        lower(trial, flag);
+        trial.require(isUp && !isRaised(trial, flag), FindingId::OtherFlag,
+                      flag + " was wrong beside another process, which changes a flag of its own");
+    }
+}
+
+void changeBeside(Trial& trial)
+{
+    keepChanging(trial, flagName(trial, "_beside"), [] { return false; });
+}
+
+// Two processes change a flag each.
+void tryBesideAnother(Trial& trial)
+{
+    std::atomic<bool> isOver{false};
+    std::thread beside([&] {
+        trial.runBeside("flag-changer", Trial::Loop::kStands);
+        isOver = true;
+    });
+    while (!isOver && !trial.hasFound()) {
+        keepChanging(trial, flagName(trial, "_here"), [&] { return isOver.load(); });
+    }
+    beside.join();
+}
+
+// Nobody owns a flag.
+void tryOthersFlag(Trial& trial, const std::string& flag)
+{
+    trial.runBeside("flag-raiser");
+    const int raised = raise(trial, flag);
+    trial.require(raised == 0, FindingId::FlagTwice,
+                  "raised by another process, and here" + resultIs(raised));
+    trial.runBeside("flag-lowerer");
+    const int lowered = lower(trial, flag);
+    trial.require(lowered == 0, FindingId::FlagTwice,
+                  "lowered by another process, and here" + resultIs(lowered));
+    trial.runBeside("flag-raiser");
+    const int ours = lower(trial, flag);
+    trial.require(ours == 0 && !isRaised(trial, flag), FindingId::NotLowered,
+                  "raised by another process, and lowered here" + resultIs(ours));
 }
 
 // Raised by the trial before this one, whose process has ended.
@@ -84,53 +212,96 @@ void tryFlagsOfOthers(Trial& trial)
     trial.require(!isRaised(trial, flag), FindingId::NotLowered, flag + " is not, though success was said");
     const int again = lower(trial, flag);
     trial.require(again == 0, FindingId::FlagTwice, "lowered" + resultIs(again));
-    trial.runBeside("flag-raiser"); // it was lowered at the last look here
-    trial.require(isRaised(trial, flag), FindingId::FlagNotShared,
-                  flag + " was raised by another process after a look at it");
-    trial.runBeside("flag-lowerer");
-    trial.require(!isRaised(trial, flag), FindingId::FlagNotShared,
-                  flag + " was lowered by another process after a look at it");
-    lower(trial, flag);
+    for (const Trial::Loop loop : {Trial::Loop::kRuns, Trial::Loop::kStands}) {
+        isRaised(trial, flag); // lowered, at the last look here
+        trial.runBeside("flag-raiser", loop);
+        trial.require(isRaised(trial, flag), FindingId::FlagNotShared,
+                      flag + " was raised by another process after a look at it");
+        trial.runBeside("flag-lowerer", loop);
+        trial.require(!isRaised(trial, flag), FindingId::FlagNotShared,
+                      flag + " was lowered by another process after a look at it");
+    }
+    tryOthersFlag(trial, flag);
+    tryBesideAnother(trial);
+    raise(trial, flag); // and what this process does, the other sees
+    trial.runBeside("flag-lowerer", Trial::Loop::kStands);
+    trial.onThread([&] {
+        trial.require(!isRaised(trial, flag), FindingId::FlagNotShared,
+                      flag + " was raised here and lowered by another process");
+    });
+    trial.hasFound() ? raise(trial, flag) : lower(trial, flag); // this may be tried once more
 }
 
 void raiseFlag(Trial& trial)
 {
-    raise(trial, flagName(trial, ""));
+    const std::string flag = flagName(trial, "");
+    trial.require(!isRaised(trial, flag), FindingId::FlagNotShared, flag + " was lowered by another process");
+    raise(trial, flag);
 }
 
 void lowerFlag(Trial& trial)
 {
-    lower(trial, flagName(trial, ""));
+    const std::string flag = flagName(trial, "");
+    trial.require(isRaised(trial, flag), FindingId::FlagNotShared, flag + " was raised by another process");
+    lower(trial, flag);
+}
+
+void tryLater(Trial& trial)
+{
+    if (std::filesystem::exists(raisedForLater(trial))) {
+        const std::string flag = flagName(trial, "_later");
+        trial.require(isRaised(trial, flag), FindingId::FlagNotShared,
+                      flag + " was raised some time ago, and nobody has lowered it");
+        trial.hasFound() ? 0 : lower(trial, flag); // else this may be tried once more
+    }
 }
 
 // ---- Watchdog ----
 
-void tryWatchdog(Trial& trial)
+bool registerWatchdog(Trial& trial)
 {
     constexpr int kPeriod = 60;
-    const auto unregister = [&] {
-        return trial.call("hangwatch_unregister_watchdog_service", hangwatch_unregister_watchdog_service);
-    };
-    unregister(); // as the daemon's end does that could not start
+    const int registered = trial.result("hangwatch_register_watchdog_service",
+                                        [] { return hangwatch_register_watchdog_service(kPeriod); });
+    return trial.require(registered == 0, FindingId::WatchdogNotRegistered,
+                         "with " + std::to_string(kPeriod) + resultIs(registered));
+}
+
+void notifyWatchdog(Trial& trial, const char* situation = "")
+{
+    const int notified = trial.result("hangwatch_watchdog_notify", hangwatch_watchdog_notify);
+    trial.require(notified == 0, FindingId::WatchdogNotNotified,
+                  std::string("notified") + situation + resultIs(notified));
+}
+
+void unregisterWatchdog(Trial& trial)
+{
+    const int unregistered =
+        trial.result("hangwatch_unregister_watchdog_service", hangwatch_unregister_watchdog_service);
+    trial.require(unregistered == 0, FindingId::WatchdogNotUnregistered,
+                  "unregistered" + resultIs(unregistered));
+}
+
+// Other trials are made meanwhile.
+void tryWatchdog(Trial& trial)
+{
+    // As the daemon's end does that could not start; what never began may fail, and does no harm.
+    trial.call("hangwatch_unregister_watchdog_service", hangwatch_unregister_watchdog_service);
+    trial.call("hangwatch_watchdog_notify", hangwatch_watchdog_notify);
     for (int time = 0; time < 2; ++time) {
-        const int registered = trial.result("hangwatch_register_watchdog_service",
-                                            [] { return hangwatch_register_watchdog_service(kPeriod); });
-        if (!trial.require(registered == 0, FindingId::WatchdogNotRegistered,
-                           "with " + std::to_string(kPeriod) + resultIs(registered))) {
+        if (!registerWatchdog(trial)) {
             return;
         }
         trial.iterate(time == 0 ? 5200ms : 0ms); // the daemon's first notice comes after five seconds
         for (int notice = 0; notice < 3; ++notice) {
-            const int notified = trial.result("hangwatch_watchdog_notify", hangwatch_watchdog_notify);
-            trial.require(notified == 0, FindingId::WatchdogNotNotified, "notified" + resultIs(notified));
+            notifyWatchdog(trial);
             trial.iterate(100ms);
         }
-        const int unregistered =
-            trial.result("hangwatch_unregister_watchdog_service", hangwatch_unregister_watchdog_service);
-        trial.require(unregistered == 0, FindingId::WatchdogNotUnregistered,
-                      "unregistered" + resultIs(unregistered));
+        trial.onThread([&] { notifyWatchdog(trial, " by another thread"); });
+        trial.onThread([&] { unregisterWatchdog(trial); });
     }
-    trial.iterate(1s); // nothing may follow
+    trial.call("hangwatch_watchdog_notify", hangwatch_watchdog_notify);
+    trial.iterate(14s); // it is left alone
 }
 
 // ---- System properties ----
@@ -140,8 +311,11 @@ constexpr int kUnknownKey = 0x7ffffff0;
 
 int property(Trial& trial, int key, char*& value)
 {
-    value = nullptr;
-    return trial.result("sysprop_get_value_string", [&] { return sysprop_get_value_string(key, &value); });
+    Place<char*> place("the text's place", nullptr);
+    const int result =
+        trial.result("sysprop_get_value_string", [&] { return sysprop_get_value_string(key, place.get()); });
+    value = *place;
+    return result;
 }
 
 void release(Trial& trial, char* text)
@@ -183,7 +357,7 @@ void tryVersion(Trial& trial)
 void tryNoValue(Trial& trial)
 {
     char* value = nullptr;
-    for (const int key : {kUnknownKey, -1}) {
+    for (const int key : {kUnknownKey, -1, INT_MIN, INT_MAX}) {
         const int result = property(trial, key, value);
         trial.require(result != 0 || value != nullptr, FindingId::ValueWithoutText,
                       "key " + std::to_string(key) + ": the result is 0, and the text is null");
@@ -195,13 +369,19 @@ void tryNoValue(Trial& trial)
 
 // ---- Packages ----
 
+// An identifier whose text and whose object are gone with the call, and whose memory nobody may touch then. A
+// long one has its text elsewhere: it becomes another one.
 bool request(Trial& trial, const std::string& package)
 {
-    std::string name = package;
+    common::GuardedBuffer memory("the package's identifier", sizeof(std::string));
+    auto* const name = new (memory.as<void>()) std::string(package);
     const bool isTaken = trial.call("ABM_DownloadAppBinary", [&] {
-        return appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, name);
+        return appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, *name);
     });
-    name.assign(name.size(), '#'); // it is gone when the call has returned
+    trial.require(*name == package, FindingId::ArgumentTouched,
+                  "the package's identifier " + package.substr(0, 20) + " was changed in place");
+    name->assign(name->size(), '#');
+    name->~basic_string();
     return isTaken;
 }
 
@@ -210,34 +390,43 @@ struct PackageEnd {
     std::atomic<int> calls{0};
     std::atomic<pid_t> thread{0};
     std::atomic<bool> isInsideCall{false};
+    std::atomic<bool> isOther{false}; // the package or the user data
+    std::string package;
 };
 
-void onPackage(const std::string&, int, void* data)
+PackageEnd packageEnd; // the callback may come at any time
+
+void onPackage(const std::string& package, int, void* data)
 {
-    auto* const end = static_cast<PackageEnd*>(data);
-    end->thread = gettid();
-    end->isInsideCall = Trial::isInsideCall();
-    ++end->calls;
+    packageEnd.thread = gettid();
+    packageEnd.isInsideCall = Trial::isInsideCall();
+    packageEnd.isOther = data != &packageEnd || package != packageEnd.package;
+    ++packageEnd.calls;
 }
 
 void judgePackageCallback(Trial& trial, const std::string& package)
 {
-    static PackageEnd end; // the callback may come at any time
+    PackageEnd& end = packageEnd;
+    end.package = package;
     const bool isTaken = trial.call("ABM_DownloadAppBinary", [&] {
         return appbinaryManager::ABM_DownloadAppBinary(onPackage, &end, package);
     });
-    trial.iterate(2s, [] { return end.calls > 0; });
+    trial.iterate(2s, [&] { return end.calls > 0; });
+    trial.iterate(50ms);
     trial.require(end.calls == 0 || end.thread == getpid(), FindingId::PackageCallback,
                   "on thread " + std::to_string(end.thread) + ", while the main loop runs on " +
                       std::to_string(getpid()));
     trial.require(!end.isInsideCall, FindingId::PackageCallback, "inside the call that asks for the package");
     trial.require(isTaken || end.calls == 0, FindingId::PackageCallback, "of a request that was not taken");
+    trial.require(!end.isOther, FindingId::PackageCallback, "of another package, or with other user data");
+    trial.require(end.calls <= 1, FindingId::PackageCallback,
+                  std::to_string(end.calls) + " times for one request");
 }
 
 void tryPackages(Trial& trial)
 {
     const std::string& known = trial.options().package;
-    const std::string package = known.empty() ? "empTarnwickPlatformCheck" : known;
+    const std::string package = known.empty() ? "empNobodysOwn" : known; // it fits into the object itself
     const bool isTaken = request(trial, package);
     if (known.empty() && !isTaken) {
         trial.note("a package that the store may not have is refused: give one that it has with --package");
@@ -246,8 +435,18 @@ void tryPackages(Trial& trial)
     }
     trial.iterate(700ms); // its end has nobody to be told to
     judgePackageCallback(trial, package);
-    request(trial, "emp" + std::string(200, 'X'));
+    for (const std::string& odd :
+         {"emp" + std::string(200, 'X'), std::string("emp with blanks"), std::string("emp%s%n"),
+          std::string("../emp"), std::string("emp\xC3\xA4"), std::string(4000, 'e'), std::string()}) {
+        request(trial, odd);
+    }
     trial.iterate(300ms);
+    for (const Trial::Context context : {Trial::Context::kNone, Trial::Context::kOwn}) {
+        trial.onThread([&] { packageOnce(trial); }, context);
+    }
+    const bool isTakenAgain = request(trial, package);
+    trial.require(isTakenAgain == isTaken, FindingId::PackageRefused,
+                  package + (isTaken ? " is not taken" : " is taken") + " any more after other requests");
 }
 
 // ---- Launches ----
@@ -272,20 +471,35 @@ int setApplication(Trial& trial, applaunch_h request)
 
 applaunch_h create(Trial& trial)
 {
-    applaunch_h request = nullptr;
-    const int result = trial.result("applaunch_create", [&] { return applaunch_create(&request); });
-    trial.require(result == 0 && request != nullptr, FindingId::RequestNotCreated,
+    Place<applaunch_h> place("the request's place", nullptr);
+    const int result = trial.result("applaunch_create", [&] { return applaunch_create(place.get()); });
+    trial.require(result == 0 && *place != nullptr, FindingId::RequestNotCreated,
                   result == 0 ? "success was said, and the handle is null" : "created" + resultIs(result));
-    return request;
+    return *place;
 }
 
 void fill(Trial& trial, applaunch_h request)
 {
-    const std::pair<const char*, const char*> extras[] = {
-        {"updatetype", "general"}, {"timeinfo", "130"}, {"uitype", "select"}};
+    static const std::string longText(5000, 't');
+    const std::pair<const char*, const char*> extras[] = {{"updatetype", "general"},
+                                                          {"timeinfo", "130"},
+                                                          {"uitype", "select"},
+                                                          {"timeinfo", "131"},
+                                                          {"empty", ""},
+                                                          {"long", longText.c_str()},
+                                                          {"timeinfo", "soon"},
+                                                          {"timeinfo", ""},
+                                                          {"timeinfo", "-1"},
+                                                          {"timeinfo", "99999999999999999999"},
+                                                          {"updatetype", ""},
+                                                          {"uitype", "\xC3\xA4"},
+                                                          {longText.c_str(), "key"},
+                                                          {"odd", "a=b&c;\"d\" %s%n\n"},
+                                                          {"more words", "\xC3\xA4"}};
     for (const auto& [key, value] : extras) {
         const int added = add(trial, request, key, value);
-        trial.require(added == 0, FindingId::RequestNotFilled, std::string(key) + resultIs(added));
+        trial.require(added == 0, FindingId::RequestNotFilled,
+                      "key \"" + std::string(key).substr(0, 20) + "\"" + resultIs(added));
     }
     const int set = setApplication(trial, request);
     trial.require(set == 0, FindingId::RequestNotFilled, kUnknownApplication + resultIs(set));
@@ -304,6 +518,104 @@ int send(Trial& trial, applaunch_h request)
                         [&] { return applaunch_send_launch_request(request, nullptr, nullptr); });
 }
 
+// ---- Launches that fail first ----
+
+// A request without an application cannot be launched; one that has failed so is still good for the next try.
+void tryAfterFailures(Trial& trial, bool isUnknownTaken)
+{
+    const applaunch_h request = create(trial);
+    if (request == nullptr) {
+        return;
+    }
+    constexpr int kFailures = 8; // the daemon's ninth may be the one
+    bool hasFailed = true;
+    for (int attempt = 0; attempt < kFailures && hasFailed; ++attempt) {
+        hasFailed = send(trial, request) != 0;
+    }
+    if (hasFailed && isUnknownTaken) {
+        const int set = setApplication(trial, request);
+        const int sent = send(trial, request);
+        trial.require(set == 0 && sent == 0, FindingId::LaunchGivenUp,
+                      "the ninth launch of one request, after eight that had failed" +
+                          resultIs(set == 0 ? sent : set));
+    }
+    destroy(trial, request);
+}
+
+// Some at a time, and none takes another's place.
+void tryManyRequests(Trial& trial)
+{
+    constexpr std::size_t kMany = 6;
+    const std::int64_t end = common::realNow() + std::chrono::nanoseconds(2s).count();
+    std::vector<applaunch_h> requests;
+    while (requests.size() < kMany && common::realNow() < end) {
+        const applaunch_h request = create(trial);
+        if (request == nullptr) {
+            break;
+        }
+        const bool isNew = std::find(requests.begin(), requests.end(), request) == requests.end();
+        if (!trial.require(isNew, FindingId::RequestNotCreated,
+                           "of " + std::to_string(requests.size() + 1) + " requests two have one handle")) {
+            break;
+        }
+        requests.push_back(request);
+    }
+    for (const applaunch_h request : requests) {
+        const int set = setApplication(trial, request);
+        trial.require(set == 0, FindingId::RequestNotFilled,
+                      "one of " + std::to_string(requests.size()) + " requests" + resultIs(set));
+    }
+    for (const applaunch_h request : requests) {
+        destroy(trial, request);
+    }
+}
+
+// ---- Replies ----
+
+// The daemon asks for none; whoever does hears of it where callbacks come.
+struct Reply {
+    std::atomic<int> calls{0};
+    std::atomic<pid_t> thread{0};
+    std::atomic<bool> isInsideCall{false};
+    std::atomic<bool> isOther{false}; // the request or the user data
+    applaunch_h request = nullptr;
+};
+
+Reply launchReply;
+
+void onReply(applaunch_h request, int, void* data)
+{
+    launchReply.thread = gettid();
+    launchReply.isInsideCall = Trial::isInsideCall();
+    launchReply.isOther = request != launchReply.request || data != &launchReply;
+    ++launchReply.calls;
+}
+
+void judgeReply(Trial& trial)
+{
+    launchReply.request = create(trial);
+    if (launchReply.request == nullptr) {
+        return;
+    }
+    setApplication(trial, launchReply.request);
+    const int sent = trial.result("applaunch_send_launch_request", [] {
+        return applaunch_send_launch_request(launchReply.request, onReply, &launchReply);
+    });
+    trial.iterate(300ms);
+    const int before = launchReply.calls;
+    destroy(trial, launchReply.request);
+    trial.iterate(200ms);
+    trial.require(launchReply.calls == before, FindingId::LaunchReply, "after the request was destroyed");
+    trial.require(before == 0 || launchReply.thread == getpid(), FindingId::LaunchReply,
+                  "on thread " + std::to_string(launchReply.thread) + ", while the main loop runs on " +
+                      std::to_string(getpid()));
+    trial.require(!launchReply.isInsideCall, FindingId::LaunchReply, "inside the call that launches");
+    trial.require(!launchReply.isOther, FindingId::LaunchReply,
+                  "of another request, or with other user data");
+    trial.require(before <= 1 && (sent == 0 || before == 0), FindingId::LaunchReply,
+                  std::to_string(before) + " times for one launch" + resultIs(sent));
+}
+
 void tryLaunch(Trial& trial)
 {
     applaunch_h first = create(trial);
@@ -315,8 +627,10 @@ void tryLaunch(Trial& trial)
     }
     fill(trial, first);
     fill(trial, second);
-    for (int attempt = 0; attempt < 2 && send(trial, first) != 0; ++attempt) {
-        trial.iterate(500ms);
+    bool isTaken = false;
+    for (int attempt = 0; attempt < 2 && !isTaken; ++attempt) {
+        trial.iterate(attempt * 500ms);
+        isTaken = send(trial, first) == 0;
     }
     destroy(trial, first);
     trial.iterate(700ms); // the reply has nobody to be told to
@@ -324,30 +638,49 @@ void tryLaunch(Trial& trial)
     trial.require(added == 0, FindingId::RequestNotFilled,
                   "after another request was destroyed" + resultIs(added));
     destroy(trial, second);
+    tryAfterFailures(trial, isTaken);
+    tryManyRequests(trial);
+    for (const Trial::Context context : {Trial::Context::kNone, Trial::Context::kOwn}) {
+        trial.onThread([&] { launchOnce(trial); }, context);
+    }
+    judgeReply(trial);
 }
 
 void tryNullRequest(Trial& trial)
 {
-    trial.call("applaunch_add_extra_data",
-               [] { return applaunch_add_extra_data(nullptr, "updatetype", "general"); });
-    const int set =
-        trial.call("applaunch_set_app_id", [] { return applaunch_set_app_id(nullptr, kUnknownApplication); });
-    trial.require(set < 0, FindingId::NullRequestTaken, "applaunch_set_app_id" + resultIs(set));
-    const int sent = trial.call("applaunch_send_launch_request",
-                                [] { return applaunch_send_launch_request(nullptr, nullptr, nullptr); });
-    trial.require(sent < 0, FindingId::NullRequestTaken, "applaunch_send_launch_request" + resultIs(sent));
-    trial.call("applaunch_destroy", [] { return applaunch_destroy(nullptr); });
+    struct Refused {
+        const char* name;
+        int (*call)();
+    };
+    constexpr Refused kAll[] = {
+        {"applaunch_add_extra_data",
+         [] { return applaunch_add_extra_data(nullptr, "updatetype", "general"); }},
+        {"applaunch_set_app_id", [] { return applaunch_set_app_id(nullptr, kUnknownApplication); }},
+        {"applaunch_send_launch_request",
+         [] { return applaunch_send_launch_request(nullptr, nullptr, nullptr); }},
+        {"applaunch_destroy", [] { return applaunch_destroy(nullptr); }}};
+    for (const Refused& one : kAll) {
+        const int result = trial.call(one.name, one.call);
+        trial.require(result < 0, FindingId::NullRequestTaken, one.name + resultIs(result));
+    }
 }
 
 } // namespace
 
 std::vector<TrialKind> serviceTrials()
 {
-    return {{"flags", tryFlags},         {"flags-shared", tryFlagsOfOthers},
-            {"flag-raiser", raiseFlag},  {"flag-lowerer", lowerFlag},
-            {"watchdog", tryWatchdog},   {"property", tryVersion},
-            {"no-property", tryNoValue}, {"package", tryPackages},
-            {"launch", tryLaunch},       {"null-launch", tryNullRequest}};
+    return {{"flags", tryFlags},
+            {"flags-shared", tryFlagsOfOthers},
+            {"flag-raiser", raiseFlag},
+            {"flag-lowerer", lowerFlag},
+            {"flag-changer", changeBeside},
+            {"flags-later", tryLater},
+            {"watchdog", tryWatchdog},
+            {"property", tryVersion},
+            {"no-property", tryNoValue},
+            {"package", tryPackages},
+            {"launch", tryLaunch},
+            {"null-launch", tryNullRequest}};
 }
 
 } // namespace platformcheck

@@ -51,6 +51,7 @@ inline constexpr ListedTrial kTrials[] = {
     {"platform-log", "Platform log"},
     {"trace-log", "Trace recorder"},
     {"settings-later", "Settings, some time later"},
+    {"flags-later", "Flags, some time later"},
     {"together", "Calls of several threads"},
     {"power-together", "Power calls of six threads"},
     {"again-settings", "Settings, again and again"},
