@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "ps_mount.h"
@@ -162,6 +163,42 @@ std::string nodeMade()
     return returned == 0 && result == 0 && !isThere ? "made with success, and not there" : "";
 }
 
+std::string modeOfNode()
+{
+    const char command[1024] = "-m 0660 -Z * /dev/loop60  b 7 60";
+    int result = 0;
+    PS_Mknod(command, sizeof command, 0, &result);
+    struct stat status{};
+    stat("/dev/loop60", &status);
+    unlink("/dev/loop60");
+    return (status.st_mode & 0777) == 0660 ? "" : "its mode is another one";
+}
+
+std::string numberOfNode()
+{
+    const char command[1024] = "-m 0660 -Z * /dev/loop63  b 7 63";
+    int result = 0;
+    PS_Mknod(command, sizeof command, 0, &result);
+    struct stat made{};
+    struct stat first{};
+    stat("/dev/loop63", &made);
+    stat("/dev/loop0", &first);
+    unlink("/dev/loop63");
+    return minor(made.st_rdev) - minor(first.st_rdev) == 63 ? "" : "it has another number";
+}
+
+std::string mountOfAnother()
+{
+    const Image image("one");
+    inAnotherProcess("--mount", image.command());
+    if (!image.isMounted()) {
+        return "it is not mounted";
+    }
+    const bool isUnmounted = image.unmount();
+    runProgram({"umount", image.directory()});
+    return isUnmounted ? "" : "another process's mount cannot be unmounted";
+}
+
 } // namespace
 
 const std::vector<Proof>& mountProofs()
@@ -177,6 +214,9 @@ const std::vector<Proof>& mountProofs()
         {"mount-splits-in-place", commandLeftAlone},
         {"umount-past-length", directoryOfItsLength},
         {"mknod-not-made", nodeMade},
+        {"mknod-mode-lost", modeOfNode},
+        {"mknod-last-digit", numberOfNode},
+        {"umount-own-only", mountOfAnother},
         {"mknod-next-number", nodeMade},
     };
     return proofs;

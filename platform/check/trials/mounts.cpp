@@ -2,18 +2,25 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <linux/loop.h>
+#include <set>
 #include <sstream>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/sysmacros.h>
+#include <thread>
 #include <unistd.h>
 
 #include "common/files/unique-fd.h"
 #include "common/files/whole-file.h"
 #include "common/process/guarded-buffer.h"
+#include "platform/check/trials/calls-once.h"
 #include "platform/check/trials/trial.h"
 #include "ps_mount.h"
 
@@ -44,6 +51,16 @@ struct Answer {
 
 using Command = int (*)(const char*, int, int, int*);
 
+Answer answerOf(Trial& trial, const char* name, Command function, const char* text, std::size_t length)
+{
+    Place<int> result("the result", 0);
+    Answer answer;
+    answer.returned =
+        trial.call(name, [&] { return function(text, static_cast<int>(length), 0, result.get()); });
+    answer.result = *result;
+    return answer;
+}
+
 // The command stands at the beginning of a buffer of its usual size, whose rest is zero.
 Answer ask(Trial& trial, const char* name, Command function, const std::string& command)
 {
@@ -51,11 +68,7 @@ Answer ask(Trial& trial, const char* name, Command function, const std::string& 
     buffer.fill(0);
     std::memcpy(buffer.as<char>(), command.data(), std::min(command.size(), kCommandSize - 1));
     buffer.makeReadOnly();
-    Answer answer;
-    answer.returned = trial.call(name, [&] {
-        return function(buffer.as<const char>(), static_cast<int>(kCommandSize), 0, &answer.result);
-    });
-    return answer;
+    return answerOf(trial, name, function, buffer.as<const char>(), kCommandSize);
 }
 
 Answer mount(Trial& trial, const fs::path& image, const fs::path& directory)
@@ -67,20 +80,15 @@ Answer mount(Trial& trial, const fs::path& image, const fs::path& directory)
 Answer unmount(Trial& trial, const fs::path& directory)
 {
     GuardedBuffer path("the directory", directory.string());
-    Answer answer;
-    answer.returned = trial.call("PS_Umount", [&] {
-        return PS_Umount(path.as<const char>(), static_cast<int>(directory.string().size()), 0,
-                         &answer.result);
-    });
-    return answer;
+    return answerOf(trial, "PS_Umount", PS_Umount, path.as<const char>(), directory.string().size());
 }
 
 // ---- What there is ----
 
-// The sources of what is mounted at the directory, the newest last.
-std::vector<std::string> mountedAt(const fs::path& directory)
+// The sources of what is mounted at the directory, the newest last, as that process sees it.
+std::vector<std::string> mountedAt(const fs::path& directory, const std::string& process = "self")
 {
-    std::ifstream in("/proc/self/mounts");
+    std::ifstream in("/proc/" + process + "/mounts");
     std::vector<std::string> sources;
     for (std::string line; std::getline(in, line);) {
         std::istringstream fields(line);
@@ -98,17 +106,42 @@ bool isMounted(const fs::path& directory)
     return !mountedAt(directory).empty();
 }
 
-// That hold the file: others belong to others, or to another set of the same PC.
-std::size_t loopDevicesWith(const fs::path& file)
+// Nodes of those that hold the file, whose name is its own: others belong to others, or to another set of the
+// same PC.
+std::vector<std::string> loopDevicesWith(const fs::path& file)
 {
-    std::size_t held = 0;
+    std::vector<std::string> held;
     std::error_code gone;
     for (const fs::directory_entry& device : fs::directory_iterator("/sys/block", gone)) {
         std::ifstream in(device.path() / "loop/backing_file");
         std::string backing;
-        held += std::getline(in, backing) && backing.find(file.filename()) != std::string::npos ? 1 : 0;
+        if (std::getline(in, backing) && backing.find(file.filename()) != std::string::npos) {
+            held.push_back("/dev/" + device.path().filename().string());
+        }
     }
     return held;
+}
+
+// A device is let go of a moment later.
+std::vector<std::string> stillHolding(Trial& trial, const fs::path& file)
+{
+    std::vector<std::string> held;
+    trial.iterate(2s, [&] {
+        held = loopDevicesWith(file);
+        return held.empty();
+    });
+    return held;
+}
+
+// They would outlive the check, and a set of this PC as well.
+void letGo(Trial& trial, const std::vector<std::string>& devices)
+{
+    for (const std::string& device : devices) {
+        const common::UniqueFd opened(open(device.c_str(), O_RDONLY | O_CLOEXEC));
+        if (opened.get() < 0 || ioctl(opened.get(), LOOP_CLR_FD, 0) != 0) {
+            trial.note(device + " stays taken: losetup -d " + device);
+        }
+    }
 }
 
 // A directory of this check to mount on, unmounted and removed at the end whatever was found.
@@ -143,13 +176,12 @@ bool mountSoundly(Trial& trial, const fs::path& image, const fs::path& directory
                          directory.string() + " is not in /proc/mounts");
 }
 
-void unmountSoundly(Trial& trial, const fs::path& directory)
+bool unmountSoundly(Trial& trial, const fs::path& directory)
 {
     const Answer answer = unmount(trial, directory);
-    if (trial.require(answer.ok(), FindingId::NotUnmounted, answer.text())) {
-        trial.require(!isMounted(directory), FindingId::StillMounted,
-                      directory.string() + " is in /proc/mounts");
-    }
+    return trial.require(answer.ok(), FindingId::NotUnmounted, answer.text()) &&
+           trial.require(!isMounted(directory), FindingId::StillMounted,
+                         directory.string() + " is in /proc/mounts");
 }
 
 // ---- A sound image ----
@@ -200,12 +232,38 @@ void judgeLength(Trial& trial, const fs::path& directory)
 {
     const std::string path = directory.string();
     GuardedBuffer longer("the directory", path + "-behind-its-end");
-    Answer answer;
-    answer.returned = trial.call("PS_Umount", [&] {
-        return PS_Umount(longer.as<const char>(), static_cast<int>(path.size()), 0, &answer.result);
-    });
+    const Answer answer = answerOf(trial, "PS_Umount", PS_Umount, longer.as<const char>(), path.size());
     trial.require(answer.ok() && !isMounted(directory), FindingId::ReadPastLength,
                   "with other bytes behind the last one: " + answer.text());
+}
+
+// An unmounted image holds no device, or they run out.
+void judgeDevices(Trial& trial, const fs::path& image)
+{
+    const std::vector<std::string> held = stillHolding(trial, image);
+    if (!trial.require(held.empty(), FindingId::DeviceKept,
+                       "a loop device still holds the image 2 s after the unmount")) {
+        letGo(trial, held);
+    }
+}
+
+constexpr const char* kBeside = "4"; // behind the directory's name
+
+// In a second process: the daemon's own, as it was before it has ended, or whoever else.
+void mountBeside(Trial& trial)
+{
+    mountSoundly(trial, trial.options().image, trial.options().directory.string() + kBeside);
+}
+
+void tryOtherProcess(Trial& trial)
+{
+    const MountPoint place(trial, kBeside);
+    trial.runBeside("mounter");
+    if (trial.require(isMounted(place.path()), FindingId::MountNotThere,
+                      place.path().string() + " was mounted by a process that has ended")) {
+        judgeContent(trial, place.path(), trial.options().content);
+        unmountSoundly(trial, place.path());
+    }
 }
 
 void tryMount(Trial& trial)
@@ -220,22 +278,58 @@ void tryMount(Trial& trial)
     if (!mountSoundly(trial, image, place.path())) {
         return;
     }
+    trial.require(!mountedAt(place.path(), std::to_string(getppid())).empty(), FindingId::MountNotThere,
+                  place.path().string() + " is in no other process's /proc/mounts");
     const std::string source = mountedAt(place.path()).back();
     trial.require(source.rfind("/dev/loop", 0) == 0, FindingId::NotALoopDevice, source);
     judgeOptions(trial, place.path());
     judgeContent(trial, place.path(), trial.options().content);
     judgeBusy(trial, place.path());
-    if (isMounted(place.path())) {
-        unmountSoundly(trial, place.path());
+    if (isMounted(place.path()) && !unmountSoundly(trial, place.path())) {
+        return; // what is still there would be taken for the next
     }
     if (mountSoundly(trial, image, place.path())) {
         judgeLength(trial, place.path());
     }
-    for (int time = 0; time < 3 && !isMounted(place.path()) && mountSoundly(trial, image, place.path());
+    const std::int64_t end = common::realNow() + std::chrono::nanoseconds(2s).count();
+    for (int time = 0; time < 3 && common::realNow() < end && !isMounted(place.path()) &&
+                       mountSoundly(trial, image, place.path());
          ++time) {
         judgeContent(trial, place.path(), trial.options().content);
         unmountSoundly(trial, place.path());
     }
+    if (!isMounted(place.path())) {
+        tryOtherProcess(trial);
+        for (const Trial::Context context : {Trial::Context::kNone, Trial::Context::kOwn}) {
+            trial.onThread([&] { mountedOnce(trial); }, context); // as the daemon does
+        }
+    }
+}
+
+// A package that comes anew has the name of the one before.
+void tryReplaced(Trial& trial)
+{
+    const TrialOptions& options = trial.options();
+    if (options.image.empty() || options.other.empty()) {
+        return;
+    }
+    const bool isUsable = access(options.image.parent_path().c_str(), W_OK | X_OK) == 0;
+    const fs::path copy = (isUsable ? options.image.parent_path() : options.work) /
+                          ("empPlatformCheckNew" + std::to_string(common::realNow()) + ".img");
+    const MountPoint place(trial, "3");
+    const std::pair<fs::path, fs::path> both[] = {{options.image, options.content},
+                                                  {options.other, options.otherContent}};
+    std::error_code error;
+    for (const auto& [image, content] : both) {
+        fs::remove(copy, error);
+        if (!fs::copy_file(image, copy, error) || !mountSoundly(trial, copy, place.path())) {
+            break;
+        }
+        judgeContent(trial, place.path(), content);
+        unmountSoundly(trial, place.path());
+        judgeDevices(trial, copy);
+    }
+    fs::remove(copy, error);
 }
 
 // An image where packages lie, by a name as long as a package's may be; the image itself where that
@@ -289,21 +383,50 @@ void tryTwoMounts(Trial& trial)
     if (isMounted(second.path())) {
         unmountSoundly(trial, second.path());
     }
+    tryReplaced(trial);
+}
+
+// Each thread has a directory of its own.
+void tryTogether(Trial& trial)
+{
+    const fs::path image = trial.options().image;
+    if (image.empty()) {
+        return;
+    }
+    const MountPoint first(trial, "");
+    const MountPoint second(trial, "2");
+    const auto work = [&](const fs::path& directory) {
+        const std::int64_t end = common::realNow() + std::chrono::nanoseconds(400ms).count();
+        for (int time = 0; time < 6 && (time == 0 || common::realNow() < end); ++time) {
+            const Answer mounted = mount(trial, image, directory);
+            const bool isThere = isMounted(directory);
+            const Answer unmounted = unmount(trial, directory);
+            if (!trial.require(mounted.ok() && isThere && unmounted.ok() && !isMounted(directory),
+                               FindingId::NotTogether,
+                               "mounts of two threads: " + mounted.text() +
+                                   ", then unmounted: " + unmounted.text())) {
+                return;
+            }
+        }
+    };
+    std::thread beside(work, second.path());
+    work(first.path());
+    beside.join();
 }
 
 // ---- What cannot be mounted ----
 
-// A file that is no image, where the images of packages lie, as far as this user may.
+// Files that are no images, where the images of packages lie, as far as this user may.
 class Garbage
 {
 public:
-    explicit Garbage(const Trial& trial)
+    Garbage(const Trial& trial, const char* name, const std::string& content)
     {
         const fs::path packages = trial.options().image.parent_path();
         const bool isUsable = !packages.empty() && access(packages.c_str(), W_OK | X_OK) == 0;
         path_ = (isUsable ? packages : trial.options().work) /
-                ("empPlatformCheck" + std::to_string(common::realNow()) + ".img");
-        std::ofstream(path_) << std::string(64 * 1024, 'x');
+                (name + std::to_string(common::realNow()) + ".img");
+        std::ofstream(path_) << content;
     }
     ~Garbage() { unlink(path_.c_str()); }
     Garbage(const Garbage&) = delete;
@@ -314,31 +437,70 @@ private:
     fs::path path_;
 };
 
+// A slow service is asked for each once.
+void refuse(Trial& trial, const char* what, const fs::path& image, const fs::path& directory)
+{
+    if (isMounted(directory)) {
+        return; // by what was found elsewhere
+    }
+    const std::int64_t end = common::realNow() + std::chrono::nanoseconds(500ms).count();
+    for (int time = 0; time < 3 && (time == 0 || common::realNow() < end); ++time) {
+        const Answer answer = mount(trial, image, directory);
+        trial.require(!answer.ok(), FindingId::BadMountSucceeds, what);
+        trial.require(answer.ok() || !isMounted(directory), FindingId::MountLeft,
+                      std::string(what) + ": the directory is mounted");
+    }
+}
+
+std::set<std::string> namesIn(const fs::path& directory)
+{
+    std::set<std::string> names;
+    std::error_code unreadable;
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory, unreadable)) {
+        names.insert(entry.path().filename());
+    }
+    return names;
+}
+
+// What is there now and was not before.
+void judgeLeft(Trial& trial, const fs::path& directory, const std::set<std::string>& before)
+{
+    for (const std::string& name : namesIn(directory)) {
+        trial.require(before.count(name) > 0, FindingId::MountLeft, (directory / name).string());
+    }
+}
+
 void tryRefused(Trial& trial)
 {
-    const Garbage garbage(trial);
+    const std::string sample =
+        trial.options().image.empty() ? "" : common::readWhole(trial.options().image).substr(0, 4096);
+    const Garbage garbage(trial, "empPlatformCheckX", std::string(64 * 1024, 'x'));
+    const Garbage empty(trial, "empPlatformCheckY", "");
+    const Garbage head(trial, "empPlatformCheckZ", sample.substr(0, 64) + std::string(8192, '\0'));
     const fs::path& image = trial.options().image.empty() ? garbage.path() : trial.options().image;
     const MountPoint place(trial, "");
-    struct Case {
-        const char* what;
-        fs::path image;
-        fs::path directory;
-    };
-    const Case cases[] = {{"an image that is missing", garbage.path().string() + ".missing", place.path()},
-                          {"a directory that is missing", image, place.path().string() + "-missing"},
-                          {"a file that is no image", garbage.path(), place.path()}};
-    for (const Case& one : cases) {
-        for (int time = 0; time < 3; ++time) {
-            const Answer answer = mount(trial, one.image, one.directory);
-            trial.require(!answer.ok(), FindingId::BadMountSucceeds, one.what);
-            trial.require(answer.ok() || !isMounted(one.directory), FindingId::MountLeft,
-                          std::string(one.what) + ": the directory is mounted");
-        }
+    const fs::path around[] = {place.path().parent_path(), garbage.path().parent_path()};
+    const std::set<std::string> before[] = {namesIn(around[0]), namesIn(around[1])};
+    refuse(trial, "an image that is missing", garbage.path().string() + ".missing", place.path());
+    refuse(trial, "a directory that is missing", image, place.path().string() + "-missing");
+    refuse(trial, "a file that is no image", garbage.path(), place.path());
+    refuse(trial, "an empty file", empty.path(), place.path());
+    refuse(trial, "a directory in the place of the image", place.path(), place.path());
+    if (!sample.empty()) {
+        refuse(trial, "an image of which only the beginning is there", head.path(), place.path());
     }
-    trial.iterate(300ms); // a device is let go of a moment later
-    const std::size_t held = loopDevicesWith(garbage.path());
-    trial.require(held == 0, FindingId::MountLeft,
-                  std::to_string(held) + " loop devices still hold the file that is no image");
+    judgeLeft(trial, around[0], before[0]);
+    judgeLeft(trial, around[1], before[1]);
+    for (const Garbage* const one : {&garbage, &empty, &head}) {
+        const std::vector<std::string> held = stillHolding(trial, one->path());
+        trial.require(held.empty(), FindingId::MountLeft,
+                      std::to_string(held.size()) + " loop devices still hold a file that is no image");
+        letGo(trial, held);
+    }
+    if (!trial.options().image.empty() && mountSoundly(trial, image, place.path())) { // after all that
+        judgeContent(trial, place.path(), trial.options().content);
+        unmountSoundly(trial, place.path());
+    }
 }
 
 // ---- Nodes ----
@@ -355,9 +517,28 @@ bool isNode(const std::string& path)
     return S_ISBLK(status.st_mode) || (areFiles && S_ISREG(status.st_mode));
 }
 
-void tryNode(Trial& trial)
+// What stands in the place of a node on a set without root has no number, and a virtual set counts from a
+// number of its own.
+void judgeNode(Trial& trial, const std::string& node, unsigned int number)
 {
-    int number = 0;
+    struct stat status = {};
+    struct stat first = {};
+    if (stat(node.c_str(), &status) != 0 || !S_ISBLK(status.st_mode) || stat("/dev/loop0", &first) != 0) {
+        return;
+    }
+    constexpr unsigned int kLoop = 7;
+    trial.require(major(status.st_rdev) == kLoop && minor(status.st_rdev) == minor(first.st_rdev) + number,
+                  FindingId::NodeNotMade,
+                  node + ": its numbers are " + std::to_string(major(status.st_rdev)) + " and " +
+                      std::to_string(minor(status.st_rdev)));
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned int>(status.st_mode & 07777));
+    trial.require((status.st_mode & 07777) == 0660, FindingId::NodeNotMade, node + ": its mode is " + mode);
+}
+
+void makeNode(Trial& trial, unsigned int first)
+{
+    unsigned int number = first;
     while (number < 250 && fs::exists("/dev/loop" + std::to_string(number))) {
         ++number;
     }
@@ -371,17 +552,24 @@ void tryNode(Trial& trial)
     }
     ask(trial, "PS_Mknod", PS_Mknod, command); // one that is there already: any answer, but an answer
     trial.require(isNode(node), FindingId::NodeNotMade, node + ": gone when it was made once more");
+    judgeNode(trial, node, number);
     if (unlink(node.c_str()) != 0) {
         trial.note(node + " was made for the check and stays until the next boot");
     }
+}
+
+void tryNode(Trial& trial)
+{
+    makeNode(trial, 0);
+    makeNode(trial, 43); // of two digits
 }
 
 } // namespace
 
 std::vector<TrialKind> mountTrials()
 {
-    return {
-        {"mount", tryMount}, {"two-mounts", tryTwoMounts}, {"refused-mounts", tryRefused}, {"node", tryNode}};
+    return {{"mount", tryMount}, {"two-mounts", tryTwoMounts},     {"refused-mounts", tryRefused},
+            {"node", tryNode},   {"mounts-together", tryTogether}, {"mounter", mountBeside}};
 }
 
 } // namespace platformcheck

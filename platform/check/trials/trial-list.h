@@ -50,6 +50,7 @@ inline constexpr ListedTrial kTrials[] = {
     {"node", "Nodes of loop devices"},
     {"platform-log", "Platform log"},
     {"trace-log", "Trace recorder"},
+    {"mounts-together", "Mounts of two threads"},
     {"settings-later", "Settings, some time later"},
     {"flags-later", "Flags, some time later"},
     {"together", "Calls of several threads"},
