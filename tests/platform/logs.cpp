@@ -1,7 +1,9 @@
 // norlog.h, trace_logger.h
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <thread>
 #include <unistd.h>
@@ -104,6 +106,74 @@ std::string twoThreads()
     return own == 2 * kLines ? "" : "one's text in the place of the other's";
 }
 
+// Each record of thousands that four threads write.
+std::string thousandsOfRecords()
+{
+    const std::string name = mark("crowd");
+    constexpr int kThreads = 4;
+    constexpr int kRecords = 1500;
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&, thread] {
+            const std::string text(200, static_cast<char>('a' + thread));
+            for (int record = 0; record < kRecords; ++record) {
+                __norlog_print(kSystem, kError, "PROOF", "%s %d of %d %s", name.c_str(), record, thread,
+                               text.c_str());
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    std::istringstream lines(log());
+    std::set<std::string> whole;
+    for (std::string line; std::getline(lines, line);) {
+        const size_t at = line.find(name);
+        if (at != std::string::npos) {
+            whole.insert(line.substr(at));
+        }
+    }
+    int missing = 0;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        for (int record = 0; record < kRecords; ++record) {
+            missing += static_cast<int>(whole.count(name + " " + std::to_string(record) + " of " +
+                                                    std::to_string(thread) + " " +
+                                                    std::string(200, static_cast<char>('a' + thread))) == 0);
+        }
+    }
+    return missing == 0 ? "" : std::to_string(missing) + " are missing";
+}
+
+std::string longestOfMany()
+{
+    using Clock = std::chrono::steady_clock;
+    int late = 0;
+    for (int record = 0; record < 500; ++record) {
+        const Clock::time_point begin = Clock::now();
+        __norlog_print(kSystem, kError, "PROOF", "%d", record);
+        late += Clock::now() - begin > std::chrono::milliseconds(100) ? 1 : 0;
+    }
+    return late < 3 ? "" : std::to_string(late) + " of five hundred are late";
+}
+
+std::string tagOfItsTime()
+{
+    std::string tag = mark("tag");
+    const std::string name = "\t" + tag + "\t";
+    __norlog_print(kSystem, kError, tag.c_str(), "%d", 1);
+    tag.assign(tag.size(), '#');
+    usleep(100000);
+    return count(name) == 1 ? "" : "it has another tag";
+}
+
+std::string longMinorText()
+{
+    constexpr int kDebug = 3;
+    const std::string name = mark("minor");
+    __norlog_print(kSystem, kDebug, "PROOF", "%s %s", std::string(5000, 'x').c_str(), name.c_str());
+    return count(name) == 1 ? "" : "its end is missing";
+}
+
 std::string textOfABlock()
 {
     const std::string name = mark("whole");
@@ -146,6 +216,10 @@ const std::vector<Proof>& logProofs()
         {"log-kept-until-exit", [] { return beforeQuickExit("--log"); }},
         {"log-minor-kept", [] { return beforeQuickExit("--warn"); }},
         {"log-full-blocks-cut", textOfABlock},
+        {"log-values-mixed", thousandsOfRecords},
+        {"log-slow-now-and-then", longestOfMany},
+        {"log-tag-kept", tagOfItsTime},
+        {"log-minor-cut", longMinorText},
         {"log-percent-m-first", callersErrno},
         {"trace-errno-lost", errnoKeptByRecorder},
         {"trace-long-crashes", longTextInRecorder, kSegmentationFault},

@@ -13,6 +13,8 @@
 #include "flagpost.h"
 #include "norlog.h"
 #include "pralis.h"
+#include "ps_mount.h"
+#include "pwrctl.h"
 #include "tests/platform/proof.h"
 #include "tests/support/run-program.h"
 
@@ -117,6 +119,8 @@ constexpr Right kUnusual[] = {
     {"mount-by-helper", "process-c"},
     {"ends-forgiven", "power-un"},
     {"package-unknown-refused", "package"},
+    {"trace-ring", "trace"},
+    {"log-in-pieces", "log-errno"},
 };
 
 INSTANTIATE_TEST_SUITE_P(, Unusual, testing::ValuesIn(kUnusual),
@@ -175,6 +179,15 @@ int main(int argc, char** argv)
     if (argc == 3 && (std::string(argv[1]) == "--log" || std::string(argv[1]) == "--warn")) {
         __norlog_print(2, std::string(argv[1]) == "--log" ? 6 : 5, "PROOF", "%s", argv[2]);
         quick_exit(0);
+    }
+    if (argc == 3 && std::string(argv[1]) == "--reboot") {
+        pwrctl_request_reboot(0x2000000c);
+        quick_exit(0);
+    }
+    if (argc == 3 && std::string(argv[1]) == "--mount") {
+        int result = 0;
+        const auto length = static_cast<int>(std::string(argv[2]).size() + 1);
+        return PS_Mount(argv[2], length, 0, &result) == 0 && result == 0 ? 0 : 1;
     }
     if (argc == 2 && argv[1][0] != '-') {
         const int status = look(argv[1]);

@@ -1,6 +1,7 @@
 // norlog.h and trace_logger.h. What is logged is seen by what a process of its own hands to the system,
 // because a set keeps its log where it likes.
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -8,10 +9,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <set>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
+#include "common/process/guarded-buffer.h"
 #include "norlog.h"
 #include "platform/check/trials/tracer.h"
 #include "platform/check/trials/trial.h"
@@ -30,6 +34,7 @@ constexpr int kSystemBuffer = 2;
 constexpr int kDebug = 3;
 constexpr int kError = 6;
 constexpr std::size_t kLongText = 6000;
+constexpr std::size_t kVeryLongText = 100'000; // more than a datagram takes
 
 // The values of the records; their texts must not stand in the memory of who logs.
 struct Values {
@@ -41,7 +46,18 @@ struct Values {
 };
 
 // Which of the texts tells what.
-enum Text : std::size_t { kPlain, kTail, kReason, kPercent, kTexts };
+enum Text : std::size_t {
+    kPlain,
+    kTail,
+    kReason,
+    kPercent,
+    kMany,
+    kFarTail,
+    kSecondLine,
+    kOnThread,
+    kLiteral,
+    kTexts
+};
 
 struct Expectation {
     FindingId otherwise;
@@ -52,6 +68,11 @@ constexpr Expectation kExpected[kTexts] = {
     {FindingId::RecordCut, "the end of a record of 6000 characters"},
     {FindingId::WrongErrno, "a record with \"%m\" and errno EXDEV"},
     {FindingId::WrongText, "a record with a value that has \"%s%n%d\" in it"},
+    {FindingId::WrongText, "a record with twelve values of all kinds"},
+    {FindingId::RecordCut, "the end of a record of 100000 characters"},
+    {FindingId::RecordCut, "what stands behind the end of a line"},
+    {FindingId::WrongErrno, "a record with \"%m\" and errno ENOTDIR, of another thread"},
+    {FindingId::WrongText, "a record with \"%%m\", which is no \"%m\""},
 };
 
 std::string printed(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -65,6 +86,12 @@ std::string printed(const char* format, ...)
     return text;
 }
 
+// More values than registers take, and a width among them.
+constexpr const char* kManyFormat = "%d %s %lu %.3f %c %x %zu 100%% %5d|%-4s|%.*s %lld %08.3f.";
+#define MANY_VALUES(values)                                                                                  \
+    (values).negative(), "two", 3UL + (values).token, 4.5, 'c', 0xbeefU, std::size_t{7}, 8, "n", 3, "tenth", \
+        -11LL, 12.25
+
 std::vector<std::string> expectedTexts(const Values& values)
 {
     std::vector<std::string> texts(kTexts);
@@ -72,14 +99,22 @@ std::vector<std::string> expectedTexts(const Values& values)
     texts[kTail] = printed("LLLLLLLL,%u,%d,end", values.token, values.negative());
     texts[kReason] = printed("reason %s, %u", std::strerror(EXDEV), values.token);
     texts[kPercent] = printed("%u=%s.", values.token, "%s%n%d");
+    texts[kMany] = printed(kManyFormat, MANY_VALUES(values));
+    texts[kFarTail] = printed("MMMMMMMM,%d,%u,end", values.negative(), values.token);
+    texts[kSecondLine] = printed("second line of %u.", values.token);
+    texts[kOnThread] = printed("on a thread %s, %u", std::strerror(ENOTDIR), values.token);
+    texts[kLiteral] = printed("100%%m %u.", values.token);
     return texts;
 }
+
+constexpr int kRepeats = 3;                              // of one text
+constexpr const char* kLetters = "\xC3\xA4\xE2\x82\xAC"; // of more than one byte
 
 // Where buffers end.
 std::vector<std::size_t> edgeLengths()
 {
     std::vector<std::size_t> lengths;
-    for (std::size_t power = 128; power <= 8192; power *= 2) {
+    for (std::size_t power = 64; power <= 32768; power *= 2) {
         for (std::size_t length = power - 2; length <= power + 1; ++length) {
             lengths.push_back(length);
         }
@@ -96,17 +131,16 @@ std::string edgeText(std::size_t length, unsigned int token)
 
 // ---- Who logs ----
 
-constexpr int kHeld = EXDEV; // errno, as a record meets it
+int errnoHeld = EXDEV; // as a record meets it
+int errnoAfter = 0;
 
 // `after` is read when the record has been made.
 void judgeRecord(Trial& trial, const char* name, int result, const int& after)
 {
-    trial.require(after == kHeld, FindingId::ErrnoChanged,
-                  std::string(name) + ": from " + std::to_string(kHeld) + " to " + std::to_string(after));
+    trial.require(after == errnoHeld, FindingId::ErrnoChanged,
+                  std::string(name) + ": from " + std::to_string(errnoHeld) + " to " + std::to_string(after));
     trial.require(result >= 0, FindingId::NotLogged, "the result is " + std::to_string(result));
 }
-
-int errnoAfter = 0;
 
 // A macro, as the daemon's is: the compiler looks at format and values.
 #define CHECKED_RECORD(trial, isTrace, priority, ...)                                                        \
@@ -115,7 +149,7 @@ int errnoAfter = 0;
         trial.call(isTrace ? "TraceLogger::record" : "__norlog_print",                                       \
                    [&] {                                                                                     \
                        int result = 0;                                                                       \
-                       errno = kHeld;                                                                        \
+                       errno = errnoHeld;                                                                    \
                        if (isTrace) {                                                                        \
                            TraceLogger::record(priority, kLogTrials, __func__, __LINE__, __VA_ARGS__);       \
                        } else {                                                                              \
@@ -126,34 +160,92 @@ int errnoAfter = 0;
                    }),                                                                                       \
         errnoAfter)
 
-// Two threads at a time, each with records of its own.
-constexpr int kThreads = 2;
-constexpr int kRecordsOfThread = 120;
-constexpr const char* kThreadText = "of those that are written beside others, with some length to it";
+// Threads at a time, each with records of its own: as many as there is time for.
+constexpr int kThreads = 4;
+constexpr int kMostOfThread = 330;
 
-void logOnThreads(Trial& trial, bool isTrace, unsigned int token)
+std::string threadText(int thread)
+{
+    return std::string(200, static_cast<char>('a' + thread));
+}
+
+// So many have been made, for who judges them.
+std::filesystem::path countFile(const Trial& trial, bool isTrace)
+{
+    return trial.options().work / (isTrace ? "trace-records" : "platform-records");
+}
+
+int logOnThread(Trial& trial, bool isTrace, int thread)
+{
+    const std::string text = threadText(thread);
+    const unsigned int token = trial.options().token;
+    const std::int64_t end = common::realNow() + std::chrono::nanoseconds(1500ms).count();
+    int number = 0;
+    for (; number < kMostOfThread && common::realNow() < end; ++number) {
+        trial.call(isTrace ? "TraceLogger::record" : "__norlog_print", [&] {
+            if (isTrace) {
+                TraceLogger::record(kError, kLogTrials, __func__, __LINE__,
+                                    "thread %d, %u, record %04d %s end", thread, token, number, text.c_str());
+                return 0;
+            }
+            return __norlog_print(kSystemBuffer, kError, "FWUPDATE", "thread %d, %u, record %04d %s end",
+                                  thread, token, number, text.c_str());
+        });
+    }
+    return number;
+}
+
+void logOnThreads(Trial& trial, bool isTrace)
 {
     std::vector<std::thread> threads;
+    std::array<int, kThreads> counts{};
     for (int thread = 0; thread < kThreads; ++thread) {
-        threads.emplace_back([=, &trial] {
-            for (int number = 0; number < kRecordsOfThread; ++number) {
-                trial.call(isTrace ? "TraceLogger::record" : "__norlog_print", [&] {
-                    if (isTrace) {
-                        TraceLogger::record(kError, kLogTrials, __func__, __LINE__,
-                                            "thread %d, %u, record %03d %s end", thread, token, number,
-                                            kThreadText);
-                        return 0;
-                    }
-                    return __norlog_print(kSystemBuffer, kError, "FWUPDATE",
-                                          "thread %d, %u, record %03d %s end", thread, token, number,
-                                          kThreadText);
-                });
-            }
+        threads.emplace_back([&trial, &counts, isTrace, thread] {
+            counts[static_cast<std::size_t>(thread)] = logOnThread(trial, isTrace, thread);
         });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
+    std::ofstream out(countFile(trial, isTrace));
+    for (const int count : counts) {
+        out << count << '\n';
+    }
+}
+
+// All texts that are handed over are gone, or others, when the call has returned.
+void logPassingTexts(Trial& trial, bool isTrace)
+{
+    // By pointers, as the compiler wants a format that it can read.
+    int (*const log)(int, int, const char*, const char*, ...) = __norlog_print;
+    void (*const trace)(int, const char*, const char*, int, const char*, ...) = TraceLogger::record;
+    for (int time = 0; time < 3; ++time) {
+        common::GuardedBuffer tag("the tag", std::string("FWUPDATE"));
+        common::GuardedBuffer format("the format", std::string("passing %s, %u."));
+        common::GuardedBuffer value("a value", std::string("word"));
+        common::GuardedBuffer file("the file's name", std::string("passing.cpp"));
+        const unsigned int token = trial.options().token;
+        trial.call(isTrace ? "TraceLogger::record" : "__norlog_print", [&] {
+            if (isTrace) {
+                trace(kError, file.as<char>(), tag.as<char>(), 1, format.as<char>(), value.as<char>(), token);
+                return 0;
+            }
+            return log(kSystemBuffer, kError, tag.as<char>(), format.as<char>(), value.as<char>(), token);
+        });
+    }
+}
+
+// Such texts in each priority: what is right for errors may be wrong for what is logged more often. None has
+// one of the others in it.
+void logTexts(Trial& trial, bool isTrace, int priority)
+{
+    const Values values{trial.options().token};
+    CHECKED_RECORD(trial, isTrace, priority, "p%d N=%d U=%llu S=%s %5.2f|", priority, values.negative(),
+                   values.big(), "word", 2.5);
+    CHECKED_RECORD(trial, isTrace, priority, "%s;%u;%d;end p%d.", values.longText.c_str(), values.token,
+                   values.negative(), priority);
+    CHECKED_RECORD(trial, isTrace, priority, "p%d why %m, %u.", priority, values.token);
+    CHECKED_RECORD(trial, isTrace, priority, "p%d %u:%s.", priority, values.token, "%s%n%d");
 }
 
 // The end is the daemon's: a moment later, by quick_exit.
@@ -166,14 +258,37 @@ void logAll(Trial& trial, bool isTrace)
     CHECKED_RECORD(trial, isTrace, kError, "%s,%u,%d,end", values.longText.c_str(), values.token,
                    values.negative());
     CHECKED_RECORD(trial, isTrace, kError, "%u=%s.", values.token, "%s%n%d");
+    CHECKED_RECORD(trial, isTrace, kError, kManyFormat, MANY_VALUES(values));
+    CHECKED_RECORD(trial, isTrace, kError, "%s,%d,%u,end", std::string(kVeryLongText, 'M').c_str(),
+                   values.negative(), values.token);
     for (int priority = kDebug; priority <= kError; ++priority) {
         CHECKED_RECORD(trial, isTrace, priority, "early, priority %d, %u.", priority, values.token);
     }
+    for (int priority = kDebug; priority <= kError; ++priority) {
+        logTexts(trial, isTrace, priority);
+    }
+    for (const int held : {0, ENOENT, 4095}) {
+        errnoHeld = held;
+        CHECKED_RECORD(trial, isTrace, kError, "errno %d, %u.", held, values.token);
+    }
+    errnoHeld = EXDEV;
+    CHECKED_RECORD(trial, isTrace, kError, "%s", "");
+    CHECKED_RECORD(trial, isTrace, kError, "100%%m %u.", values.token);
+    for (int time = 0; time < kRepeats; ++time) {
+        CHECKED_RECORD(trial, isTrace, kError, "the same, %u.", values.token);
+    }
+    CHECKED_RECORD(trial, isTrace, kError, "letters %s, %u.", kLetters, values.token);
+    CHECKED_RECORD(trial, isTrace, kError, "a line\nsecond line of %u.", values.token);
+    std::thread([&] {
+        errnoHeld = ENOTDIR;
+        CHECKED_RECORD(trial, isTrace, kError, "on a thread %m, %u", values.token);
+        errnoHeld = EXDEV;
+    }).join();
     CHECKED_RECORD(trial, isTrace, kError, "a record of the gravest priority, which may take others with it");
     for (const std::size_t length : edgeLengths()) {
         CHECKED_RECORD(trial, isTrace, kError, "%s", edgeText(length, values.token).c_str());
     }
-    logOnThreads(trial, isTrace, values.token);
+    logPassingTexts(trial, isTrace);
     for (int priority = kError; priority >= kDebug; --priority) {
         CHECKED_RECORD(trial, isTrace, priority, "late, priority %d, %u.", priority, values.token);
     }
@@ -181,22 +296,52 @@ void logAll(Trial& trial, bool isTrace)
     std::quick_exit(0);
 }
 
-void logPlatform(Trial& trial)
+// One record by itself, then those of the threads.
+void logBeside(Trial& trial, bool isTrace)
 {
-    logAll(trial, false);
-}
-
-void logTrace(Trial& trial)
-{
-    logAll(trial, true);
+    const Values values{trial.options().token};
+    CHECKED_RECORD(trial, isTrace, kError, "by itself, %u, %s end", values.token,
+                   threadText(kThreads).c_str());
+    logOnThreads(trial, isTrace);
+    trial.iterate(200ms);
+    std::quick_exit(0);
 }
 
 // ---- Who watches ----
 
+// A text may leave in pieces, with something between them, where long ones do. The greater part of it is
+// somewhere then, and the rest not far from there.
+bool isInPieces(const std::string& written, const std::string& text)
+{
+    constexpr std::size_t kNear = 300;
+    for (std::size_t cut = 1; cut < text.size(); ++cut) {
+        const bool isHeadGreater = cut >= text.size() / 2;
+        const std::string head = text.substr(0, cut);
+        const std::string rest = text.substr(cut);
+        const std::size_t at = written.find(isHeadGreater ? head : rest);
+        if (at == std::string::npos) {
+            continue;
+        }
+        const std::size_t begin = isHeadGreater ? at + head.size() : at - std::min(at, kNear);
+        const std::size_t size = isHeadGreater ? kNear : at - begin;
+        if (written.substr(begin, size).find(isHeadGreater ? rest : head) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool isWrittenText(const Traced& traced, const Values& values, const std::string& text)
+{
+    const bool isInOnePiece = traced.written.find(values.longText) != std::string::npos;
+    return traced.written.find(text) != std::string::npos ||
+           (!isInOnePiece && isInPieces(traced.written, text));
+}
+
 void judgeTexts(Trial& trial, const Traced& traced, const std::vector<std::string>& texts, bool isTrace)
 {
     const auto isSeen = [&](std::size_t index) {
-        return traced.written.find(texts[index]) != std::string::npos || traced.isShared[index] ||
+        return isWrittenText(traced, Values{trial.options().token}, texts[index]) || traced.isShared[index] ||
                (isTrace && traced.isPrivate[index]);
     };
     bool isAnySeen = false;
@@ -220,24 +365,77 @@ void judgeTexts(Trial& trial, const Traced& traced, const std::vector<std::strin
     }
 }
 
-// Only where records leave the process: memory keeps the latest only.
-void judgeThreads(Trial& trial, const Traced& traced, const std::vector<std::string>& texts, bool isTrace)
+// Where a record begins, its number follows, and the text of its thread: those that are whole.
+std::set<std::string> wholeRecords(const Traced& traced, unsigned int token)
 {
-    if (traced.written.find(texts[kPlain]) == std::string::npos) {
-        return;
-    }
-    int missing = 0;
-    for (int thread = 0; thread < kThreads; ++thread) {
-        for (int number = 0; number < kRecordsOfThread; ++number) {
-            const std::string text = printed("thread %d, %u, record %03d %s end", thread,
-                                             trial.options().token, number, kThreadText);
-            missing += traced.written.find(text) == std::string::npos ? 1 : 0;
+    std::set<std::string> whole;
+    const std::string& written = traced.written;
+    constexpr const char* kBegin = "thread ";
+    for (std::size_t at = written.find(kBegin); at != std::string::npos; at = written.find(kBegin, at + 1)) {
+        const int thread = written[at + std::strlen(kBegin)] - '0';
+        const std::string head = printed("thread %d, %u, record ", thread, token);
+        if (thread < 0 || thread >= kThreads || written.compare(at, head.size(), head) != 0) {
+            continue;
+        }
+        const std::string number = written.substr(at + head.size(), 4);
+        const std::string rest = " " + threadText(thread) + " end";
+        if (written.compare(at + head.size() + 4, rest.size(), rest) == 0) {
+            whole.insert(std::to_string(thread) + "/" + number);
         }
     }
-    trial.require(missing == 0, FindingId::RecordsMixed,
+    return whole;
+}
+
+// Only where records leave the process: memory keeps the latest only.
+void judgeThreads(Trial& trial, const Traced& traced, bool isTrace)
+{
+    const std::string alone =
+        printed("by itself, %u, %s end", trial.options().token, threadText(kThreads).c_str());
+    if (traced.written.find(alone) == std::string::npos || traced.isCut) {
+        return;
+    }
+    std::size_t logged = 0;
+    std::ifstream in(countFile(trial, isTrace));
+    for (std::size_t count = 0; in >> count;) {
+        logged += count;
+    }
+    const std::size_t whole = wholeRecords(traced, trial.options().token).size();
+    trial.require(whole >= logged, FindingId::RecordsMixed,
                   std::string(isTrace ? "TraceLogger::record" : "__norlog_print") + ": of " +
-                      std::to_string(kThreads * kRecordsOfThread) + " records of two threads " +
-                      std::to_string(missing) + " are not whole in what was written");
+                      std::to_string(logged) + " records of " + std::to_string(kThreads) + " threads only " +
+                      std::to_string(whole) + " are whole in what was written");
+}
+
+struct OfPriority {
+    FindingId otherwise;
+    const char* what;
+    std::string text;
+};
+
+// Of a priority that is written at all.
+void judgePriorities(Trial& trial, const Traced& traced, const Values& values, const char* logger)
+{
+    const auto isWritten = [&](const std::string& text) { return isWrittenText(traced, values, text); };
+    const std::string reason = std::strerror(EXDEV);
+    for (int priority = kDebug; priority <= kError; ++priority) {
+        if (!isWritten(printed("early, priority %d, %u.", priority, values.token))) {
+            continue;
+        }
+        const OfPriority texts[] = {
+            {FindingId::WrongText, "numbers and a word",
+             printed("p%d N=%d U=%llu S=%s %5.2f|", priority, values.negative(), values.big(), "word", 2.5)},
+            {FindingId::RecordCut, "6000 characters",
+             printed("LLLLLLLL;%u;%d;end p%d.", values.token, values.negative(), priority)},
+            {FindingId::WrongErrno, "\"%m\"",
+             printed("p%d why %s, %u.", priority, reason.c_str(), values.token)},
+            {FindingId::WrongText, "a \"%\" in a value",
+             printed("p%d %u:%s.", priority, values.token, "%s%n%d")}};
+        for (const OfPriority& one : texts) {
+            trial.require(isWritten(one.text), one.otherwise,
+                          std::string(logger) + ": a record of priority " + std::to_string(priority) +
+                              " with " + one.what);
+        }
+    }
 }
 
 // Only where a long text is written in one piece.
@@ -257,6 +455,25 @@ void judgeEdges(Trial& trial, const Traced& traced, const Values& values, const 
                       ": not whole in what was written: a text of so many characters: " + missing);
 }
 
+// Where a text is written at all, it is as often as it was logged; and letters are what they are, or are
+// written in some other way, but are no question marks.
+void judgeRepeats(Trial& trial, const Traced& traced, unsigned int token, const char* logger)
+{
+    const std::string text = printed("the same, %u.", token);
+    int times = 0;
+    for (std::size_t at = traced.written.find(text); at != std::string::npos;
+         at = traced.written.find(text, at + 1)) {
+        ++times;
+    }
+    trial.require(times == 0 || times >= kRepeats, FindingId::RecordLost,
+                  std::string(logger) + ": of " + std::to_string(kRepeats) + " records with one text " +
+                      std::to_string(times) + " were written");
+    for (const char* const lost : {"??", "?????"}) {
+        trial.require(traced.written.find(printed("letters %s, %u.", lost, token)) == std::string::npos,
+                      FindingId::WrongText, std::string(logger) + ": letters became question marks");
+    }
+}
+
 // A priority that is left out altogether is the set's own choice.
 void judgeLastRecords(Trial& trial, const Traced& traced, const char* logger)
 {
@@ -270,50 +487,53 @@ void judgeLastRecords(Trial& trial, const Traced& traced, const char* logger)
     }
 }
 
-void watch(Trial& trial, const char* logger, bool isTrace)
+// Its crash is this process's, for whoever waits for that.
+Traced traceLogger(const Trial& trial, const char* logger, const std::vector<std::string>& texts)
 {
     const TrialOptions& options = trial.options();
     const std::string program = std::filesystem::read_symlink("/proc/self/exe");
-    const std::vector<std::string> texts = expectedTexts(Values{options.token});
-    const Traced traced = traceProgram({program, logger, "--page", options.page, "--work", options.work,
-                                        "--token", std::to_string(options.token)},
-                                       texts);
+    Traced traced = traceProgram({program, logger, "--page", options.page, "--work", options.work, "--token",
+                                  std::to_string(options.token)},
+                                 texts);
     if (WIFSIGNALED(traced.status)) {
         std::signal(WTERMSIG(traced.status), SIG_DFL);
-        raise(WTERMSIG(traced.status)); // it is told by whoever waits for this process
+        raise(WTERMSIG(traced.status));
     }
     if (WEXITSTATUS(traced.status) != 0) {
         _exit(WEXITSTATUS(traced.status));
     }
-    if (!traced.isTraced) {
+    return traced;
+}
+
+void watch(Trial& trial, bool isTrace)
+{
+    const Values values{trial.options().token};
+    const std::vector<std::string> texts = expectedTexts(values);
+    const Traced alone = traceLogger(trial, isTrace ? "trace-logger" : "platform-logger", texts);
+    const Traced beside = traceLogger(trial, isTrace ? "trace-loggers" : "platform-loggers", texts);
+    if (!alone.isTraced) {
         trial.note("the texts of the logs were not judged: this system lets no process be traced");
-    } else if (options.isLogTextJudged) {
-        judgeTexts(trial, traced, texts, isTrace);
-        judgeThreads(trial, traced, texts, isTrace);
+    } else if (trial.options().isLogTextJudged) {
         const char* const name = isTrace ? "TraceLogger::record" : "__norlog_print";
-        judgeEdges(trial, traced, Values{options.token}, name);
-        judgeLastRecords(trial, traced, name);
+        judgeTexts(trial, alone, texts, isTrace);
+        judgeEdges(trial, alone, values, name);
+        judgeLastRecords(trial, alone, name);
+        judgeRepeats(trial, alone, values.token, name);
+        judgePriorities(trial, alone, values, name);
+        judgeThreads(trial, beside, isTrace);
     }
-}
-
-void tryPlatformLog(Trial& trial)
-{
-    watch(trial, "platform-logger", false);
-}
-
-void tryTraceLog(Trial& trial)
-{
-    watch(trial, "trace-logger", true);
 }
 
 } // namespace
 
 std::vector<TrialKind> logTrials()
 {
-    return {{"platform-log", tryPlatformLog},
-            {"trace-log", tryTraceLog},
-            {"platform-logger", logPlatform},
-            {"trace-logger", logTrace}};
+    return {{"platform-log", [](Trial& trial) { watch(trial, false); }},
+            {"trace-log", [](Trial& trial) { watch(trial, true); }},
+            {"platform-logger", [](Trial& trial) { logAll(trial, false); }},
+            {"trace-logger", [](Trial& trial) { logAll(trial, true); }},
+            {"platform-loggers", [](Trial& trial) { logBeside(trial, false); }},
+            {"trace-loggers", [](Trial& trial) { logBeside(trial, true); }}};
 }
 
 } // namespace platformcheck

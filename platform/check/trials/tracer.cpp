@@ -23,7 +23,7 @@
 namespace
 {
 
-constexpr std::size_t kMostWritten = std::size_t{8} << 20;
+constexpr std::size_t kMostWritten = std::size_t{16} << 20;
 
 // ---- Memory of the process ----
 
@@ -190,6 +190,7 @@ Traced traceProgram(const std::vector<std::string>& arguments, const std::vector
         }
         if (thread == leader && !WIFSTOPPED(status)) {
             traced.status = status;
+            traced.isCut = traced.written.size() >= kMostWritten;
             return traced;
         }
         if (thread <= 0 || !WIFSTOPPED(status)) {

@@ -12,7 +12,8 @@ namespace platformcheck
 struct Traced {
     bool isTraced = false; // false: the system does not allow it, and nothing is known
     int status = 0;        // of the process, as waitpid() gives it
-    std::string written;   // all that it has handed to the system, at most 8 MiB
+    std::string written;   // all that it has handed to the system, at most 16 MiB
+    bool isCut = false;    // it was more
     // Of the texts that were looked for, those that were in its memory at its end: shared with others, or its
     // own alone.
     std::vector<bool> isShared;
