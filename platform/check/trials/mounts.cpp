@@ -152,11 +152,11 @@ public:
     {
         std::error_code ignored;
         fs::create_directories(path_, ignored);
+        leave(); // what the check of another platform could not unmount
     }
     ~MountPoint()
     {
-        for (int time = 0; time < 5 && isMounted(path_) && unmount(trial_, path_).ok(); ++time) {
-        }
+        leave();
         rmdir(path_.c_str());
     }
     MountPoint(const MountPoint&) = delete;
@@ -164,6 +164,12 @@ public:
     const fs::path& path() const { return path_; }
 
 private:
+    void leave()
+    {
+        for (int time = 0; time < 5 && isMounted(path_) && unmount(trial_, path_).ok(); ++time) {
+        }
+    }
+
     Trial& trial_;
     fs::path path_;
 };
