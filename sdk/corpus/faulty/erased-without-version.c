@@ -1,5 +1,5 @@
 // The only bank is erased first, and has no version until the update is over.
-// finds: F413 F501 F502
+// finds: F413 F501
 #define OWN_chipWrite
 #include "chip.h"
 

@@ -1,5 +1,5 @@
 // doUpdate erases the head of the running firmware and writes it last: in between there is no version.
-// finds: F413 F423 F424 F501 F502
+// finds: F413 F423 F424 F501
 #define OWN_install
 #include "base.h"
 

@@ -1,5 +1,5 @@
 // doUpdate opens the hardware with O_TRUNC: the old firmware is gone before the first write.
-// finds: F413 F501 F502
+// finds: F413 F501
 #define OWN_install
 #include "base.h"
 

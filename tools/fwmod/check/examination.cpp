@@ -60,6 +60,7 @@ private:
     void makeSet();
     void addPackage();
     void addFirmware();
+    void addOther();
     std::string useInformation(const fs::path& directory, const std::string& image, const fs::path& origin);
     void examine();
     bool bringsNews(const Report& report) const;
@@ -133,22 +134,35 @@ void Examination::makeSet()
     if (!request_.firmware.empty()) {
         addFirmware();
     }
+    if (!request_.other.empty()) {
+        addOther();
+    }
 }
 
+namespace
+{
 // `origin` is the file or directory that the person has named.
-std::string Examination::useInformation(const fs::path& directory, const std::string& image,
-                                        const fs::path& origin)
+InformationReport requireInformation(const fs::path& directory, const std::string& image,
+                                     const fs::path& origin)
 {
     for (const std::string& name : {std::string("info.json"), image}) {
         if (!fs::is_regular_file(directory / name)) {
             throw common::Failure(name + " is not in " + origin.string() + ", where the daemon looks for it");
         }
     }
-    const InformationReport report = checkInformation(directory / "info.json", directory / image);
+    InformationReport report = checkInformation(directory / "info.json", directory / image);
     if (!report.accepted) {
         throw common::Failure("the daemon would refuse the image:\n" +
                               formatReport(origin / "info.json", report));
     }
+    return report;
+}
+} // namespace
+
+std::string Examination::useInformation(const fs::path& directory, const std::string& image,
+                                        const fs::path& origin)
+{
+    const InformationReport report = requireInformation(directory, image, origin);
     job_.version = report.values.version;
     job_.checksum = report.values.crc;
     job_.expectedTime = report.values.expected_time;
@@ -191,6 +205,31 @@ void Examination::addFirmware()
     }
     job_.image = "/lib/firmware/ext/" + name + "/" + image;
     job_.caller = TARNWICK_CONTROL_CALLER_SYSTEM_IMAGE;
+}
+
+// By the name that the first image has: the library may look for it by that.
+void Examination::addOther()
+{
+    constexpr const char* kOther = "/srv/other";
+    if (job_.image.empty()) {
+        throw common::WrongUse(
+            "--other: it is another one beside that of --package or --firmware; give that, too");
+    }
+    const std::string name = request_.package.empty()
+                                 ? std::string(fs::canonical(request_.firmware).filename())
+                                 : firmwareName(request_.package.stem(), "--package: the name");
+    const std::string image = name + ".bin";
+    const fs::path directory = set_->outside(kOther);
+    if (!fs::is_directory(request_.other)) {
+        unpackPackage(request_.other, directory);
+    } else {
+        fs::copy(request_.other, directory, fs::copy_options::recursive);
+    }
+    job_.otherDirectory = kOther;
+    job_.otherImage = job_.isExternal ? job_.name : std::string(kOther) + "/" + image;
+    if (!job_.isExternal) {
+        job_.otherChecksum = requireInformation(directory, image, request_.other).values.crc;
+    }
 }
 
 // Of a set: the daemon derives both names from what the library says.

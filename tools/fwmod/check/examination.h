@@ -18,6 +18,7 @@ struct ExaminationRequest {
     std::filesystem::path library;
     std::filesystem::path package;  // or
     std::filesystem::path firmware; // a directory of the system image; at most one of the two
+    std::filesystem::path other;    // another image, as a package or a directory; may be empty
     std::filesystem::path hardware; // content of /var/lib/hardware; may be empty
     bool everyWrite = false;        // cut the power at every write, however many there are
 };

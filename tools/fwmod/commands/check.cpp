@@ -47,6 +47,11 @@ int check(const CheckOptions& options)
     }
     requireDirectory(request.firmware, "--firmware");
     requireDirectory(request.hardware, "--hardware");
+    if (fs::is_directory(request.other)) {
+        refuseTooMuchForSet(request.other);
+    } else if (!request.other.empty()) {
+        requireReadable(request.other);
+    }
     refuseTooMuchForSet(request.firmware);
     refuseTooMuchForSet(request.hardware, kLongestHardware);
 
@@ -90,6 +95,12 @@ void defineCheck(common::CommandLine& command)
         .path("--firmware", request.firmware,
               "A directory of the system image, seen as /lib/firmware/ext/NAME by its own name")
         .excludes(package);
+    command
+        .path(
+            "--other", request.other,
+            "Another image, a package or a directory as above, best of the same length: an update with it is "
+            "cut off, and what it leaves must not be taken for the first one's")
+        .called("IMG|DIR");
     command.path(
         "--hardware", request.hardware,
         "A directory with the hardware's files, seen as /var/lib/hardware; nothing in it is changed. "

@@ -1,11 +1,13 @@
 #include "tools/fwmod/check/examiner/black-box.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cxxabi.h>
 #include <exception>
+#include <iterator>
 #include <new>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -150,6 +152,28 @@ CallMark::CallMark(const char* name, std::chrono::milliseconds limit)
 CallMark::~CallMark()
 {
     box->calls[ownCall].deadline = 0;
+}
+
+bool isLibraryCalling()
+{
+    return box != nullptr && box->process == getpid() && // a child may change what is its own
+           std::any_of(std::begin(box->calls), std::end(box->calls),
+                       [](const BlackBox::Call& call) { return call.deadline != 0; });
+}
+
+void noteMoment(FindingId finding, const char* words)
+{
+    const auto number = static_cast<unsigned int>(finding);
+    for (BlackBox::Moment& moment : box->moments) {
+        unsigned int none = 0;
+        if (moment.finding == number) {
+            return;
+        }
+        if (moment.finding.compare_exchange_strong(none, number)) {
+            std::snprintf(moment.words, sizeof moment.words, "%s", words);
+            return;
+        }
+    }
 }
 
 void noteClosing(int descriptor)

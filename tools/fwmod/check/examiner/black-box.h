@@ -13,6 +13,7 @@
 
 #include "common/process/limits-keeper.h"
 #include "common/process/process-state.h"
+#include "tools/fwmod/check/protocol/findings.h"
 
 namespace fwmod::examiner
 {
@@ -26,6 +27,11 @@ struct BlackBox {
     struct Call {
         std::atomic<std::int64_t> deadline; // in realNow(); 0 while none is under way
         char name[160];
+    };
+    // Something of the whole process that was changed in a call, which may have put it back.
+    struct Moment {
+        std::atomic<unsigned int> finding; // the number; 0: none
+        char words[120];
     };
     // How far a watched update is. Writes count while it runs, and are late while its remains settle.
     enum Phase { kBefore, kRunning, kSettling, kOver };
@@ -49,6 +55,7 @@ struct BlackBox {
     std::atomic<int> closedTwice;           // a descriptor that was closed and was not open, and 1; 0: none
     char closedBy[160];                     // the call that has closed what is not its own
     common::LimitChanges limits;            // by the latest call
+    Moment moments[6];                      // of the latest call, the first of each kind
 };
 
 // Zeroed, and shared with every process forked from here on. Never released: a program makes few.
@@ -59,6 +66,12 @@ void openBlackBox(BlackBox& box);
 
 // In a worker: a descriptor was closed that is not open.
 void noteClosing(int descriptor);
+
+// In a worker: whether this is its process, and a call of the library is under way on one of its threads.
+bool isLibraryCalling();
+
+// Then: what belongs to the whole process was changed.
+void noteMoment(FindingId finding, const char* words);
 
 // On every thread of a worker, before it calls the library: which call of the box is its own, and a stack for
 // the crash handler, which else could not run when the library has used up the thread's.

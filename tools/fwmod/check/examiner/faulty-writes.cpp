@@ -9,6 +9,7 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "tools/fwmod/check/examiner/flush-order.h"
 #include "tools/fwmod/check/examiner/machine/hardware-copy.h"
 #include "tools/fwmod/check/examiner/machine/held-image.h"
 #include "tools/fwmod/check/examiner/machine/plain-files.h"
@@ -17,169 +18,6 @@
 
 namespace fwmod::examiner
 {
-
-// ---- Order ----
-
-namespace
-{
-bool needsFlush(const SeenWrite& write)
-{
-    return write.isContent() && !write.isLasting;
-}
-
-// Of everything, not of one file.
-bool isFlushOfAll(const SeenWrite& write)
-{
-    return write.isFlush() && (write.path.empty() || write.call == "syncfs");
-}
-
-// A flush of the directory is none of the files in it, and the other way round.
-bool isFlushOf(const SeenWrite& flush, const SeenWrite& write)
-{
-    const std::filesystem::path path = write.path;
-    return isFlushOfAll(flush) ||
-           (flush.isFlush() &&
-            flush.path == (write.isNaming() ? path.parent_path() : path).lexically_normal());
-}
-
-// A name or a selector that comes last is what counts; a spare copy may follow it, and need not be flushed.
-void judgeLastFlush(const Writes& writes, Report& report)
-{
-    const auto last = std::find_if(writes.all.rbegin(), writes.all.rend(),
-                                   [](const SeenWrite& write) { return write.isContent(); });
-    if (last == writes.all.rend() || !needsFlush(*last) || last->isOfFirmware()) {
-        return;
-    }
-    const bool isFlushed = std::any_of(writes.all.rbegin(), last,
-                                       [&](const SeenWrite& write) { return isFlushOf(write, *last); });
-    if (!isFlushed) {
-        report.add({FindingId::LastNotFlushed,
-                    "no flush of it came after the last write (" + last->call + " to " + last->path + ")"});
-    }
-}
-
-// A file or a directory has another name, and so has what is in it.
-void rename(std::vector<SeenWrite>& writes, const SeenWrite& naming)
-{
-    for (SeenWrite& write : writes) {
-        if (!naming.source.empty() && write.path.rfind(naming.source, 0) == 0 &&
-            (write.path.size() == naming.source.size() || write.path[naming.source.size()] == '/')) {
-            write.path.replace(0, naming.source.size(), naming.path);
-        }
-    }
-}
-
-template <typename Condition>
-void remove(std::vector<SeenWrite>& writes, const Condition& condition)
-{
-    writes.erase(std::remove_if(writes.begin(), writes.end(), condition), writes.end());
-}
-
-// Goes on in the order of an update: what is open behind one write more.
-void addTo(std::vector<SeenWrite>& open, const SeenWrite& write)
-{
-    if (write.isFlush()) {
-        remove(open, [&](const SeenWrite& each) { return isFlushOf(write, each); });
-    } else if (write.call.rfind("unlink", 0) == 0) {
-        remove(open, [&](const SeenWrite& each) { return each.path == write.path; });
-    } else if (write.isNaming()) {
-        remove(open, [&](const SeenWrite& each) { return each.path == write.path; });
-        rename(open, write);
-    } else if (needsFlush(write) && write.bytes > 0) {
-        open.push_back(write);
-    }
-}
-
-// What was stored into mapped memory is not seen, but that nothing has waited for it.
-void judgeMappedMemory(const Writes& writes, Report& report)
-{
-    const auto begun = std::find_if(writes.all.rbegin(), writes.all.rend(), [](const SeenWrite& write) {
-        return write.call == vset::kMsyncWithoutWaiting;
-    });
-    const bool isAwaited =
-        std::any_of(writes.all.rbegin(), begun, [](const SeenWrite& write) { return write.isFlush(); });
-    if (begun != writes.all.rend() && !isAwaited) {
-        report.add({FindingId::NotFlushed, "the last msync came without MS_SYNC, and waits for nothing"});
-    }
-}
-} // namespace
-
-void judgeFlushes(const Writes& writes, Report& report)
-{
-    judgeMappedMemory(writes, report);
-    std::vector<SeenWrite> open; // content that no flush of it has followed yet
-    for (const SeenWrite& write : writes.all) {
-        const auto unflushed = std::find_if(open.begin(), open.end(), [&](const SeenWrite& each) {
-            return each.isOfFirmware() || each.path == write.source;
-        });
-        if (write.isNaming() && unflushed != open.end()) {
-            report.add({FindingId::NotFlushed,
-                        write.path + " got its name (" + write.call + ") before what was written into " +
-                            (unflushed->path == write.source ? "it" : unflushed->path) + " was flushed"});
-            return;
-        }
-        addTo(open, write);
-    }
-    const bool isFlushed = std::any_of(writes.all.begin(), writes.all.end(),
-                                       [](const SeenWrite& write) { return write.isFlush(); });
-    if (!isFlushed && std::any_of(writes.all.begin(), writes.all.end(), needsFlush)) {
-        report.add({FindingId::NotFlushed,
-                    "there was no flush among " + std::to_string(writes.all.size()) + " writes"});
-        return;
-    }
-    judgeLastFlush(writes, report);
-}
-
-std::vector<SeenWrite> unflushedContent(const Writes& writes)
-{
-    std::vector<SeenWrite> open;
-    for (const SeenWrite& write : writes.all) {
-        addTo(open, write);
-    }
-    remove(open, [](const SeenWrite& write) { return !write.position; });
-    return open;
-}
-
-std::vector<std::filesystem::path> unflushedNames(const Writes& writes)
-{
-    std::vector<SeenWrite> open;
-    for (const SeenWrite& write : writes.all) {
-        const std::filesystem::path path = write.path;
-        if (write.isFlush()) {
-            remove(open, [&](const SeenWrite& each) {
-                return isFlushOfAll(write) || std::filesystem::path(each.path).parent_path() == path;
-            });
-        } else if (write.isNaming() || write.call.rfind("unlink", 0) == 0) {
-            remove(open, [&](const SeenWrite& each) {
-                return each.path == write.path || each.path == write.source; // and the new name: see above
-            });
-            rename(open, write);
-        } else if (std::error_code none; write.bytes > 0 && !std::filesystem::exists(path, none)) {
-            open.push_back(write); // on the set's own hardware, from which machines are made
-        }
-    }
-    std::vector<std::filesystem::path> names;
-    for (const SeenWrite& write : open) {
-        names.emplace_back(write.path);
-    }
-    return names;
-}
-
-void lose(const SeenWrite& write, const Machine& machine)
-{
-    const common::UniqueFd now = openPlain(machine.file(write.path), O_RDWR);
-    struct stat file = {};
-    if (!now || fstat(now.get(), &file) != 0 || *write.position >= static_cast<std::uint64_t>(file.st_size)) {
-        return; // with its name, or it was asked for alone
-    }
-    const auto position = static_cast<off_t>(*write.position);
-    const std::uint64_t rest = static_cast<std::uint64_t>(file.st_size - position);
-    std::string old(std::min(write.bytes, rest), '\0');
-    // The set's own, from which machines are made.
-    const common::UniqueFd before = openPlain(write.path, O_RDONLY);
-    (void)!pread(before.get(), old.data(), old.size(), position);
-    (void)!pwrite(now.get(), old.data(), old.size(), position);
-}
 
 // ---- Which writes are to fail ----
 
@@ -220,21 +58,50 @@ std::set<unsigned int> keyWritesOf(const Writes& writes)
     return chosen;
 }
 
-// Where the content of each file ends, of a few.
-std::set<unsigned int> lastOfEachFile(const Writes& writes)
+// What continues firmware, however short: its end.
+bool isEndOf(const SeenWrite& body, const SeenWrite& write)
 {
-    constexpr std::size_t kMost = 4;
-    std::map<std::string, unsigned int> last;
+    return body.isOfFirmware() && write.bytes > 0 && body.path == write.path && body.position &&
+           write.position == *body.position + body.bytes;
+}
+
+// By number, from 1, in their order.
+std::vector<unsigned int> firmwareWrites(const Writes& writes)
+{
+    std::vector<unsigned int> numbers;
     for (std::size_t index = 0; index < writes.all.size(); ++index) {
-        if (writes.all[index].isOfFirmware()) {
-            last[writes.all[index].path] = static_cast<unsigned int>(index + 1);
+        const SeenWrite& write = writes.all[index];
+        const auto before = writes.all.begin() + static_cast<std::ptrdiff_t>(index);
+        const bool isEnd = std::any_of(writes.all.begin(), before,
+                                       [&](const SeenWrite& body) { return isEndOf(body, write); });
+        if (write.isOfFirmware() || isEnd) {
+            numbers.push_back(static_cast<unsigned int>(index + 1));
         }
     }
+    return numbers;
+}
+
+// The first write of the content, some in its middle, and the last ones of a few files.
+std::set<unsigned int> writesToSpoil(const Writes& writes)
+{
+    constexpr std::size_t kMostEnds = 4;
+    constexpr std::size_t kPieces = 4;
+    const std::vector<unsigned int> all = firmwareWrites(writes);
+    std::map<std::string, unsigned int> ends;
+    for (const unsigned int number : all) {
+        ends[writes.all[number - 1].path] = number;
+    }
     std::set<unsigned int> chosen;
-    for (const auto& [path, write] : last) {
-        if (chosen.size() < kMost) {
-            chosen.insert(write);
+    for (const auto& [path, number] : ends) {
+        if (chosen.size() < kMostEnds) {
+            chosen.insert(number);
         }
+    }
+    for (std::size_t piece = 0; piece < kPieces && !all.empty(); ++piece) {
+        chosen.insert(all[piece * all.size() / kPieces]);
+    }
+    if (!all.empty()) {
+        chosen.insert(all.back());
     }
     return chosen;
 }
@@ -259,7 +126,7 @@ FaultPlaces faultPlacesOf(const Writes& writes)
     constexpr double kMiddle = 0.5;
     constexpr double kLate = 0.8; // behind a copy of the old firmware, before a spare one of the new
     return {writeAtPart(writes, kMiddle), writeAtPart(writes, kLate), keyWritesOf(writes),
-            lastOfEachFile(writes), flushesToFail(writes)};
+            writesToSpoil(writes),        hastyRemovals(writes),      flushesToFail(writes)};
 }
 
 // ---- Faults ----
@@ -419,7 +286,7 @@ void spoilWrite(Supervisor& supervisor, unsigned int write, bool isImageOnly, Re
 void spoilWrites(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
-    std::set<unsigned int> others = job.faults.lastWrites;
+    std::set<unsigned int> others = job.faults.spoiltWrites;
     for (const unsigned int write : {job.faults.middleWrite, job.faults.lateWrite}) {
         others.erase(write);
         const bool isLate = write == job.faults.lateWrite; // no copy of the old firmware any more
@@ -482,7 +349,7 @@ void updateWithFaults(Worker& worker)
     const HardwareCopy original;
     const Job& job = worker.job();
     unsigned int update = 0;
-    std::size_t first = 0;
+    OpenFiles first;
     for (const Worker::Fault& fault : faultsOf(job)) {
         worker.setContext(job.caller, "");
         const auto returned = worker.updateWithFault(
@@ -494,14 +361,13 @@ void updateWithFaults(Worker& worker)
         tellFailed(worker, ++update, *returned);
         original.putBack();
         if (update == 1) {
-            first = openFiles(); // with what is kept open for good
+            first = OpenFiles::now(); // with what is kept open for good
         }
     }
-    const std::size_t last = openFiles();
-    if (last > first) {
-        worker.found(FindingId::DescriptorsLeft,
-                     "doUpdate, in which a write or a flush fails: " + std::to_string(last - first) +
-                         " more after " + std::to_string(update - 1) + " calls");
+    const std::string more = OpenFiles::now().moreThan(first);
+    if (!more.empty()) {
+        worker.found(FindingId::DescriptorsLeft, "doUpdate, in which a write or a flush fails: " + more +
+                                                     " after " + std::to_string(update - 1) + " calls");
     }
 }
 

@@ -11,6 +11,7 @@
 #include "common/terminal/command-line.h"
 #include "tools/fwmod/check/examiner/faulty-writes.h"
 #include "tools/fwmod/check/examiner/lost-hardware.h"
+#include "tools/fwmod/check/examiner/mapped-hardware.h"
 #include "tools/fwmod/check/examiner/power-cuts.h"
 #include "tools/fwmod/check/examiner/questions.h"
 #include "tools/fwmod/check/examiner/updates.h"
@@ -73,6 +74,8 @@ void tryHard(Supervisor& supervisor, Report& report)
             updateUnderQuestions(supervisor, report);
             updateAfterAnotherImage(supervisor, report);
             cutPowerTwice(supervisor, report);
+            loseWhatSelects(supervisor, report);
+            cutMappedHardware(supervisor, report);
             updateLostHardware(supervisor, report);
             updateFaultyHardware(supervisor, report);
         }

@@ -15,7 +15,7 @@
 #include <unistd.h>
 #include <utility>
 
-#include "tools/fwmod/check/examiner/faulty-writes.h"
+#include "tools/fwmod/check/examiner/flush-order.h"
 #include "tools/fwmod/check/examiner/machine/held-image.h"
 #include "tools/fwmod/check/examiner/machine/plain-files.h"
 #include "tools/fwmod/check/examiner/updates.h"
@@ -27,6 +27,7 @@ namespace fwmod::examiner
 namespace
 {
 constexpr double kNearlyAll = 0.9; // of the bytes: then the new version may be told
+} // namespace
 
 void updateUntilCut(Worker& worker)
 {
@@ -41,6 +42,8 @@ void updateUntilCut(Worker& worker)
     worker.update({worker.job().image, worker.job().checksum, false, ""});
 }
 
+namespace
+{
 // Whether the daemon would update again, or has to because the new version is told too early.
 bool isPending(const Told& told, const Job& job)
 {
@@ -49,7 +52,8 @@ bool isPending(const Told& told, const Job& job)
     return !isDone && (isWanted || told.version == job.versionAfter);
 }
 
-// As the daemon's next start: it asks, and updates what is pending.
+} // namespace
+
 void startAgain(Worker& worker)
 {
     const std::string where = "after the power cut";
@@ -68,6 +72,8 @@ void startAgain(Worker& worker)
     worker.update({worker.job().image, worker.job().checksum, false, where});
 }
 
+namespace
+{
 void lookAtEnd(Worker& worker)
 {
     worker.overlookManners();
@@ -76,9 +82,10 @@ void lookAtEnd(Worker& worker)
     }
 }
 
+} // namespace
+
 // ---- Judgement ----
 
-// What keeps the hardware from answering; "" when nothing does.
 std::string whyNoAnswer(const Session& session, const Job& job)
 {
     if (session.death && !session.told.isMember("asked")) {
@@ -101,6 +108,8 @@ std::string whyNoAnswer(const Session& session, const Job& job)
     return "";
 }
 
+namespace
+{
 std::string whyNoUpdate(const Session& session)
 {
     if (session.death) {
@@ -285,15 +294,18 @@ bool changeByteOf(const SeenWrite& write, const Machine& machine)
 }
 
 // Nothing when one of several next starts brings the offered version, and the image that belongs to it.
-std::optional<Finding> updateOverRemains(Supervisor& supervisor, Machine& machine)
+// `what` has been left, in words.
+std::optional<Finding> updateOverRemains(Supervisor& supervisor, Machine& machine, const std::string& what)
 {
     constexpr int kStarts = 3;
     const Job& job = supervisor.job();
-    const std::string what =
-        "with a byte of what had been written changed, as an update with another image leaves it, ";
     std::string why = "doUpdate did not answer";
     for (int start = 0; start < kStarts; ++start) {
         const Session look = supervisor.run(machine, startAgain);
+        const std::string noAnswer = whyNoAnswer(look, job);
+        if (!noAnswer.empty()) {
+            return Finding{FindingId::DeadAfterCut, what + noAnswer};
+        }
         if (look.death) {
             return Finding{FindingId::NoUpdateAfterCut, what + look.death->detail};
         }
@@ -316,6 +328,68 @@ std::optional<Finding> updateOverRemains(Supervisor& supervisor, Machine& machin
                        what + "the next update kept it, and getActiveVersion told " + quote(version)};
     }
     return std::nullopt;
+}
+
+// Another image that an update is to be cut off with; it is found at the usual place by an external module.
+struct OtherImage {
+    std::string file;
+    unsigned long checksum = 0;
+    std::filesystem::path directory; // for an external module
+    std::string what;                // in words
+};
+
+// Nothing, too, when the library refuses that image.
+std::optional<Finding> cutOtherImage(Supervisor& supervisor, const OtherImage& other, unsigned int write,
+                                     bool& isCut)
+{
+    Machine first;
+    if (!other.directory.empty()) {
+        first.replaceDirectory(supervisor.job().imageDirectory, other.directory);
+    }
+    const auto update = [&](Worker& worker) {
+        worker.overlookManners();
+        if (worker.load()) {
+            worker.setContext(worker.job().caller, "");
+            worker.update({other.file, other.checksum, false, "of " + other.what});
+        }
+    };
+    if (!supervisor.run(first, update, {true, write}).isCut) {
+        return std::nullopt;
+    }
+    isCut = true;
+    Machine machine; // with the offered image again
+    std::filesystem::remove_all(machine.file("/var"));
+    copyTree(first.file("/var"), machine.file("/var"));
+    return updateOverRemains(supervisor, machine,
+                             "after an update with " + other.what + " that was cut at write " +
+                                 std::to_string(write) + ", ");
+}
+
+// A library that has nothing but the given checksum to know an image by takes this one for sound.
+OtherImage changedImage(const Job& job, const Machine& place)
+{
+    std::string image = imageOf(job);
+    const std::string file = place.file("/" + std::filesystem::path(job.image).filename().string());
+    for (std::size_t at = image.size() / 4; at < image.size();
+         at += std::max<std::size_t>(image.size() / 4, 1)) {
+        image[at] = static_cast<char>(~image[at]);
+    }
+    overwrite(file, image);
+    return {file, checksumOf(image), "", "another image of the same length"};
+}
+
+// The last block but one of what was written, as if another image had left it there.
+std::optional<Finding> changeRemains(Supervisor& supervisor)
+{
+    Machine machine;
+    const Session cut = supervisor.run(machine, updateUntilCut, {true, supervisor.job().faults.lateWrite});
+    const std::optional<SeenWrite> block = blockWritten(cut.writes);
+    if (!cut.isCut || !block || !changeByteOf(*block, machine)) {
+        return std::nullopt;
+    }
+    return updateOverRemains(
+        supervisor, machine,
+        "with a byte of what had been written changed, as an update with another image leaves it, ");
 }
 } // namespace
 
@@ -342,14 +416,82 @@ void updateAfterAnotherImage(Supervisor& supervisor, Report& report)
     if (!job.isRepeatable || job.faults.lateWrite == 0) {
         return;
     }
-    Machine machine;
-    const Session cut = supervisor.run(machine, updateUntilCut, {true, job.faults.lateWrite});
-    const std::optional<SeenWrite> block = blockWritten(cut.writes);
-    if (!cut.isCut || !block || !changeByteOf(*block, machine)) {
+    if (const std::optional<Finding> finding = changeRemains(supervisor)) {
+        return report.add(*finding);
+    }
+    const Machine place;
+    const bool isGiven = !job.otherImage.empty();
+    if (!isGiven && job.isExternal) {
         return;
     }
-    if (const std::optional<Finding> finding = updateOverRemains(supervisor, machine)) {
-        report.add(*finding);
+    const OtherImage other =
+        isGiven ? OtherImage{job.otherImage, job.otherChecksum,
+                             job.isExternal ? job.otherDirectory : std::string(), "the other image"}
+                : changedImage(job, place);
+    bool isCut = false;
+    for (const unsigned int write : {job.faults.lateWrite, job.faults.middleWrite}) {
+        const auto finding = isCut || write == job.faults.lateWrite
+                                 ? cutOtherImage(supervisor, other, write, isCut)
+                                 : std::nullopt;
+        if (finding) {
+            return report.add(*finding);
+        }
+    }
+    if (isGiven && !isCut) {
+        report.notes.emplace_back(
+            "The other image was refused before it was written, so no update with it was cut.");
+    }
+}
+
+// ---- What was removed or overwritten too early ----
+
+namespace
+{
+// Nothing when the hardware answers as it must, with the old firmware or the new one.
+std::optional<Finding> loseSelecting(Supervisor& supervisor, unsigned int cutAt, unsigned int selecting)
+{
+    const Job& job = supervisor.job();
+    Machine machine;
+    const Session cut = supervisor.run(machine, updateUntilCut, {true, cutAt});
+    if (cut.death || cut.writes.all.size() + 1 < cutAt) {
+        return std::nullopt; // it was another update
+    }
+    const SeenWrite& lost = cut.writes.all[selecting - 1];
+    const SeenWrite& last = cut.writes.all[cutAt - 2];
+    if (lost.isNaming()) {
+        if (!loseName(lost, machine)) {
+            return std::nullopt;
+        }
+    } else {
+        lose(lost, machine);
+    }
+    const bool isOldGone = isOldFirmwareGone(machine);
+    const Session look = supervisor.run(machine, startAgain);
+    std::string why = whyNoAnswer(look, job);
+    if (why.empty() && isOldGone && look.told["version"].asString() == job.versionBefore) {
+        why = "getActiveVersion told " + quote(job.versionBefore) +
+              ", and hardly anything of what the hardware held before is there";
+    }
+    if (why.empty()) {
+        return std::nullopt;
+    }
+    return Finding{FindingId::OldRemovedTooEarly, "after a power cut that lost the " + lost.call + " to " +
+                                                      lost.path +
+                                                      ", which no flush had followed, and kept the " +
+                                                      last.call + " to " + last.path + " behind it: " + why};
+}
+} // namespace
+
+void loseWhatSelects(Supervisor& supervisor, Report& report)
+{
+    const Job& job = supervisor.job();
+    if (!job.isRepeatable) {
+        return;
+    }
+    for (const auto& [cutAt, selecting] : job.faults.hastyRemovals) {
+        if (const std::optional<Finding> finding = loseSelecting(supervisor, cutAt, selecting)) {
+            return report.add(*finding);
+        }
     }
 }
 

@@ -22,6 +22,7 @@
 #include "common/json-text.h"
 #include "common/process/process-state.h"
 #include "tools/fwmod/check/examiner/black-box.h"
+#include "tools/fwmod/check/examiner/mapped-hardware.h"
 #include "tools/fwmod/check/examiner/worker.h"
 #include "tools/fwmod/check/protocol/report.h"
 
@@ -138,6 +139,7 @@ private:
     void receive();
     void watchWrite();
     bool isToFail(const SeenWrite& write);
+    void lookAtMapped(const vset::HardwareWrite& write);
     void checkLimits();
 
     Watch watch_;
@@ -151,6 +153,7 @@ private:
     const std::set<std::string>* suspects_;
 
     Session session_;
+    const Machine* machine_ = nullptr;
     pid_t keeper_ = -1;
     bool isOpen_ = true; // the worker's end of the channel
     std::unique_ptr<vset::WriteWatch> writes_;
@@ -184,6 +187,7 @@ void Run::work(const Script& script)
 
 Session Run::conduct(Machine& machine, const Script& script)
 {
+    machine_ = &machine;
     keeper_ = machine.boot([&] { work(script); }, &box_.status);
     workers_ = common::UniqueFd();
     if (watch_.isOn) {
@@ -272,6 +276,7 @@ void Run::watchWrite()
         session_.writes.all.push_back({write->call, write->path, write->bytes, write->isLasting, box_.update,
                                        false, write->position, write->source});
         ++box_.writes;
+        lookAtMapped(*write);
         if (isToFail(session_.writes.all.back())) {
             session_.writes.all.back().hasFailed = true;
             return writes_->refuse(*write, EIO);
@@ -288,6 +293,18 @@ void Run::watchWrite()
         ++session_.writes.late;
     }
     writes_->allow(*write);
+}
+
+void Run::lookAtMapped(const vset::HardwareWrite& write)
+{
+    const SeenWrite& seen = session_.writes.all.back();
+    if (!watch_.looksAtMapped || !(seen.isFlush() || seen.call == vset::kMsyncWithoutWaiting)) {
+        return;
+    }
+    if (std::optional<MappedFlush> flush = mappedFlushOf(write, seen, *machine_)) {
+        flush->write = session_.writes.during;
+        session_.mappedFlushes.push_back(*std::move(flush));
+    }
 }
 
 bool Run::isToFail(const SeenWrite& write)

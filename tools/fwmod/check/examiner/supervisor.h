@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <json/json.h>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -48,6 +49,19 @@ struct Writes {
     std::vector<SeenWrite> all; // during
 };
 
+// Files of the hardware that are mapped for writing, at a flush: stores are not seen, but what has come of
+// them is.
+struct MappedFlush {
+    struct Range {
+        std::string path;
+        std::uint64_t begin = 0;
+        std::uint64_t end = 0;
+    };
+    unsigned int write = 0;                      // the flush, by number from 1
+    std::map<std::string, std::string> contents; // before it; the set's paths
+    std::vector<Range> flushed;                  // by it; none by one that waits for nothing
+};
+
 struct Session {
     bool isFinished = false;       // the script came to its end
     bool isCut = false;            // the power was cut as asked for
@@ -59,15 +73,17 @@ struct Session {
     bool wasCrash = false;
     bool wasHang = false;
     Writes writes;
+    std::vector<MappedFlush> mappedFlushes; // where they are looked at
     std::optional<vset::WriteWatch::Spoilt> spoilt;
     double watchDelay = 0; // seconds that the watch may have cost the library, on a loaded machine
 };
 
 struct Watch {
     bool isOn = false;
-    unsigned int cutAt = 0;   // before this write of doUpdate, from 1
-    unsigned int failAt = 0;  // this one fails with EIO
-    unsigned int spoilAt = 0; // this one succeeds, and the hardware holds something else
+    unsigned int cutAt = 0;     // before this write of doUpdate, from 1
+    unsigned int failAt = 0;    // this one fails with EIO
+    unsigned int spoilAt = 0;   // this one succeeds, and the hardware holds something else
+    bool looksAtMapped = false; // keep what mapped files hold at each flush
 };
 
 class Supervisor

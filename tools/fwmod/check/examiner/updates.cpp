@@ -14,6 +14,7 @@
 #include "common/files/file-copy.h"
 #include "common/files/whole-file.h"
 #include "tools/fwmod/check/examiner/faulty-writes.h"
+#include "tools/fwmod/check/examiner/flush-order.h"
 #include "tools/fwmod/check/examiner/machine/hardware-copy.h"
 #include "tools/fwmod/check/examiner/machine/held-image.h"
 #include "tools/fwmod/check/examiner/machine/plain-files.h"
@@ -48,13 +49,6 @@ std::string inSeconds(double seconds)
 Worker::Update soundUpdate(const Worker& worker)
 {
     return {worker.job().image, worker.job().checksum, false, ""};
-}
-
-unsigned long checksumOf(const std::string& image)
-{
-    boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> checksum;
-    checksum.process_bytes(image.data(), image.size());
-    return checksum.checksum();
 }
 
 // Of the session's last update.
@@ -346,37 +340,40 @@ std::string inWords(const std::string& told)
     return "; without it getActiveVersion " + (told.empty() ? "tells nothing" : "tells " + quote(told));
 }
 
-// What no flush has followed may be lost when doUpdate has returned: a spare copy, but not what the version
-// is told of.
-void judgeEnd(Supervisor& supervisor, const Machine& machine, const Session& session, Report& report)
+// What no flush has followed may be lost when doUpdate has returned: a spare copy or a note, but not what the
+// version is told of. `where`: for the report, of which update.
+void judgeEnd(Supervisor& supervisor, const Machine& machine, const Writes& writes,
+              const std::string& version, const std::string& where, Report& report)
 {
-    const std::string version = session.told["version"].asString();
-    const std::vector<SeenWrite> open = unflushedContent(session.writes);
-    const std::vector<fs::path> names = unflushedNames(session.writes);
     if (version.empty()) {
         return;
     }
-    if (!open.empty()) {
-        const std::string told = versionAfterLoss(supervisor, machine, [&](const Machine& cut) {
-            std::for_each(open.begin(), open.end(), [&](const SeenWrite& write) { lose(write, cut); });
-        });
+    const auto judge = [&](const std::string& what, const std::function<void(const Machine&)>& loss) {
+        const std::string told =
+            report.has(FindingId::LastNotFlushed) ? version : versionAfterLoss(supervisor, machine, loss);
         if (told != version) {
-            return report.add({FindingId::LastNotFlushed, "no flush came after the last write (" +
-                                                              open.back().call + " to " + open.back().path +
-                                                              ")" + inWords(told)});
+            report.add({FindingId::LastNotFlushed, where + what + inWords(told)});
         }
+    };
+    if (const std::vector<SeenWrite> open = unflushedContent(writes); !open.empty()) {
+        judge("no flush came after the last write (" + open.back().call + " to " + open.back().path + ")",
+              [&](const Machine& cut) {
+                  std::for_each(open.begin(), open.end(), [&](const SeenWrite& write) { lose(write, cut); });
+              });
     }
-    if (!names.empty()) {
-        const std::string told = versionAfterLoss(supervisor, machine, [&](const Machine& cut) {
-            std::error_code gone;
-            std::for_each(names.begin(), names.end(),
-                          [&](const fs::path& name) { fs::remove(cut.file(name), gone); });
-        });
-        if (told != version) {
-            report.add({FindingId::LastNotFlushed, "no flush of " + names.back().parent_path().string() +
-                                                       " came after " + names.back().filename().string() +
-                                                       " had been made there" + inWords(told)});
-        }
+    if (const std::vector<fs::path> names = unflushedNames(writes); !names.empty()) {
+        judge("no flush of " + names.back().parent_path().string() + " came after " +
+                  names.back().filename().string() + " had been made there",
+              [&](const Machine& cut) {
+                  std::error_code gone;
+                  std::for_each(names.begin(), names.end(),
+                                [&](const fs::path& name) { fs::remove(cut.file(name), gone); });
+              });
+    }
+    for (const SeenWrite& naming : unflushedNamings(writes)) {
+        judge("no flush of " + fs::path(naming.path).parent_path().string() + " came after " +
+                  fs::path(naming.path).filename().string() + " had got its name (" + naming.call + ")",
+              [&](const Machine& cut) { loseName(naming, cut); });
     }
 }
 
@@ -402,6 +399,13 @@ void judgeVersions(Supervisor& supervisor, const Session& session, const Session
 }
 } // namespace
 
+unsigned long checksumOf(const std::string& image)
+{
+    boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> checksum;
+    checksum.process_bytes(image.data(), image.size());
+    return checksum.checksum();
+}
+
 Told tellVersion(Worker& worker, const std::string& where)
 {
     Told told;
@@ -426,7 +430,7 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
     const Job& job = supervisor.job();
     Machine machine;
     const std::size_t stateBefore = machine.stateOfHardware();
-    const Session session = supervisor.run(machine, updateAndLook, {true, 0});
+    const Session session = supervisor.run(machine, updateAndLook, {true, 0, 0, 0, true});
     GoodUpdate update;
     update.writes = session.writes;
     update.before = session.told["before"].asString();
@@ -453,14 +457,20 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
     judgeProgress(session, report);
     judgeDuration(session, job, report);
     judgeContent(machine, job, report);
-    judgeFlushes(session.writes, report);
+    judgeFlushes(session.writes, machine, report);
     report.measured.faults = faultPlacesOf(session.writes);
+    if (!session.mappedFlushes.empty()) {
+        report.measured.faults.isMapped = true;
+        report.notes.emplace_back(
+            "The hardware is written through mapped memory, and such stores cannot be watched: the power was "
+            "cut only at flushes and other calls, with a part of what had been stored before each.");
+    }
     const bool isVersionTold = !answers.version.empty() && !report.has(FindingId::ChangingAnswer);
     if (isVersionTold) {
         judgeNotes(supervisor, machine, session.told["version"].asString(), report);
     }
     if (isVersionTold && !report.has(FindingId::NotFlushed)) {
-        judgeEnd(supervisor, machine, session, report);
+        judgeEnd(supervisor, machine, session.writes, session.told["version"].asString(), "", report);
     }
     const Session again = lookAndUpdate(supervisor, machine);
     if (isVersionTold) {
@@ -1197,10 +1207,15 @@ void updateFromMemory(Supervisor& supervisor, Report& report)
         report.add(
             {FindingId::ImageNotWritten, call + " returned 0, and the hardware does not hold the image"});
     } else {
+        const std::string where = "in doUpdate_decryption ";
+        const Writes writes = lastOf(session.writes);
         Report flushes;
-        judgeFlushes(lastOf(session.writes), flushes);
+        judgeFlushes(writes, machine, flushes);
         for (const auto& [id, details] : flushes.findings) {
-            report.add({id, "in doUpdate_decryption " + details.front()});
+            report.add({id, where + details.front()});
+        }
+        if (flushes.findings.empty() && !report.has(FindingId::LastNotFlushed)) {
+            judgeEnd(supervisor, machine, writes, told["version"].asString(), where, report);
         }
     }
 }

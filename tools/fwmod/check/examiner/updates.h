@@ -39,6 +39,9 @@ void updateFromElsewhere(Supervisor& supervisor, Report& report);
 void refuseImages(Supervisor& supervisor, Report& report);
 void refuseData(Supervisor& supervisor, Report& report);
 
+// Of an image, as the daemon computes it.
+unsigned long checksumOf(const std::string& image);
+
 // What a session tells about the installed version: "version" and, when one is offered, "verdict". For
 // scripts.
 struct Told {

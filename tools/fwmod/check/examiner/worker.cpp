@@ -268,6 +268,7 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
         const Stopwatch stopwatch;
         const CallMark mark(name.c_str(), limit);
         box_.closedTwice = 0;
+        forgetMoments();
         errno = 0;
         const int result = callOnThread(function, box_);
         const int error = errno;
@@ -278,9 +279,11 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
         found(FindingId::Exception, name + " threw something that is no std::exception");
     }
     requireOwnDescriptors(name);
+    std::set<FindingId> left; // otherwise than before
     if (box_.limits.words[0] != '\0') {
         found(FindingId::LimitChanged, name + ": " + box_.limits.words);
         box_.limits.words[0] = '\0';
+        left.insert(FindingId::LimitChanged);
     }
     if (!before) {
         return returned;
@@ -292,38 +295,80 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
     const ProcessState after = before->settled();
     for (const common::ProcessChange& change : before->changesIn(after)) {
         found(findingOf(change.kind), name + ": " + change.seen);
+        left.insert(findingOf(change.kind));
     }
+    complainOfMoments(name, left);
     return returned;
 }
 
-std::size_t openFiles()
+void Worker::forgetMoments()
 {
-    std::size_t mapped = 0;
+    for (BlackBox::Moment& moment : box_.moments) {
+        moment.finding = 0;
+    }
+}
+
+// What is put back at the end is another one's for that long: other threads are at work.
+void Worker::complainOfMoments(const std::string& name, const std::set<FindingId>& left) const
+{
+    for (const BlackBox::Moment& moment : box_.moments) {
+        const std::optional<FindingId> finding = findingsTable().withNumber(moment.finding);
+        if (finding && left.count(*finding) == 0) {
+            found(*finding, name + ", while it runs: " + moment.words);
+        }
+    }
+}
+
+namespace
+{
+std::string counted(std::size_t number, const std::string& what)
+{
+    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+}
+} // namespace
+
+OpenFiles OpenFiles::now()
+{
+    OpenFiles open;
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);) {
-        mapped += line.find(kHardware) != std::string::npos ? 1 : 0;
+        open.mappings += line.find(kHardware) != std::string::npos ? 1 : 0;
     }
-    return openDescriptors() + mapped;
+    maps.close();
+    open.descriptors = openDescriptors();
+    return open;
+}
+
+std::string OpenFiles::moreThan(const OpenFiles& before) const
+{
+    std::string text;
+    if (descriptors > before.descriptors) {
+        text = counted(descriptors - before.descriptors, "descriptor");
+    }
+    if (mappings > before.mappings) {
+        text += (text.empty() ? "" : " and ") + counted(mappings - before.mappings, "mapping");
+    }
+    return text.empty() ? "" : text + " more";
 }
 
 bool Worker::repeat(const std::string& name, int times, const std::function<bool()>& ask)
 {
     const std::int64_t end = realNow() + std::chrono::nanoseconds(kRepeatLimit).count();
     const int settled = (times + 1) / 2; // what is kept open for good has been opened by then
-    std::size_t first = 0;
+    OpenFiles first;
     int time = 0;
     for (; time < times && (time < kLeastTimes || realNow() < end); ++time) {
         if (time == settled) {
-            first = openFiles();
+            first = OpenFiles::now();
         }
         if (!ask()) {
             return false;
         }
     }
-    const std::size_t last = openFiles();
-    if (time > settled && last > first) {
-        found(FindingId::DescriptorsLeft, name + ": " + std::to_string(last - first) + " more after " +
-                                              std::to_string(time - settled) + " calls");
+    const std::string more = time > settled ? OpenFiles::now().moreThan(first) : "";
+    if (!more.empty()) {
+        found(FindingId::DescriptorsLeft,
+              name + ": " + more + " after " + counted(static_cast<std::size_t>(time - settled), "call"));
     }
     return true;
 }
@@ -868,17 +913,11 @@ std::optional<Returned> Worker::updateUnderNotices(const Update& update)
 
 namespace
 {
-// What is put back at the end is another one's for that long. The C library's own system() ignores two
-// signals meanwhile.
+// What is put back at the end is another one's for that long; what the call has started may run.
 bool isWrongForAMoment(const common::ProcessChange& change)
 {
     using Kind = common::ProcessChange::Kind;
-    const auto is = [&](int signal) {
-        return change.seen.find(common::signalName(signal)) != std::string::npos;
-    };
-    return change.kind == Kind::kDirectory || change.kind == Kind::kFileModeMask ||
-           change.kind == Kind::kEnvironment ||
-           (change.kind == Kind::kSignals && !is(SIGINT) && !is(SIGQUIT));
+    return change.kind != Kind::kTimer && change.kind != Kind::kThread && change.kind != Kind::kProcess;
 }
 } // namespace
 

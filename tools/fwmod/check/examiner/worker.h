@@ -113,6 +113,8 @@ private:
     bool isSuspect(const std::string& call) const;
     std::optional<Returned> call(const std::string& name, std::chrono::milliseconds limit,
                                  const std::function<int()>& function);
+    void forgetMoments();
+    void complainOfMoments(const std::string& name, const std::set<FindingId>& left) const;
     void requireOwnDescriptors(const std::string& name);
     void explainLoadError(const std::string& error) const;
     void lookForClashes() const;
@@ -136,8 +138,15 @@ private:
     tarnwick_getUpdateProgress_fn* getUpdateProgress_ = nullptr;
 };
 
-// Descriptors of the process, and mappings of the hardware's files: what a call must close.
-std::size_t openFiles();
+// What a call must close: descriptors of the process, and mappings of the hardware's files.
+struct OpenFiles {
+    std::size_t descriptors = 0;
+    std::size_t mappings = 0;
+
+    static OpenFiles now();
+    // "2 descriptors more", or ""; what has become less does not count.
+    std::string moreThan(const OpenFiles& before) const;
+};
 
 // How long a doUpdate may take before it counts as hanging.
 std::chrono::milliseconds updateLimit(const Job& job);

@@ -16,18 +16,21 @@ namespace fwmod
 {
 
 struct Job {
-    std::string name;                   // of the library
-    std::string library;                // its file
-    bool isExternal = false;            // finds its image itself
-    bool hasHardware = false;           // files that it may find
-    std::string image;                  // what doUpdate gets: the image's path, or an external module's
-                                        // name; "" when there is none to update with
-    std::string imageDirectory;         // as the set has it; "" without an image
-    std::uint64_t checksum = 0;         // 0 for an external module
-    std::optional<std::string> version; // offered
-    unsigned int expectedTime = 0;      // seconds
-    int caller = 0;                     // of setContext
-    std::set<std::string> otherNames;   // that it exports beside the entry points
+    std::string name;           // of the library
+    std::string library;        // its file
+    bool isExternal = false;    // finds its image itself
+    bool hasHardware = false;   // files that it may find
+    std::string image;          // what doUpdate gets: the image's path, or an external module's
+                                // name; "" when there is none to update with
+    std::string imageDirectory; // as the set has it; "" without an image
+    std::uint64_t checksum = 0; // 0 for an external module
+    std::string otherImage;     // another sound one, for leftovers; "" when there is none
+    std::string otherDirectory; // that it is in
+    std::uint64_t otherChecksum = 0;
+    std::optional<std::string> version;         // offered
+    unsigned int expectedTime = 0;              // seconds
+    int caller = 0;                             // of setContext
+    std::set<std::string> otherNames;           // that it exports beside the entry points
     std::map<std::string, std::string> mangled; // entry point and its C++ name, where only that is exported
 
     // From the update that was measured.

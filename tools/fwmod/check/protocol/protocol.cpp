@@ -38,7 +38,9 @@ void exchange(Exchange& member, FaultPlaces& places)
     member("middleWrite", places.middleWrite);
     member("lateWrite", places.lateWrite);
     member("keyWrites", places.keyWrites);
-    member("lastWrites", places.lastWrites);
+    member("spoiltWrites", places.spoiltWrites);
+    member("mapped", places.isMapped);
+    member("hastyRemovals", places.hastyRemovals);
     member("flushes", places.flushes);
 }
 
@@ -90,6 +92,9 @@ void exchange(Exchange& member, Job& job)
     member("image", job.image);
     member("imageDirectory", job.imageDirectory);
     member("checksum", job.checksum);
+    member("otherImage", job.otherImage);
+    member("otherDirectory", job.otherDirectory);
+    member("otherChecksum", job.otherChecksum);
     member("version", job.version);
     member("expectedTime", job.expectedTime);
     member("caller", job.caller);

@@ -52,30 +52,6 @@ void bindReadOnly(const fs::path& source, const fs::path& target)
           "cannot make " + target.string() + " read-only");
 }
 
-void copyEntry(const fs::path& from, const fs::path& to)
-{
-    const fs::file_status status = fs::symlink_status(from);
-    if (fs::is_directory(status)) {
-        fs::create_directories(to);
-    } else if (fs::is_symlink(status)) {
-        fs::copy_symlink(from, to);
-    } else if (fs::is_fifo(status)) {
-        check(mkfifo(to.c_str(), 0600), "cannot make the pipe " + to.string());
-    } else if (fs::is_regular_file(status)) {
-        common::copyFile(from, to);
-    } else {
-        return; // a socket: nobody listens to it any more
-    }
-    struct stat file = {};
-    check(lstat(from.c_str(), &file), "cannot look at " + from.string());
-    if (geteuid() == 0 && lchown(to.c_str(), file.st_uid, file.st_gid) != 0) {
-        check(-1, "cannot give away " + to.string());
-    }
-    if (!fs::is_symlink(status)) {
-        check(chmod(to.c_str(), file.st_mode & 07777), "cannot set the mode of " + to.string());
-    }
-}
-
 // As the daemon runs: its user where there is one, and nothing to gain.
 void becomeDaemon()
 {
@@ -123,6 +99,30 @@ void makeMachineRoom(const std::string& imageDirectory)
     }
     fs::create_directories(kRoom);
     check(mount("machines", kRoom, "tmpfs", 0, "mode=0755"), "cannot make memory for the experiments");
+}
+
+void copyEntry(const fs::path& from, const fs::path& to)
+{
+    const fs::file_status status = fs::symlink_status(from);
+    if (fs::is_directory(status)) {
+        fs::create_directories(to);
+    } else if (fs::is_symlink(status)) {
+        fs::copy_symlink(from, to);
+    } else if (fs::is_fifo(status)) {
+        check(mkfifo(to.c_str(), 0600), "cannot make the pipe " + to.string());
+    } else if (fs::is_regular_file(status)) {
+        common::copyFile(from, to);
+    } else {
+        return; // a socket: nobody listens to it any more
+    }
+    struct stat file = {};
+    check(lstat(from.c_str(), &file), "cannot look at " + from.string());
+    if (geteuid() == 0 && lchown(to.c_str(), file.st_uid, file.st_gid) != 0) {
+        check(-1, "cannot give away " + to.string());
+    }
+    if (!fs::is_symlink(status)) {
+        check(chmod(to.c_str(), file.st_mode & 07777), "cannot set the mode of " + to.string());
+    }
 }
 
 void copyTree(const fs::path& from, const fs::path& to)

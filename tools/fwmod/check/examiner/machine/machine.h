@@ -55,6 +55,9 @@ private:
 // before the first machine.
 void makeMachineRoom(const std::string& imageDirectory);
 
+// Copies a file, a link, a pipe or an empty directory with its owner and mode.
+void copyEntry(const std::filesystem::path& from, const std::filesystem::path& to);
+
 // Copies directories, files and links with their owners and modes.
 void copyTree(const std::filesystem::path& from, const std::filesystem::path& to);
 
