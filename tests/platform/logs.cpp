@@ -166,6 +166,23 @@ std::string tagOfItsTime()
     return count(name) == 1 ? "" : "it has another tag";
 }
 
+std::string sameTextThrice()
+{
+    const std::string name = mark("same");
+    for (int time = 0; time < 3; ++time) {
+        __norlog_print(kSystem, kError, "PROOF", "%s", name.c_str());
+    }
+    const int written = static_cast<int>(count(name));
+    return written == 3 ? "" : std::to_string(written) + " of three are written";
+}
+
+std::string lettersOfManyBytes()
+{
+    const std::string name = mark("letters") + " \xC3\xA4\xE2\x82\xAC";
+    __norlog_print(kSystem, kError, "PROOF", "%s", name.c_str());
+    return count(name) == 1 ? "" : "they are gone";
+}
+
 std::string longMinorText()
 {
     constexpr int kDebug = 3;
@@ -220,6 +237,8 @@ const std::vector<Proof>& logProofs()
         {"log-slow-now-and-then", longestOfMany},
         {"log-tag-kept", tagOfItsTime},
         {"log-minor-cut", longMinorText},
+        {"log-repeats-swallowed", sameTextThrice},
+        {"log-letters-lost", lettersOfManyBytes},
         {"log-percent-m-first", callersErrno},
         {"trace-errno-lost", errnoKeptByRecorder},
         {"trace-long-crashes", longTextInRecorder, kSegmentationFault},

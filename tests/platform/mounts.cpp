@@ -208,6 +208,14 @@ const std::vector<Proof>& mountProofs()
         {"mount-with-devices", withoutDevices},
         {"mount-same-image", eachItsImage},
         {"mount-failure-in-errno", missingImage},
+        {"mount-lock-left",
+         [] {
+             char command[1024] =
+                 "-o ro,loop,nodev,nosuid /srv/missing.img /opt/usr/apps/appbinarymanager/emps/gone";
+             int result = 0;
+             PS_Mount(command, sizeof command, 0, &result);
+             return fs::exists("/opt/usr/apps/appbinarymanager/emps/gone.lock") ? "it is there" : "";
+         }},
         {"umount-busy-succeeds", busyDirectory},
         {"mount-held-open", freeDirectory},
         {"mount-later", mountedOnReturn},

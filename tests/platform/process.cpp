@@ -143,6 +143,12 @@ const std::vector<Proof>& processProofs()
         {"process-children-ignored", childrenKept},
         {"process-umask", maskKept},
         {"process-locale-when-loaded", localeAtStart},
+        {"process-handlers-when-loaded",
+         [] {
+             struct sigaction action = {};
+             sigaction(SIGABRT, nullptr, &action);
+             return action.sa_handler == SIG_DFL ? "" : "there is one";
+         }},
         {"process-descriptor-flags", descriptorFlags},
         {"process-alarm-taken", ownAlarm},
         {"process-thread-descriptors", threadsThatComeAndGo},

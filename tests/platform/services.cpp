@@ -350,6 +350,23 @@ std::string identifierOfItsTime()
     return packages.toStyledString().find(wanted) != std::string::npos ? "" : "another one was asked for";
 }
 
+std::string identifierAfterTheCall()
+{
+    const std::string wanted = "empProofOfCapitals";
+    const std::string name = wanted;
+    appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, name);
+    return name == wanted ? "" : "it is " + name;
+}
+
+std::string noticeOfAnotherThread()
+{
+    hangwatch_register_watchdog_service(60);
+    int result = 0;
+    std::thread([&] { result = hangwatch_watchdog_notify(); }).join();
+    hangwatch_unregister_watchdog_service();
+    return result == 0 ? "" : "the result is " + std::to_string(result);
+}
+
 } // namespace
 
 const std::vector<Proof>& serviceProofs()
@@ -388,6 +405,7 @@ const std::vector<Proof>& serviceProofs()
         {"watchdog-once", [] { return registered(2); }},
         {"watchdog-impatient", periodKept, 128 + 9},
         {"watchdog-slow", noticeAtOnce},
+        {"watchdog-of-one-thread", noticeOfAnotherThread},
         {"watchdog-never-forgets", leftAlone, 128 + 9},
         {"watchdog-broken-pipe",
          [] {
@@ -399,6 +417,7 @@ const std::vector<Proof>& serviceProofs()
         {"package-null-callback-called", unknownPackage, kSegmentationFault},
         {"package-told-elsewhere", threadOfPackage},
         {"package-identifier-kept", identifierOfItsTime},
+        {"package-identifier-changed", identifierAfterTheCall},
     };
     return proofs;
 }

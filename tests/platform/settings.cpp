@@ -1,5 +1,6 @@
 // pralis.h
 #include <chrono>
+#include <csignal>
 #include <fcntl.h>
 #include <thread>
 #include <unistd.h>
@@ -319,6 +320,12 @@ const std::vector<Proof>& settingsProofs()
         {"settings-notified-elsewhere", toldThread},
         {"settings-notified-inside-set", toldThreadOfAnothersWrite},
         {"settings-told-after-ignore", toldAfterIgnore},
+        {"settings-end-of-none-crashes",
+         [] {
+             pralis_ignore_key_changed("memory/proof/nobody_ever", noteValue);
+             return "";
+         },
+         128 + SIGABRT},
         {"settings-ignore-ends-all", otherKeyAfterIgnore},
         {"settings-old-value-told", toldValue},
         {"settings-node-gives-status", toldValue},

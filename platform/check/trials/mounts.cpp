@@ -401,19 +401,23 @@ void tryTogether(Trial& trial)
     }
     const MountPoint first(trial, "");
     const MountPoint second(trial, "2");
+    const auto wrongWith = [&](const fs::path& directory) -> std::string {
+        const Answer mounted = mount(trial, image, directory);
+        const bool isThere = isMounted(directory);
+        const Answer unmounted = unmount(trial, directory);
+        const bool isRight = mounted.ok() && isThere && unmounted.ok() && !isMounted(directory);
+        return isRight ? "" : mounted.text() + ", then unmounted: " + unmounted.text();
+    };
+    if (!wrongWith(first.path()).empty()) {
+        return; // what is wrong alone is told elsewhere
+    }
     const auto work = [&](const fs::path& directory) {
         const std::int64_t end = common::realNow() + std::chrono::nanoseconds(400ms).count();
-        for (int time = 0; time < 6 && (time == 0 || common::realNow() < end); ++time) {
-            const Answer mounted = mount(trial, image, directory);
-            const bool isThere = isMounted(directory);
-            const Answer unmounted = unmount(trial, directory);
-            if (!trial.require(mounted.ok() && isThere && unmounted.ok() && !isMounted(directory),
-                               FindingId::NotTogether,
-                               "mounts of two threads: " + mounted.text() +
-                                   ", then unmounted: " + unmounted.text())) {
-                return;
-            }
+        std::string wrong;
+        for (int time = 0; wrong.empty() && time < 6 && (time == 0 || common::realNow() < end); ++time) {
+            wrong = wrongWith(directory);
         }
+        trial.require(wrong.empty(), FindingId::NotTogether, "mounts of two threads: " + wrong);
     };
     std::thread beside(work, second.path());
     work(first.path());

@@ -129,6 +129,7 @@ void repeat(Trial& trial, const Repeated& repeated)
     constexpr int kFirstWindows = 2;
     constexpr int kLeastWindows = 20; // then a slow machine may give up
     constexpr std::chrono::seconds kMostTime = 15s;
+    constexpr std::chrono::nanoseconds kTooLate = 15s; // after that
     std::vector<const Growth*> growing;
     for (const Growth& growth : kGrowths) {
         growing.push_back(&growth);
@@ -153,6 +154,9 @@ void repeat(Trial& trial, const Repeated& repeated)
         };
         growing.erase(std::remove_if(growing.begin(), growing.end(), stays), growing.end());
         before = after;
+        if (window < kLeastWindows && common::realNow() > end + kTooLate.count()) {
+            growing.clear(); // calls that take seconds are told as that
+        }
     }
     for (const Growth* const growth : growing) {
         trial.found(growth->id, std::string(titleOf(repeated.name)) + ": " +
