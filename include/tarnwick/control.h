@@ -31,8 +31,9 @@
  * directory, its signal handlers, its locale, its environment, its file mode mask or its limits (setrlimit),
  * not even for a moment (system(3) changes handlers), or leave a timer or an alarm running: the process is
  * shared with every other module, and other threads are at work. Close what a call has opened, and nothing
- * else; wait for its children. The daemon's own libraries (GLib, Boost, JsonCpp and what they need) are in
- * that process, and their names come first: export nothing but the nine functions.
+ * else; change no flag (O_NONBLOCK) of another descriptor; wait for its children. The daemon's own libraries
+ * (GLib, Boost, JsonCpp and what they need) are in that process, and their names come first: export nothing
+ * but the nine functions.
  *
  *
  * Threads
@@ -70,9 +71,9 @@
  *     moment, and let the next doUpdate start over or resume. What a cut-off update has left may be of
  *     another image: do not take it for this one. Flush the new firmware (fsync) before the write that makes
  *     it the active one, and that write (of a name: the directory) before you return, and before the old
- *     firmware is removed or overwritten. An msync without MS_SYNC flushes nothing. Hardware that
- *     has room for one firmware only tells a version below every other, such as 0.0, until there is a whole
- *     one again. Destructors and exit handlers do not run.
+ *     firmware is removed or overwritten. An msync without MS_SYNC flushes nothing. Hardware that has room
+ *     for one firmware only tells a version below every other, such as 0.0, until there is a whole one again.
+ *     Destructors and exit handlers do not run.
  *
  * The interface is frozen: names, types and numbers below do not change.
  */

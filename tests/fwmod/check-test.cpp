@@ -142,11 +142,14 @@ TEST_F(Check, WrongUseIsToldFromFailure)
         {{tuner, "--package", package, "--firmware", firmware}, 2},
         {{soundbar, "--package", package}, 2},
         {{tuner, "--package", "Tuner.img"}, 2}, // a name that the daemon would not look for
+        {{tuner, "--other", package}, 2},       // beside no first one
         {{"nowhere.so"}, 1},
         {{tuner, "--package", "nowhere.img"}, 1},
         {{tuner, "--package", tuner}, 2},
         {{tuner, "--hardware", "nowhere"}, 1},
         {{tuner, "--firmware", kExamples / "images"}, 1},
+        {{tuner, "--package", package, "--other", "nowhere.img"}, 1},
+        {{tuner, "--package", package, "--other", kExamples / "images"}, 1},
     };
     for (const auto& [arguments, status] : cases) {
         const Outcome outcome = check(arguments);
@@ -266,8 +269,8 @@ TEST_F(Check, InterruptionRemovesTheSet)
 
 TEST_F(Check, ExampleWithAPackageIsSound)
 {
-    expectSound({kExamples / "tuner.so", "--package", kExamples / "images/1.1/empTuner.img", "--hardware",
-                 kHardware});
+    expectSound({kExamples / "tuner.so", "--package", kExamples / "images/1.1/empTuner.img", "--other",
+                 kExamples / "images/1.0/Tuner", "--hardware", kHardware});
 }
 
 TEST_F(Check, ExampleInTheSystemImageIsSound)
@@ -278,8 +281,8 @@ TEST_F(Check, ExampleInTheSystemImageIsSound)
 
 TEST_F(Check, ExternalExampleIsSound)
 {
-    expectSound({kExamples / "EXT-soundbar.so", "--firmware", kExamples / "images/1.1/Soundbar", "--hardware",
-                 kHardware});
+    expectSound({kExamples / "EXT-soundbar.so", "--firmware", kExamples / "images/1.1/Soundbar", "--other",
+                 kExamples / "images/1.0/Soundbar", "--hardware", kHardware});
 }
 
 // The daemon derives the names from the identifier, so these would never be looked at on a set.

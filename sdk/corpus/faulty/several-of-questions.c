@@ -1,10 +1,10 @@
 // Several faults of the questions and around them, each of another kind.
-// finds: F109 F213 F214 F215 F217 F220 F307 F310 F404 F415 F427
+// finds: F109 F213 F214 F215 F217 F220 F307 F310 F316 F404 F415 F427
 //
 // A helper is exported; setContext is slow once, and fails without the chip, whose version is told then;
 // allUpdateDone chooses the environment's locale and fails without an update; a third number is not looked
 // at; the expected time is in milliseconds, the progress from 0 to 2; an image stays open until the next one;
-// an update's version is remembered.
+// an update's version is remembered. What is said on standard error must not wait.
 #include <locale.h>
 #define BLOCK_MS 40
 #define OWN_setContext
@@ -39,6 +39,7 @@ int setContext(const char* name, int caller, char* context)
 
 int getActiveVersion(char* out)
 {
+    fcntl(STDERR_FILENO, F_SETFL, fcntl(STDERR_FILENO, F_GETFL) | O_NONBLOCK);
     if (!corpus_is_there()) {
         strcpy(out, "unknown");
         return 0;

@@ -1,8 +1,9 @@
 // Several faults of a library that keeps its releases in directories, each of another kind.
-// finds: F209 F217 F412 F425
+// finds: F209 F217 F412 F425 F506
 //
-// No name of a release's file is flushed. Versions may have signs and blanks, and three numbers of them
-// count. An image with a damaged line is refused without a cause.
+// No name of a release's file is flushed, and the old release is removed before the link to the new one is.
+// Versions may have signs and blanks, and three numbers of them count. An image with a damaged line is
+// refused without a cause.
 #define _GNU_SOURCE
 #include <sys/stat.h>
 #define OWN_readVersion
@@ -118,7 +119,7 @@ static inline int install(void)
 {
     char now[16] = "";
     const ssize_t length = readlink(LINK, now, sizeof now - 1);
-    if (access(HARDWARE, W_OK) != 0) {
+    if (length <= 0 && access(HARDWARE, W_OK) != 0) {
         return -1;
     }
     const char* const next = length > 0 && strcmp(now, "r1") == 0 ? "r2" : "r1";
@@ -126,14 +127,15 @@ static inline int install(void)
     snprintf(room, sizeof room, ROOM "%s", next);
     setProgress(0);
     unlink(LINK ".next");
-    if (writeRelease(room) != 0 || symlink(next, LINK ".next") != 0 || rename(LINK ".next", LINK) != 0 ||
-        flushDirectory() != 0) {
+    if (writeRelease(room) != 0 || symlink(next, LINK ".next") != 0 || rename(LINK ".next", LINK) != 0) {
         return -1;
     }
     if (length > 0) {
         snprintf(room, sizeof room, ROOM "%s", now);
         removeRelease(room);
+    } else {
+        unlink(HARDWARE); // the factory's
     }
     setProgress(100);
-    return 0;
+    return flushDirectory();
 }

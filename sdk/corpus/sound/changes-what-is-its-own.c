@@ -1,5 +1,6 @@
 // What is the thread's or a child's own is changed; what is the process's is looked at and set to what it is.
 // finds: nothing
+// runs: whole
 #define _GNU_SOURCE
 #define OWN_getActiveVersion
 #include <locale.h>

@@ -1,5 +1,6 @@
 // The image is handed over in a file that nobody flushes; what is made of that is flushed.
 // finds: nothing
+// runs: whole
 //
 // The old firmware gets a second name meanwhile, and a line of a log, unflushed, comes last.
 #define OWN_chipWrite

@@ -1,5 +1,6 @@
 // Two slots in mapped memory: the new firmware is flushed, then the mark, of which it is the active one.
 // finds: nothing
+// runs: whole
 #include <sys/mman.h>
 #define OWN_install
 #include "base.h"

@@ -1,5 +1,6 @@
 // An update that was cut off is gone on with when it was of the same image, as a checksum of the whole tells.
 // finds: nothing
+// runs: whole
 #define OWN_checkImage
 #define OWN_writeSlot
 #include "base.h"

@@ -1,5 +1,6 @@
 // doUpdate runs a command, with signals of its own, and waits for it.
 // finds: nothing
+// runs: whole
 #define _GNU_SOURCE
 #define OWN_verifySlot
 #include <signal.h>

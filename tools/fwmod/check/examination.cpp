@@ -211,10 +211,6 @@ void Examination::addFirmware()
 void Examination::addOther()
 {
     constexpr const char* kOther = "/srv/other";
-    if (job_.image.empty()) {
-        throw common::WrongUse(
-            "--other: it is another one beside that of --package or --firmware; give that, too");
-    }
     const std::string name = request_.package.empty()
                                  ? std::string(fs::canonical(request_.firmware).filename())
                                  : firmwareName(request_.package.stem(), "--package: the name");

@@ -41,6 +41,10 @@ int check(const CheckOptions& options)
     if (request.library.empty()) {
         throw common::WrongUse("name the library to check, or --list-findings for what can be found");
     }
+    if (!request.other.empty() && request.package.empty() && request.firmware.empty()) {
+        throw common::WrongUse(
+            "--other: it is an image beside that of --package or --firmware; give that, too");
+    }
     requireReadable(request.library);
     if (!request.package.empty()) {
         requireReadable(request.package);

@@ -81,11 +81,10 @@ std::vector<unsigned int> firmwareWrites(const Writes& writes)
     return numbers;
 }
 
-// The first write of the content, some in its middle, and the last ones of a few files.
+// The first write of the content, one before its middle, and the last ones of a few files.
 std::set<unsigned int> writesToSpoil(const Writes& writes)
 {
     constexpr std::size_t kMostEnds = 4;
-    constexpr std::size_t kPieces = 4;
     const std::vector<unsigned int> all = firmwareWrites(writes);
     std::map<std::string, unsigned int> ends;
     for (const unsigned int number : all) {
@@ -97,11 +96,8 @@ std::set<unsigned int> writesToSpoil(const Writes& writes)
             chosen.insert(number);
         }
     }
-    for (std::size_t piece = 0; piece < kPieces && !all.empty(); ++piece) {
-        chosen.insert(all[piece * all.size() / kPieces]);
-    }
-    if (!all.empty()) {
-        chosen.insert(all.back());
+    if (!all.empty()) { // the middle and what is late are chosen by the bytes
+        chosen.insert({all.front(), all[all.size() / 4], all.back()});
     }
     return chosen;
 }
@@ -125,8 +121,16 @@ FaultPlaces faultPlacesOf(const Writes& writes)
 {
     constexpr double kMiddle = 0.5;
     constexpr double kLate = 0.8; // behind a copy of the old firmware, before a spare one of the new
-    return {writeAtPart(writes, kMiddle), writeAtPart(writes, kLate), keyWritesOf(writes),
-            writesToSpoil(writes),        hastyRemovals(writes),      flushesToFail(writes)};
+    const std::set<unsigned int> spoilt = writesToSpoil(writes);
+    FaultPlaces places;
+    places.middleWrite = writeAtPart(writes, kMiddle);
+    places.lateWrite = writeAtPart(writes, kLate);
+    places.endWrite = spoilt.empty() ? 0 : *spoilt.rbegin();
+    places.keyWrites = keyWritesOf(writes);
+    places.spoiltWrites = spoilt;
+    places.hastyRemovals = hastyRemovals(writes);
+    places.flushes = flushesToFail(writes);
+    return places;
 }
 
 // ---- Faults ----

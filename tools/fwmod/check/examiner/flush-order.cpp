@@ -137,19 +137,18 @@ bool isHandedOver(SeenWrite write, const std::vector<SeenWrite>& open, const std
 }
 
 // What is not flushed when a file gets its name, and should be: the file itself, what is in the directory, or
-// firmware elsewhere that the name may select. `at` is the naming.
-std::optional<SeenWrite> unflushedAt(const std::vector<SeenWrite>& all, std::size_t at,
-                                     const std::vector<SeenWrite>& open, const Machine& machine)
+// firmware elsewhere that the name may select.
+std::optional<SeenWrite> unflushedAt(const SeenWrite& naming, const std::vector<SeenWrite>& before,
+                                     const std::vector<SeenWrite>& later, const std::vector<SeenWrite>& open,
+                                     const Machine& machine)
 {
-    const SeenWrite& naming = all[at];
     const auto own = std::find_if(open.begin(), open.end(), [&](const SeenWrite& write) {
         return isAtOrBelow(write.path, naming.source);
     });
     if (own != open.end()) {
         return *own;
     }
-    const auto begin = all.begin() + static_cast<std::ptrdiff_t>(at);
-    if (isOfBefore({all.begin(), begin}, naming)) {
+    if (isOfBefore(before, naming)) {
         return std::nullopt;
     }
     std::set<std::string> handedOver;
@@ -157,31 +156,66 @@ std::optional<SeenWrite> unflushedAt(const std::vector<SeenWrite>& all, std::siz
         if (!write.isOfFirmware() || handedOver.count(write.path) != 0) {
             continue;
         }
-        if (!isHandedOver(write, open, {begin, all.end()}, machine)) {
+        if (!isHandedOver(write, open, later, machine)) {
             return write;
         }
         handedOver.insert(write.path);
     }
     return std::nullopt;
 }
+
+// A new file that gets its name, has content, and of which neither a write nor a flush was seen: it was
+// mapped.
+bool isStoredUnflushed(const SeenWrite& naming, const std::vector<SeenWrite>& before,
+                       const std::vector<SeenWrite>& later, const Machine& machine)
+{
+    constexpr std::uintmax_t kNote = 256; // bytes
+    const bool isSeen = std::any_of(before.begin(), before.end(), [&](const SeenWrite& write) {
+        const bool isOwn = isAtOrBelow(write.path, naming.source);
+        const bool isLink = write.isNaming() && write.call.rfind("rename", 0) != 0; // written by another name
+        return (isOwn && (write.bytes > 0 || isLink)) || (write.isFlush() && (isOwn || write.path.empty()));
+    });
+    if (isSeen || wasThere(naming.source) || naming.call.rfind("rename", 0) != 0) {
+        return false;
+    }
+    std::string path = naming.source;
+    for (const SeenWrite& each : later) {
+        rename(path, each);
+    }
+    return openPlain(machine.file(path), O_RDONLY) && contentOf(machine.file(path)).size() >= kNote;
+}
+
+// What is wrong with this naming, in words; "" when nothing is.
+std::string whyTooEarly(const SeenWrite& naming, const std::vector<SeenWrite>& before,
+                        const std::vector<SeenWrite>& later, const std::vector<SeenWrite>& open,
+                        const Machine& machine)
+{
+    const std::string text = naming.path + " got its name (" + naming.call + ") before what was ";
+    if (isStoredUnflushed(naming, before, later, machine)) {
+        return text + "stored into it, as mapped memory, was flushed";
+    }
+    if (const auto unflushed = unflushedAt(naming, before, later, open, machine)) {
+        return text + "written into " + (unflushed->path == naming.source ? "it" : unflushed->path) +
+               " was flushed";
+    }
+    return "";
+}
 } // namespace
 
 void judgeFlushes(const Writes& writes, const Machine& machine, Report& report)
 {
     judgeMappedMemory(writes, report);
-    std::vector<SeenWrite> open; // content that no flush of it has followed yet
-    for (std::size_t at = 0; at < writes.all.size(); ++at) {
-        const SeenWrite& write = writes.all[at];
-        const auto unflushed =
-            write.isNaming() ? unflushedAt(writes.all, at, open, machine) : std::optional<SeenWrite>();
-        if (unflushed) {
-            const bool isOwn = unflushed->path == write.source;
-            report.add({FindingId::NotFlushed, write.path + " got its name (" + write.call +
-                                                   ") before what was written into " +
-                                                   (isOwn ? "it" : unflushed->path) + " was flushed"});
-            return;
+    std::vector<SeenWrite> open;   // content that no flush of it has followed yet
+    std::vector<SeenWrite> before; // by the names that the files have now
+    for (auto write = writes.all.begin(); write != writes.all.end(); ++write) {
+        const std::string why =
+            write->isNaming() ? whyTooEarly(*write, before, {write, writes.all.end()}, open, machine) : "";
+        if (!why.empty()) {
+            return report.add({FindingId::NotFlushed, why});
         }
-        addTo(open, write);
+        addTo(open, *write);
+        before.push_back(*write);
+        rename(before, *write);
     }
     const bool isFlushed = std::any_of(writes.all.begin(), writes.all.end(),
                                        [](const SeenWrite& write) { return write.isFlush(); });
@@ -288,8 +322,9 @@ bool isDestructive(const SeenWrite& write, const SeenWrite& selecting)
 {
     const bool isOverwriting = write.bytes > 0 && (write.path != selecting.path || write.isOfFirmware());
     const bool isCutting = write.call.rfind("truncate", 0) == 0 || write.call.rfind("ftruncate", 0) == 0;
-    return (isRemoval(write) || isOverwriting || isCutting) && write.path != selecting.source &&
-           wasThere(write.path);
+    const bool isReplacing = write.isNaming() && write.path != selecting.path;
+    return (isRemoval(write) || isOverwriting || isCutting || isReplacing) &&
+           write.path != selecting.source && wasThere(write.path);
 }
 
 // A name, or a note in a file that was there before.

@@ -295,12 +295,12 @@ bool changeByteOf(const SeenWrite& write, const Machine& machine)
 
 // Nothing when one of several next starts brings the offered version, and the image that belongs to it.
 // `what` has been left, in words.
-std::optional<Finding> updateOverRemains(Supervisor& supervisor, Machine& machine, const std::string& what)
+std::optional<Finding> updateOverRemains(Supervisor& supervisor, Machine& machine, int starts,
+                                         const std::string& what)
 {
-    constexpr int kStarts = 3;
     const Job& job = supervisor.job();
     std::string why = "doUpdate did not answer";
-    for (int start = 0; start < kStarts; ++start) {
+    for (int start = 0; start < starts; ++start) {
         const Session look = supervisor.run(machine, startAgain);
         const std::string noAnswer = whyNoAnswer(look, job);
         if (!noAnswer.empty()) {
@@ -321,7 +321,7 @@ std::optional<Finding> updateOverRemains(Supervisor& supervisor, Machine& machin
     if (version != job.versionAfter) {
         const std::string told = "getActiveVersion told " + quote(version) + " after the next update";
         return Finding{FindingId::NoUpdateAfterCut,
-                       what + (why.empty() ? told : "three starts later " + why)};
+                       what + (why.empty() ? told : (starts > 1 ? "three starts later " : "") + why)};
     }
     if (!job.holders.empty() && !isHeld(machine, imageOf(job), job.holders)) {
         return Finding{FindingId::DamagedAfterCut,
@@ -360,7 +360,7 @@ std::optional<Finding> cutOtherImage(Supervisor& supervisor, const OtherImage& o
     Machine machine; // with the offered image again
     std::filesystem::remove_all(machine.file("/var"));
     copyTree(first.file("/var"), machine.file("/var"));
-    return updateOverRemains(supervisor, machine,
+    return updateOverRemains(supervisor, machine, 1,
                              "after an update with " + other.what + " that was cut at write " +
                                  std::to_string(write) + ", ");
 }
@@ -387,8 +387,9 @@ std::optional<Finding> changeRemains(Supervisor& supervisor)
     if (!cut.isCut || !block || !changeByteOf(*block, machine)) {
         return std::nullopt;
     }
+    constexpr int kStarts = 3; // a byte that is another one may be found at the end, and all begun anew then
     return updateOverRemains(
-        supervisor, machine,
+        supervisor, machine, kStarts,
         "with a byte of what had been written changed, as an update with another image leaves it, ");
 }
 } // namespace

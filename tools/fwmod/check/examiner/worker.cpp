@@ -1,6 +1,7 @@
 #include "tools/fwmod/check/examiner/worker.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sys/socket.h>
@@ -255,6 +257,36 @@ FindingId findingOf(common::ProcessChange::Kind kind)
 }
 } // namespace
 
+namespace
+{
+// Of standard input, output and error.
+std::array<int, 3> standardFlags()
+{
+    return {fcntl(STDIN_FILENO, F_GETFL), fcntl(STDOUT_FILENO, F_GETFL), fcntl(STDERR_FILENO, F_GETFL)};
+}
+} // namespace
+
+// Puts them back, so that each call is told of its own.
+void Worker::complainOfFlags(const std::string& name, const std::array<int, 3>& before) const
+{
+    const std::array<int, 3> after = standardFlags();
+    if (after == before) {
+        return;
+    }
+    for (std::size_t descriptor = 0; descriptor < before.size(); ++descriptor) {
+        if (after[descriptor] == before[descriptor]) {
+            continue;
+        }
+        const bool isNonBlocking = (after[descriptor] & O_NONBLOCK) != (before[descriptor] & O_NONBLOCK);
+        found(FindingId::DescriptorFlags, name + " changed the flags of descriptor " +
+                                              std::to_string(descriptor) +
+                                              (isNonBlocking ? ", O_NONBLOCK" : ""));
+    }
+    for (std::size_t descriptor = 0; descriptor < before.size(); ++descriptor) {
+        fcntl(static_cast<int>(descriptor), F_SETFL, before[descriptor]);
+    }
+}
+
 std::optional<Returned> Worker::call(const std::string& name, std::chrono::milliseconds limit,
                                      const std::function<int()>& function)
 {
@@ -263,6 +295,7 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
     }
     const std::optional<ProcessState> before =
         areMannersWatched_ ? std::optional(ProcessState::now()) : std::nullopt;
+    const std::array<int, 3> flags = standardFlags();
     std::optional<Returned> returned;
     try {
         const Stopwatch stopwatch;
@@ -288,6 +321,7 @@ std::optional<Returned> Worker::call(const std::string& name, std::chrono::milli
     if (!before) {
         return returned;
     }
+    complainOfFlags(name, flags);
     if (const int closed = box_.closedTwice.exchange(0); closed != 0) {
         found(FindingId::ForeignDescriptorsClosed,
               name + " closed descriptor " + std::to_string(closed - 1) + ", which was not open any more");
@@ -403,17 +437,15 @@ bool isMangledEntryPoint(const Job& job, const std::string& name)
 }
 } // namespace
 
-// Before the library is loaded: the process has then what the daemon links. What the loader finds in the
-// program itself is no library's.
+// Before the library is loaded: the process has then what the daemon links. The program's own names are
+// passed over: some of them stand in the place of a library's.
 void Worker::lookForClashes() const
 {
-    Dl_info own = {};
     std::string others;
-    dladdr(reinterpret_cast<const void*>(&callName), &own);
     for (const std::string& name : job_.otherNames) {
         Dl_info theirs = {};
-        void* const address = dlsym(RTLD_DEFAULT, name.c_str());
-        if (address != nullptr && dladdr(address, &theirs) != 0 && theirs.dli_fbase != own.dli_fbase) {
+        void* const address = dlsym(RTLD_NEXT, name.c_str());
+        if (address != nullptr && dladdr(address, &theirs) != 0) {
             const std::string file = theirs.dli_fname;
             found(FindingId::ClashingName,
                   name + ", which " + file.substr(file.rfind('/') + 1) + " has, too");

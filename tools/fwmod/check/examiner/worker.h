@@ -4,6 +4,7 @@
 #ifndef TOOLS_FWMOD_CHECK_EXAMINER_WORKER_H
 #define TOOLS_FWMOD_CHECK_EXAMINER_WORKER_H
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -114,6 +115,7 @@ private:
     std::optional<Returned> call(const std::string& name, std::chrono::milliseconds limit,
                                  const std::function<int()>& function);
     void forgetMoments();
+    void complainOfFlags(const std::string& name, const std::array<int, 3>& before) const;
     void complainOfMoments(const std::string& name, const std::set<FindingId>& left) const;
     void requireOwnDescriptors(const std::string& name);
     void explainLoadError(const std::string& error) const;

@@ -12,6 +12,7 @@ namespace fwmod
 struct FaultPlaces {
     unsigned int middleWrite = 0;        // of the content
     unsigned int lateWrite = 0;          // of the content as well, where most of it is written
+    unsigned int endWrite = 0;           // the last of the content
     std::set<unsigned int> keyWrites;    // the first and the last of the content, and those that name a file
     std::set<unsigned int> spoiltWrites; // of the content: the first, some others, and where a few files end
     std::map<unsigned int, unsigned int> hastyRemovals; // where to cut, and the write that may be lost there

@@ -37,6 +37,7 @@ void exchange(Exchange& member, FaultPlaces& places)
 {
     member("middleWrite", places.middleWrite);
     member("lateWrite", places.lateWrite);
+    member("endWrite", places.endWrite);
     member("keyWrites", places.keyWrites);
     member("spoiltWrites", places.spoiltWrites);
     member("mapped", places.isMapped);
