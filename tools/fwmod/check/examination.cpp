@@ -398,7 +398,7 @@ void Examination::examine()
         survey.emplace(measured.writes.value_or(0), request_.everyWrite);
         job_.cuts = survey->chosen();
     }
-    showProgress_("refused images", 0);
+    showProgress_("refused images and power cuts", 0);
     const Report hasty = run("trials", kHaste);
     const std::vector<CutTrial> cuts = takeCuts(hasty);
     take(bringsNews(hasty) ? confirmTrials() : hasty);

@@ -4,12 +4,18 @@
 //
 // measure: what depends on real time, questions and one update. trials: images that must be refused, and
 // power cuts, which do not; the set's clock may be faster.
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <optional>
 #include <string>
+#include <utility>
+#include <variant>
+#include <vector>
 
 #include "common/terminal/command-line.h"
 #include "tools/fwmod/check/examiner/faulty-writes.h"
+#include "tools/fwmod/check/examiner/lanes.h"
 #include "tools/fwmod/check/examiner/lost-hardware.h"
 #include "tools/fwmod/check/examiner/mapped-hardware.h"
 #include "tools/fwmod/check/examiner/power-cuts.h"
@@ -43,7 +49,7 @@ bool measureUpdate(Supervisor& supervisor, const Answers& answers, Report& repor
     return measured.isRepeatable;
 }
 
-void measure(Supervisor& supervisor, Report& report)
+void askAndUpdate(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
     Measured& measured = report.measured;
@@ -60,29 +66,68 @@ void measure(Supervisor& supervisor, Report& report)
     askOfLostHardware(supervisor, answers, isVersionThere, report);
 }
 
-void tryHard(Supervisor& supervisor, Report& report)
+Report measure(Supervisor& supervisor)
 {
-    const Job& job = supervisor.job();
-    if (!job.isCutsOnly) {
-        refuseData(supervisor, report);
-        if (job.hasImage()) {
-            refuseImages(supervisor, report);
-            updateFromElsewhere(supervisor, report);
-            updateAgain(supervisor, report);
-            updateInOneProcess(supervisor, report);
-            updateUnderNotices(supervisor, report);
-            updateUnderQuestions(supervisor, report);
-            updateAfterAnotherImage(supervisor, report);
-            cutPowerTwice(supervisor, report);
-            loseWhatSelects(supervisor, report);
-            cutMappedHardware(supervisor, report);
-            updateLostHardware(supervisor, report);
-            updateFaultyHardware(supervisor, report);
+    Report report;
+    askAndUpdate(supervisor, report);
+    report.calls = supervisor.calls();
+    report.suspects = supervisor.suspects();
+    return report;
+}
+
+// ---- Trials ----
+
+using Trial = void (*)(Supervisor&, Report&);
+
+constexpr Trial kTrialsOfImages[] = {
+    refuseImages,         updateFromElsewhere,     updateAgain,   updateInOneProcess, updateUnderNotices,
+    updateUnderQuestions, updateAfterAnotherImage, cutPowerTwice, loseWhatSelects,    cutMappedHardware,
+    updateLostHardware,   updateFaultyHardware,
+};
+
+// One after the other: what has ended a session is not called again by those that follow.
+void tryAll(Supervisor supervisor, const Lanes::Tell& tell)
+{
+    Report report;
+    refuseData(supervisor, report);
+    if (supervisor.job().hasImage()) {
+        for (const Trial trial : kTrialsOfImages) {
+            trial(supervisor, report);
         }
     }
-    if (!job.cuts.empty()) {
-        cutPower(supervisor, report);
+    report.calls = supervisor.calls();
+    report.suspects = supervisor.suspects();
+    tell(lineOf(report));
+}
+
+void tellProgress(std::size_t done, std::size_t total)
+{
+    const auto percent = static_cast<unsigned int>(done * 100 / std::max<std::size_t>(total, 1));
+    std::puts(lineOf(Progress{"refused images and power cuts", percent}).c_str());
+    std::fflush(stdout);
+}
+
+// The trials beside the power cuts: neither needs what the other has seen.
+Report tryHard(const Supervisor& supervisor)
+{
+    const Job& job = supervisor.job();
+    Lanes lanes;
+    if (!job.isCutsOnly) {
+        lanes.start([&](const Lanes::Tell& tell) { tryAll(supervisor, tell); });
     }
+    cutPower(supervisor, lanes);
+    Report report;
+    std::vector<CutTrial> cuts;
+    lanes.finish([&](const std::string& line) {
+        if (std::optional<CutTrial> cut = readCutTrial(line)) {
+            cuts.push_back(*std::move(cut));
+            tellProgress(cuts.size(), job.cuts.size());
+        } else if (auto other = readLine(line)) {
+            report = std::get<Report>(*std::move(other));
+        }
+    });
+    report.cuts = std::move(cuts);
+    return report;
 }
 
 int examine(const char* jobFile, bool isTrial)
@@ -90,11 +135,7 @@ int examine(const char* jobFile, bool isTrial)
     const Job job = readJob(jobFile);
     makeMachineRoom(job.imageDirectory);
     Supervisor supervisor(job);
-    Report report;
-    (isTrial ? tryHard : measure)(supervisor, report);
-    report.calls = supervisor.calls();
-    report.suspects = supervisor.suspects();
-    std::puts(lineOf(report).c_str());
+    std::puts(lineOf(isTrial ? tryHard(supervisor) : measure(supervisor)).c_str());
     return 0;
 }
 } // namespace

@@ -6,11 +6,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <iterator>
-#include <memory>
 #include <set>
-#include <stdexcept>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -496,33 +492,20 @@ void loseWhatSelects(Supervisor& supervisor, Report& report)
     }
 }
 
-namespace
-{
 // ---- Several at once ----
 
-// Each lane is a process with every so-many-th cut; a line that it writes is shorter than a pipe's atomic
-// size.
-[[noreturn]] void runLane(const Supervisor& original, unsigned int lane, unsigned int lanes, int output)
+namespace
 {
-    prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
-    try {
-        Supervisor supervisor = original;
-        const std::vector<unsigned int> cuts(supervisor.job().cuts.begin(), supervisor.job().cuts.end());
-        bool isOrderJudged = false; // once the new version is told
-        for (std::size_t index = lane; index < cuts.size(); index += lanes) {
-            const unsigned int callsBefore = supervisor.calls();
-            const std::optional<std::vector<Finding>> seen = cutAt(supervisor, cuts[index], isOrderJudged);
-            const CutTrial trial = {cuts[index], seen.has_value(), seen.value_or(std::vector<Finding>()),
-                                    supervisor.calls() - callsBefore};
-            const std::string line = lineOf(trial) + "\n";
-            if (write(output, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-                _exit(EXIT_FAILURE);
-            }
-        }
-        _exit(EXIT_SUCCESS);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "control-examiner: %s\n", error.what());
-        _exit(EXIT_FAILURE);
+// Every so-many-th cut.
+void cutEvery(Supervisor supervisor, unsigned int lane, unsigned int lanes, const Lanes::Tell& tell)
+{
+    const std::vector<unsigned int> cuts(supervisor.job().cuts.begin(), supervisor.job().cuts.end());
+    bool isOrderJudged = false; // once the new version is told
+    for (std::size_t index = lane; index < cuts.size(); index += lanes) {
+        const unsigned int callsBefore = supervisor.calls();
+        const std::optional<std::vector<Finding>> seen = cutAt(supervisor, cuts[index], isOrderJudged);
+        tell(lineOf(CutTrial{cuts[index], seen.has_value(), seen.value_or(std::vector<Finding>()),
+                             supervisor.calls() - callsBefore}));
     }
 }
 
@@ -533,46 +516,13 @@ unsigned int laneCount(std::size_t cuts)
     const std::size_t processors = std::max(std::thread::hardware_concurrency(), 1U);
     return static_cast<unsigned int>(std::min({kMostLanes, kForEachProcessor * processors, cuts}));
 }
-
-void tellProgress(std::size_t done, std::size_t total)
-{
-    std::puts(lineOf(Progress{"power cuts", static_cast<unsigned int>(done * 100 / total)}).c_str());
-    std::fflush(stdout);
-}
 } // namespace
 
-void cutPower(const Supervisor& supervisor, Report& report)
+void cutPower(const Supervisor& supervisor, Lanes& lanes)
 {
-    const std::size_t total = supervisor.job().cuts.size();
-    const unsigned int lanes = laneCount(total);
-    int ends[2];
-    if (pipe(ends) != 0) {
-        throw std::runtime_error("cannot make a pipe");
-    }
-    std::fflush(stdout);
-    std::vector<pid_t> processes;
-    for (unsigned int lane = 0; lane < lanes; ++lane) {
-        processes.push_back(fork());
-        if (processes.back() == 0) {
-            runLane(supervisor, lane, lanes, ends[1]);
-        }
-    }
-    close(ends[1]);
-    const std::unique_ptr<FILE, int (*)(FILE*)> input(fdopen(ends[0], "r"), fclose);
-    char* line = nullptr;
-    std::size_t size = 0;
-    while (getline(&line, &size, input.get()) > 0) {
-        if (std::optional<CutTrial> trial = readCutTrial(line)) {
-            report.cuts.push_back(*std::move(trial));
-        }
-        tellProgress(report.cuts.size(), total);
-    }
-    free(line);
-    for (const pid_t process : processes) {
-        int status = 0;
-        if (waitpid(process, &status, 0) != process || status != 0) {
-            throw std::runtime_error("the power cuts could not all be tried");
-        }
+    const unsigned int count = laneCount(supervisor.job().cuts.size());
+    for (unsigned int lane = 0; lane < count; ++lane) {
+        lanes.start([&](const Lanes::Tell& tell) { cutEvery(supervisor, lane, count, tell); });
     }
 }
 } // namespace fwmod::examiner

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "tools/fwmod/check/examiner/lanes.h"
 #include "tools/fwmod/check/examiner/supervisor.h"
 #include "tools/fwmod/check/protocol/report.h"
 
@@ -30,8 +31,8 @@ void updateAfterAnotherImage(Supervisor& supervisor, Report& report);
 // lost at the cut, and the rest is not.
 void loseWhatSelects(Supervisor& supervisor, Report& report);
 
-// Adds to the report what came of each cut.
-void cutPower(const Supervisor& supervisor, Report& report);
+// Starts lanes which tell a CutTrial of each cut of the job.
+void cutPower(const Supervisor& supervisor, Lanes& lanes);
 
 } // namespace fwmod::examiner
 
