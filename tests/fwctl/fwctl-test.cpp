@@ -1196,7 +1196,8 @@ TEST_F(Fwctl, WatchShowsTheUpdateAsItRuns)
 {
     const Outcome outcome = set.run(
         moments("env --default-signal=INT fwctl watch > /var/watched & comes grep update_turn /var/watched; "
-                "fwctl update tuner & comes grep 'update_turn *fwctl' /var/watched; wait $!; "
+                "fwctl update tuner & comes writes tuner; holds $!; "
+                "comes grep 'update_turn *fwctl' /var/watched; goes_on $!; wait $!; "
                 "kill -INT $(pgrep -x fwctl); comes gone fwctl; cat /var/watched"));
     EXPECT_THAT(outcome.out, ContainsRegex("[0-9:]+  update_turn +free"));
     EXPECT_THAT(outcome.out, ContainsRegex("[0-9:]+  update_turn +fwctl \\(process [0-9]+\\)"));
