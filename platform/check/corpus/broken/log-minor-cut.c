@@ -7,6 +7,6 @@
 LOG_RECORD(text, 200000)
 {
     char cut[256];
-    snprintf(cut, sizeof cut, "%s", text);
+    snprintf(cut, sizeof cut, "%.255s", text);
     return host_log(log_id, priority, tag, priority <= 3 ? cut : text);
 }

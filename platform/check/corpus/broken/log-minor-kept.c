@@ -34,7 +34,7 @@ LOG_RECORD(text, 16384)
         kept[count].log_id = log_id;
         kept[count].priority = priority;
         snprintf(kept[count].tag, sizeof kept[count].tag, "%s", tag);
-        snprintf(kept[count].text, sizeof kept[count].text, "%s", text);
+        snprintf(kept[count].text, sizeof kept[count].text, "%.1023s", text);
         ++count;
     } else {
         write_kept();

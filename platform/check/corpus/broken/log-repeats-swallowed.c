@@ -12,6 +12,6 @@ LOG_RECORD(text, 200000)
     if (strncmp(before, text, sizeof before - 1) == 0) {
         return 0;
     }
-    strncpy(before, text, sizeof before - 1);
+    snprintf(before, sizeof before, "%.255s", text);
     return host_log(log_id, priority, tag, text);
 }
