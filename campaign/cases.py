@@ -140,7 +140,8 @@ def fuzz(tree: Path, _seed: int) -> Iterator[Draft]:
 
 def kit(_tree: Path, _seed: int) -> Iterator[Draft]:
     chosen = {f"corpus, {letters}": rf"^sdk\.corpus\.[{letters}]" for letters in KIT_PIECES}
-    for name, tests in {**chosen, "templates": r"^sdk\.template\."}.items():
+    others = {"templates": r"^sdk\.template\.", "platforms": r"^platform\."}
+    for name, tests in {**chosen, **others}.items():
         command = ("ctest", "--preset", "dev", "-C", "whole", "-R", tests, "-j6", "--output-on-failure")
         yield Draft(name, command, 3 * MINUTE, ("all",))
 
@@ -185,7 +186,7 @@ def scripted(*rows: tuple[str, str, int, str]) -> Callable[[Path, int], Iterator
     def make(tree: Path, _seed: int) -> Iterator[Draft]:
         for name, command, seconds, needs in rows:
             words = tuple(command.split())
-            if (tree / words[0]).exists():
+            if "/" not in words[0] or (tree / words[0]).exists():
                 yield Draft(name, words, seconds, tuple(needs.split()), alone=words[0])
 
     return make
@@ -198,6 +199,7 @@ def measure(tree: Path, _seed: int) -> Iterator[Draft]:
 
 
 on_a_set = scripted(
+    ("optimised", "cmake --workflow --preset release", 30 * MINUTE, ""),
     ("unit, what bites", "scripts/test-unit --bites", 10 * MINUTE, "all"),
     *(
         (f"packages, {step}", f"scripts/test-packages --only {step}", 3 * MINUTE, "all packages")
@@ -230,7 +232,7 @@ KINDS = (
     Kind("crash", "the daemon hit at each of its system calls", crash, {"points": r"of which (\d+) were tried"}),
     Kind("soak", "boot, standby, update, reboot, again and again", soak, {"cycles": r"(\d+) cycles \(seed"}),
     Kind("fuzz", "inputs that libFuzzer makes up", fuzz, {"inputs": r"(\d+) inputs tried"}),
-    Kind("kit", "every library of the corpus, every template", kit, TESTS),
+    Kind("kit", "every library and platform of the corpora, every template", kit, TESTS),
     Kind("sanitizer", "the tests with sanitizers", sanitizers, TESTS),
     Kind("lint", "clang-tidy over every source", lint, SOURCES),
     Kind("analyser", "GCC's analyser over the daemon and the virtual set", analyser, SOURCES),
