@@ -143,7 +143,7 @@ def kit(_tree: Path, _seed: int) -> Iterator[Draft]:
     others = {"templates": r"^sdk\.template\.", "platforms": r"^platform\."}
     for name, tests in {**chosen, **others}.items():
         command = ("ctest", "--preset", "dev", "-C", "whole", "-R", tests, "-j6", "--output-on-failure")
-        yield Draft(name, command, 3 * MINUTE, ("all",))
+        yield Draft(name, command, 3 * MINUTE, ("all", "corpus-whole"))
 
 
 def sanitizers(_tree: Path, _seed: int) -> Iterator[Draft]:
