@@ -1,6 +1,6 @@
 // The C library's own function behind one that this room takes over: real(&poll, "poll").
-#ifndef PROOF_PROCESS_REAL_CALL_H
-#define PROOF_PROCESS_REAL_CALL_H
+#ifndef TESTS_PROOF_PROCESS_REAL_CALL_H
+#define TESTS_PROOF_PROCESS_REAL_CALL_H
 
 #include <dlfcn.h>
 

@@ -1,6 +1,6 @@
 // An answer to a request whose body shall not come.
-#ifndef VSET_CONSOLE_EARLY_ANSWER_H
-#define VSET_CONSOLE_EARLY_ANSWER_H
+#ifndef VSET_CONSOLE_WEB_EARLY_ANSWER_H
+#define VSET_CONSOLE_WEB_EARLY_ANSWER_H
 
 #include <libsoup/soup.h>
 #include <string>

@@ -1,6 +1,6 @@
 // The socket to one page, which is closed when the page does not read what it is told.
-#ifndef VSET_CONSOLE_PAGE_SOCKET_H
-#define VSET_CONSOLE_PAGE_SOCKET_H
+#ifndef VSET_CONSOLE_WEB_PAGE_SOCKET_H
+#define VSET_CONSOLE_WEB_PAGE_SOCKET_H
 
 #include <cstddef>
 #include <cstdint>

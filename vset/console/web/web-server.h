@@ -6,8 +6,8 @@
 //
 // What a request carries is never kept in memory: an upload goes to its file as it comes, all else is
 // dropped.
-#ifndef VSET_CONSOLE_WEB_SERVER_H
-#define VSET_CONSOLE_WEB_SERVER_H
+#ifndef VSET_CONSOLE_WEB_WEB_SERVER_H
+#define VSET_CONSOLE_WEB_WEB_SERVER_H
 
 #include <functional>
 #include <json/json.h>

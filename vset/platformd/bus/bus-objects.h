@@ -1,6 +1,6 @@
 // An interface of the platform on the bus.
-#ifndef VSET_PLATFORMD_BUS_OBJECTS_H
-#define VSET_PLATFORMD_BUS_OBJECTS_H
+#ifndef VSET_PLATFORMD_BUS_BUS_OBJECTS_H
+#define VSET_PLATFORMD_BUS_BUS_OBJECTS_H
 
 #include <functional>
 #include <gio/gio.h>

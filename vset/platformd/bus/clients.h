@@ -1,6 +1,6 @@
 // The programs that talk to the platform, by their bus connections.
-#ifndef VSET_PLATFORMD_CLIENTS_H
-#define VSET_PLATFORMD_CLIENTS_H
+#ifndef VSET_PLATFORMD_BUS_CLIENTS_H
+#define VSET_PLATFORMD_BUS_CLIENTS_H
 
 #include <gio/gio.h>
 #include <json/json.h>

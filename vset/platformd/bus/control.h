@@ -1,6 +1,6 @@
 // The interface for persons and tests: shows the set, and makes things happen to it.
-#ifndef VSET_PLATFORMD_CONTROL_H
-#define VSET_PLATFORMD_CONTROL_H
+#ifndef VSET_PLATFORMD_BUS_CONTROL_H
+#define VSET_PLATFORMD_BUS_CONTROL_H
 
 #include <string>
 

@@ -1,6 +1,6 @@
 // The interface that the platform library calls: each method is one call of its headers.
-#ifndef VSET_PLATFORMD_SERVICES_H
-#define VSET_PLATFORMD_SERVICES_H
+#ifndef VSET_PLATFORMD_BUS_SERVICES_H
+#define VSET_PLATFORMD_BUS_SERVICES_H
 
 #include <string>
 #include <vector>

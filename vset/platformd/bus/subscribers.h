@@ -1,6 +1,6 @@
 // Who has asked to hear of which event.
-#ifndef VSET_PLATFORMD_SUBSCRIBERS_H
-#define VSET_PLATFORMD_SUBSCRIBERS_H
+#ifndef VSET_PLATFORMD_BUS_SUBSCRIBERS_H
+#define VSET_PLATFORMD_BUS_SUBSCRIBERS_H
 
 #include <json/json.h>
 #include <map>

@@ -3,8 +3,8 @@
 // A package NAME is the file NAME.img of the feed directory. It gets to its place whole or not at all:
 // whoever looks sees the old image or the new one. A name that the feed does not have is taken like any
 // other, and nothing comes. The service also sets the marker that tells other services that it is ready.
-#ifndef VSET_PLATFORMD_PACKAGES_H
-#define VSET_PLATFORMD_PACKAGES_H
+#ifndef VSET_PLATFORMD_MODEL_PACKAGES_H
+#define VSET_PLATFORMD_MODEL_PACKAGES_H
 
 #include <cstdint>
 #include <json/json.h>

@@ -2,8 +2,8 @@
 //
 // A power-off or a reboot is carried out once no lock is held and a second has passed, in which everybody can
 // react to its event. What was asked for is kept over the reboot.
-#ifndef VSET_PLATFORMD_POWER_H
-#define VSET_PLATFORMD_POWER_H
+#ifndef VSET_PLATFORMD_MODEL_POWER_H
+#define VSET_PLATFORMD_MODEL_POWER_H
 
 #include <cstdint>
 #include <json/json.h>

@@ -1,6 +1,6 @@
 // System information: texts by number, kept over a reboot.
-#ifndef VSET_PLATFORMD_PROPERTIES_H
-#define VSET_PLATFORMD_PROPERTIES_H
+#ifndef VSET_PLATFORMD_MODEL_PROPERTIES_H
+#define VSET_PLATFORMD_MODEL_PROPERTIES_H
 
 #include <json/json.h>
 #include <map>

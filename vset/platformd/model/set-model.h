@@ -1,8 +1,8 @@
 // All that the platform knows of its set, in parts that can be read, changed and listened to.
 //
 // The bus interfaces, and whoever else shows the set, stand on this. Main thread only.
-#ifndef VSET_PLATFORMD_SET_MODEL_H
-#define VSET_PLATFORMD_SET_MODEL_H
+#ifndef VSET_PLATFORMD_MODEL_SET_MODEL_H
+#define VSET_PLATFORMD_MODEL_SET_MODEL_H
 
 #include <gio/gio.h>
 #include <json/json.h>

@@ -1,6 +1,6 @@
 // The settings store: integer keys. Keys under "memory/" are forgotten at a reboot of the set.
-#ifndef VSET_PLATFORMD_SETTINGS_H
-#define VSET_PLATFORMD_SETTINGS_H
+#ifndef VSET_PLATFORMD_MODEL_SETTINGS_H
+#define VSET_PLATFORMD_MODEL_SETTINGS_H
 
 #include <cstdint>
 #include <json/json.h>

@@ -2,8 +2,8 @@
 //
 // A period that passes without a notification is recorded as missed, and the next one begins: the set of this
 // PC does not restart the service, so that one can see what it does.
-#ifndef VSET_PLATFORMD_WATCHDOG_H
-#define VSET_PLATFORMD_WATCHDOG_H
+#ifndef VSET_PLATFORMD_MODEL_WATCHDOG_H
+#define VSET_PLATFORMD_MODEL_WATCHDOG_H
 
 #include <cstdint>
 #include <json/json.h>
