@@ -37,6 +37,23 @@ must test "$(grep -c '^| checksum of 256 MiB |' "$work/document.md")" = 1
 must grep -q '^!.*(picture.svg)$' "$work/document.md"
 ! grep -q '^old$' "$work/document.md" || fail "the old table stays in the document"
 
+# The document's picture has its place, wherever the new one is drawn.
+mkdir "$work/elsewhere"
+sed -i 's/^\(!.*\)(picture.svg)$/\1(pictures\/speed.svg)/' "$work/document.md"
+"$report" "$work" --picture "$work/elsewhere/new.svg" --document "$work/document.md" >"$work/table" 2>"$work/errors"
+must grep -q '^!.*(pictures/speed.svg)$' "$work/document.md"
+must grep -qx "$work/document.md shows $work/pictures/speed.svg: put $work/elsewhere/new.svg there" "$work/errors"
+"$report" "$work" --document "$work/document.md" >"$work/table" 2>"$work/errors"
+must grep -q '^!.*(pictures/speed.svg)$' "$work/document.md"
+must test ! -s "$work/errors"
+
+# A row that misses both of its goals is named once.
+figure() { echo "{\"run_type\": \"iteration\", \"run_name\": \"$1\", \"real_time\": $2}"; }
+mkdir "$work/missed"
+echo "{\"benchmarks\": [$(figure daemon/10 9), $(figure bareService 1), $(figure updateService 1)]}" >"$work/missed/start.json"
+"$report" "$work/missed" >"$work/table"
+must grep -qx '0 of 2 goals met; missed: start to the name, 10 modules' "$work/table"
+
 echo "no marks" >"$work/document.md"
 ! "$report" "$work" --document "$work/document.md" >/dev/null 2>"$work/errors" || fail "a document without marks is written"
 must grep -q 'has no lines between which the table belongs' "$work/errors"

@@ -24,6 +24,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kBegin = "<!-- measured: scripts/measure speed writes from here on -->\n";
 constexpr const char* kEnd = "<!-- to here -->\n";
+constexpr const char* kPicture = "![Times of the limit, as measured](";
 
 struct Wanted {
     fs::path directory;
@@ -63,20 +64,22 @@ std::string joined(const std::vector<std::string>& cells)
     return line + "\n";
 }
 
-// "17 of 19 goals met; missed: fwmod check of the tuner".
+// "17 of 19 goals met; missed: wake-ups, idle; fwmod check of the tuner": each row once, whatever it misses.
 std::string goalsInShort(const Results& results)
 {
     size_t met = 0;
     size_t all = 0;
     std::string missed;
     for (const Result& result : results.lines()) {
+        bool isMissed = false;
         for (const Goal& goal : result.compared->goals) {
             const std::optional<bool> isReached = result.isReached(goal);
             all += isReached ? 1 : 0;
             met += isReached.value_or(false) ? 1 : 0;
-            if (!isReached.value_or(true)) {
-                missed += (missed.empty() ? "; missed: " : ", ") + std::string(result.compared->title);
-            }
+            isMissed = isMissed || !isReached.value_or(true);
+        }
+        if (isMissed) {
+            missed += (missed.empty() ? "; missed: " : "; ") + std::string(result.compared->title);
         }
     }
     return std::to_string(met) + " of " + std::to_string(all) + " goals met" + missed;
@@ -95,13 +98,17 @@ std::string markdownOf(const Results& results, const Wanted& wanted, const std::
     for (const Result& result : results.lines()) {
         text += joined(cellsOf(result));
     }
-    return picture.empty() ? text : text + "\n![Times of the limit, as measured](" + picture + ")\n";
+    return picture.empty() ? text : text + "\n" + kPicture + picture + ")\n";
 }
 
-// Between the two marks of the document.
-void putIntoDocument(const fs::path& path, const std::string& text)
+// What stands between the two marks of a document.
+struct Measured {
+    size_t begin;
+    size_t length;
+};
+
+Measured measuredIn(const fs::path& path, const std::string& content)
 {
-    std::string content = common::readWhole(path);
     const size_t begin = content.find(kBegin);
     const size_t end = content.find(kEnd);
     if (begin == std::string::npos || end == std::string::npos || end < begin) {
@@ -110,7 +117,38 @@ void putIntoDocument(const fs::path& path, const std::string& text)
                               std::string(kEnd, strlen(kEnd) - 1));
     }
     const size_t from = begin + strlen(kBegin);
-    write(path, content.replace(from, end - from, "\n" + text + "\n"));
+    return {from, end - from};
+}
+
+// The picture that a part of a document shows, as it names it; empty when there is none.
+std::string pictureIn(const std::string& part)
+{
+    const size_t begin = part.find(kPicture);
+    if (begin == std::string::npos) {
+        return "";
+    }
+    const size_t from = begin + strlen(kPicture);
+    return part.substr(from, part.find(')', from) - from);
+}
+
+// A picture that the document shows keeps its place and name: where it is drawn today may be a place that
+// nobody else has.
+void putIntoDocument(const Results& results, const Wanted& wanted)
+{
+    std::string content = common::readWhole(wanted.document);
+    const Measured old = measuredIn(wanted.document, content);
+    const fs::path directory = fs::absolute(wanted.document).parent_path();
+    std::string picture = pictureIn(content.substr(old.begin, old.length));
+    if (picture.empty() && !wanted.picture.empty()) {
+        picture = fs::absolute(wanted.picture).lexically_relative(directory).string();
+    }
+    write(wanted.document,
+          content.replace(old.begin, old.length, "\n" + markdownOf(results, wanted, picture) + "\n"));
+    const fs::path shown = (directory / picture).lexically_normal();
+    if (!wanted.picture.empty() && shown != fs::absolute(wanted.picture).lexically_normal()) {
+        fprintf(stderr, "%s shows %s: put %s there\n", wanted.document.c_str(), shown.c_str(),
+                wanted.picture.c_str());
+    }
 }
 
 void print(const Results& results, const Wanted& wanted)
@@ -142,10 +180,7 @@ void report(const Wanted& wanted)
         write(wanted.picture, pictureOf(results));
     }
     if (!wanted.document.empty()) {
-        const fs::path from = fs::absolute(wanted.document).parent_path();
-        const fs::path picture =
-            wanted.picture.empty() ? fs::path() : fs::absolute(wanted.picture).lexically_relative(from);
-        putIntoDocument(wanted.document, markdownOf(results, wanted, picture.string()));
+        putIntoDocument(results, wanted);
     }
 }
 
@@ -162,7 +197,8 @@ int main(int argc, char** argv)
                 "seconds that the measuring took, to be told");
     line.path("--json", wanted.json, "write every figure there, with its lowest and highest");
     line.path("--picture", wanted.picture, "draw it there, as SVG");
-    line.path("--document", wanted.document, "put the table between its two marks there");
+    line.path("--document", wanted.document,
+              "put the table between its two marks there; the picture that it shows keeps its name");
     line.onRun([&] { bench::report(wanted); });
     return line.main(argc, argv);
 }
