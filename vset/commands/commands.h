@@ -1,5 +1,5 @@
 // The subcommands of `vset`, one file for each group of them, listed in the table of program.cpp; main.cpp
-// and control.cpp say which program has which.
+// and vset-control.cpp say which program has which.
 //
 // What they throw has a text for the person at the terminal.
 #ifndef VSET_COMMANDS_COMMANDS_H
