@@ -20,14 +20,20 @@ void Flags::reset(const std::string& flag, const Client& by)
     changed.tell();
 }
 
-Json::Value Flags::snapshot() const
+Json::Value Flags::kept() const
 {
     Json::Value json;
     json["raised"] = Json::objectValue;
-    json["history"] = Json::arrayValue;
     for (const auto& [flag, time] : raised_) {
         json["raised"][flag] = Json::Int64(time);
     }
+    return json;
+}
+
+Json::Value Flags::snapshot() const
+{
+    Json::Value json = kept();
+    json["history"] = Json::arrayValue;
     for (const Step& step : history_) {
         Json::Value entry;
         entry["time_ms"] = Json::Int64(step.time);
@@ -39,14 +45,14 @@ Json::Value Flags::snapshot() const
     return json;
 }
 
-void Flags::restore(const Json::Value& snapshot)
+void Flags::restore(const Json::Value& kept)
 {
-    if (!snapshot.isObject() || !snapshot["raised"].isObject()) {
+    if (!kept.isObject() || !kept["raised"].isObject()) {
         return;
     }
-    for (const std::string& flag : snapshot["raised"].getMemberNames()) {
-        if (snapshot["raised"][flag].isInt64()) {
-            raised_.emplace(flag, snapshot["raised"][flag].asInt64());
+    for (const std::string& flag : kept["raised"].getMemberNames()) {
+        if (kept["raised"][flag].isInt64()) {
+            raised_.emplace(flag, kept["raised"][flag].asInt64());
         }
     }
 }

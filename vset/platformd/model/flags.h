@@ -23,8 +23,10 @@ public:
     void reset(const std::string& flag, const Client& by);
 
     Json::Value snapshot() const;
-    // Raises what is raised in a snapshot of this boot. Tells nobody.
-    void restore(const Json::Value& snapshot);
+    // What of the snapshot outlives the service: it is written at every change, without the history.
+    Json::Value kept() const;
+    // Raises what was kept in this boot. Tells nobody.
+    void restore(const Json::Value& kept);
 
     Event<> changed;
 

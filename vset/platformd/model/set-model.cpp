@@ -116,9 +116,9 @@ void SetModel::keepBoot(const std::set<std::string>& news) const
     }
     Json::Value json;
     json["boot"] = boot_;
-    for (const char* section : kKeptSections) {
-        json[section] = snapshotOf(section);
-    }
+    json["power"] = power.snapshotOfState();
+    json["settings"] = settings.snapshot();
+    json["flags"] = flags.kept();
     try {
         saveJson(kThisBootFile, json, Keeping::kUntilPowerOff);
     } catch (const std::system_error& error) {
