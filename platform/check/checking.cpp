@@ -291,11 +291,14 @@ void Checker::add(TrialReport& report, FindingId id, const std::string& seen)
 }
 
 // A call that has not come to its end, or where else it was.
-std::string placeOf(const OldestCall& call, const ListedTrial& trial)
+std::string placeOf(const OldestCall& call, const ListedTrial& trial, const TrialPage& page)
 {
-    return call.name.empty() ? std::string(trial.title) +
-                                   ": between two calls, in a callback, or on a thread of the platform"
-                             : call.name;
+    if (!call.name.empty()) {
+        return call.name;
+    }
+    const std::string situation(page.situation, strnlen(page.situation, sizeof page.situation));
+    return std::string(trial.title) + (situation.empty() ? "" : ", " + situation) +
+           ": between two calls, in a callback, or on a thread of the platform";
 }
 
 // What is found in a trial that did not even begin.
@@ -312,12 +315,23 @@ std::string whyNotBegun(const Ending& ending, const std::string& last, const std
                                " at its start";
 }
 
+constexpr const char* kFree = "free()"; // the beginning of the name of those that are tried
+
 FindingId crashOf(const OldestCall& call, const TrialPage& page)
 {
-    if (call.name.rfind("free()", 0) == 0) {
+    if (call.name.rfind(kFree, 0) == 0) {
         return FindingId::TextNotOwned;
     }
     return page.isArgumentTouched ? FindingId::ArgumentTouched : FindingId::Crashed;
+}
+
+// Of several threads' calls the one that has ended the process: the C library says so when it was free().
+OldestCall lastCall(const TrialPage& page, const std::string& lastWords)
+{
+    const bool isFree =
+        lastWords.find("free") != std::string::npos || lastWords.find("munmap_chunk") != std::string::npos;
+    const OldestCall freeing = isFree ? oldestCall(page, kFree) : OldestCall{};
+    return freeing.name.empty() ? oldestCall(page) : freeing;
 }
 
 void Checker::gather(TrialReport& report, const TrialPage& page, const Ending& ending)
@@ -331,7 +345,8 @@ void Checker::gather(TrialReport& report, const TrialPage& page, const Ending& e
                     "as the daemon does not run without the bus, and calls that need it could but fail";
             }
         } else if (line.kind == Line::kNote) {
-            report_.notes.push_back(line.text);
+            const bool isNew = std::count(report_.notes.begin(), report_.notes.end(), line.text) == 0;
+            report_.notes.insert(report_.notes.end(), isNew ? 1 : 0, line.text);
         } else if (line.kind == Line::kLibrary) {
             report_.libraries.push_back(line.text);
         } else if (line.kind == Line::kRefusal) {
@@ -349,9 +364,9 @@ void Checker::gather(TrialReport& report, const TrialPage& page, const Ending& e
 // Of a trial that did not come to its own end.
 void Checker::gatherEnding(TrialReport& report, const TrialPage& page, const Ending& ending)
 {
-    const OldestCall call = oldestCall(page);
-    const std::string place = placeOf(call, *report.trial);
     const std::string last = lastLine(ending.output);
+    const OldestCall call = lastCall(page, last);
+    const std::string place = placeOf(call, *report.trial, page);
     const std::string said = last.empty() ? "" : "; its last words: " + last;
     if (!page.isStarted) {
         whyOver_ = "as the platform's libraries cannot be loaded";

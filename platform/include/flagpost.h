@@ -1,8 +1,9 @@
 /* Boot-event flags: named flags that live until the next boot.
  *
  * Any thread may call, the daemon's main loop among them; the answer comes within half a second. A flag
- * outlives the process that has raised it and is the same for every process. Each name, a path below /tmp, is
- * a flag of its own, lowered until it is raised. Raising or lowering twice is no failure. */
+ * outlives the process that has raised it and is the same for every process. Each name, a path below /tmp in
+ * a directory that is there, is a flag of its own, lowered until it is raised. Raising or lowering twice is
+ * no failure. */
 #ifndef FLAGPOST_H
 #define FLAGPOST_H
 

@@ -8,11 +8,12 @@
  *   by it. No main loop has to run for that.
  * - Change callbacks arrive on the thread that runs the default GLib main context, whichever thread
  *   subscribed and whether or not that thread still lives; never inside a call.
- * - They come in the order of the changes, within two seconds, also of changes that the process itself has
- *   made. A write of the value that the key already has may be told or not.
+ * - They come in the order of the changes, those of several keys included, within two seconds, also of
+ *   changes that the process itself has made. A write of the value that the key already has may be told or
+ *   not.
  * - A subscription alone is no change. A callback may make any call of this header, the end of its own
- *   subscription, a write of its own key and a new subscription included. One callback may listen to several
- *   keys, each with user data of its own.
+ *   subscription or of another, a write of its own key and a new subscription included. Calls of other
+ *   threads do not wait for its end. One callback may listen to several keys, each with user data of its own.
  * - Key and user data belong to the caller: the key is gone when the call has returned. */
 #ifndef PRALIS_H
 #define PRALIS_H

@@ -110,56 +110,56 @@ public:
         for (std::size_t index = 0; index < descriptors_.size(); index += 3) {
             descriptors_[index].reset(); // with room between them
         }
-        flags_.fill({-1, -1}); // of those that are nobody else's
         for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-            flags_[static_cast<std::size_t>(standard)] = flagsOf(standard);
+            remember(standard);
         }
         for (const common::UniqueFd& descriptor : descriptors_) {
-            if (descriptor.get() >= 0 && descriptor.get() < kWatched) {
-                flags_[static_cast<std::size_t>(descriptor.get())] = flagsOf(descriptor.get());
-            }
+            remember(descriptor.get());
         }
-    }
-    // The first that is gone or another; -1 when there is none.
-    int firstLost() const
-    {
-        struct stat null = {};
-        struct stat held = {};
-        stat("/dev/null", &null);
-        for (const common::UniqueFd& descriptor : descriptors_) {
-            if (descriptor.get() >= 0 &&
-                (fstat(descriptor.get(), &held) != 0 || held.st_rdev != null.st_rdev)) {
-                return descriptor.get();
-            }
-        }
-        for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-            if (fcntl(standard, F_GETFD) < 0) {
-                return standard;
-            }
-        }
-        return -1;
     }
 
-    // The first whose own flags or whose file's flags are others; -1 when there is none.
-    int firstChanged() const
+    // The first that is not as it was, in words; "" when there is none.
+    std::string change() const
     {
-        for (int number = 0; number < kWatched; ++number) {
-            const Flags before = flags_[static_cast<std::size_t>(number)];
-            const Flags after = flagsOf(number);
-            if (before.first >= 0 && after.first >= 0 && before != after) {
-                return number;
+        for (const auto& [number, before] : known_) {
+            const State now = stateOf(number);
+            const std::string name = "number " + std::to_string(number);
+            if (now.file != before.file) {
+                return name + (now.flags < 0 ? " is closed" : " leads to another file");
+            }
+            if (now.flags != before.flags || now.fileFlags != before.fileFlags) {
+                return "the flags of " + name + " are others";
             }
         }
-        return -1;
+        return "";
     }
 
 private:
-    using Flags = std::pair<int, int>;
-    static constexpr int kWatched = 64;
-    static Flags flagsOf(int number) { return {fcntl(number, F_GETFD), fcntl(number, F_GETFL)}; }
+    struct State {
+        int flags = -1; // of the number; -1: it is closed
+        int fileFlags = -1;
+        std::pair<dev_t, ino_t> file;
+    };
+
+    static State stateOf(int number)
+    {
+        struct stat status = {};
+        State state;
+        if (fstat(number, &status) == 0) {
+            state = {fcntl(number, F_GETFD), fcntl(number, F_GETFL), {status.st_dev, status.st_ino}};
+        }
+        return state;
+    }
+    void remember(int number)
+    {
+        const State state = stateOf(number);
+        if (state.flags >= 0) {
+            known_.emplace_back(number, state);
+        }
+    }
 
     std::array<common::UniqueFd, 24> descriptors_;
-    std::array<Flags, kWatched> flags_{};
+    std::vector<std::pair<int, State>> known_; // those that are nobody else's
 };
 
 // A timer of the process's own, far ahead.
@@ -236,12 +236,30 @@ void judgeProcess(Trial& trial, const common::ProcessState& before, const Sentin
     }
     trial.require(g_main_context_get_thread_default() == nullptr, FindingId::ContextLeft,
                   "the calling thread has another default main context than before");
-    const int lost = sentinels.firstLost();
-    trial.require(lost < 0, FindingId::DescriptorClosed, "number " + std::to_string(lost));
-    const int changed = sentinels.firstChanged();
-    trial.require(changed < 0, FindingId::DescriptorClosed,
-                  "the flags of number " + std::to_string(changed) + " are others");
+    const std::string change = sentinels.change();
+    trial.require(change.empty(), FindingId::DescriptorClosed, change);
     trial.require(timer.isKept(), FindingId::TimerLeft, "the process's own is gone, or another one");
+}
+
+// What of the daemon's waits for its main loop would be called in the middle of a call.
+Trial* trialOfLoop = nullptr;
+
+gboolean prepareProbe(GSource*, gint* timeout)
+{
+    *timeout = -1;
+    if (Trial::isInsideCall()) {
+        trialOfLoop->found(FindingId::LoopInsideCall, Trial::callUnderWay());
+    }
+    return FALSE;
+}
+
+void watchMainLoop(Trial& trial)
+{
+    static GSourceFuncs probe = {prepareProbe, nullptr, nullptr, nullptr, nullptr, nullptr};
+    trialOfLoop = &trial;
+    GSource* const source = g_source_new(&probe, sizeof(GSource));
+    g_source_attach(source, nullptr);
+    g_source_unref(source);
 }
 
 int runTrial(const std::string& name, const TrialOptions& options)
@@ -260,6 +278,7 @@ int runTrial(const std::string& name, const TrialOptions& options)
         g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
     }
     static Trial trial(*page, options); // for threads that end with the process
+    watchMainLoop(trial);
     if (name == "load") {
         judgeStart(trial, handled);
     }

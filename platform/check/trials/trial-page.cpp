@@ -81,13 +81,14 @@ std::vector<Told> readLines(const TrialPage& page)
     return lines;
 }
 
-OldestCall oldestCall(const TrialPage& page)
+OldestCall oldestCall(const TrialPage& page, const std::string& prefix)
 {
     OldestCall oldest;
     for (const TrialPage::Call& call : page.underWay) {
         const std::int64_t since = call.since;
-        if (since != 0 && (oldest.since == 0 || since < oldest.since)) {
-            oldest = {std::string(call.name, strnlen(call.name, sizeof call.name)), since};
+        const std::string name(call.name, strnlen(call.name, sizeof call.name));
+        if (since != 0 && (oldest.since == 0 || since < oldest.since) && name.rfind(prefix, 0) == 0) {
+            oldest = {name, since};
         }
     }
     return oldest;

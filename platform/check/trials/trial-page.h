@@ -33,6 +33,7 @@ struct TrialPage {
     std::atomic<std::uint32_t> calls;
     Call underWay[kThreads];
     char lastWords[200];
+    char situation[120]; // what is between the calls; "" when there is nothing to say of it
     std::atomic<std::uint32_t> used;
     char text[kTextSize];
 };
@@ -57,12 +58,12 @@ struct Told {
 };
 std::vector<Told> readLines(const TrialPage& page);
 
-// The call that has been under way for longest; "" when there is none.
+// The call that has been under way for longest, of those whose names begin so; "" when there is none.
 struct OldestCall {
     std::string name;
     std::int64_t since = 0;
 };
-OldestCall oldestCall(const TrialPage& page);
+OldestCall oldestCall(const TrialPage& page, const std::string& prefix = "");
 
 } // namespace platformcheck
 

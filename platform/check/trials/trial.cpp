@@ -18,7 +18,7 @@ namespace platformcheck
 namespace
 {
 
-thread_local int callDepth = 0;
+thread_local const char* innermostCall = nullptr;
 constexpr std::size_t kMostTimes = 256;
 
 // What a kind of call may take, usually: by the beginning of its name.
@@ -71,7 +71,8 @@ std::string inSeconds(std::chrono::nanoseconds time)
 } // namespace
 
 Trial::Mark::Mark(Trial& trial, const char* name)
-    : trial_(trial), name_(name), slot_(nullptr), begin_(common::realNow()), delayBefore_(processorDelay())
+    : trial_(trial), name_(name), slot_(nullptr), around_(innermostCall), begin_(common::realNow()),
+      delayBefore_(processorDelay())
 {
     for (TrialPage::Call& slot : trial.page_.underWay) {
         std::int64_t none = 0;
@@ -82,18 +83,19 @@ Trial::Mark::Mark(Trial& trial, const char* name)
         }
     }
     ++trial.page_.calls;
-    ++callDepth;
+    innermostCall = name;
 }
 
 Trial::Mark::~Mark()
 {
-    --callDepth;
+    innermostCall = around_;
     if (slot_ != nullptr) {
         slot_->since = 0;
     }
     const std::chrono::nanoseconds wall(common::realNow() - begin_);
     const std::chrono::nanoseconds delay = processorDelay() - delayBefore_;
     trial_.keepTime(name_, wall - std::min(wall, waitingOf(name_) * delay), delay);
+    trial_.endWhenHopeless(name_);
 }
 
 // What is measured here must not grow itself.
@@ -111,15 +113,40 @@ void Trial::keepTime(const char* name, std::chrono::nanoseconds taken, std::chro
     if (times.late.size() < kMostTimes && taken > limitOf(name)) {
         times.late.push_back(taken);
     }
+    if (limitOf(name) >= 500ms) { // logs may be slow and yet soon at their end
+        tooMuch_ += std::max<std::chrono::nanoseconds>(taken - limitOf(name), 0ns);
+    }
     longestDelay_ = std::max(longestDelay_, delay);
     if (delay > 100ms || taken > farBeyond(name)) {
         page_.isDisturbed = true;
     }
 }
 
+// Calls that take seconds each would make a trial last for minutes, and tell nothing more. It ends where it
+// is: other threads may be in the middle of such calls.
+void Trial::endWhenHopeless(const char* name)
+{
+    constexpr std::chrono::nanoseconds kMost = 8s;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (tooMuch_ < kMost) {
+            return;
+        }
+    }
+    judgeTimes();
+    note(std::string("a trial was not made to its end: ") + name + " takes seconds");
+    page_.isDone = true;
+    _exit(0);
+}
+
 bool Trial::isInsideCall()
 {
-    return callDepth > 0;
+    return innermostCall != nullptr;
+}
+
+const char* Trial::callUnderWay()
+{
+    return innermostCall;
 }
 
 int Trial::judged(const char* name, int result)
@@ -160,6 +187,11 @@ void Trial::tellLibrary(const std::string& path)
 void Trial::refuse(const std::string& reason)
 {
     tell(page_, Line::kRefusal, reason);
+}
+
+void Trial::tellSituation(const char* words)
+{
+    std::snprintf(page_.situation, sizeof page_.situation, "%s", words);
 }
 
 bool Trial::iterate(std::chrono::milliseconds most, const std::function<bool()>& isOver)
@@ -224,6 +256,36 @@ void Trial::runBeside(const char* name, Loop loop)
               (place.empty() ? std::string(name) : place) + ", in a second process" +
                   (isOver ? ": " + common::signalName(WTERMSIG(status)) : ""));
     }
+}
+
+Meanwhile::Meanwhile(std::function<void()> work)
+    : thread_([this, work = std::move(work)] {
+          work();
+          isOver_ = true;
+      })
+{
+}
+
+Meanwhile::~Meanwhile()
+{
+    thread_.join();
+}
+
+std::chrono::nanoseconds Meanwhile::timeFor(Trial& trial, const std::function<void()>& work)
+{
+    const std::int64_t begin = common::realNow();
+    trial.onThread(work);
+    const std::chrono::nanoseconds alone(common::realNow() - begin);
+    return std::clamp<std::chrono::nanoseconds>(20 * alone, 4s, 8s); // a call under way for ten is a hang
+}
+
+bool Meanwhile::isOverWithin(std::chrono::nanoseconds most) const
+{
+    const std::int64_t end = common::realNow() + most.count();
+    while (!isOver_ && common::realNow() < end) {
+        g_usleep(1000);
+    }
+    return isOver_;
 }
 
 void Trial::judgeThread(const sigset_t& before)

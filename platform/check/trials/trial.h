@@ -11,6 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -65,12 +66,17 @@ public:
         return judged(name, call(name, function));
     }
 
+    // Of both, `name` is the function's, and what kind of call it is behind a comma where only that may be
+    // slow.
+
     // Each on any thread. `require` gives what it is given.
     void found(FindingId id, const std::string& seen);
     bool require(bool isRight, FindingId id, const std::string& seen);
     void note(const std::string& text);
     void tellLibrary(const std::string& path);
     void refuse(const std::string& reason);
+    // What is under way between two calls, for reports of an end that comes then.
+    void tellSituation(const char* words);
     bool hasFound() const { return hasFound_; }
 
     // Runs the default main context until `isOver`, or until the time is up. True when it is over.
@@ -88,7 +94,11 @@ public:
     // What the calls' times say.
     void judgeTimes();
 
-    static bool isInsideCall(); // of this thread
+    // Of all threads the one that has been under way for longest; "" when there is none.
+    std::string oldestCallNow() const { return oldestCall(page_).name; }
+
+    static bool isInsideCall();        // of this thread
+    static const char* callUnderWay(); // of this thread, the innermost; null: none
 
 private:
     class Mark;
@@ -99,6 +109,7 @@ private:
     };
     int judged(const char* name, int result);
     void keepTime(const char* name, std::chrono::nanoseconds taken, std::chrono::nanoseconds delay);
+    void endWhenHopeless(const char* name);
     void judgeTimesOf(const std::string& name, Times& times, std::chrono::nanoseconds noise);
     void judgeThread(const sigset_t& before);
 
@@ -107,6 +118,7 @@ private:
     std::mutex mutex_;
     std::map<std::string, Times> times_;
     std::chrono::nanoseconds longestDelay_{0}; // that the machine has caused
+    std::chrono::nanoseconds tooMuch_{0};      // that calls have taken beyond their limits
     std::map<FindingId, unsigned int> told_;
     std::atomic<bool> hasFound_{false};
 };
@@ -124,6 +136,7 @@ private:
     Trial& trial_;
     const char* name_;
     TrialPage::Call* slot_;
+    const char* around_; // the call in whose callback this one is made; null: none
     std::int64_t begin_;
     std::chrono::nanoseconds delayBefore_;
 };
@@ -144,6 +157,26 @@ auto Trial::call(const char* name, Function function) -> std::invoke_result_t<Fu
         return std::is_same_v<Result, bool> ? Result{} : static_cast<Result>(-1);
     }
 }
+
+// Work of another thread, while this one stays where it is: in a callback.
+class Meanwhile
+{
+public:
+    explicit Meanwhile(std::function<void()> work);
+    ~Meanwhile(); // when the work has come to its end
+    Meanwhile(const Meanwhile&) = delete;
+    Meanwhile& operator=(const Meanwhile&) = delete;
+
+    // So long it may take, on a machine as busy as this one: the work is done once, on a thread of its own.
+    static std::chrono::nanoseconds timeFor(Trial& trial, const std::function<void()>& work);
+
+    // Waits without the main loop. True when it is over.
+    bool isOverWithin(std::chrono::nanoseconds most) const;
+
+private:
+    std::atomic<bool> isOver_{false};
+    std::thread thread_;
+};
 
 // Where a call writes its answer: memory of that size and no more, which is gone after the call.
 template <typename T>
