@@ -6,6 +6,8 @@
 #include <fstream>
 #include <gio/gio.h>
 #include <initializer_list>
+#include <iterator>
+#include <optional>
 #include <thread>
 #include <unistd.h>
 
@@ -118,16 +120,30 @@ void tryEachValue(Trial& trial)
     }
 }
 
-// What cannot be read leaves the value alone.
+// Names that a comparison of a part takes for the key's. No set needs to have them, and they are not written:
+// a key cannot be taken away again.
+std::vector<std::string> similarKeys(const std::string& key)
+{
+    const std::string last = key.substr(key.rfind('/') + 1);
+    return {key.substr(0, key.size() - 1), key + "_x", key + "/x",
+            key.substr(0, key.rfind('/')), last,       "memory/" + last};
+}
+
+// What cannot be read leaves the value alone, and what can be has a value of its own.
 void tryUnreadable(Trial& trial)
 {
-    for (const std::string& key :
-         {std::string(kUnknown), std::string(), std::string(3000, 'k'), std::string(kStatus) + "_other"}) {
+    std::vector<std::string> keys = similarKeys(kStatus);
+    keys.insert(keys.end(), {kUnknown, "", std::string(3000, 'k'), std::string(kStatus) + "_other"});
+    const int own = valueOf(trial) + 9;
+    write(trial, kStatus, own);
+    for (const std::string& key : keys) {
         int untouched = kUntouched;
         const int result = get(trial, key.c_str(), untouched);
         trial.require(result == 0 || untouched == kUntouched, FindingId::TouchedOnFailure,
                       "the result is " + std::to_string(result) + ", and " + std::to_string(untouched) +
                           " stands there");
+        trial.require(result != 0 || untouched != own, FindingId::OtherKeyChanged,
+                      written(kStatus, own) + ", and is read from " + key.substr(0, 80) + " as well");
     }
 }
 
@@ -218,7 +234,9 @@ void tryBesideAnother(Trial& trial)
 
 void tryOtherProcess(Trial& trial)
 {
-    expectValue(trial, kProgress, valueOf(trial), FindingId::NotShared);
+    if (!trial.options().isAgain) { // else the first time may have ended before it was put back
+        expectValue(trial, kProgress, valueOf(trial), FindingId::NotShared);
+    }
     write(trial, kProgress, 0);
     tryOthersWrite(trial, Trial::Loop::kRuns);
     tryOthersWrite(trial, Trial::Loop::kStands);
@@ -246,8 +264,8 @@ struct Note {
     int value;
     void* data;
     pid_t thread;
-    bool isInsideCall;
-    bool isSteady; // the node, while the callback makes calls
+    const char* inside; // of a call; null: of none
+    bool isSteady;      // the node, while the callback makes calls
 };
 
 // What the callbacks have heard. They are plain functions, and come on any thread.
@@ -258,7 +276,7 @@ Trial* trialOfKeys = nullptr;
 template <char who>
 void onChanged(keynode* node, void* data)
 {
-    const bool isInside = Trial::isInsideCall();
+    const char* const inside = Trial::callUnderWay();
     const auto valueOfNode = [node] {
         return node == nullptr ? 0 : trialOfKeys->call("pralis_keynode_get_int", [node] {
             return pralis_keynode_get_int(node);
@@ -269,7 +287,7 @@ void onChanged(keynode* node, void* data)
     get(*trialOfKeys, kWorking, other);
     const bool isSteady = valueOfNode() == value;
     const std::lock_guard<std::mutex> lock(heardMutex);
-    heard.push_back({who, node != nullptr, value, data, gettid(), isInside, isSteady});
+    heard.push_back({who, node != nullptr, value, data, gettid(), inside, isSteady});
 }
 
 std::vector<Note> heardBy(char who)
@@ -287,12 +305,23 @@ void forgetHeard()
     heard.clear();
 }
 
-int subscribe(Trial& trial, const char* key, pralis_key_changed_cb callback, void* data)
+int begin(Trial& trial, const char* key, pralis_key_changed_cb callback, void* data)
 {
     GuardedBuffer text("the key", std::string(key));
-    const int result = trial.result("pralis_notify_key_changed", [&] {
-        return pralis_notify_key_changed(text.as<const char>(), callback, data);
-    });
+    return trial.result("pralis_notify_key_changed",
+                        [&] { return pralis_notify_key_changed(text.as<const char>(), callback, data); });
+}
+
+int end(Trial& trial, const char* key, pralis_key_changed_cb callback)
+{
+    GuardedBuffer text("the key", std::string(key));
+    return trial.result("pralis_ignore_key_changed",
+                        [&] { return pralis_ignore_key_changed(text.as<const char>(), callback); });
+}
+
+int subscribe(Trial& trial, const char* key, pralis_key_changed_cb callback, void* data)
+{
+    const int result = begin(trial, key, callback, data);
     trial.require(result == 0, FindingId::NotSubscribed,
                   std::string(key) + ": the result is " + std::to_string(result));
     return result;
@@ -300,10 +329,7 @@ int subscribe(Trial& trial, const char* key, pralis_key_changed_cb callback, voi
 
 void unsubscribe(Trial& trial, const char* key, pralis_key_changed_cb callback)
 {
-    GuardedBuffer text("the key", std::string(key));
-    const int result = trial.result("pralis_ignore_key_changed", [&] {
-        return pralis_ignore_key_changed(text.as<const char>(), callback);
-    });
+    const int result = end(trial, key, callback);
     trial.require(result == 0, FindingId::NotUnsubscribed,
                   std::string(key) + ": the result is " + std::to_string(result));
 }
@@ -313,7 +339,8 @@ void judgeNote(Trial& trial, const Note& note)
     trial.require(note.thread == getpid(), FindingId::CallbackThread,
                   "on thread " + std::to_string(note.thread) + ", while the main loop runs on " +
                       std::to_string(getpid()));
-    trial.require(!note.isInsideCall, FindingId::CallbackThread, "inside the call that has changed the key");
+    trial.require(note.inside == nullptr, FindingId::CallbackThread,
+                  std::string("inside ") + (note.inside == nullptr ? "" : note.inside));
     trial.require(note.hasNode, FindingId::CallbackArguments, "the node is null");
     trial.require(note.isSteady, FindingId::NotifiedWrongValue,
                   "the node had another value once the callback had read a key");
@@ -420,9 +447,74 @@ void tryOneOfTwoKeys(Trial& trial)
     forgetHeard();
     write(trial, kStatus, 22);
     write(trial, kProgress, 23);
-    expectHeard(trial, 'D', 23, &dataOfProgress, "after the end of the same callback for another key",
-                FindingId::OthersUnsubscribed);
-    unsubscribe(trial, kProgress, onChanged<'D'>);
+    if (expectHeard(trial, 'D', 23, &dataOfProgress, "after the end of the same callback for another key",
+                    FindingId::OthersUnsubscribed)) {
+        unsubscribe(trial, kProgress, onChanged<'D'>);
+    } else {
+        end(trial, kProgress, onChanged<'D'>); // it may be ended already
+    }
+}
+
+// Who listens to keys whose names are similar hears of none of it. Where they cannot be subscribed to, there
+// is nothing to see.
+void trySimilarKeys(Trial& trial)
+{
+    std::vector<std::string> names = similarKeys(kStatus);
+    std::vector<bool> isSubscribed;
+    for (std::string& name : names) {
+        isSubscribed.push_back(begin(trial, name.c_str(), onChanged<'S'>, &name) == 0);
+    }
+    if (subscribe(trial, kStatus, onChanged<'A'>, &dataOfStatus) == 0) {
+        forgetHeard();
+        write(trial, kStatus, 24);
+        expectHeard(trial, 'A', 24, &dataOfStatus, "others listen to keys with similar names");
+        trial.iterate(250ms);
+        for (const Note& note : heardBy('S')) {
+            const auto name =
+                std::find_if(names.begin(), names.end(), [&](std::string& one) { return &one == note.data; });
+            trial.found(FindingId::NotifiedOfOther,
+                        written(kStatus, 24) + ", and who listens to " +
+                            (name == names.end() ? "a key with a similar name" : *name) + " was told");
+        }
+        unsubscribe(trial, kStatus, onChanged<'A'>);
+    }
+    for (std::size_t index = 0; index < names.size(); ++index) {
+        if (isSubscribed[index]) {
+            end(trial, names[index].c_str(), onChanged<'S'>);
+        }
+    }
+}
+
+// One after the other, and told in that order.
+void tryKeysInTurn(Trial& trial, const char* one, const char* other)
+{
+    constexpr int kChanges = 8;
+    constexpr int kFirst = 300;
+    if (subscribe(trial, kStatus, onChanged<'A'>, &dataOfStatus) != 0 ||
+        subscribe(trial, kProgress, onChanged<'B'>, &dataOfProgress) != 0) {
+        return;
+    }
+    forgetHeard();
+    for (int change = 0; change < kChanges; ++change) {
+        write(trial, change % 2 == 0 ? one : other, kFirst + change);
+    }
+    const auto count = [] { return heardBy('A').size() + heardBy('B').size(); };
+    trial.iterate(2500ms, [&] { return count() >= kChanges; });
+    std::vector<int> values;
+    {
+        const std::lock_guard<std::mutex> lock(heardMutex);
+        std::transform(heard.begin(), heard.end(), std::back_inserter(values),
+                       [](const Note& note) { return note.value; });
+    }
+    std::string order;
+    for (const int value : values) {
+        order += " " + std::to_string(value);
+    }
+    trial.require(values.size() != kChanges || std::is_sorted(values.begin(), values.end()),
+                  FindingId::NotifiedInDisorder,
+                  "two keys were written in turn, with rising values, and told was" + order);
+    unsubscribe(trial, kStatus, onChanged<'A'>);
+    unsubscribe(trial, kProgress, onChanged<'B'>);
 }
 
 void tryNotifications(Trial& trial)
@@ -445,20 +537,34 @@ void tryNotifications(Trial& trial)
     tryOneByOne(trial);
     tryEnding(trial);
     tryOneOfTwoKeys(trial);
+    trySimilarKeys(trial);
+    tryKeysInTurn(trial, kStatus, kProgress);
+    tryKeysInTurn(trial, kProgress, kStatus);
 }
 
 // ---- Notifications and threads ----
 
-std::atomic<int> keyEndedItself{0};
+std::atomic<bool> hasKeyEndedItself{false};
+std::atomic<int> toldAfterItsEnd{0};
 
 // What the daemon's own callbacks do, and more: they call back.
 void onChangedOnce(keynode*, void*)
 {
+    const char* const inside = Trial::callUnderWay();
+    if (!trialOfKeys->require(inside == nullptr, FindingId::CallbackThread,
+                              std::string("a callback that ends itself, inside ") +
+                                  (inside == nullptr ? "" : inside))) {
+        return;
+    }
+    if (hasKeyEndedItself) {
+        ++toldAfterItsEnd;
+        return;
+    }
     int value = 0;
     get(*trialOfKeys, kWorking, value);
     set(*trialOfKeys, kWorking, 0);
     unsubscribe(*trialOfKeys, kStatus, onChangedOnce);
-    ++keyEndedItself;
+    hasKeyEndedItself = true;
 }
 
 void trySubscribingOn(Trial& trial, const char* what, Trial::Context context)
@@ -541,7 +647,8 @@ void tryInsideCalls(Trial& trial)
     }
     trial.iterate(100ms);
     for (const Note& note : heardBy('A')) {
-        trial.require(!note.isInsideCall, FindingId::CallbackThread, "inside a call of another key");
+        trial.require(note.inside == nullptr, FindingId::CallbackThread,
+                      std::string("of another key, inside ") + (note.inside == nullptr ? "" : note.inside));
     }
     unsubscribe(trial, kStatus, onChanged<'A'>);
 }
@@ -614,6 +721,168 @@ void tryCallsInside(Trial& trial)
     unsubscribe(trial, kProgress, onChanged<'B'>);
 }
 
+// ---- A callback that ends another, or begins one ----
+
+// Three that listen; at the first change one of them ends another.
+struct Ending {
+    char ender;
+    char ended;
+    const char* key; // of the one that is ended
+    const char* what;
+    pralis_key_changed_cb callback = nullptr;
+    bool isDone = false;
+    bool isToldAfter = false;
+};
+
+Ending ending;
+
+template <char who>
+void onChangedAndEnds(keynode* node, void* data)
+{
+    ending.isToldAfter = ending.isToldAfter || (who == ending.ended && ending.isDone);
+    onChanged<who>(node, data);
+    if (who == ending.ender && !ending.isDone) {
+        unsubscribe(*trialOfKeys, ending.key, ending.callback);
+        ending.isDone = true;
+    }
+}
+
+struct Watcher {
+    char who;
+    pralis_key_changed_cb callback;
+};
+constexpr Watcher kWatchers[] = {
+    {'F', onChangedAndEnds<'F'>}, {'G', onChangedAndEnds<'G'>}, {'H', onChangedAndEnds<'H'>}};
+
+void judgeWatchers(Trial& trial)
+{
+    trial.require(!ending.isToldAfter, FindingId::AfterUnsubscribe,
+                  std::string("a callback had ended ") + ending.what);
+    for (const Watcher& watcher : kWatchers) {
+        const std::size_t times = heardBy(watcher.who).size();
+        const bool isEnded = watcher.who == ending.ended;
+        trial.require(times <= 1, FindingId::NotifiedTwice,
+                      std::string("a callback has ended ") + ending.what + ": " + std::to_string(times) +
+                          " callbacks for one change");
+        trial.require(times >= 1 || isEnded || !ending.isDone, FindingId::OthersUnsubscribed,
+                      std::string("a callback has ended ") + ending.what +
+                          ", and who stays subscribed was not told");
+    }
+}
+
+void tryEndingAnother(Trial& trial, const Ending& one)
+{
+    static int value = 400;
+    const auto keyOf = [&](const Watcher& watcher) { return watcher.who == one.ended ? one.key : kStatus; };
+    ending = one;
+    for (const Watcher& watcher : kWatchers) {
+        ending.callback = watcher.who == one.ended ? watcher.callback : ending.callback;
+        if (subscribe(trial, keyOf(watcher), watcher.callback, nullptr) != 0) {
+            return;
+        }
+    }
+    forgetHeard();
+    write(trial, kStatus, ++value);
+    if (one.key != kStatus) {
+        write(trial, one.key, ++value);
+    }
+    trial.iterate(2s, [&] {
+        return std::all_of(std::begin(kWatchers), std::end(kWatchers), [&](const Watcher& watcher) {
+            return watcher.who == one.ended || !heardBy(watcher.who).empty();
+        });
+    });
+    trial.iterate(40ms);
+    judgeWatchers(trial);
+    for (const Watcher& watcher : kWatchers) {
+        if (watcher.who != one.ended || !ending.isDone) {
+            end(trial, keyOf(watcher), watcher.callback);
+        }
+    }
+}
+
+void tryEndingOthers(Trial& trial)
+{
+    const Ending all[] = {{'F', 'G', kStatus, "the next one of its key"},
+                          {'F', 'H', kStatus, "the last one of its key"},
+                          {'G', 'F', kStatus, "the one before it of its key"},
+                          {'H', 'G', kStatus, "the one before it of its key"},
+                          {'F', 'G', kProgress, "one of another key"}};
+    for (const Ending& one : all) {
+        tryEndingAnother(trial, one);
+    }
+}
+
+std::atomic<bool> hasBegunAnother{false};
+
+void onChangedAndBegins(keynode*, void*)
+{
+    unsubscribe(*trialOfKeys, kStatus, onChangedAndBegins);
+    subscribe(*trialOfKeys, kStatus, onChanged<'G'>, &dataOfStatus);
+    hasBegunAnother = true;
+}
+
+// What is just told is older than a subscription that is made meanwhile.
+void tryBeginningAnother(Trial& trial)
+{
+    if (subscribe(trial, kStatus, onChangedAndBegins, nullptr) != 0) {
+        return;
+    }
+    forgetHeard();
+    write(trial, kStatus, 500);
+    if (!trial.iterate(2s, [] { return hasBegunAnother.load(); })) {
+        return; // is told elsewhere
+    }
+    trial.iterate(100ms);
+    expectSilence(trial, 'G', FindingId::NotifiedWithoutChange,
+                  "a change was told to a subscription that a callback has made while it was told of it");
+    forgetHeard();
+    write(trial, kStatus, 501);
+    expectHeard(trial, 'G', 501, &dataOfStatus, "subscribed by a callback, to its own key");
+    unsubscribe(trial, kStatus, onChanged<'G'>);
+}
+
+// ---- A callback that takes its time ----
+
+std::optional<Meanwhile> besideCallback;
+bool isDoneBeside = false;
+std::string callBeside; // that is still under way then
+
+void callMeanwhile()
+{
+    int value = 0;
+    get(*trialOfKeys, kStatus, value);
+    set(*trialOfKeys, kProgress, 1);
+    begin(*trialOfKeys, kProgress, onChanged<'G'>, nullptr);
+    end(*trialOfKeys, kProgress, onChanged<'G'>);
+}
+
+std::chrono::nanoseconds mostMeanwhile{0};
+
+void onChangedAndStays(keynode*, void*)
+{
+    if (!besideCallback) {
+        besideCallback.emplace(callMeanwhile);
+        isDoneBeside = besideCallback->isOverWithin(mostMeanwhile);
+        callBeside = trialOfKeys->oldestCallNow();
+    }
+}
+
+// Other threads call while a callback is at work.
+void tryCallsMeanwhile(Trial& trial)
+{
+    mostMeanwhile = Meanwhile::timeFor(trial, callMeanwhile);
+    if (subscribe(trial, kStatus, onChangedAndStays, nullptr) != 0) {
+        return;
+    }
+    write(trial, kStatus, 510);
+    trial.iterate(2s, [] { return besideCallback.has_value(); });
+    trial.require(!besideCallback || isDoneBeside, FindingId::Slow,
+                  callBeside +
+                      " of another thread had not returned while a callback was at work, for seconds");
+    besideCallback.reset();
+    unsubscribe(trial, kStatus, onChangedAndStays);
+}
+
 // A key that no other trial writes from here on.
 std::filesystem::path keptForLater(const Trial& trial)
 {
@@ -644,10 +913,10 @@ void tryThreads(Trial& trial)
         for (const int value : {2, 3, 4}) { // the later ones wait when the first is told
             write(trial, kStatus, value);
         }
-        trial.iterate(2s, [] { return keyEndedItself > 0; });
+        trial.iterate(2s, [] { return hasKeyEndedItself.load(); });
         write(trial, kStatus, 5);
         trial.iterate(200ms);
-        trial.require(keyEndedItself <= 1, FindingId::AfterUnsubscribe,
+        trial.require(toldAfterItsEnd == 0, FindingId::AfterUnsubscribe,
                       "the callback had ended its own subscription");
     }
     // Mirroring is another's key: it is listened to and not written.
@@ -658,6 +927,9 @@ void tryThreads(Trial& trial)
     tryInsideCalls(trial);
     tryWaiting(trial);
     tryCallsInside(trial);
+    tryEndingOthers(trial);
+    tryBeginningAnother(trial);
+    tryCallsMeanwhile(trial);
     leaveForLater(trial);
 }
 
