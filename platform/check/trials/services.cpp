@@ -9,6 +9,7 @@
 #include <fstream>
 #include <new>
 #include <string>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -78,10 +79,10 @@ std::vector<std::string> similarNames(const Trial& trial)
 }
 
 // Each of them by itself: none of the others changes with it.
-void trySimilar(Trial& trial)
+void tryApart(Trial& trial, const std::vector<std::string>& all)
 {
     std::vector<std::string> names; // that could be raised
-    for (const std::string& name : similarNames(trial)) {
+    for (const std::string& name : all) {
         trial.require(!isRaised(trial, name), FindingId::OtherFlag,
                       name + " was raised with a flag whose name is similar");
         const int raised = raise(trial, name);
@@ -97,6 +98,39 @@ void trySimilar(Trial& trial)
         trial.require(lowered == 0 && !isRaised(trial, name), FindingId::NotLowered,
                       name + resultIs(lowered));
     }
+}
+
+// Directories for flags, of which everybody may make files in.
+class FlagDirectories
+{
+public:
+    explicit FlagDirectories(const std::string& path) : path_(path)
+    {
+        for (const std::filesystem::path& directory : {path_, path_ / "one", path_ / "two"}) {
+            constexpr mode_t kAsTmp = 01777;
+            mkdir(directory.c_str(), kAsTmp);
+            chmod(directory.c_str(), kAsTmp);
+        }
+    }
+    ~FlagDirectories()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    FlagDirectories(const FlagDirectories&) = delete;
+    FlagDirectories& operator=(const FlagDirectories&) = delete;
+
+private:
+    std::filesystem::path path_;
+};
+
+// One last name, in several directories.
+void tryDirectories(Trial& trial)
+{
+    const std::string path = flagName(trial, "_in");
+    const FlagDirectories directories(path);
+    const std::string name = "/.tarnwick_check_" + std::to_string(trial.options().token) + "_ready";
+    tryApart(trial, {path + "/one" + name, path + "/two" + name, path + name, "/tmp" + name});
 }
 
 // More than a table with few places holds, as far as there is time.
@@ -144,7 +178,8 @@ void tryFlags(Trial& trial)
         isRaised(trial, odd);
         lower(trial, odd);
     }
-    trySimilar(trial);
+    tryApart(trial, similarNames(trial));
+    tryDirectories(trial);
     tryMany(trial);
     trial.require(isRaised(trial, flag), FindingId::OtherFlag, "a flag was lowered with others");
     if (raise(trial, flagName(trial, "_later")) == 0) {
@@ -286,13 +321,17 @@ void unregisterWatchdog(Trial& trial)
 void tryWatchdog(Trial& trial)
 {
     // As the daemon's end does that could not start; what never began may fail, and does no harm.
-    trial.call("hangwatch_unregister_watchdog_service", hangwatch_unregister_watchdog_service);
-    trial.call("hangwatch_watchdog_notify", hangwatch_watchdog_notify);
+    for (int time = 0; time < 3; ++time) { // for the middle one of their times
+        trial.call("hangwatch_unregister_watchdog_service, of none", hangwatch_unregister_watchdog_service);
+        trial.call("hangwatch_watchdog_notify, of none", hangwatch_watchdog_notify);
+    }
     for (int time = 0; time < 2; ++time) {
         if (!registerWatchdog(trial)) {
             return;
         }
-        trial.iterate(time == 0 ? 5200ms : 0ms); // the daemon's first notice comes after five seconds
+        trial.tellSituation("registered, with the first notice to come after five seconds");
+        trial.iterate(time == 0 ? 5200ms : 0ms); // as the daemon's does
+        trial.tellSituation("registered and notified");
         for (int notice = 0; notice < 3; ++notice) {
             notifyWatchdog(trial);
             trial.iterate(100ms);
@@ -301,6 +340,7 @@ void tryWatchdog(Trial& trial)
         trial.onThread([&] { unregisterWatchdog(trial); });
     }
     trial.call("hangwatch_watchdog_notify", hangwatch_watchdog_notify);
+    trial.tellSituation("unregistered some seconds ago");
     trial.iterate(14s); // it is left alone
 }
 
