@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <gio/gio.h>
 #include <json/json.h>
+#include <optional>
 #include <sstream>
 #include <unistd.h>
 #include <utility>
@@ -79,10 +80,53 @@ int onStateOnce(pwrctl_state_info*, void*)
 }
 
 std::atomic<int> toldBefore{0};
+std::optional<Meanwhile> besideState;
+bool isDoneBeside = false;
+std::string callBeside; // that is still under way then
+std::chrono::nanoseconds mostMeanwhile{0};
 
+void callMeanwhile()
+{
+    trialOfPower->call("pwrctl_get_state", pwrctl_get_state);
+    trialOfPower->call("pwrctl_lock_state", [] { return pwrctl_lock_state(2, 60'000); });
+    trialOfPower->call("pwrctl_unlock_state", [] { return pwrctl_unlock_state(2); });
+}
+
+// Takes its time at the first change, while another thread calls.
 int onStateBefore(pwrctl_state_info*, void*)
 {
     ++toldBefore;
+    if (!besideState) {
+        besideState.emplace(callMeanwhile);
+        isDoneBeside = besideState->isOverWithin(mostMeanwhile);
+        callBeside = trialOfPower->oldestCallNow();
+    }
+    return 0;
+}
+
+// Each ends the other: whichever is told first, the other one is not any more.
+std::atomic<bool> isOneEnded{false};
+std::atomic<int> toldOfBoth{0};
+
+int onStateOfTwo(pwrctl_state_info*, void*);
+
+int onStateOfOne(pwrctl_state_info*, void*)
+{
+    ++toldOfBoth;
+    if (!isOneEnded.exchange(true)) {
+        trialOfPower->call("pwrctl_unsubscribe_state_changed_event",
+                           [] { return pwrctl_unsubscribe_state_changed_event(onStateOfTwo); });
+    }
+    return 0;
+}
+
+int onStateOfTwo(pwrctl_state_info*, void*)
+{
+    ++toldOfBoth;
+    if (!isOneEnded.exchange(true)) {
+        trialOfPower->call("pwrctl_unsubscribe_state_changed_event",
+                           [] { return pwrctl_unsubscribe_state_changed_event(onStateOfOne); });
+    }
     return 0;
 }
 
@@ -264,12 +308,23 @@ void tryChanges(Trial& trial)
         return;
     }
     trialOfPower = &trial;
+    mostMeanwhile = Meanwhile::timeFor(trial, callMeanwhile);
     const char* const name = kStateCalls.subscribe;
     trial.onThread([&] { // which has no main loop
         trial.call(name, [] { return pwrctl_subscribe_state_changed_event(onStateOnce, nullptr); });
     });
-    trial.call(name, [] { return pwrctl_subscribe_state_changed_event(onStateBefore, nullptr); });
+    for (const pwrctl_state_cb callback : {onStateBefore, onStateOfOne, onStateOfTwo}) {
+        trial.call(name, [=] { return pwrctl_subscribe_state_changed_event(callback, nullptr); });
+    }
     int changes = followChanges(trial, 1);
+    trial.require(toldOfBoth <= 1, FindingId::EventAfterEnd, "another callback had ended the subscription");
+    trial.require(!besideState || isDoneBeside, FindingId::Slow,
+                  callBeside +
+                      " of another thread had not returned while a callback was at work, for seconds");
+    besideState.reset();
+    for (const pwrctl_state_cb callback : {onStateOfOne, onStateOfTwo}) {
+        trial.call(kStateCalls.unsubscribe, [=] { return pwrctl_unsubscribe_state_changed_event(callback); });
+    }
     trial.require(changes == 0 || stateEndedItself > 0, FindingId::EventMissed,
                   "by the second of two callbacks");
     trial.call(kStateCalls.unsubscribe, [] { return pwrctl_unsubscribe_state_changed_event(onStateBefore); });
@@ -413,6 +468,26 @@ void tryTakenAnew(Trial& trial)
                   kindName(kUiKind) + ": taken for 60 s and anew for 0.3 s, it was still held after 1.3 s");
 }
 
+// Such as a platform that counts in microseconds, or with a sign, takes for short ones.
+void tryLongTimes(Trial& trial)
+{
+    constexpr unsigned int kSignOfMilliseconds = 0x80000000;
+    constexpr unsigned int kSignOfMicroseconds = 0x80000000 / 1000 + 1;
+    constexpr unsigned int kWrapOfMicroseconds = 0xFFFFFFFF / 1000 + 1;
+    constexpr unsigned int kMost = 0xFFFFFFFF;
+    for (const auto& [standby, ui] :
+         {std::pair{kSignOfMilliseconds, kMost}, std::pair{kSignOfMicroseconds, kWrapOfMicroseconds}}) {
+        if (!take(trial, kStandbyKind, standby) || !take(trial, kUiKind, ui)) {
+            return;
+        }
+        trial.iterate(400ms);
+        for (const auto& [kind, duration] : {std::pair{kStandbyKind, standby}, std::pair{kUiKind, ui}}) {
+            release(trial, kind, FindingId::NotReleased,
+                    ", for " + std::to_string(duration) + " ms, after 400 of them");
+        }
+    }
+}
+
 void tryLockTimes(Trial& trial)
 {
     constexpr unsigned int kWraps = 0x10000 + kShort; // in 16 bits it would be the short one
@@ -421,6 +496,7 @@ void tryLockTimes(Trial& trial)
         return; // it was noted that nothing is seen
     }
     tryPartOfSecond(trial);
+    tryLongTimes(trial);
     tryOneTimeUp(trial, kStandbyKind, kUiKind, kWraps);
     tryTakenAnew(trial); // by which the other kind's time is up
 }
