@@ -107,8 +107,10 @@ std::vector<std::string> expectedTexts(const Values& values)
     return texts;
 }
 
-constexpr int kRepeats = 3;                              // of one text
-constexpr const char* kLetters = "\xC3\xA4\xE2\x82\xAC"; // of more than one byte
+constexpr int kRepeats = 3;                                   // of one text
+constexpr int kTurns = 3;                                     // of one place, with other values each time
+constexpr std::size_t kReasonLengths[] = {600, 5000, 70'000}; // of texts with "%m" at their end
+constexpr const char* kLetters = "\xC3\xA4\xE2\x82\xAC";      // of more than one byte
 
 // Where buffers end.
 std::vector<std::size_t> edgeLengths()
@@ -277,6 +279,13 @@ void logAll(Trial& trial, bool isTrace)
     for (int time = 0; time < kRepeats; ++time) {
         CHECKED_RECORD(trial, isTrace, kError, "the same, %u.", values.token);
     }
+    for (int turn = 1; turn <= kTurns; ++turn) {
+        CHECKED_RECORD(trial, isTrace, kError, "turn %d of %u.", turn, values.token);
+    }
+    for (const std::size_t length : kReasonLengths) {
+        CHECKED_RECORD(trial, isTrace, kError, "%s;why %m, %zu of %u.", std::string(length, 'W').c_str(),
+                       length, values.token);
+    }
     CHECKED_RECORD(trial, isTrace, kError, "letters %s, %u.", kLetters, values.token);
     CHECKED_RECORD(trial, isTrace, kError, "a line\nsecond line of %u.", values.token);
     std::thread([&] {
@@ -433,7 +442,7 @@ void judgePriorities(Trial& trial, const Traced& traced, const Values& values, c
         for (const OfPriority& one : texts) {
             trial.require(isWritten(one.text), one.otherwise,
                           std::string(logger) + ": a record of priority " + std::to_string(priority) +
-                              " with " + one.what);
+                              " with " + one.what + " does not end as \"" + one.text + "\"");
         }
     }
 }
@@ -455,16 +464,41 @@ void judgeEdges(Trial& trial, const Traced& traced, const Values& values, const 
                       ": not whole in what was written: a text of so many characters: " + missing);
 }
 
-// Where a text is written at all, it is as often as it was logged; and letters are what they are, or are
-// written in some other way, but are no question marks.
-void judgeRepeats(Trial& trial, const Traced& traced, unsigned int token, const char* logger)
+int timesWritten(const Traced& traced, const std::string& text)
 {
-    const std::string text = printed("the same, %u.", token);
     int times = 0;
     for (std::size_t at = traced.written.find(text); at != std::string::npos;
          at = traced.written.find(text, at + 1)) {
         ++times;
     }
+    return times;
+}
+
+// Whoever keeps texts by the place that logs, or by the format, spoils most of the others with it.
+bool isEarlierText(const Traced& traced, unsigned int token)
+{
+    return timesWritten(traced, printed("turn 1 of %u.", token)) > 1 &&
+           timesWritten(traced, printed("turn %d of %u.", kTurns, token)) == 0;
+}
+
+// Where the end of such a text is written, so is the reason before it.
+void judgeLongReasons(Trial& trial, const Traced& traced, const Values& values, const char* logger)
+{
+    for (const std::size_t length : kReasonLengths) {
+        const std::string end = printed(", %zu of %u.", length, values.token);
+        const std::string whole = ";why " + std::string(std::strerror(EXDEV)) + end;
+        trial.require(
+            timesWritten(traced, end) == 0 || isWrittenText(traced, values, whole), FindingId::WrongErrno,
+            std::string(logger) + ": a record of " + std::to_string(length) +
+                " characters with \"%m\" at its end and errno EXDEV does not end as \"" + whole + "\"");
+    }
+}
+
+// Where a text is written at all, it is as often as it was logged; and letters are what they are, or are
+// written in some other way, but are no question marks.
+void judgeRepeats(Trial& trial, const Traced& traced, unsigned int token, const char* logger)
+{
+    const int times = timesWritten(traced, printed("the same, %u.", token));
     trial.require(times == 0 || times >= kRepeats, FindingId::RecordLost,
                   std::string(logger) + ": of " + std::to_string(kRepeats) + " records with one text " +
                       std::to_string(times) + " were written");
@@ -515,11 +549,18 @@ void watch(Trial& trial, bool isTrace)
         trial.note("the texts of the logs were not judged: this system lets no process be traced");
     } else if (trial.options().isLogTextJudged) {
         const char* const name = isTrace ? "TraceLogger::record" : "__norlog_print";
+        if (isEarlierText(alone, values.token)) {
+            trial.found(FindingId::WrongText,
+                        std::string(name) + ": records of one place, with other values each time, all have "
+                                            "the text of the first");
+            return;
+        }
         judgeTexts(trial, alone, texts, isTrace);
         judgeEdges(trial, alone, values, name);
         judgeLastRecords(trial, alone, name);
         judgeRepeats(trial, alone, values.token, name);
         judgePriorities(trial, alone, values, name);
+        judgeLongReasons(trial, alone, values, name);
         judgeThreads(trial, beside, isTrace);
     }
 }
