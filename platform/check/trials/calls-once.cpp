@@ -11,6 +11,7 @@
 #include "flagpost.h"
 #include "hangwatch.h"
 #include "norlog.h"
+#include "platform/check/trials/garbage.h"
 #include "pralis.h"
 #include "ps_mount.h"
 #include "pwrctl.h"
@@ -169,6 +170,7 @@ void flagsOnce(Trial& trial)
     expectSuccess(trial, FindingId::NotLowered, "FlagpostResetEvent",
                   [] { return FlagpostResetEvent(kFlag); });
     steady(trial, !isRaised(), FindingId::NotLowered, "FlagpostIsDone", "a lowered flag is not");
+    trial.call("FlagpostResetEvent", [] { return FlagpostResetEvent(kFlag); });
 }
 
 void watchdogOnce(Trial& trial)
@@ -181,6 +183,8 @@ void watchdogOnce(Trial& trial)
     }
     expectSuccess(trial, FindingId::WatchdogNotUnregistered, "hangwatch_unregister_watchdog_service",
                   hangwatch_unregister_watchdog_service);
+    trial.call("hangwatch_unregister_watchdog_service", hangwatch_unregister_watchdog_service);
+    trial.call("hangwatch_watchdog_notify", hangwatch_watchdog_notify);
 }
 
 void propertyOnce(Trial& trial)
@@ -200,6 +204,23 @@ void packageOnce(Trial& trial)
     static const bool isFirstTaken = isTaken;
     steady(trial, isTaken == isFirstTaken, FindingId::PackageRefused, "ABM_DownloadAppBinary",
            isFirstTaken ? "the same package is not taken any more" : "what was refused is taken");
+    trial.call("ABM_DownloadAppBinary",
+               [] { return appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, ""); });
+}
+
+// Without an application, and without a request.
+static void refuseLaunches(Trial& trial)
+{
+    applaunch_h request = nullptr;
+    trial.call("applaunch_create", [&] { return applaunch_create(&request); });
+    for (const applaunch_h one : {request, applaunch_h{nullptr}}) {
+        trial.call("applaunch_send_launch_request",
+                   [=] { return applaunch_send_launch_request(one, nullptr, nullptr); });
+        trial.call("applaunch_destroy", [=] { return applaunch_destroy(one); });
+    }
+    trial.call("applaunch_add_extra_data", [] { return applaunch_add_extra_data(nullptr, "timeinfo", "1"); });
+    trial.call("applaunch_set_app_id",
+               [] { return applaunch_set_app_id(nullptr, "org.pellor.tarnwick.platform_check.none"); });
 }
 
 void launchOnce(Trial& trial)
@@ -224,21 +245,33 @@ void launchOnce(Trial& trial)
            "launch number " + time + " is refused");
     expectSuccess(trial, FindingId::RequestNotDestroyed, "applaunch_destroy",
                   [=] { return applaunch_destroy(request); });
+    refuseLaunches(trial);
 }
 
-// Refused ones: there is neither image nor directory.
-void mountOnce(Trial& trial)
+static void refuseMount(Trial& trial, const std::string& image, const std::string& directory,
+                        const char* what)
 {
-    char command[1024] =
-        "-o ro,loop,nodev,nosuid /tmp/.tarnwick_check/missing.img /tmp/.tarnwick_check/missing";
-    constexpr const char* kDirectory = "/tmp/.tarnwick_check/missing";
+    char command[1024] = "";
+    std::snprintf(command, sizeof command, "-o ro,loop,nodev,nosuid %s %s", image.c_str(), directory.c_str());
     int result = 0;
     const int returned =
         trial.call("PS_Mount", [&] { return PS_Mount(command, sizeof command, 0, &result); });
-    steady(trial, returned != 0 || result != 0, FindingId::BadMountSucceeds, "PS_Mount",
-           "of a missing image");
+    steady(trial, returned != 0 || result != 0, FindingId::BadMountSucceeds, "PS_Mount", what);
+}
+
+// Refused ones: there is neither image nor directory, or one of the two, or the file is no image.
+void mountOnce(Trial& trial)
+{
+    constexpr const char* kDirectory = "/tmp/.tarnwick_check/missing";
+    const std::string image = trial.options().image;
+    refuseMount(trial, "/tmp/.tarnwick_check/missing.img", kDirectory, "of a missing image");
+    if (!image.empty()) {
+        refuseMount(trial, image, kDirectory, "on a missing directory");
+    }
+    const Garbage garbage(trial, "empPlatformCheckR", std::string(4096, 'x'));
+    refuseMount(trial, garbage.path(), trial.options().work, "of a file that is no image");
+    int result = 0;
     char node[1024] = "-m 0660 -Z * /dev/loop0  b 7 0"; // which is there
-    result = 0;
     trial.call("PS_Mknod", [&] { return PS_Mknod(node, sizeof node, 0, &result); });
     result = 0;
     trial.call("PS_Umount",

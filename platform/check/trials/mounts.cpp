@@ -21,6 +21,7 @@
 #include "common/files/whole-file.h"
 #include "common/process/guarded-buffer.h"
 #include "platform/check/trials/calls-once.h"
+#include "platform/check/trials/garbage.h"
 #include "platform/check/trials/trial.h"
 #include "ps_mount.h"
 
@@ -425,27 +426,6 @@ void tryTogether(Trial& trial)
 }
 
 // ---- What cannot be mounted ----
-
-// Files that are no images, where the images of packages lie, as far as this user may.
-class Garbage
-{
-public:
-    Garbage(const Trial& trial, const char* name, const std::string& content)
-    {
-        const fs::path packages = trial.options().image.parent_path();
-        const bool isUsable = !packages.empty() && access(packages.c_str(), W_OK | X_OK) == 0;
-        path_ = (isUsable ? packages : trial.options().work) /
-                (name + std::to_string(common::realNow()) + ".img");
-        std::ofstream(path_) << content;
-    }
-    ~Garbage() { unlink(path_.c_str()); }
-    Garbage(const Garbage&) = delete;
-    Garbage& operator=(const Garbage&) = delete;
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
-};
 
 // A slow service is asked for each once.
 void refuse(Trial& trial, const char* what, const fs::path& image, const fs::path& directory)

@@ -55,6 +55,7 @@ inline constexpr ListedTrial kTrials[] = {
     {"flags-later", "Flags, some time later"},
     {"together", "Calls of several threads"},
     {"power-together", "Power calls of six threads"},
+    {"kinds", "Calls of each kind"},
     {"again-settings", "Settings, again and again"},
     {"again-subscription", "Subscriptions, again and again"},
     {"again-notification", "Changes of a key, again and again"},

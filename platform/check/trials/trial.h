@@ -204,6 +204,7 @@ std::vector<TrialKind> serviceTrials();
 std::vector<TrialKind> mountTrials();
 std::vector<TrialKind> logTrials();
 std::vector<TrialKind> repeatTrials();
+std::vector<TrialKind> kindTrials();
 
 } // namespace platformcheck
 
