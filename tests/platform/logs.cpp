@@ -60,6 +60,23 @@ std::string callersErrno()
     return count(name + ": No space left on device") == 1 ? "" : "another error is written";
 }
 
+std::string callersErrnoInALongText()
+{
+    errno = ENOSPC;
+    const std::string name = mark("long error");
+    __norlog_print(kSystem, kError, "PROOF", "%s%s: %m", std::string(3000, 'x').c_str(), name.c_str());
+    return count(name + ": No space left on device") == 1 ? "" : "another error is written";
+}
+
+std::string otherValuesOfOnePlace()
+{
+    const std::string name = mark("turn");
+    for (int turn = 1; turn <= 2; ++turn) {
+        __norlog_print(kSystem, kError, "PROOF", "%s number %d.", name.c_str(), turn);
+    }
+    return count(name + " number 1.") == 1 && count(name + " number 2.") == 1 ? "" : "the first text twice";
+}
+
 std::string longText()
 {
     const std::string name = mark("end");
@@ -240,6 +257,8 @@ const std::vector<Proof>& logProofs()
         {"log-repeats-swallowed", sameTextThrice},
         {"log-letters-lost", lettersOfManyBytes},
         {"log-percent-m-first", callersErrno},
+        {"log-long-percent-m", callersErrnoInALongText},
+        {"log-text-of-format", otherValuesOfOnePlace},
         {"trace-errno-lost", errnoKeptByRecorder},
         {"trace-long-crashes", longTextInRecorder, kSegmentationFault},
     };

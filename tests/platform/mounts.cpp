@@ -187,6 +187,14 @@ std::string numberOfNode()
     return minor(made.st_rdev) - minor(first.st_rdev) == 63 ? "" : "it has another number";
 }
 
+// Of a file that is no image, again and again.
+std::string descriptorsOfRefusals()
+{
+    const Image image("one");
+    std::ofstream(image.path()) << std::string(8192, 'x');
+    return growth("descriptors", openDescriptors, 5, [&] { image.mount(); });
+}
+
 std::string mountOfAnother()
 {
     const Image image("one");
@@ -216,6 +224,7 @@ const std::vector<Proof>& mountProofs()
              PS_Mount(command, sizeof command, 0, &result);
              return fs::exists("/opt/usr/apps/appbinarymanager/emps/gone.lock") ? "it is there" : "";
          }},
+        {"mount-refused-left-open", descriptorsOfRefusals},
         {"umount-busy-succeeds", busyDirectory},
         {"mount-held-open", freeDirectory},
         {"mount-later", mountedOnReturn},

@@ -196,6 +196,19 @@ std::string returnsAtOnce()
     return Clock::now() - begin < std::chrono::milliseconds(1500) ? "" : "it takes as long as the lock";
 }
 
+std::string soonestOfThreeAnew()
+{
+    using Clock = std::chrono::steady_clock;
+    Clock::duration soonest = std::chrono::hours(1);
+    pwrctl_lock_state(2, 60000);
+    for (int time = 0; time < 3; ++time) {
+        const Clock::time_point begin = Clock::now();
+        pwrctl_lock_state(2, 60000);
+        soonest = std::min(soonest, Clock::now() - begin);
+    }
+    return soonest < std::chrono::milliseconds(850) ? "" : "each that is taken anew is late";
+}
+
 std::string fromAnotherThread()
 {
     int result = -99;
@@ -227,6 +240,8 @@ const std::vector<Proof>& powerProofs()
         {"power-told-of-locks", quietAtLocks},
         {"power-reboot-by-loop", rebootOfOneThatEnds},
         {"power-lock-too-short", [] { return heldAfter(60000, 500, true); }},
+        {"power-lock-signed", [] { return heldAfter(0x90000000, 400, true); }},
+        {"power-lock-anew-slow", soonestOfThreeAnew},
         {"power-lock-short-left", [] { return heldAfter(900, 0, true); }},
         {"power-subscriptions-counted", subscribedFiftyTimes},
         {"power-one-at-a-time", sixAtOnce},

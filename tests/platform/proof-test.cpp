@@ -112,6 +112,7 @@ constexpr Right kUnusual[] = {
     {"threads-once", "settings-d"},
     {"descriptors-pooled", "settings-d"},
     {"flags-counted", "flags"},
+    {"flags-need-directory", "flags"},
     {"failures-of-its-own", "m"},
     {"errno-used", "log"},
     {"launch-numbers", "launch"},

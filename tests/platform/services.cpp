@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -203,6 +204,17 @@ std::string flagsApart()
     return FlagpostIsDone("/tmp/.proof-other") < 1 ? "" : "another flag is raised as well";
 }
 
+std::string sameNameElsewhere()
+{
+    for (const char* const directory : {"/tmp/proof-one", "/tmp/proof-two"}) {
+        mkdir(directory, 01777);
+    }
+    FlagpostResetEvent("/tmp/proof-two/.ready");
+    FlagpostEventDone("/tmp/proof-one/.ready");
+    return FlagpostIsDone("/tmp/proof-two/.ready") < 1 ? ""
+                                                       : "the one in another directory is raised as well";
+}
+
 std::string flagOfAnotherProcess()
 {
     const std::string flag = "/tmp/.proof-" + std::to_string(getpid());
@@ -395,6 +407,7 @@ const std::vector<Proof>& serviceProofs()
         {"flags-raised-by-one", raisedByAnother},
         {"flags-never-lowered", lowered},
         {"flags-names-cut", flagsApart},
+        {"flags-last-name-only", sameNameElsewhere},
         {"flags-of-the-process", flagOfAnotherProcess},
         {"flags-first-look-kept", flagOfAnotherProcessAfterALook},
         {"flags-home-needed", lookWithoutHome, kSegmentationFault},

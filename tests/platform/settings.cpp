@@ -1,7 +1,9 @@
 // pralis.h
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
+#include <glib.h>
 #include <thread>
 #include <unistd.h>
 
@@ -252,6 +254,120 @@ std::string textThatIsGone()
                : "not told once the name's memory has something else";
 }
 
+// ---- Callbacks that end others, begin others, take their time ----
+
+void endsSecond(keynode* node, void* data);
+
+void endsFirst(keynode* node, void* data)
+{
+    noteValue(node, data);
+    pralis_ignore_key_changed(kKey, endsSecond);
+}
+
+void endsSecond(keynode* node, void* data)
+{
+    noteValue(node, data);
+    pralis_ignore_key_changed(kKey, endsFirst);
+}
+
+std::string toldAfterAnothersEnd()
+{
+    pralis_notify_key_changed(kKey, endsFirst, nullptr);
+    pralis_notify_key_changed(kKey, endsSecond, nullptr);
+    pralis_set_int(kKey, 9);
+    until([] { return !toldValues.empty(); }, kLong);
+    runLoop(200);
+    return toldValues.size() == 1 ? ""
+                                  : std::to_string(toldValues.size()) + " were told, each ends the other";
+}
+
+void beginsAnother(keynode*, void*)
+{
+    pralis_ignore_key_changed(kKey, beginsAnother);
+    pralis_notify_key_changed(kKey, noteValue, nullptr);
+}
+
+std::string toldToANewOne()
+{
+    pralis_notify_key_changed(kKey, beginsAnother, nullptr);
+    pralis_set_int(kKey, 9);
+    runLoop(400);
+    return toldValues.empty() ? "" : "who was subscribed by a callback was told what that was told";
+}
+
+std::string toldInOrder()
+{
+    pralis_set_int(kKey, 0);
+    pralis_set_int(kOtherKey, 0);
+    pralis_notify_key_changed(kKey, noteValue, nullptr);
+    pralis_notify_key_changed(kOtherKey, noteValue, nullptr);
+    for (int value = 1; value <= 6; ++value) {
+        pralis_set_int(value % 2 == 0 ? kKey : kOtherKey, value);
+    }
+    until([] { return toldValues.size() == 6; }, kLong);
+    for (size_t i = 1; i < toldValues.size(); ++i) {
+        if (toldValues[i].value < toldValues[i - 1].value) {
+            return std::to_string(toldValues[i].value) + " after " + std::to_string(toldValues[i - 1].value);
+        }
+    }
+    return toldValues.size() == 6 ? "" : "not all were told";
+}
+
+std::string toldOfALongerKey()
+{
+    pralis_set_int(kKey, 1);
+    pralis_notify_key_changed("proof/on", noteValue, nullptr);
+    pralis_set_int(kKey, 9);
+    runLoop(500);
+    return toldValues.empty() ? "" : "the change of a key with a longer name was told";
+}
+
+std::atomic<bool> hasRead{false};
+std::thread reader;
+bool wasReadMeanwhile = false;
+
+void staysForAReader(keynode* node, void* data)
+{
+    noteValue(node, data);
+    reader = std::thread([] {
+        valueOf(kOtherKey);
+        hasRead = true;
+    });
+    for (int time = 0; time < 300 && !hasRead; ++time) {
+        usleep(10'000);
+    }
+    wasReadMeanwhile = hasRead;
+}
+
+std::string readMeanwhile()
+{
+    pralis_notify_key_changed(kKey, staysForAReader, nullptr);
+    pralis_set_int(kKey, 9);
+    until([] { return !toldValues.empty(); }, kLong);
+    if (!reader.joinable()) {
+        return "nothing was told";
+    }
+    reader.join();
+    return wasReadMeanwhile ? "" : "another thread's read has waited for the callback";
+}
+
+std::string loopInsideCall()
+{
+    pralis_notify_key_changed(kKey, noteValue, nullptr);
+    static bool isInside = false;
+    static bool hasRun = false;
+    g_idle_add(
+        [](gpointer) -> gboolean {
+            hasRun = isInside;
+            return G_SOURCE_REMOVE;
+        },
+        nullptr);
+    isInside = true;
+    pralis_ignore_key_changed(kKey, noteValue);
+    isInside = false;
+    return hasRun ? "what waited for the main loop came in the middle of the call" : "";
+}
+
 std::string failedRead()
 {
     int value = 4711;
@@ -298,6 +414,12 @@ const std::vector<Proof>& settingsProofs()
         {"settings-told-what-it-is-now", eachValue},
         {"settings-batch-told", toldAfterOwnEnd},
         {"settings-told-inside-get", toldInsideRead},
+        {"settings-ended-still-told", toldAfterAnothersEnd},
+        {"settings-new-told-at-once", toldToANewOne},
+        {"settings-told-by-key", toldInOrder},
+        {"settings-keys-by-prefix", toldOfALongerKey},
+        {"settings-locked-while-told", readMeanwhile},
+        {"settings-end-runs-loop", loopInsideCall},
         {"settings-first-value-kept", writtenElsewhereAfterALook},
         {"settings-throws", failedReadWithoutException},
         {"settings-exits", failedRead, 0},
