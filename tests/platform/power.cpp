@@ -1,5 +1,6 @@
 // pwrctl.h
 #include <algorithm>
+#include <atomic>
 #include <thread>
 
 #include "pwrctl.h"
@@ -196,6 +197,59 @@ std::string returnsAtOnce()
     return Clock::now() - begin < std::chrono::milliseconds(1500) ? "" : "it takes as long as the lock";
 }
 
+int endSecond(pwrctl_state_info* info, void* data);
+
+int endFirst(pwrctl_state_info* info, void* data)
+{
+    noteChange(info, data);
+    return pwrctl_unsubscribe_state_changed_event(endSecond);
+}
+
+int endSecond(pwrctl_state_info* info, void* data)
+{
+    noteChange(info, data);
+    return pwrctl_unsubscribe_state_changed_event(endFirst);
+}
+
+std::string toldAfterAnothersEnd()
+{
+    pwrctl_subscribe_state_changed_event(endFirst, nullptr);
+    pwrctl_subscribe_state_changed_event(endSecond, nullptr);
+    const Standby standby;
+    until([] { return !toldChanges.empty(); }, kLong);
+    runLoop(200);
+    return toldChanges.size() == 1 ? ""
+                                   : std::to_string(toldChanges.size()) + " were told, each ends the other";
+}
+
+std::atomic<bool> hasAsked{false};
+std::thread asker;
+bool wasAnsweredMeanwhile = false;
+
+int stayForAnAsker(pwrctl_state_info* info, void* data)
+{
+    noteChange(info, data);
+    asker = std::thread([] {
+        pwrctl_get_state();
+        hasAsked = true;
+    });
+    for (int time = 0; time < 300 && !hasAsked; ++time) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    wasAnsweredMeanwhile = hasAsked;
+    return pwrctl_unsubscribe_state_changed_event(stayForAnAsker);
+}
+
+std::string answeredMeanwhile()
+{
+    standbyOnce(stayForAnAsker);
+    if (!asker.joinable()) {
+        return "nothing was told";
+    }
+    asker.join();
+    return wasAnsweredMeanwhile ? "" : "another thread's call has waited for the callback";
+}
+
 std::string soonestOfThreeAnew()
 {
     using Clock = std::chrono::steady_clock;
@@ -226,6 +280,8 @@ const std::vector<Proof>& powerProofs()
         {"power-states-swapped", statesTold},
         {"power-told-elsewhere", threadOfPower},
         {"power-told-after-unsubscribe", toldAfterUnsubscribe},
+        {"power-ended-still-told", toldAfterAnothersEnd},
+        {"power-locked-while-told", answeredMeanwhile},
         {"power-told-once", everyChangeTold},
         {"power-unsubscribe-waits",
          [] {
