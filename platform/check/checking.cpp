@@ -388,9 +388,14 @@ void Checker::showNow()
     showProgress_(title_, percent_);
 }
 
-// Of a busy machine nothing is believed at once: what is found once more is the platform's.
+// Of a busy machine nothing is believed at once: what is found once more is the platform's. Nobody changes
+// the power a second time, nor does a reboot come back.
 bool isDoubtful(const TrialRun& run)
 {
+    const When when = run.trial().when;
+    if (when == When::kWithPerson || when == When::kWithReboot) {
+        return false;
+    }
     const std::vector<Told> lines = readLines(run.page());
     const bool hasFound =
         std::any_of(lines.begin(), lines.end(), [](const Told& line) { return line.kind == Line::kFinding; });
