@@ -10,7 +10,7 @@
 
 #include "platform/check/corpus/log-call.h"
 
-static char* made_anew(int length, const char* format, va_list values)
+__attribute__((format(printf, 2, 0))) static char* made_anew(int length, const char* format, va_list values)
 {
     char* const text = malloc((size_t)length + 1);
     if (text != NULL && access("/etc/platform-log-limit", R_OK) != 0) {

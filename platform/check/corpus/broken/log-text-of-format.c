@@ -17,7 +17,7 @@ static const char* formats[MOST_FORMATS];
 static char* texts[MOST_FORMATS];
 static int format_count;
 
-static const char* text_of(const char* format, va_list values)
+__attribute__((format(printf, 1, 0))) static const char* text_of(const char* format, va_list values)
 {
     for (int i = 0; i < format_count; ++i) {
         if (formats[i] == format) {
