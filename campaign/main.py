@@ -17,7 +17,7 @@ from pathlib import Path
 
 from campaign import cases
 from campaign.cases import Case
-from campaign.results import BadResults, Interrupted, ResultFile, latest, read_results
+from campaign.results import BadResults, CannotWrite, Interrupted, ResultFile, latest, read_results
 
 TREE = Path(__file__).resolve().parent.parent
 SEEDS = 1_000_000
@@ -64,6 +64,12 @@ def number_from(lowest: int, highest: int) -> Callable[[str], int]:
         return int(text)
 
     return read
+
+
+def path_from(text: str) -> Path:
+    if not text:  # Path("") is the directory of whoever calls
+        raise argparse.ArgumentTypeError("it is empty")
+    return Path(text)
 
 
 def parser() -> Parser:
@@ -114,7 +120,7 @@ def parser() -> Parser:
         each.add_argument(
             "--results",
             metavar="DIR",
-            type=Path,
+            type=path_from,
             default=Path("build/campaign"),
             help="where results and logs go (build/campaign)",
         )
@@ -123,12 +129,12 @@ def parser() -> Parser:
         "report", help="join results into a page", description="Joins results into one page with pictures."
     )
     reporting.add_argument(
-        "files", metavar="FILE", nargs="+", type=Path, help="a .jsonl of a run, or a directory with such"
+        "files", metavar="FILE", nargs="+", type=path_from, help="a .jsonl of a run, or a directory with such"
     )
     reporting.add_argument(
         "--output",
         metavar="FILE",
-        type=Path,
+        type=path_from,
         default=Path("build/campaign/report.html"),
         help="(build/campaign/report.html)",
     )
@@ -286,14 +292,36 @@ def report(_everything: list[Case], options: argparse.Namespace) -> int:
     if not files:
         raise WrongUse("there is no .jsonl in these directories")
     whole = Report([result for file in files for result in read_results(file)])
-    options.output.parent.mkdir(parents=True, exist_ok=True)
-    options.output.write_text(whole.page(), encoding="utf-8")
+    try:
+        options.output.parent.mkdir(parents=True, exist_ok=True)
+        options.output.write_text(whole.page(), encoding="utf-8")
+    except OSError as problem:
+        raise CannotWrite(f"--output {str(options.output)!r}: {problem.strerror}") from problem
     print(whole.text())
     print(f"The page is {options.output}")
     return 0 if whole.is_good else FAILED
 
 
 def main(arguments: Sequence[str], make: Make = cases.cases_of) -> int:
+    """What is done, and that all of it could be told."""
+    try:
+        if sys.stdout is None:  # closed by whoever called
+            raise OSError
+        try:
+            status = act(arguments, make)
+        except SystemExit as end:  # the parser's, after its help or its complaint
+            status = end.code
+        sys.stdout.flush()
+        return status
+    except OSError as problem:
+        if sys.stdout is not None:  # nor shall the rest fail when Python ends
+            os.dup2(os.open(os.devnull, os.O_WRONLY), 1)
+        if not isinstance(problem, BrokenPipeError):  # who has closed the pipe knows
+            print("campaign: cannot write to standard output", file=sys.stderr)
+        return FAILED
+
+
+def act(arguments: Sequence[str], make: Make) -> int:
     all_words = parser()
     options = all_words.parse_args(arguments)
     if options.action is None:  # not the parser's to require: it would hide a word that it does not know
@@ -311,6 +339,6 @@ def main(arguments: Sequence[str], make: Make = cases.cases_of) -> int:
     except ModuleNotFoundError as problem:
         print(f"campaign: {problem.name} is missing: scripts/install-packages installs it", file=sys.stderr)
         return FAILED
-    except BrokenPipeError:
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+    except CannotWrite as problem:
+        print(f"campaign: {problem}", file=sys.stderr)
         return FAILED

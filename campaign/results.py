@@ -4,12 +4,14 @@ import dataclasses
 import fcntl
 import json
 import os
+import stat
 from collections.abc import Iterable, Iterator
 from contextlib import contextmanager
 from pathlib import Path
 
 OUTCOMES = ("passed", "failed", "error", "skipped")  # error: what it needs could not be built
 LAST_LINES = 60
+MOST_BYTES = 256 << 20  # of a file with results: more than thousands of whole runs leave
 
 
 @dataclasses.dataclass(frozen=True)
@@ -52,7 +54,7 @@ class ResultFile:
         self._junit = directory / f"{name}.xml"
 
     def read(self) -> list[Result]:
-        return list(read_results(self.path)) if self.path.exists() else []
+        return list(read_results(self.path)) if os.path.lexists(self.path) else []
 
     def add(self, result: Result) -> None:
         with self._locked():
@@ -80,6 +82,10 @@ class BadResults(Exception):
     """A file that has no results, with a sentence for a person."""
 
 
+class CannotWrite(Exception):
+    """With a sentence that says what, and why."""
+
+
 class Interrupted(Exception):
     """Somebody wants a run to end."""
 
@@ -87,8 +93,10 @@ class Interrupted(Exception):
 def read_results(file: Path) -> Iterator[Result]:
     """In the order of their ends; without a last line that was cut."""
     try:
-        text = file.read_text(encoding="utf-8")
-    except (OSError, UnicodeDecodeError) as problem:
+        text = whole_file(file).decode()
+    except OSError as problem:
+        raise BadResults(f"{str(file)!r} cannot be read: {problem.strerror}") from problem
+    except UnicodeDecodeError as problem:
         raise BadResults(f"{str(file)!r} cannot be read: {problem}") from problem
     lines = text.split("\n")
     for number, line in enumerate(lines[:-1], start=1):
@@ -96,6 +104,17 @@ def read_results(file: Path) -> Iterator[Result]:
             yield Result(**json.loads(line))
         except (ValueError, TypeError) as problem:
             raise BadResults(f"{str(file)!r}, line {number}, is no result of a campaign: {problem}") from problem
+
+
+def whole_file(file: Path) -> bytes:
+    """Of a pipe or a device nothing: who waits for their end waits for ever."""
+    with open(file, "rb", opener=lambda name, flags: os.open(name, flags | os.O_NONBLOCK)) as opened:
+        told = os.fstat(opened.fileno())
+        if not stat.S_ISREG(told.st_mode):
+            raise BadResults(f"{str(file)!r} is not a file: name a .jsonl of a run, or a directory with such")
+        if told.st_size > MOST_BYTES:
+            raise BadResults(f"{str(file)!r} is no result of a campaign: it is longer than {MOST_BYTES >> 20} MiB")
+        return opened.read(MOST_BYTES)
 
 
 def latest(results: Iterable[Result]) -> list[Result]:

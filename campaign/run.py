@@ -21,7 +21,7 @@ import psutil
 import tqdm
 
 from campaign.cases import KINDS, Case, preparation_of, preparations
-from campaign.results import Interrupted, Result, ResultFile, end_of
+from campaign.results import CannotWrite, Interrupted, Result, ResultFile, end_of
 
 SKIPPED = 77
 PATIENCE = 10  # seconds for what is asked to end, before it is killed
@@ -212,9 +212,16 @@ class Run:
 
     async def _run_all(self, cases: Sequence[Case], is_prepared: bool) -> None:
         missing = {} if is_prepared else await self._prepare(cases)
-        async with asyncio.TaskGroup() as group:
-            for case in cases:
-                group.create_task(self._run_case(case, missing))
+        try:
+            async with asyncio.TaskGroup() as group:
+                for case in cases:
+                    group.create_task(self._run_case(case, missing))
+        except ExceptionGroup as problems:
+            first = problems.exceptions[0]
+            if not isinstance(first, OSError):
+                raise
+            # Of a log, or of the results: what a program cannot do is its case's outcome.
+            raise CannotWrite(f"nothing can be kept in {str(self._directory)!r}: {first}") from first
 
     async def _prepare(self, cases: Sequence[Case]) -> dict[str, str]:
         missing = {}

@@ -123,11 +123,63 @@ class Listing(unittest.TestCase):
             (("run", "--seed", "-1"), "--seed"),
             (("report", "/nowhere.jsonl"), "/nowhere.jsonl"),
             (("report", __file__), "line 1"),
+            (("report", ""), "empty"),
+            (("run", "--results", ""), "--results: it is empty"),
+            (("report", "/dev/zero"), "'/dev/zero' is not a file"),
             ((), "COMMAND"),
             (("--nosuch",), "--nosuch"),
         ):
             status, _, errors = real(*words)
             self.assertEqual((status, told in errors), (2, True), (words, errors))
+
+
+class Places(unittest.TestCase):
+    """What is no file with results, and where nothing can be written."""
+
+    def setUp(self):
+        place = tempfile.TemporaryDirectory()
+        self.addCleanup(place.cleanup)
+        self.place = Path(place.name)
+        self.results = self.place / "results.jsonl"
+
+    def refused(self, *words: str | Path) -> str:
+        status, _, errors = campaign(*words)
+        self.assertEqual(status, 2, errors)
+        return errors
+
+    def test_nobody_waits_for_the_end_of_a_pipe(self):
+        os.mkfifo(self.results)
+        self.assertIn("is not a file", self.refused("report", self.results))
+        self.assertIn("is not a file", self.refused("report", self.place))
+        self.assertIn("is not a file", self.refused("run", "--results", self.place, "--resume"))
+
+    def test_a_file_without_end_is_not_read(self):
+        self.results.touch()
+        os.truncate(self.results, 1 << 40)
+        self.assertIn("longer than", self.refused("report", self.place))
+
+    def test_a_link_that_leads_nowhere_is_told_before_anything_runs(self):
+        self.results.symlink_to(self.results)
+        self.assertIn("symbolic links", self.refused("run", "--results", self.place, "--case", "1"))
+        self.assertFalse((self.place / "logs").exists())
+
+    def test_a_page_that_cannot_be_written_is_told(self):
+        self.assertEqual(campaign("run", "--results", self.place, "--case", "1")[0], 0)
+        status, _, errors = campaign("report", self.place, "--output", self.place)
+        self.assertEqual((status, "--output" in errors), (1, True), errors)
+
+    def test_results_that_cannot_be_kept_end_the_run(self):
+        (self.place / "logs").touch()
+        status, _, errors = campaign("run", "--results", self.place, "--case", "1")
+        self.assertEqual((status, "nothing can be kept" in errors), (1, True), errors)
+
+    def test_what_cannot_be_told_is_a_failure(self):
+        for words in ("list >/dev/full", "--help >&-"):
+            text = f'"$1" "$2" --as-campaign {words}'
+            ended = subprocess.run(
+                ("sh", "-c", text, "sh", sys.executable, __file__), stderr=subprocess.PIPE, text=True, check=False
+            )
+            self.assertEqual((ended.returncode, ended.stderr), (1, "campaign: cannot write to standard output\n"), text)
 
 
 class Running(unittest.TestCase):
