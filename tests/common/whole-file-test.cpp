@@ -1,3 +1,4 @@
+// A file that is read to its end, or cannot be.
 #include <gtest/gtest.h>
 
 #include "common/files/whole-file.h"

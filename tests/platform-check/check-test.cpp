@@ -1,4 +1,6 @@
-// The check on the platform of a virtual set, and on the same with one fault.
+// How tarnwick-platform-check is called, what it says, and what it leaves behind: on the platform of a
+// virtual set, and on the same with one fault. What it finds of the platforms of the corpus is in
+// tests/platform/.
 #include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // What tarnwick-platform-check finds of each platform of the corpus, by the table
 // platform/check/corpus/found: its own fault, and nothing of those that are only unusual. In a virtual set,
-// as its root.
+// as its root. How the check is called, and what it says and does, is in tests/platform-check/.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>

@@ -1,4 +1,4 @@
-// The fixture of every unit test: the set's directories, empty, and a healthy platform.
+// The fixture of unit tests that need a set: its directories, empty, and a healthy platform.
 //
 // The daemon's paths are absolute, so a test runs in a private root (`vset run --temporary -- TEST`); it
 // fails at once where the set's directories are missing, before it could touch anything of this machine.

@@ -1,4 +1,4 @@
-// A directory of a test's own, removed with all it holds.
+// A directory of a test's own, removed with all it holds, and a file to be put into it.
 #ifndef TESTS_SUPPORT_TEMPORARY_DIRECTORY_H
 #define TESTS_SUPPORT_TEMPORARY_DIRECTORY_H
 
@@ -13,7 +13,7 @@ class TemporaryDirectory
 public:
     TemporaryDirectory()
     {
-        std::string name = std::filesystem::temp_directory_path() / "sdk-test-XXXXXX";
+        std::string name = std::filesystem::temp_directory_path() / "test-XXXXXX";
         if (mkdtemp(name.data()) == nullptr) {
             throw std::runtime_error("no temporary directory");
         }

@@ -1,3 +1,4 @@
+// The UI agent's settings keys, its markers, and the launch of the upgrade UI.
 #include <climits>
 #include <cstdint>
 #include <string>

@@ -1,3 +1,4 @@
+// The UI agent's state machine: what each state does, and what ends it.
 #include <cstdint>
 #include <filesystem>
 #include <new>

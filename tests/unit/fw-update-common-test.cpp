@@ -1,3 +1,4 @@
+// The shared types, texts of an item, and the update semaphore.
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>

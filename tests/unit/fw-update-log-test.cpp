@@ -1,3 +1,4 @@
+// The log macros: where a message goes, with which place and priority.
 #include <cerrno>
 #include <string>
 

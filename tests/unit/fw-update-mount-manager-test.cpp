@@ -1,3 +1,4 @@
+// Mounts, the loop nodes that are made for them, unmounts, and the probes of paths.
 #include <boost/filesystem.hpp>
 #include <cerrno>
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// The list of pending modules: its file, its lines, and the checks that it is made of.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>

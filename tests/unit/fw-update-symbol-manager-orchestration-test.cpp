@@ -1,3 +1,4 @@
+// Updates: one with its time-out, the unattended run, the run that the user accepted, and what they count.
 #include <csignal>
 #include <cstring>
 #include <filesystem>

@@ -1,3 +1,4 @@
+// What the registry is asked: lists of items, a module by its name, the progress of an update.
 #include <cstring>
 #include <functional>
 #include <list>

@@ -1,3 +1,4 @@
+// The registry: which libraries it takes, when it is ready, the set's model, and what was executed.
 #include <algorithm>
 #include <filesystem>
 #include <string>

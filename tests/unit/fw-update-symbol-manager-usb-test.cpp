@@ -1,3 +1,4 @@
+// Pending images of a stick over all modules: the time that they take, and their installation.
 #include <array>
 #include <filesystem>
 #include <memory>

@@ -18,8 +18,8 @@ double clockRate();
 // Whether the set has a clock of its own, which can be changed.
 bool hasClock();
 
-// As Timer, but on a timer of the kernel that the set's clock does not reach. It never ends for a process
-// that has no descriptor left.
+// As Timer (vset/platformd/service-time.h), but on a timer of the kernel that the set's clock does not reach.
+// It never ends for a process that has no descriptor left.
 class RealTimer
 {
 public:

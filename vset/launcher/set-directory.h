@@ -2,7 +2,8 @@
 //
 //   SET/usr/    put over the PC's /usr while the set runs
 //   SET/root/   the set's root: tmp run prd opt var srv home root, plain directories to look into
-//   SET/.vset/  the launcher's own: lock (held while the set runs), clock, machine-id
+//   SET/.vset/  the launcher's own: lock (held while the set runs), clock, machine-id, life (life-record.h);
+//               and what is being put into the set, until it is whole (vset/television/workshop.h)
 #ifndef VSET_LAUNCHER_SET_DIRECTORY_H
 #define VSET_LAUNCHER_SET_DIRECTORY_H
 

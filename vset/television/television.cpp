@@ -1,3 +1,4 @@
+// The driver of a set: how it is made, switched on, seen and handled from outside, and ended.
 #include "include/tarnwick/television.h"
 
 #include <algorithm>
