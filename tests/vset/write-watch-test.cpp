@@ -1,4 +1,5 @@
 // A process watched at its writes: which ones are seen, and what is on the disk when it is killed at one.
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
@@ -58,7 +59,7 @@ protected:
         const pid_t child = fork();
         if (child == 0) {
             close(sockets[0]);
-            vset::submitToWatch(sockets[1]);
+            vset::submitToWatch(sockets[1], reads_);
             work();
             _exit(7);
         }
@@ -89,6 +90,7 @@ protected:
     }
 
     fs::path directory_;
+    vset::Reads reads_ = vset::Reads::kPass;
 };
 
 TEST_F(WriteWatchTest, SeesEveryWayToWriteAFile)
@@ -116,6 +118,28 @@ TEST_F(WriteWatchTest, AnMsyncThatWaitsForNothingIsToldFromOneThatDoes)
         msync(memory, 10, MS_SYNC);
     });
     EXPECT_THAT(calls, ElementsAre("ftruncate", vset::kMsyncWithoutWaiting, "msync"));
+}
+
+TEST_F(WriteWatchTest, ReadsAreHeldWhereThatIsAskedForAndMayFail)
+{
+    std::ofstream(chip()) << "abc";
+    reads_ = vset::Reads::kHeld;
+    const auto work = [this] {
+        char byte = 0;
+        const int file = open(chip().c_str(), O_RDONLY);
+        const bool hasFailed = pread(file, &byte, 1, 1) < 0 && errno == EIO;
+        _exit(hasFailed && read(file, &byte, 1) == 1 && byte == 'a' ? 7 : 1);
+    };
+    const auto calls =
+        watch(work, 0, [](vset::WriteWatch& watch, const vset::HardwareWrite& write, std::size_t number) {
+            EXPECT_TRUE(write.isRead);
+            if (number == 1) {
+                watch.refuse(write, EIO);
+            } else {
+                watch.allow(write);
+            }
+        });
+    EXPECT_THAT(calls, ElementsAre("pread64", "read"));
 }
 
 // A library may send the image to a process of its own, which writes it.

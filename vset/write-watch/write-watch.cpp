@@ -57,6 +57,14 @@ constexpr Call kCalls[] = {
     {"ioctl", 0, Size::None, 0, true},
 };
 
+constexpr Call kReads[] = {
+    {"read", 0, Size::Argument, 2},
+    {"pread64", 0, Size::Argument, 2, false, 3},
+    {"readv", 0, Size::Vector, 1},
+    {"preadv", 0, Size::Vector, 1, false, 3},
+    {"preadv2", 0, Size::Vector, 1, false, 3},
+};
+
 // Calls that change a directory's entries, or a file without opening it.
 struct PathCall {
     const char* name;
@@ -311,11 +319,16 @@ std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
         write.call = flush->name;
         return write;
     }
-    if (const Call* const call = findCall<kCalls>(notice)) {
+    const Call* const read = findCall<kReads>(notice);
+    write.isRead = read != nullptr;
+    if (const Call* const call = read != nullptr ? read : findCall<kCalls>(notice)) {
         const fs::path link = descriptorLink(notice, call->descriptorArgument);
         std::error_code gone;
         write.call = call->name;
         write.path = fs::read_symlink(link, gone);
+        if (!isHardware(write.path)) {
+            return std::nullopt;
+        }
         write.bytes = bytesOf(*call, notice);
         const mode_t mode = modeOf(link);
         const bool isToDevice = S_ISCHR(mode) || S_ISBLK(mode);
@@ -340,12 +353,15 @@ std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
 
 } // namespace
 
-void submitToWatch(int socket)
+void submitToWatch(int socket, Reads reads)
 {
     CallFilter filter(CallFilter::Others::kPass);
     hold(filter, kCalls);
     hold(filter, kPathCalls);
     hold(filter, kFlushes);
+    if (reads == Reads::kHeld) {
+        hold(filter, kReads);
+    }
     filter.submit(socket);
 }
 

@@ -34,14 +34,17 @@ struct HardwareWrite {
     std::string path;        // as the watched process sees it
     std::string source;      // what is renamed or linked to that path
     std::uint64_t bytes = 0; // asked for; 0 for a call that writes none, such as a flush
+    bool isRead = false;     // a read, where reads are held as well
     bool isLasting = false;  // needs no flush: to a device, or a file that was opened for synchronous writing
     std::optional<std::uint64_t> position;    // in the file, where it is known
     std::array<std::uint64_t, 6> arguments{}; // the call's
 };
 
 // In the process that is to be watched, before it starts threads: puts the filter in place and hands the
-// listening end to the watcher over `socket`, a connected Unix socket. Gives up new privileges for good.
-void submitToWatch(int socket);
+// listening end to the watcher over `socket`, a connected Unix socket. Gives up new privileges for good. A
+// process has many more reads than writes: they are held only where one is to fail.
+enum class Reads { kPass, kHeld };
+void submitToWatch(int socket, Reads reads = Reads::kPass);
 
 // The watcher's end. One thread at a time.
 class WriteWatch
