@@ -44,6 +44,8 @@ struct BlackBox {
     std::atomic<unsigned int> failingWrite; // of an update, by number from 1: it fails; 0: none does
     std::atomic<unsigned int> spoiltWrite;  // the same: the hardware gets something else
     std::atomic<unsigned int> failingFlush; // how many flushes on the one is that fails; 0: none
+    std::atomic<bool> areReadsFailing;      // of the hardware, where they are held
+    std::atomic<unsigned int> failedReads;  // how many have
     std::atomic<bool> finished;             // the worker came to its end
     std::atomic<bool> guardHit;             // the crash was in a guard page
     std::atomic<bool> staleHit;             // or in a buffer of an earlier call

@@ -126,6 +126,23 @@ void askBeforeAndAfter(Worker& worker)
     }
 }
 
+constexpr const char* kUnreadable = "of hardware that cannot be read";
+
+// A part that has no whole firmware may be told as such, and one that cannot be read not.
+void askUnreadable(Worker& worker)
+{
+    worker.overlookManners(); // each look at them is made of reads
+    if (!worker.load()) {
+        return;
+    }
+    worker.setContext(worker.job().caller, "");
+    const auto version = worker.activeVersionUnread(kUnreadable);
+    if (version && isVersionOfNothing(*version)) {
+        worker.found(FindingId::AbsentToldAsNew,
+                     std::string("getActiveVersion ") + kUnreadable + " (EIO) told " + quote(*version));
+    }
+}
+
 std::uintmax_t sizeOfHardware(const Machine& machine)
 {
     std::uintmax_t size = 0;
@@ -162,12 +179,18 @@ void askOfLostHardware(Supervisor& supervisor, const Answers& answers, bool isVe
     removeHardware(absent.file(kHardware));
     Machine spoilt;
     Machine going;
+    Machine unreadable;
     std::vector<std::pair<Machine*, Script>> all = {{&absent, askAbsent}};
+    if (!isVersionOfNothing(answers.version)) {
+        all.emplace_back(&unreadable, askUnreadable);
+    }
     if (sizeOfHardware(spoilt) <= kMostNoise) {
         all.insert(all.end(), {{&spoilt, askSpoilt}, {&going, askBeforeAndAfter}});
     }
     for (const auto& [machine, script] : all) {
-        const Session session = supervisor.run(*machine, script);
+        const bool areReadsHeld = machine == &unreadable;
+        const Session session =
+            supervisor.run(*machine, script, {areReadsHeld, 0, 0, 0, false, areReadsHeld});
         for (const Finding& finding : session.findings) {
             // As it should be; and what is told of noise need not be text.
             if (finding.id == FindingId::QuestionFailed && finding.detail.rfind("setContext", 0) == 0) {

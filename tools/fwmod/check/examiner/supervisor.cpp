@@ -22,6 +22,7 @@
 #include "common/json-text.h"
 #include "common/process/process-state.h"
 #include "tools/fwmod/check/examiner/black-box.h"
+#include "tools/fwmod/check/examiner/machine/hardware-copy.h"
 #include "tools/fwmod/check/examiner/mapped-hardware.h"
 #include "tools/fwmod/check/examiner/worker.h"
 #include "tools/fwmod/check/protocol/report.h"
@@ -138,6 +139,7 @@ private:
     void step();
     void receive();
     void watchWrite();
+    void watchRead(const vset::HardwareWrite& read);
     bool isToFail(const SeenWrite& write);
     void lookAtMapped(const vset::HardwareWrite& write);
     void checkLimits();
@@ -171,7 +173,7 @@ void Run::work(const Script& script)
     }
     setenv("LC_ALL", "C.UTF-8", 1); // for who chooses the environment's locale; the daemon keeps "C"
     if (watch_.isOn) {
-        vset::submitToWatch(channel);
+        vset::submitToWatch(channel, watch_.holdsReads ? vset::Reads::kHeld : vset::Reads::kPass);
     }
     openBlackBox(box_);
     const CallingThread self(0);
@@ -258,6 +260,9 @@ void Run::watchWrite()
     if (!write) {
         return;
     }
+    if (write->isRead) {
+        return watchRead(*write);
+    }
     const int phase = box_.phase;
     if (phase == BlackBox::kBefore && entryPointOf(box_.calls[0].name) == "setContext" &&
         box_.calls[0].deadline != 0) {
@@ -293,6 +298,15 @@ void Run::watchWrite()
         ++session_.writes.late;
     }
     writes_->allow(*write);
+}
+
+void Run::watchRead(const vset::HardwareWrite& read)
+{
+    if (box_.areReadsFailing && read.path.rfind(kHardware, 0) == 0) {
+        ++box_.failedReads;
+        return writes_->refuse(read, EIO);
+    }
+    writes_->allow(read);
 }
 
 void Run::lookAtMapped(const vset::HardwareWrite& write)

@@ -84,6 +84,7 @@ struct Watch {
     unsigned int failAt = 0;    // this one fails with EIO
     unsigned int spoilAt = 0;   // this one succeeds, and the hardware holds something else
     bool looksAtMapped = false; // keep what mapped files hold at each flush
+    bool holdsReads = false;    // of the hardware: they may be made to fail
 };
 
 class Supervisor

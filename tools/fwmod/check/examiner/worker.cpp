@@ -689,6 +689,15 @@ std::optional<std::string> Worker::activeVersion(const std::string& where)
     return version;
 }
 
+std::optional<std::string> Worker::activeVersionUnread(const std::string& where)
+{
+    box_.failedReads = 0;
+    box_.areReadsFailing = true;
+    std::optional<std::string> version = activeVersion(where);
+    box_.areReadsFailing = false;
+    return box_.failedReads > 0 ? version : std::nullopt;
+}
+
 std::optional<Worker::Verdict> Worker::checkVersion(const std::string& version, const std::string& where)
 {
     const std::string name = callName("checkVersion(" + quote(version) + ")", where);

@@ -62,6 +62,9 @@ public:
     bool setContext(int caller, const char* context, const std::string& where = "");
     std::optional<std::string> identifier(const std::string& where = "");
     std::optional<std::string> activeVersion(const std::string& where = "");
+    // The same where every read of the hardware fails. Nothing, too, where there was none. For a session that
+    // holds reads.
+    std::optional<std::string> activeVersionUnread(const std::string& where);
     // What the offered version is, in words for reports, when the text itself is none.
     struct Verdict {
         int result;
