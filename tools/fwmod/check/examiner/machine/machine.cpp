@@ -52,11 +52,29 @@ void bindReadOnly(const fs::path& source, const fs::path& target)
           "cannot make " + target.string() + " read-only");
 }
 
+// No core files, and no more open files than a service has: both by values that a library which sets them is
+// seen by.
+void limitAsService()
+{
+    constexpr rlim_t kFiles = 1024;
+    rlimit core = {};
+    rlimit files = {};
+    getrlimit(RLIMIT_CORE, &core);
+    getrlimit(RLIMIT_NOFILE, &files);
+    core.rlim_cur = 1; // byte: less than any core file has
+    core.rlim_max = std::max<rlim_t>(core.rlim_max, 1);
+    if (setrlimit(RLIMIT_CORE, &core) != 0) {
+        core = {0, 0};
+        setrlimit(RLIMIT_CORE, &core);
+    }
+    files.rlim_cur = std::min(files.rlim_cur, kFiles);
+    setrlimit(RLIMIT_NOFILE, &files);
+}
+
 // As the daemon runs: its user where there is one, and nothing to gain.
 void becomeDaemon()
 {
-    const rlimit none = {0, 0};
-    setrlimit(RLIMIT_CORE, &none);
+    limitAsService();
     check(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), "cannot give up privileges");
     std::ifstream mapFile("/proc/self/uid_map");
     unsigned long inside = 0;
