@@ -163,10 +163,11 @@ public:
 
 private:
     void judgeFlush(const MappedFlush& flush);
-    void judgeEnd(const Machine& end);
+    void judgeEnd(const MappedFlush* last, const Machine& end);
     void cut(FindingId id, const std::string& where, const Contents& now, const std::vector<Page>& all,
              const std::vector<Page>& kept);
     Session lookAt(const Contents& contents);
+    std::string whyNoAnswerOf(const Contents& contents);
 
     Supervisor& supervisor_;
     Report& report_;
@@ -183,7 +184,13 @@ Session MappedCuts::lookAt(const Contents& contents)
     return supervisor_.run(machine, startAgain);
 }
 
-// `id`: when the hardware does not answer then.
+std::string MappedCuts::whyNoAnswerOf(const Contents& contents)
+{
+    return whyNoAnswer(lookAt(contents), supervisor_.job());
+}
+
+// `id`: when the hardware does not answer then. It is no matter of order when it does not without all of
+// them, either.
 void MappedCuts::cut(FindingId id, const std::string& where, const Contents& now,
                      const std::vector<Page>& all, const std::vector<Page>& kept)
 {
@@ -201,7 +208,8 @@ void MappedCuts::cut(FindingId id, const std::string& where, const Contents& now
                              " pages that had been stored into mapped memory and not flushed, ";
     const std::string noAnswer = whyNoAnswer(look, job);
     if (!noAnswer.empty()) {
-        report_.add({id, what + noAnswer});
+        const bool isOrder = id == FindingId::NotFlushed && whyNoAnswerOf(durable_).empty();
+        report_.add({isOrder ? id : FindingId::DeadAfterCut, what + noAnswer});
     } else if (look.told["version"].asString() == job.versionAfter && job.versionBefore != job.versionAfter &&
                bytesOf(all) - bytesOf(kept) >= kFirmware) {
         report_.add({FindingId::NotFlushed, what + "getActiveVersion told " + quote(job.versionAfter)});
@@ -234,23 +242,42 @@ void MappedCuts::judgeFlush(const MappedFlush& flush)
     take(durable_, flush.contents, flushed);
 }
 
-void MappedCuts::judgeEnd(const Machine& end)
+// How many pages the last flush has found as they are now, and has left out.
+std::size_t leftOutBy(const MappedFlush& last, const Contents& now, const std::vector<Page>& open)
+{
+    return static_cast<std::size_t>(std::count_if(open.begin(), open.end(), [&](const Page& page) {
+        const auto then = last.contents.find(page.path);
+        return then != last.contents.end() && page.at < then->second.size() &&
+               then->second.compare(page.at, kPage, now.at(page.path), page.at, kPage) == 0;
+    }));
+}
+
+void MappedCuts::judgeEnd(const MappedFlush* last, const Machine& end)
 {
     Contents now;
     for (const auto& [path, content] : durable_) {
         now[path] = contentOf(end.file(path));
         now[path].resize(content.size());
     }
-    if (report_.has(FindingId::NotFlushed) || changedPages(durable_, now, {}).empty()) {
+    const std::vector<Page> open = changedPages(durable_, now, {});
+    if (report_.has(FindingId::NotFlushed) || open.empty()) {
         return;
     }
-    const Job& job = supervisor_.job();
     const std::string told = lookAt(durable_).told["version"].asString();
-    if (told != job.versionAfter) {
-        report_.add(
-            {FindingId::LastNotFlushed,
-             "no flush came after what was stored last into mapped memory; without it getActiveVersion " +
-                 (told.empty() ? "tells nothing" : "tells " + quote(told))});
+    const std::string without =
+        "; without it getActiveVersion " + (told.empty() ? "tells nothing" : "tells " + quote(told));
+    const std::size_t leftOut = last != nullptr ? leftOutBy(*last, now, open) : 0;
+    if (told == supervisor_.job().versionAfter) {
+        return;
+    }
+    if (leftOut == 0) {
+        report_.add({FindingId::LastNotFlushed,
+                     "no flush came after what was stored last into mapped memory" + without});
+    } else {
+        report_.add({FindingId::NotFlushed,
+                     "flush " + std::to_string(last->write) + ", the last one, left out " +
+                         std::to_string(leftOut) + (leftOut == 1 ? " page that was" : " pages that were") +
+                         " stored into mapped memory before it and never flushed" + without});
     }
 }
 
@@ -259,7 +286,7 @@ void MappedCuts::judge(const Session& session, const Machine& end)
     for (const MappedFlush& flush : session.mappedFlushes) {
         judgeFlush(flush);
     }
-    judgeEnd(end);
+    judgeEnd(session.mappedFlushes.empty() ? nullptr : &session.mappedFlushes.back(), end);
 }
 } // namespace
 
