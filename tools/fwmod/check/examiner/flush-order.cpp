@@ -118,8 +118,8 @@ bool isOfBefore(const std::vector<SeenWrite>& before, const SeenWrite& naming)
            });
 }
 
-// What was written is only handed over: in the end it is not there any more, or what was made of it and
-// flushed holds the same.
+} // namespace
+
 bool isHandedOver(SeenWrite write, const std::vector<SeenWrite>& open, const std::vector<SeenWrite>& later,
                   const Machine& machine)
 {
@@ -130,12 +130,15 @@ bool isHandedOver(SeenWrite write, const std::vector<SeenWrite>& open, const std
     const std::vector<fs::path> files = filesIn(machine.file(kHardware));
     return content.empty() || std::any_of(files.begin(), files.end(), [&](const fs::path& file) {
                const fs::path path = "/" / file.lexically_relative(machine.file("/"));
-               const bool isOpen = std::any_of(open.begin(), open.end(),
-                                               [&](const SeenWrite& each) { return each.path == path; });
+               const bool isOpen = std::any_of(open.begin(), open.end(), [&](const SeenWrite& each) {
+                   return each.path == path && each.isOfFirmware(); // a selector may come last
+               });
                return path != write.path && !isOpen && contentOf(file).find(content) != std::string::npos;
            });
 }
 
+namespace
+{
 // What is not flushed when a file gets its name, and should be: the file itself, what is in the directory, or
 // firmware elsewhere that the name may select.
 std::optional<SeenWrite> unflushedAt(const SeenWrite& naming, const std::vector<SeenWrite>& before,

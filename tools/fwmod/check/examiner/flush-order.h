@@ -26,6 +26,12 @@ std::vector<std::filesystem::path> unflushedNames(const Writes& writes);
 // Renamings and links after which the directory was not flushed.
 std::vector<SeenWrite> unflushedNamings(const Writes& writes);
 
+// Whether what was written is only handed over: it is not there any more, or what was made of it and is not
+// among the `open`, unflushed ones holds the same. `later` may have renamed it; `machine` is as they have
+// left it.
+bool isHandedOver(SeenWrite write, const std::vector<SeenWrite>& open, const std::vector<SeenWrite>& later,
+                  const Machine& machine);
+
 // As if it had never been written.
 void lose(const SeenWrite& write, const Machine& machine);
 

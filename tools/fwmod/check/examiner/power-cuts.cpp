@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <iterator>
+#include <map>
 #include <set>
 #include <thread>
 #include <unistd.h>
@@ -157,16 +158,18 @@ std::string versionWithout(Supervisor& supervisor, unsigned int cutAt, const std
 }
 
 // The new version is told, and whether that comes of the last write: the ones before it may be lost, and it
-// not. Only looked at where some of them were not flushed.
-std::optional<Finding> judgeOrder(Supervisor& supervisor, const Session& cut, unsigned int cutAt)
+// not. Only looked at where some of them were not flushed. `machine` is the hardware after the cut.
+std::optional<Finding> judgeOrder(Supervisor& supervisor, const Session& cut, unsigned int cutAt,
+                                  const Machine& machine)
 {
     const Job& job = supervisor.job();
     const std::vector<SeenWrite> open = unflushedContent(cut.writes);
     if (open.size() < 2) {
         return std::nullopt;
     }
-    const auto content = std::find_if(open.rbegin() + 1, open.rend(),
-                                      [](const SeenWrite& write) { return write.isOfFirmware(); });
+    const auto content = std::find_if(open.rbegin() + 1, open.rend(), [&](const SeenWrite& write) {
+        return write.isOfFirmware() && !isHandedOver(write, open, {}, machine);
+    });
     if (content == open.rend() || versionWithout(supervisor, cutAt, open) == job.versionAfter ||
         versionWithout(supervisor, cutAt, {*content}) != job.versionAfter) {
         return std::nullopt; // a spare copy, or the version is told of whole firmware alone
@@ -206,7 +209,7 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
     }
     if (version == job.versionAfter && version != job.versionBefore && findings.empty() &&
         !std::exchange(isOrderJudged, true)) {
-        if (const std::optional<Finding> order = judgeOrder(supervisor, cut, write)) {
+        if (const std::optional<Finding> order = judgeOrder(supervisor, cut, write, machine)) {
             findings.push_back(*order);
         }
     }
@@ -266,14 +269,46 @@ std::optional<Finding> cutAgain(Supervisor& supervisor, const Machine& first, un
 
 // ---- What another image has left ----
 
-// The one before the last block of the content, of which a note may tell that it was written; nothing where
-// its place is not known.
-std::optional<SeenWrite> blockWritten(const Writes& writes)
+std::vector<SeenWrite> placedBlocks(const Writes& writes)
 {
     std::vector<SeenWrite> blocks;
     std::copy_if(writes.all.begin(), writes.all.end(), std::back_inserter(blocks),
                  [](const SeenWrite& write) { return write.isOfFirmware() && write.position; });
+    return blocks;
+}
+
+// The one before the last block of the content, of which a note may tell that it was written; nothing where
+// its place is not known.
+std::optional<SeenWrite> blockWritten(const Writes& writes)
+{
+    const std::vector<SeenWrite> blocks = placedBlocks(writes);
     return blocks.size() < 2 ? std::nullopt : std::optional(blocks[blocks.size() - 2]);
+}
+
+// What that write has brought is there, and is the image's: not a copy of the old firmware.
+bool isOfImage(const SeenWrite& block, const Machine& machine, const std::string& image)
+{
+    const std::string content = contentOf(machine.file(block.path));
+    return *block.position + block.bytes <= content.size() &&
+           image.find(content.substr(*block.position, block.bytes)) != std::string::npos;
+}
+
+// One block of each file beside that one which has the image, too: it may only carry it.
+std::vector<SeenWrite> carriedBlocks(const Writes& writes, const SeenWrite& last, const Machine& machine,
+                                     const std::string& image)
+{
+    constexpr std::size_t kMostFiles = 3;
+    std::map<std::string, SeenWrite> byFile;
+    for (const SeenWrite& block : placedBlocks(writes)) {
+        if (block.path != last.path && byFile.size() < kMostFiles && isOfImage(block, machine, image)) {
+            byFile[block.path] = block;
+        }
+    }
+    std::vector<SeenWrite> blocks;
+    for (const auto& [path, block] : byFile) {
+        blocks.push_back(block);
+    }
+    return blocks;
 }
 
 // False when the file is not there any more by that name.
@@ -374,19 +409,36 @@ OtherImage changedImage(const Job& job, const Machine& place)
     return {file, checksumOf(image), "", "another image of the same length"};
 }
 
-// The last block but one of what was written, as if another image had left it there.
+std::optional<Finding> updateOverChanged(Supervisor& supervisor, Machine& machine, const SeenWrite& block)
+{
+    constexpr int kStarts = 3; // a byte that is another one may be found at the end, and all begun anew then
+    if (!changeByteOf(block, machine)) {
+        return std::nullopt;
+    }
+    return updateOverRemains(supervisor, machine, kStarts,
+                             "with a byte of what had been written to " + block.path +
+                                 " changed, as an update with another image leaves it, ");
+}
+
+// The last block but one of what was written, as if another image had left it there; and each file that has
+// the image as well.
 std::optional<Finding> changeRemains(Supervisor& supervisor)
 {
     Machine machine;
     const Session cut = supervisor.run(machine, updateUntilCut, {true, supervisor.job().faults.lateWrite});
-    const std::optional<SeenWrite> block = blockWritten(cut.writes);
-    if (!cut.isCut || !block || !changeByteOf(*block, machine)) {
+    const std::optional<SeenWrite> last = blockWritten(cut.writes);
+    if (!cut.isCut || !last) {
         return std::nullopt;
     }
-    constexpr int kStarts = 3; // a byte that is another one may be found at the end, and all begun anew then
-    return updateOverRemains(
-        supervisor, machine, kStarts,
-        "with a byte of what had been written changed, as an update with another image leaves it, ");
+    for (const SeenWrite& block : carriedBlocks(cut.writes, *last, machine, imageOf(supervisor.job()))) {
+        Machine other;
+        std::filesystem::remove_all(other.file("/var"));
+        copyTree(machine.file("/var"), other.file("/var"));
+        if (const std::optional<Finding> finding = updateOverChanged(supervisor, other, block)) {
+            return finding;
+        }
+    }
+    return updateOverChanged(supervisor, machine, *last);
 }
 } // namespace
 
