@@ -268,6 +268,34 @@ std::vector<std::string> nearlyVersions(const std::string& numbers)
     return {numbers + "/../?", numbers + ".-1", numbers + ".+1", numbers + ". 1", head + "-9"};
 }
 
+// Versions that are understood, but for an x behind them: who copies a text into a buffer first may not see
+// it.
+void askAboutLongNonsense(Worker& worker, const std::string& numbers)
+{
+    constexpr std::size_t kLengths[] = {33, 70, 130, 260, 1000};
+    for (const std::size_t length : kLengths) {
+        const std::string zeros(length - std::min(length, numbers.size() + 1), '0');
+        for (const std::string& text : {numbers + "." + zeros, zeros + numbers}) {
+            const auto sound = worker.checkVersion(text);
+            const auto verdict = sound && sound->result == 0 ? worker.checkVersion(text + "x")
+                                                             : std::optional<Worker::Verdict>();
+            if (verdict && verdict->result == 0) {
+                return worker.found(FindingId::NonsenseAccepted,
+                                    "checkVersion(" + quote(text + "x") +
+                                        "), of which the last one is an x, wrote " +
+                                        std::to_string(verdict->verdict) + " and returned 0: it was cut");
+            }
+        }
+    }
+}
+
+// Whether a letter at the end of a short one is minded.
+bool isLetterMinded(Worker& worker, const std::string& version)
+{
+    const auto verdict = worker.checkVersion(version + "x");
+    return verdict && verdict->result != 0;
+}
+
 void askAboutNonsense(Worker& worker, const std::string& installed)
 {
     std::vector<std::string> all = {"", "?", "no version", std::string(5000, 'x')};
@@ -283,6 +311,9 @@ void askAboutNonsense(Worker& worker, const std::string& installed)
                                                           std::to_string(verdict->verdict) +
                                                           " and returned 0");
         }
+    }
+    if (!numbers.empty() && isLetterMinded(worker, numbers) && isLetterMinded(worker, numbers + ".0")) {
+        askAboutLongNonsense(worker, numbers);
     }
     const std::string nonsense = "no version";
     worker.repeat("checkVersion(" + quote(nonsense) + ")", kTimesEach,

@@ -1,0 +1,39 @@
+// The offered version is copied into 32 bytes first, and what does not fit is not looked at.
+// finds: F209 F217
+#define OWN_compareVersion
+#include "base.h"
+
+// Numbers with dots between them, of any length; the first that differs decides.
+static int numbersOf(const char* text, unsigned long numbers[4])
+{
+    char* end = NULL;
+    memset(numbers, 0, 4 * sizeof numbers[0]);
+    for (int i = 0; i < 4 && strspn(text, "0123456789") > 0; ++i) {
+        numbers[i] = strtoul(text, &end, 10);
+        if (*end == '\0') {
+            return 0;
+        }
+        if (*end != '.') {
+            break;
+        }
+        text = end + 1;
+    }
+    return fail(EINVAL);
+}
+
+static inline int compareVersion(const char* offered, int* verdict)
+{
+    char installed[TARNWICK_CONTROL_TEXT_SIZE] = "";
+    char text[32];
+    unsigned long theirs[4];
+    unsigned long ours[4];
+    snprintf(text, sizeof text, "%.31s", offered);
+    if (readVersion(installed) != 0 || numbersOf(installed, ours) != 0 || numbersOf(text, theirs) != 0) {
+        return -1;
+    }
+    *verdict = 0;
+    for (int i = 0; i < 4 && *verdict == 0; ++i) {
+        *verdict = (theirs[i] > ours[i]) - (theirs[i] < ours[i]);
+    }
+    return 0;
+}
