@@ -864,29 +864,66 @@ std::optional<Returned> Worker::updateWithFault(const Fault& fault, const Update
     return returned;
 }
 
+// Nothing when it is not told, or the update does not run any more.
+std::optional<unsigned int> Worker::progressDuringUpdate() const
+{
+    const std::string name = "getUpdateProgress during doUpdate";
+    unsigned int percent = 0;
+    if (!has("getUpdateProgress") || isAnySuspect("getUpdateProgress")) {
+        return std::nullopt;
+    }
+    const CallMark mark(name.c_str(), updateLimit(job_) + kQuestionLimit);
+    const bool isTold = getUpdateProgress_(&percent) == 0;
+    return isTold && box_.phase == BlackBox::kRunning ? std::optional(percent) : std::nullopt;
+}
+
+// Another call has come between two looks at the progress: of itself that only rises.
+void Worker::requireProgressKept(std::optional<unsigned int> before, const std::string& name)
+{
+    if (!before || hasProgressFallen_) {
+        return;
+    }
+    const std::optional<unsigned int> after = progressDuringUpdate();
+    if (after && *after < *before) {
+        hasProgressFallen_ = true;
+        found(FindingId::FallingProgress, "getUpdateProgress fell from " + std::to_string(*before) + " to " +
+                                              std::to_string(*after) + " at " + name);
+    }
+}
+
 // What the questions answer is not judged: they may wait for the write, or fail. Gives how often they were
 // asked.
 int Worker::askDuringUpdate(const std::atomic<bool>& isOver)
 {
+    const std::string contextName = "setContext during doUpdate";
     const std::string versionName = "getActiveVersion during doUpdate";
     const std::string verdictName = "checkVersion during doUpdate";
     const std::chrono::milliseconds limit = updateLimit(job_) + kQuestionLimit;
     GuardedBuffer out("the version's buffer", TARNWICK_CONTROL_TEXT_SIZE);
     GuardedBuffer offered("the offered version", job_.version.value_or("1.0"));
     GuardedBuffer verdict("the verdict", sizeof(int));
+    GuardedBuffer library("the library's name", job_.name);
+    GuardedBuffer context("the context", 1);
+    const auto ask = [&](const std::string& name, const std::function<void()>& question) {
+        if (isSuspect(name)) {
+            return;
+        }
+        const std::optional<unsigned int> before = progressDuringUpdate();
+        {
+            const CallMark mark(name.c_str(), limit);
+            question();
+        }
+        requireProgressKept(before, name);
+    };
+    context.fill(0);
     int asked = 0;
     for (; !isOver; realSleep(200us)) {
         if (box_.phase != BlackBox::kRunning || box_.writes == 0) {
             continue;
         }
-        if (!isSuspect(versionName)) {
-            const CallMark mark(versionName.c_str(), limit);
-            getActiveVersion_(out.as<char>());
-        }
-        if (!isSuspect(verdictName)) {
-            const CallMark mark(verdictName.c_str(), limit);
-            checkVersion_(offered.as<char>(), verdict.as<int>());
-        }
+        ask(contextName, [&] { setContext_(library.as<char>(), job_.caller, context.as<char>()); });
+        ask(versionName, [&] { getActiveVersion_(out.as<char>()); });
+        ask(verdictName, [&] { checkVersion_(offered.as<char>(), verdict.as<int>()); });
         ++asked;
     }
     return asked;
@@ -931,10 +968,15 @@ std::optional<Returned> Worker::updateUnderNotices(const Update& update)
             if (box_.phase != BlackBox::kRunning) {
                 continue;
             }
-            const Stopwatch stopwatch;
             try {
-                const CallMark mark(noticeName.c_str(), updateLimit(job_) + kQuestionLimit);
-                allUpdateDone_();
+                const std::optional<unsigned int> before = progressDuringUpdate();
+                const Stopwatch stopwatch;
+                {
+                    const CallMark mark(noticeName.c_str(), updateLimit(job_) + kQuestionLimit);
+                    allUpdateDone_();
+                }
+                longest = std::max(longest, stopwatch.read().count());
+                requireProgressKept(before, noticeName);
             } catch (...) {
                 found(FindingId::Exception, noticeName + " threw");
                 return;

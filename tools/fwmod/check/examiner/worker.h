@@ -114,6 +114,8 @@ private:
     void complainOfKeptImage(const std::string& name) const;
     void complainOfMoment(const std::string& name, const common::ProcessState& before) const;
     int askDuringUpdate(const std::atomic<bool>& isOver);
+    std::optional<unsigned int> progressDuringUpdate() const;
+    void requireProgressKept(std::optional<unsigned int> before, const std::string& name);
     bool isSuspect(const std::string& call) const;
     std::optional<Returned> call(const std::string& name, std::chrono::milliseconds limit,
                                  const std::function<int()>& function);
@@ -129,6 +131,7 @@ private:
     int channel_;
     BlackBox& box_;
     bool areMannersWatched_ = true;
+    bool hasProgressFallen_ = false; // at another call, which has been told
     std::set<std::string> flawed_;
     std::vector<std::pair<int, ino_t>> ownDescriptors_; // with what they lead to
 
