@@ -285,46 +285,6 @@ void judgeContent(const Machine& machine, const Job& job, Report& report)
     }
 }
 
-// What an update has left beside the hardware's files, when all of it is too small for firmware.
-std::vector<fs::path> newNotes(const Machine& machine, const Machine& before)
-{
-    constexpr std::uintmax_t kLongestNote = 256; // bytes
-    const fs::path root = machine.file("/");
-    std::vector<fs::path> notes;
-    for (const fs::path& file : filesIn(machine.file(kHardware))) {
-        const fs::path path = "/" / file.lexically_relative(root);
-        if (fs::exists(before.file(path))) {
-            continue;
-        }
-        if (fs::file_size(file) > kLongestNote) {
-            return {};
-        }
-        notes.push_back(path);
-    }
-    return notes;
-}
-
-// The old hardware beside what the update has left: the new version is not in it.
-void judgeNotes(Supervisor& supervisor, const Machine& machine, const std::string& version, Report& report)
-{
-    Machine old;
-    const std::vector<fs::path> notes = newNotes(machine, old);
-    if (notes.empty() || version.empty()) {
-        return;
-    }
-    for (const fs::path& note : notes) {
-        fs::create_directories(old.file(note).parent_path());
-        common::copyFile(machine.file(note), old.file(note));
-        fs::permissions(old.file(note), fs::perms(0644));
-    }
-    const std::string told = lookAgain(supervisor, old).told["version"].asString();
-    if (told == version) {
-        report.add({FindingId::VersionOfNote, "with the old hardware put back beside " +
-                                                  notes.front().string() + ", getActiveVersion told " +
-                                                  quote(told)});
-    }
-}
-
 // The version of this hardware after a power cut that has lost something more of it.
 std::string versionAfterLoss(Supervisor& supervisor, const Machine& machine,
                              const std::function<void(const Machine&)>& loss)
@@ -334,6 +294,62 @@ std::string versionAfterLoss(Supervisor& supervisor, const Machine& machine,
     copyTree(machine.file(kHardware), cut.file(kHardware));
     loss(cut);
     return lookAgain(supervisor, cut).told["version"].asString();
+}
+
+// What an update has left beside the hardware's files and is too small for firmware.
+struct Notes {
+    std::vector<fs::path> files;
+    bool areAlone = true; // there is no new firmware beside them
+};
+
+Notes newNotes(const Machine& machine, const Machine& before)
+{
+    constexpr std::uintmax_t kLongestNote = 256; // bytes
+    const fs::path root = machine.file("/");
+    Notes notes;
+    for (const fs::path& file : filesIn(machine.file(kHardware))) {
+        const fs::path path = "/" / file.lexically_relative(root);
+        if (fs::exists(before.file(path))) {
+            continue;
+        }
+        if (fs::file_size(file) > kLongestNote) {
+            notes.areAlone = false;
+        } else {
+            notes.files.push_back(path);
+        }
+    }
+    return notes;
+}
+
+// The new firmware's version is told without them, too: they only repeat it, and are no part of it.
+bool areSpare(Supervisor& supervisor, const Machine& machine, const Notes& notes, const std::string& version)
+{
+    return versionAfterLoss(supervisor, machine, [&](const Machine& cut) {
+               for (const fs::path& note : notes.files) {
+                   fs::remove(cut.file(note));
+               }
+           }) == version;
+}
+
+// The old hardware beside what the update has left: the new version is not in it.
+void judgeNotes(Supervisor& supervisor, const Machine& machine, const std::string& version, Report& report)
+{
+    Machine old;
+    const Notes notes = newNotes(machine, old);
+    if (notes.files.empty() || version.empty()) {
+        return;
+    }
+    for (const fs::path& note : notes.files) {
+        fs::create_directories(old.file(note).parent_path());
+        common::copyFile(machine.file(note), old.file(note));
+        fs::permissions(old.file(note), fs::perms(0644));
+    }
+    const std::string told = lookAgain(supervisor, old).told["version"].asString();
+    if (told == version && (notes.areAlone || areSpare(supervisor, machine, notes, version))) {
+        report.add({FindingId::VersionOfNote, "with the old hardware put back beside " +
+                                                  notes.files.front().string() + ", getActiveVersion told " +
+                                                  quote(told)});
+    }
 }
 
 std::string inWords(const std::string& told)
