@@ -202,6 +202,14 @@ bool isReached(const Session& session, unsigned int write)
     return !session.death && session.writes.all.size() >= write;
 }
 
+// `what` has made doUpdate fail.
+void requireCause(const Json::Value& error, const std::string& what, Report& report)
+{
+    if (const std::string why = whyNoCause(error.asInt()); !why.empty()) {
+        report.add({FindingId::SilentFailure, "doUpdate, in which " + what + ", " + why});
+    }
+}
+
 void failWrite(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
@@ -219,9 +227,7 @@ void failWrite(Supervisor& supervisor, Report& report)
         }
         return;
     }
-    if (told["failure"].asInt() == 0) {
-        report.add({FindingId::SilentFailure, "doUpdate, in which " + what + " failed, left errno 0"});
-    }
+    requireCause(told["failure"], what + " failed", report);
     const std::string version = told["version"].asString();
     const bool isAwaited = told.isMember("verdict") && told["verdict"].asInt() > 0;
     if (version != job.versionBefore && version != job.versionAfter && !isAwaited) {
@@ -254,9 +260,7 @@ bool isOfImage(const Session& session, const Job& job)
 void judgeFailure(const Session& session, const std::string& what, bool isRight, const Job& job,
                   Report& report)
 {
-    if (session.told["error"].asInt() == 0) {
-        report.add({FindingId::SilentFailure, "doUpdate, in which " + what + ", left errno 0"});
-    }
+    requireCause(session.told["error"], what, report);
     const std::string version = session.told["version"].asString();
     const bool isAwaited = session.told.isMember("verdict") && session.told["verdict"].asInt() > 0;
     const bool isOld =
@@ -388,9 +392,7 @@ void judgeFault(const SeenWrite& write, const Json::Value& told, const Job& job,
         }
         return;
     }
-    if (told["error"].asInt() == 0) {
-        report.add({FindingId::SilentFailure, "doUpdate, in which " + what + " failed, left errno 0"});
-    }
+    requireCause(told["error"], what + " failed", report);
     if (version != job.versionBefore && version != job.versionAfter && !told["awaited"].asBool() &&
         !isVersionOfNothing(version)) {
         report.add({FindingId::OldFirmwareGone, "after " + what + " had failed, the version is " +

@@ -16,6 +16,7 @@
 #include "tools/fwmod/check/examiner/faulty-writes.h"
 #include "tools/fwmod/check/examiner/flush-order.h"
 #include "tools/fwmod/check/examiner/machine/hardware-copy.h"
+#include "tools/fwmod/check/examiner/machine/hardware-openings.h"
 #include "tools/fwmod/check/examiner/machine/held-image.h"
 #include "tools/fwmod/check/examiner/machine/plain-files.h"
 #include "tools/fwmod/check/examiner/worker.h"
@@ -575,6 +576,8 @@ std::vector<OddImage> makeOddImages(const Job& job, const Machine& place)
 }
 
 constexpr const char* kChanged = "the image with one byte changed";
+constexpr std::uintmax_t kLeastToSolve = 16; // bytes, of which four decide the checksum
+constexpr const char* kZeroSum = "another image, whose checksum is 0";
 constexpr const char* kAfterRefused = "after an image that was refused";
 
 // Whether it can be told from the image is the format's affair: it may have a checksum of its own.
@@ -583,6 +586,36 @@ OddImage makeChangedImage(const Job& job, const Machine& place)
     std::string image = imageOf(job);
     image[image.size() / 2] = static_cast<char>(~image[image.size() / 2]);
     return makeOddImage(job, place.file("/changed"), kChanged, image);
+}
+
+// The register of the checksum as it was before its last byte, which has been `byte`.
+std::uint32_t registerBefore(std::uint32_t now, unsigned char byte)
+{
+    constexpr std::uint32_t kPolynomial = 0x01B23CA3;
+    for (int bit = 0; bit < 8; ++bit) {
+        now = (now & 1) != 0 ? (now ^ kPolynomial) >> 1 | 0x80000000U : now >> 1;
+    }
+    return now ^ static_cast<std::uint32_t>(byte) << 24;
+}
+
+// With four bytes changed so that its checksum is 0.
+OddImage makeZeroImage(const Job& job, const Machine& place)
+{
+    std::string image = imageOf(job);
+    const std::size_t at =
+        image.size() - image.size() / 8 - sizeof(std::uint32_t); // from there on it is slow
+    std::uint32_t sum = 0;
+    for (std::size_t end = image.size(); end-- > at + sizeof sum;) {
+        sum = registerBefore(sum, static_cast<unsigned char>(image[end]));
+    }
+    for (std::size_t byte = 0; byte < sizeof sum; ++byte) {
+        sum = registerBefore(sum, 0);
+    }
+    sum ^= static_cast<std::uint32_t>(checksumOf(image.substr(0, at)));
+    for (std::size_t byte = 0; byte < sizeof sum; ++byte) {
+        image[at + byte] = static_cast<char>(sum >> (24 - 8 * byte));
+    }
+    return makeOddImage(job, place.file("/zero"), kZeroSum, image);
 }
 
 // More than a careless buffer has.
@@ -655,9 +688,20 @@ void updateOneAfterTheOther(Worker& worker, const std::vector<OddImage>& oddImag
         tellReturned(worker, "refused", wrong);
         lookAtOldFirmware(worker, wrong, "doUpdate with a wrong checksum", before, original);
     }
+    bool isChangedTaken = false; // nothing but its checksum tells an image that is sound
     for (const OddImage& odd : oddImages) {
+        if (odd.what == kZeroSum && !isChangedTaken) {
+            continue;
+        }
         worker.setContext(job.caller, "");
         const auto returned = worker.update({odd.file, odd.checksum, false, "of " + odd.what});
+        if (odd.what == kChanged) {
+            isChangedTaken = returned && returned->result == 0;
+        } else if (odd.what == kZeroSum && returned && returned->result != 0) {
+            worker.found(FindingId::SoundImageRefused,
+                         "doUpdate of " + odd.what + ", returned " + std::to_string(returned->result) +
+                             ", and one with another byte and another checksum is installed");
+        }
         lookAtOldFirmware(worker, returned, "doUpdate of " + odd.what, before, original);
         if (odd.what == kChanged && worker.has("doUpdate_decryption")) {
             const std::string image = common::readWhole(odd.file);
@@ -696,6 +740,9 @@ void updateInOneProcess(Supervisor& supervisor, Report& report)
     auto odd = job.isExternal ? std::vector<OddImage>() : makeOddImages(job, place);
     if (!odd.empty() && fs::file_size(job.image) > 0) {
         odd.push_back(makeChangedImage(job, place));
+        if (fs::file_size(job.image) >= kLeastToSolve) {
+            odd.push_back(makeZeroImage(job, place));
+        }
         odd.push_back(makeLongerImage(job, place));
     }
     const Session session =
@@ -915,7 +962,8 @@ void judgeOldFirmware(Supervisor& supervisor, Machine& machine, const Session& s
     }
 }
 
-void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
+// Whether the image of an update that was refused was opened at all; nothing where it was not refused.
+std::optional<bool> tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
 {
     constexpr int kTimes = 5;
     Machine machine;
@@ -933,10 +981,12 @@ void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
             worker.tell("before", *version);
         }
         const Worker::Update update = {refusal.image, refusal.checksum, false, refusal.where};
+        const FileOpenings openings(refusal.image);
         worker.repeat(what, kTimes, [&] {
             const auto returned = worker.update(update);
             return returned && returned->result != 0;
         });
+        worker.tell("opened", openings.isAny());
         tellVersion(worker, "after a refused update");
     });
     for (const Finding& finding : session.findings) {
@@ -947,10 +997,10 @@ void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
     if (session.death) {
         report.add(*session.death);
         supervisor.avoid(session);
-        return;
+        return std::nullopt;
     }
     if (!session.told.isMember("result")) {
-        return;
+        return std::nullopt;
     }
     if (session.told["result"].asInt() == 0) {
         if (refusal.finding) {
@@ -958,13 +1008,17 @@ void tryRefusal(Supervisor& supervisor, const Refusal& refusal, Report& report)
         } else if (machine.stateOfHardware() == stateBefore) {
             report.add({FindingId::ImageNotWritten, what + " returned 0, and nothing has changed"});
         }
-        return;
+        return std::nullopt;
     }
-    if (session.told["error"].asInt() == 0) {
+    const int error = session.told["error"].asInt();
+    const bool isOfContent =
+        supervisor.job().isRepeatable && refusal.finding == FindingId::WrongChecksumAccepted;
+    if (const std::string why = whyNoCause(error); !why.empty() && (error == 0 || isOfContent)) {
         report.add({FindingId::SilentFailure,
-                    what + " returned " + session.told["result"].asString() + " and left errno 0"});
+                    what + " returned " + session.told["result"].asString() + " and " + why});
     }
     judgeOldFirmware(supervisor, machine, session, what, report);
+    return session.told["opened"].asBool();
 }
 } // namespace
 
@@ -1009,9 +1063,20 @@ void updateFromElsewhere(Supervisor& supervisor, Report& report)
 
 void refuseImages(Supervisor& supervisor, Report& report)
 {
+    const Job& job = supervisor.job();
     const Machine scratch;
-    for (const Refusal& refusal : refusals(supervisor.job(), scratch)) {
-        tryRefusal(supervisor, refusal, report);
+    bool isZeroUnread = false; // refused without a look at the image
+    for (const Refusal& refusal : refusals(job, scratch)) {
+        const std::optional<bool> isRead = tryRefusal(supervisor, refusal, report);
+        const bool isOfChecksum = !job.isExternal && refusal.image == job.image;
+        if (isRead && isOfChecksum && refusal.checksum == 0) {
+            isZeroUnread = !*isRead;
+        } else if (isRead.value_or(false) && isOfChecksum && isZeroUnread) {
+            report.add({FindingId::SoundImageRefused,
+                        "doUpdate with the checksum 0 failed without opening the image, which it opens with "
+                        "another wrong checksum: an image whose checksum is 0 is never installed"});
+            isZeroUnread = false;
+        }
     }
 }
 

@@ -138,6 +138,18 @@ std::string errorName(int error)
     return error == 0 ? "0" : std::string(strerrordesc_np(error));
 }
 
+std::string whyNoCause(int error)
+{
+    constexpr int kErrors[] = {ENOENT, EEXIST, ENOTEMPTY, ENOTDIR, EISDIR, EBADF,
+                               ESPIPE, ENOTTY, ECHILD,    ESRCH,   EXDEV};
+    if (error == 0) {
+        return "left errno 0";
+    }
+    const bool isOfTidyingUp = std::find(std::begin(kErrors), std::end(kErrors), error) != std::end(kErrors);
+    return isOfTidyingUp ? "left errno \"" + errorName(error) + "\", which is of what it did behind that"
+                         : "";
+}
+
 std::string entryPointOf(const std::string& call)
 {
     return call.substr(0, call.find_first_of(" ("));
@@ -981,7 +993,6 @@ std::optional<Returned> Worker::updateUnderNotices(const Update& update)
                 found(FindingId::Exception, noticeName + " threw");
                 return;
             }
-            longest = std::max(longest, stopwatch.read().count());
         }
     });
     const std::string name = callName("doUpdate", update.where);

@@ -165,6 +165,11 @@ std::string entryPointOf(const std::string& call);
 // "No such file or directory", or "0".
 std::string errorName(int error);
 
+// What is wrong with that errno of a doUpdate that a write or a wrong checksum has made fail, in words: it is
+// 0, or about names, descriptors or processes, as a call gets it that tidies up behind the failure. "" for a
+// cause.
+std::string whyNoCause(int error);
+
 // A text for reports: quoted, cut, and without what a terminal would take for something else.
 std::string quote(const std::string& text);
 

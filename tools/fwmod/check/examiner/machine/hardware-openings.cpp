@@ -42,4 +42,16 @@ std::string HardwareOpenings::first() const
     }
     return "";
 }
+
+FileOpenings::FileOpenings(const fs::path& file)
+    : events_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)),
+      isWatched_(inotify_add_watch(events_.get(), file.c_str(), IN_OPEN) >= 0)
+{
+}
+
+bool FileOpenings::isAny() const
+{
+    alignas(inotify_event) char buffer[4096];
+    return !isWatched_ || read(events_.get(), buffer, sizeof buffer) > 0;
+}
 } // namespace fwmod::examiner
