@@ -26,14 +26,14 @@
  * Results
  *
  * Every function returns int: 0 is success, any other value failure. A failure is logged by the daemon with
- * the value and, after doUpdate, with errno, so set errno to the cause. Nothing is retried. No exception may
- * leave a function (the daemon calls through C linkage), and no function may end the process, change its
- * directory, its signal handlers, its locale, its environment, its file mode mask or its limits (setrlimit),
- * not even for a moment (system(3) changes handlers), or leave a timer or an alarm running: the process is
- * shared with every other module, and other threads are at work. Close what a call has opened, and nothing
- * else; change no flag (O_NONBLOCK) of another descriptor; wait for its children. The daemon's own libraries
- * (GLib, Boost, JsonCpp and what they need) are in that process, and their names come first: export nothing
- * but the nine functions.
+ * the value and, after doUpdate, with errno, so set errno to the cause, not to what tidying up behind it has
+ * left there. Nothing is retried. No exception may leave a function (the daemon calls through C linkage), and
+ * no function may end the process, change its directory, its signal handlers, its locale, its environment,
+ * its file mode mask or its limits (setrlimit), not even for a moment (system(3) changes handlers), or leave
+ * a timer or an alarm running: the process is shared with every other module, and other threads are at work.
+ * Close what a call has opened, and nothing else; change no flag (O_NONBLOCK) of another descriptor; wait for
+ * its children. The daemon's own libraries (GLib, Boost, JsonCpp and what they need) are in that process, and
+ * their names come first: export nothing but the nine functions.
  *
  *
  * Threads
@@ -68,12 +68,12 @@
  *     may be waiting: answer within a second.
  *   - The process may end, or the power be cut, between any two writes, also in the middle of doUpdate. The
  *     next start must cope: write in an order in which the old or the new firmware is complete at every
- *     moment, and let the next doUpdate start over or resume. What a cut-off update has left may be of
- *     another image: do not take it for this one. Flush the new firmware (fsync) before the write that makes
- *     it the active one, and that write (of a name: the directory) before you return, and before the old
- *     firmware is removed or overwritten. An msync without MS_SYNC flushes nothing. Hardware that has room
- *     for one firmware only tells a version below every other, such as 0.0, until there is a whole one again.
- *     Destructors and exit handlers do not run.
+ *     moment, and let the next doUpdate start over or resume. What a cut-off update has left, also in a file
+ *     that only carries the image, may be of another one: do not take it for this one. Flush the new firmware
+ *     (fsync) before the write that makes it the active one, and that write (of a name: the directory) before
+ *     you return, and before the old firmware is removed or overwritten. An msync without MS_SYNC flushes
+ *     nothing. Hardware that has room for one firmware only tells a version below every other, such as 0.0,
+ *     until there is a whole one again. Destructors and exit handlers do not run.
  *
  * The interface is frozen: names, types and numbers below do not change.
  */
@@ -132,8 +132,8 @@ TARNWICK_CONTROL_EXPORT int getEMPID(char* out);
 /*
  * Required. Writes the version that the hardware runs now into out, a buffer of TARNWICK_CONTROL_TEXT_SIZE
  * bytes. Read it from the hardware, not from a note of the last update: it is what tells whether an update
- * worked. When the hardware does not answer, return a failure instead of what it told before. Called on the
- * thread that checks or asks, before and after updates.
+ * worked. When the hardware does not answer, return a failure instead of what it told before, or of 0.0 for
+ * what could not be read. Called on the thread that checks or asks, before and after updates.
  */
 TARNWICK_CONTROL_EXPORT int getActiveVersion(char* out);
 
@@ -180,7 +180,7 @@ TARNWICK_CONTROL_EXPORT int doUpdate(const char* name, unsigned long value);
  * pending, possibly several times. When the set is switched off it comes on the daemon's main thread, whose
  * watchdog waits meanwhile: return within a second. Then a check or a write of this very module may be at
  * work on another thread, and the process ends right after the notice: it does not mean that the write is
- * over, so release nothing that the write needs.
+ * over, so release nothing that the write needs, and leave its progress as it is.
  */
 TARNWICK_CONTROL_EXPORT int allUpdateDone(void);
 
