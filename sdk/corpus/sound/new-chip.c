@@ -5,11 +5,16 @@
 
 int getActiveVersion(char* out)
 {
+    char byte = 0;
     const int chip = openHardware(O_RDONLY);
     if (chip < 0) {
         return -1;
     }
+    const int answers = pread(chip, &byte, 1, 0) >= 0;
     close(chip);
+    if (!answers) {
+        return fail(EIO);
+    }
     if (readVersion(out) != 0) {
         strcpy(out, "0.0");
     }
