@@ -688,19 +688,11 @@ void updateOneAfterTheOther(Worker& worker, const std::vector<OddImage>& oddImag
         tellReturned(worker, "refused", wrong);
         lookAtOldFirmware(worker, wrong, "doUpdate with a wrong checksum", before, original);
     }
-    bool isChangedTaken = false; // nothing but its checksum tells an image that is sound
     for (const OddImage& odd : oddImages) {
-        if (odd.what == kZeroSum && !isChangedTaken) {
-            continue;
-        }
         worker.setContext(job.caller, "");
         const auto returned = worker.update({odd.file, odd.checksum, false, "of " + odd.what});
         if (odd.what == kChanged) {
-            isChangedTaken = returned && returned->result == 0;
-        } else if (odd.what == kZeroSum && returned && returned->result != 0) {
-            worker.found(FindingId::SoundImageRefused,
-                         "doUpdate of " + odd.what + ", returned " + std::to_string(returned->result) +
-                             ", and one with another byte and another checksum is installed");
+            tellReturned(worker, "changed", returned);
         }
         lookAtOldFirmware(worker, returned, "doUpdate of " + odd.what, before, original);
         if (odd.what == kChanged && worker.has("doUpdate_decryption")) {
@@ -727,6 +719,33 @@ void updateOneAfterTheOther(Worker& worker, const std::vector<OddImage>& oddImag
     tellReturned(worker, "second", worker.update({job.image, job.checksum, false, "for the second time"}));
     tellVersion(worker, "after the second update");
 }
+
+// Where nothing but its checksum tells an image that is sound, one whose checksum is 0 is another sound one.
+void updateWithZeroSum(Supervisor& supervisor, const Machine& place, Report& report)
+{
+    const Job& job = supervisor.job();
+    if (fs::file_size(job.image) < kLeastToSolve) {
+        return;
+    }
+    const OddImage zero = makeZeroImage(job, place);
+    Machine machine;
+    const Session session = supervisor.run(machine, [&](Worker& worker) {
+        if (worker.load()) {
+            worker.setContext(job.caller, "");
+            tellReturned(worker, "zero", worker.update({zero.file, 0, false, "of " + zero.what}));
+        }
+    });
+    report.add(session.findings);
+    if (session.death) {
+        report.add(*session.death);
+        supervisor.avoid(session);
+    }
+    if (session.told["zero"].asInt() != 0) {
+        report.add(
+            {FindingId::SoundImageRefused, "doUpdate of " + zero.what + describe(session.told, "zero") +
+                                               "; one with another byte and another checksum is installed"});
+    }
+}
 } // namespace
 
 void updateInOneProcess(Supervisor& supervisor, Report& report)
@@ -740,9 +759,6 @@ void updateInOneProcess(Supervisor& supervisor, Report& report)
     auto odd = job.isExternal ? std::vector<OddImage>() : makeOddImages(job, place);
     if (!odd.empty() && fs::file_size(job.image) > 0) {
         odd.push_back(makeChangedImage(job, place));
-        if (fs::file_size(job.image) >= kLeastToSolve) {
-            odd.push_back(makeZeroImage(job, place));
-        }
         odd.push_back(makeLongerImage(job, place));
     }
     const Session session =
@@ -759,6 +775,9 @@ void updateInOneProcess(Supervisor& supervisor, Report& report)
         supervisor.avoid(session);
     }
     const Json::Value& told = session.told;
+    if (told.isMember("changed") && told["changed"].asInt() == 0) {
+        updateWithZeroSum(supervisor, place, report);
+    }
     const bool isRefused = job.isExternal || (told.isMember("refused") && told["refused"].asInt() != 0);
     if (!told.isMember("first") || !isRefused) {
         return; // a wrong checksum that is accepted is told elsewhere
