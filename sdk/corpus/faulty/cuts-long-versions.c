@@ -1,5 +1,5 @@
 // The offered version is cut to 63 characters, and what is left of a longer one is compared.
-// finds: F217
+// finds: F209 F217
 #define OWN_compareVersion
 #include "base.h"
 
