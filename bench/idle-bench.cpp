@@ -17,6 +17,7 @@
 #include "bench/child.h"
 #include "bench/measure.h"
 #include "bench/set-room.h"
+#include "common/daemon/places.h"
 
 namespace
 {
@@ -116,9 +117,9 @@ void putTuner()
     const auto put = [](const fs::path& from, const fs::path& directory) {
         fs::copy_file(from, directory / from.filename(), fs::copy_options::overwrite_existing);
     };
-    put(examples / "tuner.so", bench::kControls);
-    put(examples / "images/1.1/empTuner.img", bench::kPackages);
-    put(examples / "images/1.0/hardware/tuner", "/var/lib/hardware");
+    put(examples / "tuner.so", common::places::kProductControls);
+    put(examples / "images/1.1/empTuner.img", common::places::kPackages);
+    put(examples / "images/1.0/hardware/tuner", common::places::kHardware);
 }
 
 void declare()
@@ -137,7 +138,7 @@ void declare()
         bench::add(title, [=](bench::Sample& sample) { idler->look(sample, window); });
         idlers.push_back(idler);
     };
-    declareIdler("daemon", {TARNWICK_PROGRAM}, "org.pellor.tv.tarnwick");
+    declareIdler("daemon", {TARNWICK_PROGRAM}, common::places::kDaemonName);
     unsetenv("LD_PRELOAD"); // the set's clock
     declareIdler("bareService", {BARE_SERVICE, "org.pellor.tv.bare"}, "org.pellor.tv.bare");
     const std::string settings = "/usr/libexec/dconf-service";

@@ -9,6 +9,7 @@
 
 #include "bench/measure.h"
 #include "bench/set-room.h"
+#include "common/daemon/places.h"
 #include "common/files/unique-fd.h"
 #include "src/fw-update-log.h"
 
@@ -16,7 +17,7 @@ namespace
 {
 
 constexpr int kRecords = 5000; // per sample: one takes microseconds
-constexpr const char* kLogFile = "/var/log/platform.log";
+using common::places::kLogFile;
 constexpr const char* kPlainFile = "/var/log/bench.log";
 
 common::UniqueFd openForAppending(const char* path)

@@ -12,14 +12,15 @@
 #include "bench/child.h"
 #include "bench/measure.h"
 #include "bench/set-room.h"
+#include "common/daemon/places.h"
 #include "src/src/fw-update-mount-manager.h"
 #include "vset/psmountd/loop-device.h"
 
 namespace
 {
 
-const std::string kImage = std::string(bench::kPackages) + "/empTuner.img";
-const std::string kDirectory = std::string(bench::kPackages) + "/emps/empTuner";
+const std::string kImage = std::string(common::places::kPackages) + "/empTuner.img";
+const std::string kDirectory = std::string(common::places::kPackageMounts) + "/empTuner";
 const std::string kMounted = kDirectory + "/Tuner.bin";
 
 void must(bool isSo, const std::string& what)

@@ -9,6 +9,7 @@
 
 #include "bench/measure.h"
 #include "bench/set-room.h"
+#include "common/daemon/places.h"
 #include "src/src/fw-update-symbol-manager.h"
 
 namespace
@@ -49,13 +50,14 @@ private:
 void loadBare()
 {
     std::vector<std::unique_ptr<Loaded>> libraries;
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory{opendir(bench::kControls), closedir};
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory{opendir(common::places::kProductControls), closedir};
     while (const dirent* const entry = readdir(directory.get())) {
         const std::string file = entry->d_name;
         if (file.find(".so") == std::string::npos) {
             continue;
         }
-        libraries.push_back(std::make_unique<Loaded>(std::string(bench::kControls) + "/" + file));
+        libraries.push_back(
+            std::make_unique<Loaded>(std::string(common::places::kProductControls) + "/" + file));
         const Loaded& library = *libraries.back();
         for (const char* name : {"getActiveVersion", "checkVersion", "doUpdate", "allUpdateDone",
                                  "doUpdate_decryption", "getExpectedTime", "getUpdateProgress"}) {

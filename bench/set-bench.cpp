@@ -13,6 +13,7 @@
 #include "bench/bus-name.h"
 #include "bench/child.h"
 #include "bench/measure.h"
+#include "common/daemon/places.h"
 #include "include/tarnwick/television.h"
 
 namespace
@@ -21,7 +22,7 @@ namespace
 namespace fs = std::filesystem;
 using Clock = bench::Sample::Clock;
 
-constexpr const char* kDaemonName = "org.pellor.tv.tarnwick";
+using common::places::kDaemonName;
 constexpr std::chrono::seconds kPatience{10};
 
 // As soon as it answers.

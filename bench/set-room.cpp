@@ -10,14 +10,20 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include "common/daemon/places.h"
+
 namespace fs = std::filesystem;
 
 namespace bench
 {
 
+using common::places::kPackages;
+using common::places::kProductControls;
+using common::places::kSystemImages;
+
 int enterSet(char** argv, SetClock clock)
 {
-    if (fs::is_directory(kPackages) && fs::is_directory(kBuiltIn)) {
+    if (fs::is_directory(kPackages) && fs::is_directory(kSystemImages)) {
         return 0;
     }
     const std::string self = fs::read_symlink("/proc/self/exe");
@@ -47,18 +53,18 @@ Modules::Modules(const std::string& name, int count) : directory_("/var/tmp/" + 
 
 void Modules::install() const
 {
-    if (!fs::is_symlink(kControls)) {
-        fs::rename(kControls, std::string(kControls) + ".empty");
+    if (!fs::is_symlink(kProductControls)) {
+        fs::rename(kProductControls, std::string(kProductControls) + ".empty");
     }
-    fs::remove(kControls);
-    fs::create_directory_symlink(directory_, kControls);
+    fs::remove(kProductControls);
+    fs::create_directory_symlink(directory_, kProductControls);
 }
 
 void Modules::giveImages(int bytes) const
 {
     // The system image is read-only: a directory of our own over it.
-    if (access(kBuiltIn, W_OK) != 0 && mount("tmpfs", kBuiltIn, "tmpfs", 0, "mode=0755") != 0) {
-        throw std::runtime_error(std::string(kBuiltIn) + ": " + strerror(errno));
+    if (access(kSystemImages, W_OK) != 0 && mount("tmpfs", kSystemImages, "tmpfs", 0, "mode=0755") != 0) {
+        throw std::runtime_error(std::string(kSystemImages) + ": " + strerror(errno));
     }
     const std::string image(static_cast<size_t>(bytes), '\x5a');
     boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> crc;
@@ -74,12 +80,12 @@ void Modules::giveImages(int bytes) const
 
 std::string imageOf(const std::string& name)
 {
-    return std::string(kBuiltIn) + "/" + name + "/" + name + ".bin";
+    return std::string(kSystemImages) + "/" + name + "/" + name + ".bin";
 }
 
 std::string informationOf(const std::string& name)
 {
-    return std::string(kBuiltIn) + "/" + name + "/info.json";
+    return std::string(kSystemImages) + "/" + name + "/info.json";
 }
 
 } // namespace bench

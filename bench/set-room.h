@@ -8,10 +8,6 @@
 namespace bench
 {
 
-constexpr const char* kControls = "/prd/usr/fwupdate/controls";
-constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager";
-constexpr const char* kBuiltIn = "/lib/firmware/ext";
-
 enum class SetClock { kNone, kAtPace }; // none: as on a television
 
 // Goes on in a temporary set of its own, unless this process is in one: for the beginning of `main`. Returns

@@ -9,12 +9,13 @@
 #include "bench/child.h"
 #include "bench/measure.h"
 #include "bench/set-room.h"
+#include "common/daemon/places.h"
 
 namespace
 {
 
 constexpr const char* kBus = "unix:path=/run/dbus/system_bus_socket";
-constexpr const char* kDaemonName = "org.pellor.tv.tarnwick";
+using common::places::kDaemonName;
 constexpr const char* kSettingsService = "/usr/libexec/dconf-service";
 
 void start(bench::Sample& sample, const std::vector<std::string>& words, const char* ownedName)
@@ -31,7 +32,7 @@ void start(bench::Sample& sample, const std::vector<std::string>& words, const c
 void startDaemon(bench::Sample& sample, const bench::Modules& modules)
 {
     modules.install();
-    unlink("/tmp/.fw_download_ready"); // as after every boot
+    unlink(common::places::kDownloadFlag); // as after every boot
     start(sample, {TARNWICK_PROGRAM}, kDaemonName);
 }
 

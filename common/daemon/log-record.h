@@ -32,8 +32,6 @@ struct LogRecord {
     std::string text;    // whole, as it was written
 };
 
-inline constexpr const char* kLogFile = "/var/log/platform.log";
-
 // The usual start of a message in the platform log, "FILE: FUNCTION(LINE) > ", is taken from `text` into the
 // fields for it; without one, nothing changes.
 void takePlaceFromMessage(LogRecord& record);

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <system_error>
 
+#include "common/daemon/places.h"
 #include "common/files/whole-file.h"
 
 namespace proof
@@ -52,7 +53,7 @@ LeftOver leftOverIn(tarnwick::Television& tv)
         left.semaphore = static_cast<int>(value);
     }
     std::error_code ignored;
-    left.isListThere = fs::exists(fs::symlink_status(tv.outside(kUpdateList), ignored));
+    left.isListThere = fs::exists(fs::symlink_status(tv.outside(common::places::kUpdateList), ignored));
     left.locks = tv.powerLocks();
     return left;
 }

@@ -12,8 +12,6 @@
 namespace proof
 {
 
-constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
-
 struct LeftOver {
     std::vector<std::string> mounts; // of packages, as the set's table has them
     int semaphore = 1;

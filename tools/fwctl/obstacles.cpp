@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <sys/stat.h>
 
+#include "common/daemon/places.h"
 #include "pralis.h"
 #include "pwrctl.h"
 
@@ -11,6 +12,8 @@ namespace fwctl
 
 namespace
 {
+namespace places = common::places;
+
 constexpr long kGraceSeconds = 600; // after the daemon's start, in which a standby ends it instead
 
 bool exists(const char* path)
@@ -51,12 +54,13 @@ void addEvents(const SetScene& scene, Obstacles& found)
     }
     if (scene.isFactory) {
         found.push_back({"factory-mode", "factory mode: changes of power are ignored and no screen is shown",
-                         std::string("remove ") + kFactoryMarker + " and restart the set"});
+                         std::string("remove ") + places::kFactoryMarker + " and restart the set"});
     }
     if (scene.isListALink) {
-        found.push_back({"list-link",
-                         std::string(kUpdateListPath) + " is a symbolic link: the daemon refuses to check",
-                         "see \"fwctl doctor\""});
+        found.push_back(
+            {"list-link",
+             std::string(places::kUpdateList) + " is a symbolic link: the daemon refuses to check",
+             "see \"fwctl doctor\""});
     }
 }
 
@@ -113,9 +117,9 @@ SetScene lookAtSet()
     scene.turn = lookAtTurnPatiently();
     scene.daemon = findDaemon();
     int mirroring = 0;
-    scene.isMirrored = pralis_get_int(kMirroringKey, &mirroring) == 0 && mirroring == 1;
-    scene.isFactory = exists(kFactoryMarker);
-    scene.isListALink = isLink(kUpdateListPath);
+    scene.isMirrored = pralis_get_int(places::kMirroringKey, &mirroring) == 0 && mirroring == 1;
+    scene.isFactory = exists(places::kFactoryMarker);
+    scene.isListALink = isLink(places::kUpdateList);
     scene.powerState = scene.daemon.hasBus ? pwrctl_get_state() : -1;
     return scene;
 }

@@ -19,6 +19,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "common/daemon/places.h"
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
 #include "common/process/process-stat.h"
@@ -32,7 +33,7 @@ namespace fs = std::filesystem;
 
 namespace
 {
-constexpr const char* kDaemonName = "org.pellor.tv.tarnwick";
+using common::places::kDaemonName;
 constexpr const char* kDaemonProgram = "tarnwick";
 constexpr const char* kDaemonUser = "fwupdate"; // when neither the bus nor the semaphore tells
 
@@ -77,8 +78,8 @@ std::optional<guint32> askBus(GDBusConnection* bus, const char* method)
 std::optional<Json::Value> askPlatform(GDBusConnection* bus)
 {
     const common::GlibPointer<GVariant> reply(g_dbus_connection_call_sync(
-        bus, "org.pellor.platform", "/org/pellor/platform", "org.pellor.platform.Control", "Snapshot",
-        nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, 5000, nullptr, nullptr));
+        bus, common::places::kPlatformName, common::places::kPlatformPath, common::places::kControlInterface,
+        "Snapshot", nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, 5000, nullptr, nullptr));
     if (!reply) {
         return std::nullopt;
     }
@@ -167,7 +168,7 @@ std::optional<uid_t> usualDaemonUser()
 
 namespace
 {
-constexpr const char* kSemaphoreFile = "/dev/shm/sem.SEM_UPDATE_CONTROL"; // where the C library keeps it
+using common::places::kSemaphoreFile;
 
 // An address range of another process.
 struct Range {

@@ -12,10 +12,6 @@
 namespace fwctl
 {
 
-constexpr const char* kMirroringKey = "memory/menu/network/screenmirroring/smsrc_status";
-constexpr const char* kUpdateListPath = "/tmp/fwupdate-off-list.txt";
-constexpr const char* kFactoryMarker = "/tmp/FACTORY_PRODCUTION"; // the platform's spelling
-
 struct DaemonState {
     bool hasBus = false; // the system bus answers
     pid_t pid = 0;       // 0: it has not come to the bus

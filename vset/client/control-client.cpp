@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/daemon/places.h"
 #include "common/files/unique-fd.h"
 #include "common/json-text.h"
 #include "common/terminal/visible-text.h"
@@ -24,10 +25,9 @@ namespace vset
 namespace
 {
 
-constexpr const char* kMountName = "org.pellor.psmount";
-constexpr const char* kMountPath = "/org/pellor/psmount";
+using common::places::kMountName;
+using common::places::kMountPath;
 constexpr const char* kMountControl = "org.pellor.psmount.Control";
-constexpr const char* kSocket = "/run/dbus/system_bus_socket";
 constexpr const char* kThisSet = "this set";
 
 // Makes `context` the one that GIO answers this thread in.
@@ -70,7 +70,7 @@ std::string textForPerson(const common::ErrorSlot& error, const std::string& whe
 std::string notRunningText(const std::string& whereabouts)
 {
     if (whereabouts == kThisSet) {
-        return "there is no system bus of a set at " + std::string(kSocket) +
+        return "there is no system bus of a set at " + std::string(common::places::kBusSocket) +
                ": start this program with `vset run SET -- ...` or `vset exec SET -- ...`";
     }
     const std::string set = whereabouts.substr(whereabouts.find(' ') + 1);
@@ -78,7 +78,7 @@ std::string notRunningText(const std::string& whereabouts)
         return whereabouts +
                " is on, but its bus cannot be reached: it is starting, or going off; else somebody has "
                "taken " +
-               std::string(kSocket) + " away in it, and it has to be run again";
+               std::string(common::places::kBusSocket) + " away in it, and it has to be run again";
     }
     return whereabouts + " is not running: start it with `vset run " + common::inShell(set) + "`";
 }
@@ -182,7 +182,7 @@ ControlClient ControlClient::ofSet(const std::string& set, std::chrono::millisec
 
 ControlClient ControlClient::inside()
 {
-    return ControlClient(kSocket, kThisSet, std::chrono::seconds(10));
+    return ControlClient(common::places::kBusSocket, kThisSet, std::chrono::seconds(10));
 }
 
 ControlClient::ControlClient(const std::string& socketPath, const std::string& whereabouts,

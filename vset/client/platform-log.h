@@ -10,16 +10,17 @@
 #include <string>
 
 #include "common/daemon/log-record.h"
+#include "common/daemon/places.h"
 #include "common/files/regular-file.h"
 
 namespace vset
 {
 
-using common::kLogFile;
 using common::LogBuffer;
 using common::LogRecord;
 using common::parseLogLine;
 using common::priorityName;
+using common::places::kLogFile;
 
 // How much of the log is still wanted by who follows it.
 enum class Wanted {

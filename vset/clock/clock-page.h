@@ -14,6 +14,8 @@
 namespace vset
 {
 
+inline constexpr const char* kClockPage = "/run/vset-clock"; // in the set
+
 constexpr uint32_t kClockMagic = 0x76634c4b; // layout of this header; changes with it
 
 struct ClockPage {

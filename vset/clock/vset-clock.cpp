@@ -41,7 +41,6 @@
 namespace
 {
 
-constexpr const char* kPagePath = "/run/vset-clock";
 constexpr int64_t kMillisecond = 1000000;
 constexpr int64_t kSecond = 1000000000;
 constexpr int64_t kSlice =
@@ -151,7 +150,7 @@ int64_t hostNow(clockid_t clock)
 
 const vset::ClockPage* mapPage()
 {
-    const int file = open(kPagePath, O_RDONLY | O_CLOEXEC);
+    const int file = open(vset::kClockPage, O_RDONLY | O_CLOEXEC);
     struct stat status{};
     if (file < 0) {
         return nullptr;
@@ -470,7 +469,7 @@ private:
     static int make()
     {
         const int descriptor = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        if (descriptor < 0 || inotify_add_watch(descriptor, kPagePath, IN_ATTRIB) >= 0) {
+        if (descriptor < 0 || inotify_add_watch(descriptor, vset::kClockPage, IN_ATTRIB) >= 0) {
             return descriptor;
         }
         close(descriptor);

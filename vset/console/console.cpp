@@ -12,8 +12,10 @@
 #include <utility>
 
 #include "common/daemon/daemon-events.h"
+#include "common/daemon/places.h"
 #include "common/json-text.h"
 #include "console-interface.h"
+#include "vset/clock/clock-page.h"
 #include "vset/console/real-time.h"
 #include "vset/platformd/contract.h"
 #include "vset/platformd/service-time.h"
@@ -28,9 +30,10 @@ namespace fs = std::filesystem;
 
 constexpr const char* kInvalid = "org.pellor.platform.Error.Invalid";
 constexpr const char* kOptionsFile = "/var/lib/platform/console.json";
-constexpr const char* kFactoryMarker = "/tmp/FACTORY_PRODCUTION"; // the platform's spelling
-constexpr const char* kManagerMarker = "/run/.pkgmgr_ready";
-constexpr const char* kMirroringKey = "memory/menu/network/screenmirroring/smsrc_status";
+using common::places::kFactoryMarker;
+using common::places::kFeed;
+using common::places::kManagerMarker;
+using common::places::kMirroringKey;
 constexpr const char* kWriter = "console";
 
 // Milliseconds of the PC's time.

@@ -10,6 +10,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/daemon/places.h"
 #include "common/json-text.h"
 #include "vset/console/program.h"
 #include "vset/platformd/files.h"
@@ -21,12 +22,10 @@ namespace
 {
 
 namespace fs = std::filesystem;
+namespace places = common::places;
 
 constexpr int64_t kProbeLimit = 3000; // milliseconds of the PC's time
-constexpr const char* kControlDirectories[] = {"/prd/usr/fwupdate/controls", "/usr/fwupdate/controls"};
-constexpr const char* kPackageDirectory = "/opt/usr/apps/appbinarymanager";
-constexpr const char* kSystemImages = "/lib/firmware/ext";
-constexpr const char* kList = "/tmp/fwupdate-off-list.txt";
+constexpr const char* kControlDirectories[] = {places::kProductControls, places::kSystemControls};
 
 bool isExternal(const std::string& name)
 {
@@ -76,7 +75,7 @@ std::string firmwareNameOf(const std::string& identifier)
 std::set<std::string> namesInList()
 {
     std::set<std::string> names;
-    std::istringstream file(readFile(kList).value_or(""));
+    std::istringstream file(readFile(places::kUpdateList).value_or(""));
     for (std::string line; std::getline(file, line);) {
         names.insert(line.substr(0, line.find(' ')));
     }
@@ -192,12 +191,12 @@ void ModuleList::addOffers(Json::Value& module)
     if (firmware.empty() || firmware.find('/') != std::string::npos) {
         return;
     }
-    const Json::Value builtIn = readInformation(fs::path(kSystemImages) / firmware / "info.json");
+    const Json::Value builtIn = readInformation(fs::path(places::kSystemImages) / firmware / "info.json");
     if (!builtIn.isNull()) {
         module["offers"].append(toOffer("system image", builtIn));
     }
     for (const auto& [source, directory] :
-         {std::pair("package", kPackageDirectory), std::pair("feed", kFeed)}) {
+         {std::pair("package", places::kPackages), std::pair("feed", places::kFeed)}) {
         const Json::Value information =
             informationOfPackage((fs::path(directory) / (identifier + ".img")).string());
         if (!information.isNull()) {

@@ -16,8 +16,6 @@
 namespace vset
 {
 
-inline constexpr const char* kFeed = "/srv/feed"; // the packages that the package service can bring
-
 class ModuleList
 {
 public:

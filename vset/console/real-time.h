@@ -10,8 +10,6 @@
 namespace vset
 {
 
-inline constexpr const char* kClockPage = "/run/vset-clock";
-
 // Set seconds per second of the PC; 1 without a clock of the set's own. Any thread.
 double clockRate();
 

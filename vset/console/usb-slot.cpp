@@ -4,6 +4,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/daemon/places.h"
 #include "common/terminal/visible-text.h"
 
 namespace vset
@@ -14,8 +15,8 @@ namespace
 
 namespace fs = std::filesystem;
 
-constexpr const char* kDirectory = "/opt/media";
-constexpr const char* kStick = "/opt/media/USBDriveA";
+using common::places::kStick;
+using common::places::kUsbSlot;
 constexpr const char* kStaging = "/opt/media/.stick-unfinished";
 constexpr const char* kUnfinished = ".upload-"; // beside the stick, so that a file gets its name in one step
 constexpr int kDeepest = 8;
@@ -48,7 +49,7 @@ bool isSafe(const fs::path& path)
 UsbSlot::UsbSlot()
 {
     std::error_code error;
-    for (const fs::directory_entry& entry : fs::directory_iterator(kDirectory, error)) {
+    for (const fs::directory_entry& entry : fs::directory_iterator(kUsbSlot, error)) {
         std::error_code ignored;
         if (entry.path().filename().string().rfind(kUnfinished, 0) == 0) {
             fs::remove(entry.path(), ignored);
@@ -65,7 +66,7 @@ std::optional<std::string> UsbSlot::begin()
     }
     size_ = 0;
     ++stick_;
-    return told(error, std::string("a stick cannot be put together in ") + kDirectory);
+    return told(error, std::string("a stick cannot be put together in ") + kUsbSlot);
 }
 
 UsbSlot::NewFile UsbSlot::add(const std::string& name)
@@ -73,7 +74,7 @@ UsbSlot::NewFile UsbSlot::add(const std::string& name)
     if (!isSafe(fs::path(name))) {
         return {nullptr, "\"" + common::visible(name) + "\" is no name for a file on a stick"};
     }
-    const fs::path unfinished = fs::path(kDirectory) / (kUnfinished + std::to_string(++files_));
+    const fs::path unfinished = fs::path(kUsbSlot) / (kUnfinished + std::to_string(++files_));
     std::unique_ptr<StickFile> file(new StickFile(*this, name, unfinished));
     if (!file->file_) {
         return {nullptr, common::visible(name) + " cannot be written"};

@@ -22,6 +22,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/daemon/places.h"
 #include "common/plain-words.h"
 #include "common/terminal/visible-text.h"
 #include "vset/client/set-file.h"
@@ -465,7 +466,7 @@ void Init::startMain()
 {
     WatchSocket watch = plan_.cutAtWrite ? makeWatchSocket() : WatchSocket();
     if (plan_.television()) {
-        start(main_, {"/usr/bin/tarnwick"}, kUpdate, true, {}, watch);
+        start(main_, {common::places::kDaemon}, kUpdate, true, {}, watch);
         announceConsole();
     } else {
         startCommand(watch);
@@ -491,7 +492,7 @@ int Init::run(const std::function<void()>& onUp)
     endings_ = UniqueFd(check(signalfd(-1, &ending, SFD_CLOEXEC), "cannot receive signals"));
     callersMask_ = umask(022); // of the set's files; the command gets its own back
     composeRoot(plan_.root);
-    if (plan_.television() && access("/usr/bin/tarnwick", X_OK) != 0) {
+    if (plan_.television() && access(common::places::kDaemon, X_OK) != 0) {
         throw Error("the set has no daemon: put it there with `vset new " +
                     common::inShell(plan_.root.set.path().string()) + "`");
     }

@@ -16,6 +16,7 @@
 #include "common/files/file-copy.h"
 #include "common/terminal/visible-text.h"
 #include "vset/client/set-file.h"
+#include "vset/clock/clock-page.h"
 
 namespace vset
 {
@@ -363,7 +364,7 @@ void composeRoot(const RootPlan& plan)
         attachTree(trees[index], target);
     }
     if (plan.clock) {
-        const fs::path page = root / fs::path(kClockPagePath).relative_path();
+        const fs::path page = root / fs::path(kClockPage).relative_path();
         touch(page);
         attachTree(copyTree(plan.set.clockFile()), page); // its owner, the platform, may change it
     }

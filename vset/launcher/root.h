@@ -18,8 +18,7 @@ struct RootPlan {
     bool clock = false;          // put the clock page in place
 };
 
-// Where the set sees its clock page and the hidden loop control node.
-constexpr const char* kClockPagePath = "/run/vset-clock";
+// Where the set sees its hidden loop control node.
 constexpr const char* kLoopControlPath = "/dev/.vset/loop-control";
 
 // Canonical directories without those that lie in another one of the list. Throws common::WrongUse for one

@@ -6,6 +6,8 @@
 #ifndef VSET_PLATFORMD_CONTRACT_H
 #define VSET_PLATFORMD_CONTRACT_H
 
+#include "common/daemon/places.h"
+
 namespace vset
 {
 
@@ -18,9 +20,9 @@ inline constexpr int kExitReboot = 11;
 inline constexpr const char* kConsoleUrlPath = "/run/console.url";
 
 // On the set's system bus; the interfaces are in platform.xml and console.xml.
-inline constexpr const char* kPlatformName = "org.pellor.platform";
-inline constexpr const char* kPlatformPath = "/org/pellor/platform";
-inline constexpr const char* kControlInterface = "org.pellor.platform.Control";
+using common::places::kControlInterface;
+using common::places::kPlatformName;
+using common::places::kPlatformPath;
 inline constexpr const char* kConsoleInterface = "org.pellor.platform.Console";
 
 } // namespace vset

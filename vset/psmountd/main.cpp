@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/daemon/places.h"
 #include "common/glib-pointers.h"
 #include "common/terminal/command-line.h"
 #include "common/terminal/visible-text.h"
@@ -19,9 +20,6 @@ namespace
 
 using psmount::Answer;
 using psmount::MountService;
-
-constexpr const char* kName = "org.pellor.psmount";
-constexpr const char* kPath = "/org/pellor/psmount";
 
 constexpr const char* kIntrospection = R"(<node>
   <interface name="org.pellor.psmount.Mounts">
@@ -159,8 +157,8 @@ bool publish(GDBusConnection* bus, Server& server)
     static const GDBusInterfaceVTable table{onCall, nullptr, nullptr, {}};
     static GDBusNodeInfo* description = g_dbus_node_info_new_for_xml(kIntrospection, nullptr);
     for (GDBusInterfaceInfo** interface = description->interfaces; *interface != nullptr; ++interface) {
-        if (g_dbus_connection_register_object(bus, kPath, *interface, &table, &server, nullptr, nullptr) ==
-            0) {
+        if (g_dbus_connection_register_object(bus, common::places::kMountPath, *interface, &table, &server,
+                                              nullptr, nullptr) == 0) {
             return false;
         }
     }
@@ -176,8 +174,8 @@ int serve(Server& server)
         std::fputs("psmountd: cannot publish the service\n", stderr);
         return EXIT_FAILURE;
     }
-    g_bus_own_name_on_connection(bus.get(), kName, G_BUS_NAME_OWNER_FLAGS_NONE, onNameAcquired, onNameLost,
-                                 &server, nullptr);
+    g_bus_own_name_on_connection(bus.get(), common::places::kMountName, G_BUS_NAME_OWNER_FLAGS_NONE,
+                                 onNameAcquired, onNameLost, &server, nullptr);
     g_main_loop_run(server.loop);
     return server.nameLost ? EXIT_FAILURE : EXIT_SUCCESS;
 }

@@ -16,6 +16,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/daemon/places.h"
 #include "vset/psmountd/command-line.h"
 #include "vset/psmountd/loop-device.h"
 
@@ -25,10 +26,10 @@ namespace psmount
 namespace
 {
 
-constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager";
-constexpr const char* kPackageMounts = "/opt/usr/apps/appbinarymanager/emps";
 constexpr Answer kNotUnderstood{-1, EINVAL};
 
+using common::places::kPackageMounts;
+using common::places::kPackages;
 using vset::UniqueFd;
 
 // ---- Paths ----

@@ -28,9 +28,6 @@ constexpr std::size_t kHeaderSize = kTrailerSize - kSignatureSize;
 constexpr std::size_t kKeyIdSize = 8;
 constexpr int kKeyBits = 4096;
 
-// Where a set keeps the public keys that it trusts: PEM files, "*.pem".
-constexpr const char* kKeyDirectory = "/var/lib/signature/keys";
-
 using Header = std::array<unsigned char, kHeaderSize>;
 using KeyId = std::array<unsigned char, kKeyIdSize>;
 

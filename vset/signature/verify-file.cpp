@@ -2,6 +2,7 @@
 // key that is put into the set's directory, or taken out of it, counts at once.
 #include <unistd.h>
 
+#include "common/daemon/places.h"
 #include "vset/signature/image-signature.h"
 
 namespace
@@ -15,7 +16,8 @@ int verifyWithKeysOfTheSet(const char* path)
     if (descriptor < 0) {
         return 0;
     }
-    const auto verdict = signature::verify(descriptor, signature::readKeyDirectory(signature::kKeyDirectory));
+    const auto verdict =
+        signature::verify(descriptor, signature::readKeyDirectory(common::places::kSigningKeys));
     close(descriptor);
     return verdict == signature::Verdict::Signed ? 1 : 0;
 }

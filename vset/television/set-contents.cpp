@@ -210,7 +210,7 @@ std::optional<fs::path> SetContents::find(const std::string& path) const
 {
     // The rest of /usr is the PC's own; /lib is a link to /usr/lib.
     const std::string plain = fs::path(path).lexically_normal(); // ".." does not lead out of the set
-    const std::string real = isBelow(plain, "/lib/firmware/ext") ? "/usr" + plain : plain;
+    const std::string real = isBelow(plain, inset::kSystemImages) ? "/usr" + plain : plain;
     const fs::path relative = fs::path(real).relative_path();
     for (const char* top : {"/usr/fwupdate", inset::kBuiltInFirmware, "/usr/bin", "/usr/lib"}) {
         if (isBelow(real, top)) {

@@ -12,21 +12,12 @@
 #include <optional>
 #include <string>
 
+#include "common/daemon/places.h"
+
 namespace vset
 {
 
-namespace inset
-{
-constexpr const char* kProductControls = "/prd/usr/fwupdate/controls";
-constexpr const char* kSystemControls = "/usr/fwupdate/controls";
-constexpr const char* kBuiltInFirmware = "/usr/lib/firmware/ext";
-constexpr const char* kHardware = "/var/lib/hardware";
-constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager"; // where they are once fetched
-constexpr const char* kFeed = "/srv/feed";                          // where they are fetched from
-constexpr const char* kUsbSlot = "/opt/media";
-constexpr const char* kStick = "/opt/media/USBDriveA";
-constexpr const char* kSigningKeys = "/var/lib/signature/keys";
-} // namespace inset
+namespace inset = common::places; // the set's paths, as it names them
 
 class SetContents
 {

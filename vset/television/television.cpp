@@ -448,7 +448,7 @@ void Television::startDaemon()
     std::vector<std::string> words = {inside_->vset, "exec", inside_->directory, "--"};
     const std::vector<std::string> user = asUpdateUser();
     words.insert(words.end(), user.begin(), user.end());
-    words.emplace_back("/usr/bin/tarnwick");
+    words.emplace_back(vset::inset::kDaemon);
     inside_->daemon = std::make_unique<vset::Process>(words, outside(kDaemonOutput));
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "common/daemon/places.h"
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
 #include "common/terminal/command-line.h"
@@ -24,7 +25,7 @@
 namespace
 {
 
-constexpr const char* kStatusKey = "memory/ep_firmware_update_app/fw_update_status";
+using common::places::kStatusKey;
 constexpr const char* kProgressKey = "memory/ep_firmware_update_app/fw_update_progress";
 constexpr int kSystemLog = 2;
 constexpr int kInfo = 4;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "common/daemon/daemon-events.h"
+#include "common/daemon/places.h"
 #include "common/files/file-copy.h"
 #include "common/files/whole-file.h"
 #include "common/json-text.h"
@@ -26,8 +27,8 @@ using tarnwick::Television;
 const fs::path kLibraries = EXAMPLE_LIBRARIES;
 constexpr const char* kWatchedDaemon = WATCHED_DAEMON;
 
-constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager";
-constexpr const char* kLog = "/var/log/platform.log";
+using common::places::kLogFile;
+using common::places::kPackages;
 constexpr const char* kPending = "need update item, wait ui or bg fw update";
 
 // An update of some blocks then takes milliseconds, and the time-outs of the daemon are seconds of this
@@ -164,13 +165,13 @@ void Lane::prepare()
 
 bool Lane::said(const std::string& text) const
 {
-    return common::readWhole(tv.outside(kLog)).find(text) != std::string::npos;
+    return common::readWhole(tv.outside(kLogFile)).find(text) != std::string::npos;
 }
 
 // From the power switch to the daemon's end. Throws Hit when the guard has stopped it before.
 void Lane::live(CallGuard* guard)
 {
-    fs::remove(tv.outside(kLog));
+    fs::remove(tv.outside(kLogFile));
     tv.watchWaits([guard] {
         if (guard != nullptr && guard->hasHit()) {
             throw Hit();
@@ -425,7 +426,7 @@ void Lane::judgeFiles()
         return name == "empTuner.img" || name == "emps" ||
                std::find(chips().begin(), chips().end(), name) != chips().end();
     };
-    for (const char* directory : {kPackages, "/var/lib/hardware"}) {
+    for (const char* directory : {kPackages, common::places::kHardware}) {
         for (const auto& entry : fs::directory_iterator(tv.outside(directory))) {
             if (!isExpected(entry.path())) {
                 breach("files", std::string(directory) + " has " + entry.path().filename().string());

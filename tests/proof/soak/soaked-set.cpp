@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "common/daemon/daemon-events.h"
+#include "common/daemon/places.h"
 #include "tests/proof/chips.h"
 #include "tests/proof/left-over.h"
 #include "vset/client/platform-log.h"
@@ -22,8 +23,7 @@ namespace fs = std::filesystem;
 using tarnwick::Television;
 
 const fs::path kLibraries = EXAMPLE_LIBRARIES;
-constexpr const char* kControls = "/prd/usr/fwupdate/controls";
-constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager";
+using common::places::kPackages;
 constexpr const char* kPending = "need update item, wait ui or bg fw update";
 
 constexpr double kFastClock = 50;
@@ -123,7 +123,7 @@ void SoakedSet::prepare(const SoakPlan& plan)
         if (std::count(plan.modules.begin(), plan.modules.end(), module) > 0) {
             tv_.putLibrary(kLibraries / file);
         } else {
-            fs::remove(tv_.outside(std::string(kControls) + "/" + file));
+            fs::remove(tv_.outside(std::string(common::places::kProductControls) + "/" + file));
         }
     }
     for (const std::string& chip : chips()) {

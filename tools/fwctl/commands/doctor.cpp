@@ -14,6 +14,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/daemon/places.h"
 #include "common/files/regular-file.h"
 #include "common/json-text.h"
 #include "tools/fwctl/commands/command.h"
@@ -34,7 +35,7 @@ namespace fwctl
 
 namespace
 {
-constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager";
+namespace places = common::places;
 
 struct Finding {
     std::string id;
@@ -114,10 +115,10 @@ struct Directory {
     bool isShared; // belongs to the platform's user and the group that the daemon is in
 };
 constexpr Directory kDirectories[] = {
-    {"/prd/usr/fwupdate/controls", 0755, false},
-    {"/usr/fwupdate/controls", 0755, false},
-    {kPackages, 02775, true},
-    {"/opt/usr/apps/appbinarymanager/emps", 02775, true}, // see checkMountDirectory()
+    {places::kProductControls, 0755, false},
+    {places::kSystemControls, 0755, false},
+    {places::kPackages, 02775, true},
+    {places::kPackageMounts, 02775, true}, // see checkMountDirectory()
 };
 
 bool makeParents(const std::string& path)
@@ -252,21 +253,22 @@ void checkSemaphore(const Scene& scene, Findings& found)
 void checkUpdateList(const Scene& scene, Findings& found)
 {
     struct stat status = {};
-    if (lstat(kUpdateListPath, &status) != 0) {
+    if (lstat(places::kUpdateList, &status) != 0) {
         return;
     }
-    const auto removeList = [] { return unlink(kUpdateListPath) == 0; };
+    const auto removeList = [] { return unlink(places::kUpdateList) == 0; };
     const DaemonState& daemon = scene.set.daemon;
     const bool isOrphan = daemon.hasBus && daemon.pid == 0 && daemon.starting == 0;
     if (S_ISLNK(status.st_mode)) {
-        found.push_back({"list-link",
-                         std::string(kUpdateListPath) + " is a symbolic link: the daemon refuses to check",
-                         "remove the link, and find out who made it",
-                         isOrphan ? std::function<bool()>(removeList) : nullptr});
+        found.push_back(
+            {"list-link",
+             std::string(places::kUpdateList) + " is a symbolic link: the daemon refuses to check",
+             "remove the link, and find out who made it",
+             isOrphan ? std::function<bool()>(removeList) : nullptr});
     } else if (isOrphan) {
         found.push_back({"orphaned-list",
-                         std::string(kUpdateListPath) + " is there, but the daemon does not run", "remove it",
-                         removeList});
+                         std::string(places::kUpdateList) + " is there, but the daemon does not run",
+                         "remove it", removeList});
     }
 }
 
@@ -369,7 +371,7 @@ void checkOrphanedImages(const Scene& scene, Findings& found)
         known.insert(module.get("package", "").asString());
     }
     std::error_code error;
-    for (std::filesystem::directory_iterator entry(kPackages, error), end; !error && entry != end;
+    for (std::filesystem::directory_iterator entry(places::kPackages, error), end; !error && entry != end;
          entry.increment(error)) {
         if (entry->path().extension() == ".img" && known.count(entry->path()) == 0) {
             found.push_back({"image-without-module",
@@ -396,7 +398,7 @@ void checkSurroundings(const Scene& scene, Findings& found)
                          problemOfBus().advice,
                          {}});
     }
-    if (access("/usr/lib/libkZORUser.so", F_OK) != 0) {
+    if (access(places::kSignatureLibrary, F_OK) != 0) {
         found.push_back({"no-signature-library",
                          "there is no signature library: every USB image counts as signed",
                          "install it, unless the set is meant to be open",

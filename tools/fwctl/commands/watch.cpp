@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 
+#include "common/daemon/places.h"
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
 #include "common/terminal/visible-text.h"
@@ -20,15 +21,17 @@ namespace fwctl
 
 namespace
 {
+namespace places = common::places;
+
 struct Key {
     const char* title;
     const char* path;
 };
 constexpr Key kKeys[] = {
-    {"status", "memory/ep_firmware_update_app/fw_update_status"},
-    {"progress", "memory/ep_firmware_update_app/fw_update_progress"},
-    {"working_status", "memory/enterprise/swupgrade/working_status"},
-    {"mirroring", kMirroringKey},
+    {"status", places::kStatusKey},
+    {"progress", places::kProgressKey},
+    {"working_status", places::kWorkingKey},
+    {"mirroring", places::kMirroringKey},
 };
 constexpr guint kPollSeconds = 1; // for what nobody tells on its own
 
@@ -121,7 +124,7 @@ void onLocks(GObject* bus, GAsyncResult* result, gpointer watch)
 
 void requestLocks(GDBusConnection* bus, gpointer watch)
 {
-    g_dbus_connection_call(bus, "org.pellor.platform", "/org/pellor/platform", "org.pellor.platform.Control",
+    g_dbus_connection_call(bus, places::kPlatformName, places::kPlatformPath, places::kControlInterface,
                            "Snapshot", nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, -1,
                            nullptr, onLocks, watch);
 }
@@ -187,9 +190,9 @@ void Watch::subscribe()
 
 void Watch::watchLocks(GDBusConnection* bus)
 {
-    g_dbus_connection_signal_subscribe(bus, "org.pellor.platform", "org.pellor.platform.Control", "Changed",
-                                       "/org/pellor/platform", nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-                                       onSetChanged, this, nullptr);
+    g_dbus_connection_signal_subscribe(bus, places::kPlatformName, places::kControlInterface, "Changed",
+                                       places::kPlatformPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onSetChanged,
+                                       this, nullptr);
     requestLocks(bus, this);
 }
 
@@ -201,7 +204,7 @@ void Watch::connectToBus()
         throw common::Failure(problem.text + ": " + problem.advice);
     }
     g_dbus_connection_set_exit_on_close(bus_.get(), FALSE);
-    g_bus_watch_name_on_connection(bus_.get(), "org.pellor.tv.tarnwick", G_BUS_NAME_WATCHER_FLAGS_NONE,
+    g_bus_watch_name_on_connection(bus_.get(), places::kDaemonName, G_BUS_NAME_WATCHER_FLAGS_NONE,
                                    onDaemonAppeared, onDaemonVanished, this, nullptr);
     watchLocks(bus_.get());
 }

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/daemon/places.h"
 #include "ps_mount.h"
 #include "tools/fwctl/modules/isolated.h"
 #include "tools/fwctl/privileges.h"
@@ -20,6 +21,8 @@ namespace fwctl
 
 namespace
 {
+using common::places::kPackageMounts;
+
 struct CloseMounts {
     void operator()(FILE* file) const { endmntent(file); }
 };
@@ -36,7 +39,7 @@ std::vector<std::string> packageMountPoints()
     char buffer[8192];
     while (getmntent_r(mounts.get(), &entry, buffer, sizeof buffer) != nullptr) {
         const std::string directory = entry.mnt_dir;
-        if (directory.rfind(kPackageMounts, 0) == 0) {
+        if (directory.rfind(kPackageMounts + std::string("/"), 0) == 0) {
             found.push_back(directory);
         }
     }

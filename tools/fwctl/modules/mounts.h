@@ -12,8 +12,6 @@ namespace fwctl
 // Mount points under the package mount directory, without a trailing "/"; stacked mounts count each.
 std::vector<std::string> packageMountPoints();
 
-constexpr const char* kPackageMounts = "/opt/usr/apps/appbinarymanager/emps/";
-
 // Why nothing below a mount point can be read: "Transport endpoint is not connected", when the program that
 // reads the package has ended. Empty when there is nothing of the kind.
 std::string problemOfMount(const std::string& directory);
@@ -26,7 +24,7 @@ bool unmount(const std::string& directory);
 std::set<std::string> mountsSince(const std::vector<std::string>& before,
                                   const std::set<std::string>& directories);
 
-// Why the daemon's user cannot make a mount point among kPackageMounts: "Permission denied"; empty when it
+// Why the daemon's user cannot make a mount point in that directory: "Permission denied"; empty when it
 // can, and when this process may not find out.
 std::string problemOfMountDirectory();
 std::string problemOfOwnMountDirectory(); // the same of this process's user

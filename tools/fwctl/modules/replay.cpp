@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/daemon/places.h"
 #include "common/files/memory-file.h"
 #include "common/files/package-image.h"
 #include "common/files/regular-file.h"
@@ -301,7 +302,8 @@ StepFinding Replay::canBeMounted()
     }
     if (!exists && !mountProblem_.empty()) {
         return {false,
-                std::string(kPackageMounts) + " cannot be written by the daemon's user: " + mountProblem_,
+                std::string(common::places::kPackageMounts) +
+                    "/ cannot be written by the daemon's user: " + mountProblem_,
                 "\"fwctl doctor --fix\" gives it back"};
     }
     return {true, directory, ""};

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "common/daemon/daemon-events.h"
+#include "common/daemon/places.h"
 
 namespace fwctl
 {
@@ -30,7 +31,7 @@ bool isAlive(pid_t process, pid_t thread)
 DaemonActivity activityOf(pid_t process)
 {
     DaemonActivity activity;
-    std::ifstream log(common::kLogFile, std::ios::binary);
+    std::ifstream log(common::places::kLogFile, std::ios::binary);
     log.seekg(0, std::ios::end);
     log.seekg(std::max<std::streamoff>(0, static_cast<std::streamoff>(log.tellg()) - kRead));
     std::map<pid_t, std::string> lastWords; // of each thread

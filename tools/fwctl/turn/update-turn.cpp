@@ -14,6 +14,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "common/daemon/places.h"
 #include "src/fw-update-common.h"
 #include "tools/fwctl/commands/command.h"
 #include "tools/fwctl/output.h"
@@ -27,7 +28,7 @@ namespace fwctl
 
 namespace
 {
-constexpr const char* kSemaphore = "/SEM_UPDATE_CONTROL";
+using common::places::kSemaphore;
 std::atomic<sem_t*> privateSemaphore{nullptr};
 
 struct CloseSemaphore {

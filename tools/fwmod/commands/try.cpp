@@ -36,8 +36,6 @@ constexpr std::chrono::milliseconds kProgressPause(500);
 // Where nothing is measured. At this pace a bus call still has five seconds of this PC's.
 constexpr double kQuickRate = 5;
 
-constexpr const char* kUpdateList = "/tmp/fwupdate-off-list.txt";
-
 struct TryOptions {
     fs::path library;
     fs::path package;
@@ -586,7 +584,7 @@ void Trial::showProgress()
 void Trial::proveNothingIsLeft()
 {
     prove("no package is left mounted", set_->loopMounts().empty());
-    prove("the update list is gone", !set_->exists(kUpdateList));
+    prove("the update list is gone", !set_->exists(vset::inset::kUpdateList));
 }
 
 // ---- Power cut ----

@@ -6,6 +6,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/daemon/places.h"
 #include "vset/platformd/files.h"
 #include "vset/platformd/guarded.h"
 #include "vset/platformd/service-time.h"
@@ -26,8 +27,8 @@ constexpr const char* kBootFile = "/var/lib/platform/boots.json";
 constexpr const char* kThisBootFile = "/run/platform-boot.json";
 constexpr const char* kKeptSections[] = {"power", "settings", "flags"};
 
-const Packages::Places kPackagePlaces = {"/srv/feed", "/opt/usr/apps/appbinarymanager", "/run/.pkgmgr_ready",
-                                         kPackagesFile};
+const Packages::Places kPackagePlaces = {common::places::kFeed, common::places::kPackages,
+                                         common::places::kManagerMarker, kPackagesFile};
 
 struct Section {
     const char* name;

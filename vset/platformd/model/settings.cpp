@@ -4,6 +4,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/daemon/places.h"
 #include "vset/platformd/files.h"
 #include "vset/platformd/service-time.h"
 
@@ -15,10 +16,10 @@ namespace
 
 // Keys that other services of a television write at boot.
 constexpr const char* kKeysOfTheSet[] = {
-    "memory/ep_firmware_update_app/fw_update_progress",
-    "memory/ep_firmware_update_app/fw_update_status",
-    "memory/enterprise/swupgrade/working_status",
-    "memory/menu/network/screenmirroring/smsrc_status",
+    common::places::kProgressKey,
+    common::places::kStatusKey,
+    common::places::kWorkingKey,
+    common::places::kMirroringKey,
 };
 
 bool isVolatile(const std::string& key)
