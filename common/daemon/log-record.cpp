@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <vector>
 
 namespace common
@@ -119,6 +120,25 @@ std::optional<LogRecord> parseLogLine(const std::string& line)
     record.buffer = record.logId == kSystemLogId ? LogBuffer::System : LogBuffer::Other;
     takePlaceFromMessage(record);
     return record;
+}
+
+std::optional<int64_t> microsecondsOf(const LogRecord& record)
+{
+    std::tm parts{};
+    const char* rest = strptime(record.time.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+    if (rest == nullptr) {
+        return std::nullopt;
+    }
+    const std::tm written = parts;
+    int64_t time = timegm(&parts) * int64_t{1'000'000}; // moves 30 February on to March
+    if (parts.tm_mday != written.tm_mday || parts.tm_sec != written.tm_sec) {
+        return std::nullopt;
+    }
+    rest += *rest == '.' ? 1 : 0;
+    for (int64_t unit = 100'000; *rest >= '0' && *rest <= '9'; ++rest, unit /= 10) {
+        time += (*rest - '0') * unit;
+    }
+    return std::strcmp(rest, "Z") == 0 ? std::optional(time) : std::nullopt;
 }
 
 std::string_view withoutLineEnd(std::string_view text)

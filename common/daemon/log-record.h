@@ -5,6 +5,7 @@
 #ifndef COMMON_DAEMON_LOG_RECORD_H
 #define COMMON_DAEMON_LOG_RECORD_H
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -38,6 +39,10 @@ void takePlaceFromMessage(LogRecord& record);
 
 // Nothing for a line that is not a whole record. `line` without its end.
 std::optional<LogRecord> parseLogLine(const std::string& line);
+
+// Microseconds since 1970 of a record's time; nothing for a text that is none, such as a day that no month
+// has.
+std::optional<int64_t> microsecondsOf(const LogRecord& record);
 
 // The message as a person is told it: the daemon ends some of its own with a line's end.
 std::string_view withoutLineEnd(std::string_view message);

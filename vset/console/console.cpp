@@ -57,7 +57,7 @@ Json::Value toJson(const LogRecord& record, uint64_t number)
 {
     Json::Value json;
     json["n"] = Json::UInt64(number);
-    json["t"] = Json::Int64(millisecondsOf(record.time));
+    json["t"] = Json::Int64(millisecondsOf(record));
     json["b"] = record.buffer == LogBuffer::Trace ? "trace" : "system";
     json["p"] = record.priority;
     json["tag"] = record.tag;

@@ -1,7 +1,5 @@
 #include "vset/console/state-way.h"
 
-#include <glib.h>
-
 #include "common/daemon/daemon-events.h"
 
 namespace vset
@@ -41,16 +39,9 @@ constexpr Sign kSigns[] = {
 
 } // namespace
 
-int64_t millisecondsOf(const std::string& time)
+int64_t millisecondsOf(const LogRecord& record)
 {
-    GDateTime* const parsed = g_date_time_new_from_iso8601(time.c_str(), nullptr);
-    if (parsed == nullptr) {
-        return 0;
-    }
-    const int64_t milliseconds =
-        g_date_time_to_unix(parsed) * 1000 + g_date_time_get_microsecond(parsed) / 1000;
-    g_date_time_unref(parsed);
-    return milliseconds;
+    return common::microsecondsOf(record).value_or(0) / 1000;
 }
 
 // Each message is in both logs.
@@ -61,7 +52,7 @@ bool StateWay::take(const LogRecord& record)
     }
     const common::DaemonEvent event = common::readDaemonMessage(record.message);
     if (event.kind == Kind::kStarted) {
-        const int64_t time = millisecondsOf(record.time);
+        const int64_t time = millisecondsOf(record);
         if (running()) {
             endLatest(0); // with its set, or killed
         }
@@ -74,15 +65,15 @@ bool StateWay::take(const LogRecord& record)
     if (runs_.empty() || runs_.back().process != record.process) {
         return false;
     }
-    runs_.back().lastHeard = millisecondsOf(record.time);
+    runs_.back().lastHeard = millisecondsOf(record);
     if (event.kind == Kind::kState) {
-        return addStep(event.number(0), millisecondsOf(record.time), true, "");
+        return addStep(event.number(0), millisecondsOf(record), true, "");
     }
     const int state = runs_.back().steps.back().state;
     for (const Sign& sign : kSigns) {
         const bool isMeant = event.kind == sign.kind && (!sign.value || *sign.value == event.number(0));
         if (isMeant && state >= sign.from && state <= sign.to) {
-            return addStep(sign.state, millisecondsOf(record.time), false, record.message);
+            return addStep(sign.state, millisecondsOf(record), false, record.message);
         }
     }
     return false;

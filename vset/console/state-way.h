@@ -62,7 +62,7 @@ private:
 };
 
 // The milliseconds since 1970 of a record's time; 0 for a malformed one.
-int64_t millisecondsOf(const std::string& time);
+int64_t millisecondsOf(const LogRecord& record);
 
 } // namespace vset
 

@@ -1,22 +1,9 @@
 #include "vset/story/story-teller.h"
 
 #include <cstdio>
-#include <ctime>
 
 namespace vset
 {
-
-std::optional<double> secondsOf(const LogRecord& record)
-{
-    std::tm parts{};
-    double fraction = 0;
-    const char* rest = strptime(record.time.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
-    if (rest == nullptr) {
-        return std::nullopt;
-    }
-    std::sscanf(rest, "%lf", &fraction);
-    return static_cast<double>(timegm(&parts)) + fraction;
-}
 
 std::optional<std::string> StoryTeller::tell(const LogRecord& record)
 {
@@ -25,7 +12,7 @@ std::optional<std::string> StoryTeller::tell(const LogRecord& record)
         return std::nullopt;
     }
     const std::string sentence = narrator_.tell(*event);
-    const std::optional<double> now = secondsOf(record);
+    const std::optional<int64_t> now = common::microsecondsOf(record);
     if (sentence.empty() || !now) {
         return std::nullopt;
     }
@@ -34,7 +21,7 @@ std::optional<std::string> StoryTeller::tell(const LogRecord& record)
         start_ = *now;
     }
     char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%8.1f s  ", *now - *start_);
+    std::snprintf(seconds, sizeof seconds, "%8.1f s  ", static_cast<double>(*now - *start_) / 1e6);
     return seconds + sentence;
 }
 

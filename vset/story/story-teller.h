@@ -3,6 +3,7 @@
 #ifndef VSET_STORY_STORY_TELLER_H
 #define VSET_STORY_STORY_TELLER_H
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -13,9 +14,6 @@
 namespace vset
 {
 
-// Seconds since 1970 of a record, with their fraction; nothing when its time is none.
-std::optional<double> secondsOf(const LogRecord& record);
-
 class StoryTeller
 {
 public:
@@ -24,7 +22,7 @@ public:
 
 private:
     Narrator narrator_;
-    std::optional<double> start_;
+    std::optional<int64_t> start_; // microseconds since 1970
 };
 
 } // namespace vset

@@ -105,14 +105,6 @@ std::vector<std::string> asUpdateUser()
 
 // ---- Log ----
 
-int64_t microsecondsOf(const std::string& time)
-{
-    std::tm parts{};
-    const char* const rest = strptime(time.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
-    const int64_t seconds = timegm(&parts);
-    return seconds * 1'000'000 + (rest != nullptr && *rest == '.' ? std::atoi(rest + 1) : 0);
-}
-
 // Wakes a wait when a log of the set grows; other changes are looked for twenty times a second.
 class LogGrowth
 {
@@ -144,7 +136,7 @@ std::vector<Message> messagesIn(const std::string& text)
         std::optional<vset::LogRecord> record = vset::parseLogLine(line);
         if (record && common::isOfDaemon(*record)) {
             messages.push_back({record->priority, std::move(record->message), record->process,
-                                std::move(record->threadName), microsecondsOf(record->time)});
+                                std::move(record->threadName), common::microsecondsOf(*record).value_or(0)});
         }
     }
     return messages;
