@@ -11,6 +11,8 @@
 #include <sys/wait.h>
 #include <utility>
 
+#include "common/process/program.h"
+
 extern char** environ; // NOLINT(readability-redundant-declaration): not every C library declares it
 
 namespace bench
@@ -18,12 +20,7 @@ namespace bench
 
 Child::Child(const std::vector<std::string>& words)
 {
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (const std::string& word : words) {
-        arguments.push_back(const_cast<char*>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = common::argumentsOf(words);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
@@ -60,7 +57,7 @@ int Child::wait()
     while (waitpid(id_, &status, 0) < 0 && errno == EINTR) {
     }
     id_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return common::shellStatus(status);
 }
 
 void runProgram(const std::vector<std::string>& words)

@@ -8,5 +8,5 @@ int main(int argc, char** argv)
         {"new", vset::defineNew},   {"run", vset::defineRun},     {"put", vset::definePut},
         {"exec", vset::defineExec}, {"clock", vset::defineClock},
     };
-    return vset::runProgram(argc, argv, commands, "vset-control");
+    return vset::runCommandLine(argc, argv, commands, "vset-control");
 }

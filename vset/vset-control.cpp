@@ -26,5 +26,5 @@ int main(int argc, char** argv)
         {"pkgmgr", vset::definePackageManager},
         {"story", vset::defineStory},
     };
-    return vset::runProgram(argc, argv, commands, "vset");
+    return vset::runCommandLine(argc, argv, commands, "vset");
 }

@@ -1,11 +1,12 @@
 // fwmod as a maker types it: the program itself, its output and its exit status.
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <elf.h>
-#include <gio/gio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <thread>
 #include <vector>
 
 #include "common/files/whole-file.h"
@@ -346,7 +347,7 @@ TEST_F(Fwmod, SameInputGivesTheSameBytesWhateverTimeModeOrEnvironment)
     fs::last_write_time(directory / "Tuner.bin", fs::file_time_type::clock::now() - std::chrono::hours(5000));
     std::vector<std::string> again = packageAs("empTuner");
     again.insert(again.begin(), {"env", "SOURCE_DATE_EPOCH=12345", "TZ=Asia/Tokyo", FWMOD});
-    g_usleep(1100000); // mksquashfs counts in seconds
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100)); // mksquashfs counts in seconds
     const Outcome outcome = runProgram(again, directory.path());
     ASSERT_EQ(outcome.status, 0) << outcome.err;
     EXPECT_TRUE(common::readWhole(directory / "empTuner.img") == first);

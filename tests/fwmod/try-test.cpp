@@ -408,11 +408,7 @@ TEST_F(Try, AnInterruptionLeavesNoSetAndNoProcess)
     const pid_t process = fork();
     if (process == 0) {
         std::signal(SIGINT, SIG_DFL); // whatever this test was started with
-        std::vector<char*> pointers;
-        for (std::string& argument : arguments) {
-            pointers.push_back(argument.data());
-        }
-        pointers.push_back(nullptr);
+        const std::vector<char*> pointers = common::argumentsOf(arguments);
         if (std::freopen(story.c_str(), "w", stdout) != nullptr) {
             execvp(pointers[0], pointers.data());
         }

@@ -16,6 +16,7 @@
 #include "common/files/regular-file.h"
 #include "common/files/unique-fd.h"
 #include "common/glib-pointers.h"
+#include "common/process/program.h"
 #include "common/terminal/visible-text.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/commands/command.h"
@@ -30,16 +31,6 @@ namespace
 [[noreturn]] void failOn(const fs::path& path, const std::string& action)
 {
     throw common::Failure("cannot " + action + " " + path.string() + ": " + std::strerror(errno));
-}
-
-std::vector<char*> pointersTo(const std::vector<std::string>& arguments)
-{
-    std::vector<char*> pointers;
-    for (const std::string& argument : arguments) {
-        pointers.push_back(const_cast<char*>(argument.c_str())); // the call is of C, and leaves them alone
-    }
-    pointers.push_back(nullptr);
-    return pointers;
 }
 
 // mksquashfs takes its times from this variable as well, and then refuses those of its command line.
@@ -407,7 +398,7 @@ std::string runProgram(const std::vector<std::string>& arguments, const std::str
     char* rawErrors = nullptr;
     int status = 0;
     const gboolean isStarted = g_spawn_sync(
-        nullptr, pointersTo(arguments).data(), reproducibleEnvironment().get(), G_SPAWN_SEARCH_PATH,
+        nullptr, common::argumentsOf(arguments).data(), reproducibleEnvironment().get(), G_SPAWN_SEARCH_PATH,
         prepareChild, nullptr, &rawOutput, &rawErrors, &status, error.address());
     const common::GlibPointer<char> output(rawOutput);
     const common::GlibPointer<char> errors(rawErrors);

@@ -66,7 +66,7 @@ common::Option takeSet(common::CommandLine& command, std::string& set)
     return command.text("SET", set, "Directory of the set").required();
 }
 
-int runProgram(int argc, char** argv, const Definitions& own, const char* other)
+int runCommandLine(int argc, char** argv, const Definitions& own, const char* other)
 {
     // "ulimit -f": a write that fails, and says so. Programs that are started are ended by it, as ever.
     std::signal(SIGXFSZ, [](int) {});

@@ -16,7 +16,7 @@ namespace vset
 using Definitions = std::map<std::string, void (*)(common::CommandLine& command)>;
 
 // Reads the arguments and does what they say; the exit status. What is not in `own` is left to `other`.
-int runProgram(int argc, char** argv, const Definitions& own, const char* other);
+int runCommandLine(int argc, char** argv, const Definitions& own, const char* other);
 
 } // namespace vset
 

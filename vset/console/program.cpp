@@ -6,6 +6,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/process/program.h"
 #include "vset/console/real-time.h"
 #include "vset/platformd/guarded.h"
 
@@ -64,12 +65,7 @@ gboolean onNotStarted(gpointer data)
 void runProgram(const std::vector<std::string>& command, int64_t limit,
                 std::function<void(const std::optional<std::string>&)> done)
 {
-    std::vector<const char*> words;
-    words.reserve(command.size() + 1);
-    for (const std::string& word : command) {
-        words.push_back(word.c_str());
-    }
-    words.push_back(nullptr);
+    const std::vector<char*> words = common::argumentsOf(command);
     auto run = std::make_unique<Run>();
     run->done = std::move(done);
     const auto flags =

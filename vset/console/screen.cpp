@@ -7,6 +7,7 @@
 
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
+#include "common/process/program.h"
 #include "common/terminal/visible-text.h"
 #include "vset/console/program.h"
 #include "vset/platformd/guarded.h"
@@ -66,12 +67,7 @@ bool Screen::launch(const Launch& request, const UiBehaviour& behaviour)
         return true;
     }
     const std::vector<std::string> command = commandLine(request, behaviour);
-    std::vector<const char*> words;
-    words.reserve(command.size() + 1);
-    for (const std::string& word : command) {
-        words.push_back(word.c_str());
-    }
-    words.push_back(nullptr);
+    const std::vector<char*> words = common::argumentsOf(command);
     common::ErrorSlot error;
     process_ = g_subprocess_newv(words.data(), G_SUBPROCESS_FLAGS_NONE, error.address());
     if (process_ == nullptr) {

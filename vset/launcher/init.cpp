@@ -24,6 +24,7 @@
 
 #include "common/daemon/places.h"
 #include "common/plain-words.h"
+#include "common/process/program.h"
 #include "common/terminal/visible-text.h"
 #include "vset/client/set-file.h"
 #include "vset/launcher/crash-order.h"
@@ -810,12 +811,7 @@ std::string adviceOnMissing(const std::string& program)
 
 void executeCommand(const std::vector<std::string>& command)
 {
-    std::vector<char*> arguments;
-    arguments.reserve(command.size() + 1);
-    for (const std::string& argument : command) {
-        arguments.push_back(const_cast<char*>(argument.c_str()));
-    }
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = common::argumentsOf(command);
     execvp(arguments[0], arguments.data());
     const int error = errno;
     const bool missing = error == ENOENT;

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
-#include <spawn.h>
 #include <sstream>
 #include <sys/file.h>
 #include <sys/random.h>
@@ -16,6 +15,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/process/run-program.h"
 #include "common/terminal/visible-text.h"
 #include "vset/client/set-file.h"
 #include "vset/client/set-lock.h"
@@ -128,45 +128,18 @@ bool isMachineId(const std::string& text)
            text.find_first_not_of("0123456789abcdef") == kMachineIdSize - 1 && text.back() == '\n';
 }
 
-struct Ended {
-    int status = 0;
-    std::string said; // to standard output and error
-};
+using common::Outcome;
 
-std::string readAll(const UniqueFd& pipe)
+// cmake says what it cannot write ("ulimit -f") when the signal does not end it.
+Outcome runCmake(const std::vector<std::string>& words)
 {
-    std::string text;
-    char block[4096];
-    ssize_t size = 0;
-    while ((size = read(pipe.get(), block, sizeof block)) > 0 || (size < 0 && errno == EINTR)) {
-        text.append(block, static_cast<size_t>(std::max<ssize_t>(size, 0)));
-    }
-    return text;
-}
-
-Ended runProgram(std::vector<const char*> arguments)
-{
-    arguments.push_back(nullptr);
-    Pipe said = makePipe();
-    posix_spawn_file_actions_t streams;
-    posix_spawn_file_actions_init(&streams);
-    posix_spawn_file_actions_adddup2(&streams, said.writeEnd.get(), STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&streams, said.writeEnd.get(), STDERR_FILENO);
-    pid_t process = 0;
-    // It says what it cannot write ("ulimit -f") when the signal does not end it.
     const auto before = std::signal(SIGXFSZ, SIG_IGN);
-    const int error = posix_spawnp(&process, arguments[0], &streams, nullptr,
-                                   const_cast<char* const*>(arguments.data()), environ);
+    Outcome outcome = common::runProgram(words);
     std::signal(SIGXFSZ, before);
-    posix_spawn_file_actions_destroy(&streams);
-    if (error != 0) {
-        throw Error(std::string("cannot start ") + arguments[0] + ": " + std::strerror(error));
+    if (outcome.status < 0) {
+        throw Error("cannot start " + words[0] + ": " + outcome.err);
     }
-    said.writeEnd.reset();
-    Ended ended;
-    ended.said = readAll(said.readEnd);
-    ended.status = shellStatus(waitFor(process));
-    return ended;
+    return outcome;
 }
 
 // What went wrong, in one line, of what cmake says around it: "CMake Error at FILE:LINE (file):", then the
@@ -184,30 +157,30 @@ std::string reasonIn(const std::string& said)
     return reason.rfind(kCaller, 0) == 0 ? reason.substr(std::strlen(kCaller)) : reason;
 }
 
-std::string whyNot(const Ended& ended)
+std::string whyNot(const Outcome& ended)
 {
-    const bool isSaid = ended.said.find("CMake Error") != std::string::npos;
-    return isSaid               ? reasonIn(ended.said)
+    const bool isSaid = ended.err.find("CMake Error") != std::string::npos;
+    return isSaid               ? reasonIn(ended.err)
            : ended.status > 128 ? "cmake was ended by signal " + std::to_string(ended.status - 128)
                                 : "cmake ended with status " + std::to_string(ended.status);
 }
 
 // At the end cmake lists in its build tree what it has put where, which nobody reads here, and a plain user
 // may not write there.
-bool lacksOnlyTheList(const Ended& ended)
+bool lacksOnlyTheList(const Outcome& ended)
 {
     constexpr const char* kError = "CMake Error";
-    const size_t first = ended.said.find(kError);
-    return first != std::string::npos && ended.said.find(kError, first + 1) == std::string::npos &&
-           ended.said.find("install_manifest_", first) != std::string::npos;
+    const size_t first = ended.err.find(kError);
+    return first != std::string::npos && ended.err.find(kError, first + 1) == std::string::npos &&
+           ended.err.find("install_manifest_", first) != std::string::npos;
 }
 
 // A component of the build tree, with `what` in it, which `target` builds.
 void install(const BuildTree& tree, const char* component, const fs::path& prefix, const std::string& what,
              const std::string& target)
 {
-    const Ended ended = runProgram({tree.cmake.c_str(), "--install", tree.build.c_str(), "--prefix",
-                                    prefix.c_str(), "--component", component});
+    const Outcome ended =
+        runCmake({tree.cmake, "--install", tree.build, "--prefix", prefix, "--component", component});
     if (ended.status == 0 || lacksOnlyTheList(ended)) {
         return;
     }

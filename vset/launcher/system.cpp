@@ -67,11 +67,6 @@ sigset_t endingSignals()
     return signals;
 }
 
-int shellStatus(int waitStatus)
-{
-    return WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
-}
-
 int waitFor(pid_t process)
 {
     int status = 0;

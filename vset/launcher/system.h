@@ -12,6 +12,7 @@
 
 #include "common/errors.h"
 #include "common/files/unique-fd.h"
+#include "common/process/program.h"
 
 namespace vset
 {
@@ -37,6 +38,7 @@ inline long check(long result, const std::string& what)
     return result;
 }
 
+using common::shellStatus;
 using common::UniqueFd;
 
 // A pipe whose two ends are closed on exec.
@@ -56,9 +58,6 @@ bool makePlainDirectory(const fs::path& path);
 
 // The signals that end a set, and its programs.
 sigset_t endingSignals();
-
-// Exit status as a shell reports it: the process's own, or 128 + signal.
-int shellStatus(int waitStatus);
 
 // waitpid() that is not disturbed by signals; returns the wait status.
 int waitFor(pid_t process);

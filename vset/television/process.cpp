@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "common/files/whole-file.h"
+#include "common/process/program.h"
 
 namespace vset
 {
@@ -74,12 +75,7 @@ Process::Process(const std::vector<std::string>& command, const std::string& out
     }
     const common::UniqueFd input(ends[0]);
     common::UniqueFd ours(ends[1]);
-    std::vector<char*> arguments; // made before the fork: nothing is allocated after it
-    arguments.reserve(command.size() + 1);
-    for (const std::string& word : command) {
-        arguments.push_back(const_cast<char*>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = common::argumentsOf(command); // nothing is allocated after the fork
     const pid_t self = getpid();
     id_ = fork();
     if (id_ == 0) {
@@ -155,7 +151,7 @@ std::optional<int> Process::takeEnd(int longest)
     if (waitpid(id_, &status, 0) != id_) {
         fail("waitpid");
     }
-    status_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    status_ = common::shellStatus(status);
     return status_;
 }
 

@@ -12,6 +12,7 @@
 
 #include "appbinary_manager.h"
 #include "applaunch.h"
+#include "common/process/program.h"
 #include "flagpost.h"
 #include "hangwatch.h"
 #include "norlog.h"
@@ -93,7 +94,7 @@ int Child::wait()
     int status = 0;
     waitpid(process_, &status, 0);
     process_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return common::shellStatus(status);
 }
 
 // ---- Parts that a child plays ----
