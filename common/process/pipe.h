@@ -19,12 +19,12 @@ struct Pipe {
     UniqueFd writing;
 };
 
-// Throws Failure when the system has no descriptors left.
-inline Pipe makePipe()
+// Throws Failure, with `problem` and the reason, when the system has no descriptors left.
+inline Pipe makePipe(const std::string& problem = "cannot make a pipe for a child process")
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
-        throw Failure(std::string("cannot make a pipe for a child process: ") + std::strerror(errno));
+        throw Failure(problem + ": " + std::strerror(errno));
     }
     return {UniqueFd(ends[0]), UniqueFd(ends[1])};
 }

@@ -16,6 +16,7 @@
 #include "common/files/regular-file.h"
 #include "common/files/unique-fd.h"
 #include "common/glib-pointers.h"
+#include "common/process/pipe.h"
 #include "common/process/program.h"
 #include "common/terminal/visible-text.h"
 #include "src/src/fw-update-symbol.h"
@@ -310,21 +311,16 @@ bool removeAll(const fs::path& tree)
 
 Remover::Remover(fs::path tree) : tree_(std::move(tree))
 {
-    int ends[2] = {};
-    if (pipe2(ends, O_CLOEXEC) != 0) {
-        throw common::Failure(std::string("cannot make a pipe: ") + std::strerror(errno));
-    }
+    common::Pipe pipe = common::makePipe("cannot make a pipe");
     process_ = fork();
     if (process_ == 0) {
-        removeAfterwards(tree_, ends[0]);
+        removeAfterwards(tree_, pipe.reading.get());
     }
-    close(ends[0]);
-    life_ = ends[1];
     if (process_ < 0) {
-        close(life_);
         throw common::Failure(std::string("cannot start a process: ") + std::strerror(errno));
     }
-    lifeOfRemover = life_;
+    life_ = std::move(pipe.writing);
+    lifeOfRemover = life_.get();
     remover = process_;
     watchInterruptions();
 }
@@ -332,7 +328,7 @@ Remover::Remover(fs::path tree) : tree_(std::move(tree))
 void Remover::keepAll()
 {
     isAllKept_ = true;
-    if (write(life_, &kKeep, 1) != 1 && errno != EPIPE) { // without the process it stays anyway
+    if (write(life_.get(), &kKeep, 1) != 1 && errno != EPIPE) { // without the process it stays anyway
         failOn(tree_, "keep");
     }
 }
@@ -340,8 +336,8 @@ void Remover::keepAll()
 Remover::~Remover()
 {
     remover = 0;
-    [[maybe_unused]] const ssize_t written = write(life_, &kRemove, 1); // unread after kKeep
-    close(life_);
+    [[maybe_unused]] const ssize_t written = write(life_.get(), &kRemove, 1); // unread after kKeep
+    life_.reset();
     int status = 0;
     waitpid(process_, &status, 0);
     if (status != 0 && !isAllKept_) { // somebody has ended it

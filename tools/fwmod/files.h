@@ -9,6 +9,8 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "common/files/unique-fd.h"
+
 namespace fwmod
 {
 
@@ -70,7 +72,7 @@ private:
     std::filesystem::path tree_;
     pid_t process_ = -1;
     bool isAllKept_ = false;
-    int life_ = -1; // of this process: a pipe that nobody else holds open
+    common::UniqueFd life_; // of this process: a pipe that nobody else holds open
 };
 
 // A private directory for temporary files, removed with all it holds: with the object, and in any case when

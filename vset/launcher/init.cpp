@@ -24,6 +24,7 @@
 
 #include "common/daemon/places.h"
 #include "common/plain-words.h"
+#include "common/process/pipe.h"
 #include "common/process/program.h"
 #include "common/terminal/visible-text.h"
 #include "vset/client/set-file.h"
@@ -317,12 +318,12 @@ UniqueFd Init::startTelling(Service& service, std::vector<std::string> arguments
                             const Identity& identity, bool onClock, int socket)
 {
     constexpr int kOutOfTheWay = 10; // of a socket's place
-    Pipe ready = makePipe();
+    common::Pipe ready = common::makePipe("cannot make a pipe");
     const UniqueFd told(
-        check(fcntl(ready.writeEnd.get(), F_DUPFD_CLOEXEC, kOutOfTheWay), "cannot make a pipe"));
+        check(fcntl(ready.writing.get(), F_DUPFD_CLOEXEC, kOutOfTheWay), "cannot make a pipe"));
     arguments.push_back(fdOption + std::to_string(told.get()));
     start(service, arguments, identity, onClock, {told.get(), socket});
-    return std::move(ready.readEnd);
+    return std::move(ready.reading);
 }
 
 void Init::waitUntilReady(const Service& service, const UniqueFd& ready) const

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "common/plain-words.h"
+#include "common/process/pipe.h"
 #include "vset/launcher/init.h"
 #include "vset/launcher/loop-slot.h"
 #include "vset/launcher/set-clock.h"
@@ -113,25 +114,25 @@ End Leader::boot()
     std::error_code noLog;
     const auto logged = fs::file_size(plan_.root.set.root() / "var/log/platform.log", noLog);
     plan_.life.boot(noLog ? 0 : static_cast<int64_t>(logged));
-    Pipe leader = makePipe();
-    Pipe power = makePipe();
+    common::Pipe leader = common::makePipe("cannot make a pipe");
+    common::Pipe power = common::makePipe("cannot make a pipe");
     const pid_t init = cloneInit(plan_.root.rootless);
     if (init == 0) {
-        leader.writeEnd.reset();
-        power.readEnd.reset();
-        becomeInit(plan_, lock_, leader.readEnd.get(), power.writeEnd.get());
+        leader.writing.reset();
+        power.reading.reset();
+        becomeInit(plan_, lock_, leader.reading.get(), power.writing.get());
     }
-    leader.readEnd.reset();
-    power.writeEnd.reset();
+    leader.reading.reset();
+    power.writing.reset();
     if (plan_.root.rootless) {
         mapCaller(init);
     }
-    check(write(leader.writeEnd.get(), &init, sizeof init), "cannot start the set");
+    check(write(leader.writing.get(), &init, sizeof init), "cannot start the set");
 
     End end;
     end.status = waitForEnd(init);
     char request = 0;
-    if (read(power.readEnd.get(), &request, 1) == 1) {
+    if (read(power.reading.get(), &request, 1) == 1) {
         end.request = static_cast<PowerRequest>(request);
     }
     lock_.publish({});

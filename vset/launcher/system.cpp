@@ -19,13 +19,6 @@ void failWithErrno(const std::string& what)
     throw Error(what + ": " + std::strerror(errno));
 }
 
-Pipe makePipe()
-{
-    int ends[2];
-    check(pipe2(ends, O_CLOEXEC), "cannot make a pipe");
-    return {UniqueFd(ends[0]), UniqueFd(ends[1])};
-}
-
 void writeFile(const fs::path& path, const std::string& text, mode_t mode)
 {
     const UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode));

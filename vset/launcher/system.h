@@ -41,13 +41,6 @@ inline long check(long result, const std::string& what)
 using common::shellStatus;
 using common::UniqueFd;
 
-// A pipe whose two ends are closed on exec.
-struct Pipe {
-    UniqueFd readEnd;
-    UniqueFd writeEnd;
-};
-Pipe makePipe();
-
 // A whole file of moderate size. Replaces what is there, in place: for /proc and files that no one else reads
 // yet.
 void writeFile(const fs::path& path, const std::string& text, mode_t mode = 0644);

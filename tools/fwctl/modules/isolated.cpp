@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "common/json-text.h"
+#include "common/process/pipe.h"
 #include "tools/fwctl/commands/command.h"
 
 namespace fwctl
@@ -248,29 +249,18 @@ void Telling::Call::staysIfNobodyGoesOn()
 Child::Child(const Work& work, Orphaned orphaned, LibrarySpeech::Listener onLine)
     : shared_(makeShared()), speech_(std::move(onLine)), isLasting_(orphaned == Orphaned::kGoesOn)
 {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) {
-        throw common::Failure(std::string("cannot make a pipe: ") + std::strerror(errno));
-    }
-    pipe_ = ends[0];
-    try {
-        const auto inProcess = [&] {
-            close(ends[0]);
-            runWork(work, ends[1], *shared_, orphaned);
-        };
-        process_ = std::make_unique<common::ContainedProcess>(inProcess, orphaned);
-    } catch (const common::Failure&) {
-        close(ends[0]);
-        close(ends[1]);
-        throw;
-    }
-    close(ends[1]);
+    common::Pipe pipe = common::makePipe("cannot make a pipe");
+    const auto inProcess = [&] {
+        pipe.reading.reset();
+        runWork(work, pipe.writing.get(), *shared_, orphaned);
+    };
+    process_ = std::make_unique<common::ContainedProcess>(inProcess, orphaned);
+    pipe_ = std::move(pipe.reading);
 }
 
 Child::~Child()
 {
     process_.reset();
-    close(pipe_);
     munmap(shared_, sizeof *shared_);
 }
 
@@ -318,11 +308,12 @@ std::string Child::readSome(int pipe)
 // What the child tells and what it prints, waiting for it at most so long. False when there was neither.
 bool Child::passOn(const PartHandler& onPart, int waitMs)
 {
-    pollfd waiting[] = {{pipe_, POLLIN, 0}, {process_->output(), POLLIN, 0}, {process_->news(), POLLIN, 0}};
+    pollfd waiting[] = {
+        {pipe_.get(), POLLIN, 0}, {process_->output(), POLLIN, 0}, {process_->news(), POLLIN, 0}};
     poll(waiting, std::size(waiting), waitMs);
     const std::string printed = readSome(process_->output()); // before what is told after it
     speech_.take(printed);
-    const std::string told = readSome(pipe_);
+    const std::string told = readSome(pipe_.get());
     take(told, onPart);
     return !printed.empty() || !told.empty();
 }

@@ -16,6 +16,7 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "common/files/unique-fd.h"
 #include "common/process/contained-process.h"
 #include "tools/fwctl/modules/library-speech.h"
 #include "tools/fwctl/output.h"
@@ -129,7 +130,7 @@ private:
     Telling::Shared* shared_;
     LibrarySpeech speech_;
     std::unique_ptr<common::ContainedProcess> process_;
-    int pipe_ = -1;
+    common::UniqueFd pipe_;
     std::string rest_; // of a line that has not come whole
     std::string exception_;
     std::string culprit_;
