@@ -9,6 +9,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "common/files/whole-file.h"
 #include "common/process/contained-process.h"
 
 namespace
@@ -18,17 +19,6 @@ using common::ContainedProcess;
 using Clock = std::chrono::steady_clock;
 constexpr auto kEnds = ContainedProcess::Orphaned::kEnds;
 constexpr auto kGoesOn = ContainedProcess::Orphaned::kGoesOn;
-
-// Everything that has been printed so far.
-std::string readAll(int pipe)
-{
-    std::string text;
-    char chunk[4096];
-    for (ssize_t count; (count = read(pipe, chunk, sizeof chunk)) > 0;) {
-        text.append(chunk, static_cast<size_t>(count));
-    }
-    return text;
-}
 
 bool isAlive(pid_t process)
 {
@@ -76,7 +66,7 @@ TEST(ContainedProcess, TellsHowItEndsAndWhatItPrints)
     EXPECT_EQ(WEXITSTATUS(end.status), 7);
     EXPECT_EQ(end.leftBehind, 0U);
     EXPECT_FALSE(end.isUnwatched);
-    EXPECT_EQ(readAll(process.output()), "to one, to the other");
+    EXPECT_EQ(common::readToEnd(process.output()), "to one, to the other");
 }
 
 TEST(ContainedProcess, WaitsForNothingThatItLeavesBehind)
@@ -88,7 +78,7 @@ TEST(ContainedProcess, WaitsForNothingThatItLeavesBehind)
         EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
         EXPECT_TRUE(WIFEXITED(end.status));
         EXPECT_EQ(end.leftBehind, 1U) << isDaemon;
-        const std::string left = readAll(process.output());
+        const std::string left = common::readToEnd(process.output());
         ASSERT_NE(left, "");
         EXPECT_FALSE(isAlive(std::stoi(left))) << isDaemon;
     }
@@ -106,7 +96,7 @@ TEST(ContainedProcess, EndsWhatACrashLeavesBehind)
     EXPECT_TRUE(WIFSIGNALED(end.status));
     EXPECT_EQ(WTERMSIG(end.status), SIGABRT);
     EXPECT_EQ(end.leftBehind, 1U);
-    EXPECT_FALSE(isAlive(std::stoi(readAll(process.output()))));
+    EXPECT_FALSE(isAlive(std::stoi(common::readToEnd(process.output()))));
 }
 
 TEST(ContainedProcess, MayEndWhatItStartedByItself)
@@ -118,7 +108,7 @@ TEST(ContainedProcess, MayEndWhatItStartedByItself)
         },
         kEnds);
     EXPECT_EQ(process.wait().leftBehind, 0U);
-    EXPECT_EQ(readAll(process.output()).back(), '1');
+    EXPECT_EQ(common::readToEnd(process.output()).back(), '1');
 }
 
 TEST(ContainedProcess, AProcessThatIsAboutToEndIsWaitedFor)
@@ -133,7 +123,7 @@ TEST(ContainedProcess, AProcessThatIsAboutToEndIsWaitedFor)
         },
         kGoesOn);
     EXPECT_EQ(process.wait().leftBehind, 0U);
-    EXPECT_EQ(readAll(process.output()), "done");
+    EXPECT_EQ(common::readToEnd(process.output()), "done");
 }
 
 TEST(ContainedProcess, ASignalToItsGroupEndsItAlone)
@@ -185,7 +175,7 @@ TEST(ContainedProcess, OneThatGoesOnDoesSoWithoutItsWatcher)
     EXPECT_TRUE(end.isUnwatched);
     ASSERT_TRUE(WIFEXITED(end.status));
     EXPECT_EQ(WEXITSTATUS(end.status), 5);
-    EXPECT_EQ(readAll(process.output()), "finished");
+    EXPECT_EQ(common::readToEnd(process.output()), "finished");
 }
 
 // A process of ours that runs another and is killed; gives what that one had come to.
@@ -211,7 +201,7 @@ std::string outcomeAfterKill(ContainedProcess::Orphaned orphaned, const std::str
     EXPECT_EQ(read(ends[0], text.data(), text.size()), 6);
     kill(ours, SIGKILL);
     waitpid(ours, nullptr, 0);
-    text += readAll(ends[0]); // the end of the pipe: the process is no more
+    text += common::readToEnd(ends[0]); // the end of the pipe: the process is no more
     close(ends[0]);
     return text;
 }

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
@@ -165,16 +164,10 @@ Console::Fault Console::saveOptions(Keeping keeping) const
 
 // Whole or not there at all: whoever waits for the file may read it at once.
 void Console::publishUrl() const
-{
-    const std::string unfinished = std::string(kConsoleUrlPath) + ".new";
-    std::ofstream file(unfinished);
-    file << web_.url() << "\n";
-    file.close();
-    std::error_code error;
-    fs::rename(unfinished, kConsoleUrlPath, error);
-    if (!file || error) {
-        fprintf(stderr, "platformd: cannot write %s\n", kConsoleUrlPath);
-    }
+try {
+    saveText(kConsoleUrlPath, web_.url() + "\n", Keeping::kUntilPowerOff);
+} catch (const std::system_error&) {
+    fprintf(stderr, "platformd: cannot write %s\n", kConsoleUrlPath);
 }
 
 // ---- Sections ----

@@ -98,13 +98,17 @@ void copyIntoPlace(const std::string& source, const std::string& target)
     replaceFile(target, [&](int, const std::string& name) { common::copyFile(source, name); });
 }
 
-void saveJson(const std::string& path, const Json::Value& value, Keeping keeping)
+void saveText(const std::string& path, const std::string& text, Keeping keeping)
 {
-    const std::string text = common::indentedJson(value) + "\n";
     const auto fill = [&](int file, const std::string& name) {
         writeAll(file, text.data(), text.size(), name);
     };
     replaceFile(path, fill, keeping);
+}
+
+void saveJson(const std::string& path, const Json::Value& value, Keeping keeping)
+{
+    saveText(path, common::indentedJson(value) + "\n", keeping);
 }
 
 std::optional<std::string> readFile(const std::string& path, size_t limit)

@@ -14,9 +14,10 @@ namespace vset
 // synchronised. Throws std::system_error; nothing is left behind then. Any thread.
 void copyIntoPlace(const std::string& source, const std::string& target);
 
-// The same for a JSON text. With kUntilPowerOff nothing is synchronised: whole for whoever looks, gone with
+// The same for a text. With kUntilPowerOff nothing is synchronised: whole for whoever looks, gone with
 // the power.
 enum class Keeping { kForGood, kUntilPowerOff };
+void saveText(const std::string& path, const std::string& text, Keeping keeping = Keeping::kForGood);
 void saveJson(const std::string& path, const Json::Value& value, Keeping keeping = Keeping::kForGood);
 
 // What is in a regular file; nothing when there is none, when it is something else, which might never end, or

@@ -19,6 +19,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/files/unique-fd.h"
+#include "common/files/whole-file.h"
 #include "tests/proof/failures/stories.h"
 #include "tests/proof/process/daemon.h"
 
@@ -151,21 +153,6 @@ Child start(const Run& run, const std::string& root, bool isTraced)
     return {run, process, ends[0]};
 }
 
-std::string readAll(int file)
-{
-    std::string text;
-    char chunk[16384];
-    for (ssize_t count = 0; (count = read(file, chunk, sizeof chunk)) != 0;) {
-        if (count > 0) {
-            text.append(chunk, static_cast<size_t>(count));
-        } else if (errno != EINTR) {
-            break;
-        }
-    }
-    close(file);
-    return text;
-}
-
 void takeLine(const std::string& line, Verdict& verdict)
 {
     std::istringstream words(line);
@@ -206,7 +193,8 @@ std::string endOf(int status)
 Verdict await(const Child& child)
 {
     Verdict verdict{child.run, {}, {}, {}, {}};
-    std::istringstream lines(readAll(child.report));
+    const common::UniqueFd report(child.report);
+    std::istringstream lines(common::readToEnd(report.get()));
     std::string last;
     for (std::string line; std::getline(lines, line); last = line) {
         takeLine(line, verdict);

@@ -11,7 +11,7 @@
 #include "common/files/whole-file.h"
 #include "sdk/examples/common/firmware.h"
 #include "sdk/examples/common/flash.h"
-#include "tests/support/whole-file.h"
+#include "tests/support/replaced-file.h"
 #include "vset/television/users.h"
 
 namespace service

@@ -2,8 +2,8 @@
 //
 // A control library reads its script, the daemon an information file, the mount service a package, whenever
 // their time has come, and a test that writes in place is sometimes a moment too late.
-#ifndef TESTS_SUPPORT_WHOLE_FILE_H
-#define TESTS_SUPPORT_WHOLE_FILE_H
+#ifndef TESTS_SUPPORT_REPLACED_FILE_H
+#define TESTS_SUPPORT_REPLACED_FILE_H
 
 #include <cstdio>
 #include <cstdlib>
