@@ -14,6 +14,7 @@
 #include "bench/child.h"
 #include "bench/measure.h"
 #include "common/daemon/places.h"
+#include "common/files/temporary-directory.h"
 #include "include/tarnwick/television.h"
 
 namespace
@@ -125,11 +126,8 @@ private:
 // The least that has to be started for a name on a bus of one's own.
 void startBare(bench::Sample& sample)
 {
-    std::string directory = fs::temp_directory_path() / "bench-bus-XXXXXX";
-    if (mkdtemp(directory.data()) == nullptr) {
-        throw std::runtime_error("no directory " + directory);
-    }
-    const std::string address = "unix:path=" + directory + "/bus";
+    const common::TemporaryDirectory directory("bench-bus-");
+    const std::string address = "unix:path=" + (directory / "bus").string();
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
     {
         std::optional<bench::Child> bus;
@@ -144,7 +142,6 @@ void startBare(bench::Sample& sample)
         sample.set(sample.elapsed());
     }
     unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
-    fs::remove_all(directory);
 }
 
 void declare()

@@ -8,6 +8,7 @@
 
 #include "common/files/file-copy.h"
 #include "common/files/whole-file.h"
+#include "tests/support/temporary-directory.h"
 
 namespace fs = std::filesystem;
 
@@ -17,16 +18,6 @@ namespace
 class FileCopy : public testing::Test
 {
 protected:
-    FileCopy()
-    {
-        std::string name = fs::temp_directory_path() / "file-copy-XXXXXX";
-        if (mkdtemp(name.data()) == nullptr) {
-            throw std::runtime_error("no temporary directory");
-        }
-        directory = name;
-    }
-    ~FileCopy() override { fs::remove_all(directory); }
-
     fs::path write(const char* name, const std::string& text) const
     {
         std::ofstream(directory / name, std::ios::binary) << text;
@@ -38,7 +29,7 @@ protected:
         return stat(file.c_str(), &status) == 0 ? status.st_blocks : -1;
     }
 
-    fs::path directory;
+    TemporaryDirectory directory;
 };
 
 TEST_F(FileCopy, HolesStayHoles)

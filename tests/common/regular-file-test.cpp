@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "common/files/regular-file.h"
+#include "tests/support/temporary-directory.h"
 
 namespace
 {
@@ -17,14 +18,7 @@ using testing::HasSubstr;
 class RegularFileTest : public testing::Test
 {
 protected:
-    RegularFileTest()
-    {
-        char name[] = "/tmp/regular-file-test-XXXXXX";
-        directory = mkdtemp(name);
-    }
-    ~RegularFileTest() override { fs::remove_all(directory); }
-
-    fs::path directory;
+    TemporaryDirectory directory;
 };
 
 TEST_F(RegularFileTest, IsOpenForReading)
@@ -49,7 +43,7 @@ TEST_F(RegularFileTest, NeverWaitsForAPipeNorReadsADevice)
     const std::pair<fs::path, const char*> kCases[] = {
         {directory / "pipe", "is not a file but a pipe"},
         {directory / "link", "is not a file but a pipe"},
-        {directory, "is not a file but a directory"},
+        {directory.path(), "is not a file but a directory"},
         {"/dev/zero", "is not a file but a device"},
     };
     for (const auto& [path, problem] : kCases) {

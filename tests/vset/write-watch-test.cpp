@@ -19,6 +19,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/files/temporary-directory.h"
 #include "common/files/whole-file.h"
 #include "vset/write-watch/write-watch.h"
 
@@ -32,14 +33,6 @@ using testing::IsEmpty;
 class WriteWatchTest : public testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        std::string name = "/var/tmp/write-watch-XXXXXX"; // files in /tmp are no hardware
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        directory_ = name;
-    }
-    void TearDown() override { fs::remove_all(directory_); }
-
     std::string chip() const { return directory_ / "chip"; }
     std::string chipContent() const { return common::readWhole(chip()); }
 
@@ -89,7 +82,7 @@ protected:
         return calls;
     }
 
-    fs::path directory_;
+    common::TemporaryDirectory directory_{"write-watch-", "/var/tmp"}; // files in /tmp are no hardware
     vset::Reads reads_ = vset::Reads::kPass;
 };
 
@@ -164,11 +157,11 @@ TEST_F(WriteWatchTest, SeesRenamingAndRemovingByAnyPath)
         makeNext();
         rename(next.c_str(), chip().c_str());
         makeNext();
-        (void)!chdir(directory_.c_str());
+        (void)!chdir(directory_.path().c_str());
         rename("next", "./chip");
         makeNext();
         (void)!chdir("/");
-        renameat(AT_FDCWD, next.c_str(), open(directory_.c_str(), O_RDONLY | O_DIRECTORY), "chip");
+        renameat(AT_FDCWD, next.c_str(), open(directory_.path().c_str(), O_RDONLY | O_DIRECTORY), "chip");
         unlink(chip().c_str());
     });
     EXPECT_THAT(calls, ElementsAre("rename", "rename", "renameat", "unlink"));

@@ -151,18 +151,7 @@ void expectEnds(const std::vector<pid_t>& processes)
 
 CrashCampaign::CrashCampaign(unsigned int lanes) : lanes_(lanes)
 {
-    std::string name = std::filesystem::temp_directory_path() / "crash-proof-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) {
-        fail("cannot make a temporary directory");
-    }
-    chmod(name.c_str(), 0755); // the users of the sets pass through
-    directory_ = name;
-}
-
-CrashCampaign::~CrashCampaign()
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
+    chmod(directory().c_str(), 0755); // the users of the sets pass through
 }
 
 void CrashCampaign::run(const std::vector<CrashRun>& runs, const Take& take) const
@@ -178,7 +167,7 @@ void CrashCampaign::run(const std::vector<CrashRun>& runs, const Take& take) con
     for (unsigned int lane = 0; lane < std::min<std::size_t>(lanes_, runs.size()); ++lane) {
         const pid_t process = fork();
         if (process == 0) {
-            runLane(runs, next, directory_ / ("lane-" + std::to_string(lane)), ends[1]);
+            runLane(runs, next, directory() / ("lane-" + std::to_string(lane)), ends[1]);
         }
         if (process < 0) {
             fail("cannot start a lane");

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/files/temporary-directory.h"
 #include "tests/proof/crashes/lane.h"
 
 namespace proof
@@ -26,18 +27,15 @@ public:
 
     // Makes a directory among the temporary files, which goes with the object.
     explicit CrashCampaign(unsigned int lanes);
-    ~CrashCampaign();
-    CrashCampaign(const CrashCampaign&) = delete;
-    CrashCampaign& operator=(const CrashCampaign&) = delete;
 
     // Each run is told to `take` as it is done, in any order. Throws std::runtime_error when a lane ends
     // early.
     void run(const std::vector<CrashRun>& runs, const Take& take) const;
 
-    const std::filesystem::path& directory() const { return directory_; }
+    const std::filesystem::path& directory() const { return directory_.path(); }
 
 private:
-    std::filesystem::path directory_;
+    common::TemporaryDirectory directory_{"crash-proof-"};
     unsigned int lanes_;
 };
 

@@ -212,25 +212,14 @@ Verdict await(const Child& child)
 
 FailureCampaign::FailureCampaign(unsigned int processes) : count(processes)
 {
-    std::string name = std::filesystem::temp_directory_path() / "tarnwick-failures-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), name);
-    }
-    directory = name;
     for (const Story& story : stories()) {
-        prepare(story, directory + "/" + story.name);
+        prepare(story, directory / story.name);
     }
-}
-
-FailureCampaign::~FailureCampaign()
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(directory, ignored);
 }
 
 Verdict FailureCampaign::run(const Run& one, bool isTraced)
 {
-    return await(start(one, directory + "/" + storyNamed(one.story).name, isTraced));
+    return await(start(one, directory / storyNamed(one.story).name, isTraced));
 }
 
 void FailureCampaign::runAll(const std::vector<Run>& runs, const std::function<void(const Verdict&)>& tell)
@@ -238,7 +227,7 @@ void FailureCampaign::runAll(const std::vector<Run>& runs, const std::function<v
     std::deque<Child> children;
     for (size_t at = 0; at < runs.size() || !children.empty();) {
         if (at < runs.size() && children.size() < count) {
-            children.push_back(start(runs[at], directory + "/" + runs[at].story, false));
+            children.push_back(start(runs[at], directory / runs[at].story, false));
             ++at;
             continue;
         }

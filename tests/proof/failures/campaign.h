@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/files/temporary-directory.h"
 #include "tests/proof/failures/invariants.h"
 #include "tests/proof/failures/plan.h"
 
@@ -25,16 +26,13 @@ class FailureCampaign
 {
 public:
     explicit FailureCampaign(unsigned int processes); // so many at once
-    ~FailureCampaign();
-    FailureCampaign(const FailureCampaign&) = delete;
-    FailureCampaign& operator=(const FailureCampaign&) = delete;
 
     Verdict run(const Run& one, bool isTraced = false);
     // In the order of the runs.
     void runAll(const std::vector<Run>& runs, const std::function<void(const Verdict&)>& tell);
 
 private:
-    std::string directory;
+    common::TemporaryDirectory directory{"tarnwick-failures-"};
     unsigned int count;
 };
 

@@ -70,7 +70,7 @@ public:
 
     Session(Campaign& campaign, const std::string& name, Choose choice)
         : shared(*campaign.shared), isShown(campaign.isShown), set(name),
-          root(campaign.directory + "/" + name.substr(0, name.find('+'))), television(televisionOf(name)),
+          root(campaign.directory / name.substr(0, name.find('+'))), television(televisionOf(name)),
           model(television), choose(std::move(choice))
     {
     }
@@ -179,13 +179,8 @@ private:
 
 Campaign::Campaign()
 {
-    std::string name = std::filesystem::temp_directory_path() / "tarnwick-model-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), name);
-    }
-    directory = name;
     for (const std::string& set : setNames()) {
-        Places::write(directory + "/" + set, televisionOf(set));
+        Places::write(directory / set, televisionOf(set));
     }
     void* const memory =
         mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -198,8 +193,6 @@ Campaign::Campaign()
 Campaign::~Campaign()
 {
     munmap(shared, sizeof(Shared));
-    std::error_code ignored;
-    std::filesystem::remove_all(directory, ignored);
 }
 
 std::optional<Difference> Campaign::runSession(Session& session)

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/files/temporary-directory.h"
 #include "common/terminal/shard.h"
 #include "tests/proof/model/events.h"
 
@@ -51,7 +52,7 @@ private:
 
     std::optional<Difference> runSession(Session& session);
 
-    std::string directory;
+    common::TemporaryDirectory directory{"tarnwick-model-"};
     Shared* shared;
     bool isShown = false;
 };

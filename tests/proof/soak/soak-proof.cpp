@@ -12,6 +12,7 @@
 #include <string>
 #include <unistd.h>
 
+#include "common/files/temporary-directory.h"
 #include "common/terminal/command-line.h"
 #include "common/terminal/progress-line.h"
 #include "common/terminal/table.h"
@@ -83,30 +84,6 @@ SoakPlan planOf(unsigned int seed, unsigned int cycle, SoakedSet::Way way)
     }
     return plan;
 }
-
-class Place
-{
-public:
-    Place()
-    {
-        std::string name = fs::temp_directory_path() / "soak-proof-XXXXXX";
-        if (mkdtemp(name.data()) == nullptr) {
-            throw std::system_error(errno, std::generic_category(), name);
-        }
-        path_ = name;
-    }
-    ~Place()
-    {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    Place(const Place&) = delete;
-    Place& operator=(const Place&) = delete;
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
-};
 
 class Soak
 {
@@ -222,9 +199,9 @@ private:
     }
 
     Options options_;
-    Place place_;
-    Named television_{"reboots", {place_.path() / "reboots", SoakedSet::Way::kTelevision}};
-    Named services_{"stays on", {place_.path() / "stays-on", SoakedSet::Way::kServices}};
+    common::TemporaryDirectory place_{"soak-proof-"};
+    Named television_{"reboots", {place_ / "reboots", SoakedSet::Way::kTelevision}};
+    Named services_{"stays on", {place_ / "stays-on", SoakedSet::Way::kServices}};
     std::ofstream file_;
     common::ProgressLine line_;
     std::size_t breaches_ = 0;

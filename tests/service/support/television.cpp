@@ -8,6 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "common/files/temporary-directory.h"
 #include "common/files/whole-file.h"
 #include "sdk/examples/common/firmware.h"
 #include "sdk/examples/common/flash.h"
@@ -45,18 +46,15 @@ constexpr Example kExamples[] = {
 
 void makePackage(const Files& files, const fs::path& package)
 {
-    std::string tree = fs::temp_directory_path() / "service-package-XXXXXX";
-    if (mkdtemp(tree.data()) == nullptr) {
-        throw std::runtime_error("no temporary directory");
-    }
+    const common::TemporaryDirectory tree("service-package-");
     for (const auto& [name, content] : files) {
-        replaceFile(fs::path(tree) / name, content);
+        replaceFile(tree / name, content);
     }
-    fs::permissions(tree, fs::perms(0755));
+    fs::permissions(tree.path(), fs::perms(0755));
     replaceWith(package, [&](const fs::path& unfinished) {
-        runOrThrow({"mksquashfs", tree, unfinished, "-noappend", "-all-root", "-quiet", "-no-progress"});
+        runOrThrow(
+            {"mksquashfs", tree.path(), unfinished, "-noappend", "-all-root", "-quiet", "-no-progress"});
     });
-    fs::remove_all(tree);
 }
 
 } // namespace
