@@ -144,6 +144,36 @@ bool isOver(Growing& growing, const Holdings& now, int times, int all)
     return isLess(before, times) && (isLess(growing.first, all) || ++growing.stays > 1);
 }
 
+// What waits to be worked off, requests in a queue or records that are not written yet, is let go of when its
+// turn has come. As long as something becomes less nothing is said, however slow the machine is.
+void waitForRest(Trial& trial, std::vector<Growing>& growing, int all)
+{
+    constexpr std::chrono::nanoseconds kMost = 15s; // a trial without calls is ended not much later
+    constexpr std::chrono::nanoseconds kWithoutLess = 5s;
+    constexpr long kLess = 64; // such a part of what has grown is less
+    const std::int64_t begin = common::realNow();
+    std::int64_t latestLess = begin;
+    const auto isNone = [&](const Growing& one) {
+        return static_cast<double>(one.latest - one.first) < one.growth->perCall * all;
+    };
+    while (!growing.empty() && common::realNow() - latestLess < kWithoutLess.count()) {
+        if (common::realNow() - begin > kMost.count()) {
+            growing.clear();
+            break;
+        }
+        trial.iterate(200ms);
+        const Holdings now = holdingsNow();
+        for (Growing& one : growing) {
+            const long less = one.latest - now.*one.growth->amount;
+            if (less > 0 && less * kLess >= one.latest - one.first) {
+                one.latest -= less;
+                latestLess = common::realNow();
+            }
+        }
+        growing.erase(std::remove_if(growing.begin(), growing.end(), isNone), growing.end());
+    }
+}
+
 // Stops when nothing grows.
 void repeat(Trial& trial, const Repeated& repeated)
 {
@@ -176,6 +206,7 @@ void repeat(Trial& trial, const Repeated& repeated)
         const auto isNone = [&](Growing& one) { return isOver(one, now, times, all); };
         growing.erase(std::remove_if(growing.begin(), growing.end(), isNone), growing.end());
     }
+    waitForRest(trial, growing, all);
     for (const Growing& one : growing) {
         trial.found(one.growth->id, std::string(titleOf(repeated.name)) + ": " +
                                         std::to_string(one.latest - one.first) + " more " + one.growth->what +
