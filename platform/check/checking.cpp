@@ -234,6 +234,7 @@ std::vector<std::string> Checker::argumentsOf(const ListedTrial& trial, const fs
         {"--other", own("platform-check-other.img")},
         {"--other-content", own("platform-check-other.content")},
         {"--package", options_.package},
+        {"--application", options_.application},
         {"--seconds", options_.seconds > 0 ? std::to_string(options_.seconds) : ""}};
     for (const auto& [option, value] : more) {
         if (!value.empty()) {

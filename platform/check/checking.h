@@ -20,6 +20,7 @@ struct CheckOptions {
     std::filesystem::path directory; // to mount it on; empty: one where the daemon has its own
     std::filesystem::path preload;   // a library that goes before the platform's
     std::string package;
+    std::string application;         // to be launched for a reply; empty: one that is not there
     std::vector<std::string> trials; // by name; empty: all
     unsigned int seconds = 0;        // that a person has for changing the power; 0: nobody does
     bool isReboot = false;

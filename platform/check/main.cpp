@@ -204,6 +204,10 @@ void define(common::CommandLine& program, Options& options)
         .called("DIR");
     program.text("--package", options.check.package, "Ask for this package, which the store has")
         .called("IDENTIFIER");
+    program
+        .text("--application", options.check.application,
+              "Launch this application, which answers, for a reply")
+        .called("IDENTIFIER");
     program.path("--preload", options.check.preload, "Put this library before the platform's, to try it")
         .called("LIB");
     program.texts("--trial", options.check.trials, "Make this trial only; may be repeated").called("NAME");

@@ -315,6 +315,7 @@ int main(int argc, char** argv)
     program.path("--other-content", options.otherContent, "What its file \"content\" holds");
     program.path("--directory", options.directory, "Where it is mounted");
     program.text("--package", options.package, "The package to ask for");
+    program.text("--application", options.application, "The application that answers");
     program.number("--token", options.token, common::Range<unsigned int>{0, 999999999}, "The check's number");
     program.number("--seconds", options.seconds, common::Range<unsigned int>{0, 3600},
                    "To wait for a person");

@@ -20,6 +20,7 @@
 #include "flagpost.h"
 #include "hangwatch.h"
 #include "platform/check/trials/calls-once.h"
+#include "platform/check/trials/session.h"
 #include "platform/check/trials/trial.h"
 #include "sysprop.h"
 
@@ -463,11 +464,25 @@ void judgePackageCallback(Trial& trial, const std::string& package)
                   std::to_string(end.calls) + " times for one request");
 }
 
+std::string packageOf(const Trial& trial)
+{
+    const std::string& known = trial.options().package;
+    return known.empty() ? "empNobodysOwn" : known; // it fits into the object itself
+}
+
+void askForPackage(Trial& trial)
+{
+    tellTaken(trial, request(trial, packageOf(trial)));
+}
+
 void tryPackages(Trial& trial)
 {
     const std::string& known = trial.options().package;
-    const std::string package = known.empty() ? "empNobodysOwn" : known; // it fits into the object itself
+    const std::string package = packageOf(trial);
     const bool isTaken = request(trial, package);
+    if (!isTaken && judgeRefusal(trial, "package-asker", "ABM_DownloadAppBinary")) {
+        return;
+    }
     if (known.empty() && !isTaken) {
         trial.note("a package that the store may not have is refused: give one that it has with --package");
     } else {
@@ -502,9 +517,9 @@ int add(Trial& trial, applaunch_h request, const char* key, const char* value)
     });
 }
 
-int setApplication(Trial& trial, applaunch_h request)
+int setApplication(Trial& trial, applaunch_h request, const std::string& application = kUnknownApplication)
 {
-    GuardedBuffer text("the application", std::string(kUnknownApplication));
+    GuardedBuffer text("the application", application);
     return trial.result("applaunch_set_app_id",
                         [&] { return applaunch_set_app_id(request, text.as<const char>()); });
 }
@@ -539,7 +554,8 @@ void fill(Trial& trial, applaunch_h request)
     for (const auto& [key, value] : extras) {
         const int added = add(trial, request, key, value);
         trial.require(added == 0, FindingId::RequestNotFilled,
-                      "key \"" + std::string(key).substr(0, 20) + "\"" + resultIs(added));
+                      "key \"" + std::string(key).substr(0, 20) + "\", value \"" +
+                          std::string(value).substr(0, 20) + "\"" + resultIs(added));
     }
     const int set = setApplication(trial, request);
     trial.require(set == 0, FindingId::RequestNotFilled, kUnknownApplication + resultIs(set));
@@ -556,6 +572,16 @@ int send(Trial& trial, applaunch_h request)
 {
     return trial.result("applaunch_send_launch_request",
                         [&] { return applaunch_send_launch_request(request, nullptr, nullptr); });
+}
+
+void askForLaunch(Trial& trial)
+{
+    const applaunch_h request = create(trial);
+    if (request != nullptr) {
+        setApplication(trial, request);
+        tellTaken(trial, send(trial, request) == 0);
+        destroy(trial, request);
+    }
 }
 
 // ---- Launches that fail first ----
@@ -613,6 +639,12 @@ void tryManyRequests(Trial& trial)
 // ---- Replies ----
 
 // The daemon asks for none; whoever does hears of it where callbacks come.
+std::string answeringApplication(const Trial& trial)
+{
+    const std::string& known = trial.options().application;
+    return known.empty() ? kUnknownApplication : known;
+}
+
 struct Reply {
     std::atomic<int> calls{0};
     std::atomic<pid_t> thread{0};
@@ -631,16 +663,40 @@ void onReply(applaunch_h request, int, void* data)
     ++launchReply.calls;
 }
 
+// Requests that are destroyed before their replies have come.
+std::atomic<int> repliesToDestroyed{0};
+
+void onReplyToDestroyed(applaunch_h, int, void* isDestroyed)
+{
+    repliesToDestroyed += *static_cast<std::atomic<bool>*>(isDestroyed) ? 1 : 0;
+}
+
+void destroyBeforeReply(Trial& trial, std::atomic<bool>& isDestroyed)
+{
+    const applaunch_h request = create(trial);
+    if (request == nullptr) {
+        return;
+    }
+    setApplication(trial, request, answeringApplication(trial));
+    trial.result("applaunch_send_launch_request",
+                 [&] { return applaunch_send_launch_request(request, onReplyToDestroyed, &isDestroyed); });
+    destroy(trial, request);
+    isDestroyed = true;
+}
+
 void judgeReply(Trial& trial)
 {
     launchReply.request = create(trial);
     if (launchReply.request == nullptr) {
         return;
     }
-    setApplication(trial, launchReply.request);
+    setApplication(trial, launchReply.request, answeringApplication(trial));
     const int sent = trial.result("applaunch_send_launch_request", [] {
         return applaunch_send_launch_request(launchReply.request, onReply, &launchReply);
     });
+    if (!trial.options().application.empty()) {
+        trial.iterate(3s, [] { return launchReply.calls > 0; });
+    }
     trial.iterate(300ms);
     const int before = launchReply.calls;
     destroy(trial, launchReply.request);
@@ -654,6 +710,19 @@ void judgeReply(Trial& trial)
                   "of another request, or with other user data");
     trial.require(before <= 1 && (sent == 0 || before == 0), FindingId::LaunchReply,
                   std::to_string(before) + " times for one launch" + resultIs(sent));
+}
+
+// Whatever comes later: a request of the same address, a reply from a slow application.
+void tryDestroyingBeforeReplies(Trial& trial)
+{
+    static std::atomic<bool> isDestroyedHere{false};
+    static std::atomic<bool> isDestroyedElsewhere{false};
+    destroyBeforeReply(trial, isDestroyedHere);
+    trial.onThread([&] { destroyBeforeReply(trial, isDestroyedElsewhere); });
+    judgeReply(trial);
+    trial.iterate(trial.options().application.empty() ? 1s : 4s, [] { return repliesToDestroyed > 0; });
+    trial.require(repliesToDestroyed == 0, FindingId::LaunchReply,
+                  "after the request was destroyed, before its reply had come");
 }
 
 void tryLaunch(Trial& trial)
@@ -673,6 +742,9 @@ void tryLaunch(Trial& trial)
         isTaken = send(trial, first) == 0;
     }
     destroy(trial, first);
+    if (!isTaken) {
+        judgeRefusal(trial, "launch-asker", "applaunch_send_launch_request");
+    }
     trial.iterate(700ms); // the reply has nobody to be told to
     const int added = add(trial, second, "later", "1");
     trial.require(added == 0, FindingId::RequestNotFilled,
@@ -683,7 +755,7 @@ void tryLaunch(Trial& trial)
     for (const Trial::Context context : {Trial::Context::kNone, Trial::Context::kOwn}) {
         trial.onThread([&] { launchOnce(trial); }, context);
     }
-    judgeReply(trial);
+    tryDestroyingBeforeReplies(trial);
 }
 
 void tryNullRequest(Trial& trial)
@@ -719,7 +791,9 @@ std::vector<TrialKind> serviceTrials()
             {"property", tryVersion},
             {"no-property", tryNoValue},
             {"package", tryPackages},
+            {"package-asker", askForPackage},
             {"launch", tryLaunch},
+            {"launch-asker", askForLaunch},
             {"null-launch", tryNullRequest}};
 }
 

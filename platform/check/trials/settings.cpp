@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "common/process/guarded-buffer.h"
+#include "platform/check/trials/session.h"
 #include "platform/check/trials/trial.h"
 #include "pralis.h"
 
@@ -56,19 +57,50 @@ bool write(Trial& trial, const char* key, int value)
                          std::string(key) + ": the result is " + std::to_string(result));
 }
 
+int begin(Trial& trial, const char* key, pralis_key_changed_cb callback, void* data)
+{
+    GuardedBuffer text("the key", std::string(key));
+    return trial.result("pralis_notify_key_changed",
+                        [&] { return pralis_notify_key_changed(text.as<const char>(), callback, data); });
+}
+
+int end(Trial& trial, const char* key, pralis_key_changed_cb callback)
+{
+    GuardedBuffer text("the key", std::string(key));
+    return trial.result("pralis_ignore_key_changed",
+                        [&] { return pralis_ignore_key_changed(text.as<const char>(), callback); });
+}
+
+int subscribe(Trial& trial, const char* key, pralis_key_changed_cb callback, void* data)
+{
+    const int result = begin(trial, key, callback, data);
+    trial.require(result == 0, FindingId::NotSubscribed,
+                  std::string(key) + ": the result is " + std::to_string(result));
+    return result;
+}
+
+void unsubscribe(Trial& trial, const char* key, pralis_key_changed_cb callback)
+{
+    const int result = end(trial, key, callback);
+    trial.require(result == 0, FindingId::NotUnsubscribed,
+                  std::string(key) + ": the result is " + std::to_string(result));
+}
+
 // ---- Values ----
 
 constexpr int kUntouched = 0x5A17C0DE;
 
-void expectValue(Trial& trial, const char* key, int value, FindingId otherwise = FindingId::WrongValue)
+void expectValue(Trial& trial, const char* key, int value, FindingId otherwise = FindingId::WrongValue,
+                 const char* when = "")
 {
     int read = kUntouched;
     const int result = get(trial, key, read);
     if (trial.require(result == 0, FindingId::NotRead,
                       std::string(key) + ": the result is " + std::to_string(result))) {
         trial.require(read == value, otherwise,
-                      written(key, value) + (read == kUntouched ? ", and no value was given"
-                                                                : ", " + std::to_string(read) + " was read"));
+                      written(key, value) + when +
+                          (read == kUntouched ? ", and no value was given"
+                                              : ", " + std::to_string(read) + " was read"));
     }
 }
 
@@ -101,6 +133,12 @@ void tryRestoring(Trial& trial)
             set(trial, key, value);
         }
     }
+}
+
+void askForMirroring(Trial& trial)
+{
+    int value = 0;
+    tellTaken(trial, get(trial, kMirroring, value) == 0);
 }
 
 // Where bits, digits and bytes end.
@@ -165,6 +203,12 @@ void tryNeighbours(Trial& trial)
     write(trial, kProgress, 77);
 }
 
+// That there is a value of the trial before.
+std::filesystem::path leftForOthers(const Trial& trial)
+{
+    return trial.options().work / "progress";
+}
+
 void tryValues(Trial& trial)
 {
     int mirroring = kUntouched; // nobody writes it
@@ -185,21 +229,26 @@ void tryValues(Trial& trial)
     expectValue(trial, kProgress, 77, FindingId::OtherKeyChanged); // also after reads that have failed
     if (hasMirroring) {
         expectValue(trial, kMirroring, mirroring, FindingId::OtherKeyChanged);
+    } else if (!trial.hasFound()) {
+        judgeRefusal(trial, "mirroring-asker", "pralis_get_int of a key that the set itself writes");
     }
     write(trial, kWorking, 0);
-    write(trial, kProgress, valueOf(trial)); // for the next trial, which is another process
+    if (write(trial, kProgress, valueOf(trial))) { // for the next trial, which is another process
+        std::ofstream(leftForOthers(trial)) << "written\n";
+    }
 }
 
 // A value that another process has written after a look at it here. What is known here may hang on the main
 // loop, which must not matter.
-void tryOthersWrite(Trial& trial, Trial::Loop loop)
+void tryOthersWrite(Trial& trial, Trial::Loop loop, const char* when = "")
 {
     write(trial, kStatus, 0);
-    expectValue(trial, kStatus, 0);
-    trial.onThread([&] { expectValue(trial, kStatus, 0); });
+    expectValue(trial, kStatus, 0, FindingId::WrongValue, when);
+    trial.onThread([&] { expectValue(trial, kStatus, 0, FindingId::WrongValue, when); });
     trial.runBeside("settings-writer", loop);
-    expectValue(trial, kStatus, valueOf(trial) + 1, FindingId::NotShared);
-    trial.onThread([&] { expectValue(trial, kStatus, valueOf(trial) + 1, FindingId::NotShared); });
+    const auto judge = [&] { expectValue(trial, kStatus, valueOf(trial) + 1, FindingId::NotShared, when); };
+    judge();
+    trial.onThread(judge);
 }
 
 // One key, written and read for a moment.
@@ -232,14 +281,36 @@ void tryBesideAnother(Trial& trial)
     beside.join();
 }
 
+void onNothing(keynode*, void*) {}
+
+// What is told of a key is no value to be read: it comes later, and ends with the subscription.
+void tryOthersWriteToSubscribers(Trial& trial)
+{
+    for (const char* const key : {kProgress, kStatus}) {
+        if (subscribe(trial, key, onNothing, nullptr) != 0) {
+            return;
+        }
+    }
+    tryOthersWrite(trial, Trial::Loop::kStands, ", which this process is subscribed to");
+    trial.onThread([&] { write(trial, kStatus, 7); });
+    expectValue(trial, kStatus, 7, FindingId::WrongValue,
+                " by another thread of this process, which is subscribed to it");
+    trial.iterate(20ms); // what was told may be kept from here on
+    unsubscribe(trial, kStatus, onNothing);
+    tryOthersWrite(trial, Trial::Loop::kStands, ", which this process was subscribed to");
+    unsubscribe(trial, kProgress, onNothing);
+}
+
 void tryOtherProcess(Trial& trial)
 {
-    if (!trial.options().isAgain) { // else the first time may have ended before it was put back
+    if (std::filesystem::exists(leftForOthers(trial)) && !trial.options().isAgain) {
+        // not once more, as the first time may have ended before it was put back
         expectValue(trial, kProgress, valueOf(trial), FindingId::NotShared);
     }
     write(trial, kProgress, 0);
     tryOthersWrite(trial, Trial::Loop::kRuns);
     tryOthersWrite(trial, Trial::Loop::kStands);
+    tryOthersWriteToSubscribers(trial);
     tryBesideAnother(trial);
     write(trial, kProgress, valueOf(trial) + 2);
     trial.runBeside("settings-reader", Trial::Loop::kStands);
@@ -303,35 +374,6 @@ void forgetHeard()
 {
     const std::lock_guard<std::mutex> lock(heardMutex);
     heard.clear();
-}
-
-int begin(Trial& trial, const char* key, pralis_key_changed_cb callback, void* data)
-{
-    GuardedBuffer text("the key", std::string(key));
-    return trial.result("pralis_notify_key_changed",
-                        [&] { return pralis_notify_key_changed(text.as<const char>(), callback, data); });
-}
-
-int end(Trial& trial, const char* key, pralis_key_changed_cb callback)
-{
-    GuardedBuffer text("the key", std::string(key));
-    return trial.result("pralis_ignore_key_changed",
-                        [&] { return pralis_ignore_key_changed(text.as<const char>(), callback); });
-}
-
-int subscribe(Trial& trial, const char* key, pralis_key_changed_cb callback, void* data)
-{
-    const int result = begin(trial, key, callback, data);
-    trial.require(result == 0, FindingId::NotSubscribed,
-                  std::string(key) + ": the result is " + std::to_string(result));
-    return result;
-}
-
-void unsubscribe(Trial& trial, const char* key, pralis_key_changed_cb callback)
-{
-    const int result = end(trial, key, callback);
-    trial.require(result == 0, FindingId::NotUnsubscribed,
-                  std::string(key) + ": the result is " + std::to_string(result));
 }
 
 void judgeNote(Trial& trial, const Note& note)
@@ -940,8 +982,9 @@ std::vector<TrialKind> settingsTrials()
     return {{"settings-save", trySaving},         {"settings", tryValues},
             {"settings-shared", tryOtherProcess}, {"notifications", tryNotifications},
             {"notification-threads", tryThreads}, {"settings-writer", tryWriting},
-            {"settings-reader", tryReading},      {"settings-later", tryLater},
-            {"settings-busy", writeBeside},       {"settings-restore", tryRestoring}};
+            {"mirroring-asker", askForMirroring}, {"settings-reader", tryReading},
+            {"settings-later", tryLater},         {"settings-busy", writeBeside},
+            {"settings-restore", tryRestoring}};
 }
 
 } // namespace platformcheck

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <gio/gio.h>
+#include <pwd.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
@@ -66,6 +67,29 @@ std::string inSeconds(std::chrono::nanoseconds time)
     char text[32];
     std::snprintf(text, sizeof text, "%.2f s", std::chrono::duration<double>(time).count());
     return text;
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& words)
+{
+    std::vector<char*> pointers;
+    for (std::string& word : words) {
+        pointers.push_back(word.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// What a login has and a service has not. Each directory is one that can be written.
+std::vector<std::string> sessionVariables(const std::string& directory)
+{
+    const passwd* const user = getpwuid(getuid());
+    const std::string name = user == nullptr ? "root" : user->pw_name;
+    std::vector<std::string> variables = {"USER=" + name, "LOGNAME=" + name, "SHELL=/bin/sh", "TERM=linux"};
+    for (const char* const variable :
+         {"HOME", "PWD", "TMPDIR", "XDG_RUNTIME_DIR", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_DATA_HOME"}) {
+        variables.push_back(std::string(variable) + "=" + directory);
+    }
+    return variables;
 }
 
 } // namespace
@@ -210,26 +234,31 @@ bool Trial::iterate(std::chrono::milliseconds most, const std::function<bool()>&
     return over;
 }
 
-void Trial::runBeside(const char* name, Loop loop)
+void Trial::runBeside(const char* name, Loop loop, Environment environment)
 {
     const std::string page = options_.work / ("page.beside-" + std::to_string(getpid()));
     const SharedPage made = makePage(page);
     const std::string program = std::filesystem::read_symlink("/proc/self/exe");
     std::vector<std::string> words = {program,  name,          "--page",  page,
                                       "--work", options_.work, "--token", std::to_string(options_.token)};
-    for (const auto& [option, value] :
-         {std::pair{"--image", options_.image}, std::pair{"--directory", options_.directory}}) {
+    for (const auto& [option, value] : {std::pair<const char*, std::string>{"--image", options_.image},
+                                        {"--directory", options_.directory},
+                                        {"--package", options_.package}}) {
         if (!value.empty()) {
             words.insert(words.end(), {option, value});
         }
     }
-    std::vector<char*> arguments;
-    for (std::string& word : words) {
-        arguments.push_back(word.data());
+    std::vector<std::string> variables;
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        variables.emplace_back(*variable);
     }
-    arguments.push_back(nullptr);
+    if (environment == Environment::kSession) {
+        const std::vector<std::string> added = sessionVariables(options_.work);
+        variables.insert(variables.end(), added.begin(), added.end());
+    }
     pid_t process = 0;
-    if (posix_spawn(&process, program.c_str(), nullptr, nullptr, arguments.data(), environ) != 0) {
+    if (posix_spawn(&process, program.c_str(), nullptr, nullptr, pointersTo(words).data(),
+                    pointersTo(variables).data()) != 0) {
         return;
     }
     int status = 0;

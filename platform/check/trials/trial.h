@@ -40,6 +40,7 @@ struct TrialOptions {
     std::filesystem::path otherContent;
     std::filesystem::path directory; // where it is mounted
     std::string package;             // to be asked for; empty: one that no store has
+    std::string application;         // to be launched for a reply; empty: one that is not there
     unsigned int token = 0;          // of this check: two trials of one check have the same
     unsigned int seconds = 0;        // to wait for a person
     unsigned int mask = 022;         // of file modes, at the start
@@ -83,8 +84,10 @@ public:
     bool iterate(std::chrono::milliseconds most, const std::function<bool()>& isOver = [] { return false; });
 
     // Another trial, in a process beside this one, whose findings are this one's.
-    enum class Loop { kRuns, kStands }; // the default main context meanwhile
-    void runBeside(const char* name, Loop loop = Loop::kRuns);
+    enum class Loop { kRuns, kStands };            // the default main context meanwhile
+    enum class Environment { kService, kSession }; // of that process
+    void runBeside(const char* name, Loop loop = Loop::kRuns,
+                   Environment environment = Environment::kService);
 
     // Work on a thread of its own, to its end; what belongs to a thread must be as before. A main context of
     // the thread's own is run by nobody.
