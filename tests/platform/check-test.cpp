@@ -51,7 +51,11 @@ class Found : public testing::TestWithParam<Row>
 
 TEST_P(Found, ByTheTable)
 {
-    std::vector<std::string> command = {CHECK, "--json", "--preload",
+    std::vector<std::string> command = {CHECK,
+                                        "--json",
+                                        "--application",
+                                        "com.olvessa.tv.firmware.update", // which a virtual set answers for
+                                        "--preload",
                                         PLATFORMS "/" + GetParam().platform + ".so"};
     for (const std::string& trial : GetParam().trials) {
         command.insert(command.end(), {"--trial", trial});

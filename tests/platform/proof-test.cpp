@@ -119,6 +119,7 @@ constexpr Right kUnusual[] = {
     {"mount-slow", "mount-with"},
     {"mount-by-helper", "process-c"},
     {"ends-forgiven", "power-un"},
+    {"package-in-turn", "package"},
     {"package-unknown-refused", "package"},
     {"trace-ring", "trace"},
     {"log-in-pieces", "log-errno"},

@@ -112,6 +112,27 @@ std::string threadOfReply()
     return isReplyElsewhere ? "the reply came on another thread" : "";
 }
 
+std::string replyAfterDestruction()
+{
+    static bool isReplied = false;
+    applaunch_h request = newRequest();
+    applaunch_set_app_id(request, "com.olvessa.tv.firmware.update"); // which is answered for
+    const auto note = [](applaunch_h, int, void*) { isReplied = true; };
+    applaunch_send_launch_request(request, note, nullptr);
+    applaunch_destroy(request);
+    return until([] { return isReplied; }, kLong) ? "its reply was told" : "";
+}
+
+std::string launchedWithoutHome()
+{
+    unsetenv("HOME");
+    applaunch_h request = newRequest();
+    applaunch_set_app_id(request, "com.olvessa.tv.proof");
+    const int result = applaunch_send_launch_request(request, nullptr, nullptr);
+    applaunch_destroy(request);
+    return result == 0 ? "" : "refused without HOME";
+}
+
 // ---- System information ----
 
 std::string ownText()
@@ -348,6 +369,17 @@ std::string unknownPackage()
     return "";
 }
 
+std::string packageWithoutUser()
+{
+    const auto isTaken = [] {
+        return appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, "empNobodys");
+    };
+    setenv("USER", "proof", 1);
+    const bool isTakenWith = isTaken(); // a store may refuse what it does not have
+    unsetenv("USER");
+    return isTaken() || !isTakenWith ? "" : "refused without USER";
+}
+
 std::string identifierOfItsTime()
 {
     const std::string wanted = "emp" + std::to_string(getpid()); // nobody else's
@@ -388,6 +420,8 @@ const std::vector<Proof>& serviceProofs()
         {"launch-given-up", afterFailures},
         {"launch-time-is-a-number", timeWithoutNumber, kAborted},
         {"launch-replied-elsewhere", threadOfReply},
+        {"launch-destroyed-later", replyAfterDestruction},
+        {"launch-home-needed", launchedWithoutHome},
         {"launch-freed-twice", madeAndDestroyed, kAborted},
         {"launch-never-freed",
          [] { return growth("KiB", residentKilobytes, 2000, [] { madeAndDestroyed(); }); }},
@@ -429,6 +463,7 @@ const std::vector<Proof>& serviceProofs()
         {"package-unknown-waits", unknownPackage, kHangs},
         {"package-null-callback-called", unknownPackage, kSegmentationFault},
         {"package-told-elsewhere", threadOfPackage},
+        {"package-user-needed", packageWithoutUser},
         {"package-identifier-kept", identifierOfItsTime},
         {"package-identifier-changed", identifierAfterTheCall},
     };

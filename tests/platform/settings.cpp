@@ -163,6 +163,12 @@ std::string writtenElsewhereAfterALook()
     return valueOf(kKey) == getpid() ? "" : "what was there before is read";
 }
 
+std::string writtenElsewhereWhileSubscribed()
+{
+    pralis_notify_key_changed(kKey, noteValue, nullptr);
+    return writtenElsewhereAfterALook();
+}
+
 std::string behindTheValue()
 {
     struct {
@@ -421,6 +427,7 @@ const std::vector<Proof>& settingsProofs()
         {"settings-locked-while-told", readMeanwhile},
         {"settings-end-runs-loop", loopInsideCall},
         {"settings-first-value-kept", writtenElsewhereAfterALook},
+        {"settings-read-from-told", writtenElsewhereWhileSubscribed},
         {"settings-throws", failedReadWithoutException},
         {"settings-exits", failedRead, 0},
         {"settings-no-notification",
