@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "common/plain-words.h"
+#include "common/process/this-program.h"
 #include "common/terminal/visible-text.h"
 #include "common/version.h"
 
@@ -419,7 +420,7 @@ void CommandLine::leaveToOther(int argc, char** argv) const
     if (std::none_of(table_.begin(), table_.end(), isWord)) {
         return;
     }
-    const std::string program = std::filesystem::read_symlink("/proc/self/exe").parent_path() / other_;
+    const std::string program = directoryOfThisProgram() / other_;
     execv(program.c_str(), argv);
     throw Failure("cannot run " + program + ", which belongs beside this program: " + std::strerror(errno));
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "common/process/this-program.h"
 #include "tools/fwmod/commands/command.h"
 
 namespace fwmod
@@ -32,7 +33,7 @@ bool canRun(const fs::path& program)
 
 fs::path vsetProgram()
 {
-    const fs::path own = fs::read_symlink("/proc/self/exe").parent_path();
+    const fs::path own = common::directoryOfThisProgram();
     for (const fs::path& candidate : {own / "vset", own / "../../vset/bin/vset"}) {
         if (canRun(candidate)) {
             return fs::canonical(candidate);

@@ -12,6 +12,7 @@
 
 #include "common/daemon/places.h"
 #include "common/json-text.h"
+#include "common/process/this-program.h"
 #include "vset/console/program.h"
 #include "vset/platformd/files.h"
 
@@ -130,7 +131,7 @@ void ModuleList::ask(std::function<void()> done)
     }
     unanswered_ = libraries.size();
     for (const std::string& library : libraries) {
-        runProgram({besideThisProgram("module-probe"), library}, kProbeLimit,
+        runProgram({common::directoryOfThisProgram() / "module-probe", library}, kProbeLimit,
                    [this, library](const std::optional<std::string>& output) {
                        take(library, parseObject(output.value_or("")));
                    });

@@ -1,9 +1,7 @@
 #include "vset/console/program.h"
 
-#include <filesystem>
 #include <gio/gio.h>
 #include <memory>
-#include <system_error>
 #include <utility>
 
 #include "common/process/program.h"
@@ -79,13 +77,6 @@ void runProgram(const std::vector<std::string>& command, int64_t limit,
     Run* const started = run.release();
     g_input_stream_read_all_async(g_subprocess_get_stdout_pipe(started->process), started->output.get(),
                                   kMostOutput + 1, G_PRIORITY_DEFAULT, nullptr, onOutput, started);
-}
-
-std::string besideThisProgram(const std::string& name)
-{
-    std::error_code error;
-    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
-    return (self.parent_path() / name).string();
 }
 
 } // namespace vset

@@ -16,9 +16,6 @@ namespace vset
 void runProgram(const std::vector<std::string>& command, int64_t limit,
                 std::function<void(const std::optional<std::string>&)> done);
 
-// A program beside this one's executable.
-std::string besideThisProgram(const std::string& name);
-
 } // namespace vset
 
 #endif

@@ -8,6 +8,7 @@
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
 #include "common/process/program.h"
+#include "common/process/this-program.h"
 #include "common/terminal/visible-text.h"
 #include "vset/console/program.h"
 #include "vset/platformd/guarded.h"
@@ -24,8 +25,8 @@ constexpr const char* kBehaviours[] = {"interactive", "accept", "decline", "clos
 
 std::vector<std::string> commandLine(const Launch& request, const UiBehaviour& behaviour)
 {
-    std::vector<std::string> words{besideThisProgram("upgrade-ui"), "--behaviour", behaviour.name, "--after",
-                                   std::to_string(behaviour.after)};
+    std::vector<std::string> words{common::directoryOfThisProgram() / "upgrade-ui", "--behaviour",
+                                   behaviour.name, "--after", std::to_string(behaviour.after)};
     for (const auto& [key, value] : request.extras) {
         words.emplace_back("--extra");
         words.push_back(key);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "common/plain-words.h"
+#include "common/process/this-program.h"
 #include "vset/launcher/init.h"
 
 namespace vset
@@ -49,7 +50,7 @@ void enterNamespaces(const RunningSet& running)
         if (chdir(workingDirectory.c_str()) != 0) {
             check(chdir("/"), "cannot enter /");
         }
-        cleanEnvironment(executableDirectory(), clock);
+        cleanEnvironment(common::directoryOfThisProgram(), clock);
         prepareForProgram();
         executeCommand(command);
     } catch (const std::exception& error) {

@@ -14,6 +14,7 @@
 
 #include "common/plain-words.h"
 #include "common/process/pipe.h"
+#include "common/process/this-program.h"
 #include "vset/launcher/init.h"
 #include "vset/launcher/loop-slot.h"
 #include "vset/launcher/set-clock.h"
@@ -258,7 +259,7 @@ int runSet(const RunOptions& options)
         throw common::WrongUse("a temporary set needs a command after --");
     }
     const bool rootless = options.rootless || geteuid() != 0;
-    const fs::path tools = executableDirectory();
+    const fs::path tools = common::directoryOfThisProgram();
     const std::vector<fs::path> binds = bindList(options.binds, ownDirectories(tools));
     checkRootless(options, rootless);
     holdEndingSignals();

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "common/process/this-program.h"
 #include "common/terminal/visible-text.h"
 
 namespace vset
@@ -71,20 +72,15 @@ int waitFor(pid_t process)
     return status;
 }
 
-fs::path executableDirectory()
-{
-    return fs::read_symlink("/proc/self/exe").parent_path();
-}
-
 fs::path kitDirectory()
 {
-    const fs::path directory = executableDirectory();
+    const fs::path directory = common::directoryOfThisProgram();
     return fs::is_directory(directory / "set/usr") ? directory : fs::path();
 }
 
 BuildTree buildTree()
 {
-    const fs::path file = executableDirectory() / "build-tree";
+    const fs::path file = common::directoryOfThisProgram() / "build-tree";
     std::ifstream lines(file);
     std::string source;
     std::string build;

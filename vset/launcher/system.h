@@ -55,9 +55,6 @@ sigset_t endingSignals();
 // waitpid() that is not disturbed by signals; returns the wait status.
 int waitFor(pid_t process);
 
-// The absolute path of the running executable's directory.
-fs::path executableDirectory();
-
 // The installed kit that this executable belongs to, which holds all that a set is made of; empty in a build
 // tree.
 fs::path kitDirectory();

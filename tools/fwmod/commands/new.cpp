@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/files/whole-file.h"
+#include "common/process/this-program.h"
 #include "common/terminal/visible-text.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/commands/command.h"
@@ -133,8 +134,7 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
 // In the build tree as when it is installed.
 fs::path templateDirectory()
 {
-    const fs::path program = fs::read_symlink("/proc/self/exe");
-    const fs::path found = program.parent_path().parent_path() / "share/tarnwick/template";
+    const fs::path found = common::directoryOfThisProgram().parent_path() / "share/tarnwick/template";
     if (!fs::is_directory(found)) {
         throw common::Failure("the template is not in " + found.string() +
                               ": install the whole kit again (scripts/install-sdk)");
