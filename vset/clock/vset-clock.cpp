@@ -34,7 +34,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "vset/clock/clock-page.h"
+#include "vset/clock/mapped-page.h"
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 
@@ -148,25 +148,6 @@ int64_t hostNow(clockid_t clock)
     return fromTimespec(now);
 }
 
-const vset::ClockPage* mapPage()
-{
-    const int file = open(vset::kClockPage, O_RDONLY | O_CLOEXEC);
-    struct stat status{};
-    if (file < 0) {
-        return nullptr;
-    }
-    void* memory = MAP_FAILED;
-    if (fstat(file, &status) == 0 && status.st_size >= static_cast<off_t>(sizeof(vset::ClockPage))) {
-        memory = mmap(nullptr, sizeof(vset::ClockPage), PROT_READ, MAP_SHARED, file, 0);
-    }
-    close(file);
-    if (memory == MAP_FAILED) {
-        return nullptr;
-    }
-    const auto* page = static_cast<const vset::ClockPage*>(memory);
-    return page->magic.load() == vset::kClockMagic ? page : nullptr;
-}
-
 // What is done on the way to an answer must not be taken for the answer's own error.
 class KeptErrno
 {
@@ -191,7 +172,7 @@ const vset::ClockPage* clockPage()
         return mappedPage.load(std::memory_order_relaxed);
     }
     const KeptErrno kept;
-    mappedPage.store(mapPage(), std::memory_order_relaxed);
+    mappedPage.store(vset::mapClockPage(vset::kClockPage), std::memory_order_relaxed);
     pageSought.store(true, std::memory_order_release);
     return mappedPage.load(std::memory_order_relaxed);
 }

@@ -2,14 +2,12 @@
 
 #include <algorithm>
 #include <ctime>
-#include <fcntl.h>
 #include <glib-unix.h>
-#include <sys/mman.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 #include <utility>
 
-#include "vset/clock/clock-page.h"
+#include "vset/clock/mapped-page.h"
 #include "vset/platformd/guarded.h"
 
 namespace vset
@@ -19,26 +17,9 @@ namespace
 {
 
 // Mapped once, for as long as the process lives.
-const ClockPage* mapClock()
-{
-    const int file = open(kClockPage, O_RDONLY | O_CLOEXEC);
-    if (file < 0) {
-        return nullptr;
-    }
-    const bool isWhole = lseek(file, 0, SEEK_END) >= static_cast<off_t>(sizeof(ClockPage));
-    void* const page =
-        isWhole ? mmap(nullptr, sizeof(ClockPage), PROT_READ, MAP_SHARED, file, 0) : MAP_FAILED;
-    close(file);
-    if (page == MAP_FAILED) {
-        return nullptr;
-    }
-    const auto* const clock = static_cast<const ClockPage*>(page);
-    return clock->magic == kClockMagic ? clock : nullptr;
-}
-
 const ClockPage* clockPage()
 {
-    static const ClockPage* const clock = mapClock();
+    static const ClockPage* const clock = mapClockPage(kClockPage);
     return clock;
 }
 

@@ -22,7 +22,7 @@
 #include "common/json-text.h"
 #include "vset/client/control-client.h"
 #include "vset/client/platform-log.h"
-#include "vset/clock/clock-page.h"
+#include "vset/clock/mapped-page.h"
 #include "vset/television/process.h"
 #include "vset/television/set-contents.h"
 #include "vset/television/set-life.h"
@@ -147,13 +147,12 @@ std::vector<Message> messagesIn(const std::string& text)
 // The set's wall clock now, microseconds since 1970.
 int64_t setTime(const fs::path& clockFile)
 {
-    const common::UniqueFd file(open(clockFile.c_str(), O_RDONLY | O_CLOEXEC));
-    void* const memory = mmap(nullptr, sizeof(vset::ClockPage), PROT_READ, MAP_SHARED, file.get(), 0);
-    if (memory == MAP_FAILED) {
+    const vset::ClockPage* const page = vset::mapClockPage(clockFile.c_str());
+    if (page == nullptr) {
         throw TelevisionError("cannot read " + clockFile.string());
     }
-    const vset::ClockState state = vset::readClock(*static_cast<const vset::ClockPage*>(memory));
-    munmap(memory, sizeof(vset::ClockPage));
+    const vset::ClockState state = vset::readClock(*page);
+    munmap(const_cast<vset::ClockPage*>(page), sizeof *page);
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return (state.monotonicAt(now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec) + state.wallOffset) / 1000;
