@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <linux/major.h>
 #include <linux/openat2.h>
 #include <spawn.h>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "common/daemon/places.h"
+#include "common/process/mount-table.h"
 #include "vset/psmountd/command-line.h"
 #include "vset/psmountd/loop-device.h"
 
@@ -100,13 +100,9 @@ UniqueFd openSquashfs(const std::string& device)
 
 bool isMountSource(const std::string& node)
 {
-    std::ifstream mounts("/proc/self/mounts");
-    for (std::string line; std::getline(mounts, line);) {
-        if (line.compare(0, node.size() + 1, node + " ") == 0) {
-            return true;
-        }
-    }
-    return false;
+    const std::vector<common::Mount> mounts = common::mountTable();
+    return std::any_of(mounts.begin(), mounts.end(),
+                       [&](const common::Mount& mount) { return mount.device == node; });
 }
 
 // The name under which the mount is to appear: a present loop node that no mount uses.

@@ -2,16 +2,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <memory>
-#include <mntent.h>
 #include <optional>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "common/daemon/places.h"
+#include "common/process/mount-table.h"
 #include "ps_mount.h"
 #include "tools/fwctl/modules/isolated.h"
 #include "tools/fwctl/privileges.h"
@@ -22,25 +20,14 @@ namespace fwctl
 namespace
 {
 using common::places::kPackageMounts;
-
-struct CloseMounts {
-    void operator()(FILE* file) const { endmntent(file); }
-};
 } // namespace
 
 std::vector<std::string> packageMountPoints()
 {
     std::vector<std::string> found;
-    const std::unique_ptr<FILE, CloseMounts> mounts(setmntent("/proc/self/mounts", "r"));
-    if (!mounts) {
-        return found;
-    }
-    mntent entry = {};
-    char buffer[8192];
-    while (getmntent_r(mounts.get(), &entry, buffer, sizeof buffer) != nullptr) {
-        const std::string directory = entry.mnt_dir;
-        if (directory.rfind(kPackageMounts + std::string("/"), 0) == 0) {
-            found.push_back(directory);
+    for (const common::Mount& mount : common::mountTable()) {
+        if (mount.directory.rfind(kPackageMounts + std::string("/"), 0) == 0) {
+            found.push_back(mount.directory);
         }
     }
     return found;

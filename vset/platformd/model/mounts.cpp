@@ -1,28 +1,15 @@
 #include "vset/platformd/model/mounts.h"
 
-#include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <glib-unix.h>
-#include <memory>
-#include <mntent.h>
 #include <unistd.h>
+
+#include "common/process/mount-table.h"
 
 namespace vset
 {
 
-namespace
-{
-
-constexpr const char* kMounts = "/proc/self/mounts";
-
-struct EndMounts {
-    void operator()(FILE* file) const { endmntent(file); }
-};
-
-} // namespace
-
-Mounts::Mounts() : file_(open(kMounts, O_RDONLY | O_CLOEXEC))
+Mounts::Mounts() : file_(open(common::kMountTable, O_RDONLY | O_CLOEXEC))
 {
     // The kernel marks the file as in error whenever the table has changed since the last look.
     if (file_ >= 0) {
@@ -49,18 +36,15 @@ gboolean Mounts::onChange(int, GIOCondition, gpointer self)
 Json::Value Mounts::snapshot() const
 {
     Json::Value json = Json::arrayValue;
-    const std::unique_ptr<FILE, EndMounts> table(setmntent(kMounts, "re"));
-    mntent entry{};
-    char text[8192];
-    while (table != nullptr && getmntent_r(table.get(), &entry, text, sizeof text) != nullptr) {
-        if (std::strncmp(entry.mnt_fsname, "/dev/loop", std::strlen("/dev/loop")) != 0) {
+    for (const common::Mount& entry : common::mountTable()) {
+        if (entry.device.rfind("/dev/loop", 0) != 0) {
             continue;
         }
         Json::Value mount;
-        mount["device"] = entry.mnt_fsname;
-        mount["directory"] = entry.mnt_dir;
-        mount["type"] = entry.mnt_type;
-        mount["options"] = entry.mnt_opts;
+        mount["device"] = entry.device;
+        mount["directory"] = entry.directory;
+        mount["type"] = entry.type;
+        mount["options"] = entry.options;
         json.append(mount);
     }
     return json;
