@@ -17,7 +17,6 @@
 namespace
 {
 
-using bench::File;
 using bench::TemporaryFile;
 
 // Bytes without a pattern.
@@ -41,7 +40,7 @@ std::shared_ptr<TemporaryFile> makeImage(int size)
 template <typename Take>
 void readImage(const TemporaryFile& image, Take take)
 {
-    const File file{fopen(image.path.c_str(), "r"), fclose};
+    const common::OwnedFile file{fopen(image.path.c_str(), "r")};
     unsigned char chunk[32768];
     while (const size_t count = fread(chunk, 1, sizeof chunk, file.get())) {
         take(chunk, count);

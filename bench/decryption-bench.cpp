@@ -24,7 +24,6 @@ constexpr int kTrailerSize = 534;
 const unsigned char kKey[32] = {1};
 const unsigned char kIv[16] = {2};
 
-using bench::File;
 using bench::TemporaryFile;
 using Cipher = std::unique_ptr<EVP_CIPHER_CTX, void (*)(EVP_CIPHER_CTX*)>;
 
@@ -67,7 +66,7 @@ private:
 // The buffer is let go within the time, as in the bare loop.
 void decryptAsDaemon(const Image& image)
 {
-    const File file{fopen(image.image.path.c_str(), "rb"), fclose};
+    const common::OwnedFile file{fopen(image.image.path.c_str(), "rb")};
     int length = 0;
     free(aes_256_cbc_all(file.get(), kKey, kIv, 0, image.size + kTrailerSize, length));
     if (length != image.plainLength) {
@@ -77,7 +76,7 @@ void decryptAsDaemon(const Image& image)
 
 void decryptInBareLoop(const Image& image)
 {
-    const File file{fopen(image.ciphertext.path.c_str(), "rb"), fclose};
+    const common::OwnedFile file{fopen(image.ciphertext.path.c_str(), "rb")};
     const Cipher cipher{EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free};
     const std::unique_ptr<unsigned char, void (*)(void*)> out{
         static_cast<unsigned char*>(calloc(static_cast<size_t>(image.size) + kTrailerSize, 1)), free};

@@ -6,15 +6,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
 
+#include "common/files/owned-file.h"
+
 namespace bench
 {
-
-using File = std::unique_ptr<FILE, int (*)(FILE*)>;
 
 // A file in the temporary directory, removed at the end.
 class TemporaryFile
@@ -43,7 +42,7 @@ public:
     std::string path = "/tmp/tarnwick-bench-XXXXXX";
 
 private:
-    File file_{nullptr, fclose};
+    common::OwnedFile file_;
 };
 
 } // namespace bench

@@ -3,15 +3,15 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
-#include <memory>
+
+#include "common/files/owned-file.h"
 
 namespace common
 {
 
 std::optional<ProcessStat> readProcessStat(const std::string& directory)
 {
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen((directory + "/stat").c_str(), "re"),
-                                                     &std::fclose);
+    const OwnedFile file(std::fopen((directory + "/stat").c_str(), "re"));
     std::array<char, 1024> text{};
     if (!file || std::fread(text.data(), 1, text.size() - 1, file.get()) == 0) {
         return std::nullopt;

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/files/owned-file.h"
 #include "common/files/whole-file.h"
 #include "src/src/fw-update-symbol.h"
 #include "tests/support/temporary-directory.h"
@@ -16,7 +17,7 @@
 namespace
 {
 
-using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+using common::OwnedFile;
 using Buffer = std::unique_ptr<unsigned char, void (*)(void*)>;
 
 // The daemon keeps its outputs for ever; a test that makes thousands of them does not.
@@ -28,11 +29,11 @@ std::string take(unsigned char* output, int length)
 }
 
 // A stream over the bytes, which are left alone and must outlive it. It cannot be empty on its own.
-File openBytes(const std::string& bytes)
+OwnedFile openBytes(const std::string& bytes)
 {
     FILE* const stream = bytes.empty() ? fopen("/dev/null", "rb")
                                        : fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "rb");
-    return {stream, fclose};
+    return OwnedFile(stream);
 }
 
 class UsbCipher : public testing::Test
@@ -41,7 +42,7 @@ protected:
     // What the daemon makes of a stream that holds `bytes`, told that it has `total`.
     std::string run(const std::string& bytes, int total, int enc = 0)
     {
-        const File file = openBytes(bytes);
+        const OwnedFile file = openBytes(bytes);
         return runOn(file.get(), total, enc);
     }
     std::string runOn(FILE* file, int total, int enc = 0)
@@ -55,7 +56,7 @@ protected:
     // Whether nothing is decrypted: a total below zero has no size that can be allocated.
     bool isRefused(const std::string& bytes, int total)
     {
-        const File file = openBytes(bytes);
+        const OwnedFile file = openBytes(bytes);
         int length = 4711;
         return aes_256_cbc_all(file.get(), unsignedBytes(key), unsignedBytes(iv), 0, total, length) ==
                    nullptr &&
@@ -126,7 +127,7 @@ TEST_F(UsbCipher, ReturnsWhatWasEncryptedTenThousandTimes)
         iv = random.bytes(kIvSize);
         const std::string plain = random.bytes(static_cast<std::size_t>(random.number(0, 2500)));
         const std::string stream = cipherAtOnce(plain, key, iv, true) + random.bytes(kTrailerSize);
-        const File file = openBytes(stream);
+        const OwnedFile file = openBytes(stream);
         ASSERT_TRUE(runOn(file.get(), static_cast<int>(stream.size())) == plain) << "round " << round;
     }
 }
@@ -222,9 +223,9 @@ protected:
     std::string pullOut(const std::function<bool()>& pull)
     {
         writeBytes(name, whole);
-        const File real(fopen(name.c_str(), "rb+"), fclose);
+        const OwnedFile real(fopen(name.c_str(), "rb+"));
         Stick stick{fileno(real.get()), pull, 0, ""};
-        const File stream(fopencookie(&stick, "rb", {readStick, nullptr, nullptr, nullptr}), fclose);
+        const OwnedFile stream(fopencookie(&stick, "rb", {readStick, nullptr, nullptr, nullptr}));
         const int total = static_cast<int>(whole.size());
         const std::string output = runOn(stream.get(), total);
         EXPECT_GE(stick.reads, 3);
@@ -278,7 +279,7 @@ TEST_F(UsbCipher, TakesOneCopyOfALargeImage)
     writeBytes(name, "");
     ASSERT_EQ(truncate(name.c_str(), kSize), 0); // holes take no room
     const std::int64_t before = resetPeakMemory();
-    const File file(fopen(name.c_str(), "rb"), fclose);
+    const OwnedFile file(fopen(name.c_str(), "rb"));
     int length = 0;
     unsigned char* const output = aes_256_cbc_all(file.get(), unsignedBytes(key), unsignedBytes(iv), 0,
                                                   static_cast<int>(kSize), length);

@@ -14,6 +14,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/files/owned-file.h"
 #include "common/files/unique-fd.h"
 
 namespace signature
@@ -34,7 +35,6 @@ constexpr std::size_t kChunkSize = 65536;
 constexpr off_t kLargestKeyFile = 65536; // bytes; a key of the scheme has some 800
 
 struct Release {
-    void operator()(FILE* file) const { fclose(file); }
     void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
 
@@ -112,7 +112,7 @@ Key readPublicKey(const std::string& path)
     if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0 || status.st_size > kLargestKeyFile) {
         return nullptr; // what is larger would be searched to its end
     }
-    const std::unique_ptr<FILE, Release> file(fdopen(descriptor.get(), "rb"));
+    const common::OwnedFile file(fdopen(descriptor.get(), "rb"));
     if (!file) {
         return nullptr;
     }

@@ -18,6 +18,7 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "common/files/owned-file.h"
 #include "common/files/unique-fd.h"
 #include "common/json-text.h"
 
@@ -160,7 +161,7 @@ void CrashCampaign::run(const std::vector<CrashRun>& runs, const Take& take) con
     if (pipe2(ends, O_CLOEXEC) != 0) {
         fail("cannot make a pipe");
     }
-    const std::unique_ptr<FILE, int (*)(FILE*)> input(fdopen(ends[0], "r"), fclose);
+    const common::OwnedFile input(fdopen(ends[0], "r"));
     SharedNumber next;
     std::vector<pid_t> processes;
     std::fflush(nullptr);

@@ -14,6 +14,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/files/owned-file.h"
 #include "common/files/regular-file.h"
 #include "common/terminal/visible-text.h"
 #include "tools/fwmod/commands/command.h"
@@ -41,15 +42,13 @@ struct UsbOptions {
 };
 
 struct Closer {
-    void operator()(FILE* file) const { std::fclose(file); }
     void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
     void operator()(BIO* bytes) const { BIO_free(bytes); }
 };
-using OpenFile = std::unique_ptr<FILE, Closer>;
 
-OpenFile openFile(const fs::path& path, const char* mode)
+common::OwnedFile openFile(const fs::path& path, const char* mode)
 {
-    OpenFile file(std::fopen(path.c_str(), mode));
+    common::OwnedFile file(std::fopen(path.c_str(), mode));
     if (!file) {
         throw common::Failure("cannot open " + path.string() + ": " + std::strerror(errno));
     }
@@ -232,14 +231,14 @@ private:
     }
 
     fs::path path_;
-    OpenFile file_;
+    common::OwnedFile file_;
     std::unique_ptr<EVP_MD_CTX, Closer> digest_;
 };
 
 void encrypt(const usb::VersionHeader& header, const fs::path& payload, EVP_CIPHER_CTX* cipher,
              ImageWriter& out)
 {
-    const OpenFile in = openFile(payload, "rbe");
+    const common::OwnedFile in = openFile(payload, "rbe");
     std::vector<unsigned char> plain(header.begin(), header.end());
     std::vector<unsigned char> secret(kChunkSize + usb::kBlockSize);
     int produced = 0;

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "common/files/memory-file.h"
+#include "common/files/owned-file.h"
 #include "src/src/fw-update-checksum.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
@@ -23,11 +24,6 @@ namespace fs = std::filesystem;
 
 namespace
 {
-struct FileCloser {
-    void operator()(FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
-
 std::string hex(const unsigned char* bytes, std::size_t size)
 {
     std::string text;
@@ -180,7 +176,7 @@ void inspectImage(const InspectionRequest& request, Inspection& result)
                                   "blocks of 16 bytes: the file was cut or extended");
         return;
     }
-    const File file(std::fopen(request.file.c_str(), "rbe"));
+    const common::OwnedFile file(std::fopen(request.file.c_str(), "rbe"));
     usb::Iv iv;
     if (!file || std::fread(iv.data(), 1, iv.size(), file.get()) != iv.size()) {
         throw common::Failure("cannot read " + request.file);
