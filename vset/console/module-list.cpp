@@ -5,11 +5,11 @@
 #include <optional>
 #include <set>
 #include <sstream>
-#include <strings.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <utility>
 
+#include "common/daemon/external-name.h"
 #include "common/daemon/places.h"
 #include "common/json-text.h"
 #include "common/process/this-program.h"
@@ -27,16 +27,6 @@ namespace places = common::places;
 
 constexpr int64_t kProbeLimit = 3000; // milliseconds of the PC's time
 constexpr const char* kControlDirectories[] = {places::kProductControls, places::kSystemControls};
-
-bool isExternal(const std::string& name)
-{
-    for (size_t at = 0; at < name.size(); ++at) {
-        if (strncasecmp(name.c_str() + at, "EXT-", 4) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
 
 std::vector<std::string> findLibraries()
 {
@@ -147,7 +137,7 @@ void ModuleList::take(const std::string& library, const Json::Value& answer)
     const fs::path path(library);
     module["name"] = path.stem().string();
     module["directory"] = path.parent_path().string();
-    module["external"] = isExternal(path.stem().string());
+    module["external"] = common::isExternalName(path.stem().string());
     module["identifier"] = textOrNull(answer["identifier"]);
     module["installed"] = textOrNull(answer["version"]);
     module["progress"] = numberOrNull(answer["progress"]);

@@ -21,13 +21,13 @@
 #include <optional>
 #include <poll.h>
 #include <string>
-#include <strings.h>
 #include <sys/mman.h>
 #include <system_error>
 #include <tarnwick/control.h>
 #include <unistd.h>
 
 #include "common/daemon/entry-points.h"
+#include "common/daemon/external-name.h"
 #include "common/files/regular-file.h"
 #include "common/glib-pointers.h"
 #include "common/json-text.h"
@@ -78,16 +78,6 @@ private:
     void* handle_; // never closed: a library may not survive that, and this process ends at once
 };
 
-bool isExternal(const std::string& name)
-{
-    for (size_t at = 0; at < name.size(); ++at) {
-        if (strncasecmp(name.c_str() + at, "EXT-", 4) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
 void ask(const Library& library, const std::string& name, Json::Value& answer)
 {
     for (const common::EntryPoint& entry : common::kEntryPoints) {
@@ -97,7 +87,7 @@ void ask(const Library& library, const std::string& name, Json::Value& answer)
         std::string context; // empty, and writable as the interface has it
         setContext(name.c_str(), TARNWICK_CONTROL_CALLER_PACKAGE, context.data());
     }
-    if (!isExternal(name)) {
+    if (!common::isExternalName(name)) {
         answer["identifier"] = library.text("getEMPID");
     }
     answer["version"] = library.text("getActiveVersion");
