@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <utility>
 
+#include "common/joined.h"
 #include "common/process/program.h"
 
 extern char** environ; // NOLINT(readability-redundant-declaration): not every C library declares it
@@ -64,11 +65,7 @@ void runProgram(const std::vector<std::string>& words)
 {
     const int status = Child(words).wait();
     if (status != 0) {
-        std::string line;
-        for (const std::string& word : words) {
-            line += word + " ";
-        }
-        throw std::runtime_error(line + "ended with status " + std::to_string(status));
+        throw std::runtime_error(common::joined(words, " ") + " ended with status " + std::to_string(status));
     }
 }
 

@@ -55,7 +55,7 @@ std::vector<std::string> surroundings(const Wanted& wanted)
     return sentences;
 }
 
-std::string joined(const std::vector<std::string>& cells)
+std::string row(const std::vector<std::string>& cells)
 {
     std::string line = "|";
     for (const std::string& cell : cells) {
@@ -93,10 +93,9 @@ std::string markdownOf(const Results& results, const Wanted& wanted, const std::
         text += "; " + sentence;
     }
     text += ". " + goalsInShort(results);
-    text +=
-        ".\n\n" + joined(headings()) + joined({"---", "---:", "---", "---:", "---:", "---", "---:", "---"});
+    text += ".\n\n" + row(headings()) + row({"---", "---:", "---", "---:", "---:", "---", "---:", "---"});
     for (const Result& result : results.lines()) {
-        text += joined(cellsOf(result));
+        text += row(cellsOf(result));
     }
     return picture.empty() ? text : text + "\n" + kPicture + picture + ")\n";
 }

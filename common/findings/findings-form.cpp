@@ -14,6 +14,7 @@
 #include "common/errors.h"
 #include "common/files/unique-fd.h"
 #include "common/glib-pointers.h"
+#include "common/joined.h"
 #include "common/terminal/terminal.h"
 #include "common/terminal/visible-text.h"
 
@@ -76,15 +77,6 @@ std::vector<std::string> firstOf(std::vector<std::string> seen)
 std::string counted(unsigned int number, const std::string& what)
 {
     return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
-}
-
-std::string joined(const std::vector<std::string>& texts, const char* between)
-{
-    std::string all;
-    for (const std::string& text : texts) {
-        all += (all.empty() ? "" : between) + text;
-    }
-    return all;
 }
 
 } // namespace

@@ -176,7 +176,7 @@ struct Range {
     uint64_t end = 0;
 };
 
-uint64_t parseHex(const std::string& text)
+uint64_t hexNumber(const std::string& text)
 {
     uint64_t value = 0;
     std::from_chars(text.data(), text.data() + text.size(), value, 16);
@@ -207,8 +207,8 @@ std::optional<Range> semaphoreIn(const fs::path& process, const std::string& sem
             continue;
         }
         const std::size_t dash = line.find('-');
-        return Range{parseHex(line.substr(0, dash)),
-                     parseHex(line.substr(dash + 1, line.find(' ') - dash - 1))};
+        return Range{hexNumber(line.substr(0, dash)),
+                     hexNumber(line.substr(dash + 1, line.find(' ') - dash - 1))};
     }
     return std::nullopt;
 }
@@ -224,7 +224,7 @@ std::vector<pid_t> threadsWaitingOn(const fs::path& process, const Range& range)
         std::string number;
         std::string argument;
         file >> number >> argument;
-        const uint64_t address = argument.rfind("0x", 0) == 0 ? parseHex(argument.substr(2)) : 0;
+        const uint64_t address = argument.rfind("0x", 0) == 0 ? hexNumber(argument.substr(2)) : 0;
         if (address >= range.begin && address < range.end) {
             waiting.push_back(std::atoi(task->path().filename().c_str()));
         }

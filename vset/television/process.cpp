@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "common/files/whole-file.h"
+#include "common/joined.h"
 #include "common/process/program.h"
 
 namespace vset
@@ -51,15 +52,6 @@ common::UniqueFd openForAppending(const std::string& path)
         fail(path);
     }
     return file;
-}
-
-std::string inWords(const std::vector<std::string>& command)
-{
-    std::string text;
-    for (const std::string& word : command) {
-        text += (text.empty() ? "" : " ") + word;
-    }
-    return text;
 }
 
 } // namespace
@@ -201,8 +193,8 @@ tarnwick::Output run(const std::vector<std::string>& command, const Meanwhile& m
     process.closeInput();
     const std::optional<int> status = process.waitFor(longest, meanwhile);
     if (!status) {
-        throw tarnwick::TelevisionError("does not end: " + inWords(command) + "\n" + output.text() +
-                                        errors.text());
+        throw tarnwick::TelevisionError("does not end: " + common::joined(command, " ") + "\n" +
+                                        output.text() + errors.text());
     }
     return {*status, output.text(), errors.text()};
 }
@@ -211,7 +203,7 @@ std::string runOrThrow(const std::vector<std::string>& command, const Meanwhile&
 {
     tarnwick::Output output = run(command, meanwhile);
     if (output.status != 0) {
-        throw tarnwick::TelevisionError(inWords(command) + " ended with status " +
+        throw tarnwick::TelevisionError(common::joined(command, " ") + " ended with status " +
                                         std::to_string(output.status) + ": " + output.text + output.errors);
     }
     return output.text;

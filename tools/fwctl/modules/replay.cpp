@@ -10,6 +10,7 @@
 #include "common/files/package-image.h"
 #include "common/files/regular-file.h"
 #include "common/files/whole-file.h"
+#include "common/joined.h"
 #include "common/json-text.h"
 #include "src/src/fw-update-checksum.h"
 #include "tools/fwctl/commands/command.h"
@@ -79,15 +80,6 @@ private:
 std::string directoryOf(const std::string& path)
 {
     return path.substr(0, path.rfind('/') + 1);
-}
-
-std::string join(const std::vector<std::string>& texts)
-{
-    std::string joined;
-    for (const std::string& text : texts) {
-        joined += (joined.empty() ? "" : "; ") + text;
-    }
-    return joined;
 }
 
 // A file of a package is read under a name that tells nobody anything.
@@ -369,7 +361,8 @@ StepFinding Replay::informationIsValid()
         readAs = path;
         accepted = module_.loadInformation(path);
     });
-    const std::string messages = withPath(join(takeDaemonMessages()), readAs, informationPath_);
+    const std::string messages =
+        withPath(common::joined(takeDaemonMessages(), "; "), readAs, informationPath_);
     if (!complete) {
         return {false, "the package is damaged", "remove it, and have it downloaded again (restart the set)"};
     }
