@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <spawn.h>
 #include <unistd.h>
+#include <utility>
 
 #include "common/process/pipe.h"
 #include "common/process/program.h"

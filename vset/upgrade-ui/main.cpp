@@ -25,8 +25,8 @@
 namespace
 {
 
+using common::places::kProgressKey;
 using common::places::kStatusKey;
-constexpr const char* kProgressKey = "memory/ep_firmware_update_app/fw_update_progress";
 constexpr int kSystemLog = 2;
 constexpr int kInfo = 4;
 constexpr int kError = 6;
