@@ -650,6 +650,40 @@ TEST_F(Fwctl, NothingWaitsForAPipeInTheImagesPlace)
                                         "timeout 100 fwctl $command; echo \"$command: $?\"; done");
         EXPECT_THAT(outcome.out, Not(HasSubstr(": 124\n"))) << place;
         EXPECT_THAT(outcome.out, HasSubstr("is not a file but a pipe")) << place;
+        EXPECT_THAT(outcome.out, HasSubstr("doctor: 5\n")) << place;
+    }
+}
+
+TEST_F(Fwctl, AnInformationFileWithoutEndIsNotRead)
+{
+    const fs::path path = set.outside("/usr/lib/firmware/ext/Panel/info.json");
+    fs::resize_file(path, std::uintmax_t{1} << 40);
+    const Outcome outcome = set.run("timeout 100 fwctl why panel; timeout 100 fwctl doctor");
+    EXPECT_EQ(outcome.status, 5) << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr("-> it is longer than 1048576 bytes: correct the information file"));
+}
+
+// Anybody may put something into that directory before the set's own programs do.
+TEST_F(Fwctl, DoctorTellsWhatStandsInThePlaceOfTheTurn)
+{
+    for (const auto& [file, told] : {std::pair{"sem.SEM_UPDATE_CONTROL", " is no semaphore: "},
+                                     std::pair{"fwctl.SEM_UPDATE_CONTROL", " is no record of fwctl's: "}}) {
+        const std::string path = std::string("/dev/shm/") + file;
+        std::string script = "set -e; ";
+        for (const char* const make : {"printf x >", "mkdir ", "mkfifo ", "ln -s /dev/zero "}) {
+            script += "rm -rf " + path + "; " + make + path +
+                      "; timeout 100 fwctl doctor || echo \"doctor $?\"; "
+                      "timeout 100 fwctl update tuner 2>&1 || echo \"update $?\"; ";
+        }
+        const Outcome outcome = set.run(script);
+        const auto times = [&](const std::string& text) {
+            const std::regex pattern(text);
+            return std::distance(std::sregex_iterator(outcome.out.begin(), outcome.out.end(), pattern), {});
+        };
+        EXPECT_EQ(times("✗ " + path + told), 4) << outcome.out << outcome.err;
+        EXPECT_EQ(times("doctor 5\n"), 4) << outcome.out;
+        EXPECT_EQ(times("fwctl: " + path + told + ".*remove it, .*find out who made it"), 4) << outcome.out;
+        EXPECT_EQ(times("update 1\n"), 4) << outcome.out;
     }
 }
 

@@ -82,6 +82,9 @@ void addTurn(const SetScene& scene, Obstacles& found)
                              (waits.empty() ? "no update can begin" : waits + " for ever"),
                          "see \"fwctl doctor --fix\""});
         return;
+    case TurnState::Kind::kForeign:
+        found.push_back({"foreign-semaphore", problemOf({true, true}).text, "see \"fwctl doctor\""});
+        return;
     case TurnState::Kind::kUnreadable:
         found.push_back({"semaphore-unreadable", "this user may not see whether an update runs",
                          "try as root, or as the daemon's user"});

@@ -157,7 +157,7 @@ std::optional<uid_t> daemonUser()
 std::optional<uid_t> usualDaemonUser()
 {
     const SemaphoreState semaphore = peekUpdateSemaphore();
-    if (semaphore.exists) {
+    if (semaphore.exists && !semaphore.isForeign) {
         return semaphore.owner;
     }
     const passwd* const user = getpwnam(kDaemonUser);
@@ -238,13 +238,13 @@ SemaphoreState peekUpdateSemaphore()
 {
     SemaphoreState state;
     struct stat status = {};
-    if (stat(kSemaphoreFile, &status) != 0) {
+    if (lstat(kSemaphoreFile, &status) != 0) { // the C library follows no link either
         return state;
     }
     state.exists = true;
     state.owner = status.st_uid;
-    const bool isWhole = status.st_size >= static_cast<off_t>(sizeof(sem_t)); // else: no semaphore at all
-    const int file = isWhole ? open(kSemaphoreFile, O_RDONLY | O_CLOEXEC) : -1;
+    state.isForeign = !S_ISREG(status.st_mode) || status.st_size < static_cast<off_t>(sizeof(sem_t));
+    const int file = state.isForeign ? -1 : open(kSemaphoreFile, O_RDONLY | O_CLOEXEC);
     if (file < 0) {
         return state;
     }
@@ -256,6 +256,15 @@ SemaphoreState peekUpdateSemaphore()
     state.isReadable = sem_getvalue(static_cast<sem_t*>(memory), &state.value) == 0;
     munmap(memory, sizeof(sem_t));
     return state;
+}
+
+SemaphoreProblem problemOf(const SemaphoreState& semaphore)
+{
+    if (semaphore.isForeign) {
+        return {std::string(kSemaphoreFile) + " is no semaphore: no update can begin",
+                "remove it, find out who made it, and restart the set"};
+    }
+    return {"the update semaphore cannot be read by this user", "run fwctl as root or as the daemon's user"};
 }
 
 SemaphoreUsers findSemaphoreUsers()

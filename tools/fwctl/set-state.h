@@ -44,11 +44,19 @@ struct SemaphoreUser {
 
 struct SemaphoreState {
     bool exists = false;
+    bool isForeign = false; // something else stands in its place: nobody can open it
     bool isReadable = false;
     int value = 0; // 0: an update has its turn
     uid_t owner = 0;
 };
 SemaphoreState peekUpdateSemaphore();
+
+// Why it cannot be opened, or read, and what to do about it.
+struct SemaphoreProblem {
+    std::string text;
+    std::string advice;
+};
+SemaphoreProblem problemOf(const SemaphoreState& semaphore);
 
 struct SemaphoreUsers {
     std::vector<SemaphoreUser> known; // without this process

@@ -28,6 +28,7 @@
 #include "tools/fwctl/privileges.h"
 #include "tools/fwctl/set-state.h"
 #include "tools/fwctl/turn/turn-holder.h"
+#include "tools/fwctl/turn/turn-record.h"
 #include "tools/fwctl/turn/update-turn.h"
 
 namespace fwctl
@@ -220,9 +221,10 @@ void checkSemaphore(const Scene& scene, Findings& found)
 {
     const SemaphoreState state = peekUpdateSemaphore();
     if (state.exists && !state.isReadable) {
-        found.push_back({"semaphore-unreadable",
-                         "the update semaphore cannot be read by this user",
-                         "run fwctl as root or as the daemon's user",
+        const SemaphoreProblem problem = problemOf(state);
+        found.push_back({state.isForeign ? "foreign-semaphore" : "semaphore-unreadable",
+                         problem.text,
+                         problem.advice,
                          {}});
         return;
     }
@@ -247,6 +249,17 @@ void checkSemaphore(const Scene& scene, Findings& found)
              "ever",
              "free it (an update was cut off: see \"fwctl list\" for the versions)",
              [&scene] { return scene.updater && UpdateTurn::freeNobodys(*scene.updater); }});
+    }
+}
+
+void checkTurnRecord(const Scene&, Findings& found)
+{
+    const std::string problem = problemOfTurnRecord();
+    if (!problem.empty()) {
+        found.push_back({"foreign-record",
+                         problem + ": it can update nothing",
+                         "remove it, and find out who made it",
+                         {}});
     }
 }
 
@@ -344,16 +357,25 @@ void checkDuplicates(const Scene& scene, Findings& found)
     }
 }
 
+// Whether a source fails in a way that somebody has to mend. That there is none is no fault, nor that it is
+// not newer; what is wrong with mounts, other checks tell.
+bool isBadImage(const std::string& source, const Json::Value& step)
+{
+    const std::string test = step["test"].asString();
+    const bool isAbsent = step["detail"].asString().find(" is not there") != std::string::npos;
+    if (test == "package" || (test == "image" && source != "package")) {
+        return !isAbsent;
+    }
+    return test == "image" || test == "information file" || test == "information" || test == "checksum" ||
+           test == "screen";
+}
+
 void checkInformation(const Scene& scene, Findings& found)
 {
     for (const Json::Value& module : scene.modules) {
         for (const Json::Value& source : module["kind"] == "package" ? module["sources"] : Json::Value()) {
             const Json::Value step = failedStep(source);
-            const std::string test = step["test"].asString();
-            const bool isFault =
-                test == "information" || test == "checksum" || test == "screen" ||
-                (test == "package" && step["detail"].asString().find(" is not there") == std::string::npos);
-            if (isFault) {
+            if (isBadImage(source["source"].asString(), step)) {
                 found.push_back({"bad-image",
                                  module["module"].asString() + ", " + source["source"].asString() + ": " +
                                      step["detail"].asString(),
@@ -426,7 +448,8 @@ void checkSurroundings(const Scene& scene, Findings& found)
 // their own is left to them.
 void checkObstacles(const Scene& scene, Findings& found)
 {
-    std::set<std::string> told{"no-bus", "no-daemon", "stuck-semaphore", "semaphore-unreadable", "list-link"};
+    std::set<std::string> told{
+        "no-bus", "no-daemon", "stuck-semaphore", "semaphore-unreadable", "foreign-semaphore", "list-link"};
     for (const Json::Value& module : scene.modules) {
         for (const Obstacle& obstacle : findObstacles(scene.set, module)) {
             if (told.insert(obstacle.id).second) {
@@ -437,9 +460,9 @@ void checkObstacles(const Scene& scene, Findings& found)
 }
 
 constexpr void (*kChecks[])(const Scene&, Findings&) = {
-    checkDirectories,    checkMountDirectory, checkSemaphore,  checkMounts,
-    checkUpdateList,     checkLibraries,      checkDuplicates, checkInformation,
-    checkOrphanedImages, checkSurroundings,   checkObstacles,
+    checkDirectories, checkMountDirectory, checkSemaphore,    checkTurnRecord,
+    checkMounts,      checkUpdateList,     checkLibraries,    checkDuplicates,
+    checkInformation, checkOrphanedImages, checkSurroundings, checkObstacles,
 };
 
 // ---- The command ----

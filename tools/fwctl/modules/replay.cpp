@@ -9,7 +9,6 @@
 #include "common/files/memory-file.h"
 #include "common/files/package-image.h"
 #include "common/files/regular-file.h"
-#include "common/files/whole-file.h"
 #include "common/joined.h"
 #include "common/json-text.h"
 #include "src/src/fw-update-checksum.h"
@@ -89,12 +88,16 @@ std::string withPath(std::string text, const std::string& readAs, const std::str
     return !readAs.empty() && place != std::string::npos ? text.replace(place, readAs.size(), path) : text;
 }
 
+constexpr std::size_t kMostInformation = 1 << 20; // bytes: the daemon takes no more
+
 // What an accepted information file says less clearly than its maker thinks.
 std::string remarksOn(const std::string& path)
 {
     constexpr std::pair<const char*, const char*> kDefaults[] = {
         {"version", "0000"}, {"crc", "0"}, {"expected_time", "300 seconds"}, {"ui_use", "none"}};
-    const std::optional<Json::Value> parsed = common::parseJsonObject(common::readWhole(path));
+    std::string ignored;
+    const auto text = common::readRegularFile(path, kMostInformation, ignored);
+    const std::optional<Json::Value> parsed = common::parseJsonObject(text.value_or(""));
     if (!parsed) {
         return "";
     }
@@ -117,7 +120,11 @@ std::string remarksOn(const std::string& path)
 std::string faultOf(const std::string& path)
 {
     std::string why;
-    const std::optional<Json::Value> root = common::parseJson(common::readWhole(path), &why);
+    const std::optional<std::string> text = common::readRegularFile(path, kMostInformation, why);
+    if (!text) {
+        return "it " + why;
+    }
+    const std::optional<Json::Value> root = common::parseJson(*text, &why);
     if (!root) {
         return "it is no JSON (" + why + ")";
     }

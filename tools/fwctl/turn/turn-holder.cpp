@@ -61,7 +61,7 @@ TurnState lookAtTurn(bool withoutFwctl)
         return turn;
     }
     if (!semaphore.isReadable) {
-        turn.kind = TurnState::Kind::kUnreadable;
+        turn.kind = semaphore.isForeign ? TurnState::Kind::kForeign : TurnState::Kind::kUnreadable;
         return turn;
     }
     const TurnRecordView record = viewTurnRecord();
@@ -95,6 +95,8 @@ std::string describe(const TurnState& turn)
         return "nobody (stuck)";
     case TurnState::Kind::kUnreadable:
         return "unreadable";
+    case TurnState::Kind::kForeign:
+        return "no semaphore";
     case TurnState::Kind::kHeld:
         break;
     }

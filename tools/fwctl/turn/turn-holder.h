@@ -17,6 +17,7 @@ struct TurnState {
         kHeld,       // by `holder`
         kNobodys,    // taken, but whoever took it has ended: every update waits for ever
         kUnreadable, // by this user
+        kForeign,    // something else has its place: no update can begin
     };
     Kind kind = Kind::kFree;
     std::string holder;                 // "tarnwick (process 412)", "another process"

@@ -77,6 +77,13 @@ TurnRecordView viewTurnRecord()
     return view;
 }
 
+std::string problemOfTurnRecord()
+{
+    const common::UniqueFd file(open(kPath, O_RDONLY | kOpening));
+    const bool isUnknown = !file && (errno == ENOENT || errno == EACCES);
+    return isUnknown || (file && isOurs(file.get())) ? "" : std::string(kPath) + " is no record of fwctl's";
+}
+
 TurnRecord::TurnRecord(uid_t owner) : file_(open(kPath, O_RDWR | kOpening))
 {
     if (file_ < 0 && errno == ENOENT) {
@@ -90,13 +97,15 @@ TurnRecord::TurnRecord(uid_t owner) : file_(open(kPath, O_RDWR | kOpening))
     if (shared_ != nullptr) {
         return;
     }
-    if (file_ < 0) {
+    if (file_ >= 0) {
+        close(file_);
+    }
+    const std::string problem = problemOfTurnRecord();
+    if (problem.empty()) {
         throw common::Failure(std::string("cannot open ") + kPath + ": " + std::strerror(reason) +
                               ": this needs root or the daemon's user");
     }
-    close(file_);
-    throw common::Failure(std::string(kPath) +
-                          " is no record of fwctl's: remove it, and find out who made it");
+    throw common::Failure(problem + ": remove it, and find out who made it");
 }
 
 TurnRecord::~TurnRecord()

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 #include <sys/types.h>
 
 namespace fwctl
@@ -31,6 +32,10 @@ struct TurnRecordView {
 
 // Changes nothing. All zero when there is no record, or it may not be read.
 TurnRecordView viewTurnRecord();
+
+// Why no fwctl can take a turn ("... is no record of fwctl's") for what somebody else has put into the
+// record's place; empty when there is nothing, or a record.
+std::string problemOfTurnRecord();
 
 class TurnRecord
 {

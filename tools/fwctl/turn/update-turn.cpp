@@ -65,12 +65,25 @@ Semaphore openSemaphore()
 }
 } // namespace
 
+namespace
+{
+[[noreturn]] void refuseSemaphore()
+{
+    const SemaphoreState semaphore = peekUpdateSemaphore();
+    if (semaphore.isForeign) {
+        const SemaphoreProblem problem = problemOf(semaphore);
+        throw common::Failure(problem.text + ": " + problem.advice);
+    }
+    throw common::Failure("the update semaphore cannot be opened: this needs root or the daemon's user");
+}
+} // namespace
+
 void prepareUpdateSemaphore()
 {
     static sem_t own;
     const Semaphore made(FWUpdateCommon::getInstance()->create_semaphore());
     if (!made || sem_init(&own, 0, 1) != 0) {
-        throw common::Failure("the update semaphore cannot be opened: this needs root or the daemon's user");
+        refuseSemaphore();
     }
     privateSemaphore = &own;
 }
@@ -147,8 +160,8 @@ void TurnWait::tell()
         return;
     }
     const TurnState turn = lookAtTurnPatiently();
-    if (turn.kind == TurnState::Kind::kUnreadable) {
-        throw common::Failure("the update semaphore cannot be opened: this needs root or the daemon's user");
+    if (turn.kind == TurnState::Kind::kUnreadable || turn.kind == TurnState::Kind::kForeign) {
+        refuseSemaphore();
     }
     if (turn.kind == TurnState::Kind::kNobodys) {
         throw common::Failure(
