@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <poll.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -335,8 +336,26 @@ OldestCall lastCall(const TrialPage& page, const std::string& lastWords)
     return freeing.name.empty() ? oldestCall(page) : freeing;
 }
 
+// The loader leaves out what it cannot put before the platform's, with a word on a trial's standard error and
+// no more: the platform alone would be judged, and its verdict taken for both.
+void refuseLeftOut(const fs::path& preload, const std::string& output)
+{
+    if (preload.empty()) { // which std::filesystem::absolute() refuses
+        return;
+    }
+    constexpr std::string_view kWhy = " from LD_PRELOAD cannot be preloaded (";
+    const std::size_t place = output.find("'" + fs::absolute(preload).string() + "'" + std::string(kWhy));
+    if (place == std::string::npos) {
+        return;
+    }
+    const std::size_t why = output.find(kWhy, place) + kWhy.size();
+    throw common::WrongUse(common::shortened(preload.string()) +
+                           " cannot be preloaded: " + output.substr(why, output.find(')', why) - why));
+}
+
 void Checker::gather(TrialReport& report, const TrialPage& page, const Ending& ending)
 {
+    refuseLeftOut(options_.preload, ending.output);
     for (const Told& line : readLines(page)) {
         const auto id = findingsTable().withNumber(line.number);
         if (line.kind == Line::kFinding && id) {

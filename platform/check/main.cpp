@@ -126,6 +126,15 @@ void requireReadable(const std::filesystem::path& file)
     }
 }
 
+void requirePreloadable(const std::filesystem::path& file)
+{
+    requireReadable(file);
+    if (!file.empty() && std::filesystem::absolute(file).string().find_first_of(" :") != std::string::npos) {
+        throw common::WrongUse(common::shortened(file.string()) +
+                               ": the loader takes no blank nor colon in a path: copy it");
+    }
+}
+
 // What is no image is not for the platform to be blamed for.
 void requireImage(const std::filesystem::path& file)
 {
@@ -152,7 +161,7 @@ int check(const Options& options)
         return 0;
     }
     requireImage(options.check.image);
-    requireReadable(options.check.preload);
+    requirePreloadable(options.check.preload);
     if (!options.check.directory.empty() && !std::filesystem::is_directory(options.check.directory)) {
         throw common::WrongUse(common::shortened(options.check.directory.string()) + " is no directory");
     }

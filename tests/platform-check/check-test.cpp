@@ -2,6 +2,7 @@
 // virtual set, and on the same with one fault. What it finds of the platforms of the corpus is in
 // tests/platform/.
 #include <csignal>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -104,8 +105,12 @@ TEST_F(PlatformCheck, WrongUseIsToldFromFailure)
         {{"--image", "/etc/passwd"}, "/etc/passwd is no squashfs image"},
         {{"--directory", "/nowhere"}, "/nowhere is no directory"},
         {{"--preload", "/nowhere.so"}, "/nowhere.so is no file that can be read"},
+        {{"--preload", "/etc/passwd", "--trial", "flags"},
+         "/etc/passwd cannot be preloaded: invalid ELF header"},
+        {{"--preload", directory / "a b.so"}, "takes no blank nor colon in a path"},
         {{"--with-standby", "0"}, "--with-standby"},
     };
+    std::ofstream(directory / "a b.so") << "x";
     for (const auto& [arguments, text] : cases) {
         const Outcome outcome = check(arguments);
         std::istringstream err(outcome.err);

@@ -65,6 +65,9 @@ for words in "$set_ --temporary -- true" "--temporary $set_ -- true" "$set_ --te
     # shellcheck disable=SC2086 # words
     expect 2 "SET and --temporary cannot be given together" "$vset" run $words
 done
+expect 2 "--since and --boot cannot be given together" "$vset" wait "$set_" says x --since now --boot 1
+expect 2 "--since and --boot cannot be given together" "$vset" wait "$set_" state 1 --since now --boot 1
+expect 2 "--until-end and --until cannot be given together" "$vset" story "$set_" --until x --until-end
 expect 0 "yes" "$vset" run --temporary -- echo yes
 expect 0 "yes" "$vset" run --temporary echo yes
 expect 0 "a|--|b|" "$vset" run --temporary -- printf '%s|' a -- b

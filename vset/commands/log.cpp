@@ -302,8 +302,11 @@ void defineStory(common::CommandLine& command)
     const auto options = std::make_shared<StoryOptions>();
     takeSet(command, options->set);
     command.flag("-f,--follow", options->isFollowing, "Go on telling while it happens");
-    command.flag("--until-end", options->untilEnd, "Go on, and stop when the daemon ends");
-    command.text("--until", options->until, "Go on, and stop when the daemon has said this").called("TEXT");
+    const common::Option untilEnd =
+        command.flag("--until-end", options->untilEnd, "Go on, and stop when the daemon ends");
+    command.text("--until", options->until, "Go on, and stop when the daemon has said this")
+        .called("TEXT")
+        .excludes(untilEnd);
     command.number("--limit", options->limit, kLimit, "Go on so long at most, of this PC's time").called("S");
     command.flag("--new", options->onlyNew, "Leave out what has happened so far");
     command.number("--boot", options->boot, kBoots, "From the N-th boot on since the set was switched on")

@@ -43,9 +43,9 @@ common::CommandLine& define(common::CommandLine& wait, const Options& options, c
     return command;
 }
 
-void takeBoot(common::CommandLine& command, const Options& options, const char* help)
+common::Option takeBoot(common::CommandLine& command, const Options& options, const char* help)
 {
-    command.number("--boot", options->boot, kBoots, help).called("N");
+    return command.number("--boot", options->boot, kBoots, help).called("N");
 }
 
 Since sinceOf(const std::string& word)
@@ -78,12 +78,13 @@ void defineLog(common::CommandLine& wait, const Options& options)
 {
     constexpr common::Range<int> kStates{0, 99};
     const auto takeRange = [&options](common::CommandLine& command) {
-        command
-            .text("--since", options->since,
-                  "What counts: said in this boot, from now on, since the set was "
-                  "switched on, or ever")
-            .oneOf({"boot", "now", "on", "ever"});
-        takeBoot(command, options, "What counts: said from the N-th boot on");
+        const common::Option since =
+            command
+                .text("--since", options->since,
+                      "What counts: said in this boot, from now on, since the set was "
+                      "switched on, or ever")
+                .oneOf({"boot", "now", "on", "ever"});
+        takeBoot(command, options, "What counts: said from the N-th boot on").excludes(since);
     };
     common::CommandLine& says =
         define(wait, options, "says", "The daemon has said a text in the platform's log",

@@ -69,12 +69,13 @@ namespace
 {
 [[noreturn]] void refuseSemaphore()
 {
+    constexpr const char* kWho = "this needs root or the daemon's user";
     const SemaphoreState semaphore = peekUpdateSemaphore();
     if (semaphore.isForeign) {
         const SemaphoreProblem problem = problemOf(semaphore);
-        throw common::Failure(problem.text + ": " + problem.advice);
+        throw common::Failure(problem.text + ": " + problem.advice + " (" + kWho + ")");
     }
-    throw common::Failure("the update semaphore cannot be opened: this needs root or the daemon's user");
+    throw common::Failure(std::string("the update semaphore cannot be opened: ") + kWho);
 }
 } // namespace
 
