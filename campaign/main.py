@@ -302,6 +302,15 @@ def report(_everything: list[Case], options: argparse.Namespace) -> int:
     return 0 if whole.is_good else FAILED
 
 
+def kept(arguments: Sequence[str], make: Make = cases.cases_of) -> int:
+    """The same with a keeper: of the two processes either one may be killed, and the other ends what was started."""
+    if arguments[:1] not in (["run"], ["prepare"]):
+        return main(arguments, make)
+    from campaign.keeper import with_keeper
+
+    return with_keeper(lambda: main(arguments, make))
+
+
 def main(arguments: Sequence[str], make: Make = cases.cases_of) -> int:
     """What is done, and that all of it could be told."""
     try:

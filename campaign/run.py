@@ -2,7 +2,6 @@
 
 import asyncio
 import contextlib
-import ctypes
 import fcntl
 import os
 import re
@@ -21,11 +20,11 @@ import psutil
 import tqdm
 
 from campaign.cases import KINDS, Case, preparation_of, preparations
+from campaign.keeper import PR_SET_CHILD_SUBREAPER, prctl
 from campaign.results import CannotWrite, Interrupted, Result, ResultFile, end_of
 
 SKIPPED = 77
 PATIENCE = 10  # seconds for what is asked to end, before it is killed
-PR_SET_CHILD_SUBREAPER = 36
 
 
 @contextlib.asynccontextmanager
@@ -52,7 +51,7 @@ class Programs:
         self._tree = tree
         self._running: set[int] = set()
         self._waits = ThreadPoolExecutor(jobs)
-        ctypes.CDLL(None, use_errno=True).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
+        prctl(PR_SET_CHILD_SUBREAPER, 1)
 
     async def run(self, command: Sequence[str], log: Path, limit: float) -> tuple[int, "os.struct_rusage"]:
         """Its exit status, negative after a signal. TimeoutError: it was ended after so many seconds."""
@@ -93,7 +92,11 @@ class Programs:
 
     def end_rest(self) -> None:
         """What programs have left running."""
-        end_all(psutil.Process().children(recursive=True))
+        end_children()
+
+
+def end_children() -> None:
+    end_all(psutil.Process().children(recursive=True))
 
 
 def end_all(processes: list[psutil.Process]) -> None:

@@ -15,7 +15,7 @@ usage() {
     exit 2
 }
 help() {
-    sed -n -e '1d' -e '/^#/!q' -e 's/^# \{0,1\}//p' "$script"
+    sed -n -e '1d' -e '/^#/!q' -e 's/^# \{0,1\}//p' "$script" || exit 1
     exit 0
 }
 

@@ -18,7 +18,7 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
 from campaign.cases import Case, Draft  # noqa: E402
-from campaign.main import TREE, main  # noqa: E402
+from campaign.main import TREE, kept, main  # noqa: E402
 
 
 def shell(kind: str, name: str, text: str, **more) -> tuple[str, Draft]:
@@ -227,7 +227,7 @@ class Running(unittest.TestCase):
         process = self.begin()
         process.kill()
         process.wait()
-        self.addCleanup(os.kill, self.child(), signal.SIGKILL)
+        self.assertTrue(eventually(lambda: not lives(self.child())), "nothing of it runs on")
         self.assertEqual([result["case"] for result in self.results()], [1])
         with (self.place / "results.jsonl").open("a") as file:
             file.write('{"case": 2, "ki')  # as a loss of power leaves it
@@ -235,6 +235,13 @@ class Running(unittest.TestCase):
         self.assertEqual(self.campaign()[0], 2, "nobody wants results of two runs in one file by accident")
         self.assertEqual(self.campaign("--resume")[0], 1)
         self.assertEqual([result["case"] for result in self.results()], [1, 2, 3, 4, 5])
+
+    def test_of_a_killed_worker_nothing_is_left(self):
+        process = self.begin()
+        (worker,) = Path(f"/proc/{process.pid}/task/{process.pid}/children").read_text().split()
+        os.kill(int(worker), signal.SIGKILL)
+        self.assertEqual(process.wait(90), 128 + signal.SIGKILL)
+        self.assertFalse(lives(self.child()))
 
     def test_an_interrupted_run_ends_all_that_it_has_started(self):
         process = self.begin("--jobs", "2")
@@ -295,6 +302,6 @@ class Running(unittest.TestCase):
 
 if __name__ == "__main__":
     if sys.argv[1:2] == ["--as-campaign"]:
-        sys.exit(main(sys.argv[2:], own_cases))
+        sys.exit(kept(sys.argv[2:], own_cases))
     os.chdir(TREE)
     unittest.main()

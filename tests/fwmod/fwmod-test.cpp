@@ -173,6 +173,40 @@ TEST_F(Fwmod, NewSaysWhatToDoWithoutItsTemplate)
     EXPECT_THAT(outcome.err, HasSubstr("scripts/install-sdk"));
 }
 
+TEST_F(Fwmod, NewReadsNothingOfATemplateThatIsNoSmallFile)
+{
+    const fs::path file = fs::path(directory / "share/tarnwick/template") / "NAME.cpp";
+    fs::create_directories(directory / "bin");
+    fs::create_directories(file.parent_path());
+    fs::copy_file(FWMOD, directory / "bin/fwmod");
+    const auto refused = [&](const char* why) {
+        const Outcome outcome =
+            runProgram({"timeout", "100", directory / "bin/fwmod", "new", "tuner"}, directory.path());
+        EXPECT_EQ(outcome.status, 1) << why;
+        EXPECT_THAT(outcome.err, AllOf(HasSubstr(why), HasSubstr("scripts/install-sdk")));
+        EXPECT_FALSE(fs::exists(directory / "tuner"));
+        fs::remove(file);
+    };
+    writeBytes(file, "");
+    fs::resize_file(file, std::uintmax_t{1} << 40);
+    refused("is longer than");
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    refused("is not a file but a pipe");
+}
+
+TEST_F(Fwmod, TryNamesWhatItsKitLacks)
+{
+    fs::copy_file(FWMOD, directory / "fwmod");
+    writeBytes(directory / "vset", "");
+    fs::permissions(directory / "vset", fs::perms::all);
+    fs::copy_file(fs::path(SAMPLE_IMAGES) / "../tuner.so", directory / "tuner.so");
+    fs::create_directory(directory / "Tuner");
+    const Outcome outcome =
+        runProgram({directory / "fwmod", "try", "tuner.so", "--firmware", "Tuner"}, directory.path());
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, AllOf(HasSubstr("platformd is not in "), HasSubstr("scripts/install-sdk")));
+}
+
 // ---- crc ----
 
 TEST_F(Fwmod, CrcPrintsTheDaemonsChecksum)

@@ -8,9 +8,10 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <vector>
 
-#include "common/files/whole-file.h"
+#include "common/files/regular-file.h"
 #include "common/process/this-program.h"
 #include "common/terminal/visible-text.h"
 #include "src/src/fw-update-symbol.h"
@@ -149,8 +150,14 @@ struct TemplateFile {
 
 std::string readText(const fs::path& path)
 {
-    requireReadable(path);
-    return common::readWhole(path);
+    constexpr std::size_t kMost = 1 << 20; // bytes: many times what the longest has
+    std::string problem;
+    std::optional<std::string> text = common::readRegularFile(path, kMost, problem);
+    if (!text) {
+        throw common::Failure(path.string() + " " + problem +
+                              ": install the whole kit again (scripts/install-sdk)");
+    }
+    return *std::move(text);
 }
 
 // The module's own file is there in every language; the other ones are skipped.

@@ -299,6 +299,7 @@ void Trial::chapter(const std::string& title)
 void Trial::makeSet()
 {
     const fs::path vset = vsetProgram();
+    programBesideVset("platformd"); // a set goes without, but nothing of the story comes about then
     scratch_.emplace("fwmod-try-");
     requireRoomForSet(scratch_->path());
     set_.emplace(tarnwick::Making{vset, scratch_->path(), options_.isRootless});
