@@ -72,8 +72,9 @@
  *     that only carries the image, may be of another one: do not take it for this one. Flush the new firmware
  *     (fsync) before the write that makes it the active one, and that write (of a name: the directory) before
  *     you return, and before the old firmware is removed or overwritten. An msync without MS_SYNC flushes
- *     nothing. Hardware that has room for one firmware only tells a version below every other, such as 0.0,
- *     until there is a whole one again. Destructors and exit handlers do not run.
+ *     nothing, and sync_file_range not enough. Hardware that has room for one firmware only tells a version
+ *     below every other, such as 0.0, until there is a whole one again. Destructors and exit handlers do not
+ *     run.
  *
  * The interface is frozen: names, types and numbers below do not change.
  */

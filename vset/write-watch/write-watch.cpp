@@ -53,7 +53,6 @@ constexpr Call kCalls[] = {
     {"fsync", 0, Size::None, 0},
     {"fdatasync", 0, Size::None, 0},
     {"syncfs", 0, Size::None, 0},
-    {"sync_file_range", 0, Size::None, 0},
     {"ioctl", 0, Size::None, 0, true},
 };
 
@@ -93,15 +92,11 @@ struct Flush {
 constexpr Flush kFlushes[] = {{"sync"}, {"msync"}};
 
 // Where programs leave notes, streams and locks: nothing there is hardware.
+constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager/";
 constexpr const char* kPassing[] = {
-    "/tmp/",        "/run/",
-    "/proc/",       "/var/log/",
-    "/dev/shm/",    "/dev/mqueue",
-    "/dev/pts/",    "/dev/tty",
-    "/dev/null",    "/dev/zero",
-    "/dev/full",    "/dev/random",
-    "/dev/urandom", "/dev/fuse",
-    "/memfd:",      "/opt/usr/apps/appbinarymanager/"}; // packages: the daemon removes them
+    "/tmp/",        "/run/",     "/proc/",    "/var/log/", "/dev/shm/", "/dev/mqueue",
+    "/dev/pts/",    "/dev/tty",  "/dev/null", "/dev/zero", "/dev/full", "/dev/random",
+    "/dev/urandom", "/dev/fuse", "/memfd:",   kPackages}; // which the daemon removes
 
 template <typename Table>
 std::vector<int> numbersOf(const Table& calls)
@@ -137,6 +132,12 @@ bool isHardware(const std::string& path)
     return std::none_of(std::begin(kPassing), std::end(kPassing), [&](const char* passing) {
         return path.compare(0, std::strlen(passing), passing) == 0;
     });
+}
+
+// Writes to packages are nobody's matter, and reads of images are.
+bool isWatched(const HardwareWrite& call)
+{
+    return isHardware(call.path) || (call.isRead && call.path.rfind(kPackages, 0) == 0);
 }
 
 mode_t modeOf(const fs::path& link)
@@ -296,21 +297,12 @@ bool isMsyncWithoutWaiting(const seccomp_notif& notice)
     return notice.data.nr == number && (notice.data.args[2] & MS_SYNC) == 0;
 }
 
-bool isRangeWithoutWaiting(const seccomp_notif& notice)
-{
-    static const int number = seccomp_syscall_resolve_name("sync_file_range");
-    return notice.data.nr == number && (notice.data.args[3] & SYNC_FILE_RANGE_WAIT_AFTER) == 0;
-}
-
 std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
 {
     HardwareWrite write;
     write.id = notice.id;
     write.thread = static_cast<pid_t>(notice.pid);
     std::copy(std::begin(notice.data.args), std::end(notice.data.args), write.arguments.begin());
-    if (isRangeWithoutWaiting(notice)) {
-        return std::nullopt;
-    }
     if (isMsyncWithoutWaiting(notice)) {
         write.call = kMsyncWithoutWaiting;
         return write;
@@ -326,7 +318,7 @@ std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
         std::error_code gone;
         write.call = call->name;
         write.path = fs::read_symlink(link, gone);
-        if (!isHardware(write.path)) {
+        if (!isWatched(write)) {
             return std::nullopt;
         }
         write.bytes = bytesOf(*call, notice);
@@ -348,7 +340,7 @@ std::optional<HardwareWrite> hardwareWriteIn(const seccomp_notif& notice)
             write.source = pathOf({pathCall->name, isAt ? 0 : kWorkingDirectory, isAt ? 1U : 0U}, notice);
         }
     }
-    return isHardware(write.path) ? std::optional(write) : std::nullopt;
+    return isWatched(write) ? std::optional(write) : std::nullopt;
 }
 
 } // namespace
