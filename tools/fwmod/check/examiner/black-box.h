@@ -36,6 +36,8 @@ struct BlackBox {
     // How far a watched update is. Writes count while it runs, and are late while its remains settle.
     enum Phase { kBefore, kRunning, kSettling, kOver };
 
+    enum Reads { kNone, kOfHardware, kOfImage };
+
     Call calls[kThreads];
     std::atomic<int> phase;
     std::atomic<unsigned int> count;        // of calls so far
@@ -44,7 +46,7 @@ struct BlackBox {
     std::atomic<unsigned int> failingWrite; // of an update, by number from 1: it fails; 0: none does
     std::atomic<unsigned int> spoiltWrite;  // the same: the hardware gets something else
     std::atomic<unsigned int> failingFlush; // how many flushes on the one is that fails; 0: none
-    std::atomic<bool> areReadsFailing;      // of the hardware, where they are held
+    std::atomic<int> failingReads;          // all of these, where they are held
     std::atomic<unsigned int> failedReads;  // how many have
     std::atomic<bool> finished;             // the worker came to its end
     std::atomic<bool> guardHit;             // the crash was in a guard page

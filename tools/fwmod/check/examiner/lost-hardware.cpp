@@ -131,12 +131,16 @@ constexpr const char* kUnreadable = "of hardware that cannot be read";
 // A part that has no whole firmware may be told as such, and one that cannot be read not.
 void askUnreadable(Worker& worker)
 {
-    worker.overlookManners(); // each look at them is made of reads
+    constexpr int kTimes = 3;
     if (!worker.load()) {
         return;
     }
     worker.setContext(worker.job().caller, "");
-    const auto version = worker.activeVersionUnread(kUnreadable);
+    std::optional<std::string> version;
+    worker.repeat(std::string("getActiveVersion ") + kUnreadable, kTimes, [&] {
+        version = worker.activeVersionUnread(kUnreadable);
+        return true;
+    });
     if (version && isVersionOfNothing(*version)) {
         worker.found(FindingId::AbsentToldAsNew,
                      std::string("getActiveVersion ") + kUnreadable + " (EIO) told " + quote(*version));

@@ -80,9 +80,9 @@ Report measure(Supervisor& supervisor)
 using Trial = void (*)(Supervisor&, Report&);
 
 constexpr Trial kTrialsOfImages[] = {
-    refuseImages,         updateFromElsewhere,     updateAgain,   updateInOneProcess, updateUnderNotices,
-    updateUnderQuestions, updateAfterAnotherImage, cutPowerTwice, loseWhatSelects,    cutMappedHardware,
-    updateLostHardware,   updateFaultyHardware,
+    refuseImages,         updateFromElsewhere,     updateAgain,       updateInOneProcess, updateUnderNotices,
+    updateUnderQuestions, updateAfterAnotherImage, cutPowerTwice,     loseWhatSelects,    cutMappedHardware,
+    updateLostHardware,   updateFaultyHardware,    updateUnreadImage,
 };
 
 // One after the other: what has ended a session is not called again by those that follow.

@@ -302,7 +302,9 @@ void Run::watchWrite()
 
 void Run::watchRead(const vset::HardwareWrite& read)
 {
-    if (box_.areReadsFailing && read.path.rfind(kHardware, 0) == 0) {
+    const int failing = box_.failingReads;
+    const std::string& place = failing == BlackBox::kOfImage ? job_->imageDirectory + "/" : kHardware;
+    if (failing != BlackBox::kNone && read.path.rfind(place, 0) == 0) {
         ++box_.failedReads;
         return writes_->refuse(read, EIO);
     }
@@ -383,9 +385,14 @@ void explainDeath(Session& session, const BlackBox& box, const std::string& said
 }
 } // namespace
 
+std::string SeenWrite::inWords() const
+{
+    return path.empty() ? call : call + " to " + path;
+}
+
 bool SeenWrite::isFlush() const
 {
-    constexpr const char* kFlushes[] = {"fsync", "fdatasync", "syncfs", "sync", "msync", "sync_file_range"};
+    constexpr const char* kFlushes[] = {"fsync", "fdatasync", "syncfs", "sync", "msync"};
     return std::find(std::begin(kFlushes), std::end(kFlushes), call) != std::end(kFlushes);
 }
 

@@ -34,6 +34,7 @@ struct SeenWrite {
     std::optional<std::uint64_t> position; // in the file, where it is known
     std::string source;                    // what gets the path for its name
 
+    std::string inWords() const; // "write to /var/lib/hardware/tuner", "sync"
     bool isFlush() const;
     bool isFallible() const; // a flush that can tell a failure
     bool isNaming() const;   // gives a file its name, and its name is what counts

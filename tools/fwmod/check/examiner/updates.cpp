@@ -374,10 +374,9 @@ void judgeEnd(Supervisor& supervisor, const Machine& machine, const Writes& writ
         }
     };
     if (const std::vector<SeenWrite> open = unflushedContent(writes); !open.empty()) {
-        judge("no flush came after the last write (" + open.back().call + " to " + open.back().path + ")",
-              [&](const Machine& cut) {
-                  std::for_each(open.begin(), open.end(), [&](const SeenWrite& write) { lose(write, cut); });
-              });
+        judge("no flush came after the last write (" + open.back().inWords() + ")", [&](const Machine& cut) {
+            std::for_each(open.begin(), open.end(), [&](const SeenWrite& write) { lose(write, cut); });
+        });
     }
     if (const std::vector<fs::path> names = unflushedNames(writes); !names.empty()) {
         judge("no flush of " + names.back().parent_path().string() + " came after " +
@@ -543,6 +542,47 @@ void updateAgain(Supervisor& supervisor, Report& report)
     if (supervisor.job().isRepeatable && session.told["alone"].asInt() != 0) {
         report.add({FindingId::SoundImageRefused, "doUpdate" + describe(session.told, "alone") +
                                                       ", in a process that had asked no question"});
+    }
+}
+
+void updateUnreadImage(Supervisor& supervisor, Report& report)
+{
+    constexpr int kTimes = 3;
+    if (!supervisor.job().isRepeatable) {
+        return;
+    }
+    Machine machine;
+    const Watch holdingReads = {true, 0, 0, 0, false, true};
+    const Session session = supervisor.run(
+        machine,
+        [](Worker& worker) {
+            if (!worker.load()) {
+                return;
+            }
+            Worker::Update update = soundUpdate(worker);
+            update.where = "of an image that cannot be read";
+            worker.setContext(worker.job().caller, "");
+            worker.repeat("doUpdate " + update.where, kTimes, [&] {
+                const auto returned = worker.updateUnread(update);
+                tellReturned(worker, "unread", returned);
+                return returned && returned->result != 0;
+            });
+        },
+        holdingReads);
+    report.add(session.findings);
+    if (session.death) {
+        report.add(*session.death);
+        supervisor.avoid(session);
+    }
+    if (!session.told.isMember("unread")) {
+        return;
+    }
+    const std::string why = whyNoCause(session.told["unreadError"].asInt());
+    if (session.told["unread"].asInt() == 0) {
+        report.add({FindingId::AbsentImageAccepted,
+                    "doUpdate returned 0, although every read of the image had failed (EIO)"});
+    } else if (!why.empty()) {
+        report.add({FindingId::SilentFailure, "doUpdate of an image that cannot be read (EIO) " + why});
     }
 }
 

@@ -30,6 +30,9 @@ void updateInOneProcess(Supervisor& supervisor, Report& report);
 // The notice that the pass is over, while a write is at work.
 void updateUnderNotices(Supervisor& supervisor, Report& report);
 
+// An image of which every read fails.
+void updateUnreadImage(Supervisor& supervisor, Report& report);
+
 // Questions from another thread, while a write is at work: as after a time-out.
 void updateUnderQuestions(Supervisor& supervisor, Report& report);
 

@@ -146,8 +146,7 @@ std::string whyNoCause(int error)
         return "left errno 0";
     }
     const bool isOfTidyingUp = std::find(std::begin(kErrors), std::end(kErrors), error) != std::end(kErrors);
-    return isOfTidyingUp ? "left errno \"" + errorName(error) + "\", which is of what it did behind that"
-                         : "";
+    return isOfTidyingUp ? "left errno \"" + errorName(error) + "\", which is no cause of that" : "";
 }
 
 std::string entryPointOf(const std::string& call)
@@ -704,9 +703,9 @@ std::optional<std::string> Worker::activeVersion(const std::string& where)
 std::optional<std::string> Worker::activeVersionUnread(const std::string& where)
 {
     box_.failedReads = 0;
-    box_.areReadsFailing = true;
+    box_.failingReads = BlackBox::kOfHardware;
     std::optional<std::string> version = activeVersion(where);
-    box_.areReadsFailing = false;
+    box_.failingReads = BlackBox::kNone;
     return box_.failedReads > 0 ? version : std::nullopt;
 }
 
@@ -874,6 +873,15 @@ std::optional<Returned> Worker::updateWithFault(const Fault& fault, const Update
     box_.failingFlush = 0;
     box_.failingWrite = 0;
     return returned;
+}
+
+std::optional<Returned> Worker::updateUnread(const Update& update)
+{
+    box_.failedReads = 0;
+    box_.failingReads = BlackBox::kOfImage;
+    const std::optional<Returned> returned = callUpdate(callName("doUpdate", update.where), update);
+    box_.failingReads = BlackBox::kNone;
+    return box_.failedReads > 0 ? returned : std::nullopt;
 }
 
 // Nothing when it is not told, or the update does not run any more.

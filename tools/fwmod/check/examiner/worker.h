@@ -103,6 +103,10 @@ public:
     };
     std::optional<Returned> updateWithFault(const Fault& fault, const Update& update);
 
+    // The same where every read of the image fails. Nothing, too, where there was none. For a session that
+    // holds reads.
+    std::optional<Returned> updateUnread(const Update& update);
+
     bool isAnySuspect(const std::string& entryPoint) const; // whether some call of it has ended a session
 
     // Asks several times and sees whether descriptors get lost. False when it was not answered.
