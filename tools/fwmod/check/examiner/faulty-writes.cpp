@@ -192,8 +192,7 @@ Session runWith(Supervisor& supervisor, Machine& machine, const Script& script, 
 
 std::string nameOf(const Session& session, unsigned int write)
 {
-    const SeenWrite& seen = session.writes.all[write - 1];
-    return seen.call + " to " + seen.path;
+    return session.writes.all[write - 1].inWords();
 }
 
 // The fault came where it should.
@@ -237,6 +236,50 @@ void failWrite(Supervisor& supervisor, Report& report)
     } else if (told.isMember("again") && told["again"].asInt() != 0) {
         report.add({FindingId::NoUpdateAfterRefusal, "doUpdate after one in which " + what + " failed" +
                                                          " returned " + told["again"].asString()});
+    }
+}
+
+// The hardware has the offered firmware by then, and another image is to come.
+void updateAndFailNext(Worker& worker)
+{
+    const Job& job = worker.job();
+    const bool hasOther = !job.otherImage.empty() && !job.isExternal;
+    worker.overlookManners();
+    if (!worker.load()) {
+        return;
+    }
+    worker.setContext(job.caller, "");
+    const auto first = worker.update({job.image, job.checksum, false, ""});
+    if (!first || first->result != 0) {
+        return;
+    }
+    worker.setContext(job.caller, "");
+    const auto second = worker.updateWithFault({false, job.faults.middleWrite},
+                                               {hasOther ? job.otherImage : job.image,
+                                                hasOther ? job.otherChecksum : job.checksum, false,
+                                                "behind another one, with a write that fails"});
+    if (second) {
+        worker.tell("second", second->result);
+    }
+    tellVersion(worker, "after an update and one with a write that failed");
+}
+
+// What the library knows of the hardware may be of before the first update.
+void failNextUpdate(Supervisor& supervisor, Report& report)
+{
+    const Job& job = supervisor.job();
+    Machine machine;
+    const Session session = runWith(supervisor, machine, updateAndFailNext, {true}, report);
+    const auto failed = std::find_if(session.writes.all.begin(), session.writes.all.end(),
+                                     [](const SeenWrite& write) { return write.hasFailed; });
+    const std::string version = session.told["version"].asString();
+    const bool isOlder = version.empty() || (version == job.versionBefore && version != job.versionAfter);
+    if (failed != session.writes.all.end() && session.told["second"].asInt() != 0 && isOlder) {
+        report.add({FindingId::OldFirmwareGone,
+                    "in a second update of one process, in which " + failed->inWords() +
+                        " failed, the firmware of the first one was lost: the version is " +
+                        (version.empty() ? "not told" : quote(version)) + " instead of " +
+                        quote(job.versionAfter)});
     }
 }
 
@@ -381,7 +424,7 @@ void updateWithFaults(Worker& worker)
 
 void judgeFault(const SeenWrite& write, const Json::Value& told, const Job& job, Report& report)
 {
-    const std::string what = write.call + " to " + write.path;
+    const std::string what = write.inWords();
     const std::string version = told["version"].asString();
     if (told["result"].asInt() == 0) {
         // After a flush that failed nobody knows what the hardware has, and the next one does not tell it,
@@ -424,6 +467,7 @@ void updateFaultyHardware(Supervisor& supervisor, Report& report)
     }
     if (job.faults.middleWrite != 0) {
         failWrite(supervisor, report);
+        failNextUpdate(supervisor, report);
     }
     spoilWrites(supervisor, report);
     if (!job.faults.flushes.empty() || !job.faults.keyWrites.empty()) {
