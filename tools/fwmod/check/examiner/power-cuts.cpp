@@ -488,7 +488,7 @@ void updateAfterAnotherImage(Supervisor& supervisor, Report& report)
     }
     if (isGiven && !isCut) {
         report.notes.emplace_back(
-            "The other image was refused before it was written, so no update with it was cut.");
+            "No update with the other image was cut: it was refused, or had fewer writes than the offered one.");
     }
 }
 
