@@ -13,8 +13,8 @@
 #include "tools/fwmod/check/examiner/machine/hardware-copy.h"
 #include "tools/fwmod/check/examiner/machine/held-image.h"
 #include "tools/fwmod/check/examiner/machine/plain-files.h"
-#include "tools/fwmod/check/examiner/updates.h"
-#include "tools/fwmod/check/examiner/worker.h"
+#include "tools/fwmod/check/examiner/updates/updates.h"
+#include "tools/fwmod/check/examiner/worker/worker.h"
 
 namespace fwmod::examiner
 {

@@ -20,7 +20,7 @@
 #include "tools/fwmod/check/examiner/mapped-hardware.h"
 #include "tools/fwmod/check/examiner/power-cuts.h"
 #include "tools/fwmod/check/examiner/questions.h"
-#include "tools/fwmod/check/examiner/updates.h"
+#include "tools/fwmod/check/examiner/updates/updates.h"
 #include "tools/fwmod/check/protocol/job.h"
 #include "tools/fwmod/check/protocol/report.h"
 

@@ -14,7 +14,7 @@
 #include "tools/fwmod/check/examiner/machine/held-image.h"
 #include "tools/fwmod/check/examiner/machine/plain-files.h"
 #include "tools/fwmod/check/examiner/power-cuts.h"
-#include "tools/fwmod/check/examiner/worker.h"
+#include "tools/fwmod/check/examiner/worker/worker.h"
 
 namespace fwmod::examiner
 {

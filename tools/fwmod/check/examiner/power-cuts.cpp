@@ -15,8 +15,9 @@
 #include "tools/fwmod/check/examiner/flush-order.h"
 #include "tools/fwmod/check/examiner/machine/held-image.h"
 #include "tools/fwmod/check/examiner/machine/plain-files.h"
-#include "tools/fwmod/check/examiner/updates.h"
-#include "tools/fwmod/check/examiner/worker.h"
+#include "tools/fwmod/check/examiner/updates/odd-images.h"
+#include "tools/fwmod/check/examiner/updates/updates.h"
+#include "tools/fwmod/check/examiner/worker/worker.h"
 
 namespace fwmod::examiner
 {

@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "tools/fwmod/check/examiner/worker.h"
+#include "tools/fwmod/check/examiner/worker/worker.h"
 
 namespace fwmod::examiner
 {

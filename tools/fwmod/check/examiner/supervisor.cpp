@@ -24,7 +24,7 @@
 #include "tools/fwmod/check/examiner/black-box.h"
 #include "tools/fwmod/check/examiner/machine/hardware-copy.h"
 #include "tools/fwmod/check/examiner/mapped-hardware.h"
-#include "tools/fwmod/check/examiner/worker.h"
+#include "tools/fwmod/check/examiner/worker/worker.h"
 #include "tools/fwmod/check/protocol/report.h"
 
 namespace fwmod::examiner

@@ -1,7 +1,7 @@
 // Updates without a power cut: a sound image at the real pace, images that must be refused, and data in
 // memory that cannot be right.
-#ifndef TOOLS_FWMOD_CHECK_EXAMINER_UPDATES_H
-#define TOOLS_FWMOD_CHECK_EXAMINER_UPDATES_H
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_UPDATES_UPDATES_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_UPDATES_UPDATES_H
 
 #include "tools/fwmod/check/examiner/questions.h"
 #include "tools/fwmod/check/examiner/supervisor.h"
@@ -41,9 +41,6 @@ void updateFromElsewhere(Supervisor& supervisor, Report& report);
 
 void refuseImages(Supervisor& supervisor, Report& report);
 void refuseData(Supervisor& supervisor, Report& report);
-
-// Of an image, as the daemon computes it.
-unsigned long checksumOf(const std::string& image);
 
 // What a session tells about the installed version: "version" and, when one is offered, "verdict". For
 // scripts.

@@ -1,8 +1,8 @@
 // The library in a worker process: loaded and called as the daemon does, each call between two looks at what
 // belongs to the whole process. What is found goes to the supervisor at once, because the next call may be
 // the last.
-#ifndef TOOLS_FWMOD_CHECK_EXAMINER_WORKER_H
-#define TOOLS_FWMOD_CHECK_EXAMINER_WORKER_H
+#ifndef TOOLS_FWMOD_CHECK_EXAMINER_WORKER_WORKER_H
+#define TOOLS_FWMOD_CHECK_EXAMINER_WORKER_WORKER_H
 
 #include <array>
 #include <atomic>
@@ -117,6 +117,8 @@ private:
     std::optional<Returned> callUpdate(const std::string& name, const Update& update);
     void complainOfKeptImage(const std::string& name) const;
     void complainOfMoment(const std::string& name, const common::ProcessState& before) const;
+    struct Polling;
+    void pollProgress(const std::string& name, Polling& polling);
     int askDuringUpdate(const std::atomic<bool>& isOver);
     std::optional<unsigned int> progressDuringUpdate() const;
     void requireProgressKept(std::optional<unsigned int> before, const std::string& name);
