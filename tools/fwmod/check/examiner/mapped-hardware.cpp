@@ -163,7 +163,8 @@ public:
 
 private:
     void judgeFlush(const MappedFlush& flush);
-    void judgeEnd(const MappedFlush* last, const Machine& end);
+    void judgeEnd(const Session& session, const Machine& end);
+    void takeWritten(const Writes& writes, const Contents& now);
     void cut(FindingId id, const std::string& where, const Contents& now, const std::vector<Page>& all,
              const std::vector<Page>& kept);
     Session lookAt(const Contents& contents);
@@ -252,13 +253,31 @@ std::size_t leftOutBy(const MappedFlush& last, const Contents& now, const std::v
     }));
 }
 
-void MappedCuts::judgeEnd(const MappedFlush* last, const Machine& end)
+// What was written by calls is judged as such.
+void MappedCuts::takeWritten(const Writes& writes, const Contents& now)
 {
+    for (const SeenWrite& write : writes.all) {
+        const auto content = now.find(write.path);
+        if (write.bytes == 0 || !write.position || content == now.end()) {
+            continue;
+        }
+        const std::uint64_t end =
+            std::min<std::uint64_t>(*write.position + write.bytes, content->second.size());
+        for (std::uint64_t at = *write.position / kPage * kPage; at < end; at += kPage) {
+            durable_[write.path].replace(at, kPage, content->second, at, kPage);
+        }
+    }
+}
+
+void MappedCuts::judgeEnd(const Session& session, const Machine& end)
+{
+    const MappedFlush* const last = session.mappedFlushes.empty() ? nullptr : &session.mappedFlushes.back();
     Contents now;
     for (const auto& [path, content] : durable_) {
         now[path] = contentOf(end.file(path));
         now[path].resize(content.size());
     }
+    takeWritten(session.writes, now);
     const std::vector<Page> open = changedPages(durable_, now, {});
     if (report_.has(FindingId::NotFlushed) || open.empty()) {
         return;
@@ -286,7 +305,7 @@ void MappedCuts::judge(const Session& session, const Machine& end)
     for (const MappedFlush& flush : session.mappedFlushes) {
         judgeFlush(flush);
     }
-    judgeEnd(session.mappedFlushes.empty() ? nullptr : &session.mappedFlushes.back(), end);
+    judgeEnd(session, end);
 }
 } // namespace
 
