@@ -223,8 +223,11 @@ void Examination::addOther()
     }
     job_.otherDirectory = kOther;
     job_.otherImage = job_.isExternal ? job_.name : std::string(kOther) + "/" + image;
-    if (!job_.isExternal) {
-        job_.otherChecksum = requireInformation(directory, image, request_.other).values.crc;
+    const bool isInformed = fs::exists(directory / "info.json") && fs::exists(directory / image);
+    if (!job_.isExternal || isInformed) {
+        const InformationReport report = requireInformation(directory, image, request_.other);
+        job_.otherChecksum = job_.isExternal ? 0 : report.values.crc;
+        job_.otherVersion = report.values.version;
     }
 }
 

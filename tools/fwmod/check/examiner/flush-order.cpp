@@ -1,6 +1,7 @@
 #include "tools/fwmod/check/examiner/flush-order.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <fcntl.h>
 #include <set>
 #include <sys/stat.h>
@@ -298,13 +299,17 @@ bool loseName(const SeenWrite& naming, const Machine& machine)
     const fs::path before = naming.path; // on the set's own hardware, from which machines are made
     std::error_code error;
     const fs::file_status had = fs::symlink_status(before, error);
+    const fs::path other = machine.file(naming.source);
+    if (naming.call == "renameat2" && wasThere(before) && fs::exists(fs::symlink_status(other, error))) {
+        return renameat2(AT_FDCWD, now.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0;
+    }
     if (fs::is_directory(had) || !fs::exists(fs::symlink_status(now, error))) {
         return false;
     }
     if (naming.call.rfind("rename", 0) == 0) {
         const fs::path source = machine.file(naming.source);
         if (fs::exists(fs::symlink_status(source, error))) {
-            return false; // the two names were exchanged
+            return false; // made anew
         }
         fs::rename(now, source, error);
     } else {

@@ -143,6 +143,19 @@ bool isToldTooEarly(const Session& cut, const Session& look, const Job& job)
            !isNearlyAll(cut, job);
 }
 
+// Also when the daemon has asked it: with the first question a library may put back what it has kept of the
+// old firmware in a form of its own.
+bool isOldGoneForGood(Supervisor& supervisor, const Machine& machine)
+{
+    if (!isOldFirmwareGone(machine)) {
+        return false;
+    }
+    Machine asked;
+    takeHardware(machine, asked);
+    supervisor.run(asked, lookAtEnd);
+    return isOldFirmwareGone(asked);
+}
+
 // ---- What no flush had followed ----
 
 // The version after the same cut, where those writes have not reached the hardware.
@@ -158,6 +171,27 @@ std::string versionWithout(Supervisor& supervisor, unsigned int cutAt, const std
     return supervisor.run(machine, lookAtEnd).told["version"].asString();
 }
 
+// Of its place in the file nothing else was written: what it had before is what a cut leaves there.
+bool isWrittenOnce(const SeenWrite& write, const Writes& writes)
+{
+    return std::count_if(writes.all.begin(), writes.all.end(), [&](const SeenWrite& each) {
+               return each.path == write.path && each.bytes > 0 &&
+                      (!each.position || (*each.position < *write.position + write.bytes &&
+                                          *write.position < *each.position + each.bytes));
+           }) == 1;
+}
+
+// What keeps the hardware from answering after the same cut, where that write alone has not reached it.
+std::string whyNoAnswerWithout(Supervisor& supervisor, unsigned int cutAt, const SeenWrite& lost)
+{
+    Machine machine;
+    if (!supervisor.run(machine, updateUntilCut, {true, cutAt}).isCut) {
+        return "";
+    }
+    lose(lost, machine);
+    return whyNoAnswer(supervisor.run(machine, startAgain), supervisor.job());
+}
+
 // The new version is told, and whether that comes of the last write: the ones before it may be lost, and it
 // not. Only looked at where some of them were not flushed. `machine` is the hardware after the cut.
 std::optional<Finding> judgeOrder(Supervisor& supervisor, const Session& cut, unsigned int cutAt,
@@ -171,7 +205,17 @@ std::optional<Finding> judgeOrder(Supervisor& supervisor, const Session& cut, un
     const auto content = std::find_if(open.rbegin() + 1, open.rend(), [&](const SeenWrite& write) {
         return write.isOfFirmware() && !isHandedOver(write, open, {}, machine);
     });
-    if (content == open.rend() || versionWithout(supervisor, cutAt, open) == job.versionAfter ||
+    if (content == open.rend()) {
+        return std::nullopt;
+    }
+    const std::string noAnswer =
+        isWrittenOnce(*content, cut.writes) ? whyNoAnswerWithout(supervisor, cutAt, *content) : "";
+    if (!noAnswer.empty()) {
+        return Finding{FindingId::NotFlushed,
+                       "after a power cut that lost a " + content->call + " to " + content->path +
+                           ", which no flush had followed, and kept what came after it: " + noAnswer};
+    }
+    if (versionWithout(supervisor, cutAt, open) == job.versionAfter ||
         versionWithout(supervisor, cutAt, {*content}) != job.versionAfter) {
         return std::nullopt; // a spare copy, or the version is told of whole firmware alone
     }
@@ -189,7 +233,7 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
     if (!cut.isCut) {
         return std::nullopt;
     }
-    const bool isOldGone = isNearlyAll(cut, job) && isOldFirmwareGone(machine);
+    const bool isOldGone = isNearlyAll(cut, job) && isOldGoneForGood(supervisor, machine);
     const Session look = supervisor.run(machine, startAgain);
     const std::string noAnswer = whyNoAnswer(look, job);
     if (!noAnswer.empty()) {
@@ -209,7 +253,7 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
                                 ", and hardly anything of what the hardware held before is there"});
     }
     if (version == job.versionAfter && version != job.versionBefore && findings.empty() &&
-        !std::exchange(isOrderJudged, true)) {
+        (!std::exchange(isOrderJudged, true) || write == *job.cuts.rbegin())) {
         if (const std::optional<Finding> order = judgeOrder(supervisor, cut, write, machine)) {
             findings.push_back(*order);
         }
@@ -254,8 +298,7 @@ std::set<unsigned int> secondCuts(const Job& job)
 std::optional<Finding> cutAgain(Supervisor& supervisor, const Machine& first, unsigned int write)
 {
     Machine machine;
-    std::filesystem::remove_all(machine.file("/var"));
-    copyTree(first.file("/var"), machine.file("/var"));
+    takeHardware(first, machine);
     if (!supervisor.run(machine, updateUntilCut, {true, write}).isCut) {
         return std::nullopt;
     }
@@ -370,6 +413,17 @@ struct OtherImage {
     std::string what;                // in words
 };
 
+// A cut may have come when that image counted already: it is no remains, and no older than the offered one.
+bool isWholeFirmware(Supervisor& supervisor, const Machine& machine)
+{
+    const std::string& version = supervisor.job().otherVersion;
+    Machine asked;
+    takeHardware(machine, asked);
+    const Session look = version.empty() ? Session() : supervisor.run(asked, lookAtEnd);
+    return !version.empty() && look.told["version"].asString() == version && look.told.isMember("verdict") &&
+           look.told["verdict"].asInt() <= 0;
+}
+
 // Nothing, too, when the library refuses that image.
 std::optional<Finding> cutOtherImage(Supervisor& supervisor, const OtherImage& other, unsigned int write,
                                      bool& isCut)
@@ -389,9 +443,11 @@ std::optional<Finding> cutOtherImage(Supervisor& supervisor, const OtherImage& o
         return std::nullopt;
     }
     isCut = true;
+    if (isWholeFirmware(supervisor, first)) {
+        return std::nullopt;
+    }
     Machine machine; // with the offered image again
-    std::filesystem::remove_all(machine.file("/var"));
-    copyTree(first.file("/var"), machine.file("/var"));
+    takeHardware(first, machine);
     return updateOverRemains(supervisor, machine, 1,
                              "after an update with " + other.what + " that was cut at write " +
                                  std::to_string(write) + ", ");
@@ -408,6 +464,15 @@ OtherImage changedImage(const Job& job, const Machine& place)
     }
     overwrite(file, image);
     return {file, checksumOf(image), "", "another image of the same length"};
+}
+
+// What was written counts already: a journal, or all of it where a spare copy follows. To change that is no
+// matter of what another image has left.
+bool isNewFirmware(Supervisor& supervisor, const Machine& machine)
+{
+    Machine asked;
+    takeHardware(machine, asked);
+    return supervisor.run(asked, lookAtEnd).told["version"].asString() == supervisor.job().versionAfter;
 }
 
 std::optional<Finding> updateOverChanged(Supervisor& supervisor, Machine& machine, const SeenWrite& block)
@@ -431,15 +496,17 @@ std::optional<Finding> changeRemains(Supervisor& supervisor)
     if (!cut.isCut || !last) {
         return std::nullopt;
     }
-    for (const SeenWrite& block : carriedBlocks(cut.writes, *last, machine, imageOf(supervisor.job()))) {
+    std::vector<SeenWrite> blocks = carriedBlocks(cut.writes, *last, machine, imageOf(supervisor.job()));
+    blocks.push_back(*last);
+    for (const SeenWrite& block : blocks) {
         Machine other;
-        std::filesystem::remove_all(other.file("/var"));
-        copyTree(machine.file("/var"), other.file("/var"));
-        if (const std::optional<Finding> finding = updateOverChanged(supervisor, other, block)) {
-            return finding;
+        takeHardware(machine, other);
+        const std::optional<Finding> finding = updateOverChanged(supervisor, other, block);
+        if (finding) {
+            return isNewFirmware(supervisor, machine) ? std::nullopt : finding;
         }
     }
-    return updateOverChanged(supervisor, machine, *last);
+    return std::nullopt;
 }
 } // namespace
 
@@ -515,7 +582,7 @@ std::optional<Finding> loseSelecting(Supervisor& supervisor, unsigned int cutAt,
     } else {
         lose(lost, machine);
     }
-    const bool isOldGone = isOldFirmwareGone(machine);
+    const bool isOldGone = isOldGoneForGood(supervisor, machine);
     const Session look = supervisor.run(machine, startAgain);
     std::string why = whyNoAnswer(look, job);
     if (why.empty() && isOldGone && look.told["version"].asString() == job.versionBefore) {

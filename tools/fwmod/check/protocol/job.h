@@ -27,6 +27,7 @@ struct Job {
     std::string otherImage;     // another sound one, for leftovers; "" when there is none
     std::string otherDirectory; // that it is in
     std::uint64_t otherChecksum = 0;
+    std::string otherVersion;                   // "" where it is not known
     std::optional<std::string> version;         // offered
     unsigned int expectedTime = 0;              // seconds
     int caller = 0;                             // of setContext

@@ -96,6 +96,7 @@ void exchange(Exchange& member, Job& job)
     member("otherImage", job.otherImage);
     member("otherDirectory", job.otherDirectory);
     member("otherChecksum", job.otherChecksum);
+    member("otherVersion", job.otherVersion);
     member("version", job.version);
     member("expectedTime", job.expectedTime);
     member("caller", job.caller);

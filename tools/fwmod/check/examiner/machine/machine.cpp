@@ -251,4 +251,10 @@ pid_t Machine::boot(const std::function<void()>& worker, int* status)
     }
     return keeper;
 }
+
+void takeHardware(const Machine& from, const Machine& to)
+{
+    fs::remove_all(to.file("/var"));
+    copyTree(from.file("/var"), to.file("/var"));
+}
 } // namespace fwmod::examiner

@@ -61,6 +61,9 @@ void copyEntry(const std::filesystem::path& from, const std::filesystem::path& t
 // Copies directories, files and links with their owners and modes.
 void copyTree(const std::filesystem::path& from, const std::filesystem::path& to);
 
+// The same hardware on another machine.
+void takeHardware(const Machine& from, const Machine& to);
+
 } // namespace fwmod::examiner
 
 #endif
