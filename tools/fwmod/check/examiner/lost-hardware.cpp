@@ -75,7 +75,10 @@ void askOnce(Worker& worker, const std::string& where)
     });
     if (worker.job().version) {
         worker.repeat("checkVersion " + where, kTimes, [&] {
-            worker.checkVersion(*worker.job().version, where);
+            const auto verdict = worker.checkVersion(*worker.job().version, where);
+            if (verdict && verdict->result == 0 && verdict->verdict > 0) {
+                worker.tell("newer " + where, true);
+            }
             return true;
         });
     }
@@ -159,6 +162,11 @@ std::uintmax_t sizeOfHardware(const Machine& machine)
 void judgeAnswers(const Session& session, const std::string& version, Report& report)
 {
     for (const char* where : {kAbsent, kTakenAway}) {
+        if (session.told.isMember(std::string("newer ") + where) && !session.told.isMember(where)) {
+            report.add({FindingId::AbsentToldAsNew,
+                        std::string("checkVersion ") + where +
+                            " said that the offered version is newer, and getActiveVersion fails"});
+        }
         const std::string told = session.told[where].asString();
         if (told != version && !told.empty() && !isVersionOfNothing(told)) {
             report.add({FindingId::ToldWithoutHardware,

@@ -67,7 +67,7 @@ std::string versionOf(const std::vector<unsigned int>& parts)
 }
 
 struct Comparison {
-    enum Form { kPlain, kLeadingZero, kLong, kLargeNumber, kMoreParts };
+    enum Form { kPlain, kLeadingZero, kLong, kLargeNumber, kOtherParts };
     std::string offered;
     bool isNewer; // than the installed version
     Form form = kPlain;
@@ -95,8 +95,8 @@ void offerMiddleParts(const std::vector<unsigned int>& installed, std::vector<Co
     }
 }
 
-// Numbers that are too large for a byte, two or four, or for their place in a sum; and up to three numbers
-// more than there are. They may be refused.
+// Numbers that are too large for a byte, two or four, or for their place in a sum; up to three numbers more
+// than there are, and one alone. They may be refused.
 void offerLargeNumbers(const std::vector<unsigned int>& installed, std::vector<Comparison>& all)
 {
     constexpr std::uint64_t kByte = 256;
@@ -105,8 +105,9 @@ void offerLargeNumbers(const std::vector<unsigned int>& installed, std::vector<C
         all.push_back({head + std::to_string(wrap + installed.back()), true, Comparison::kLargeNumber});
     }
     for (const char* more : {".1", ".0.1", ".0.0.1"}) {
-        all.push_back({versionOf(installed) + more, true, Comparison::kMoreParts});
+        all.push_back({versionOf(installed) + more, true, Comparison::kOtherParts});
     }
+    all.push_back({std::to_string(installed.front() + 1), true, Comparison::kOtherParts});
     if (installed.size() < 2 || installed.front() == 0) {
         return;
     }
@@ -304,14 +305,18 @@ void askAboutNonsense(Worker& worker, const std::string& installed)
         const std::vector<std::string> nearly = nearlyVersions(numbers);
         all.insert(all.end(), nearly.begin(), nearly.end());
     }
-    for (const std::string& nonsense : all) {
-        const auto verdict = worker.checkVersion(nonsense);
-        if (verdict && verdict->result == 0) {
-            worker.found(FindingId::NonsenseAccepted, "checkVersion(" + quote(nonsense) + ") wrote " +
-                                                          std::to_string(verdict->verdict) +
-                                                          " and returned 0");
+    constexpr int kTwice = 2; // what each of them loses is to be seen
+    worker.repeat("checkVersion of texts that are no versions", kTwice, [&] {
+        for (const std::string& nonsense : all) {
+            const auto verdict = worker.checkVersion(nonsense);
+            if (verdict && verdict->result == 0) {
+                worker.found(FindingId::NonsenseAccepted, "checkVersion(" + quote(nonsense) + ") wrote " +
+                                                              std::to_string(verdict->verdict) +
+                                                              " and returned 0");
+            }
         }
-    }
+        return true;
+    });
     if (!numbers.empty() && isLetterMinded(worker, numbers) && isLetterMinded(worker, numbers + ".0")) {
         askAboutLongNonsense(worker, numbers);
     }
@@ -330,6 +335,17 @@ void askAboutNonsense(Worker& worker, const std::string& installed)
     }
 }
 
+// There was no update yet.
+bool askEarlyProgress(Worker& worker, const std::string& where)
+{
+    const auto percent = worker.progress(where);
+    if (percent && *percent > 0 && *percent <= 100) {
+        worker.found(FindingId::EarlyProgress, "getUpdateProgress" + (where.empty() ? "" : " " + where) +
+                                                   " told " + std::to_string(*percent));
+    }
+    return percent.has_value();
+}
+
 void askOptional(Worker& worker)
 {
     if (worker.has("getExpectedTime")) {
@@ -343,13 +359,7 @@ void askOptional(Worker& worker)
         });
     }
     if (worker.has("getUpdateProgress")) {
-        worker.repeat("getUpdateProgress", kTimesEach, [&] {
-            const auto percent = worker.progress();
-            if (percent && *percent > 0 && *percent <= 100) {
-                worker.found(FindingId::EarlyProgress, "getUpdateProgress told " + std::to_string(*percent));
-            }
-            return percent.has_value();
-        });
+        worker.repeat("getUpdateProgress", kTimesEach, [&] { return askEarlyProgress(worker, ""); });
     }
     if (worker.has("allUpdateDone")) {
         worker.repeat("allUpdateDone", kTimesEach, [&] {
@@ -390,7 +400,7 @@ void askOnAnotherThread(Worker& worker, SameText& identifier, SameText& version)
             askAboutInstalledOnce(worker, *version.text(), where);
         }
         if (worker.has("getUpdateProgress")) {
-            worker.progress(where);
+            askEarlyProgress(worker, worker.has("allUpdateDone") ? "after allUpdateDone" : where);
         }
         if (worker.has("allUpdateDone")) {
             worker.allUpdateDone(where);

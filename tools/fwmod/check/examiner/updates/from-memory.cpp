@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <limits>
 #include <vector>
 
 #include "common/files/whole-file.h"
@@ -27,6 +28,7 @@ std::vector<Data> impossibleData(const Job& job)
 {
     std::vector<Data> all = {{"64 bytes too few", "", -64, true},
                              {"one byte too few", "", -1, true},
+                             {"the least of all lengths", "", std::numeric_limits<int>::min(), true},
                              {"no data", "", 0, true},
                              {"one byte", noise(1), 1, true},
                              {"noise", noise(4096), 4096, true}};
