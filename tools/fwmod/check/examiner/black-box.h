@@ -36,7 +36,7 @@ struct BlackBox {
     // How far a watched update is. Writes count while it runs, and are late while its remains settle.
     enum Phase { kBefore, kRunning, kSettling, kOver };
 
-    enum Reads { kNone, kOfHardware, kOfImage };
+    enum Reads { kNone, kOfHardware, kOfWritten, kOfImage }; // the third: behind an update's first write
 
     Call calls[kThreads];
     std::atomic<int> phase;

@@ -1,6 +1,7 @@
 #include "tools/fwmod/check/examiner/faulty-writes.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
 #include <map>
@@ -13,7 +14,7 @@
 #include "tools/fwmod/check/examiner/machine/hardware-copy.h"
 #include "tools/fwmod/check/examiner/machine/held-image.h"
 #include "tools/fwmod/check/examiner/machine/plain-files.h"
-#include "tools/fwmod/check/examiner/updates/updates.h"
+#include "tools/fwmod/check/examiner/updates/updating.h"
 #include "tools/fwmod/check/examiner/worker/worker.h"
 
 namespace fwmod::examiner
@@ -204,7 +205,11 @@ bool isReached(const Session& session, unsigned int write)
 // `what` has made doUpdate fail.
 void requireCause(const Json::Value& error, const std::string& what, Report& report)
 {
-    if (const std::string why = whyNoCause(error.asInt()); !why.empty()) {
+    std::string why = whyNoCause(error.asInt());
+    if (error.asInt() == EINVAL) { // of an image it would be one
+        why = "left errno \"" + errorName(EINVAL) + "\", which is no cause of that";
+    }
+    if (!why.empty()) {
         report.add({FindingId::SilentFailure, "doUpdate, in which " + what + ", " + why});
     }
 }
@@ -325,7 +330,9 @@ void spoilWrite(Supervisor& supervisor, unsigned int write, bool isImageOnly, Re
         return;
     }
     const std::string what = "one byte of " + nameOf(session, write) + " became another one";
-    const bool isRight = !isWrong(session, machine, job);
+    const std::string version = session.told["version"].asString();
+    const bool isLost = isSuccess(session) && !job.versionAfter.empty() && version != job.versionAfter;
+    const bool isRight = !isLost && !isWrong(session, machine, job);
     if (!isSuccess(session)) {
         // The last write of a file may be the one that makes it the active one: only then can it be wrong.
         judgeFailure(session, what, isRight || isImageOnly, job, report);
@@ -372,6 +379,9 @@ std::vector<Worker::Fault> faultsOf(const Job& job)
     while (!faults.empty() && faults.size() < kLeast) {
         faults.push_back(faults.back());
     }
+    if (!faults.empty() && job.faults.middleWrite != 0) {
+        faults.push_back({false, job.faults.middleWrite, true});
+    }
     return faults;
 }
 
@@ -403,9 +413,10 @@ void updateWithFaults(Worker& worker)
     OpenFiles first;
     for (const Worker::Fault& fault : faultsOf(job)) {
         worker.setContext(job.caller, "");
-        const auto returned = worker.updateWithFault(
-            fault, {job.image, job.checksum, false,
-                    fault.isFlush ? "with a flush that fails" : "with a write that fails"});
+        const auto returned = worker.updateWithFault(fault, {job.image, job.checksum, false,
+                                                             fault.isFlush    ? "with a flush that fails"
+                                                             : fault.isUntold ? "with a write that goes wrong"
+                                                                              : "with a write that fails"});
         if (!returned) {
             return;
         }
@@ -417,20 +428,69 @@ void updateWithFaults(Worker& worker)
     }
     const std::string more = OpenFiles::now().moreThan(first);
     if (!more.empty()) {
-        worker.found(FindingId::DescriptorsLeft, "doUpdate, in which a write or a flush fails: " + more +
-                                                     " after " + std::to_string(update - 1) + " calls");
+        worker.found(FindingId::DescriptorsLeft,
+                     "doUpdate, in which a write or a flush fails or goes wrong: " + more + " after " +
+                         std::to_string(update - 1) + " calls");
     }
 }
 
-void judgeFault(const SeenWrite& write, const Json::Value& told, const Job& job, Report& report)
+// After a flush that failed nobody knows what the hardware has, and the next one of the same does not tell
+// it, either.
+Writes withoutFlush(const Writes& writes, const SeenWrite& failed)
 {
+    Writes rest = writes;
+    bool hasFailed = false;
+    const auto isVain = [&](const SeenWrite& write) {
+        hasFailed = hasFailed || write.hasFailed;
+        return hasFailed && write.isFlush() && (write.path == failed.path || write.path.empty());
+    };
+    rest.all.erase(std::remove_if(rest.all.begin(), rest.all.end(), isVain), rest.all.end());
+    return rest;
+}
+
+// Whether the new firmware is whole without all that this flush was to bring: a spare copy, or what was
+// removed behind the update.
+bool isSpareFlush(Supervisor& supervisor, const SeenWrite& failed, unsigned int flush)
+{
+    const Job& job = supervisor.job();
+    Machine machine;
+    if (failed.call == "msync" || job.holders.empty()) {
+        return false; // what was to be flushed cannot be told
+    }
+    const Session session = supervisor.run(
+        machine,
+        [flush](Worker& worker) {
+            worker.overlookManners();
+            if (worker.load()) {
+                worker.setContext(worker.job().caller, "");
+                worker.updateWithFault({true, flush}, {worker.job().image, worker.job().checksum, false, ""});
+            }
+        },
+        {true});
+    const Writes writes = withoutFlush(session.writes, failed);
+    if (session.death || writes.all.size() == session.writes.all.size()) {
+        return false;
+    }
+    const Machine rest;
+    takeHardware(machine, rest);
+    for (const SeenWrite& write : unflushedContent(writes)) {
+        lose(write, rest);
+    }
+    Report lost;
+    judgeEnd(supervisor, machine, writes, job.versionAfter, "", lost);
+    return lost.findings.empty() && isHeld(rest, imageOf(job), job.holders);
+}
+
+// `flush`: its number among those, from 1; 0 for a write.
+void judgeFault(Supervisor& supervisor, const SeenWrite& write, unsigned int flush, const Json::Value& told,
+                Report& report)
+{
+    const Job& job = supervisor.job();
     const std::string what = write.inWords();
     const std::string version = told["version"].asString();
     if (told["result"].asInt() == 0) {
-        // After a flush that failed nobody knows what the hardware has, and the next one does not tell it,
-        // either.
-        const bool isLost = write.isFlush() || version != job.versionAfter || !told["held"].asBool();
-        if (isLost) {
+        const bool isLost = version != job.versionAfter || !told["held"].asBool();
+        if (isLost || (write.isFlush() && !isSpareFlush(supervisor, write, flush))) {
             report.add({FindingId::ImageNotWritten, "doUpdate returned 0, although " + what + " had failed"});
         }
         return;
@@ -450,11 +510,34 @@ void failOneByOne(Supervisor& supervisor, Report& report)
 {
     Machine machine;
     const Session session = runWith(supervisor, machine, updateWithFaults, {true}, report);
+    const std::vector<Worker::Fault> faults = faultsOf(supervisor.job());
     for (const SeenWrite& write : session.writes.all) {
         const Json::Value& told = session.told[resultOf(write.update)];
         if (write.hasFailed && told.isObject()) {
-            judgeFault(write, told, supervisor.job(), report);
+            const Worker::Fault& fault = faults.at(write.update - 1);
+            judgeFault(supervisor, write, fault.isFlush ? fault.number : 0, told, report);
         }
+    }
+}
+
+// What cannot be read back is not verified.
+void failReadingBack(Supervisor& supervisor, Report& report)
+{
+    Machine machine;
+    const Watch holdingReads = {true, 0, 0, 0, false, true};
+    const auto script = [](Worker& worker) {
+        const Job& job = worker.job();
+        if (worker.load()) {
+            worker.setContext(job.caller, "");
+            tellReturned(worker, "unread",
+                         worker.updateUnverified(
+                             {job.image, job.checksum, false, "of hardware that cannot be read back"}));
+        }
+    };
+    const Session session = runWith(supervisor, machine, script, holdingReads, report);
+    if (session.told.isMember("unread") && session.told["unread"].asInt() == 0) {
+        report.add({FindingId::NotReadBack,
+                    "doUpdate returned 0, although every read of what it had written had failed (EIO)"});
     }
 }
 } // namespace
@@ -472,6 +555,9 @@ void updateFaultyHardware(Supervisor& supervisor, Report& report)
     spoilWrites(supervisor, report);
     if (!job.faults.flushes.empty() || !job.faults.keyWrites.empty()) {
         failOneByOne(supervisor, report);
+    }
+    if (!report.has(FindingId::NotReadBack)) {
+        failReadingBack(supervisor, report);
     }
 }
 } // namespace fwmod::examiner

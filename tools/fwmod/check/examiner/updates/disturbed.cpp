@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <optional>
 
+#include "tools/fwmod/check/examiner/flush-order.h"
 #include "tools/fwmod/check/examiner/machine/held-image.h"
 #include "tools/fwmod/check/examiner/updates/updating.h"
 
@@ -21,13 +22,25 @@ void updateWithNotices(Worker& worker)
     tellVersion(worker, "after an update with notices");
 }
 
+// One notice alone, as when the set is switched off: what it holds, nobody releases any more.
+void updateWithNotice(Worker& worker, unsigned int write)
+{
+    if (!worker.load() || !worker.has("allUpdateDone")) {
+        return;
+    }
+    const Worker::Update update = {worker.job().image, worker.job().checksum, false, "with a notice"};
+    worker.setContext(worker.job().caller, "");
+    tellReturned(worker, "update", worker.updateUnderNotice(write, update));
+    tellVersion(worker, "after an update with a notice");
+}
+
 // Nothing when the update has not minded.
 std::optional<Finding> judgeDisturbed(const Session& session, const Job& job, FindingId finding,
                                       const std::string& call)
 {
     const Json::Value& told = session.told;
     if (session.death) {
-        return session.death;
+        return Finding{finding, "with " + call + " during doUpdate, " + session.death->detail};
     }
     if (!told.isMember("update")) {
         return std::nullopt;
@@ -42,6 +55,50 @@ std::optional<Finding> judgeDisturbed(const Session& session, const Job& job, Fi
                                     quote(told["version"].asString())};
     }
     return std::nullopt;
+}
+} // namespace
+
+namespace
+{
+// What the notice has made the update leave out.
+std::optional<Finding> judgeHurried(const Session& session, const Machine& machine, const Job& job)
+{
+    const std::string what = "after allUpdateDone during doUpdate, which returned 0, ";
+    if (!job.holders.empty() && !isHeld(machine, imageOf(job), job.holders)) {
+        return Finding{FindingId::NoticeDisturbsUpdate, what + "the hardware does not hold the image"};
+    }
+    Report flushes;
+    judgeFlushes(session.writes, machine, flushes);
+    return flushes.findings.empty() ? std::nullopt
+                                    : std::optional(Finding{FindingId::NoticeDisturbsUpdate,
+                                                            what + flushes.findings.begin()->second.front()});
+}
+
+void updateUnderNotice(Supervisor& supervisor, unsigned int write, Report& report)
+{
+    const Job& job = supervisor.job();
+    Machine machine;
+    const Session session =
+        supervisor.run(machine, [write](Worker& worker) { updateWithNotice(worker, write); }, {true});
+    report.add(session.findings);
+    std::optional<Finding> seen =
+        judgeDisturbed(session, job, FindingId::NoticeDisturbsUpdate, "allUpdateDone");
+    if (session.death) {
+        report.add(*session.death);
+        supervisor.avoid(session);
+    } else if (!seen && session.told.isMember("update") && !report.has(FindingId::NotFlushed)) {
+        seen = judgeHurried(session, machine, job);
+    }
+    if (seen) {
+        report.add(*seen);
+    }
+    constexpr double kMost = 0.75; // of the writes: at the end it may be 100 by itself
+    const unsigned int jump = session.told["noticeJump"].asUInt();
+    if (session.told.isMember("noticeJump") && jump < kMost * session.writes.during) {
+        report.add({FindingId::FallingProgress,
+                    "getUpdateProgress rose to 100 at allUpdateDone during doUpdate, at write " +
+                        std::to_string(jump) + " of " + std::to_string(session.writes.during)});
+    }
 }
 } // namespace
 
@@ -61,6 +118,7 @@ void updateUnderNotices(Supervisor& supervisor, Report& report)
         const std::optional<Finding> seen =
             judgeDisturbed(session, supervisor.job(), FindingId::NoticeDisturbsUpdate, "allUpdateDone");
         if (session.death) {
+            report.add(*session.death);
             supervisor.avoid(session);
         }
         if (seen) {
@@ -73,6 +131,11 @@ void updateUnderNotices(Supervisor& supervisor, Report& report)
         }
         if (!session.told.isMember("update")) {
             return; // there is no allUpdateDone
+        }
+    }
+    for (const unsigned int write : {1U, supervisor.job().faults.middleWrite}) {
+        if (write != 0 && !report.has(FindingId::NoticeDisturbsUpdate)) {
+            updateUnderNotice(supervisor, write, report);
         }
     }
 }
@@ -104,10 +167,14 @@ void updateUnderQuestions(Supervisor& supervisor, Report& report)
         const bool isPolite = session.told["update"].asInt() != 0 && (error == EBUSY || error == EAGAIN);
         const std::optional<Finding> seen = judgeDisturbed(session, job, FindingId::QuestionDisturbsUpdate,
                                                            "getActiveVersion or checkVersion");
+        if (session.death) {
+            report.add(*session.death);
+        }
         if (seen && !isPolite) {
             return report.add(*seen);
         }
-        if (!job.holders.empty() && !isPolite && !isHeld(machine, imageOf(job), job.holders)) {
+        const bool isDone = session.told.isMember("update") && !isPolite;
+        if (!job.holders.empty() && isDone && !isHeld(machine, imageOf(job), job.holders)) {
             return report.add(
                 {FindingId::QuestionDisturbsUpdate,
                  "after getActiveVersion or checkVersion during doUpdate, which returned 0, the "

@@ -208,6 +208,22 @@ bool isFinishedAtExit(Supervisor& supervisor)
     return lookAgain(supervisor, machine).told["version"].asString() == supervisor.job().version;
 }
 
+// An update that has not worked may have waited for the notice that the pass is over, which comes after it.
+void judgeWaiting(Supervisor& supervisor, Report& report)
+{
+    Machine machine;
+    const Session session = supervisor.run(machine, [](Worker& worker) {
+        if (worker.load() && worker.has("allUpdateDone")) {
+            worker.setContext(worker.job().caller, "");
+            tellReturned(worker, "update", worker.updateUnderNotices(soundUpdate(worker)));
+        }
+    });
+    if (session.told.isMember("update") && session.told["update"].asInt() == 0) {
+        report.add({FindingId::NoticeDisturbsUpdate,
+                    "doUpdate returns 0 only when allUpdateDone is called meanwhile"});
+    }
+}
+
 // As far as the image is kept as it is.
 void judgeContent(const Machine& machine, const Job& job, Report& report)
 {
@@ -254,6 +270,9 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
     update.writes = session.writes;
     update.before = session.told["before"].asString();
     report.add(session.findings);
+    if (session.wasHang || session.told["result"].asInt() != 0) {
+        judgeWaiting(supervisor, report);
+    }
     if (session.death) {
         report.add(*session.death);
         supervisor.avoid(session);

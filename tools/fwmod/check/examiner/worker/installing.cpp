@@ -149,10 +149,13 @@ void Worker::complainOfKeptImage(const std::string& name) const
 
 std::optional<Returned> Worker::updateWithFault(const Fault& fault, const Update& update)
 {
-    (fault.isFlush ? box_.failingFlush : box_.failingWrite) = fault.number;
+    (fault.isFlush    ? box_.failingFlush
+     : fault.isUntold ? box_.spoiltWrite
+                      : box_.failingWrite) = fault.number;
     const std::optional<Returned> returned = callUpdate(callName("doUpdate", update.where), update);
     box_.failingFlush = 0;
     box_.failingWrite = 0;
+    box_.spoiltWrite = 0;
     return returned;
 }
 
@@ -160,6 +163,15 @@ std::optional<Returned> Worker::updateUnread(const Update& update)
 {
     box_.failedReads = 0;
     box_.failingReads = BlackBox::kOfImage;
+    const std::optional<Returned> returned = callUpdate(callName("doUpdate", update.where), update);
+    box_.failingReads = BlackBox::kNone;
+    return box_.failedReads > 0 ? returned : std::nullopt;
+}
+
+std::optional<Returned> Worker::updateUnverified(const Update& update)
+{
+    box_.failedReads = 0;
+    box_.failingReads = BlackBox::kOfWritten;
     const std::optional<Returned> returned = callUpdate(callName("doUpdate", update.where), update);
     box_.failingReads = BlackBox::kNone;
     return box_.failedReads > 0 ? returned : std::nullopt;
@@ -291,6 +303,49 @@ std::optional<Returned> Worker::updateUnderNotices(const Update& update)
     if (returned && returned->taken.count() > 0) {
         tell("noticeWaited", (longest - 2 * idle) / returned->taken.count());
     }
+    return returned;
+}
+
+// And looks at the progress from then on.
+void Worker::giveNotice(unsigned int write, const std::atomic<bool>& isOver)
+{
+    const std::string name = "allUpdateDone during doUpdate";
+    while (!isOver && (box_.phase != BlackBox::kRunning || box_.writes < write)) {
+        realSleep(100us);
+    }
+    if (isOver || isSuspect(name)) {
+        return;
+    }
+    const std::optional<unsigned int> before = progressDuringUpdate();
+    {
+        const CallMark mark(name.c_str(), updateLimit(job_) + kQuestionLimit);
+        allUpdateDone_();
+    }
+    const std::optional<unsigned int> after = progressDuringUpdate();
+    if (before && after && *before < 100 && *after == 100) {
+        tell("noticeJump", static_cast<unsigned int>(box_.writes));
+    }
+    requireProgressKept(before, name);
+    for (std::optional<unsigned int> highest = after; highest && !isOver; realSleep(200us)) {
+        requireProgressKept(highest, name);
+        highest = std::max(highest, progressDuringUpdate());
+    }
+}
+
+std::optional<Returned> Worker::updateUnderNotice(unsigned int write, const Update& update)
+{
+    std::atomic<bool> isOver{false};
+    std::thread notice([&] {
+        const CallingThread self(1);
+        try {
+            giveNotice(write, isOver);
+        } catch (...) {
+            found(FindingId::Exception, "allUpdateDone during doUpdate threw");
+        }
+    });
+    const std::optional<Returned> returned = callUpdate(callName("doUpdate", update.where), update);
+    isOver = true;
+    notice.join();
     return returned;
 }
 

@@ -92,16 +92,25 @@ public:
     // longest part of the update that one of those calls lasted, when that was over with the update.
     std::optional<Returned> updateUnderNotices(const Update& update);
 
+    // The same with one notice, when it has made so many writes. For a session that watches writes. Tells
+    // "noticeJump", the number of writes then, where the notice has set the progress to its end.
+    std::optional<Returned> updateUnderNotice(unsigned int write, const Update& update);
+
     // The same while getActiveVersion and checkVersion are called again and again on another thread, from its
     // first write on. Tells "asked", how often.
     std::optional<Returned> updateUnderQuestions(const Update& update);
 
-    // The same where one of its flushes, or of all its writes, fails.
+    // The same where one of its flushes, or of all its writes, fails, or a write goes wrong without a word.
     struct Fault {
         bool isFlush;
         unsigned int number; // from 1
+        bool isUntold = false;
     };
     std::optional<Returned> updateWithFault(const Fault& fault, const Update& update);
+
+    // The same where every read of the hardware fails that comes after the first write. Nothing, too, where
+    // there was none.
+    std::optional<Returned> updateUnverified(const Update& update);
 
     // The same where every read of the image fails. Nothing, too, where there was none. For a session that
     // holds reads.
@@ -122,6 +131,7 @@ private:
     int askDuringUpdate(const std::atomic<bool>& isOver);
     std::optional<unsigned int> progressDuringUpdate() const;
     void requireProgressKept(std::optional<unsigned int> before, const std::string& name);
+    void giveNotice(unsigned int write, const std::atomic<bool>& isOver);
     bool isSuspect(const std::string& call) const;
     std::optional<Returned> call(const std::string& name, std::chrono::milliseconds limit,
                                  const std::function<int()>& function);
