@@ -1,5 +1,5 @@
-// checkVersion counts numbers, takes any as newer where there is no hardware, and loses a file at an empty
-// one. finds: F217 F221 F310
+// checkVersion counts numbers; without hardware any is newer, and an empty text loses a file.
+// finds: F217 F221 F310
 #define OWN_compareVersion
 #include "base.h"
 

@@ -39,6 +39,9 @@ std::optional<Finding> judgeDisturbed(const Session& session, const Job& job, Fi
                                       const std::string& call)
 {
     const Json::Value& told = session.told;
+    if (session.death && finding == FindingId::QuestionDisturbsUpdate) {
+        return session.death; // the question itself may have ended
+    }
     if (session.death) {
         return Finding{finding, "with " + call + " during doUpdate, " + session.death->detail};
     }
@@ -167,9 +170,6 @@ void updateUnderQuestions(Supervisor& supervisor, Report& report)
         const bool isPolite = session.told["update"].asInt() != 0 && (error == EBUSY || error == EAGAIN);
         const std::optional<Finding> seen = judgeDisturbed(session, job, FindingId::QuestionDisturbsUpdate,
                                                            "getActiveVersion or checkVersion");
-        if (session.death) {
-            report.add(*session.death);
-        }
         if (seen && !isPolite) {
             return report.add(*seen);
         }

@@ -322,7 +322,10 @@ void Worker::giveNotice(unsigned int write, const std::atomic<bool>& isOver)
         allUpdateDone_();
     }
     const std::optional<unsigned int> after = progressDuringUpdate();
-    if (before && after && *before < 100 && *after == 100) {
+    if (before && *before >= 100) {
+        return; // of before the update, or at its end
+    }
+    if (before && after && *after == 100) {
         tell("noticeJump", static_cast<unsigned int>(box_.writes));
     }
     requireProgressKept(before, name);
