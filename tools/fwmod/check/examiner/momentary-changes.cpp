@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <filesystem>
+#include <fts.h>
+#include <ftw.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -50,6 +52,13 @@ std::string directory()
 {
     std::error_code gone;
     return std::filesystem::current_path(gone);
+}
+
+void noteWalk(const char* what, bool isChanging)
+{
+    if (isChanging && isLibraryCalling()) {
+        noteMoment(FindingId::WorkingDirectory, what);
+    }
 }
 
 std::string locale()
@@ -178,6 +187,39 @@ int watchedFchdir(int descriptor)
 {
     return watched(FindingId::WorkingDirectory, "fchdir", directory,
                    [&] { return original<int(int)>("fchdir")(descriptor); });
+}
+
+// Both walk through directories, and go into each of them by the C library's own way to the kernel.
+using WalkTree = int(const char*, void (*)(), int, int);
+
+int watchedNftw(const char* path, void (*visit)(), int most, int flags) INSTEAD_OF("nftw");
+int watchedNftw(const char* path, void (*visit)(), int most, int flags)
+{
+    noteWalk("nftw with FTW_CHDIR", (flags & FTW_CHDIR) != 0);
+    return original<WalkTree>("nftw")(path, visit, most, flags);
+}
+
+int watchedNftw64(const char* path, void (*visit)(), int most, int flags) INSTEAD_OF("nftw64");
+int watchedNftw64(const char* path, void (*visit)(), int most, int flags)
+{
+    noteWalk("nftw with FTW_CHDIR", (flags & FTW_CHDIR) != 0);
+    return original<WalkTree>("nftw64")(path, visit, most, flags);
+}
+
+using OpenTree = void*(char* const*, int, void (*)());
+
+void* watchedFtsOpen(char* const* paths, int options, void (*compare)()) INSTEAD_OF("fts_open");
+void* watchedFtsOpen(char* const* paths, int options, void (*compare)())
+{
+    noteWalk("fts_open without FTS_NOCHDIR", (options & (FTS_NOCHDIR | FTS_LOGICAL)) == 0);
+    return original<OpenTree>("fts_open")(paths, options, compare);
+}
+
+void* watchedFts64Open(char* const* paths, int options, void (*compare)()) INSTEAD_OF("fts64_open");
+void* watchedFts64Open(char* const* paths, int options, void (*compare)())
+{
+    noteWalk("fts_open without FTS_NOCHDIR", (options & (FTS_NOCHDIR | FTS_LOGICAL)) == 0);
+    return original<OpenTree>("fts64_open")(paths, options, compare);
 }
 
 char* watchedSetlocale(int category, const char* name) INSTEAD_OF("setlocale");

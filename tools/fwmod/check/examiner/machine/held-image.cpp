@@ -157,8 +157,10 @@ bool isOldFirmwareGone(const Machine& machine)
     return all >= kFew && there * kMost <= all;
 }
 
-std::optional<std::size_t> missingAtEnd(const Machine& machine, const std::string& image)
+std::optional<std::size_t> missingAtEnd(const Machine& machine, const std::string& image,
+                                        const std::string& version)
 {
+    constexpr std::size_t kLeastBlock = 256;
     constexpr std::size_t kMost =
         4; // a fourth of the image: with less there it is not the beginning that counts
     std::size_t there = 0;
@@ -167,10 +169,13 @@ std::optional<std::size_t> missingAtEnd(const Machine& machine, const std::strin
         there = std::max(there, longestBeginning(content, image));
     }
     const std::size_t missing = image.size() - there;
-    if (missing == 0 || missing * kMost > image.size()) {
+    const std::string end = image.substr(there);
+    const bool tellsVersion =
+        !version.empty() && contains(end, version) && !contains(image.substr(0, there), version);
+    const bool isTrailer = there % kLeastBlock != 0 || tellsVersion;
+    if (missing == 0 || missing * kMost > image.size() || isTrailer) {
         return std::nullopt;
     }
-    const std::string end = image.substr(there);
     const bool isElsewhere = std::any_of(contents.begin(), contents.end(),
                                          [&](const auto& file) { return contains(file.second, end); });
     return isElsewhere ? std::nullopt : std::optional(missing);

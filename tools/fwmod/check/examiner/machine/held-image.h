@@ -39,8 +39,10 @@ bool isOldFirmwareGone(const Machine& machine);
 bool isVersionOfNothing(const std::string& version);
 
 // How many bytes at the image's end are missing, when a file has all the others: of an image that is nowhere
-// whole.
-std::optional<std::size_t> missingAtEnd(const Machine& machine, const std::string& image);
+// whole. What ends in the middle of a block, or alone tells the version, is a trailer that was left out on
+// purpose.
+std::optional<std::size_t> missingAtEnd(const Machine& machine, const std::string& image,
+                                        const std::string& version);
 
 } // namespace fwmod::examiner
 

@@ -99,6 +99,11 @@ void lookAtHardwareOfBefore(Worker& worker, const std::optional<std::string>& be
     }
 }
 
+Worker::Update otherUpdate(const Job& job)
+{
+    return {job.otherImage, job.otherChecksum, false, "of the other image"};
+}
+
 void updateOneAfterTheOther(Worker& worker, const std::vector<OddImage>& oddImages)
 {
     if (!worker.load()) {
@@ -109,6 +114,10 @@ void updateOneAfterTheOther(Worker& worker, const std::vector<OddImage>& oddImag
     worker.setContext(job.caller, "");
     const auto before = worker.activeVersion("before images that are refused");
     if (!job.isExternal) {
+        const std::string absent = fs::path(job.image).parent_path() / "absent.bin";
+        worker.update(
+            {absent, job.checksum, false, "of a file that is not there"}); // judged where it is alone
+        worker.setContext(job.caller, "");
         const auto wrong = worker.update({job.image, job.checksum ^ 1, false, "with a wrong checksum"});
         tellReturned(worker, "refused", wrong);
         lookAtOldFirmware(worker, wrong, "doUpdate with a wrong checksum", before, original);
@@ -143,6 +152,24 @@ void updateOneAfterTheOther(Worker& worker, const std::vector<OddImage>& oddImag
     lookAtHardwareOfBefore(worker, before);
     tellReturned(worker, "second", worker.update({job.image, job.checksum, false, "for the second time"}));
     tellVersion(worker, "after the second update");
+    if (!job.otherImage.empty() && !job.isExternal) {
+        original.putBack();
+        worker.setContext(job.caller, "");
+        tellReturned(worker, "other", worker.update(otherUpdate(job)));
+    }
+}
+
+// It may be one that the library never takes.
+bool isOtherInstalledAlone(Supervisor& supervisor)
+{
+    Machine machine;
+    const Session session = supervisor.run(machine, [](Worker& worker) {
+        if (worker.load()) {
+            worker.setContext(worker.job().caller, "");
+            tellReturned(worker, "other", worker.update(otherUpdate(worker.job())));
+        }
+    });
+    return session.told.isMember("other") && session.told["other"].asInt() == 0;
 }
 
 // Where nothing but its checksum tells an image that is sound, one whose checksum is 0 is another sound one.
@@ -220,6 +247,9 @@ void updateInOneProcess(Supervisor& supervisor, Report& report)
     } else if (told.isMember("version") && told["version"].asString() != job.versionAfter) {
         report.add({FindingId::NoSecondUpdate, "the second doUpdate returned 0, and getActiveVersion told " +
                                                    quote(told["version"].asString())});
+    } else if (told.isMember("other") && told["other"].asInt() != 0 && isOtherInstalledAlone(supervisor)) {
+        report.add({FindingId::NoSecondUpdate,
+                    "doUpdate of the other image in the process that has updated" + describe(told, "other")});
     }
 }
 } // namespace fwmod::examiner

@@ -231,8 +231,9 @@ void judgeContent(const Machine& machine, const Job& job, Report& report)
 {
     const std::string image = imageOf(job);
     report.measured.holders = holdersOf(machine, image);
-    const auto missing =
-        report.measured.holders.empty() && !image.empty() ? missingAtEnd(machine, image) : std::nullopt;
+    const auto missing = report.measured.holders.empty() && !image.empty()
+                             ? missingAtEnd(machine, image, job.version.value_or(""))
+                             : std::nullopt;
     if (missing) {
         report.add({FindingId::EndMissing, "the last " + std::to_string(*missing) + " of the image's " +
                                                std::to_string(image.size()) +
