@@ -1,10 +1,14 @@
 // norlog.h and trace_logger.h. What is logged is seen by what a process of its own hands to the system,
 // because a set keeps its log where it likes.
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -56,7 +60,9 @@ enum Text : std::size_t {
     kSecondLine,
     kOnThread,
     kLiteral,
-    kTexts
+    kTexts,
+    kFarHead = kTexts, // which is looked for, too, and judged with the other end
+    kLookedFor
 };
 
 struct Expectation {
@@ -94,13 +100,14 @@ constexpr const char* kManyFormat = "%d %s %lu %.3f %c %x %zu 100%% %5d|%-4s|%.*
 
 std::vector<std::string> expectedTexts(const Values& values)
 {
-    std::vector<std::string> texts(kTexts);
+    std::vector<std::string> texts(kLookedFor);
     texts[kPlain] = printed("n=%d u=%llu s=%s %5.2f|", values.negative(), values.big(), "word", 2.5);
     texts[kTail] = printed("LLLLLLLL,%u,%d,end", values.token, values.negative());
     texts[kReason] = printed("reason %s, %u", std::strerror(EXDEV), values.token);
     texts[kPercent] = printed("%u=%s.", values.token, "%s%n%d");
     texts[kMany] = printed(kManyFormat, MANY_VALUES(values));
     texts[kFarTail] = printed("MMMMMMMM,%d,%u,end", values.negative(), values.token);
+    texts[kFarHead] = printed("%u far ahead:MMMMMMMM", values.token);
     texts[kSecondLine] = printed("second line of %u.", values.token);
     texts[kOnThread] = printed("on a thread %s, %u", std::strerror(ENOTDIR), values.token);
     texts[kLiteral] = printed("100%%m %u.", values.token);
@@ -124,11 +131,22 @@ std::vector<std::size_t> edgeLengths()
     return lengths;
 }
 
-// Its end is its own.
+// Both ends are its own.
+std::string edgeHead(std::size_t length)
+{
+    return printed("begin %zu ", length);
+}
+
+std::string edgeTail(std::size_t length, unsigned int token)
+{
+    return printed(" %zu of %u.", length, token);
+}
+
 std::string edgeText(std::size_t length, unsigned int token)
 {
-    const std::string end = printed("%zu of %u.", length, token);
-    return std::string(length - end.size(), 'E') + end;
+    const std::string head = edgeHead(length);
+    const std::string tail = edgeTail(length, token);
+    return head + std::string(length - head.size() - tail.size(), 'E') + tail;
 }
 
 // ---- Who logs ----
@@ -250,32 +268,95 @@ void logTexts(Trial& trial, bool isTrace, int priority)
     CHECKED_RECORD(trial, isTrace, priority, "p%d %u:%s.", priority, values.token, "%s%n%d");
 }
 
+// What is kept in memory only may be kept for some records and no longer: it is looked for now. Others of
+// that length come between, as what was let go of would be taken for it.
+void lookForText(Trial& trial, bool isTrace, Text text, std::size_t length = 20)
+{
+    for (int other = 0; other < 4; ++other) {
+        const std::string filler(other % 2 == 0 ? length : 20, 'F');
+        CHECKED_RECORD(trial, isTrace, kError, "between %d, %s.", other, filler.c_str());
+    }
+    askForLook(text);
+}
+
+// Which a platform may have to format by itself.
+#define TEN_TIMES(text) text text text text text text text text text text
+void logFormats(Trial& trial, bool isTrace)
+{
+    const unsigned int token = trial.options().token;
+    CHECKED_RECORD(trial, isTrace, kError, "%+d|% d|%#o|%e|%g|%.1Lf|%hhd|%hd|%jd|%td|%-4d|%*s|%%, %u.", 5, 6, 8U,
+                   1.5, 0.25, 2.5L, 300, 70000, std::intmax_t{-9}, std::ptrdiff_t{4}, 7, 3, "w", token);
+    CHECKED_RECORD(trial, isTrace, kError, "%d;" TEN_TIMES(TEN_TIMES(TEN_TIMES("fgh"))) ";%u, a long format.", 1,
+                   token);
+    CHECKED_RECORD(trial, isTrace, kError, "twice %m|%m, %u.", token);
+    CHECKED_RECORD(trial, isTrace, kError, "an odd byte %s, then %u.", "\xE4", token);
+    for (const int held : {0, ENOENT, 4095}) {
+        errnoHeld = held;
+        CHECKED_RECORD(trial, isTrace, kError, "errno %d is %m, %u.", held, token);
+    }
+    errnoHeld = EXDEV;
+}
+
+// It waits for the end of the process, as a thread of the daemon may wait for work.
+void logOnThreadThatStays(Trial& trial, bool isTrace)
+{
+    static std::atomic<bool> isLogged;
+    std::thread([&trial, isTrace] {
+        trial.call(isTrace ? "TraceLogger::record" : "__norlog_print", [&] {
+            if (isTrace) {
+                TraceLogger::record(kError, kLogTrials, __func__, __LINE__, "a thread that stays, %u.",
+                                    trial.options().token);
+                return 0;
+            }
+            return __norlog_print(kSystemBuffer, kError, "FWUPDATE", "a thread that stays, %u.",
+                                  trial.options().token);
+        });
+        isLogged = true;
+        while (true) {
+            pause();
+        }
+    }).detach();
+    trial.iterate(2s, [] { return isLogged.load(); });
+}
+
 // The end is the daemon's: a moment later, by quick_exit.
 void logAll(Trial& trial, bool isTrace)
 {
     const Values values{trial.options().token};
     CHECKED_RECORD(trial, isTrace, kError, "reason %m, %u", values.token); // the very first: it opens the log
+    lookForText(trial, isTrace, kReason);
     CHECKED_RECORD(trial, isTrace, kError, "n=%d u=%llu s=%s %5.2f|", values.negative(), values.big(), "word",
                    2.5);
+    lookForText(trial, isTrace, kPlain);
     CHECKED_RECORD(trial, isTrace, kError, "%s,%u,%d,end", values.longText.c_str(), values.token,
                    values.negative());
+    lookForText(trial, isTrace, kTail, kLongText);
     CHECKED_RECORD(trial, isTrace, kError, "%u=%s.", values.token, "%s%n%d");
+    lookForText(trial, isTrace, kPercent);
     CHECKED_RECORD(trial, isTrace, kError, kManyFormat, MANY_VALUES(values));
-    CHECKED_RECORD(trial, isTrace, kError, "%s,%d,%u,end", std::string(kVeryLongText, 'M').c_str(),
-                   values.negative(), values.token);
+    lookForText(trial, isTrace, kMany);
+    CHECKED_RECORD(trial, isTrace, kError, "%u far ahead:%s,%d,%u,end", values.token,
+                   std::string(kVeryLongText, 'M').c_str(), values.negative(), values.token);
+    lookForText(trial, isTrace, kFarTail, kVeryLongText);
+    askForLook(kFarHead);
+    CHECKED_RECORD(trial, isTrace, kError, "100%%m %u.", values.token);
+    lookForText(trial, isTrace, kLiteral);
+    CHECKED_RECORD(trial, isTrace, kError, "a line\nsecond line of %u.", values.token);
+    lookForText(trial, isTrace, kSecondLine);
+    std::thread([&] {
+        errnoHeld = ENOTDIR;
+        CHECKED_RECORD(trial, isTrace, kError, "on a thread %m, %u", values.token);
+        errnoHeld = EXDEV;
+    }).join();
+    lookForText(trial, isTrace, kOnThread);
     for (int priority = kDebug; priority <= kError; ++priority) {
         CHECKED_RECORD(trial, isTrace, priority, "early, priority %d, %u.", priority, values.token);
     }
     for (int priority = kDebug; priority <= kError; ++priority) {
         logTexts(trial, isTrace, priority);
     }
-    for (const int held : {0, ENOENT, 4095}) {
-        errnoHeld = held;
-        CHECKED_RECORD(trial, isTrace, kError, "errno %d, %u.", held, values.token);
-    }
-    errnoHeld = EXDEV;
+    logFormats(trial, isTrace);
     CHECKED_RECORD(trial, isTrace, kError, "%s", "");
-    CHECKED_RECORD(trial, isTrace, kError, "100%%m %u.", values.token);
     for (int time = 0; time < kRepeats; ++time) {
         CHECKED_RECORD(trial, isTrace, kError, "the same, %u.", values.token);
     }
@@ -287,17 +368,12 @@ void logAll(Trial& trial, bool isTrace)
                        length, values.token);
     }
     CHECKED_RECORD(trial, isTrace, kError, "letters %s, %u.", kLetters, values.token);
-    CHECKED_RECORD(trial, isTrace, kError, "a line\nsecond line of %u.", values.token);
-    std::thread([&] {
-        errnoHeld = ENOTDIR;
-        CHECKED_RECORD(trial, isTrace, kError, "on a thread %m, %u", values.token);
-        errnoHeld = EXDEV;
-    }).join();
     CHECKED_RECORD(trial, isTrace, kError, "a record of the gravest priority, which may take others with it");
     for (const std::size_t length : edgeLengths()) {
         CHECKED_RECORD(trial, isTrace, kError, "%s", edgeText(length, values.token).c_str());
     }
     logPassingTexts(trial, isTrace);
+    logOnThreadThatStays(trial, isTrace);
     for (int priority = kError; priority >= kDebug; --priority) {
         CHECKED_RECORD(trial, isTrace, priority, "late, priority %d, %u.", priority, values.token);
     }
@@ -312,7 +388,7 @@ void logBeside(Trial& trial, bool isTrace)
     CHECKED_RECORD(trial, isTrace, kError, "by itself, %u, %s end", values.token,
                    threadText(kThreads).c_str());
     logOnThreads(trial, isTrace);
-    trial.iterate(200ms);
+    trial.iterate(500ms);
     std::quick_exit(0);
 }
 
@@ -340,23 +416,39 @@ bool isInPieces(const std::string& written, const std::string& text)
     return false;
 }
 
-bool isWrittenText(const Traced& traced, const Values& values, const std::string& text)
+// Whether a text is in what was written. Those of long records may leave in pieces, and others where the long
+// ones do.
+enum class Length { kShort, kLong };
+bool isWrittenText(const Traced& traced, const Values& values, const std::string& text, Length length)
 {
-    const bool isInOnePiece = traced.written.find(values.longText) != std::string::npos;
-    return traced.written.find(text) != std::string::npos ||
-           (!isInOnePiece && isInPieces(traced.written, text));
+    if (traced.written.find(text) != std::string::npos) {
+        return true;
+    }
+    const bool mayBeInPieces =
+        length == Length::kLong || traced.written.find(values.longText) == std::string::npos;
+    return mayBeInPieces && isInPieces(traced.written, text);
+}
+
+Length lengthOf(std::size_t text)
+{
+    return text == kTail || text == kFarTail || text == kFarHead ? Length::kLong : Length::kShort;
 }
 
 void judgeTexts(Trial& trial, const Traced& traced, const std::vector<std::string>& texts, bool isTrace)
 {
+    const Values values{trial.options().token};
+    const auto hasLeft = [&](std::size_t index) {
+        return isWrittenText(traced, values, texts[index], lengthOf(index)) || traced.isShared[index];
+    };
     const auto isSeen = [&](std::size_t index) {
-        return isWrittenText(traced, Values{trial.options().token}, texts[index]) || traced.isShared[index] ||
-               (isTrace && traced.isPrivate[index]);
+        return hasLeft(index) || (isTrace && traced.isPrivate[index]);
     };
     bool isAnySeen = false;
     bool isAnyKept = false;
+    bool hasAnyLeft = false;
     for (std::size_t index = 0; index < kTexts; ++index) {
         isAnySeen = isAnySeen || isSeen(index);
+        hasAnyLeft = hasAnyLeft || hasLeft(index);
         isAnyKept = isAnyKept || traced.isPrivate[index];
     }
     if (!isAnySeen) {
@@ -365,7 +457,9 @@ void judgeTexts(Trial& trial, const Traced& traced, const std::vector<std::strin
         return;
     }
     for (std::size_t index = 0; index < kTexts; ++index) {
-        if (!isSeen(index)) {
+        // What is kept in memory has a bound, which such a record may be beyond.
+        const bool isBeyond = index == kFarTail && !hasAnyLeft && !isSeen(kFarHead);
+        if (!isSeen(index) && !isBeyond) {
             trial.found(kExpected[index].otherwise,
                         std::string(isTrace ? "TraceLogger::record" : "__norlog_print") + ": " +
                             kExpected[index].what + " is not as \"" + texts[index] +
@@ -424,7 +518,9 @@ struct OfPriority {
 // Of a priority that is written at all.
 void judgePriorities(Trial& trial, const Traced& traced, const Values& values, const char* logger)
 {
-    const auto isWritten = [&](const std::string& text) { return isWrittenText(traced, values, text); };
+    const auto isWritten = [&](const std::string& text, Length length = Length::kShort) {
+        return isWrittenText(traced, values, text, length);
+    };
     const std::string reason = std::strerror(EXDEV);
     for (int priority = kDebug; priority <= kError; ++priority) {
         if (!isWritten(printed("early, priority %d, %u.", priority, values.token))) {
@@ -440,28 +536,62 @@ void judgePriorities(Trial& trial, const Traced& traced, const Values& values, c
             {FindingId::WrongText, "a \"%\" in a value",
              printed("p%d %u:%s.", priority, values.token, "%s%n%d")}};
         for (const OfPriority& one : texts) {
-            trial.require(isWritten(one.text), one.otherwise,
+            const bool isLong = one.otherwise == FindingId::RecordCut;
+            trial.require(isWritten(one.text, isLong ? Length::kLong : Length::kShort), one.otherwise,
                           std::string(logger) + ": a record of priority " + std::to_string(priority) +
                               " with " + one.what + " does not end as \"" + one.text + "\"");
         }
     }
 }
 
-// Only where a long text is written in one piece.
+// Where such a text begins and ends, it has all its letters, whatever stands between them where it leaves in
+// pieces.
+bool isWholeEdge(const std::string& written, std::size_t at, std::size_t length, unsigned int token)
+{
+    const std::string window = written.substr(at, 2 * length + 4000);
+    const std::string tail = edgeTail(length, token);
+    const std::size_t next = window.find("begin ", 1);
+    const std::string own = window.substr(0, next);
+    const auto letters = static_cast<std::size_t>(std::count(own.begin(), own.end(), 'E'));
+    return letters + edgeHead(length).size() + tail.size() >= length &&
+           (own.find(tail) != std::string::npos || isInPieces(own, tail));
+}
+
+std::string inARow(const std::vector<std::size_t>& numbers)
+{
+    std::string row;
+    for (const std::size_t number : numbers) {
+        row += (row.empty() ? "" : ", ") + std::to_string(number);
+    }
+    return row;
+}
+
+// Only where records are written as they are.
 void judgeEdges(Trial& trial, const Traced& traced, const Values& values, const char* logger)
 {
-    if (traced.written.find(values.longText) == std::string::npos) {
+    const std::string longEnd = expectedTexts(values)[kTail];
+    if (!isWrittenText(traced, values, longEnd, Length::kLong)) {
         return;
     }
-    std::string missing;
+    std::vector<std::size_t> cut;
+    std::vector<std::size_t> lost;
+    std::size_t longest = 0; // of those that are whole
     for (const std::size_t length : edgeLengths()) {
-        if (traced.written.find(edgeText(length, values.token)) == std::string::npos) {
-            missing += (missing.empty() ? "" : ", ") + std::to_string(length);
+        const std::size_t at = traced.written.find(edgeHead(length));
+        const bool isWhole =
+            at != std::string::npos && isWholeEdge(traced.written, at, length, values.token);
+        longest = isWhole ? length : longest;
+        if (!isWhole) {
+            (at == std::string::npos ? lost : cut).push_back(length);
         }
     }
-    trial.require(missing.empty(), FindingId::RecordCut,
+    const bool areLong = !lost.empty() && lost.front() > longest;
+    trial.require(cut.empty(), FindingId::RecordCut,
                   std::string(logger) +
-                      ": not whole in what was written: a text of so many characters: " + missing);
+                      ": not whole in what was written: a text of so many characters: " + inARow(cut));
+    trial.require(lost.empty(), areLong ? FindingId::RecordCut : FindingId::RecordLost,
+                  std::string(logger) + ": not in what was written: a text of so many characters" +
+                      (areLong ? "" : ", of some in quick succession") + ": " + inARow(lost));
 }
 
 int timesWritten(const Traced& traced, const std::string& text)
@@ -488,7 +618,8 @@ void judgeLongReasons(Trial& trial, const Traced& traced, const Values& values, 
         const std::string end = printed(", %zu of %u.", length, values.token);
         const std::string whole = ";why " + std::string(std::strerror(EXDEV)) + end;
         trial.require(
-            timesWritten(traced, end) == 0 || isWrittenText(traced, values, whole), FindingId::WrongErrno,
+            timesWritten(traced, end) == 0 || isWrittenText(traced, values, whole, Length::kLong),
+            FindingId::WrongErrno,
             std::string(logger) + ": a record of " + std::to_string(length) +
                 " characters with \"%m\" at its end and errno EXDEV does not end as \"" + whole + "\"");
     }
@@ -505,6 +636,43 @@ void judgeRepeats(Trial& trial, const Traced& traced, unsigned int token, const 
     for (const char* const lost : {"??", "?????"}) {
         trial.require(traced.written.find(printed("letters %s, %u.", lost, token)) == std::string::npos,
                       FindingId::WrongText, std::string(logger) + ": letters became question marks");
+    }
+}
+
+struct Further {
+    FindingId otherwise;
+    const char* what;
+    std::string text;
+    Length length = Length::kShort;
+};
+
+// Where texts are written as they are.
+void judgeFormats(Trial& trial, const Traced& traced, const Values& values, const char* logger)
+{
+    if (timesWritten(traced, expectedTexts(values)[kPlain]) == 0) {
+        return;
+    }
+    const unsigned int token = values.token;
+    const char* const reason = std::strerror(EXDEV);
+    std::vector<Further> all = {
+        {FindingId::WrongText, "values of many types",
+         printed("%+d|% d|%#o|%e|%g|%.1Lf|%hhd|%hd|%jd|%td|%-4d|%*s|%%, %u.", 5, 6, 8U, 1.5, 0.25, 2.5L, 300,
+                 70000, std::intmax_t{-9}, std::ptrdiff_t{4}, 7, 3, "w", token)},
+        {FindingId::RecordCut, "a format of 3000 characters", printed("fgh;%u, a long format.", token),
+         Length::kLong},
+        {FindingId::WrongErrno, "\"%m\" twice and errno EXDEV",
+         printed("twice %s|%s, %u.", reason, reason, token)},
+        {FindingId::RecordCut, "a byte that is no UTF-8", printed(", then %u.", token)},
+        {FindingId::LostAtTheEnd, "the only record of a thread that goes on",
+         printed("a thread that stays, %u.", token)}};
+    for (const int held : {0, ENOENT, 4095}) {
+        all.push_back({FindingId::WrongErrno, "\"%m\"",
+                       printed("errno %d is %s, %u.", held, std::strerror(held), token)});
+    }
+    for (const Further& one : all) {
+        trial.require(isWrittenText(traced, values, one.text, one.length), one.otherwise,
+                      std::string(logger) + ": a record with " + one.what + " is not as \"" + one.text +
+                          "\" in what was written");
     }
 }
 
@@ -561,6 +729,7 @@ void watch(Trial& trial, bool isTrace)
         judgeRepeats(trial, alone, values.token, name);
         judgePriorities(trial, alone, values, name);
         judgeLongReasons(trial, alone, values, name);
+        judgeFormats(trial, alone, values, name);
         judgeThreads(trial, beside, isTrace);
     }
 }

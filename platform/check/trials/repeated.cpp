@@ -222,13 +222,17 @@ void repeat(Trial& trial, const Repeated& repeated)
 bool fillLogs(Trial& trial)
 {
     constexpr int kMost = 5000;
+    constexpr int kLast = 1000; // by which nothing grows any more
     const std::int64_t end = common::realNow() + std::chrono::nanoseconds(5s).count();
+    long before = 0;
     int number = 0;
     for (; number < kMost && common::realNow() < end; ++number) {
+        before = number == kMost - kLast ? holdingsNow().allocated : before;
         platformLogOnce(trial);
         traceLogOnce(trial);
     }
-    return number == kMost;
+    constexpr long kLeast = 24; // bytes of a record
+    return number == kMost && holdingsNow().allocated - before < kLeast * kLast;
 }
 
 // A thread that comes, makes some calls, and goes, as the daemon's do.
@@ -249,6 +253,8 @@ void threadOnce(Trial& trial)
     });
 }
 
+constexpr int kWindowsOfLogs = 240; // what is kept in memory may be many records
+
 constexpr Repeated kRepeated[] = {
     {"again-settings", 60, 40, settingsOnce},
     {"again-subscription", 30, 40, subscriptionOnce},
@@ -262,8 +268,8 @@ constexpr Repeated kRepeated[] = {
     {"again-launch", 20, 40, launchOnce},
     {"again-mount", 10, 40, mountOnce},
     {"again-mounted", 4, 40, mountedOnce},
-    {"again-platform-log", 400, 24, platformLogOnce},
-    {"again-trace-log", 400, 24, traceLogOnce},
+    {"again-platform-log", 400, kWindowsOfLogs, platformLogOnce},
+    {"again-trace-log", 400, kWindowsOfLogs, traceLogOnce},
     {"again-threads", 8, 40, threadOnce},
 };
 
