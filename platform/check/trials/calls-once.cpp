@@ -175,12 +175,15 @@ void flagsOnce(Trial& trial)
 
 void watchdogOnce(Trial& trial)
 {
-    expectSuccess(trial, FindingId::WatchdogNotRegistered, "hangwatch_register_watchdog_service",
-                  [] { return hangwatch_register_watchdog_service(60); });
-    for (int notice = 0; notice < 3; ++notice) {
+    const auto notify = [&] {
         expectSuccess(trial, FindingId::WatchdogNotNotified, "hangwatch_watchdog_notify",
                       hangwatch_watchdog_notify);
-    }
+    };
+    expectSuccess(trial, FindingId::WatchdogNotRegistered, "hangwatch_register_watchdog_service",
+                  [] { return hangwatch_register_watchdog_service(60); });
+    notify();
+    notify();
+    trial.onThread(notify);
     expectSuccess(trial, FindingId::WatchdogNotUnregistered, "hangwatch_unregister_watchdog_service",
                   hangwatch_unregister_watchdog_service);
     trial.call("hangwatch_unregister_watchdog_service", hangwatch_unregister_watchdog_service);

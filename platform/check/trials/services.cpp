@@ -73,6 +73,8 @@ std::vector<std::string> similarNames(const Trial& trial)
             flagName(trial, "_x"),
             flagName(trial, "_" + std::string(150, 'f') + "1"),
             flagName(trial, "_" + std::string(150, 'f') + "2"),
+            flagName(trial, "_" + std::string(210, 'F') + "1"), // no name in a directory is longer than 255
+            flagName(trial, "_" + std::string(210, 'F') + "2"),
             flagName(trial, " with blanks"),
             flagName(trial, "_%s;'$x\""),
             "/tmp/tarnwick_check_" + std::to_string(trial.options().token),
@@ -173,6 +175,12 @@ void tryFlags(Trial& trial)
     const int raised = raise(trial, flag);
     trial.require(raised == 0, FindingId::NotRaised, flag + resultIs(raised));
     trial.require(isRaised(trial, flag), FindingId::NotRaised, flag + " is not, though success was said");
+    for (const char* const where : {"", " on another thread"}) {
+        bool isStill = false;
+        const auto look = [&] { isStill = isRaised(trial, flag); };
+        *where == '\0' ? look() : trial.onThread(look);
+        trial.require(isStill, FindingId::NotRaised, flag + " is not any more at another look" + where);
+    }
     const int again = raise(trial, flag);
     trial.require(again == 0 && isRaised(trial, flag), FindingId::FlagTwice, "raised" + resultIs(again));
     for (const char* const odd : {"", "x", "/", "/tmp", "/tmp/", "tmp/x"}) { // whatever they answer
@@ -318,31 +326,60 @@ void unregisterWatchdog(Trial& trial)
                   "unregistered" + resultIs(unregistered));
 }
 
-// Other trials are made meanwhile.
+// Several threads at a time, and more often than it is needed.
+void notifyTogether(Trial& trial)
+{
+    const auto notify = [&] {
+        for (int notice = 0; notice < 15; ++notice) {
+            notifyWatchdog(trial, " beside another thread");
+        }
+    };
+    std::thread beside(notify);
+    notify();
+    beside.join();
+}
+
+// As the daemon's main loop does, with the first notice after five seconds.
+void keepNotifying(Trial& trial)
+{
+    trial.tellSituation("registered, with the first notice to come after five seconds");
+    trial.iterate(5200ms);
+    trial.tellSituation("registered and notified every five seconds");
+    for (const auto pause : {4900ms, 4900ms, 100ms}) {
+        notifyWatchdog(trial);
+        trial.iterate(pause);
+    }
+}
+
+// Other trials are made meanwhile, which take longer than this one.
 void tryWatchdog(Trial& trial)
 {
     // As the daemon's end does that could not start; what never began may fail, and does no harm.
     for (int time = 0; time < 3; ++time) { // for the middle one of their times
-        trial.call("hangwatch_unregister_watchdog_service, of none", hangwatch_unregister_watchdog_service);
-        trial.call("hangwatch_watchdog_notify, of none", hangwatch_watchdog_notify);
+        trial.result("hangwatch_unregister_watchdog_service, of none", hangwatch_unregister_watchdog_service);
+        trial.result("hangwatch_watchdog_notify, of none", hangwatch_watchdog_notify);
     }
-    for (int time = 0; time < 2; ++time) {
-        if (!registerWatchdog(trial)) {
-            return;
-        }
-        trial.tellSituation("registered, with the first notice to come after five seconds");
-        trial.iterate(time == 0 ? 5200ms : 0ms); // as the daemon's does
-        trial.tellSituation("registered and notified");
-        for (int notice = 0; notice < 3; ++notice) {
-            notifyWatchdog(trial);
-            trial.iterate(100ms);
-        }
-        trial.onThread([&] { notifyWatchdog(trial, " by another thread"); });
-        trial.onThread([&] { unregisterWatchdog(trial); });
+    bool isRegistered = false; // by a thread that has ended
+    trial.onThread([&] { isRegistered = registerWatchdog(trial); });
+    if (!isRegistered) {
+        return;
     }
-    trial.call("hangwatch_watchdog_notify", hangwatch_watchdog_notify);
+    keepNotifying(trial);
+    unregisterWatchdog(trial);
+    trial.result("hangwatch_unregister_watchdog_service, of none", hangwatch_unregister_watchdog_service);
+    if (!registerWatchdog(trial)) {
+        return;
+    }
+    for (int notice = 0; notice < 3; ++notice) {
+        notifyWatchdog(trial);
+        trial.iterate(100ms);
+    }
+    trial.onThread([&] { notifyWatchdog(trial, " by another thread"); });
+    notifyTogether(trial);
+    trial.onThread([&] { unregisterWatchdog(trial); });
+    trial.result("hangwatch_watchdog_notify, of none", hangwatch_watchdog_notify);
     trial.tellSituation("unregistered some seconds ago");
-    trial.iterate(14s); // it is left alone
+    trial.iterate(16s); // it is left alone
 }
 
 // ---- System properties ----
@@ -445,15 +482,20 @@ void onPackage(const std::string& package, int, void* data)
     ++packageEnd.calls;
 }
 
-void judgePackageCallback(Trial& trial, const std::string& package)
+bool requestToBeTold(Trial& trial, const std::string& package)
 {
-    PackageEnd& end = packageEnd;
-    end.package = package;
+    packageEnd.package = package;
     const bool isTaken = trial.call("ABM_DownloadAppBinary", [&] {
-        return appbinaryManager::ABM_DownloadAppBinary(onPackage, &end, package);
+        return appbinaryManager::ABM_DownloadAppBinary(onPackage, &packageEnd, package);
     });
-    trial.iterate(2s, [&] { return end.calls > 0; });
-    trial.iterate(50ms);
+    trial.iterate(2s, [] { return packageEnd.calls > 0; });
+    return isTaken;
+}
+
+// Some time after the request: it may be told once more.
+void judgePackageCallback(Trial& trial, bool isTaken)
+{
+    const PackageEnd& end = packageEnd;
     trial.require(end.calls == 0 || end.thread == getpid(), FindingId::PackageCallback,
                   "on thread " + std::to_string(end.thread) + ", while the main loop runs on " +
                       std::to_string(getpid()));
@@ -489,7 +531,7 @@ void tryPackages(Trial& trial)
         trial.require(isTaken, FindingId::PackageRefused, package);
     }
     trial.iterate(700ms); // its end has nobody to be told to
-    judgePackageCallback(trial, package);
+    const bool isTakenToBeTold = requestToBeTold(trial, package);
     for (const std::string& odd :
          {"emp" + std::string(200, 'X'), std::string("emp with blanks"), std::string("emp%s%n"),
           std::string("../emp"), std::string("emp\xC3\xA4"), std::string(4000, 'e'), std::string()}) {
@@ -499,6 +541,7 @@ void tryPackages(Trial& trial)
     for (const Trial::Context context : {Trial::Context::kNone, Trial::Context::kOwn}) {
         trial.onThread([&] { packageOnce(trial); }, context);
     }
+    judgePackageCallback(trial, isTakenToBeTold);
     const bool isTakenAgain = request(trial, package);
     trial.require(isTakenAgain == isTaken, FindingId::PackageRefused,
                   package + (isTaken ? " is not taken" : " is taken") + " any more after other requests");
@@ -557,8 +600,19 @@ void fill(Trial& trial, applaunch_h request)
                       "key \"" + std::string(key).substr(0, 20) + "\", value \"" +
                           std::string(value).substr(0, 20) + "\"" + resultIs(added));
     }
-    const int set = setApplication(trial, request);
-    trial.require(set == 0, FindingId::RequestNotFilled, kUnknownApplication + resultIs(set));
+    for (int extra = 1; extra <= 40; ++extra) {
+        const int added = add(trial, request, ("key" + std::to_string(extra)).c_str(), "value");
+        if (!trial.require(added == 0, FindingId::RequestNotFilled,
+                           "one of many pairs, the " + std::to_string(extra) + "th" + resultIs(added))) {
+            break;
+        }
+    }
+    for (const std::string& application :
+         {std::string(300, 'a'), std::string("org.pellor.\"odd\" %s \xC3\xA4"),
+          std::string(kUnknownApplication)}) {
+        const int set = setApplication(trial, request, application);
+        trial.require(set == 0, FindingId::RequestNotFilled, application.substr(0, 60) + resultIs(set));
+    }
 }
 
 void destroy(Trial& trial, applaunch_h request)
@@ -611,8 +665,8 @@ void tryAfterFailures(Trial& trial, bool isUnknownTaken)
 // Some at a time, and none takes another's place.
 void tryManyRequests(Trial& trial)
 {
-    constexpr std::size_t kMany = 6;
-    const std::int64_t end = common::realNow() + std::chrono::nanoseconds(2s).count();
+    constexpr std::size_t kMany = 40;
+    const std::int64_t end = common::realNow() + std::chrono::nanoseconds(1s).count();
     std::vector<applaunch_h> requests;
     while (requests.size() < kMany && common::realNow() < end) {
         const applaunch_h request = create(trial);
