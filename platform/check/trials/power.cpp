@@ -67,6 +67,11 @@ int otherState(pwrctl_state_info* info, void* data)
     return onState(info, data);
 }
 
+int otherPowerOff(pwrctl_poweroff_info* info, void* data)
+{
+    return onPowerOff(info, data);
+}
+
 Trial* trialOfPower = nullptr;
 std::atomic<int> stateEndedItself{0};
 
@@ -171,6 +176,15 @@ const EventCalls kPowerOffCalls = {
     [] { return pwrctl_subscribe_poweroff_event(onPowerOff, &dataOfPowerOff); },
     [] { return pwrctl_unsubscribe_poweroff_event(onPowerOff); }};
 
+const EventCalls kOtherStateCalls = {
+    kStateCalls.subscribe, kStateCalls.unsubscribe,
+    [] { return pwrctl_subscribe_state_changed_event(otherState, &dataOfPowerOff); },
+    [] { return pwrctl_unsubscribe_state_changed_event(otherState); }};
+const EventCalls kOtherPowerOffCalls = {
+    kPowerOffCalls.subscribe, kPowerOffCalls.unsubscribe,
+    [] { return pwrctl_subscribe_poweroff_event(otherPowerOff, &dataOfState); },
+    [] { return pwrctl_unsubscribe_poweroff_event(otherPowerOff); }};
+
 bool begin(Trial& trial, const EventCalls& calls)
 {
     const int result = trial.result(calls.subscribe, calls.begin);
@@ -200,6 +214,21 @@ void makePowerCalls(Trial& trial)
     trial.result("pwrctl_unlock_state", [] { return pwrctl_unlock_state(2); });
 }
 
+// Two callbacks of one kind are two subscriptions, and the end of one that is none ends no other.
+void tryTwoCallbacks(Trial& trial, const EventCalls& one, const EventCalls& other)
+{
+    if (!begin(trial, one)) {
+        return;
+    }
+    trial.call(other.unsubscribe, other.end);
+    if (begin(trial, other)) {
+        end(trial, one);
+        end(trial, other);
+        return;
+    }
+    end(trial, one);
+}
+
 // The daemon ends its subscriptions whether or not they were made: that must do no harm.
 void tryEvents(Trial& trial)
 {
@@ -215,7 +244,7 @@ void tryEvents(Trial& trial)
             }
         }
         makePowerCalls(trial);
-        trial.iterate(300ms);
+        trial.iterate(time == 0 ? 1200ms : 300ms); // a state may be told some time after the subscription
         for (const EventCalls* const calls : subscribed) {
             end(trial, *calls);
         }
@@ -226,6 +255,8 @@ void tryEvents(Trial& trial)
         }
         std::swap(order[0], order[1]);
     }
+    tryTwoCallbacks(trial, kStateCalls, kOtherStateCalls);
+    tryTwoCallbacks(trial, kOtherPowerOffCalls, kPowerOffCalls);
     trial.onThread([&] {
         for (const EventCalls* const calls : order) {
             if (begin(trial, *calls)) {
@@ -376,6 +407,27 @@ void release(Trial& trial, int kind, FindingId otherwise, const std::string& sit
                   kindName(kind) + situation + ": the result is " + std::to_string(result));
 }
 
+// What has nothing to do with a lock does not end it.
+void tryLockBesideCalls(Trial& trial)
+{
+    take(trial, kStandbyKind, kMinute);
+    take(trial, kUiKind, kMinute);
+    for (const EventCalls* const calls : {&kStateCalls, &kPowerOffCalls}) {
+        if (begin(trial, *calls)) {
+            end(trial, *calls);
+        }
+    }
+    const auto judgeState = [&] {
+        trial.require(state(trial) == 0, FindingId::StateNotNormal, "while locks of both kinds are held");
+    };
+    judgeState();
+    trial.onThread(judgeState);
+    trial.iterate(50ms);
+    for (const int kind : {kStandbyKind, kUiKind}) {
+        release(trial, kind, FindingId::NotReleased, ", after subscriptions to events, and their ends");
+    }
+}
+
 // Locks cannot be asked for. Where the release of a lock that is not held fails, it tells by its result what
 // was held.
 void tryLocks(Trial& trial)
@@ -398,14 +450,21 @@ void tryLocks(Trial& trial)
     release(trial, kStandbyKind, FindingId::NotReleased, ", taken anew");
     trial.require(!isTold || unlock(trial, kStandbyKind) != 0, FindingId::NotReleasedByTime,
                   "taken anew, and released: it could be released once more");
+    for (const unsigned int duration : {0U, 1U}) { // which are over at once
+        take(trial, kUiKind, duration);
+        unlock(trial, kUiKind);
+    }
     for (const unsigned int duration : {3'600'000U, 86'400'000U, 3'000'000'000U}) { // an hour, a day, 31 bits
         take(trial, kUiKind, duration);
         release(trial, kUiKind, FindingId::NotReleased, ", for " + std::to_string(duration) + " ms");
     }
     trial.onThread([&] { take(trial, kUiKind, kMinute, ", on a thread that ends"); });
     release(trial, kUiKind, FindingId::NotReleased, ", taken on a thread that has ended");
-    take(trial, kUiKind, kMinute);
-    trial.onThread([&] { release(trial, kUiKind, FindingId::NotReleased, ", on another thread"); });
+    for (const int kind : {kStandbyKind, kUiKind}) {
+        take(trial, kind, kMinute);
+        trial.onThread([&] { release(trial, kind, FindingId::NotReleased, ", on another thread"); });
+    }
+    tryLockBesideCalls(trial);
     if (!isTold) {
         trial.note(
             "the release of a lock that is not held succeeds here: whether locks end by their time, and kinds are "
@@ -468,6 +527,25 @@ void tryTakenAnew(Trial& trial)
                   kindName(kUiKind) + ": taken for 60 s and anew for 0.3 s, it was still held after 1.3 s");
 }
 
+// The time of a lock that was released, or was up, is none of the next one's.
+void tryEarlierTimes(Trial& trial)
+{
+    constexpr unsigned int kAtOnce = 0;
+    take(trial, kStandbyKind, kShort);
+    unlock(trial, kStandbyKind);
+    take(trial, kStandbyKind, kMinute, ", after the release of one of 300 ms");
+    take(trial, kUiKind, kAtOnce);
+    trial.iterate(500ms);
+    trial.require(unlock(trial, kUiKind) != 0, FindingId::NotReleasedByTime,
+                  kindName(kUiKind) + ": a lock of 0 ms was still held after 0.5 s");
+    take(trial, kUiKind, kMinute, ", after one of 0 ms whose time was up");
+    trial.iterate(700ms);
+    release(trial, kStandbyKind, FindingId::NotReleased,
+            ", for 60000 ms, after 1200 of them; one of 300 ms was released before it was taken");
+    release(trial, kUiKind, FindingId::NotReleased,
+            ", for 60000 ms, after 700 of them; the time of another was up before it was taken");
+}
+
 // Such as a platform that counts in microseconds, or with a sign, takes for short ones.
 void tryLongTimes(Trial& trial)
 {
@@ -499,6 +577,7 @@ void tryLockTimes(Trial& trial)
     tryLongTimes(trial);
     tryOneTimeUp(trial, kStandbyKind, kUiKind, kWraps);
     tryTakenAnew(trial); // by which the other kind's time is up
+    tryEarlierTimes(trial);
 }
 
 // ---- Reboot ----
