@@ -1,6 +1,7 @@
 // Calls that somebody makes seldom, or that are refused: a platform may take long for one kind of them alone.
 
 #include <cstdlib>
+#include <cstring>
 
 #include "appbinary_manager.h"
 #include "applaunch.h"
@@ -130,13 +131,21 @@ constexpr KindOfCall kLogs[] = {
     {"TraceLogger::record, 6000 characters", [] { return trace(6, 6000); }},
 };
 
+// Whether 0 is success and anything above it a breach: a look at a flag, a state and a log's record say
+// otherwise.
+bool isJudged(const char* name)
+{
+    const auto begins = [name](const char* with) { return std::strncmp(name, with, std::strlen(with)) == 0; };
+    return !begins("FlagpostIsDone") && !begins("pwrctl_get_state") && !begins("__norlog_print");
+}
+
 // Of three the middle one's time counts.
 template <std::size_t count>
 void makeThrice(Trial& trial, const KindOfCall (&kinds)[count])
 {
     for (int time = 0; time < 3; ++time) {
         for (const KindOfCall& kind : kinds) {
-            trial.call(kind.name, kind.make);
+            isJudged(kind.name) ? trial.result(kind.name, kind.make) : trial.call(kind.name, kind.make);
         }
         trial.iterate(5ms);
     }

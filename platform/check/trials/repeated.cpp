@@ -178,11 +178,16 @@ void waitForRest(Trial& trial, std::vector<Growing>& growing, int all)
 void repeat(Trial& trial, const Repeated& repeated)
 {
     constexpr int kFirstWindows = 2;
+    constexpr int kLeastTimes =
+        260; // what is wrong from some time on is wrong by then, if there is time for it
+    constexpr std::chrono::nanoseconds kTimeForThem = 1s;
     constexpr int kLeastWindows = 20; // then a slow machine may give up
     constexpr std::chrono::nanoseconds kMostTime = 15s;
     constexpr std::chrono::nanoseconds kTooLate = 2 * kMostTime; // for the calls of one window
-    for (int window = 0; window < kFirstWindows; ++window) {
-        runWindow(trial, repeated);
+    const std::int64_t start = common::realNow();
+    const auto isTime = [&] { return common::realNow() - start < kTimeForThem.count(); };
+    for (int window = 0, times = 0; window < kFirstWindows || (times < kLeastTimes && isTime()); ++window) {
+        times += runWindow(trial, repeated);
     }
     const Holdings first = holdingsNow();
     std::vector<Growing> growing;
@@ -246,6 +251,8 @@ void threadOnce(Trial& trial)
         powerOnce(trial);
         flagsOnce(trial);
         propertyOnce(trial);
+        subscriptionOnce(trial);
+        powerEventsOnce(trial);
         if (areLogsFull) {
             platformLogOnce(trial);
             traceLogOnce(trial);
