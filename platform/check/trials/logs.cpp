@@ -284,10 +284,10 @@ void lookForText(Trial& trial, bool isTrace, Text text, std::size_t length = 20)
 void logFormats(Trial& trial, bool isTrace)
 {
     const unsigned int token = trial.options().token;
-    CHECKED_RECORD(trial, isTrace, kError, "%+d|% d|%#o|%e|%g|%.1Lf|%hhd|%hd|%jd|%td|%-4d|%*s|%%, %u.", 5, 6, 8U,
-                   1.5, 0.25, 2.5L, 300, 70000, std::intmax_t{-9}, std::ptrdiff_t{4}, 7, 3, "w", token);
-    CHECKED_RECORD(trial, isTrace, kError, "%d;" TEN_TIMES(TEN_TIMES(TEN_TIMES("fgh"))) ";%u, a long format.", 1,
-                   token);
+    CHECKED_RECORD(trial, isTrace, kError, "%+d|% d|%#o|%e|%g|%.1Lf|%hhd|%hd|%jd|%td|%-4d|%*s|%%, %u.", 5, 6,
+                   8U, 1.5, 0.25, 2.5L, 300, 70000, std::intmax_t{-9}, std::ptrdiff_t{4}, 7, 3, "w", token);
+    CHECKED_RECORD(trial, isTrace, kError, "%d;" TEN_TIMES(TEN_TIMES(TEN_TIMES("fgh"))) ";%u, a long format.",
+                   1, token);
     CHECKED_RECORD(trial, isTrace, kError, "twice %m|%m, %u.", token);
     CHECKED_RECORD(trial, isTrace, kError, "an odd byte %s, then %u.", "\xE4", token);
     for (const int held : {0, ENOENT, 4095}) {
@@ -347,8 +347,8 @@ void logAll(Trial& trial, bool isTrace)
         errnoHeld = ENOTDIR;
         CHECKED_RECORD(trial, isTrace, kError, "on a thread %m, %u", values.token);
         errnoHeld = EXDEV;
+        lookForText(trial, isTrace, kOnThread); // what is kept may be the thread's, and end with it
     }).join();
-    lookForText(trial, isTrace, kOnThread);
     for (int priority = kDebug; priority <= kError; ++priority) {
         CHECKED_RECORD(trial, isTrace, priority, "early, priority %d, %u.", priority, values.token);
     }
@@ -578,8 +578,7 @@ void judgeEdges(Trial& trial, const Traced& traced, const Values& values, const 
     std::size_t longest = 0; // of those that are whole
     for (const std::size_t length : edgeLengths()) {
         const std::size_t at = traced.written.find(edgeHead(length));
-        const bool isWhole =
-            at != std::string::npos && isWholeEdge(traced.written, at, length, values.token);
+        const bool isWhole = at != std::string::npos && isWholeEdge(traced.written, at, length, values.token);
         longest = isWhole ? length : longest;
         if (!isWhole) {
             (at == std::string::npos ? lost : cut).push_back(length);
@@ -617,11 +616,11 @@ void judgeLongReasons(Trial& trial, const Traced& traced, const Values& values, 
     for (const std::size_t length : kReasonLengths) {
         const std::string end = printed(", %zu of %u.", length, values.token);
         const std::string whole = ";why " + std::string(std::strerror(EXDEV)) + end;
-        trial.require(
-            timesWritten(traced, end) == 0 || isWrittenText(traced, values, whole, Length::kLong),
-            FindingId::WrongErrno,
-            std::string(logger) + ": a record of " + std::to_string(length) +
-                " characters with \"%m\" at its end and errno EXDEV does not end as \"" + whole + "\"");
+        trial.require(timesWritten(traced, end) == 0 || isWrittenText(traced, values, whole, Length::kLong),
+                      FindingId::WrongErrno,
+                      std::string(logger) + ": a record of " + std::to_string(length) +
+                          " characters with \"%m\" at its end and errno EXDEV does not end as \"" + whole +
+                          "\"");
     }
 }
 

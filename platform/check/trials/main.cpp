@@ -63,8 +63,8 @@ const TrialKind* trialNamed(const std::string& name)
 {
     static const std::vector<TrialKind> all = [] {
         std::vector<TrialKind> kinds;
-        for (const auto& room : {processTrials(), settingsTrials(), powerTrials(), serviceTrials(),
-                                 mountTrials(), logTrials(), repeatTrials(), kindTrials()}) {
+        for (const auto& room : {processTrials(), settingsTrials(), listenerTrials(), powerTrials(),
+                                 serviceTrials(), mountTrials(), logTrials(), repeatTrials(), kindTrials()}) {
             kinds.insert(kinds.end(), room.begin(), room.end());
         }
         return kinds;

@@ -32,6 +32,7 @@ inline constexpr ListedTrial kTrials[] = {
     {"settings-shared", "Settings of another process"},
     {"notifications", "Changes of settings"},
     {"notification-threads", "Changes of settings, and threads"},
+    {"listeners", "Changes of settings, and many listeners"},
     {"power-state", "Power state"},
     {"power-events", "Power events"},
     {"power-changes", "Changes of power", When::kWithPerson},

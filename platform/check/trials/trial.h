@@ -202,6 +202,7 @@ struct TrialKind {
 
 std::vector<TrialKind> processTrials(); // load, bus
 std::vector<TrialKind> settingsTrials();
+std::vector<TrialKind> listenerTrials();
 std::vector<TrialKind> powerTrials();
 std::vector<TrialKind> serviceTrials();
 std::vector<TrialKind> mountTrials();
