@@ -2,6 +2,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -222,6 +223,31 @@ std::string beforeQuickExit(const char* how)
     return count(name) == 1 ? "" : "it is not in the log";
 }
 
+std::string reasonTwice()
+{
+    const std::string name = mark("twice");
+    errno = EXDEV;
+    __norlog_print(kSystem, kError, "PROOF", "%s %m|%m", name.c_str());
+    const std::string reason = std::strerror(EXDEV);
+    return count(name + " " + reason + "|" + reason) == 1 ? "" : "one reason is another";
+}
+
+std::string threadThatGoesOn()
+{
+    static const std::string name = mark("goes on");
+    static std::atomic<bool> isLogged;
+    std::thread([] {
+        __norlog_print(kSystem, kError, "PROOF", "%s", name.c_str());
+        isLogged = true;
+        pause();
+    }).detach();
+    while (!isLogged) {
+        usleep(1000);
+    }
+    usleep(500000);
+    return count(name) == 1 ? "" : "it is not in the log";
+}
+
 std::string errnoKeptByRecorder()
 {
     errno = ENOSPC;
@@ -259,6 +285,8 @@ const std::vector<Proof>& logProofs()
         {"log-percent-m-first", callersErrno},
         {"log-long-percent-m", callersErrnoInALongText},
         {"log-text-of-format", otherValuesOfOnePlace},
+        {"log-percent-m-once", reasonTwice},
+        {"log-thread-buffered", threadThatGoesOn},
         {"trace-errno-lost", errnoKeptByRecorder},
         {"trace-long-crashes", longTextInRecorder, kSegmentationFault},
     };

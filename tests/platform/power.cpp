@@ -289,6 +289,14 @@ const std::vector<Proof>& powerProofs()
              return "";
          },
          kHangs},
+        {"power-one-callback",
+         [] {
+             pwrctl_subscribe_state_changed_event(noteChange, nullptr);
+             pwrctl_subscribe_state_changed_event(noteAndEnd, nullptr);
+             const int first = pwrctl_unsubscribe_state_changed_event(noteChange);
+             return first == 0 && pwrctl_unsubscribe_state_changed_event(noteAndEnd) == 0 ? "" : "not ended";
+         }},
+        {"power-lock-none-refused", [] { return pwrctl_lock_state(2, 0) == 0 ? "" : "refused"; }},
         {"power-locks-one-kind", kindsApart},
         {"power-lock-kept", released},
         {"power-lock-counted", releasedOnce},

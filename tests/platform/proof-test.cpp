@@ -122,7 +122,9 @@ constexpr Right kUnusual[] = {
     {"package-in-turn", "package"},
     {"package-unknown-refused", "package"},
     {"trace-ring", "trace"},
+    {"trace-small-ring", "trace"},
     {"log-in-pieces", "log-errno"},
+    {"log-by-ring", "log-errno"},
 };
 
 INSTANTIATE_TEST_SUITE_P(, Unusual, testing::ValuesIn(kUnusual),

@@ -336,6 +336,28 @@ std::string leftAlone()
     return "";
 }
 
+std::string fifteenNotices()
+{
+    int refused = 0;
+    hangwatch_register_watchdog_service(60);
+    for (int notice = 0; notice < 15; ++notice) {
+        refused += hangwatch_watchdog_notify() == 0 ? 0 : 1;
+    }
+    hangwatch_unregister_watchdog_service();
+    return refused == 0 ? "" : std::to_string(refused) + " of fifteen are refused";
+}
+
+std::string keptNotifying()
+{
+    hangwatch_register_watchdog_service(60);
+    for (int notice = 0; notice < 11; ++notice) {
+        hangwatch_watchdog_notify();
+        sleep(1);
+    }
+    hangwatch_unregister_watchdog_service();
+    return "";
+}
+
 std::string noticeAtOnce()
 {
     hangwatch_register_watchdog_service(60);
@@ -454,6 +476,8 @@ const std::vector<Proof>& serviceProofs()
         {"watchdog-slow", noticeAtOnce},
         {"watchdog-of-one-thread", noticeOfAnotherThread},
         {"watchdog-never-forgets", leftAlone, 128 + 9},
+        {"watchdog-ten-notices", fifteenNotices},
+        {"watchdog-first-notice-only", keptNotifying, 128 + 9},
         {"watchdog-broken-pipe",
          [] {
              hangwatch_watchdog_notify();

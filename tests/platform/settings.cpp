@@ -93,6 +93,27 @@ std::string toldAfterIgnore()
     return toldValues.empty() ? "" : "told after the end of the subscription";
 }
 
+template <int who>
+void noteOneOf(keynode* node, void* data)
+{
+    noteValue(node, data);
+}
+
+std::string nineListeners()
+{
+    constexpr pralis_key_changed_cb kAll[] = {noteOneOf<1>, noteOneOf<2>, noteOneOf<3>,
+                                              noteOneOf<4>, noteOneOf<5>, noteOneOf<6>,
+                                              noteOneOf<7>, noteOneOf<8>, noteOneOf<9>};
+    pralis_set_int(kKey, 1);
+    for (const pralis_key_changed_cb one : kAll) {
+        pralis_notify_key_changed(kKey, one, nullptr);
+    }
+    pralis_set_int(kKey, 2);
+    runLoop(500);
+    return toldValues.size() == std::size(kAll) ? ""
+                                                : std::to_string(toldValues.size()) + " of nine were told";
+}
+
 std::string otherKeyAfterIgnore()
 {
     pralis_notify_key_changed(kKey, noteValue, nullptr);
@@ -458,6 +479,12 @@ const std::vector<Proof>& settingsProofs()
         {"settings-ignore-ends-all", otherKeyAfterIgnore},
         {"settings-old-value-told", toldValue},
         {"settings-node-gives-status", toldValue},
+        {"settings-zero-untold",
+         [] {
+             changeOnce(0);
+             return toldValues.size() == 1 && toldValues[0].value == 0 ? "" : "not told";
+         }},
+        {"settings-eight-listeners", nineListeners},
         {"settings-changes-merged", eachChange},
         {"settings-set-waits-for-loop", [] { return keptValue(7); }, kHangs},
         {"settings-answers-mixed", readBesideAnother},
