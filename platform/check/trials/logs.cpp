@@ -712,7 +712,8 @@ void judgeFormats(Trial& trial, const Traced& traced, const Values& values, cons
          Length::kLong},
         {FindingId::WrongErrno, "\"%m\" twice and errno EXDEV",
          printed("twice %s|%s, %u.", reason, reason, token)},
-        {FindingId::RecordCut, "a byte that is no UTF-8", printed(", then %u.", token)},
+        {timesWritten(traced, "an odd byte ") == 0 ? FindingId::RecordLost : FindingId::WrongText,
+         "a byte that is no UTF-8", printed(", then %u.", token)},
         {FindingId::LostAtTheEnd, "the only record of a thread that goes on",
          printed("a thread that stays, %u.", token)}};
     for (const int held : {0, ENOENT, 4095}) {
