@@ -15,6 +15,8 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <numeric>
 #include <set>
 #include <sys/wait.h>
 #include <thread>
@@ -525,6 +527,19 @@ std::set<std::string> wholeRecords(const Traced& traced, unsigned int token)
     return whole;
 }
 
+// As many as each thread has logged up to its last one that is whole.
+std::size_t recordsUpToTheLast(const std::set<std::string>& whole)
+{
+    std::map<std::string, std::size_t> last; // of each thread
+    for (const std::string& record : whole) {
+        const std::size_t slash = record.find('/');
+        std::size_t& number = last[record.substr(0, slash)];
+        number = std::max<std::size_t>(number, std::strtoul(record.c_str() + slash + 1, nullptr, 10) + 1);
+    }
+    return std::accumulate(last.begin(), last.end(), std::size_t{0},
+                           [](std::size_t sum, const auto& one) { return sum + one.second; });
+}
+
 // Only where records leave the process: memory keeps the latest only.
 void judgeThreads(Trial& trial, const Traced& traced, bool isTrace)
 {
@@ -538,11 +553,12 @@ void judgeThreads(Trial& trial, const Traced& traced, bool isTrace)
     for (std::size_t count = 0; in >> count;) {
         logged += count;
     }
-    const std::size_t whole = wholeRecords(traced, trial.options().token).size();
-    trial.require(whole >= logged, FindingId::RecordsMixed,
+    const std::set<std::string> whole = wholeRecords(traced, trial.options().token);
+    logged = isTrace ? recordsUpToTheLast(whole) : logged; // the latest may be in memory
+    trial.require(whole.size() >= logged, FindingId::RecordsMixed,
                   std::string(isTrace ? "TraceLogger::record" : "__norlog_print") + ": of " +
                       std::to_string(logged) + " records of " + std::to_string(kThreads) + " threads only " +
-                      std::to_string(whole) + " are whole in what was written");
+                      std::to_string(whole.size()) + " are whole in what was written");
 }
 
 struct OfPriority {
@@ -697,8 +713,9 @@ struct Further {
 };
 
 // Where texts are written as they are.
-void judgeFormats(Trial& trial, const Traced& traced, const Values& values, const char* logger)
+void judgeFormats(Trial& trial, const Traced& traced, const Values& values, bool isTrace)
 {
+    const char* const logger = isTrace ? "TraceLogger::record" : "__norlog_print";
     if (timesWritten(traced, expectedTexts(values)[kPlain]) == 0) {
         return;
     }
@@ -713,9 +730,11 @@ void judgeFormats(Trial& trial, const Traced& traced, const Values& values, cons
         {FindingId::WrongErrno, "\"%m\" twice and errno EXDEV",
          printed("twice %s|%s, %u.", reason, reason, token)},
         {timesWritten(traced, "an odd byte ") == 0 ? FindingId::RecordLost : FindingId::WrongText,
-         "a byte that is no UTF-8", printed(", then %u.", token)},
-        {FindingId::LostAtTheEnd, "the only record of a thread that goes on",
-         printed("a thread that stays, %u.", token)}};
+         "a byte that is no UTF-8", printed(", then %u.", token)}};
+    if (!isTrace) {
+        all.push_back({FindingId::LostAtTheEnd, "the only record of a thread that goes on",
+                       printed("a thread that stays, %u.", token)});
+    }
     for (const int held : {0, ENOENT, 4095}) {
         all.push_back({FindingId::WrongErrno, "\"%m\"",
                        printed("errno %d is %s, %u.", held, std::strerror(held), token)});
@@ -725,6 +744,13 @@ void judgeFormats(Trial& trial, const Traced& traced, const Values& values, cons
                       std::string(logger) + ": a record with " + one.what + " is not as \"" + one.text +
                           "\" in what was written");
     }
+}
+
+// A recorder may keep its latest records in memory until there are some to be written: then nothing is said
+// of what is not written yet.
+bool isWrittenToTheEnd(const Traced& traced, unsigned int token)
+{
+    return timesWritten(traced, printed("late, priority %d, %u.", kError, token)) > 0;
 }
 
 // A priority that is left out altogether is the set's own choice.
@@ -781,13 +807,18 @@ void watch(Trial& trial, bool isTrace)
             return;
         }
         judgeTexts(trial, alone, texts, isTrace);
+        judgeThreads(trial, beside, isTrace);
+        if (isTrace && !isWrittenToTheEnd(alone, values.token)) {
+            return;
+        }
         judgeEdges(trial, alone, values, name);
-        judgeLastRecords(trial, alone, name);
+        if (!isTrace) { // which alone has to be out of the process
+            judgeLastRecords(trial, alone, name);
+        }
         judgeRepeats(trial, alone, values.token, name);
         judgePriorities(trial, alone, values, name);
         judgeLongReasons(trial, alone, values, name);
-        judgeFormats(trial, alone, values, name);
-        judgeThreads(trial, beside, isTrace);
+        judgeFormats(trial, alone, values, isTrace);
     }
 }
 
