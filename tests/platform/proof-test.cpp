@@ -123,6 +123,7 @@ constexpr Right kUnusual[] = {
     {"package-unknown-refused", "package"},
     {"trace-ring", "trace"},
     {"trace-small-ring", "trace"},
+    {"trace-in-blocks", "trace"},
     {"log-in-pieces", "log-errno"},
     {"log-by-ring", "log-errno"},
 };
