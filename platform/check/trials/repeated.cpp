@@ -180,7 +180,7 @@ void repeat(Trial& trial, const Repeated& repeated)
     constexpr int kFirstWindows = 2;
     constexpr int kLeastTimes =
         260; // what is wrong from some time on is wrong by then, if there is time for it
-    constexpr std::chrono::nanoseconds kTimeForThem = 1s;
+    constexpr std::chrono::nanoseconds kTimeForThem = 600ms;
     constexpr int kLeastWindows = 20; // then a slow machine may give up
     constexpr std::chrono::nanoseconds kMostTime = 15s;
     constexpr std::chrono::nanoseconds kTooLate = 2 * kMostTime; // for the calls of one window
