@@ -44,6 +44,17 @@ protected:
     {
         return {"package", "--image", "Tuner.bin", "--info", "info.json", "--id", identifier};
     }
+    // Of fwmod and its template, to be spoilt; returns where the template is.
+    fs::path copyKit()
+    {
+        const fs::path kit = directory / "share/tarnwick/template";
+        fs::create_directories(directory / "bin");
+        fs::create_directories(kit.parent_path());
+        fs::copy_file(FWMOD, directory / "bin/fwmod");
+        fs::copy(fs::canonical(fs::path(FWMOD).parent_path().parent_path() / "share/tarnwick/template"), kit,
+                 fs::copy_options::recursive);
+        return kit;
+    }
     // Names in the directory, sorted: nothing half-written may stay.
     std::vector<std::string> names()
     {
@@ -173,12 +184,26 @@ TEST_F(Fwmod, NewSaysWhatToDoWithoutItsTemplate)
     EXPECT_THAT(outcome.err, HasSubstr("scripts/install-sdk"));
 }
 
+TEST_F(Fwmod, NewNamesWhatItsTemplateLacks)
+{
+    const fs::path kit = copyKit();
+    for (const fs::path& file : filesIn(kit)) {
+        fs::rename(file, directory / "away");
+        const Outcome outcome = runProgram({directory / "bin/fwmod", "new", "tuner"}, directory.path());
+        EXPECT_EQ(outcome.status, 1) << file;
+        EXPECT_THAT(outcome.err, AllOf(HasSubstr(" lacks " + file.lexically_relative(kit).string() + ": "),
+                                       HasSubstr("scripts/install-sdk")));
+        EXPECT_FALSE(fs::exists(directory / "tuner")) << file;
+        fs::rename(directory / "away", file);
+    }
+    fs::remove_all(kit / "support");
+    EXPECT_THAT(runProgram({directory / "bin/fwmod", "new", "tuner"}, directory.path()).err,
+                AllOf(HasSubstr("support/file.c, "), HasSubstr(", support/module.c: ")));
+}
+
 TEST_F(Fwmod, NewReadsNothingOfATemplateThatIsNoSmallFile)
 {
-    const fs::path file = fs::path(directory / "share/tarnwick/template") / "NAME.cpp";
-    fs::create_directories(directory / "bin");
-    fs::create_directories(file.parent_path());
-    fs::copy_file(FWMOD, directory / "bin/fwmod");
+    const fs::path file = copyKit() / "NAME.cpp";
     const auto refused = [&](const char* why) {
         const Outcome outcome =
             runProgram({"timeout", "100", directory / "bin/fwmod", "new", "tuner"}, directory.path());

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/files/regular-file.h"
+#include "common/joined.h"
 #include "common/process/this-program.h"
 #include "common/terminal/visible-text.h"
 #include "src/src/fw-update-symbol.h"
@@ -132,13 +133,22 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
     }
 }
 
+// All that are in it, by the build: a kit may have lost some.
+constexpr const char* kTemplateFiles[] = {
+#include "template-files.inc"
+};
+
+[[noreturn]] void failForKit(const std::string& problem)
+{
+    throw common::Failure(problem + ": install the whole kit again (scripts/install-sdk)");
+}
+
 // In the build tree as when it is installed.
 fs::path templateDirectory()
 {
     const fs::path found = common::directoryOfThisProgram().parent_path() / "share/tarnwick/template";
     if (!fs::is_directory(found)) {
-        throw common::Failure("the template is not in " + found.string() +
-                              ": install the whole kit again (scripts/install-sdk)");
+        failForKit("the template is not in " + found.string());
     }
     return found;
 }
@@ -154,8 +164,7 @@ std::string readText(const fs::path& path)
     std::string problem;
     std::optional<std::string> text = common::readRegularFile(path, kMost, problem);
     if (!text) {
-        throw common::Failure(path.string() + " " + problem +
-                              ": install the whole kit again (scripts/install-sdk)");
+        failForKit(path.string() + " " + problem);
     }
     return *std::move(text);
 }
@@ -166,17 +175,32 @@ bool isOfLanguage(const fs::path& file, const Language& language)
     return file.stem() != "NAME" || file.extension() == std::string(".") + language.suffix;
 }
 
+// Of every language: what one kit lacks is told at once.
+void requireWhole(const fs::path& directory)
+{
+    std::vector<std::string> missing;
+    for (const char* file : kTemplateFiles) {
+        if (statusOf(directory / file).type() == fs::file_type::not_found) {
+            missing.emplace_back(file);
+        }
+    }
+    if (!missing.empty()) {
+        failForKit("the template in " + directory.string() + " lacks " + common::joined(missing, ", "));
+    }
+}
+
 std::vector<TemplateFile> fillTemplate(const Words& words, const std::string& name, const Language& language)
 {
     const fs::path from = templateDirectory();
+    requireWhole(from);
     std::vector<TemplateFile> files;
-    for (const auto& entry : fs::recursive_directory_iterator(from)) {
-        if (entry.is_directory() || !isOfLanguage(entry.path(), language)) {
+    for (const char* source : kTemplateFiles) {
+        if (!isOfLanguage(source, language)) {
             continue;
         }
-        std::string path = entry.path().lexically_relative(from);
+        std::string path = source;
         replaceAll(path, "NAME", name);
-        TemplateFile file{path, readText(entry.path())};
+        TemplateFile file{path, readText(from / source)};
         for (const auto& [word, replacement] : words) {
             replaceAll(file.text, word, replacement);
         }
