@@ -9,6 +9,7 @@
 #include <glib.h>
 #include <sstream>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 #include "common/errors.h"
@@ -211,22 +212,81 @@ void requireWritable(const std::filesystem::path& file)
     }
 }
 
-void writeReport(const std::filesystem::path& file, const std::string& text)
+namespace
+{
+
+// False with errno.
+bool writeWhole(UniqueFd& out, const std::string& text)
+{
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t count = write(out.get(), text.data() + done, text.size() - done);
+        if (count < 0 && errno != EINTR) {
+            return false;
+        }
+        done += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+    }
+    return close(out.release()) == 0;
+}
+
+// Pipes and devices, and a file whose directory its user may not write.
+void writeInPlace(const std::filesystem::path& file, const std::string& text)
 {
     UniqueFd out(open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666));
     if (out.get() < 0) {
         refuseReport(file, errno == ENXIO ? "nobody reads it" : std::strerror(errno));
     }
     fcntl(out.get(), F_SETFL, 0); // a reader that is there may take its time
-    for (std::size_t done = 0; done < text.size();) {
-        const ssize_t count = write(out.get(), text.data() + done, text.size() - done);
-        if (count < 0 && errno != EINTR) {
-            refuseReport(file, std::strerror(errno));
+    if (!writeWhole(out, text)) {
+        const int error = errno;
+        if (std::filesystem::is_regular_file(file)) { // an empty report is none, a cut one seems to be one
+            [[maybe_unused]] const int result = truncate(file.c_str(), 0);
         }
-        done += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+        refuseReport(file, std::strerror(error));
     }
-    if (close(out.release()) != 0) {
-        refuseReport(file, std::strerror(errno));
+}
+
+// Whose it was, and open to whom it was. False when that cannot be.
+bool keepOwnerAndMode(int file, const struct stat& before)
+{
+    const bool isOwn = before.st_uid == geteuid() && before.st_gid == getegid();
+    return (isOwn || fchown(file, before.st_uid, before.st_gid) == 0) &&
+           fchmod(file, before.st_mode & 07777) == 0;
+}
+
+// As a new file that takes the place of the old one when it is whole. False when none can be made there.
+bool writeBeside(const std::filesystem::path& file, const std::string& text)
+{
+    struct stat before = {};
+    const bool isThere = stat(file.c_str(), &before) == 0;
+    std::error_code error;
+    const bool isLinkToNothing = !isThere && std::filesystem::is_symlink(file, error);
+    const std::filesystem::path target = isThere ? std::filesystem::canonical(file, error) : file;
+    if (isLinkToNothing || (isThere && (error || !S_ISREG(before.st_mode)))) {
+        return false;
+    }
+    const std::string unfinished = target.string() + "." + std::to_string(getpid()) + ".new";
+    UniqueFd out(open(unfinished.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (!out && errno != ENOSPC && errno != EDQUOT) {
+        return false;
+    }
+    if (out && isThere && !keepOwnerAndMode(out.get(), before)) {
+        unlink(unfinished.c_str());
+        return false;
+    }
+    if (!out || !writeWhole(out, text) || rename(unfinished.c_str(), target.c_str()) != 0) {
+        const int reason = errno;
+        unlink(unfinished.c_str());
+        refuseReport(file, std::strerror(reason));
+    }
+    return true;
+}
+
+} // namespace
+
+void writeReport(const std::filesystem::path& file, const std::string& text)
+{
+    if (!writeBeside(file, text)) {
+        writeInPlace(file, text);
     }
 }
 

@@ -47,7 +47,8 @@ std::string junitReport(const std::string& suite, const std::vector<TestCase>& c
 // Before the work: throws Failure when it is known already that the report could not be written there.
 void requireWritable(const std::filesystem::path& file);
 
-// Throws Failure when the file cannot be written. Waits for nobody to read a pipe.
+// Throws Failure when the file cannot be written: what was there before stays, or none is there; only where
+// nothing can be put beside it, it is empty then. Waits for nobody to read a pipe.
 void writeReport(const std::filesystem::path& file, const std::string& text);
 
 // ---- The page of all findings ----
