@@ -571,8 +571,9 @@ TEST_F(Fwmod, FileThatCannotBeWrittenIsNamed)
     EXPECT_EQ(package("/proc/version").err, "fwmod: cannot write /proc/version: No such file or directory\n");
     EXPECT_EQ(package("Tuner.bin/x").err, "fwmod: cannot write Tuner.bin/x: Tuner.bin is not a directory\n");
     EXPECT_EQ(package("nowhere/x").err, "fwmod: cannot write nowhere/x: make the directory nowhere first\n");
-    EXPECT_EQ(package("full.img", directory / "bin").err,
-              "fwmod: cannot write full.img: No space left on device\n");
+    EXPECT_EQ(
+        package("full.img", directory / "bin").err,
+        "fwmod: cannot write full.img: No space left on device: make room there, or name another place\n");
     EXPECT_EQ(names(), (std::vector<std::string>{"Tuner.bin", "bin", "info.json"}));
 }
 

@@ -18,8 +18,33 @@ mkdir -m 777 users
 one_line 0 "$work/users/set" as_user "$vset" new "$work/users/set"
 [ -x users/set/usr/bin/tarnwick ] || fail "the daemon is not in a plain user's set"
 mkdir small
+# A full disk: nothing that was begun is left, what was there stays, and the second try works.
+full="No space left on device: make room there, or name another place"
+left() { [ "$(ls -A "$1")" = "$2" ] || fail "in $1 is left: $(ls -A "$1")"; }
 if mount -t tmpfs -o size=300k tmpfs small 2>/dev/null; then
-    one_line 1 "No space left on device" "$vset" new "$work/small/set"
+    one_line 1 "$full" "$vset" new "$work/small/set"
+    one_line 1 "$full" "$vset" new small/deep/down/set/
+    one_line 1 "$full" "$vset" new small
+    left small ""
+    one_line 0 "$work/small/set" "$vset" new --bare small/set
+    one_line 1 "$full" "$vset" new small/set
+    left small set
+    mount -o remount,size=60m small
+    one_line 0 "$work/small/set" "$vset" new small/set
+    [ -x small/set/usr/bin/tarnwick ] || fail "the second try has put no daemon there"
+    mkdir Large stick
+    for file in large.so large.img Large/Large.bin stick/large; do head -c 100k /dev/zero >"$file"; done
+    cat /dev/zero >small/rest 2>/dev/null
+    before=$(find small | sort)
+    for what in "library large.so" "package large.img" "firmware Large" "hardware stick" "stick stick"; do
+        # shellcheck disable=SC2086 # words
+        one_line 1 "$full" "$vset" put small/set $what
+        [ "$(find small | sort)" = "$before" ] || fail "put $what on a full disk leaves something else"
+    done
+    rm small/rest
+    expect 0 "" "$vset" put small/set library large.so
+    cmp large.so small/set/root/prd/usr/fwupdate/controls/large.so || fail "the second try has put no library there"
+    rm -r Large stick large.*
     umount small
 fi
 if mount -t tmpfs -o size=1m,nr_inodes=20 tmpfs small 2>/dev/null; then

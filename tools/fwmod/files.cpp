@@ -16,6 +16,7 @@
 #include "common/files/regular-file.h"
 #include "common/files/unique-fd.h"
 #include "common/glib-pointers.h"
+#include "common/plain-words.h"
 #include "common/process/pipe.h"
 #include "common/process/program.h"
 #include "common/terminal/visible-text.h"
@@ -31,7 +32,7 @@ namespace
 {
 [[noreturn]] void failOn(const fs::path& path, const std::string& action)
 {
-    throw common::Failure("cannot " + action + " " + path.string() + ": " + std::strerror(errno));
+    throw common::Failure("cannot " + action + " " + path.string() + ": " + common::reasonOf(errno));
 }
 
 // mksquashfs takes its times from this variable as well, and then refuses those of its command line.
@@ -235,7 +236,7 @@ void NewFile::commit()
     std::error_code error;
     fs::rename(unfinished_, target_, error);
     if (error) {
-        throw common::Failure("cannot write " + target_.string() + ": " + error.message());
+        throw common::Failure("cannot write " + target_.string() + ": " + common::reasonOf(error.value()));
     }
 }
 

@@ -24,10 +24,9 @@ void defineNew(common::CommandLine& command)
     command.flag("--bare", options->isBare, "Only the directories, without the daemon");
     command.footer("Run again on an existing set it renews the daemon and keeps everything else.");
     command.onRun([options] {
-        const SetDirectory directory = SetDirectory::make(options->set);
-        if (!options->isBare) {
-            directory.installDaemon();
-        }
+        using Content = SetDirectory::Content;
+        const SetDirectory directory =
+            SetDirectory::make(options->set, options->isBare ? Content::kNothing : Content::kDaemon);
         // For a script as it is; a person's terminal shall not obey it.
         const std::string path = directory.path();
         std::printf("%s\n", (isatty(STDOUT_FILENO) != 0 ? common::visible(path) : path).c_str());

@@ -15,6 +15,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/plain-words.h"
 #include "common/process/run-program.h"
 #include "common/terminal/visible-text.h"
 #include "vset/client/set-file.h"
@@ -165,6 +166,19 @@ std::string whyNot(const Outcome& ended)
                                 : "cmake ended with status " + std::to_string(ended.status);
 }
 
+// The same, and what to do.
+std::string withCure(std::string reason)
+{
+    const std::string cure = common::cureOf(common::errorIn(reason));
+    if (cure.empty()) {
+        return reason;
+    }
+    if (reason.back() == '.') {
+        reason.pop_back();
+    }
+    return reason + ": " + cure;
+}
+
 // At the end cmake lists in its build tree what it has put where, which nobody reads here, and a plain user
 // may not write there.
 bool lacksOnlyTheList(const Outcome& ended)
@@ -186,7 +200,7 @@ void install(const BuildTree& tree, const char* component, const fs::path& prefi
     }
     const std::string reason = whyNot(ended);
     const bool isBuilt = reason.rfind("cannot find", 0) != 0;
-    throw Error(what + (isBuilt ? " cannot be put into the set: " + reason
+    throw Error(what + (isBuilt ? " cannot be put into the set: " + withCure(reason)
                                 : " is not built: build it first with `cmake --build " + tree.build.string() +
                                       target + "`"));
 }
@@ -351,7 +365,7 @@ SetDirectory SetDirectory::makeTemporary()
     }
     try {
         check(chmod(name.c_str(), 0755), "cannot set the mode of " + name);
-        return make(name);
+        return make(name, Content::kNothing);
     } catch (...) {
         std::error_code ignored;
         fs::remove_all(name, ignored);
@@ -374,7 +388,67 @@ SetDirectory SetDirectory::open(const fs::path& path)
     return SetDirectory(canonical);
 }
 
-SetDirectory SetDirectory::make(const fs::path& path)
+namespace
+{
+
+// The directory of a set that is about to be made. What was made is removed unless it is kept, and nothing
+// that was there before, or that another command has made.
+class NewDirectory
+{
+public:
+    explicit NewDirectory(const fs::path& path) : path_(fs::absolute(path))
+    {
+        path_ = path_.has_filename() ? path_ : path_.parent_path();
+        std::error_code error;
+        fs::path missing = path_;
+        while (!fs::exists(missing, error) && missing.has_relative_path()) {
+            missing = missing.parent_path();
+            parents_.push_back(missing);
+        }
+        if (!parents_.empty()) {
+            parents_.pop_back(); // that one is there
+        }
+        isNew_ = fs::create_directories(path_, error);
+        if (error) {
+            const int reason = error.value();
+            undo();
+            throw Error("cannot make " + path.string() + ": " + common::reasonOf(reason));
+        }
+        wasEmpty_ = isNew_ || fs::is_empty(path_, error);
+    }
+    ~NewDirectory() { undo(); }
+    NewDirectory(const NewDirectory&) = delete;
+    NewDirectory& operator=(const NewDirectory&) = delete;
+    void keep() { isKept_ = true; }
+
+private:
+    void undo()
+    {
+        std::error_code ignored;
+        if (isKept_ || (!isNew_ && !wasEmpty_)) {
+            return;
+        }
+        for (const fs::directory_entry& entry : fs::directory_iterator(path_, ignored)) {
+            fs::remove_all(entry.path(), ignored);
+        }
+        if (isNew_) {
+            fs::remove(path_, ignored);
+            for (const fs::path& parent : parents_) { // somebody may have put something else there
+                fs::remove(parent, ignored);
+            }
+        }
+    }
+
+    fs::path path_;
+    std::vector<fs::path> parents_; // that were missing, the longest first
+    bool isNew_ = false;
+    bool wasEmpty_ = false;
+    bool isKept_ = false;
+};
+
+} // namespace
+
+SetDirectory SetDirectory::make(const fs::path& path, Content content)
 {
     std::error_code error;
     if (fs::absolute(path, error).string().find('\\') != std::string::npos) {
@@ -390,12 +464,13 @@ SetDirectory SetDirectory::make(const fs::path& path)
         throw Error(path.string() +
                     " is a directory with something else in it: choose another name for the set");
     }
-    fs::create_directories(path, error);
-    if (error) {
-        throw Error("cannot make " + path.string() + ": " + error.message());
-    }
+    NewDirectory made(path);
     SetDirectory set(fs::canonical(path));
     set.complete();
+    if (content == Content::kDaemon) {
+        set.installDaemon();
+    }
+    made.keep();
     return set;
 }
 
@@ -408,8 +483,7 @@ void SetDirectory::installDaemon() const
         stage(workshop.at("usr"));
         moveTree(workshop.at("usr"), usr());
     } catch (const fs::filesystem_error& error) {
-        throw Error("the daemon cannot be put into the set: " + error.code().message() + " (" +
-                    (error.path2().empty() ? error.path1() : error.path2()).string() + ")");
+        throw Error("the daemon cannot be put into the set: " + common::plainWords(error));
     }
 }
 

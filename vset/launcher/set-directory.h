@@ -44,18 +44,16 @@ public:
     static SetDirectory makeTemporary();
     // An existing set; throws Error when there is none at `path`.
     static SetDirectory open(const fs::path& path);
-    // Makes the skeleton at `path` (which may exist already as a set) and returns it.
-    static SetDirectory make(const fs::path& path);
+    enum class Content { kDaemon, kNothing };
+    // Makes the skeleton at `path` (which may exist already as a set), puts the daemon into it, and returns
+    // it. Throws Error; what was not there before is removed then.
+    static SetDirectory make(const fs::path& path, Content content);
 
     const fs::path& path() const { return path_; }
     fs::path root() const { return path_ / "root"; }
     fs::path usr() const { return path_ / "usr"; }
     fs::path clockFile() const { return path_ / ".vset/clock"; }
     fs::path machineIdFile() const { return path_ / ".vset/machine-id"; }
-
-    // Puts the daemon, its platform library and the command fwctl into SET/usr: from the kit, or from the
-    // build tree, where fwctl is left out if it was not built. Throws Error when the daemon was not.
-    void installDaemon() const;
 
     // Throws Error when the set is running. Waits a moment for who only looks whether it is.
     SetLock lock() const;
@@ -76,6 +74,10 @@ public:
 
 private:
     explicit SetDirectory(fs::path path) : path_(std::move(path)) {}
+
+    // Puts the daemon, its platform library and the command fwctl into SET/usr: from the kit, or from the
+    // build tree, where fwctl is left out if it was not built. Throws Error when the daemon was not.
+    void installDaemon() const;
 
     fs::path path_;
 };

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "common/plain-words.h"
 #include "common/process/this-program.h"
 #include "common/terminal/visible-text.h"
 
@@ -17,7 +18,7 @@ namespace vset
 
 void failWithErrno(const std::string& what)
 {
-    throw Error(what + ": " + std::strerror(errno));
+    throw Error(what + ": " + common::reasonOf(errno));
 }
 
 void writeFile(const fs::path& path, const std::string& text, mode_t mode)

@@ -16,6 +16,7 @@
 #include "common/errors.h"
 #include "common/files/file-copy.h"
 #include "common/files/regular-file.h"
+#include "common/plain-words.h"
 #include "common/terminal/visible-text.h"
 #include "vset/television/workshop.h"
 
@@ -38,8 +39,7 @@ std::string reasonOf(const fs::filesystem_error& error)
         std::errc::not_supported) { // the copying's own word for what is neither file nor link
         return error.path1().string() + " " + common::problemOfSpecialFile(error.path1()) + ": take it away";
     }
-    return error.code().message() + " (" + (error.path2().empty() ? error.path1() : error.path2()).string() +
-           ")";
+    return common::plainWords(error);
 }
 
 // Runs what throws std::filesystem errors; they leave as ours, with the whole sentence.

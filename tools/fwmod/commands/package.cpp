@@ -1,12 +1,11 @@
 // fwmod package: the file system image that the daemon mounts read-only to find a module's image. The same
 // input gives the same bytes, on every machine and at any time.
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 
 #include "common/files/file-copy.h"
 #include "common/files/package-image.h"
+#include "common/plain-words.h"
 #include "common/terminal/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
@@ -46,17 +45,6 @@ void refuseTooLargeImage(const fs::path& image)
     }
 }
 
-// Which of the usual reasons a text of another program tells; 0 for none of them.
-int errorIn(const std::string& text)
-{
-    for (const int error : {ENOSPC, EDQUOT, EFBIG, EIO, EROFS, EACCES}) {
-        if (text.find(std::strerror(error)) != std::string::npos) {
-            return error;
-        }
-    }
-    return 0;
-}
-
 // Times, owners and modes are fixed; one block size and compressor that every set's kernel reads.
 void makeFileSystem(const fs::path& tree, const fs::path& unfinished, const fs::path& output)
 try {
@@ -65,11 +53,11 @@ try {
                 "131072"},
                "squashfs-tools");
 } catch (const common::Failure& failure) {
-    const int error = errorIn(failure.what());
+    const int error = common::errorIn(failure.what());
     if (error == 0) {
         throw;
     }
-    throw common::Failure("cannot write " + output.string() + ": " + std::strerror(error));
+    throw common::Failure("cannot write " + output.string() + ": " + common::reasonOf(error));
 }
 
 int package(const PackageOptions& options)

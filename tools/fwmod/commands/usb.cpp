@@ -16,6 +16,7 @@
 
 #include "common/files/owned-file.h"
 #include "common/files/regular-file.h"
+#include "common/plain-words.h"
 #include "common/terminal/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
@@ -193,8 +194,9 @@ void refuseTooLargePayload(const fs::path& payload)
 class ImageWriter
 {
 public:
-    ImageWriter(const fs::path& path, EVP_PKEY* key)
-        : path_(path), file_(openFile(path, "wbe")), digest_(EVP_MD_CTX_new())
+    // `name`: what the person calls it, and failures do.
+    ImageWriter(const fs::path& path, const std::string& name, EVP_PKEY* key)
+        : name_(name), file_(openFile(path, "wbe")), digest_(EVP_MD_CTX_new())
     {
         if (!digest_ || EVP_DigestSignInit(digest_.get(), nullptr, EVP_sha256(), nullptr, key) != 1) {
             throw common::Failure("OpenSSL refuses the signing key");
@@ -217,7 +219,7 @@ public:
         }
         write(bytes, sizeof bytes);
         if (std::fflush(file_.get()) != 0 || fsync(fileno(file_.get())) != 0) {
-            throw common::Failure("cannot write " + path_.string() + ": " + std::strerror(errno));
+            throw common::Failure("cannot write " + name_ + ": " + common::reasonOf(errno));
         }
         return ftello(file_.get());
     }
@@ -226,11 +228,11 @@ private:
     void write(const unsigned char* data, std::size_t size)
     {
         if (std::fwrite(data, 1, size, file_.get()) != size) {
-            throw common::Failure("cannot write " + path_.string() + ": " + std::strerror(errno));
+            throw common::Failure("cannot write " + name_ + ": " + common::reasonOf(errno));
         }
     }
 
-    fs::path path_;
+    std::string name_;
     common::OwnedFile file_;
     std::unique_ptr<EVP_MD_CTX, Closer> digest_;
 };
@@ -273,7 +275,7 @@ int makeImage(const UsbOptions& options)
     const signature::Key signKey = readSigningKey(options.signKey);
     const common::ContentKey key(options.keyFile);
 
-    ImageWriter out(result.path(), signKey.get());
+    ImageWriter out(result.path(), options.output, signKey.get());
     out.writeSigned(iv.data(), iv.size());
     encrypt(header, options.payload, usb::makeCipher(key, iv, true).get(), out);
     const signature::KeyId keyId = signature::keyIdOf(signKey.get());
