@@ -259,6 +259,29 @@ TEST_F(Fwmod, CrcOfWhatCannotBeReadFails)
     EXPECT_EQ(outcome.err, "fwmod: cannot read all of /proc/self/mem: Input/output error\n");
 }
 
+TEST_F(Fwmod, LongReadingShowsHowFarItIsAndLeavesNothing)
+{
+    writeBytes(directory / "huge.bin", "");
+    fs::resize_file(directory / "huge.bin", std::uintmax_t{1} << 42); // reading it takes an hour
+    writeBytes(directory / "small.bin", "\x01");
+    const auto onTerminal = [&](const std::string& command) {
+        return runProgram({"env", "TERM=xterm", "script", "-qec",
+                           "timeout --foreground -s INT 4 " + std::string(FWMOD) + " " + command,
+                           "/dev/null"},
+                          directory.path());
+    };
+    for (const char* command :
+         {"crc huge.bin", "info --version 1 --image huge.bin -o info.json", "diff huge.bin huge.bin"}) {
+        EXPECT_THAT(onTerminal(command).out, HasSubstr("\rhuge.bin [...")) << command;
+        EXPECT_EQ(names(), (std::vector<std::string>{"huge.bin", "small.bin"})) << command;
+    }
+    EXPECT_THAT(onTerminal("crc huge.bin").out, testing::EndsWith("\r\x1b[K"));
+    EXPECT_EQ(onTerminal("crc small.bin").out, "28458147 0x01b23ca3 small.bin\r\n");
+    const Outcome unseen =
+        runProgram({"timeout", "-s", "INT", "2", FWMOD, "crc", "huge.bin"}, directory.path());
+    EXPECT_EQ(unseen.out + unseen.err, "");
+}
+
 // ---- info ----
 
 TEST_F(Fwmod, WrittenInformationIsAcceptedByTheCheck)

@@ -17,11 +17,13 @@
 #include "common/files/unique-fd.h"
 #include "common/glib-pointers.h"
 #include "common/plain-words.h"
+#include "common/process/interruption.h"
 #include "common/process/pipe.h"
 #include "common/process/program.h"
 #include "common/terminal/visible-text.h"
-#include "src/src/fw-update-symbol.h"
+#include "src/src/fw-update-checksum.h"
 #include "tools/fwmod/commands/command.h"
+#include "tools/fwmod/reading-progress.h"
 
 namespace fwmod
 {
@@ -174,17 +176,26 @@ try {
 namespace
 {
 
-// Reads to the end: a disk that fails in the middle of a file, a file that only looks like one.
-void requireWhole(const fs::path& path)
+// By the daemon's own function; its own reading of a file tells nobody how far it is, nor that it failed.
+unsigned int checksumOf(const fs::path& path)
 {
-    std::ifstream in(path, std::ios::binary);
-    char block[32768];
-    errno = 0;
-    while (in.read(block, sizeof block)) {
+    const common::InterruptionWatch interruptions; // takes the line of progress away
+    const common::RegularFile file(path);
+    ReadingProgress progress(path.filename(), fs::file_size(path));
+    unsigned int checksum = 0;
+    std::vector<unsigned char> chunk(std::size_t{1} << 18);
+    for (ssize_t count = 1; count != 0;) {
+        count = read(file.descriptor(), chunk.data(), chunk.size());
+        common::InterruptionWatch::check();
+        if (count < 0 && errno != EINTR) {
+            throw common::Failure("cannot read all of " + path.string() + ": " + std::strerror(errno));
+        }
+        if (count > 0) {
+            checksum = extendChecksum(checksum, chunk.data(), static_cast<std::size_t>(count));
+            progress.add(static_cast<std::size_t>(count));
+        }
     }
-    if (in.bad() || errno != 0) {
-        throw common::Failure("cannot read all of " + path.string() + ": " + std::strerror(errno));
-    }
+    return checksum;
 }
 
 } // namespace
@@ -192,11 +203,12 @@ void requireWhole(const fs::path& path)
 unsigned int imageChecksum(const fs::path& path)
 {
     requireReadable(path);
-    const unsigned int checksum = FWUpdateSymbol("fwmod").getBinaryCRC32(path);
-    if (checksum == 0) {
-        requireWhole(path); // the daemon's own function answers 0 for a file that it cannot read
+    try {
+        return checksumOf(path);
+    } catch (const common::Interrupted& interruption) {
+        raise(interruption.signal); // it ends the program, as if nobody had watched
+        throw;
     }
-    return checksum;
 }
 
 NewFile::NewFile(fs::path target)

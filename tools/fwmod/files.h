@@ -31,7 +31,7 @@ void requireRoomForSet(const std::filesystem::path& directory);
 void refuseTooMuchForSet(const std::filesystem::path& directory,
                          std::optional<std::uintmax_t> mostRead = std::nullopt);
 
-// The checksum that the daemon computes over the file.
+// The checksum that the daemon computes over the file. Of a large one a terminal is told how far it is.
 unsigned int imageChecksum(const std::filesystem::path& path);
 
 // A file that appears under its name only when it is complete: write to `path()`, then `commit()`. What was

@@ -10,12 +10,12 @@
 
 #include "common/files/regular-file.h"
 #include "common/json-text.h"
-#include "common/terminal/progress-line.h"
-#include "common/terminal/terminal.h"
+#include "common/plain-words.h"
 #include "common/terminal/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/inspection.h"
+#include "tools/fwmod/reading-progress.h"
 
 namespace fwmod
 {
@@ -43,22 +43,12 @@ using Differences = std::vector<Difference>;
 // As a package hands out its files.
 using Source = Package::Source;
 
-// Tells on a terminal how far the reading of something large is.
 Source watched(const Source& source, std::uint64_t size, const std::string& what)
 {
-    constexpr std::uint64_t kLarge = std::uint64_t{64} << 20;
-    if (!common::isDrawable(STDERR_FILENO) || size < kLarge) {
-        return source;
-    }
-    const std::shared_ptr<common::ProgressLine> line(new common::ProgressLine,
-                                                     [](common::ProgressLine* shown) {
-                                                         shown->clear();
-                                                         delete shown;
-                                                     });
-    return [source, size, what, line, done = std::uint64_t{0}](char* buffer, std::size_t room) mutable {
+    const auto progress = std::make_shared<ReadingProgress>(what, size);
+    return [source, progress](char* buffer, std::size_t room) {
         const std::size_t count = source(buffer, room);
-        done += count;
-        line->show(what, static_cast<unsigned int>(done * 100 / size));
+        progress->add(count);
         return count;
     };
 }
@@ -290,7 +280,8 @@ try {
     }
     return differences.empty() ? 0 : 1;
 } catch (const std::exception& error) {
-    throw common::WrongUse(error.what()); // 1 says that they differ, as with diff(1)
+    // 1 says that they differ, as with diff(1)
+    throw common::CommandError(common::kStatusWrongUse, common::plainWords(error));
 }
 } // namespace
 

@@ -1,0 +1,41 @@
+// How far the reading of something large is: a line on a terminal, when it takes more than a second.
+#ifndef TOOLS_FWMOD_READING_PROGRESS_H
+#define TOOLS_FWMOD_READING_PROGRESS_H
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "common/terminal/progress-line.h"
+
+namespace fwmod
+{
+
+class ReadingProgress
+{
+public:
+    // `name` may come from anywhere.
+    ReadingProgress(std::string name, std::uintmax_t size) : name_(std::move(name)), size_(size) {}
+    ~ReadingProgress() { line_.clear(); } // also when it ends by an exception
+    ReadingProgress(const ReadingProgress&) = delete;
+    ReadingProgress& operator=(const ReadingProgress&) = delete;
+
+    void add(std::uintmax_t count)
+    {
+        done_ += count;
+        if (line_.isDrawn() && size_ > 0 && std::chrono::steady_clock::now() >= begin_) {
+            line_.show(name_, static_cast<unsigned int>(static_cast<double>(done_) * 100 / size_));
+        }
+    }
+
+private:
+    std::string name_;
+    std::uintmax_t size_;
+    std::uintmax_t done_ = 0;
+    std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    common::ProgressLine line_;
+};
+
+} // namespace fwmod
+
+#endif
