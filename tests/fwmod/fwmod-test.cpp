@@ -1,6 +1,8 @@
 // fwmod as a maker types it: the program itself, its output and its exit status.
+#include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <cstring>
 #include <elf.h>
 #include <gmock/gmock.h>
@@ -764,6 +766,17 @@ TEST_F(Fwmod, MessagesSayWhatIsWrongAndWhatToDo)
     writeBytes(directory / "tuner.so", "x");
     writeBytes(directory / "info.json", R"({"crc":-5,"expected_time":[]})");
     writeBytes(directory / "broken.json", "{");
+    writeBytes(directory / "empty", "");
+    const std::string rest = R"(","crc":5,"expected_time":5,"ui_use":"none"})";
+    writeBytes(directory / "long.json", R"({"version":")" + std::string(200000, 'x') + rest);
+    writeBytes(directory / "latin.json", "{\"version\":\"1.\xe9" + rest);
+    writeBytes(directory / "nul.json", R"({"version":"1.1\u0000x)" + rest);
+    std::string library = common::readWhole(fs::path(SAMPLE_IMAGES).parent_path() / "tuner.so");
+    writeBytes(directory / "cut.so", library.substr(0, 5000));
+    std::fill_n(library.begin() + offsetof(Elf64_Ehdr, e_shoff), sizeof(Elf64_Off), '\xff');
+    writeBytes(directory / "bare.so", library);
+    writeBytes(directory / "cut.img",
+               common::readWhole(fs::path(SAMPLE_IMAGES) / "1.1/empTuner.img").substr(0, 400));
     const std::string tooLong(5000, 'x');
     struct Case {
         std::vector<std::string> command;
@@ -777,6 +790,21 @@ TEST_F(Fwmod, MessagesSayWhatIsWrongAndWhatToDo)
          "the file; correct the value\n"},
         {{"info", "--check", "info.json"}, 1, "expected_time []: not a whole number of seconds"},
         {{"info", "--check", "broken.json"}, 1, "not JSON: Line 1, Column 2: Missing '}'"},
+        {{"info", "--check", "broken.json"}, 1, ": correct it, or write the file anew (fwmod info --version"},
+        {{"info", "--check", "empty"}, 1, "refused: it is empty: write the file anew (fwmod info --version"},
+        {{"info", "--check", "long.json"}, 0, "xxx...xxx"},
+        {{"info", "--check", "latin.json"}, 0, "warning: version \"1.\xEF\xBF\xBD\": no UTF-8"},
+        {{"info", "--check", "nul.json"}, 0, "warning: version \"1.1\\u0000x\": holds a NUL"},
+        {{"inspect", "long.json"}, 0, "xxx...xxx"},
+        {{"inspect", "empty"}, 1, "problem: it is empty: make it anew, or copy it again"},
+        {{"inspect", "Tuner.bin"}, 1, ": is it the right file, and whole?"},
+        {{"inspect", "cut.so"},
+         1,
+         "problem: damaged: the file ends too soon (build it anew, or copy it again)\n"},
+        {{"inspect", "bare.so"},
+         0,
+         "note: its entry points cannot be read: its table of sections is missing"},
+        {{"inspect", "cut.img"}, 1, " bytes: make it anew (fwmod package), or copy it again\n"},
         {{"new", std::string(125, 'x')},
          2,
          "the identifier that follows from the name is too long: at most 127"},
@@ -792,7 +820,11 @@ TEST_F(Fwmod, MessagesSayWhatIsWrongAndWhatToDo)
         EXPECT_EQ(outcome.status, c.status) << c.said << outcome.err;
         EXPECT_THAT(outcome.out + outcome.err, AllOf(HasSubstr(c.said), Not(HasSubstr("filesystem error"))));
         EXPECT_LT(outcome.err.size(), 500U) << c.said;
+        EXPECT_LT(outcome.out.size(), 2000U) << c.said;
     }
+    EXPECT_THAT(fwmod({"inspect", "cut.so"}).out, Not(HasSubstr("setContext is missing")));
+    // Its help would not help.
+    EXPECT_EQ(fwmod({"diff", "nowhere", "info.json"}).err, "fwmod: nowhere does not exist: check the path\n");
 }
 
 TEST_F(Fwmod, HelpOfEveryCommandHasAnExample)

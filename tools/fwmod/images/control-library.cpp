@@ -37,6 +37,7 @@ bool isExported(const GElf_Sym& symbol)
 }
 
 struct Exports {
+    bool isListed = false;
     std::set<std::string> names;
     std::set<std::string> own; // not weak, as what C++ exports in every library alike is
 };
@@ -47,6 +48,7 @@ void collectExports(Elf* elf, Elf_Scn* section, const GElf_Shdr& header, Exports
     if (data == nullptr || header.sh_entsize == 0) {
         return;
     }
+    exports.isListed = true;
     const GElf_Xword count = data->d_size / header.sh_entsize;
     for (GElf_Xword index = 0; index < count && index <= INT32_MAX; ++index) {
         GElf_Sym symbol;
@@ -208,6 +210,7 @@ ControlLibrary readControlLibrary(const std::filesystem::path& file)
                            file.stem(),
                            buildIdOf(elf.get()),
                            damageOf(elf.get(), header, std::filesystem::file_size(file)),
+                           exports.isListed,
                            {},
                            exports.own};
     for (const common::EntryPoint& entry : common::kEntryPoints) {

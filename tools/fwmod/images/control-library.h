@@ -23,6 +23,8 @@ struct ControlLibrary {
     std::string libraryName; // as setContext gets it: the file's name without ".so"
     std::string buildId;     // bytes; empty when the linker was told to leave it out
     std::string damage;      // why the dynamic loader would not take what the file holds; empty when it would
+    bool isListed; // the list of its functions can be read; the loader does without the sections that lead to
+                   // it
     std::vector<EntryPointState> entryPoints;
     std::set<std::string>
         otherNames; // that are exported, too; without what C++ exports in every library alike

@@ -1,5 +1,6 @@
 #include "tools/fwmod/images/information.h"
 
+#include <glib.h>
 #include <json/json.h>
 #include <sstream>
 
@@ -31,6 +32,10 @@ Meaning meaningOfVersion(const Json::Value* value)
         return {FindingKind::Warning, "absent: the daemon takes \"0000\"; give the image's version"};
     }
     const std::string taken = value->asString();
+    if (taken.find('\0') != std::string::npos) {
+        return {FindingKind::Warning,
+                "holds a NUL: the module is asked about what stands before it; take it out"};
+    }
     if (!value->isString()) {
         return {FindingKind::Warning,
                 "not a text: the daemon takes \"" + taken + "\"; put the version in quotes"};
@@ -38,6 +43,11 @@ Meaning meaningOfVersion(const Json::Value* value)
     if (taken.empty()) {
         return {FindingKind::Warning,
                 "empty: the module is asked about an empty version; give the image's version"};
+    }
+    if (g_utf8_validate(taken.data(), static_cast<gssize>(taken.size()), nullptr) == FALSE) {
+        return {FindingKind::Warning,
+                "no UTF-8, which a JSON file consists of: the module is asked about these bytes as they are; "
+                "keep to ASCII, as in 1.1"};
     }
     return {FindingKind::Fine, "offered to the module's checkVersion"};
 }
@@ -159,12 +169,14 @@ std::vector<InformationFinding> explainFile(const fs::path& file)
     std::string why;
     const std::optional<std::string> text = common::readRegularFile(file, kDaemons.bytes, why);
     if (!text) {
-        return {{FindingKind::Refused, "-", "-", "it " + why}};
+        return {{FindingKind::Refused, "-", "-", "it " + why + ": is it the right file?"}};
     }
     if (const std::optional<Json::Value> root = common::parseJson(*text, &why, kDaemons)) {
         return explainAll(*root);
     }
-    return {{FindingKind::Refused, "-", "-", "not JSON: " + why}};
+    const std::string anew = "write the file anew (fwmod info --version ...)";
+    return {{FindingKind::Refused, "-", "-",
+             text->empty() ? "it is empty: " + anew : "not JSON: " + why + ": correct it, or " + anew}};
 }
 
 // ---- The verdict ----
@@ -225,7 +237,7 @@ std::string textOf(const InformationFinding& finding)
     if (finding.key == "-" && finding.value == "-") { // of the whole file
         return finding.text;
     }
-    return finding.key + " " + finding.value + ": " + finding.text;
+    return common::shortened(finding.key) + " " + common::shortened(finding.value) + ": " + finding.text;
 }
 
 std::string formatReport(const fs::path& file, const InformationReport& report)

@@ -9,6 +9,7 @@
 
 #include "common/files/memory-file.h"
 #include "common/files/owned-file.h"
+#include "common/terminal/visible-text.h"
 #include "src/src/fw-update-checksum.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
@@ -206,7 +207,7 @@ bool isInformationFile(const fs::path& path)
 void addInformation(const InformationReport& report, Inspection& result)
 {
     if (report.accepted) {
-        result.add("version", report.values.version);
+        result.add("version", common::shortened(report.values.version), report.values.version);
         result.add("crc", std::to_string(report.values.crc), Json::UInt64(report.values.crc));
         result.add("expected time", std::to_string(report.values.expected_time) + " s",
                    report.values.expected_time);
@@ -315,16 +316,8 @@ void inspectPackage(const InspectionRequest& request, Inspection& result)
 
 // ---- Control library ----
 
-void inspectLibrary(const InspectionRequest& request, Inspection& result)
+void addEntryPoints(const ControlLibrary& library, Inspection& result)
 {
-    result.kind = kLibraryKind;
-    const ControlLibrary library = readControlLibrary(request.file);
-    result.add("library name", library.libraryName);
-    result.addBytes("size", static_cast<std::int64_t>(fs::file_size(request.file)));
-    if (!library.buildId.empty()) {
-        result.add("build id", hex(reinterpret_cast<const unsigned char*>(library.buildId.data()),
-                                   library.buildId.size()));
-    }
     Json::Value entries = Json::objectValue;
     std::string present;
     for (const EntryPointState& entry : library.entryPoints) {
@@ -338,10 +331,29 @@ void inspectLibrary(const InspectionRequest& request, Inspection& result)
         }
     }
     result.add("entry points", present.empty() ? "none" : present, entries);
+}
+
+void inspectLibrary(const InspectionRequest& request, Inspection& result)
+{
+    result.kind = kLibraryKind;
+    const ControlLibrary library = readControlLibrary(request.file);
+    result.add("library name", library.libraryName);
+    result.addBytes("size", static_cast<std::int64_t>(fs::file_size(request.file)));
+    if (!library.buildId.empty()) {
+        result.add("build id", hex(reinterpret_cast<const unsigned char*>(library.buildId.data()),
+                                   library.buildId.size()));
+    }
     if (!library.isSharedObject) {
         result.problems.push_back("not a shared library: link it with -shared");
     } else if (!library.damage.empty()) {
-        result.problems.push_back("damaged: " + library.damage);
+        result.problems.push_back("damaged: " + library.damage + " (build it anew, or copy it again)");
+    }
+    if (library.isSharedObject && !library.isListed) {
+        result.add("entry points", "unknown", Json::nullValue);
+        result.notes.push_back(
+            "its entry points cannot be read: its table of sections is missing or damaged");
+    } else {
+        addEntryPoints(library, result);
     }
     if (fs::path(request.file).extension() != ".so") {
         result.problems.push_back("the daemon opens NAME.so only: rename the file");
@@ -358,7 +370,11 @@ void inspectUnknown(const InspectionRequest& request, Inspection& result)
     result.kind = kUnknownKind;
     const ImageParts parts = readParts(request.file);
     result.addBytes("size", parts.size);
-    result.problems.push_back("neither an encrypted USB image, a package, an information file nor a library");
+    result.problems.push_back(
+        parts.size == 0
+            ? "it is empty: make it anew, or copy it again"
+            : "neither an encrypted USB image, a package, an information file nor a library: is it "
+              "the right file, and whole?");
     if (parts.cipherSize >= kBlockSize && parts.cipherSize % kBlockSize == 0) {
         result.notes.push_back("by its size it could be an encrypted image with a trailer of another kind");
     }

@@ -20,7 +20,8 @@ auto reading(const fs::path& package, const Action& action)
     try {
         return action();
     } catch (const common::Failure& error) {
-        throw Damaged(kPackageKind, package.string() + " " + error.what());
+        throw Damaged(kPackageKind, package.string() + " " + error.what() +
+                                        ": make it anew (fwmod package), or copy it again");
     }
 }
 } // namespace
