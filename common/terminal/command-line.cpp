@@ -8,10 +8,12 @@
 #include <cstring>
 #include <poll.h>
 #include <regex>
+#include <sstream>
 #include <unistd.h>
 
 #include "common/plain-words.h"
 #include "common/process/this-program.h"
+#include "common/terminal/terminal.h"
 #include "common/terminal/visible-text.h"
 #include "common/version.h"
 
@@ -439,7 +441,10 @@ int CommandLine::parseAndRun(int argc, char** argv)
     } catch (const CLI::ExtrasError&) {
         return tellWrongUse(unexpected(app_->remaining(true), !chosen().commands_.empty()));
     } catch (const CLI::Success& wish) {
-        return app_->exit(wish); // --help
+        std::ostringstream text;
+        const int status = app_->exit(wish, text); // --help
+        std::fputs(wrappedHelp(text.str(), columnsOf(STDOUT_FILENO)).c_str(), stdout);
+        return status;
     } catch (const CLI::RequiredError& error) {
         // What was taken for an option, such as "-nan", may be the very thing that is missed; a "--" with
         // nothing behind it is not.

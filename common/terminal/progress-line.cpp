@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <limits>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "common/terminal/terminal.h"
@@ -19,12 +18,10 @@ namespace
 
 constexpr size_t kUnlimited = std::numeric_limits<size_t>::max();
 
-// Of the terminal now: it may be made narrower while the line is drawn.
 size_t columns()
 {
-    winsize size = {};
-    const bool isKnown = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    return isKnown ? size.ws_col : 80;
+    const size_t known = columnsOf(STDERR_FILENO);
+    return known > 0 ? known : 80;
 }
 
 // A line that is as wide as the terminal wraps, and cannot be drawn over: the last column stays free, and the

@@ -100,4 +100,28 @@ TEST(Terminal, IsNoPipe)
     close(ends[1]);
 }
 
+TEST(Help, IsWrappedAtWordsInItsColumns)
+{
+    const std::string help = "Usage: vset\n"
+                             "  --option N                  One two three four five six seven\n"
+                             "\n"
+                             "Goes through the tests of the daemon, and says which one\n"
+                             "stopped the update. So it is.\n"
+                             "Example:\n"
+                             "  fwmod crc a-long-name another-long-name and-one-more-of-them\n";
+    EXPECT_EQ(common::wrappedHelp(help, 0), help);
+    EXPECT_EQ(common::wrappedHelp(help, 100), help);
+    EXPECT_EQ(common::wrappedHelp(help, 50),
+              "Usage: vset\n"
+              "  --option N                  One two three four\n"
+              "                              five six seven\n"
+              "\n"
+              "Goes through the tests of the daemon, and says\n"
+              "which one stopped the update. So it is.\n"
+              "Example:\n"
+              "  fwmod crc a-long-name another-long-name and-one-more-of-them\n");
+    const std::string word(60, 'x');
+    EXPECT_EQ(common::wrappedHelp(word + "\n" + word + " y\n", 50), word + "\n" + word + " y\n");
+}
+
 } // namespace
