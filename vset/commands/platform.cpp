@@ -275,7 +275,8 @@ void defineProperty(common::CommandLine& command)
         }
         const std::string number = std::to_string(*options->key);
         if (!properties.isMember(number)) {
-            throw ControlError("there is no system information " + number);
+            throw ControlError("there is no system information " + number +
+                               ": `vset property SET` lists what there is");
         }
         std::printf("%s\n", common::visible(properties[number].asString()).c_str());
     });
