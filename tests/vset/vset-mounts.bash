@@ -81,4 +81,13 @@ exit 0
 INSIDE
 output=$("$vset" run "$set_" -n 2 -- bash /srv/inside 2>/dev/null) || fail "the inner script: $?"
 [ -z "$output" ] || fail "inside: $output"
+
+# What a program of the set has bound by itself ends with the set.
+"$vset" run "$set_" -- sh -c "cp /srv/data $packages/bound-$$.img && losetup /dev/loop0 $packages/bound-$$.img" ||
+    fail "a loop device could not be bound: $?"
+for _ in $(seq 300); do
+    losetup -a | grep -q "bound-$$" || break
+    sleep 0.1
+done
+! losetup -a | grep "bound-$$" || fail "a loop device is left"
 conclude

@@ -20,7 +20,7 @@ public:
     // Minor number of the set's /dev/loop0.
     unsigned int base() const { return base_; }
 
-    // Removes the unbound kernel devices of the range. This takes tens of milliseconds for each, hence a
+    // Frees and removes the kernel devices of the range. This takes tens of milliseconds for each, hence a
     // detached child does it, which keeps the slot meanwhile.
     void cleanInBackground() const;
 
