@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
@@ -105,7 +106,11 @@ TEST_F(Report, PipeAndDeviceTakeItInPlace)
     std::string read;
     const int reader = open(file.c_str(), O_RDONLY | O_NONBLOCK);
     fcntl(reader, F_SETFL, 0);
-    std::thread reading([&] { read = common::readToEnd(reader); });
+    std::thread reading([&] {
+        pollfd writer = {reader, POLLIN, 0}; // before there is one, a read would be at the end
+        poll(&writer, 1, -1);
+        read = common::readToEnd(reader);
+    });
     common::writeReport(file, kReport);
     reading.join();
     close(reader);
