@@ -38,12 +38,13 @@ protected:
         return all;
     }
 
+    // Of lines that end: a kill in the middle of the last write cuts it.
     static size_t lineCount()
     {
         std::ifstream file(vset::kLogFile);
         std::string line;
         size_t count = 0;
-        while (std::getline(file, line)) {
+        while (std::getline(file, line) && !file.eof()) {
             ++count;
         }
         return count;
