@@ -362,7 +362,7 @@ void Examination::tellMeasured(const Measured& measured)
     job_.isVersionTold = measured.isVersionTold;
     job_.isOfferNewer = measured.isOfferNewer;
     job_.bytes = measured.bytes;
-    job_.holders = measured.holders;
+    job_.holding = measured.holding;
     job_.faults = measured.faults;
     job_.measured = measured.duration.value_or(0);
 }

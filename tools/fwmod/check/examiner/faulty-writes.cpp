@@ -226,7 +226,7 @@ void failWrite(Supervisor& supervisor, Report& report)
     const std::string what = nameOf(session, job.faults.middleWrite);
     const Json::Value& told = session.told;
     if (!told.isMember("failure")) {
-        if (isSuccess(session) && !job.holders.empty() && !isHeld(machine, imageOf(job), job.holders)) {
+        if (isSuccess(session) && job.holding.isKnown() && !isHeld(machine, imageOf(job), job.holding)) {
             report.add({FindingId::ImageNotWritten, "doUpdate returned 0, although " + what + " had failed"});
         }
         return;
@@ -291,7 +291,7 @@ void failNextUpdate(Supervisor& supervisor, Report& report)
 // Whether what was written wrong is there, and what should have been there is not.
 bool isWrong(const Session& session, const Machine& machine, const Job& job)
 {
-    if (!job.holders.empty() && !isHeld(machine, imageOf(job), job.holders)) {
+    if (job.holding.isKnown() && !isHeld(machine, imageOf(job), job.holding)) {
         return true;
     }
     return session.spoilt && isAnywhere(machine, session.spoilt->wrong) &&
@@ -348,8 +348,8 @@ void spoilWrites(Supervisor& supervisor, Report& report)
     for (const unsigned int write : {job.faults.middleWrite, job.faults.lateWrite}) {
         others.erase(write);
         const bool isLate = write == job.faults.lateWrite; // no copy of the old firmware any more
-        if (write != 0 && (isLate || !job.holders.empty()) && !report.has(FindingId::NotReadBack)) {
-            spoilWrite(supervisor, write, false, report);
+        if (write != 0 && (isLate || job.holding.isKnown()) && !report.has(FindingId::NotReadBack)) {
+            spoilWrite(supervisor, write, !isLate && job.holding.files.empty(), report);
         }
     }
     for (const unsigned int write : others) {
@@ -398,7 +398,7 @@ void tellFailed(Worker& worker, unsigned int update, const Returned& returned)
         const auto verdict = worker.checkVersion(*job.version, "after a write that failed");
         told["awaited"] = verdict && verdict->result == 0 && verdict->verdict > 0;
     }
-    told["held"] = job.holders.empty() || isHeld("/", imageOf(job), job.holders);
+    told["held"] = !job.holding.isKnown() || isHeld("/", imageOf(job), job.holding);
     worker.tell(resultOf(update), told);
 }
 
@@ -454,7 +454,7 @@ bool isSpareFlush(Supervisor& supervisor, const SeenWrite& failed, unsigned int 
 {
     const Job& job = supervisor.job();
     Machine machine;
-    if (failed.call == "msync" || job.holders.empty()) {
+    if (failed.call == "msync" || !job.holding.isKnown()) {
         return false; // what was to be flushed cannot be told
     }
     const Session session = supervisor.run(
@@ -478,7 +478,7 @@ bool isSpareFlush(Supervisor& supervisor, const SeenWrite& failed, unsigned int 
     }
     Report lost;
     judgeEnd(supervisor, machine, writes, job.versionAfter, "", lost);
-    return lost.findings.empty() && isHeld(rest, imageOf(job), job.holders);
+    return lost.findings.empty() && isHeld(rest, imageOf(job), job.holding);
 }
 
 // `flush`: its number among those, from 1; 0 for a write.

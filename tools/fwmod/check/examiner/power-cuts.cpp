@@ -277,9 +277,9 @@ std::optional<std::vector<Finding>> cutAt(Supervisor& supervisor, unsigned int w
     if (end.told["version"].asString() != job.versionAfter) {
         findings.push_back({FindingId::NoUpdateAfterCut, "after the next update getActiveVersion told " +
                                                              quote(end.told["version"].asString())});
-    } else if (!job.holders.empty() && !isHeld(machine, imageOf(job), job.holders)) {
+    } else if (job.holding.isKnown() && !isHeld(machine, imageOf(job), job.holding)) {
         findings.push_back({FindingId::DamagedAfterCut,
-                            "after the next update " + job.holders.begin()->first +
+                            "after the next update " + job.holding.firstPath() +
                                 " does not hold the image as it does after an update without a power cut"});
     }
     return findings;
@@ -398,7 +398,7 @@ std::optional<Finding> updateOverRemains(Supervisor& supervisor, Machine& machin
         return Finding{FindingId::NoUpdateAfterCut,
                        what + (why.empty() ? told : (starts > 1 ? "three starts later " : "") + why)};
     }
-    if (!job.holders.empty() && !isHeld(machine, imageOf(job), job.holders)) {
+    if (job.holding.isKnown() && !isHeld(machine, imageOf(job), job.holding)) {
         return Finding{FindingId::DamagedAfterCut,
                        what + "the next update kept it, and getActiveVersion told " + quote(version)};
     }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tools/fwmod/check/protocol/fault-places.h"
+#include "tools/fwmod/check/protocol/holding.h"
 
 namespace fwmod
 {
@@ -39,8 +40,7 @@ struct Job {
     std::uint64_t bytes = 0;   // that it wrote
     std::string versionBefore; // that it replaced
     std::string versionAfter;  // and brought
-    std::map<std::string, std::uint64_t>
-        holders; // files of the hardware with the image in them behind it, and sizes
+    Holding holding;           // of the image
     FaultPlaces faults;
     bool isRepeatable = false;  // it worked, and can be repeated
     bool isVersionTold = false; // when nothing is wrong, and the same each time

@@ -46,6 +46,22 @@ void exchange(Exchange& member, FaultPlaces& places)
 }
 
 template <typename Exchange>
+void exchange(Exchange& member, HeldPart& part)
+{
+    member("begin", part.begin);
+    member("size", part.size);
+    member("path", part.path);
+    member("position", part.position);
+}
+
+template <typename Exchange>
+void exchange(Exchange& member, Holding& holding)
+{
+    member("files", holding.files);
+    member("parts", holding.parts);
+}
+
+template <typename Exchange>
 void exchange(Exchange& member, Measured& measured)
 {
     member("loaded", measured.isLoaded);
@@ -58,7 +74,7 @@ void exchange(Exchange& member, Measured& measured)
     member("updatable", measured.isUpdatable);
     member("repeatable", measured.isRepeatable);
     member("bytes", measured.bytes);
-    member("holders", measured.holders);
+    member("holding", measured.holding);
     member("faults", measured.faults);
     member("writes", measured.writes);
     member("duration", measured.duration);
@@ -104,7 +120,7 @@ void exchange(Exchange& member, Job& job)
     member("mangled", job.mangled);
     member("measured", job.measured);
     member("bytes", job.bytes);
-    member("holders", job.holders);
+    member("holding", job.holding);
     member("faults", job.faults);
     member("versionBefore", job.versionBefore);
     member("versionAfter", job.versionAfter);

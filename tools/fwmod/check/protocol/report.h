@@ -13,6 +13,7 @@
 
 #include "tools/fwmod/check/protocol/fault-places.h"
 #include "tools/fwmod/check/protocol/findings.h"
+#include "tools/fwmod/check/protocol/holding.h"
 
 namespace fwmod
 {
@@ -37,8 +38,7 @@ struct Measured {
     bool isUpdatable = false;   // and it worked, and its writes were seen: the power can be cut
     bool isRepeatable = false;  // and the right version was told: an update can be judged by it
     std::uint64_t bytes = 0;    // written
-    std::map<std::string, std::uint64_t>
-        holders; // files of the hardware with the image in them behind it, and sizes
+    Holding holding;            // of the image
     FaultPlaces faults;
     std::optional<unsigned int> writes;
     std::optional<double> duration;

@@ -1,14 +1,14 @@
 #include "tools/fwmod/check/examiner/machine/held-image.h"
 
 #include <algorithm>
-#include <fcntl.h>
-#include <gio/gio.h>
-#include <memory>
+#include <map>
 #include <string_view>
 #include <vector>
 
 #include "common/files/whole-file.h"
 #include "tools/fwmod/check/examiner/machine/hardware-copy.h"
+#include "tools/fwmod/check/examiner/machine/held-parts.h"
+#include "tools/fwmod/check/examiner/machine/mapped-file.h"
 #include "tools/fwmod/check/examiner/machine/plain-files.h"
 
 namespace fwmod::examiner
@@ -34,28 +34,6 @@ bool contains(std::string_view content, const std::string& part)
     return content.find(part) != std::string_view::npos;
 }
 
-// A file's content without a copy: a chip has megabytes, and is looked at after each power cut.
-class MappedFile
-{
-public:
-    explicit MappedFile(const fs::path& file)
-        : file_(g_mapped_file_new_from_fd(openPlain(file, O_RDONLY).get(), FALSE, nullptr))
-    {
-    }
-    std::string_view content() const // none when it cannot be read
-    {
-        const char* const bytes = file_ ? g_mapped_file_get_contents(file_.get()) : nullptr;
-        return bytes != nullptr ? std::string_view(bytes, g_mapped_file_get_length(file_.get()))
-                                : std::string_view();
-    }
-
-private:
-    struct Unmap {
-        void operator()(GMappedFile* file) const { g_mapped_file_unref(file); }
-    };
-    std::unique_ptr<GMappedFile, Unmap> file_;
-};
-
 // The longest beginning of the image that is somewhere in the content.
 std::size_t longestBeginning(const std::string& content, const std::string& image)
 {
@@ -76,26 +54,32 @@ std::string imageOf(const Job& job)
     return job.isExternal || !job.hasImage() ? "" : common::readWhole(job.image);
 }
 
-Holders holdersOf(const Machine& machine, const std::string& image)
+Holding holdingOf(const Machine& machine, const std::string& image)
 {
-    Holders exact;
-    Holders around;
+    Holding exact;
+    Holding around;
     if (image.empty()) {
         return {};
     }
     for (const auto& [path, content] : hardwareOf(machine)) {
         if (content == image) {
-            exact[path] = content.size();
+            exact.files[path] = content.size();
         } else if (contains(content, image)) {
-            around[path] = content.size();
+            around.files[path] = content.size();
         }
     }
-    return exact.empty() ? around : exact;
+    if (!exact.isKnown() && !around.isKnown()) {
+        around.parts = partsOf(image, machine.file("/"));
+    }
+    return exact.isKnown() ? exact : around;
 }
 
-bool isHeld(const fs::path& root, const std::string& image, const Holders& holders)
+bool isHeld(const fs::path& root, const std::string& image, const Holding& holding)
 {
-    return std::any_of(holders.begin(), holders.end(), [&](const auto& holder) {
+    if (holding.files.empty()) {
+        return arePartsThere(holding.parts, image, root);
+    }
+    return std::any_of(holding.files.begin(), holding.files.end(), [&](const auto& holder) {
         const MappedFile file(root / fs::path(holder.first).relative_path());
         const std::string_view content = file.content();
         return holder.second == image.size() ? content == image : contains(content, image);

@@ -2,8 +2,7 @@
 #ifndef TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_HELD_IMAGE_H
 #define TOOLS_FWMOD_CHECK_EXAMINER_MACHINE_HELD_IMAGE_H
 
-#include <cstdint>
-#include <map>
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -16,17 +15,14 @@ namespace fwmod::examiner
 // Of the image that the job has: "" for an external module, which finds its own.
 std::string imageOf(const Job& job);
 
-// The files that are the image, or where there is none, those with the image in them: the set's paths, and
-// sizes.
-using Holders = std::map<std::string, std::uint64_t>;
-Holders holdersOf(const Machine& machine, const std::string& image);
+Holding holdingOf(const Machine& machine, const std::string& image);
 
 // Whether one of those files, below a root, holds it as well as it did after an update that nothing
-// disturbed.
-bool isHeld(const std::filesystem::path& root, const std::string& image, const Holders& holders);
-inline bool isHeld(const Machine& machine, const std::string& image, const Holders& holders)
+// disturbed; or every part of it is there, wherever.
+bool isHeld(const std::filesystem::path& root, const std::string& image, const Holding& holding);
+inline bool isHeld(const Machine& machine, const std::string& image, const Holding& holding)
 {
-    return isHeld(machine.file("/"), image, holders);
+    return isHeld(machine.file("/"), image, holding);
 }
 
 // Whether some file of the hardware has these bytes.

@@ -67,7 +67,7 @@ namespace
 std::optional<Finding> judgeHurried(const Session& session, const Machine& machine, const Job& job)
 {
     const std::string what = "after allUpdateDone during doUpdate, which returned 0, ";
-    if (!job.holders.empty() && !isHeld(machine, imageOf(job), job.holders)) {
+    if (job.holding.isKnown() && !isHeld(machine, imageOf(job), job.holding)) {
         return Finding{FindingId::NoticeDisturbsUpdate, what + "the hardware does not hold the image"};
     }
     Report flushes;
@@ -174,7 +174,7 @@ void updateUnderQuestions(Supervisor& supervisor, Report& report)
             return report.add(*seen);
         }
         const bool isDone = session.told.isMember("update") && !isPolite;
-        if (!job.holders.empty() && isDone && !isHeld(machine, imageOf(job), job.holders)) {
+        if (job.holding.isKnown() && isDone && !isHeld(machine, imageOf(job), job.holding)) {
             return report.add(
                 {FindingId::QuestionDisturbsUpdate,
                  "after getActiveVersion or checkVersion during doUpdate, which returned 0, the "

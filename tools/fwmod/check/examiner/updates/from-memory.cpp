@@ -161,8 +161,8 @@ void decryptOnWornHardware(Worker& worker, const std::string& image)
         worker.setContext(TARNWICK_CONTROL_CALLER_ENCRYPTED_IMAGE, "");
         const auto returned = worker.decryptWithSpoiltWrite(write, image, kSpoiltInMemory);
         requireCause(worker, returned, std::string("doUpdate_decryption(") + kSpoiltInMemory + ")");
-        isUnnoticed = isUnnoticed || (returned && returned->result == 0 && !job.holders.empty() &&
-                                      !isHeld("/", image, job.holders));
+        isUnnoticed = isUnnoticed || (returned && returned->result == 0 && job.holding.isKnown() &&
+                                      !isHeld("/", image, job.holding));
         original.putBack();
     }
     worker.tell("unnoticed", isUnnoticed);
@@ -224,7 +224,7 @@ void updateFromMemory(Supervisor& supervisor, Report& report)
     } else if (told.isMember("version") && told["version"].asString() != job.versionAfter) {
         report.add({FindingId::ImageNotWritten,
                     call + " returned 0, and getActiveVersion told " + quote(told["version"].asString())});
-    } else if (!job.holders.empty() && !isHeld(machine, image, job.holders)) {
+    } else if (job.holding.isKnown() && !isHeld(machine, image, job.holding)) {
         report.add(
             {FindingId::ImageNotWritten, call + " returned 0, and the hardware does not hold the image"});
     } else {

@@ -230,8 +230,8 @@ void judgeWaiting(Supervisor& supervisor, Report& report)
 void judgeContent(const Machine& machine, const Job& job, Report& report)
 {
     const std::string image = imageOf(job);
-    report.measured.holders = holdersOf(machine, image);
-    const auto missing = report.measured.holders.empty() && !image.empty()
+    const Holding& holding = report.measured.holding = holdingOf(machine, image);
+    const auto missing = holding.files.empty() && !image.empty()
                              ? missingAtEnd(machine, image, job.version.value_or(""))
                              : std::nullopt;
     if (missing) {
