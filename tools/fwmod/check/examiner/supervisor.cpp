@@ -270,7 +270,11 @@ void Run::watchWrite()
             {FindingId::ContextTouchesHardware,
              std::string(box_.calls[0].name) + " wrote " + std::to_string(write->bytes) + " bytes"});
     }
-    if (phase == BlackBox::kRunning && session_.writes.during + 1 == watch_.cutAt) {
+    const SeenWrite seen = {write->call, write->path, write->bytes,    write->isLasting,
+                            box_.update, false,       write->position, write->source};
+    const bool isToCut =
+        session_.writes.during + 1 == watch_.cutAt || (watch_.cutsAtContent && !seen.isFlush());
+    if (phase == BlackBox::kRunning && isToCut) {
         session_.isCut = true;
         kill(keeper_, SIGKILL); // the write still waits, and ends with its process
         return;
@@ -278,8 +282,7 @@ void Run::watchWrite()
     if (phase == BlackBox::kRunning) {
         ++session_.writes.during;
         session_.writes.bytes += write->bytes;
-        session_.writes.all.push_back({write->call, write->path, write->bytes, write->isLasting, box_.update,
-                                       false, write->position, write->source});
+        session_.writes.all.push_back(seen);
         ++box_.writes;
         lookAtMapped(*write);
         if (isToFail(session_.writes.all.back())) {

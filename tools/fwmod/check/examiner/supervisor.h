@@ -81,11 +81,12 @@ struct Session {
 
 struct Watch {
     bool isOn = false;
-    unsigned int cutAt = 0;     // before this write of doUpdate, from 1
+    unsigned int cutAt = 0;     // before this write of doUpdate, from 1, flushes counted
     unsigned int failAt = 0;    // this one fails with EIO
     unsigned int spoilAt = 0;   // this one succeeds, and the hardware holds something else
     bool looksAtMapped = false; // keep what mapped files hold at each flush
     bool holdsReads = false;    // of the hardware: they may be made to fail
+    bool cutsAtContent = false; // before the first write that is no flush
 };
 
 class Supervisor

@@ -133,7 +133,9 @@ Session lookAndUpdate(Supervisor& supervisor, Machine& machine)
                                                        inSeconds(returned->taken.count()));
         }
     };
-    return supervisor.run(machine, script, {true, 1});
+    Watch untilItWrites = {true}; // a flush of what is there is no writing
+    untilItWrites.cutsAtContent = true;
+    return supervisor.run(machine, script, untilItWrites);
 }
 
 // Whether the image was written when doUpdate returned, as far as it can be seen.
