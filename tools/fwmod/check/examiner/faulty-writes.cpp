@@ -214,6 +214,48 @@ void requireCause(const Json::Value& error, const std::string& what, Report& rep
     }
 }
 
+// An update that is disturbed, and the version that the next start tells.
+struct Disturbed {
+    Session session;
+    std::string version; // "" when none is told
+};
+
+Disturbed updateDisturbed(Supervisor& supervisor, const Watch& disturbance)
+{
+    Machine machine;
+    const auto script = [](Worker& worker) {
+        worker.overlookManners();
+        if (worker.load()) {
+            worker.setContext(worker.job().caller, "");
+            worker.update({worker.job().image, worker.job().checksum, false, ""});
+        }
+    };
+    Disturbed disturbed{supervisor.run(machine, script, disturbance), ""};
+    if (!disturbed.session.death) {
+        disturbed.version = lookAgain(supervisor, machine).told["version"].asString();
+    }
+    return disturbed;
+}
+
+// Hardware with room for one firmware has none after a write that failed; but what a power cut at that very
+// write leaves whole, the library itself has given up.
+void judgeGivenUp(Supervisor& supervisor, Report& report)
+{
+    const Job& job = supervisor.job();
+    const unsigned int late = job.faults.lateWrite;
+    const auto isWhole = [&](const std::string& version) {
+        return version.empty() || version == job.versionBefore || version == job.versionAfter;
+    };
+    const Disturbed failed = updateDisturbed(supervisor, {true, 0, late});
+    if (isWhole(failed.version) || !isReached(failed.session, late) || isSuccess(failed.session) ||
+        updateDisturbed(supervisor, {true, late}).version != job.versionBefore) {
+        return;
+    }
+    report.add({FindingId::OldFirmwareGone,
+                "after " + nameOf(failed.session, late) + " had failed and a new start, the version is " +
+                    quote(failed.version) + "; after a power cut there it is " + quote(job.versionBefore)});
+}
+
 void failWrite(Supervisor& supervisor, Report& report)
 {
     const Job& job = supervisor.job();
@@ -551,6 +593,9 @@ void updateFaultyHardware(Supervisor& supervisor, Report& report)
     if (job.faults.middleWrite != 0) {
         failWrite(supervisor, report);
         failNextUpdate(supervisor, report);
+    }
+    if (job.faults.lateWrite != 0) {
+        judgeGivenUp(supervisor, report);
     }
     spoilWrites(supervisor, report);
     if (!job.faults.flushes.empty() || !job.faults.keyWrites.empty()) {
