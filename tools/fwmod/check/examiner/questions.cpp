@@ -117,6 +117,16 @@ void offerLargeNumbers(const std::vector<unsigned int>& installed, std::vector<C
     all.push_back({versionOf(older), false, Comparison::kLargeNumber});
 }
 
+// "1.09", and "1.010" beside "1.8": as octal numbers there is none, and 8.
+void offerLeadingZeros(const std::vector<unsigned int>& installed, std::vector<Comparison>& all)
+{
+    const unsigned int last = installed.back();
+    if (last <= kMostOctal) {
+        all.push_back({headOf(installed) + (last < 8 ? "09" : "010"), true, Comparison::kLeadingZero});
+        all.push_back({headOf(installed) + "0" + std::to_string(last), false, Comparison::kLeadingZero});
+    }
+}
+
 // Offers that tell a comparison of numbers from one of texts, decimals, octal numbers, or each part by
 // itself.
 std::vector<Comparison> comparisonsWith(const std::vector<unsigned int>& installed)
@@ -152,10 +162,7 @@ std::vector<Comparison> comparisonsWith(const std::vector<unsigned int>& install
     }
     offerMiddleParts(installed, all);
     offerLargeNumbers(installed, all);
-    if (last <= kMostOctal) { // "1.09", and "1.010" beside "1.8": as octal numbers there is none, and 8
-        all.push_back({headOf(installed) + (last < 8 ? "09" : "010"), true, Comparison::kLeadingZero});
-        all.push_back({headOf(installed) + "0" + std::to_string(last), false, Comparison::kLeadingZero});
-    }
+    offerLeadingZeros(installed, all);
     return all;
 }
 
@@ -219,11 +226,19 @@ void complainOfNoVerdict(const Worker& worker, const std::string& version, int r
                  "checkVersion(" + quote(version) + ") returned " + std::to_string(result));
 }
 
+// Numbers as an image's version has them, and as many.
+bool isOfOfferedForm(const std::string& version, const Job& job)
+{
+    const auto parts = partsOf(version);
+    const auto offered = partsOf(job.version.value_or(version));
+    return parts && offered && parts->size() == offered->size();
+}
+
 // The hardware's own text need not be one that an image could have; then it may be refused, but is not newer.
 // False when it was refused and may not be.
 bool askAboutInstalledOnce(Worker& worker, const std::string& version, const std::string& where)
 {
-    const bool isOrdinary = partsOf(version).has_value() || worker.job().version == version;
+    const bool isOrdinary = isOfOfferedForm(version, worker.job()) || worker.job().version == version;
     const std::string words = where.empty() ? "" : " " + where;
     const auto verdict = worker.checkVersion(version, where);
     if (verdict && verdict->result != 0 && isOrdinary) {
@@ -439,13 +454,40 @@ void askEverything(Worker& worker)
     askOnAnotherThread(worker, identifier, version);
     setEveryContext(worker);
 }
+
+// Where the hardware's own version is of another form than the offered one, only the library can say what is
+// newer: "1.09" is, when "1.9" is.
+void askAboutLeadingZero(Worker& worker, const std::vector<unsigned int>& offered,
+                         const std::string& installed)
+{
+    const std::string number = offered.back() < 8 ? "9" : "10";
+    const std::string plain = headOf(offered) + number;
+    const std::string padded = headOf(offered) + "0" + number;
+    const auto understood = worker.checkVersion(plain, "beside " + quote(installed));
+    if (offered.back() > kMostOctal || !understood || understood->result != 0 || understood->verdict <= 0) {
+        return;
+    }
+    const auto verdict = worker.checkVersion(padded, "beside " + quote(installed));
+    if (verdict && verdict->result != 0) {
+        worker.found(FindingId::WrongOrder, "checkVersion(" + quote(padded) + ") returned " +
+                                                std::to_string(verdict->result) + ", and " + quote(plain) +
+                                                " is understood");
+    } else if (verdict && verdict->verdict <= 0) {
+        worker.found(FindingId::WrongOrder, "checkVersion(" + quote(padded) + ") wrote " +
+                                                std::to_string(verdict->verdict) + ", and " + quote(plain) +
+                                                " is newer than the installed " + quote(installed));
+    }
+}
 } // namespace
 
 void askAboutOrder(Worker& worker, const std::string& installed)
 {
     const auto parts = partsOf(numbersIn(installed));
     const auto offered = partsOf(worker.job().version.value_or(installed));
-    if (!parts || !offered || parts->size() != offered->size()) {
+    if (offered && (!parts || parts->size() != offered->size())) {
+        return askAboutLeadingZero(worker, *offered, installed);
+    }
+    if (!offered) {
         return; // versions of another kind
     }
     const auto own = worker.checkVersion(versionOf(*parts));
