@@ -1,5 +1,5 @@
-// The old firmware runs from a spare copy while the bank is written. When a write fails, that copy is
-// removed. finds: F413
+// The old firmware runs from a spare copy while the bank is written, and that is removed when a write fails.
+// finds: F413
 #define OWN_chipVersion
 #define OWN_chipWrite
 #define OWN_writeBlocks

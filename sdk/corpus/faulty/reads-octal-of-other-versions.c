@@ -1,5 +1,5 @@
-// A number of an image's version that begins with 0 is taken as an octal one; the hardware tells four
-// numbers. finds: F217
+// A number that begins with 0 is taken as an octal one; the hardware tells four numbers, images have two.
+// finds: F217
 #define OWN_compareVersion
 #define OWN_getActiveVersion
 #include "base.h"
