@@ -51,6 +51,9 @@ SharedPage openPage(const std::filesystem::path& file);
 enum class Line : char { kFinding = 'F', kNote = 'N', kLibrary = 'L', kRefusal = 'R' };
 void tell(TrialPage& page, Line kind, const std::string& text, unsigned int number = 0);
 
+// Between the call and its time, in what is told of a slow one.
+inline constexpr const char* kTook = " took ";
+
 struct Told {
     Line kind;
     unsigned int number; // of a finding

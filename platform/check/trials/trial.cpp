@@ -363,11 +363,11 @@ void Trial::judgeTimesOf(const std::string& name, Times& times, std::chrono::nan
     const int waiting = waitingOf(name);
     const std::chrono::nanoseconds most = limit + (waiting > 1 ? waiting * noise : 0ns);
     if (times.calls < 3) { // one call may have to find its service first
-        require(first.front() <= limit + most, FindingId::Slow, name + " took " + inSeconds(first.front()));
+        require(first.front() <= limit + most, FindingId::Slow, name + kTook + inSeconds(first.front()));
         return;
     }
     if (first[first.size() / 2] > most) {
-        found(FindingId::Slow, name + " took " + inSeconds(first[first.size() / 2]) + ", the middle one of " +
+        found(FindingId::Slow, name + kTook + inSeconds(first[first.size() / 2]) + ", the middle one of " +
                                    std::to_string(first.size()) + " calls");
         return;
     }
@@ -378,7 +378,7 @@ void Trial::judgeTimesOf(const std::string& name, Times& times, std::chrono::nan
     const bool isSteady = late < 3 && longerThan(std::max(most, farBeyond(name))) < 2;
     require(
         isSteady, FindingId::Slow,
-        name + " took up to " +
+        name + kTook + "up to " +
             inSeconds(times.late.empty() ? limit : *std::max_element(times.late.begin(), times.late.end())) +
             ", and more than " + inSeconds(most) + " in " + std::to_string(late) + " of " +
             std::to_string(times.calls) + " calls");
