@@ -251,6 +251,7 @@ std::vector<std::string> Checker::argumentsOf(const ListedTrial& trial, const fs
     const mode_t mask = umask(0);
     umask(mask);
     arguments.insert(arguments.end(), {"--mask", std::to_string(mask)});
+    arguments.insert(arguments.end(), {"--ignored", std::to_string(ignoredSignals())});
     if (!options_.isLogTextJudged) {
         arguments.emplace_back("--no-log-text");
     }

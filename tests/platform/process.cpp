@@ -149,6 +149,7 @@ const std::vector<Proof>& processProofs()
              sigaction(SIGABRT, nullptr, &action);
              return action.sa_handler == SIG_DFL ? "" : "there is one";
          }},
+        {"process-pipe-signal-ignored", [] { return isPipeSignalIgnored ? "SIGPIPE is ignored" : ""; }},
         {"process-descriptor-flags", descriptorFlags},
         {"process-alarm-taken", ownAlarm},
         {"process-thread-descriptors", threadsThatComeAndGo},

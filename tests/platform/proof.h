@@ -33,6 +33,8 @@ const std::vector<Proof>& processProofs();
 
 // ---- What they have in common ----
 
+inline bool isPipeSignalIgnored = false; // at the start of this process
+
 inline constexpr int kLong = 2000; // milliseconds in which what comes has come
 
 // Runs the default main context on this thread until `condition` is true, for so long at most; gives what it

@@ -197,10 +197,28 @@ std::vector<int> handledSignals()
     return handled;
 }
 
+// GLib ignores SIGPIPE when it makes its first socket, whoever asks for one.
+bool hasGlibSocket()
+{
+    const GType type = g_type_from_name("GSocket");
+    return type != 0 && g_type_class_peek(type) != nullptr;
+}
+
+// By what is loaded, and not by who has started this process.
+unsigned int ignoredByLoading(const TrialOptions& options)
+{
+    const unsigned int ignored = ignoredSignals() & ~options.ignored;
+    return hasGlibSocket() ? ignored & ~(1U << (SIGPIPE - 1)) : ignored;
+}
+
 // What a process has before main() without any library: this one has it from the check that has started it,
 // and from exec.
-void judgeStart(Trial& trial, const std::vector<int>& handled)
+void judgeStart(Trial& trial, const std::vector<int>& handled, unsigned int ignored)
 {
+    for (int signal = 1; signal < 32; ++signal) {
+        trial.require((ignored >> (signal - 1) & 1U) == 0, FindingId::SignalHandling,
+                      common::signalName(signal) + " is ignored before main(), by loading");
+    }
     trial.require(std::string(setlocale(LC_ALL, nullptr)) == "C", FindingId::Locale,
                   std::string("before main(), by loading: ") + setlocale(LC_ALL, nullptr));
     for (const int signal : handled) {
@@ -270,6 +288,7 @@ int runTrial(const std::string& name, const TrialOptions& options)
         throw common::WrongUse("there is no trial \"" + name + "\"");
     }
     const std::vector<int> handled = handledSignals();
+    const unsigned int ignored = ignoredByLoading(options);
     page->isStarted = true;
     catchCrashes(*page);
     // What the daemon itself does with GLib has its own effects, on SIGPIPE for one.
@@ -280,7 +299,7 @@ int runTrial(const std::string& name, const TrialOptions& options)
     static Trial trial(*page, options); // for threads that end with the process
     watchMainLoop(trial);
     if (name == "load") {
-        judgeStart(trial, handled);
+        judgeStart(trial, handled, ignored);
     }
     const OwnTimer timer;
     const Sentinels sentinels;
@@ -321,6 +340,8 @@ int main(int argc, char** argv)
                    "To wait for a person");
     program.number("--mask", options.mask, common::Range<unsigned int>{0, 0777},
                    "The file mode mask at its start");
+    program.number("--ignored", options.ignored, common::Range<unsigned int>{0, 0x7fffffff},
+                   "The signals that are ignored at its start, by bits");
     program.flag("--no-log-text", isLogTextUnjudged, "Leave the texts of the logs alone");
     program.flag("--again", options.isAgain, "The trial was made before");
     program.onRun([&] {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <sstream>
@@ -49,6 +50,17 @@ SharedPage makePage(const std::filesystem::path& file)
 SharedPage openPage(const std::filesystem::path& file)
 {
     return mapPage(file, 0);
+}
+
+unsigned int ignoredSignals()
+{
+    unsigned int ignored = 0;
+    for (int signal = 1; signal < 32; ++signal) {
+        struct sigaction action = {};
+        const bool isIgnored = sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+        ignored |= isIgnored ? 1U << (signal - 1) : 0U;
+    }
+    return ignored;
 }
 
 void tell(TrialPage& page, Line kind, const std::string& text, unsigned int number)

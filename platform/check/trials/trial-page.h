@@ -47,6 +47,10 @@ using SharedPage = std::unique_ptr<TrialPage, PageUnmapper>;
 SharedPage makePage(const std::filesystem::path& file);
 SharedPage openPage(const std::filesystem::path& file);
 
+// A bit for each signal that this process ignores, the lowest for number 1: a program that is executed
+// ignores them, too.
+unsigned int ignoredSignals();
+
 // What a trial tells, a line each.
 enum class Line : char { kFinding = 'F', kNote = 'N', kLibrary = 'L', kRefusal = 'R' };
 void tell(TrialPage& page, Line kind, const std::string& text, unsigned int number = 0);

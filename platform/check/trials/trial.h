@@ -44,6 +44,7 @@ struct TrialOptions {
     unsigned int token = 0;          // of this check: two trials of one check have the same
     unsigned int seconds = 0;        // to wait for a person
     unsigned int mask = 022;         // of file modes, at the start
+    unsigned int ignored = 0;        // signals, by who has started it
     bool isLogTextJudged = true;
     bool isAgain = false; // the first time was doubtful: its traces are there
 };
