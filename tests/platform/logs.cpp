@@ -92,6 +92,14 @@ std::string percentInValue()
     return count(name) == 1 ? "" : "written as something else";
 }
 
+std::string percentInALongValue()
+{
+    const std::string name = mark("percent");
+    const std::string value = std::string(3000, 'p') + "%%" + name;
+    __norlog_print(kSystem, kError, "PROOF", "%s", value.c_str());
+    return count("%%" + name) == 1 ? "" : "written as something else";
+}
+
 // Each text names its thread, and so does each record. Both threads begin when both are there.
 std::string twoThreads()
 {
@@ -272,6 +280,7 @@ const std::vector<Proof>& logProofs()
         {"log-cut", longText},
         {"log-fixed-buffer", longText, kSegmentationFault},
         {"log-formatted-twice", percentInValue},
+        {"log-long-formatted-twice", percentInALongValue},
         {"log-lines-mixed", twoThreads},
         {"log-kept-until-exit", [] { return beforeQuickExit("--log"); }},
         {"log-minor-kept", [] { return beforeQuickExit("--warn"); }},

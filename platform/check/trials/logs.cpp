@@ -120,7 +120,8 @@ std::vector<std::string> expectedTexts(const Values& values)
 constexpr int kRepeats = 3;                                   // of one text
 constexpr int kTurns = 3;                                     // of one place, with other values each time
 constexpr std::size_t kReasonLengths[] = {600, 5000, 70'000}; // of texts with "%m" at their end
-constexpr const char* kLetters = "\xC3\xA4\xE2\x82\xAC";      // of more than one byte
+constexpr std::size_t kPercentLengths[] = {300, 1100, 5000, 70'000}; // of values with "%%" at their end
+constexpr const char* kLetters = "\xC3\xA4\xE2\x82\xAC";             // of more than one byte
 
 // Where buffers end.
 std::vector<std::size_t> edgeLengths()
@@ -403,6 +404,10 @@ void logAll(Trial& trial, bool isTrace)
     for (const std::size_t length : kReasonLengths) {
         CHECKED_RECORD(trial, isTrace, kError, "%s;why %m, %zu of %u.", std::string(length, 'W').c_str(),
                        length, values.token);
+    }
+    for (const std::size_t length : kPercentLengths) {
+        CHECKED_RECORD(trial, isTrace, kError, "%s;%zu percent of %u.",
+                       (std::string(length, 'P') + ";100%%").c_str(), length, values.token);
     }
     CHECKED_RECORD(trial, isTrace, kError, "letters %s, %u.", kLetters, values.token);
     CHECKED_RECORD(trial, isTrace, kError, "a record of the gravest priority, which may take others with it");
@@ -691,6 +696,19 @@ void judgeLongReasons(Trial& trial, const Traced& traced, const Values& values, 
     }
 }
 
+// Where the end of such a text is written, so is the value before it, which is no format.
+void judgeLongPercents(Trial& trial, const Traced& traced, const Values& values, const char* logger)
+{
+    for (const std::size_t length : kPercentLengths) {
+        const std::string end = printed(";%zu percent of %u.", length, values.token);
+        trial.require(timesWritten(traced, end) == 0 ||
+                          isWrittenText(traced, values, ";100%%" + end, Length::kLong),
+                      FindingId::WrongText,
+                      std::string(logger) + ": a record with a value of " + std::to_string(length) +
+                          " characters and \"%%\" at its end does not end as \";100%%" + end + "\"");
+    }
+}
+
 // Where a text is written at all, it is as often as it was logged; and letters are what they are, or are
 // written in some other way, but are no question marks.
 void judgeRepeats(Trial& trial, const Traced& traced, unsigned int token, const char* logger)
@@ -818,6 +836,7 @@ void watch(Trial& trial, bool isTrace)
         judgeRepeats(trial, alone, values.token, name);
         judgePriorities(trial, alone, values, name);
         judgeLongReasons(trial, alone, values, name);
+        judgeLongPercents(trial, alone, values, name);
         judgeFormats(trial, alone, values, isTrace);
     }
 }
