@@ -135,6 +135,8 @@ std::vector<std::size_t> edgeLengths()
     return lengths;
 }
 
+constexpr const char* kEdge = "an edge: "; // of the format, before each such text
+
 // Both ends are its own.
 std::string edgeHead(std::size_t length)
 {
@@ -146,11 +148,12 @@ std::string edgeTail(std::size_t length, unsigned int token)
     return printed(" %zu of %u.", length, token);
 }
 
+// With kEdge it has that length.
 std::string edgeText(std::size_t length, unsigned int token)
 {
     const std::string head = edgeHead(length);
     const std::string tail = edgeTail(length, token);
-    return head + std::string(length - head.size() - tail.size(), 'E') + tail;
+    return head + std::string(length - std::strlen(kEdge) - head.size() - tail.size(), 'E') + tail;
 }
 
 // ---- Who logs ----
@@ -412,7 +415,7 @@ void logAll(Trial& trial, bool isTrace)
     CHECKED_RECORD(trial, isTrace, kError, "letters %s, %u.", kLetters, values.token);
     CHECKED_RECORD(trial, isTrace, kError, "a record of the gravest priority, which may take others with it");
     for (const std::size_t length : edgeLengths()) {
-        CHECKED_RECORD(trial, isTrace, kError, "%s", edgeText(length, values.token).c_str());
+        CHECKED_RECORD(trial, isTrace, kError, "an edge: %s", edgeText(length, values.token).c_str());
     }
     logPassingTexts(trial, isTrace);
     logOnThreadThatStays(trial, isTrace);
@@ -610,7 +613,7 @@ bool isWholeEdge(const std::string& written, std::size_t at, std::size_t length,
     const std::size_t next = window.find("begin ", 1);
     const std::string own = window.substr(0, next);
     const auto letters = static_cast<std::size_t>(std::count(own.begin(), own.end(), 'E'));
-    return letters + edgeHead(length).size() + tail.size() >= length &&
+    return letters + std::strlen(kEdge) + edgeHead(length).size() + tail.size() >= length &&
            (own.find(tail) != std::string::npos || isInPieces(own, tail));
 }
 
@@ -658,6 +661,13 @@ int timesWritten(const Traced& traced, const std::string& text)
         ++times;
     }
     return times;
+}
+
+// Whether all those records are there, by what their format says: what is nowhere of their texts has become
+// something else.
+bool areEdgesThere(const Traced& traced)
+{
+    return timesWritten(traced, kEdge) >= static_cast<int>(edgeLengths().size());
 }
 
 // Short records in quick succession, of which some are nowhere, while one after them is: most of what else is
@@ -819,9 +829,10 @@ void watch(Trial& trial, bool isTrace)
             return;
         }
         if (const std::string lost = lostInSuccession(alone, values.token); !lost.empty()) {
-            trial.found(FindingId::RecordLost,
-                        std::string(name) +
-                            ": of many records in quick succession, those of so many characters: " + lost);
+            const bool areOthers = areEdgesThere(alone);
+            trial.found(areOthers ? FindingId::WrongText : FindingId::RecordLost,
+                        std::string(name) + ": of many records in quick succession, those of so many " +
+                            (areOthers ? "characters have another text: " : "characters: ") + lost);
             return;
         }
         judgeTexts(trial, alone, texts, isTrace);
