@@ -1,8 +1,10 @@
 // pwrctl.h
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <thread>
 
+#include "appbinary_manager.h"
 #include "pwrctl.h"
 #include "tests/platform/proof.h"
 #include "vset/client/control-client.h"
@@ -270,6 +272,23 @@ std::string fromAnotherThread()
     return result == 0 ? "" : "it fails on another thread";
 }
 
+// Of three times the shortest.
+std::string besidePackage()
+{
+    using Clock = std::chrono::steady_clock;
+    Clock::duration shortest = std::chrono::hours(1);
+    for (int time = 0; time < 3; ++time) {
+        std::thread request(
+            [] { appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, "empProofNobodys"); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        const Clock::time_point begin = Clock::now();
+        pwrctl_get_state();
+        shortest = std::min(shortest, Clock::now() - begin);
+        request.join();
+    }
+    return shortest < std::chrono::milliseconds(500) ? "" : "it waits for the request of a package";
+}
+
 } // namespace
 
 const std::vector<Proof>& powerProofs()
@@ -309,6 +328,7 @@ const std::vector<Proof>& powerProofs()
         {"power-lock-short-left", [] { return heldAfter(900, 0, true); }},
         {"power-subscriptions-counted", subscribedFiftyTimes},
         {"power-one-at-a-time", sixAtOnce},
+        {"power-waits-for-packages", besidePackage},
         {"power-lock-endless", [] { return heldAfter(300, 900, false); }},
         {"power-lock-waits", returnsAtOnce},
         {"power-one-thread-only", fromAnotherThread},

@@ -121,6 +121,8 @@ constexpr Right kUnusual[] = {
     {"ends-forgiven", "power-un"},
     {"package-in-turn", "package"},
     {"package-unknown-refused", "package"},
+    {"package-slow", "package-n"},
+    {"bus-when-loaded", "process-d"},
     {"trace-ring", "trace"},
     {"trace-small-ring", "trace"},
     {"trace-in-blocks", "trace"},

@@ -170,6 +170,34 @@ std::string unknownProperty()
     return hasSucceeded && !hasText ? "success, and no text" : "";
 }
 
+bool hasProperty(int key)
+{
+    char* text = nullptr;
+    const bool hasText = sysprop_get_value_string(key, &text) == 0;
+    free(hasText ? text : nullptr);
+    return hasText;
+}
+
+// Half of the threads ask for what has no value.
+std::string answersToEight()
+{
+    constexpr int kKeys[] = {kVersionKey, 0x7ffffff0};
+    const bool hasAlone[] = {hasProperty(kKeys[0]), hasProperty(kKeys[1])};
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 8; ++thread) {
+        threads.emplace_back([&, which = thread % 2] {
+            for (int time = 0; time < 50; ++time) {
+                wrong += hasProperty(kKeys[which]) == hasAlone[which] ? 0 : 1;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    return wrong == 0 ? "" : std::to_string(wrong) + " of 400 answers are those to another key";
+}
+
 std::string textOfManyThreads()
 {
     char* text = nullptr;
@@ -454,6 +482,7 @@ const std::vector<Proof>& serviceProofs()
         {"property-static", ownText, kAborted},
         {"property-closes-bus", busIsOpen},
         {"property-made-in-one-buffer", textOfManyThreads},
+        {"property-latest-answer", answersToEight},
         {"property-success-without-value", unknownProperty},
         {"property-freed-again", twoTexts},
         {"property-copy-kept", [] { return growth("KiB", residentKilobytes, 1500, [] { ownText(); }); }},

@@ -479,6 +479,84 @@ void tryPowerTogether(Trial& trial)
                 kEnough);
 }
 
+// Whether a key without a value has the result that it has alone.
+bool readNothing(Trial& trial)
+{
+    char* value = nullptr;
+    const int result =
+        trial.call("sysprop_get_value_string", [&] { return sysprop_get_value_string(0x7ffffff0, &value); });
+    trial.call("free() of a text of sysprop_get_value_string",
+               [=] { std::free(result == 0 ? value : nullptr); });
+    static const int first = result; // by one thread
+    return (result == 0) == (first == 0);
+}
+
+bool fiveTimes(const std::function<bool()>& ask)
+{
+    bool isRight = true;
+    for (int time = 0; time < 5; ++time) {
+        isRight = ask() && isRight;
+    }
+    return isRight;
+}
+
+// Without a pause between them, so that answers of one meet those of the others.
+void tryPropertiesTogether(Trial& trial)
+{
+    const auto version = [&] { return fiveTimes([&] { return readVersion(trial); }); };
+    const auto nothing = [&] { return fiveTimes([&] { return readNothing(trial); }); };
+    constexpr int kThreadsOfEach = 4;
+    std::vector<Worker> workers;
+    for (int thread = 0; thread < kThreadsOfEach; ++thread) {
+        workers.push_back({"the version", version});
+        workers.push_back({"a property without a value", nothing});
+    }
+    constexpr int kEnough = 8;
+    runTogether(trial, workers, kEnough);
+}
+
+// ---- Quick calls beside slow ones ----
+
+struct QuickCall {
+    const char* name;
+    int (*make)();
+};
+
+int readProgress()
+{
+    int value = 0;
+    return pralis_get_int(kProgress, &value);
+}
+
+// What the main loop asks.
+constexpr QuickCall kQuickCalls[] = {
+    {"pwrctl_get_state, beside a request", pwrctl_get_state},
+    {"pralis_get_int, beside a request", readProgress},
+    {"FlagpostIsDone, beside a request", [] { return FlagpostIsDone("/tmp/.tarnwick_check_beside"); }},
+};
+
+// The times of the quick ones are judged; how long the request takes is judged elsewhere.
+void callBeside(Trial& trial, void (*request)(Trial&))
+{
+    const Meanwhile underWay([&] { request(trial); });
+    trial.iterate(10ms);
+    std::vector<std::thread> threads;
+    for (const QuickCall& quick : kQuickCalls) {
+        threads.emplace_back([&] { trial.call(quick.name, quick.make); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+void tryBeside(Trial& trial, void (*request)(Trial&))
+{
+    constexpr int kTimes = 3; // of which the middle one counts
+    for (int time = 0; time < kTimes; ++time) {
+        callBeside(trial, request);
+    }
+}
+
 } // namespace
 
 std::vector<TrialKind> repeatTrials()
@@ -486,6 +564,10 @@ std::vector<TrialKind> repeatTrials()
     std::vector<TrialKind> trials = kindsOf(std::make_index_sequence<std::size(kRepeated)>());
     trials.push_back({"together", tryTogether});
     trials.push_back({"power-together", tryPowerTogether});
+    trials.push_back({"properties-together", tryPropertiesTogether});
+    trials.push_back({"beside-packages", [](Trial& trial) { tryBeside(trial, packageOnce); }});
+    trials.push_back({"beside-launches", [](Trial& trial) { tryBeside(trial, launchOnce); }});
+    trials.push_back({"beside-mounts", [](Trial& trial) { tryBeside(trial, mountOnce); }});
     return trials;
 }
 
