@@ -1,3 +1,4 @@
+// The table of the daemon's texts, and what each one tells.
 #include "common/daemon/daemon-events.h"
 
 #include <algorithm>

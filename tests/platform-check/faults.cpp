@@ -1,4 +1,5 @@
-// Platforms with one fault each: a call is replaced, and reaches that of the virtual set behind it.
+// Platforms with one fault each, for how the check behaves; one for what it finds goes into
+// platform/check/corpus/. A call is replaced, and reaches that of the virtual set behind it.
 
 #include <cerrno>
 #include <cstdarg>

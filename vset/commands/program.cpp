@@ -1,3 +1,4 @@
+// The names and words of all commands, in one table; which program has which: main.cpp, vset-control.cpp.
 #include "vset/commands/program.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// What the page is told of the set, and how its orders are carried out.
 #include "vset/console/console.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Each call of the platform's headers, made once: a new one is added here.
 #include "platform/check/trials/calls-once.h"
 
 #include <cstdio>

@@ -1,5 +1,5 @@
-// What holds for all calls: that they are there, that the bus takes the daemon's name, and the end by a
-// reboot.
+// What holds for all calls, by the one list of them, `kFunctions`: that they are there; that the bus takes
+// the daemon's name; and the end by a reboot.
 
 #include <dlfcn.h>
 #include <gio/gio.h>

@@ -1,4 +1,5 @@
-// What happens to a set while calls fail: the sets, and the events of each.
+// What happens to a set while calls fail, in one process with a fake platform: the sets, and the events of
+// each.
 #ifndef TESTS_PROOF_FAILURES_STORIES_H
 #define TESTS_PROOF_FAILURES_STORIES_H
 

@@ -1,3 +1,4 @@
+// The platform's services on the set's bus: a handler for each call but those of mounts, which psmountd has.
 #include "vset/platformd/bus/services.h"
 
 #include <cstring>

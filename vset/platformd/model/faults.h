@@ -1,4 +1,4 @@
-// Calls that shall fail or be late, as a person or a test has ordered.
+// Calls of the platform that shall fail or be late, as a person or a test has ordered by `vset fault`.
 #ifndef VSET_PLATFORMD_MODEL_FAULTS_H
 #define VSET_PLATFORMD_MODEL_FAULTS_H
 
