@@ -89,7 +89,7 @@ const DaemonText kDaemonTexts[] = {
     {"Unable to read SW version from sysprop", DaemonEventKind::kDetail},
     {"getSWVersionString: Wrong string format - lack of dash: %s", DaemonEventKind::kDetail},
     {"SWModel : %s", DaemonEventKind::kDetail},
-    {"%s Firmware Expected Time Check Done", DaemonEventKind::kDetail},
+    {"%s Firmware Expected Time Check Done", DaemonEventKind::kCounted},
     {"There is no update item", DaemonEventKind::kDetail},
     {"pwrctl_unlock_state", DaemonEventKind::kDetail},
     {"Error : %s", DaemonEventKind::kDetail},
@@ -307,6 +307,23 @@ const char* daemonStateName(int state)
 const char* daemonStateLabel(int state)
 {
     return state >= 0 && state < kDaemonStates ? kStates[static_cast<size_t>(state)].label : nullptr;
+}
+
+bool showsState(const std::string& message, int state)
+{
+    constexpr int kCounting = 5;
+    constexpr int kOffered = 10;
+    constexpr int kClosed = 15;
+    const DaemonEvent event = readDaemonMessage(message);
+    if (event.kind == DaemonEventKind::kCounted) {
+        return state == kCounting;
+    }
+    if (event.kind != DaemonEventKind::kState) {
+        return false;
+    }
+    const int shown = event.number(0);
+    const int lastOfWay = state <= kOffered ? kOffered : state <= kClosed ? kClosed : state;
+    return shown >= state && shown <= lastOfWay;
 }
 
 } // namespace common

@@ -22,6 +22,7 @@ enum class DaemonEventKind {
     kStarted,
     kInitialised, // the main loop runs
     kState,       // (number)
+    kCounted,     // (library): state 5 counts its module; an unattended update does again
     kEnding,
 
     // ---- Libraries ----
@@ -114,6 +115,12 @@ constexpr int kDaemonStates = 22;
 // Both nullptr for a number that is no state.
 const char* daemonStateName(int state);  // "waiting for the package manager"
 const char* daemonStateLabel(int state); // the same in at most 18 characters, for a drawing
+
+// Whether the message shows that the daemon has come to the state. Its state handler shows one at each tick,
+// but one that a thread of the daemon sets in the middle of a tick is handled in that tick and may never be
+// shown: then a later one of the same way shows it, up to the offer (10) or from its acceptance (11) to the
+// closed screen (15), and state 5, which may be the last one, its counting.
+bool showsState(const std::string& message, int state);
 
 // ---- The table, for its test ----
 

@@ -184,7 +184,7 @@ public:
     bool said(const std::string& text) const { return countOf(text) > 0; } // the whole text
     size_t countOf(const std::string& text) const;
     void waitForText(const std::string& text, size_t count = 1);
-    void waitForState(int state); // until the daemon's state handler has shown it
+    void waitForState(int state); // until the daemon has come to it
     void clearLog();              // forgets what was logged so far
     // The end of it, for the person who reads a failure.
     std::string logTail() const;

@@ -210,6 +210,25 @@ TEST(DaemonStates, AreCalledSoInTheDocumentThatDrawsThem)
 
 // Anybody may log: who reads along must not stand still for it. A copy for each length that a value might
 // have takes this one half an hour.
+TEST(DaemonStates, AreShownByTheHandlerOrByWhatComesBehind)
+{
+    const std::string counted = "tuner Firmware Expected Time Check Done";
+    for (const auto& [message, state] : std::vector<std::pair<std::string, int>>{
+             {"5", 5}, {counted, 5}, {"6", 5}, {"10", 7}, {"14", 13}, {"17", 17}, {"19", 19}}) {
+        EXPECT_TRUE(common::showsState(message, state)) << message << ", " << state;
+    }
+    for (const auto& [message, state] : std::vector<std::pair<std::string, int>>{{"4", 5},
+                                                                                 {counted, 6},
+                                                                                 {"11", 10},
+                                                                                 {"16", 10},
+                                                                                 {"16", 15},
+                                                                                 {"19", 17},
+                                                                                 {"5 of 6", 5},
+                                                                                 {"", 0}}) {
+        EXPECT_FALSE(common::showsState(message, state)) << message << ", " << state;
+    }
+}
+
 TEST(DaemonEvents, OfAMillionCharactersIsReadLikeAnother)
 {
     const std::string name(1 << 20, 'n');

@@ -293,7 +293,8 @@ TEST_F(Start, LeavesASymbolicLinkInTheListsPlaceAlone)
     EXPECT_EQ(tv.waitForDaemon(), 0); // nothing was checked, so nothing is pending
     EXPECT_THAT(tv.texts(),
                 testing::IsSupersetOf({"symbolic link is detected\n", "fail check_race_condition\n",
-                                       "need update item, wait ui or bg fw update\n", "5"}));
+                                       "need update item, wait ui or bg fw update\n",
+                                       "alpha Firmware Expected Time Check Done"}));
     EXPECT_EQ(tv.read("/var/tmp/precious"), "precious\n");
     EXPECT_EQ(fs::read_symlink(tv.outside(kListFile)), "/var/tmp/precious");
 }

@@ -96,10 +96,9 @@ void defineLog(common::CommandLine& wait, const Options& options)
     says.flag("--whole", options->isWhole, "TEXT is all of the message");
     says.number("--count", options->count, kTimes, "So many messages of that kind");
     takeRange(says);
-    common::CommandLine& state = define(
-        wait, options, "state", "The daemon's state handler has shown a state", [options](const auto& set) {
-            return hasSaid(
-                set, {std::to_string(*options->number), true, 1, sinceOf(options->since), options->boot});
+    common::CommandLine& state =
+        define(wait, options, "state", "The daemon has come to a state", [options](const auto& set) {
+            return hasSaid(set, {"", false, 1, sinceOf(options->since), options->boot, options->number});
         });
     state.number("NUMBER", options->number, kStates, "As docs/states.md counts them").required();
     takeRange(state);

@@ -228,10 +228,17 @@ private:
             return true;
         }
         last_ = common::withoutLineEnd(record.message);
-        const bool isIt = wanted_.isWhole ? last_ == common::withoutLineEnd(wanted_.text)
-                                          : record.message.find(wanted_.text) != std::string::npos;
-        found_ += isIt ? 1 : 0;
+        found_ += isWanted(record.message) ? 1 : 0;
         return true;
+    }
+
+    bool isWanted(const std::string& message) const
+    {
+        if (wanted_.state) {
+            return common::showsState(message, *wanted_.state);
+        }
+        return wanted_.isWhole ? last_ == common::withoutLineEnd(wanted_.text)
+                               : message.find(wanted_.text) != std::string::npos;
     }
 
     fs::path set_;
@@ -248,8 +255,10 @@ Condition hasSaid(const fs::path& set, const Text& text)
 {
     const auto watch = std::make_shared<LineWatch>(set, text);
     const std::string times = text.count == 1 ? "" : " " + std::to_string(text.count) + " times";
-    return {"the daemon to say " + common::inQuotes(text.text) + times,
-            [watch](auto) { return watch->isSo(); }, [watch] { return watch->seen(); }};
+    const std::string what = text.state ? "come to state " + std::to_string(*text.state)
+                                        : "say " + common::inQuotes(text.text) + times;
+    return {"the daemon to " + what, [watch](auto) { return watch->isSo(); },
+            [watch] { return watch->seen(); }};
 }
 
 // ---- Files, platform ----

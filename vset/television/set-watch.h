@@ -46,6 +46,8 @@ struct Text {
     Since since = Since::kBoot;
     // Those from that boot on, in the place of `since`; counted from 1 since the set was switched on.
     std::optional<int> boot = std::nullopt;
+    // In the place of `text`: whatever shows that the daemon has come to this state.
+    std::optional<int> state = std::nullopt;
 };
 
 Condition isUp(const std::filesystem::path& set, std::optional<int> boot = std::nullopt);

@@ -530,7 +530,12 @@ void Television::waitForText(const std::string& text, size_t count)
 
 void Television::waitForState(int state)
 {
-    waitForText(std::to_string(state));
+    const auto hasCome = [&] {
+        const std::vector<std::string> all = texts();
+        return std::any_of(all.begin(), all.end(),
+                           [&](const std::string& text) { return common::showsState(text, state); });
+    };
+    waitUntil(hasCome, "the daemon comes to state " + std::to_string(state));
 }
 
 void Television::clearLog()

@@ -374,8 +374,7 @@ bool Trial::hasReached(int state) const
 {
     const std::vector<tarnwick::Message> messages = set_->messagesOfBoot();
     return std::any_of(messages.begin(), messages.end(), [&](const tarnwick::Message& message) {
-        const common::DaemonEvent event = common::readDaemonMessage(message.text);
-        return event.kind == EventKind::kState && event.number(0) == state;
+        return common::showsState(message.text, state);
     });
 }
 
