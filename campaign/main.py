@@ -72,13 +72,7 @@ def path_from(text: str) -> Path:
     return Path(text)
 
 
-def parser() -> Parser:
-    summary, _, rest = __doc__.partition("\n\n")
-    whole = Parser(
-        prog="campaign", description=summary, epilog=rest + STATUSES, formatter_class=argparse.RawTextHelpFormatter
-    )
-    commands = whole.add_subparsers(dest="action", metavar="COMMAND")
-
+def choice_of_cases() -> argparse.ArgumentParser:
     chosen = argparse.ArgumentParser(add_help=False)
     chosen.add_argument(
         "--shard", metavar="K/N", type=shard_from, default=Shard(), help="the cases of one machine among several"
@@ -97,7 +91,11 @@ def parser() -> Parser:
     chosen.add_argument(
         "--seed", metavar="S", type=number_from(0, SEEDS), default=1, help="of all that is made up by chance (1)"
     )
+    return chosen
 
+
+def add_commands_of_cases(commands: argparse._SubParsersAction) -> None:
+    chosen = choice_of_cases()
     listing = commands.add_parser("list", parents=[chosen], help="tell the cases", description="Tells the cases.")
     listing.add_argument(
         "--format",
@@ -125,6 +123,8 @@ def parser() -> Parser:
             help="where results and logs go (build/campaign)",
         )
 
+
+def add_report(commands: argparse._SubParsersAction) -> None:
     reporting = commands.add_parser(
         "report", help="join results into a page", description="Joins results into one page with pictures."
     )
@@ -138,6 +138,16 @@ def parser() -> Parser:
         default=Path("build/campaign/report.html"),
         help="(build/campaign/report.html)",
     )
+
+
+def parser() -> Parser:
+    summary, _, rest = __doc__.partition("\n\n")
+    whole = Parser(
+        prog="campaign", description=summary, epilog=rest + STATUSES, formatter_class=argparse.RawTextHelpFormatter
+    )
+    commands = whole.add_subparsers(dest="action", metavar="COMMAND")
+    add_commands_of_cases(commands)
+    add_report(commands)
     return whole
 
 
