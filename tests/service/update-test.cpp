@@ -35,6 +35,25 @@ protected:
     }
 
     Json::Value locks() { return tv.platform().snapshot()["locks"]; }
+
+    void expectTunerIsWrittenAndNothingLeftOver()
+    {
+        EXPECT_THAT(tv.texts(),
+                    testing::IsSupersetOf(
+                        {"Try doUpdateFirmwareAll",
+                         "about total update time is 8000 ms, Lock the power during about that time.",
+                         "pwrctl_lock_state done", "Tuner update time 8 sec", "Tuner Firmware Update Try",
+                         "========== [ Tuner update succeeded ] ==========",
+                         "EMP UMount Success /opt/usr/apps/appbinarymanager/empTuner.img",
+                         "pwrctl_unlock_state done"}));
+        EXPECT_EQ(tv.activeVersion("tuner"), "1.1");
+        EXPECT_EQ(tv.activeFirmware("tuner"), Television::exampleFirmware("Tuner", "1.1"));
+        EXPECT_FALSE(tv.exists(Television::packagePath("empTuner")));
+        EXPECT_THAT(tv.loopMounts(), IsEmpty());
+        EXPECT_THAT(locks()["held"], IsEmpty());
+        EXPECT_EQ(tv.semaphore("show").text, "1\n");
+        EXPECT_FALSE(tv.platform().snapshot()["flags"]["raised"].isMember(kResumeFlag));
+    }
 };
 
 // ---- As it should be ----
@@ -77,24 +96,9 @@ TEST_F(Update, WritesTheDeliveredFirmwareAtStandbyAndCleansUp)
     EXPECT_TRUE(tv.platform().snapshot()["flags"]["raised"].isMember(kResumeFlag));
     EXPECT_EQ(tv.activeVersion("tuner"), "1.0"); // until the last block is written
 
-    // The end: new firmware, and nothing left over.
     expectEnd();
-    EXPECT_THAT(
-        tv.texts(),
-        testing::IsSupersetOf(
-            {"Try doUpdateFirmwareAll",
-             "about total update time is 8000 ms, Lock the power during about that time.",
-             "pwrctl_lock_state done", "Tuner update time 8 sec", "Tuner Firmware Update Try",
-             "========== [ Tuner update succeeded ] ==========",
-             "EMP UMount Success /opt/usr/apps/appbinarymanager/empTuner.img", "pwrctl_unlock_state done"}));
-    EXPECT_EQ(tv.activeVersion("tuner"), "1.1");
-    EXPECT_EQ(tv.activeFirmware("tuner"), Television::exampleFirmware("Tuner", "1.1"));
+    expectTunerIsWrittenAndNothingLeftOver();
     EXPECT_EQ(tv.activeFirmware("soundbar"), soundbar);
-    EXPECT_FALSE(tv.exists(Television::packagePath("empTuner")));
-    EXPECT_THAT(tv.loopMounts(), IsEmpty());
-    EXPECT_THAT(locks()["held"], IsEmpty());
-    EXPECT_EQ(tv.semaphore("show").text, "1\n");
-    EXPECT_FALSE(tv.platform().snapshot()["flags"]["raised"].isMember(kResumeFlag));
 
     // And the next start finds nothing more to do.
     tv.startDaemon();
