@@ -759,8 +759,8 @@ TEST_F(Fwmod, PipeIsNeverWaitedFor)
     }
 }
 
-// Whatever is given, a line says what is wrong, where, and what to do.
-TEST_F(Fwmod, MessagesSayWhatIsWrongAndWhatToDo)
+// Files of each kind that are wrong, each in its own way.
+void writeWrongFiles(const TemporaryDirectory& directory)
 {
     writeBytes(directory / "Tuner.bin", "x");
     writeBytes(directory / "tuner.so", "x");
@@ -777,6 +777,12 @@ TEST_F(Fwmod, MessagesSayWhatIsWrongAndWhatToDo)
     writeBytes(directory / "bare.so", library);
     writeBytes(directory / "cut.img",
                common::readWhole(fs::path(SAMPLE_IMAGES) / "1.1/empTuner.img").substr(0, 400));
+}
+
+// Whatever is given, a line says what is wrong, where, and what to do.
+TEST_F(Fwmod, MessagesSayWhatIsWrongAndWhatToDo)
+{
+    writeWrongFiles(directory);
     const std::string tooLong(5000, 'x');
     struct Case {
         std::vector<std::string> command;
