@@ -10,12 +10,14 @@ namespace
 {
 volatile sig_atomic_t interruption = 0;
 volatile sig_atomic_t count = 0;
+bool isWatched = false;
 constexpr std::array<int, 4> kInterruptions = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 std::array<struct sigaction, kInterruptions.size()> usual;
 } // namespace
 
 InterruptionWatch::InterruptionWatch()
 {
+    isWatched = true;
     interruption = 0;
     count = 0;
     struct sigaction action = {};
@@ -36,6 +38,12 @@ InterruptionWatch::~InterruptionWatch()
     for (std::size_t index = 0; index < kInterruptions.size(); ++index) {
         sigaction(kInterruptions[index], &usual[index], nullptr);
     }
+    isWatched = false;
+}
+
+bool InterruptionWatch::isThere()
+{
+    return isWatched;
 }
 
 int InterruptionWatch::times()

@@ -20,8 +20,9 @@ public:
     InterruptionWatch(const InterruptionWatch&) = delete;
     InterruptionWatch& operator=(const InterruptionWatch&) = delete;
 
-    static void check(); // throws Interrupted
-    static int times();  // how often there was one: who asks again wants the end at once
+    static bool isThere(); // one lives
+    static void check();   // throws Interrupted
+    static int times();    // how often there was one: who asks again wants the end at once
 };
 
 } // namespace common

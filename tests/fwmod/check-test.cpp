@@ -1,5 +1,6 @@
 // "fwmod check" as a maker types it. What it finds is tested with the libraries of sdk/corpus; here are its
 // options, its output, and the examples, which must be sound.
+#include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -258,11 +259,12 @@ TEST_F(Check, HardwareThatIsUpToDateIsNotUpdated)
 
 TEST_F(Check, InterruptionRemovesTheSet)
 {
-    const Outcome outcome = runProgram(
-        {"timeout", "--signal=INT", "1", "env", "TMPDIR=" + directory.path().string(), FWMOD, "check",
-         kExamples / "tuner.so", "--package", kExamples / "images/1.1/empTuner.img", "--hardware", kHardware},
-        directory.path());
-    EXPECT_EQ(outcome.status, 124) << outcome.out; // it was still at work
+    const Outcome outcome =
+        runProgram({"timeout", "--preserve-status", "--signal=INT", "1", "env",
+                    "TMPDIR=" + directory.path().string(), FWMOD, "check", kExamples / "tuner.so",
+                    "--package", kExamples / "images/1.1/empTuner.img", "--hardware", kHardware},
+                   directory.path());
+    EXPECT_EQ(outcome.status, 128 + SIGINT) << outcome.out; // it was still at work
     EXPECT_THAT(outcome.err, HasSubstr("fwmod: interrupted, and the set has ended\n"));
     EXPECT_THAT(namesIn(directory.path()), IsEmpty());
 }

@@ -1,5 +1,6 @@
 #include "tools/fwmod/files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -17,7 +18,6 @@
 #include "common/files/unique-fd.h"
 #include "common/glib-pointers.h"
 #include "common/plain-words.h"
-#include "common/process/interruption.h"
 #include "common/process/pipe.h"
 #include "common/process/program.h"
 #include "common/terminal/visible-text.h"
@@ -179,21 +179,18 @@ namespace
 // By the daemon's own function; its own reading of a file tells nobody how far it is, nor that it failed.
 unsigned int checksumOf(const fs::path& path)
 {
-    const common::InterruptionWatch interruptions; // takes the line of progress away
     const common::RegularFile file(path);
     ReadingProgress progress(path.filename(), fs::file_size(path));
     unsigned int checksum = 0;
     std::vector<unsigned char> chunk(std::size_t{1} << 18);
     for (ssize_t count = 1; count != 0;) {
         count = read(file.descriptor(), chunk.data(), chunk.size());
-        common::InterruptionWatch::check();
         if (count < 0 && errno != EINTR) {
             throw common::Failure("cannot read all of " + path.string() + ": " + std::strerror(errno));
         }
-        if (count > 0) {
-            checksum = extendChecksum(checksum, chunk.data(), static_cast<std::size_t>(count));
-            progress.add(static_cast<std::size_t>(count));
-        }
+        const auto length = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+        checksum = extendChecksum(checksum, chunk.data(), length);
+        progress.add(length);
     }
     return checksum;
 }
@@ -203,12 +200,7 @@ unsigned int checksumOf(const fs::path& path)
 unsigned int imageChecksum(const fs::path& path)
 {
     requireReadable(path);
-    try {
-        return checksumOf(path);
-    } catch (const common::Interrupted& interruption) {
-        raise(interruption.signal); // it ends the program, as if nobody had watched
-        throw;
-    }
+    return readToTheEnd([&path] { return checksumOf(path); });
 }
 
 NewFile::NewFile(fs::path target)

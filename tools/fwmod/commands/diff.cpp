@@ -11,6 +11,7 @@
 #include "common/files/regular-file.h"
 #include "common/json-text.h"
 #include "common/plain-words.h"
+#include "common/process/interruption.h"
 #include "common/terminal/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
@@ -61,7 +62,11 @@ Source sourceOf(const fs::path& path)
         throw common::Failure(path.string() + " " + file->problem());
     }
     const Source source = [file, path](char* buffer, std::size_t size) {
-        const ssize_t count = read(file->descriptor(), buffer, size);
+        ssize_t count = -1;
+        do {
+            count = read(file->descriptor(), buffer, size);
+            common::InterruptionWatch::check();
+        } while (count < 0 && errno == EINTR);
         if (count < 0) {
             throw common::Failure("cannot read all of " + path.string() + ": " + std::strerror(errno));
         }
@@ -272,7 +277,7 @@ int diff(const DiffOptions& options)
 try {
     const Inspection a = inspectFile(options.a);
     const Inspection b = inspectFile(options.b);
-    const Differences differences = compare(options, a, b);
+    const Differences differences = readToTheEnd([&] { return compare(options, a, b); });
     if (options.json) {
         printForPrograms(options, differences);
     } else {
