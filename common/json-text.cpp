@@ -121,6 +121,20 @@ std::optional<Json::Value> parseJson(std::string_view text, std::string* why, co
     return std::nullopt;
 }
 
+std::string repeatedKeyIn(std::string_view text, const JsonLimits& limits)
+{
+    if (!parseJson(text, nullptr, limits)) {
+        return "";
+    }
+    Json::CharReaderBuilder builder = builderTo(limits.depth);
+    builder["rejectDupKeys"] = true;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value ignored;
+    std::string where;
+    reader->parse(text.data(), text.data() + text.size(), &ignored, &where);
+    return firstLine(where);
+}
+
 std::optional<Json::Value> parseJsonObject(std::string_view text, std::string* why, const JsonLimits& limits)
 {
     std::optional<Json::Value> value = parseJson(text, why, limits);

@@ -26,6 +26,10 @@ std::optional<Json::Value> parseJson(std::string_view text, std::string* why = n
 std::optional<Json::Value> parseJsonObject(std::string_view text, std::string* why = nullptr,
                                            const JsonLimits& limits = {});
 
+// Where a key of an object that parseJson takes, which is its last then, has stood before: one line, of the
+// first such key. Empty when there is none.
+std::string repeatedKeyIn(std::string_view text, const JsonLimits& limits = {});
+
 // On one line, without a line end; indented by two blanks. UTF-8 as it is, and nothing but UTF-8: what else a
 // value holds, a file's name or a package's text, stands as U+FFFD. What would steer a terminal or the
 // direction of writing stands as \uXXXX. Whoever carries the text on relies on it.

@@ -27,6 +27,16 @@ TEST(JsonText, ReadsWhatItWrites)
     EXPECT_THAT(common::compactJson(value), HasSubstr("Grüße"));
 }
 
+TEST(JsonText, TellsAKeyThatStandsTwice)
+{
+    const std::string text = "{\"a\": {\"b\": 1},\n \"b\": 2, \"b\": 3}";
+    EXPECT_EQ((*parseJson(text))["b"], 3);
+    EXPECT_EQ(common::repeatedKeyIn(text), "Line 2, Column 10: Duplicate key: 'b'");
+    EXPECT_EQ(common::repeatedKeyIn("{\"a\": {\"b\": 1}, \"b\": 2}"), "");
+    EXPECT_EQ(common::repeatedKeyIn("{\"a\": 1, \"a\":"), "") << "no JSON";
+    EXPECT_EQ(common::repeatedKeyIn(nested(100)), "") << "beyond the limits";
+}
+
 TEST(JsonText, WritesNothingButUtf8)
 {
     Json::Value value;

@@ -325,6 +325,10 @@ constexpr InformationCase kInformation[] = {
     {R"({"ui_use":5})", 0, "warning: ui_use 5: not a text"},
     {R"({"ui_use":"force"})", 0, R"(ok: ui_use "force": the screen forces)"},
     {R"({"Version":"1.2"})", 0, R"(warning: Version "1.2": the daemon does not read this key)"},
+    {R"({"crc":1,"crc":2})", 0,
+     "warning: a key stands more than once (Line 1, Column 10: Duplicate key: 'crc'): "},
+    {R"({"crc":"x","crc":2})", 0, "ok: crc 2: compared"},
+    {R"({"crc":1,"crc":"x"})", 1, R"(refused: crc "x")"},
     {R"([1])", 1, "refused: - [1]: no JSON object"},
     {R"(null)", 0, "warning: version -: absent"},
     {R"({"version":)", 1, "refused: not JSON"},
@@ -362,6 +366,15 @@ TEST_F(Fwmod, CheckComparesTheChecksumOfTheImage)
     const Outcome outcome = check(R"({"crc":28458148})", {"--image", "Tuner.bin"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_THAT(outcome.out, HasSubstr("refused: image Tuner.bin: its checksum is 28458147"));
+}
+
+TEST_F(Fwmod, CheckOfAKeyThatStandsTwiceTellsWhichValueTheDaemonTakes)
+{
+    writeBytes(directory / "Tuner.bin", "\x01");
+    const Outcome outcome = check(R"({"crc":5,"crc":28458147})", {"--image", "Tuner.bin"});
+    EXPECT_EQ(outcome.status, 0) << outcome.out;
+    EXPECT_THAT(outcome.out, HasSubstr("the daemon takes its last value; take the others out"));
+    EXPECT_EQ(check(R"({"crc":28458147,"crc":5})", {"--image", "Tuner.bin"}).status, 1);
 }
 
 TEST_F(Fwmod, InfoRefusesWrongUseAndWritesNothing)

@@ -172,7 +172,14 @@ std::vector<InformationFinding> explainFile(const fs::path& file)
         return {{FindingKind::Refused, "-", "-", "it " + why + ": is it the right file?"}};
     }
     if (const std::optional<Json::Value> root = common::parseJson(*text, &why, kDaemons)) {
-        return explainAll(*root);
+        std::vector<InformationFinding> findings = explainAll(*root);
+        const std::string repeated = common::repeatedKeyIn(*text, kDaemons);
+        if (!repeated.empty()) {
+            findings.push_back({FindingKind::Warning, "-", "-",
+                                "a key stands more than once (" + repeated +
+                                    "): the daemon takes its last value; take the others out"});
+        }
+        return findings;
     }
     const std::string anew = "write the file anew (fwmod info --version ...)";
     return {{FindingKind::Refused, "-", "-",
