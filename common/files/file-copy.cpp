@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/files/unique-fd.h"
+
 namespace fs = std::filesystem;
 
 namespace common
@@ -15,26 +17,10 @@ namespace common
 namespace
 {
 
-class OpenFile
+UniqueFd opened(const fs::path& path, int flags, mode_t mode = 0)
 {
-public:
-    OpenFile(const fs::path& path, int flags, mode_t mode = 0)
-        : number_(open(path.c_str(), flags | O_CLOEXEC, mode))
-    {
-    }
-    ~OpenFile()
-    {
-        if (number_ >= 0) {
-            close(number_);
-        }
-    }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-    int get() const { return number_; }
-
-private:
-    int number_;
-};
+    return UniqueFd(open(path.c_str(), flags | O_CLOEXEC, mode));
+}
 
 // Bytes `begin` to `end` to the same place; false with errno.
 bool copyRange(int from, int to, off_t begin, off_t end)
@@ -77,17 +63,17 @@ bool copyData(int from, int to, off_t size)
 
 bool copyContent(const fs::path& from, const fs::path& to)
 {
-    const OpenFile source(from, O_RDONLY | O_NONBLOCK);
+    const UniqueFd source = opened(from, O_RDONLY | O_NONBLOCK);
     struct stat file = {};
-    if (source.get() < 0 || fstat(source.get(), &file) != 0) {
+    if (!source || fstat(source.get(), &file) != 0) {
         return false;
     }
     if (!S_ISREG(file.st_mode)) {
         errno = EINVAL;
         return false;
     }
-    const OpenFile target(to, O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    return target.get() >= 0 && ftruncate(target.get(), file.st_size) == 0 &&
+    const UniqueFd target = opened(to, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    return target && ftruncate(target.get(), file.st_size) == 0 &&
            copyData(source.get(), target.get(), file.st_size) &&
            fchmod(target.get(), file.st_mode & 07777) == 0;
 }

@@ -1,8 +1,7 @@
 // The entry point of the set's signature library. It holds no state: keys are read anew for each file, so a
 // key that is put into the set's directory, or taken out of it, counts at once.
-#include <unistd.h>
-
 #include "common/daemon/places.h"
+#include "common/files/unique-fd.h"
 #include "vset/signature/image-signature.h"
 
 namespace
@@ -12,13 +11,12 @@ constexpr int kWholeFile = 0; // the only mode
 
 int verifyWithKeysOfTheSet(const char* path)
 {
-    const int descriptor = signature::openRegularFile(path);
-    if (descriptor < 0) {
+    const common::UniqueFd file(signature::openRegularFile(path));
+    if (!file) {
         return 0;
     }
     const auto verdict =
-        signature::verify(descriptor, signature::readKeyDirectory(common::places::kSigningKeys));
-    close(descriptor);
+        signature::verify(file.get(), signature::readKeyDirectory(common::places::kSigningKeys));
     return verdict == signature::Verdict::Signed ? 1 : 0;
 }
 

@@ -5,10 +5,10 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <unistd.h>
 
 #include "common/files/memory-file.h"
 #include "common/files/owned-file.h"
+#include "common/files/unique-fd.h"
 #include "common/terminal/visible-text.h"
 #include "src/src/fw-update-checksum.h"
 #include "tools/fwmod/commands/command.h"
@@ -129,12 +129,9 @@ void inspectSignature(const InspectionRequest& request, Inspection& result)
         return;
     }
     const std::vector<signature::TrustedKey> trusted = readTrusted(request.publicKey);
-    const int descriptor = signature::openRegularFile(request.file.c_str());
+    const common::UniqueFd file(signature::openRegularFile(request.file.c_str()));
     const signature::Verdict verdict =
-        descriptor < 0 ? signature::Verdict::Unreadable : signature::verify(descriptor, trusted);
-    if (descriptor >= 0) {
-        close(descriptor);
-    }
+        file ? signature::verify(file.get(), trusted) : signature::Verdict::Unreadable;
     result.add("signature", describe(verdict), verdict == signature::Verdict::Signed);
     if (verdict != signature::Verdict::Signed) {
         result.problems.push_back(std::string("signature: ") + describe(verdict));
