@@ -12,6 +12,7 @@
 #include "common/errors.h"
 #include "common/files/whole-file.h"
 #include "common/findings/findings-form.h"
+#include "tests/support/names-in.h"
 #include "tests/support/temporary-directory.h"
 
 namespace fs = std::filesystem;
@@ -58,14 +59,6 @@ protected:
                         AllOf(testing::HasSubstr(why), testing::EndsWith(": give another file")));
         }
     }
-    std::vector<std::string> names()
-    {
-        std::vector<std::string> found;
-        for (const auto& entry : fs::directory_iterator(directory.path())) {
-            found.push_back(entry.path().filename());
-        }
-        return found;
-    }
 
     TemporaryDirectory directory;
     fs::path file = directory / "report.xml";
@@ -74,7 +67,7 @@ protected:
 TEST_F(Report, NothingStaysOfOneThatCannotBeWritten)
 {
     expectRefused("File too large");
-    EXPECT_THAT(names(), testing::IsEmpty());
+    EXPECT_THAT(namesIn(directory.path()), testing::IsEmpty());
 }
 
 TEST_F(Report, OldOneStaysUntilTheNewOneIsWhole)
@@ -86,7 +79,7 @@ TEST_F(Report, OldOneStaysUntilTheNewOneIsWhole)
     common::writeReport(file, kReport);
     EXPECT_EQ(common::readWhole(file), kReport);
     EXPECT_EQ(fs::status(file).permissions(), fs::perms(0640));
-    EXPECT_THAT(names(), testing::ElementsAre("report.xml"));
+    EXPECT_THAT(namesIn(directory.path()), testing::ElementsAre("report.xml"));
 }
 
 TEST_F(Report, LinkStaysALink)
@@ -142,7 +135,7 @@ TEST_F(Report, FileInAClosedDirectoryIsWrittenInPlace)
         ASSERT_EQ(seteuid(0), 0);
     }
     fs::permissions(directory.path(), fs::perms(0755));
-    EXPECT_THAT(names(), testing::ElementsAre("report.xml"));
+    EXPECT_THAT(namesIn(directory.path()), testing::ElementsAre("report.xml"));
 }
 
 } // namespace

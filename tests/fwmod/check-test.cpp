@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include "common/files/whole-file.h"
+#include "tests/support/names-in.h"
 #include "tests/support/run-program.h"
 #include "tests/support/temporary-directory.h"
 
@@ -19,15 +20,6 @@ using testing::IsEmpty;
 
 const fs::path kExamples = EXAMPLES;
 const std::string kHardware = kExamples / "images/1.0/hardware";
-
-std::vector<std::string> namesIn(const fs::path& directory)
-{
-    std::vector<std::string> names;
-    for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
-        names.push_back(entry.path().filename());
-    }
-    return names;
-}
 
 class Check : public testing::Test
 {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/files/whole-file.h"
+#include "tests/support/names-in.h"
 #include "tests/support/run-program.h"
 #include "tests/support/temporary-directory.h"
 
@@ -57,16 +58,8 @@ protected:
                  fs::copy_options::recursive);
         return kit;
     }
-    // Names in the directory, sorted: nothing half-written may stay.
-    std::vector<std::string> names()
-    {
-        std::vector<std::string> found;
-        for (const auto& entry : fs::directory_iterator(directory.path())) {
-            found.push_back(entry.path().filename());
-        }
-        std::sort(found.begin(), found.end());
-        return found;
-    }
+    // Nothing half-written may stay.
+    std::vector<std::string> names() { return namesIn(directory.path()); }
 
     TemporaryDirectory directory;
 };

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "common/files/whole-file.h"
+#include "tests/support/names-in.h"
 #include "tests/support/temporary-directory.h"
 #include "tests/usb/programs.h"
 #include "tests/usb/usb-test-data.h"
@@ -96,15 +97,7 @@ protected:
                                    toHex(image.substr(0, kIvSize)), "-in", "secret", "-out", "plain"});
         return common::readWhole(directory / "plain");
     }
-    std::vector<std::string> names()
-    {
-        std::vector<std::string> found;
-        for (const auto& entry : fs::directory_iterator(directory.path())) {
-            found.push_back(entry.path().filename());
-        }
-        std::sort(found.begin(), found.end());
-        return found;
-    }
+    std::vector<std::string> names() { return namesIn(directory.path()); }
     static std::string header(const std::string& text)
     {
         return text + std::string(kVersionHeaderSize - text.size(), '\0');
