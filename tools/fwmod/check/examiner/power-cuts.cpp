@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "tools/fwmod/check/examiner/faulty-writes.h"
 #include "tools/fwmod/check/examiner/flush-order.h"
 #include "tools/fwmod/check/examiner/machine/held-image.h"
 #include "tools/fwmod/check/examiner/machine/plain-files.h"
@@ -424,13 +425,10 @@ bool isWholeFirmware(Supervisor& supervisor, const Machine& machine)
            look.told["verdict"].asInt() <= 0;
 }
 
-// Nothing, too, when the library refuses that image.
-std::optional<Finding> cutOtherImage(Supervisor& supervisor, const OtherImage& other, unsigned int write,
-                                     bool& isCut)
+Session updateWithOther(Supervisor& supervisor, Machine& machine, const OtherImage& other, const Watch& watch)
 {
-    Machine first;
     if (!other.directory.empty()) {
-        first.replaceDirectory(supervisor.job().imageDirectory, other.directory);
+        machine.replaceDirectory(supervisor.job().imageDirectory, other.directory);
     }
     const auto update = [&](Worker& worker) {
         worker.overlookManners();
@@ -439,7 +437,32 @@ std::optional<Finding> cutOtherImage(Supervisor& supervisor, const OtherImage& o
             worker.update({other.file, other.checksum, false, "of " + other.what});
         }
     };
-    if (!supervisor.run(first, update, {true, write}).isCut) {
+    return supervisor.run(machine, update, watch);
+}
+
+// Where to cut it, one after the other: as the offered one; and where its own content ends, of which a longer
+// one leaves something behind the end of the offered one.
+std::vector<unsigned int> cutsOfOther(Supervisor& supervisor, const OtherImage& other, bool isGiven)
+{
+    const FaultPlaces& places = supervisor.job().faults;
+    std::vector<unsigned int> cuts = {places.lateWrite, places.middleWrite};
+    if (isGiven) {
+        Machine whole;
+        const unsigned int end =
+            faultPlacesOf(updateWithOther(supervisor, whole, other, {true}).writes).endWrite;
+        if (end > places.endWrite) {
+            cuts.insert(cuts.begin(), end);
+        }
+    }
+    return cuts;
+}
+
+// Nothing, too, when the library refuses that image.
+std::optional<Finding> cutOtherImage(Supervisor& supervisor, const OtherImage& other, unsigned int write,
+                                     bool& isCut)
+{
+    Machine first;
+    if (!updateWithOther(supervisor, first, other, {true, write}).isCut) {
         return std::nullopt;
     }
     isCut = true;
@@ -546,11 +569,8 @@ void updateAfterAnotherImage(Supervisor& supervisor, Report& report)
                              job.isExternal ? job.otherDirectory : std::string(), "the other image"}
                 : changedImage(job, place);
     bool isCut = false;
-    for (const unsigned int write : {job.faults.lateWrite, job.faults.middleWrite}) {
-        const auto finding = isCut || write == job.faults.lateWrite
-                                 ? cutOtherImage(supervisor, other, write, isCut)
-                                 : std::nullopt;
-        if (finding) {
+    for (const unsigned int write : cutsOfOther(supervisor, other, isGiven)) {
+        if (const auto finding = cutOtherImage(supervisor, other, write, isCut)) {
             return report.add(*finding);
         }
     }
