@@ -269,6 +269,11 @@ std::string longTextInRecorder()
     return "";
 }
 
+void logAnError()
+{
+    __norlog_print(kSystem, kError, "PROOF", "an error like the last");
+}
+
 } // namespace
 
 const std::vector<Proof>& logProofs()
@@ -288,6 +293,7 @@ const std::vector<Proof>& logProofs()
         {"log-values-mixed", thousandsOfRecords},
         {"log-slow-now-and-then", longestOfMany},
         {"log-tag-kept", tagOfItsTime},
+        {"log-errors-kept", [] { return growth("KiB", residentKilobytes, 800, logAnError); }},
         {"log-minor-cut", longMinorText},
         {"log-repeats-swallowed", sameTextThrice},
         {"log-letters-lost", lettersOfManyBytes},

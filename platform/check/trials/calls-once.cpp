@@ -305,20 +305,29 @@ void mountedOnce(Trial& trial)
     rmdir(directory.c_str());
 }
 
+// Of the four, one after the other: records of each may be kept apart, for different times.
+int nextPriority()
+{
+    thread_local unsigned int calls = 0;
+    return 3 + static_cast<int>(calls++ % 4);
+}
+
 void platformLogOnce(Trial& trial)
 {
+    const int priority = nextPriority();
     const std::string& text = nextText();
     const int result = trial.call(
-        "__norlog_print", [&] { return __norlog_print(2, 3, "FWUPDATE", "%s: %d", text.c_str(), 7); });
+        "__norlog_print", [&] { return __norlog_print(2, priority, "FWUPDATE", "%s: %d", text.c_str(), 7); });
     steady(trial, result >= 0, FindingId::NotLogged, "__norlog_print",
            "the result is " + std::to_string(result));
 }
 
 void traceLogOnce(Trial& trial)
 {
+    const int priority = nextPriority();
     const std::string& text = nextText();
     trial.call("TraceLogger::record",
-               [&] { TraceLogger::record(3, kFile, __func__, __LINE__, "%s: %d", text.c_str(), 7); });
+               [&] { TraceLogger::record(priority, kFile, __func__, __LINE__, "%s: %d", text.c_str(), 7); });
 }
 
 } // namespace platformcheck
