@@ -177,6 +177,24 @@ void detachOne(const SharedSubscription& wanted)
     detach(take([&](const Subscription& entry) { return &entry == wanted.get(); }));
 }
 
+// A signal that another subscription brings here already may be on its way: with the service's answer behind
+// it, it has been handed out to that one alone. False when there is none.
+bool awaitEarlierSignals(const Subscription& entry)
+{
+    constexpr Service kPeer = {kPlatform.name, kPlatform.path, "org.freedesktop.DBus.Peer"};
+    Registry& all = registry();
+    {
+        const std::lock_guard<std::mutex> lock(all.mutex);
+        const auto bringsSame = [&](const SharedSubscription& other) {
+            return other->signal == entry.signal && other->argument == entry.argument;
+        };
+        if (std::none_of(all.entries.begin(), all.entries.end(), bringsSame)) {
+            return true;
+        }
+    }
+    return call(kPeer, "Ping", nullptr, "()") != nullptr;
+}
+
 bool add(const SharedSubscription& entry)
 {
     const Connection bus = connection();
@@ -200,7 +218,7 @@ int subscribe(const EventKind& kind, const char* argument, CallbackIdentity iden
     entry->subscribeMethod = kind.subscribeMethod;
     entry->identity = identity;
     entry->deliver = std::move(deliver);
-    if (!add(entry)) {
+    if (!awaitEarlierSignals(*entry) || !add(entry)) {
         return kFailure;
     }
     // The service's answer also proves that the bus knows the subscription: from here on no event is lost.

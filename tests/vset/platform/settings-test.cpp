@@ -29,6 +29,11 @@ void note(keynode* node, void* userData)
     seen->threads.push_back(std::this_thread::get_id());
 }
 
+void count(keynode*, void* userData)
+{
+    ++*static_cast<int*>(userData);
+}
+
 void ignoreAtFirst(keynode* node, void* userData)
 {
     note(node, userData);
@@ -139,6 +144,25 @@ TEST_F(Settings, NoChangeAfterTheSubscriptionIsLost)
         set.setSetting(key, round);
     }
     EXPECT_TRUE(pumpUntil([&] { return seen.values.size() == 100; })) << seen.values.size();
+}
+
+TEST_F(Settings, NoChangeBeforeTheSubscriptionIsTold)
+{
+    for (const bool isFirst : {true, false}) {
+        int others = 0;
+        const std::string key = isFirst ? "memory/first" : "memory/second";
+        if (!isFirst) {
+            ASSERT_EQ(pralis_notify_key_changed(key.c_str(), count, &others), 0);
+        }
+        for (int round = 0; round < 200; ++round) {
+            set.setSetting(key, round); // as another process does
+            ASSERT_EQ(pralis_notify_key_changed(key.c_str(), note, &seen), 0);
+            pumpAll();
+            ASSERT_THAT(seen.values, testing::IsEmpty()) << key << ", round " << round;
+            ASSERT_EQ(pralis_ignore_key_changed(key.c_str(), note), 0);
+        }
+        EXPECT_EQ(others, isFirst ? 0 : 200);
+    }
 }
 
 TEST_F(Settings, NoCallbackBeginsAfterTheSubscriptionEnded)
