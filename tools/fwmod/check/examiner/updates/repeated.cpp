@@ -115,8 +115,10 @@ void updateOneAfterTheOther(Worker& worker, const std::vector<OddImage>& oddImag
     const auto before = worker.activeVersion("before images that are refused");
     if (!job.isExternal) {
         const std::string absent = fs::path(job.image).parent_path() / "absent.bin";
-        worker.update(
-            {absent, job.checksum, false, "of a file that is not there"}); // judged where it is alone
+        const auto absentee = worker.update({absent, job.checksum, false, "of a file that is not there"});
+        if (absentee && absentee->result == 0) {
+            original.putBack(); // judged where it is alone
+        }
         worker.setContext(job.caller, "");
         const auto wrong = worker.update({job.image, job.checksum ^ 1, false, "with a wrong checksum"});
         tellReturned(worker, "refused", wrong);
