@@ -460,11 +460,14 @@ void askEverything(Worker& worker)
 void askAboutLeadingZero(Worker& worker, const std::vector<unsigned int>& offered,
                          const std::string& installed)
 {
+    if (offered.back() > kMostOctal) {
+        return;
+    }
     const std::string number = offered.back() < 8 ? "9" : "10";
     const std::string plain = headOf(offered) + number;
     const std::string padded = headOf(offered) + "0" + number;
     const auto understood = worker.checkVersion(plain, "beside " + quote(installed));
-    if (offered.back() > kMostOctal || !understood || understood->result != 0 || understood->verdict <= 0) {
+    if (!understood || understood->result != 0 || understood->verdict <= 0) {
         return;
     }
     const auto verdict = worker.checkVersion(padded, "beside " + quote(installed));
@@ -484,11 +487,11 @@ void askAboutOrder(Worker& worker, const std::string& installed)
 {
     const auto parts = partsOf(numbersIn(installed));
     const auto offered = partsOf(worker.job().version.value_or(installed));
-    if (offered && (!parts || parts->size() != offered->size())) {
-        return askAboutLeadingZero(worker, *offered, installed);
-    }
     if (!offered) {
         return; // versions of another kind
+    }
+    if (!parts || parts->size() != offered->size()) {
+        return askAboutLeadingZero(worker, *offered, installed);
     }
     const auto own = worker.checkVersion(versionOf(*parts));
     if (own && own->result == 0 && own->verdict > 0) {
