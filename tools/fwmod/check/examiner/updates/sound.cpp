@@ -22,7 +22,7 @@ constexpr double kOddRatio = 700;     // of the expected time to the measured on
 constexpr unsigned int kLittle = 20;  // percent at which no update ends
 constexpr int kFewSamples = 15;       // one every 10 ms: a shorter update need not be seen to rise
 constexpr int kSomeSamples = 30;      // of a progress that has moved
-constexpr int kManySamples = 60;      // at one stage of it: a busy PC may have looked at no other
+constexpr int kManySamples = 60;      // at one stage that is passed: a busy PC may have looked at no other
 
 void judgeProgress(const Session& session, Report& report)
 {
@@ -42,7 +42,9 @@ void judgeProgress(const Session& session, Report& report)
         std::max(duration - session.watchDelay, 0.0); // on a busy one the watch takes its own
     const int samples = std::min(progress["samples"].asInt(), static_cast<int>(ownTime / kLook) + 1);
     const int failures = progress["failures"].asInt();
-    const bool isStage = progress["last"].asUInt() > 0 && progress["last"].asUInt() < 100;
+    const unsigned int last = progress["last"].asUInt();
+    const unsigned int after = session.told["progressAfter"].asUInt();
+    const bool isStage = last > 0 && last < 100 && after != last;
     if (failures > samples) {
         report.add({FindingId::NoProgress, "getUpdateProgress failed at " + std::to_string(failures) +
                                                " of " + std::to_string(failures + samples) +
@@ -52,9 +54,10 @@ void judgeProgress(const Session& session, Report& report)
                                                " at each of " + std::to_string(samples) +
                                                " looks during the update"});
     }
-    const unsigned int highest =
-        std::max(progress["highest"].asUInt(), session.told["progressAfter"].asUInt());
-    if (samples >= kSomeSamples && progress["values"].asInt() > 1 && highest < kLittle) {
+    const unsigned int highest = std::max(progress["highest"].asUInt(), after);
+    const bool hasMoved = progress["values"].asInt() > 1 || after != last;
+    const bool isAtItsEnd = after > 0 && after == highest; // not set back, so no look can have missed more
+    if (hasMoved && highest < kLittle && (isAtItsEnd || samples >= kSomeSamples)) {
         report.add({FindingId::NoProgress, "getUpdateProgress told " + std::to_string(highest) +
                                                " at most, at " + std::to_string(samples) +
                                                " looks during the update and after it"});
