@@ -213,7 +213,7 @@ int endSecond(pwrctl_state_info* info, void* data)
     return pwrctl_unsubscribe_state_changed_event(endFirst);
 }
 
-std::string toldAfterAnothersEnd()
+std::string changeToldAfterAnothersEnd()
 {
     pwrctl_subscribe_state_changed_event(endFirst, nullptr);
     pwrctl_subscribe_state_changed_event(endSecond, nullptr);
@@ -299,7 +299,7 @@ const std::vector<Proof>& powerProofs()
         {"power-states-swapped", statesTold},
         {"power-told-elsewhere", threadOfPower},
         {"power-told-after-unsubscribe", toldAfterUnsubscribe},
-        {"power-ended-still-told", toldAfterAnothersEnd},
+        {"power-ended-still-told", changeToldAfterAnothersEnd},
         {"power-locked-while-told", answeredMeanwhile},
         {"power-told-once", everyChangeTold},
         {"power-unsubscribe-waits",

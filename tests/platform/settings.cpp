@@ -297,7 +297,7 @@ void endsSecond(keynode* node, void* data)
     pralis_ignore_key_changed(kKey, endsFirst);
 }
 
-std::string toldAfterAnothersEnd()
+std::string valueToldAfterAnothersEnd()
 {
     pralis_notify_key_changed(kKey, endsFirst, nullptr);
     pralis_notify_key_changed(kKey, endsSecond, nullptr);
@@ -441,7 +441,7 @@ const std::vector<Proof>& settingsProofs()
         {"settings-told-what-it-is-now", eachValue},
         {"settings-batch-told", toldAfterOwnEnd},
         {"settings-told-inside-get", toldInsideRead},
-        {"settings-ended-still-told", toldAfterAnothersEnd},
+        {"settings-ended-still-told", valueToldAfterAnothersEnd},
         {"settings-new-told-at-once", toldToANewOne},
         {"settings-told-by-key", toldInOrder},
         {"settings-keys-by-prefix", toldOfALongerKey},
