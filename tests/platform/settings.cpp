@@ -414,6 +414,7 @@ std::string failedReadWithoutException()
 
 } // namespace
 
+// NOLINTNEXTLINE(readability-function-size): a table
 const std::vector<Proof>& settingsProofs()
 {
     static const std::vector<Proof> proofs = {

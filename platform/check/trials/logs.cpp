@@ -36,6 +36,7 @@ namespace
 
 // Not __FILE__, which would tell where this program was built.
 constexpr const char* kLogTrials = "logs.cpp";
+constexpr const char* kFunction = "logs"; // not __func__, which a lambda has of its own
 
 constexpr int kSystemBuffer = 2;
 constexpr int kDebug = 3;
@@ -178,7 +179,7 @@ void judgeRecord(Trial& trial, const char* name, int result, const int& after)
                        int result = 0;                                                                       \
                        errno = errnoHeld;                                                                    \
                        if (isTrace) {                                                                        \
-                           TraceLogger::record(priority, kLogTrials, __func__, __LINE__, __VA_ARGS__);       \
+                           TraceLogger::record(priority, kLogTrials, kFunction, __LINE__, __VA_ARGS__);      \
                        } else {                                                                              \
                            result = __norlog_print(kSystemBuffer, priority, "FWUPDATE", __VA_ARGS__);        \
                        }                                                                                     \
@@ -211,7 +212,7 @@ int logOnThread(Trial& trial, bool isTrace, int thread)
     for (; number < kMostOfThread && common::realNow() < end; ++number) {
         trial.call(isTrace ? "TraceLogger::record" : "__norlog_print", [&] {
             if (isTrace) {
-                TraceLogger::record(kError, kLogTrials, __func__, __LINE__,
+                TraceLogger::record(kError, kLogTrials, kFunction, __LINE__,
                                     "thread %d, %u, record %04d %s end", thread, token, number, text.c_str());
                 return 0;
             }
@@ -225,6 +226,7 @@ int logOnThread(Trial& trial, bool isTrace, int thread)
 void logOnThreads(Trial& trial, bool isTrace)
 {
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     std::array<int, kThreads> counts{};
     for (int thread = 0; thread < kThreads; ++thread) {
         threads.emplace_back([&trial, &counts, isTrace, thread] {
@@ -312,7 +314,7 @@ void logOnThreadThatStays(Trial& trial, bool isTrace)
     std::thread([&trial, isTrace] {
         trial.call(isTrace ? "TraceLogger::record" : "__norlog_print", [&] {
             if (isTrace) {
-                TraceLogger::record(kError, kLogTrials, __func__, __LINE__, "a thread that stays, %u.",
+                TraceLogger::record(kError, kLogTrials, kFunction, __LINE__, "a thread that stays, %u.",
                                     trial.options().token);
                 return 0;
             }
@@ -360,10 +362,9 @@ void waitAMoment(Trial& trial)
     }
 }
 
-// The end is the daemon's: a moment later, by quick_exit.
-void logAll(Trial& trial, bool isTrace)
+// Each is looked for before the next one comes.
+void logAndLook(Trial& trial, bool isTrace, const Values& values)
 {
-    const Values values{trial.options().token};
     CHECKED_RECORD(trial, isTrace, kError, "reason %m, %u", values.token); // the very first: it opens the log
     lookForText(trial, isTrace, kReason);
     CHECKED_RECORD(trial, isTrace, kError, "n=%d u=%llu s=%s %5.2f|", values.negative(), values.big(), "word",
@@ -390,6 +391,13 @@ void logAll(Trial& trial, bool isTrace)
         errnoHeld = EXDEV;
         lookForText(trial, isTrace, kOnThread); // what is kept may be the thread's, and end with it
     }).join();
+}
+
+// The end is the daemon's: a moment later, by quick_exit.
+void logAll(Trial& trial, bool isTrace)
+{
+    const Values values{trial.options().token};
+    logAndLook(trial, isTrace, values);
     for (int priority = kDebug; priority <= kError; ++priority) {
         CHECKED_RECORD(trial, isTrace, priority, "early, priority %d, %u.", priority, values.token);
     }

@@ -246,6 +246,22 @@ void judgeContent(const Machine& machine, const Job& job, Report& report)
     }
 }
 
+// How it came about, and what it has left on the hardware.
+void judgeWork(const Session& session, const Machine& machine, const Job& job, Report& report)
+{
+    judgeProgress(session, report);
+    judgeDuration(session, job, report);
+    judgeContent(machine, job, report);
+    judgeFlushes(session.writes, machine, report);
+    report.measured.faults = faultPlacesOf(session.writes);
+    if (!session.mappedFlushes.empty()) {
+        report.measured.faults.isMapped = true;
+        report.notes.emplace_back(
+            "The hardware is written through mapped memory, and such stores cannot be watched: the power was "
+            "cut only at flushes and other calls, with a part of what had been stored before each.");
+    }
+}
+
 // In the process that has updated, and after a new start.
 void judgeVersions(Supervisor& supervisor, const Session& session, const Session& again, Report& report)
 {
@@ -300,17 +316,7 @@ GoodUpdate updateOnce(Supervisor& supervisor, const Answers& answers, Report& re
     if (report.has(FindingId::ImageNotWritten)) {
         return update; // the rest would only follow from it
     }
-    judgeProgress(session, report);
-    judgeDuration(session, job, report);
-    judgeContent(machine, job, report);
-    judgeFlushes(session.writes, machine, report);
-    report.measured.faults = faultPlacesOf(session.writes);
-    if (!session.mappedFlushes.empty()) {
-        report.measured.faults.isMapped = true;
-        report.notes.emplace_back(
-            "The hardware is written through mapped memory, and such stores cannot be watched: the power was "
-            "cut only at flushes and other calls, with a part of what had been stored before each.");
-    }
+    judgeWork(session, machine, job, report);
     const bool isVersionTold = !answers.version.empty() && !report.has(FindingId::ChangingAnswer);
     if (isVersionTold) {
         judgeNotes(supervisor, machine, session.told["version"].asString(), report);
