@@ -11,6 +11,7 @@ namespace platformcheck
 {
 
 enum class FindingId : unsigned int {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): an enumerator takes none
 #define FINDING(number, name, severity, source, rule, title, cause, cure) name = number,
 #include "platform/check/findings.inc"
 #undef FINDING

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "common/process/process-state.h"
+#include "common/process/program.h"
 
 namespace platformcheck
 {
@@ -42,11 +43,7 @@ constexpr const char* kOfSessions[] = {"HOME",
 
 [[noreturn]] void execute(const std::vector<std::string>& arguments, const std::filesystem::path& preload)
 {
-    std::vector<char*> words;
-    for (const std::string& argument : arguments) {
-        words.push_back(const_cast<char*>(argument.c_str()));
-    }
-    words.push_back(nullptr);
+    const std::vector<char*> words = common::argumentsOf(arguments);
     if (!preload.empty()) {
         const char* const others = std::getenv("LD_PRELOAD");
         setenv("LD_PRELOAD",
@@ -92,7 +89,7 @@ double TrialRun::seconds() const
 
 void TrialRun::takeOutput()
 {
-    constexpr std::size_t kMost = 64 * 1024;
+    constexpr std::size_t kMost = 64UL * 1024;
     std::array<char, 4096> chunk{};
     for (ssize_t count = 0; (count = read(process_.output(), chunk.data(), chunk.size())) > 0;) {
         ending_.output.append(chunk.data(), static_cast<std::size_t>(count));

@@ -69,7 +69,7 @@ std::string propertyText(Trial& trial, int key)
     if (trial.call("sysprop_get_value_string", [&] { return sysprop_get_value_string(key, &value); }) != 0) {
         return "refused";
     }
-    const std::string text = value == nullptr ? "" : value;
+    std::string text = value == nullptr ? "" : value;
     trial.call("free() of a text of sysprop_get_value_string", [value] { std::free(value); });
     return text;
 }
@@ -326,8 +326,9 @@ void traceLogOnce(Trial& trial)
 {
     const int priority = nextPriority();
     const std::string& text = nextText();
-    trial.call("TraceLogger::record",
-               [&] { TraceLogger::record(priority, kFile, __func__, __LINE__, "%s: %d", text.c_str(), 7); });
+    trial.call("TraceLogger::record", [&] {
+        TraceLogger::record(priority, kFile, "traceLogOnce", __LINE__, "%s: %d", text.c_str(), 7);
+    });
 }
 
 } // namespace platformcheck

@@ -47,7 +47,7 @@ void noteCrash(int signal, siginfo_t* information, void*)
 
 void catchCrashes(TrialPage& page)
 {
-    static std::array<char, 64 * 1024> stack;
+    static std::array<char, 64UL * 1024> stack;
     const stack_t other = {stack.data(), 0, stack.size()};
     sigaltstack(&other, nullptr);
     pageOfCrash = &page;

@@ -140,7 +140,7 @@ void letGo(Trial& trial, const std::vector<std::string>& devices)
     for (const std::string& device : devices) {
         const common::UniqueFd opened(open(device.c_str(), O_RDONLY | O_CLOEXEC));
         if (opened.get() < 0 || ioctl(opened.get(), LOOP_CLR_FD, 0) != 0) {
-            trial.note(device + " stays taken: losetup -d " + device);
+            trial.note("a loop device stays taken: losetup -d " + device);
         }
     }
 }
@@ -464,7 +464,7 @@ void tryRefused(Trial& trial)
 {
     const std::string sample =
         trial.options().image.empty() ? "" : common::readWhole(trial.options().image).substr(0, 4096);
-    const Garbage garbage(trial, "empPlatformCheckX", std::string(64 * 1024, 'x'));
+    const Garbage garbage(trial, "empPlatformCheckX", std::string(64UL * 1024, 'x'));
     const Garbage empty(trial, "empPlatformCheckY", "");
     const Garbage head(trial, "empPlatformCheckZ", sample.substr(0, 64) + std::string(8192, '\0'));
     const fs::path& image = trial.options().image.empty() ? garbage.path() : trial.options().image;

@@ -395,6 +395,7 @@ void runTogether(Trial& trial, const std::vector<Worker>& all, int roundsOfEach 
     std::atomic<int> rounds{0};
     std::atomic<bool> isOver{false};
     std::vector<std::thread> threads;
+    threads.reserve(workers.size());
     for (const Worker& worker : workers) {
         threads.emplace_back([&trial, &worker, &rounds, &isOver] {
             while (!isOver) {

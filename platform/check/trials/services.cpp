@@ -405,8 +405,10 @@ void tryVersion(Trial& trial)
 {
     char* first = nullptr;
     const int result = property(trial, kVersionKey, first);
-    if (!trial.require(result == 0 && first != nullptr, FindingId::NoVersion,
-                       first == nullptr && result == 0 ? "there is no text" : "key 128" + resultIs(result))) {
+    const bool isTold =
+        trial.require(result == 0 && first != nullptr, FindingId::NoVersion,
+                      first == nullptr && result == 0 ? "there is no text" : "key 128" + resultIs(result));
+    if (!isTold || first == nullptr) {
         return;
     }
     const std::string text = first;

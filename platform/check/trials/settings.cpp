@@ -443,6 +443,7 @@ void trySimilarKeys(Trial& trial)
 {
     std::vector<std::string> names = similarKeys(kStatus);
     std::vector<bool> isSubscribed;
+    isSubscribed.reserve(names.size());
     for (std::string& name : names) {
         isSubscribed.push_back(begin(trial, name.c_str(), onChanged<'S'>, &name) == 0);
     }
@@ -707,13 +708,13 @@ void tryCallsInside(Trial& trial)
 
 // Three that listen; at the first change one of them ends another.
 struct Ending {
-    char ender;
-    char ended;
     const char* key; // of the one that is ended
     const char* what;
-    pralis_key_changed_cb callback = nullptr;
+    char ender;
+    char ended;
     bool isDone = false;
     bool isToldAfter = false;
+    pralis_key_changed_cb callback = nullptr;
 };
 
 Ending ending;
@@ -784,11 +785,11 @@ void tryEndingAnother(Trial& trial, const Ending& one)
 
 void tryEndingOthers(Trial& trial)
 {
-    const Ending all[] = {{'F', 'G', kStatus, "the next one of its key"},
-                          {'F', 'H', kStatus, "the last one of its key"},
-                          {'G', 'F', kStatus, "the one before it of its key"},
-                          {'H', 'G', kStatus, "the one before it of its key"},
-                          {'F', 'G', kProgress, "one of another key"}};
+    const Ending all[] = {{kStatus, "the next one of its key", 'F', 'G'},
+                          {kStatus, "the last one of its key", 'F', 'H'},
+                          {kStatus, "the one before it of its key", 'G', 'F'},
+                          {kStatus, "the one before it of its key", 'H', 'G'},
+                          {kProgress, "one of another key", 'F', 'G'}};
     for (const Ending& one : all) {
         tryEndingAnother(trial, one);
     }

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "common/files/unique-fd.h"
+#include "common/process/program.h"
 
 // By the C library's own header these are an enumeration of it, and the kernel's is not to be included with
 // it.
@@ -174,11 +175,7 @@ void lookFor(platformcheck::Traced& traced, pid_t process, const std::vector<std
 
 pid_t startTraced(const std::vector<std::string>& arguments)
 {
-    std::vector<char*> words;
-    for (const std::string& argument : arguments) {
-        words.push_back(const_cast<char*>(argument.c_str()));
-    }
-    words.push_back(nullptr);
+    const std::vector<char*> words = common::argumentsOf(arguments);
     const pid_t process = fork();
     if (process == 0) {
         if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0) {

@@ -13,6 +13,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/process/program.h"
+
 namespace platformcheck
 {
 
@@ -67,16 +69,6 @@ std::string inSeconds(std::chrono::nanoseconds time)
     char text[32];
     std::snprintf(text, sizeof text, "%.2f s", std::chrono::duration<double>(time).count());
     return text;
-}
-
-std::vector<char*> pointersTo(std::vector<std::string>& words)
-{
-    std::vector<char*> pointers;
-    for (std::string& word : words) {
-        pointers.push_back(word.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
 }
 
 // What a login has and a service has not. Each directory is one that can be written.
@@ -257,8 +249,8 @@ void Trial::runBeside(const char* name, Loop loop, Environment environment)
         variables.insert(variables.end(), added.begin(), added.end());
     }
     pid_t process = 0;
-    if (posix_spawn(&process, program.c_str(), nullptr, nullptr, pointersTo(words).data(),
-                    pointersTo(variables).data()) != 0) {
+    if (posix_spawn(&process, program.c_str(), nullptr, nullptr, common::argumentsOf(words).data(),
+                    common::argumentsOf(variables).data()) != 0) {
         return;
     }
     int status = 0;

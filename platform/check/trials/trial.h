@@ -187,6 +187,7 @@ template <typename T>
 class Place
 {
 public:
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): a place for a pointer, too
     explicit Place(const char* name, T value = T{}) : memory_(name, sizeof(T)) { *get() = value; }
     T* get() { return memory_.as<T>(); }
     T operator*() { return *get(); }
