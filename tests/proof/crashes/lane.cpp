@@ -274,6 +274,7 @@ void Lane::recover()
             tv.switchOff();
             return;
         }
+        waitForDelivery(); // which on a busy machine takes longer than the daemon's check
         tv.switchOff();
     }
     breach("offered", "two boots later the chip has not got version 1.1");
