@@ -91,7 +91,7 @@ void watchUnfinished(const fs::path& unfinished)
     if (unfinished.string().size() >= sizeof unfinishedName) {
         return; // the file system will refuse the name
     }
-    std::strcpy(unfinishedName, unfinished.c_str());
+    std::memcpy(unfinishedName, unfinished.c_str(), unfinished.string().size() + 1);
     isUnfinished = 1;
     watchInterruptions();
 }
@@ -132,7 +132,7 @@ void requireDirectory(const fs::path& path, const char* option)
 
 void requireRoomForSet(const fs::path& directory)
 {
-    constexpr std::uintmax_t kMegabyte = 1024 * 1024;
+    constexpr std::uintmax_t kMegabyte = 1024UL * 1024;
     constexpr std::uintmax_t kNeeded = 64 * kMegabyte;
     std::error_code unknown;
     const fs::space_info room = fs::space(directory, unknown);

@@ -46,7 +46,8 @@ public:
         common::InterruptionWatch::check();
         done_ += count;
         if (line_.isDrawn() && size_ > 0 && std::chrono::steady_clock::now() >= begin_) {
-            line_.show(name_, static_cast<unsigned int>(static_cast<double>(done_) * 100 / size_));
+            line_.show(name_, static_cast<unsigned int>(static_cast<double>(done_) * 100 /
+                                                        static_cast<double>(size_)));
         }
     }
 

@@ -12,7 +12,7 @@ namespace fwctl
 
 namespace
 {
-constexpr std::streamoff kRead = 4 * 1024 * 1024; // of its end: far more than one update's messages
+constexpr std::streamoff kRead = 4L * 1024 * 1024; // of its end: far more than one update's messages
 
 // The name of the firmware whose update is announced, else empty.
 std::string updateAnnouncedIn(const std::string& message)

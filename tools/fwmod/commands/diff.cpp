@@ -165,7 +165,8 @@ void compareSets(const std::string& what, const std::set<std::string>& a, const 
     std::set<std::string> all = a;
     all.insert(b.begin(), b.end());
     for (const std::string& thing : all) {
-        addPresence(what + " " + thing, a.count(thing) != 0, b.count(thing) != 0, differences);
+        std::string name = what;
+        addPresence(name.append(" ").append(thing), a.count(thing) != 0, b.count(thing) != 0, differences);
     }
 }
 

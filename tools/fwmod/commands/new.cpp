@@ -146,7 +146,7 @@ constexpr const char* kTemplateFiles[] = {
 // In the build tree as when it is installed.
 fs::path templateDirectory()
 {
-    const fs::path found = common::directoryOfThisProgram().parent_path() / "share/tarnwick/template";
+    fs::path found = common::directoryOfThisProgram().parent_path() / "share/tarnwick/template";
     if (!fs::is_directory(found)) {
         failForKit("the template is not in " + found.string());
     }

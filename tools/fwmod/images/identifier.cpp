@@ -28,7 +28,7 @@ std::string firmwareName(const std::string& identifier, const std::string& sourc
         throw common::WrongUse(source + " " + identifier +
                                ": it must contain \"emp\" in lower case, as in empTuner");
     }
-    const std::string name = std::string(identifier).erase(at, 3);
+    std::string name = std::string(identifier).erase(at, 3);
     if (name.empty()) {
         throw common::WrongUse(source +
                                " emp: nothing is left to name the firmware; use something like empTuner");

@@ -77,7 +77,7 @@ Meaning meaningOfExpectedTime(const Json::Value* value)
         return {FindingKind::Warning,
                 "absent: the daemon takes 300 seconds; measure the update and add a margin"};
     }
-    const Meaning meaning = meaningOfNumber(*value, "seconds; the update is given two more");
+    Meaning meaning = meaningOfNumber(*value, "seconds; the update is given two more");
     if (value->asUInt() == 0) {
         return {FindingKind::Warning, "0 seconds: the update is given only two; measure it and add a margin"};
     }

@@ -303,7 +303,8 @@ void inspectPackage(const InspectionRequest& request, Inspection& result)
         if (std::find(names.begin(), names.end(), "/" + needed) != names.end()) {
             continue;
         }
-        result.problems.push_back(needed + " is not in the package of " + identifier);
+        std::string problem = needed;
+        result.problems.push_back(problem.append(" is not in the package of ").append(identifier));
         isComplete = false;
     }
     if (isComplete) {

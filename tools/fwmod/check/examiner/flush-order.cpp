@@ -258,6 +258,7 @@ std::vector<std::filesystem::path> unflushedNames(const Writes& writes)
         }
     }
     std::vector<std::filesystem::path> names;
+    names.reserve(open.size());
     for (const SeenWrite& write : open) {
         names.emplace_back(write.path);
     }

@@ -350,6 +350,7 @@ std::vector<SeenWrite> carriedBlocks(const Writes& writes, const SeenWrite& last
         }
     }
     std::vector<SeenWrite> blocks;
+    blocks.reserve(byFile.size());
     for (const auto& [path, block] : byFile) {
         blocks.push_back(block);
     }

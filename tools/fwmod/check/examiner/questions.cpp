@@ -291,7 +291,9 @@ void askAboutLongNonsense(Worker& worker, const std::string& numbers)
     constexpr std::size_t kLengths[] = {33, 70, 130, 260, 1000};
     for (const std::size_t length : kLengths) {
         const std::string zeros(length - std::min(length, numbers.size() + 1), '0');
-        for (const std::string& text : {numbers + "." + zeros, zeros + numbers}) {
+        std::string longer = numbers;
+        longer.append(".").append(zeros);
+        for (const std::string& text : {longer, zeros + numbers}) {
             const auto sound = worker.checkVersion(text);
             const auto verdict = sound && sound->result == 0 ? worker.checkVersion(text + "x")
                                                              : std::optional<Worker::Verdict>();
@@ -342,9 +344,11 @@ void askAboutNonsense(Worker& worker, const std::string& installed)
         return; // each of them would end a session
     }
     const std::string many(5000, '9');
+    std::string two = many;
+    two.append(".").append(many);
     for (const std::string& odd :
-         {many, many + "." + many, std::string("1."), std::string("."), std::string("1..1"),
-          std::string("-1.0"), std::string("%s%s%n%n"), std::string("\x80\xff."),
+         {many, two, std::string("1."), std::string("."), std::string("1..1"), std::string("-1.0"),
+          std::string("%s%s%n%n"), std::string("\x80\xff."),
           std::string("1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1.1"), std::string(64, 'v')}) {
         worker.checkVersion(odd); // may be a version; to be survived
     }
