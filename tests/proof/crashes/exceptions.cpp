@@ -8,10 +8,7 @@ namespace proof
 const std::vector<CrashException>& crashExceptions()
 {
     static const std::vector<CrashException> all = {
-        {"exit", "error while loading shared libraries",
-         "the loader did not get what it needs, and says so: there was no daemon yet"},
-        {"exit", "Fatal glibc error: cannot allocate memory for find-object data",
-         "nor did the C library, as the loader started it"},
+        {"exit", " before its first line: ", "the loader did not get what it needs: there was no daemon yet"},
         {"exit", "of which it had no event",
          "a daemon that did not get on the bus, or whose connection broke, hears of no power: it ends with its set"},
         {"exit", "GLib-ERROR",

@@ -30,6 +30,7 @@ constexpr const char* kWatchedDaemon = WATCHED_DAEMON;
 using common::places::kLogFile;
 using common::places::kPackages;
 constexpr const char* kPending = "need update item, wait ui or bg fw update";
+constexpr const char* kFirstLine = "start work (";
 
 // An update of some blocks then takes milliseconds, and the time-outs of the daemon are seconds of this
 // machine still.
@@ -332,7 +333,8 @@ void Lane::judgeFailing()
     }
     const tarnwick::End end = *tv.daemonEnd();
     if (end.status != 0) {
-        breach("exit", "the daemon ended with " + textOf(end) + ": " + tv.daemonOutput());
+        const char* const when = said(kFirstLine) ? ": " : " before its first line: ";
+        breach("exit", "the daemon ended with " + textOf(end) + when + tv.daemonOutput());
         return;
     }
     const LeftOver left = leftOverIn(tv);
