@@ -8,21 +8,16 @@ namespace common
 
 MemoryFile::MemoryFile() : descriptor_(memfd_create("tarnwick", MFD_CLOEXEC)) {}
 
-MemoryFile::~MemoryFile()
-{
-    close(descriptor_);
-}
-
 std::string MemoryFile::path() const
 {
-    return "/proc/self/fd/" + std::to_string(descriptor_);
+    return "/proc/self/fd/" + std::to_string(descriptor_.get());
 }
 
 bool MemoryFile::append(const char* bytes, std::size_t count) const
 {
     constexpr off_t kLimit = 2 << 20; // the daemon takes half of it
-    return lseek(descriptor_, 0, SEEK_CUR) < kLimit &&
-           write(descriptor_, bytes, count) == static_cast<ssize_t>(count);
+    return lseek(descriptor_.get(), 0, SEEK_CUR) < kLimit &&
+           write(descriptor_.get(), bytes, count) == static_cast<ssize_t>(count);
 }
 
 } // namespace common

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <string>
 
+#include "common/files/unique-fd.h"
+
 namespace common
 {
 
@@ -12,16 +14,13 @@ class MemoryFile
 {
 public:
     MemoryFile();
-    ~MemoryFile();
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
 
     std::string path() const; // as long as the object lives, in this process
     // False when it is longer than any information file that the daemon would read, or there is no room.
     bool append(const char* bytes, std::size_t count) const;
 
 private:
-    int descriptor_;
+    UniqueFd descriptor_;
 };
 
 } // namespace common

@@ -55,22 +55,14 @@ RegularFile::RegularFile(const std::string& path)
     if (!problem_.empty()) {
         return;
     }
-    descriptor_ = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (descriptor_ < 0) {
+    descriptor_.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!descriptor_) {
         problem_ = std::string("cannot be opened: ") + std::strerror(errno);
         return;
     }
-    problem_ = fstat(descriptor_, &status) == 0 ? problemOf(status.st_mode) : std::strerror(errno);
+    problem_ = fstat(descriptor_.get(), &status) == 0 ? problemOf(status.st_mode) : std::strerror(errno);
     if (!problem_.empty()) { // it was exchanged in between
-        close(descriptor_);
-        descriptor_ = -1;
-    }
-}
-
-RegularFile::~RegularFile()
-{
-    if (descriptor_ >= 0) {
-        close(descriptor_);
+        descriptor_.reset();
     }
 }
 

@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "common/files/unique-fd.h"
+
 namespace common
 {
 
@@ -15,18 +17,15 @@ class RegularFile
 {
 public:
     explicit RegularFile(const std::string& path);
-    ~RegularFile();
-    RegularFile(const RegularFile&) = delete;
-    RegularFile& operator=(const RegularFile&) = delete;
 
-    int descriptor() const { return descriptor_; } // -1 when there is none
+    int descriptor() const { return descriptor_.get(); } // -1 when there is none
 
     // Why, to be put behind the path: "cannot be opened: No such file or directory", "is not a file but a
     // pipe".
     const std::string& problem() const { return problem_; }
 
 private:
-    int descriptor_ = -1;
+    UniqueFd descriptor_;
     std::string problem_;
 };
 

@@ -237,13 +237,13 @@ ContainedProcess::ContainedProcess(const std::function<void()>& work, Orphaned o
         Watcher(self, report.writing.get(), output.reading.get(), orphaned).run(work, output.writing.get());
     }
     const int reason = errno;
-    output_ = output.reading.release();
-    report_ = report.reading.release();
+    output_ = std::move(output.reading);
+    report_ = std::move(report.reading);
     if (watcher_ > 0) {
         report.writing.reset();
     }
     Start start{-1, reason};
-    if (watcher_ > 0 && read(report_, &start, sizeof start) != sizeof start) {
+    if (watcher_ > 0 && read(report_.get(), &start, sizeof start) != sizeof start) {
         start = {-1, ECHILD};
     }
     process_ = start.process;
@@ -264,10 +264,8 @@ ContainedProcess::~ContainedProcess()
 
 void ContainedProcess::letGo()
 {
-    close(output_);
-    if (report_ >= 0) {
-        close(report_);
-    }
+    output_.reset();
+    report_.reset();
     if (watcher_ > 0) {
         waitpid(watcher_, nullptr, 0);
     }
@@ -286,16 +284,15 @@ bool ContainedProcess::hear()
         woken_ = now;
         ::kill(watcher_, SIGCONT); // it heeds no signal, but a SIGSTOP it must
     }
-    pollfd news{report_, POLLIN, 0};
+    pollfd news{report_.get(), POLLIN, 0};
     if (poll(&news, 1, 0) <= 0) {
         return false;
     }
     End end;
-    if (read(report_, &end, sizeof end) == sizeof end) {
+    if (read(report_.get(), &end, sizeof end) == sizeof end) {
         end_ = end;
     }
-    close(report_);
-    report_ = -1;
+    report_.reset();
     waitpid(watcher_, nullptr, 0); // from here on the process is this one's own child, if it goes on
     watcher_ = -1;
     return end_.has_value();
@@ -303,11 +300,11 @@ bool ContainedProcess::hear()
 
 bool ContainedProcess::hasEnded()
 {
-    if (end_ || (report_ >= 0 && hear())) {
+    if (end_ || (report_ && hear())) {
         return true;
     }
     int status = 0;
-    if (report_ >= 0 || waitpid(process_, &status, WNOHANG) == 0) {
+    if (report_ || waitpid(process_, &status, WNOHANG) == 0) {
         return false;
     }
     ::kill(-process_, SIGKILL);
@@ -319,7 +316,7 @@ ContainedProcess::End ContainedProcess::wait()
 {
     constexpr int kPauseMs = 100;
     while (!hasEnded()) {
-        pollfd news{report_, POLLIN, 0};
+        pollfd news{report_.get(), POLLIN, 0};
         poll(&news, 1, kPauseMs);
     }
     return *end_;

@@ -18,6 +18,8 @@
 #include <optional>
 #include <sys/types.h>
 
+#include "common/files/unique-fd.h"
+
 namespace common
 {
 
@@ -43,10 +45,10 @@ public:
 
     // A pipe with what is printed to standard output and standard error, by all of them; not blocking. It has
     // to be read for as long as the process runs. There may be more when it has ended.
-    int output() const { return output_; }
+    int output() const { return output_.get(); }
 
     // For poll(), beside hasEnded(): readable, or -1, when that is to be asked.
-    int news() const { return report_; }
+    int news() const { return report_.get(); }
     // Whether the process has ended, and what it has left behind as well. To be asked now and then, also
     // without news.
     bool hasEnded();
@@ -62,8 +64,8 @@ private:
 
     pid_t watcher_ = -1;
     pid_t process_ = -1;
-    int output_ = -1;
-    int report_ = -1;                             // of the watcher
+    UniqueFd output_;
+    UniqueFd report_;                             // of the watcher
     std::chrono::steady_clock::time_point woken_; // the watcher, last
     std::optional<End> end_;
 };

@@ -234,19 +234,12 @@ std::size_t openDescriptors()
 
 ProcessorDelay::ProcessorDelay() : file_(open("/proc/thread-self/schedstat", O_RDONLY | O_CLOEXEC)) {}
 
-ProcessorDelay::~ProcessorDelay()
-{
-    if (file_ >= 0) {
-        close(file_);
-    }
-}
-
 std::chrono::nanoseconds ProcessorDelay::soFar() const
 {
     char text[128] = "";
     long long running = 0;
     long long waiting = 0;
-    if (file_ < 0 || pread(file_, text, sizeof text - 1, 0) <= 0 ||
+    if (!file_ || pread(file_.get(), text, sizeof text - 1, 0) <= 0 ||
         std::sscanf(text, "%lld %lld", &running, &waiting) != 2) {
         return 0ns;
     }

@@ -13,6 +13,8 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "common/files/unique-fd.h"
+
 namespace common
 {
 
@@ -62,13 +64,10 @@ class ProcessorDelay
 {
 public:
     ProcessorDelay();
-    ~ProcessorDelay();
-    ProcessorDelay(const ProcessorDelay&) = delete;
-    ProcessorDelay& operator=(const ProcessorDelay&) = delete;
     std::chrono::nanoseconds soFar() const; // on the thread that made it; 0 where the kernel does not say
 
 private:
-    int file_;
+    UniqueFd file_;
 };
 
 } // namespace common
