@@ -66,7 +66,7 @@ std::string takeLine(std::string& line, std::size_t column, std::size_t width)
     if (line.size() <= width || blank == std::string::npos || blank < column) {
         return std::exchange(line, "");
     }
-    const std::string taken = line.substr(0, blank);
+    std::string taken = line.substr(0, blank);
     line = std::string(column, ' ') + line.substr(blank + 1);
     return taken;
 }
@@ -88,7 +88,9 @@ std::string wrappedHelp(const std::string& help, std::size_t width)
         if (!rest.empty() && !isContinued) {
             all += std::exchange(rest, "") + "\n";
         }
-        line = rest.empty() ? line : std::exchange(rest, "") + " " + line;
+        if (!rest.empty()) {
+            line.insert(0, std::exchange(rest, "") + " ");
+        }
         const std::size_t column = line.size() > width ? columnIn(line) : 0;
         const bool isWrapped = line.size() > width && !isToBeTyped(column) && column < width * 2 / 3;
         while (isWrapped && line.size() > width) {
