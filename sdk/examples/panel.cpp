@@ -21,7 +21,7 @@ int setContext(const char*, int, char*)
 
 int getEMPID(char* out)
 {
-    std::strcpy(out, kIdentifier);
+    std::memcpy(out, kIdentifier, sizeof kIdentifier); // with its end
     return 0;
 }
 
