@@ -39,7 +39,7 @@ void startDaemon(bench::Sample& sample, const bench::Modules& modules)
 // The least that it starts with: there is nothing that it could update.
 std::string configurationOfUpdateService()
 {
-    const std::string file = "/var/tmp/bench-rauc.conf";
+    std::string file = "/var/tmp/bench-rauc.conf";
     std::ofstream(file) << "[system]\ncompatible=bench\nbootloader=noop\n";
     return file;
 }
