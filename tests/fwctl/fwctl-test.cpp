@@ -687,6 +687,25 @@ TEST_F(Fwctl, DoctorTellsWhatStandsInThePlaceOfTheTurn)
     }
 }
 
+// Of its length, and with its rights: one on which the C library ends a program, and one that was given back
+// a hundred million times.
+TEST_F(Fwctl, DoctorTellsASpoiltTurn)
+{
+    const std::string path = "/dev/shm/sem.SEM_UPDATE_CONTROL";
+    for (const std::string bytes : {R"(\377\376\300\200)", "INJECTED"}) {
+        const Outcome outcome = set.run("rm -f " + path + "; for i in 1 2 3 4 5 6 7 8; do printf '" + bytes +
+                                        "'; done | head -c 32 >" + path + "; stat -c '%s bytes' " + path +
+                                        "; chown fwupdate: " + path + "; chmod 600 " + path +
+                                        "; timeout 60 fwctl doctor --fix; echo \"doctor $?\"; "
+                                        "timeout 60 fwctl update tuner 2>&1; echo \"update $?\"");
+        EXPECT_THAT(outcome.out, HasSubstr("32 bytes\n"));
+        EXPECT_THAT(outcome.out, HasSubstr("✗ " + path + " is no semaphore: ")) << outcome.err;
+        EXPECT_THAT(outcome.out, HasSubstr("doctor 5\n"));
+        EXPECT_THAT(outcome.out, HasSubstr("fwctl: " + path + " is no semaphore: "));
+        EXPECT_THAT(outcome.out, HasSubstr("update 1\n"));
+    }
+}
+
 // Nobody can put a file into a package.
 TEST_F(Fwctl, APipeInAPackageIsNotToBeRemovedThere)
 {

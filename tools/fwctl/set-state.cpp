@@ -1,11 +1,13 @@
 #include "tools/fwctl/set-state.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
@@ -234,6 +236,45 @@ std::vector<pid_t> threadsWaitingOn(const fs::path& process, const Range& range)
 
 } // namespace
 
+namespace
+{
+
+// Nobody gives it back that often: a higher number is no semaphore's, or a spoilt one's.
+constexpr int kMostTurns = 1000;
+
+using Words = std::array<std::uint32_t, sizeof(sem_t) / sizeof(std::uint32_t)>;
+
+Words wordsOf(const void* semaphore)
+{
+    Words words{};
+    std::memcpy(words.data(), semaphore, sizeof words);
+    return words;
+}
+
+Words newSemaphore(unsigned int value)
+{
+    sem_t made{};
+    sem_init(&made, 1, value); // for several processes, as one with a name
+    return wordsOf(&made);
+}
+
+// Whether these bytes have what all such semaphores have in common: with others the C library's functions end
+// the process.
+bool isSemaphore(const void* memory)
+{
+    const Words one = newSemaphore(1);
+    const Words two = newSemaphore(2);
+    const Words there = wordsOf(memory);
+    for (std::size_t word = 0; word < there.size(); ++word) {
+        if (one[word] == two[word] && one[word] != 0 && there[word] != one[word]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
 SemaphoreState peekUpdateSemaphore()
 {
     SemaphoreState state;
@@ -253,7 +294,9 @@ SemaphoreState peekUpdateSemaphore()
     if (memory == MAP_FAILED) {
         return state;
     }
-    state.isReadable = sem_getvalue(static_cast<sem_t*>(memory), &state.value) == 0;
+    const bool isValued = sem_getvalue(static_cast<sem_t*>(memory), &state.value) == 0;
+    state.isForeign = !isValued || !isSemaphore(memory) || state.value < 0 || state.value > kMostTurns;
+    state.isReadable = !state.isForeign;
     munmap(memory, sizeof(sem_t));
     return state;
 }

@@ -44,7 +44,7 @@ struct SemaphoreUser {
 
 struct SemaphoreState {
     bool exists = false;
-    bool isForeign = false; // something else stands in its place: nobody can open it
+    bool isForeign = false; // something else stands in its place, or it is spoilt
     bool isReadable = false;
     int value = 0; // 0: an update has its turn
     uid_t owner = 0;

@@ -82,6 +82,9 @@ namespace
 void prepareUpdateSemaphore()
 {
     static sem_t own;
+    if (peekUpdateSemaphore().isForeign) {
+        refuseSemaphore();
+    }
     const Semaphore made(FWUpdateCommon::getInstance()->create_semaphore());
     if (!made || sem_init(&own, 0, 1) != 0) {
         refuseSemaphore();
