@@ -2,6 +2,7 @@
 #ifndef COMMON_TERMINAL_VISIBLE_TEXT_H
 #define COMMON_TERMINAL_VISIBLE_TEXT_H
 
+#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,10 @@ std::string inQuotes(std::string_view text);
 
 // The same without quotation marks, for the path of a file: of a very long one the beginning and the end.
 std::string shortened(std::string_view text);
+inline std::string shown(const std::filesystem::path& path)
+{
+    return shortened(path.string());
+}
 
 // A file's name as it can be pasted into a shell's line: quoted where that is needed.
 std::string inShell(std::string_view text);

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <unistd.h>
 
+#include "common/files/overwriting.h"
 #include "common/findings/findings-form.h"
 #include "common/json-text.h"
 #include "common/process/interruption.h"
@@ -166,6 +167,7 @@ int check(const Options& options)
         throw common::WrongUse(common::shortened(options.check.directory.string()) + " is no directory");
     }
     if (!options.junit.empty()) {
+        common::refuseOverwriting("--junit", options.junit, {options.check.image, options.check.preload});
         common::requireWritable(options.junit);
     }
     common::ProgressLine line;

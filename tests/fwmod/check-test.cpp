@@ -113,6 +113,61 @@ TEST_F(Check, JUnitReportHasACaseForEachError)
     EXPECT_EQ(outcome.out, "") << "it is told before the work";
 }
 
+TEST_F(Check, ReportIsWrittenOverNothingThatIsRead)
+{
+    const fs::path images = kExamples / "images/1.1";
+    fs::copy_file(kExamples / "tuner.so", directory / "tuner.so");
+    fs::copy_file(images / "empTuner.img", directory / "empTuner.img");
+    fs::copy(kHardware, directory / "hardware", fs::copy_options::recursive);
+    const std::map<std::string, std::string> refused = {
+        {"tuner.so", " would overwrite an input; choose another name\n"},
+        {"empTuner.img", " would overwrite an input; choose another name\n"},
+        {"hardware/tuner", " lies in hardware, whose files are read; choose another place\n"},
+        {"hardware/report.xml", " lies in hardware, whose files are read; choose another place\n"}};
+    for (const auto& [file, problem] : refused) {
+        const std::string before = common::readWhole(directory / file);
+        const Outcome outcome =
+            check({"tuner.so", "--package", "empTuner.img", "--hardware", "hardware", "--junit", file});
+        EXPECT_EQ(outcome.status, 2);
+        EXPECT_THAT(outcome.err, testing::StartsWith("fwmod: --junit " + file + problem));
+        EXPECT_EQ(common::readWhole(directory / file), before) << file;
+    }
+    EXPECT_FALSE(fs::exists(directory / "hardware/report.xml"));
+}
+
+// A hole takes no room in a package, and minutes to be unpacked.
+TEST_F(Check, APackageWithALongInformationFileIsRefusedBeforeItIsUnpacked)
+{
+    fs::create_directory(directory / "content");
+    writeBytes(directory / "content/Tuner.bin", "image");
+    writeBytes(directory / "content/info.json", "{}");
+    fs::resize_file(directory / "content/info.json", (std::uintmax_t{1} << 20) + 1);
+    const Outcome made =
+        runProgram({"mksquashfs", "content", "empTuner.img", "-quiet", "-no-progress"}, directory.path());
+    ASSERT_EQ(made.status, 0) << made.err;
+    const Outcome outcome = check({kExamples / "tuner.so", "--package", "empTuner.img"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "fwmod: the daemon would refuse the image:\n"
+                           "info.json in empTuner.img is longer than 1048576 bytes\n");
+}
+
+TEST_F(Check, NamesOfFilesCannotBeginALine)
+{
+    const std::string name = "x\nINJECTED\x1b[31m";
+    fs::copy_file(kExamples / "images/1.1/empTuner.img", directory / (name + ".img"));
+    fs::create_directory(directory / ("P" + name));
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{kExamples / "tuner.so", "--package", name + ".img"},
+          {kExamples / "panel.so", "--firmware", "P" + name},
+          {name},
+          {kExamples / "tuner.so", "--junit", name + "/report.xml"}}) {
+        const Outcome outcome = check(arguments);
+        EXPECT_NE(outcome.status, 0);
+        EXPECT_THAT(outcome.err + outcome.out,
+                    AllOf(HasSubstr("x\\nINJECTED"), Not(HasSubstr("\nINJECTED"))));
+    }
+}
+
 TEST_F(Check, DocumentIsTheListOfFindings)
 {
     const Outcome outcome = check({"--list-findings"});

@@ -34,7 +34,7 @@ namespace
 {
 [[noreturn]] void failOn(const fs::path& path, const std::string& action)
 {
-    throw common::Failure("cannot " + action + " " + path.string() + ": " + common::reasonOf(errno));
+    throw common::Failure("cannot " + action + " " + common::shown(path) + ": " + common::reasonOf(errno));
 }
 
 // mksquashfs takes its times from this variable as well, and then refuses those of its command line.
@@ -103,7 +103,7 @@ fs::file_status statusOf(const fs::path& path)
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
     if (status.type() != fs::file_type::not_found && error) {
-        throw common::Failure("cannot look at " + path.string() + ": " + error.message());
+        throw common::Failure("cannot look at " + common::shown(path) + ": " + error.message());
     }
     return status;
 }
@@ -111,11 +111,11 @@ fs::file_status statusOf(const fs::path& path)
 void requireReadable(const fs::path& path)
 {
     if (!fs::exists(statusOf(path))) {
-        throw common::Failure(path.string() + " does not exist: check the path");
+        throw common::Failure(common::shown(path) + " does not exist: check the path");
     }
     const std::string special = common::problemOfSpecialFile(path);
     if (!special.empty()) {
-        throw common::Failure(path.string() + " " + special + ": name the file itself");
+        throw common::Failure(common::shown(path) + " " + special + ": name the file itself");
     }
     if (!std::ifstream(path)) {
         failOn(path, "read");
@@ -125,7 +125,7 @@ void requireReadable(const fs::path& path)
 void requireDirectory(const fs::path& path, const char* option)
 {
     if (!path.empty() && !fs::is_directory(statusOf(path))) {
-        throw common::Failure(std::string(option) + " " + path.string() +
+        throw common::Failure(std::string(option) + " " + common::shown(path) +
                               " is not a directory: check the path");
     }
 }
@@ -138,7 +138,7 @@ void requireRoomForSet(const fs::path& directory)
     const fs::space_info room = fs::space(directory, unknown);
     if (!unknown && room.available < kNeeded) {
         throw common::Failure("a virtual set needs " + std::to_string(kNeeded / kMegabyte) + " MB in " +
-                              directory.parent_path().string() + ", where " +
+                              common::shown(directory.parent_path()) + ", where " +
                               std::to_string(room.available / kMegabyte) +
                               " MB are left: make room, or set TMPDIR to another directory");
     }
@@ -159,18 +159,18 @@ try {
         bytes += lstat(entry.path().c_str(), &status) == 0 ? std::int64_t{status.st_blocks} * 512 : 0;
         if (mostRead && entry.is_regular_file() && entry.file_size() > *mostRead) {
             throw common::Failure(
-                entry.path().string() + " is " + std::to_string(entry.file_size() >> 20) +
+                common::shown(entry.path()) + " is " + std::to_string(entry.file_size() >> 20) +
                 " MiB long, and is read again and again: " + std::to_string(*mostRead >> 20) +
                 " MiB are the most; give a shorter one, with what the module uses of it");
         }
         if (++entries > kMostEntries || bytes > kMostBytes) {
-            throw common::Failure(directory.string() + " holds more than " +
+            throw common::Failure(common::shown(directory) + " holds more than " +
                                   (entries > kMostEntries ? "10000 files" : "4 GiB") +
                                   ", too much to copy into a set: name the module's own directory");
         }
     }
 } catch (const fs::filesystem_error& error) {
-    throw common::Failure("cannot look through " + directory.string() + ": " + error.code().message());
+    throw common::Failure("cannot look through " + common::shown(directory) + ": " + error.code().message());
 }
 
 namespace
@@ -186,7 +186,7 @@ unsigned int checksumOf(const fs::path& path)
     for (ssize_t count = 1; count != 0;) {
         count = read(file.descriptor(), chunk.data(), chunk.size());
         if (count < 0 && errno != EINTR) {
-            throw common::Failure("cannot read all of " + path.string() + ": " + std::strerror(errno));
+            throw common::Failure("cannot read all of " + common::shown(path) + ": " + std::strerror(errno));
         }
         const auto length = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
         checksum = extendChecksum(checksum, chunk.data(), length);
@@ -209,14 +209,15 @@ NewFile::NewFile(fs::path target)
     // Renaming onto a device or a pipe would put a file in its place.
     const fs::file_status status = statusOf(target_);
     if (fs::exists(status) && !fs::is_regular_file(status)) {
-        throw common::Failure(target_.string() + " exists and is not a file: name the file to write");
+        throw common::Failure(common::shown(target_) + " exists and is not a file: name the file to write");
     }
     const fs::path directory = target_.has_parent_path() ? target_.parent_path() : ".";
     const fs::file_status parent = statusOf(directory);
     if (!fs::is_directory(parent)) {
-        throw common::Failure("cannot write " + target_.string() + ": " +
-                              (fs::exists(parent) ? directory.string() + " is not a directory"
-                                                  : "make the directory " + directory.string() + " first"));
+        throw common::Failure("cannot write " + common::shown(target_) + ": " +
+                              (fs::exists(parent)
+                                   ? common::shown(directory) + " is not a directory"
+                                   : "make the directory " + common::shown(directory) + " first"));
     }
     watchUnfinished(unfinished_);
     // Tried now: what writes it may be another program, which tells no name.
@@ -240,18 +241,8 @@ void NewFile::commit()
     std::error_code error;
     fs::rename(unfinished_, target_, error);
     if (error) {
-        throw common::Failure("cannot write " + target_.string() + ": " + common::reasonOf(error.value()));
-    }
-}
-
-void refuseOverwriting(const fs::path& output, const std::vector<fs::path>& inputs)
-{
-    std::error_code ignored; // a file that is not there yet is none of them
-    for (const fs::path& input : inputs) {
-        if (fs::equivalent(input, output, ignored)) {
-            throw common::WrongUse("-o " + output.string() +
-                                   " would overwrite an input; choose another name");
-        }
+        throw common::Failure("cannot write " + common::shown(target_) + ": " +
+                              common::reasonOf(error.value()));
     }
 }
 
@@ -355,9 +346,8 @@ ScratchDirectory::ScratchDirectory(const std::string& prefix)
     const fs::path directory = g_get_tmp_dir();
     std::string name = fs::absolute(directory / (prefix + "XXXXXX"));
     if (mkdtemp(name.data()) == nullptr) {
-        throw common::Failure("cannot make a directory for temporary files in " +
-                              common::shortened(directory.string()) + ": " + std::strerror(errno) +
-                              " (set TMPDIR to one that can be written)");
+        throw common::Failure("cannot make a directory for temporary files in " + common::shown(directory) +
+                              ": " + std::strerror(errno) + " (set TMPDIR to one that can be written)");
     }
     path_ = name;
     try {

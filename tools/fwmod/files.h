@@ -52,9 +52,6 @@ private:
     std::filesystem::path unfinished_;
 };
 
-// Throws WrongUse when `output` is one of the inputs; empty names are none.
-void refuseOverwriting(const std::filesystem::path& output, const std::vector<std::filesystem::path>& inputs);
-
 // A process that does nothing but wait until this one ends or the object does, and then removes the directory
 // `tree`, if one is named, and the NewFile that was begun before and not committed: a moment later, where
 // this one was killed. A signal that is not caught otherwise waits for it. One at a time, made while there is

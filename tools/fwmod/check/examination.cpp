@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "common/process/interruption.h"
+#include "common/terminal/visible-text.h"
 #include "include/tarnwick/television.h"
 #include "src/src/fw-update-symbol.h"
 #include "tools/fwmod/check/cut-survey.h"
@@ -147,7 +148,8 @@ InformationReport requireInformation(const fs::path& directory, const std::strin
 {
     for (const std::string& name : {std::string("info.json"), image}) {
         if (!fs::is_regular_file(directory / name)) {
-            throw common::Failure(name + " is not in " + origin.string() + ", where the daemon looks for it");
+            throw common::Failure(common::shortened(name) + " is not in " + common::shown(origin) +
+                                  ", where the daemon looks for it");
         }
     }
     InformationReport report = checkInformation(directory / "info.json", directory / image);
@@ -244,7 +246,7 @@ void Examination::checkNames(const std::string& identifier) const
     }
     if (!request_.firmware.empty() && fs::canonical(request_.firmware).filename() != firmware) {
         throw common::Failure("the library's identifier is " + identifier + ", so the daemon looks for " +
-                              firmware + "/" + firmware + ".bin: rename " + request_.firmware.string() +
+                              firmware + "/" + firmware + ".bin: rename " + common::shown(request_.firmware) +
                               " and its image");
     }
 }
@@ -272,7 +274,7 @@ void Examination::failOnExaminer() const
     text.erase(text.find_last_not_of('\n') + 1);
     throw common::Failure("the library could not be examined:" +
                           (text.empty() ? " vset ended without a word; is there room in memory and in " +
-                                              set_->set().parent_path().string() + "?"
+                                              common::shown(set_->set().parent_path()) + "?"
                                         : "\n" + text +
                                               "\nIf this names no cause: a library that ends processes other "
                                               "than its own ends the check, too"));

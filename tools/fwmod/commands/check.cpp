@@ -6,6 +6,7 @@
 #include <memory>
 #include <unistd.h>
 
+#include "common/files/overwriting.h"
 #include "common/findings/findings-form.h"
 #include "common/terminal/progress-line.h"
 #include "tools/fwmod/check/check-report.h"
@@ -60,6 +61,8 @@ int check(const CheckOptions& options)
     refuseTooMuchForSet(request.hardware, kLongestHardware);
 
     if (!options.junit.empty()) {
+        common::refuseOverwriting("--junit", options.junit, {request.library, request.package, request.other},
+                                  {request.firmware, request.hardware, request.other});
         common::requireWritable(options.junit);
     }
 

@@ -59,7 +59,7 @@ Source sourceOf(const fs::path& path)
     requireReadable(path);
     const auto file = std::make_shared<common::RegularFile>(path);
     if (file->descriptor() < 0) {
-        throw common::Failure(path.string() + " " + file->problem());
+        throw common::Failure(common::shown(path) + " " + file->problem());
     }
     const Source source = [file, path](char* buffer, std::size_t size) {
         ssize_t count = -1;
@@ -68,7 +68,7 @@ Source sourceOf(const fs::path& path)
             common::InterruptionWatch::check();
         } while (count < 0 && errno == EINTR);
         if (count < 0) {
-            throw common::Failure("cannot read all of " + path.string() + ": " + std::strerror(errno));
+            throw common::Failure("cannot read all of " + common::shown(path) + ": " + std::strerror(errno));
         }
         return static_cast<std::size_t>(count);
     };

@@ -3,6 +3,7 @@
 #include <glib.h>
 #include <memory>
 
+#include "common/files/overwriting.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/information.h"
@@ -42,7 +43,7 @@ int write(const InfoOptions& options)
         throw common::WrongUse(
             "--version is no UTF-8, which a JSON file consists of: keep to ASCII, as in 1.1");
     }
-    refuseOverwriting(options.output, {options.image});
+    common::refuseOverwriting("-o", options.output, {options.image});
     FWInformation values;
     values.version = options.version;
     values.crc = imageChecksum(options.image);

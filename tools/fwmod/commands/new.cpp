@@ -148,7 +148,7 @@ fs::path templateDirectory()
 {
     fs::path found = common::directoryOfThisProgram().parent_path() / "share/tarnwick/template";
     if (!fs::is_directory(found)) {
-        failForKit("the template is not in " + found.string());
+        failForKit("the template is not in " + common::shown(found));
     }
     return found;
 }
@@ -164,7 +164,7 @@ std::string readText(const fs::path& path)
     std::string problem;
     std::optional<std::string> text = common::readRegularFile(path, kMost, problem);
     if (!text) {
-        failForKit(path.string() + " " + problem);
+        failForKit(common::shown(path) + " " + problem);
     }
     return *std::move(text);
 }
@@ -185,7 +185,7 @@ void requireWhole(const fs::path& directory)
         }
     }
     if (!missing.empty()) {
-        failForKit("the template in " + directory.string() + " lacks " + common::joined(missing, ", "));
+        failForKit("the template in " + common::shown(directory) + " lacks " + common::joined(missing, ", "));
     }
 }
 
@@ -216,7 +216,7 @@ bool isEmpty(const fs::path& directory)
     std::error_code error;
     const bool isEmpty = fs::is_empty(directory, error);
     if (error) {
-        throw common::Failure("cannot look into " + directory.string() + ": " + error.message());
+        throw common::Failure("cannot look into " + common::shown(directory) + ": " + error.message());
     }
     return isEmpty;
 }
@@ -229,7 +229,7 @@ public:
     {
         const fs::file_status status = statusOf(path);
         if (fs::exists(status) && (!fs::is_directory(status) || !isEmpty(path))) {
-            throw common::Failure(path.string() +
+            throw common::Failure(common::shown(path) +
                                   " exists and is not an empty directory: choose another with -o");
         }
         sigset_t all;
@@ -264,8 +264,8 @@ private:
         makeDirectory(path.parent_path());
         std::error_code error;
         if (!fs::create_directory(path, error) && error) {
-            throw common::Failure("cannot make the directory " + path.string() + ": " + error.message() +
-                                  "; choose another with -o");
+            throw common::Failure("cannot make the directory " + common::shown(path) + ": " +
+                                  error.message() + "; choose another with -o");
         }
         made_.push_back(path);
     }

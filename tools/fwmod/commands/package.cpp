@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "common/files/file-copy.h"
+#include "common/files/overwriting.h"
 #include "common/files/package-image.h"
 #include "common/plain-words.h"
 #include "common/terminal/visible-text.h"
@@ -31,8 +32,8 @@ try {
     common::copyFile(from, to);
     fs::permissions(to, fs::perms(0644)); // not those of the maker's file: reproducible
 } catch (const fs::filesystem_error& error) {
-    throw common::Failure("cannot copy " + from.string() + " into " + to.parent_path().string() + ": " +
-                          error.code().message() + " (TMPDIR may name another directory)");
+    throw common::Failure("cannot copy " + common::shown(from) + " into " + common::shown(to.parent_path()) +
+                          ": " + error.code().message() + " (TMPDIR may name another directory)");
 }
 
 void refuseTooLargeImage(const fs::path& image)
@@ -40,7 +41,7 @@ void refuseTooLargeImage(const fs::path& image)
     constexpr std::uintmax_t kMost = common::PackageImage::kMostBytes;
     requireReadable(image);
     if (fs::file_size(image) > kMost) {
-        throw common::Failure(image.string() + " is too large: a package may hold " +
+        throw common::Failure(common::shown(image) + " is too large: a package may hold " +
                               std::to_string(kMost >> 30) + " GiB");
     }
 }
@@ -57,7 +58,7 @@ try {
     if (error == 0) {
         throw;
     }
-    throw common::Failure("cannot write " + output.string() + ": " + common::reasonOf(error));
+    throw common::Failure("cannot write " + common::shown(output) + ": " + common::reasonOf(error));
 }
 
 int package(const PackageOptions& options)
@@ -71,7 +72,7 @@ int package(const PackageOptions& options)
         text.pop_back(); // the last line's end
         throw common::Failure("the daemon would refuse the package:\n" + text);
     }
-    refuseOverwriting(output, {options.image, options.information});
+    common::refuseOverwriting("-o", output, {options.image, options.information});
 
     NewFile result(output); // before the directory, which sees to it when the program is killed
     const ScratchDirectory tree;

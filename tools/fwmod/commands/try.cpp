@@ -138,16 +138,16 @@ bool isExternal(const TryOptions& options)
 void checkLibrary(const TryOptions& options)
 {
     if (options.library.extension() != ".so") {
-        throw common::Failure("the daemon opens NAME.so only: rename " + options.library.string());
+        throw common::Failure("the daemon opens NAME.so only: rename " + common::shown(options.library));
     }
     const std::string problem = whyNotLoadable(options.library);
     if (!problem.empty()) {
-        throw common::Failure(options.library.string() + " cannot be loaded: " + problem);
+        throw common::Failure(common::shown(options.library) + " cannot be loaded: " + problem);
     }
     const ControlLibrary library = readControlLibrary(options.library);
     for (const EntryPointState& entry : library.entryPoints) {
         if (entry.required && !entry.exported) {
-            throw common::Failure(options.library.string() + " does not export " + entry.name +
+            throw common::Failure(common::shown(options.library) + " does not export " + entry.name +
                                   ", which the daemon requires (\"fwmod inspect\" lists the entry points)");
         }
     }
@@ -286,7 +286,7 @@ bool Trial::run()
 
 void Trial::say(const std::string& text)
 {
-    std::fprintf(story_, "%s\n", text.c_str());
+    std::fprintf(story_, "%s\n", common::visible(text).c_str());
     std::fflush(story_);
 }
 

@@ -14,6 +14,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/files/overwriting.h"
 #include "common/files/owned-file.h"
 #include "common/files/regular-file.h"
 #include "common/plain-words.h"
@@ -51,7 +52,7 @@ common::OwnedFile openFile(const fs::path& path, const char* mode)
 {
     common::OwnedFile file(std::fopen(path.c_str(), mode));
     if (!file) {
-        throw common::Failure("cannot open " + path.string() + ": " + std::strerror(errno));
+        throw common::Failure("cannot open " + common::shown(path) + ": " + std::strerror(errno));
     }
     return file;
 }
@@ -128,7 +129,7 @@ public:
         std::string problem;
         std::optional<std::string> text = common::readRegularFile(path, kLargest, problem);
         if (!text) {
-            throw common::Failure(path.string() + " " + problem + ": name the signing key's file");
+            throw common::Failure(common::shown(path) + " " + problem + ": name the signing key's file");
         }
         text_ = std::move(*text);
     }
@@ -157,17 +158,17 @@ signature::Key readSigningKey(const fs::path& path)
         std::raise(SIGINT);
     }
     if (!key && question.isAsked) {
-        throw common::Failure("the password of " + path.string() +
+        throw common::Failure("the password of " + common::shown(path) +
                               " is not right, or its key is damaged: try again (openssl pkey -in FILE "
                               "-noout asks for it, too)");
     }
     if (!key) {
-        throw common::Failure(path.string() +
+        throw common::Failure(common::shown(path) +
                               " holds no private key in PEM form that can be read: make one with "
                               "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:4096");
     }
     if (!signature::isSchemeKey(key.get())) {
-        throw common::Failure(path.string() + " is another kind of key: RSA with 4096 bits is needed");
+        throw common::Failure(common::shown(path) + " is another kind of key: RSA with 4096 bits is needed");
     }
     return key;
 }
@@ -183,7 +184,7 @@ void refuseTooLargePayload(const fs::path& payload)
 {
     const auto size = static_cast<std::int64_t>(fs::file_size(payload));
     if (size > usb::kLargestImage || imageSize(size) > usb::kLargestImage) {
-        throw common::Failure(payload.string() + " is too large: the image would have more than " +
+        throw common::Failure(common::shown(payload) + " is too large: the image would have more than " +
                               std::to_string(usb::kLargestImage) + " bytes, which the daemon cannot count");
     }
 }
@@ -254,7 +255,7 @@ void encrypt(const usb::VersionHeader& header, const fs::path& payload, EVP_CIPH
         plain.resize(std::fread(plain.data(), 1, plain.size(), in.get()));
     }
     if (std::ferror(in.get()) != 0) {
-        throw common::Failure("cannot read " + payload.string() + " to its end");
+        throw common::Failure("cannot read " + common::shown(payload) + " to its end");
     }
     if (EVP_CipherFinal_ex(cipher, secret.data(), &produced) != 1) {
         throw common::Failure("the cipher of OpenSSL cannot end");
@@ -266,8 +267,8 @@ int makeImage(const UsbOptions& options)
 {
     const usb::VersionHeader header = readHeader(options);
     const usb::Iv iv = chooseIv(options.iv);
-    refuseOverwriting(options.output,
-                      {options.payload, options.keyFile, options.signKey, options.headerFile});
+    common::refuseOverwriting("-o", options.output,
+                              {options.payload, options.keyFile, options.signKey, options.headerFile});
     requireReadable(options.payload);
     refuseTooLargePayload(options.payload);
     NewFile result(options.output);

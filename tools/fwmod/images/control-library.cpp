@@ -12,6 +12,7 @@
 
 #include "common/daemon/entry-points.h"
 #include "common/files/unique-fd.h"
+#include "common/terminal/visible-text.h"
 #include "src/src/fw-update-library.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
@@ -201,7 +202,7 @@ ControlLibrary readControlLibrary(const std::filesystem::path& file)
     GElf_Ehdr header;
     if (!elf || elf_kind(elf.get()) != ELF_K_ELF || gelf_getehdr(elf.get(), &header) == nullptr) {
         const int error = elf_errno(); // libelf says nothing of a file that ends within its header
-        throw Damaged(kLibraryKind, file.string() + " is a damaged library: " +
+        throw Damaged(kLibraryKind, common::shown(file) + " is a damaged library: " +
                                         (error == 0 ? kTooShort : elf_errmsg(error)));
     }
     const Exports exports = exportsOf(elf.get());

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <tarnwick/control.h>
 
+#include "common/terminal/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 
 namespace fwmod
@@ -16,7 +17,7 @@ bool isAsciiAlphanumeric(char c)
 std::string firmwareName(const std::string& identifier, const std::string& source)
 {
     if (!std::all_of(identifier.begin(), identifier.end(), isAsciiAlphanumeric)) {
-        throw common::WrongUse(source + " " + identifier +
+        throw common::WrongUse(source + " " + common::shortened(identifier) +
                                ": the daemon refuses anything but ASCII letters and digits");
     }
     if (identifier.size() >= TARNWICK_CONTROL_TEXT_SIZE) {
@@ -25,7 +26,7 @@ std::string firmwareName(const std::string& identifier, const std::string& sourc
     }
     const std::size_t at = identifier.find("emp");
     if (at == std::string::npos) {
-        throw common::WrongUse(source + " " + identifier +
+        throw common::WrongUse(source + " " + common::shortened(identifier) +
                                ": it must contain \"emp\" in lower case, as in empTuner");
     }
     std::string name = std::string(identifier).erase(at, 3);

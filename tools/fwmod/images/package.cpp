@@ -6,6 +6,9 @@
 #include <fstream>
 #include <numeric>
 
+#include "common/process/interruption.h"
+#include "common/terminal/visible-text.h"
+
 namespace fwmod
 {
 
@@ -20,7 +23,7 @@ auto reading(const fs::path& package, const Action& action)
     try {
         return action();
     } catch (const common::Failure& error) {
-        throw Damaged(kPackageKind, package.string() + " " + error.what() +
+        throw Damaged(kPackageKind, common::shown(package) + " " + error.what() +
                                         ": make it anew (fwmod package), or copy it again");
     }
 }
@@ -62,9 +65,22 @@ void requireRoom(const std::vector<Package::Entry>& entries, const fs::path& pac
     std::error_code unknown;
     const fs::space_info room = fs::space(directory, unknown);
     if (!unknown && room.available < needed) {
-        throw common::Failure(package.string() + " unpacks to " + std::to_string(needed >> 20) + " MB, and " +
-                              std::to_string(room.available >> 20) + " MB are left in " + directory.string() +
-                              ": make room, or set TMPDIR to another directory");
+        throw common::Failure(common::shown(package) + " unpacks to " + std::to_string(needed >> 20) +
+                              " MB, and " + std::to_string(room.available >> 20) + " MB are left in " +
+                              common::shown(directory) + ": make room, or set TMPDIR to another directory");
+    }
+}
+
+// So that it is not unpacked first, which may take minutes.
+void refuseLongInformation(const std::vector<Package::Entry>& entries, const fs::path& package)
+{
+    constexpr std::uint64_t kMost = 1 << 20; // the daemon takes no longer one
+    for (const Package::Entry& entry : entries) {
+        if (entry.path == "info.json" && entry.size > kMost) {
+            throw common::Failure("the daemon would refuse the image:\ninfo.json in " +
+                                  common::shown(package) + " is longer than " + std::to_string(kMost) +
+                                  " bytes");
+        }
     }
 }
 
@@ -75,6 +91,7 @@ void writeFile(const Package::Source& source, std::uint64_t size, const fs::path
     std::vector<char> chunk(65536);
     errno = 0;
     while (const std::size_t count = source(chunk.data(), chunk.size())) {
+        common::InterruptionWatch::check();
         const auto length = static_cast<std::ptrdiff_t>(count);
         const bool isHole = std::all_of(chunk.begin(), chunk.begin() + length, [](char c) { return c == 0; });
         if (isHole) {
@@ -89,7 +106,7 @@ void writeFile(const Package::Source& source, std::uint64_t size, const fs::path
         fs::resize_file(to, size, error); // a hole at the end
     }
     if (!out || error) {
-        throw common::Failure("cannot write " + to.string() + ": " + error.message());
+        throw common::Failure("cannot write " + common::shown(to) + ": " + error.message());
     }
 }
 
@@ -115,6 +132,7 @@ void unpackPackage(const fs::path& package, const fs::path& directory)
     Package opened(package);
     fs::create_directories(directory);
     requireRoom(opened.entries(), package, directory);
+    refuseLongInformation(opened.entries(), package);
     for (const Package::Entry& entry : opened.entries()) {
         unpack(opened, entry, directory / entry.path);
     }
