@@ -89,6 +89,7 @@ expect 1 "is off: switch it on with" wait_for ended --limit 0.2
 expect 1 "is no file of the set's own" wait_for file /etc/passwd --limit 0
 expect 2 "--limit" wait_for on --limit -1
 expect 2 "--limit" wait_for on --limit soon
+expect 1 "is not running" "$vset" usb "$set_"
 expect 2 "" wait_for
 expect 2 "" wait_for boot 0
 expect 2 "" wait_for boot
@@ -118,6 +119,9 @@ tell() { echo "$2" >"$set_/root/tmp/.new" && chmod 666 "$set_/root/tmp/.new" && 
 leader=$!
 started+=("$leader")
 expect 0 "" wait_for on
+expect 0 "no stick is in the USB slot" "$vset" usb "$set_"
+expect 0 "" "$vset" usb "$set_" insert stick
+expect 0 " 6  deep/Tuner.bin" "$vset" usb "$set_"
 expect 0 "" wait_for boot 1 --limit 0
 expect 1 "not within 0.1 s" wait_for boot 2 --limit 0.1
 expect 1 "Seen last: boot 1, its daemon runs" wait_for off --limit 0.1

@@ -41,7 +41,7 @@ constexpr Words kCommands[] = {
     {"console", "Show the address of a running set's page for the browser"},
     {"modules", "Ask the modules of a running set for their versions and progress"},
     {"ui", "Show the upgrade UI, click in it, or say what the next one does"},
-    {"usb", "Insert a directory of the PC as a USB stick, or remove it"},
+    {"usb", "Show the USB slot, insert a directory of the PC as a stick, or remove it"},
     {"mirroring", "Show or turn screen mirroring"},
     {"factory", "Show or turn the factory production switch"},
     {"pkgmgr", "Show or turn whether the package manager is ready"},

@@ -99,6 +99,28 @@ void definePackageManager(common::CommandLine& command)
 
 // ---- USB slot ----
 
+namespace
+{
+
+void printSlot(const std::string& set)
+{
+    const Json::Value slot = jsonOf(ControlClient::ofSet(set), "Snapshot")["usb"];
+    if (!slot["inserted"].asBool()) {
+        std::puts("no stick is in the USB slot");
+        return;
+    }
+    for (const Json::Value& file : slot["files"]) {
+        std::printf("%12s  %s\n", shown(file["size"]).c_str(), shown(file["name"]).c_str());
+    }
+    if (slot["files"].empty()) {
+        std::puts("the stick in the USB slot is empty");
+    } else if (slot["more"].asInt() > 0) {
+        std::printf("and %d more\n", slot["more"].asInt());
+    }
+}
+
+} // namespace
+
 void defineUsb(common::CommandLine& command)
 {
     struct Options {
@@ -113,8 +135,10 @@ void defineUsb(common::CommandLine& command)
     command.command("remove", "Pull the stick out").onRun([options] {
         SetContents(options->set).removeStick();
     });
+    command.onRun([options] { printSlot(options->set); });
     command.footer(
         "Examples:\n"
+        "  vset usb /tmp/tv                    the files of the stick in the slot\n"
         "  vset usb /tmp/tv insert ~/stick     its files appear in /opt/media/USBDriveA of the set\n"
         "  vset usb /tmp/tv remove");
 }
