@@ -1,10 +1,10 @@
 // Several faults of the questions and around them, each of another kind.
 // finds: F109 F213 F214 F215 F217 F220 F307 F310 F316 F404 F415 F427
 //
-// A helper is exported; setContext is slow for one caller, and fails without the chip, whose version is told then;
-// allUpdateDone chooses the environment's locale and fails without an update; a third number is not looked
-// at; the expected time is in milliseconds, the progress from 0 to 2; an image stays open until the next one;
-// an update's version is remembered. What is said on standard error must not wait.
+// A helper is exported; setContext is slow for one caller, and fails without the chip, whose version is told
+// then; allUpdateDone chooses the environment's locale and fails without an update; a third number is not
+// looked at; the expected time is in milliseconds, the progress from 0 to 2; an image stays open until the
+// next one; an update's version is remembered. What is said on standard error must not wait.
 #include <locale.h>
 #define OWN_setContext
 #define OWN_getActiveVersion
