@@ -286,7 +286,7 @@ bool Trial::run()
 
 void Trial::say(const std::string& text)
 {
-    std::fprintf(story_, "%s\n", common::visible(text).c_str());
+    std::fprintf(story_, "%s\n", text.c_str());
     std::fflush(story_);
 }
 
@@ -318,8 +318,8 @@ void Trial::makeSet()
 
 void Trial::fill()
 {
-    say("A virtual set for " + name_ + " alone, in " + set_->set().string() +
-        (options_.isKept ? "" : " until the end"));
+    say("A virtual set for " + common::visible(name_) + " alone, in " +
+        common::visible(set_->set().string()) + (options_.isKept ? "" : " until the end"));
     const bool isBuiltIn = !isExternal(options_) && options_.package.empty();
     set_->put(options_.library, isBuiltIn ? vset::inset::kSystemControls : vset::inset::kProductControls,
               name_ + ".so");
@@ -576,7 +576,7 @@ void Trial::showProgress()
     const int percent = set_->progress(name_).value_or(0);
     if (percent > shownProgress_) {
         shownProgress_ = percent;
-        say("              " + name_ + ": " + std::to_string(percent) +
+        say("              " + common::visible(name_) + ": " + std::to_string(percent) +
             " % written, says its control library");
     }
 }
@@ -666,7 +666,8 @@ void Trial::tryExternalModule()
     result_.before = examine()["installed"];
     set_->powerOff();
     chapter("A technician updates the module");
-    say("The daemon leaves external modules out: \"fwctl update " + name_ + "\" has the library do it.");
+    say("The daemon leaves external modules out: \"fwctl update " + common::visible(name_) +
+        "\" has the library do it.");
     try {
         updateDirectly(options_.powerCut);
         if (options_.powerCut && result_.write->verdict == "success") {
