@@ -293,9 +293,11 @@ void lookForText(Trial& trial, bool isTrace, Text text, std::size_t length = 20)
 void logFormats(Trial& trial, bool isTrace)
 {
     const unsigned int token = trial.options().token;
+    int ofAByte = 300; // of both the lowest bits are told
+    int ofAShort = 70000;
     CHECKED_RECORD(trial, isTrace, kError, "%+d|% d|%#o|%e|%g|%.1Lf|%hhd|%hd|%jd|%td|%-4d|%*s|%%, %u.", 5, 6,
-                   8U, 1.5, 0.25, 2.5L, 300, 70000, std::intmax_t{-9'000'000'000}, std::ptrdiff_t{4}, 7, 3,
-                   "w", token);
+                   8U, 1.5, 0.25, 2.5L, ofAByte, ofAShort, std::intmax_t{-9'000'000'000}, std::ptrdiff_t{4},
+                   7, 3, "w", token);
     CHECKED_RECORD(trial, isTrace, kError, "%d;" TEN_TIMES(TEN_TIMES(TEN_TIMES("fgh"))) ";%u, a long format.",
                    1, token);
     CHECKED_RECORD(trial, isTrace, kError, "twice %m|%m, %u.", token);
