@@ -8,7 +8,7 @@ namespace proof
 const std::vector<CrashException>& crashExceptions()
 {
     static const std::vector<CrashException> all = {
-        {"exit", " before its first line: ", "the loader did not get what it needs: there was no daemon yet"},
+        {"exit", " in its loader: ", "the loader did not get what it needs: there was no daemon yet"},
         {"exit", "of which it had no event",
          "a daemon that did not get on the bus, or whose connection broke, hears of no power: it ends with its set"},
         {"exit", "GLib-ERROR",

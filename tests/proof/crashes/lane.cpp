@@ -333,8 +333,11 @@ void Lane::judgeFailing()
     }
     const tarnwick::End end = *tv.daemonEnd();
     if (end.status != 0) {
-        const char* const when = said(kFirstLine) ? ": " : " before its first line: ";
-        breach("exit", "the daemon ended with " + textOf(end) + when + tv.daemonOutput());
+        // The loader says why with status 127; a signal with no word is the one of its own first page.
+        const bool isLoaders =
+            !said(kFirstLine) && (end.isBySignal ? tv.daemonOutput().empty() : end.status == 127);
+        breach("exit", "the daemon ended with " + textOf(end) + (isLoaders ? " in its loader: " : ": ") +
+                           tv.daemonOutput());
         return;
     }
     const LeftOver left = leftOverIn(tv);
