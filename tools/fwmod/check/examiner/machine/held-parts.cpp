@@ -31,15 +31,19 @@ public:
     {
         constexpr std::size_t kStep = 32;
         for (std::size_t at = 0; at + sizeof(std::uint64_t) <= image.size(); at += kStep) {
-            const std::string_view key = image.substr(at, sizeof(std::uint64_t));
-            if (key.find_first_not_of(key[0]) != std::string_view::npos) {
-                places_.emplace(number(key), at);
+            const std::uint64_t key = number(image.substr(at));
+            if (!isOneByte(key)) {
+                places_.emplace(key, at);
             }
         }
     }
     std::optional<std::size_t> find(std::string_view bytes) const
     {
-        const auto place = places_.find(number(bytes));
+        const std::uint64_t key = number(bytes);
+        if (isOneByte(key)) { // most of a chip, which is looked through byte by byte
+            return std::nullopt;
+        }
+        const auto place = places_.find(key);
         return place == places_.end() ? std::nullopt : std::optional(place->second);
     }
 
@@ -50,6 +54,7 @@ private:
         std::memcpy(&value, bytes.data(), sizeof value);
         return value;
     }
+    static bool isOneByte(std::uint64_t key) { return key == (key << 8U | key >> 56U); } // again and again
     std::unordered_map<std::uint64_t, std::size_t> places_;
 };
 
