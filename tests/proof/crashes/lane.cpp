@@ -38,7 +38,9 @@ constexpr double kFastClock = 50;
 // A tick of the state machine that comes before a thread has started repeats what it does: with an offer, the
 // ticks stay far apart.
 constexpr double kOfferClock = 5;
-constexpr double kPatience = 20; // seconds of this machine, for what comes at once unless it never comes
+constexpr double kLongestLock = 3600; // seconds on the set's clock
+constexpr int kReboot = 13;           // the daemon's state in which it asks for one
+constexpr double kPatience = 20;      // seconds of this machine, for what comes at once unless it never comes
 
 struct Hit {
 }; // out of any wait
@@ -297,6 +299,9 @@ void Lane::judgeFirmware(const char* when)
 
 void Lane::judgeKilled()
 {
+    if (hasAskedForReboot()) { // the set goes off, and all that was held in it is gone
+        return;
+    }
     LeftOver left = leftOverIn(tv);
     for (int look = 0; left.locks > 0 && look < 100; ++look) { // the platform hears of the end from the bus
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -311,6 +316,14 @@ void Lane::judgeKilled()
     }
 }
 
+bool Lane::hasAskedForReboot() const
+{
+    const std::vector<tarnwick::Message> messages = tv.messages();
+    return std::any_of(messages.begin(), messages.end(), [](const tarnwick::Message& message) {
+        return common::showsState(message.text, kReboot);
+    });
+}
+
 bool Lane::isSubscribed(const char* event) const
 {
     const Json::Value subscribers = vset::ControlClient::ofSet(tv.set()).snapshot()["subscribers"];
@@ -322,8 +335,9 @@ void Lane::judgeFailing()
 {
     if (!isAtRest()) {
         clockRate = 1; // the set leaves its programs a second to react
-        quicken();
         const bool isTold = isSubscribed("poweroff");
+        // The lock of a daemon that has lost the bus keeps the set on until its time is over.
+        quicken(isTold ? std::nullopt : std::optional(kLongestLock));
         tv.powerOff(); // what ends every service that hears of it
         if (!said("service finalize")) {
             breach("exit", std::string("the daemon has not ended, not even when the set was switched off") +

@@ -63,6 +63,7 @@ private:
 
     void judgeFirmware(const char* when);
     void judgeKilled();
+    bool hasAskedForReboot() const;
     bool isSubscribed(const char* event) const;
     void judgeFailing();
     void judgeEnd();
