@@ -277,6 +277,16 @@ bool PackageImage::contains(const std::string& name)
     return squashfs_->find(name) != nullptr;
 }
 
+std::uint64_t PackageImage::sizeOf(const std::string& name)
+{
+    const Inode inode = squashfs_->find(name);
+    sqfs_u64 size = 0;
+    if (inode) {
+        sqfs_inode_get_file_size(inode.get(), &size);
+    }
+    return size;
+}
+
 std::string PackageImage::problemOf(const std::string& name)
 {
     sqfs_inode_generic_t* found = nullptr;

@@ -51,6 +51,9 @@ public:
     // Whether the file is there. Here and below, `name` is a path from the top of the package.
     bool contains(const std::string& name);
 
+    // Of a file, unpacked, in bytes; 0 when there is no such file.
+    std::uint64_t sizeOf(const std::string& name);
+
     // Why what stands there under that name cannot be read as a file; empty for a file, a link, and nothing.
     std::string problemOf(const std::string& name);
 

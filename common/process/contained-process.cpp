@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "common/errors.h"
+#include "common/process/interruption.h"
 #include "common/process/pipe.h"
 #include "common/process/process-stat.h"
 
@@ -114,6 +115,7 @@ void replaceInput(int last)
 [[noreturn]] void runWork(const std::function<void()>& work, int output, ContainedProcess::Orphaned orphaned)
 {
     setpgid(0, 0);
+    InterruptionWatch::leave();
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     if (orphaned == ContainedProcess::Orphaned::kEnds) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);

@@ -35,7 +35,12 @@ InterruptionWatch::InterruptionWatch()
 
 InterruptionWatch::~InterruptionWatch()
 {
-    for (std::size_t index = 0; index < kInterruptions.size(); ++index) {
+    leave();
+}
+
+void InterruptionWatch::leave()
+{
+    for (std::size_t index = 0; isWatched && index < kInterruptions.size(); ++index) {
         sigaction(kInterruptions[index], &usual[index], nullptr);
     }
     isWatched = false;

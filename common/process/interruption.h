@@ -21,6 +21,7 @@ public:
     InterruptionWatch& operator=(const InterruptionWatch&) = delete;
 
     static bool isThere(); // one lives
+    static void leave();   // the signals do what they did before: in a child that inherits it
     static void check();   // throws Interrupted
     static int times();    // how often there was one: who asks again wants the end at once
 };

@@ -973,6 +973,25 @@ TEST_F(Fwctl, TheResultStandsOnALineOfItsOwnOnATerminalOfAnyWidth)
     }
 }
 
+TEST_F(Fwctl, LongReadingShowsHowFarItIsAndLeavesNothing)
+{
+    const std::string panel = "/usr/lib/firmware/ext/Panel";
+    const std::string makeLong = "cp " + panel + "/info.json /var; mount -t tmpfs none " + panel +
+                                 "; cp /var/info.json " + panel + "; truncate -s 8G " + panel +
+                                 "/Panel.bin; ";
+    const auto onTerminal = [](const std::string& command) {
+        return "script -qec 'timeout --foreground -s INT 4 fwctl " + command + "' /dev/null";
+    };
+    const std::string bar = "\rLooking at the modules [";
+    EXPECT_EQ(set.run(onTerminal("list")).out.find(bar), std::string::npos);
+    for (const char* command : {"list", "why panel", "doctor"}) {
+        const Outcome outcome = set.run(makeLong + onTerminal(command));
+        EXPECT_THAT(outcome.out, AllOf(HasSubstr(bar), testing::EndsWith("\r\033[K\n"))) << command;
+        EXPECT_THAT(outcome.out, ContainsRegex("([0-9]+) %.*[0-9]+ %")) << command;
+    }
+    EXPECT_EQ(set.run(makeLong + "timeout -s INT 3 fwctl list").err, "");
+}
+
 TEST_F(Fwctl, DoctorLeavesARunningUpdateAlone)
 {
     const Outcome outcome = set.run(

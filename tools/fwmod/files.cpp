@@ -20,10 +20,10 @@
 #include "common/plain-words.h"
 #include "common/process/pipe.h"
 #include "common/process/program.h"
+#include "common/terminal/reading-progress.h"
 #include "common/terminal/visible-text.h"
 #include "src/src/fw-update-checksum.h"
 #include "tools/fwmod/commands/command.h"
-#include "tools/fwmod/reading-progress.h"
 
 namespace fwmod
 {
@@ -180,7 +180,7 @@ namespace
 unsigned int checksumOf(const fs::path& path)
 {
     const common::RegularFile file(path);
-    ReadingProgress progress(path.filename(), fs::file_size(path));
+    common::ReadingProgress progress(path.filename(), fs::file_size(path));
     unsigned int checksum = 0;
     std::vector<unsigned char> chunk(std::size_t{1} << 18);
     for (ssize_t count = 1; count != 0;) {
@@ -200,7 +200,7 @@ unsigned int checksumOf(const fs::path& path)
 unsigned int imageChecksum(const fs::path& path)
 {
     requireReadable(path);
-    return readToTheEnd([&path] { return checksumOf(path); });
+    return common::readToTheEnd([&path] { return checksumOf(path); });
 }
 
 NewFile::NewFile(fs::path target)

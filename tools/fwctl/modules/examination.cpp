@@ -86,11 +86,12 @@ void tellPending(const FWUpdateSymbol& module, Telling& telling)
 void tellSources(FWUpdateSymbol& module, const std::string& mountProblem, Telling& telling)
 {
     Json::Value sources(Json::arrayValue);
+    const auto reached = [&](unsigned percent) { telling.reach(percent); };
     for (const ImageSource& source : kImageSources) {
         if (!source.checkedByDaemon) {
             continue;
         }
-        sources.append(replayCheck(module, source, mountProblem));
+        sources.append(replayCheck(module, source, mountProblem, reached));
         telling.put("sources", sources);
     }
     tellPending(module, telling);
@@ -98,7 +99,7 @@ void tellSources(FWUpdateSymbol& module, const std::string& mountProblem, Tellin
         if (source.checkedByDaemon || !isWorthTelling(module, source)) {
             continue;
         }
-        sources.append(replayCheck(module, source, mountProblem));
+        sources.append(replayCheck(module, source, mountProblem, reached));
         telling.put("sources", sources);
     }
 }

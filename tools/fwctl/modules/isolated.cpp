@@ -20,6 +20,7 @@
 
 #include "common/json-text.h"
 #include "common/process/pipe.h"
+#include "common/terminal/reading-progress.h"
 #include "tools/fwctl/commands/command.h"
 
 namespace fwctl
@@ -50,7 +51,8 @@ void copyText(char (&field)[size], const std::string& text)
 struct Telling::Shared {
     unsigned long long word = 0;       // see wordOf()
     std::atomic<bool> isCutOff{false}; // somebody has closed the pipe in the child
-    Slot slots[32];                    // calls at the same time; those beyond are not watched
+    std::atomic<std::size_t> reached{0};
+    Slot slots[32]; // calls at the same time; those beyond are not watched
     // What was put and not sent yet: to wake the parent for each would cost both more than most questions do.
     std::atomic<std::size_t> keptSize{0};
     char kept[std::size_t{64} * 1024] = {};
@@ -161,6 +163,17 @@ void Telling::put(const char* name, const Json::Value& value)
     shared_.keptSize += line.size();
 }
 
+void Telling::beginPiece(std::size_t index)
+{
+    shared_.reached = index * 100;
+}
+
+void Telling::reach(unsigned percent)
+{
+    const std::size_t piece = shared_.reached / 100 * 100;
+    shared_.reached = std::max<std::size_t>(shared_.reached, piece + std::min(percent, 99U));
+}
+
 void Telling::sendPut()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -256,6 +269,11 @@ Child::Child(const Work& work, Orphaned orphaned, LibrarySpeech::Listener onLine
     };
     process_ = std::make_unique<common::ContainedProcess>(inProcess, orphaned);
     pipe_ = std::move(pipe.reading);
+}
+
+std::size_t Child::reached() const
+{
+    return shared_->reached;
 }
 
 Child::~Child()
@@ -449,6 +467,7 @@ void runPiece(std::size_t index, const std::function<void(std::size_t, Telling&)
 {
     constexpr std::chrono::milliseconds kGrace{50};
     telling.put(kBegun, static_cast<Json::UInt64>(index));
+    telling.beginPiece(index);
     work(index, telling);
     if (const unsigned left = common::endLeftBehind(kGrace); left > 0) {
         telling.put(kLeftBehind, left);
@@ -469,13 +488,19 @@ Json::Value runIsolated(const Work& work, const LibrarySpeech::Listener& onLine)
     return runIsolatedAll(1, [&](std::size_t, Telling& telling) { work(telling); }, onLine).front();
 }
 
+namespace
+{
 // The piece that a child ended in is tried again in a new child, unless it was the first there: what ends it
 // may be another's doing. When somebody has killed the watcher, which takes a moment to show, each of the
 // pieces so far gets a child of its own.
-std::vector<Json::Value> runIsolatedAll(std::size_t count,
-                                        const std::function<void(std::size_t, Telling&)>& work,
-                                        const LibrarySpeech::Listener& onLine)
+std::vector<Json::Value> runAll(std::size_t count, const std::function<void(std::size_t, Telling&)>& work,
+                                const LibrarySpeech::Listener& onLine)
 {
+    common::ReadingProgress progress("Looking at the modules", count * 100);
+    const auto onLineAlone = [&](const std::string& line) {
+        progress.clear();
+        onLine(line);
+    };
     std::vector<Json::Value> told(count, Json::Value(Json::objectValue));
     std::size_t aloneUntil = 0;
     for (std::size_t first = 0; first < count;) {
@@ -488,7 +513,7 @@ std::vector<Json::Value> runIsolatedAll(std::size_t count,
                     runPiece(index, work, telling);
                 }
             },
-            Child::Orphaned::kEnds, onLine);
+            Child::Orphaned::kEnds, onLineAlone);
         const auto onPart = [&](const Json::Value& part) {
             if (part.isMember(kBegun)) { // of ours: see wordOf()
                 current = part[kBegun].asUInt64();
@@ -497,7 +522,7 @@ std::vector<Json::Value> runIsolatedAll(std::size_t count,
                 merge(told[current], part);
             }
         };
-        const std::string failure = child.wait(onPart, [] {});
+        const std::string failure = child.wait(onPart, [&] { progress.reach(child.reached()); });
         if (failure.empty()) {
             first = current + 1;
             continue;
@@ -517,6 +542,14 @@ std::vector<Json::Value> runIsolatedAll(std::size_t count,
         first = current + 1;
     }
     return told;
+}
+} // namespace
+
+std::vector<Json::Value> runIsolatedAll(std::size_t count,
+                                        const std::function<void(std::size_t, Telling&)>& work,
+                                        const LibrarySpeech::Listener& onLine)
+{
+    return common::readToTheEnd([&] { return runAll(count, work, onLine); });
 }
 
 } // namespace fwctl

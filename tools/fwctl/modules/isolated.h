@@ -42,6 +42,11 @@ public:
     void put(const char* name, const Json::Value& value);
     void sendPut();
 
+    // Which of many pieces of work this is, and how far in percent: what the parent shows while it waits.
+    // Less than before is passed over.
+    void beginPiece(std::size_t index);
+    void reach(unsigned percent);
+
     // A call into a library, for as long as it lives: the parent's report names it, and ends the child when
     // it takes longer than kCallLimit, unless it `writes` hardware. Every thread may.
     class Call
@@ -106,6 +111,7 @@ public:
     Child& operator=(const Child&) = delete;
 
     pid_t process() const { return process_->process(); }
+    std::size_t reached() const; // hundredths of its pieces of work
 
     // Hands what the child tells to `onPart`, each part an object with one member, until the child has ended;
     // calls `onPause` ten times a second. Gives what went wrong with it ("" for a child that did its work): a

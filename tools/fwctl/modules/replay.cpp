@@ -1,5 +1,7 @@
 #include "tools/fwctl/modules/replay.h"
 
+#include <algorithm>
+#include <array>
 #include <memory>
 #include <optional>
 #include <sys/stat.h>
@@ -57,21 +59,44 @@ public:
         reader(copy.path());
         return isComplete;
     }
-    // The daemon's checksum of the file. False when the package is damaged.
-    bool takeChecksum(FWUpdateSymbol& module, const std::string& name, unsigned int& checksum)
+    // The daemon's checksum of the file, of whose reading `reached` hears. False when the package is damaged.
+    bool takeChecksum(FWUpdateSymbol& module, const std::string& name, const Reached& reached,
+                      unsigned int& checksum)
     {
-        if (!package_) {
-            checksum = module.getBinaryCRC32(directory_ + name);
+        const common::RegularFile file(package_ ? "" : directory_ + name);
+        if (!package_ && file.descriptor() < 0) {
+            checksum = module.getBinaryCRC32(directory_ + name); // which says why
             return true;
         }
         checksum = 0;
-        return package_->read(name, [&](const char* bytes, std::size_t count) {
+        std::uint64_t done = 0;
+        const std::uint64_t size = package_ ? package_->sizeOf(name) : sizeOf(file);
+        const auto take = [&](const char* bytes, std::size_t count) {
             checksum = extendChecksum(checksum, reinterpret_cast<const unsigned char*>(bytes), count);
+            done += count;
+            reached(size > 0 ? static_cast<unsigned>(std::min(done, size) * 100 / size) : 0);
             return true;
-        });
+        };
+        return package_ ? package_->read(name, take) : readAll(file, take);
     }
 
 private:
+    static std::uint64_t sizeOf(const common::RegularFile& file)
+    {
+        struct stat status = {};
+        fstat(file.descriptor(), &status);
+        return static_cast<std::uint64_t>(status.st_size);
+    }
+    // In the daemon's pieces, and as it does up to what cannot be read.
+    static bool readAll(const common::RegularFile& file, const common::PackageImage::Taker& take)
+    {
+        std::array<char, 32768> chunk{};
+        for (ssize_t count = 0; (count = ::read(file.descriptor(), chunk.data(), chunk.size())) > 0;) {
+            take(chunk.data(), static_cast<std::size_t>(count));
+        }
+        return true;
+    }
+
     std::string directory_;
     std::unique_ptr<common::PackageImage> package_;
 };
@@ -145,9 +170,9 @@ std::string faultOf(const std::string& path)
 class Replay
 {
 public:
-    Replay(FWUpdateSymbol& module, const ImageSource& source, std::string mountProblem)
+    Replay(FWUpdateSymbol& module, const ImageSource& source, std::string mountProblem, Reached reached)
         : module_(module), source_(source), mountProblem_(std::move(mountProblem)),
-          imagePath_(module.getBinaryPath(source.type)),
+          reached_(std::move(reached)), imagePath_(module.getBinaryPath(source.type)),
           informationPath_(module.getInformationPath(source.type)), files_(directoryOf(informationPath_)),
           imageName_(module.firmwareName + ".bin")
     {
@@ -183,6 +208,7 @@ private:
     FWUpdateSymbol& module_;
     const ImageSource& source_;
     std::string mountProblem_;
+    Reached reached_;
     std::string imagePath_;
     std::string informationPath_;
     SourceFiles files_;
@@ -402,7 +428,7 @@ StepFinding Replay::screenMayOffer()
 StepFinding Replay::checksumMatches()
 {
     unsigned int checksum = 0;
-    const bool complete = files_.takeChecksum(module_, imageName_, checksum);
+    const bool complete = files_.takeChecksum(module_, imageName_, reached_, checksum);
     const std::string found = std::to_string(checksum);
     const std::string expected = std::to_string(module_.information.crc);
     if (!complete) {
@@ -448,14 +474,15 @@ std::string textOfOddVerdict(int verdict)
     return "the library answers " + std::to_string(verdict) + ", only 1 makes a module pending";
 }
 
-Json::Value replayCheck(FWUpdateSymbol& module, const ImageSource& source, const std::string& mountProblem)
+Json::Value replayCheck(FWUpdateSymbol& module, const ImageSource& source, const std::string& mountProblem,
+                        const Reached& reached)
 {
-    return Replay(module, source, mountProblem).run();
+    return Replay(module, source, mountProblem, reached).run();
 }
 
 std::string findSpecialFile(FWUpdateSymbol& module, const ImageSource& source)
 {
-    return Replay(module, source, "").findSpecialFile();
+    return Replay(module, source, "", {}).findSpecialFile();
 }
 
 } // namespace fwctl

@@ -12,11 +12,11 @@
 #include "common/json-text.h"
 #include "common/plain-words.h"
 #include "common/process/interruption.h"
+#include "common/terminal/reading-progress.h"
 #include "common/terminal/visible-text.h"
 #include "tools/fwmod/commands/command.h"
 #include "tools/fwmod/files.h"
 #include "tools/fwmod/images/inspection.h"
-#include "tools/fwmod/reading-progress.h"
 
 namespace fwmod
 {
@@ -46,7 +46,7 @@ using Source = Package::Source;
 
 Source watched(const Source& source, std::uint64_t size, const std::string& what)
 {
-    const auto progress = std::make_shared<ReadingProgress>(what, size);
+    const auto progress = std::make_shared<common::ReadingProgress>(what, size);
     return [source, progress](char* buffer, std::size_t room) {
         const std::size_t count = source(buffer, room);
         progress->add(count);
@@ -278,7 +278,7 @@ int diff(const DiffOptions& options)
 try {
     const Inspection a = inspectFile(options.a);
     const Inspection b = inspectFile(options.b);
-    const Differences differences = readToTheEnd([&] { return compare(options, a, b); });
+    const Differences differences = common::readToTheEnd([&] { return compare(options, a, b); });
     if (options.json) {
         printForPrograms(options, differences);
     } else {

@@ -1,7 +1,7 @@
 // How far the reading of something large is: a line on a terminal, when it takes more than a second, and
-// which is taken away also when a signal ends the program.
-#ifndef TOOLS_FWMOD_READING_PROGRESS_H
-#define TOOLS_FWMOD_READING_PROGRESS_H
+// which is taken away at the end, also by a signal that ends the program.
+#ifndef COMMON_TERMINAL_READING_PROGRESS_H
+#define COMMON_TERMINAL_READING_PROGRESS_H
 
 #include <chrono>
 #include <csignal>
@@ -11,7 +11,7 @@
 #include "common/process/interruption.h"
 #include "common/terminal/progress-line.h"
 
-namespace fwmod
+namespace common
 {
 
 // What `read` returns, which shows a ReadingProgress. A signal unwinds it, and then ends the program as if
@@ -19,13 +19,13 @@ namespace fwmod
 template <typename Read>
 auto readToTheEnd(const Read& read)
 {
-    if (common::InterruptionWatch::isThere()) {
+    if (InterruptionWatch::isThere()) {
         return read();
     }
     try {
-        const common::InterruptionWatch interruptions;
+        const InterruptionWatch interruptions;
         return read();
-    } catch (const common::Interrupted& interruption) {
+    } catch (const Interrupted& interruption) {
         raise(interruption.signal);
         throw;
     }
@@ -41,24 +41,27 @@ public:
     ReadingProgress& operator=(const ReadingProgress&) = delete;
 
     // Throws Interrupted when there was a signal, as long as there is an InterruptionWatch.
-    void add(std::uintmax_t count)
+    void add(std::uintmax_t count) { reach(done_ + count); }
+    void reach(std::uintmax_t done)
     {
-        common::InterruptionWatch::check();
-        done_ += count;
+        InterruptionWatch::check();
+        done_ = done;
         if (line_.isDrawn() && size_ > 0 && std::chrono::steady_clock::now() >= begin_) {
             line_.show(name_, static_cast<unsigned int>(static_cast<double>(done_) * 100 /
                                                         static_cast<double>(size_)));
         }
     }
 
+    void clear() { line_.clear(); } // for what is said meanwhile
+
 private:
     std::string name_;
     std::uintmax_t size_;
     std::uintmax_t done_ = 0;
     std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-    common::ProgressLine line_;
+    ProgressLine line_;
 };
 
-} // namespace fwmod
+} // namespace common
 
 #endif
