@@ -3,6 +3,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "common/daemon/limits.h"
+
 namespace common
 {
 
@@ -15,8 +17,8 @@ std::string MemoryFile::path() const
 
 bool MemoryFile::append(const char* bytes, std::size_t count) const
 {
-    constexpr off_t kLimit = 2 << 20; // the daemon takes half of it
-    return lseek(descriptor_.get(), 0, SEEK_CUR) < kLimit &&
+    constexpr off_t kEnough = 2 * kMostInformation;
+    return lseek(descriptor_.get(), 0, SEEK_CUR) < kEnough &&
            write(descriptor_.get(), bytes, count) == static_cast<ssize_t>(count);
 }
 

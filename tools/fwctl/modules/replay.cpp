@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/daemon/limits.h"
 #include "common/daemon/places.h"
 #include "common/files/memory-file.h"
 #include "common/files/package-image.h"
@@ -113,15 +114,13 @@ std::string withPath(std::string text, const std::string& readAs, const std::str
     return !readAs.empty() && place != std::string::npos ? text.replace(place, readAs.size(), path) : text;
 }
 
-constexpr std::size_t kMostInformation = 1 << 20; // bytes: the daemon takes no more
-
 // What an accepted information file says less clearly than its maker thinks.
 std::string remarksOn(const std::string& path)
 {
     constexpr std::pair<const char*, const char*> kDefaults[] = {
         {"version", "0000"}, {"crc", "0"}, {"expected_time", "300 seconds"}, {"ui_use", "none"}};
     std::string ignored;
-    const auto text = common::readRegularFile(path, kMostInformation, ignored);
+    const auto text = common::readRegularFile(path, common::kMostInformation, ignored);
     const std::optional<Json::Value> parsed = common::parseJsonObject(text.value_or(""));
     if (!parsed) {
         return "";
@@ -145,7 +144,7 @@ std::string remarksOn(const std::string& path)
 std::string faultOf(const std::string& path)
 {
     std::string why;
-    const std::optional<std::string> text = common::readRegularFile(path, kMostInformation, why);
+    const std::optional<std::string> text = common::readRegularFile(path, common::kMostInformation, why);
     if (!text) {
         return "it " + why;
     }

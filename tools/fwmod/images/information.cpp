@@ -4,6 +4,7 @@
 #include <json/json.h>
 #include <sstream>
 
+#include "common/daemon/limits.h"
 #include "common/files/regular-file.h"
 #include "common/json-text.h"
 #include "common/terminal/visible-text.h"
@@ -165,7 +166,7 @@ std::vector<InformationFinding> explainAll(const Json::Value& root)
 
 std::vector<InformationFinding> explainFile(const fs::path& file)
 {
-    constexpr common::JsonLimits kDaemons{size_t{1} << 20, 1000}; // beyond which it takes no file
+    constexpr common::JsonLimits kDaemons{common::kMostInformation, 1000}; // beyond which it takes no file
     std::string why;
     const std::optional<std::string> text = common::readRegularFile(file, kDaemons.bytes, why);
     if (!text) {

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <numeric>
 
+#include "common/daemon/limits.h"
 #include "common/process/interruption.h"
 #include "common/terminal/visible-text.h"
 
@@ -74,12 +75,11 @@ void requireRoom(const std::vector<Package::Entry>& entries, const fs::path& pac
 // So that it is not unpacked first, which may take minutes.
 void refuseLongInformation(const std::vector<Package::Entry>& entries, const fs::path& package)
 {
-    constexpr std::uint64_t kMost = 1 << 20; // the daemon takes no longer one
     for (const Package::Entry& entry : entries) {
-        if (entry.path == "info.json" && entry.size > kMost) {
+        if (entry.path == "info.json" && entry.size > common::kMostInformation) {
             throw common::Failure("the daemon would refuse the image:\ninfo.json in " +
-                                  common::shown(package) + " is longer than " + std::to_string(kMost) +
-                                  " bytes");
+                                  common::shown(package) + " is longer than " +
+                                  std::to_string(common::kMostInformation) + " bytes");
         }
     }
 }
