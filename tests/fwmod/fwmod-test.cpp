@@ -826,6 +826,9 @@ TEST_F(Fwmod, MessagesSayWhatIsWrongAndWhatToDo)
         {{"check", "tuner.so", "--hardware", tooLong}, 1, "fwmod: cannot look at xxx"},
         {{"check", "tuner.so", "--hardware", "Tuner.bin/x"}, 1, "--hardware Tuner.bin/x is not a directory"},
         {{"inspect", "Tuner.bin", "--public-key", tooLong}, 1, "neither an encrypted"},
+        {{"inspect", "long.json", "--public-key", "none"},
+         0,
+         "signature and a content key: the keys given were"},
         {{"crc", ""}, 2, "FILE: is empty"},
     };
     for (const Case& c : kCases) {

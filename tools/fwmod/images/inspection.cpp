@@ -412,6 +412,12 @@ Inspection inspectFile(const InspectionRequest& request)
             continue;
         }
         kind.inspect(request, result);
+        const bool hasKey = !request.publicKey.empty() || !request.keyFile.empty();
+        if (hasKey && kind.inspect != inspectImage) {
+            result.notes.push_back(
+                "only an encrypted USB image has a signature and a content key: the keys given "
+                "were not looked at");
+        }
         break;
     }
     return result;
