@@ -68,7 +68,7 @@ private:
     void judgeFailing();
     void judgeEnd();
     tarnwick::Output runDoctor(const char* option);
-    void judgeDoctor(const LeftOver& left, const char* when);
+    void judgeDoctor(LeftOver left, const char* when);
     void judgeMended();
     void judgeFiles();
     void judgeMessages();
