@@ -78,7 +78,13 @@ Meaning meaningOfExpectedTime(const Json::Value* value)
         return {FindingKind::Warning,
                 "absent: the daemon takes 300 seconds; measure the update and add a margin"};
     }
+    constexpr unsigned int kMost = 2147483; // their milliseconds have 31 bits
     Meaning meaning = meaningOfNumber(*value, "seconds; the update is given two more");
+    if (value->asUInt() > kMost) {
+        return {FindingKind::Warning,
+                "more seconds than the daemon can count in milliseconds: it keeps the power for "
+                "another time; measure the update and add a margin"};
+    }
     if (value->asUInt() == 0) {
         return {FindingKind::Warning, "0 seconds: the update is given only two; measure it and add a margin"};
     }
