@@ -19,6 +19,10 @@ expect 1 "vset new" "$vset" run "$work/none" -- true
 expect 1 "vset new" "$vset" exec "$work/none" -- true
 mkdir "$work/foreign" && touch "$work/foreign/file"
 expect 1 "something else in it" "$vset" new --bare "$work/foreign"
+mkdir -p "$work/pc/root" "$work/pc/usr/bin" && echo precious >"$work/pc/usr/bin/fwctl" # as a PC's own directories are
+expect 1 "something else in it" "$vset" new "$work/pc"
+expect 1 "there is no set" "$vset" put "$work/pc" hardware "$work/pc/usr/bin/fwctl"
+expect 0 "precious" cat "$work/pc/usr/bin/fwctl"
 expect 0 "Examples:" "$vset" --help
 expect 0 "--temporary" "$vset" run --help
 

@@ -373,6 +373,16 @@ SetDirectory SetDirectory::makeTemporary()
     }
 }
 
+namespace
+{
+// As a set is, and no PC, which has the other directories of one as well. What is there may be in the way.
+bool isMarked(const fs::path& directory)
+{
+    std::error_code none;
+    return fs::exists(fs::symlink_status(directory / ".vset", none));
+}
+} // namespace
+
 SetDirectory SetDirectory::open(const fs::path& path)
 {
     std::error_code error;
@@ -380,8 +390,8 @@ SetDirectory SetDirectory::open(const fs::path& path)
     if (error && error != std::errc::no_such_file_or_directory) {
         throw Error("the set " + path.string() + " cannot be opened: " + error.message());
     }
-    if (error || !fs::is_directory(canonical / "root", error) ||
-        !fs::is_directory(canonical / "usr", error)) {
+    const auto isThere = [&](const char* name) { return fs::is_directory(canonical / name, error); };
+    if (error || !isMarked(canonical) || !isThere("root") || !isThere("usr")) {
         throw Error("there is no set at " + path.string() + ": make one with `vset new " +
                     common::inShell(path.string()) + "`");
     }
@@ -458,8 +468,7 @@ SetDirectory SetDirectory::make(const fs::path& path, Content content)
         throw Error(path.string() + " is not a directory: choose another name for the set");
     }
     // Of a set that another command is just making there is .vset alone, at first.
-    const bool foreign = fs::is_directory(path, error) && !fs::is_empty(path, error) &&
-                         !fs::is_directory(path / "root", error) && !fs::is_directory(path / ".vset", error);
+    const bool foreign = fs::is_directory(path, error) && !fs::is_empty(path, error) && !isMarked(path);
     if (foreign) {
         throw Error(path.string() +
                     " is a directory with something else in it: choose another name for the set");

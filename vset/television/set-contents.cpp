@@ -200,7 +200,9 @@ SetContents::SetContents(const fs::path& set) : set_(set)
     if (type == fs::file_type::none) { // there may be one that cannot be looked into
         fail("the set " + set.string() + " cannot be opened", error.message());
     }
-    if (type != fs::file_type::directory || !fs::is_directory(set / "usr", error)) {
+    const bool isSet =
+        fs::is_directory(set / "usr", error) && fs::exists(fs::symlink_status(set / ".vset", error));
+    if (type != fs::file_type::directory || !isSet) {
         throw common::Failure("there is no set at " + set.string() + ": make one with `vset new " +
                               common::inShell(set.string()) + "`");
     }
