@@ -63,7 +63,7 @@ endfunction()
 # Some sources of a test program are compiled at a time, unless CMAKE_UNITY_BUILD says otherwise: half of the time of each
 # goes into templates of the test framework that all of them need. A third is saved where it is those of the standard
 # library: in what has many sources, of which no two have a helper of one name.
-set(joined_targets platformd-core vset-television vset-launcher vset-control vset-console fwmod-commands fwmod-images)
+set(joined_targets platformd-core vset-control vset-console fwmod-commands fwmod-images)
 function(join_sources target)
     if(NOT DEFINED CMAKE_UNITY_BUILD)
         set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 6)
